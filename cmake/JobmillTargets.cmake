@@ -1,0 +1,46 @@
+# Functions that every folder's CMakeLists.txt uses, and the flags that every target gets.
+
+include(CheckPIESupported)
+check_pie_supported()
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+
+add_library(jobmill_flags INTERFACE)
+target_include_directories(jobmill_flags INTERFACE ${PROJECT_SOURCE_DIR})
+target_compile_options(jobmill_flags INTERFACE -Wall -Wextra -Wconversion -Wshadow)
+
+# A daemon that runs as root and reads bytes from strangers is built hardened. Optimised builds
+# only: FORTIFY needs the optimiser, and the sanitizers bring their own checks.
+set(hardened $<CONFIG:Release,RelWithDebInfo,MinSizeRel>)
+target_compile_options(jobmill_flags INTERFACE
+  $<${hardened}:-U_FORTIFY_SOURCE>
+  $<${hardened}:-D_FORTIFY_SOURCE=3>
+  $<${hardened}:-D_GLIBCXX_ASSERTIONS>
+  $<${hardened}:-fstack-protector-strong>
+  $<${hardened}:-fstack-clash-protection>
+  $<${hardened}:-fcf-protection=full>)
+target_link_options(jobmill_flags INTERFACE $<${hardened}:LINKER:-z,relro,-z,now>)
+
+# jobmill_library(NAME [SOURCE...]): the static library of one folder, as jobmill::NAME.
+function(jobmill_library name)
+  add_library(jobmill_${name} STATIC ${ARGN})
+  add_library(jobmill::${name} ALIAS jobmill_${name})
+  target_link_libraries(jobmill_${name} PUBLIC jobmill_flags)
+endfunction()
+
+# jobmill_test(NAME SOURCES source... LIBRARIES library... [TIMEOUT seconds] [LABELS label...]):
+# one test program, each of its tests known to ctest by name and bounded in time.
+function(jobmill_test name)
+  cmake_parse_arguments(arg "" "TIMEOUT" "SOURCES;LIBRARIES;LABELS" ${ARGN})
+  if(NOT arg_TIMEOUT)
+    set(arg_TIMEOUT 60)
+  endif()
+  add_executable(${name} ${arg_SOURCES})
+  target_link_libraries(${name} PRIVATE ${arg_LIBRARIES} GTest::gmock GTest::gtest_main)
+  gtest_discover_tests(${name}
+    DISCOVERY_TIMEOUT 60
+    PROPERTIES TIMEOUT ${arg_TIMEOUT} LABELS "${arg_LABELS}")
+endfunction()
+
+if(JOBMILL_TESTS)
+  include(GoogleTest)
+endif()
