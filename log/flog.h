@@ -1,0 +1,48 @@
+#pragma once
+
+#include <cstdint>
+#include <iosfwd>
+#include <memory>
+#include <string>
+
+/// A log that survives a crash at any point: every item goes to the file and to standard output
+/// and is flushed in both before the call returns. There are no levels, prefixes or line ends of
+/// its own; callers stream a line together and end it with "\n".
+///
+/// A log is usable (status 0) or disabled (status 1, nothing is written anywhere, standard output
+/// included). Nothing here throws or reports an error. One thread uses a log; after fork() parent
+/// and child append to the same file through their own copies.
+class flog {
+ public:
+  /// As SetFile() on a log without a file.
+  flog(const std::string& file, bool removeOld);
+  flog(const flog&) = delete;
+  flog& operator=(const flog&) = delete;
+  ~flog();
+
+  /// Redirects the log to `file`, which ends with mode 0666 whatever the umask says: the daemon
+  /// runs as root, and the owners of the runs have to read and remove their logs. With
+  /// `removeOld` the log starts in a fresh file, otherwise it appends to the present one.
+  ///
+  /// The log is disabled when `file` is empty, cannot be created or opened, or is neither a
+  /// regular file nor absent. Links are never followed: in a directory that everybody may write
+  /// to, whoever guesses the name could otherwise aim root's log at any file. A disabled log
+  /// becomes usable again by the next successful SetFile().
+  void SetFile(const std::string& file, bool removeOld);
+
+  /// 0 while the log is usable, 1 when it is disabled.
+  std::int32_t status() const { return disabled_; }
+
+  /// Writes `value` as a standard stream would by default (doubles with six significant digits)
+  /// and adds nothing to it. A failed write loses that item only. A null text silences this log's
+  /// file and the standard output of every log for the rest of the process: the script process
+  /// ends its argument list with one and has no more to say.
+  ///
+  /// Defined for std::string, const char*, char*, int, unsigned long and double.
+  template <class T>
+  flog& operator<<(T value);
+
+ private:
+  std::unique_ptr<std::ostream> stream_;  ///< null until a file was opened
+  std::int32_t disabled_ = 0;
+};

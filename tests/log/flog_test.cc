@@ -1,0 +1,200 @@
+#include "log/flog.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <iostream>
+
+#include <gtest/gtest.h>
+
+#include "log/timestamp.h"
+#include "tests/support/temporary_directory.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+class FlogTest : public testing::Test {
+ protected:
+  unsigned Mode(const std::string& file) const {
+    struct stat status {};
+    EXPECT_EQ(lstat(directory_.File(file).c_str(), &status), 0);
+    return status.st_mode & 07777U;
+  }
+
+  void SetUp() override { testing::internal::CaptureStdout(); }
+  void TearDown() override {
+    if (!taken_) testing::internal::GetCapturedStdout();
+    std::cout.clear();
+  }
+
+  // What went to standard output since the test began.
+  std::string TakePrinted() {
+    taken_ = true;
+    return testing::internal::GetCapturedStdout();
+  }
+
+  TemporaryDirectory directory_;
+  bool taken_ = false;
+};
+
+TEST_F(FlogTest, EmptyNameDisablesTheLogAndItsStandardOutput) {
+  flog log("", true);
+  log << "lost";
+  EXPECT_EQ(log.status(), 1);
+  EXPECT_EQ(TakePrinted(), "");
+}
+
+TEST_F(FlogTest, UnopenableFileDisablesTheLogAndItsStandardOutput) {
+  flog log(directory_.File("absent/run.log"), true);
+  log << "lost";
+  EXPECT_EQ(log.status(), 1);
+  EXPECT_EQ(TakePrinted(), "");
+}
+
+TEST_F(FlogTest, EveryItemIsInFileAndStandardOutputBeforeTheNext) {
+  flog log(directory_.File("a.log"), true);
+  log << "one";
+  EXPECT_EQ(directory_.Read("a.log"), "one");
+  log << std::string(" two");
+  EXPECT_EQ(directory_.Read("a.log"), "one two");
+  EXPECT_EQ(TakePrinted(), "one two");
+}
+
+TEST_F(FlogTest, ItemsFollowEachOtherWithoutSeparator) {
+  flog log(directory_.File("a.log"), true);
+  log << 1.5 << 7;
+  EXPECT_EQ(directory_.Read("a.log"), "1.57");
+}
+
+TEST_F(FlogTest, NumbersHaveTheStreamsDefaultForm) {
+  flog log(directory_.File("a.log"), true);
+  log << 365.25 << " " << 1.0 / 3.0 << " " << 65520UL << " " << -3;
+  EXPECT_EQ(directory_.Read("a.log"), "365.25 0.333333 65520 -3");
+}
+
+TEST_F(FlogTest, RemoveOldStartsAFreshFile) {
+  directory_.Write("a.log", "yesterday\n");
+  flog log(directory_.File("a.log"), true);
+  log << "today\n";
+  EXPECT_EQ(directory_.Read("a.log"), "today\n");
+}
+
+TEST_F(FlogTest, WithoutRemoveOldAppends) {
+  directory_.Write("a.log", "yesterday\n");
+  flog log(directory_.File("a.log"), false);
+  log << "today\n";
+  EXPECT_EQ(directory_.Read("a.log"), "yesterday\ntoday\n");
+}
+
+TEST_F(FlogTest, FileIsOpenToEverybodyWhateverTheUmask) {
+  const mode_t old = umask(0077);
+  flog fresh(directory_.File("fresh.log"), true);
+  flog appended(directory_.File("appended.log"), false);
+  umask(old);
+  EXPECT_EQ(Mode("fresh.log"), 0666U);
+  EXPECT_EQ(Mode("appended.log"), 0666U);
+}
+
+TEST_F(FlogTest, SetFileMakesADisabledLogUsableAgain) {
+  flog log(directory_.File("absent/a.log"), true);
+  ASSERT_EQ(log.status(), 1);
+  log.SetFile(directory_.File("a.log"), true);
+  log << "here";
+  EXPECT_EQ(log.status(), 0);
+  EXPECT_EQ(directory_.Read("a.log"), "here");
+}
+
+TEST_F(FlogTest, SetFileToNothingDisablesAUsableLog) {
+  flog log(directory_.File("a.log"), true);
+  log.SetFile("", true);
+  log << "lost";
+  EXPECT_EQ(directory_.Read("a.log"), "");
+  EXPECT_EQ(TakePrinted(), "");
+}
+
+TEST_F(FlogTest, TimestampEndsTheLine) {
+  flog log(directory_.File("a.log"), true);
+  log << "Daemon started: " << timestamp() << "next";
+  const std::string text = directory_.Read("a.log");
+  ASSERT_EQ(text.size(), 16U + 25U + 4U);
+  EXPECT_EQ(text.substr(40), "\nnext");
+}
+
+TEST_F(FlogTest, NullTextSilencesFileAndStandardOutput) {
+  flog log(directory_.File("a.log"), true);
+  const char* end = nullptr;
+  log << "Arg 7: " << end << "\n" << 3;
+  EXPECT_EQ(directory_.Read("a.log"), "Arg 7: ");
+  EXPECT_EQ(TakePrinted(), "Arg 7: ");
+}
+
+TEST_F(FlogTest, FailedWriteLosesThatItemOnly) {
+  // Standard output on a full disk for one item.
+  const int full = open("/dev/full", O_WRONLY | O_CLOEXEC);
+  ASSERT_GE(full, 0);
+  const int saved = dup(STDOUT_FILENO);
+  flog log(directory_.File("a.log"), true);
+  dup2(full, STDOUT_FILENO);
+  log << "to the file alone\n";
+  dup2(saved, STDOUT_FILENO);
+  close(saved);
+  close(full);
+  log << "to both\n";
+  EXPECT_EQ(directory_.Read("a.log"), "to the file alone\nto both\n");
+  const std::string printed = TakePrinted();
+  EXPECT_EQ(printed.substr(printed.size() - 8), "to both\n");
+}
+
+TEST_F(FlogTest, PlantedLinkIsReplacedAndItsTargetUntouched) {
+  directory_.Write("victim", "precious");
+  fs::create_symlink(directory_.File("victim"), directory_.File("a.log"));
+  flog log(directory_.File("a.log"), true);
+  log << "x";
+  EXPECT_EQ(directory_.Read("victim"), "precious");
+  EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(directory_.File("a.log"))));
+  EXPECT_EQ(directory_.Read("a.log"), "x");
+}
+
+TEST_F(FlogTest, LinkIsNotFollowedWhenAppendingEither) {
+  directory_.Write("victim", "precious");
+  fs::create_symlink(directory_.File("victim"), directory_.File("a.log"));
+  flog log(directory_.File("a.log"), false);
+  log << "x";
+  EXPECT_EQ(log.status(), 1);
+  EXPECT_EQ(directory_.Read("victim"), "precious");
+}
+
+TEST_F(FlogTest, PlantedPipeIsReplaced) {
+  ASSERT_EQ(mkfifo(directory_.File("a.log").c_str(), 0666), 0);
+  flog log(directory_.File("a.log"), true);
+  log << "x";
+  EXPECT_EQ(directory_.Read("a.log"), "x");
+}
+
+TEST_F(FlogTest, EmptyDirectoryInTheWayIsRemoved) {
+  fs::create_directory(directory_.File("a.log"));
+  flog log(directory_.File("a.log"), true);
+  EXPECT_EQ(log.status(), 0);
+  EXPECT_TRUE(fs::is_regular_file(directory_.File("a.log")));
+}
+
+TEST_F(FlogTest, FullDirectoryInTheWayDisablesTheLogAndLeavesNothingBehind) {
+  fs::create_directory(directory_.File("a.log"));
+  directory_.Write("a.log/kept", "");
+  flog log(directory_.File("a.log"), true);
+  EXPECT_EQ(log.status(), 1);
+  EXPECT_TRUE(fs::exists(directory_.File("a.log/kept")));
+  EXPECT_EQ(std::distance(fs::directory_iterator(directory_.path()), fs::directory_iterator()), 1);
+}
+
+TEST_F(FlogTest, DescriptorIsClosedOnExec) {
+  const int next = dup(STDOUT_FILENO);  // the number that the log's descriptor will get
+  close(next);
+  flog log(directory_.File("a.log"), true);
+  EXPECT_NE(fcntl(next, F_GETFD) & FD_CLOEXEC, 0);
+}
+
+}  // namespace
