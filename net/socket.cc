@@ -1,0 +1,232 @@
+#include "net/socket.h"
+
+#include <arpa/inet.h>
+#include <errno.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <signal.h>
+#include <string.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <limits>
+
+namespace {
+
+constexpr std::size_t kLengthBytes = 4;
+
+// One send() that no finished child can cut short: an interrupted blocking send reports what had
+// left by then, and short sends are not retried.
+ssize_t SendOnce(int handle, const void* bytes, std::size_t size) {
+  sigset_t child;
+  sigset_t before;
+  sigemptyset(&child);
+  sigaddset(&child, SIGCHLD);
+  pthread_sigmask(SIG_BLOCK, &child, &before);
+  const ssize_t sent = send(handle, bytes, size, 0);
+  const int error = errno;
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  errno = error;
+  return sent;
+}
+
+std::string Frame(const char* body, std::size_t size) {
+  std::string frame(kLengthBytes + size, '\0');
+  const auto length = static_cast<std::uint32_t>(size);
+  memcpy(frame.data(), &length, kLengthBytes);
+  if (size > 0) memcpy(frame.data() + kLengthBytes, body, size);
+  return frame;
+}
+
+void SetOption(int handle, int option, int value) {
+  setsockopt(handle, IPPROTO_TCP, option, &value, sizeof(value));
+}
+
+// The peer has stopped sending in the middle of a frame. Receiving would return at once for ever,
+// so wait for what ends the connection. A peer that has closed for good sends nothing more by
+// itself; asking it with keep-alive probes tells it from one that only stopped sending.
+void WaitForHangUp(int handle) {
+  const int on = 1;
+  setsockopt(handle, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof(on));
+  SetOption(handle, TCP_KEEPIDLE, 1);
+  SetOption(handle, TCP_KEEPINTVL, 1);
+  SetOption(handle, TCP_KEEPCNT, 60);
+  pollfd wait{handle, 0, 0};
+  while (poll(&wait, 1, -1) < 0 && errno == EINTR) {
+  }
+}
+
+// Receives exactly `size` bytes of a frame that has begun. False when the connection broke first.
+bool ReceiveRest(int handle, char* target, std::size_t size) {
+  while (size > 0) {
+    const ssize_t got = recv(handle, target, size, 0);
+    if (got < 0) return false;
+    if (got == 0) {
+      WaitForHangUp(handle);
+      return false;
+    }
+    target += got;
+    size -= static_cast<std::size_t>(got);
+  }
+  return true;
+}
+
+}  // namespace
+
+std::int32_t Socket::nofSockets_ = 0;
+
+Socket::Socket() : handle_(-1), references_(nullptr) {
+  ++nofSockets_;
+  handle_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (handle_ < 0) throw static_cast<const char*>("INVALID_SOCKET");
+  references_ = new std::int32_t(1);
+}
+
+Socket::Socket(int handle) : handle_(handle), references_(new std::int32_t(1)) {
+  ++nofSockets_;
+}
+
+Socket::Socket(const Socket& other) : handle_(other.handle_), references_(other.references_) {
+  ++*references_;
+  ++nofSockets_;
+}
+
+// NOLINTNEXTLINE(misc-unconventional-assign-operator): only fresh sockets are assigned to
+Socket& Socket::operator=(Socket& other) {
+  ++*other.references_;
+  if (--*references_ == 0) delete references_;
+  handle_ = other.handle_;
+  references_ = other.references_;
+  ++nofSockets_;
+  return *this;
+}
+
+Socket::~Socket() {
+  if (--*references_ == 0) {
+    if (handle_ >= 0) close(handle_);
+    delete references_;
+  }
+  --nofSockets_;
+}
+
+void Socket::Start() {
+  ++nofSockets_;
+}
+
+void Socket::End() {}
+
+void Socket::Close() {
+  // The number may be somebody else's as soon as it is closed; the destructor must not close it
+  // a second time.
+  if (handle_ >= 0) close(handle_);
+  handle_ = -1;
+}
+
+int Socket::ReceiveLine(char* buffer, int capacity, int& length) {
+  length = 0;
+  std::array<char, kLengthBytes> field{};
+  const ssize_t got = recv(handle_, field.data(), field.size(), 0);
+  if (got < 0) return 1;
+  memset(buffer, 0, static_cast<std::size_t>(std::max(capacity, 0)));
+  if (got == 0) return -1;
+  const auto had = static_cast<std::size_t>(got);
+  if (!ReceiveRest(handle_, field.data() + had, field.size() - had)) return 1;
+
+  std::int32_t size = 0;
+  memcpy(&size, field.data(), sizeof(size));
+  if (size > kMaxFrame) return 1;
+  length = size;
+  if (size <= 0) return -1;
+  if (!ReceiveRest(handle_, buffer, static_cast<std::size_t>(size))) {
+    length = 0;
+    return 1;
+  }
+  return 0;
+}
+
+std::string Socket::ReceiveLine(int& length) {
+  length = 0;
+  std::string text;
+  std::array<char, kLengthBytes> field{};
+  // Signed and 16 bits wide: it wraps before it reaches a length of 32,768, which therefore never
+  // completes. Handshake lines are short, and a stranger's long ones cost no memory.
+  std::int16_t count = 0;
+  bool body = false;
+  while (true) {
+    char byte = 0;
+    const ssize_t got = recv(handle_, &byte, 1, 0);
+    if (got < 0 && errno == EAGAIN) return text;
+    if (got <= 0) {
+      length = 0;
+      return {};
+    }
+    if (body) {
+      if (length <= std::numeric_limits<std::int16_t>::max()) text += byte;
+      count = static_cast<std::int16_t>(count + 1);
+    } else {
+      field[static_cast<std::size_t>(count++)] = byte;
+      memcpy(&length, field.data(), sizeof(length));
+      if (count < static_cast<std::int16_t>(kLengthBytes)) continue;
+      body = true;
+      count = 0;
+      if (length <= 0) return text;
+    }
+    if (body && count == length) return text;
+  }
+}
+
+int Socket::SendLine(const std::string& text) {
+  const std::string frame = Frame(text.data(), text.size());
+  return static_cast<int>(SendOnce(handle_, frame.data(), frame.size()));
+}
+
+int Socket::SendLine(const char* body, unsigned size) {
+  const std::string frame = Frame(body, size);
+  return SendBytes(frame.data(), static_cast<unsigned>(frame.size()));
+}
+
+int Socket::SendBytes(const std::string& bytes) {
+  return SendBytes(bytes.data(), static_cast<unsigned>(bytes.size()));
+}
+
+int Socket::SendBytes(const char* bytes, unsigned size) {
+  return SendOnce(handle_, bytes, size) == static_cast<ssize_t>(size) ? 0 : 1;
+}
+
+std::string Socket::ReceiveBytes() {
+  std::string all;
+  std::array<char, 1024> part{};
+  while (true) {
+    int waiting = 0;
+    if (ioctl(handle_, FIONREAD, &waiting) < 0 || waiting == 0) return all;
+    const auto wanted = std::min(part.size(), static_cast<std::size_t>(waiting));
+    const ssize_t got = recv(handle_, part.data(), wanted, 0);
+    if (got <= 0) return all;
+    all.append(part.data(), static_cast<std::size_t>(got));
+  }
+}
+
+int Socket::GetIPAddr(const char* hostName, char* address) {
+  address[0] = '\0';
+  const hostent* host = gethostbyname(hostName);
+  if (host == nullptr || host->h_addrtype != AF_INET || host->h_addr_list[0] == nullptr) return 1;
+  in_addr first{};
+  memcpy(&first, host->h_addr_list[0], sizeof(first));
+  inet_ntop(AF_INET, &first, address, INET_ADDRSTRLEN);
+  return 0;
+}
+
+int Socket::GetIPAddr(char* address) {
+  std::array<char, 255> name{};
+  if (gethostname(name.data(), name.size()) != 0) {
+    address[0] = '\0';
+    return 1;
+  }
+  name.back() = '\0';
+  return GetIPAddr(name.data(), address);
+}

@@ -1,0 +1,19 @@
+#include "net/socket_client.h"
+
+#include <errno.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <string.h>
+#include <sys/socket.h>
+
+SocketClient::SocketClient(const std::string& host, int port) {
+  const hostent* found = gethostbyname(host.c_str());
+  if (found == nullptr || found->h_addrtype != AF_INET) throw std::string(strerror(errno));
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<std::uint16_t>(port));
+  memcpy(&address.sin_addr, found->h_addr_list[0], sizeof(address.sin_addr));
+  if (connect(handle_, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+    throw std::string(strerror(errno));
+  }
+}

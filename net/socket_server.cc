@@ -1,0 +1,78 @@
+#include "net/socket_server.h"
+
+#include <errno.h>
+#include <netinet/in.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+
+namespace {
+
+// Static: a pointer into it is thrown.
+std::array<char, 256> failure;
+
+sockaddr_in AnyAddress(int port) {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<std::uint16_t>(port));
+  address.sin_addr.s_addr = htonl(INADDR_ANY);
+  return address;
+}
+
+int NewSocket() {
+  return socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+}
+
+int Bind(int handle, int port) {
+  const sockaddr_in address = AnyAddress(port);
+  return bind(handle, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+}
+
+}  // namespace
+
+SocketServer::SocketServer(int port, int backlog) {
+  handle_ = NewSocket();
+  if (handle_ < 0) {
+    snprintf(failure.data(), failure.size(), "INVALID SOCKET: %d", handle_);
+    throw failure.data();
+  }
+  const int bound = Bind(handle_, port);
+  if (bound < 0) {
+    snprintf(failure.data(), failure.size(), "INVALID SOCKET: returned from bind '%d', error = %s",
+             bound, strerror(errno));
+    Close();
+    throw failure.data();
+  }
+  listen(handle_, backlog);
+}
+
+int SocketServer::IsAvailablePort(int port) {
+  const int handle = NewSocket();
+  if (handle < 0) return -1;
+  const int bound = Bind(handle, port);
+  close(handle);
+  return bound == 0 ? 0 : -2;
+}
+
+Socket* SocketServer::Accept() {
+  const int connection = accept4(handle_, nullptr, nullptr, SOCK_CLOEXEC);
+  if (connection < 0) throw static_cast<const char*>("Invalid Socket");
+  return new Socket(connection);
+}
+
+Socket* SocketServer::Accept(int seconds, int* ready) {
+  if (handle_ < 0 || handle_ >= FD_SETSIZE) {  // a set has no place for it
+    *ready = -1;
+    return nullptr;
+  }
+  fd_set readable;
+  FD_ZERO(&readable);
+  FD_SET(handle_, &readable);
+  timeval limit{seconds, 0};
+  *ready = select(handle_ + 1, &readable, nullptr, nullptr, &limit);
+  return *ready <= 0 ? nullptr : Accept();
+}

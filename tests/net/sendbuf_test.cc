@@ -1,0 +1,117 @@
+#include "net/sendbuf.h"
+
+#include <sys/resource.h>
+
+#include <array>
+#include <limits>
+#include <stdexcept>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "net/socket.h"
+#include "tests/support/bytes.h"
+#include "tests/support/socket_pair.h"
+
+namespace {
+
+class SendbufTest : public testing::Test {
+ protected:
+  SendbufTest() : child_(pair_.ours.Release()) {}
+
+  // The whole frame that Send() gave to the master.
+  std::string Sent(unsigned code, int expectedResult = 0) {
+    EXPECT_EQ(reply_.Send(&child_, code), expectedResult);
+    child_.Close();
+    return Hex(ReadExactly(pair_.peer.get(), 100'000));
+  }
+
+  SocketPair pair_;
+  Socket child_;
+  sendbuf reply_;
+};
+
+TEST_F(SendbufTest, ReplyIsLengthThenCodeThenValues) {
+  reply_.Pack(0);
+  EXPECT_EQ(Sent(17), "08 00 00 00 11 00 00 00 00 00 00 00");
+}
+
+TEST_F(SendbufTest, EmptyReplyIsTheCodeTwice) {
+  EXPECT_EQ(Sent(5), "08 00 00 00 05 00 00 00 05 00 00 00");
+}
+
+TEST_F(SendbufTest, NumbersAreLittleEndian) {
+  reply_.Pack(-2);
+  reply_.Pack(1.5);
+  EXPECT_EQ(Sent(65520), "10 00 00 00 f0 ff 00 00 fe ff ff ff 00 00 00 00 00 00 f8 3f");
+}
+
+TEST_F(SendbufTest, TextIsLengthThenCharacters) {
+  reply_.Pack(std::string("AB"));
+  EXPECT_EQ(Sent(1), "0a 00 00 00 01 00 00 00 02 00 00 00 41 42");
+}
+
+TEST_F(SendbufTest, ArraysAndCharactersHaveNoCount) {
+  std::array<int, 2> ints{1, 2};
+  std::array<double, 1> doubles{-1.0};
+  std::array<float, 1> floats{0.5F};
+  reply_.Pack(ints.data(), 2);
+  reply_.Pack(doubles.data(), 1);
+  reply_.Pack(floats.data(), 1);
+  reply_.Pack("xyz", 3);
+  EXPECT_EQ(Sent(2),
+            "1b 00 00 00 02 00 00 00 01 00 00 00 02 00 00 00 00 00 00 00 00 00 f0 bf "
+            "00 00 00 3f 78 79 7a");
+}
+
+TEST_F(SendbufTest, ArraysWithoutElementsAppendNothing) {
+  reply_.Pack(static_cast<int*>(nullptr), 0);
+  reply_.Pack(static_cast<double*>(nullptr), -1);
+  reply_.Pack(static_cast<const char*>(nullptr), 0);
+  EXPECT_EQ(reply_.used(), 0);
+}
+
+TEST_F(SendbufTest, StartsWithTenBytesAndGrowsByTens) {
+  EXPECT_EQ(reply_.capacity(), 10);
+  std::array<int, 3> ints{1, 2, 3};
+  reply_.Pack(ints.data(), 3);
+  EXPECT_EQ(reply_.used(), 12);
+  EXPECT_EQ(reply_.capacity(), 20);
+}
+
+TEST_F(SendbufTest, ExactFitDoesNotGrow) {
+  reply_.Pack("0123456789", 10);
+  EXPECT_EQ(reply_.capacity(), 10);
+  reply_.Pack("!", 1);
+  EXPECT_EQ(reply_.capacity(), 20);
+}
+
+TEST_F(SendbufTest, PrePackMakesRoomOnceAndKeepsWhatIsThere) {
+  reply_.Pack(7);
+  reply_.PrePack(1000);
+  EXPECT_EQ(reply_.capacity(), 1010);
+  EXPECT_EQ(reply_.used(), 4);
+  reply_.PrePack(5);
+  EXPECT_EQ(reply_.capacity(), 1010);
+  EXPECT_EQ(Sent(3), "08 00 00 00 03 00 00 00 07 00 00 00");
+}
+
+TEST_F(SendbufTest, MoreThanALengthCanSayIsRefused) {
+  reply_.Pack(7);
+  EXPECT_THROW(reply_.PrePack(std::numeric_limits<int>::max()), std::length_error);
+  EXPECT_EQ(reply_.used(), 4);
+}
+
+TEST_F(SendbufTest, SendKeepsTheContent) {
+  reply_.Pack(0);
+  EXPECT_EQ(reply_.Send(&child_, 9), 0);
+  EXPECT_EQ(Sent(9), "08 00 00 00 09 00 00 00 00 00 00 00 08 00 00 00 09 00 00 00 00 00 00 00");
+}
+
+TEST_F(SendbufTest, FailedSendReturnsOne) {
+  child_.Close();
+  reply_.Pack(0);
+  EXPECT_EQ(reply_.Send(&child_, 9), 1);
+}
+
+}  // namespace

@@ -1,0 +1,403 @@
+#include "net/socket.h"
+
+#include <fcntl.h>
+#include <netinet/tcp.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <time.h>
+
+#include <array>
+#include <chrono>
+#include <csignal>
+#include <future>
+#include <string>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "tests/support/bytes.h"
+#include "tests/support/socket_pair.h"
+
+namespace {
+
+using std::chrono::milliseconds;
+
+bool IsOpen(int descriptor) {
+  return fcntl(descriptor, F_GETFD) != -1;
+}
+
+class SocketTest : public testing::Test {
+ protected:
+  SocketTest() : socket_(pair_.ours.Release()), buffer_(Socket::kMaxFrame, '\x7e') {
+    signal(SIGPIPE, SIG_IGN);
+  }
+
+  void PeerSends(const std::string& bytes) { WriteAll(pair_.peer.get(), bytes); }
+  void PeerCloses() { pair_.peer.Reset(); }
+  int Receive(int capacity = 2048) {
+    return socket_.ReceiveLine(buffer_.data(), capacity, length_);
+  }
+
+  SocketPair pair_;
+  Socket socket_;
+  std::string buffer_;
+  int length_ = 99;
+};
+
+TEST_F(SocketTest, FrameIsReadWhole) {
+  PeerSends(Bytes("03 00 00 00 61 62 63"));
+  EXPECT_EQ(Receive(), 0);
+  EXPECT_EQ(length_, 3);
+  EXPECT_EQ(buffer_.substr(0, 3), "abc");
+}
+
+TEST_F(SocketTest, FramesOfOneSegmentAreReadOneByOne) {
+  PeerSends(Bytes("01 00 00 00 61 02 00 00 00 62 63"));
+  EXPECT_EQ(Receive(), 0);
+  EXPECT_EQ(buffer_.substr(0, static_cast<std::size_t>(length_)), "a");
+  EXPECT_EQ(Receive(), 0);
+  EXPECT_EQ(buffer_.substr(0, static_cast<std::size_t>(length_)), "bc");
+}
+
+TEST_F(SocketTest, FrameInOneByteSegmentsIsReadWhole) {
+  auto received = std::async(std::launch::async, [this] { return Receive(); });
+  for (const char byte : Bytes("03 00 00 00 61 62 63")) {
+    PeerSends({byte});
+    std::this_thread::sleep_for(milliseconds(2));  // lets the receiver take the byte alone
+  }
+  EXPECT_EQ(received.get(), 0);
+  EXPECT_EQ(length_, 3);
+  EXPECT_EQ(buffer_.substr(0, 3), "abc");
+}
+
+TEST_F(SocketTest, ZeroLengthFrameReturnsMinusOne) {
+  PeerSends(Bytes("00 00 00 00"));
+  EXPECT_EQ(Receive(), -1);
+  EXPECT_EQ(length_, 0);
+}
+
+TEST_F(SocketTest, NegativeLengthFrameReturnsMinusOne) {
+  PeerSends(Bytes("ff ff ff ff"));
+  EXPECT_EQ(Receive(), -1);
+}
+
+TEST_F(SocketTest, PeerThatClosedBeforeAFrameReturnsMinusOne) {
+  PeerCloses();
+  EXPECT_EQ(Receive(), -1);
+  EXPECT_EQ(length_, 0);
+}
+
+TEST_F(SocketTest, ReceiveErrorReturnsOneWithLengthZero) {
+  Socket closed(-1);
+  EXPECT_EQ(closed.ReceiveLine(buffer_.data(), 2048, length_), 1);
+  EXPECT_EQ(length_, 0);
+}
+
+TEST_F(SocketTest, FrameAboveTheCapacityIsReadWholeAndOnlyTheCapacityCleared) {
+  const std::string body(3000, 'x');
+  PeerSends(Bytes("b8 0b 00 00") + body);
+  EXPECT_EQ(Receive(2048), 0);
+  EXPECT_EQ(length_, 3000);
+  EXPECT_EQ(buffer_.substr(0, 3000), body);
+  EXPECT_EQ(buffer_[3000], '\x7e');
+}
+
+TEST_F(SocketTest, OnlyTheCapacityIsCleared) {
+  PeerSends(Bytes("01 00 00 00 61"));
+  EXPECT_EQ(Receive(2048), 0);
+  EXPECT_EQ(buffer_.substr(0, 2048), "a" + std::string(2047, '\0'));
+  EXPECT_EQ(buffer_.substr(2048), std::string(Socket::kMaxFrame - 2048, '\x7e'));
+}
+
+TEST_F(SocketTest, FrameOfTheBuffersSizeIsRead) {
+  const std::string body(65536, 'y');
+  auto sender = std::async(std::launch::async, [&] { PeerSends(Bytes("00 00 01 00") + body); });
+  EXPECT_EQ(Receive(), 0);
+  EXPECT_EQ(length_, 65536);
+  EXPECT_EQ(buffer_, body);
+}
+
+TEST_F(SocketTest, FrameAboveTheBufferIsAReceiveErrorBeforeItsBodyIsRead) {
+  PeerSends(Bytes("01 00 01 00 61"));
+  EXPECT_EQ(Receive(), 1);
+  EXPECT_EQ(length_, 0);
+  EXPECT_EQ(socket_.ReceiveBytes(), "a");
+}
+
+TEST_F(SocketTest, PeerGoneInMidFrameIsAReceiveError) {
+  PeerSends(Bytes("05 00 00 00 61"));
+  PeerCloses();
+  EXPECT_EQ(Receive(), 1);
+  EXPECT_EQ(length_, 0);
+}
+
+TEST_F(SocketTest, PeerGoneInMidLengthIsAReceiveError) {
+  PeerSends(Bytes("05 00"));
+  PeerCloses();
+  EXPECT_EQ(Receive(), 1);
+  EXPECT_EQ(length_, 0);
+}
+
+double ThreadProcessorSeconds() {
+  timespec used{};
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &used);
+  return static_cast<double>(used.tv_sec) + static_cast<double>(used.tv_nsec) / 1e9;
+}
+
+class SocketOverTcpTest : public testing::Test {
+ protected:
+  // Receives in a thread of its own; the result is that of ReceiveLine().
+  std::future<int> StartReceive() {
+    return std::async(std::launch::async, [this] {
+      const double before = ThreadProcessorSeconds();
+      const int result = socket_.ReceiveLine(buffer_.data(), 2048, length_);
+      processorSeconds_ = ThreadProcessorSeconds() - before;
+      return result;
+    });
+  }
+
+  TcpPair pair_;
+  Socket socket_{pair_.ours.Release()};
+  std::string buffer_ = std::string(Socket::kMaxFrame, '\0');
+  int length_ = 99;
+  double processorSeconds_ = 0;
+};
+
+TEST_F(SocketOverTcpTest, PeerThatOnlyStopsSendingInMidFrameIsWaitedForWithoutSpinning) {
+  WriteAll(pair_.peer.get(), Bytes("05 00 00 00 61"));
+  shutdown(pair_.peer.get(), SHUT_WR);
+  auto received = StartReceive();
+  EXPECT_EQ(received.wait_for(milliseconds(2500)), std::future_status::timeout);
+  const linger reset{1, 0};  // the close below then breaks the connection
+  setsockopt(pair_.peer.get(), SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));
+  pair_.peer.Reset();
+  EXPECT_EQ(received.get(), 1);
+  EXPECT_EQ(length_, 0);
+  EXPECT_LT(processorSeconds_, 0.2);
+}
+
+TEST_F(SocketOverTcpTest, PeerThatClosedForGoodInMidFrameIsNoticed) {
+  WriteAll(pair_.peer.get(), Bytes("05 00 00 00 61"));
+  const int second = 1;  // how long its side of the connection outlives the close
+  setsockopt(pair_.peer.get(), IPPROTO_TCP, TCP_LINGER2, &second, sizeof(second));
+  pair_.peer.Reset();
+  auto received = StartReceive();
+  ASSERT_EQ(received.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+  EXPECT_EQ(received.get(), 1);
+  EXPECT_EQ(length_, 0);
+}
+
+using SocketStringFormTest = SocketTest;
+
+TEST_F(SocketStringFormTest, FrameIsReadWhole) {
+  PeerSends(Bytes("03 00 00 00 61 00 63"));
+  EXPECT_EQ(socket_.ReceiveLine(length_), std::string("a\0c", 3));
+  EXPECT_EQ(length_, 3);
+}
+
+TEST_F(SocketStringFormTest, NothingBehindTheFrameIsTaken) {
+  PeerSends(Bytes("01 00 00 00 33 01 00 00 00 34"));
+  EXPECT_EQ(socket_.ReceiveLine(length_), "3");
+  EXPECT_EQ(socket_.ReceiveLine(length_), "4");
+}
+
+TEST_F(SocketStringFormTest, ZeroLengthFrameIsEmptyWithLengthZero) {
+  PeerSends(Bytes("00 00 00 00"));
+  EXPECT_EQ(socket_.ReceiveLine(length_), "");
+  EXPECT_EQ(length_, 0);
+}
+
+TEST_F(SocketStringFormTest, NegativeLengthFrameIsEmptyAtOnce) {
+  PeerSends(Bytes("fe ff ff ff"));
+  EXPECT_EQ(socket_.ReceiveLine(length_), "");
+  EXPECT_EQ(length_, -2);
+}
+
+TEST_F(SocketStringFormTest, PeerThatClosedBeforeAFrameGivesEmptyWithLengthZero) {
+  PeerCloses();
+  EXPECT_EQ(socket_.ReceiveLine(length_), "");
+  EXPECT_EQ(length_, 0);
+}
+
+TEST_F(SocketStringFormTest, PeerThatClosedInMidFrameGivesEmptyWithLengthZero) {
+  PeerSends(Bytes("05 00 00 00 61 62"));
+  PeerCloses();
+  EXPECT_EQ(socket_.ReceiveLine(length_), "");
+  EXPECT_EQ(length_, 0);
+}
+
+TEST_F(SocketStringFormTest, WouldBlockGivesWhatHadArrived) {
+  const timeval soon{0, 10'000};
+  SocketPair pair;
+  setsockopt(pair.ours.get(), SOL_SOCKET, SO_RCVTIMEO, &soon, sizeof(soon));
+  Socket socket(pair.ours.Release());
+  WriteAll(pair.peer.get(), Bytes("05 00 00 00 61 62"));
+  EXPECT_EQ(socket.ReceiveLine(length_), "ab");
+  EXPECT_EQ(length_, 5);
+}
+
+TEST_F(SocketStringFormTest, LongestFrameThatCompletesHas32767Bytes) {
+  const std::string body(32767, 'z');
+  PeerSends(Bytes("ff 7f 00 00") + body);
+  EXPECT_EQ(socket_.ReceiveLine(length_), body);
+  EXPECT_EQ(length_, 32767);
+}
+
+TEST_F(SocketStringFormTest, FrameOf32768BytesNeverCompletes) {
+  auto sender = std::async(std::launch::async, [this] {
+    PeerSends(Bytes("00 80 00 00") + std::string(200'000, 'z'));
+    PeerCloses();
+  });
+  EXPECT_EQ(socket_.ReceiveLine(length_), "");
+  EXPECT_EQ(length_, 0);
+}
+
+TEST_F(SocketTest, SendLineIsLengthThenText) {
+  EXPECT_EQ(socket_.SendLine(std::string("OK|n1")), 9);
+  EXPECT_EQ(Hex(ReadExactly(pair_.peer.get(), 9)), "05 00 00 00 4f 4b 7c 6e 31");
+}
+
+TEST_F(SocketTest, SendLineOfAnEmptyTextIsFourZeroBytes) {
+  EXPECT_EQ(socket_.SendLine(std::string()), 4);
+  socket_.Close();
+  EXPECT_EQ(Hex(ReadExactly(pair_.peer.get(), 100)), "00 00 00 00");
+}
+
+TEST_F(SocketTest, SendLineOfBytesReturnsZeroWhenAllLeft) {
+  EXPECT_EQ(socket_.SendLine("a\0b", 3), 0);
+  EXPECT_EQ(Hex(ReadExactly(pair_.peer.get(), 7)), "03 00 00 00 61 00 62");
+}
+
+TEST_F(SocketTest, SendsToAPeerThatIsGoneFailByTheirResults) {
+  PeerCloses();
+  EXPECT_EQ(socket_.SendLine(std::string("x")), -1);
+  EXPECT_EQ(socket_.SendLine("x", 1), 1);
+  EXPECT_EQ(socket_.SendBytes("x", 1), 1);
+  EXPECT_EQ(socket_.SendBytes(std::string("x")), 1);
+}
+
+TEST_F(SocketTest, SendBytesHasNoFrame) {
+  EXPECT_EQ(socket_.SendBytes(std::string("ab")), 0);
+  EXPECT_EQ(socket_.SendBytes("cd", 2), 0);
+  EXPECT_EQ(ReadExactly(pair_.peer.get(), 4), "abcd");
+}
+
+TEST_F(SocketTest, ReceiveBytesDrainsWhatIsWaitingAndNoMore) {
+  EXPECT_EQ(socket_.ReceiveBytes(), "");
+  const std::string bytes(2500, 'q');
+  PeerSends(bytes);
+  EXPECT_EQ(socket_.ReceiveBytes(), bytes);
+}
+
+void IgnoreSignal(int) {}
+
+TEST_F(SocketTest, FinishedChildDoesNotCutASendShort) {
+  struct sigaction action {};
+  struct sigaction before {};
+  action.sa_handler = IgnoreSignal;
+  action.sa_flags = SA_RESTART;
+  sigaction(SIGCHLD, &action, &before);
+  const std::string body(4'000'000, 'w');  // far above what the socket buffers hold
+  const pthread_t sender = pthread_self();
+  auto reader = std::async(std::launch::async, [&] {
+    std::string got;
+    for (int i = 0; i < 20; ++i) {
+      pthread_kill(sender, SIGCHLD);
+      std::this_thread::sleep_for(milliseconds(1));
+      got += ReadExactly(pair_.peer.get(), 100'000);
+    }
+    return got + ReadExactly(pair_.peer.get(), body.size() + 4 - got.size());
+  });
+  EXPECT_EQ(socket_.SendLine(body.data(), static_cast<unsigned>(body.size())), 0);
+  EXPECT_EQ(reader.get().size(), body.size() + 4);
+  sigaction(SIGCHLD, &before, nullptr);
+}
+
+TEST_F(SocketTest, CloseClosesAtOnceAndTheDestructorDoesNotCloseTheNumberAgain) {
+  SocketPair pair;
+  const int number = pair.ours.get();
+  Descriptor reused;
+  {
+    Socket socket(pair.ours.Release());
+    socket.Close();
+    ASSERT_FALSE(IsOpen(number));
+    reused = Descriptor(fcntl(pair.peer.get(), F_DUPFD_CLOEXEC, number));
+    ASSERT_EQ(reused.get(), number);
+  }
+  EXPECT_TRUE(IsOpen(number));
+}
+
+TEST_F(SocketTest, CopiesShareTheDescriptorUntilTheLastGoes) {
+  SocketPair pair;
+  const int number = pair.ours.get();
+  auto first = std::make_unique<Socket>(pair.ours.Release());
+  auto second = std::make_unique<Socket>(*first);
+  first.reset();
+  EXPECT_TRUE(IsOpen(number));
+  EXPECT_EQ(second->SendLine(std::string("x")), 5);
+  second.reset();
+  EXPECT_FALSE(IsOpen(number));
+}
+
+TEST_F(SocketTest, AssignmentSharesAndLeavesTheFormerDescriptorOpen) {
+  SocketPair pair;
+  SocketPair formerPair;
+  const int number = pair.ours.get();
+  const Descriptor former(formerPair.ours.Release());
+  {
+    Socket target(former.get());
+    Socket source(pair.ours.Release());
+    target = source;
+    EXPECT_EQ(target.SendLine(std::string("x")), 5);
+  }
+  EXPECT_EQ(Hex(ReadExactly(pair.peer.get(), 5)), "01 00 00 00 78");
+  EXPECT_FALSE(IsOpen(number));
+  EXPECT_TRUE(IsOpen(former.get()));
+}
+
+TEST(SocketDescriptorTest, NewSocketIsClosedOnExec) {
+  const Descriptor next(dup(0));
+  const int number = next.get() + 1;
+  const Socket socket;
+  EXPECT_NE(fcntl(number, F_GETFD) & FD_CLOEXEC, 0);
+}
+
+TEST(SocketDescriptorTest, NoDescriptorLeftThrowsItsText) {
+  rlimit before{};
+  getrlimit(RLIMIT_NOFILE, &before);
+  const rlimit none{0, before.rlim_max};
+  setrlimit(RLIMIT_NOFILE, &none);
+  std::string thrown;
+  try {
+    const Socket socket;
+  } catch (const char* text) {
+    thrown = text;
+  }
+  setrlimit(RLIMIT_NOFILE, &before);
+  EXPECT_EQ(thrown, "INVALID_SOCKET");
+}
+
+TEST(SocketAddressTest, LoopbackNameHasItsDottedAddress) {
+  std::array<char, 64> address{};
+  EXPECT_EQ(Socket::GetIPAddr("localhost", address.data()), 0);
+  EXPECT_STREQ(address.data(), "127.0.0.1");
+}
+
+TEST(SocketAddressTest, UnknownNameReturnsOneWithAnEmptyAddress) {
+  std::array<char, 64> address{"before"};
+  EXPECT_EQ(Socket::GetIPAddr("no such host", address.data()), 1);
+  EXPECT_STREQ(address.data(), "");
+}
+
+TEST(SocketAddressTest, OwnNameIsThatOfTheHost) {
+  std::array<char, 256> name{};
+  ASSERT_EQ(gethostname(name.data(), name.size()), 0);
+  std::array<char, 64> expected{};
+  std::array<char, 64> own{"before"};
+  const int known = Socket::GetIPAddr(name.data(), expected.data());
+  EXPECT_EQ(Socket::GetIPAddr(own.data()), known);
+  EXPECT_STREQ(own.data(), expected.data());
+}
+
+}  // namespace
