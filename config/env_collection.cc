@@ -1,0 +1,78 @@
+#include "config/env_collection.h"
+
+#include <stdlib.h>
+#include <string.h>
+
+#include <fstream>
+#include <memory>
+#include <string>
+
+#include "log/flog.h"
+
+namespace {
+
+template <std::size_t Size>
+bool Assign(char (&field)[Size], const std::string& token) {
+  if (token.size() >= Size) return false;
+  memcpy(field, token.c_str(), token.size() + 1);
+  return true;
+}
+
+}  // namespace
+
+int CEnv::Apply(char* /*error*/, flog* log) const {
+  const char* present = getenv(name);
+  std::string wanted = value;
+  if (present != nullptr) wanted.append(":").append(present);
+  *log << (present != nullptr ? "Setting existing environment variable "
+                              : "Setting non-existing environment variable ")
+       << static_cast<const char*>(name) << " to " << wanted << "\n";
+  setenv(name, wanted.c_str(), 1);
+  return 0;
+}
+
+CEnvCollection::CEnvCollection(const char* file) {
+  status_ = ReadEnvFile(file, error_.data());
+}
+
+CEnvCollection::~CEnvCollection() {
+  Reset();
+}
+
+void CEnvCollection::Reset() {
+  while (first_ != nullptr) {
+    const std::unique_ptr<CEnv> gone(first_);
+    first_ = gone->next;
+  }
+}
+
+int CEnvCollection::ReadEnvFile(const char* file, char* /*error*/) {
+  Reset();
+  std::ifstream in(file);
+  CEnv** last = &first_;
+  std::string name;
+  while (in >> name) {
+    std::string value;
+    in >> value;
+    auto entry = std::make_unique<CEnv>();
+    // Both tokens are taken before either is judged, so that the pairs behind stay pairs.
+    if (!Assign(entry->name, name) || !Assign(entry->value, value)) continue;
+    *last = entry.release();
+    last = &(*last)->next;
+  }
+  return 0;
+}
+
+int CEnvCollection::Apply(char* error, flog* log) const {
+  for (const CEnv* entry = first_; entry != nullptr; entry = entry->next) {
+    if (entry->Apply(error, log) > 0) return 1;
+  }
+  return 0;
+}
+
+void CEnvCollection::LogOut(flog* log) const {
+  for (const CEnv* entry = first_; entry != nullptr; entry = entry->next) {
+    *log << "Variable: " << static_cast<const char*>(entry->name)
+         << ", Value: " << static_cast<const char*>(entry->value) << "\n";
+  }
+}

@@ -1,0 +1,90 @@
+#include "config/user_collection.h"
+
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <strings.h>
+
+#include <array>
+#include <fstream>
+#include <memory>
+#include <string>
+
+#include "log/flog.h"
+
+namespace {
+
+constexpr std::size_t kLineSize = 1024;
+
+// Copies a token into a field; false when there is none or it does not fit.
+template <std::size_t Size>
+bool Assign(char (&field)[Size], const char* token) {
+  if (token == nullptr || strlen(token) >= Size) return false;
+  strcpy(field, token);  // NOLINT(clang-analyzer-security.insecureAPI.strcpy): size checked above
+  return true;
+}
+
+// Only the blank separates: a tab belongs to the name that it stands in.
+bool Parse(char* line, CVKUser& user) {
+  char* rest = nullptr;
+  if (!Assign(user.windowsName, strtok_r(line, " ", &rest))) return false;
+  if (!Assign(user.linuxName, strtok_r(nullptr, " ", &rest))) return false;
+  const char* allow = strtok_r(nullptr, "\n", &rest);
+  if (allow == nullptr) return false;
+  user.allow = static_cast<std::int32_t>(strtol(allow, nullptr, 10));
+  return true;
+}
+
+}  // namespace
+
+CVKUserCollection::~CVKUserCollection() {
+  Reset();
+}
+
+void CVKUserCollection::Reset() {
+  while (first_ != nullptr) {
+    const std::unique_ptr<CVKUser> gone(first_);
+    first_ = gone->next;
+  }
+}
+
+int CVKUserCollection::ReadUserFile(const char* directory, flog* /*log*/, char* error) {
+  Reset();
+  const std::string path = std::string(directory) + "/./.vk_corvane_users";
+  std::ifstream file(path);
+  if (!file) {
+    snprintf(error, kErrorSize, "Could not open the user administration file: %s", path.c_str());
+    return 1;
+  }
+  CVKUser** last = &first_;
+  std::array<char, kLineSize> line{};
+  // getline() fails on a line without end in the buffer, on an unreadable file and after the last
+  // line: all of them end the reading.
+  while (file.getline(line.data(), line.size())) {
+    auto user = std::make_unique<CVKUser>();
+    if (!Parse(line.data(), *user)) break;
+    *last = user.release();
+    last = &(*last)->next;
+  }
+  return 0;
+}
+
+CVKUser* CVKUserCollection::GetUser(const char* windowsUser) {
+  CVKUser* everybody = nullptr;
+  for (CVKUser* user = first_; user != nullptr; user = user->next) {
+    if (strcmp(user->windowsName, "*") == 0) everybody = user;
+    if (strcasecmp(user->windowsName, windowsUser) == 0) return user;
+  }
+  return everybody;
+}
+
+void CVKUserCollection::LogOut(flog* log) const {
+  *log << "Contents of user administration file:\n";
+  int number = 0;
+  for (const CVKUser* user = first_; user != nullptr; user = user->next) {
+    *log << "User " << ++number << ":\n";
+    *log << "Windows: " << static_cast<const char*>(user->windowsName)
+         << ", Linux: " << static_cast<const char*>(user->linuxName) << ", allow: " << user->allow
+         << "\n";
+  }
+}

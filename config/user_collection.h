@@ -1,0 +1,48 @@
+#pragma once
+
+#include <cstdint>
+
+class flog;
+
+/// One line of the user administration file.
+struct CVKUser {
+  char windowsName[256] = {};
+  char linuxName[256] = {};
+  std::int32_t allow = 0;  ///< 0 denies
+  CVKUser* next = nullptr;
+};
+
+/// The user administration file: which Windows users may start runs, and as which Linux account.
+///
+/// A plain text, one user a line: Windows name, blank, Linux name, blank, 1 (allowed) or 0. The
+/// Windows name "*" stands for everybody who is not listed, the Linux name "*" for the same name
+/// as the Windows one. There are no comments. The first line without three fields ends the file.
+class CVKUserCollection {
+ public:
+  /// The size of the `error` buffer that ReadUserFile() needs.
+  static constexpr int kErrorSize = 2048;
+
+  CVKUserCollection() = default;
+  CVKUserCollection(const CVKUserCollection&) = delete;
+  CVKUserCollection& operator=(const CVKUserCollection&) = delete;
+  ~CVKUserCollection();
+
+  /// Replaces the records by those of ".vk_corvane_users" in `directory`. Returns 0, or 1 with a
+  /// text in `error` (kErrorSize bytes) when the file cannot be opened. Reading stops, with what
+  /// was read kept, at the first line that has no three fields, that is longer than 1,023
+  /// characters or has a name longer than 255: whoever cannot be read has no access. `log` is not
+  /// written to.
+  int ReadUserFile(const char* directory, flog* log, char* error);
+
+  /// The record of `windowsUser`, in any letter case; failing that the last "*" record; null when
+  /// there is neither. The collection keeps it.
+  CVKUser* GetUser(const char* windowsUser);
+
+  /// Lists the records in the log.
+  void LogOut(flog* log) const;
+
+  void Reset();
+
+ private:
+  CVKUser* first_ = nullptr;
+};

@@ -1,0 +1,132 @@
+#include "config/env_collection.h"
+
+#include <stdlib.h>
+
+#include <filesystem>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "log/flog.h"
+#include "tests/support/temporary_directory.h"
+
+namespace {
+
+class EnvCollectionTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    testing::internal::CaptureStdout();
+    for (const char* name : {"JT_A", "JT_B", "JT_PATH"}) unsetenv(name);
+  }
+  void TearDown() override { testing::internal::GetCapturedStdout(); }
+
+  // Applies a file of this text; what was logged.
+  std::string Apply(const std::string& text) {
+    const CEnvCollection entries(directory_.Write("env", text).c_str());
+    EXPECT_EQ(entries.status(), 0);
+    char error[CEnvCollection::kErrorSize] = "untouched";
+    EXPECT_EQ(entries.Apply(error, &log_), 0);
+    EXPECT_STREQ(error, "untouched");
+    return directory_.Read("log");
+  }
+
+  static std::string Value(const char* name) {
+    const char* value = getenv(name);
+    return value == nullptr ? "unset" : value;
+  }
+
+  TemporaryDirectory directory_;
+  flog log_{directory_.File("log"), true};
+};
+
+TEST_F(EnvCollectionTest, MissingFileSetsAndLogsNothing) {
+  const CEnvCollection entries(directory_.File("absent").c_str());
+  char error[CEnvCollection::kErrorSize] = "untouched";
+  EXPECT_EQ(entries.status(), 0);
+  EXPECT_STREQ(entries.error(), "");
+  EXPECT_EQ(entries.Apply(error, &log_), 0);
+  EXPECT_EQ(directory_.Read("log"), "");
+}
+
+TEST_F(EnvCollectionTest, PairsOnOneLineAreAllSet) {
+  EXPECT_EQ(Apply("JT_A 1 JT_B 2"),
+            "Setting non-existing environment variable JT_A to 1\n"
+            "Setting non-existing environment variable JT_B to 2\n");
+  EXPECT_EQ(Value("JT_A"), "1");
+  EXPECT_EQ(Value("JT_B"), "2");
+}
+
+TEST_F(EnvCollectionTest, LineEndsAndTabsSeparateLikeBlanks) {
+  Apply("\n\tJT_A\n1\r\n\nJT_B\t 2\n");
+  EXPECT_EQ(Value("JT_A"), "1");
+  EXPECT_EQ(Value("JT_B"), "2");
+}
+
+TEST_F(EnvCollectionTest, ExistingVariableIsPrependedTo) {
+  setenv("JT_PATH", "/y", 1);
+  EXPECT_EQ(Apply("JT_PATH /x"), "Setting existing environment variable JT_PATH to /x:/y\n");
+  EXPECT_EQ(Value("JT_PATH"), "/x:/y");
+}
+
+TEST_F(EnvCollectionTest, EachEntryOfOneNamePrepends) {
+  setenv("JT_PATH", "/old", 1);
+  Apply("JT_PATH /a JT_PATH /b JT_A /x JT_A /y");
+  EXPECT_EQ(Value("JT_PATH"), "/b:/a:/old");
+  EXPECT_EQ(Value("JT_A"), "/y:/x");
+}
+
+TEST_F(EnvCollectionTest, LastNameWithoutValueIsSetEmpty) {
+  Apply("JT_A 1 JT_B");
+  EXPECT_EQ(Value("JT_B"), "");
+}
+
+TEST_F(EnvCollectionTest, LastNameWithoutValueGetsAColonInFrontOfItsOldValue) {
+  setenv("JT_B", "old", 1);
+  Apply("JT_A 1 JT_B");
+  EXPECT_EQ(Value("JT_B"), ":old");
+}
+
+TEST_F(EnvCollectionTest, EmptyExistingVariableIsPrependedToAsWell) {
+  setenv("JT_B", "", 1);
+  Apply("JT_B 4");
+  EXPECT_EQ(Value("JT_B"), "4:");
+}
+
+TEST_F(EnvCollectionTest, TokensOf255CharactersFit) {
+  const std::string value(255, 'v');
+  Apply("JT_A " + value + "\n");
+  EXPECT_EQ(Value("JT_A"), value);
+}
+
+TEST_F(EnvCollectionTest, EntryWithALongerTokenIsLeftOutAndTheOthersStayPaired) {
+  const std::string longToken(256, 'v');
+  Apply("JT_A " + longToken + " " + longToken + " 1 JT_B 2");
+  EXPECT_EQ(Value("JT_A"), "unset");
+  EXPECT_EQ(Value("JT_B"), "2");
+}
+
+TEST_F(EnvCollectionTest, DirectoryInPlaceOfTheFileIsAnEmptyList) {
+  std::filesystem::create_directory(directory_.File("env"));
+  const CEnvCollection entries(directory_.File("env").c_str());
+  EXPECT_EQ(entries.status(), 0);
+  entries.LogOut(&log_);
+  EXPECT_EQ(directory_.Read("log"), "");
+}
+
+TEST_F(EnvCollectionTest, ListingShowsNamesAndValues) {
+  const CEnvCollection entries(directory_.Write("env", "JT_A 1\nJT_B").c_str());
+  entries.LogOut(&log_);
+  EXPECT_EQ(directory_.Read("log"),
+            "Variable: JT_A, Value: 1\n"
+            "Variable: JT_B, Value: \n");
+}
+
+TEST_F(EnvCollectionTest, ReadingReplacesTheFormerEntries) {
+  CEnvCollection entries(directory_.Write("env", "JT_A 1").c_str());
+  char error[CEnvCollection::kErrorSize] = "";
+  EXPECT_EQ(entries.ReadEnvFile(directory_.Write("other", "JT_B 2").c_str(), error), 0);
+  entries.LogOut(&log_);
+  EXPECT_EQ(directory_.Read("log"), "Variable: JT_B, Value: 2\n");
+}
+
+}  // namespace
