@@ -1,0 +1,148 @@
+#include "tests/support/scripted_simulator.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <system_error>
+#include <utility>
+
+#include "tests/support/wire_bytes.h"
+
+namespace {
+
+void Require(bool succeeded, const char* what) {
+  if (!succeeded) throw std::system_error(errno, std::generic_category(), what);
+}
+
+bool ReadWhole(int descriptor, char* bytes, std::size_t size) {
+  while (size > 0) {
+    const ssize_t got = recv(descriptor, bytes, size, 0);
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) return false;
+    bytes += got;
+    size -= static_cast<std::size_t>(got);
+  }
+  return true;
+}
+
+bool ReadNumber(int descriptor, std::uint64_t& number) {
+  std::string bytes(sizeof(number), '\0');
+  if (!ReadWhole(descriptor, bytes.data(), bytes.size())) return false;
+  std::memcpy(&number, bytes.data(), sizeof(number));
+  return true;
+}
+
+}  // namespace
+
+ScriptedSimulator::ScriptedSimulator(Link link) {
+  if (link == Link::kLoopback) {
+    Listen();
+  } else {
+    const wire::Pair pair = wire::SocketPair();
+    connection_ = pair.ours;
+    client_ = pair.theirs;
+  }
+  thread_ = std::thread([this] { Run(); });
+}
+
+ScriptedSimulator::~ScriptedSimulator() {
+  {
+    const std::scoped_lock lock(mutex_);
+    // Only these wake the thread: close() of a descriptor that another thread waits on does not.
+    if (listener_ >= 0) shutdown(listener_, SHUT_RDWR);
+    if (connection_ >= 0) shutdown(connection_, SHUT_RDWR);
+  }
+  if (thread_.joinable()) thread_.join();
+  for (const int descriptor : {listener_, connection_, client_})
+    if (descriptor >= 0) close(descriptor);
+}
+
+int ScriptedSimulator::TakeClientDescriptor() {
+  return std::exchange(client_, -1);
+}
+
+void ScriptedSimulator::AnswerNext(const std::vector<std::string>& messages) {
+  Answer answer;
+  for (const std::string& message : messages) answer.bytes += wire::Framed(message);
+  const std::scoped_lock lock(mutex_);
+  answers_.push_back(std::move(answer));
+}
+
+void ScriptedSimulator::AnswerNextAndHangUp(const std::string& bytes) {
+  const std::scoped_lock lock(mutex_);
+  answers_.push_back({bytes, true});
+}
+
+std::vector<std::string> ScriptedSimulator::Requests() const {
+  const std::scoped_lock lock(mutex_);
+  return requests_;
+}
+
+void ScriptedSimulator::WaitForClientToLeave() {
+  if (thread_.joinable()) thread_.join();
+}
+
+void ScriptedSimulator::Listen() {
+  listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  Require(listener_ >= 0, "socket");
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t size = sizeof(address);
+  auto* generic = reinterpret_cast<sockaddr*>(&address);
+  Require(bind(listener_, generic, size) == 0, "bind");
+  Require(listen(listener_, 1) == 0, "listen");
+  Require(getsockname(listener_, generic, &size) == 0, "getsockname");
+  port_ = ntohs(address.sin_port);
+}
+
+void ScriptedSimulator::Run() {
+  if (listener_ >= 0) {
+    const int accepted = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+    const std::scoped_lock lock(mutex_);
+    connection_ = accepted;
+  }
+  if (connection_ >= 0) Serve();
+}
+
+void ScriptedSimulator::Serve() {
+  std::string request;
+  while (ReadRequest(request)) {
+    const Answer answer = TakeAnswer(std::move(request));
+    try {
+      wire::WriteAll(connection_, answer.bytes);
+    } catch (const std::system_error&) {
+      return;  // The client has gone; what it sent is kept.
+    }
+    if (answer.hang_up) break;
+  }
+  shutdown(connection_, SHUT_RDWR);
+}
+
+bool ScriptedSimulator::ReadRequest(std::string& message) const {
+  std::uint64_t total = 0;
+  std::uint64_t chunk = 0;
+  message.clear();
+  if (!ReadNumber(connection_, total)) return false;
+  do {
+    if (!ReadNumber(connection_, chunk) || chunk > total - message.size()) return false;
+    const std::size_t offset = message.size();
+    message.resize(offset + chunk);
+    if (!ReadWhole(connection_, message.data() + offset, chunk)) return false;
+  } while (message.size() < total);
+  return true;
+}
+
+ScriptedSimulator::Answer ScriptedSimulator::TakeAnswer(std::string request) {
+  const std::scoped_lock lock(mutex_);
+  requests_.push_back(std::move(request));
+  if (answers_.empty()) return {"", true};
+  Answer answer = std::move(answers_.front());
+  answers_.pop_front();
+  return answer;
+}
