@@ -1,0 +1,398 @@
+#include "vk_ec/detail/message.h"
+
+#include <unistd.h>
+
+#include <cstdint>
+#include <limits>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/support/wire_bytes.h"
+
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::ThrowsMessage;
+using vk_ec::detail::MessageMgr;
+using vk_ec::detail::Transporter;
+using wire::Bytes;
+using wire::Cstr;
+using wire::Doub;
+using wire::Framed;
+using wire::Inte;
+using wire::Mess;
+using Header = MessageMgr::Header;
+using Strings = std::vector<std::string>;
+
+class MessageTest : public ::testing::Test {
+ protected:
+  ~MessageTest() override { close(peer_); }
+
+  std::string ReadAsPeer(std::size_t size) const { return wire::Read(peer_, size); }
+  void WriteAsPeer(const std::string& message) const { wire::WriteAll(peer_, Framed(message)); }
+
+  MessageMgr& manager() { return manager_; }
+
+ private:
+  wire::Pair pair_ = wire::SocketPair();
+  int peer_ = pair_.ours;
+  Transporter transporter_{pair_.theirs};
+  MessageMgr manager_{transporter_};
+};
+
+// A decoder over bytes that have already arrived.
+class DecoderTest : public ::testing::Test {
+ protected:
+  MessageMgr::MessageDecoder Decode(const std::string& message) {
+    message_.assign(message.begin(), message.end());
+    return MessageMgr::MessageDecoder(message_);
+  }
+
+  std::vector<unsigned char> message_;
+};
+
+TEST(WireBytesTest, HelpersWriteTheDocumentedBytes) {
+  EXPECT_EQ(Mess("END"), Bytes("03 'END'  00 00 00 00 00 00 00 00  'MESS'"));
+  EXPECT_EQ(Doub("T", {1.5}), Bytes("01 'T'  01 00 00 00 00 00 00 00  'DOUB'"
+                                    "00 00 00 00 00 00 f8 3f"));
+  EXPECT_EQ(Inte("N", {-2}), Bytes("01 'N'  01 00 00 00 00 00 00 00  'INTE'  fe ff ff ff"));
+  EXPECT_EQ(Cstr("W", {"P1"}), Bytes("01 'W'  01 00 00 00 00 00 00 00  'CSTR'"
+                                     "02 00 00 00 00 00 00 00  'P1'"));
+  EXPECT_EQ(Framed("ab"), Bytes("02 00 00 00 00 00 00 00  02 00 00 00 00 00 00 00  'ab'"));
+  EXPECT_EQ(Framed(""), Bytes("00 00 00 00 00 00 00 00  00 00 00 00 00 00 00 00"));
+}
+
+TEST_F(MessageTest, BuiltMessageIsHeadersWithTheirData) {
+  manager()
+      .createMessageBuilder()
+      .add_MESS_header("SETUP", 0)
+      .add_data("D", std::vector<double>{1.0, -0.5})
+      .add_data("I", std::vector<int>{1, -1, 65536})
+      .add_data("S", Strings{"V2", "", "abc"})
+      .add_MESS_header("END", 0)
+      .send();
+  const std::string expected = Bytes(
+      "05 'SETUP'  00 00 00 00 00 00 00 00  'MESS'"
+      "01 'D'      02 00 00 00 00 00 00 00  'DOUB'"
+      "            00 00 00 00 00 00 f0 3f   00 00 00 00 00 00 e0 bf"
+      "01 'I'      03 00 00 00 00 00 00 00  'INTE'"
+      "            01 00 00 00   ff ff ff ff   00 00 01 00"
+      "01 'S'      03 00 00 00 00 00 00 00  'CSTR'"
+      "            02 00 00 00 00 00 00 00  'V2'"
+      "            00 00 00 00 00 00 00 00"
+      "            03 00 00 00 00 00 00 00  'abc'"
+      "03 'END'    00 00 00 00 00 00 00 00  'MESS'");
+  EXPECT_EQ(ReadAsPeer(16 + expected.size()),
+            Bytes("85 00 00 00 00 00 00 00  85 00 00 00 00 00 00 00") + expected);
+}
+
+TEST_F(MessageTest, EmptyListIsAHeaderWithCountZero) {
+  manager()
+      .createMessageBuilder()
+      .add_data("D", std::vector<double>{})
+      .add_data("I", std::vector<int>{})
+      .add_data("S", Strings{})
+      .send();
+  EXPECT_EQ(ReadAsPeer(16 + 3 * 14), Bytes("2a 00 00 00 00 00 00 00  2a 00 00 00 00 00 00 00"
+                                           "01 'D'  00 00 00 00 00 00 00 00  'DOUB'"
+                                           "01 'I'  00 00 00 00 00 00 00 00  'INTE'"
+                                           "01 'S'  00 00 00 00 00 00 00 00  'CSTR'"));
+}
+
+TEST_F(MessageTest, NameOf255BytesIsAccepted) {
+  const std::string name(255, 'n');
+  manager().createMessageBuilder().add_header(name, 7, MessageMgr::tINTE).send();
+  EXPECT_EQ(ReadAsPeer(16 + 13 + 255), Bytes("0c 01 00 00 00 00 00 00  0c 01 00 00 00 00 00 00"
+                                             "ff") +
+                                           name + Bytes("07 00 00 00 00 00 00 00  'INTE'"));
+}
+
+TEST_F(MessageTest, NameOf256BytesIsRefused) {
+  EXPECT_THAT([&] { manager().createMessageBuilder().add_MESS_header(std::string(256, 'n'), 0); },
+              ThrowsMessage<std::logic_error>(
+                  "Size of header name (256) exceeds the allowed limit (255)."));
+}
+
+TEST_F(MessageTest, EmptyNameIsALengthOfZero) {
+  manager().createMessageBuilder().add_MESS_header("", 0).send();
+  EXPECT_EQ(ReadAsPeer(16 + 13), Bytes("0d 00 00 00 00 00 00 00  0d 00 00 00 00 00 00 00"
+                                       "00  00 00 00 00 00 00 00 00  'MESS'"));
+}
+
+TEST_F(MessageTest, TotalSizeLeavesOutTheLengthFields) {
+  EXPECT_EQ(MessageMgr::MessageBuilder::get_total_size({"ab", "", "cde"}), 5U);
+  EXPECT_EQ(MessageMgr::MessageBuilder::get_total_size({}), 0U);
+}
+
+TEST_F(MessageTest, SecondBuilderIsRefusedWhileAMessageIsBeingBuilt) {
+  auto builder = manager().createMessageBuilder();
+  builder.add_MESS_header("QUERY", 0);
+  EXPECT_THAT([&] { manager().createMessageBuilder(); },
+              ThrowsMessage<std::logic_error>("Cannot create a new out-going message as the "
+                                              "previous message is still on going."));
+  builder.send();
+  EXPECT_NO_THROW(manager().createMessageBuilder());
+}
+
+TEST_F(MessageTest, ReceptionIsRefusedWhileAMessageIsBeingBuilt) {
+  manager().createMessageBuilder().add_MESS_header("QUERY", 0);
+  WriteAsPeer(Mess("END"));
+  EXPECT_THAT([&] { manager().createMessageDecoder(); },
+              ThrowsMessage<std::logic_error>(
+                  "Cannot receive a message as the previous message is still on going."));
+}
+
+TEST_F(MessageTest, AbandonedDecoderRefusesEveryLaterMessage) {
+  WriteAsPeer(Bytes("03 'END'  00 00 00 00 00 00 00 00  'mess'"));
+  WriteAsPeer(Mess("END"));
+  EXPECT_THAT([&] { manager().createMessageDecoder().get_header(); },
+              ThrowsMessage<std::invalid_argument>("Unknown type: mess"));
+  EXPECT_THAT([&] { manager().createMessageBuilder(); },
+              ThrowsMessage<std::logic_error>("Cannot create a new out-going message as the "
+                                              "previous message is still on going."));
+  EXPECT_THAT([&] { manager().createMessageDecoder(); },
+              ThrowsMessage<std::logic_error>(
+                  "Cannot receive a message as the previous message is still on going."));
+}
+
+TEST_F(MessageTest, FinalizedMessageMakesRoomForTheNext) {
+  WriteAsPeer(Mess("READY") + Mess("END"));
+  WriteAsPeer(Doub("TIME", {2.5}));
+  auto decoder = manager().createMessageDecoder();
+  decoder.get_header().check_expectation_MESS("READY", 0);
+  decoder.get_header().check_expectation_MESS("END", 0);
+  decoder.finalize();
+  auto next = manager().createMessageDecoder();
+  EXPECT_THAT(next.get_header_and_data<double>("TIME", 1), ElementsAre(2.5));
+  next.finalize();
+  EXPECT_NO_THROW(manager().createMessageBuilder());
+}
+
+TEST_F(DecoderTest, FinalizeKeepsAUsualBufferAndGivesBackAHugeOne) {
+  auto usual = Decode(Mess("END"));
+  usual.get_header();
+  const auto capacity = message_.capacity();
+  usual.finalize();
+  EXPECT_EQ(message_.capacity(), capacity);
+
+  auto huge = Decode(Cstr("TEXT", {std::string(2 << 20, 'x')}));
+  huge.get_header_and_data<std::string>("TEXT");
+  huge.finalize();
+  EXPECT_LE(message_.capacity(), 1U << 20);
+}
+
+TEST_F(DecoderTest, EveryKindOfDataIsReadBack) {
+  auto decoder =
+      Decode(Bytes("03 'ONE'  00 00 00 00 00 00 00 00  'MESS'"
+                   "01 'D'    01 00 00 00 00 00 00 00  'DOUB'  00 00 00 00 00 00 e0 bf"
+                   "01 'I'    02 00 00 00 00 00 00 00  'INTE'  ff ff ff ff  00 00 01 00"
+                   "01 'S'    03 00 00 00 00 00 00 00  'CSTR'  02 00 00 00 00 00 00 00  'V2'"
+                   "          00 00 00 00 00 00 00 00   03 00 00 00 00 00 00 00  'a' 00 'c'"));
+  const Header one = decoder.get_header();
+  EXPECT_EQ(one.name, "ONE");
+  EXPECT_EQ(one.count, 0U);
+  EXPECT_EQ(one.type, MessageMgr::MESS);
+  EXPECT_THAT(decoder.get_header_and_data<double>("D"), ElementsAre(-0.5));
+  EXPECT_THAT(decoder.get_header_and_data<int>("I", 2), ElementsAre(-1, 65536));
+  EXPECT_THAT(decoder.get_data<std::string>(decoder.get_header()),
+              ElementsAre("V2", "", std::string("a\0c", 3)));
+  decoder.finalize();
+  EXPECT_THAT(message_, IsEmpty());
+}
+
+TEST_F(DecoderTest, EmptyNameAndEmptyListsAreValid) {
+  auto decoder =
+      Decode(Bytes("00  00 00 00 00 00 00 00 00  'CSTR'"
+                   "00  00 00 00 00 00 00 00 00  'DOUB'"
+                   "00  00 00 00 00 00 00 00 00  'INTE'"));
+  EXPECT_THAT(decoder.get_header_and_data<std::string>("", 0), IsEmpty());
+  EXPECT_THAT(decoder.get_header_and_data<double>(""), IsEmpty());
+  EXPECT_THAT(decoder.get_header_and_data<int>(""), IsEmpty());
+  EXPECT_NO_THROW(decoder.finalize());
+}
+
+TEST_F(DecoderTest, NameOf255BytesIsRead) {
+  auto decoder = Decode(Mess(std::string(255, 'n')));
+  EXPECT_EQ(decoder.get_header().name, std::string(255, 'n'));
+}
+
+TEST_F(DecoderTest, MessageCutAnywhereIsTooShort) {
+  const std::string whole = Cstr("S", {"ab", "c"}) + Doub("D", {1, 2}) + Inte("I", {1, 2});
+  for (std::size_t size = 0; size < whole.size(); ++size) {
+    auto decoder = Decode(whole.substr(0, size));
+    EXPECT_THAT(
+        [&] {
+          decoder.get_header_and_data<std::string>("S");
+          decoder.get_header_and_data<double>("D");
+          decoder.get_header_and_data<int>("I");
+        },
+        ThrowsMessage<std::length_error>("Not enough data read from network"))
+        << "cut to " << size << " bytes";
+  }
+}
+
+TEST_F(DecoderTest, HeaderCutBehindAStrangeTagIsTooShortRatherThanUnknown) {
+  auto decoder = Decode(Bytes("01 'N'  00 00 00 00 00 00 00 00  'mes'"));
+  EXPECT_THAT([&] { decoder.get_header(); },
+              ThrowsMessage<std::length_error>("Not enough data read from network"));
+}
+
+TEST_F(DecoderTest, UnknownTagIsNamed) {
+  auto decoder = Decode(Bytes("01 'N'  00 00 00 00 00 00 00 00  'mess'"));
+  EXPECT_THAT([&] { decoder.get_header(); },
+              ThrowsMessage<std::invalid_argument>("Unknown type: mess"));
+}
+
+// Numbers whose product with an element's width wraps around 64 bits, among them those for which
+// it wraps to a length that is there.
+TEST_F(DecoderTest, HostileCountIsTooShortBeforeAnythingIsAllocated) {
+  const auto not_enough = ThrowsMessage<std::length_error>("Not enough data read from network");
+  for (const std::string count :
+       {"ff ff ff ff ff ff ff ff", "00 00 00 00 00 00 00 20", "00 00 00 00 00 00 00 40",
+        "01 00 00 00 00 00 00 20", "00 00 00 00 00 00 00 80", "03 00 00 00 00 00 00 00"}) {
+    const std::string data(16, '\0');
+    EXPECT_THAT(
+        [&] { Decode(Bytes("00" + count + "'DOUB'") + data).get_header_and_data<double>(""); },
+        not_enough)
+        << count;
+    EXPECT_THAT(
+        [&] { Decode(Bytes("00" + count + "'CSTR'") + data).get_header_and_data<std::string>(""); },
+        not_enough)
+        << count;
+    EXPECT_THAT(
+        [&] {
+          Decode(Bytes("00" + count + "'INTE'") + data.substr(5)).get_header_and_data<int>("");
+        },
+        not_enough)
+        << count;
+  }
+}
+
+TEST_F(DecoderTest, HostileStringLengthIsTooShort) {
+  for (const std::string length :
+       {"ff ff ff ff ff ff ff ff", "f8 ff ff ff ff ff ff ff", "03 00 00 00 00 00 00 00"}) {
+    auto decoder = Decode(Bytes("00  01 00 00 00 00 00 00 00  'CSTR'" + length + "'ab'"));
+    EXPECT_THAT([&] { decoder.get_header_and_data<std::string>(""); },
+                ThrowsMessage<std::length_error>("Not enough data read from network"))
+        << length;
+  }
+}
+
+TEST_F(DecoderTest, LengthCheckDoesNotWrapAround) {
+  auto decoder = Decode(Mess("END") + "x");
+  decoder.get_header();
+  EXPECT_NO_THROW(decoder.check_length(1));
+  EXPECT_THROW(decoder.check_length(2), std::length_error);
+  EXPECT_THROW(decoder.check_length(std::numeric_limits<std::uint64_t>::max()), std::length_error);
+}
+
+TEST_F(DecoderTest, NamedReadComparesNameTypeAndCount) {
+  const std::string message = Inte("DATE", {1, 2, 3});
+  EXPECT_THAT([&] { Decode(message).get_header_and_data<int>("DATE", 6); },
+              ThrowsMessage<std::length_error>(
+                  "Incorrect header (received: DATE-3-INTE vs expected: DATE-6-INTE)"));
+  EXPECT_THAT([&] { Decode(message).get_header_and_data<double>("DATE"); },
+              ThrowsMessage<std::length_error>(
+                  "Incorrect header (received: DATE-3-INTE vs expected: DATE-3-DOUB)"));
+  EXPECT_THAT([&] { Decode(message).get_header_and_data<int>("TIME"); },
+              ThrowsMessage<std::length_error>(
+                  "Incorrect header (received: DATE-3-INTE vs expected: TIME-3-INTE)"));
+}
+
+TEST_F(DecoderTest, TypedReadOfAnotherTypeNamesBothTypes) {
+  EXPECT_THAT(
+      [&] {
+        auto decoder = Decode(Inte("DATE", {1}));
+        decoder.get_data<std::string>(decoder.get_header());
+      },
+      ThrowsMessage<std::invalid_argument>("Incorrect header (received: INTE vs expected: CSTR )"));
+}
+
+TEST_F(DecoderTest, ExtraHeaderBeforeTheEndFailsAtTheEndExpectation) {
+  auto decoder = Decode(Doub("EXTRA", {1}) + Mess("END"));
+  EXPECT_THAT([&] { decoder.get_header().check_expectation_MESS("END", 0); },
+              ThrowsMessage<std::length_error>(
+                  "Incorrect header (received: EXTRA-1-DOUB vs expected: END-0-MESS)"));
+}
+
+TEST_F(DecoderTest, BytesAfterTheEndAreCounted) {
+  auto decoder = Decode(Mess("END") + "xyz");
+  decoder.get_header();
+  EXPECT_THAT([&] { decoder.finalize(); },
+              ThrowsMessage<std::length_error>(
+                  "Received message is longer than expected (received: 19 vs expected: 16)"));
+  EXPECT_EQ(message_.size(), 19U);
+}
+
+TEST(HeaderTest, ExpectationWithTypeComparesAllThree) {
+  const Header header{"VALUES", 2, MessageMgr::DOUB};
+  EXPECT_NO_THROW(header.check_expectation("VALUES", 2, MessageMgr::DOUB));
+  EXPECT_THAT([&] { header.check_expectation("VALUES", 2, MessageMgr::CSTR); },
+              ThrowsMessage<std::length_error>(
+                  "Incorrect header (received: VALUES-2-DOUB vs expected: VALUES-2-CSTR)"));
+  EXPECT_THAT([&] { header.check_expectation("VALUES", 3, MessageMgr::DOUB); },
+              ThrowsMessage<std::length_error>(
+                  "Incorrect header (received: VALUES-2-DOUB vs expected: VALUES-3-DOUB)"));
+  EXPECT_THAT([&] { header.check_expectation("ITEMS", 2, MessageMgr::DOUB); },
+              ThrowsMessage<std::length_error>(
+                  "Incorrect header (received: VALUES-2-DOUB vs expected: ITEMS-2-DOUB)"));
+}
+
+TEST(HeaderTest, ExpectationWithoutTypeAcceptsAnyType) {
+  for (const auto type : {MessageMgr::MESS, MessageMgr::DOUB, MessageMgr::INTE, MessageMgr::CSTR})
+    EXPECT_NO_THROW(Header({"ITEM", 1, type}).check_expectation("ITEM", 1));
+  EXPECT_THAT(
+      [] {
+        Header({"ITEM", 2, MessageMgr::CSTR}).check_expectation("ITEM", 1);
+      },
+      ThrowsMessage<std::length_error>(
+          "Incorrect header (received: ITEM-2-CSTR vs expected: ITEM-1-...)"));
+  EXPECT_THAT(
+      [] {
+        Header({"ITEM", 1, MessageMgr::CSTR}).check_expectation("NAME", 1);
+      },
+      ThrowsMessage<std::length_error>(
+          "Incorrect header (received: ITEM-1-CSTR vs expected: NAME-1-...)"));
+}
+
+TEST(HeaderTest, FirstHeaderMayHaveAnyNameButNotAnyTypeOrCount) {
+  EXPECT_NO_THROW(Header({"STEP", 0, MessageMgr::MESS}).check_expectation_MESS(0));
+  EXPECT_THAT(
+      [] {
+        Header({"STEP", 0, MessageMgr::DOUB}).check_expectation_MESS(0);
+      },
+      ThrowsMessage<std::length_error>(
+          "Incorrect header (received: STEP-0-DOUB vs expected: STEP-0-MESS)"));
+  EXPECT_THAT(
+      [] {
+        Header({"STEP", 1, MessageMgr::MESS}).check_expectation_MESS(0);
+      },
+      ThrowsMessage<std::length_error>(
+          "Incorrect header (received: STEP-1-MESS vs expected: STEP-0-MESS)"));
+}
+
+TEST(HeaderTypeTest, TypesHaveTheirNumbersTagsAndNames) {
+  EXPECT_EQ(MessageMgr::MESS, 0);
+  EXPECT_EQ(MessageMgr::headerType_for<double>(), 1);
+  EXPECT_EQ(MessageMgr::headerType_for<int>(), 2);
+  EXPECT_EQ(MessageMgr::headerType_for<std::string>(), 3);
+  EXPECT_EQ(MessageMgr::ztyp_for<double>(), MessageMgr::tDOUB);
+  EXPECT_EQ(MessageMgr::ztyp_for<int>(), MessageMgr::tINTE);
+  EXPECT_EQ(MessageMgr::to_string(MessageMgr::MESS), "MESS");
+  EXPECT_EQ(MessageMgr::to_string(MessageMgr::DOUB), "DOUB");
+  EXPECT_EQ(MessageMgr::to_string(MessageMgr::INTE), "INTE");
+  EXPECT_EQ(MessageMgr::to_string(MessageMgr::CSTR), "CSTR");
+  EXPECT_EQ(MessageMgr::MessageDecoder::decode_type(MessageMgr::tCSTR), MessageMgr::CSTR);
+}
+
+TEST(HeaderTypeTest, UnknownTypeHasNoName) {
+  EXPECT_THAT([] { MessageMgr::to_string(static_cast<MessageMgr::HeaderType>(4)); },
+              ThrowsMessage<std::invalid_argument>(""));
+}
+
+}  // namespace

@@ -1,0 +1,277 @@
+#include "vk_ec/detail/transport.h"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <csignal>
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/support/wire_bytes.h"
+
+namespace {
+
+using ::testing::IsEmpty;
+using ::testing::SizeIs;
+using ::testing::ThrowsMessage;
+using vk_ec::detail::RecvMessage;
+using vk_ec::detail::SendMessage;
+using vk_ec::detail::StreamSocket;
+using vk_ec::detail::Transporter;
+using wire::Bytes;
+using Buffer = std::vector<unsigned char>;
+
+class TransportTest : public ::testing::Test {
+ protected:
+  ~TransportTest() override { HangUp(); }
+
+  void HangUp() {
+    if (peer_ >= 0) close(peer_);
+    peer_ = -1;
+  }
+
+  void Send(const std::string& message) {
+    const Buffer bytes(message.begin(), message.end());
+    transporter_.send(SendMessage(bytes.data(), bytes.size()));
+  }
+
+  std::string Receive() {
+    Buffer buffer;
+    transporter_.recv(buffer);
+    return {buffer.begin(), buffer.end()};
+  }
+
+  wire::Pair pair_ = wire::SocketPair();
+  int peer_ = pair_.ours;
+  Transporter transporter_{pair_.theirs};
+};
+
+std::string Pattern(std::size_t size) {
+  std::string text(size, '\0');
+  for (std::size_t i = 0; i < size; ++i) text[i] = static_cast<char>('a' + i % 23);
+  return text;
+}
+
+TEST_F(TransportTest, ShortMessageIsTotalThenLengthThenBytes) {
+  Send("hello");
+  EXPECT_EQ(wire::Read(peer_, 21),
+            Bytes("05 00 00 00 00 00 00 00  05 00 00 00 00 00 00 00  'hello'"));
+  EXPECT_THAT(wire::ReadPending(peer_), IsEmpty());
+}
+
+TEST_F(TransportTest, EmptyMessageIsTheInitialHeaderAlone) {
+  Send("");
+  EXPECT_EQ(wire::Read(peer_, 16), Bytes("00 00 00 00 00 00 00 00  00 00 00 00 00 00 00 00"));
+  EXPECT_THAT(wire::ReadPending(peer_), IsEmpty());
+}
+
+TEST_F(TransportTest, MessageOf65536BytesIsOneChunk) {
+  const std::string message = Pattern(65536);
+  Send(message);
+  EXPECT_EQ(wire::Read(peer_, 16 + 65536),
+            Bytes("00 00 01 00 00 00 00 00  00 00 01 00 00 00 00 00") + message);
+  EXPECT_THAT(wire::ReadPending(peer_), IsEmpty());
+}
+
+TEST_F(TransportTest, MessageOf65537BytesHasASecondChunkOfOneByte) {
+  const std::string message = Pattern(65537);
+  Send(message);
+  EXPECT_EQ(wire::Read(peer_, 16 + 65536 + 8 + 1),
+            Bytes("01 00 01 00 00 00 00 00  00 00 01 00 00 00 00 00") + message.substr(0, 65536) +
+                Bytes("01 00 00 00 00 00 00 00") + message.substr(65536));
+  EXPECT_THAT(wire::ReadPending(peer_), IsEmpty());
+}
+
+TEST_F(TransportTest, EveryChunkButTheLastIsFull) {
+  const std::string message = Pattern(3 * 65536);
+  std::string received;
+  std::thread reader([&] { received = wire::Read(peer_, 16 + 3 * 65536 + 2 * 8); });
+  Send(message);
+  reader.join();
+  const std::string full = Bytes("00 00 01 00 00 00 00 00");
+  EXPECT_EQ(received, Bytes("00 00 03 00 00 00 00 00") + full + message.substr(0, 65536) + full +
+                          message.substr(65536, 65536) + full + message.substr(2 * 65536));
+}
+
+TEST_F(TransportTest, PartsOfASendCanBeWrittenAlone) {
+  StreamSocket socket(dup(pair_.theirs));
+  SendMessage::send_initial_header(3, 2, socket);
+  SendMessage::send_header(1, socket);
+  const Buffer bytes{'a', 'b'};
+  SendMessage::send_buffer(bytes.data(), bytes.size(), socket);
+  EXPECT_EQ(wire::Read(peer_, 26), Bytes("03 00 00 00 00 00 00 00  02 00 00 00 00 00 00 00"
+                                         "01 00 00 00 00 00 00 00  'ab'"));
+}
+
+TEST_F(TransportTest, PartsOfAReceptionCanBeReadAlone) {
+  StreamSocket socket(dup(pair_.theirs));
+  wire::WriteAll(peer_, Bytes("03 00 00 00 00 00 00 00  02 00 00 00 00 00 00 00"
+                              "01 00 00 00 00 00 00 00  'abcd'"));
+  EXPECT_EQ(RecvMessage::read_initial_header(socket),
+            std::make_pair(std::uint64_t{3}, std::uint64_t{2}));
+  EXPECT_EQ(RecvMessage::read_header(socket), 1U);
+  Buffer bytes(4);
+  RecvMessage::read_payload(bytes.data(), 2, socket);
+  RecvMessage::receive_buffer(bytes.data() + 2, 2, socket);
+  EXPECT_EQ(bytes, (Buffer{'a', 'b', 'c', 'd'}));
+}
+
+TEST_F(TransportTest, MessageIsAssembledFromChunksOfAnyLength) {
+  const std::string message = Pattern(250);
+  wire::WriteAll(peer_, Bytes("fa 00 00 00 00 00 00 00  64 00 00 00 00 00 00 00") +
+                            message.substr(0, 100) + Bytes("64 00 00 00 00 00 00 00") +
+                            message.substr(100, 100) + Bytes("32 00 00 00 00 00 00 00") +
+                            message.substr(200));
+  EXPECT_EQ(Receive(), message);
+}
+
+TEST_F(TransportTest, ChunkMayBeLongerThanASenderWouldCutIt) {
+  const std::string message = Pattern(100000);
+  wire::WriteAll(peer_, Bytes("a0 86 01 00 00 00 00 00  a0 86 01 00 00 00 00 00") + message);
+  EXPECT_EQ(Receive(), message);
+}
+
+TEST_F(TransportTest, TotalOfZeroIsAnEmptyMessage) {
+  wire::WriteAll(peer_,
+                 Bytes("00 00 00 00 00 00 00 00  00 00 00 00 00 00 00 00") + wire::Framed("next"));
+  EXPECT_EQ(Receive(), "");
+  EXPECT_EQ(Receive(), "next");
+}
+
+TEST_F(TransportTest, FirstChunkLongerThanTheTotalIsRefused) {
+  wire::WriteAll(peer_, Bytes("0a 00 00 00 00 00 00 00  14 00 00 00 00 00 00 00"));
+  EXPECT_THAT([&] { Receive(); }, ThrowsMessage<std::length_error>(
+                                      "Incorrect length in header (received: 20 vs allowed:10)"));
+}
+
+TEST_F(TransportTest, LaterChunkLongerThanWhatIsDueIsRefusedAndTheBufferStaysFilled) {
+  wire::WriteAll(peer_, Bytes("0a 00 00 00 00 00 00 00  04 00 00 00 00 00 00 00  'abcd'"
+                              "ff ff ff ff ff ff ff ff"));
+  Buffer buffer;
+  EXPECT_THAT([&] { transporter_.recv(buffer); },
+              ThrowsMessage<std::length_error>("Incorrect length in header (received: "
+                                               "18446744073709551615 vs allowed:6)"));
+  EXPECT_THAT(buffer, SizeIs(10));
+}
+
+TEST_F(TransportTest, ZeroChunkAfterAShortFirstOneIsRefused) {
+  wire::WriteAll(peer_, Bytes("0a 00 00 00 00 00 00 00  04 00 00 00 00 00 00 00  'abcd'"
+                              "00 00 00 00 00 00 00 00"));
+  EXPECT_THAT([&] { Receive(); },
+              ThrowsMessage<std::length_error>("Incorrect zero chunk length received."));
+}
+
+// Only the length of a later chunk is compared with 0.
+TEST_F(TransportTest, FirstChunkOfLengthZeroIsFollowedByTheNextOne) {
+  wire::WriteAll(peer_, Bytes("02 00 00 00 00 00 00 00  00 00 00 00 00 00 00 00"
+                              "02 00 00 00 00 00 00 00  'ab'"));
+  EXPECT_EQ(Receive(), "ab");
+}
+
+TEST_F(TransportTest, NothingIsReadIntoAFilledBuffer) {
+  wire::WriteAll(peer_, wire::Framed("kept"));
+  Buffer buffer{'x'};
+  EXPECT_THAT([&] { transporter_.recv(buffer); },
+              ThrowsMessage<std::logic_error>(
+                  "Cannot receive a message as the previous message is still on going."));
+  EXPECT_EQ(buffer, Buffer{'x'});
+  EXPECT_EQ(Receive(), "kept");
+}
+
+TEST_F(TransportTest, FinalizeEmptiesTheBuffer) {
+  StreamSocket socket(dup(pair_.theirs));
+  wire::WriteAll(peer_, wire::Framed("ab"));
+  Buffer buffer;
+  RecvMessage message(socket, buffer);
+  EXPECT_THAT(buffer, SizeIs(2));
+  message.finalize();
+  EXPECT_THAT(buffer, IsEmpty());
+}
+
+// A number off the wire must not take memory that its bytes have not earned.
+TEST_F(TransportTest, HugeTotalTakesNoMoreThanTheTrustedLengthBeforeItsBytesArrive) {
+  wire::WriteAll(peer_, Bytes("00 00 00 00 00 00 00 10  00 00 00 00 00 00 00 10  'few'"));
+  HangUp();
+  Buffer buffer;
+  EXPECT_THAT([&] { transporter_.recv(buffer); },
+              ThrowsMessage<std::runtime_error>("read: End of file"));
+  EXPECT_LE(buffer.capacity(), RecvMessage::trusted_total);
+  EXPECT_GT(buffer.size(), 0U);
+}
+
+TEST_F(TransportTest, MessageAboveTheTrustedLengthArrivesWhole) {
+  const std::string message = Pattern(RecvMessage::trusted_total + 100001);
+  std::thread writer([&] { wire::WriteAll(peer_, wire::Framed(message)); });
+  const std::string received = Receive();
+  writer.join();
+  EXPECT_TRUE(received == message);
+}
+
+TEST_F(TransportTest, ReadFromAClosedPeerIsEndOfFile) {
+  HangUp();
+  EXPECT_THAT([&] { Receive(); }, ThrowsMessage<std::runtime_error>("read: End of file"));
+}
+
+TEST_F(TransportTest, MessageCutByThePeerIsEndOfFile) {
+  wire::WriteAll(peer_, wire::Framed("hello").substr(0, 18));
+  HangUp();
+  EXPECT_THAT([&] { Receive(); }, ThrowsMessage<std::runtime_error>("read: End of file"));
+}
+
+TEST_F(TransportTest, WriteToAClosedPeerIsABrokenPipeAndNoSignal) {
+  HangUp();
+  EXPECT_THAT([&] { Send("hello"); }, ThrowsMessage<std::runtime_error>("write: Broken pipe"));
+}
+
+TEST_F(TransportTest, UnopenedClientHasABadDescriptor) {
+  vk_ec::detail::ClientTransporter transporter;
+  Buffer buffer;
+  EXPECT_THAT([&] { transporter.send(SendMessage(nullptr, 0)); },
+              ThrowsMessage<std::runtime_error>("write: Bad file descriptor"));
+  EXPECT_THAT([&] { transporter.recv(buffer); },
+              ThrowsMessage<std::runtime_error>("read: Bad file descriptor"));
+}
+
+TEST_F(TransportTest, DescriptorIsClosedWithTheTransporter) {
+  const wire::Pair pair = wire::SocketPair();
+  { const Transporter transporter(pair.theirs); }
+  EXPECT_EQ(fcntl(pair.theirs, F_GETFD), -1);
+  close(pair.ours);
+}
+
+std::atomic<int> signals_seen{0};
+
+// The children of the program end while it waits for the simulator.
+TEST_F(TransportTest, SignalDoesNotEndAReception) {
+  struct sigaction action {};
+  struct sigaction before {};
+  action.sa_handler = [](int) { ++signals_seen; };  // No SA_RESTART: recv() fails with EINTR.
+  ASSERT_EQ(sigaction(SIGUSR1, &action, &before), 0);
+  std::string received;
+  std::thread receiver([&] { received = Receive(); });
+  // Signals until one has hit; the message is completed only then.
+  wire::WriteAll(peer_, wire::Framed("hello").substr(0, 18));
+  while (signals_seen < 100) {
+    pthread_kill(receiver.native_handle(), SIGUSR1);
+    std::this_thread::yield();
+  }
+  wire::WriteAll(peer_, wire::Framed("hello").substr(18));
+  receiver.join();
+  sigaction(SIGUSR1, &before, nullptr);
+  EXPECT_EQ(received, "hello");
+}
+
+TEST(DefaultPortTest, DefaultPortIs9001) {
+  EXPECT_EQ(Transporter::default_port(), 9001U);
+}
+
+}  // namespace

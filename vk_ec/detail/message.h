@@ -1,0 +1,222 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "vk_ec/detail/transport.h"
+
+namespace vk_ec::detail {
+
+/// The messages of one connection. A message is a sequence of headers, each followed by its data:
+///
+///   1 byte    length of the name, 0 to 255
+///   n bytes   name, ASCII
+///   8 bytes   count of the elements that follow, unsigned
+///   4 bytes   type tag
+///   data      MESS: none; DOUB: 8 bytes each; INTE: 4 bytes each; CSTR: 8 bytes length, bytes
+///
+/// All numbers are little-endian. The one buffer holds either the message being built or the one
+/// being decoded, and is empty between messages; that emptiness is what refuses a new message
+/// while another is in progress. A message abandoned because of an exception leaves it non-empty
+/// for good: both ends no longer agree where the conversation stands.
+///
+/// Serves either end of a connection. Not for use by two threads at once.
+class MessageMgr {
+ public:
+  class MessageBuilder;
+  class MessageDecoder;
+
+  enum HeaderType : std::int32_t { MESS = 0, DOUB = 1, INTE = 2, CSTR = 3 };
+
+  /// A type tag as it travels.
+  using ztyp = std::array<char, 4>;
+  static constexpr ztyp tMESS{'M', 'E', 'S', 'S'};
+  static constexpr ztyp tDOUB{'D', 'O', 'U', 'B'};
+  static constexpr ztyp tINTE{'I', 'N', 'T', 'E'};
+  static constexpr ztyp tCSTR{'C', 'S', 'T', 'R'};
+
+  /// The type of a list of T: `double`, `int` or `std::string`.
+  template <typename T>
+  static constexpr HeaderType headerType_for();
+
+  /// The tag of a list of T: `double` or `int`.
+  template <typename T>
+  static constexpr ztyp ztyp_for();
+
+  /// "MESS", "DOUB", "INTE" or "CSTR"; `std::invalid_argument` without a text for anything else.
+  static std::string to_string(HeaderType type);
+
+  /// One decoded header. Each check throws `std::length_error` "Incorrect header (received: ...
+  /// vs expected: ...)" if the header is not the one that the protocol has at this place.
+  struct Header {
+    std::string name;
+    std::uint64_t count = 0;
+    HeaderType type = MESS;
+
+    void check_expectation(const std::string& expected_name, std::uint64_t expected_count,
+                           HeaderType expected_type) const;
+    /// Accepts any type; the typed read of the data checks it.
+    void check_expectation(const std::string& expected_name, std::uint64_t expected_count) const;
+    void check_expectation_MESS(const std::string& expected_name,
+                                std::uint64_t expected_count) const;
+    /// Accepts any name: that of the first header says which message this is.
+    void check_expectation_MESS(std::uint64_t expected_count) const;
+  };
+
+  /// Keeps a reference to the transporter, which must outlive this.
+  explicit MessageMgr(Transporter& transporter) : transporter_(transporter) {}
+
+  MessageMgr(const MessageMgr&) = delete;
+  MessageMgr& operator=(const MessageMgr&) = delete;
+
+  /// Begins an out-going message. `std::logic_error` if another message is in progress. The
+  /// builder refers to this.
+  MessageBuilder createMessageBuilder();
+
+  /// Blocks until a whole message has arrived; throws as `RecvMessage`. The decoder refers to
+  /// this. Without its `finalize` no further message can be sent or received.
+  MessageDecoder createMessageDecoder();
+
+ private:
+  using Buffer = std::vector<unsigned char>;
+
+  // What the buffer keeps between messages. One huge answer must not hold its memory for the rest
+  // of a run that lasts for days.
+  static constexpr std::size_t kept_capacity = 1 << 20;
+  static void empty(Buffer& buffer);
+
+  Transporter& transporter_;
+  Buffer buffer_;
+};
+
+/// Appends to an out-going message. Nothing travels before `send`.
+class MessageMgr::MessageBuilder {
+ public:
+  explicit MessageBuilder(MessageMgr& manager) : manager_(manager) {}
+
+  /// `std::logic_error` for a name of 256 bytes or more; the message cannot be continued then.
+  MessageBuilder& add_header(const std::string& name, std::uint64_t count, const ztyp& tag);
+  MessageBuilder& add_MESS_header(const std::string& name, std::uint64_t count);
+
+  /// A header that counts `values`, then the values. An empty list is the header alone.
+  MessageBuilder& add_data(const std::string& name, const std::vector<double>& values);
+  MessageBuilder& add_data(const std::string& name, const std::vector<int>& values);
+  MessageBuilder& add_data(const std::string& name, const std::vector<std::string>& values);
+
+  /// The sum of the strings' lengths, without their length fields.
+  static std::uint64_t get_total_size(const std::vector<std::string>& values);
+
+  /// Hands the message over and makes room for the next one. Blocks and throws as
+  /// `SendMessage::send`; after a failure the message stays in progress.
+  void send();
+
+ private:
+  template <typename T>
+  MessageBuilder& add_data_impl(const std::string& name, const std::vector<T>& values);
+  unsigned char* grow(std::size_t size);
+
+  MessageMgr& manager_;
+};
+
+/// Walks a received message header by header. Every length is compared with what is left before
+/// anything is allocated for it; where the message is too short, `std::length_error` "Not enough
+/// data read from network".
+class MessageMgr::MessageDecoder {
+ public:
+  /// Keeps a reference to the message.
+  explicit MessageDecoder(std::vector<unsigned char>& message) : buffer_(message) {}
+
+  /// The next header. `std::invalid_argument` for an unknown type tag.
+  Header get_header();
+  static HeaderType decode_type(const ztyp& tag);
+
+  /// Throws unless `length` more bytes are there.
+  void check_length(std::uint64_t length) const;
+
+  /// The next `count` elements: `double`, `int` or `std::string`.
+  template <typename T>
+  std::vector<T> get_data(std::uint64_t count);
+
+  /// The data of `header`. `std::invalid_argument` if they are not of type T.
+  template <typename T>
+  std::vector<T> get_data(const Header& header);
+
+  /// A header of that name and of the type of T, with any count, and its data. Throws as
+  /// `Header::check_expectation`.
+  template <typename T>
+  std::vector<T> get_header_and_data(const std::string& name);
+
+  /// The same, with exactly `count` elements.
+  template <typename T>
+  std::vector<T> get_header_and_data(const std::string& name, std::uint64_t count);
+
+  /// Ends the message. `std::length_error` if bytes are left.
+  void finalize();
+
+ private:
+  template <typename T>
+  std::vector<T> get_data_impl(std::uint64_t count);
+  void check_count(std::uint64_t count, std::uint64_t least_width) const;
+  std::uint64_t remaining() const { return buffer_.size() - position_; }
+  void take(void* target, std::uint64_t size);
+  std::string take_string(std::uint64_t size);
+  static void check_type(const Header& header, HeaderType expected_type);
+
+  std::vector<unsigned char>& buffer_;
+  std::uint64_t position_ = 0;
+};
+
+template <>
+constexpr MessageMgr::HeaderType MessageMgr::headerType_for<double>() {
+  return DOUB;
+}
+template <>
+constexpr MessageMgr::HeaderType MessageMgr::headerType_for<int>() {
+  return INTE;
+}
+template <>
+constexpr MessageMgr::HeaderType MessageMgr::headerType_for<std::string>() {
+  return CSTR;
+}
+
+template <>
+constexpr MessageMgr::ztyp MessageMgr::ztyp_for<double>() {
+  return tDOUB;
+}
+template <>
+constexpr MessageMgr::ztyp MessageMgr::ztyp_for<int>() {
+  return tINTE;
+}
+
+template <>
+std::vector<double> MessageMgr::MessageDecoder::get_data<double>(std::uint64_t count);
+template <>
+std::vector<int> MessageMgr::MessageDecoder::get_data<int>(std::uint64_t count);
+template <>
+std::vector<std::string> MessageMgr::MessageDecoder::get_data<std::string>(std::uint64_t count);
+
+template <typename T>
+std::vector<T> MessageMgr::MessageDecoder::get_data(const Header& header) {
+  check_type(header, headerType_for<T>());
+  return get_data<T>(header.count);
+}
+
+template <typename T>
+std::vector<T> MessageMgr::MessageDecoder::get_header_and_data(const std::string& name) {
+  const Header header = get_header();
+  header.check_expectation(name, header.count, headerType_for<T>());
+  return get_data<T>(header.count);
+}
+
+template <typename T>
+std::vector<T> MessageMgr::MessageDecoder::get_header_and_data(const std::string& name,
+                                                               std::uint64_t count) {
+  const Header header = get_header();
+  header.check_expectation(name, count, headerType_for<T>());
+  return get_data<T>(count);
+}
+
+}  // namespace vk_ec::detail

@@ -1,0 +1,150 @@
+#include "vk_ec/detail/stream_socket.h"
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <optional>
+
+#include <boost/asio/buffer.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+
+namespace vk_ec::detail {
+namespace {
+
+namespace asio = boost::asio;
+using asio::ip::tcp;
+using boost::system::error_code;
+using boost::system::system_error;
+
+// Loopback and local networks answer within this; without it an attempt that begins when the time
+// is just over could not even learn that it succeeded.
+constexpr std::chrono::milliseconds kShortestAttempt{100};
+
+void throw_unless_interrupted(const error_code& error, const char* operation) {
+  if (error && error != asio::error::interrupted) throw system_error(error, operation);
+}
+
+}  // namespace
+
+struct StreamSocket::Impl {
+  bool open();
+  void close();
+  void abort();
+  bool connect(const tcp::endpoint& endpoint, Clock::time_point give_up);
+  std::optional<error_code> start_connect(const tcp::endpoint& endpoint, Clock::time_point give_up);
+  bool connected_to_itself() const;
+
+  asio::io_context io{1};
+  tcp::socket socket{io};
+  tcp::resolver::results_type endpoints;
+};
+
+// Asio's own open() knows no SOCK_CLOEXEC.
+bool StreamSocket::Impl::open() {
+  close();
+  const int descriptor = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP);
+  if (descriptor < 0) return false;
+  error_code error;
+  socket.assign(tcp::v4(), descriptor, error);
+  if (error) ::close(descriptor);
+  return !error;
+}
+
+void StreamSocket::Impl::close() {
+  error_code ignored;
+  socket.close(ignored);
+}
+
+// Without the usual farewell: the port must not stay busy afterwards.
+void StreamSocket::Impl::abort() {
+  error_code ignored;
+  socket.set_option(tcp::socket::linger(true, 0), ignored);
+  close();
+}
+
+bool StreamSocket::Impl::connect(const tcp::endpoint& endpoint, Clock::time_point give_up) {
+  if (!open()) return false;
+  const auto outcome = start_connect(endpoint, give_up);
+  if (!outcome || *outcome || connected_to_itself()) {
+    abort();
+    return false;
+  }
+  // The timed connect has made the descriptor non-blocking; each read would then need a poll.
+  error_code error;
+  socket.native_non_blocking(false, error);
+  return !error;
+}
+
+// The result of the attempt, or nothing if it was still pending at `give_up`.
+std::optional<error_code> StreamSocket::Impl::start_connect(const tcp::endpoint& endpoint,
+                                                            Clock::time_point give_up) {
+  std::optional<error_code> outcome;
+  socket.async_connect(endpoint, [&outcome](const error_code& error) { outcome = error; });
+  io.restart();
+  io.run_until(give_up);
+  if (outcome) return outcome;
+  close();
+  io.run();  // The handler refers to this frame, so it has to run before the frame ends.
+  return std::nullopt;
+}
+
+// Where nobody listens on a port of the ephemeral range, the system may give that very port to
+// the connecting socket, which then reaches itself and would wait for its own answer.
+bool StreamSocket::Impl::connected_to_itself() const {
+  error_code local_error;
+  error_code remote_error;
+  const auto local = socket.local_endpoint(local_error);
+  const auto remote = socket.remote_endpoint(remote_error);
+  return local_error || remote_error || local == remote;
+}
+
+StreamSocket::StreamSocket() : impl_(std::make_unique<Impl>()) {}
+
+StreamSocket::StreamSocket(int connected_descriptor) : StreamSocket() {
+  impl_->socket.assign(tcp::v4(), connected_descriptor);
+}
+
+StreamSocket::~StreamSocket() = default;
+
+void StreamSocket::resolve(const std::string& host, unsigned port) {
+  tcp::resolver resolver(impl_->io);
+  impl_->endpoints =
+      resolver.resolve(tcp::v4(), host, std::to_string(port), tcp::resolver::numeric_service);
+}
+
+bool StreamSocket::connect_before(Clock::time_point give_up) {
+  auto untried = static_cast<Clock::rep>(impl_->endpoints.size());
+  for (const auto& entry : impl_->endpoints) {
+    const auto now = Clock::now();
+    const auto share = std::max<Clock::duration>((give_up - now) / untried--, kShortestAttempt);
+    if (impl_->connect(entry.endpoint(), now + share)) return true;
+  }
+  return false;
+}
+
+void StreamSocket::set_no_delay() {
+  impl_->socket.set_option(tcp::no_delay(true));
+}
+
+void StreamSocket::write(const unsigned char* bytes, std::size_t length, bool more_follows) {
+  const int flags = more_follows ? MSG_MORE : 0;
+  asio::const_buffer rest(bytes, length);
+  while (rest.size() > 0) {
+    error_code error;
+    rest += impl_->socket.send(rest, flags, error);
+    throw_unless_interrupted(error, "write");
+  }
+}
+
+void StreamSocket::read(unsigned char* bytes, std::size_t length) {
+  asio::mutable_buffer rest(bytes, length);
+  while (rest.size() > 0) {
+    error_code error;
+    rest += impl_->socket.receive(rest, 0, error);
+    throw_unless_interrupted(error, "read");
+  }
+}
+
+}  // namespace vk_ec::detail

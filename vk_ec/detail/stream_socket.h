@@ -1,0 +1,56 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <memory>
+#include <string>
+
+namespace vk_ec::detail {
+
+/// One TCP stream with blocking transfers. Owns its descriptor, which is close-on-exec: a process
+/// that is started later must not keep the simulator's connection open.
+///
+/// A failed transfer throws `boost::system::system_error`, whose text is "read" or "write", then
+/// ": " and the system's description ("read: End of file"). A signal that interrupts a transfer
+/// does not end it, and a peer that has gone raises no SIGPIPE.
+class StreamSocket {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  /// Opens nothing; transfers fail until `connect_before` has succeeded.
+  StreamSocket();
+
+  /// Takes over a connected stream descriptor of any family and closes it in the end. Throws
+  /// `boost::system::system_error` if it cannot; the descriptor then stays the caller's.
+  explicit StreamSocket(int connected_descriptor);
+
+  ~StreamSocket();
+  StreamSocket(const StreamSocket&) = delete;
+  StreamSocket& operator=(const StreamSocket&) = delete;
+
+  /// Looks up the IPv4 endpoints of `host` for `connect_before`. Blocks as long as the system's
+  /// resolver does; throws `boost::system::system_error` ("resolve: ...") if it finds none.
+  void resolve(const std::string& host, unsigned port);
+
+  /// Tries the endpoints found by `resolve` in order, each on a fresh socket, until one connects.
+  /// Those still to be tried share the time up to `give_up`, so that an endpoint that swallows
+  /// everything leaves time for the next; even when the time is over, each gets a moment. False
+  /// if none connected.
+  bool connect_before(Clock::time_point give_up);
+
+  /// Lets small messages leave at once. Throws `boost::system::system_error`.
+  void set_no_delay();
+
+  /// Returns when all `length` bytes are handed to the system. With `more_follows` they may wait
+  /// there for the next write, to travel in one segment with it.
+  void write(const unsigned char* bytes, std::size_t length, bool more_follows = false);
+
+  /// Returns when exactly `length` bytes have arrived.
+  void read(unsigned char* bytes, std::size_t length);
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace vk_ec::detail

@@ -1,0 +1,140 @@
+#include "vk_ec/detail/transport.h"
+
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <chrono>
+#include <cstring>
+#include <exception>
+#include <stdexcept>
+#include <thread>
+
+namespace vk_ec::detail {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+static_assert(std::endian::native == std::endian::little, "numbers travel as they are in memory");
+
+constexpr milliseconds kPace{500};
+
+template <std::size_t N>
+void write_numbers(const std::array<std::uint64_t, N>& numbers, bool more_follows,
+                   StreamSocket& socket) {
+  std::array<unsigned char, sizeof(numbers)> bytes{};
+  std::memcpy(bytes.data(), numbers.data(), bytes.size());
+  socket.write(bytes.data(), bytes.size(), more_follows);
+}
+
+template <std::size_t N>
+std::array<std::uint64_t, N> read_numbers(StreamSocket& socket) {
+  std::array<std::uint64_t, N> numbers{};
+  std::array<unsigned char, sizeof(numbers)> bytes{};
+  socket.read(bytes.data(), bytes.size());
+  std::memcpy(numbers.data(), bytes.data(), bytes.size());
+  return numbers;
+}
+
+}  // namespace
+
+void SendMessage::send(StreamSocket& socket) const {
+  std::uint64_t chunk = std::min(size_, chunk_size);
+  send_initial_header(size_, chunk, socket);
+  std::uint64_t offset = 0;
+  while (offset < size_) {
+    if (offset > 0) send_header(chunk, socket);
+    send_buffer(bytes_ + offset, chunk, socket);
+    offset += chunk;
+    chunk = std::min(size_ - offset, chunk_size);
+  }
+}
+
+void SendMessage::send_initial_header(std::uint64_t total, std::uint64_t first_chunk_length,
+                                      StreamSocket& socket) {
+  write_numbers<2>({total, first_chunk_length}, first_chunk_length > 0, socket);
+}
+
+void SendMessage::send_header(std::uint64_t chunk_length, StreamSocket& socket) {
+  write_numbers<1>({chunk_length}, true, socket);
+}
+
+void SendMessage::send_buffer(const unsigned char* bytes, std::uint64_t length,
+                              StreamSocket& socket) {
+  socket.write(bytes, length);
+}
+
+RecvMessage::RecvMessage(StreamSocket& socket, std::vector<unsigned char>& buffer)
+    : buffer_(buffer) {
+  if (!buffer_.empty())
+    throw std::logic_error("Cannot receive a message as the previous message is still on going.");
+  auto [total, chunk] = read_initial_header(socket);
+  buffer_.resize(std::min(total, trusted_total));
+  std::uint64_t offset = 0;
+  while (offset < total) {
+    if (chunk > total - offset)
+      throw std::length_error("Incorrect length in header (received: " + std::to_string(chunk) +
+                              " vs allowed:" + std::to_string(total - offset) + ")");
+    receive_chunk(offset, chunk, total, socket);
+    offset += chunk;
+    if (offset >= total) return;
+    chunk = read_header(socket);
+    if (chunk == 0) throw std::length_error("Incorrect zero chunk length received.");
+  }
+}
+
+void RecvMessage::receive_chunk(std::uint64_t offset, std::uint64_t length, std::uint64_t total,
+                                StreamSocket& socket) {
+  const std::uint64_t end = offset + length;
+  while (offset < end) {
+    if (offset == buffer_.size())
+      buffer_.resize(std::min<std::uint64_t>(total, 2 * buffer_.size()));
+    const std::uint64_t part = std::min<std::uint64_t>(end, buffer_.size()) - offset;
+    read_payload(buffer_.data() + offset, part, socket);
+    offset += part;
+  }
+}
+
+std::pair<std::uint64_t, std::uint64_t> RecvMessage::read_initial_header(StreamSocket& socket) {
+  const auto [total, first_chunk_length] = read_numbers<2>(socket);
+  return {total, first_chunk_length};
+}
+
+std::uint64_t RecvMessage::read_header(StreamSocket& socket) {
+  return read_numbers<1>(socket)[0];
+}
+
+void RecvMessage::read_payload(unsigned char* bytes, std::uint64_t length, StreamSocket& socket) {
+  receive_buffer(bytes, length, socket);
+}
+
+void RecvMessage::receive_buffer(unsigned char* bytes, std::uint64_t length, StreamSocket& socket) {
+  socket.read(bytes, length);
+}
+
+Transporter::Transporter(int connected_descriptor) : socket_(connected_descriptor) {
+  try {
+    socket_.set_no_delay();
+  } catch (const std::exception&) {
+    // Not a TCP socket, so there is no delay either.
+  }
+}
+
+void ClientTransporter::connect(const std::string& host, unsigned port, unsigned timeout) {
+  using Clock = StreamSocket::Clock;
+  socket().resolve(host, port);
+  const auto start = Clock::now();
+  const auto give_up = start + seconds(timeout) + seconds(1);
+  auto last = start;
+  while (!socket().connect_before(give_up)) {
+    const auto now = Clock::now();
+    if (std::chrono::duration_cast<seconds>(now - start).count() > timeout)
+      throw std::runtime_error("Connection timed out.");
+    const auto since_last = std::chrono::duration_cast<milliseconds>(now - last);
+    if (since_last < kPace) std::this_thread::sleep_for(kPace - since_last);
+    last = Clock::now();
+  }
+  socket().set_no_delay();
+}
+
+}  // namespace vk_ec::detail
