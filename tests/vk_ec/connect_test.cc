@@ -1,0 +1,298 @@
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+#include <thread>
+#include <vector>
+
+#include <boost/system/system_error.hpp>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/support/private_network.h"
+#include "tests/support/wire_bytes.h"
+#include "vk_ec/detail/transport.h"
+
+namespace {
+
+using ::testing::AllOf;
+using ::testing::Ge;
+using ::testing::HasSubstr;
+using ::testing::Lt;
+using ::testing::SizeIs;
+using ::testing::StartsWith;
+using ::testing::ThrowsMessage;
+using vk_ec::detail::ClientTransporter;
+using vk_ec::detail::SendMessage;
+using Seconds = std::chrono::duration<double>;
+
+// A port that is taken on `address`; nobody listens there before `Listen`.
+class TakenPort {
+ public:
+  explicit TakenPort(const std::string& address = "127.0.0.1", unsigned port = 0) {
+    descriptor_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in name{};
+    name.sin_family = AF_INET;
+    name.sin_port = htons(static_cast<std::uint16_t>(port));
+    inet_pton(AF_INET, address.c_str(), &name.sin_addr);
+    socklen_t size = sizeof(name);
+    auto* generic = reinterpret_cast<sockaddr*>(&name);
+    if (bind(descriptor_, generic, size) != 0 || getsockname(descriptor_, generic, &size) != 0)
+      throw std::system_error(errno, std::generic_category(), "bind");
+    port_ = ntohs(name.sin_port);
+    name_ = name;
+  }
+  ~TakenPort() {
+    for (const int descriptor : waiting_) close(descriptor);
+    close(descriptor_);
+  }
+  TakenPort(const TakenPort&) = delete;
+  TakenPort& operator=(const TakenPort&) = delete;
+
+  unsigned port() const { return port_; }
+  void Listen(int backlog = 8) const { listen(descriptor_, backlog); }
+  int Accept() const { return accept4(descriptor_, nullptr, nullptr, SOCK_CLOEXEC); }
+
+  // Fills the queue of a listener that never accepts, so that it swallows further attempts
+  // without an answer.
+  void Swallow() {
+    Listen(0);
+    for (int i = 0; i < 4; ++i) {
+      waiting_.push_back(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+      connect(waiting_.back(), reinterpret_cast<const sockaddr*>(&name_), sizeof(name_));
+    }
+  }
+
+ private:
+  int descriptor_ = -1;
+  unsigned port_ = 0;
+  sockaddr_in name_{};
+  std::vector<int> waiting_;
+};
+
+Seconds Elapsed(const std::function<void()>& action) {
+  const auto start = std::chrono::steady_clock::now();
+  action();
+  return std::chrono::steady_clock::now() - start;
+}
+
+std::set<int> OpenDescriptors() {
+  std::set<int> descriptors;
+  for (int descriptor = 0; descriptor < 1024; ++descriptor)
+    if (fcntl(descriptor, F_GETFD) >= 0) descriptors.insert(descriptor);
+  return descriptors;
+}
+
+bool IsTcp(int descriptor) {
+  int protocol = 0;
+  socklen_t size = sizeof(protocol);
+  return getsockopt(descriptor, SOL_SOCKET, SO_PROTOCOL, &protocol, &size) == 0 &&
+         protocol == IPPROTO_TCP;
+}
+
+bool HasNoDelay(int descriptor) {
+  int on = 0;
+  socklen_t size = sizeof(on);
+  return getsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &on, &size) == 0 && on != 0;
+}
+
+// How many connections this network has begun to open.
+int ConnectionAttempts() {
+  std::ifstream counters("/proc/net/snmp");
+  std::string label;
+  while (counters >> label && label != "Tcp:") {
+  }
+  std::string names;
+  std::getline(counters, names);
+  int rto[4];
+  int active_opens = -1;
+  counters >> label >> rto[0] >> rto[1] >> rto[2] >> rto[3] >> active_opens;
+  return active_opens;
+}
+
+void Hosts(const std::string& lines) {
+  const std::string file =
+      std::filesystem::temp_directory_path() / ("jobmill_hosts_" + std::to_string(getpid()));
+  std::ofstream(file) << lines;
+  const int result = mount(file.c_str(), "/etc/hosts", nullptr, MS_BIND, nullptr);
+  std::filesystem::remove(file);
+  if (result != 0) throw std::system_error(errno, std::generic_category(), "mount");
+}
+
+std::string TimeOfConnect(const std::string& host, unsigned port, unsigned timeout) {
+  ClientTransporter transporter;
+  const Seconds elapsed = Elapsed([&] { transporter.connect(host, port, timeout); });
+  return elapsed < Seconds(0.4)   ? "at once"
+         : elapsed < Seconds(1.4) ? "after a second"
+                                  : "after " + std::to_string(elapsed.count()) + " s";
+}
+
+TEST(ConnectTest, MessagesTravelOverAConnection) {
+  const TakenPort simulator;
+  simulator.Listen();
+  ClientTransporter transporter;
+  transporter.connect("127.0.0.1", simulator.port(), 5);
+  const int accepted = simulator.Accept();
+  const unsigned char byte = 'x';
+  transporter.send(SendMessage(&byte, 1));
+  EXPECT_EQ(wire::Read(accepted, 17), wire::Framed("x"));
+  wire::WriteAll(accepted, wire::Framed("answer"));
+  std::vector<unsigned char> buffer;
+  transporter.recv(buffer);
+  EXPECT_EQ(std::string(buffer.begin(), buffer.end()), "answer");
+  close(accepted);
+}
+
+TEST(ConnectTest, SocketIsCloseOnExecBlockingAndWithoutDelay) {
+  const TakenPort simulator;
+  simulator.Listen();
+  const std::set<int> before = OpenDescriptors();
+  ClientTransporter transporter;
+  transporter.connect("localhost", simulator.port(), 5);
+  std::vector<int> sockets;
+  for (const int descriptor : OpenDescriptors()) {
+    if (before.contains(descriptor)) continue;
+    EXPECT_TRUE(fcntl(descriptor, F_GETFD) & FD_CLOEXEC) << "descriptor " << descriptor;
+    if (IsTcp(descriptor)) sockets.push_back(descriptor);
+  }
+  ASSERT_THAT(sockets, SizeIs(1));
+  EXPECT_FALSE(fcntl(sockets[0], F_GETFL) & O_NONBLOCK);
+  EXPECT_TRUE(HasNoDelay(sockets[0]));
+}
+
+TEST(ConnectTest, AdoptedTcpSocketSendsWithoutDelayToo) {
+  const TakenPort simulator;
+  simulator.Listen();
+  ClientTransporter client;
+  client.connect("127.0.0.1", simulator.port(), 5);
+  const int accepted = simulator.Accept();
+  ASSERT_FALSE(HasNoDelay(accepted));
+  const vk_ec::detail::Transporter server(accepted);
+  EXPECT_TRUE(HasNoDelay(accepted));
+}
+
+TEST(ConnectTest, UnknownHostFailsAtOnce) {
+  ClientTransporter transporter;
+  const Seconds elapsed = Elapsed([&] {
+    // No name server is asked for an address of another family.
+    EXPECT_THAT([&] { transporter.connect("::1", 9001, 5); },
+                ThrowsMessage<boost::system::system_error>(StartsWith("resolve: ")));
+  });
+  EXPECT_THAT(elapsed, Lt(Seconds(0.4)));
+}
+
+TEST(ConnectTest, TimeoutOfZeroStillTriesForASecond) {
+  const TakenPort closed;
+  ClientTransporter transporter;
+  const Seconds elapsed = Elapsed([&] {
+    EXPECT_THAT([&] { transporter.connect("127.0.0.1", closed.port(), 0); },
+                ThrowsMessage<std::runtime_error>("Connection timed out."));
+  });
+  EXPECT_THAT(elapsed, AllOf(Ge(Seconds(1.0)), Lt(Seconds(1.6))));
+}
+
+TEST(ConnectTest, TwoAttemptsASecondUntilTheTimeoutIsExceeded) {
+  double seconds = 0;
+  const auto attempts = InPrivateNetwork([] {
+    const TakenPort closed;
+    std::string outcome = "connected";
+    const Seconds elapsed = Elapsed([&] {
+      try {
+        ClientTransporter().connect("127.0.0.1", closed.port(), 2);
+      } catch (const std::runtime_error& error) {
+        outcome = error.what();
+      }
+    });
+    return outcome + " " + std::to_string(elapsed.count()) + " " +
+           std::to_string(ConnectionAttempts());
+  });
+  if (!attempts) GTEST_SKIP() << "a network of its own is not permitted here";
+  int count = 0;
+  ASSERT_EQ(std::sscanf(attempts->c_str(), "Connection timed out. %lf %d", &seconds, &count), 2)
+      << *attempts;
+  EXPECT_THAT(seconds, AllOf(Ge(3.0), Lt(3.6)));
+  EXPECT_THAT(count, AllOf(Ge(6), Lt(8)));
+}
+
+TEST(ConnectTest, ListenerThatAppearsLateIsFoundAtTheNextAttempt) {
+  const TakenPort simulator;
+  std::thread late([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(700));
+    simulator.Listen();
+  });
+  ClientTransporter transporter;
+  const Seconds elapsed = Elapsed([&] { transporter.connect("127.0.0.1", simulator.port(), 10); });
+  late.join();
+  EXPECT_THAT(elapsed, AllOf(Ge(Seconds(0.95)), Lt(Seconds(1.45))));
+}
+
+TEST(ConnectTest, AttemptThatIsNeverAnsweredIsGivenUpInTime) {
+  TakenPort simulator;
+  simulator.Swallow();
+  ClientTransporter transporter;
+  const Seconds elapsed = Elapsed([&] {
+    EXPECT_THAT([&] { transporter.connect("127.0.0.1", simulator.port(), 1); },
+                ThrowsMessage<std::runtime_error>("Connection timed out."));
+  });
+  EXPECT_THAT(elapsed, AllOf(Ge(Seconds(2.0)), Lt(Seconds(2.6))));
+}
+
+TEST(ConnectTest, SocketConnectedToItselfIsAFailedAttemptAndLeavesThePortFree) {
+  const auto outcome = InPrivateNetwork([]() -> std::string {
+    constexpr unsigned kPort = 20001;
+    // The only port that the system can choose for the connecting socket.
+    std::ofstream("/proc/sys/net/ipv4/ip_local_port_range") << kPort << " " << kPort;
+    std::string text;
+    try {
+      ClientTransporter().connect("127.0.0.1", kPort, 0);
+      text = "connected to itself";
+    } catch (const std::runtime_error& error) {
+      text = error.what();
+    }
+    const TakenPort simulator("127.0.0.1", kPort);
+    return text + " The port is free.";
+  });
+  if (!outcome) GTEST_SKIP() << "a network of its own is not permitted here";
+  EXPECT_EQ(*outcome, "Connection timed out. The port is free.");
+}
+
+TEST(ConnectTest, NextEndpointIsTriedInTheSameAttempt) {
+  const auto outcome = InPrivateNetwork([] {
+    Hosts("127.0.0.2 cluster\n127.0.0.3 cluster\n127.0.0.4 cluster\n");
+    const TakenPort simulator("127.0.0.3");
+    simulator.Listen();
+    return TimeOfConnect("cluster", simulator.port(), 5);
+  });
+  if (!outcome) GTEST_SKIP() << "a network of its own is not permitted here";
+  EXPECT_EQ(*outcome, "at once");
+}
+
+TEST(ConnectTest, EndpointThatNeverAnswersLeavesTimeForTheNext) {
+  const auto outcome = InPrivateNetwork([] {
+    Hosts("127.0.0.2 cluster\n127.0.0.3 cluster\n");
+    const TakenPort simulator("127.0.0.3");
+    simulator.Listen();
+    TakenPort silent("127.0.0.2", simulator.port());
+    silent.Swallow();
+    return TimeOfConnect("cluster", simulator.port(), 1);
+  });
+  if (!outcome) GTEST_SKIP() << "a network of its own is not permitted here";
+  EXPECT_THAT(*outcome, ::testing::AnyOf("at once", "after a second"));
+}
+
+}  // namespace
