@@ -1,12 +1,22 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
+#include <vector>
 
 #include "vk_ec/detail/message.h"
 #include "vk_ec/detail/position_info.h"
+#include "vk_ec/detail/results.h"
 #include "vk_ec/detail/transport.h"
 
 namespace vk_ec::detail {
+
+/// What distinguishes the protocol versions inside the common operations.
+struct ProtocolTraits {
+  /// The component list of the field-management fluid model is announced as "NCOMPS"; otherwise
+  /// under a name that says nothing.
+  bool names_component_count;
+};
 
 /// The controller's handle on one running simulation; what the protocol versions have in common.
 ///
@@ -49,14 +59,40 @@ class Client {
   [[noreturn]] static void throw_invalid_argument(const std::string& function, int a, int b,
                                                   unsigned long size_a, unsigned long size_b);
 
+  /// The values of `items` for each of `wells`; T is `double` or `std::string`. The simulator may
+  /// answer for other wells and items than those asked for, in any order.
+  template <typename T>
+  WellQueryResults<T> get_properties_for_wells(const std::vector<std::string>& wells,
+                                               const std::vector<std::string>& items);
+
+  /// The values of `items` of the whole run; T is `int` or `std::string`.
+  template <typename T>
+  ReservoirQueryResults<T> get_reservoir_properties(const std::vector<std::string>& items);
+
+  WellConstraintResults get_constraints_for_wells(const std::vector<std::string>& wells);
+
+  /// Inflow-performance curves, with one pressure type per well (otherwise
+  /// `std::invalid_argument`, and nothing is sent). The simulator may choose another number of
+  /// points for a well. Without wells or points the result is empty and nothing is sent.
+  IPRDataResults get_ipr_data_for_wells(const std::vector<std::string>& wells,
+                                        const std::vector<std::string>& pressure_types,
+                                        unsigned npoints, double skewness);
+
+  /// The component names of the field-management fluid model; none if it has none.
+  std::vector<std::string> get_field_management_fluid_model_description();
+
+  /// One description per fluid model of the reservoir.
+  std::vector<ReservoirFluidModelDescription> get_reservoir_fluid_model_description();
+
   /// What the last step answer said.
   const PositionInfo& position_info() const { return position_info_; }
 
  protected:
-  Client() = default;
+  explicit Client(ProtocolTraits traits) : traits_(traits) {}
 
   /// Speaks over a connected descriptor, which it owns from now on; `set_up` comes next.
-  explicit Client(int connected_descriptor) : transporter_(connected_descriptor) {}
+  Client(ProtocolTraits traits, int connected_descriptor)
+      : traits_(traits), transporter_(connected_descriptor) {}
 
   ~Client() = default;
   Client(const Client&) = delete;
@@ -70,9 +106,38 @@ class Client {
  private:
   void read_STEP_answer(MessageMgr::MessageDecoder& answer);
 
+  // `kind` is the word by which the simulator knows the query.
+  template <typename T>
+  WellQueryResults<T> get_properties_for_wells_impl(const std::vector<std::string>& wells,
+                                                    const std::vector<std::string>& items,
+                                                    const std::string& kind);
+  template <typename T>
+  ReservoirQueryResults<T> get_reservoir_properties_impl(const std::vector<std::string>& items,
+                                                         const std::string& kind);
+  void send_QWELLS_query(const std::vector<std::string>& wells,
+                         const std::vector<std::string>& items, const std::string& kind);
+  void send_QRESVR_query(const std::vector<std::string>& items, const std::string& kind);
+  MessageMgr::MessageBuilder begin_query(const std::string& kind);
+  MessageMgr::MessageDecoder begin_reply();
+  void end_reply(MessageMgr::MessageDecoder& reply);
+
+  ProtocolTraits traits_;
   ClientTransporter transporter_;
   MessageMgr messages_{transporter_};
   PositionInfo position_info_;
 };
+
+template <>
+WellQueryResults<double> Client::get_properties_for_wells<double>(
+    const std::vector<std::string>& wells, const std::vector<std::string>& items);
+template <>
+WellQueryResults<std::string> Client::get_properties_for_wells<std::string>(
+    const std::vector<std::string>& wells, const std::vector<std::string>& items);
+template <>
+ReservoirQueryResults<int> Client::get_reservoir_properties<int>(
+    const std::vector<std::string>& items);
+template <>
+ReservoirQueryResults<std::string> Client::get_reservoir_properties<std::string>(
+    const std::vector<std::string>& items);
 
 }  // namespace vk_ec::detail

@@ -1,11 +1,20 @@
 #pragma once
 
 #include "vk_ec/detail/client.h"
+#include "vk_ec/detail/message.h"
+#include "vk_ec/detail/position_info.h"
+#include "vk_ec/detail/results.h"
+#include "vk_ec/detail/transport.h"
 
 namespace v2016_2::vk_ec {
 
 using ::vk_ec::AlgPos;
+using ::vk_ec::IPRDataResults;
 using ::vk_ec::PositionInfo;
+using ::vk_ec::ReservoirFluidModelDescription;
+using ::vk_ec::ReservoirQueryResults;
+using ::vk_ec::WellConstraintResults;
+using ::vk_ec::WellQueryResults;
 
 namespace detail {
 
@@ -23,10 +32,13 @@ using ::vk_ec::detail::Transporter;
 class VarnokClient : public ::vk_ec::detail::Client {
  public:
   /// Opens nothing; `connect` comes first.
-  VarnokClient() = default;
+  VarnokClient() : Client(kTraits) {}
 
  protected:
-  using Client::Client;
+  explicit VarnokClient(int connected_descriptor) : Client(kTraits, connected_descriptor) {}
+
+ private:
+  static constexpr ::vk_ec::detail::ProtocolTraits kTraits{.names_component_count = false};
 };
 
 }  // namespace v2016_2::vk_ec
