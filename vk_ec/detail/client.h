@@ -84,6 +84,22 @@ class Client {
   /// One description per fluid model of the reservoir.
   std::vector<ReservoirFluidModelDescription> get_reservoir_fluid_model_description();
 
+  /// Gives each well its constraints. Per well, `items`, `values` and `setters` (who sets it:
+  /// "USER", ...) are of the same length. Lists that do not fit are `std::invalid_argument`, here
+  /// as in the other setters, and then nothing is sent.
+  void set_constraints_for_wells(const std::vector<std::string>& wells,
+                                 const std::vector<std::vector<std::string>>& items,
+                                 const std::vector<std::vector<double>>& values,
+                                 const std::vector<std::vector<std::string>>& setters);
+
+  /// Opens or shuts wells: one status per well. `closure` says who does it.
+  void set_status_for_wells(const std::vector<std::string>& wells,
+                            const std::vector<std::string>& statuses, const std::string& closure);
+
+  /// One fraction per well.
+  void set_uptime_fractions_for_wells(const std::vector<std::string>& wells,
+                                      const std::vector<double>& fractions);
+
   /// What the last step answer said.
   const PositionInfo& position_info() const { return position_info_; }
 
@@ -101,7 +117,15 @@ class Client {
   /// The part of `connect` that follows the opening of the connection.
   void set_up();
 
-  MessageMgr& messages() { return messages_; }
+  /// Stages of one exchange. A message that changes something begins with `begin_set`, a query
+  /// with `begin_query`; `kind` is the word by which the simulator knows it. The caller adds the
+  /// data and END, and sends.
+  MessageMgr::MessageBuilder begin_set(const std::string& kind);
+  MessageMgr::MessageBuilder begin_query(const std::string& kind);
+
+  /// Blocks until the reply is there; the caller reads it up to and including END.
+  MessageMgr::MessageDecoder begin_reply();
+  void end_reply(MessageMgr::MessageDecoder& reply);
 
  private:
   void read_STEP_answer(MessageMgr::MessageDecoder& answer);
@@ -117,9 +141,6 @@ class Client {
   void send_QWELLS_query(const std::vector<std::string>& wells,
                          const std::vector<std::string>& items, const std::string& kind);
   void send_QRESVR_query(const std::vector<std::string>& items, const std::string& kind);
-  MessageMgr::MessageBuilder begin_query(const std::string& kind);
-  MessageMgr::MessageDecoder begin_reply();
-  void end_reply(MessageMgr::MessageDecoder& reply);
 
   ProtocolTraits traits_;
   ClientTransporter transporter_;

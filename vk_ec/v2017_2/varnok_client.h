@@ -1,5 +1,8 @@
 #pragma once
 
+#include <string>
+#include <vector>
+
 #include "vk_ec/detail/client.h"
 #include "vk_ec/detail/message.h"
 #include "vk_ec/detail/position_info.h"
@@ -33,6 +36,17 @@ class VarnokClient : public ::vk_ec::detail::Client {
  public:
   /// Opens nothing; `connect` comes first.
   VarnokClient() : Client(kTraits) {}
+
+  /// Gives the external source `name` its composition: one value per component name (otherwise
+  /// `std::invalid_argument`, and nothing is sent).
+  void set_composition_of_fluid_source_external(const std::string& name,
+                                                const std::vector<double>& values,
+                                                const std::vector<std::string>& component_names,
+                                                const std::string& phase);
+
+  /// Attaches the external source `name` of `phase` to `well`; true when the simulator accepted it.
+  bool create_attached_fluid_source_external(const std::string& well, const std::string& name,
+                                             const std::string& phase);
 
  protected:
   explicit VarnokClient(int connected_descriptor) : Client(kTraits, connected_descriptor) {}

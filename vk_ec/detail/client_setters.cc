@@ -1,0 +1,77 @@
+#include "vk_ec/detail/client.h"
+
+namespace vk_ec::detail {
+namespace {
+
+using Strings = std::vector<std::string>;
+
+void check_constraints(const Strings& wells, const std::vector<Strings>& items,
+                       const std::vector<std::vector<double>>& values,
+                       const std::vector<Strings>& setters) {
+  const std::string function = "VarnokClient::set_constraints_for_wells";
+  const auto count = wells.size();
+  if (items.size() != count) Client::throw_invalid_argument(function, 1, 2, count, items.size());
+  if (values.size() != count) Client::throw_invalid_argument(function, 1, 3, count, values.size());
+  if (setters.size() != count)
+    Client::throw_invalid_argument(function, 1, 4, count, setters.size());
+  // Inside a well it is the number of wells that is printed, twice: the established text.
+  for (std::size_t well = 0; well < count; ++well) {
+    if (values[well].size() != items[well].size())
+      Client::throw_invalid_argument(function, 2, 3, count, count);
+    if (setters[well].size() != items[well].size())
+      Client::throw_invalid_argument(function, 2, 4, count, count);
+  }
+}
+
+}  // namespace
+
+MessageMgr::MessageBuilder Client::begin_set(const std::string& kind) {
+  auto message = messages_.createMessageBuilder();
+  message.add_MESS_header("SET", 0).add_MESS_header(kind, 0);
+  return message;
+}
+
+void Client::set_constraints_for_wells(const Strings& wells, const std::vector<Strings>& items,
+                                       const std::vector<std::vector<double>>& values,
+                                       const std::vector<Strings>& setters) {
+  check_constraints(wells, items, values, setters);
+  auto message = begin_set("SETWCONSTRAINTS");
+  for (std::size_t well = 0; well < wells.size(); ++well)
+    message.add_data("WELLNAME", Strings{wells[well]})
+        .add_data("ITEMS", items[well])
+        .add_data("VALUES", values[well])
+        .add_data("SETTERS", setters[well]);
+  message.add_MESS_header("END", 0).send();
+  read_READY_answer();
+}
+
+void Client::set_status_for_wells(const Strings& wells, const Strings& statuses,
+                                  const std::string& closure) {
+  if (wells.size() != statuses.size())
+    throw_invalid_argument("VarnokClient::set_status_for_wells", 1, 2, wells.size(),
+                           statuses.size());
+  begin_set("SETWSTATUS")
+      .add_data("WCLOSURE", Strings{closure})
+      .add_data("SETITEM", Strings{"STATUS"})
+      .add_data("WELNAMES", wells)
+      .add_data("VALUES", statuses)
+      .add_MESS_header("END", 0)
+      .send();
+  read_READY_answer();
+}
+
+void Client::set_uptime_fractions_for_wells(const Strings& wells,
+                                            const std::vector<double>& fractions) {
+  if (wells.size() != fractions.size())
+    throw_invalid_argument("VarnokClient::set_uptime_fractions_for_wells", 1, 2, wells.size(),
+                           fractions.size());
+  begin_set("SETWELLS")
+      .add_data("SETITEM", Strings{"UPTIME_FRACTION"})
+      .add_data("WELNAMES", wells)
+      .add_data("VALUES", fractions)
+      .add_MESS_header("END", 0)
+      .send();
+  read_READY_answer();
+}
+
+}  // namespace vk_ec::detail
