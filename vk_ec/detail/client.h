@@ -30,6 +30,8 @@ struct ProtocolTraits {
 /// for use by two threads at once.
 class Client {
  public:
+  virtual ~Client() = default;
+
   static constexpr unsigned default_port() { return Transporter::default_port(); }
 
   /// Opens the connection as `ClientTransporter::connect` does (`timeout` in seconds), performs
@@ -110,7 +112,6 @@ class Client {
   Client(ProtocolTraits traits, int connected_descriptor)
       : traits_(traits), transporter_(connected_descriptor) {}
 
-  ~Client() = default;
   Client(const Client&) = delete;
   Client& operator=(const Client&) = delete;
 
