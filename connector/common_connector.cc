@@ -1,0 +1,276 @@
+#include "connector/common_connector.h"
+
+#include <stdlib.h>
+
+#include <algorithm>
+#include <array>
+#include <exception>
+#include <stdexcept>
+#include <string_view>
+#include <utility>
+
+#include "connector/inflow_survey.h"
+#include "connector/name_lookup.h"
+#include "vk_ec/detail/position_info.h"
+#include "vk_ec/detail/results.h"
+
+namespace connector {
+namespace {
+
+using ::vk_ec::AlgPos;
+using ::vk_ec::ReservoirQueryResults;
+using ::vk_ec::WellQueryResults;
+using Names = std::vector<std::string>;
+
+// The words that go with every control that the master sets: who set it, and how a well is closed.
+constexpr const char* kUser = "USER";
+constexpr const char* kAllWells = "*";
+
+constexpr const char* kBadWellData = "Unexpected answer when querying the well data.";
+constexpr const char* kBadWellStatuses = "Unexpected answer when querying the well statuses.";
+constexpr const char* kBadStatusData = "Unexpected answer when querying the well status data.";
+
+// The simulator's words for the component properties that the master knows. Their mixed case is the
+// simulator's.
+constexpr std::array<std::pair<std::string_view, std::vector<double> EOS::*>, 10> kFluidProperties{{
+    {"Molecular weight", &EOS::molecular_weight},
+    {"TCrit", &EOS::critical_temperature},
+    {"PCrit", &EOS::critical_pressure},
+    {"VCRIT", &EOS::critical_volume},
+    {"Acentric factor", &EOS::acentric_factor},
+    {"BP", &EOS::boiling_point},
+    {"VSHIFT", &EOS::volume_shift},
+    {"OMEGAA", &EOS::omega_a},
+    {"OMEGAB", &EOS::omega_b},
+    {"Parachor", &EOS::parachor},
+}};
+
+void Require(bool condition, const char* complaint) {
+  if (!condition) throw std::runtime_error(complaint);
+}
+
+// The values of the only item that was asked for.
+template <class T>
+const std::vector<T>& OnlyValues(const ReservoirQueryResults<T>& answer, const char* item,
+                                 const char* complaint) {
+  Require(answer.items.size() == 1 && answer.items[0] == item && answer.values.size() == 1,
+          complaint);
+  return answer.values[0];
+}
+
+}  // namespace
+
+::vk_ec::detail::Client& CommonConnector::client() const {
+  Require(client_ != nullptr, "Not connected to the simulator");
+  return *client_;
+}
+
+void CommonConnector::Connect(const std::string& host, int port, int timeout) {
+  delete std::exchange(client_, NewClient());
+  client_->connect(host, static_cast<unsigned>(port), static_cast<unsigned>(timeout));
+  Require(client_->position_info().position == AlgPos::MODEL_DEFINITION,
+          "Incorrect algorithmic position after connection");
+}
+
+int CommonConnector::Shutdown() {
+  if (client_ == nullptr) return 0;
+  try {
+    client_->do_shutdown();
+  } catch (const std::exception&) {
+    // The simulator has gone by itself, or says what no longer matters: the connection is released
+    // all the same.
+  }
+  delete std::exchange(client_, nullptr);
+  return 0;
+}
+
+double CommonConnector::GetVersion() {
+  constexpr const char* complaint = "Unexpected answer when querying the VARNOK version.";
+  const auto answer = client().get_reservoir_properties<std::string>({"VK_VERSION"});
+  const Names& values = OnlyValues(answer, "VK_VERSION", complaint);
+  Require(!values.empty(), complaint);
+  return strtod(values[0].c_str(), nullptr);
+}
+
+bool CommonConnector::IsMetric() {
+  constexpr const char* complaint = "Unexpected answer when querying the unit system.";
+  const auto answer = client().get_reservoir_properties<std::string>({"UNIT_SYSTEM"});
+  const Names& values = OnlyValues(answer, "UNIT_SYSTEM", complaint);
+  Require(values.size() == 1, complaint);
+  return values[0] == "TOLMEN_METRIC";
+}
+
+double CommonConnector::GetTimeDays() {
+  return client().position_info().time;
+}
+
+void CommonConnector::GetDate(int& day, int& month, int& year) {
+  const auto& date = client().position_info().date;
+  day = date[2];
+  month = date[1];
+  year = date[0];
+}
+
+void CommonConnector::GetStartDate(int& day, int& month, int& year) {
+  constexpr const char* complaint = "Unexpected answer when querying the VARNOK start date.";
+  const auto answer = client().get_reservoir_properties<int>({"START_DATE"});
+  const std::vector<int>& date = OnlyValues(answer, "START_DATE", complaint);
+  Require(date.size() == 6, complaint);
+  day = date[2];
+  month = date[1];
+  year = date[0];
+}
+
+bool CommonConnector::IsCompositional() {
+  constexpr const char* complaint = "Unexpected answer when querying the fluid models.";
+  const auto answer =
+      client().get_reservoir_properties<std::string>({"FM_FLUID_MODEL", "RES_FLUID_MODEL"});
+  Require(answer.items.size() == 2 && answer.values.size() == 2 && answer.values[0].size() == 1 &&
+              answer.values[1].size() == 1,
+          complaint);
+  const auto found = std::find(answer.items.begin(), answer.items.end(), "FM_FLUID_MODEL");
+  Require(found != answer.items.end(), complaint);
+  // Field management alone decides; the reservoir's model is asked for its shape only.
+  return answer.values[static_cast<std::size_t>(found - answer.items.begin())][0] ==
+         "COMPOSITIONAL";
+}
+
+void CommonConnector::GetStaticComposition(EOS* eos) {
+  eos->reset();
+  auto models = client().get_reservoir_fluid_model_description();
+  if (models.empty()) return;
+  auto& model = models.front();
+  eos->component_count = static_cast<std::int32_t>(model.component_names.size());
+  eos->name = std::move(model.eos_name);
+  eos->components = std::move(model.component_names);
+  eos->binary_interaction = std::move(model.bic);
+  const std::size_t count =
+      std::min(model.eos_property_names.size(), model.eos_property_values.size());
+  for (std::size_t i = 0; i < count; ++i) {
+    for (const auto& [name, member] : kFluidProperties) {
+      if (model.eos_property_names[i] == name) {
+        eos->*member = std::move(model.eos_property_values[i]);
+      }
+    }
+  }
+}
+
+void CommonConnector::GetWellStatus(std::vector<StaticWellDef>& wells) {
+  wells.clear();
+  const Names asked = {"TYPE", "STATUS"};
+  auto answer = client().get_properties_for_wells<std::string>({kAllWells}, asked);
+  Require(answer.items == asked, kBadWellStatuses);
+  wells.reserve(answer.wells.size());
+  for (std::size_t i = 0; i < answer.wells.size(); ++i) {
+    Names& row = answer.values.at(i);
+    Require(row.size() == 2, kBadWellStatuses);
+    wells.push_back({std::move(answer.wells[i]), std::move(row[0]), std::move(row[1])});
+  }
+}
+
+void CommonConnector::GetWellStatus() {
+  client().get_properties_for_wells<std::string>({kAllWells}, {"STATUS"});
+}
+
+void CommonConnector::GetWellConstraints() {
+  client().get_constraints_for_wells({kAllWells});
+}
+
+void CommonConnector::GetWellVariables(const std::string& well, const Names& properties,
+                                       std::vector<double>& values) {
+  const auto answer = client().get_properties_for_wells<double>({well}, properties);
+  const std::vector<std::size_t> positions = NameLookup(properties).PositionsIn(answer.items);
+  for (std::size_t i = 0; i < properties.size(); ++i) {
+    if (positions[i] == NameLookup::npos) {
+      throw std::runtime_error("Unexpected answer when querying " + properties[i]);
+    }
+  }
+  Require(answer.items == properties, kBadWellData);
+  for (const std::size_t position : positions) {
+    Require(!answer.values.empty() && position < answer.values[0].size(), kBadWellData);
+    values.push_back(answer.values[0][position]);
+  }
+}
+
+void CommonConnector::GetWellOpPtData(const Names& wells, std::vector<DynWellOpPt>& points) {
+  const Names asked = {"OIL_PRODUCTION_RATE",  "GAS_PRODUCTION_RATE", "WATER_PRODUCTION_RATE",
+                       "WATER_INJECTION_RATE", "GAS_INJECTION_RATE",  "UPTIME_FRACTION",
+                       "BOTTOM_HOLE_PRESSURE", "TUBING_HEAD_PRESSURE"};
+  const auto data = client().get_properties_for_wells<double>(wells, asked);
+  Require(data.items == asked, kBadWellData);
+  const Names statusAsked = {"STATUS"};
+  const auto statuses = client().get_properties_for_wells<std::string>(wells, statusAsked);
+  Require(statuses.items == statusAsked, kBadWellStatuses);
+
+  const NameLookup lookup(wells);
+  const std::vector<std::size_t> dataRows = lookup.PositionsIn(data.wells);
+  const std::vector<std::size_t> statusRows = lookup.PositionsIn(statuses.wells);
+  points.reserve(points.size() + wells.size());
+  for (std::size_t i = 0; i < wells.size(); ++i) {
+    Require(i < data.values.size() && data.values[i].size() == asked.size(), kBadWellData);
+    Require(dataRows[i] < data.values.size(),
+            "Unexpected answer when querying the well operating point data.");
+    Require(statusRows[i] < statuses.values.size(), kBadStatusData);
+    const std::vector<double>& row = data.values[dataRows[i]];
+    const Names& status = statuses.values[statusRows[i]];
+    Require(status.size() == 1, kBadWellStatuses);
+    Require(row.size() == asked.size(), kBadWellData);
+    // Asked sixth, the uptime is the last member.
+    points.push_back({status[0], row[0], row[1], row[2], row[3], row[4], row[6], row[7], row[5]});
+  }
+}
+
+int CommonConnector::GetWellIPRData(int ncomponents, const Names& wells, bool bottom_hole,
+                                    double skewness, std::vector<DynWellIPR>& tables) {
+  InflowSurvey survey(wells, ncomponents, bottom_hole, IsMetric());
+  SetWellStatus(wells, Names(wells.size(), "OPEN"));
+  survey.TakeTypes(client().get_properties_for_wells<std::string>(wells, {"TYPE"}), tables);
+  for (int point = 1; point <= InflowSurvey::kPoints; ++point) {
+    client().set_constraints_for_wells(wells, survey.constraints(), survey.limits(),
+                                       survey.setters());
+    survey.TakePoint(client().get_properties_for_wells<double>(wells, survey.properties()), tables);
+    survey.LowerLimits(point, skewness);
+  }
+  return InflowSurvey::kPoints;
+}
+
+void CommonConnector::SetWellStatus(const Names& wells, const Names& statuses) {
+  if (wells.empty()) return;
+  client().set_status_for_wells(wells, statuses, kUser);
+}
+
+void CommonConnector::SetWellUptime(const Names& wells, const std::vector<double>& fractions) {
+  if (wells.empty()) return;
+  client().set_uptime_fractions_for_wells(wells, fractions);
+}
+
+void CommonConnector::SetWellConstraints(const Names& wells, const std::vector<Names>& properties,
+                                         const std::vector<std::vector<double>>& values) {
+  constexpr const char* complaint = "Incorrect argument dimensions passed to SetWellConstraints";
+  if (wells.empty()) return;
+  Require(properties.size() == wells.size(), complaint);
+  Require(values.size() == wells.size(), complaint);
+  std::vector<Names> setters;
+  setters.reserve(wells.size());
+  for (std::size_t i = 0; i < wells.size(); ++i) {
+    Require(properties[i].size() == values[i].size(), complaint);
+    setters.emplace_back(properties[i].size(), kUser);
+  }
+  client().set_constraints_for_wells(wells, properties, values, setters);
+}
+
+void CommonConnector::Newton() {
+  client().do_continue();
+  Require(client().position_info().position == AlgPos::BEGIN_NEWTON,
+          "Incorrect algorithmic position after advancing to first timestep");
+}
+
+void CommonConnector::RunUntil(double time) {
+  client().do_continue_until(time);
+}
+
+bool CommonConnector::SimulationEnded() {
+  return client().position_info().position == AlgPos::END_SIMULATE;
+}
+
+}  // namespace connector

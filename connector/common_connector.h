@@ -1,0 +1,62 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "connector/connector_base.h"
+#include "vk_ec/detail/client.h"
+
+namespace connector {
+
+/// What the connectors of all protocol versions have in common: everything but the injection
+/// sources, over the client of their version.
+class CommonConnector : public ConnectorBase {
+ public:
+  /// Does not shut the simulator down and does not release the connection: only Shutdown() does.
+  /// A controller that ends on an error leaves the connection to the end of its process.
+  ~CommonConnector() override = default;
+
+  void Connect(const std::string& host, int port, int timeout) override;
+  int Shutdown() override;
+  double GetVersion() override;
+  bool IsMetric() override;
+  double GetTimeDays() override;
+  void GetDate(int& day, int& month, int& year) override;
+  void GetStartDate(int& day, int& month, int& year) override;
+  bool IsCompositional() override;
+  void GetStaticComposition(EOS* eos) override;
+  void GetWellStatus(std::vector<StaticWellDef>& wells) override;
+  void GetWellVariables(const std::string& well, const std::vector<std::string>& properties,
+                        std::vector<double>& values) override;
+  void GetWellOpPtData(const std::vector<std::string>& wells,
+                       std::vector<DynWellOpPt>& points) override;
+  int GetWellIPRData(int ncomponents, const std::vector<std::string>& wells, bool bottom_hole,
+                     double skewness, std::vector<DynWellIPR>& tables) override;
+  void GetWellConstraints() override;
+  void GetWellStatus() override;
+  void SetWellUptime(const std::vector<std::string>& wells,
+                     const std::vector<double>& fractions) override;
+  void SetWellStatus(const std::vector<std::string>& wells,
+                     const std::vector<std::string>& statuses) override;
+  void SetWellConstraints(const std::vector<std::string>& wells,
+                          const std::vector<std::vector<std::string>>& properties,
+                          const std::vector<std::vector<double>>& values) override;
+  void Newton() override;
+  void RunUntil(double time) override;
+  bool SimulationEnded() override;
+
+ protected:
+  CommonConnector() = default;
+
+  /// A client of the version, unconnected; the caller's.
+  virtual ::vk_ec::detail::Client* NewClient() = 0;
+
+  /// The client of Connect(). Throws "Not connected to the simulator" when there is none.
+  ::vk_ec::detail::Client& client() const;
+
+ private:
+  // Owned from Connect() to Shutdown() only.
+  ::vk_ec::detail::Client* client_ = nullptr;
+};
+
+}  // namespace connector

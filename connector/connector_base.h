@@ -1,0 +1,117 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "connector/records.h"
+
+/// The operations of the master on a running simulation, whatever protocol version the simulator
+/// speaks.
+///
+/// Connect() comes first, Shutdown() last, and nothing after it. Every other operation but the
+/// three that only look at the last answer (GetTimeDays, GetDate, SimulationEnded) blocks until
+/// the simulator has answered.
+///
+/// Failures are exceptions: `std::runtime_error` with the sentence given at the operation when an
+/// answer has not the expected shape, and whatever the client throws, unchanged. An operation that
+/// needs the simulator throws `std::runtime_error` "Not connected to the simulator" before
+/// Connect(). Integers that are returned are never error codes. Nothing converts units.
+class ConnectorBase {
+ public:
+  ConnectorBase() = default;
+  ConnectorBase(const ConnectorBase&) = delete;
+  ConnectorBase& operator=(const ConnectorBase&) = delete;
+  virtual ~ConnectorBase() = default;
+
+  /// Connects to the simulator, waiting `timeout` seconds for it to listen. It must then stand at
+  /// the definition of its model, else "Incorrect algorithmic position after connection".
+  virtual void Connect(const std::string& host, int port, int timeout) = 0;
+
+  /// Shuts the simulator down and releases the connection, also when the simulator no longer
+  /// answers. Always 0.
+  virtual int Shutdown() = 0;
+
+  /// The simulator's version; 0 when its text does not begin with a number. "Unexpected answer
+  /// when querying the VARNOK version."
+  virtual double GetVersion() = 0;
+
+  /// Whether the run is in metric units. "Unexpected answer when querying the unit system."
+  virtual bool IsMetric() = 0;
+
+  /// Simulated days, as of the last step; 0 before the first.
+  virtual double GetTimeDays() = 0;
+
+  /// Simulated date, as of the last step; 1 January 1900 before the first.
+  virtual void GetDate(int& day, int& month, int& year) = 0;
+
+  /// Date of day 0. "Unexpected answer when querying the VARNOK start date."
+  virtual void GetStartDate(int& day, int& month, int& year) = 0;
+
+  /// Whether the field-management fluid model is compositional. "Unexpected answer when querying
+  /// the fluid models."
+  virtual bool IsCompositional() = 0;
+
+  /// Replaces `eos` by the first reservoir fluid model; empties it when the run has none.
+  virtual void GetStaticComposition(EOS* eos) = 0;
+
+  /// Attaches a gas source named `source` to `well`; not 0 when the simulator accepted it. With
+  /// version 2016.2, which has no such sources, does nothing and returns 0.
+  virtual int SetWellInjectionSource(const std::string& well, const std::string& source) = 0;
+
+  /// Sets the mole fractions of every source, one exchange each. Lists of different length:
+  /// "Inconsistent data sent to SetWellInjectionComposition". With version 2016.2 does nothing.
+  virtual void SetWellInjectionComposition(
+      const std::vector<std::string>& sources,
+      const std::vector<std::vector<double>>& compositions) = 0;
+
+  /// Replaces `wells` by all wells of the model. "Unexpected answer when querying the well
+  /// statuses."
+  virtual void GetWellStatus(std::vector<StaticWellDef>& wells) = 0;
+
+  /// Appends the values of `properties` of one well to `values`. "Unexpected answer when querying
+  /// the well data."; "Unexpected answer when querying " and the name of a property that the
+  /// simulator left out.
+  virtual void GetWellVariables(const std::string& well, const std::vector<std::string>& properties,
+                                std::vector<double>& values) = 0;
+
+  /// Appends the operating points of `wells`, in their order. "Unexpected answer when querying the
+  /// well data.", "... the well operating point data.", "... the well status data.", "... the well
+  /// statuses." On failure, the points of the wells before stay.
+  virtual void GetWellOpPtData(const std::vector<std::string>& wells,
+                               std::vector<DynWellOpPt>& points) = 0;
+
+  /// Builds the inflow table of each well from its full rate down, by opening all of them and
+  /// lowering their rate limits from point to point; the wells are left open and with the last
+  /// limits, for the master to restore. `skewness` above 1 crowds the points towards low rates.
+  /// `tables` must come empty. Returns the number of points. "Unexpected answer when querying the
+  /// well status data.", "... the well IPR data." More than 100,000 components:
+  /// `std::length_error`.
+  virtual int GetWellIPRData(int ncomponents, const std::vector<std::string>& wells,
+                             bool bottom_hole, double skewness,
+                             std::vector<DynWellIPR>& tables) = 0;
+
+  /// Make the simulator answer for all wells, and drop the answer.
+  virtual void GetWellConstraints() = 0;
+  virtual void GetWellStatus() = 0;
+
+  /// Nothing is sent for an empty list of wells, whatever the other lists hold.
+  virtual void SetWellUptime(const std::vector<std::string>& wells,
+                             const std::vector<double>& fractions) = 0;
+  virtual void SetWellStatus(const std::vector<std::string>& wells,
+                             const std::vector<std::string>& statuses) = 0;
+
+  /// Lists that do not match each other: "Incorrect argument dimensions passed to
+  /// SetWellConstraints", and nothing is sent.
+  virtual void SetWellConstraints(const std::vector<std::string>& wells,
+                                  const std::vector<std::vector<std::string>>& properties,
+                                  const std::vector<std::vector<double>>& values) = 0;
+
+  /// Brings the simulation from the definition of its model to its first time step. "Incorrect
+  /// algorithmic position after advancing to first timestep" when it ends elsewhere.
+  virtual void Newton() = 0;
+
+  /// Runs until `time`, in simulated days, or to the end of the simulation if that comes first.
+  virtual void RunUntil(double time) = 0;
+
+  virtual bool SimulationEnded() = 0;
+};

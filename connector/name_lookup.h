@@ -1,0 +1,31 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+namespace connector {
+
+/// Where each of some names stands in an answer. Of equal names in the answer the first counts.
+///
+/// The simulator mostly answers the names that it was asked for, in their order. Such an answer
+/// costs one comparison of the lists, any other one table of its names; both grow with the number
+/// of names, not with its square.
+class NameLookup {
+ public:
+  static constexpr std::size_t npos = static_cast<std::size_t>(-1);
+
+  /// `asked` stays the caller's and must outlive the object.
+  explicit NameLookup(const std::vector<std::string>& asked);
+
+  /// For each asked name its position in `answered`, or npos.
+  std::vector<std::size_t> PositionsIn(const std::vector<std::string>& answered) const;
+
+ private:
+  const std::vector<std::string>& asked_;
+  std::vector<std::size_t> in_asked_;  // each asked name's first position in its own list
+};
+
+}  // namespace connector

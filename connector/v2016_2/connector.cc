@@ -1,0 +1,21 @@
+#include "connector/v2016_2/connector.h"
+
+#include "vk_ec/v2016_2/varnok_client.h"
+
+namespace v2016_2 {
+
+::vk_ec::detail::Client* Connector::NewClient() {
+  return new vk_ec::VarnokClient;
+}
+
+// The protocol of this version has no external fluid sources. The master asks for them whatever
+// the version is and goes on without them.
+int Connector::SetWellInjectionSource(const std::string& /*well*/, const std::string& /*source*/) {
+  return 0;
+}
+
+void Connector::SetWellInjectionComposition(
+    const std::vector<std::string>& /*sources*/,
+    const std::vector<std::vector<double>>& /*compositions*/) {}
+
+}  // namespace v2016_2

@@ -1,0 +1,234 @@
+#include "connector/inflow_survey.h"
+
+#include <array>
+#include <cmath>
+#include <stdexcept>
+
+#include "tests/connector/connector_fixture.h"
+
+namespace {
+
+template <class Connector>
+class InflowTest : public ConnectorTest<Connector> {
+ protected:
+  using Names = std::vector<std::string>;
+  using Numbers = std::vector<double>;
+
+  const Names kAsked = {"OIL_PRODUCTION_RATE",  "GAS_PRODUCTION_RATE", "WATER_PRODUCTION_RATE",
+                        "WATER_INJECTION_RATE", "GAS_INJECTION_RATE",  "TEMPERATURE",
+                        "GAS_DENSITY",          "WATER_DENSITY",       "OIL_DENSITY",
+                        "BOTTOM_HOLE_PRESSURE", "TUBING_HEAD_PRESSURE"};
+  // Oil 800, gas 5000, water 200.
+  const Numbers kProducing = {800, 5000, 200, 0, 0, 180, 6, 62, 50, 2500, 900};
+
+  void SetUp() override { this->Connect(); }
+
+  // Prepares the answers up to the types of the wells.
+  void AnswerStart(const std::string& units,
+                   const std::vector<std::pair<std::string, std::string>>& wells) {
+    this->AnswerQuery(this->Item("UNIT_SYSTEM", {units}));
+    this->AnswerSetter();
+    std::string rows;
+    for (const auto& [name, type] : wells) rows += this->Words(name, {type});
+    this->AnswerQuery(wire::Cstr("QITEMS", {"TYPE"}) + rows);
+  }
+  void AnswerPoint(const Names& items, const std::string& rows) {
+    this->AnswerSetter();
+    this->AnswerQuery(wire::Cstr("QITEMS", items) + rows);
+  }
+
+  // Prepares the whole survey of well W in field units.
+  void AnswerSurvey(const std::string& type, const Numbers& point, const Names& items) {
+    AnswerStart("TOLMEN_FIELD", {{"W", type}});
+    for (int k = 0; k < 10; ++k) AnswerPoint(items, this->Row("W", point));
+  }
+
+  int Survey(const Names& wells, double skewness, int components = 0, bool bottomHole = true) {
+    return this->connector_.GetWellIPRData(components, wells, bottomHole, skewness, tables_);
+  }
+
+  static std::string SetLimits(const std::string& wells) {
+    return wire::Mess("SET") + wire::Mess("SETWCONSTRAINTS") + wells + wire::Mess("END");
+  }
+  static std::string Limits(const std::string& well, const Names& items, const Numbers& values) {
+    return wire::Cstr("WELLNAME", {well}) + wire::Cstr("ITEMS", items) +
+           wire::Doub("VALUES", values) + wire::Cstr("SETTERS", Names(items.size(), "USER"));
+  }
+
+  std::vector<DynWellIPR> tables_;
+};
+TYPED_TEST_SUITE(InflowTest, ConnectorTypes);
+
+constexpr const char* kBadTypes = "Unexpected answer when querying the well status data.";
+constexpr const char* kBadPoint = "Unexpected answer when querying the well IPR data.";
+
+TYPED_TEST(InflowTest, SurveyOfAProducerIsThisConversation) {
+  this->AnswerSurvey("PRODUCER", this->kProducing, this->kAsked);
+  EXPECT_EQ(this->Survey({"W"}, 1), 10);
+  const std::vector<std::string> items = {"LIQUID_PRODUCTION_RATE", "GAS_PRODUCTION_RATE"};
+  std::vector<std::string> expected = {
+      this->RunQuery("QRESVR_STR", {"UNIT_SYSTEM"}),
+      wire::Mess("SET") + wire::Mess("SETWSTATUS") + wire::Cstr("WCLOSURE", {"USER"}) +
+          wire::Cstr("SETITEM", {"STATUS"}) + wire::Cstr("WELNAMES", {"W"}) +
+          wire::Cstr("VALUES", {"OPEN"}) + this->End(),
+      this->WellQuery("QWELLS_STR", {"TYPE"}, {"W"})};
+  const std::vector<std::vector<double>> limits = {
+      {100000, 100000}, {900, 4500}, {800, 4000}, {700, 3500}, {600, 3000},
+      {500, 2500},      {400, 2000}, {300, 1500}, {200, 1000}, {100, 500}};
+  for (const std::vector<double>& limit : limits) {
+    expected.push_back(this->SetLimits(this->Limits("W", items, limit)));
+    expected.push_back(this->WellQuery("QWELLS", this->kAsked, {"W"}));
+  }
+  EXPECT_EQ(this->Requests(), expected);
+}
+
+TYPED_TEST(InflowTest, SkewnessTwoSquaresTheFractions) {
+  this->AnswerSurvey("WATER_INJECTOR", {0, 0, 0, 1000, 0, 180, 6, 62, 50, 2500, 900}, this->kAsked);
+  this->Survey({"W"}, 2);
+  const std::vector<std::string> requests = this->Requests();
+  ASSERT_EQ(requests.size(), 23U);
+  const std::vector<std::string> items = {"WATER_INJECTION_RATE"};
+  EXPECT_EQ(requests[3], this->SetLimits(this->Limits("W", items, {100000})));
+  // As the decimal fractions below, to the last bit but one.
+  const std::array<double, 9> fractions = {0.81, 0.64, 0.49, 0.36, 0.25, 0.16, 0.09, 0.04, 0.01};
+  for (std::size_t k = 0; k < fractions.size(); ++k) {
+    const double fraction = std::pow((9.0 - static_cast<double>(k)) / 10.0, 2.0);
+    EXPECT_DOUBLE_EQ(fraction, fractions[k]);
+    EXPECT_EQ(requests[5 + 2 * k], this->SetLimits(this->Limits("W", items, {1000 * fraction})));
+  }
+}
+
+TYPED_TEST(InflowTest, MetricFirstLimitsAreTheMastersOwn) {
+  this->AnswerStart("TOLMEN_METRIC",
+                    {{"P", "PRODUCER"}, {"I", "WATER_INJECTOR"}, {"G", "GAS_INJECTOR"}});
+  for (int k = 0; k < 10; ++k) {
+    this->AnswerPoint(this->kAsked, this->Row("P", this->kProducing) +
+                                        this->Row("I", this->kProducing) +
+                                        this->Row("G", this->kProducing));
+  }
+  this->Survey({"P", "I", "G"}, 1);
+  const double liquid = 0.158987 * 100000.0;
+  const double gas = 28174.0 * 100000.0;
+  EXPECT_DOUBLE_EQ(liquid, 15898.7);
+  EXPECT_EQ(gas, 2817400000.0);
+  EXPECT_EQ(this->Requests()[3],
+            this->SetLimits(this->Limits("P", {"LIQUID_PRODUCTION_RATE", "GAS_PRODUCTION_RATE"},
+                                         {liquid, gas}) +
+                            this->Limits("I", {"WATER_INJECTION_RATE"}, {liquid}) +
+                            this->Limits("G", {"GAS_INJECTION_RATE"}, {gas})));
+}
+
+TYPED_TEST(InflowTest, ProducerTableHoldsWhatItProduces) {
+  this->AnswerSurvey("PRODUCER", this->kProducing, this->kAsked);
+  this->Survey({"W"}, 1);
+  ASSERT_EQ(this->tables_.size(), 1U);
+  const DynWellIPR& table = this->tables_[0];
+  EXPECT_EQ(table.pressure, std::vector<double>(10, 2500));
+  EXPECT_EQ(table.oil_rate, std::vector<double>(10, 800));
+  EXPECT_EQ(table.water_rate, std::vector<double>(10, 200));
+  EXPECT_EQ(table.gas_rate, std::vector<double>(10, 5000));
+  EXPECT_EQ(table.temperature, std::vector<double>(10, 180));
+  EXPECT_EQ(table.gas_density, std::vector<double>(10, 6));
+  EXPECT_EQ(table.oil_density, std::vector<double>(10, 50));
+  EXPECT_EQ(table.water_density, std::vector<double>(10, 62));
+  EXPECT_TRUE(table.mole_fractions.empty());
+}
+
+TYPED_TEST(InflowTest, InjectorTableHoldsWhatItInjects) {
+  this->AnswerSurvey("SOMETHING_ELSE", {0, 1, 2, 3, 4, 180, 6, 62, 50, 2500, 900}, this->kAsked);
+  this->Survey({"W"}, 1, 0, false);
+  const DynWellIPR& table = this->tables_.at(0);
+  EXPECT_EQ(table.water_rate, std::vector<double>(10, 3));
+  EXPECT_EQ(table.gas_rate, std::vector<double>(10, 4));
+  EXPECT_EQ(table.pressure, std::vector<double>(10, 900));
+  EXPECT_EQ(this->Requests()[5],
+            this->SetLimits(this->Limits("W", {"GAS_INJECTION_RATE"}, {4 * 0.9})));
+}
+
+TYPED_TEST(InflowTest, MoleFractionsAreAskedByComponentNumberAndFoundByName) {
+  std::vector<std::string> items = this->kAsked;
+  for (const char* number : {"1", "2", "3"}) {
+    items.push_back(std::string("TOTAL_MOLE_FRACTION[") + number + "]");
+  }
+  const std::vector<std::string> answered(items.rbegin(), items.rend());
+  std::vector<double> values = {0.3, 0.2, 0.5};
+  values.insert(values.end(), this->kProducing.rbegin(), this->kProducing.rend());
+  this->AnswerSurvey("PRODUCER", values, answered);
+  this->Survey({"W"}, 1, 3);
+  EXPECT_EQ(this->Requests()[4], this->WellQuery("QWELLS", items, {"W"}));
+  EXPECT_EQ(this->tables_.at(0).mole_fractions,
+            std::vector<std::vector<double>>(10, {0.5, 0.2, 0.3}));
+  EXPECT_EQ(this->tables_.at(0).oil_rate, std::vector<double>(10, 800));
+}
+
+TYPED_TEST(InflowTest, WellsAreFoundByNameInEveryAnswer) {
+  this->AnswerStart("TOLMEN_FIELD", {{"B", "WATER_INJECTOR"}, {"A", "PRODUCER"}});
+  std::vector<double> injecting(11, 0);
+  injecting[3] = 70;
+  for (int k = 0; k < 10; ++k) {
+    this->AnswerPoint(this->kAsked, this->Row("B", injecting) + this->Row("A", this->kProducing));
+  }
+  this->Survey({"A", "B"}, 1);
+  EXPECT_EQ(this->tables_.at(0).oil_rate, std::vector<double>(10, 800));
+  EXPECT_EQ(this->tables_.at(1).water_rate, std::vector<double>(10, 70));
+}
+
+TYPED_TEST(InflowTest, NoWellsStillMakeEveryExchangeButTheStatus) {
+  this->AnswerQuery(this->Item("UNIT_SYSTEM", {"TOLMEN_FIELD"}));
+  this->AnswerQuery("");
+  for (int k = 0; k < 10; ++k) {
+    this->AnswerSetter();
+    this->AnswerQuery("");
+  }
+  EXPECT_EQ(this->Survey({}, 1), 10);
+  EXPECT_TRUE(this->tables_.empty());
+  EXPECT_EQ(this->Requests().size(), 22U);
+}
+
+TYPED_TEST(InflowTest, WellAbsentFromTheTypesFails) {
+  this->AnswerStart("TOLMEN_FIELD", {{"X", "PRODUCER"}});
+  EXPECT_EQ(this->FailureOf([this] { this->Survey({"W"}, 1); }), kBadTypes);
+}
+
+TYPED_TEST(InflowTest, TypeAnswerWithoutAValueFails) {
+  this->AnswerQuery(this->Item("UNIT_SYSTEM", {"TOLMEN_FIELD"}));
+  this->AnswerSetter();
+  this->AnswerQuery(wire::Cstr("QITEMS", {}) + this->Words("W", {}));
+  EXPECT_EQ(this->FailureOf([this] { this->Survey({"W"}, 1); }), kBadTypes);
+}
+
+TYPED_TEST(InflowTest, WellAbsentFromAPointFailsWithThePointsBefore) {
+  this->AnswerStart("TOLMEN_FIELD", {{"W", "PRODUCER"}});
+  this->AnswerPoint(this->kAsked, this->Row("W", this->kProducing));
+  this->AnswerPoint(this->kAsked, this->Row("X", this->kProducing));
+  EXPECT_EQ(this->FailureOf([this] { this->Survey({"W"}, 1); }), kBadPoint);
+  EXPECT_EQ(this->tables_.at(0).oil_rate, std::vector<double>{800});
+}
+
+TYPED_TEST(InflowTest, EveryPropertyMustBeInTheAnswer) {
+  for (std::size_t missing = 0; missing < this->kAsked.size(); ++missing) {
+    std::vector<std::string> items = this->kAsked;
+    items.erase(items.begin() + static_cast<std::ptrdiff_t>(missing));
+    this->AnswerStart("TOLMEN_FIELD", {{"W", "PRODUCER"}});
+    this->AnswerPoint(items, this->Row("W", std::vector<double>(items.size())));
+    this->tables_.clear();
+    EXPECT_EQ(this->FailureOf([this] { this->Survey({"W"}, 1); }), kBadPoint) << missing;
+  }
+}
+
+TYPED_TEST(InflowTest, DataGoIntoTheFirstRecordsOfAListThatWasNotEmpty) {
+  this->tables_.resize(1);
+  this->AnswerSurvey("PRODUCER", this->kProducing, this->kAsked);
+  this->Survey({"W"}, 1);
+  ASSERT_EQ(this->tables_.size(), 2U);
+  EXPECT_EQ(this->tables_[0].oil_rate.size(), 10U);
+  EXPECT_TRUE(this->tables_[1].oil_rate.empty());
+}
+
+TYPED_TEST(InflowTest, TooManyComponentsAreRefused) {
+  this->AnswerQuery(this->Item("UNIT_SYSTEM", {"TOLMEN_FIELD"}));
+  EXPECT_THROW(this->Survey({"W"}, 1, 100001), std::length_error);
+  EXPECT_EQ(this->Requests().size(), 1U);
+}
+
+}  // namespace

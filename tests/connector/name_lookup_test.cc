@@ -1,0 +1,45 @@
+#include "connector/name_lookup.h"
+
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using connector::NameLookup;
+using Names = std::vector<std::string>;
+using Positions = std::vector<std::size_t>;
+
+Positions Find(const Names& asked, const Names& answered) {
+  return NameLookup(asked).PositionsIn(answered);
+}
+
+TEST(NameLookupTest, SameNamesInTheSameOrder) {
+  EXPECT_EQ(Find({"A", "B", "C"}, {"A", "B", "C"}), (Positions{0, 1, 2}));
+}
+
+TEST(NameLookupTest, OtherOrder) {
+  EXPECT_EQ(Find({"A", "B", "C"}, {"C", "A", "B"}), (Positions{1, 2, 0}));
+}
+
+TEST(NameLookupTest, MissingAndExtraNames) {
+  EXPECT_EQ(Find({"A", "B"}, {"X", "B", "Y"}), (Positions{NameLookup::npos, 1}));
+}
+
+TEST(NameLookupTest, FirstOfEqualNamesCountsAlsoWhenTheListsAreTheSame) {
+  EXPECT_EQ(Find({"A", "B", "A"}, {"A", "B", "A"}), (Positions{0, 1, 0}));
+  EXPECT_EQ(Find({"A", "B"}, {"B", "A", "A", "B"}), (Positions{1, 0}));
+}
+
+TEST(NameLookupTest, EmptyLists) {
+  EXPECT_EQ(Find({}, {}), Positions{});
+  EXPECT_EQ(Find({}, {"A"}), Positions{});
+  EXPECT_EQ(Find({"A"}, {}), Positions{NameLookup::npos});
+}
+
+TEST(NameLookupTest, NamesThatDifferInCaseOrLengthAreOthers) {
+  EXPECT_EQ(Find({"A1"}, {"a1", "A", "A10"}), Positions{NameLookup::npos});
+}
+
+}  // namespace
