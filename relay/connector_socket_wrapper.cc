@@ -1,0 +1,478 @@
+#include "relay/connector_socket_wrapper.h"
+
+#include <array>
+#include <stdexcept>
+#include <utility>
+#include <vector>
+
+#include "connector/v2016_2/connector.h"
+#include "connector/v2017_2/connector.h"
+#include "log/flog.h"
+#include "net/getbuf.h"
+#include "net/sendbuf.h"
+#include "net/socket.h"
+#include "relay/corvane_comms_exception.h"
+#include "relay/packing.h"
+
+namespace {
+
+// How much of a receive buffer is cleared before each frame.
+constexpr int kCleared = 2048;
+
+enum Code : unsigned {
+  kConnect = 1,
+  kGetDate = 2,
+  kGetMetricFlag = 3,
+  kGetTimeDays = 4,
+  kGetCompFlag = 5,
+  kGetWellStatus = 6,
+  kNewton = 7,
+  kRunUntil = 8,
+  kGetTermFlag = 9,
+  kGetWellData = 10,
+  kSetWellStatus = 11,
+  kSetWellUptime = 12,
+  kSetWellConstraints = 13,
+  kGetEOSProps = 14,
+  kGetWellVariables = 15,
+  kGetWellIPRData = 16,
+  kGetVersion = 17,
+  kSetWellInjectionSource = 18,
+  kSetWellInjectionComposition = 19,
+  kGetStartDate = 20,
+  kWellDataSub = 4096,
+  kWellIPRDataSub = 4097,
+  kShutdown = 65520
+};
+
+std::unique_ptr<ConnectorBase> NewConnector(int version) {
+  if (version == 20162) return std::make_unique<v2016_2::Connector>();
+  return std::make_unique<v2017_2::Connector>();
+}
+
+// Points of an inflow table, as many as the master's tables have.
+constexpr std::size_t kTablePoints = 10;
+
+// Fields of a request: behind the code, to the end of the receive buffer.
+getbuf FieldsOf(const unsigned char* body) {
+  return getbuf(body, getbuf::kBufferSize - static_cast<std::int64_t>(sizeof(unsigned)));
+}
+
+}  // namespace
+
+ConnectorSocketWrapper::ConnectorSocketWrapper(int version, const std::string& host, Socket* master,
+                                               int port, int timeout, flog& log)
+    : ConnectorSocketWrapper(NewConnector(version), host, master, port, timeout, log) {
+  version_ = version;
+}
+
+ConnectorSocketWrapper::ConnectorSocketWrapper(std::unique_ptr<ConnectorBase> connector,
+                                               const std::string& host, Socket* master, int port,
+                                               int timeout, flog& log)
+    : host_(host),
+      master_(master),
+      connector_(std::move(connector)),
+      log_(&log),
+      port_(port),
+      timeout_(timeout),
+      version_(0) {}
+
+ConnectorSocketWrapper::~ConnectorSocketWrapper() = default;
+
+int ConnectorSocketWrapper::ProcessRequests(std::string& error) {
+  std::vector<unsigned char> buffer(getbuf::kBufferSize);
+  while (true) {
+    int length = 0;
+    if (master_->ReceiveLine(reinterpret_cast<char*>(buffer.data()), kCleared, length) != 0) {
+      error = "No or unexpected data received from Corvane";
+      *log_ << error << "\n";
+      return 1;
+    }
+    unsigned code = 0;
+    getbuf(buffer.data()).UnPack(code);
+    *log_ << "Received header: " << static_cast<unsigned long>(code)
+          << "\n";  // NOLINT(google-runtime-int)
+    std::string reason;
+    if (Handle(code, buffer.data() + sizeof(code), reason) > 0) {
+      error = "Failed to handle data packet received from master: " + reason;
+      *log_ << error << "\n";
+      return 2;
+    }
+    if (code == kShutdown) return 0;
+  }
+}
+
+int ConnectorSocketWrapper::Handle(unsigned code, const unsigned char* body, std::string& error) {
+  try {
+    RunHandler(code, body);
+    return 0;
+  } catch (const corvane_comms_exception& exception) {
+    error = std::string("Exception returned from Corvane comms: ") + exception.what();
+  } catch (const std::runtime_error& exception) {
+    error = std::string("Exception returned from VK controller: ") + exception.what();
+  } catch (const std::exception&) {
+    error = "Unknown exception";
+  }
+  *log_ << error << "\n";
+  return 1;
+}
+
+void ConnectorSocketWrapper::RunHandler(unsigned code, const unsigned char* body) {
+  switch (code) {
+    case kConnect:
+      return Connect(body);
+    case kGetDate:
+      return GetDate(body);
+    case kGetMetricFlag:
+      return GetMetricFlag(body);
+    case kGetTimeDays:
+      return GetTimeDays(body);
+    case kGetCompFlag:
+      return GetCompFlag(body);
+    case kGetWellStatus:
+      return GetWellStatus(body);
+    case kNewton:
+      return Newton(body);
+    case kRunUntil:
+      return RunUntil(body);
+    case kGetTermFlag:
+      return GetTermFlag(body);
+    case kGetWellData:
+      return GetWellData(body);
+    case kSetWellStatus:
+      return SetWellStatus(body);
+    case kSetWellUptime:
+      return SetWellUptime(body);
+    case kSetWellConstraints:
+      return SetWellConstraints(body);
+    case kGetEOSProps:
+      return GetEOSProps(body);
+    case kGetWellVariables:
+      return GetWellVariables(body);
+    case kGetWellIPRData:
+      return GetWellIPRData(body);
+    case kGetVersion:
+      return GetVersion(body);
+    case kSetWellInjectionSource:
+      return SetWellInjectionSource(body);
+    case kSetWellInjectionComposition:
+      return SetWellInjectionComposition(body);
+    case kGetStartDate:
+      return GetStartDate(body);
+    case kShutdown:
+      return Shutdown();
+    default:
+      return;  // the master expects no answer to a code that nobody knows
+  }
+}
+
+int ConnectorSocketWrapper::ReturnWithAck(sendbuf& reply, int ack, int code) {
+  reply.Pack(ack);
+  return reply.Send(master_, static_cast<unsigned>(code));
+}
+
+// Answers a request that has no values to return.
+void ConnectorSocketWrapper::Acknowledge(int code) {
+  sendbuf reply;
+  ReturnWithAck(reply, 0, code);
+}
+
+// A reply that could not be sent shows at the next receive; the results of ReturnWithAck() are
+// not looked at.
+
+void ConnectorSocketWrapper::Connect(const unsigned char* /*body*/) {
+  *log_ << "Connect on host: " << host_ << ", port: " << port_ << ", timeout: " << timeout_ << "\n";
+  connector_->Connect(host_, port_, timeout_);
+  Acknowledge(kConnect);
+}
+
+void ConnectorSocketWrapper::Shutdown() {
+  *log_ << "Shutting down\n";
+  connector_->Shutdown();
+  Acknowledge(kShutdown);
+}
+
+void ConnectorSocketWrapper::GetVersion(const unsigned char* /*body*/) {
+  const double simulator = connector_->GetVersion();
+  sendbuf reply;
+  reply.Pack(simulator);
+  ReturnWithAck(reply, 0, kGetVersion);
+}
+
+void ConnectorSocketWrapper::GetMetricFlag(const unsigned char* /*body*/) {
+  const bool metric = connector_->IsMetric();
+  sendbuf reply;
+  reply.Pack(metric ? 1 : 0);
+  ReturnWithAck(reply, 0, kGetMetricFlag);
+}
+
+void ConnectorSocketWrapper::GetCompFlag(const unsigned char* /*body*/) {
+  const bool compositional = connector_->IsCompositional();
+  sendbuf reply;
+  reply.Pack(compositional ? 1 : 0);
+  ReturnWithAck(reply, 0, kGetCompFlag);
+}
+
+void ConnectorSocketWrapper::GetStartDate(const unsigned char* /*body*/) {
+  int day = 0;
+  int month = 0;
+  int year = 0;
+  connector_->GetStartDate(day, month, year);
+  *log_ << "Getting start date: " << day << ", " << month << ", " << year << "\n";
+  ReturnDate(day, month, year, kGetStartDate);
+}
+
+void ConnectorSocketWrapper::GetDate(const unsigned char* /*body*/) {
+  int day = 0;
+  int month = 0;
+  int year = 0;
+  connector_->GetDate(day, month, year);
+  *log_ << "Getting date: " << day << ", " << month << ", " << year << "\n";
+  ReturnDate(day, month, year, kGetDate);
+}
+
+void ConnectorSocketWrapper::ReturnDate(int day, int month, int year, int code) {
+  sendbuf reply;
+  reply.Pack(day);
+  reply.Pack(month);
+  reply.Pack(year);
+  ReturnWithAck(reply, 0, code);
+}
+
+void ConnectorSocketWrapper::GetTimeDays(const unsigned char* /*body*/) {
+  const double days = connector_->GetTimeDays();
+  *log_ << "GetTimeDays: " << days << "\n";
+  sendbuf reply;
+  reply.Pack(days);
+  ReturnWithAck(reply, 0, kGetTimeDays);
+}
+
+void ConnectorSocketWrapper::Newton(const unsigned char* /*body*/) {
+  *log_ << "Newton\n";
+  connector_->Newton();
+  Acknowledge(kNewton);
+}
+
+void ConnectorSocketWrapper::RunUntil(const unsigned char* body) {
+  double time = 0;
+  FieldsOf(body).UnPack(time);
+  *log_ << "Running until " << time << "\n";
+  connector_->RunUntil(time);
+  Acknowledge(kRunUntil);
+}
+
+void ConnectorSocketWrapper::GetTermFlag(const unsigned char* /*body*/) {
+  const bool ended = connector_->SimulationEnded();
+  sendbuf reply;
+  reply.Pack(ended ? 1 : 0);
+  ReturnWithAck(reply, 0, kGetTermFlag);
+}
+
+void ConnectorSocketWrapper::GetWellStatus(const unsigned char* /*body*/) {
+  std::vector<StaticWellDef> wells;
+  connector_->GetWellStatus(wells);
+  int size = PackedSize(0);
+  for (const StaticWellDef& well : wells) {
+    *log_ << "Well status: " << well.name << ", " << well.type << ", " << well.status << "\n";
+    size += PackedSize(well.name) + PackedSize(well.type) + PackedSize(well.status);
+  }
+  sendbuf reply;
+  reply.PrePack(size + kAckSize);
+  reply.Pack(static_cast<int>(wells.size()));
+  for (const StaticWellDef& well : wells) {
+    reply.Pack(well.name);
+    reply.Pack(well.type);
+    reply.Pack(well.status);
+  }
+  ReturnWithAck(reply, 0, kGetWellStatus);
+}
+
+void ConnectorSocketWrapper::GetWellData(const unsigned char* body) {
+  getbuf fields = FieldsOf(body);
+  int n = 0;
+  fields.UnPack(n);
+  const std::vector<std::string> wells = UnPackTexts(fields, n);
+  std::vector<DynWellOpPt> points;
+  connector_->GetWellOpPtData(wells, points);
+  if (points.size() != wells.size()) {
+    throw corvane_comms_exception(
+        "Discrepancy returned in well data from Corvane: well count in routine VK_GETWELLDATA");
+  }
+  sendbuf count;
+  count.Pack(static_cast<int>(points.size()));
+  ReturnWithAck(count, 0, kGetWellData);
+  *log_ << "GetWellData for " << static_cast<int>(points.size()) << " wells"
+        << "\n";
+  std::vector<unsigned char> buffer(getbuf::kBufferSize);
+  for (const DynWellOpPt& point : points) {
+    AwaitSubRequest(buffer, kWellDataSub,
+                    "Unexpected data received from Corvane, routine VK_GETWELLDATA_SUB");
+    sendbuf reply;
+    reply.PrePack(PackedSize(point.status) + 8 * PackedSize(0.0) + kAckSize);
+    reply.Pack(point.status);
+    for (const double value :
+         {point.oil_rate, point.gas_rate, point.water_rate, point.water_injection_rate,
+          point.gas_injection_rate, point.bottom_hole_pressure, point.tubing_head_pressure,
+          point.uptime_fraction}) {
+      reply.Pack(value);
+    }
+    ReturnWithAck(reply, 0, kWellDataSub);
+  }
+}
+
+void ConnectorSocketWrapper::GetWellIPRData(const unsigned char* body) {
+  getbuf fields = FieldsOf(body);
+  int components = 0;
+  int n = 0;
+  bool bottomHole = false;
+  double skewness = 0;
+  fields.UnPack(components);
+  fields.UnPack(n);
+  const std::vector<std::string> wells = UnPackTexts(fields, n);
+  fields.UnPack(bottomHole);
+  fields.UnPack(skewness);
+  std::vector<DynWellIPR> tables;
+  const int points = connector_->GetWellIPRData(components, wells, bottomHole, skewness, tables);
+  if (tables.size() != wells.size()) {
+    throw corvane_comms_exception(
+        "Discrepancy returned in well data from Corvane: well count in routine "
+        "VK_GETWELLIPRDATA");
+  }
+  sendbuf counts;
+  counts.Pack(static_cast<int>(tables.size()));
+  counts.Pack(points);
+  ReturnWithAck(counts, 0, kGetWellIPRData);
+  std::vector<unsigned char> buffer(getbuf::kBufferSize);
+  for (const DynWellIPR& table : tables) {
+    AwaitSubRequest(buffer, kWellIPRDataSub,
+                    "Unexpected data received from Corvane, routine VK_GETWELLIPRDATA_SUB");
+    ReturnTable(table, components > 0);
+  }
+}
+
+void ConnectorSocketWrapper::ReturnTable(const DynWellIPR& table, bool withMoleFractions) {
+  std::vector<const std::vector<double>*> series = {
+      &table.pressure,    &table.oil_rate,    &table.water_rate,  &table.gas_rate,
+      &table.temperature, &table.gas_density, &table.oil_density, &table.water_density};
+  if (withMoleFractions) {
+    // The master reads this many, whatever the table holds.
+    static const std::vector<double> none;
+    for (std::size_t point = 0; point < kTablePoints; ++point) {
+      series.push_back(point < table.mole_fractions.size() ? &table.mole_fractions[point] : &none);
+    }
+  }
+  int size = kAckSize;
+  for (const std::vector<double>* values : series) size += PackedSize(*values);
+  sendbuf reply;
+  reply.PrePack(size);
+  for (const std::vector<double>* values : series) PackSeries(reply, *values);
+  ReturnWithAck(reply, 0, kWellIPRDataSub);
+}
+
+// Receives the frame with which the master asks for the next well's record.
+void ConnectorSocketWrapper::AwaitSubRequest(std::vector<unsigned char>& buffer, unsigned code,
+                                             const char* complaint) {
+  int length = 0;
+  unsigned received = 0;
+  if (master_->ReceiveLine(reinterpret_cast<char*>(buffer.data()), kCleared, length) == 0) {
+    getbuf(buffer.data()).UnPack(received);
+  }
+  if (received != code) throw corvane_comms_exception(complaint);
+}
+
+void ConnectorSocketWrapper::SetWellStatus(const unsigned char* body) {
+  getbuf fields = FieldsOf(body);
+  int n = 0;
+  int m = 0;
+  fields.UnPack(n);
+  fields.UnPack(m);
+  const std::vector<std::string> wells = UnPackTexts(fields, n);
+  const std::vector<std::string> statuses = UnPackTexts(fields, m);
+  connector_->SetWellStatus(wells, statuses);
+  Acknowledge(kSetWellStatus);
+}
+
+void ConnectorSocketWrapper::SetWellUptime(const unsigned char* body) {
+  getbuf fields = FieldsOf(body);
+  int n = 0;
+  int m = 0;
+  fields.UnPack(n);
+  fields.UnPack(m);
+  const std::vector<std::string> wells = UnPackTexts(fields, n);
+  const std::vector<double> fractions = UnPackNumbers(fields, m);
+  connector_->SetWellUptime(wells, fractions);
+  Acknowledge(kSetWellUptime);
+}
+
+void ConnectorSocketWrapper::SetWellConstraints(const unsigned char* body) {
+  getbuf fields = FieldsOf(body);
+  int n = 0;
+  fields.UnPack(n);
+  const std::vector<std::string> wells = UnPackTexts(fields, n);
+  const auto properties = UnPackGroups(fields, UnPackTexts);
+  const auto values = UnPackGroups(fields, UnPackNumbers);
+  connector_->SetWellConstraints(wells, properties, values);
+  Acknowledge(kSetWellConstraints);
+}
+
+void ConnectorSocketWrapper::GetEOSProps(const unsigned char* /*body*/) {
+  *log_ << "Getting EOS props\n";
+  EOS eos;
+  connector_->GetStaticComposition(&eos);
+  const std::array<const std::vector<double>*, 12> lists = {
+      &eos.molecular_weight,  &eos.critical_temperature,
+      &eos.critical_pressure, &eos.critical_volume,
+      &eos.acentric_factor,   &eos.reserved,
+      &eos.boiling_point,     &eos.volume_shift,
+      &eos.omega_a,           &eos.omega_b,
+      &eos.parachor,          &eos.binary_interaction};
+  int size = PackedSize(eos.name) + PackedSize(0) + kAckSize;
+  for (const std::string& component : eos.components) size += PackedSize(component);
+  for (const auto* values : lists) size += PackedSize(*values);
+  sendbuf reply;
+  reply.PrePack(size);
+  reply.Pack(eos.name);
+  reply.Pack(static_cast<int>(eos.components.size()));
+  for (const std::string& component : eos.components) reply.Pack(component);
+  for (const auto* values : lists) PackSeries(reply, *values);
+  ReturnWithAck(reply, 0, kGetEOSProps);
+}
+
+void ConnectorSocketWrapper::GetWellVariables(const unsigned char* body) {
+  getbuf fields = FieldsOf(body);
+  std::string well;
+  int n = 0;
+  fields.UnPack(well);
+  fields.UnPack(n);
+  const std::vector<std::string> names = UnPackTexts(fields, n);
+  std::vector<double> values;
+  connector_->GetWellVariables(well, names, values);
+  sendbuf reply;
+  reply.PrePack(PackedSize(values) + kAckSize);
+  PackSeries(reply, values);
+  ReturnWithAck(reply, 0, kGetWellVariables);
+}
+
+void ConnectorSocketWrapper::SetWellInjectionSource(const unsigned char* body) {
+  *log_ << "SetWellInjectionSource\n";
+  getbuf fields = FieldsOf(body);
+  std::string well;
+  std::string source;
+  fields.UnPack(well);
+  fields.UnPack(source);
+  const int result = connector_->SetWellInjectionSource(well, source);
+  sendbuf reply;
+  reply.Pack(result & 0xff);  // the master's field has one byte's worth
+  ReturnWithAck(reply, 0, kSetWellInjectionSource);
+}
+
+void ConnectorSocketWrapper::SetWellInjectionComposition(const unsigned char* body) {
+  *log_ << "SetWellInjectionComposition\n";
+  getbuf fields = FieldsOf(body);
+  int n = 0;
+  fields.UnPack(n);
+  const std::vector<std::string> sources = UnPackTexts(fields, n);
+  const auto compositions = UnPackGroups(fields, UnPackNumbers);
+  connector_->SetWellInjectionComposition(sources, compositions);
+  Acknowledge(kSetWellInjectionComposition);
+}

@@ -1,0 +1,83 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "connector/connector_base.h"
+
+class Socket;
+class flog;
+class sendbuf;
+
+/// The controller of one run: serves the master's requests one at a time, in their order, until
+/// the master asks for shutdown or a request fails. The protocol has no error reply, so the master
+/// learns of a failure by the end of the connection, and of its reason from the log.
+class ConnectorSocketWrapper {
+ public:
+  /// Will drive the simulator that listens on `port` of `host`, giving it `timeout` seconds to do
+  /// so. `version` 20162 chooses the simulator's protocol of version 2016.2, every other value
+  /// that of 2017.2. `master` and `log` stay the caller's and must outlive the object.
+  ConnectorSocketWrapper(int version, const std::string& host, Socket* master, int port,
+                         int timeout, flog& log);
+
+  /// The same over a given connector.
+  ConnectorSocketWrapper(std::unique_ptr<ConnectorBase> connector, const std::string& host,
+                         Socket* master, int port, int timeout, flog& log);
+
+  ConnectorSocketWrapper(const ConnectorSocketWrapper&) = delete;
+  ConnectorSocketWrapper& operator=(const ConnectorSocketWrapper&) = delete;
+  virtual ~ConnectorSocketWrapper();
+
+  /// The request loop. Returns 0 after the shutdown request was served, 1 when no frame could be
+  /// received, 2 when a request failed; `error` holds the reason of 1 and 2.
+  int ProcessRequests(std::string& error);
+
+  /// Serves one request. `body` points behind its code, into a receive buffer of getbuf's size.
+  /// Returns 0 when it was served or its code is unknown (unknown codes are not answered), 1 with
+  /// the reason in `error` when it failed with a `std::exception`; others pass through.
+  int Handle(unsigned code, const unsigned char* body, std::string& error);
+
+  /// Ends `reply` with the acknowledgement and sends it; the result is that of sendbuf::Send().
+  int ReturnWithAck(sendbuf& reply, int ack, int code);
+
+  // The handlers, one per request code. Each unpacks the request's fields in the order in which
+  // the master packs them, calls the connector and sends the reply.
+  void Connect(const unsigned char* body);
+  void Shutdown();
+  void GetVersion(const unsigned char* body);
+  void GetMetricFlag(const unsigned char* body);
+  void GetCompFlag(const unsigned char* body);
+  void GetStartDate(const unsigned char* body);
+  void GetDate(const unsigned char* body);
+  void GetTimeDays(const unsigned char* body);
+  void GetEOSProps(const unsigned char* body);
+  void SetWellInjectionSource(const unsigned char* body);
+  void Newton(const unsigned char* body);
+  void RunUntil(const unsigned char* body);
+  void GetTermFlag(const unsigned char* body);
+  void GetWellStatus(const unsigned char* body);
+  void GetWellData(const unsigned char* body);
+  void SetWellStatus(const unsigned char* body);
+  void GetWellIPRData(const unsigned char* body);
+  void GetWellVariables(const unsigned char* body);
+  void SetWellUptime(const unsigned char* body);
+  void SetWellConstraints(const unsigned char* body);
+  void SetWellInjectionComposition(const unsigned char* body);
+
+ private:
+  void RunHandler(unsigned code, const unsigned char* body);
+  void AwaitSubRequest(std::vector<unsigned char>& buffer, unsigned code, const char* complaint);
+  void Acknowledge(int code);
+  void ReturnDate(int day, int month, int year, int code);
+  void ReturnTable(const DynWellIPR& table, bool withMoleFractions);
+
+  std::string host_;
+  Socket* master_;
+  std::unique_ptr<ConnectorBase> connector_;
+  flog* log_;
+  std::int32_t port_;
+  std::int32_t timeout_;
+  std::int32_t version_;
+};

@@ -1,0 +1,40 @@
+#include "relay/packing.h"
+
+#include <algorithm>
+#include <cstdint>
+
+namespace {
+
+// How many elements of at least `size` bytes to make room for when `n` are announced.
+std::size_t Room(const getbuf& fields, int n, std::int64_t size) {
+  return static_cast<std::size_t>(std::clamp<std::int64_t>(n, 0, fields.remaining() / size));
+}
+
+}  // namespace
+
+int PackedSize(const std::string& text) {
+  return PackedSize(0) + static_cast<int>(text.size());
+}
+
+int PackedSize(const std::vector<double>& series) {
+  return PackedSize(0) + PackedSize(0.0) * static_cast<int>(series.size());
+}
+
+void PackSeries(sendbuf& reply, const std::vector<double>& series) {
+  const auto n = static_cast<int>(series.size());
+  reply.Pack(n);
+  reply.Pack(series.data(), n);
+}
+
+std::vector<std::string> UnPackTexts(getbuf& fields, int n) {
+  std::vector<std::string> texts;
+  texts.reserve(Room(fields, n, 4));
+  for (int i = 0; i < n; ++i) fields.UnPack(texts.emplace_back());
+  return texts;
+}
+
+std::vector<double> UnPackNumbers(getbuf& fields, int n) {
+  std::vector<double> numbers(Room(fields, n, 8));
+  fields.UnPack(numbers.data(), n);
+  return numbers;
+}

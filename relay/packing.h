@@ -1,0 +1,45 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "net/getbuf.h"
+#include "net/sendbuf.h"
+
+// The shapes that requests and replies are made of, beyond single values.
+
+/// Bytes of the acknowledgement that ends every reply.
+constexpr int kAckSize = 4;
+
+/// Bytes that a value takes in a reply, to size the reply before it is packed.
+inline int PackedSize(int) {
+  return 4;
+}
+inline int PackedSize(double) {
+  return 8;
+}
+int PackedSize(const std::string& text);
+int PackedSize(const std::vector<double>& series);
+
+/// Appends the count, then the values.
+void PackSeries(sendbuf& reply, const std::vector<double>& series);
+
+/// Reads `n` texts or numbers; none when `n` is not positive. Takes no memory for more of them
+/// than the rest of the buffer can hold. Throws `std::out_of_range` when it ends before.
+std::vector<std::string> UnPackTexts(getbuf& fields, int n);
+std::vector<double> UnPackNumbers(getbuf& fields, int n);
+
+/// Reads a count, then as many groups, each of which is a count and as many elements, read by
+/// `unPack`.
+template <class List>
+std::vector<List> UnPackGroups(getbuf& fields, List (*unPack)(getbuf&, int)) {
+  int groups = 0;
+  fields.UnPack(groups);
+  std::vector<List> lists;
+  for (int group = 0; group < groups; ++group) {
+    int n = 0;
+    fields.UnPack(n);
+    lists.push_back(unPack(fields, n));
+  }
+  return lists;
+}
