@@ -1,0 +1,60 @@
+#include "daemon/answer.h"
+
+#include <stdlib.h>
+
+#include <memory>
+#include <string>
+
+#include "config/env_collection.h"
+#include "daemon/handshake.h"
+#include "daemon/launch.h"
+#include "daemon/manager_information.h"
+#include "log/flog.h"
+#include "net/socket.h"
+#include "relay/connector_socket_wrapper.h"
+
+namespace {
+
+// Serves the master's requests until the run ends. The outcome stands in the comms log.
+void ControlRun(const CManagerInformation& info, const RunRequest& run, const std::string& host) {
+  const std::string name = info.commsLog ? run.path + run.root + ".crvnlog" : std::string();
+  flog log(name, true);
+  const auto version = static_cast<int>(strtol(run.version.c_str(), nullptr, 10));
+  ConnectorSocketWrapper controller(version, host, info.master, info.commsPort, info.startTimeout,
+                                    log);
+  std::string error;
+  if (controller.ProcessRequests(error) == 0) {
+    log << "Process loop has exited naturally, going to sleep again ... \n";
+  } else {
+    log << "Request process loop failed: " << error << "\n";
+  }
+}
+
+void AnswerCall(const CManagerInformation& info) {
+  std::unique_ptr<CEnvCollection> environment;
+  RunRequest run = ShakeHands(info, environment);
+  PrepareClusterRun(run, *info.log);
+  if (!StartScript(info, run)) return;
+  const std::string host = AwaitHost(*info.log);
+  info.master->SendLine("OK|" + host);
+  ControlRun(info, run, host);
+}
+
+}  // namespace
+
+int Answer(void* info) {
+  std::unique_ptr<CManagerInformation> connection(static_cast<CManagerInformation*>(info));
+  flog& log = *connection->log;
+  try {
+    AnswerCall(*connection);
+    return 0;
+  } catch (const Refusal& refusal) {
+    if (!refusal.text.empty()) connection->master->SendLine(refusal.text);
+  } catch (const char* text) {
+    log << "Socket connection failed: " << text << "\n";
+  } catch (...) {
+    log << "Socket connection failed\n";
+  }
+  connection.reset();
+  exit(1);
+}

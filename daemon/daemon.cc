@@ -1,0 +1,145 @@
+#include "daemon/daemon.h"
+
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <iostream>
+#include <memory>
+#include <string>
+
+#include "daemon/answer.h"
+#include "daemon/globals.h"
+#include "daemon/manager_information.h"
+#include "daemon/options.h"
+#include "daemon/signals.h"
+#include "log/flog.h"
+#include "log/timestamp.h"
+#include "net/socket.h"
+#include "net/socket_server.h"
+
+namespace {
+
+constexpr const char* kDefaultScript = "./vkmpi_dir.sh";
+constexpr int kBacklog = 500;
+
+int Fail(const std::string& text) {
+  std::cout << text << std::flush;
+  return 1;
+}
+
+bool Listen(int port) {
+  try {
+    Gps = new SocketServer(port, kBacklog);
+    return true;
+  } catch (const char*) {
+    return false;
+  }
+}
+
+// Sets GszExePath to the directory of the executable, or to "." when it cannot be found.
+bool FindExecutableDirectory() {
+  const std::string link = "/proc/" + std::to_string(getpid()) + "/exe";
+  const ssize_t size = readlink(link.c_str(), GszExePath, sizeof(GszExePath));
+  if (size < 0 || size >= static_cast<ssize_t>(sizeof(GszExePath))) {
+    strcpy(GszExePath, ".");  // NOLINT(clang-analyzer-security.insecureAPI.strcpy): fits
+    return false;
+  }
+  GszExePath[size] = '\0';
+  char* slash = strrchr(GszExePath, '/');
+  if (slash != nullptr) *slash = '\0';
+  return true;
+}
+
+std::string LogName(int port) {
+  return GsLogFileDir + "/VKJobmill_" + std::to_string(port) + ".log";
+}
+
+std::unique_ptr<flog> OpenLog(int port) {
+  auto log = std::make_unique<flog>(LogName(port), true);
+  if (log->status() != 0) {
+    GsLogFileDir = "/tmp";
+    log->SetFile(LogName(port), true);
+  }
+  return log;
+}
+
+void LogStart(flog& log, int argc, char** argv, bool pathFound) {
+  log << "\n";
+  log << "Daemon started: " << timestamp();
+  log << "Version information: " << kProtocolMajor << " (" << GsZRMVersion << ")\n";
+  log << "Arguments: ";
+  for (int i = 1; i < argc; ++i) log << argv[i] << " ";
+  log << "\n";
+  if (pathFound) {
+    log << "Executable path = " << static_cast<const char*>(GszExePath) << "\n";
+  } else {
+    log << "Could not get Exe path - defaulting to '.'\n";
+  }
+}
+
+Socket* AcceptOrExit(flog& log) {
+  try {
+    return Gps->Accept();
+  } catch (const char*) {
+    log << "Socket failure in accept call - exiting ... \n";
+    delete Gps;
+    exit(1);
+  }
+}
+
+// The connection child: everything that the daemon alone needs goes first, so that a dead daemon
+// refuses new masters instead of leaving them in the queue of a socket that nobody serves.
+int AnswerInChild(std::unique_ptr<CManagerInformation> info, flog& log) {
+  Gps->Close();
+  log << "Answering call in child process: " << timestamp();
+  return Answer(info.release());
+}
+
+// Serves connections for ever in the daemon; returns in each connection child.
+int AcceptLoop(const Options& options, flog& log) {
+  for (unsigned long counter = 0;; ++counter) {  // NOLINT(google-runtime-int): as many as come
+    Socket* master = AcceptOrExit(log);
+    const auto ports = static_cast<unsigned long>(options.commsPorts);
+    auto info = std::make_unique<CManagerInformation>(
+        options.script, options.runAsRoot, options.startTimeout,
+        options.commsBasePort + static_cast<std::int32_t>(counter % ports), options.commsLog, &log,
+        master);
+    log << "Accepted incoming connection: " << timestamp();
+    const pid_t child = fork();
+    if (child == 0) return AnswerInChild(std::move(info), log);
+    if (child < 0) {
+      log << "Error occurred forking controlling thread: " << timestamp();
+      // The master is left waiting rather than cut off: its socket stays open, with its record.
+      static_cast<void>(info.release());
+    }
+    // Otherwise the record goes, and with it the daemon's copy of the socket.
+  }
+}
+
+}  // namespace
+
+int RunDaemon(int argc, char** argv) {
+  if (argc <= 1) return Fail(UsageText());
+  Options options = ParseOptions(argc, argv);
+  if (options.version) return Fail(VersionText());
+  if (options.listenPort == 0) {
+    return Fail(
+        "Jobmill needs to be supplied with a port on which to listen for Corvane requests\n");
+  }
+  if (options.script.empty()) options.script = kDefaultScript;
+  if (!PrepareProcess()) {
+    perror(nullptr);
+    exit(1);
+  }
+  if (options.runAsRoot && getuid() != 0) return Fail("The jobmill must be run as root !\n");
+  if (!Listen(options.listenPort)) {
+    return Fail("Error in creating socket to listen on port " + std::to_string(options.listenPort) +
+                ": check netstat to see if the port is already in use\n");
+  }
+  const bool pathFound = FindExecutableDirectory();
+  const std::unique_ptr<flog> log = OpenLog(options.listenPort);
+  LogStart(*log, argc, argv, pathFound);
+  return AcceptLoop(options, *log);
+}

@@ -1,0 +1,163 @@
+#include "daemon/launch.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <linux/close_range.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <string_view>
+#include <vector>
+
+#include "daemon/handshake.h"
+#include "daemon/manager_information.h"
+#include "log/flog.h"
+
+namespace {
+
+constexpr int kLineSize = 1024;
+constexpr std::string_view kHostPrefix = "HOST=";
+
+int Number(const std::string& text) {
+  return static_cast<int>(strtol(text.c_str(), nullptr, 10));
+}
+
+// The shell takes such a name as one word as it stands.
+bool IsPlain(const std::string& name) {
+  constexpr std::string_view plain =
+      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_./+,:=@-~";
+  return name.find_first_not_of(plain) == std::string::npos;
+}
+
+std::string ShellWord(const std::string& name) {
+  if (IsPlain(name)) return name;
+  std::string quoted = "'";
+  for (const char c : name) {
+    if (c == '\'') {
+      quoted += R"('\'')";
+    } else {
+      quoted += c;
+    }
+  }
+  return quoted + "'";
+}
+
+// A simulator may outlive its script. With a descriptor of ours it would hold the master's
+// connection, and the master would never learn that its controller has died.
+void CloseOthersOnExec() {
+  constexpr unsigned first = STDERR_FILENO + 1;
+  if (syscall(SYS_close_range, first, ~0U, CLOSE_RANGE_CLOEXEC) == 0) return;
+  for (long other = sysconf(_SC_OPEN_MAX) - 1; other >= static_cast<long>(first); --other) {
+    fcntl(static_cast<int>(other), F_SETFD, FD_CLOEXEC);
+  }
+}
+
+// Signals as a program expects them; the blocked and the ignored ones would survive the exec.
+void ResetSignals() {
+  signal(SIGPIPE, SIG_DFL);
+  signal(SIGCHLD, SIG_DFL);
+  sigset_t none;
+  sigemptyset(&none);
+  sigprocmask(SIG_SETMASK, &none, nullptr);
+}
+
+// The script process from its first to its last instruction of ours. Returns when the script could
+// not be executed.
+void ExecuteScript(const std::vector<std::string>& arguments, int output, flog& log) {
+  std::vector<char*> vector;
+  for (const std::string& argument : arguments) {
+    vector.push_back(const_cast<char*>(argument.c_str()));
+  }
+  vector.push_back(nullptr);
+  log << "Argument list\n";
+  // The last entry is the end mark. Writing it silences the log: from here on standard output is
+  // the script's.
+  for (std::size_t k = 0; k < vector.size(); ++k) {
+    log << "Arg " << static_cast<int>(k + 1) << ": " << vector[k] << "\n";
+  }
+  dup2(output, STDOUT_FILENO);
+  ResetSignals();
+  CloseOthersOnExec();
+  execv(vector[0], vector.data());
+  log << "Error from execv: " << errno << "\n";
+}
+
+bool IsMissing(std::string_view host) {
+  const std::size_t first = host.find_first_not_of(' ');
+  return first == std::string_view::npos || host[first] == '\n';
+}
+
+}  // namespace
+
+bool IsClusterRun(const RunRequest& run) {
+  return strtol(run.cluster.c_str(), nullptr, 10) > 0;
+}
+
+std::string CopyCommand(const std::string& source, const std::string& target) {
+  return "cp " + ShellWord(source) + " " + ShellWord(target);
+}
+
+void PrepareClusterRun(RunRequest& run, flog& log) {
+  if (!IsClusterRun(run)) return;
+  log << "Dealing with cluster run now ...\n";
+  const std::string extended = run.root + "_" + run.cluster;
+  const std::string source = run.path + "/" + run.root + ".afi";
+  const std::string target = run.path + "/" + extended + ".afi";
+  log << "Copying " << source << " to " << target << "\n";
+  // Only system() itself is judged. A model may have no input file to copy; the simulator says so
+  // better than cp does.
+  const int result = system(CopyCommand(source, target).c_str());  // NOLINT(cert-env33-c)
+  log << (result < 0 ? "Copy failed - run will probably fail\n" : "Copy succeeded\n");
+  run.root = extended;
+}
+
+bool StartScript(const CManagerInformation& info, const RunRequest& run) {
+  flog& log = *info.log;
+  std::array<int, 2> ends{};
+  if (pipe2(ends.data(), O_CLOEXEC) != 0) {
+    log << "Error: pipe failed\n";
+    throw Refusal{};
+  }
+  const std::vector<std::string> arguments = {
+      info.script, std::to_string(Number(run.processes)), run.path,
+      run.root,    std::to_string(info.commsPort),        run.debugFlag};
+  const auto [readEnd, writeEnd] = ends;
+  const pid_t script = fork();
+  if (script < 0) {
+    log << "Error: fork failed\n";
+    throw Refusal{};
+  }
+  if (script == 0) {
+    ExecuteScript(arguments, writeEnd, log);
+    return false;
+  }
+  dup2(readEnd, STDIN_FILENO);
+  close(writeEnd);
+  close(readEnd);
+  return true;
+}
+
+std::string AwaitHost(flog& log) {
+  std::array<char, kLineSize> line{};
+  std::string host;
+  while (fgets(line.data(), line.size(), stdin) != nullptr) {
+    log << static_cast<const char*>(line.data());
+    if (std::string_view(line.data()).starts_with(kHostPrefix)) {
+      host = line.data() + kHostPrefix.size();
+      break;
+    }
+  }
+  if (IsMissing(host)) {
+    log << "No host detected, exiting.\n";
+    throw Refusal{"No host detected"};
+  }
+  std::replace(host.begin(), host.end(), '\n', '\0');
+  log << "Host detected: " << host << "\n";
+  return host;
+}

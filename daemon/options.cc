@@ -1,0 +1,64 @@
+#include "daemon/options.h"
+
+#include <stdlib.h>
+
+#include <algorithm>
+#include <string_view>
+
+#include "daemon/globals.h"
+
+namespace {
+
+constexpr std::int32_t kLeastStartTimeout = 5;
+constexpr std::int32_t kLeastCommsBasePort = 2048;
+constexpr std::int32_t kLeastCommsPorts = 2;
+
+std::int32_t Number(const char* text) {
+  return static_cast<std::int32_t>(strtol(text, nullptr, 10));
+}
+
+}  // namespace
+
+Options ParseOptions(int argc, const char* const* argv) {
+  Options options;
+  for (int i = 1; i < argc; ++i) {
+    const std::string_view option = argv[i];
+    const char* value = i + 1 < argc ? argv[i + 1] : argv[i];
+    const auto is = [option](std::string_view lower, std::string_view upper) {
+      return option == lower || option == upper;
+    };
+    if (is("-v", "-V")) {
+      options.version = true;
+      break;
+    }
+    if (is("-u", "-U")) options.runAsRoot = false;
+    if (is("-p", "-P")) options.listenPort = Number(value);
+    if (is("-t", "-T")) options.startTimeout = std::max(Number(value), kLeastStartTimeout);
+    if (is("-o", "-O")) options.commsBasePort = std::max(Number(value), kLeastCommsBasePort);
+    if (is("-n", "-N")) options.commsPorts = std::max(Number(value), kLeastCommsPorts);
+    if (is("-l", "-L")) options.commsLog = true;
+    if (option == "-s") options.script = value;
+  }
+  return options;
+}
+
+std::string UsageText() {
+  return "Usage: vkjobmill.exe.\n"
+         "-p <listen_port> - port on which to listen for Corvane requests\n"
+         "-o <comms base port> - start port for VK-controller communication, will be incremented "
+         "with each run (default 9001)\n"
+         "-n <number of free comms ports> - number of free ports, starting from the base port, for "
+         "VK-controller communication (default 100)\n"
+         "-s <script> - distribution script (fully qualified path)\n"
+         "-t <timeout(s)> - the time to wait for Varnok to start (not including any 'PEND' time), "
+         "default = 60\n"
+         "-u - run under this user account (not root)\n"
+         "-l - generate comms log file in data directory\n"
+         "-v - print version information\n";
+}
+
+std::string VersionText() {
+  return "Jobmill.\nProtocol version: " + std::to_string(kProtocolMajor) + "." +
+         std::to_string(kProtocolMinor) + ".\nZRM compatibility version: " + GsZRMVersion +
+         "\nVarnok API version compatibility: built with API for V2016.2 ->\n";
+}

@@ -1,0 +1,26 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+/// The command line of the daemon.
+struct Options {
+  std::int32_t listenPort = 0;  ///< 0: none given
+  std::int32_t startTimeout = 60;
+  std::int32_t commsBasePort = 9001;
+  std::int32_t commsPorts = 100;
+  std::string script;  ///< empty: none given
+  bool runAsRoot = true;
+  bool commsLog = false;
+  bool version = false;  ///< print the version and nothing else
+};
+
+/// Reads the arguments from argv[1] on. Every position is looked at, the values of options too;
+/// what is no option is passed over. An option at the very end is its own value. Numbers below
+/// their lower bound are raised to it, texts without digits read as 0. Stops at the version
+/// option.
+Options ParseOptions(int argc, const char* const* argv);
+
+/// The usage and version texts, as printed.
+std::string UsageText();
+std::string VersionText();

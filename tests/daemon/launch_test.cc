@@ -1,0 +1,75 @@
+#include "daemon/launch.h"
+
+#include <filesystem>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "daemon/handshake.h"
+#include "log/flog.h"
+#include "tests/support/temporary_directory.h"
+
+namespace {
+
+TEST(CopyCommandTest, PlainNamesStandAsTheyAre) {
+  EXPECT_EQ(CopyCommand("/data/run/CASE.afi", "/data/run/CASE_3.afi"),
+            "cp /data/run/CASE.afi /data/run/CASE_3.afi");
+  EXPECT_EQ(CopyCommand("~a_B9/.-+,:=@", "x"), "cp ~a_B9/.-+,:=@ x");
+}
+
+TEST(CopyCommandTest, OtherNamesAreQuoted) {
+  EXPECT_EQ(CopyCommand("/my data/A.afi", "/d/$(id)"), "cp '/my data/A.afi' '/d/$(id)'");
+  EXPECT_EQ(CopyCommand("it's", "b"), R"(cp 'it'\''s' b)");
+}
+
+class ClusterRunTest : public testing::Test {
+ protected:
+  void SetUp() override { testing::internal::CaptureStdout(); }
+  void TearDown() override { testing::internal::GetCapturedStdout(); }
+
+  // Prepares run `root` of this cluster number in the directory; what was logged.
+  std::string Prepare(const std::string& cluster, const std::string& root = "CASE") {
+    run_.cluster = cluster;
+    run_.path = directory_.path().string();
+    run_.root = root;
+    PrepareClusterRun(run_, log_);
+    return directory_.Read("log");
+  }
+
+  TemporaryDirectory directory_;
+  flog log_{directory_.File("log"), true};
+  RunRequest run_;
+};
+
+TEST_F(ClusterRunTest, PositiveNumberCopiesTheInputAndExtendsTheRoot) {
+  directory_.Write("CASE.afi", "deck");
+  const std::string path = directory_.path().string();
+  EXPECT_EQ(Prepare("3"), "Dealing with cluster run now ...\nCopying " + path + "/CASE.afi to " +
+                              path + "/CASE_3.afi\nCopy succeeded\n");
+  EXPECT_EQ(directory_.Read("CASE_3.afi"), "deck");
+  EXPECT_EQ(run_.root, "CASE_3");
+}
+
+TEST_F(ClusterRunTest, OtherTextsAreNoClusterRun) {
+  for (const char* cluster : {"0", "", "abc", "-1"}) {
+    EXPECT_EQ(Prepare(cluster), "") << cluster;
+    EXPECT_EQ(run_.root, "CASE");
+  }
+}
+
+TEST_F(ClusterRunTest, FailedCopyIsLoggedAsSucceededAndTheRunGoesOn) {
+  EXPECT_NE(Prepare("3", "ABSENT").find("\nCopy succeeded\n"), std::string::npos);
+  EXPECT_EQ(run_.root, "ABSENT_3");
+}
+
+TEST_F(ClusterRunTest, TextsThatAShellWouldExecuteAreOnlyNames) {
+  directory_.Write("a b;touch x.afi", "deck");
+  Prepare("1;touch y", "a b;touch x");
+  EXPECT_EQ(run_.root, "a b;touch x_1;touch y");
+  EXPECT_EQ(directory_.Read("a b;touch x_1;touch y.afi"), "deck");
+  EXPECT_FALSE(std::filesystem::exists(directory_.File("x")));
+  EXPECT_FALSE(std::filesystem::exists("x.afi"));
+  EXPECT_FALSE(std::filesystem::exists("y.afi"));
+}
+
+}  // namespace

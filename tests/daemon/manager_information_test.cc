@@ -1,0 +1,31 @@
+#include "daemon/manager_information.h"
+
+#include <fcntl.h>
+
+#include <memory>
+#include <type_traits>
+
+#include <gtest/gtest.h>
+
+#include "net/socket.h"
+#include "tests/support/socket_pair.h"
+
+namespace {
+
+static_assert(std::has_virtual_destructor_v<CManagerInformation>);
+
+TEST(ManagerInformationTest, DestructionClosesTheMastersConnection) {
+  SocketPair pair;
+  const int number = pair.ours.get();
+  auto info = std::make_unique<CManagerInformation>("script", false, 60, 9001, true, nullptr,
+                                                    new Socket(pair.ours.Release()));
+  EXPECT_EQ(info->script, "script");
+  EXPECT_EQ(info->startTimeout, 60);
+  EXPECT_EQ(info->commsPort, 9001);
+  EXPECT_FALSE(info->runAsRoot);
+  EXPECT_TRUE(info->commsLog);
+  info.reset();
+  EXPECT_EQ(fcntl(number, F_GETFD), -1);
+}
+
+}  // namespace

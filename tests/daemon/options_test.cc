@@ -1,0 +1,109 @@
+#include "daemon/options.h"
+
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+Options Parse(std::vector<const char*> arguments) {
+  arguments.insert(arguments.begin(), "vkjobmill.exe");
+  return ParseOptions(static_cast<int>(arguments.size()), arguments.data());
+}
+
+TEST(OptionsTest, DefaultsHoldWithoutOptions) {
+  const Options options = Parse({});
+  EXPECT_EQ(options.listenPort, 0);
+  EXPECT_EQ(options.startTimeout, 60);
+  EXPECT_EQ(options.commsBasePort, 9001);
+  EXPECT_EQ(options.commsPorts, 100);
+  EXPECT_EQ(options.script, "");
+  EXPECT_TRUE(options.runAsRoot);
+  EXPECT_FALSE(options.commsLog);
+  EXPECT_FALSE(options.version);
+}
+
+TEST(OptionsTest, LowerCaseFormsAreRead) {
+  const Options options =
+      Parse({"-p", "5000", "-t", "120", "-o", "20000", "-n", "7", "-s", "/opt/launch", "-u", "-l"});
+  EXPECT_EQ(options.listenPort, 5000);
+  EXPECT_EQ(options.startTimeout, 120);
+  EXPECT_EQ(options.commsBasePort, 20000);
+  EXPECT_EQ(options.commsPorts, 7);
+  EXPECT_EQ(options.script, "/opt/launch");
+  EXPECT_FALSE(options.runAsRoot);
+  EXPECT_TRUE(options.commsLog);
+}
+
+TEST(OptionsTest, UpperCaseFormsAreReadButForTheScript) {
+  const Options options =
+      Parse({"-P", "5000", "-T", "120", "-O", "20000", "-N", "7", "-S", "/opt/launch", "-U", "-L"});
+  EXPECT_EQ(options.listenPort, 5000);
+  EXPECT_EQ(options.startTimeout, 120);
+  EXPECT_EQ(options.commsBasePort, 20000);
+  EXPECT_EQ(options.commsPorts, 7);
+  EXPECT_EQ(options.script, "");
+  EXPECT_FALSE(options.runAsRoot);
+  EXPECT_TRUE(options.commsLog);
+}
+
+TEST(OptionsTest, SmallNumbersAreRaisedToTheirBounds) {
+  EXPECT_EQ(Parse({"-t", "1"}).startTimeout, 5);
+  EXPECT_EQ(Parse({"-o", "80"}).commsBasePort, 2048);
+  EXPECT_EQ(Parse({"-n", "0"}).commsPorts, 2);
+  EXPECT_EQ(Parse({"-n", "1"}).commsPorts, 2);
+  EXPECT_EQ(Parse({"-n", "x"}).commsPorts, 2);
+}
+
+TEST(OptionsTest, TrailingOptionIsItsOwnValue) {
+  EXPECT_EQ(Parse({"-p"}).listenPort, 0);
+  EXPECT_EQ(Parse({"-s"}).script, "-s");
+  EXPECT_EQ(Parse({"-t"}).startTimeout, 5);
+}
+
+TEST(OptionsTest, TextThatIsNoNumberIsZero) {
+  EXPECT_EQ(Parse({"-p", "http"}).listenPort, 0);
+}
+
+TEST(OptionsTest, ValueThatIsAnOptionIsReadAsBoth) {
+  const Options options = Parse({"-s", "-u", "-p", "7000"});
+  EXPECT_EQ(options.script, "-u");
+  EXPECT_FALSE(options.runAsRoot);
+  EXPECT_EQ(options.listenPort, 7000);
+}
+
+TEST(OptionsTest, OtherArgumentsArePassedOver) {
+  EXPECT_EQ(Parse({"-x", "--port", "1", "-p", "7000", "-pp", "-u "}).listenPort, 7000);
+  EXPECT_TRUE(Parse({"-u "}).runAsRoot);
+}
+
+TEST(OptionsTest, VersionStopsTheReadingBehindIt) {
+  const Options options = Parse({"-p", "5000", "-V", "-u"});
+  EXPECT_TRUE(options.version);
+  EXPECT_EQ(options.listenPort, 5000);
+  EXPECT_TRUE(options.runAsRoot);
+}
+
+TEST(OptionsTest, VersionTextNamesBothVersions) {
+  EXPECT_EQ(VersionText(),
+            "Jobmill.\nProtocol version: 3.0.\nZRM compatibility version: ZRM11\n"
+            "Varnok API version compatibility: built with API for V2016.2 ->\n");
+}
+
+TEST(OptionsTest, UsageHasOneLineAnOption) {
+  EXPECT_EQ(UsageText(),
+            "Usage: vkjobmill.exe.\n"
+            "-p <listen_port> - port on which to listen for Corvane requests\n"
+            "-o <comms base port> - start port for VK-controller communication, will be "
+            "incremented with each run (default 9001)\n"
+            "-n <number of free comms ports> - number of free ports, starting from the base port, "
+            "for VK-controller communication (default 100)\n"
+            "-s <script> - distribution script (fully qualified path)\n"
+            "-t <timeout(s)> - the time to wait for Varnok to start (not including any 'PEND' "
+            "time), default = 60\n"
+            "-u - run under this user account (not root)\n"
+            "-l - generate comms log file in data directory\n"
+            "-v - print version information\n");
+}
+
+}  // namespace

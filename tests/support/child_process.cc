@@ -1,0 +1,125 @@
+#include "tests/support/child_process.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+namespace {
+
+void Redirect(const std::string& file, int flags, int target) {
+  const int opened = open(file.c_str(), flags, 0666);
+  if (opened < 0) _exit(126);
+  dup2(opened, target);
+  if (opened != target) close(opened);
+}
+
+[[noreturn]] void RunChild(const std::vector<std::string>& arguments,
+                           const ChildProcess::Options& options) {
+  setpgid(0, 0);
+  Redirect(options.inputFile, O_RDONLY, STDIN_FILENO);
+  Redirect(options.outputFile, O_WRONLY | O_CREAT | O_APPEND, STDOUT_FILENO);
+  dup2(STDOUT_FILENO, STDERR_FILENO);
+  if (!options.directory.empty() && chdir(options.directory.c_str()) != 0) _exit(126);
+  for (const std::string& variable : options.environment) {
+    const std::size_t equals = variable.find('=');
+    setenv(variable.substr(0, equals).c_str(), variable.substr(equals + 1).c_str(), 1);
+  }
+  if (options.inChild) {
+    const int status = options.inChild();
+    if (arguments.empty()) exit(status);
+  }
+  std::vector<char*> vector;
+  for (const std::string& argument : arguments) {
+    vector.push_back(const_cast<char*>(argument.c_str()));
+  }
+  vector.push_back(nullptr);
+  execvp(vector[0], vector.data());
+  _exit(127);
+}
+
+}  // namespace
+
+ChildProcess::ChildProcess(const std::vector<std::string>& arguments, const Options& options)
+    : pid_(fork()) {
+  if (pid_ < 0) throw std::runtime_error("fork failed");
+  if (pid_ == 0) RunChild(arguments, options);
+  setpgid(pid_, pid_);  // in both processes: whichever comes first
+}
+
+ChildProcess::~ChildProcess() {
+  kill(-pid_, SIGTERM);
+  if (!Wait(std::chrono::seconds(2))) kill(-pid_, SIGKILL);
+  Wait(std::chrono::seconds(10));
+  kill(-pid_, SIGKILL);  // what the process left behind in its group
+}
+
+std::optional<int> ChildProcess::Wait(std::chrono::milliseconds limit) {
+  if (status_) return status_;
+  const int handle = static_cast<int>(syscall(SYS_pidfd_open, pid_, 0));
+  pollfd ended{handle, POLLIN, 0};
+  const int ready = poll(&ended, 1, static_cast<int>(limit.count()));
+  close(handle);
+  if (ready <= 0) return std::nullopt;
+  int status = 0;
+  if (waitpid(pid_, &status, 0) != pid_) return std::nullopt;
+  status_ = WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+  return status_;
+}
+
+void ChildProcess::Signal(int signal) const {
+  kill(pid_, signal);
+}
+
+bool Eventually(const std::function<bool()>& condition, std::chrono::milliseconds limit) {
+  const auto end = std::chrono::steady_clock::now() + limit;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > end) return condition();
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return true;
+}
+
+bool IsRunning(pid_t pid) {
+  std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
+  std::string text;
+  if (!std::getline(file, text)) return false;
+  const std::size_t state = text.rfind(") ");  // behind the name, which may hold anything
+  return state != std::string::npos && text[state + 2] != 'Z' && text[state + 2] != 'X';
+}
+
+std::vector<pid_t> ChildrenOf(pid_t parent) {
+  const std::string id = std::to_string(parent);
+  std::ifstream file("/proc/" + id + "/task/" + id + "/children");
+  std::vector<pid_t> children;
+  pid_t child = 0;
+  while (file >> child) children.push_back(child);
+  return children;
+}
+
+std::size_t OpenDescriptors(pid_t pid) {
+  const std::filesystem::directory_iterator all("/proc/" + std::to_string(pid) + "/fd");
+  return static_cast<std::size_t>(std::distance(begin(all), end(all)));
+}
+
+long StatusValue(pid_t pid, const std::string& name) {
+  std::ifstream file("/proc/" + std::to_string(pid) + "/status");
+  std::string line;
+  while (std::getline(file, line)) {
+    if (line.starts_with(name + ":")) {
+      long value = -1;
+      std::istringstream(line.substr(name.size() + 1)) >> value;
+      return value;
+    }
+  }
+  return -1;
+}

@@ -1,0 +1,58 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+/// A process that the test started, with its standard output and standard error in a file. It has
+/// a process group of its own; the destructor ends the whole group, by its number.
+class ChildProcess {
+ public:
+  struct Options {
+    std::string outputFile = "/dev/null";
+    std::string inputFile = "/dev/null";
+    std::string directory;                 ///< working directory; empty: the test's
+    std::vector<std::string> environment;  ///< "NAME=value", on top of the test's
+    /// Runs in the child just before the exec, or in place of it when `arguments` are empty; its
+    /// result is then the exit status.
+    std::function<int()> inChild;
+  };
+
+  ChildProcess(const std::vector<std::string>& arguments, const Options& options);
+  ChildProcess(const ChildProcess&) = delete;
+  ChildProcess& operator=(const ChildProcess&) = delete;
+  ~ChildProcess();
+
+  pid_t pid() const { return pid_; }
+
+  /// Waits for the end. The exit status, 128 plus the number of the signal that ended it, or
+  /// nothing when it still runs after `limit`.
+  std::optional<int> Wait(std::chrono::milliseconds limit);
+
+  void Signal(int signal) const;
+
+ private:
+  pid_t pid_;
+  std::optional<int> status_;
+};
+
+/// Looks every few milliseconds whether `condition` holds; false when it does not within `limit`.
+/// For what no descriptor announces, such as the content of another process's log.
+bool Eventually(const std::function<bool()>& condition,
+                std::chrono::milliseconds limit = std::chrono::seconds(10));
+
+/// Whether a process of this number exists and has not ended.
+bool IsRunning(pid_t pid);
+
+/// The numbers of the children of `parent`, zombies included.
+std::vector<pid_t> ChildrenOf(pid_t parent);
+
+/// How many descriptors a process has open.
+std::size_t OpenDescriptors(pid_t pid);
+
+/// A line of /proc/PID/status, as a number: "VmRSS" in KiB for example; -1 when there is none.
+long StatusValue(pid_t pid, const std::string& name);
