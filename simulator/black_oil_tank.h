@@ -1,0 +1,56 @@
+#ifndef JOBMILL_SIMULATOR_BLACK_OIL_TANK_H_
+#define JOBMILL_SIMULATOR_BLACK_OIL_TANK_H_
+
+#include <vector>
+
+#include "simulator/equation_of_state.h"
+#include "simulator/tank.h"
+
+namespace simulator {
+
+/// A tank of oil with dissolved gas, free gas and water: three conserved surface volumes. Gas
+/// solubility and oil volume after Standing, gas volume from the Peng-Robinson equation for a gas
+/// with Sutton's pseudo-critical constants.
+class BlackOilTank : public Tank {
+ public:
+  explicit BlackOilTank(const Deck& deck);
+
+  [[nodiscard]] Amounts produced(const Exchange& exchange) const override;
+  [[nodiscard]] Amounts in_place() const override;
+  [[nodiscard]] double oil_density(double pressure) const override;
+  [[nodiscard]] double gas_density(double pressure) const override;
+  [[nodiscard]] std::vector<double> stream_composition(double gas_mobility) const override;
+
+ protected:
+  void apply(const Exchange& exchange, double days) override;
+  void save() override;
+  void restore() override;
+  [[nodiscard]] double emptying_limit(const Exchange& exchange) const override;
+  [[nodiscard]] double hydrocarbon_volume(double pressure) const override;
+  void update_flow(double pressure) override;
+
+ private:
+  struct Contents {
+    double oil = 0;  // sm3
+    double gas = 0;  // sm3, free and dissolved
+    double water = 0;
+  };
+  [[nodiscard]] double solution_ratio(double pressure) const;
+  [[nodiscard]] double bubble_point(double solution_ratio) const;
+  [[nodiscard]] double dissolved(double pressure) const;
+  [[nodiscard]] double oil_volume_factor(double pressure) const;
+  [[nodiscard]] double gas_volume_factor(double pressure) const;
+
+  EquationOfState gas_equation_;
+  double oil_gravity_;  // over water
+  double gas_gravity_;  // over air
+  double api_;
+  double oil_compressibility_;
+  double oil_ = 0;
+  double gas_ = 0;
+  Contents saved_;
+};
+
+}  // namespace simulator
+
+#endif  // JOBMILL_SIMULATOR_BLACK_OIL_TANK_H_

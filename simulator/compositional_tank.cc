@@ -1,0 +1,147 @@
+#include "simulator/compositional_tank.h"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <numeric>
+
+namespace simulator {
+
+CompositionalTank::CompositionalTank(const Deck& deck)
+    : Tank(deck),
+      reservoir_equation_(deck.composition->components, deck.temperature + 273.15),
+      surface_equation_(deck.composition->components, kStandardTemperature) {
+  moles_ = deck.composition->reservoir;
+  const double volume = reservoir_equation_.flash(moles_, deck.pressure).volume();
+  const double moles = deck.pore_volume * (1 - deck.water_saturation) / volume;
+  for (double& each : moles_) each *= moles;
+  flow_.pressure = deck.pressure;
+  set_scale();
+}
+
+double CompositionalTank::total_moles() const {
+  return std::accumulate(moles_.begin(), moles_.end(), 0.0);
+}
+
+std::vector<double> CompositionalTank::fractions() const {
+  const double total = total_moles();
+  std::vector<double> z = moles_;
+  for (double& each : z) each /= total;
+  return z;
+}
+
+double CompositionalTank::hydrocarbon_volume(double pressure) const {
+  return total_moles() * reservoir_equation_.flash(fractions(), pressure).volume();
+}
+
+// What `moles` of a reservoir phase become at the surface, and half way up the tubing, where the
+// reservoir's temperature still holds.
+Stream CompositionalTank::surface_stream(const std::vector<double>& mixture, double moles,
+                                         double pressure) const {
+  if (moles <= 0) return {};
+  const Flash surface = surface_equation_.flash(mixture, kStandardPressure);
+  const Flash tubing = reservoir_equation_.flash(mixture, tubing_pressure(pressure));
+  return {moles * (1 - surface.vapour_fraction) * surface.liquid_volume,
+          moles * surface.vapour_fraction * kStandardVolume,
+          moles * reservoir_equation_.molecular_weight(mixture), moles * tubing.volume()};
+}
+
+void CompositionalTank::update_flow(double pressure) {
+  phases_ = reservoir_equation_.flash(fractions(), pressure);
+  const double total = total_moles();
+  const double v = phases_.vapour_fraction;
+  // Far from saturation no second phase is in sight. Its properties are still asked for: they are
+  // then those of what separates at the surface.
+  const Flash surface =
+      surface_equation_.flash(v > 0 ? phases_.vapour : phases_.liquid, kStandardPressure);
+  if (v <= 0 && phases_.vapour == phases_.liquid) phases_.vapour = surface.vapour;
+  if (v >= 1 && phases_.vapour == phases_.liquid) phases_.liquid = surface.liquid;
+  const Mobilities mobile = mobilities(pressure, total * (1 - v) * phases_.liquid_volume,
+                                       total * v * phases_.vapour_volume);
+  oil_moles_ = scale_ * mobile.oil / phases_.liquid_volume;
+  gas_moles_ = scale_ * mobile.gas / phases_.vapour_volume;
+  flow_.pressure = pressure;
+  flow_.bubble_point =
+      v > 0 ? pressure
+            : std::min(pressure, reservoir_equation_.bubble_point(phases_.liquid, pressure));
+  flow_.oil_phase = surface_stream(phases_.liquid, oil_moles_, pressure);
+  flow_.gas_phase = surface_stream(phases_.vapour, gas_moles_, pressure);
+  flow_.water = scale_ * mobile.water / water_volume_factor(pressure);
+}
+
+std::vector<double> CompositionalTank::moles_out(const Exchange& exchange) const {
+  const double from_oil = exchange.oil_phase * oil_moles_;
+  const double from_gas = exchange.gas_phase * gas_moles_;
+  std::vector<double> out(moles_.size());
+  for (std::size_t i = 0; i < out.size(); ++i) {
+    out[i] = from_oil * phases_.liquid[i] + from_gas * phases_.vapour[i];
+  }
+  return out;
+}
+
+Amounts CompositionalTank::produced(const Exchange& exchange) const {
+  const double oil =
+      exchange.oil_phase * flow_.oil_phase.oil + exchange.gas_phase * flow_.gas_phase.oil;
+  const double gas =
+      exchange.oil_phase * flow_.oil_phase.gas + exchange.gas_phase * flow_.gas_phase.gas;
+  return {oil, gas, exchange.water * flow_.water, moles_out(exchange)};
+}
+
+Amounts CompositionalTank::in_place() const {
+  const double total = total_moles();
+  const double v = phases_.vapour_fraction;
+  const Stream oil = surface_stream(phases_.liquid, total * (1 - v), flow_.pressure);
+  const Stream gas = surface_stream(phases_.vapour, total * v, flow_.pressure);
+  return {oil.oil + gas.oil, oil.gas + gas.gas, water_, moles_};
+}
+
+double CompositionalTank::oil_density(double pressure) const {
+  return reservoir_equation_.molecular_weight(phases_.liquid) /
+         reservoir_equation_.molar_volume(phases_.liquid, pressure,
+                                          EquationOfState::Phase::kLiquid);
+}
+
+double CompositionalTank::gas_density(double pressure) const {
+  return reservoir_equation_.molecular_weight(phases_.vapour) /
+         reservoir_equation_.molar_volume(phases_.vapour, pressure,
+                                          EquationOfState::Phase::kVapour);
+}
+
+std::vector<double> CompositionalTank::stream_composition(double gas_mobility) const {
+  std::vector<double> z = moles_out({1, gas_mobility, 0, 0, 0, {}});
+  const double total = std::accumulate(z.begin(), z.end(), 0.0);
+  if (!(total > 0)) return fractions();
+  for (double& each : z) each /= total;
+  return z;
+}
+
+void CompositionalTank::apply(const Exchange& exchange, double days) {
+  const std::vector<double> out = moles_out(exchange);
+  for (std::size_t i = 0; i < moles_.size(); ++i) {
+    const double in = exchange.moles_injected.empty() ? 0 : exchange.moles_injected[i];
+    moles_[i] += (in - out[i]) * days;
+  }
+  water_ += (exchange.water_injected - exchange.water * flow_.water) * days;
+}
+
+void CompositionalTank::save() {
+  saved_moles_ = moles_;
+  saved_water_ = water_;
+}
+
+void CompositionalTank::restore() {
+  moles_ = saved_moles_;
+  water_ = saved_water_;
+}
+
+double CompositionalTank::emptying_limit(const Exchange& exchange) const {
+  double limit = std::numeric_limits<double>::infinity();
+  const std::vector<double> out = moles_out(exchange);
+  for (std::size_t i = 0; i < out.size(); ++i) {
+    if (out[i] > 0) limit = std::min(limit, 0.5 * moles_[i] / out[i]);
+  }
+  const double water = exchange.water * flow_.water;
+  return water > 0 ? std::min(limit, 0.5 * water_ / water) : limit;
+}
+
+}  // namespace simulator

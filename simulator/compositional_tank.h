@@ -1,0 +1,51 @@
+#ifndef JOBMILL_SIMULATOR_COMPOSITIONAL_TANK_H_
+#define JOBMILL_SIMULATOR_COMPOSITIONAL_TANK_H_
+
+#include <vector>
+
+#include "simulator/equation_of_state.h"
+#include "simulator/tank.h"
+
+namespace simulator {
+
+/// A tank of hydrocarbon components and water: the moles of each component are conserved, a flash
+/// calculation splits them into oil and gas, and another one at standard conditions turns what a
+/// phase delivers into surface volumes.
+class CompositionalTank : public Tank {
+ public:
+  explicit CompositionalTank(const Deck& deck);
+
+  [[nodiscard]] Amounts produced(const Exchange& exchange) const override;
+  [[nodiscard]] Amounts in_place() const override;
+  [[nodiscard]] double oil_density(double pressure) const override;
+  [[nodiscard]] double gas_density(double pressure) const override;
+  [[nodiscard]] std::vector<double> stream_composition(double gas_mobility) const override;
+
+ protected:
+  void apply(const Exchange& exchange, double days) override;
+  void save() override;
+  void restore() override;
+  [[nodiscard]] double emptying_limit(const Exchange& exchange) const override;
+  [[nodiscard]] double hydrocarbon_volume(double pressure) const override;
+  void update_flow(double pressure) override;
+
+ private:
+  [[nodiscard]] double total_moles() const;
+  [[nodiscard]] std::vector<double> fractions() const;
+  [[nodiscard]] Stream surface_stream(const std::vector<double>& mixture, double moles,
+                                      double pressure) const;
+  [[nodiscard]] std::vector<double> moles_out(const Exchange& exchange) const;
+
+  EquationOfState reservoir_equation_;
+  EquationOfState surface_equation_;
+  std::vector<double> moles_;  // kmol of each component
+  Flash phases_;               // at the tank's pressure
+  double oil_moles_ = 0;       // kmol of the oil phase per unit of drawdown term
+  double gas_moles_ = 0;
+  std::vector<double> saved_moles_;
+  double saved_water_ = 0;
+};
+
+}  // namespace simulator
+
+#endif  // JOBMILL_SIMULATOR_COMPOSITIONAL_TANK_H_

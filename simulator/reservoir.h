@@ -1,0 +1,151 @@
+#ifndef JOBMILL_SIMULATOR_RESERVOIR_H_
+#define JOBMILL_SIMULATOR_RESERVOIR_H_
+
+#include <cstddef>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "simulator/calendar.h"
+#include "simulator/deck.h"
+#include "simulator/tank.h"
+#include "simulator/well.h"
+
+namespace simulator {
+
+/// Field totals in the deck's units: of rates, or of amounts since the start.
+struct FieldTotals {
+  double oil = 0;
+  double gas = 0;
+  double water = 0;
+  double water_injection = 0;
+  double gas_injection = 0;
+};
+
+/// An inflow curve of a well in the deck's units: one list of values per named item.
+struct InflowCurve {
+  std::vector<std::string> items;
+  std::vector<std::vector<double>> values;
+};
+
+/// A running simulation: one tank, its wells, and the time. All numbers that go in and out are in
+/// the deck's units. A change to a well shows in the next answer at once; only advancing moves the
+/// reservoir. Not thread-safe.
+class Reservoir {
+ public:
+  explicit Reservoir(Deck deck);
+
+  [[nodiscard]] const Deck& deck() const { return deck_; }
+
+  // Time.
+
+  [[nodiscard]] double time() const { return time_; }  ///< days since the start
+  [[nodiscard]] DateTime date() const { return date_after(deck_.start, time_); }
+  [[nodiscard]] DateTime start_date() const { return date_after(deck_.start, 0); }
+  [[nodiscard]] bool ended() const { return time_ >= end_time_; }
+
+  /// Runs to exactly `days`, or to the end of the run where that is earlier. A time that has passed
+  /// already changes nothing.
+  void advance_to(double days);
+
+  /// Ends the run early: at `days`, if that is before the deck's end.
+  void limit_end_time(double days);
+
+  // The field.
+
+  [[nodiscard]] double pressure() const;
+  [[nodiscard]] FieldTotals rates() const;
+  [[nodiscard]] const FieldTotals& cumulative() const { return cumulative_; }
+  /// What the reservoir holds, in the deck's units; kmol of each component in compositional runs.
+  [[nodiscard]] Amounts in_place() const;
+  /// kmol of each component taken out and put in since the start; empty in black-oil runs.
+  [[nodiscard]] const std::vector<double>& moles_produced() const { return moles_produced_; }
+  [[nodiscard]] const std::vector<double>& moles_injected() const { return moles_injected_; }
+
+  // Wells. Positions count from 0 in the deck's order.
+
+  [[nodiscard]] std::size_t well_count() const { return wells_.size(); }
+  [[nodiscard]] std::optional<std::size_t> find_well(const std::string& name) const;
+  [[nodiscard]] const Well& well(std::size_t position) const { return wells_[position]; }
+
+  /// A property by name, to be looked up once for many wells.
+  struct Property;
+  /// The number-valued property of that name, or nullptr. See docs/stand-in-simulator.md.
+  [[nodiscard]] const Property* find_property(const std::string& name) const;
+  [[nodiscard]] double value(std::size_t well, const Property& property) const;
+  /// The text-valued property of that name ("TYPE", "STATUS", "CONTROL_MODE"), or nothing.
+  [[nodiscard]] std::optional<std::string> text(std::size_t well, const std::string& name) const;
+
+  /// Any number of a well by its names; throws std::out_of_range for unknown ones.
+  [[nodiscard]] double well_property(const std::string& well, const std::string& property) const;
+
+  /// `points` points of equal steps of the rate, crowded towards low rates by `skewness` as
+  /// ((points - k) / points)^skewness, from the fully opened well down. The first item is
+  /// `pressure_type`: "BOTTOM_HOLE_PRESSURE" or "TUBING_HEAD_PRESSURE"; for another text the
+  /// result is empty. The well's own limits and status play no part.
+  [[nodiscard]] std::optional<InflowCurve> inflow_curve(std::size_t well,
+                                                        const std::string& pressure_type,
+                                                        int points, double skewness) const;
+
+  // Setters. They return false, and change nothing, where a name or a value makes no sense.
+
+  bool set_status(const std::string& well, const std::string& status);
+  bool set_uptime(const std::string& well, double fraction);
+  /// Sets or replaces one limit of a well; the others stay. A negative or non-finite value removes
+  /// it: that is how a controller takes a limit off.
+  bool set_constraint(const std::string& well, const std::string& constraint, double value,
+                      const std::string& setter);
+  /// Attaches an external source of `phase` to a gas injector of a compositional run. Until its
+  /// composition is set it delivers the deck's injection gas.
+  bool create_source(const std::string& well, const std::string& source, const std::string& phase);
+  /// Sets what a source delivers. `names` are "TOTAL_MOLE_FRACTION[n]" or component names; those
+  /// not named count as 0; values are scaled to add up to 1.
+  bool set_source_composition(const std::string& source, const std::vector<std::string>& names,
+                              const std::vector<double>& values);
+
+ private:
+  [[nodiscard]] const OperatingPoint& point(std::size_t well) const;
+  [[nodiscard]] Surroundings surroundings() const;
+  [[nodiscard]] const std::vector<double>& injected_composition(std::size_t well) const;
+  [[nodiscard]] Exchange exchange() const;
+  [[nodiscard]] double mole_fraction(std::size_t well, std::size_t component) const;
+  [[nodiscard]] std::optional<std::size_t> component_position(const std::string& name) const;
+  void account(const Exchange& rates, double days);
+  void forget_points();
+  void build_properties();
+  [[nodiscard]] double shown(Quantity quantity, double value) const {
+    return deck_.units.from_model(quantity, value);
+  }
+
+  Deck deck_;
+  std::unique_ptr<Tank> tank_;
+  std::vector<Well> wells_;
+  std::unordered_map<std::string, std::size_t> positions_;
+  std::unordered_map<std::string, std::shared_ptr<const Property>> properties_;
+  double time_ = 0;
+  double end_time_;
+  FieldTotals cumulative_;
+  std::vector<double> moles_produced_;
+  std::vector<double> moles_injected_;
+  std::map<std::string, std::vector<double>> sources_;
+  std::unordered_map<std::size_t, std::string> attached_;  // well to source
+
+  // Operating points are worked out when they are first asked for, well by well: an inflow table
+  // changes a few wells of thousands and asks for those.
+  mutable std::vector<std::optional<OperatingPoint>> points_;
+};
+
+/// Fetches one number of a well. Opaque to callers.
+struct Reservoir::Property {
+  Quantity quantity = Quantity::kNone;
+  double (*read)(const Reservoir&, std::size_t well, std::size_t index) = nullptr;
+  std::size_t index = 0;
+};
+
+}  // namespace simulator
+
+#endif  // JOBMILL_SIMULATOR_RESERVOIR_H_

@@ -1,0 +1,141 @@
+#ifndef JOBMILL_SIMULATOR_TANK_H_
+#define JOBMILL_SIMULATOR_TANK_H_
+
+#include <memory>
+#include <vector>
+
+#include "simulator/deck.h"
+
+namespace simulator {
+
+/// What one reservoir phase brings to a well per unit of drawdown term, in standard volumes (sm3),
+/// mass (kg) and the volume (m3) that it takes half way up the tubing.
+struct Stream {
+  double oil = 0;
+  double gas = 0;
+  double mass = 0;
+  double tubing_volume = 0;
+};
+
+/// What the reservoir offers to its wells at this moment. A producer with drawdown term d (its
+/// index times its drawdown, sm3/d) takes d of the oil phase, d times its gas mobility of the gas
+/// phase, and d times its water mobility of the water. Scaled so that at the start of the run d is
+/// the liquid rate of a well whose mobilities are 1.
+struct FlowState {
+  double pressure = 0;      ///< bar
+  double bubble_point = 0;  ///< bar, not above `pressure`
+  Stream oil_phase;
+  Stream gas_phase;
+  double water = 0;  ///< sm3 of water per unit of drawdown term
+};
+
+/// Rates of the whole field, constant over a step. The first three are sums of the producers'
+/// drawdown terms, each with the well's uptime and mobility; injection is in sm3/d.
+struct Exchange {
+  double oil_phase = 0;
+  double gas_phase = 0;
+  double water = 0;
+  double water_injected = 0;
+  double gas_injected = 0;
+  std::vector<double> moles_injected;  ///< kmol/d of each component; empty in black-oil runs
+};
+
+/// Amounts in standard volumes (sm3) and, in compositional runs, kmol of each component.
+struct Amounts {
+  double oil = 0;
+  double gas = 0;
+  double water = 0;
+  std::vector<double> moles;
+};
+
+/// The reservoir as one tank: what is in it, and the one pressure at which it all fits.
+class Tank {
+ public:
+  virtual ~Tank() = default;
+  Tank(const Tank&) = delete;
+  Tank& operator=(const Tank&) = delete;
+
+  [[nodiscard]] const FlowState& flow() const { return flow_; }
+
+  /// Applies `exchange` for at most `days` and returns for how long it was applied: less than
+  /// `days`, but more than 0, where the rates would have moved the pressure or emptied the tank too
+  /// far to stay valid. Never rounds the amounts: what leaves the tank is exactly rate times time.
+  double advance(const Exchange& exchange, double days);
+
+  /// Surface rates (sm3/d) or kmol/d that an exchange takes out, injection not counted.
+  [[nodiscard]] virtual Amounts produced(const Exchange& exchange) const = 0;
+
+  /// What the tank holds. In compositional runs `oil` and `gas` are what the two phases would
+  /// give at the surface now.
+  [[nodiscard]] virtual Amounts in_place() const = 0;
+
+  /// kg/m3 of a phase at `pressure` (bar) and reservoir temperature.
+  [[nodiscard]] virtual double oil_density(double pressure) const = 0;
+  [[nodiscard]] virtual double gas_density(double pressure) const = 0;
+  [[nodiscard]] double water_density(double pressure) const;
+
+  /// Mole fractions of the stream of a producer with that gas mobility; empty in black-oil runs.
+  [[nodiscard]] virtual std::vector<double> stream_composition(double gas_mobility) const = 0;
+
+ protected:
+  explicit Tank(const Deck& deck);
+
+  /// Moves the amounts of `days` in and out. advance() tries a step, and takes it back with the
+  /// copy that save() made where the pressure came out too far away.
+  virtual void apply(const Exchange& exchange, double days) = 0;
+  virtual void save() = 0;
+  virtual void restore() = 0;
+
+  /// The longest time for which `exchange` leaves at least half of everything in the tank.
+  [[nodiscard]] virtual double emptying_limit(const Exchange& exchange) const = 0;
+
+  /// m3 that the contents without the water fill at `pressure`.
+  [[nodiscard]] virtual double hydrocarbon_volume(double pressure) const = 0;
+
+  /// Works out flow_ at `pressure` from the contents.
+  virtual void update_flow(double pressure) = 0;
+
+  /// The pressure at which the contents fill the pores exactly.
+  [[nodiscard]] double find_pressure() const;
+  void settle() { update_flow(find_pressure()); }
+
+  [[nodiscard]] double pore_volume(double pressure) const;
+  [[nodiscard]] double water_volume_factor(double pressure) const;
+
+  /// Relative permeabilities over viscosities of the phases, from the volumes they fill.
+  struct Mobilities {
+    double oil = 0;
+    double gas = 0;
+    double water = 0;
+  };
+  [[nodiscard]] Mobilities mobilities(double pressure, double oil_volume, double gas_volume) const;
+
+  /// Makes the liquid rate 1 per unit of drawdown term; called once, with the initial contents.
+  void set_scale();
+
+  [[nodiscard]] double tubing_pressure(double pressure) const;
+
+  // NOLINTBEGIN(misc-non-private-member-variables-in-classes): shared by the two kinds of tank
+  FlowState flow_;
+  double scale_ = 1;
+  double water_ = 0;  // sm3
+  double fluid_temperature_;
+  // NOLINTEND(misc-non-private-member-variables-in-classes)
+
+ private:
+  double initial_pressure_;
+  double initial_pore_volume_;
+  double rock_compressibility_;
+  double water_density_;
+  double water_volume_factor_;
+  double water_compressibility_;
+  RelativePermeability curves_;
+  Viscosities viscosities_;
+};
+
+/// The tank that the deck describes, in its initial state.
+std::unique_ptr<Tank> make_tank(const Deck& deck);
+
+}  // namespace simulator
+
+#endif  // JOBMILL_SIMULATOR_TANK_H_
