@@ -1,0 +1,38 @@
+#ifndef JOBMILL_SIMULATOR_STOP_SIGNAL_H_
+#define JOBMILL_SIMULATOR_STOP_SIGNAL_H_
+
+#include <atomic>
+#include <chrono>
+
+namespace simulator {
+
+/// Asks a running simulator to end, from a signal handler or another thread.
+class StopSignal {
+ public:
+  StopSignal();  ///< Throws std::system_error if the system has no descriptor left.
+  ~StopSignal();
+  StopSignal(const StopSignal&) = delete;
+  StopSignal& operator=(const StopSignal&) = delete;
+
+  /// Async-signal-safe. Also cuts the watched connection, so that a read or write on it that is
+  /// blocked ends.
+  void raise() noexcept;
+  [[nodiscard]] bool raised() const { return raised_; }
+
+  /// The connection that raise() cuts; -1 for none.
+  void watch(int descriptor) { watched_ = descriptor; }
+
+  enum class Wait { kReady, kTimeout, kStopped };
+  /// Waits until `descriptor` (-1: nothing) can be read, `limit` has passed (negative: no limit)
+  /// or raise() was called.
+  [[nodiscard]] Wait wait(int descriptor, std::chrono::milliseconds limit) const;
+
+ private:
+  int event_;
+  std::atomic<int> watched_ = -1;
+  std::atomic<bool> raised_ = false;
+};
+
+}  // namespace simulator
+
+#endif  // JOBMILL_SIMULATOR_STOP_SIGNAL_H_
