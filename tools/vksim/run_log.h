@@ -1,0 +1,28 @@
+#ifndef JOBMILL_TOOLS_VKSIM_RUN_LOG_H_
+#define JOBMILL_TOOLS_VKSIM_RUN_LOG_H_
+
+#include <string>
+
+#include "simulator/reservoir.h"
+
+/// The run as its user reads it on standard output. Every line is flushed at once: whoever started
+/// the run waits for some of them. A reader that has gone does not disturb the run.
+class RunLog {
+ public:
+  /// With `details`, every step is followed by a line for each well.
+  explicit RunLog(bool details) : details_(details) {}
+
+  void line(const std::string& text) const;
+  void summary(const simulator::Reservoir& run, const std::string& deck) const;
+  void step(const simulator::Reservoir& run);
+  void totals(const simulator::Reservoir& run) const;
+
+ private:
+  void heading(const simulator::Reservoir& run) const;
+  void wells(const simulator::Reservoir& run) const;
+
+  bool details_;
+  bool headed_ = false;
+};
+
+#endif  // JOBMILL_TOOLS_VKSIM_RUN_LOG_H_
