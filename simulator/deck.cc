@@ -47,6 +47,7 @@ constexpr Range kAny{};
 constexpr Range kPositive{0, kInfinity, true};
 constexpr Range kNotNegative{0, kInfinity};
 constexpr Range kFraction{0, 1};
+constexpr Range kDays{0, 1e6, true};  // the calendar's years have four digits
 
 std::string explain(const Range& range) {
   if (range.high < kInfinity) {
@@ -200,10 +201,6 @@ class Section {
   std::set<std::string, std::less<>> known_;
 };
 
-struct RunSection {
-  bool compositional = false;
-};
-
 Units::System unit_system(Section& run) {
   const std::string units = run.text("units");
   if (units == "FIELD") return Units::System::kField;
@@ -220,7 +217,7 @@ bool is_compositional(Section& run) {
 }
 
 double end_time(Section& run, std::chrono::year_month_day start) {
-  if (!run.find("end")) return run.number("end_time", Quantity::kNone, kPositive);
+  if (!run.find("end")) return run.number("end_time", Quantity::kNone, kDays);
   if (run.find("end_time")) {
     run.place_of("end_time").fail("\"end_time\" and \"end\" exclude each other");
   }

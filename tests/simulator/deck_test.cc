@@ -116,6 +116,8 @@ INSTANTIATE_TEST_SUITE_P(
                 "X.afi:14: \"porosity\" must lie between 0 and 1, not nan"},
         BadDeck{"ZeroThickness", kBlackOil, "thickness = 15", "thickness = 0",
                 "X.afi:13: \"thickness\" must be positive, not 0"},
+        BadDeck{"EndlessRun", kBlackOil, "end_time = 3650", "end_time = 3650e9",
+                "X.afi:5: \"end_time\" must lie between 0 and 1e+06, not 3.65e+12"},
         BadDeck{"MissingKey", kBlackOil, "thickness = 15", "",
                 "X.afi:8: section [reservoir] lacks \"thickness\""},
         BadDeck{"MissingSection", kBlackOil, "[black_oil]", "[blackoil]",
