@@ -1,0 +1,72 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace master {
+
+using Clock = std::chrono::steady_clock;
+
+/// The moment at which waiting ends; none waits for ever.
+using Deadline = std::optional<Clock::time_point>;
+
+/// The master's end of a connection to the daemon: whole frames of a 32-bit little-endian length
+/// and as many bytes.
+///
+/// The replies are read here rather than with Socket::ReceiveLine, which belongs to the daemon's
+/// side and its 65,536-byte buffer: the status of some thousand wells is longer than that, and a
+/// master has to tell a closed connection from a broken one and to be able to give up waiting.
+class FrameChannel {
+ public:
+  /// A longer reply is taken for a lost place in the byte stream.
+  static constexpr std::int32_t kMaxReply = 1 << 30;
+
+  /// Owns `descriptor`, a connected stream socket.
+  explicit FrameChannel(int descriptor);
+  FrameChannel(FrameChannel&& other) noexcept;
+  FrameChannel& operator=(FrameChannel&& other) noexcept;
+  ~FrameChannel();
+
+  /// Connects to the first reachable IPv4 address of `host`, the family the daemon listens on.
+  /// Throws ConnectError, or Interrupted when `wake` (-1 for none) becomes readable.
+  static FrameChannel ConnectTo(const std::string& host, int port, std::chrono::milliseconds limit,
+                                int wake = -1);
+
+  /// From now on waiting for a frame ends with Interrupted while `descriptor` is readable. It
+  /// stays the caller's; -1 for none.
+  void WakeOn(int descriptor) { wake_ = descriptor; }
+
+  /// From now on `tick` is called about every `interval` while a frame is waited for.
+  void OnWait(std::chrono::milliseconds interval, std::function<void()> tick);
+
+  /// Sends one frame whole. Throws LinkLost when the connection is broken or the peer takes
+  /// nothing for half a minute.
+  void Send(std::string_view body);
+
+  /// Blocks for one frame and returns its body; nothing when the peer closed the connection
+  /// between two frames. Throws LinkLost when it broke or was closed in mid-frame, ProtocolError
+  /// for an impossible length, TimedOut, Interrupted. After the last two a further call goes on
+  /// where this one stopped.
+  std::optional<std::string> Receive(const Deadline& deadline = {});
+
+  /// Ends the sending direction; what was sent still arrives.
+  void FinishSending();
+
+ private:
+  std::size_t Wanted() const;
+  bool ReadSome();
+  void WaitReadable(const Deadline& deadline);
+  void Close();
+
+  int descriptor_;
+  int wake_ = -1;
+  std::string pending_;  // the frame being received, its length field included
+  std::chrono::milliseconds interval_{0};
+  std::function<void()> tick_;
+};
+
+}  // namespace master

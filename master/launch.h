@@ -1,0 +1,52 @@
+#pragma once
+
+#include <string>
+
+#include "master/frame_channel.h"
+#include "master/records.h"
+
+namespace master {
+
+/// The handshake on a fresh connection to the daemon, up to the moment at which it serves requests:
+///
+///     daemon  "3"                 its protocol version
+///     master  "3"                 any number but 0 will do
+///     master  seven lines         the run request
+///     daemon  "OK|" host NUL      or a text that says why not, and the end of the connection
+///
+/// The calls are made in their order, each once.
+class Launch {
+ public:
+  /// A line of this length or more never completes on the daemon's side.
+  static constexpr std::size_t kLineLimit = 32768;
+
+  explicit Launch(FrameChannel channel) : channel_(std::move(channel)) {}
+
+  /// Reads the daemon's version and answers it. Returns the version's text. Throws LaunchRefused
+  /// when the daemon closes the connection, ProtocolError when its text is no number or 0,
+  /// LinkLost, TimedOut, Interrupted.
+  std::string ExchangeVersions(const Deadline& deadline = {});
+
+  /// Sends the seven lines. Throws std::invalid_argument, before anything is sent, when a text
+  /// is too long for the daemon. A daemon that refuses early closes the connection while lines are
+  /// still being sent; its text is then found by AwaitHost(), so a failed send is not reported
+  /// here.
+  void Request(const RunRequest& request);
+
+  /// Blocks until the simulator has been started, which with a queue may take hours. Returns the
+  /// host that it runs on. Throws LaunchRefused, LinkLost, TimedOut, Interrupted.
+  std::string AwaitHost(const Deadline& deadline = {});
+
+  /// Gives up a launch whose host is not known yet: leaves behind the requests to connect to the
+  /// simulator and to shut it down, which the daemon finds as soon as the simulator runs, and ends
+  /// the connection's sending side. Never throws.
+  void GiveUp();
+
+  /// The connection, for Run.
+  FrameChannel Release() { return std::move(channel_); }
+
+ private:
+  FrameChannel channel_;
+};
+
+}  // namespace master

@@ -1,0 +1,135 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "master/frame_channel.h"
+#include "master/records.h"
+
+namespace master {
+
+class ReplyReader;
+class RequestWriter;
+
+/// Request codes, the first four bytes of every request and of its reply.
+enum class Code : std::uint32_t {
+  kConnect = 1,
+  kGetDate = 2,
+  kGetMetricFlag = 3,
+  kGetTimeDays = 4,
+  kGetCompFlag = 5,
+  kGetWellStatus = 6,
+  kNewton = 7,
+  kRunUntil = 8,
+  kGetTermFlag = 9,
+  kGetWellData = 10,
+  kSetWellStatus = 11,
+  kSetWellUptime = 12,
+  kSetWellConstraints = 13,
+  kGetEOSProps = 14,
+  kGetWellVariables = 15,
+  kGetWellIPRData = 16,
+  kGetVersion = 17,
+  kSetWellInjectionSource = 18,
+  kSetWellInjectionComposition = 19,
+  kGetStartDate = 20,
+  kWellDataRecord = 4096,  ///< one well's record within kGetWellData
+  kWellIPRRecord = 4097,   ///< one well's table within kGetWellIPRData
+  kShutdown = 65520,
+};
+
+/// For example "request 8 (RunUntil)".
+std::string NameOf(Code code);
+
+/// A launched run, one call per request. Each call sends its request and blocks for the answer
+/// without a limit: a step may take hours.
+///
+/// A request that the daemon cannot serve ends the run: the daemon reports it by closing the
+/// connection, which here is RequestFailed with the request's name. Every call may also throw
+/// LinkLost and ProtocolError, after which the link is of no use either, and Interrupted, after
+/// which only ShutdownWithin() may be called. Lists too long for the daemon's 65,536-byte buffer
+/// throw RequestTooLong before anything is sent.
+///
+/// Well names, statuses and property names are the simulator's; values are in the run's units,
+/// times in days since the start date.
+class Run {
+ public:
+  /// The longest request that the daemon reads.
+  static constexpr std::size_t kMaxRequest = 65536;
+
+  /// `channel` is the connection after a launch.
+  explicit Run(FrameChannel channel) : channel_(std::move(channel)) {}
+
+  FrameChannel& channel() { return channel_; }
+
+  /// Lets the daemon connect to the simulator; before it no other request but Shutdown() succeeds.
+  void Connect();
+  Date GetDate();
+  bool GetMetricFlag();
+  double GetTimeDays();
+  bool GetCompFlag();
+  std::vector<WellStatus> GetWellStatus();
+
+  /// To the first time step; once, before the first RunUntil().
+  void Newton();
+
+  /// Returns when the simulator has reached `days` or the end of the run; GetTermFlag() tells.
+  void RunUntil(double days);
+  bool GetTermFlag();
+
+  /// One record per well, in order; two frames each way per well.
+  std::vector<WellData> GetWellData(const std::vector<std::string>& wells);
+
+  /// The lists are parallel. The daemon does not compare their lengths; the simulator may refuse.
+  void SetWellStatus(const std::vector<std::string>& wells,
+                     const std::vector<std::string>& statuses);
+  void SetWellUptime(const std::vector<std::string>& wells, const std::vector<double>& fractions);
+  void SetWellConstraints(const std::vector<WellConstraints>& wells);
+
+  EOSProps GetEOSProps();
+  std::vector<double> GetWellVariables(const std::string& well,
+                                       const std::vector<std::string>& names);
+
+  /// Opens the wells and leaves them limited to a tenth or so of their rate: whoever goes on with
+  /// the run sets statuses and constraints again.
+  IPRTables GetWellIPRData(const IPRRequest& request);
+
+  double GetVersion();
+
+  /// The low 8 bits of the simulator's result; always 0 with the 2016.2 interface, which has no
+  /// external sources.
+  int SetWellInjectionSource(const std::string& well, const std::string& source);
+
+  /// `compositions[i]` are the mole fractions of `sources[i]`, component 1 first.
+  void SetWellInjectionComposition(const std::vector<std::string>& sources,
+                                   const std::vector<std::vector<double>>& compositions);
+  Date GetStartDate();
+
+  /// Shuts the simulator down. The daemon then closes the connection.
+  void Shutdown();
+
+  /// Shuts down whatever is under way: also after Interrupted, where the answer of a request is
+  /// still due. The shutdown request queues behind it, and what the daemon yet answers is read and
+  /// dropped. True when the shutdown was acknowledged before the deadline; false when the time
+  /// passed, and then the daemon serves the shutdown when it gets to it. Throws as the others do.
+  bool ShutdownWithin(const Deadline& deadline);
+
+ private:
+  std::string Exchange(Code code, const RequestWriter& request);
+  std::string Await(Code code);
+  void Send(Code code, const RequestWriter& request);
+  void Simple(Code code);
+  Date DateOf(Code code);
+  bool FlagOf(Code code);
+  double DoubleOf(Code code);
+
+  FrameChannel channel_;
+  // Sub-requests that the daemon still has to be sent before it reads a request again.
+  Code record_code_ = Code::kWellDataRecord;
+  std::size_t records_due_ = 0;
+};
+
+}  // namespace master

@@ -1,0 +1,91 @@
+#include <sys/socket.h>
+
+#include <chrono>
+
+#include <gtest/gtest.h>
+
+#include "master/errors.h"
+#include "master/run.h"
+#include "tests/master/frames.h"
+#include "tests/support/bytes.h"
+#include "tests/support/socket_pair.h"
+
+namespace {
+
+using master::Clock;
+using std::chrono::milliseconds;
+
+/// A run whose user has pressed Ctrl-C.
+class ShutdownTest : public testing::Test {
+ protected:
+  void Reply(const std::string& hex) { WriteAll(pair_.peer.get(), Frame(Bytes(hex))); }
+  std::string Sent() { return Hex(Arrived(pair_.peer.get())); }
+
+  template <typename Call>
+  void Interrupt(const Call& call) {
+    SocketPair wake;
+    WriteAll(wake.peer.get(), "!");
+    run_.channel().WakeOn(wake.ours.get());
+    EXPECT_THROW(call(), master::Interrupted);
+    run_.channel().WakeOn(-1);
+  }
+
+  SocketPair pair_;
+  master::Run run_{master::FrameChannel(pair_.ours.Release())};
+};
+
+TEST_F(ShutdownTest, IdleRunIsShutDown) {
+  Reply("f0ff0000 00000000");
+  EXPECT_TRUE(run_.ShutdownWithin({}));
+  EXPECT_EQ(Sent(), "04 00 00 00 f0 ff 00 00");
+}
+
+TEST_F(ShutdownTest, AnswerStillDueIsPassedOver) {
+  Interrupt([&] { run_.RunUntil(365.25); });
+  EXPECT_EQ(Sent(), "0c 00 00 00 08 00 00 00 00 00 00 00 00 d4 76 40");
+  Reply("08000000 00000000");
+  Reply("f0ff0000 00000000");
+  EXPECT_TRUE(run_.ShutdownWithin({}));
+  EXPECT_EQ(Sent(), "04 00 00 00 f0 ff 00 00");
+}
+
+TEST_F(ShutdownTest, RecordRequestsDueGoOutBeforeTheShutdown) {
+  Interrupt([&] { run_.GetWellData({"P1", "P2"}); });
+  Sent();
+  Reply("f0ff0000 00000000");
+  EXPECT_TRUE(run_.ShutdownWithin({}));
+  EXPECT_EQ(Sent(), Hex(Bytes("04000000 00100000 04000000 00100000 04000000 f0ff0000")));
+}
+
+TEST_F(ShutdownTest, RecordRequestsOfInflowTablesGoOutBeforeTheShutdown) {
+  Interrupt([&] { run_.GetWellIPRData({.wells = {"P1"}}); });
+  Sent();
+  Reply("f0ff0000 00000000");
+  EXPECT_TRUE(run_.ShutdownWithin({}));
+  EXPECT_EQ(Sent(), Hex(Bytes("04000000 01100000 04000000 f0ff0000")));
+}
+
+TEST_F(ShutdownTest, RecordsAlreadyAskedForAreNotAskedForAgain) {
+  SocketPair wake;
+  Reply("0a000000 02000000 00000000");
+  run_.channel().WakeOn(wake.ours.get());
+  run_.channel().OnWait(milliseconds(1), [&] { WriteAll(wake.peer.get(), "!"); });
+  EXPECT_THROW(run_.GetWellData({"P1", "P2"}), master::Interrupted);
+  run_.channel().WakeOn(-1);
+  Sent();
+  Reply("f0ff0000 00000000");
+  EXPECT_TRUE(run_.ShutdownWithin({}));
+  EXPECT_EQ(Sent(), Hex(Bytes("04000000 00100000 04000000 f0ff0000")));
+}
+
+TEST_F(ShutdownTest, BusyDaemonIsNotWaitedForBeyondTheDeadline) {
+  Interrupt([&] { run_.RunUntil(365.25); });
+  EXPECT_FALSE(run_.ShutdownWithin(Clock::now() + milliseconds(10)));
+}
+
+TEST_F(ShutdownTest, EndOfConnectionInsteadOfTheAcknowledgementIsAFailedRequest) {
+  shutdown(pair_.peer.get(), SHUT_WR);
+  EXPECT_THROW(run_.ShutdownWithin({}), master::RequestFailed);
+}
+
+}  // namespace
