@@ -1,6 +1,9 @@
 #pragma once
 
+#include <chrono>
+#include <functional>
 #include <string>
+#include <utility>
 
 #include "master/frame_channel.h"
 #include "master/records.h"
@@ -21,6 +24,11 @@ class Launch {
   static constexpr std::size_t kLineLimit = 32768;
 
   explicit Launch(FrameChannel channel) : channel_(std::move(channel)) {}
+
+  /// From now on `tick` is called about every `interval` while the daemon is waited for.
+  void OnWait(std::chrono::milliseconds interval, std::function<void()> tick) {
+    channel_.OnWait(interval, std::move(tick));
+  }
 
   /// Reads the daemon's version and answers it. Returns the version's text. Throws LaunchRefused
   /// when the daemon closes the connection, ProtocolError when its text is no number or 0,
