@@ -1,0 +1,66 @@
+#include "tools/vkmaster/calendar.h"
+
+#include <gtest/gtest.h>
+
+#include "tools/vkmaster/usage_error.h"
+
+namespace {
+
+using master::Date;
+using vkmaster::EndOfStep;
+using vkmaster::ParseDate;
+using vkmaster::ParseStep;
+using vkmaster::Step;
+
+TEST(ParseDate, TakesYearMonthDay) {
+  EXPECT_EQ(ParseDate("2026-01-31"), (Date{31, 1, 2026}));
+  EXPECT_EQ(ParseDate("2024-02-29"), (Date{29, 2, 2024}));
+}
+
+TEST(ParseDate, TakesNothingElse) {
+  for (const char* wrong : {"", "2023-02-29", "2026-13-01", "2026-00-10", "2026-1-31", "31-01-2026",
+                            "2026/01/31", "2026-01-311", "-026-01-01", "2026-01-3x"}) {
+    EXPECT_EQ(ParseDate(wrong), std::nullopt) << wrong;
+  }
+}
+
+TEST(FormatDate, ShowsWhateverTheNumbersAre) {
+  EXPECT_EQ(vkmaster::FormatDate({5, 1, 2026}), "2026-01-05");
+  EXPECT_EQ(vkmaster::FormatDate({0, 0, 0}), "0000-00-00");
+}
+
+TEST(DaysBetween, CountsLeapDays) {
+  EXPECT_EQ(vkmaster::DaysBetween({1, 1, 2020}, {1, 1, 2021}), 366);
+  EXPECT_EQ(vkmaster::DaysBetween({1, 1, 2021}, {31, 12, 2020}), -1);
+}
+
+TEST(ParseStep, TakesWordsAndPositiveDays) {
+  EXPECT_EQ(ParseStep("daily"), (Step{Step::Kind::kDays, 1}));
+  EXPECT_EQ(ParseStep("weekly"), (Step{Step::Kind::kDays, 7}));
+  EXPECT_EQ(ParseStep("30.5"), (Step{Step::Kind::kDays, 30.5}));
+  EXPECT_EQ(ParseStep("yearly").kind, Step::Kind::kYearly);
+  for (const char* wrong : {"0", "-1", "often", ""}) {
+    EXPECT_THROW(ParseStep(wrong), vkmaster::UsageError) << wrong;
+  }
+}
+
+TEST(EndOfStep, DaysAreAdded) {
+  EXPECT_EQ(EndOfStep(ParseStep("30"), {15, 1, 2020}, 10.5), 40.5);
+}
+
+TEST(EndOfStep, MonthsEndOnTheNextFirst) {
+  const Date start{15, 1, 2020};
+  EXPECT_EQ(EndOfStep(ParseStep("monthly"), start, 0), 17);
+  EXPECT_EQ(EndOfStep(ParseStep("monthly"), start, 16.9), 17);
+  EXPECT_EQ(EndOfStep(ParseStep("monthly"), start, 17), 17 + 29) << "February of a leap year";
+}
+
+TEST(EndOfStep, QuartersAndYearsEndOnTheirFirsts) {
+  const Date start{15, 11, 2020};
+  EXPECT_EQ(EndOfStep(ParseStep("quarterly"), start, 0), 47);
+  EXPECT_EQ(EndOfStep(ParseStep("quarterly"), start, 47), 47 + 90);
+  EXPECT_EQ(EndOfStep(ParseStep("yearly"), start, 0), 47);
+  EXPECT_EQ(EndOfStep(ParseStep("yearly"), start, 47), 47 + 365);
+}
+
+}  // namespace

@@ -1,0 +1,340 @@
+#pragma once
+
+#include <poll.h>
+#include <string.h>
+#include <sys/socket.h>
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "tests/support/bytes.h"
+#include "tests/support/ports.h"
+#include "tests/support/socket_pair.h"
+
+/// The daemon's end of one connection.
+class DaemonEnd {
+ public:
+  explicit DaemonEnd(int descriptor) : descriptor_(descriptor) {}
+
+  void Send(const std::string& body) {
+    const auto length = static_cast<std::uint32_t>(body.size());
+    std::string frame(sizeof(length), '\0');
+    memcpy(frame.data(), &length, sizeof(length));
+    SendRaw(frame + body);
+  }
+
+  /// Bytes without a frame.
+  void SendRaw(const std::string& bytes) {
+    send(descriptor_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+  }
+
+  /// The next frame's body, also kept in received(); nothing at the end of the connection.
+  std::optional<std::string> Receive() {
+    const std::string field = ReadExactly(descriptor_, 4);
+    if (field.size() < 4) return std::nullopt;
+    std::uint32_t length = 0;
+    memcpy(&length, field.data(), sizeof(length));
+    received_.push_back(ReadExactly(descriptor_, length));
+    return received_.back();
+  }
+
+  const std::vector<std::string>& received() const { return received_; }
+
+ private:
+  int descriptor_;
+  std::vector<std::string> received_;
+};
+
+/// Packs a reply as the daemon does.
+class Pack {
+ public:
+  explicit Pack(std::uint32_t code) { Raw(&code, sizeof(code)); }
+  Pack& Int(int value) { return Raw(&value, sizeof(value)); }
+  Pack& Double(double value) { return Raw(&value, sizeof(value)); }
+  Pack& String(const std::string& text) {
+    Int(static_cast<int>(text.size()));
+    return Raw(text.data(), text.size());
+  }
+  Pack& Series(const std::vector<double>& values) {
+    Int(static_cast<int>(values.size()));
+    for (const double value : values) Double(value);
+    return *this;
+  }
+  /// With the acknowledgement.
+  std::string Done() {
+    Int(0);
+    return body_;
+  }
+
+ private:
+  Pack& Raw(const void* bytes, std::size_t size) {
+    body_.append(static_cast<const char*>(bytes), size);
+    return *this;
+  }
+  std::string body_;
+};
+
+/// What a request's fields are, read without any check: the master under test is expected to send
+/// them well.
+class Fields {
+ public:
+  explicit Fields(const std::string& body) : rest_(body) {}
+  int Int() { return Take<int>(); }
+  double Double() { return Take<double>(); }
+  std::string String() {
+    const auto size = static_cast<std::size_t>(Int());
+    std::string text = rest_.substr(0, size);
+    rest_.erase(0, size);
+    return text;
+  }
+  std::vector<std::string> Strings(int count) {
+    std::vector<std::string> texts;
+    for (int i = 0; i < count; ++i) texts.push_back(String());
+    return texts;
+  }
+
+ private:
+  template <typename T>
+  T Take() {
+    T value{};
+    memcpy(&value, rest_.data(), sizeof(value));
+    rest_.erase(0, sizeof(value));
+    return value;
+  }
+  std::string rest_;
+};
+
+/// A run of three wells that starts on 2020-01-01, for a daemon to serve.
+struct FakeRun {
+  struct Well {
+    std::string name;
+    std::string type;
+    std::string status;
+  };
+  bool metric = true;
+  double end = 1e9;                           ///< day at which the simulation ends
+  std::set<std::uint32_t> fails;              ///< codes on which the daemon closes the connection
+  std::function<void(std::uint32_t)> before;  ///< called with each code before it is served
+  std::vector<Well> wells{
+      {"P1", "PRODUCER", "OPEN"}, {"P2", "PRODUCER", "SHUT"}, {"I1", "WATER_INJECTOR", "OPEN"}};
+
+  double time = 0;
+  bool first_step = false;
+
+  /// Serves requests until the shutdown, a failure or the end of the connection.
+  void Serve(DaemonEnd& master) {
+    while (const auto request = master.Receive()) {
+      std::uint32_t code = 0;
+      memcpy(&code, request->data(), sizeof(code));
+      if (before) before(code);
+      if (fails.contains(code)) return;
+      Answer(master, code, request->substr(4));
+      if (code == 65520) return;
+    }
+  }
+
+  void Answer(DaemonEnd& master, std::uint32_t code, const std::string& body) {
+    Fields fields(body);
+    switch (code) {
+      case 2:
+        SendDate(master, code, time);
+        break;
+      case 3:
+        master.Send(Pack(code).Int(metric ? 1 : 0).Done());
+        break;
+      case 4:
+        master.Send(Pack(code).Double(time).Done());
+        break;
+      case 5:
+        master.Send(Pack(code).Int(1).Done());
+        break;
+      case 6:
+        SendWells(master);
+        break;
+      case 8:
+        time = std::min(end, fields.Double());
+        master.Send(Pack(code).Done());
+        break;
+      case 9:
+        master.Send(Pack(code).Int(time >= end ? 1 : 0).Done());
+        break;
+      case 10:
+        SendData(master, fields.Strings(fields.Int()));
+        break;
+      case 14:
+        SendEOS(master);
+        break;
+      case 15:
+        SendVariables(master, fields);
+        break;
+      case 16:
+        SendIPR(master, fields);
+        break;
+      case 17:
+        master.Send(Pack(code).Double(2017.2).Done());
+        break;
+      case 18:
+        master.Send(Pack(code).Int(1).Done());
+        break;
+      case 20:
+        SendDate(master, code, 0);
+        break;
+      default:
+        master.Send(Pack(code).Done());
+    }
+  }
+
+  void SendDate(DaemonEnd& master, std::uint32_t code, double days) const {
+    using std::chrono::sys_days;
+    const sys_days start = std::chrono::year(2020) / 1 / 1;
+    const std::chrono::year_month_day date(start + std::chrono::days(static_cast<int>(days)));
+    master.Send(Pack(code)
+                    .Int(static_cast<int>(static_cast<unsigned>(date.day())))
+                    .Int(static_cast<int>(static_cast<unsigned>(date.month())))
+                    .Int(static_cast<int>(date.year()))
+                    .Done());
+  }
+
+  void SendWells(DaemonEnd& master) const {
+    Pack reply(6);
+    reply.Int(static_cast<int>(wells.size()));
+    for (const Well& well : wells) reply.String(well.name).String(well.type).String(well.status);
+    master.Send(reply.Done());
+  }
+
+  void SendData(DaemonEnd& master, const std::vector<std::string>& names) const {
+    master.Send(Pack(10).Int(static_cast<int>(names.size())).Done());
+    for (std::size_t i = 0; i < names.size() && master.Receive(); ++i) {
+      const double base = 100 * static_cast<double>(i + 1);
+      Pack record(4096);
+      record.String("OPEN");
+      for (const double value : {base, base + 1, base + 2, 0.0, 0.0, 250.5, 30.25, 0.95}) {
+        record.Double(value);
+      }
+      master.Send(record.Done());
+    }
+  }
+
+  static void SendEOS(DaemonEnd& master) {
+    Pack reply(14);
+    reply.String("PR").Int(2).String("C1").String("CO2");
+    reply.Series({16.04, 44.01}).Series({190.6, 304.1}).Series({46.0, 73.8}).Series({99, 94});
+    reply.Series({0.011, 0.239}).Series({}).Series({111.6, 194.7}).Series({-0.15, -0.08});
+    reply.Series({0.457, 0.457}).Series({0.0778, 0.0778}).Series({77, 78}).Series({0.1});
+    master.Send(reply.Done());
+  }
+
+  static void SendVariables(DaemonEnd& master, Fields& fields) {
+    fields.String();
+    const int count = fields.Int();
+    std::vector<double> values;
+    for (int i = 0; i < count; ++i) values.push_back(10.5 * (i + 1));
+    master.Send(Pack(15).Series(values).Done());
+  }
+
+  static void SendIPR(DaemonEnd& master, Fields& fields) {
+    const int components = fields.Int();
+    const int count = fields.Int();
+    master.Send(Pack(16).Int(count).Int(10).Done());
+    for (int well = 0; well < count && master.Receive(); ++well) {
+      std::vector<std::vector<double>> lists(8);
+      for (int point = 0; point < 10; ++point) {
+        const double rate = 1000 - 100 * point;
+        lists[0].push_back(300 - rate / 10);
+        lists[1].push_back(rate);
+        lists[2].push_back(rate / 4);
+        lists[3].push_back(rate * 100);
+        for (std::size_t i = 4; i < 8; ++i) lists[i].push_back(80);
+      }
+      Pack table(4097);
+      for (const auto& list : lists) table.Series(list);
+      for (int point = 0; components > 0 && point < 10; ++point) {
+        table.Series(std::vector<double>(static_cast<std::size_t>(components), 0.5));
+      }
+      master.Send(table.Done());
+    }
+  }
+};
+
+/// A daemon on a free port of the loopback interface for one connection. Destroying it waits for
+/// the master's going.
+class FakeDaemon {
+ public:
+  using Script = std::function<void(DaemonEnd&)>;
+
+  /// `script` has the connection from its first byte on.
+  explicit FakeDaemon(Script script)
+      : listener_(BindFreePort(1)), port_(PortOf(listener_.get())), script_(std::move(script)) {
+    thread_ = std::thread([this] { Serve(); });
+  }
+  FakeDaemon(const FakeDaemon&) = delete;
+  FakeDaemon& operator=(const FakeDaemon&) = delete;
+  ~FakeDaemon() {
+    if (thread_.joinable()) thread_.join();
+  }
+
+  /// Launches as a daemon does and lets `run` serve.
+  static Script Launching(FakeRun& run) {
+    return [&run](DaemonEnd& master) {
+      if (Handshake(master)) {
+        master.Send(std::string("OK|node17\0", 10));
+        run.Serve(master);
+      }
+    };
+  }
+
+  /// Refuses the run request with `text`.
+  static Script Refusing(const std::string& text) {
+    return [text](DaemonEnd& master) {
+      if (Handshake(master)) master.Send(text);
+    };
+  }
+
+  static bool Handshake(DaemonEnd& master) {
+    master.Send("3");
+    for (int line = 0; line < 8; ++line) {
+      if (!master.Receive()) return false;
+    }
+    return true;
+  }
+
+  int port() const { return port_; }
+
+  /// All frames that the master sent, as hex, once it has gone.
+  std::vector<std::string> Frames() {
+    if (thread_.joinable()) thread_.join();
+    return frames_;
+  }
+
+  /// The frames behind the handshake.
+  std::vector<std::string> Requests() {
+    std::vector<std::string> frames = Frames();
+    frames.erase(frames.begin(), frames.begin() + std::min<std::ptrdiff_t>(8, std::ssize(frames)));
+    return frames;
+  }
+
+ private:
+  void Serve() {
+    // Bounded, so that a test whose master never comes still ends.
+    pollfd wait{listener_.get(), POLLIN, 0};
+    if (poll(&wait, 1, 20000) != 1) return;
+    const Descriptor master(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    DaemonEnd end(master.get());
+    script_(end);
+    for (const std::string& frame : end.received()) frames_.push_back(Hex(frame));
+  }
+
+  Descriptor listener_;
+  int port_;
+  Script script_;
+  std::vector<std::string> frames_;
+  std::thread thread_;
+};

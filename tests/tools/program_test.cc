@@ -1,0 +1,470 @@
+#include "tests/tools/program.h"
+
+#include <future>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/support/temporary_directory.h"
+#include "tests/tools/fake_daemon.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+
+// Writing to a program that has ended is not the end of the tests.
+const auto kNoPipeSignal = signal(SIGPIPE, SIG_IGN);
+
+// Requests as they show in a list of frames.
+const char* const kConnect = "01 00 00 00";
+const char* const kDate = "02 00 00 00";
+const char* const kMetric = "03 00 00 00";
+const char* const kTime = "04 00 00 00";
+const char* const kNewton = "07 00 00 00";
+const char* const kEnded = "09 00 00 00";
+const char* const kVersion = "11 00 00 00";
+const char* const kStart = "14 00 00 00";
+const char* const kShutdown = "f0 ff 00 00";
+
+class ProgramTest : public testing::Test {
+ protected:
+  Outcome Master(const std::vector<std::string>& arguments, const std::string& in = "") {
+    return RunVkmaster(LaunchArguments(daemon_.port(), arguments), in);
+  }
+
+  FakeRun run_;
+  FakeDaemon daemon_{FakeDaemon::Launching(run_)};
+};
+
+TEST_F(ProgramTest, LaunchSendsTheRunRequestInItsOrder) {
+  Master({"--processes", "16", "--api", "20162", "--debug", "1", "--cluster", "3", "quit"});
+  auto frames = daemon_.Frames();
+  frames.resize(8);
+  EXPECT_THAT(frames, ElementsAre("33", Hex("3"), Hex("/data/"), Hex("CASE"), Hex("16"),
+                                  Hex("20162"), Hex("alice"), Hex("1")));
+}
+
+TEST_F(ProgramTest, CommandIsCarriedOutBetweenConnectAndShutdown) {
+  const Outcome outcome = Master({"time"});
+  EXPECT_EQ(outcome.status, 0) << outcome.err;
+  EXPECT_EQ(outcome.out, "time  0 days\n");
+  EXPECT_EQ(outcome.err, "");
+  EXPECT_THAT(daemon_.Requests(), ElementsAre(kConnect, kTime, kShutdown));
+}
+
+TEST_F(ProgramTest, SeveralCommandsAreSeparatedByThenCommaOrSemicolon) {
+  const Outcome outcome = Master({"time", "then", "units", ",", "version", ";", "date"});
+  EXPECT_EQ(outcome.status, 0) << outcome.err;
+  EXPECT_EQ(outcome.out,
+            "time  0 days\nunit system  metric\nsimulator version  2017.2\ndate  2020-01-01\n");
+  EXPECT_THAT(daemon_.Requests(),
+              ElementsAre(kConnect, kTime, kMetric, kVersion, kDate, kShutdown));
+}
+
+TEST_F(ProgramTest, ShutdownByCommandIsNotRepeated) {
+  EXPECT_EQ(Master({"shutdown"}).status, 0);
+  EXPECT_THAT(daemon_.Requests(), ElementsAre(kConnect, kShutdown));
+}
+
+TEST_F(ProgramTest, LeaveSendsNoShutdown) {
+  EXPECT_EQ(Master({"--leave", "time"}).status, 0);
+  EXPECT_THAT(daemon_.Requests(), ElementsAre(kConnect, kTime));
+}
+
+TEST_F(ProgramTest, NoConnectLeavesConnectingToTheCommand) {
+  const Outcome outcome = Master({"--no-connect", "connect", "then", "quit"});
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.out, "simulator on  node17\n");
+  EXPECT_THAT(daemon_.Requests(), ElementsAre(kConnect, kShutdown));
+}
+
+TEST_F(ProgramTest, CommandBeforeConnectIsNotSentSinceItWouldEndTheRun) {
+  const Outcome outcome = Master({"--no-connect", "time"});
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_THAT(outcome.err, HasSubstr("connect first"));
+  EXPECT_THAT(daemon_.Requests(), ElementsAre(kShutdown));
+}
+
+TEST_F(ProgramTest, StatusShowsTheRunOnOnePage) {
+  const Outcome outcome = Master({"status"});
+  EXPECT_EQ(outcome.status, 0) << outcome.err;
+  EXPECT_EQ(outcome.out, "daemon             127.0.0.1:" + std::to_string(daemon_.port()) +
+                             "\n"
+                             "protocol version   3\n"
+                             "data path          /data/\n"
+                             "model              CASE\n"
+                             "simulator on       node17\n"
+                             "interface          20172\n"
+                             "simulator version  2017.2\n"
+                             "unit system        metric\n"
+                             "compositional      yes\n"
+                             "start date         2020-01-01\n"
+                             "date               2020-01-01\n"
+                             "time               0 days\n"
+                             "ended              no\n"
+                             "wells              3 (2 open)\n");
+}
+
+TEST_F(ProgramTest, UntilTakesTheFirstStepItselfAndRunsInOnePiece) {
+  const Outcome outcome = Master({"until", "365.25"});
+  EXPECT_EQ(outcome.status, 0) << outcome.err;
+  EXPECT_EQ(outcome.out,
+            "         day          date         ended\n"
+            "      365.25    2020-12-31            no\n");
+  EXPECT_THAT(daemon_.Requests(),
+              ElementsAre(kConnect, kNewton, kTime, "08 00 00 00 00 00 00 00 00 d4 76 40", kTime,
+                          kDate, kEnded, kShutdown));
+}
+
+TEST_F(ProgramTest, FirstStepIsNotTakenTwice) {
+  EXPECT_EQ(Master({"first-step", "then", "until", "+1"}).status, 0);
+  EXPECT_THAT(daemon_.Requests(),
+              ElementsAre(kConnect, kNewton, kTime, kTime, kTime,
+                          "08 00 00 00 00 00 00 00 00 00 f0 3f", kTime, kDate, kEnded, kShutdown));
+}
+
+TEST_F(ProgramTest, MonthlyStepsEndOnTheFirstsAndOnTheTarget) {
+  const Outcome outcome = Master({"until", "2020-03-10", "step", "monthly"});
+  EXPECT_EQ(outcome.status, 0) << outcome.err;
+  EXPECT_EQ(outcome.out,
+            "         day          date         ended\n"
+            "          31    2020-02-01            no\n"
+            "          60    2020-03-01            no\n"
+            "          69    2020-03-10            no\n");
+}
+
+TEST_F(ProgramTest, EveryIsUntilWithItsStepFirst) {
+  const Outcome outcome = Master({"--csv", "every", "30", "until", "70"});
+  EXPECT_EQ(outcome.out,
+            "time_days,date,ended\n"
+            "30,2020-01-31,false\n"
+            "60,2020-03-01,false\n"
+            "70,2020-03-11,false\n");
+}
+
+TEST_F(ProgramTest, StepOptionHoldsForAdvancesThatNameNone) {
+  const Outcome outcome = Master({"--csv", "--step", "40", "until", "70"});
+  EXPECT_EQ(outcome.out,
+            "time_days,date,ended\n"
+            "40,2020-02-10,false\n"
+            "70,2020-03-11,false\n");
+}
+
+TEST_F(ProgramTest, RatesAreSummedOverTheWells) {
+  const Outcome outcome = Master({"--csv", "until", "1", "rates"});
+  EXPECT_EQ(outcome.out,
+            "time_days,date,ended,oil_rate,water_rate,gas_rate,water_injection_rate,"
+            "gas_injection_rate\n"
+            "1,2020-01-02,false,600,606,603,0,0\n");
+}
+
+TEST_F(ProgramTest, EndOfTheSimulationEndsAnAdvance) {
+  run_.end = 50;
+  const Outcome outcome = Master({"until", "90", "step", "30"});
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.out,
+            "         day          date         ended\n"
+            "          30    2020-01-31            no\n"
+            "          50    2020-02-20           yes\n");
+  EXPECT_EQ(outcome.err, "note: The simulation ended at day 50, before day 90\n");
+}
+
+TEST_F(ProgramTest, TargetBehindTheRunIsRefusedWithoutSendingIt) {
+  const Outcome outcome = Master({"until", "30", "then", "until", "20"});
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_THAT(outcome.err, HasSubstr("The run is at day 30 already, it cannot go to day 20"));
+  EXPECT_THAT(daemon_.Requests(), testing::Contains(kShutdown));
+}
+
+TEST_F(ProgramTest, JsonIsOneObjectALine) {
+  const Outcome outcome = Master({"--json", "time", "then", "until", "2", "step", "1"});
+  EXPECT_EQ(outcome.out, R"({"command":"time","time_days":0.0,"units":{"time_days":"days"}})"
+                         "\n"
+                         R"({"command":"until","time_days":1.0,"date":"2020-01-02","ended":false})"
+                         "\n"
+                         R"({"command":"until","time_days":2.0,"date":"2020-01-03","ended":false})"
+                         "\n");
+}
+
+TEST_F(ProgramTest, CommandsAreReadFromAPipe) {
+  const Outcome outcome = Master({}, "# a comment\ntime; units\n\nversion");
+  EXPECT_EQ(outcome.status, 0) << outcome.err;
+  EXPECT_EQ(outcome.out, "time  0 days\nunit system  metric\nsimulator version  2017.2\n");
+  EXPECT_THAT(daemon_.Requests(), ElementsAre(kConnect, kTime, kMetric, kVersion, kShutdown));
+}
+
+TEST_F(ProgramTest, AnswersOnAPipeComeBeforeTheNextCommandIsWritten) {
+  VkmasterProcess process(LaunchArguments(daemon_.port(), {"--json"}));
+  process.Type("time\n");
+  EXPECT_EQ(process.ReadLine(),
+            R"({"command":"time","time_days":0.0,"units":{"time_days":"days"}})");
+  process.Type("until 3\n");
+  EXPECT_EQ(process.ReadLine(),
+            R"({"command":"until","time_days":3.0,"date":"2020-01-04","ended":false})");
+  EXPECT_EQ(process.Finish().status, 0);
+}
+
+TEST_F(ProgramTest, SlipOnAPipeEndsTheRun) {
+  const Outcome outcome = Master({}, "tiem\ntime\n");
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_EQ(outcome.out, "");
+  EXPECT_THAT(daemon_.Requests(), ElementsAre(kConnect, kShutdown));
+}
+
+TEST_F(ProgramTest, KeepGoingTakesTheNextCommandAfterASlip) {
+  const Outcome outcome = Master({"--keep-going", "--json"}, "tiem\ntime\n");
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_EQ(outcome.out,
+            R"x({"command":"tiem","error":"No such command: tiem (the command help lists them)"})x"
+            "\n"
+            R"({"command":"time","time_days":0.0,"units":{"time_days":"days"}})"
+            "\n");
+}
+
+TEST_F(ProgramTest, CommandsOfAFileAreUnderstoodBeforeAnythingIsLaunched) {
+  const TemporaryDirectory directory;
+  const std::string file = directory.Write("plan", "time\nuntil then\n");
+  // Nobody listens on this port: the launch would fail with another status.
+  const Outcome outcome = RunVkmaster(LaunchArguments(FreePort(), {"--file", file}));
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_THAT(outcome.err, HasSubstr("plan, line 2: until: Until when?"));
+  EXPECT_EQ(Master({"--file", directory.Write("plan", "# nothing but\ntime\n")}).out,
+            "time  0 days\n");
+}
+
+TEST_F(ProgramTest, FailedRequestIsNamedWithTheLogToLookAt) {
+  run_.fails = {8};
+  const Outcome outcome = Master({"until", "30"});
+  EXPECT_EQ(outcome.status, 4);
+  EXPECT_THAT(outcome.err, HasSubstr("vkmaster: The daemon ended the connection while waiting for "
+                                     "the answer of request 8 (RunUntil)\n"));
+  EXPECT_THAT(outcome.err, HasSubstr("comms log /data/CASE.crvnlog"));
+}
+
+TEST_F(ProgramTest, FailedConnectAsksAboutTimeOutAndInterface) {
+  run_.fails = {1};
+  const Outcome outcome = Master({"time"});
+  EXPECT_EQ(outcome.status, 4);
+  EXPECT_THAT(outcome.err, HasSubstr("request 1 (Connect)"));
+  EXPECT_THAT(outcome.err, HasSubstr("did the simulator start on node17 within the daemon's "
+                                     "time-out (-t), and is 20172 its interface version (--api)?"));
+}
+
+TEST_F(ProgramTest, SignalDuringAStepShutsTheRunDown) {
+  std::promise<pid_t> master;
+  run_.before = [&](std::uint32_t code) {
+    if (code == 8) kill(master.get_future().get(), SIGINT);
+  };
+  VkmasterProcess process(LaunchArguments(daemon_.port(), {"until", "30"}));
+  // The step is answered at once here; the answer may come before or after the signal.
+  master.set_value(process.pid());
+  const Outcome outcome = process.Finish();
+  EXPECT_EQ(outcome.status, 130);
+  EXPECT_EQ(daemon_.Requests().back(), kShutdown);
+}
+
+TEST_F(ProgramTest, TerminationWhileWaitingForInputShutsTheRunDown) {
+  VkmasterProcess process(LaunchArguments(daemon_.port(), {}));
+  process.Type("time\n");
+  EXPECT_EQ(process.ReadLine(), "time  0 days");
+  process.Signal(SIGTERM);
+  // The input stays open until the program has ended by itself.
+  EXPECT_THAT(daemon_.Requests(), ElementsAre(kConnect, kTime, kShutdown));
+  EXPECT_EQ(process.Finish().status, 143);
+}
+
+TEST(ProgramSignal, BusyRunIsLeftWithTheOrderAfterTheTimeGiven) {
+  std::promise<pid_t> master;
+  std::vector<std::string> left;
+  FakeDaemon daemon([&](DaemonEnd& end) {
+    FakeDaemon::Handshake(end);
+    end.Send("OK|node17");
+    FakeRun run;
+    run.Answer(end, 1, *end.Receive());
+    end.Receive();  // shutdown or anything: never answered
+    kill(master.get_future().get(), SIGTERM);
+    while (const auto frame = end.Receive()) left.push_back(Hex(*frame));
+  });
+  VkmasterProcess process(LaunchArguments(daemon.port(), {"--shutdown-wait", "0", "time"}));
+  master.set_value(process.pid());
+  const Outcome outcome = process.Finish();
+  EXPECT_EQ(outcome.status, 143);
+  EXPECT_THAT(outcome.err, HasSubstr("The simulator is busy"));
+  daemon.Frames();
+  EXPECT_THAT(left, ElementsAre(kShutdown));
+}
+
+TEST(ProgramSignal, SecondSignalLeavesAtOnce) {
+  std::promise<pid_t> master;
+  FakeDaemon daemon([&](DaemonEnd& end) {
+    FakeDaemon::Handshake(end);
+    end.Send("OK|node17");
+    FakeRun run;
+    run.Answer(end, 1, *end.Receive());
+    end.Receive();
+    const pid_t pid = master.get_future().get();
+    kill(pid, SIGINT);
+    end.Receive();  // the shutdown, which shows that the first signal has been seen
+    kill(pid, SIGINT);
+    end.Receive();
+  });
+  VkmasterProcess process(LaunchArguments(daemon.port(), {"time"}));
+  master.set_value(process.pid());
+  const Outcome outcome = process.Finish();
+  EXPECT_EQ(outcome.status, 130);
+  EXPECT_THAT(outcome.err, HasSubstr("Left before the shutdown was confirmed"));
+}
+
+TEST(ProgramSignal, LaunchGivenUpLeavesConnectAndShutdownBehind) {
+  std::promise<pid_t> master;
+  FakeDaemon daemon([&](DaemonEnd& end) {
+    FakeDaemon::Handshake(end);
+    kill(master.get_future().get(), SIGINT);
+    while (end.Receive()) {
+    }
+  });
+  VkmasterProcess process(LaunchArguments(daemon.port(), {"time"}));
+  master.set_value(process.pid());
+  const Outcome outcome = process.Finish();
+  EXPECT_EQ(outcome.status, 130);
+  EXPECT_THAT(outcome.err, HasSubstr("finds the order to shut it down"));
+  EXPECT_THAT(daemon.Requests(), ElementsAre(kConnect, kShutdown));
+}
+
+TEST(ProgramLaunch, LaunchThatTakesTooLongIsGivenUp) {
+  FakeDaemon daemon([&](DaemonEnd& end) {
+    FakeDaemon::Handshake(end);
+    while (end.Receive()) {
+    }
+  });
+  const Outcome outcome =
+      RunVkmaster(LaunchArguments(daemon.port(), {"--launch-wait", "1", "time"}));
+  EXPECT_EQ(outcome.status, 3);
+  EXPECT_THAT(daemon.Requests(), ElementsAre(kConnect, kShutdown));
+}
+
+struct Refusal {
+  const char* text;
+  const char* hint;
+};
+
+class ProgramRefused : public testing::TestWithParam<Refusal> {};
+
+TEST_P(ProgramRefused, ShowsTheTextAndWhatToLookAt) {
+  FakeDaemon daemon(FakeDaemon::Refusing(GetParam().text));
+  const Outcome outcome = RunVkmaster(LaunchArguments(daemon.port(), {"time"}));
+  EXPECT_EQ(outcome.status, 3);
+  EXPECT_EQ(outcome.out, "");
+  EXPECT_THAT(outcome.err,
+              testing::StartsWith(std::string("vkmaster: ") + GetParam().text + "\nhint: "));
+  EXPECT_THAT(outcome.err, HasSubstr(GetParam().hint));
+  EXPECT_THAT(daemon.Requests(), IsEmpty());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Texts, ProgramRefused,
+    testing::Values(Refusal{"Failed to read main environment file", ".vk_corvane_env"},
+                    Refusal{"Could not open the user administration file: /opt/./.vk_corvane_users",
+                            "or the daemon is started with -u"},
+                    Refusal{"Windows user 'alice' not found in administration file",
+                            "\"alice LINUX_ACCOUNT 1\""},
+                    Refusal{"Windows user 'alice' does not have permissions to run Varnok",
+                            "ends in 0"},
+                    Refusal{"Failed to get password entry for 'bob'", "getent passwd"},
+                    Refusal{"Failed to set user ID for Tolmen job - error = 1", "lacks the right"},
+                    Refusal{"No host detected", "HOST="},
+                    Refusal{"something that no daemon says today", "The text is the daemon's"}));
+
+TEST(ProgramLaunch, EndOfConnectionWithoutATextPointsToTheDaemonsLog) {
+  FakeDaemon daemon([](DaemonEnd& end) { FakeDaemon::Handshake(end); });
+  const Outcome outcome = RunVkmaster(LaunchArguments(daemon.port(), {"time"}));
+  EXPECT_EQ(outcome.status, 3);
+  EXPECT_THAT(outcome.err, HasSubstr("The daemon ended the connection without a word"));
+  EXPECT_THAT(outcome.err, HasSubstr("see the end of the daemon's log"));
+}
+
+TEST(ProgramLaunch, RefusedConnectionAsksWhetherTheDaemonRuns) {
+  const Outcome outcome = RunVkmaster(LaunchArguments(FreePort(), {"time"}));
+  EXPECT_EQ(outcome.status, 3);
+  EXPECT_THAT(outcome.err, HasSubstr("Connection refused"));
+  EXPECT_THAT(outcome.err, HasSubstr("Is the daemon running on 127.0.0.1"));
+}
+
+TEST(ProgramLaunch, AnotherServiceIsRecognised) {
+  FakeDaemon daemon([](DaemonEnd& end) { end.Send("220 mail ready"); });
+  const Outcome outcome = RunVkmaster(LaunchArguments(daemon.port(), {"time"}));
+  EXPECT_EQ(outcome.status, 3);
+  EXPECT_THAT(outcome.err, HasSubstr("No jobmill daemon: '220 mail ready'"));
+}
+
+TEST(ProgramLaunch, ControlCharactersOfAPeerDoNotReachTheTerminal) {
+  FakeDaemon daemon(FakeDaemon::Refusing("\033[2Jgone"));
+  const Outcome outcome = RunVkmaster(LaunchArguments(daemon.port(), {"time"}));
+  EXPECT_THAT(outcome.err, HasSubstr("vkmaster: ?[2Jgone\n"));
+  EXPECT_THAT(outcome.err, Not(HasSubstr("\033")));
+}
+
+TEST(ProgramLink, CutAnswerIsALostLink) {
+  FakeDaemon daemon([](DaemonEnd& end) {
+    FakeDaemon::Handshake(end);
+    end.Send("OK|node17");
+    FakeRun run;
+    run.Answer(end, 1, *end.Receive());
+    end.Receive();
+    end.SendRaw(Bytes("10000000 04000000"));
+  });
+  const Outcome outcome = RunVkmaster(LaunchArguments(daemon.port(), {"time"}));
+  EXPECT_EQ(outcome.status, 5);
+  EXPECT_THAT(outcome.err, HasSubstr("in the middle of an answer"));
+}
+
+TEST(ProgramLink, BadAnswerIsNamedAndTheRunShutDown) {
+  std::vector<std::string> left;
+  FakeDaemon daemon([&](DaemonEnd& end) {
+    FakeDaemon::Handshake(end);
+    end.Send("OK|node17");
+    FakeRun run;
+    run.Answer(end, 1, *end.Receive());
+    end.Receive();
+    end.Send(Bytes("05000000 00000000"));
+    run.Serve(end);
+  });
+  const Outcome outcome = RunVkmaster(LaunchArguments(daemon.port(), {"time"}));
+  EXPECT_EQ(outcome.status, 6);
+  EXPECT_THAT(outcome.err, HasSubstr("Bad answer to request 4 (GetTimeDays): it carries the code "
+                                     "5 instead of 4"));
+  EXPECT_THAT(daemon.Requests(), ElementsAre(kConnect, kTime, kShutdown));
+}
+
+TEST(ProgramUsage, HelpListsCommandsAndExitStatusesWithoutADaemon) {
+  const Outcome outcome = RunVkmaster({"--help"});
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_THAT(outcome.out, HasSubstr("  until TARGET [step STEP] [rates]"));
+  EXPECT_THAT(outcome.out, HasSubstr("  4  a request failed"));
+  EXPECT_THAT(RunVkmaster({"help", "until"}).out, HasSubstr("run to day 3650"));
+}
+
+TEST(ProgramUsage, SlipsEndWithTwoBeforeAnythingIsLaunched) {
+  const std::vector<std::vector<std::string>> slips{
+      {},
+      {"time"},
+      {"--port", "5000", "--root", "CASE", "time"},
+      {"--port", "5000", "--path", "/data", "time"},
+      {"--port", "70000", "--path", "/data", "--root", "CASE", "time"},
+      {"--no-such-option"},
+      {"--port", "5000", "--path", "/data", "--root", "CASE", "tiem"},
+      {"--port", "5000", "--path", "/data", "--root", "CASE", "until", "yesterday"},
+      {"--port", "5000", "--path", "/data", "--root", "CASE", "--step", "often", "time"},
+      {"--port", "5000", "--path", "/data", "--root", "CASE", "--file", "/no/such/file"},
+  };
+  for (const auto& slip : slips) {
+    const Outcome outcome = RunVkmaster(slip);
+    EXPECT_EQ(outcome.status, 2) << testing::PrintToString(slip);
+    EXPECT_NE(outcome.err + outcome.out, "") << testing::PrintToString(slip);
+  }
+}
+
+}  // namespace

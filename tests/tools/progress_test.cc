@@ -1,0 +1,67 @@
+#include "tools/vkmaster/progress.h"
+
+#include <cstdlib>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using std::chrono::seconds;
+using vkmaster::Progress;
+
+class ProgressTest : public testing::Test {
+ protected:
+  ~ProgressTest() override {
+    std::fclose(terminal_);
+    std::free(bytes_);
+  }
+  std::string Written() {
+    std::fflush(terminal_);
+    return {bytes_, size_};
+  }
+
+  char* bytes_ = nullptr;
+  std::size_t size_ = 0;
+  std::FILE* terminal_ = open_memstream(&bytes_, &size_);
+};
+
+TEST_F(ProgressTest, BarShowsTheDaysReached) {
+  Progress progress(true, terminal_);
+  progress.BeginAdvance(100, 200);
+  EXPECT_EQ(progress.Line(seconds(0)), "[..............................] day 100 of 200 (0:00:00)");
+  progress.Reached(150);
+  EXPECT_EQ(progress.Line(seconds(3723)),
+            "[###############...............] day 150 of 200 (1:02:03)");
+  progress.Reached(200);
+  EXPECT_EQ(progress.Line(seconds(59)),
+            "[##############################] day 200 of 200 (0:00:59)");
+}
+
+TEST_F(ProgressTest, OtherWorkShowsTheTimeSpent) {
+  Progress progress(true, terminal_);
+  progress.Begin("shutting down");
+  EXPECT_EQ(progress.Line(seconds(61)), "shutting down (0:01:01)");
+}
+
+TEST_F(ProgressTest, LineIsOverwrittenAndRemoved) {
+  Progress progress(true, terminal_);
+  progress.Begin("x");
+  progress.Tick();
+  progress.Hide();
+  progress.Hide();
+  EXPECT_EQ(Written(), "\r\033[Kx (0:00:00)\r\033[K");
+  progress.End();
+  progress.Tick();
+  EXPECT_EQ(Written(), "\r\033[Kx (0:00:00)\r\033[K") << "ended, there is nothing to draw";
+}
+
+TEST_F(ProgressTest, DisabledWritesNothing) {
+  Progress progress(false, terminal_);
+  progress.BeginAdvance(0, 1);
+  progress.Tick();
+  progress.Reached(1);
+  progress.End();
+  EXPECT_EQ(Written(), "");
+}
+
+}  // namespace

@@ -1,0 +1,84 @@
+#include "tools/vkmaster/words.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tools/vkmaster/usage_error.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using vkmaster::Matches;
+using vkmaster::ParseNumber;
+using vkmaster::SplitCommands;
+using vkmaster::SplitWords;
+using vkmaster::UsageError;
+
+TEST(SplitWords, BlanksAndTabsSeparate) {
+  EXPECT_THAT(SplitWords("  until\t30  step  10 \r"), ElementsAre("until", "30", "step", "10"));
+  EXPECT_THAT(SplitWords(""), IsEmpty());
+}
+
+TEST(SplitWords, QuotesKeepBlanksHashesAndEmptyWords) {
+  EXPECT_THAT(SplitWords(R"(open 'A 1' "B # 2" '' x'y z'w)"),
+              ElementsAre("open", "A 1", "B # 2", "", "xy zw"));
+}
+
+TEST(SplitWords, BackslashKeepsTheNextCharacter) {
+  EXPECT_THAT(SplitWords(R"(A\ 1 "a\"b" 'c\d' \#5)"), ElementsAre("A 1", "a\"b", "c\\d", "#5"));
+}
+
+TEST(SplitWords, HashBeginsACommentOnlyAtAWordsBeginning) {
+  EXPECT_THAT(SplitWords("open P#1 # the first"), ElementsAre("open", "P#1"));
+  EXPECT_THAT(SplitWords("# nothing"), IsEmpty());
+}
+
+TEST(SplitWords, SemicolonIsAWordOfItsOwn) {
+  EXPECT_THAT(SplitWords("time;units ';'x"), ElementsAre("time", ";", "units", ";x"));
+}
+
+TEST(SplitWords, OpenQuoteIsRefused) {
+  EXPECT_THROW(SplitWords("open 'P1"), UsageError);
+  EXPECT_THROW(SplitWords("open \"P1\\\""), UsageError);
+}
+
+TEST(SplitCommands, ThenCommaAndSemicolonSeparate) {
+  EXPECT_THAT(SplitCommands({"time", "then", "open", "P1,P2", ",", "date", ";", "units"}),
+              ElementsAre(ElementsAre("time"), ElementsAre("open", "P1,P2"), ElementsAre("date"),
+                          ElementsAre("units")));
+}
+
+TEST(SplitCommands, EmptyCommandsAreLeftOut) {
+  EXPECT_THAT(SplitCommands({"then", "time", ";", ";"}), ElementsAre(ElementsAre("time")));
+  EXPECT_THAT(SplitCommands({}), IsEmpty());
+}
+
+TEST(Matches, StarIsAnyNumberOfCharactersAndQuestionMarkOne) {
+  EXPECT_TRUE(Matches("P*", "P"));
+  EXPECT_TRUE(Matches("P*", "P12"));
+  EXPECT_TRUE(Matches("*-?1", "NORTH-A1"));
+  EXPECT_TRUE(Matches("*a*b", "xaxbxb"));
+  EXPECT_TRUE(Matches("**", ""));
+  EXPECT_TRUE(Matches("P1", "P1"));
+  EXPECT_FALSE(Matches("P?", "P"));
+  EXPECT_FALSE(Matches("P?", "P12"));
+  EXPECT_FALSE(Matches("p*", "P1"));
+  EXPECT_FALSE(Matches("*a*b", "xaxbxc"));
+  EXPECT_FALSE(Matches("", "P"));
+}
+
+TEST(ParseNumber, TakesWholeFiniteNumbersOnly) {
+  EXPECT_EQ(ParseNumber("365.25", "Days"), 365.25);
+  EXPECT_EQ(ParseNumber("+30", "Days"), 30);
+  EXPECT_EQ(ParseNumber("-1e3", "Days"), -1000);
+  for (const char* wrong : {"", "+", "30d", "1 2", "nan", "inf", "0x10", "1e999", "++1"}) {
+    EXPECT_THROW(ParseNumber(wrong, "Days"), UsageError) << wrong;
+  }
+}
+
+TEST(Printable, ControlCharactersBecomeQuestionMarks) {
+  EXPECT_EQ(vkmaster::Printable("a\033[2J\n\tb\x7f"), "a?[2J??b?");
+}
+
+}  // namespace

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+namespace vkmaster {
+
+/// Where commands come from when they are not arguments.
+class LineSource {
+ public:
+  virtual ~LineSource() = default;
+
+  /// The next line without its newline; nothing at the end. Blocks.
+  virtual std::optional<std::string> Next() = 0;
+};
+
+/// Lines of a pipe or a file.
+class DescriptorLines : public LineSource {
+ public:
+  /// Both descriptors stay the caller's. Waiting ends, as the input would, when `wake` is readable.
+  DescriptorLines(int descriptor, int wake) : descriptor_(descriptor), wake_(wake) {}
+
+  std::optional<std::string> Next() override;
+
+ private:
+  bool Fill();
+
+  int descriptor_;
+  int wake_;
+  bool ended_ = false;
+  std::string buffer_;
+};
+
+}  // namespace vkmaster

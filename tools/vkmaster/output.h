@@ -1,0 +1,57 @@
+#pragma once
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "tools/vkmaster/result.h"
+
+namespace vkmaster {
+
+enum class Form { kText, kJson, kCsv };
+
+/// Writes results to a stream, complete and flushed one by one, so that a program on the other
+/// side of a pipe has each as soon as it is there.
+///
+/// Text: fields as lines, tables aligned. JSON: one object a line, fields and tables (arrays of
+/// objects) by their keys, units by key under "units". CSV: a header line, then the rows; fields
+/// are one row; a blank line before the header of the next table.
+class Output {
+ public:
+  /// Both streams stay the caller's. Notes go to `notes`, except that JSON has them in the object.
+  Output(Form form, std::FILE* out, std::FILE* notes) : form_(form), out_(out), notes_(notes) {}
+
+  Form form() const { return form_; }
+
+  void Write(const Result& result);
+
+  /// What went wrong, and what to look at next (may be empty). Always on the notes' stream; with
+  /// JSON an object on the other one too, so that a program finds it in its place.
+  void WriteError(const std::string& command, const std::string& text, const std::string& hint);
+
+  /// A line for the engineer.
+  void Note(const std::string& text);
+
+ private:
+  void WriteText(const Result& result);
+  void WriteCsv(const Result& result);
+  void Put(const std::string& text);
+  bool ContinuesRow(const Result& result);
+
+  Form form_;
+  std::FILE* out_;
+  std::FILE* notes_;
+  bool begun_ = false;
+  std::string row_header_;  // of the table that rows go on with; empty when there is none
+};
+
+/// The value as text: numbers to six digits, or, `exact`, so that they read back as the same.
+std::string FormatValue(const Value& value, bool exact);
+
+/// A CSV line, quoted where needed, with its newline.
+std::string CsvLine(const std::vector<std::string>& cells);
+
+/// The table as aligned lines.
+std::string FormatTable(const Table& table);
+
+}  // namespace vkmaster

@@ -1,0 +1,326 @@
+#include "tools/vkmaster/program.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <fmt/format.h>
+
+#include "master/errors.h"
+#include "master/launch.h"
+#include "tools/vkmaster/commands.h"
+#include "tools/vkmaster/hints.h"
+#include "tools/vkmaster/input.h"
+#include "tools/vkmaster/interrupt.h"
+#include "tools/vkmaster/options.h"
+#include "tools/vkmaster/prompt.h"
+#include "tools/vkmaster/usage_error.h"
+
+namespace vkmaster {
+namespace {
+
+using master::Clock;
+using master::Deadline;
+
+constexpr std::chrono::milliseconds kTick{250};
+
+Deadline In(std::chrono::seconds wait) {
+  return Clock::now() + wait;
+}
+
+/// Commands of a file, all understood before the first is carried out: a slip in line 40 must not
+/// cost a run.
+std::vector<Command> ReadCommandFile(const std::string& file) {
+  const int descriptor = open(file.c_str(), O_RDONLY | O_CLOEXEC);
+  if (descriptor < 0) throw UsageError("Cannot read the file '" + file + "'");
+  DescriptorLines lines(descriptor, -1);
+  std::vector<Command> commands;
+  int number = 0;
+  try {
+    while (const auto line = lines.Next()) {
+      ++number;
+      for (Command& command : ParseCommands(SplitWords(*line))) {
+        commands.push_back(std::move(command));
+      }
+    }
+  } catch (const UsageError& error) {
+    close(descriptor);
+    throw UsageError(fmt::format("{}, line {}: {}", file, number, error.what()));
+  }
+  close(descriptor);
+  return commands;
+}
+
+class Program {
+ public:
+  explicit Program(Options options)
+      : options_(std::move(options)),
+        output_(options_.form, stdout, stderr),
+        progress_(options_.progress && options_.form == Form::kText && isatty(STDOUT_FILENO) != 0 &&
+                      isatty(STDERR_FILENO) != 0,
+                  stderr) {
+    launched_.daemon_host = options_.host;
+    launched_.daemon_port = options_.port;
+    launched_.request = options_.run;
+  }
+
+  int Run() {
+    try {
+      ReadAhead();
+    } catch (const std::exception& error) {
+      return Report("", error).status;
+    }
+    if (OnlyHelp()) return PrintHelp();
+    const int launched = Launch();
+    return launched == kOk ? Control() : launched;
+  }
+
+ private:
+  // Commands from arguments or a file are known beforehand; those of a pipe or prompt are not.
+  void ReadAhead() {
+    if (!options_.words.empty()) {
+      commands_ = ParseCommands(options_.words);
+    } else if (!options_.file.empty() && options_.file != "-") {
+      commands_ = ReadCommandFile(options_.file);
+    }
+    if (OnlyHelp()) return;
+    if (options_.port == 0) throw UsageError("The daemon's port is missing: --port");
+    if (options_.run.path.empty()) throw UsageError("The run's data directory is missing: --path");
+    if (options_.run.root.empty()) throw UsageError("The model's name is missing: --root");
+  }
+
+  bool OnlyHelp() const {
+    if (!commands_ || commands_->empty()) return false;
+    for (const Command& command : *commands_) {
+      if (command.needs_run) return false;
+    }
+    return true;
+  }
+
+  int PrintHelp() {
+    const std::size_t named = options_.words.size() > 1 ? 1 : 0;
+    fmt::print("{}", HelpText(named == 1 ? options_.words[1] : ""));
+    return kOk;
+  }
+
+  Failure Report(const std::string& command, const std::exception& error) {
+    progress_.End();
+    const bool connecting = !session_ || !session_->connected();
+    Failure failure = Explain(error, launched_, connecting);
+    output_.WriteError(command, failure.text, failure.hint);
+    return failure;
+  }
+
+  int SignalStatus() const { return kSignal + interrupt_.signal(); }
+
+  int Launch() {
+    std::optional<master::Launch> launch;
+    bool requested = false;
+    try {
+      launch.emplace(master::FrameChannel::ConnectTo(
+          options_.host, options_.port, options_.connect_wait, interrupt_.descriptor()));
+      launched_.daemon_version = launch->ExchangeVersions(In(options_.connect_wait));
+      requested = true;
+      launch->Request(options_.run);
+      AwaitHost(*launch);
+    } catch (const master::Interrupted& interrupted) {
+      return GiveUp(requested ? &*launch : nullptr, interrupted.what(), SignalStatus());
+    } catch (const master::TimedOut& late) {
+      return GiveUp(requested ? &*launch : nullptr, late.what(), kNotLaunched);
+    } catch (const std::exception& error) {
+      const Failure failure = Report("launch", error);
+      return failure.status == kUsage ? kUsage : kNotLaunched;
+    }
+    session_.emplace(master::Run(launch->Release()), launched_);
+    session_->raw_run().channel().OnWait(kTick, [this] { progress_.Tick(); });
+    return kOk;
+  }
+
+  void AwaitHost(master::Launch& launch) {
+    progress_.Begin("waiting for the simulator to be launched");
+    launch.OnWait(kTick, [this] { progress_.Tick(); });
+    const bool for_ever = options_.launch_wait.count() == 0;
+    launched_.simulator_host = launch.AwaitHost(for_ever ? Deadline() : In(options_.launch_wait));
+    progress_.End();
+  }
+
+  int GiveUp(master::Launch* launch, const char* why, int status) {
+    progress_.End();
+    std::string hint;
+    if (launch != nullptr && !options_.leave) {
+      launch->GiveUp();
+      hint =
+          "The daemon cannot be told to give up a launch; when the simulator runs after all, the "
+          "daemon finds the order to shut it down";
+    } else if (launch == nullptr) {
+      hint = "Is it a jobmill daemon that listens there? It speaks first";
+    }
+    output_.WriteError("launch", why, hint);
+    return status;
+  }
+
+  // The run, from the launch to its end.
+  int Control() {
+    int status = kOk;
+    if (options_.connect) status = Execute(ParseCommand({"connect"}), true);
+    if (status == kOk) status = commands_ ? ExecuteAll(*commands_) : ExecuteLines();
+    return Finish(status);
+  }
+
+  int Execute(const Command& command, bool quietly = false) {
+    Context context{*session_, output_, progress_, options_.step};
+    try {
+      progress_.Begin(command.text);
+      if (quietly) {
+        session_->Connect();
+      } else {
+        command.execute(context);
+      }
+      progress_.End();
+      quit_ = context.quit;
+      return kOk;
+    } catch (const master::Interrupted&) {
+      progress_.End();
+      return SignalStatus();
+    } catch (const std::exception& error) {
+      const Failure failure = Report(command.text, error);
+      link_usable_ = failure.run_goes_on || failure.status == kBadAnswer;
+      if (failure.run_goes_on) may_go_on_ = true;
+      return failure.status;
+    }
+  }
+
+  // True when the next command may be tried after one that ended with `status`.
+  bool GoesOn(int status, bool forgiving) {
+    const bool tolerated = std::exchange(may_go_on_, false) && forgiving;
+    return (status == kOk || tolerated) && !quit_;
+  }
+
+  int ExecuteAll(const std::vector<Command>& commands) {
+    int result = kOk;
+    for (const Command& command : commands) {
+      if (interrupt_.signal() != 0) return SignalStatus();
+      const int status = Execute(command);
+      if (status != kOk) result = status;
+      if (!GoesOn(status, options_.keep_going)) break;
+    }
+    return result;
+  }
+
+  int ExecuteLines() {
+    const bool at_terminal = options_.file.empty() && isatty(STDIN_FILENO) != 0;
+    const std::unique_ptr<LineSource> lines = Lines(at_terminal);
+    const bool forgiving = at_terminal || options_.keep_going;
+    int result = kOk;
+    while (const auto line = lines->Next()) {
+      const int status = ExecuteLine(*line);
+      if (status != kOk) result = status;
+      if (!GoesOn(status, forgiving) || session_->shut_down()) break;
+    }
+    if (interrupt_.signal() != 0) return SignalStatus();
+    // Slips at the prompt were answered there; they are no failure of the session.
+    return at_terminal && result == kUsage ? kOk : result;
+  }
+
+  int ExecuteLine(const std::string& line) {
+    std::vector<Command> commands;
+    try {
+      commands = ParseCommands(SplitWords(line));
+    } catch (const std::exception& error) {
+      may_go_on_ = true;
+      return Report(line, error).status;
+    }
+    for (const Command& command : commands) {
+      const int status = Execute(command);
+      if (status != kOk || quit_) return status;
+    }
+    return kOk;
+  }
+
+  std::unique_ptr<LineSource> Lines(bool at_terminal) {
+    if (!at_terminal) {
+      return std::make_unique<DescriptorLines>(STDIN_FILENO, interrupt_.descriptor());
+    }
+    output_.Note(fmt::format("{} runs on {}. help lists the commands, quit leaves.",
+                             launched_.request.root, launched_.simulator_host));
+    return std::make_unique<Prompt>(
+        [this] {
+          return fmt::format("{} day {:.6g}> ", launched_.request.root, session_->last_days());
+        },
+        [this] {
+          std::vector<std::string> names;
+          for (const master::WellStatus& well : session_->KnownWells()) names.push_back(well.name);
+          return names;
+        },
+        interrupt_);
+  }
+
+  // A run that nobody controls keeps its licence until somebody notices.
+  int Finish(int status) {
+    if (session_->shut_down() || !link_usable_) return status;
+    if (options_.leave) {
+      output_.Note("note: The run was left without a shutdown");
+      return status;
+    }
+    if (interrupt_.signal() != 0) {
+      output_.Note(fmt::format(
+          "Interrupted: shutting the run down, for up to {} s; interrupt again to leave at once",
+          options_.shutdown_wait.count()));
+    }
+    const int shutdown = ShutDown();
+    return status == kOk ? shutdown : status;
+  }
+
+  int ShutDown() {
+    interrupt_.Clear();
+    progress_.Begin("shutting down");
+    try {
+      const bool done = session_->raw_run().ShutdownWithin(In(options_.shutdown_wait));
+      progress_.End();
+      if (!done) {
+        output_.Note(
+            "note: The simulator is busy; the daemon shuts it down when it is through with its "
+            "step");
+      }
+      return kOk;
+    } catch (const master::Interrupted&) {
+      progress_.End();
+      output_.Note("note: Left before the shutdown was confirmed; the daemon still has the order");
+      return SignalStatus();
+    } catch (const std::exception& error) {
+      return Report("shutdown", error).status;
+    }
+  }
+
+  Options options_;
+  Interrupt interrupt_;
+  Output output_;
+  Progress progress_;
+  std::optional<std::vector<Command>> commands_;
+  Launched launched_;
+  std::optional<Session> session_;
+  bool quit_ = false;
+  bool may_go_on_ = false;
+  bool link_usable_ = true;
+};
+
+}  // namespace
+
+int RunProgram(int argc, const char* const* argv) {
+  try {
+    Options options;
+    if (const auto status = ParseOptions(argc, argv, options)) return *status;
+    return Program(std::move(options)).Run();
+  } catch (const std::exception& error) {
+    fmt::print(stderr, "vkmaster: {}\n", error.what());
+    return kInternal;
+  }
+}
+
+}  // namespace vkmaster

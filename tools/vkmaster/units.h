@@ -1,0 +1,23 @@
+#pragma once
+
+#include <string>
+
+namespace vkmaster {
+
+/// Units of what a run reports, which come as they are in the simulator's unit system.
+struct Units {
+  std::string system;
+  std::string liquid_rate;
+  std::string gas_rate;
+  std::string pressure;
+  std::string temperature;
+  std::string density;
+};
+
+inline const Units& UnitsOf(bool metric) {
+  static const Units kMetric{"metric", "sm3/d", "sm3/d", "bar", "degC", "kg/m3"};
+  static const Units kField{"field", "STB/d", "Mscf/d", "psi", "degF", "lb/ft3"};
+  return metric ? kMetric : kField;
+}
+
+}  // namespace vkmaster

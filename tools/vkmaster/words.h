@@ -1,0 +1,33 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace vkmaster {
+
+using Words = std::vector<std::string>;
+
+/// The words of a line. Blanks separate them; '...' and "..." keep blanks; a backslash keeps the
+/// next character outside '...'; a word that begins with # begins a comment. A semicolon outside
+/// quotes is a word of its own. Throws UsageError when a quote stays open.
+Words SplitWords(std::string_view line);
+
+/// The commands of a list of words: they are separated by "then", "," or ";", each a word of its
+/// own. Empty commands are left out.
+std::vector<Words> SplitCommands(const Words& words);
+
+/// True when `name` matches `pattern`, in which * stands for any characters and ? for one. Letter
+/// case counts.
+bool Matches(std::string_view pattern, std::string_view name);
+
+/// True when `one` equals `other` but for the case of ASCII letters.
+bool EqualIgnoringCase(std::string_view one, std::string_view other);
+
+/// The number that `word` is as a whole; throws UsageError, which says `what` was wanted.
+double ParseNumber(const std::string& word, const std::string& what);
+
+/// `text` without what a terminal would act on: control characters become '?'.
+std::string Printable(std::string_view text);
+
+}  // namespace vkmaster
