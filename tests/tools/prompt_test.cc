@@ -29,6 +29,23 @@ TEST(Completions, UntilIsFollowedByItsWords) {
   EXPECT_THAT(Completions("until 30 ", "st", NoWells), ElementsAre("step"));
 }
 
+std::vector<std::string> Wells() {
+  return {"P1", "P2", "I1"};
+}
+
+TEST(Completions, CommandsOnWellsAreFollowedByWells) {
+  for (const char* command :
+       {"wells ", "data ", "open P1 ", "shut ", "uptime ", "ipr ", "source "}) {
+    EXPECT_THAT(Completions(command, "P", Wells), ElementsAre("P1", "P2")) << command;
+  }
+}
+
+TEST(Completions, ConstraintNamesComeWithTheirEqualsSign) {
+  EXPECT_THAT(Completions("constrain P1 ", "b", Wells), ElementsAre("bhp="));
+  EXPECT_THAT(Completions("vars P1 ", "b", Wells), ElementsAre("bhp"));
+  EXPECT_THAT(Completions("ipr P1 ", "sk", Wells), ElementsAre("skewness"));
+}
+
 TEST(Completions, OpenQuoteCompletesNothingWrong) {
   EXPECT_THAT(Completions("help 'x", "zzz", NoWells), IsEmpty());
 }

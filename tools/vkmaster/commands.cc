@@ -5,8 +5,11 @@
 #include <fmt/format.h>
 
 #include "tools/vkmaster/advance.h"
+#include "tools/vkmaster/fluid_commands.h"
+#include "tools/vkmaster/ipr.h"
 #include "tools/vkmaster/units.h"
 #include "tools/vkmaster/usage_error.h"
+#include "tools/vkmaster/well_commands.h"
 
 namespace vkmaster {
 namespace {
@@ -132,6 +135,29 @@ std::vector<Entry> MakeEntries() {
          const AdvanceRequest request = ParseEvery(arguments);
          return [request](Context& context) { Advance(context, request); };
        }},
+      {{"wells", "[WELLS]", "wells with their type and status"}, ParseWells},
+      {{"data", "[WELLS]", "operating points: rates, pressures, uptime"}, ParseData},
+      {{"vars", "WELLS NAME...", "properties of wells: oil, bhp, ... or the simulator's names"},
+       ParseVars},
+      {{"open", "WELLS", "open wells"},
+       [](const Words& arguments) { return ParseStatusOf("open", "OPEN", arguments); }},
+      {{"shut", "WELLS", "shut wells"},
+       [](const Words& arguments) { return ParseStatusOf("shut", "SHUT", arguments); }},
+      {{"set-status", "STATUS WELLS", "give wells another status that the simulator knows"},
+       ParseSetStatus},
+      {{"uptime", "WELLS FRACTION", "the fraction of the time that wells are on"}, ParseUptime},
+      {{"constrain", "WELLS NAME=VALUE...",
+        "limit rates and pressures, in the run's units: constrain P1 P2 oil=500 bhp=150 P3 "
+        "gas=1e5"},
+       ParseConstrain},
+      {{"ipr", "WELLS [bhp|thp] [skewness X] [components N|all] [keep] [no-plot]",
+        "inflow tables of ten points, which cut the wells back; keep leaves them so"},
+       ParseIPR},
+      {{"eos", "", "equation of state: components and their properties"}, ParseEOS},
+      {{"source", "WELL SOURCE", "attach an external gas source to a well"}, ParseSource},
+      {{"composition", "SOURCE FRACTION... | SOURCE NAME=FRACTION...",
+        "mole fractions of an external source, in component order or by component"},
+       ParseComposition},
       {{"shutdown", "", "shut the simulator down and end the run"}, Plain(Shutdown)},
       {{"help", "[COMMAND]", "this text"}, ParseHelp, false},
       {{"quit", "", "leave; the run is shut down unless --leave was given"}, ParseQuit},

@@ -11,6 +11,7 @@
 
 #include "tools/vkmaster/commands.h"
 #include "tools/vkmaster/interrupt.h"
+#include "tools/vkmaster/quantities.h"
 #include "tools/vkmaster/usage_error.h"
 
 namespace vkmaster {
@@ -28,7 +29,13 @@ std::vector<std::string> ArgumentsOf(const std::string& command) {
   if (command == "until" || command == "every") {
     return {"step", "rates", "until", "daily", "weekly", "monthly", "quarterly", "yearly"};
   }
-  return {};
+  std::vector<std::string> names;
+  if (command == "vars" || command == "constrain") {
+    const std::string end = command == "constrain" ? "=" : "";
+    for (const Quantity& quantity : Quantities()) names.push_back(quantity.name + end);
+  }
+  if (command == "ipr") names = {"bhp", "thp", "skewness", "components", "all", "keep", "no-plot"};
+  return names;
 }
 
 bool TakesWells(const std::string& command) {

@@ -111,6 +111,19 @@ std::vector<std::string> Session::Resolve(const Words& patterns) {
   return names;
 }
 
+void Session::Remember(const master::WellConstraints& constraints) {
+  master::WellConstraints& kept = constraints_[constraints.well];
+  kept.well = constraints.well;
+  for (std::size_t i = 0; i < constraints.names.size(); ++i) {
+    SetConstraint(kept, constraints.names[i], constraints.values[i]);
+  }
+}
+
+master::WellConstraints Session::Remembered(const std::string& well) const {
+  const auto found = constraints_.find(well);
+  return found == constraints_.end() ? master::WellConstraints{well, {}, {}} : found->second;
+}
+
 std::vector<master::WellData> Session::Data(const std::vector<std::string>& wells) {
   std::vector<master::WellData> all;
   for (const auto& part : Parts(wells, 8, 0)) {
@@ -132,6 +145,16 @@ std::vector<std::string> Session::Find(const std::string& pattern) const {
   }
   if (exact.empty() && alike.size() == 1) return alike;
   return exact;
+}
+
+void SetConstraint(master::WellConstraints& well, const std::string& name, double value) {
+  const auto found = std::find(well.names.begin(), well.names.end(), name);
+  if (found == well.names.end()) {
+    well.names.push_back(name);
+    well.values.push_back(value);
+  } else {
+    well.values[static_cast<std::size_t>(found - well.names.begin())] = value;
+  }
 }
 
 std::vector<std::vector<std::string>> Parts(const std::vector<std::string>& names, std::size_t head,

@@ -1,6 +1,8 @@
 #pragma once
 
+#include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "master/records.h"
@@ -68,6 +70,11 @@ class Session {
   /// again first, since a model may add wells.
   std::vector<std::string> Resolve(const Words& patterns);
 
+  /// Keeps what was set of a well's constraints, which no request can ask for; a later value of
+  /// a name replaces the earlier one.
+  void Remember(const master::WellConstraints& constraints);
+  master::WellConstraints Remembered(const std::string& well) const;
+
   /// Operating points of any number of wells, in as many requests as it takes.
   std::vector<master::WellData> Data(const std::vector<std::string>& wells);
 
@@ -86,7 +93,11 @@ class Session {
   bool has_ended_ = false;
   bool wells_known_ = false;
   std::vector<master::WellStatus> wells_;
+  std::map<std::string, master::WellConstraints> constraints_;
 };
+
+/// Sets `name` to `value` among the constraints of `well`, replacing what it was.
+void SetConstraint(master::WellConstraints& well, const std::string& name, double value);
 
 /// Splits `names` so that no request with the names of a part, `extra` bytes more for each, and
 /// `head` bytes besides is longer than the daemon reads.

@@ -1,0 +1,316 @@
+#include "tools/vkmaster/well_commands.h"
+
+#include <cstdlib>
+#include <thread>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "master/errors.h"
+#include "tests/support/socket_pair.h"
+#include "tests/tools/fake_daemon.h"
+#include "tools/vkmaster/commands.h"
+#include "tools/vkmaster/fluid_commands.h"
+#include "tools/vkmaster/ipr.h"
+#include "tools/vkmaster/quantities.h"
+#include "tools/vkmaster/usage_error.h"
+
+namespace {
+
+using testing::AnyOf;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::StartsWith;
+using vkmaster::Form;
+using vkmaster::UsageError;
+
+/// Commands on a run whose daemon is in this process.
+class WellCommandsTest : public testing::Test {
+ protected:
+  WellCommandsTest()
+      : session_(master::Run(master::FrameChannel(pair_.ours.Release())), {}),
+        end_(pair_.peer.get()) {
+    daemon_ = std::thread([this] { run_.Serve(end_); });
+    session_.Connect();
+  }
+  ~WellCommandsTest() override {
+    session_.Shutdown();
+    daemon_.join();
+  }
+
+  // What the commands write, notes behind it.
+  std::string Do(const std::string& line, Form form = Form::kCsv) {
+    char* bytes = nullptr;
+    std::size_t size = 0;
+    std::FILE* stream = open_memstream(&bytes, &size);
+    vkmaster::Output output(form, stream, stream);
+    vkmaster::Progress progress(false, stream);
+    vkmaster::Context context{session_, output, progress, {}};
+    for (const vkmaster::Command& command : vkmaster::ParseCommands(vkmaster::SplitWords(line))) {
+      command.execute(context);
+    }
+    std::fclose(stream);
+    const std::string text(bytes, size);
+    std::free(bytes);
+    return text;
+  }
+
+  // The last requests of the kind, as hex; the daemon's answer has come, so they are all there.
+  std::vector<std::string> Requests(int code) {
+    std::vector<std::string> found;
+    for (const std::string& frame : end_.received()) {
+      std::uint32_t got = 0;
+      memcpy(&got, frame.data(), sizeof(got));
+      if (static_cast<int>(got) == code) found.push_back(Hex(frame));
+    }
+    return found;
+  }
+
+  SocketPair pair_;
+  FakeRun run_;
+  vkmaster::Session session_;
+  DaemonEnd end_;
+  std::thread daemon_;
+};
+
+std::string Refusal(const std::string& line) {
+  try {
+    vkmaster::ParseCommands(vkmaster::SplitWords(line));
+    return "understood";
+  } catch (const UsageError& error) {
+    return error.what();
+  }
+}
+
+TEST_F(WellCommandsTest, WellsListsTypeAndStatus) {
+  EXPECT_EQ(Do("wells"),
+            "well,type,status\nP1,PRODUCER,OPEN\nP2,PRODUCER,SHUT\nI1,WATER_INJECTOR,OPEN\n");
+  EXPECT_EQ(Do("wells I*"), "well,type,status\nI1,WATER_INJECTOR,OPEN\n");
+}
+
+TEST_F(WellCommandsTest, WellsOfAModelWithoutWellsIsAnEmptyTable) {
+  run_.wells.clear();
+  EXPECT_EQ(Do("wells"), "well,type,status\n");
+}
+
+TEST_F(WellCommandsTest, DataIsATableOfOperatingPoints) {
+  EXPECT_EQ(Do("data P2,P1"),
+            "well,status,oil_rate,water_rate,gas_rate,water_injection_rate,gas_injection_rate,"
+            "bottom_hole_pressure,tubing_head_pressure,uptime_fraction\n"
+            "P2,OPEN,100,102,101,0,0,250.5,30.25,0.95\n"
+            "P1,OPEN,200,202,201,0,0,250.5,30.25,0.95\n");
+}
+
+TEST_F(WellCommandsTest, UnitsFollowTheRun) {
+  EXPECT_THAT(Do("data P1", Form::kText), HasSubstr("oil [sm3/d]"));
+  EXPECT_THAT(Do("data P1", Form::kText), HasSubstr("bhp [bar]"));
+}
+
+TEST_F(WellCommandsTest, UnitsOfAFieldRunAreFieldUnits) {
+  run_.metric = false;
+  EXPECT_THAT(Do("data P1", Form::kText), HasSubstr("oil [STB/d]"));
+  EXPECT_THAT(Do("data P1", Form::kText), HasSubstr("bhp [psi]"));
+}
+
+TEST_F(WellCommandsTest, VarsAsksForTheSimulatorsNamesWellByWell) {
+  EXPECT_EQ(Do("vars P1,P2 bhp GAS_LIFT"),
+            "well,BOTTOM_HOLE_PRESSURE,GAS_LIFT\nP1,10.5,21\nP2,10.5,21\n");
+  EXPECT_EQ(Requests(15).size(), 2U);
+  EXPECT_EQ(Requests(15)[0], Hex(Bytes("0f000000 02000000 5031 02000000"
+                                       "14000000 424f54544f4d5f484f4c455f5052455353555245"
+                                       "08000000 4741535f4c494654")));
+}
+
+TEST_F(WellCommandsTest, OpenAndShutSendTheStatus) {
+  EXPECT_EQ(Do("open P1 I1"), "well,status\nP1,OPEN\nI1,OPEN\n");
+  Do("shut P2");
+  Do("set-status PAUSED P2");
+  EXPECT_THAT(
+      Requests(11),
+      ElementsAre(Hex(Bytes("0b000000 02000000 02000000 02000000 5031 02000000 4931"
+                            "04000000 4f50454e 04000000 4f50454e")),
+                  Hex(Bytes("0b000000 01000000 01000000 02000000 5032 04000000 53485554")),
+                  Hex(Bytes("0b000000 01000000 01000000 02000000 5032 06000000 504155534544"))));
+}
+
+TEST_F(WellCommandsTest, UptimeSendsTheFractionForEachWell) {
+  EXPECT_EQ(Do("uptime P1 P2 0.5"), "well,uptime_fraction\nP1,0.5\nP2,0.5\n");
+  EXPECT_THAT(Requests(12),
+              ElementsAre(Hex(Bytes("0c000000 02000000 02000000 02000000 5031 02000000 5032"
+                                    "000000000000e03f 000000000000e03f"))));
+}
+
+TEST_F(WellCommandsTest, ConstrainSendsNamesAndValuesPerWell) {
+  EXPECT_EQ(Do("constrain P1 P2 bhp=1 I1 X=2"),
+            "well,constraint,value,unit\n"
+            "P1,BOTTOM_HOLE_PRESSURE,1,bar\n"
+            "P2,BOTTOM_HOLE_PRESSURE,1,bar\n"
+            "I1,X,2,\n");
+  const std::string bhp = "14000000 424f54544f4d5f484f4c455f5052455353555245";
+  EXPECT_THAT(Requests(13),
+              ElementsAre(Hex(Bytes("0d000000 03000000 02000000 5031 02000000 5032 02000000 4931"
+                                    "03000000 01000000" +
+                                    bhp + "01000000" + bhp +
+                                    "01000000 01000000 58"
+                                    "03000000 01000000 000000000000f03f 01000000 000000000000f03f"
+                                    "01000000 0000000000000040"))));
+}
+
+TEST_F(WellCommandsTest, LaterValueOfAWellNamedTwiceCounts) {
+  EXPECT_EQ(Do("constrain all bhp=1 P1 bhp=2 oil=3"),
+            "well,constraint,value,unit\n"
+            "P1,BOTTOM_HOLE_PRESSURE,2,bar\n"
+            "P1,OIL_PRODUCTION_RATE,3,sm3/d\n"
+            "P2,BOTTOM_HOLE_PRESSURE,1,bar\n"
+            "I1,BOTTOM_HOLE_PRESSURE,1,bar\n");
+}
+
+TEST_F(WellCommandsTest, UnknownWellIsRefusedWithoutSendingTheCommand) {
+  EXPECT_THROW(Do("shut P9"), UsageError);
+  EXPECT_THROW(Do("constrain P1 bhp=1 P9 bhp=2"), UsageError);
+  EXPECT_THAT(Requests(11), IsEmpty());
+  EXPECT_THAT(Requests(13), IsEmpty());
+}
+
+TEST_F(WellCommandsTest, IPRIsATableOfPointsAndAPlotPerWell) {
+  const std::string csv = Do("ipr P1 keep");
+  EXPECT_THAT(csv, StartsWith("well,point,pressure,oil_rate,water_rate,gas_rate,temperature,"
+                              "oil_density,gas_density,water_density\n"
+                              "P1,1,200,1000,250,100000,80,80,80,80\n"
+                              "P1,2,210,900,225,90000,80,80,80,80\n"));
+  const std::string text = Do("ipr P1 P2 keep", Form::kText);
+  EXPECT_THAT(text, HasSubstr("\nP1\n   bhp bar\n       290 |*"));
+  EXPECT_THAT(text, HasSubstr("\nP2\n   bhp bar\n       290 |*"));
+  EXPECT_THAT(text, HasSubstr("liquid sm3/d"));
+  EXPECT_THAT(Do("ipr P1 keep no-plot", Form::kText), testing::Not(HasSubstr("liquid")));
+}
+
+TEST_F(WellCommandsTest, IPRSendsPressureSkewnessAndComponents) {
+  const std::string csv = Do("ipr P1 thp skewness 2 components all keep");
+  EXPECT_THAT(csv, HasSubstr("water_density,mole_fraction_1,mole_fraction_2\n"));
+  EXPECT_THAT(csv, HasSubstr("P1,1,200,1000,250,100000,80,80,80,80,0.5,0.5\n"));
+  EXPECT_THAT(Requests(16), ElementsAre(Hex(Bytes("10000000 02000000 01000000 02000000 5031 00"
+                                                  "0000000000000040"))));
+}
+
+TEST_F(WellCommandsTest, IPRPutsStatusesAndRateLimitsBack) {
+  Do("constrain P2 liquid=1 bhp=2");
+  EXPECT_THAT(Do("ipr P2 I1 no-plot"), HasSubstr("note: The wells have their statuses again"));
+  ASSERT_EQ(Requests(13).size(), 2U);
+  // P2: liquid back to 1, gas out of the way, its pressure limit again; I1: water out of the way.
+  EXPECT_EQ(Requests(13)[1],
+            Hex(Bytes("0d000000 02000000 02000000 5032 02000000 4931 02000000 03000000"
+                      "16000000 4c49515549445f50524f44554354494f4e5f52415445"
+                      "13000000 4741535f50524f44554354494f4e5f52415445"
+                      "14000000 424f54544f4d5f484f4c455f5052455353555245"
+                      "01000000"
+                      "14000000 57415445525f494e4a454354494f4e5f52415445"
+                      "02000000 03000000 000000000000f03f 00000098c3fde441 0000000000000040"
+                      "01000000 99999999590dcf40")));
+  EXPECT_THAT(Requests(11),
+              ElementsAre(Hex(Bytes("0b000000 02000000 02000000 02000000 5032 02000000 4931"
+                                    "04000000 53485554 04000000 4f50454e"))));
+}
+
+TEST_F(WellCommandsTest, IPRWithKeepLeavesTheWellsAsTheyAre) {
+  EXPECT_THAT(Do("ipr P1 keep"), HasSubstr("note: The wells are open and limited"));
+  EXPECT_THAT(Requests(13), IsEmpty());
+  EXPECT_THAT(Requests(11), IsEmpty());
+}
+
+TEST_F(WellCommandsTest, EOSIsATableOfComponents) {
+  EXPECT_EQ(Do("eos"),
+            "name,component_count\nPR,2\n\n"
+            "number,component,molecular_weight,critical_temperature,critical_pressure,"
+            "critical_volume,acentric_factor,boiling_point,volume_shift,omega_a,omega_b,parachor\n"
+            "1,C1,16.04,190.6,46,99,0.011,111.6,-0.15,0.457,0.0778,77\n"
+            "2,CO2,44.01,304.1,73.8,94,0.239,194.7,-0.08,0.457,0.0778,78\n\n"
+            "number,coefficient\n1,0.1\n");
+}
+
+TEST_F(WellCommandsTest, SourceSendsWellAndName) {
+  EXPECT_EQ(Do("source I1 GAS"), "well,source,result\nI1,GAS,1\n");
+  EXPECT_THAT(Requests(18), ElementsAre(Hex(Bytes("12000000 02000000 4931 03000000 474153"))));
+  EXPECT_THROW(Do("source P* GAS"), UsageError);
+}
+
+TEST_F(WellCommandsTest, CompositionIsSentInComponentOrder) {
+  Do("composition S1 0.5 0.5 S2 1");
+  EXPECT_EQ(Do("composition S3 co2=1"), "source,component,mole_fraction\nS3,C1,0\nS3,CO2,1\n");
+  EXPECT_THAT(
+      Requests(19),
+      ElementsAre(
+          Hex(Bytes("13000000 02000000 02000000 5331 02000000 5332 02000000"
+                    "02000000 000000000000e03f 000000000000e03f 01000000 000000000000f03f")),
+          Hex(Bytes("13000000 01000000 02000000 5333 01000000"
+                    "02000000 0000000000000000 000000000000f03f"))));
+}
+
+TEST_F(WellCommandsTest, CompositionThatDoesNotAddUpIsNoted) {
+  EXPECT_THAT(Do("composition S1 0.5 0.25"),
+              HasSubstr("note: The mole fractions of S1 add up to 0.75\n"));
+}
+
+TEST_F(WellCommandsTest, UnknownComponentIsRefusedWithoutSendingTheCommand) {
+  EXPECT_THROW(Do("composition S1 H2=1"), UsageError);
+  EXPECT_THAT(Requests(19), IsEmpty());
+}
+
+TEST(WellCommandsWithTheOlderInterface, SourcesAreNotedAsWithoutEffect) {
+  SocketPair pair;
+  FakeRun run;
+  DaemonEnd end(pair.peer.get());
+  std::thread daemon([&] { run.Serve(end); });
+  vkmaster::Launched launched;
+  launched.request.api = "20162";
+  vkmaster::Session session(master::Run(master::FrameChannel(pair.ours.Release())), launched);
+  session.Connect();
+  char* bytes = nullptr;
+  std::size_t size = 0;
+  std::FILE* stream = open_memstream(&bytes, &size);
+  vkmaster::Output output(Form::kCsv, stream, stream);
+  vkmaster::Progress progress(false, stream);
+  vkmaster::Context context{session, output, progress, {}};
+  vkmaster::ParseCommand({"source", "I1", "GAS"}).execute(context);
+  std::fclose(stream);
+  EXPECT_THAT(std::string(bytes, size), HasSubstr("has no external sources"));
+  std::free(bytes);
+  session.Shutdown();
+  daemon.join();
+}
+
+TEST(ParseWellCommands, MissingOrWrongArgumentsAreRefused) {
+  EXPECT_THAT(Refusal("open"), HasSubstr("Which wells?"));
+  EXPECT_THAT(Refusal("vars P1"), HasSubstr("vars WELLS NAME..."));
+  EXPECT_THAT(Refusal("vars P1 pressure"), HasSubstr("'pressure' is none of oil, water, "));
+  EXPECT_THAT(Refusal("set-status OPEN"), HasSubstr("STATUS WELLS"));
+  EXPECT_THAT(Refusal("uptime P1"), HasSubstr("uptime WELLS FRACTION"));
+  EXPECT_THAT(Refusal("uptime P1 P2"), HasSubstr("A fraction of the time, 0 to 1, wanted"));
+  EXPECT_THAT(Refusal("uptime P1 1.5"), HasSubstr("is 0 to 1"));
+  EXPECT_THAT(Refusal("constrain"), HasSubstr("To what?"));
+  EXPECT_THAT(Refusal("constrain P1"), HasSubstr("To what?"));
+  EXPECT_THAT(Refusal("constrain P1 oil=5 P2"), HasSubstr("To what?"));
+  EXPECT_THAT(Refusal("constrain oil=5"), HasSubstr("of which well?"));
+  EXPECT_THAT(Refusal("constrain P1 oil=much"), HasSubstr("A number behind oil= wanted"));
+  EXPECT_THAT(Refusal("ipr bhp"), HasSubstr("Of which wells?"));
+  EXPECT_THAT(Refusal("ipr P1 skewness 0"), HasSubstr("above 0"));
+  EXPECT_THAT(Refusal("ipr P1 components -1"), HasSubstr("no number of components"));
+  EXPECT_THAT(Refusal("ipr P1 components 2.5"), HasSubstr("no number of components"));
+  EXPECT_THAT(Refusal("source P1"), HasSubstr("source WELL SOURCE"));
+  EXPECT_THAT(Refusal("composition"), HasSubstr("Of what?"));
+  EXPECT_THAT(Refusal("composition S1"), HasSubstr("Of what?"));
+  EXPECT_THAT(Refusal("composition S1 S2 1"), HasSubstr("Of what?"));
+  EXPECT_THAT(Refusal("composition S1 0.5 CO2=0.5"), HasSubstr("not mixed"));
+  EXPECT_THAT(Refusal("composition S1 1.5"), HasSubstr("0 to 1"));
+  EXPECT_THAT(Refusal("composition C1=1"), HasSubstr("of which source?"));
+}
+
+TEST(PropertyOf, TakesShortNamesTheSimulatorsNamesAndOthersInCapitals) {
+  EXPECT_EQ(vkmaster::PropertyOf("oil"), "OIL_PRODUCTION_RATE");
+  EXPECT_EQ(vkmaster::PropertyOf("oil_production_rate"), "OIL_PRODUCTION_RATE");
+  EXPECT_EQ(vkmaster::PropertyOf("TOTAL_MOLE_FRACTION[1]"), "TOTAL_MOLE_FRACTION[1]");
+  EXPECT_THROW(vkmaster::PropertyOf(""), UsageError);
+}
+
+}  // namespace
