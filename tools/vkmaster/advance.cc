@@ -147,7 +147,6 @@ void Advance(Context& context, const AdvanceRequest& request) {
                                       session.last_days(), target));
     }
     context.progress.Reached(session.last_days());
-    context.progress.Hide();
     context.output.Write(row);
     if (session.has_ended()) break;
   }

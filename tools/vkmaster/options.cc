@@ -5,12 +5,18 @@
 #include <memory>
 
 #include <CLI/CLI.hpp>
+#include <fmt/format.h>
 
 #include "tools/vkmaster/commands.h"
+#include "tools/vkmaster/plan.h"
 #include "tools/vkmaster/usage_error.h"
 
 namespace vkmaster {
 namespace {
+
+const char* const kPlanHelp =
+    "  run PLAN                carry out a plan: a TOML file of dates, controls and what to "
+    "record\n";
 
 const char* const kFooter =
     "Several commands are separated by then, or by a comma or semicolon of its own:\n"
@@ -112,24 +118,46 @@ void AddOtherOptions(CLI::App& app, Options& options) {
              "seconds to wait for the shutdown at the end");
 }
 
-}  // namespace
-
-std::optional<int> ParseOptions(int argc, const char* const* argv, Options& options) {
+std::optional<int> Parse(int argc, const char* const* argv, Options& options) {
   CLI::App app("Launches a run through a jobmill daemon and steers it.", "vkmaster");
-  options.run.user = DefaultUser();
   AddLaunchOptions(app, options);
   AddOtherOptions(app, options);
   app.set_version_flag("--version", "vkmaster " JOBMILL_VERSION);
   app.set_config("--config", "", "read options from a file of lines like port=5000");
   app.prefix_command();
   app.formatter(std::make_shared<HelpFormatter>());
-  app.footer(HelpText() + "\n" + kFooter);
+  app.footer(HelpText() + kPlanHelp + "\n" + kFooter);
   try {
     app.parse(argc, argv);
     options.words = app.remaining();
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? kOk : kUsage;
   }
+  return std::nullopt;
+}
+
+}  // namespace
+
+std::optional<int> ParseOptions(int argc, const char* const* argv, Options& options) {
+  options.run.user = DefaultUser();
+  Options given = options;
+  if (const auto status = Parse(argc, argv, given)) return status;
+  const bool planned = !given.words.empty() && given.words[0] == "run";
+  if (!planned) {
+    options = given;
+    return std::nullopt;
+  }
+  try {
+    if (given.words.size() != 2) throw UsageError("run: Which plan? run PLAN");
+    ApplyLaunch(ReadPlan(given.words[1]), options);
+  } catch (const UsageError& error) {
+    fmt::print(stderr, "vkmaster: {}\n", error.what());
+    return kUsage;
+  }
+  // Once more, over what the plan says.
+  if (const auto status = Parse(argc, argv, options)) return status;
+  options.plan = options.words[1];
+  options.words.clear();
   return std::nullopt;
 }
 

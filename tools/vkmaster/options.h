@@ -37,11 +37,13 @@ struct Options {
   std::chrono::seconds connect_wait{10};
   std::chrono::seconds launch_wait{0};  ///< 0 waits for ever
   std::chrono::seconds shutdown_wait{30};
-  Words words;  ///< the commands
+  Words words;       ///< the commands
+  std::string plan;  ///< the file of "run PLAN"; empty for none
 };
 
 /// Fills `options` from the command line. Returns the status to end with when there is nothing
-/// further to do: after the help, the version, or an error, all of which have been printed.
+/// further to do: after the help, the version, or an error, all of which have been printed. With
+/// "run PLAN" the plan's launch holds where the command line says nothing.
 std::optional<int> ParseOptions(int argc, const char* const* argv, Options& options);
 
 }  // namespace vkmaster

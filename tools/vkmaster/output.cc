@@ -87,16 +87,6 @@ std::string Heading(const Column& column) {
   return column.unit.empty() ? column.label : column.label + " [" + column.unit + "]";
 }
 
-// The fields as a table of one row.
-Table AsTable(const Result& result) {
-  Table table{"", "", {}, {{}}};
-  for (const Field& field : result.fields) {
-    table.columns.push_back({field.key, field.label, field.unit});
-    table.rows[0].push_back(field.value);
-  }
-  return table;
-}
-
 std::string CsvHeader(const Table& table) {
   std::vector<std::string> cells;
   for (const Column& column : table.columns) cells.push_back(column.key);
@@ -170,6 +160,15 @@ std::string FormatValue(const Value& value, bool exact) {
       value);
 }
 
+Table FieldsAsTable(const Result& result) {
+  Table table{"", "", {}, {{}}};
+  for (const Field& field : result.fields) {
+    table.columns.push_back({field.key, field.label, field.unit});
+    table.rows[0].push_back(field.value);
+  }
+  return table;
+}
+
 std::string CsvLine(const std::vector<std::string>& cells) {
   std::string line;
   for (const std::string& cell : cells) {
@@ -236,6 +235,7 @@ void Output::WriteError(const std::string& command, const std::string& text,
 }
 
 void Output::Note(const std::string& text) {
+  if (before_) before_();
   fmt::print(notes_, "{}\n", text);
   std::fflush(notes_);
 }
@@ -246,7 +246,7 @@ bool Output::ContinuesRow(const Result& result) {
     row_header_.clear();
     return false;
   }
-  std::string header = result.command + " " + CsvHeader(AsTable(result));
+  std::string header = result.command + " " + CsvHeader(FieldsAsTable(result));
   if (header == row_header_) return true;
   row_header_ = std::move(header);
   return false;
@@ -256,7 +256,7 @@ void Output::WriteText(const Result& result) {
   const bool goes_on = ContinuesRow(result);
   std::string text;
   if (result.row) {
-    const Table table = AsTable(result);
+    const Table table = FieldsAsTable(result);
     text = (goes_on ? "" : StreamHeader(table)) + StreamRow(table);
   } else {
     text = FormatFields(result.fields);
@@ -276,11 +276,12 @@ void Output::WriteCsv(const Result& result) {
     begun_ = true;
     Put(CsvRows(table));
   };
-  if (!result.fields.empty()) put(AsTable(result), !goes_on);
+  if (!result.fields.empty()) put(FieldsAsTable(result), !goes_on);
   for (const Table& table : result.tables) put(table, true);
 }
 
 void Output::Put(const std::string& text) {
+  if (before_) before_();
   std::fwrite(text.data(), 1, text.size(), out_);
   std::fflush(out_);
 }

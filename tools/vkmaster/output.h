@@ -1,7 +1,9 @@
 #pragma once
 
 #include <cstdio>
+#include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tools/vkmaster/result.h"
@@ -20,10 +22,16 @@ class Output {
  public:
   /// Both streams stay the caller's. Notes go to `notes`, except that JSON has them in the object.
   Output(Form form, std::FILE* out, std::FILE* notes) : form_(form), out_(out), notes_(notes) {}
+  Output(const Output&) = delete;
+  Output& operator=(const Output&) = delete;
+  virtual ~Output() = default;
 
   Form form() const { return form_; }
 
-  void Write(const Result& result);
+  /// From now on `before` is called before anything is written: the place to clear a progress line.
+  void BeforeWriting(std::function<void()> before) { before_ = std::move(before); }
+
+  virtual void Write(const Result& result);
 
   /// What went wrong, and what to look at next (may be empty). Always on the notes' stream; with
   /// JSON an object on the other one too, so that a program finds it in its place.
@@ -41,12 +49,16 @@ class Output {
   Form form_;
   std::FILE* out_;
   std::FILE* notes_;
+  std::function<void()> before_;
   bool begun_ = false;
   std::string row_header_;  // of the table that rows go on with; empty when there is none
 };
 
 /// The value as text: numbers to six digits, or, `exact`, so that they read back as the same.
 std::string FormatValue(const Value& value, bool exact);
+
+/// The fields of a result as a table of one row.
+Table FieldsAsTable(const Result& result);
 
 /// A CSV line, quoted where needed, with its newline.
 std::string CsvLine(const std::vector<std::string>& cells);

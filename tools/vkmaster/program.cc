@@ -19,6 +19,7 @@
 #include "tools/vkmaster/input.h"
 #include "tools/vkmaster/interrupt.h"
 #include "tools/vkmaster/options.h"
+#include "tools/vkmaster/plan.h"
 #include "tools/vkmaster/prompt.h"
 #include "tools/vkmaster/usage_error.h"
 
@@ -65,6 +66,7 @@ class Program {
         progress_(options_.progress && options_.form == Form::kText && isatty(STDOUT_FILENO) != 0 &&
                       isatty(STDERR_FILENO) != 0,
                   stderr) {
+    output_.BeforeWriting([this] { progress_.Hide(); });
     launched_.daemon_host = options_.host;
     launched_.daemon_port = options_.port;
     launched_.request = options_.run;
@@ -84,7 +86,9 @@ class Program {
  private:
   // Commands from arguments or a file are known beforehand; those of a pipe or prompt are not.
   void ReadAhead() {
-    if (!options_.words.empty()) {
+    if (!options_.plan.empty()) {
+      commands_ = std::vector<Command>{PlanCommand()};
+    } else if (!options_.words.empty()) {
       commands_ = ParseCommands(options_.words);
     } else if (!options_.file.empty() && options_.file != "-") {
       commands_ = ReadCommandFile(options_.file);
@@ -93,6 +97,11 @@ class Program {
     if (options_.port == 0) throw UsageError("The daemon's port is missing: --port");
     if (options_.run.path.empty()) throw UsageError("The run's data directory is missing: --path");
     if (options_.run.root.empty()) throw UsageError("The model's name is missing: --root");
+  }
+
+  Command PlanCommand() const {
+    auto plan = std::make_shared<const Plan>(ReadPlan(options_.plan));
+    return {"run " + options_.plan, [plan](Context& context) { CarryOut(*plan, context); }};
   }
 
   bool OnlyHelp() const {

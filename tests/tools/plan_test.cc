@@ -1,0 +1,233 @@
+#include "tools/vkmaster/plan.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/support/temporary_directory.h"
+#include "tests/tools/fake_daemon.h"
+#include "tests/tools/program.h"
+#include "tools/vkmaster/usage_error.h"
+
+namespace {
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::EndsWith;
+using testing::HasSubstr;
+using vkmaster::Plan;
+using vkmaster::ReadPlan;
+using vkmaster::Step;
+using vkmaster::Target;
+
+class PlanTest : public testing::Test {
+ protected:
+  Plan Read(const std::string& text) { return ReadPlan(directory_.Write("plan.toml", text)); }
+
+  std::string Refusal(const std::string& text) {
+    try {
+      Read(text);
+      return "understood";
+    } catch (const vkmaster::UsageError& error) {
+      return error.what();
+    }
+  }
+
+  TemporaryDirectory directory_;
+};
+
+TEST_F(PlanTest, WholePlanIsRead) {
+  const Plan plan = Read(R"(
+title = "a base case"
+[launch]
+host = "cluster7"
+port = 5000
+path = "/data/"
+root = "CASE"
+processes = 8
+api = 20162
+user = "alice"
+debug = 1
+cluster = 2
+[advance]
+until = 2030-01-31
+step = "monthly"
+[record]
+directory = "out"
+commands = ["data", "vars P* bhp; wells"]
+[[event]]
+at = 365
+commands = ["shut P1"]
+[[event]]
+at = "2025-01-01"
+commands = []
+)");
+  vkmaster::Options options;
+  vkmaster::ApplyLaunch(plan, options);
+  EXPECT_EQ(options.host, "cluster7");
+  EXPECT_EQ(options.port, 5000);
+  EXPECT_EQ(options.run.path, "/data/");
+  EXPECT_EQ(options.run.root, "CASE");
+  EXPECT_EQ(options.run.processes, "8");
+  EXPECT_EQ(options.run.api, "20162");
+  EXPECT_EQ(options.run.user, "alice");
+  EXPECT_EQ(options.run.debug, "1");
+  EXPECT_EQ(options.run.cluster, "2");
+  EXPECT_EQ(plan.until.date, (master::Date{31, 1, 2030}));
+  EXPECT_EQ(plan.step, (Step{Step::Kind::kMonthly, 0}));
+  EXPECT_EQ(plan.directory, directory_.File("out"));
+  ASSERT_EQ(plan.record.size(), 3U);
+  EXPECT_EQ(plan.record[1].text, "vars P* bhp");
+  ASSERT_EQ(plan.events.size(), 2U);
+  EXPECT_EQ(plan.events[0].at.days, 365);
+  EXPECT_EQ(plan.events[0].commands[0].text, "shut P1");
+  EXPECT_EQ(plan.events[1].at.date, (master::Date{1, 1, 2025}));
+}
+
+TEST_F(PlanTest, AdvanceIsAllThatAPlanNeeds) {
+  const Plan plan = Read("[advance]\nuntil = 30\n");
+  EXPECT_EQ(plan.until.days, 30);
+  EXPECT_EQ(plan.step, std::nullopt);
+  EXPECT_EQ(plan.directory, directory_.File("results"));
+}
+
+TEST_F(PlanTest, WhatIsWrongIsNamedWithItsLine) {
+  EXPECT_THAT(Refusal(""), EndsWith("plan.toml: the table [advance] is missing"));
+  EXPECT_THAT(Refusal("x ="), HasSubstr("plan.toml, line 1: "));
+  EXPECT_THAT(Refusal("[advance]\nunitl = 30\n"),
+              EndsWith("plan.toml, line 2: there is no key 'unitl' here"));
+  EXPECT_THAT(Refusal("[advance]\nstep = 30\n"), EndsWith("line 1: [advance] has no until"));
+  EXPECT_THAT(Refusal("[advance]\nuntil = \"soon\"\n"),
+              HasSubstr("plan.toml, line 2: Days, +days"));
+  EXPECT_THAT(Refusal("[advance]\nuntil = 3\nstep = 0\n"), HasSubstr("plan.toml, line 3: "));
+  EXPECT_THAT(Refusal("[advance]\nuntil = true\n"), EndsWith("line 2: a text or a number wanted"));
+  EXPECT_THAT(Refusal("[launch]\nport = \"x\"\n[advance]\nuntil = 3\n"),
+              EndsWith("line 2: a port is a number 1 to 65535"));
+  EXPECT_THAT(Refusal("launch = 3\n[advance]\nuntil = 3\n"), EndsWith("line 1: a table wanted"));
+  const std::string advance = "[advance]\nuntil = 3\n";
+  EXPECT_THAT(Refusal(advance + "[record]\ncommands = \"data\"\n"),
+              EndsWith("line 4: a list of commands wanted"));
+  EXPECT_THAT(Refusal(advance + "[record]\ncommands = [3]\n"),
+              EndsWith("line 4: a command wanted, as a text"));
+  EXPECT_THAT(Refusal(advance + "[record]\ncommands = [\n\"data\",\n\"dta\"]\n"),
+              HasSubstr("line 6: No such command: dta"));
+  EXPECT_THAT(Refusal(advance + "[record]\ncommands = [\"until 30\"]\n"),
+              EndsWith("line 4: 'until' has no place in a plan"));
+  EXPECT_THAT(Refusal(advance + "[event]\nat = 3\n"),
+              EndsWith("line 3: events are written as [[event]]"));
+  EXPECT_THAT(Refusal(advance + "[[event]]\nat = 3\n"),
+              EndsWith("line 3: an event has at and commands"));
+  EXPECT_THAT(Refusal(advance + "[[event]]\nat = \"+3\"\ncommands = []\n"),
+              EndsWith("line 4: days or a date wanted"));
+}
+
+TEST_F(PlanTest, MissingFileIsNamed) {
+  EXPECT_THROW(ReadPlan(directory_.File("none.toml")), vkmaster::UsageError);
+}
+
+/// Plans carried out by the program.
+class PlanRunTest : public PlanTest {
+ protected:
+  Outcome Run(const std::string& plan, const std::vector<std::string>& options = {}) {
+    std::vector<std::string> arguments = options;
+    arguments.insert(arguments.end(), {"run", directory_.Write("plan.toml", plan)});
+    return RunVkmaster(LaunchArguments(daemon_.port(), arguments));
+  }
+
+  FakeRun run_;
+  FakeDaemon daemon_{FakeDaemon::Launching(run_)};
+};
+
+TEST_F(PlanRunTest, StepsEventsAndRecordsEndInTidyFiles) {
+  const Outcome outcome = Run(R"(
+[advance]
+until = 60
+step = 30
+[record]
+commands = ["wells P1", "vars P1 bhp"]
+[[event]]
+at = 45
+commands = ["shut P1", "constrain P1 bhp=150"]
+[[event]]
+at = 0
+commands = ["open P2"]
+)");
+  EXPECT_EQ(outcome.status, 0) << outcome.err;
+  EXPECT_EQ(outcome.out,
+            "         day          date         ended\n"
+            "           0    2020-01-01            no\n"
+            "          30    2020-01-31            no\n"
+            "          45    2020-02-15            no\n"
+            "          60    2020-03-01            no\n");
+  EXPECT_EQ(directory_.Read("results/steps.csv"),
+            "time_days,date,ended\n0,2020-01-01,false\n30,2020-01-31,false\n"
+            "45,2020-02-15,false\n60,2020-03-01,false\n");
+  EXPECT_EQ(directory_.Read("results/events.csv"),
+            "time_days,date,command\n0,2020-01-01,open P2\n45,2020-02-15,shut P1\n"
+            "45,2020-02-15,constrain P1 bhp=150\n");
+  EXPECT_EQ(directory_.Read("results/wells.csv"),
+            "time_days,date,well,type,status\n"
+            "0,2020-01-01,P1,PRODUCER,OPEN\n30,2020-01-31,P1,PRODUCER,OPEN\n"
+            "45,2020-02-15,P1,PRODUCER,OPEN\n60,2020-03-01,P1,PRODUCER,OPEN\n");
+  EXPECT_THAT(directory_.Read("results/vars.csv"),
+              HasSubstr("time_days,date,well,BOTTOM_HOLE_PRESSURE\n0,2020-01-01,P1,10.5\n"));
+  EXPECT_EQ(directory_.Read("results/open.csv"),
+            "time_days,date,well,status\n0,2020-01-01,P2,OPEN\n");
+  EXPECT_EQ(daemon_.Requests().back(), "f0 ff 00 00");
+}
+
+TEST_F(PlanRunTest, OtherColumnsOfTheSameCommandHaveAFileOfTheirOwn) {
+  Run("[advance]\nuntil = 1\n[record]\ncommands = [\"vars P1 bhp\", \"vars P1 oil\"]\n");
+  EXPECT_EQ(
+      directory_.Read("results/vars.csv"),
+      "time_days,date,well,BOTTOM_HOLE_PRESSURE\n0,2020-01-01,P1,10.5\n1,2020-01-02,P1,10.5\n");
+  EXPECT_EQ(
+      directory_.Read("results/vars_2.csv"),
+      "time_days,date,well,OIL_PRODUCTION_RATE\n0,2020-01-01,P1,10.5\n1,2020-01-02,P1,10.5\n");
+}
+
+TEST_F(PlanRunTest, EndOfTheSimulationEndsThePlan) {
+  run_.end = 10;
+  EXPECT_EQ(
+      Run("[advance]\nuntil = 30\nstep = 7\n[[event]]\nat = 20\ncommands = [\"shut P1\"]\n").status,
+      0);
+  EXPECT_EQ(directory_.Read("results/steps.csv"),
+            "time_days,date,ended\n0,2020-01-01,false\n7,2020-01-08,false\n10,2020-01-11,true\n");
+  EXPECT_EQ(directory_.Read("results/events.csv"), "");
+}
+
+TEST_F(PlanRunTest, FailedRequestKeepsWhatWasRecorded) {
+  run_.fails = {11};
+  const Outcome outcome =
+      Run("[advance]\nuntil = 30\n[record]\ncommands = [\"wells P1\"]\n"
+          "[[event]]\nat = 10\ncommands = [\"shut P1\"]\n");
+  EXPECT_EQ(outcome.status, 4);
+  EXPECT_THAT(outcome.err, HasSubstr("request 11 (SetWellStatus)"));
+  EXPECT_EQ(directory_.Read("results/wells.csv"),
+            "time_days,date,well,type,status\n0,2020-01-01,P1,PRODUCER,OPEN\n"
+            "10,2020-01-11,P1,PRODUCER,OPEN\n");
+}
+
+TEST_F(PlanRunTest, DirectoryThatCannotBeMadeEndsTheRunWithItsShutdown) {
+  directory_.Write("file", "");
+  const Outcome outcome = Run("[advance]\nuntil = 1\n[record]\ndirectory = \"file/results\"\n");
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_THAT(outcome.err, HasSubstr("Cannot make the directory"));
+  EXPECT_EQ(daemon_.Requests().back(), "f0 ff 00 00");
+}
+
+TEST_F(PlanRunTest, CommandLineWinsOverThePlansLaunch) {
+  EXPECT_EQ(Run("[launch]\nhost = \"no host\"\nroot = \"OTHER\"\nprocesses = 4\n"
+                "[advance]\nuntil = 1\n")
+                .status,
+            0);
+  EXPECT_EQ(daemon_.Frames()[3], Hex("CASE"));
+  EXPECT_EQ(daemon_.Frames()[4], Hex("4"));
+}
+
+TEST_F(PlanTest, WrongPlanLaunchesNothing) {
+  const std::string plan = directory_.Write("plan.toml", "[advance]\nuntil = \"soon\"\n");
+  EXPECT_EQ(RunVkmaster(LaunchArguments(FreePort(), {"run", plan})).status, 2);
+  EXPECT_EQ(RunVkmaster(LaunchArguments(FreePort(), {"run"})).status, 2);
+}
+
+}  // namespace
