@@ -1,0 +1,158 @@
+#include <poll.h>
+#include <pty.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <chrono>
+#include <string>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/support/socket_pair.h"
+#include "tests/support/temporary_directory.h"
+#include "tests/tools/fake_daemon.h"
+#include "tests/tools/program.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::Not;
+
+/// The program with a terminal, somebody typing at it.
+class TerminalTest : public testing::Test {
+ protected:
+  void Start(const std::vector<std::string>& options) {
+    std::vector<std::string> arguments = LaunchArguments(daemon_.port(), options);
+    arguments.insert(arguments.begin(), VKMASTER_PROGRAM);
+    std::vector<char*> argv;
+    for (std::string& argument : arguments) argv.push_back(argument.data());
+    argv.push_back(nullptr);
+    int terminal = -1;
+    pid_ = forkpty(&terminal, nullptr, nullptr, nullptr);
+    if (pid_ == 0) {
+      setenv("HOME", home_.path().c_str(), 1);
+      setenv("TERM", "xterm", 1);
+      execv(VKMASTER_PROGRAM, argv.data());
+      _exit(126);
+    }
+    terminal_ = Descriptor(terminal);
+  }
+
+  ~TerminalTest() override {
+    if (pid_ > 0) {
+      kill(pid_, SIGKILL);
+      waitpid(pid_, nullptr, 0);
+    }
+  }
+
+  void Type(const std::string& text) { WriteAll(terminal_.get(), text); }
+
+  // Reads until `text` has been shown; all that was shown since the last call. Half a minute.
+  std::string Until(const std::string& text) {
+    std::string shown;
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (text.empty() || shown.find(text) == std::string::npos) {
+      pollfd wait{terminal_.get(), POLLIN, 0};
+      const auto left =
+          std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+      if (left.count() <= 0 || poll(&wait, 1, static_cast<int>(left.count())) <= 0) {
+        ADD_FAILURE() << "'" << text << "' did not come, but: " << shown;
+        break;
+      }
+      std::array<char, 4096> part{};
+      const ssize_t got = read(terminal_.get(), part.data(), part.size());
+      if (got <= 0) break;  // the program has ended
+      shown.append(part.data(), static_cast<std::size_t>(got));
+    }
+    return shown;
+  }
+
+  int Status() {
+    last_ = Until("");
+    int status = 0;
+    waitpid(pid_, &status, 0);
+    pid_ = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+
+  TemporaryDirectory home_;
+  FakeRun run_;
+  FakeDaemon daemon_{FakeDaemon::Launching(run_)};
+  pid_t pid_ = -1;
+  Descriptor terminal_;
+  std::string last_;
+};
+
+TEST_F(TerminalTest, PromptShowsModelAndDayAndTakesCommands) {
+  Start({});
+  EXPECT_THAT(Until("CASE day 0> "), HasSubstr("CASE runs on node17. help lists the commands"));
+  Type("until 30\n");
+  EXPECT_THAT(Until("CASE day 30> "), HasSubstr("2020-01-31"));
+  Type("quit\n");
+  EXPECT_EQ(Status(), 0);
+  EXPECT_EQ(daemon_.Requests().back(), "f0 ff 00 00");
+}
+
+TEST_F(TerminalTest, SlipIsAnsweredAndThePromptComesAgain) {
+  Start({});
+  Until("CASE day 0> ");
+  Type("tiem\n");
+  EXPECT_THAT(Until("CASE day 0> "), HasSubstr("No such command: tiem"));
+  Type("time\n");
+  EXPECT_THAT(Until("CASE day 0> "), HasSubstr("time  0 days"));
+  Type("\x04");
+  EXPECT_EQ(Status(), 0);
+}
+
+TEST_F(TerminalTest, TabCompletesCommandsAndWells) {
+  Start({});
+  Until("CASE day 0> ");
+  Type("well\tI\t\n");
+  EXPECT_THAT(Until("CASE day 0> "), HasSubstr("WATER_INJECTOR"));
+  Type("quit\n");
+  EXPECT_EQ(Status(), 0);
+}
+
+TEST_F(TerminalTest, CtrlCAtThePromptDropsTheLineAndKeepsTheRun) {
+  Start({});
+  Until("CASE day 0> ");
+  Type("until 5000");
+  Until("5000");
+  Type("\x03");
+  Until("CASE day 0> ");
+  Type("time\n");
+  EXPECT_THAT(Until("CASE day 0> "), HasSubstr("time  0 days"));
+  Type("quit\n");
+  EXPECT_EQ(Status(), 0);
+}
+
+TEST_F(TerminalTest, HistoryIsKeptForTheNextTime) {
+  Start({});
+  Until("CASE day 0> ");
+  Type("time\n");
+  Until("CASE day 0> ");
+  Type("quit\n");
+  EXPECT_EQ(Status(), 0);
+  EXPECT_THAT(home_.Read(".vkmaster_history"), HasSubstr("time"));
+}
+
+TEST_F(TerminalTest, LongAdvanceShowsItsProgressInDays) {
+  Start({"until", "60", "step", "30"});
+  EXPECT_EQ(Status(), 0);
+  EXPECT_THAT(last_, HasSubstr("[###############...............] day 30 of 60 ("));
+  EXPECT_THAT(last_, HasSubstr("          60    2020-03-01            no"));
+}
+
+TEST_F(TerminalTest, NoProgressKeepsTheTerminalPlain) {
+  Start({"--no-progress", "until", "60", "step", "30"});
+  EXPECT_EQ(Status(), 0);
+  EXPECT_THAT(last_, Not(HasSubstr("\033")));
+  EXPECT_THAT(last_, Not(HasSubstr("of 60")));
+}
+
+}  // namespace
