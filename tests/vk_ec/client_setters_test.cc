@@ -15,7 +15,6 @@ using ::testing::IsEmpty;
 using ::testing::ThrowsMessage;
 using wire::Bytes;
 using wire::Cstr;
-using wire::Doub;
 using wire::Inte;
 using wire::Mess;
 

@@ -14,7 +14,6 @@
 namespace {
 
 using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 using ::testing::ThrowsMessage;
 using vk_ec::AlgPos;
 using vk_ec::PositionInfo;

@@ -31,7 +31,7 @@ using Strings = std::vector<std::string>;
 
 class MessageTest : public ::testing::Test {
  protected:
-  ~MessageTest() override { close(peer_); }
+  void TearDown() override { close(peer_); }
 
   std::string ReadAsPeer(std::size_t size) const { return wire::Read(peer_, size); }
   void WriteAsPeer(const std::string& message) const { wire::WriteAll(peer_, Framed(message)); }
@@ -255,20 +255,19 @@ TEST_F(DecoderTest, HostileCountIsTooShortBeforeAnythingIsAllocated) {
   for (const std::string count :
        {"ff ff ff ff ff ff ff ff", "00 00 00 00 00 00 00 20", "00 00 00 00 00 00 00 40",
         "01 00 00 00 00 00 00 20", "00 00 00 00 00 00 00 80", "03 00 00 00 00 00 00 00"}) {
-    const std::string data(16, '\0');
-    EXPECT_THAT(
-        [&] { Decode(Bytes("00" + count + "'DOUB'") + data).get_header_and_data<double>(""); },
-        not_enough)
+    const std::string name_and_count = Bytes("00").append(Bytes(count));
+    const auto message = [&](const char* tag_and_data) {
+      return std::string(name_and_count).append(Bytes(tag_and_data));
+    };
+    EXPECT_THAT([&] { Decode(message("'DOUB0123456789abcdef'")).get_header_and_data<double>(""); },
+                not_enough)
         << count;
     EXPECT_THAT(
-        [&] { Decode(Bytes("00" + count + "'CSTR'") + data).get_header_and_data<std::string>(""); },
+        [&] { Decode(message("'CSTR0123456789abcdef'")).get_header_and_data<std::string>(""); },
         not_enough)
         << count;
-    EXPECT_THAT(
-        [&] {
-          Decode(Bytes("00" + count + "'INTE'") + data.substr(5)).get_header_and_data<int>("");
-        },
-        not_enough)
+    EXPECT_THAT([&] { Decode(message("'INTE0123456789a'")).get_header_and_data<int>(""); },
+                not_enough)
         << count;
   }
 }
