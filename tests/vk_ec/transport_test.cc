@@ -149,6 +149,7 @@ TEST_F(TransportTest, TotalOfZeroIsAnEmptyMessage) {
 
 TEST_F(TransportTest, FirstChunkLongerThanTheTotalIsRefused) {
   wire::WriteAll(peer_, Bytes("0a 00 00 00 00 00 00 00  14 00 00 00 00 00 00 00"));
+  HangUp();
   EXPECT_THAT([&] { Receive(); }, ThrowsMessage<std::length_error>(
                                       "Incorrect length in header (received: 20 vs allowed:10)"));
 }
@@ -156,6 +157,7 @@ TEST_F(TransportTest, FirstChunkLongerThanTheTotalIsRefused) {
 TEST_F(TransportTest, LaterChunkLongerThanWhatIsDueIsRefusedAndTheBufferStaysFilled) {
   wire::WriteAll(peer_, Bytes("0a 00 00 00 00 00 00 00  04 00 00 00 00 00 00 00  'abcd'"
                               "ff ff ff ff ff ff ff ff"));
+  HangUp();
   Buffer buffer;
   EXPECT_THAT([&] { transporter_.recv(buffer); },
               ThrowsMessage<std::length_error>("Incorrect length in header (received: "
@@ -166,6 +168,7 @@ TEST_F(TransportTest, LaterChunkLongerThanWhatIsDueIsRefusedAndTheBufferStaysFil
 TEST_F(TransportTest, ZeroChunkAfterAShortFirstOneIsRefused) {
   wire::WriteAll(peer_, Bytes("0a 00 00 00 00 00 00 00  04 00 00 00 00 00 00 00  'abcd'"
                               "00 00 00 00 00 00 00 00"));
+  HangUp();
   EXPECT_THAT([&] { Receive(); },
               ThrowsMessage<std::length_error>("Incorrect zero chunk length received."));
 }
