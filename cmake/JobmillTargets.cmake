@@ -7,6 +7,11 @@ set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 add_library(jobmill_flags INTERFACE)
 target_include_directories(jobmill_flags INTERFACE ${PROJECT_SOURCE_DIR})
 target_compile_options(jobmill_flags INTERFACE -Wall -Wextra -Wconversion -Wshadow)
+# g++ 12 and 13 take the inlined concatenation of a literal and a std::string for copies that
+# overlap (GCC bug 105651).
+if(CMAKE_CXX_COMPILER_ID STREQUAL GNU AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 14)
+  target_compile_options(jobmill_flags INTERFACE -Wno-restrict)
+endif()
 
 # A daemon that runs as root and reads bytes from strangers is built hardened. Optimised builds
 # only: FORTIFY needs the optimiser, and the sanitizers bring their own checks.

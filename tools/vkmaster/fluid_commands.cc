@@ -41,7 +41,8 @@ Table ComponentTable(const master::EOSProps& eos) {
   for (std::size_t i = 0; i < eos.components.size(); ++i) {
     std::vector<Value> row{static_cast<std::int64_t>(i + 1), eos.components[i]};
     for (const auto& [column, list] : lists) {
-      row.push_back(i < list->size() ? Value((*list)[i]) : Value());
+      Value& value = row.emplace_back();
+      if (i < list->size()) value = (*list)[i];
     }
     table.rows.push_back(std::move(row));
   }
