@@ -1,0 +1,106 @@
+// The distribution script for a single machine.
+
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/support/ports.h"
+#include "tests/system/site.h"
+
+namespace {
+
+using testing::HasSubstr;
+
+std::string ExampleDeck() {
+  std::ifstream file(EXAMPLES_DIR "/TENWELLS.afi");
+  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+TEST(LocalScriptTest, SimulatorWritesBesideTheDataAndEndsWithItsRun) {
+  Site site;
+  const auto run = site.Start("CASE", ExampleDeck());
+  run->Newton();
+  run->Shutdown();
+  EXPECT_TRUE(site.IsQuiet("CASE"));
+  EXPECT_THAT(site.data().Read("CASE.out"), HasSubstr("Listening on port"));
+}
+
+TEST(LocalScriptTest, BadDeckIsExplainedInTheDaemonsLog) {
+  Site site;
+  site.data().Write("BAD.afi", "[run]\nunits = \"FURLONGS\"\n");
+  EXPECT_EQ(site.RefusalOf("BAD"), "No host detected");
+  EXPECT_THAT(site.daemon().Logged(), HasSubstr("BAD.afi:2: "));
+  EXPECT_THAT(site.daemon().Logged(),
+              HasSubstr("local: the simulator ended with status 1 before it listened"));
+}
+
+TEST(LocalScriptTest, MissingDataDirectoryAndSimulatorAreExplained) {
+  Site site({"JOBMILL_SIMULATOR=/no/such/simulator"});
+  EXPECT_EQ(site.RefusalOf("CASE"), "No host detected");
+  EXPECT_THAT(site.daemon().Logged(),
+              HasSubstr("local: the simulator '/no/such/simulator' cannot be executed\n"));
+  std::filesystem::remove_all(site.data().path());
+  EXPECT_EQ(site.RefusalOf("CASE"), "No host detected");
+  EXPECT_THAT(site.daemon().Logged(), HasSubstr("local: there is no data directory '"));
+}
+
+TEST(LocalScriptTest, TakenCommsPortIsExplained) {
+  const Descriptor taken = BindFreePort(1);
+  const std::string port = std::to_string(PortOf(taken.get()));
+  Site site({}, {"-o", port, "-n", "2"});
+  site.data().Write("CASE.afi", ExampleDeck());
+  EXPECT_EQ(site.RefusalOf("CASE"), "No host detected");
+  EXPECT_THAT(site.daemon().Logged(), HasSubstr("local: port " + port + " is taken"));
+}
+
+TEST(LocalScriptTest, SimulatorOfADeadControllerIsEnded) {
+  Site site({"JOBMILL_GRACE_SECONDS=0"});
+  const auto run = site.Start("CASE", ExampleDeck());
+  const std::vector<pid_t> children = ChildrenOf(site.daemon().pid());
+  ASSERT_EQ(children.size(), 1U);
+  kill(children[0], SIGKILL);
+  EXPECT_THROW(run->GetTimeDays(), std::exception);
+  EXPECT_TRUE(site.IsQuiet("CASE"));
+}
+
+TEST(LocalScriptTest, SimulatorThatIgnoresTheEndIsKilledWithItsChildren) {
+  Site site({"JOBMILL_GRACE_SECONDS=0"});
+  // Listens through the stand-in, and will not go.
+  const std::string stubborn =
+      site.data().Write("stubborn", "#!/bin/bash\ntrap '' TERM\n\"" + ProgramDirectory() +
+                                        "/vksim\" \"$@\" &\nwhile true; do sleep 0.2; done\n");
+  chmod(stubborn.c_str(), 0755);
+  Site obstinate({"JOBMILL_SIMULATOR=" + stubborn, "JOBMILL_GRACE_SECONDS=0"});
+  const auto run = obstinate.Start("CASE", ExampleDeck());
+  run->Shutdown();
+  EXPECT_TRUE(obstinate.IsQuiet("CASE"));
+  EXPECT_TRUE(Eventually([&] { return ProcessesWith(stubborn).empty(); }));
+}
+
+TEST(LocalScriptTest, ModelsOfClusterRunsAreTheirCopies) {
+  Site site;
+  site.data().Write("CASE.afi", ExampleDeck());
+  master::Launch launch(
+      master::FrameChannel::ConnectTo("127.0.0.1", site.daemon().port(), std::chrono::seconds(5)));
+  launch.ExchangeVersions();
+  master::RunRequest request;
+  request.cluster = "3";
+  request.path = site.data().path().string() + "/";
+  request.root = "CASE";
+  launch.Request(request);
+  EXPECT_EQ(launch.AwaitHost(), "localhost");
+  master::Run run(launch.Release());
+  run.Connect();
+  run.Shutdown();
+  EXPECT_TRUE(site.IsQuiet("CASE_3"));
+  EXPECT_THAT(site.data().Read("CASE_3.out"), HasSubstr("Listening on port"));
+  EXPECT_EQ(site.data().Read("CASE_3.afi"), ExampleDeck());
+}
+
+}  // namespace

@@ -1,0 +1,75 @@
+#include "tests/system/site.h"
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+
+#include "master/errors.h"
+#include "tests/support/ports.h"
+
+namespace fs = std::filesystem;
+
+std::string ProgramDirectory() {
+  return fs::path(DaemonExecutable()).parent_path().string();
+}
+
+std::vector<pid_t> ProcessesWith(const std::string& text) {
+  std::vector<pid_t> found;
+  for (const fs::directory_entry& entry : fs::directory_iterator("/proc")) {
+    const std::string number = entry.path().filename().string();
+    if (number.find_first_not_of("0123456789") != std::string::npos) continue;
+    std::ifstream file(entry.path() / "cmdline", std::ios::binary);
+    const std::string line{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+    if (line.find(text) != std::string::npos) found.push_back(std::stoi(number));
+  }
+  return found;
+}
+
+Site::Site(std::vector<std::string> variables, std::vector<std::string> arguments) {
+  fs::permissions(data_.path(), fs::perms(0777));
+  RunningDaemon::Options options;
+  options.arguments = {
+      "-u", "-l", "-o", std::to_string(FreePort()), "-s", ProgramDirectory() + "/vkmpi_dir.sh"};
+  options.arguments.insert(options.arguments.end(), arguments.begin(), arguments.end());
+  options.variables = std::move(variables);
+  daemon_ = std::make_unique<RunningDaemon>(options);
+}
+
+master::Launch Site::Request(const std::string& root, const std::string& api) {
+  master::Launch launch(
+      master::FrameChannel::ConnectTo("127.0.0.1", daemon_->port(), std::chrono::seconds(5)));
+  launch.ExchangeVersions();
+  master::RunRequest request;
+  request.path = data_.path().string() + "/";
+  request.root = root;
+  request.api = api;
+  request.user = "alice";
+  launch.Request(request);
+  return launch;
+}
+
+std::unique_ptr<master::Run> Site::Start(const std::string& root, const std::string& deck,
+                                         const std::string& api) {
+  data_.Write(root + ".afi", deck);
+  master::Launch launch = Request(root, api);
+  launch.AwaitHost();
+  auto run = std::make_unique<master::Run>(launch.Release());
+  run->Connect();
+  return run;
+}
+
+std::string Site::RefusalOf(const std::string& root) {
+  try {
+    Request(root, "20172").AwaitHost();
+  } catch (const master::LaunchRefused& refused) {
+    return refused.what();
+  }
+  return "launched";
+}
+
+bool Site::IsQuiet(const std::string& root) const {
+  return Eventually([&] {
+    return ChildrenOf(daemon_->pid()).empty() &&
+           ProcessesWith(data_.path().string() + "/" + std::string(1, '\0') + root).empty();
+  });
+}
