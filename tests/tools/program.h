@@ -60,6 +60,8 @@ class VkmasterProcess {
   void Type(const std::string& text) const { WriteAll(in_.get(), text); }
   void Signal(int number) const { kill(pid_, number); }
 
+  void CloseOutput() { out_.Reset(); }
+
   /// Blocks for a line of its standard output.
   std::string ReadLine() {
     std::string line;

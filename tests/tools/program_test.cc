@@ -26,7 +26,6 @@ const char* const kTime = "04 00 00 00";
 const char* const kNewton = "07 00 00 00";
 const char* const kEnded = "09 00 00 00";
 const char* const kVersion = "11 00 00 00";
-const char* const kStart = "14 00 00 00";
 const char* const kShutdown = "f0 ff 00 00";
 
 class ProgramTest : public testing::Test {
@@ -274,6 +273,38 @@ TEST_F(ProgramTest, TerminationWhileWaitingForInputShutsTheRunDown) {
   // The input stays open until the program has ended by itself.
   EXPECT_THAT(daemon_.Requests(), ElementsAre(kConnect, kTime, kShutdown));
   EXPECT_EQ(process.Finish().status, 143);
+}
+
+TEST_F(ProgramTest, OutputThatNobodyReadsEndsTheRun) {
+  VkmasterProcess process(LaunchArguments(daemon_.port(), {}));
+  process.Type("time\n");
+  EXPECT_EQ(process.ReadLine(), "time  0 days");
+  process.CloseOutput();
+  process.Type("time\nversion\n");
+  const Outcome outcome = process.Finish();
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_THAT(outcome.err, HasSubstr("The results cannot be written: Broken pipe"));
+  EXPECT_THAT(daemon_.Requests(), ElementsAre(kConnect, kTime, kTime, kShutdown));
+}
+
+TEST_F(ProgramTest, EnvironmentGivesHostAndPort) {
+  setenv("VKMASTER_HOST", "127.0.0.1", 1);
+  setenv("VKMASTER_PORT", std::to_string(daemon_.port()).c_str(), 1);
+  const Outcome outcome = RunVkmaster({"--path", "/data/", "--root", "CASE", "time"});
+  unsetenv("VKMASTER_HOST");
+  unsetenv("VKMASTER_PORT");
+  EXPECT_EQ(outcome.status, 0) << outcome.err;
+  EXPECT_EQ(outcome.out, "time  0 days\n");
+}
+
+TEST_F(ProgramTest, ConfigFileGivesOptionsThatTheCommandLineOverrides) {
+  const TemporaryDirectory directory;
+  const std::string file = directory.Write(
+      "site.ini", "host=127.0.0.1\nport=" + std::to_string(daemon_.port()) + "\nroot=OTHER\n");
+  const Outcome outcome =
+      RunVkmaster({"--config", file, "--path", "/data/", "--root", "CASE", "time"});
+  EXPECT_EQ(outcome.status, 0) << outcome.err;
+  EXPECT_EQ(daemon_.Frames()[3], Hex("CASE"));
 }
 
 TEST(ProgramSignal, BusyRunIsLeftWithTheOrderAfterTheTimeGiven) {

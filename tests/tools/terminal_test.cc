@@ -131,6 +131,14 @@ TEST_F(TerminalTest, CtrlCAtThePromptDropsTheLineAndKeepsTheRun) {
   EXPECT_EQ(Status(), 0);
 }
 
+TEST_F(TerminalTest, TerminationAtThePromptShutsTheRunDown) {
+  Start({});
+  Until("CASE day 0> ");
+  kill(pid_, SIGTERM);
+  EXPECT_EQ(Status(), 143);
+  EXPECT_EQ(daemon_.Requests().back(), "f0 ff 00 00");
+}
+
 TEST_F(TerminalTest, HistoryIsKeptForTheNextTime) {
   Start({});
   Until("CASE day 0> ");

@@ -119,7 +119,7 @@ void AddOtherOptions(CLI::App& app, Options& options) {
 }
 
 std::optional<int> Parse(int argc, const char* const* argv, Options& options) {
-  CLI::App app("Launches a run through a jobmill daemon and steers it.", "vkmaster");
+  CLI::App app("Launches a run through a jobmill daemon and controls it.", "vkmaster");
   AddLaunchOptions(app, options);
   AddOtherOptions(app, options);
   app.set_version_flag("--version", "vkmaster " JOBMILL_VERSION);

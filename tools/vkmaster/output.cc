@@ -1,7 +1,10 @@
 #include "tools/vkmaster/output.h"
 
+#include <errno.h>
+
 #include <algorithm>
 #include <cmath>
+#include <system_error>
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
@@ -282,8 +285,10 @@ void Output::WriteCsv(const Result& result) {
 
 void Output::Put(const std::string& text) {
   if (before_) before_();
-  std::fwrite(text.data(), 1, text.size(), out_);
-  std::fflush(out_);
+  // Without a reader there is nobody to run for: days of computing would go nowhere.
+  if (std::fwrite(text.data(), 1, text.size(), out_) != text.size() || std::fflush(out_) != 0) {
+    throw std::system_error(errno, std::generic_category(), "The results cannot be written");
+  }
 }
 
 }  // namespace vkmaster

@@ -199,7 +199,7 @@ class Program {
       return SignalStatus();
     } catch (const std::exception& error) {
       const Failure failure = Report(command.text, error);
-      link_usable_ = failure.run_goes_on || failure.status == kBadAnswer;
+      link_usable_ = failure.status != kRequestFailed && failure.status != kLinkLost;
       if (failure.run_goes_on) may_go_on_ = true;
       return failure.status;
     }
