@@ -24,7 +24,7 @@ using std::chrono::milliseconds;
 
 constexpr std::size_t kLengthBytes = 4;
 // Read in pieces, so that memory grows with the bytes that came and not with the length announced.
-constexpr std::size_t kPiece = 256 * 1024;
+constexpr std::size_t kPiece = 262144;
 constexpr milliseconds kSendLimit{30000};
 
 std::string ErrorText(int error) {

@@ -95,7 +95,7 @@ class Run {
 
   /// Opens the wells and leaves them limited to a tenth or so of their rate: whoever goes on with
   /// the run sets statuses and constraints again.
-  IPRTables GetWellIPRData(const IPRRequest& request);
+  IPRTables GetWellIPRData(const IPRRequest& asked);
 
   double GetVersion();
 

@@ -9,7 +9,6 @@
 namespace {
 
 using testing::HasSubstr;
-using vkmaster::ParseCommand;
 using vkmaster::SplitWords;
 using vkmaster::Step;
 using vkmaster::Target;

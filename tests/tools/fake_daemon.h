@@ -97,6 +97,7 @@ class Fields {
   }
   std::vector<std::string> Strings(int count) {
     std::vector<std::string> texts;
+    texts.reserve(static_cast<std::size_t>(count));
     for (int i = 0; i < count; ++i) texts.push_back(String());
     return texts;
   }
@@ -236,6 +237,7 @@ struct FakeRun {
     fields.String();
     const int count = fields.Int();
     std::vector<double> values;
+    values.reserve(static_cast<std::size_t>(count));
     for (int i = 0; i < count; ++i) values.push_back(10.5 * (i + 1));
     master.Send(Pack(15).Series(values).Done());
   }
@@ -329,6 +331,7 @@ class FakeDaemon {
     const Descriptor master(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
     DaemonEnd end(master.get());
     script_(end);
+    frames_.reserve(end.received().size());
     for (const std::string& frame : end.received()) frames_.push_back(Hex(frame));
   }
 

@@ -1,44 +1,27 @@
 #include "tools/vkmaster/output.h"
 
 #include <cmath>
-#include <cstdlib>
-#include <memory>
 
 #include <gtest/gtest.h>
+
+#include "tests/tools/memory_stream.h"
 
 namespace {
 
 using vkmaster::Form;
 using vkmaster::Output;
 using vkmaster::Result;
-using vkmaster::Table;
 
 /// What an output writes, in memory.
 class Written {
  public:
-  explicit Written(Form form) : output(form, out_.stream, notes_.stream) {}
-  std::string out() { return out_.Text(); }
-  std::string notes() { return notes_.Text(); }
+  explicit Written(Form form) : output(form, out_.get(), notes_.get()) {}
+  std::string out() const { return out_.Text(); }
+  std::string notes() const { return notes_.Text(); }
 
  private:
-  struct Memory {
-    Memory() : stream(open_memstream(&bytes, &size)) {}
-    Memory(const Memory&) = delete;
-    Memory& operator=(const Memory&) = delete;
-    ~Memory() {
-      std::fclose(stream);
-      std::free(bytes);
-    }
-    std::string Text() const {
-      std::fflush(stream);
-      return {bytes, size};
-    }
-    char* bytes = nullptr;
-    std::size_t size = 0;
-    std::FILE* stream;
-  };
-  Memory out_;
-  Memory notes_;
+  MemoryStream out_;
+  MemoryStream notes_;
 
  public:
   Output output;

@@ -10,14 +10,11 @@
 
 namespace {
 
-using testing::Contains;
-using testing::ElementsAre;
 using testing::EndsWith;
 using testing::HasSubstr;
 using vkmaster::Plan;
 using vkmaster::ReadPlan;
 using vkmaster::Step;
-using vkmaster::Target;
 
 class PlanTest : public testing::Test {
  protected:

@@ -34,6 +34,7 @@ class VkmasterProcess {
       if (pipe2(ends->data(), O_CLOEXEC) != 0) throw std::runtime_error("no pipe");
     }
     std::vector<char*> argv;
+    argv.reserve(arguments.size() + 2);
     arguments.insert(arguments.begin(), VKMASTER_PROGRAM);
     for (std::string& argument : arguments) argv.push_back(argument.data());
     argv.push_back(nullptr);

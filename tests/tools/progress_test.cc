@@ -1,8 +1,8 @@
 #include "tools/vkmaster/progress.h"
 
-#include <cstdlib>
-
 #include <gtest/gtest.h>
+
+#include "tests/tools/memory_stream.h"
 
 namespace {
 
@@ -11,18 +11,10 @@ using vkmaster::Progress;
 
 class ProgressTest : public testing::Test {
  protected:
-  ~ProgressTest() override {
-    std::fclose(terminal_);
-    std::free(bytes_);
-  }
-  std::string Written() {
-    std::fflush(terminal_);
-    return {bytes_, size_};
-  }
+  std::string Written() const { return stream_.Text(); }
 
-  char* bytes_ = nullptr;
-  std::size_t size_ = 0;
-  std::FILE* terminal_ = open_memstream(&bytes_, &size_);
+  MemoryStream stream_;
+  std::FILE* terminal_ = stream_.get();
 };
 
 TEST_F(ProgressTest, BarShowsTheDaysReached) {

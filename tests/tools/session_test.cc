@@ -19,6 +19,7 @@ using testing::SizeIs;
 using vkmaster::Session;
 using vkmaster::UsageError;
 
+// NOLINTNEXTLINE(cppcoreguidelines-virtual-class-destructor): only the framework destroys it
 class SessionTest : public testing::Test {
  protected:
   SessionTest()
@@ -72,6 +73,7 @@ TEST_F(SessionTest, WellThatTheModelAddsIsFoundByAskingAgain) {
 TEST_F(SessionTest, DataOfMoreWellsThanFitARequestIsAskedForInParts) {
   run_.wells.clear();
   std::vector<std::string> names;
+  names.reserve(7000);
   for (int i = 0; i < 7000; ++i) names.push_back("WELL" + std::to_string(i));
   EXPECT_THAT(session_.Data(names), SizeIs(7000));
   std::size_t requests = 0;

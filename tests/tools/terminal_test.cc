@@ -24,6 +24,7 @@ using testing::HasSubstr;
 using testing::Not;
 
 /// The program with a terminal, somebody typing at it.
+// NOLINTNEXTLINE(cppcoreguidelines-virtual-class-destructor): only the framework destroys it
 class TerminalTest : public testing::Test {
  protected:
   void Start(const std::vector<std::string>& options) {

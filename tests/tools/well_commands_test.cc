@@ -1,6 +1,5 @@
 #include "tools/vkmaster/well_commands.h"
 
-#include <cstdlib>
 #include <thread>
 
 #include <gmock/gmock.h>
@@ -9,6 +8,7 @@
 #include "master/errors.h"
 #include "tests/support/socket_pair.h"
 #include "tests/tools/fake_daemon.h"
+#include "tests/tools/memory_stream.h"
 #include "tools/vkmaster/commands.h"
 #include "tools/vkmaster/fluid_commands.h"
 #include "tools/vkmaster/ipr.h"
@@ -17,7 +17,6 @@
 
 namespace {
 
-using testing::AnyOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -26,6 +25,7 @@ using vkmaster::Form;
 using vkmaster::UsageError;
 
 /// Commands on a run whose daemon is in this process.
+// NOLINTNEXTLINE(cppcoreguidelines-virtual-class-destructor): only the framework destroys it
 class WellCommandsTest : public testing::Test {
  protected:
   WellCommandsTest()
@@ -41,19 +41,14 @@ class WellCommandsTest : public testing::Test {
 
   // What the commands write, notes behind it.
   std::string Do(const std::string& line, Form form = Form::kCsv) {
-    char* bytes = nullptr;
-    std::size_t size = 0;
-    std::FILE* stream = open_memstream(&bytes, &size);
-    vkmaster::Output output(form, stream, stream);
-    vkmaster::Progress progress(false, stream);
+    const MemoryStream stream;
+    vkmaster::Output output(form, stream.get(), stream.get());
+    vkmaster::Progress progress(false, stream.get());
     vkmaster::Context context{session_, output, progress, {}};
     for (const vkmaster::Command& command : vkmaster::ParseCommands(vkmaster::SplitWords(line))) {
       command.execute(context);
     }
-    std::fclose(stream);
-    const std::string text(bytes, size);
-    std::free(bytes);
-    return text;
+    return stream.Text();
   }
 
   // The last requests of the kind, as hex; the daemon's answer has come, so they are all there.
@@ -266,16 +261,12 @@ TEST(WellCommandsWithTheOlderInterface, SourcesAreNotedAsWithoutEffect) {
   launched.request.api = "20162";
   vkmaster::Session session(master::Run(master::FrameChannel(pair.ours.Release())), launched);
   session.Connect();
-  char* bytes = nullptr;
-  std::size_t size = 0;
-  std::FILE* stream = open_memstream(&bytes, &size);
-  vkmaster::Output output(Form::kCsv, stream, stream);
-  vkmaster::Progress progress(false, stream);
+  const MemoryStream stream;
+  vkmaster::Output output(Form::kCsv, stream.get(), stream.get());
+  vkmaster::Progress progress(false, stream.get());
   vkmaster::Context context{session, output, progress, {}};
   vkmaster::ParseCommand({"source", "I1", "GAS"}).execute(context);
-  std::fclose(stream);
-  EXPECT_THAT(std::string(bytes, size), HasSubstr("has no external sources"));
-  std::free(bytes);
+  EXPECT_THAT(stream.Text(), HasSubstr("has no external sources"));
   session.Shutdown();
   daemon.join();
 }

@@ -92,6 +92,7 @@ std::string Heading(const Column& column) {
 
 std::string CsvHeader(const Table& table) {
   std::vector<std::string> cells;
+  cells.reserve(table.columns.size());
   for (const Column& column : table.columns) cells.push_back(column.key);
   return CsvLine(cells);
 }

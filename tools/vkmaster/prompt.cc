@@ -1,10 +1,14 @@
 #include "tools/vkmaster/prompt.h"
 
 #include <editline/readline.h>
+#include <errno.h>
+#include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
 
+#include <array>
 #include <cstdio>
 #include <filesystem>
 #include <memory>
@@ -65,6 +69,20 @@ Words CommandBegun(const std::string& before) {
 // The editor's callbacks carry no pointer of ours.
 std::function<std::vector<std::string>()> g_wells;
 
+int g_wake = -1;
+
+// Waits for the terminal and for signals at once. A read() alone would miss a signal that comes
+// just before it, and Ctrl-C would do nothing until the next key.
+int GetCharacter(FILE* in) {
+  std::array<pollfd, 2> wait{{{fileno(in), POLLIN, 0}, {g_wake, POLLIN, 0}}};
+  while (poll(wait.data(), wait.size(), -1) < 0) {
+    if (errno != EINTR) return EOF;
+  }
+  unsigned char c = 0;
+  if (wait[1].revents != 0 || read(fileno(in), &c, 1) != 1) return EOF;
+  return c;
+}
+
 char** Complete(const char* begin, int start, int /*end*/) {
   rl_attempted_completion_over = 1;  // never file names
   std::vector<std::string> found;
@@ -114,6 +132,9 @@ Prompt::Prompt(std::function<std::string()> text, std::function<std::vector<std:
     : text_(std::move(text)), interrupt_(interrupt), history_(HistoryFile()) {
   g_wells = std::move(wells);
   rl_readline_name = "vkmaster";
+  // Before the history, whose first call sets the editor up.
+  g_wake = interrupt.descriptor();
+  rl_getc_function = GetCharacter;
   using_history();
   stifle_history(kHistoryLines);
   if (!history_.empty()) read_history(history_.c_str());
