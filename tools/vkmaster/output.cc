@@ -138,7 +138,8 @@ std::string FormatFields(const std::vector<Field>& fields) {
   for (const Field& field : fields) {
     const std::string value = Printable(FormatValue(field.value, false));
     const std::string unit = field.unit.empty() ? "" : " " + field.unit;
-    text += TrimRight(Pad(field.label, width, false) + "  " + value + unit) + "\n";
+    text += TrimRight(Pad(field.label, width, false).append("  ").append(value).append(unit));
+    text += '\n';
   }
   return text;
 }
