@@ -1,14 +1,15 @@
 #include "log/flog.h"
 
 #include <errno.h>
-#include <ext/stdio_filebuf.h>
 #include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <iostream>
+#include <streambuf>
 #include <type_traits>
 
 namespace {
@@ -17,23 +18,52 @@ namespace {
 constexpr mode_t kPrivate = 0600;
 constexpr mode_t kPublic = 0666;
 
-// An output stream on a descriptor that was opened here, since std::ofstream has no way to refuse
-// links or to close on exec.
+// Writes through to a descriptor that was opened here, since std::ofstream has no way to refuse
+// links or to close on exec. Nothing is kept back: what could not be written is dropped and not
+// tried again with the next item, by this process or by a child that inherited it.
+class DescriptorBuffer : public std::streambuf {
+ public:
+  explicit DescriptorBuffer(int descriptor) : descriptor_(descriptor) {}
+  DescriptorBuffer(const DescriptorBuffer&) = delete;
+  DescriptorBuffer& operator=(const DescriptorBuffer&) = delete;
+  ~DescriptorBuffer() override { close(descriptor_); }
+
+ protected:
+  std::streamsize xsputn(const char* text, std::streamsize size) override {
+    std::streamsize written = 0;
+    while (written < size) {
+      const ssize_t now =
+          write(descriptor_, text + written, static_cast<std::size_t>(size - written));
+      if (now < 0 && errno == EINTR) continue;
+      if (now <= 0) break;
+      written += now;
+    }
+    return written;
+  }
+  int_type overflow(int_type character) override {
+    const char byte = traits_type::to_char_type(character);
+    return xsputn(&byte, 1) == 1 ? character : traits_type::eof();
+  }
+
+ private:
+  int descriptor_;
+};
+
 class DescriptorStream : public std::ostream {
  public:
-  explicit DescriptorStream(int descriptor)
-      : std::ostream(nullptr), buffer_(descriptor, std::ios::out | std::ios::app) {
+  explicit DescriptorStream(int descriptor) : std::ostream(nullptr), buffer_(descriptor) {
     rdbuf(&buffer_);
   }
 
  private:
-  __gnu_cxx::stdio_filebuf<char> buffer_;  // closes the descriptor
+  DescriptorBuffer buffer_;
 };
 
 // A fresh file under a name that nobody can have planted, moved over `file`: the old file, link or
 // pipe of that name is replaced, never opened. -1 when the directory does not allow it.
 int CreateFresh(const std::string& file) {
-  std::string temporary = file + ".XXXXXX";
+  // Short, whatever the length of the log's own name: names have a limit.
+  std::string temporary = file.substr(0, file.rfind('/') + 1) + ".log-XXXXXX";
   const int descriptor = mkostemp(temporary.data(), O_APPEND | O_CLOEXEC);
   if (descriptor < 0) return -1;
   fchmod(descriptor, kPublic);
@@ -71,11 +101,29 @@ int OpenLog(const std::string& file, bool removeOld) {
   return fresh >= 0 ? fresh : OpenRegular(file, 0);
 }
 
+// Values as a standard stream writes them by default.
+const std::string& Text(const std::string& value) {
+  return value;
+}
+std::string Text(const char* value) {
+  return value;
+}
+std::string Text(int value) {
+  return std::to_string(value);
+}
+std::string Text(unsigned long value) {
+  return std::to_string(value);
+}  // NOLINT(google-runtime-int)
+std::string Text(double value) {
+  std::array<char, 32> text{};
+  snprintf(text.data(), text.size(), "%g", value);
+  return text.data();
+}
+
 // A stream that failed before this item stays silent; one that fails with it loses this item only.
-template <class T>
-void WriteItem(std::ostream& out, const T& value) {
+void WriteItem(std::ostream& out, const std::string& text) {
   const bool usable = out.good();
-  out << value << std::flush;
+  out.write(text.data(), static_cast<std::streamsize>(text.size())).flush();
   if (usable && !out.good()) out.clear();
 }
 
@@ -112,8 +160,9 @@ flog& flog::operator<<(T value) {
       return *this;
     }
   }
-  WriteItem(*stream_, value);
-  WriteItem(std::cout, value);
+  const std::string text = Text(value);
+  WriteItem(*stream_, text);
+  WriteItem(std::cout, text);
   return *this;
 }
 

@@ -1,6 +1,8 @@
 #include "log/flog.h"
 
 #include <fcntl.h>
+#include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -10,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "log/timestamp.h"
+#include "tests/support/child_process.h"
 #include "tests/support/temporary_directory.h"
 
 namespace {
@@ -148,6 +151,66 @@ TEST_F(FlogTest, FailedWriteLosesThatItemOnly) {
   EXPECT_EQ(printed.substr(printed.size() - 8), "to both\n");
 }
 
+TEST_F(FlogTest, WhatAFullDiskRefusedIsNotWrittenLater) {
+  // A file that may not grow beyond twelve bytes, until it may.
+  ChildProcess::Options options;
+  options.inChild = [this] {
+    signal(SIGXFSZ, SIG_IGN);
+    rlimit limit{};
+    getrlimit(RLIMIT_FSIZE, &limit);
+    const rlimit small{12, limit.rlim_max};
+    flog log(directory_.File("a.log"), true);
+    log << "1234567890";
+    setrlimit(RLIMIT_FSIZE, &small);
+    log << "abcd"
+        << "LOST";
+    setrlimit(RLIMIT_FSIZE, &limit);
+    log << "after" << 7;
+    return 0;
+  };
+  ChildProcess child({}, options);
+  EXPECT_EQ(child.Wait(std::chrono::seconds(10)).value_or(-1), 0);
+  EXPECT_EQ(directory_.Read("a.log"), "1234567890abafter7");
+}
+
+TEST_F(FlogTest, LongestNameIsPossible) {
+  const std::string name(255, 'n');
+  flog log(directory_.File(name), true);
+  log << "x";
+  EXPECT_EQ(directory_.Read(name), "x");
+}
+
+// The status of a log on `file`, opened by somebody who may not write to its directory.
+int StatusInClosedDirectory(const TemporaryDirectory& directory, const std::string& file) {
+  fs::permissions(directory.path(), fs::perms(0555));
+  ChildProcess::Options options;
+  options.inChild = [&] {
+    if (getuid() == 0 && setuid(61997) != 0) return 9;
+    flog log(directory.File(file), true);
+    log << "appended";
+    return static_cast<int>(log.status());
+  };
+  ChildProcess child({}, options);
+  const int status = child.Wait(std::chrono::seconds(10)).value_or(-1);
+  fs::permissions(directory.path(), fs::perms(0755));
+  return status;
+}
+
+TEST_F(FlogTest, DirectoryThatRefusesANewFileLeavesTheOldOneToAppendTo) {
+  directory_.Write("a.log", "old ");
+  fs::permissions(directory_.File("a.log"), fs::perms(0666));
+  EXPECT_EQ(StatusInClosedDirectory(directory_, "a.log"), 0);
+  EXPECT_EQ(directory_.Read("a.log"), "old appended");
+}
+
+TEST_F(FlogTest, LinkInADirectoryThatRefusesANewFileIsNotFollowed) {
+  directory_.Write("victim", "precious");
+  fs::permissions(directory_.File("victim"), fs::perms(0666));
+  fs::create_symlink(directory_.File("victim"), directory_.File("a.log"));
+  EXPECT_EQ(StatusInClosedDirectory(directory_, "a.log"), 1);
+  EXPECT_EQ(directory_.Read("victim"), "precious");
+}
+
 TEST_F(FlogTest, PlantedLinkIsReplacedAndItsTargetUntouched) {
   directory_.Write("victim", "precious");
   fs::create_symlink(directory_.File("victim"), directory_.File("a.log"));
@@ -194,7 +257,7 @@ TEST_F(FlogTest, DescriptorIsClosedOnExec) {
   const int next = dup(STDOUT_FILENO);  // the number that the log's descriptor will get
   close(next);
   flog log(directory_.File("a.log"), true);
-  EXPECT_NE(fcntl(next, F_GETFD) & FD_CLOEXEC, 0);
+  EXPECT_EQ(fcntl(next, F_GETFD), FD_CLOEXEC);
 }
 
 }  // namespace
