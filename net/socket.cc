@@ -99,7 +99,9 @@ Socket::Socket(const Socket& other) : handle_(other.handle_), references_(other.
 // NOLINTNEXTLINE(misc-unconventional-assign-operator): only fresh sockets are assigned to
 Socket& Socket::operator=(Socket& other) {
   ++*other.references_;
-  if (--*references_ == 0) delete references_;
+  // Without its last object the counter is of no more use. One that copies share keeps counting
+  // this object, so that none of them closes the descriptor.
+  if (references_ != other.references_ && *references_ == 1) delete references_;
   handle_ = other.handle_;
   references_ = other.references_;
   ++nofSockets_;

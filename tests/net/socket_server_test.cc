@@ -46,7 +46,17 @@ TEST(SocketServerTest, AcceptedConnectionIsClosedOnExec) {
   const SocketClient client("127.0.0.1", port);
   const Descriptor next(dup(0));
   const std::unique_ptr<Socket> accepted(server->Accept());
-  EXPECT_NE(fcntl(next.get() + 1, F_GETFD) & FD_CLOEXEC, 0);
+  EXPECT_EQ(fcntl(next.get() + 1, F_GETFD), FD_CLOEXEC);
+}
+
+struct OpenServer : SocketServer {
+  using SocketServer::SocketServer;
+  int handle() const { return handle_; }
+};
+
+TEST(SocketServerTest, ListeningSocketIsClosedOnExec) {
+  const OpenServer server(0, 5);
+  EXPECT_EQ(fcntl(server.handle(), F_GETFD), FD_CLOEXEC);
 }
 
 TEST(SocketServerTest, TakenPortThrowsBindResultAndReason) {

@@ -356,11 +356,27 @@ TEST_F(SocketTest, AssignmentSharesAndLeavesTheFormerDescriptorOpen) {
   EXPECT_TRUE(IsOpen(former.get()));
 }
 
+TEST_F(SocketTest, AssignmentToACopyLeavesTheSharedDescriptorOpenForEver) {
+  SocketPair pair;
+  SocketPair sharedPair;
+  const Descriptor shared(sharedPair.ours.Release());
+  {
+    Socket copy(-1);
+    {
+      Socket first(shared.get());
+      copy = first;
+      Socket source(pair.ours.Release());
+      first = source;
+    }
+  }
+  EXPECT_TRUE(IsOpen(shared.get()));
+}
+
 TEST(SocketDescriptorTest, NewSocketIsClosedOnExec) {
   const Descriptor next(dup(0));
   const int number = next.get() + 1;
   const Socket socket;
-  EXPECT_NE(fcntl(number, F_GETFD) & FD_CLOEXEC, 0);
+  EXPECT_EQ(fcntl(number, F_GETFD), FD_CLOEXEC);
 }
 
 TEST(SocketDescriptorTest, NoDescriptorLeftThrowsItsText) {
