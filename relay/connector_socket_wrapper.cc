@@ -271,13 +271,13 @@ void ConnectorSocketWrapper::GetTermFlag(const unsigned char* /*body*/) {
 void ConnectorSocketWrapper::GetWellStatus(const unsigned char* /*body*/) {
   std::vector<StaticWellDef> wells;
   connector_->GetWellStatus(wells);
-  int size = PackedSize(0);
+  std::int64_t size = PackedSize(0) + kAckSize;
   for (const StaticWellDef& well : wells) {
     *log_ << "Well status: " << well.name << ", " << well.type << ", " << well.status << "\n";
     size += PackedSize(well.name) + PackedSize(well.type) + PackedSize(well.status);
   }
   sendbuf reply;
-  reply.PrePack(size + kAckSize);
+  MakeRoom(reply, size);
   reply.Pack(static_cast<int>(wells.size()));
   for (const StaticWellDef& well : wells) {
     reply.Pack(well.name);
@@ -308,7 +308,7 @@ void ConnectorSocketWrapper::GetWellData(const unsigned char* body) {
     AwaitSubRequest(buffer, kWellDataSub,
                     "Unexpected data received from Corvane, routine VK_GETWELLDATA_SUB");
     sendbuf reply;
-    reply.PrePack(PackedSize(point.status) + 8 * PackedSize(0.0) + kAckSize);
+    MakeRoom(reply, PackedSize(point.status) + 8 * PackedSize(0.0) + kAckSize);
     reply.Pack(point.status);
     for (const double value :
          {point.oil_rate, point.gas_rate, point.water_rate, point.water_injection_rate,
@@ -361,10 +361,10 @@ void ConnectorSocketWrapper::ReturnTable(const DynWellIPR& table, bool withMoleF
       series.push_back(point < table.mole_fractions.size() ? &table.mole_fractions[point] : &none);
     }
   }
-  int size = kAckSize;
+  std::int64_t size = kAckSize;
   for (const std::vector<double>* values : series) size += PackedSize(*values);
   sendbuf reply;
-  reply.PrePack(size);
+  MakeRoom(reply, size);
   for (const std::vector<double>* values : series) PackSeries(reply, *values);
   ReturnWithAck(reply, 0, kWellIPRDataSub);
 }
@@ -426,11 +426,11 @@ void ConnectorSocketWrapper::GetEOSProps(const unsigned char* /*body*/) {
       &eos.boiling_point,     &eos.volume_shift,
       &eos.omega_a,           &eos.omega_b,
       &eos.parachor,          &eos.binary_interaction};
-  int size = PackedSize(eos.name) + PackedSize(0) + kAckSize;
+  std::int64_t size = PackedSize(eos.name) + PackedSize(0) + kAckSize;
   for (const std::string& component : eos.components) size += PackedSize(component);
   for (const auto* values : lists) size += PackedSize(*values);
   sendbuf reply;
-  reply.PrePack(size);
+  MakeRoom(reply, size);
   reply.Pack(eos.name);
   reply.Pack(static_cast<int>(eos.components.size()));
   for (const std::string& component : eos.components) reply.Pack(component);
@@ -448,18 +448,18 @@ void ConnectorSocketWrapper::GetWellVariables(const unsigned char* body) {
   std::vector<double> values;
   connector_->GetWellVariables(well, names, values);
   sendbuf reply;
-  reply.PrePack(PackedSize(values) + kAckSize);
+  MakeRoom(reply, PackedSize(values) + kAckSize);
   PackSeries(reply, values);
   ReturnWithAck(reply, 0, kGetWellVariables);
 }
 
 void ConnectorSocketWrapper::SetWellInjectionSource(const unsigned char* body) {
-  *log_ << "SetWellInjectionSource\n";
   getbuf fields = FieldsOf(body);
   std::string well;
   std::string source;
   fields.UnPack(well);
   fields.UnPack(source);
+  *log_ << "SetWellInjectionSource\n";
   const int result = connector_->SetWellInjectionSource(well, source);
   sendbuf reply;
   reply.Pack(result & 0xff);  // the master's field has one byte's worth
@@ -467,12 +467,12 @@ void ConnectorSocketWrapper::SetWellInjectionSource(const unsigned char* body) {
 }
 
 void ConnectorSocketWrapper::SetWellInjectionComposition(const unsigned char* body) {
-  *log_ << "SetWellInjectionComposition\n";
   getbuf fields = FieldsOf(body);
   int n = 0;
   fields.UnPack(n);
   const std::vector<std::string> sources = UnPackTexts(fields, n);
   const auto compositions = UnPackGroups(fields, UnPackNumbers);
+  *log_ << "SetWellInjectionComposition\n";
   connector_->SetWellInjectionComposition(sources, compositions);
   Acknowledge(kSetWellInjectionComposition);
 }

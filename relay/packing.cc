@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <limits>
+#include <stdexcept>
 
 namespace {
 
@@ -12,12 +14,17 @@ std::size_t Room(const getbuf& fields, int n, std::int64_t size) {
 
 }  // namespace
 
-int PackedSize(const std::string& text) {
-  return PackedSize(0) + static_cast<int>(text.size());
+std::int64_t PackedSize(const std::string& text) {
+  return PackedSize(0) + static_cast<std::int64_t>(text.size());
 }
 
-int PackedSize(const std::vector<double>& series) {
-  return PackedSize(0) + PackedSize(0.0) * static_cast<int>(series.size());
+std::int64_t PackedSize(const std::vector<double>& series) {
+  return PackedSize(0) + PackedSize(0.0) * static_cast<std::int64_t>(series.size());
+}
+
+void MakeRoom(sendbuf& reply, std::int64_t size) {
+  if (size > std::numeric_limits<int>::max()) throw std::length_error("Reply too large");
+  reply.PrePack(static_cast<int>(size));
 }
 
 void PackSeries(sendbuf& reply, const std::vector<double>& series) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -9,17 +10,20 @@
 // The shapes that requests and replies are made of, beyond single values.
 
 /// Bytes of the acknowledgement that ends every reply.
-constexpr int kAckSize = 4;
+constexpr std::int64_t kAckSize = 4;
 
 /// Bytes that a value takes in a reply, to size the reply before it is packed.
-inline int PackedSize(int) {
+inline std::int64_t PackedSize(int) {
   return 4;
 }
-inline int PackedSize(double) {
+inline std::int64_t PackedSize(double) {
   return 8;
 }
-int PackedSize(const std::string& text);
-int PackedSize(const std::vector<double>& series);
+std::int64_t PackedSize(const std::string& text);
+std::int64_t PackedSize(const std::vector<double>& series);
+
+/// Makes room for `size` bytes. Throws `std::length_error` for more than a frame can announce.
+void MakeRoom(sendbuf& reply, std::int64_t size);
 
 /// Appends the count, then the values.
 void PackSeries(sendbuf& reply, const std::vector<double>& series);

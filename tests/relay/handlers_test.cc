@@ -75,6 +75,34 @@ TEST_F(HandlersTest, RunUntilLogsTheTimeBeforeItRuns) {
   EXPECT_EQ(stub_->calls, Calls{"RunUntil(365.250000)"});
 }
 
+// Lines that show request data only are written before the simulator is asked: a run that hangs
+// shows where.
+class EarlyLogLineTest : public ControllerTest,
+                         public testing::WithParamInterface<std::pair<const char*, const char*>> {};
+
+TEST_P(EarlyLogLineTest, IsWrittenBeforeTheCall) {
+  const auto [request, line] = GetParam();
+  stub_->fail = [this, text = std::string(line)] {
+    EXPECT_EQ(Logged().substr(Logged().find('\n') + 1), text);
+  };
+  MasterSends(request);
+  Serve();
+  EXPECT_EQ(stub_->calls.size(), 1U);
+}
+
+INSTANTIATE_TEST_SUITE_P(Requests, EarlyLogLineTest,
+                         testing::Values(std::pair("07 00 00 00", "Newton\n"),
+                                         std::pair("0e 00 00 00", "Getting EOS props\n"),
+                                         std::pair("12 00 00 00", "SetWellInjectionSource\n"),
+                                         std::pair("13 00 00 00", "SetWellInjectionComposition\n"),
+                                         std::pair("f0 ff 00 00", "Shutting down\n")));
+
+TEST_F(HandlersTest, RequestThatCannotBeReadLeavesNoLineOfItsHandler) {
+  MasterSends("12 00 00 00 ff ff ff 7f");
+  EXPECT_EQ(Serve(), 2);
+  EXPECT_EQ(Logged().find("SetWellInjectionSource"), std::string::npos);
+}
+
 TEST_F(HandlersTest, TermFlagIsOneAtTheEnd) {
   stub_->ended = true;
   EXPECT_EQ(ReplyTo("09 00 00 00"), "0c 00 00 00 09 00 00 00 01 00 00 00 00 00 00 00");
@@ -137,6 +165,7 @@ TEST_F(HandlersTest, MissingWellRecordGetsNoReplyAtAll) {
             "Failed to handle data packet received from master: Exception returned from Corvane "
             "comms: Discrepancy returned in well data from Corvane: well count in routine "
             "VK_GETWELLDATA");
+  EXPECT_EQ(Logged().find("GetWellData for"), std::string::npos);
 }
 
 TEST_F(HandlersTest, WrongSubRequestOfWellDataEndsTheRun) {
