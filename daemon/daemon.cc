@@ -101,11 +101,13 @@ int AnswerInChild(std::unique_ptr<CManagerInformation> info, flog& log) {
 int AcceptLoop(const Options& options, flog& log) {
   for (unsigned long counter = 0;; ++counter) {  // NOLINT(google-runtime-int): as many as come
     Socket* master = AcceptOrExit(log);
-    const auto ports = static_cast<unsigned long>(options.commsPorts);
-    auto info = std::make_unique<CManagerInformation>(
-        options.script, options.runAsRoot, options.startTimeout,
-        options.commsBasePort + static_cast<std::int32_t>(counter % ports), options.commsLog, &log,
-        master);
+    // In 64 bits: nothing keeps a base port from being given that does not fit behind itself.
+    const auto port = static_cast<std::int32_t>(
+        options.commsBasePort +
+        static_cast<std::int64_t>(counter % static_cast<unsigned long>(options.commsPorts)));
+    auto info = std::make_unique<CManagerInformation>(options.script, options.runAsRoot,
+                                                      options.startTimeout, port, options.commsLog,
+                                                      &log, master);
     log << "Accepted incoming connection: " << timestamp();
     const pid_t child = fork();
     if (child == 0) return AnswerInChild(std::move(info), log);

@@ -55,6 +55,7 @@ class AnswerTest : public testing::Test {
   void Start() {
     ChildProcess::Options options;
     options.directory = directory_.path().string();
+    options.outputFile = directory_.File("output");
     options.inChild = [this] {
       if (prepareChild_ && !prepareChild_()) return 125;
       pair_.peer.Reset();
@@ -348,7 +349,8 @@ class LaunchByAnswerTest : public AnswerTest {
 TEST_F(LaunchByAnswerTest, HostIsSentWithAZeroByteInThePlaceOfItsNewline) {
   EXPECT_EQ(OutcomeOfPrinting("starting\\nstill starting\\nHOST=node17\\nlater\\n"),
             std::string("OK|node17\0", 10));
-  EXPECT_THAT(Logged(), HasSubstr("starting\nstill starting\nHOST=node17\nHost detected: node17"));
+  EXPECT_THAT(Logged(), HasSubstr("starting\nstill starting\nHOST=node17\nHost detected: " +
+                                  std::string("node17\0\n", 8)));
   EXPECT_THAT(Logged(), Not(HasSubstr("later")));
 }
 
@@ -422,8 +424,15 @@ TEST_F(LaunchByAnswerTest, ClusterRunHasItsOwnInputAndRoot) {
 TEST_F(LaunchByAnswerTest, ScriptHasThreeDescriptorsAndFreeSignals) {
   // A shell keeps the script it reads at 10 or above.
   Script(
-      "#!/bin/sh\nls /proc/$$/fd >descriptors\ngrep ^Sig /proc/$$/status >signals\n"
+      "#!/bin/sh\nls /proc/$$/fd >descriptors\ngrep ^Sig /proc/self/status >signals\n"
       "echo HOST=node17\n");
+  // As started by something careless: a signal blocked, a descriptor left open.
+  prepareChild_ = [] {
+    sigset_t blocked;
+    sigemptyset(&blocked);
+    sigaddset(&blocked, SIGUSR1);
+    return sigprocmask(SIG_BLOCK, &blocked, nullptr) == 0 && dup2(0, 7) == 7;
+  };
   Outcome();
   std::vector<int> low;
   std::istringstream numbers(directory_.Read("descriptors"));
@@ -488,10 +497,21 @@ TEST_F(LaunchByAnswerTest, MasterThatLeavesDuringTheRunEndsIt) {
 }
 
 TEST_F(LaunchByAnswerTest, WithoutTheCommsLogTheOutcomeIsWrittenNowhere) {
-  EXPECT_THAT(Outcome(), HasSubstr("OK|"));
-  EXPECT_EQ(Status(), 0);
-  EXPECT_FALSE(std::filesystem::exists(directory_.File("CASE.crvnlog")));
-  EXPECT_THAT(Logged(), Not(HasSubstr("Request process loop failed")));
+  for (const bool shutdown : {true, false}) {
+    pair_ = SocketPair();
+    EXPECT_THAT(Outcome(), HasSubstr("OK|"));
+    if (shutdown) {
+      Send(Bytes("f0 ff 00 00"));
+      EXPECT_EQ(Hex(Receive()), "f0 ff 00 00 00 00 00 00");
+    }
+    EXPECT_EQ(Status(), 0);
+    EXPECT_FALSE(std::filesystem::exists(directory_.File("CASE.crvnlog")));
+    for (const std::string& written : {Logged(), directory_.Read("output")}) {
+      EXPECT_THAT(written, Not(HasSubstr("Process loop")));
+      EXPECT_THAT(written, Not(HasSubstr("process loop")));
+      EXPECT_THAT(written, Not(HasSubstr("Received header")));
+    }
+  }
 }
 
 }  // namespace

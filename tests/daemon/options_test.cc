@@ -61,6 +61,10 @@ TEST(OptionsTest, TrailingOptionIsItsOwnValue) {
   EXPECT_EQ(Parse({"-t"}).startTimeout, 5);
 }
 
+TEST(OptionsTest, EmptyScriptIsNone) {
+  EXPECT_EQ(Parse({"-s", ""}).script, "");
+}
+
 TEST(OptionsTest, TextThatIsNoNumberIsZero) {
   EXPECT_EQ(Parse({"-p", "http"}).listenPort, 0);
 }
