@@ -16,7 +16,7 @@ struct Units {
 
 inline const Units& UnitsOf(bool metric) {
   static const Units kMetric{"metric", "sm3/d", "sm3/d", "bar", "degC", "kg/m3"};
-  static const Units kField{"field", "STB/d", "Mscf/d", "psi", "degF", "lb/ft3"};
+  static const Units kField{"field", "STB/d", "MMscf/d", "psi", "degF", "lb/ft3"};
   return metric ? kMetric : kField;
 }
 
