@@ -269,10 +269,12 @@ void ControllerLink::query_wells(Decoder& message, bool texts) {
     builder.add_data("WELLNAME", std::vector{reservoir_.well(well).deck().name});
     if (texts) {
       std::vector<std::string> row;
+      row.reserve(known.size());
       for (const std::string& item : known) row.push_back(*reservoir_.text(well, item));
       builder.add_data("VALUES", row);
     } else {
       std::vector<double> row;
+      row.reserve(properties.size());
       for (const auto* property : properties) row.push_back(reservoir_.value(well, *property));
       builder.add_data("VALUES", row);
     }

@@ -97,7 +97,7 @@ struct Composition {
 struct Deck {
   std::string title;
   Units units{Units::System::kMetric};
-  std::chrono::year_month_day start;
+  std::chrono::year_month_day start{};
   double end_time = 0;  ///< days after the start
   double max_step = 0;  ///< days
 

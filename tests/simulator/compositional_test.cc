@@ -56,8 +56,8 @@ TEST_F(CompositionalTest, ExternalSourceChangesWhatIsInjectedAndInTimeWhatIsProd
       "SRC", {"TOTAL_MOLE_FRACTION[1]", "TOTAL_MOLE_FRACTION[2]"}, {3, 1}));
   EXPECT_EQ(Fractions("G1"), (std::vector<double>{0.75, 0.25, 0, 0, 0}));
   double nitrogen = Fractions("P1")[0];
-  for (double time = 100; time <= 900; time += 100) {
-    reservoir_.advance_to(time);
+  for (int n = 1; n <= 9; ++n) {
+    reservoir_.advance_to(100 * n);
     const std::vector<double> z = Fractions("P1");
     ASSERT_GT(z[0], nitrogen);
     ASSERT_NEAR(std::accumulate(z.begin(), z.end(), 0.0), 1, 1e-12);

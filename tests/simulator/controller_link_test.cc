@@ -30,10 +30,11 @@ const std::string kReady =
 
 /// A controller that sends and expects literal bytes, with the link in a thread.
 class ControllerLinkTest : public testing::Test {
- protected:
+ public:
   ~ControllerLinkTest() override { Leave(); }
 
-  void Start(const std::string& deck = decks::kBlackOil, Faults faults = {},
+ protected:
+  void Start(const std::string& deck = decks::kBlackOil, const Faults& faults = {},
              ControllerLink::Api api = ControllerLink::Api::k2017_2) {
     const wire::Pair pair = wire::SocketPair();
     ours_ = pair.ours;
@@ -293,9 +294,10 @@ TEST_F(ControllerLinkTest, InflowQueryAnswersACurvePerItem) {
 TEST_F(ControllerLinkTest, BlackOilHasNoFluidModelsToDescribe) {
   Start();
   SetUpRun();
+  const std::string nothing = "2200000000000000 2200000000000000 " + kReply + kEnd;
   for (const char* kind : {"QFMFLUIDMODEL", "QRFLUIDMODEL"}) {
-    Send(wire::Mess("QUERY") + wire::Mess(kind) + wire::Mess("END"));
-    Expect("2200000000000000 2200000000000000 " + kReply + kEnd);
+    Send(wire::Mess("QUERY").append(wire::Mess(kind)).append(wire::Mess("END")));
+    Expect(nothing);
     Expect(kReady);
   }
 }
@@ -444,7 +446,10 @@ TEST_F(ControllerLinkTest, SetterOfUnknownNamesIsNotedAndAnsweredReady) {
 TEST_F(ControllerLinkTest, AnswerAboveAChunkIsCutAt65536Bytes) {
   std::string deck = decks::kBlackOilHead;
   for (int i = 0; i < 2000; ++i) {
-    deck += decks::Replaced(decks::kProducer, "\"P1\"", "\"P" + std::to_string(i) + "\"");
+    std::string name = "\"P";
+    name += std::to_string(i);
+    name += '"';
+    deck += decks::Replaced(decks::kProducer, "\"P1\"", name);
   }
   Start(deck);
   SetUpRun();

@@ -10,6 +10,7 @@ namespace {
 
 std::vector<Component> Named(const std::vector<std::string>& names) {
   std::vector<Component> all;
+  all.reserve(names.size());
   for (const std::string& name : names) all.push_back(find_component(name).value());
   return all;
 }
@@ -56,7 +57,7 @@ TEST(EquationOfStateTest, VolumeFallsAsPressureRises) {
   const std::vector<double> z{0.4, 0.2, 0.4};
   const EquationOfState mixture(Named({"C1", "C3", "C7+"}), 370);
   double last = INFINITY;
-  for (double pressure = 1; pressure < 600; pressure += 2) {
+  for (int pressure = 1; pressure < 600; pressure += 2) {
     const double volume = mixture.flash(z, pressure).volume();
     ASSERT_LT(volume, last) << pressure;
     last = volume;

@@ -67,7 +67,7 @@ TEST_F(ReservoirTest, ProductionNeverRisesWithBottomHolePressure) {
   for (const double time : {0.0, 1000.0, 3000.0}) {
     reservoir_.advance_to(time);
     double last = INFINITY;
-    for (double pressure = 1; pressure < 420; pressure += 3) {
+    for (int pressure = 1; pressure < 420; pressure += 3) {
       Limit("P1", "BOTTOM_HOLE_PRESSURE", pressure);
       const double rate = Get("P1", "OIL_PRODUCTION_RATE");
       ASSERT_LE(rate, last) << pressure;
@@ -81,7 +81,7 @@ TEST_F(ReservoirTest, ProductionNeverRisesWithBottomHolePressure) {
 
 TEST_F(ReservoirTest, TubingHeadPressureFallsAsTheRateRises) {
   double last = INFINITY;
-  for (double rate = 10; rate < 800; rate += 10) {
+  for (int rate = 10; rate < 800; rate += 10) {
     Limit("P1", "LIQUID_PRODUCTION_RATE", rate);
     const double pressure = Get("P1", "TUBING_HEAD_PRESSURE");
     ASSERT_LE(pressure, last) << rate;
@@ -116,7 +116,7 @@ TEST_F(ReservoirTest, EverLowerRateLimitsWalkTheInflowCurve) {
 TEST_F(ReservoirTest, InjectionNeverFallsWithBottomHolePressure) {
   Limit("W1", "WATER_INJECTION_RATE", -1);
   double last = -1;
-  for (double pressure = 200; pressure < 420; pressure += 5) {
+  for (int pressure = 200; pressure < 420; pressure += 5) {
     Limit("W1", "BOTTOM_HOLE_PRESSURE", pressure);
     const double rate = Get("W1", "WATER_INJECTION_RATE");
     ASSERT_GE(rate, last);
@@ -225,7 +225,7 @@ TEST_F(ReservoirTest, ShutWellsDoNotFlow) {
 TEST_F(ReservoirTest, WaterCutRisesUnderWaterInjection) {
   double last = Get("P1", "WATER_CUT");
   EXPECT_EQ(last, 0);
-  for (double time = 30; time < 3600; time += 30) {
+  for (int time = 30; time < 3600; time += 30) {
     reservoir_.advance_to(time);
     const double cut = Get("P1", "WATER_CUT");
     ASSERT_GE(cut, last) << time;
@@ -250,7 +250,7 @@ TEST_F(ReservoirTest, DepletionLowersPressureAndRate) {
   reservoir_.set_status("G1", "SHUT");
   double pressure = reservoir_.pressure();
   double oil = Get("P1", "OIL_PRODUCTION_RATE");
-  for (double time = 100; time < 3650; time += 100) {
+  for (int time = 100; time < 3650; time += 100) {
     reservoir_.advance_to(time);
     ASSERT_LT(reservoir_.pressure(), pressure);
     ASSERT_LT(Get("P1", "OIL_PRODUCTION_RATE"), oil);

@@ -126,7 +126,7 @@ std::string Step(const std::string& position, double time, const std::vector<int
 }
 
 class VksimTest : public testing::Test {
- protected:
+ public:
   VksimTest() {
     std::string name = (std::filesystem::temp_directory_path() / "vksim_test.XXXXXX").string();
     directory_ = mkdtemp(name.data());
@@ -137,6 +137,7 @@ class VksimTest : public testing::Test {
     std::filesystem::remove_all(directory_);
   }
 
+ protected:
   void Write(const std::string& deck) const { std::ofstream(directory_ + "/CASE.afi") << deck; }
 
   [[nodiscard]] std::vector<std::string> Arguments(std::vector<std::string> more = {}) const {
