@@ -1,5 +1,4 @@
-#ifndef JOBMILL_SIMULATOR_BLACK_OIL_TANK_H_
-#define JOBMILL_SIMULATOR_BLACK_OIL_TANK_H_
+#pragma once
 
 #include <vector>
 
@@ -52,5 +51,3 @@ class BlackOilTank : public Tank {
 };
 
 }  // namespace simulator
-
-#endif  // JOBMILL_SIMULATOR_BLACK_OIL_TANK_H_

@@ -1,5 +1,4 @@
-#ifndef JOBMILL_SIMULATOR_CALENDAR_H_
-#define JOBMILL_SIMULATOR_CALENDAR_H_
+#pragma once
 
 #include <array>
 #include <chrono>
@@ -14,5 +13,3 @@ using DateTime = std::array<int, 6>;
 DateTime date_after(std::chrono::year_month_day start, double days);
 
 }  // namespace simulator
-
-#endif  // JOBMILL_SIMULATOR_CALENDAR_H_

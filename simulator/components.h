@@ -1,5 +1,4 @@
-#ifndef JOBMILL_SIMULATOR_COMPONENTS_H_
-#define JOBMILL_SIMULATOR_COMPONENTS_H_
+#pragma once
 
 #include <optional>
 #include <string>
@@ -32,5 +31,3 @@ std::optional<Component> find_component(const std::string& name);
 double binary_interaction(const std::string& a, const std::string& b);
 
 }  // namespace simulator
-
-#endif  // JOBMILL_SIMULATOR_COMPONENTS_H_

@@ -1,5 +1,4 @@
-#ifndef JOBMILL_SIMULATOR_COMPOSITIONAL_TANK_H_
-#define JOBMILL_SIMULATOR_COMPOSITIONAL_TANK_H_
+#pragma once
 
 #include <vector>
 
@@ -47,5 +46,3 @@ class CompositionalTank : public Tank {
 };
 
 }  // namespace simulator
-
-#endif  // JOBMILL_SIMULATOR_COMPOSITIONAL_TANK_H_

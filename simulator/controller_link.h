@@ -1,5 +1,4 @@
-#ifndef JOBMILL_SIMULATOR_CONTROLLER_LINK_H_
-#define JOBMILL_SIMULATOR_CONTROLLER_LINK_H_
+#pragma once
 
 #include <chrono>
 #include <cstdint>
@@ -107,5 +106,3 @@ class ControllerLink {
 };
 
 }  // namespace simulator
-
-#endif  // JOBMILL_SIMULATOR_CONTROLLER_LINK_H_

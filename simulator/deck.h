@@ -1,5 +1,4 @@
-#ifndef JOBMILL_SIMULATOR_DECK_H_
-#define JOBMILL_SIMULATOR_DECK_H_
+#pragma once
 
 #include <array>
 #include <chrono>
@@ -130,5 +129,3 @@ Deck parse_deck(std::string_view text, const std::string& file);
 std::string deck_path(const std::string& path, const std::string& root);
 
 }  // namespace simulator
-
-#endif  // JOBMILL_SIMULATOR_DECK_H_

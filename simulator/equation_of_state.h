@@ -1,5 +1,4 @@
-#ifndef JOBMILL_SIMULATOR_EQUATION_OF_STATE_H_
-#define JOBMILL_SIMULATOR_EQUATION_OF_STATE_H_
+#pragma once
 
 #include <cstddef>
 #include <vector>
@@ -75,5 +74,3 @@ class EquationOfState {
 };
 
 }  // namespace simulator
-
-#endif  // JOBMILL_SIMULATOR_EQUATION_OF_STATE_H_

@@ -1,5 +1,4 @@
-#ifndef JOBMILL_SIMULATOR_LISTENER_H_
-#define JOBMILL_SIMULATOR_LISTENER_H_
+#pragma once
 
 #include <chrono>
 #include <cstdint>
@@ -32,5 +31,3 @@ class Listener {
 };
 
 }  // namespace simulator
-
-#endif  // JOBMILL_SIMULATOR_LISTENER_H_

@@ -1,5 +1,4 @@
-#ifndef JOBMILL_SIMULATOR_RESERVOIR_H_
-#define JOBMILL_SIMULATOR_RESERVOIR_H_
+#pragma once
 
 #include <cstddef>
 #include <map>
@@ -147,5 +146,3 @@ struct Reservoir::Property {
 };
 
 }  // namespace simulator
-
-#endif  // JOBMILL_SIMULATOR_RESERVOIR_H_

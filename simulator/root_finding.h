@@ -1,5 +1,4 @@
-#ifndef JOBMILL_SIMULATOR_ROOT_FINDING_H_
-#define JOBMILL_SIMULATOR_ROOT_FINDING_H_
+#pragma once
 
 #include <functional>
 
@@ -10,5 +9,3 @@ namespace simulator {
 double falling_root(const std::function<double(double)>& f, double low, double high);
 
 }  // namespace simulator
-
-#endif  // JOBMILL_SIMULATOR_ROOT_FINDING_H_

@@ -1,5 +1,4 @@
-#ifndef JOBMILL_SIMULATOR_STOP_SIGNAL_H_
-#define JOBMILL_SIMULATOR_STOP_SIGNAL_H_
+#pragma once
 
 #include <atomic>
 #include <chrono>
@@ -34,5 +33,3 @@ class StopSignal {
 };
 
 }  // namespace simulator
-
-#endif  // JOBMILL_SIMULATOR_STOP_SIGNAL_H_

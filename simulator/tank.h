@@ -1,5 +1,4 @@
-#ifndef JOBMILL_SIMULATOR_TANK_H_
-#define JOBMILL_SIMULATOR_TANK_H_
+#pragma once
 
 #include <memory>
 #include <vector>
@@ -137,5 +136,3 @@ class Tank {
 std::unique_ptr<Tank> make_tank(const Deck& deck);
 
 }  // namespace simulator
-
-#endif  // JOBMILL_SIMULATOR_TANK_H_

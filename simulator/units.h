@@ -1,5 +1,4 @@
-#ifndef JOBMILL_SIMULATOR_UNITS_H_
-#define JOBMILL_SIMULATOR_UNITS_H_
+#pragma once
 
 #include <string>
 
@@ -46,5 +45,3 @@ class Units {
 };
 
 }  // namespace simulator
-
-#endif  // JOBMILL_SIMULATOR_UNITS_H_

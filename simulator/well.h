@@ -1,5 +1,4 @@
-#ifndef JOBMILL_SIMULATOR_WELL_H_
-#define JOBMILL_SIMULATOR_WELL_H_
+#pragma once
 
 #include <array>
 #include <optional>
@@ -91,5 +90,3 @@ double inflow(double reservoir, double bubble_point, double bottom_hole);
 double inverse_inflow(double reservoir, double bubble_point, double inflow);
 
 }  // namespace simulator
-
-#endif  // JOBMILL_SIMULATOR_WELL_H_

@@ -1,5 +1,4 @@
-#ifndef JOBMILL_TESTS_SIMULATOR_DECKS_H_
-#define JOBMILL_TESTS_SIMULATOR_DECKS_H_
+#pragma once
 
 #include <string>
 
@@ -98,5 +97,3 @@ inline std::string Replaced(std::string text, const std::string& from, const std
 }
 
 }  // namespace decks
-
-#endif  // JOBMILL_TESTS_SIMULATOR_DECKS_H_

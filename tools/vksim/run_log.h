@@ -1,5 +1,4 @@
-#ifndef JOBMILL_TOOLS_VKSIM_RUN_LOG_H_
-#define JOBMILL_TOOLS_VKSIM_RUN_LOG_H_
+#pragma once
 
 #include <string>
 
@@ -24,5 +23,3 @@ class RunLog {
   bool details_;
   bool headed_ = false;
 };
-
-#endif  // JOBMILL_TOOLS_VKSIM_RUN_LOG_H_
