@@ -19,7 +19,6 @@ namespace {
 
 using ::vk_ec::AlgPos;
 using ::vk_ec::ReservoirQueryResults;
-using ::vk_ec::WellQueryResults;
 using Names = std::vector<std::string>;
 
 // The words that go with every control that the master sets: who set it, and how a well is closed.

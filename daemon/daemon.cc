@@ -5,6 +5,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <iostream>
 #include <memory>
 #include <string>
@@ -99,12 +100,13 @@ int AnswerInChild(std::unique_ptr<CManagerInformation> info, flog& log) {
 
 // Serves connections for ever in the daemon; returns in each connection child.
 int AcceptLoop(const Options& options, flog& log) {
-  for (unsigned long counter = 0;; ++counter) {  // NOLINT(google-runtime-int): as many as come
+  // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDeleteLeaks): what a failed fork leaves is kept
+  for (std::uint64_t counter = 0;; ++counter) {
     Socket* master = AcceptOrExit(log);
     // In 64 bits: nothing keeps a base port from being given that does not fit behind itself.
     const auto port = static_cast<std::int32_t>(
         options.commsBasePort +
-        static_cast<std::int64_t>(counter % static_cast<unsigned long>(options.commsPorts)));
+        static_cast<std::int64_t>(counter % static_cast<std::uint64_t>(options.commsPorts)));
     auto info = std::make_unique<CManagerInformation>(options.script, options.runAsRoot,
                                                       options.startTimeout, port, options.commsLog,
                                                       &log, master);

@@ -71,6 +71,7 @@ void ResetSignals() {
 // not be executed.
 void ExecuteScript(const std::vector<std::string>& arguments, int output, flog& log) {
   std::vector<char*> vector;
+  vector.reserve(arguments.size() + 1);
   for (const std::string& argument : arguments) {
     vector.push_back(const_cast<char*>(argument.c_str()));
   }

@@ -83,6 +83,7 @@ std::int32_t Socket::nofSockets_ = 0;
 Socket::Socket() : handle_(-1), references_(nullptr) {
   ++nofSockets_;
   handle_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  // NOLINTNEXTLINE(misc-throw-by-value-catch-by-reference): callers catch texts
   if (handle_ < 0) throw static_cast<const char*>("INVALID_SOCKET");
   references_ = new std::int32_t(1);
 }
@@ -98,6 +99,7 @@ Socket::Socket(const Socket& other) : handle_(other.handle_), references_(other.
 
 // NOLINTNEXTLINE(misc-unconventional-assign-operator): only fresh sockets are assigned to
 Socket& Socket::operator=(Socket& other) {
+  if (&other == this) return *this;
   ++*other.references_;
   // Without its last object the counter is of no more use. One that copies share keeps counting
   // this object, so that none of them closes the descriptor.

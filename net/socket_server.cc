@@ -38,6 +38,7 @@ SocketServer::SocketServer(int port, int backlog) {
   handle_ = NewSocket();
   if (handle_ < 0) {
     snprintf(failure.data(), failure.size(), "INVALID SOCKET: %d", handle_);
+    // NOLINTNEXTLINE(misc-throw-by-value-catch-by-reference): callers catch texts
     throw failure.data();
   }
   const int bound = Bind(handle_, port);
@@ -45,6 +46,7 @@ SocketServer::SocketServer(int port, int backlog) {
     snprintf(failure.data(), failure.size(), "INVALID SOCKET: returned from bind '%d', error = %s",
              bound, strerror(errno));
     Close();
+    // NOLINTNEXTLINE(misc-throw-by-value-catch-by-reference): callers catch texts
     throw failure.data();
   }
   listen(handle_, backlog);
@@ -60,6 +62,7 @@ int SocketServer::IsAvailablePort(int port) {
 
 Socket* SocketServer::Accept() {
   const int connection = accept4(handle_, nullptr, nullptr, SOCK_CLOEXEC);
+  // NOLINTNEXTLINE(misc-throw-by-value-catch-by-reference): callers catch texts
   if (connection < 0) throw static_cast<const char*>("Invalid Socket");
   return new Socket(connection);
 }

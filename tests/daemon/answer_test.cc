@@ -47,7 +47,7 @@ class AnswerTest : public testing::Test {
   }
 
   std::string Script(const std::string& text) const {
-    const std::string file = directory_.Write("script", text);
+    std::string file = directory_.Write("script", text);
     chmod(file.c_str(), 0755);
     return file;
   }
