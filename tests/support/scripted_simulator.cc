@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <stdexcept>
 #include <system_error>
 #include <utility>
 
@@ -83,8 +84,10 @@ std::vector<std::string> ScriptedSimulator::Requests() const {
   return requests_;
 }
 
-void ScriptedSimulator::WaitForClientToLeave() {
-  if (thread_.joinable()) thread_.join();
+void ScriptedSimulator::WaitForClientToLeave(std::chrono::milliseconds patience) {
+  std::unique_lock lock(mutex_);
+  if (!ending_.wait_for(lock, patience, [this] { return ended_; }))
+    throw std::runtime_error("The client has not left the scripted simulator in time.");
 }
 
 void ScriptedSimulator::Listen() {
@@ -108,6 +111,9 @@ void ScriptedSimulator::Run() {
     connection_ = accepted;
   }
   if (connection_ >= 0) Serve();
+  const std::scoped_lock lock(mutex_);
+  ended_ = true;
+  ending_.notify_all();
 }
 
 void ScriptedSimulator::Serve() {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <chrono>
+#include <condition_variable>
 #include <deque>
 #include <mutex>
 #include <string>
@@ -44,8 +46,9 @@ class ScriptedSimulator {
   /// answers; `WaitForClientToLeave` first if it may have sent something without one.
   std::vector<std::string> Requests() const;
 
-  /// Waits for the client to close its end and for the thread to have read all that came.
-  void WaitForClientToLeave();
+  /// Waits for the end of the connection, by the client or as prepared, and for the thread to have
+  /// read all that came. Throws std::runtime_error when the client is still there after `patience`.
+  void WaitForClientToLeave(std::chrono::milliseconds patience = std::chrono::seconds(5));
 
  private:
   struct Answer {
@@ -66,5 +69,7 @@ class ScriptedSimulator {
   mutable std::mutex mutex_;
   std::vector<std::string> requests_;
   std::deque<Answer> answers_;
+  bool ended_ = false;
+  std::condition_variable ending_;
   std::thread thread_;
 };

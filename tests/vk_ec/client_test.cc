@@ -1,4 +1,5 @@
 #include <array>
+#include <chrono>
 #include <stdexcept>
 #include <string>
 #include <type_traits>
@@ -259,6 +260,13 @@ TEST(PositionInfoTest, OnlyTheThreePositionsOfAStepAreUnderstood) {
     EXPECT_THAT([&] { PositionInfo::to_AlgPos(text); },
                 ThrowsMessage<std::invalid_argument>("Incorrect algorithmic position received (" +
                                                      text + ")"));
+}
+
+TEST(ScriptedSimulatorTest, ClientThatStaysIsAFailureRatherThanAHang) {
+  ScriptedSimulator simulator(ScriptedSimulator::Link::kSocketPair);
+  EXPECT_THAT(
+      [&] { simulator.WaitForClientToLeave(std::chrono::milliseconds(10)); },
+      ThrowsMessage<std::runtime_error>("The client has not left the scripted simulator in time."));
 }
 
 template <typename A, typename B>
