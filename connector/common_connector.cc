@@ -184,9 +184,9 @@ void CommonConnector::GetWellVariables(const std::string& well, const Names& pro
       throw std::runtime_error("Unexpected answer when querying " + properties[i]);
     }
   }
-  Require(answer.items == properties, kBadWellData);
+  Require(answer.items == properties && !answer.values.empty(), kBadWellData);
   for (const std::size_t position : positions) {
-    Require(!answer.values.empty() && position < answer.values[0].size(), kBadWellData);
+    Require(position < answer.values[0].size(), kBadWellData);
     values.push_back(answer.values[0][position]);
   }
 }

@@ -118,6 +118,18 @@ TYPED_TEST(WellsTest, VariablesWithoutAWellFail) {
             kBadData);
 }
 
+TYPED_TEST(WellsTest, NoVariablesOfAWellAreNothingButTheWellMustBeThere) {
+  this->AnswerQuery(wire::Cstr("QITEMS", {}) + this->Row("P1", {}));
+  std::vector<double> values = {7};
+  this->connector_.GetWellVariables("P1", {}, values);
+  for (const std::string& answer : {std::string(), wire::Cstr("QITEMS", {})}) {
+    this->AnswerQuery(answer);
+    EXPECT_EQ(this->FailureOf([&] { this->connector_.GetWellVariables("P1", {}, values); }),
+              kBadData);
+  }
+  EXPECT_EQ(values, std::vector<double>{7});
+}
+
 TYPED_TEST(WellsTest, OperatingPointHasItsMembersOrderNotTheQuerys) {
   EXPECT_EQ(this->Ask({"P1"}, this->Numeric(this->Eight("P1", 1)),
                       this->Statuses(this->Words("P1", {"OPEN"}))),
