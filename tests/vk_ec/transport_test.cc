@@ -244,6 +244,14 @@ TEST_F(TransportTest, UnopenedClientHasABadDescriptor) {
               ThrowsMessage<std::runtime_error>("read: Bad file descriptor"));
 }
 
+// A program that is started later must not keep the simulator's connection open.
+TEST_F(TransportTest, DescriptorThatIsTakenOverIsClosedOnExec) {
+  const int descriptor = dup(pair_.theirs);
+  ASSERT_EQ(fcntl(descriptor, F_GETFD) & FD_CLOEXEC, 0);
+  const StreamSocket socket(descriptor);
+  EXPECT_EQ(fcntl(descriptor, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
+}
+
 TEST_F(TransportTest, DescriptorIsClosedWithTheTransporter) {
   const wire::Pair pair = wire::SocketPair();
   { const Transporter transporter(pair.theirs); }

@@ -1,5 +1,6 @@
 #include "vk_ec/detail/stream_socket.h"
 
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -104,6 +105,8 @@ StreamSocket::StreamSocket() : impl_(std::make_unique<Impl>()) {}
 
 StreamSocket::StreamSocket(int connected_descriptor) : StreamSocket() {
   impl_->socket.assign(tcp::v4(), connected_descriptor);
+  // Cannot fail for a descriptor that has just been found to be one.
+  fcntl(connected_descriptor, F_SETFD, FD_CLOEXEC);
 }
 
 StreamSocket::~StreamSocket() = default;
