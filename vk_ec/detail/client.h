@@ -94,7 +94,8 @@ class Client {
                                  const std::vector<std::vector<double>>& values,
                                  const std::vector<std::vector<std::string>>& setters);
 
-  /// Opens or shuts wells: one status per well. `closure` says who does it.
+  /// Opens or shuts wells: one status per well. `closure` says how a well is closed (the
+  /// well-closure mode).
   void set_status_for_wells(const std::vector<std::string>& wells,
                             const std::vector<std::string>& statuses, const std::string& closure);
 
