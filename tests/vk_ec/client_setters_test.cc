@@ -240,6 +240,14 @@ TEST_F(FluidSourceTest, TwoCodesOfACreationAreRefused) {
                   "Incorrect header (received: STRET-2-INTE vs expected: STRET-1-INTE)"));
 }
 
+TEST_F(FluidSourceTest, ExtraHeaderInTheReplyToACreationIsRefused) {
+  simulator_.AnswerNext(
+      {Mess("REPLY") + Inte("STRET", {1}) + Inte("EXTRA", {1}) + Mess("END"), kReady});
+  EXPECT_THAT([&] { client_.create_attached_fluid_source_external("I1", "SRC", "GAS"); },
+              ThrowsMessage<std::length_error>(
+                  "Incorrect header (received: EXTRA-1-INTE vs expected: END-0-MESS)"));
+}
+
 template <typename Version>
 concept HasFluidSources = requires(Version& client) {
   client.create_attached_fluid_source_external("", "", "");

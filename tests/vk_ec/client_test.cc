@@ -2,7 +2,6 @@
 #include <chrono>
 #include <stdexcept>
 #include <string>
-#include <type_traits>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -197,6 +196,39 @@ TYPED_TEST(ClientTest, AnswerThatBeginsWithDataIsRefused) {
                   "Incorrect header (received: STEP-0-DOUB vs expected: STEP-0-MESS)"));
 }
 
+// Whatever the kind of the answer, a header too many is found where the end should be.
+constexpr const char* kNotTheEnd =
+    "Incorrect header (received: EXTRA-1-INTE vs expected: END-0-MESS)";
+
+TYPED_TEST(ClientTest, ExtraHeaderInTheSetUpAnswerIsRefused) {
+  this->simulator_.AnswerNext(
+      {Mess("STARTED") + Cstr("ERRORS", {}) + Inte("EXTRA", {1}) + Mess("END"), kModelDefinition});
+  EXPECT_THAT([&] { this->client_.set_up(); }, ThrowsMessage<std::length_error>(kNotTheEnd));
+  EXPECT_EQ(this->client_.position_info().position, AlgPos::UNCONNECTED);
+}
+
+TYPED_TEST(ClientTest, ExtraHeaderInAStepAnswerIsRefused) {
+  this->simulator_.AnswerNext({Mess("STEP") + Cstr("POSITION", {"BEGIN_NEWTON"}) +
+                               Doub("TIME", {1}) + Inte("DATE", {2024, 1, 2, 0, 0, 0}) +
+                               Inte("EXTRA", {1}) + Mess("END")});
+  EXPECT_THAT([&] { this->client_.do_continue(); }, ThrowsMessage<std::length_error>(kNotTheEnd));
+}
+
+TYPED_TEST(ClientTest, ExtraHeaderInAFinishedAnswerIsRefusedAndThePositionStays) {
+  this->simulator_.AnswerNext({Step("BEGIN_NEWTON", 1, {2024, 1, 2, 0, 0, 0})});
+  this->client_.do_continue();
+  this->simulator_.AnswerNext({Mess("FINISHED") + Inte("EXTRA", {1}) + Mess("END")});
+  EXPECT_THAT([&] { this->client_.do_continue(); }, ThrowsMessage<std::length_error>(kNotTheEnd));
+  EXPECT_EQ(this->client_.position_info().position, AlgPos::BEGIN_NEWTON);
+}
+
+TYPED_TEST(ClientTest, ExtraHeaderInAReadyAnswerIsRefused) {
+  this->simulator_.AnswerNext({kFinished, Mess("READY") + Inte("EXTRA", {1}) + Mess("END")});
+  this->client_.do_continue();
+  EXPECT_THAT([&] { this->client_.read_READY_answer(); },
+              ThrowsMessage<std::length_error>(kNotTheEnd));
+}
+
 TYPED_TEST(ClientTest, BytesAfterAStepAnswerAreCounted) {
   this->simulator_.AnswerNext({kFinished + "x"});
   EXPECT_THAT([&] { this->client_.do_continue(); },
@@ -268,11 +300,5 @@ TEST(ScriptedSimulatorTest, ClientThatStaysIsAFailureRatherThanAHang) {
       [&] { simulator.WaitForClientToLeave(std::chrono::milliseconds(10)); },
       ThrowsMessage<std::runtime_error>("The client has not left the scripted simulator in time."));
 }
-
-template <typename A, typename B>
-constexpr bool kSame = std::is_same_v<A, B>;
-static_assert(kSame<v2016_2::vk_ec::PositionInfo, v2017_2::vk_ec::detail::PositionInfo>);
-static_assert(kSame<v2016_2::vk_ec::detail::MessageMgr, v2017_2::vk_ec::detail::MessageMgr>);
-static_assert(!kSame<v2016_2::vk_ec::VarnokClient, v2017_2::vk_ec::VarnokClient>);
 
 }  // namespace

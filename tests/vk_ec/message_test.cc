@@ -31,7 +31,12 @@ using Strings = std::vector<std::string>;
 
 class MessageTest : public ::testing::Test {
  protected:
-  void TearDown() override { close(peer_); }
+  void TearDown() override { HangUp(); }
+
+  void HangUp() {
+    if (peer_ >= 0) close(peer_);
+    peer_ = -1;
+  }
 
   std::string ReadAsPeer(std::size_t size) const { return wire::Read(peer_, size); }
   void WriteAsPeer(const std::string& message) const { wire::WriteAll(peer_, Framed(message)); }
@@ -158,6 +163,16 @@ TEST_F(MessageTest, AbandonedDecoderRefusesEveryLaterMessage) {
   EXPECT_THAT([&] { manager().createMessageDecoder(); },
               ThrowsMessage<std::logic_error>(
                   "Cannot receive a message as the previous message is still on going."));
+}
+
+TEST_F(MessageTest, FailedSendRefusesEveryLaterMessage) {
+  auto builder = manager().createMessageBuilder();
+  builder.add_MESS_header("QUERY", 0);
+  HangUp();
+  EXPECT_THAT([&] { builder.send(); }, ThrowsMessage<std::runtime_error>("write: Broken pipe"));
+  EXPECT_THAT([&] { manager().createMessageBuilder(); },
+              ThrowsMessage<std::logic_error>("Cannot create a new out-going message as the "
+                                              "previous message is still on going."));
 }
 
 TEST_F(MessageTest, FinalizedMessageMakesRoomForTheNext) {

@@ -165,6 +165,14 @@ TEST_F(TransportTest, LaterChunkLongerThanWhatIsDueIsRefusedAndTheBufferStaysFil
   EXPECT_THAT(buffer, SizeIs(10));
 }
 
+TEST_F(TransportTest, LaterChunkIsComparedWithWhatIsDueRatherThanWithTheTotal) {
+  wire::WriteAll(peer_, Bytes("0a 00 00 00 00 00 00 00  04 00 00 00 00 00 00 00  'abcd'"
+                              "07 00 00 00 00 00 00 00"));
+  HangUp();
+  EXPECT_THAT([&] { Receive(); }, ThrowsMessage<std::length_error>(
+                                      "Incorrect length in header (received: 7 vs allowed:6)"));
+}
+
 TEST_F(TransportTest, ZeroChunkAfterAShortFirstOneIsRefused) {
   wire::WriteAll(peer_, Bytes("0a 00 00 00 00 00 00 00  04 00 00 00 00 00 00 00  'abcd'"
                               "00 00 00 00 00 00 00 00"));
