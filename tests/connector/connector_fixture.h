@@ -1,6 +1,9 @@
 #pragma once
 
+#include <fcntl.h>
+
 #include <memory>
+#include <set>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -24,6 +27,11 @@ class ConnectorTest : public testing::Test {
 
   static std::string End() { return wire::Mess("END"); }
   static std::string Ready() { return wire::Mess("READY") + End(); }
+  static std::string Finished() { return wire::Mess("FINISHED") + End(); }
+  static std::string Started() { return wire::Mess("STARTED") + wire::Cstr("ERRORS", {}) + End(); }
+  static std::string ModelDefinition() {
+    return Step("MODEL_DEFINITION", 0, {1900, 1, 1, 0, 0, 0});
+  }
 
   static std::string Step(const std::string& position, double time, const std::vector<int>& date) {
     return wire::Mess("STEP") + wire::Cstr("POSITION", {position}) + wire::Doub("TIME", {time}) +
@@ -70,10 +78,10 @@ class ConnectorTest : public testing::Test {
 
   /// Connects; the simulator stands at the definition of its model.
   void Connect() {
-    simulator_.AnswerNext({wire::Mess("STARTED") + wire::Cstr("ERRORS", {}) + End(),
-                           Step("MODEL_DEFINITION", 0, {1900, 1, 1, 0, 0, 0})});
+    AnswerSetUp();
     ConnectToSimulator();
   }
+  void AnswerSetUp() { simulator_.AnswerNext({Started(), ModelDefinition()}); }
   void ConnectToSimulator() {
     connector_.Connect("127.0.0.1", static_cast<int>(simulator_.Port()), 5);
   }
@@ -94,6 +102,15 @@ class ConnectorTest : public testing::Test {
       return failure.what();
     }
     return "no failure";
+  }
+
+  /// The descriptors of the whole process, the simulator's among them.
+  static std::set<int> OpenDescriptors() {
+    std::set<int> descriptors;
+    for (int descriptor = 0; descriptor < 1024; ++descriptor) {
+      if (fcntl(descriptor, F_GETFD) >= 0) descriptors.insert(descriptor);
+    }
+    return descriptors;
   }
 
   /// Only a shutdown releases the connection.

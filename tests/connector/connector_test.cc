@@ -17,10 +17,29 @@ TYPED_TEST(SteppingTest, ConnectSetsUpAndEndsAtTheModelDefinition) {
 }
 
 TYPED_TEST(SteppingTest, ConnectionAtAnotherPositionFails) {
-  this->simulator_.AnswerNext({wire::Mess("STARTED") + wire::Cstr("ERRORS", {}) + this->End(),
-                               this->Step("BEGIN_NEWTON", 0, {1900, 1, 1, 0, 0, 0})});
+  this->simulator_.AnswerNext(
+      {this->Started(), this->Step("BEGIN_NEWTON", 0, {1900, 1, 1, 0, 0, 0})});
   EXPECT_EQ(this->FailureOf([this] { this->ConnectToSimulator(); }),
             "Incorrect algorithmic position after connection");
+}
+
+TYPED_TEST(SteppingTest, ConnectionAtAnotherPositionIsKeptUntilTheNextConnect) {
+  this->simulator_.AnswerNext(
+      {this->Started(), this->Step("BEGIN_NEWTON", 12.5, {2026, 1, 13, 12, 0, 0})});
+  EXPECT_THROW(this->ConnectToSimulator(), std::runtime_error);
+  EXPECT_EQ(this->connector_.GetTimeDays(), 12.5);
+  // The client is not only remembered: it still speaks.
+  this->AnswerStep("BEGIN_NEWTON", 13);
+  this->connector_.RunUntil(13);
+
+  ScriptedSimulator second(ScriptedSimulator::Link::kLoopback);
+  second.AnswerNext({this->Started(), this->ModelDefinition()});
+  this->connector_.Connect("127.0.0.1", static_cast<int>(second.Port()), 5);
+  this->simulator_.WaitForClientToLeave();
+  EXPECT_EQ(this->Requests().size(), 1U);  // the step; no request to end
+  EXPECT_EQ(this->connector_.GetTimeDays(), 0);
+  second.AnswerNext({this->Finished()});
+  this->connector_.Shutdown();
 }
 
 TYPED_TEST(SteppingTest, RefusedSetupPassesTheSimulatorsTextOn) {
@@ -32,6 +51,20 @@ TYPED_TEST(SteppingTest, RefusedSetupPassesTheSimulatorsTextOn) {
   } catch (const std::invalid_argument& failure) {
     EXPECT_STREQ(failure.what(), "no licence");
   }
+}
+
+// What the simulator says in its first step can be no witness of what was there before it.
+TYPED_TEST(SteppingTest, DateAndTimeAfterARefusedSetupAreTheInitialOnes) {
+  this->simulator_.AnswerNext(
+      {wire::Mess("STARTED") + wire::Cstr("ERRORS", {"no licence"}) + this->End()});
+  EXPECT_THROW(this->ConnectToSimulator(), std::invalid_argument);
+  int day = 0;
+  int month = 0;
+  int year = 0;
+  this->connector_.GetDate(day, month, year);
+  EXPECT_EQ((std::vector<int>{day, month, year}), (std::vector<int>{1, 1, 1900}));
+  EXPECT_EQ(this->connector_.GetTimeDays(), 0);
+  EXPECT_FALSE(this->connector_.SimulationEnded());
 }
 
 TYPED_TEST(SteppingTest, NewtonContinuesToTheFirstTimeStep) {
@@ -68,6 +101,14 @@ TYPED_TEST(SteppingTest, RunUntilSendsTheTime) {
   EXPECT_EQ(this->Requests(), std::vector<std::string>{wire::Mess("CONTINUE_UNTIL") +
                                                        wire::Doub("TIME", {365.25}) + this->End()});
   EXPECT_FALSE(this->connector_.SimulationEnded());
+}
+
+TYPED_TEST(SteppingTest, RunUntilThatEndsAtTheModelDefinitionDoesNotFail) {
+  this->Connect();
+  this->AnswerStep("MODEL_DEFINITION", 5);
+  this->connector_.RunUntil(10);
+  EXPECT_FALSE(this->connector_.SimulationEnded());
+  EXPECT_EQ(this->connector_.GetTimeDays(), 5);
 }
 
 TYPED_TEST(SteppingTest, RunUntilPastTheEndEndsTheSimulationWithoutFailing) {
@@ -108,10 +149,44 @@ TYPED_TEST(SteppingTest, ShutdownAsksTheSimulatorAndReleasesTheConnection) {
   EXPECT_EQ(this->Requests(), std::vector<std::string>{wire::Mess("SHUTDOWN") + this->End()});
 }
 
-TYPED_TEST(SteppingTest, ShutdownOfASimulatorThatHasGoneReleasesTheConnection) {
+TYPED_TEST(SteppingTest, ShutdownThatTheSimulatorDoesNotAnswerReleasesTheConnection) {
+  const std::set<int> before = this->OpenDescriptors();
   this->Connect();
   this->simulator_.AnswerNextAndHangUp("");
   EXPECT_EQ(this->connector_.Shutdown(), 0);
+  EXPECT_EQ(this->Requests(), std::vector<std::string>{wire::Mess("SHUTDOWN") + this->End()});
+  // The simulator's own end is the only one left.
+  EXPECT_EQ(this->OpenDescriptors().size(), before.size() + 1);
+}
+
+TYPED_TEST(SteppingTest, ShutdownOfASimulatorThatHasGoneReleasesTheConnection) {
+  const std::set<int> before = this->OpenDescriptors();
+  this->simulator_.AnswerNextAndHangUp(wire::Framed(this->Started()) +
+                                       wire::Framed(this->ModelDefinition()));
+  this->ConnectToSimulator();
+  this->simulator_.WaitForClientToLeave();
+  EXPECT_EQ(this->connector_.Shutdown(), 0);
+  EXPECT_EQ(this->OpenDescriptors().size(), before.size() + 1);
+}
+
+// A controller that ends on an error must not stop a run that goes on without it.
+TYPED_TEST(SteppingTest, DestructionWithoutShutdownLeavesTheConnectionAlone) {
+  struct Exposed : TypeParam {
+    using TypeParam::client;
+  };
+  auto connector = std::make_unique<Exposed>();
+  this->AnswerSetUp();
+  connector->Connect("127.0.0.1", static_cast<int>(this->simulator_.Port()), 5);
+  vk_ec::detail::Client* const client = &connector->client();
+  const std::set<int> open = this->OpenDescriptors();
+  connector.reset();
+  ASSERT_EQ(this->OpenDescriptors(), open);  // so that the client is still there
+
+  // It was neither told to end nor left: the next thing that it reads is this.
+  this->simulator_.AnswerNext({this->Finished()});
+  client->do_continue();
+  EXPECT_EQ(this->Requests(), std::vector<std::string>{wire::Mess("CONTINUE") + this->End()});
+  delete client;
   this->simulator_.WaitForClientToLeave();
 }
 

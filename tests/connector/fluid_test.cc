@@ -53,6 +53,21 @@ TYPED_TEST(FluidTest, NoModelLeavesAnEmptyEos) {
   EXPECT_EQ(eos.component_count, 0);
 }
 
+TYPED_TEST(FluidTest, FailedQueryLeavesAnEmptyEos) {
+  this->simulator_.AnswerNextAndHangUp("");
+  EOS eos;
+  eos.name = "before";
+  eos.components = {"C1"};
+  eos.parachor = {1};
+  eos.component_count = 1;
+  EXPECT_EQ(this->FailureOf([&] { this->connector_.GetStaticComposition(&eos); }),
+            "read: End of file");
+  EXPECT_EQ(eos.name, "");
+  EXPECT_TRUE(eos.components.empty());
+  EXPECT_TRUE(eos.parachor.empty());
+  EXPECT_EQ(eos.component_count, 0);
+}
+
 TYPED_TEST(FluidTest, PropertiesOfOtherNamesAreLeftOut) {
   this->AnswerQuery(this->Model("PR", this->Property("TCRIT", 1) + this->Property("ZCRIT", 2)));
   EOS eos;

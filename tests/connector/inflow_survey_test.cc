@@ -82,8 +82,47 @@ TYPED_TEST(InflowTest, SurveyOfAProducerIsThisConversation) {
   EXPECT_EQ(this->Requests(), expected);
 }
 
+// A well that obeys its limits answers less at every point; the steps of the limits must not
+// shrink with it.
+TYPED_TEST(InflowTest, LimitsAreFractionsOfTheFirstPointAndEveryPointIsAnEntry) {
+  this->AnswerStart("TOLMEN_FIELD", {{"W", "PRODUCER"}});
+  std::vector<std::vector<double>> columns(11);
+  for (int k = 0; k < 10; ++k) {
+    std::vector<double> row = this->kProducing;
+    for (std::size_t i = 0; i < row.size(); ++i) {
+      row[i] -= k * 0.25;
+      columns[i].push_back(row[i]);
+    }
+    this->AnswerPoint(this->kAsked, this->Row("W", row));
+  }
+  EXPECT_EQ(this->Survey({"W"}, 1), 10);
+
+  const std::vector<std::string> requests = this->Requests();
+  ASSERT_EQ(requests.size(), 23U);
+  const std::vector<std::string> items = {"LIQUID_PRODUCTION_RATE", "GAS_PRODUCTION_RATE"};
+  const std::vector<std::vector<double>> limits = {{900, 4500}, {800, 4000}, {700, 3500},
+                                                   {600, 3000}, {500, 2500}, {400, 2000},
+                                                   {300, 1500}, {200, 1000}, {100, 500}};
+  for (std::size_t k = 0; k < limits.size(); ++k) {
+    EXPECT_EQ(requests[5 + 2 * k], this->SetLimits(this->Limits("W", items, limits[k]))) << k;
+  }
+
+  ASSERT_EQ(this->tables_.size(), 1U);
+  const DynWellIPR& table = this->tables_[0];
+  EXPECT_EQ(table.oil_rate, (std::vector<double>{800, 799.75, 799.5, 799.25, 799, 798.75, 798.5,
+                                                 798.25, 798, 797.75}));
+  EXPECT_EQ(table.gas_rate, columns[1]);
+  EXPECT_EQ(table.water_rate, columns[2]);
+  EXPECT_EQ(table.temperature, columns[5]);
+  EXPECT_EQ(table.gas_density, columns[6]);
+  EXPECT_EQ(table.water_density, columns[7]);
+  EXPECT_EQ(table.oil_density, columns[8]);
+  EXPECT_EQ(table.pressure, columns[9]);
+}
+
 TYPED_TEST(InflowTest, SkewnessTwoSquaresTheFractions) {
-  this->AnswerSurvey("WATER_INJECTOR", {0, 0, 0, 1000, 0, 180, 6, 62, 50, 2500, 900}, this->kAsked);
+  this->AnswerSurvey("WATER_INJECTOR", {7, 300, 40, 1000, 60, 180, 6, 62, 50, 2500, 900},
+                     this->kAsked);
   this->Survey({"W"}, 2);
   const std::vector<std::string> requests = this->Requests();
   ASSERT_EQ(requests.size(), 23U);
@@ -134,15 +173,33 @@ TYPED_TEST(InflowTest, ProducerTableHoldsWhatItProduces) {
   EXPECT_TRUE(table.mole_fractions.empty());
 }
 
-TYPED_TEST(InflowTest, InjectorTableHoldsWhatItInjects) {
-  this->AnswerSurvey("SOMETHING_ELSE", {0, 1, 2, 3, 4, 180, 6, 62, 50, 2500, 900}, this->kAsked);
+// The answers give every well all five rates; only the right ones may reach its table and limits.
+TYPED_TEST(InflowTest, WaterInjectorTableHoldsWhatItInjects) {
+  this->AnswerSurvey("WATER_INJECTOR", {11, 12, 13, 3, 4, 180, 6, 62, 50, 2500, 900}, this->kAsked);
   this->Survey({"W"}, 1, 0, false);
   const DynWellIPR& table = this->tables_.at(0);
+  EXPECT_EQ(table.oil_rate, std::vector<double>(10, 11));
   EXPECT_EQ(table.water_rate, std::vector<double>(10, 3));
   EXPECT_EQ(table.gas_rate, std::vector<double>(10, 4));
   EXPECT_EQ(table.pressure, std::vector<double>(10, 900));
   EXPECT_EQ(this->Requests()[5],
-            this->SetLimits(this->Limits("W", {"GAS_INJECTION_RATE"}, {4 * 0.9})));
+            this->SetLimits(this->Limits("W", {"WATER_INJECTION_RATE"}, {3 * 0.9})));
+}
+
+TYPED_TEST(InflowTest, TableOfAnyOtherWellHoldsWhatItInjects) {
+  for (const char* type : {"GAS_INJECTOR", "SOMETHING_ELSE"}) {
+    this->tables_.clear();
+    const std::size_t sent = this->Requests().size();
+    this->AnswerSurvey(type, {11, 12, 13, 3, 4, 180, 6, 62, 50, 2500, 900}, this->kAsked);
+    this->Survey({"W"}, 1, 0, false);
+    const DynWellIPR& table = this->tables_.at(0);
+    EXPECT_EQ(table.oil_rate, std::vector<double>(10, 11));
+    EXPECT_EQ(table.water_rate, std::vector<double>(10, 3));
+    EXPECT_EQ(table.gas_rate, std::vector<double>(10, 4));
+    EXPECT_EQ(table.pressure, std::vector<double>(10, 900));
+    EXPECT_EQ(this->Requests()[sent + 5],
+              this->SetLimits(this->Limits("W", {"GAS_INJECTION_RATE"}, {4 * 0.9})));
+  }
 }
 
 TYPED_TEST(InflowTest, MoleFractionsAreAskedByComponentNumberAndFoundByName) {
@@ -163,8 +220,7 @@ TYPED_TEST(InflowTest, MoleFractionsAreAskedByComponentNumberAndFoundByName) {
 
 TYPED_TEST(InflowTest, WellsAreFoundByNameInEveryAnswer) {
   this->AnswerStart("TOLMEN_FIELD", {{"B", "WATER_INJECTOR"}, {"A", "PRODUCER"}});
-  std::vector<double> injecting(11, 0);
-  injecting[3] = 70;
+  const std::vector<double> injecting = {11, 12, 13, 70, 14, 180, 6, 62, 50, 2500, 900};
   for (int k = 0; k < 10; ++k) {
     this->AnswerPoint(this->kAsked, this->Row("B", injecting) + this->Row("A", this->kProducing));
   }

@@ -63,6 +63,13 @@ TYPED_TEST(WellsTest, StatusNamesInAnotherOrderFailAndLeaveTheListEmpty) {
   EXPECT_TRUE(wells.empty());
 }
 
+TYPED_TEST(WellsTest, FailedStatusQueryLeavesTheListEmpty) {
+  this->simulator_.AnswerNextAndHangUp("");
+  std::vector<StaticWellDef> wells = {{"before", "", ""}};
+  EXPECT_EQ(this->FailureOf([&] { this->connector_.GetWellStatus(wells); }), "read: End of file");
+  EXPECT_TRUE(wells.empty());
+}
+
 TYPED_TEST(WellsTest, EmptyStatusAnswerFails) {
   this->AnswerQuery("");
   std::vector<StaticWellDef> wells;
@@ -216,6 +223,12 @@ TYPED_TEST(WellsTest, WellAbsentFromTheStatusAnswerFails) {
   EXPECT_EQ(this->Ask({"A"}, this->Numeric(this->Eight("A", 1)),
                       this->Statuses(this->Words("X", {"OPEN"}))),
             "Unexpected answer when querying the well status data.");
+}
+
+TYPED_TEST(WellsTest, WellAbsentFromBothAnswersFailsAsAbsentFromTheNumericOne) {
+  EXPECT_EQ(this->Ask({"A"}, this->Numeric(this->Eight("X", 1)),
+                      this->Statuses(this->Words("X", {"OPEN"}))),
+            "Unexpected answer when querying the well operating point data.");
 }
 
 TYPED_TEST(WellsTest, StatusIsSetWithTheUsersClosure) {
