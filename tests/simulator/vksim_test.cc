@@ -41,6 +41,7 @@ class Program {
     posix_spawn_file_actions_adddup2(&actions, out[1], 2);
     arguments.insert(arguments.begin(), VKSIM);
     std::vector<char*> argv;
+    argv.reserve(arguments.size() + 1);
     for (std::string& each : arguments) argv.push_back(each.data());
     argv.push_back(nullptr);
     if (posix_spawn(&pid_, VKSIM, &actions, nullptr, argv.data(), environ) != 0) std::abort();

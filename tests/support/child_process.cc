@@ -39,6 +39,7 @@ void Redirect(const std::string& file, int flags, int target) {
     if (arguments.empty()) exit(status);
   }
   std::vector<char*> vector;
+  vector.reserve(arguments.size() + 1);
   for (const std::string& argument : arguments) {
     vector.push_back(const_cast<char*>(argument.c_str()));
   }

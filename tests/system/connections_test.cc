@@ -33,7 +33,8 @@ RunningDaemon::Options Unprivileged(std::vector<std::string> more = {}) {
 std::string ServeOne(const RunningDaemon& daemon) {
   TestMaster master(daemon.port());
   master.RequestRun({});
-  return master.Receive().c_str();  // without the byte in the place of the newline
+  const std::string reply = master.Receive();
+  return reply.substr(0, reply.find('\0'));  // the byte in the place of the newline
 }
 
 TEST(ConnectionsTest, PortsAreHandedOutInTurnAndWrap) {
@@ -75,6 +76,7 @@ TEST(ConnectionsTest, ThreeHundredInTurnLeaveNothingBehind) {
 TEST(ConnectionsTest, HundredAtOnceAreAllServed) {
   const RunningDaemon daemon(Unprivileged());
   std::vector<std::unique_ptr<TestMaster>> masters;
+  masters.reserve(100);
   for (int i = 0; i < 100; ++i) masters.push_back(std::make_unique<TestMaster>(daemon.port()));
   for (auto& master : masters) master->RequestRun({});
   for (auto& master : masters) EXPECT_THAT(master->Receive(), HasSubstr("OK|port-"));

@@ -51,7 +51,7 @@ class RunTest : public testing::Test {
       log = daemon_->directory().Read("CASE.crvnlog");
       return log.find("\nRequest process loop failed: ") != std::string::npos && log.back() == '\n';
     });
-    return log.substr(log.rfind("\n", log.size() - 2) + 1);
+    return log.substr(log.rfind('\n', log.size() - 2) + 1);
   }
 
   void ExpectNextMasterServed() {
