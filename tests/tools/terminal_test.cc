@@ -19,7 +19,6 @@
 
 namespace {
 
-using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::Not;
 
@@ -31,6 +30,7 @@ class TerminalTest : public testing::Test {
     std::vector<std::string> arguments = LaunchArguments(daemon_.port(), options);
     arguments.insert(arguments.begin(), VKMASTER_PROGRAM);
     std::vector<char*> argv;
+    argv.reserve(arguments.size() + 1);
     for (std::string& argument : arguments) argv.push_back(argument.data());
     argv.push_back(nullptr);
     int terminal = -1;
