@@ -17,6 +17,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/support/bytes.h"
+#include "tests/support/leaks.h"
 #include "tests/support/socket_pair.h"
 
 namespace {
@@ -361,6 +362,7 @@ TEST_F(SocketTest, AssignmentToACopyLeavesTheSharedDescriptorOpenForEver) {
   SocketPair sharedPair;
   const Descriptor shared(sharedPair.ours.Release());
   {
+    const ExpectedLeaks counter;  // which counts an object that is no more
     Socket copy(-1);
     {
       Socket first(shared.get());
