@@ -101,11 +101,10 @@ concept Steps = requires(Client client) {
   client.read_READY_answer();
   client.read_vk_answer();
   client.throw_invalid_argument("", 1, 2, 0, 0);
-  requires Client::default_port()
-  == 9001;
+  requires(Client::default_port() == 9001);
 };
 
-// NOLINTNEXTLINE(cppcoreguidelines-macro-usage): a namespace cannot be a template argument
+// A namespace cannot be a template argument.
 #define CHECK_NAMES_OF(version)                                                              \
   static_assert(Steps<version::vk_ec::VarnokClient>);                                        \
   static_assert(std::is_default_constructible_v<version::vk_ec::VarnokClient>);              \
