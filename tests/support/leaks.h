@@ -6,7 +6,7 @@
 
 /// What is allocated while one of these exists may stay allocated: for behaviour that gives memory
 /// up on purpose.
-class ExpectedLeaks {
+class [[maybe_unused]] ExpectedLeaks {
  public:
 #if defined(__SANITIZE_ADDRESS__)
   ExpectedLeaks() {

@@ -101,6 +101,7 @@ std::string CsvRows(const Table& table) {
   std::string text;
   for (const auto& row : table.rows) {
     std::vector<std::string> cells;
+    cells.reserve(row.size());
     for (const Value& value : row) cells.push_back(FormatValue(value, true));
     text += CsvLine(cells);
   }

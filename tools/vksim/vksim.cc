@@ -148,18 +148,18 @@ int run(const Options& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  CLI::App app("A stand-in for the reservoir simulator, driven by an external controller");
-  Options options;
-  declare(app, options);
   try {
-    app.parse(argc, argv);
-  } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? kOk : kUsage;
-  }
-  try {
+    CLI::App app("A stand-in for the reservoir simulator, driven by an external controller");
+    Options options;
+    declare(app, options);
+    try {
+      app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+      return app.exit(error) == 0 ? kOk : kUsage;
+    }
     return run(options);
   } catch (const std::exception& error) {
-    fmt::print(stderr, "vksim: {}\n", error.what());
+    std::fprintf(stderr, "vksim: %s\n", error.what());
     return kCannotRun;
   }
 }
