@@ -3,6 +3,7 @@
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/wait.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <array>
@@ -12,6 +13,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "tests/support/child_process.h"
 #include "tests/support/socket_pair.h"
 #include "tests/support/temporary_directory.h"
 #include "tests/tools/fake_daemon.h"
@@ -52,6 +54,16 @@ class TerminalTest : public testing::Test {
   }
 
   void Type(const std::string& text) { WriteAll(terminal_.get(), text); }
+
+  // Ends the input at the prompt. The line editor shows the prompt before it takes the terminal
+  // over, and until then the system takes this key for itself.
+  void TypeEnd() {
+    EXPECT_TRUE(Eventually([this] {
+      termios mode{};
+      return tcgetattr(terminal_.get(), &mode) == 0 && (mode.c_lflag & ICANON) == 0;
+    }));
+    Type("\x04");
+  }
 
   // Reads until `text` has been shown; all that was shown since the last call. Half a minute.
   std::string Until(const std::string& text) {
@@ -106,7 +118,7 @@ TEST_F(TerminalTest, SlipIsAnsweredAndThePromptComesAgain) {
   EXPECT_THAT(Until("CASE day 0> "), HasSubstr("No such command: tiem"));
   Type("time\n");
   EXPECT_THAT(Until("CASE day 0> "), HasSubstr("time  0 days"));
-  Type("\x04");
+  TypeEnd();
   EXPECT_EQ(Status(), 0);
 }
 
