@@ -1,8 +1,6 @@
 // Every request of the master, through daemon, script and stand-in simulator, against the same
 // model in this process.
 
-#include <unistd.h>
-
 #include <chrono>
 #include <cmath>
 #include <fstream>
@@ -284,15 +282,10 @@ std::string ManyWells(int count) {
 
 // Processor time of a process so far.
 double ProcessorSeconds(pid_t pid) {
-  std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
-  std::string text{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-  std::istringstream fields(text.substr(text.rfind(") ") + 2));
-  std::string skipped;
-  for (int i = 0; i < 11; ++i) fields >> skipped;
-  double user = 0;
-  double system = 0;
-  fields >> user >> system;
-  return (user + system) / static_cast<double>(sysconf(_SC_CLK_TCK));
+  std::ifstream file("/proc/" + std::to_string(pid) + "/schedstat");
+  double nanoseconds = 0;
+  file >> nanoseconds;
+  return nanoseconds / 1e9;
 }
 
 class ManyWellsTest : public testing::Test {
@@ -334,8 +327,9 @@ TEST_F(ManyWellsTest, FiveThousandAreRightAndDoublingThemDoublesTheWorkAtMost) {
   const double whole = Survey(5000, 2);
   RecordProperty("ratio", std::to_string(whole / half));
   std::cout << "controller: " << half << " s for 2,500 wells, " << whole << " s for 5,000\n";
-  // Twice, with room for the clock's hundredths of a second.
-  EXPECT_LT(whole, 2 * half * 1.35 + 0.05);
+  // Twice, with room for what else runs on the machine; a search per name would take four times.
+  EXPECT_GT(half, 0);
+  EXPECT_LT(whole, 2 * half * 1.4);
 }
 
 }  // namespace
