@@ -74,20 +74,28 @@ void sendbuf::Pack(const std::string& text) {
   Pack(text.data(), length);
 }
 
-int sendbuf::Send(Socket* socket, unsigned code) const {
-  try {
-    std::string body;
-    body.reserve(sizeof(code) + static_cast<std::size_t>(used_));
-    const auto* codeBytes = reinterpret_cast<const char*>(&code);
+std::string sendbuf::Body(unsigned code) const {
+  std::string body;
+  body.reserve(sizeof(code) + static_cast<std::size_t>(used_));
+  const auto* codeBytes = reinterpret_cast<const char*>(&code);
+  body.append(codeBytes, sizeof(code));
+  if (used_ == 0) {
     body.append(codeBytes, sizeof(code));
-    if (used_ == 0) {
-      body.append(codeBytes, sizeof(code));
-    } else {
-      body.append(data_.get(), static_cast<std::size_t>(used_));
-    }
-    return socket->SendLine(body.data(), static_cast<unsigned>(body.size()));
+  } else {
+    body.append(data_.get(), static_cast<std::size_t>(used_));
+  }
+  return body;
+}
+
+int sendbuf::Send(Socket* socket, unsigned code) const {
+  std::string body;
+  try {
+    body = Body(code);
   } catch (const std::bad_alloc&) {
     return 1;
+  }
+  try {
+    return socket->SendLine(body.data(), static_cast<unsigned>(body.size()));
   } catch (...) {
     return 3;
   }

@@ -32,15 +32,16 @@ class sendbuf {
   void Pack(const std::string& text);
 
   /// Sends `code` and the packed values as one frame with a single send(); with nothing packed the
-  /// body is `code` twice. Returns 0 when the frame left whole, 1 when it could not be allocated
-  /// or left short, 3 when the socket layer threw. Never throws. The packed values stay, `socket`
-  /// stays the caller's.
+  /// body is `code` twice. Returns 0 when the frame left whole, 1 when its body could not be
+  /// allocated or it left short, 3 when the socket layer threw. Never throws. The packed values
+  /// stay, `socket` stays the caller's.
   int Send(Socket* socket, unsigned code) const;
 
   std::int32_t used() const { return used_; }
   std::int32_t capacity() const { return capacity_; }
 
  private:
+  std::string Body(unsigned code) const;
   void Append(const void* bytes, std::int64_t size);
   void Reserve(std::int64_t more);
 

@@ -1,8 +1,10 @@
 #include "net/sendbuf.h"
 
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <array>
+#include <chrono>
 #include <limits>
 #include <stdexcept>
 #include <string>
@@ -11,6 +13,7 @@
 
 #include "net/socket.h"
 #include "tests/support/bytes.h"
+#include "tests/support/child_process.h"
 #include "tests/support/socket_pair.h"
 
 namespace {
@@ -112,6 +115,53 @@ TEST_F(SendbufTest, FailedSendReturnsOne) {
   child_.Close();
   reply_.Pack(0);
   EXPECT_EQ(reply_.Send(&child_, 9), 1);
+}
+
+#if defined(__SANITIZE_ADDRESS__)
+constexpr bool kMemoryCanRunOut = false;  // the sanitizer ends the process instead
+#else
+constexpr bool kMemoryCanRunOut = true;
+#endif
+
+// What a reply of 64 MB is sent with, to a master that reads, by a process that may then have
+// `more` megabytes in addition.
+int ResultWithMemory(std::size_t more) {
+  constexpr int size = 64'000'000;
+  SocketPair pair;
+  ChildProcess::Options reading;
+  reading.inChild = [&pair] {
+    pair.ours.Reset();
+    return ReadExactly(pair.peer.get(), size + 8).empty() ? 1 : 0;
+  };
+  const ChildProcess master({}, reading);
+  ChildProcess::Options sending;
+  sending.inChild = [&pair, more] {
+    pair.peer.Reset();
+    Socket socket(pair.ours.Release());
+    sendbuf reply;
+    reply.PrePack(size);
+    reply.Pack(std::string(size, '\0').data(), size);
+    const auto used = static_cast<std::size_t>(StatusValue(getpid(), "VmSize")) * 1024;
+    const rlimit limit{used + more * 1'000'000, used + more * 1'000'000};
+    return setrlimit(RLIMIT_AS, &limit) == 0 ? reply.Send(&socket, 9) : -1;
+  };
+  ChildProcess child({}, sending);
+  return child.Wait(std::chrono::seconds(20)).value_or(-1);
+}
+
+TEST(SendbufMemoryTest, BodyThatCannotBeAllocatedReturnsOne) {
+  if (!kMemoryCanRunOut) GTEST_SKIP() << "not under this sanitizer";
+  EXPECT_EQ(ResultWithMemory(32), 1);
+}
+
+TEST(SendbufMemoryTest, FailureOfTheSocketLayerReturnsThree) {
+  if (!kMemoryCanRunOut) GTEST_SKIP() << "not under this sanitizer";
+  EXPECT_EQ(ResultWithMemory(96), 3);  // for the body, but not for the frame around it
+}
+
+TEST(SendbufMemoryTest, ReplyThatFitsTwiceReturnsZero) {
+  if (!kMemoryCanRunOut) GTEST_SKIP() << "not under this sanitizer";
+  EXPECT_EQ(ResultWithMemory(160), 0);
 }
 
 }  // namespace
