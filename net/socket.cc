@@ -15,10 +15,15 @@
 #include <algorithm>
 #include <array>
 #include <limits>
+#include <vector>
 
 namespace {
 
 constexpr std::size_t kLengthBytes = 4;
+
+// The longest line of the handshake. Longer ones never complete, so that a stranger's cost no
+// memory.
+constexpr int kMaxLine = std::numeric_limits<std::int16_t>::max();
 
 // One send() that no finished child can cut short: an interrupted blocking send reports what had
 // left by then, and short sends are not retried.
@@ -157,10 +162,7 @@ std::string Socket::ReceiveLine(int& length) {
   length = 0;
   std::string text;
   std::array<char, kLengthBytes> field{};
-  // Signed and 16 bits wide: it wraps before it reaches a length of 32,768, which therefore never
-  // completes. Handshake lines are short, and a stranger's long ones cost no memory.
-  std::int16_t count = 0;
-  bool body = false;
+  std::size_t count = 0;
   while (true) {
     char byte = 0;
     const ssize_t got = recv(handle_, &byte, 1, 0);
@@ -169,19 +171,26 @@ std::string Socket::ReceiveLine(int& length) {
       length = 0;
       return {};
     }
-    if (body) {
-      if (length <= std::numeric_limits<std::int16_t>::max()) text += byte;
-      count = static_cast<std::int16_t>(count + 1);
+    if (count == kLengthBytes) {
+      text += byte;
     } else {
-      field[static_cast<std::size_t>(count++)] = byte;
+      field[count++] = byte;
       memcpy(&length, field.data(), sizeof(length));
-      if (count < static_cast<std::int16_t>(kLengthBytes)) continue;
-      body = true;
-      count = 0;
-      if (length <= 0) return text;
+      if (count < kLengthBytes) continue;
+      if (length > kMaxLine) return DropRest(length);
     }
-    if (body && count == length) return text;
+    if (static_cast<int>(text.size()) >= length) return text;
   }
+}
+
+std::string Socket::DropRest(int& length) const {
+  std::vector<char> dropped(kMaxFrame);
+  ssize_t got = 0;
+  do {
+    got = recv(handle_, dropped.data(), dropped.size(), 0);
+  } while (got > 0);
+  if (got == 0 || errno != EAGAIN) length = 0;
+  return {};
 }
 
 int Socket::SendLine(const std::string& text) {

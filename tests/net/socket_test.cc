@@ -254,6 +254,29 @@ TEST_F(SocketStringFormTest, FrameOf32768BytesNeverCompletes) {
   EXPECT_EQ(length_, 0);
 }
 
+TEST_F(SocketStringFormTest, WaitInAFrameThatNeverCompletesGivesNothingButItsLength) {
+  const timeval soon{0, 10'000};
+  SocketPair pair;
+  setsockopt(pair.ours.get(), SOL_SOCKET, SO_RCVTIMEO, &soon, sizeof(soon));
+  Socket socket(pair.ours.Release());
+  WriteAll(pair.peer.get(), Bytes("00 80 00 00 61 62"));
+  EXPECT_EQ(socket.ReceiveLine(length_), "");
+  EXPECT_EQ(length_, 32768);
+}
+
+TEST_F(SocketStringFormTest, HundredMebibytesThatNeverCompleteAreDroppedInLargePieces) {
+  auto sender = std::async(std::launch::async, [this] {
+    const std::string piece(1 << 20, 'z');
+    PeerSends(Bytes("ff ff ff 7f"));
+    for (int i = 0; i < 100; ++i) PeerSends(piece);
+    PeerCloses();
+  });
+  const double before = ThreadProcessorSeconds();
+  EXPECT_EQ(socket_.ReceiveLine(length_), "");
+  EXPECT_LT(ThreadProcessorSeconds() - before, 2);  // byte by byte it is more than ten
+  EXPECT_EQ(length_, 0);
+}
+
 TEST_F(SocketTest, SendLineIsLengthThenText) {
   EXPECT_EQ(socket_.SendLine(std::string("OK|n1")), 9);
   EXPECT_EQ(Hex(ReadExactly(pair_.peer.get(), 9)), "05 00 00 00 4f 4b 7c 6e 31");
