@@ -9,6 +9,8 @@
 #include <unistd.h>
 
 #include <array>
+#include <cstdint>
+#include <limits>
 
 namespace {
 
@@ -28,6 +30,11 @@ int NewSocket() {
 }
 
 int Bind(int handle, int port) {
+  // Cut to 16 bits it would be another port than the one that was asked for.
+  if (port < 0 || port > std::numeric_limits<std::uint16_t>::max()) {
+    errno = EINVAL;
+    return -1;
+  }
   const sockaddr_in address = AnyAddress(port);
   return bind(handle, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
 }

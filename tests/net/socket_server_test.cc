@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 
 #include <chrono>
+#include <limits>
 #include <memory>
 #include <string>
 
@@ -68,6 +69,19 @@ TEST(SocketServerTest, TakenPortThrowsBindResultAndReason) {
     thrown = text;
   }
   EXPECT_EQ(thrown, "INVALID SOCKET: returned from bind '-1', error = Address already in use");
+}
+
+TEST(SocketServerTest, PortThatDoesNotExistIsNotBoundAsAnother) {
+  for (const int port : {65536, 70000, -1, std::numeric_limits<int>::max()}) {
+    std::string thrown;
+    try {
+      const SocketServer server(port, 5);
+    } catch (char* text) {
+      thrown = text;
+    }
+    EXPECT_EQ(thrown, "INVALID SOCKET: returned from bind '-1', error = Invalid argument") << port;
+    EXPECT_EQ(SocketServer::IsAvailablePort(port), -2) << port;
+  }
 }
 
 TEST(SocketServerTest, ClosedServerThrowsFromAccept) {

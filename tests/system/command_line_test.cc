@@ -97,6 +97,14 @@ TEST_F(CommandLineTest, TakenPortIsNamed) {
                 ": check netstat to see if the port is already in use\n");
 }
 
+TEST_F(CommandLineTest, PortThatDoesNotExistIsNamed) {
+  for (const std::string port : {"65536", "70000", "-1"}) {
+    EXPECT_EQ(Run({"-u", "-p", port}, 1),
+              "Error in creating socket to listen on port " + port +
+                  ": check netstat to see if the port is already in use\n");
+  }
+}
+
 TEST(StartTest, LogSaysHowTheDaemonWasStarted) {
   RunningDaemon::Options options;
   options.arguments = {"-u", "-t", "7"};
