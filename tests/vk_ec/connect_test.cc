@@ -198,6 +198,45 @@ TEST(ConnectTest, UnknownHostFailsAtOnce) {
   EXPECT_THAT(elapsed, Lt(Seconds(0.4)));
 }
 
+TEST(ConnectTest, PortThatDoesNotExistFailsAtOnceAndLeadsToNoOther) {
+  const TakenPort stranger;
+  stranger.Listen();
+  for (const unsigned port : {stranger.port() + 65536, 65536U, 4'294'967'295U}) {
+    ClientTransporter transporter;
+    const Seconds elapsed = Elapsed([&] {
+      EXPECT_THAT([&] { transporter.connect("127.0.0.1", port, 5); },
+                  ThrowsMessage<boost::system::system_error>("resolve: Service not found"))
+          << port;
+    });
+    EXPECT_THAT(elapsed, Lt(Seconds(0.4)));
+  }
+}
+
+TEST(ConnectTest, HostIsLookedUpOnceHoweverOftenItIsTried) {
+  const auto outcome = InPrivateNetwork([] {
+    Hosts("127.0.0.2 cluster\n");
+    const TakenPort closed("127.0.0.2");
+    const TakenPort moved("127.0.0.3", closed.port());
+    moved.Listen();
+    // The name moves while the client is trying: after one more look-up it would be found.
+    std::thread late([] {
+      std::this_thread::sleep_for(std::chrono::milliseconds(700));
+      std::ofstream("/etc/hosts") << "127.0.0.3 cluster\n";
+    });
+    std::string text = "connected";
+    try {
+      ClientTransporter().connect("cluster", closed.port(), 2);
+    } catch (const std::runtime_error& error) {
+      text = error.what();
+    }
+    late.join();
+    ClientTransporter().connect("cluster", moved.port(), 0);
+    return text + " A new look-up finds it.";
+  });
+  if (!outcome) GTEST_SKIP() << "a network of its own is not permitted here";
+  EXPECT_EQ(*outcome, "Connection timed out. A new look-up finds it.");
+}
+
 TEST(ConnectTest, TimeoutOfZeroStillTriesForASecond) {
   const TakenPort closed;
   ClientTransporter transporter;

@@ -5,6 +5,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdint>
+#include <limits>
 #include <optional>
 
 #include <boost/asio/buffer.hpp>
@@ -112,6 +114,10 @@ StreamSocket::StreamSocket(int connected_descriptor) : StreamSocket() {
 StreamSocket::~StreamSocket() = default;
 
 void StreamSocket::resolve(const std::string& host, unsigned port) {
+  // The system's look-up cuts it to 16 bits and would lead to whoever listens on that port.
+  if (port > std::numeric_limits<std::uint16_t>::max()) {
+    throw system_error(asio::error::service_not_found, "resolve");
+  }
   tcp::resolver resolver(impl_->io);
   impl_->endpoints =
       resolver.resolve(tcp::v4(), host, std::to_string(port), tcp::resolver::numeric_service);
