@@ -2,14 +2,18 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <limits.h>
+#include <poll.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <iostream>
 #include <streambuf>
+#include <string_view>
 #include <type_traits>
 
 namespace {
@@ -121,10 +125,33 @@ std::string Text(double value) {
 }
 
 // A stream that failed before this item stays silent; one that fails with it loses this item only.
-void WriteItem(std::ostream& out, const std::string& text) {
+void WriteItem(std::ostream& out, std::string_view text) {
   const bool usable = out.good();
   out.write(text.data(), static_cast<std::streamsize>(text.size())).flush();
   if (usable && !out.good()) out.clear();
+}
+
+// Whether standard output takes PIPE_BUF bytes without holding the caller. A stopped terminal or a
+// pipe that nobody empties would stop daemon and controllers for good, although everything stands
+// in the file as well. A slow reader is waited for; one that has stopped reading only once, by this
+// process or the one that it was forked from.
+bool OutputIsRead() {
+  constexpr int patience = 1000;  // milliseconds
+  static bool stuck = false;
+  pollfd out{STDOUT_FILENO, POLLOUT, 0};
+  int ready = 0;
+  do {
+    ready = poll(&out, 1, stuck ? 0 : patience);
+  } while (ready < 0 && errno == EINTR);
+  stuck = ready == 0;
+  return !stuck;
+}
+
+void Print(std::string_view text) {
+  while (!text.empty() && OutputIsRead()) {
+    WriteItem(std::cout, text.substr(0, PIPE_BUF));
+    text.remove_prefix(std::min<std::size_t>(text.size(), PIPE_BUF));
+  }
 }
 
 void Silence(std::ostream& out) {
@@ -162,7 +189,7 @@ flog& flog::operator<<(T value) {
   }
   const std::string text = Text(value);
   WriteItem(*stream_, text);
-  WriteItem(std::cout, text);
+  Print(text);
   return *this;
 }
 

@@ -34,9 +34,10 @@ class flog {
   std::int32_t status() const { return disabled_; }
 
   /// Writes `value` as a standard stream would by default (doubles with six significant digits)
-  /// and adds nothing to it. A failed write loses that item only. A null text silences this log's
-  /// file and the standard output of every log for the rest of the process: the script process
-  /// ends its argument list with one and has no more to say.
+  /// and adds nothing to it. A failed write loses that item only. Standard output that is not read
+  /// holds the caller for a second, once; until it is read again items then go to the file alone. A
+  /// null text silences this log's file and the standard output of every log for the rest of the
+  /// process: the script process ends its argument list with one and has no more to say.
   ///
   /// Defined for std::string, const char*, char*, int, unsigned long and double.
   template <class T>

@@ -6,13 +6,17 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
+#include <chrono>
 #include <filesystem>
 #include <iostream>
 
 #include <gtest/gtest.h>
 
 #include "log/timestamp.h"
+#include "tests/support/bytes.h"
 #include "tests/support/child_process.h"
+#include "tests/support/socket_pair.h"
 #include "tests/support/temporary_directory.h"
 
 namespace {
@@ -149,6 +153,37 @@ TEST_F(FlogTest, FailedWriteLosesThatItemOnly) {
   EXPECT_EQ(directory_.Read("a.log"), "to the file alone\nto both\n");
   const std::string printed = TakePrinted();
   EXPECT_EQ(printed.substr(printed.size() - 8), "to both\n");
+}
+
+TEST_F(FlogTest, StandardOutputThatNobodyReadsHoldsTheLogForASecondAndOnceOnly) {
+  std::array<int, 2> pipe{};
+  ASSERT_EQ(pipe2(pipe.data(), O_CLOEXEC), 0);
+  const Descriptor reader(pipe[0]);
+  const Descriptor saved(dup(STDOUT_FILENO));
+  dup2(pipe[1], STDOUT_FILENO);
+  close(pipe[1]);
+  flog log(directory_.File("a.log"), true);
+  std::string expected;
+  const auto start = std::chrono::steady_clock::now();
+  for (int i = 0; i < 100; ++i) {
+    // Lines that are longer than what a pipe takes at once, too.
+    const std::string line = std::to_string(i) + std::string(i % 2 == 0 ? 100 : 9000, '.') + "\n";
+    expected += line;
+    log << line;
+  }
+  const std::chrono::duration<double> held = std::chrono::steady_clock::now() - start;
+  EXPECT_EQ(directory_.Read("a.log"), expected);
+  EXPECT_GE(held.count(), 0.9);
+  EXPECT_LT(held.count(), 3);
+
+  // Once it is read again, new items come.
+  std::string printed(1 << 20, '\0');
+  printed.resize(static_cast<std::size_t>(read(reader.get(), printed.data(), printed.size())));
+  EXPECT_EQ(printed, expected.substr(0, printed.size()));
+  EXPECT_GT(printed.size(), 40'000U);
+  log << "read again\n";
+  EXPECT_EQ(ReadExactly(reader.get(), 11), "read again\n");
+  dup2(saved.get(), STDOUT_FILENO);
 }
 
 TEST_F(FlogTest, WhatAFullDiskRefusedIsNotWrittenLater) {
