@@ -88,6 +88,14 @@ std::string LinuxAccount(const std::string& windowsUser, flog& log) {
   return account;
 }
 
+// Whether this process, now that of `user`, could still become root: after a start with other ids
+// than those of root, or with capabilities that outlive the switch, one of them stays behind.
+bool CanGoBack(uid_t user) {
+  const bool back = user != 0 && setuid(0) == 0;
+  errno = EPERM;
+  return back;
+}
+
 // Group before user: once the user id has changed, the group id no longer can. The supplementary
 // groups stay those of the daemon, which sites rely on.
 void SwitchAccount(const std::string& account, flog& log) {
@@ -97,7 +105,7 @@ void SwitchAccount(const std::string& account, flog& log) {
     log << (errno == EPERM ? "Failed to set the group ID - 1\n"
                            : "Failed to set the group ID - 2\n");
   }
-  if (setuid(entry->pw_uid) != 0) {
+  if (setuid(entry->pw_uid) != 0 || CanGoBack(entry->pw_uid)) {
     Refuse(log, "Failed to set user ID for Tolmen job - error = " + std::to_string(errno));
   }
 }

@@ -2,9 +2,11 @@
 
 #include <errno.h>
 #include <grp.h>
+#include <linux/securebits.h>
 #include <sched.h>
 #include <string.h>
 #include <sys/mount.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -335,6 +337,32 @@ TEST_F(AccountTest, RefusedUserChangeIsReportedWithItsNumber) {
   EXPECT_EQ(Outcome(), "Failed to set user ID for Tolmen job - error = 1");
   EXPECT_EQ(Status(), 1);
   EXPECT_THAT(Logged(), HasSubstr("\nFailed to set user ID for Tolmen job - error = 1\n"));
+}
+
+constexpr const char* kNotSwitched = "Failed to set user ID for Tolmen job - error = 1";
+
+TEST_F(AccountTest, RealIdOfRootThatStaysBehindIsARefusal) {
+  prepareChild_ = [this] { return HidePasswords() && setresuid(0, kUser, kUser) == 0; };
+  directory_.Write(".vk_corvane_users", "alice runner 1\n");
+  EXPECT_EQ(Outcome(), kNotSwitched);
+  EXPECT_EQ(Status(), 1);
+  EXPECT_EQ(directory_.Read("ids"), "");
+}
+
+TEST_F(AccountTest, CapabilitiesThatOutliveTheSwitchAreARefusal) {
+  prepareChild_ = [this] {
+    return HidePasswords() && prctl(PR_SET_SECUREBITS, SECBIT_NO_SETUID_FIXUP) == 0;
+  };
+  directory_.Write(".vk_corvane_users", "alice runner 1\n");
+  EXPECT_EQ(Outcome(), kNotSwitched);
+  EXPECT_EQ(Status(), 1);
+  EXPECT_EQ(directory_.Read("ids"), "");
+}
+
+TEST_F(AccountTest, AccountOfRootStaysRoot) {
+  directory_.Write(".vk_corvane_users", "alice root 1\n");
+  EXPECT_THAT(Outcome(), HasSubstr("OK|"));
+  EXPECT_THAT(directory_.Read("ids"), HasSubstr("Uid:\t0\t0\t0\t0\n"));
 }
 
 class LaunchByAnswerTest : public AnswerTest {
