@@ -5,6 +5,8 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <stdexcept>
 
 #include "tests/support/bytes.h"
@@ -42,9 +44,9 @@ RunningDaemon::RunningDaemon(const Options& options) {
     arguments.insert(arguments.end(), options.arguments.begin(), options.arguments.end());
     process_ = std::make_unique<ChildProcess>(arguments, process);
     // The last line of the start; the daemon has been listening for some time then.
-    if (Eventually([this] {
-          return Logged().find("Executable path = ") != std::string::npos ||
-                 !IsRunning(process_->pid());
+    if (Eventually([&] {
+          const std::string log = options.quiet ? TextOfLogFile() : Logged();
+          return log.find("Executable path = ") != std::string::npos || !IsRunning(process_->pid());
         }) &&
         IsRunning(process_->pid())) {
       return;
@@ -69,6 +71,22 @@ bool RunningDaemon::WaitForLog(const std::string& text) const {
 std::string RunningDaemon::LogFile() const {
   const std::string name = "/VKJobmill_" + std::to_string(port_) + ".log";
   return (fs::exists("/var/log" + name) ? "/var/log" : "/tmp") + name;
+}
+
+std::string RunningDaemon::Inside(const std::string& file) const {
+  return "/proc/" + std::to_string(pid()) + "/root" + file;
+}
+
+std::string RunningDaemon::TextOfLogFile() const {
+  const std::string name = "/VKJobmill_" + std::to_string(port_) + ".log";
+  for (const char* directory : {"/var/log", "/tmp"}) {
+    const std::string file = Inside(directory + name);
+    std::error_code ignored;
+    if (!fs::is_regular_file(fs::symlink_status(file, ignored))) continue;
+    std::ifstream in(file, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+  }
+  return {};
 }
 
 TestMaster::TestMaster(int port) : link_("127.0.0.1", port) {}

@@ -20,6 +20,8 @@ class RunningDaemon {
     std::string environment;  ///< the environment file; "-": none
     std::vector<std::string> variables;
     std::function<int()> inChild;
+    /// `inChild` gives it another standard output: its log's file is looked at instead.
+    bool quiet = false;
   };
 
   explicit RunningDaemon(const Options& options);
@@ -39,6 +41,12 @@ class RunningDaemon {
 
   /// The log's file: in /var/log where the daemon may write there, else in /tmp.
   std::string LogFile() const;
+
+  /// The log's file as the daemon sees it, which may have mounts of its own.
+  std::string TextOfLogFile() const;
+
+  /// The name under which this process finds what the daemon calls `file`, while the daemon runs.
+  std::string Inside(const std::string& file) const;
 
  private:
   TemporaryDirectory directory_;
@@ -69,6 +77,9 @@ class TestMaster {
 
   /// Cuts the connection.
   void Leave() { link_.Close(); }
+
+  /// The connection's descriptor; it stays this object's.
+  int descriptor() const { return link_.handle(); }
 
   /// Sends one request, with its fields in hex, and returns the body of the reply in hex.
   std::string Ask(const std::string& hex);
