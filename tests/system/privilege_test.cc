@@ -147,6 +147,8 @@ TEST_F(PrivilegeTest, ControllerHasTheAccountsIdsAndNoCapabilityAndTheDaemonStay
   for (const char* set : {"CapPrm", "CapEff", "CapAmb", "CapInh"}) {
     EXPECT_EQ(StatusLine(controller, set), "0000000000000000") << set;
   }
+  // The account's other processes can neither trace it nor read its memory.
+  EXPECT_EQ(Ownership("/proc/" + std::to_string(controller) + "/mem"), "0:0 600");
   EXPECT_EQ(StatusLine(daemon_->pid(), "Uid"), "0\t0\t0\t0");
   EXPECT_EQ(StatusLine(daemon_->pid(), "Gid"), "0\t0\t0\t0");
 }
@@ -208,6 +210,14 @@ TEST_F(PrivilegeTest, WhatTheRunWritesBelongsToTheAccountAndTheDaemonsLogToRoot)
   EXPECT_EQ(data_.Read("CASE_3.afi"), "deck");
   EXPECT_EQ(Ownership(data_.File("ids")), "61234:61235 644");
   EXPECT_EQ(Ownership(daemon_->LogFile()), "0:0 666");
+}
+
+TEST_F(PrivilegeTest, LogDirectoryThatTheAccountCannotEnterStillTakesTheRunsLines) {
+  Start([] { return mount("none", "/var/log", "tmpfs", 0, "mode=0750") == 0; });
+  ASSERT_EQ(Outcome(), kHost);
+  const std::string log = daemon_->TextOfLogFile();
+  EXPECT_THAT(log, HasSubstr("\nHost detected: node17"));
+  EXPECT_EQ(log, daemon_->Logged());
 }
 
 TEST_F(PrivilegeTest, NothingIsWrittenWhereTheAccountMayNotAndTheRunGoesOn) {
