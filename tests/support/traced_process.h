@@ -30,6 +30,10 @@ class StoppedProcess {
   std::unique_ptr<Registers> registers_;
 };
 
+/// The leak check of a sanitizer ends a traced process with a status of its own: a program that
+/// ExitStatuses watches is started with this variable.
+constexpr const char* kNoLeakCheck = "ASAN_OPTIONS=detect_leaks=0";
+
 /// Notes with which status the descendants of a process end, those that nobody asks for included.
 class ExitStatuses {
  public:

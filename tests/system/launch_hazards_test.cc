@@ -54,6 +54,7 @@ TEST_P(BadScriptTest, HasNoHostAndEndsWithStatusZeroItsControllerWithOne) {
   }
   RunningDaemon::Options options;
   options.arguments = {"-u", "-s", script};
+  options.variables = {kNoLeakCheck};
   const RunningDaemon daemon(options);
   const ExitStatuses statuses(daemon.pid());
   EXPECT_EQ(ServeOne(daemon), "No host detected");
@@ -78,7 +79,7 @@ INSTANTIATE_TEST_SUITE_P(All, BadScriptTest,
 TEST(LaunchHazardTest, ArgumentListTooLongForTheSystemHasNoHost) {
   // A variable may have 131,072 bytes at most; the environment file makes this one too long.
   RunningDaemon::Options options = Unprivileged();
-  options.variables = {"LONG=" + std::string(130'900, 'x')};
+  options.variables = {"LONG=" + std::string(130'900, 'x'), kNoLeakCheck};
   options.environment = "LONG " + std::string(255, 'y') + "\n";
   const RunningDaemon daemon(options);
   const ExitStatuses statuses(daemon.pid());

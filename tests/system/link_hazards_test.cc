@@ -287,6 +287,9 @@ TEST(LinkHazardTest, FiveHundredMastersCanWaitWhileTheDaemonIsHeldUp) {
 }
 
 TEST(LinkHazardTest, DaemonKeepsNoRecordOfPastConnections) {
+#if defined(__SANITIZE_ADDRESS__)
+  GTEST_SKIP() << "this sanitizer keeps what was freed";
+#endif
   // The script's name is part of each record; with this one a record that stays is 3 KB.
   RunningDaemon::Options options;
   std::string script = "/bin";

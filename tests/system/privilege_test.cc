@@ -301,6 +301,7 @@ TEST_F(PrivilegeTest, UserChangeWithoutItsCapabilityEndsTheConnection) {
 }
 
 TEST_F(PrivilegeTest, UserChangeThatFailsOtherwiseEndsTheConnectionWithItsNumber) {
+  options_.variables = {kNoLeakCheck};
   Start([] { return RefuseCalls({{SYS_setuid, EAGAIN}}); });
   const ExitStatuses statuses(daemon_->pid());
   const std::string text = "Failed to set user ID for Tolmen job - error = 11";

@@ -202,7 +202,9 @@ TEST_F(RefusingKernelTest, FailedForkLeavesTheMasterWaitingAndTheDaemonAccepting
 }
 
 TEST_F(RefusingKernelTest, FailedPipeEndsTheConnectionWithoutAWord) {
-  const RunningDaemon daemon(WithRefused({{SYS_pipe2, EMFILE}}));
+  RunningDaemon::Options options = WithRefused({{SYS_pipe2, EMFILE}});
+  options.variables = {kNoLeakCheck};
+  const RunningDaemon daemon(options);
   const ExitStatuses statuses(daemon.pid());
   TestMaster master(daemon.port());
   master.RequestRun({});
