@@ -10,6 +10,7 @@
 #include <functional>
 #include <iterator>
 #include <memory>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -41,6 +42,9 @@ struct Script {
   const char* text;  // null: there is none
   mode_t mode;
 };
+void PrintTo(const Script& value, std::ostream* out) {
+  *out << value.name;
+}
 
 class BadScriptTest : public testing::TestWithParam<Script> {};
 
@@ -113,6 +117,9 @@ struct Planted {
   bool replaced;  // by the log's file; otherwise there is no log
   void (*plant)(const std::string& name, const std::string& victim);
 };
+void PrintTo(const Planted& value, std::ostream* out) {
+  *out << value.name;
+}
 
 void PlantLink(const std::string& name, const std::string& victim) {
   fs::create_symlink(victim, name);

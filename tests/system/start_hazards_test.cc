@@ -11,6 +11,7 @@
 #include <chrono>
 #include <filesystem>
 #include <functional>
+#include <ostream>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -111,6 +112,9 @@ struct Output {
   const char* name;
   int (*prepare)();
 };
+void PrintTo(const Output& value, std::ostream* out) {
+  *out << value.name;
+}
 
 class OutputHazardTest : public testing::TestWithParam<Output> {};
 
