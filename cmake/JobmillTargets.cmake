@@ -46,6 +46,15 @@ function(jobmill_test name)
     PROPERTIES TIMEOUT ${arg_TIMEOUT} LABELS "${arg_LABELS}")
 endfunction()
 
+# jobmill_property_test(NAME ...): the same for properties that rapidcheck tries on random values.
+# A program of its own: the unit tests then do not wait for its headers, and build without it.
+function(jobmill_property_test name)
+  if(rapidcheck_FOUND)
+    jobmill_test(${name} ${ARGN})
+    target_link_libraries(${name} PRIVATE rapidcheck_gtest)
+  endif()
+endfunction()
+
 if(JOBMILL_TESTS)
   include(GoogleTest)
 endif()

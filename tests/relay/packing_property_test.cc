@@ -1,0 +1,131 @@
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "net/getbuf.h"
+#include "net/sendbuf.h"
+#include "net/socket.h"
+#include "relay/packing.h"
+#include "tests/support/bytes.h"
+#include "tests/support/generators.h"
+#include "tests/support/guarded_bytes.h"
+#include "tests/support/socket_pair.h"
+
+namespace {
+
+using Texts = std::vector<std::string>;
+using Numbers = std::vector<double>;
+
+// What was packed, without the frame's length and code.
+std::string BytesOf(const sendbuf& reply) {
+  if (reply.used() == 0) return {};
+  SocketPair pair;
+  Socket socket(pair.ours.Release());
+  RC_ASSERT(reply.Send(&socket, 1) == 0);
+  socket.Close();
+  return ReadExactly(pair.peer.get(), 1 << 20).substr(8);
+}
+
+rc::Gen<Texts> AnyTexts() {
+  return rc::gen::container<Texts>(any::Bytes());
+}
+std::string UpToZero(const std::string& text) {
+  return text.substr(0, text.find('\0'));
+}
+
+RC_GTEST_PROP(PackingProperty, PackedSizeIsWhatPackingTakes, ()) {
+  sendbuf reply;
+  const Texts texts = *AnyTexts();
+  const Numbers series = *any::Doubles();
+  std::int64_t size = 0;
+  for (const std::string& text : texts) {
+    reply.Pack(text);
+    size += PackedSize(text);
+    RC_ASSERT(reply.used() == size);
+  }
+  PackSeries(reply, series);
+  size += PackedSize(series);
+  RC_ASSERT(reply.used() == size);
+  reply.Pack(7);
+  RC_ASSERT(reply.used() == size + PackedSize(7));
+  reply.Pack(7.0);
+  RC_ASSERT(reply.used() == size + PackedSize(7) + PackedSize(7.0));
+}
+
+RC_GTEST_PROP(PackingProperty, RoomThatWasMadeHoldsTheReplyWithoutGrowing, ()) {
+  const Numbers series = *any::Doubles();
+  const std::string text = *any::Bytes();
+  sendbuf reply;
+  MakeRoom(reply, PackedSize(series) + PackedSize(text) + kAckSize);
+  const auto capacity = reply.capacity();
+  PackSeries(reply, series);
+  reply.Pack(text);
+  reply.Pack(0);
+  RC_ASSERT(reply.capacity() == capacity);
+  RC_ASSERT(capacity < reply.used() + 10 || capacity == 10);
+}
+
+RC_GTEST_PROP(PackingProperty, TextsNumbersAndGroupsComeBack, ()) {
+  const Texts texts = *AnyTexts();
+  const Numbers numbers = *any::Doubles();
+  const auto textGroups = *rc::gen::container<std::vector<Texts>>(AnyTexts());
+  const auto numberGroups = *rc::gen::container<std::vector<Numbers>>(any::Doubles());
+  sendbuf request;
+  for (const std::string& text : texts) request.Pack(text);
+  request.Pack(numbers.data(), static_cast<int>(numbers.size()));
+  request.Pack(static_cast<int>(textGroups.size()));
+  for (const Texts& group : textGroups) {
+    request.Pack(static_cast<int>(group.size()));
+    for (const std::string& text : group) request.Pack(text);
+  }
+  request.Pack(static_cast<int>(numberGroups.size()));
+  for (const Numbers& group : numberGroups) PackSeries(request, group);
+
+  const std::string body = BytesOf(request);
+  const GuardedBytes bytes(body);
+  getbuf fields(bytes.data(), static_cast<std::int64_t>(body.size()));
+  Texts expected;
+  for (const std::string& text : texts) expected.push_back(UpToZero(text));
+  RC_ASSERT(UnPackTexts(fields, static_cast<int>(texts.size())) == expected);
+  RC_ASSERT(any::Bits(UnPackNumbers(fields, static_cast<int>(numbers.size()))) ==
+            any::Bits(numbers));
+  const auto gotTexts = UnPackGroups(fields, UnPackTexts);
+  RC_ASSERT(gotTexts.size() == textGroups.size());
+  for (std::size_t i = 0; i < gotTexts.size(); ++i) {
+    Texts group;
+    for (const std::string& text : textGroups[i]) group.push_back(UpToZero(text));
+    RC_ASSERT(gotTexts[i] == group);
+  }
+  const auto gotNumbers = UnPackGroups(fields, UnPackNumbers);
+  RC_ASSERT(gotNumbers.size() == numberGroups.size());
+  for (std::size_t i = 0; i < gotNumbers.size(); ++i) {
+    RC_ASSERT(any::Bits(gotNumbers[i]) == any::Bits(numberGroups[i]));
+  }
+  RC_ASSERT(fields.remaining() == 0);
+}
+
+// Whatever count is announced: the elements, or an end of the buffer that is noticed.
+RC_GTEST_PROP(PackingProperty, AnnouncedCountsNeverReachPastTheBuffer, (int n)) {
+  const std::string body = *any::Bytes();
+  const GuardedBytes bytes(body);
+  const auto size = static_cast<std::int64_t>(body.size());
+  const auto throws = [](const auto& read) {
+    try {
+      read();
+      return false;
+    } catch (const std::out_of_range&) {
+      return true;
+    }
+  };
+  getbuf numbers(bytes.data(), size);
+  RC_ASSERT(throws([&] { UnPackNumbers(numbers, n); }) == (8LL * n > size));
+  getbuf texts(bytes.data(), size);
+  const bool failed = throws([&] { UnPackTexts(texts, n); });
+  RC_ASSERT(failed || 4LL * n <= size);
+  getbuf groups(bytes.data(), size);
+  throws([&] { UnPackGroups(groups, UnPackTexts); });
+}
+
+}  // namespace
