@@ -11,7 +11,9 @@
 
 #include <algorithm>
 #include <array>
+#include <charconv>
 #include <iostream>
+#include <new>
 #include <streambuf>
 #include <string_view>
 #include <type_traits>
@@ -27,10 +29,14 @@ constexpr mode_t kPublic = 0666;
 // tried again with the next item, by this process or by a child that inherited it.
 class DescriptorBuffer : public std::streambuf {
  public:
-  explicit DescriptorBuffer(int descriptor) : descriptor_(descriptor) {}
+  DescriptorBuffer() = default;
   DescriptorBuffer(const DescriptorBuffer&) = delete;
   DescriptorBuffer& operator=(const DescriptorBuffer&) = delete;
-  ~DescriptorBuffer() override { close(descriptor_); }
+  ~DescriptorBuffer() override {
+    if (descriptor_ >= 0) close(descriptor_);
+  }
+
+  void Own(int descriptor) { descriptor_ = descriptor; }
 
  protected:
   std::streamsize xsputn(const char* text, std::streamsize size) override {
@@ -50,14 +56,14 @@ class DescriptorBuffer : public std::streambuf {
   }
 
  private:
-  int descriptor_;
+  int descriptor_ = -1;
 };
 
 class DescriptorStream : public std::ostream {
  public:
-  explicit DescriptorStream(int descriptor) : std::ostream(nullptr), buffer_(descriptor) {
-    rdbuf(&buffer_);
-  }
+  DescriptorStream() : std::ostream(nullptr) { rdbuf(&buffer_); }
+
+  void Own(int descriptor) { buffer_.Own(descriptor); }
 
  private:
   DescriptorBuffer buffer_;
@@ -105,23 +111,43 @@ int OpenLog(const std::string& file, bool removeOld) {
   return fresh >= 0 ? fresh : OpenRegular(file, 0);
 }
 
-// Values as a standard stream writes them by default.
-const std::string& Text(const std::string& value) {
+// Null when the file cannot be had, or the memory for it.
+std::unique_ptr<std::ostream> OpenStream(const std::string& file, bool removeOld) {
+  try {
+    auto stream = std::make_unique<DescriptorStream>();
+    const int descriptor = OpenLog(file, removeOld);
+    if (descriptor < 0) return nullptr;
+    stream->Own(descriptor);
+    return stream;
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
+}
+
+// Values as a standard stream writes them by default, in `room` where they need any: what is
+// logged may be that there is no memory left.
+using Room = std::array<char, 32>;
+
+std::string_view Text(const std::string& value, Room& /*room*/) {
   return value;
 }
-std::string Text(const char* value) {
+std::string_view Text(const char* value, Room& /*room*/) {
   return value;
 }
-std::string Text(int value) {
-  return std::to_string(value);
+template <class Integer>
+std::string_view IntegerText(Integer value, Room& room) {
+  const auto end = std::to_chars(room.data(), room.data() + room.size(), value).ptr;
+  return {room.data(), static_cast<std::size_t>(end - room.data())};
 }
-std::string Text(unsigned long value) {
-  return std::to_string(value);
-}  // NOLINT(google-runtime-int)
-std::string Text(double value) {
-  std::array<char, 32> text{};
-  snprintf(text.data(), text.size(), "%g", value);
-  return text.data();
+std::string_view Text(int value, Room& room) {
+  return IntegerText(value, room);
+}
+std::string_view Text(unsigned long value, Room& room) {  // NOLINT(google-runtime-int)
+  return IntegerText(value, room);
+}
+std::string_view Text(double value, Room& room) {
+  snprintf(room.data(), room.size(), "%g", value);
+  return room.data();
 }
 
 // A stream that failed before this item stays silent; one that fails with it loses this item only.
@@ -169,12 +195,8 @@ flog::~flog() = default;
 void flog::SetFile(const std::string& file, bool removeOld) {
   disabled_ = 0;
   stream_.reset();
-  const int descriptor = file.empty() ? -1 : OpenLog(file, removeOld);
-  if (descriptor < 0) {
-    disabled_ = 1;
-    return;
-  }
-  stream_ = std::make_unique<DescriptorStream>(descriptor);
+  if (!file.empty()) stream_ = OpenStream(file, removeOld);
+  if (!stream_) disabled_ = 1;
 }
 
 template <class T>
@@ -187,7 +209,8 @@ flog& flog::operator<<(T value) {
       return *this;
     }
   }
-  const std::string text = Text(value);
+  Room room;
+  const std::string_view text = Text(value, room);
   WriteItem(*stream_, text);
   Print(text);
   return *this;

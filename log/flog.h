@@ -24,20 +24,22 @@ class flog {
   /// runs as root, and the owners of the runs have to read and remove their logs. With
   /// `removeOld` the log starts in a fresh file, otherwise it appends to the present one.
   ///
-  /// The log is disabled when `file` is empty, cannot be created or opened, or is neither a
-  /// regular file nor absent. Links are never followed: in a directory that everybody may write
-  /// to, whoever guesses the name could otherwise aim root's log at any file. A disabled log
-  /// becomes usable again by the next successful SetFile().
+  /// Never throws. The log is disabled when `file` is empty, cannot be created or opened, or is
+  /// neither a regular file nor absent, and when there is no memory for it. Links are never
+  /// followed: in a directory that everybody may write to, whoever guesses the name could otherwise
+  /// aim root's log at any file. A disabled log becomes usable again by the next successful
+  /// SetFile().
   void SetFile(const std::string& file, bool removeOld);
 
   /// 0 while the log is usable, 1 when it is disabled.
   std::int32_t status() const { return disabled_; }
 
   /// Writes `value` as a standard stream would by default (doubles with six significant digits)
-  /// and adds nothing to it. A failed write loses that item only. Standard output that is not read
-  /// holds the caller for a second, once; until it is read again items then go to the file alone. A
-  /// null text silences this log's file and the standard output of every log for the rest of the
-  /// process: the script process ends its argument list with one and has no more to say.
+  /// and adds nothing to it. Allocates nothing and never throws. A failed write loses that item
+  /// only. Standard output that is not read holds the caller for a second, once; until it is read
+  /// again items then go to the file alone. A null text silences this log's file and the standard
+  /// output of every log for the rest of the process: the script process ends its argument list
+  /// with one and has no more to say.
   ///
   /// Defined for std::string, const char*, char*, int, unsigned long and double.
   template <class T>
