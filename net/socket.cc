@@ -15,6 +15,7 @@
 #include <algorithm>
 #include <array>
 #include <limits>
+#include <memory>
 #include <vector>
 
 namespace {
@@ -87,10 +88,11 @@ std::int32_t Socket::nofSockets_ = 0;
 
 Socket::Socket() : handle_(-1), references_(nullptr) {
   ++nofSockets_;
+  auto references = std::make_unique<std::int32_t>(1);  // before there is a descriptor to lose
   handle_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   // NOLINTNEXTLINE(misc-throw-by-value-catch-by-reference): callers catch texts
   if (handle_ < 0) throw static_cast<const char*>("INVALID_SOCKET");
-  references_ = new std::int32_t(1);
+  references_ = references.release();
 }
 
 Socket::Socket(int handle) : handle_(handle), references_(new std::int32_t(1)) {

@@ -71,7 +71,12 @@ Socket* SocketServer::Accept() {
   const int connection = accept4(handle_, nullptr, nullptr, SOCK_CLOEXEC);
   // NOLINTNEXTLINE(misc-throw-by-value-catch-by-reference): callers catch texts
   if (connection < 0) throw static_cast<const char*>("Invalid Socket");
-  return new Socket(connection);
+  try {
+    return new Socket(connection);
+  } catch (...) {
+    close(connection);  // nobody else knows of it
+    throw;
+  }
 }
 
 Socket* SocketServer::Accept(int seconds, int* ready) {
