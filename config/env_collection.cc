@@ -49,6 +49,18 @@ void CEnvCollection::Reset() {
 int CEnvCollection::ReadEnvFile(const char* file, char* /*error*/) {
   Reset();
   std::ifstream in(file);
+  // Otherwise the stream would keep a failed allocation to itself, and the half of the file that
+  // was read would pass for the whole.
+  in.exceptions(std::ios::badbit);
+  try {
+    ReadEntries(in);
+  } catch (const std::ios::failure&) {
+    // Not readable, such as a directory: that is the end of it.
+  }
+  return 0;
+}
+
+void CEnvCollection::ReadEntries(std::istream& in) {
   CEnv** last = &first_;
   std::string name;
   while (in >> name) {
@@ -60,7 +72,6 @@ int CEnvCollection::ReadEnvFile(const char* file, char* /*error*/) {
     *last = entry.release();
     last = &(*last)->next;
   }
-  return 0;
 }
 
 int CEnvCollection::Apply(char* error, flog* log) const {

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstdint>
+#include <istream>
 
 class flog;
 
@@ -50,6 +51,8 @@ class CEnvCollection {
   void Reset();
 
  private:
+  void ReadEntries(std::istream& in);
+
   std::int32_t status_ = 0;
   std::array<char, kErrorSize> error_{};
   CEnv* first_ = nullptr;
