@@ -33,6 +33,7 @@ void throw_unless_interrupted(const error_code& error, const char* operation) {
 
 struct StreamSocket::Impl {
   bool open();
+  void adopt(int descriptor, error_code& error);
   void close();
   void abort();
   bool connect(const tcp::endpoint& endpoint, Clock::time_point give_up);
@@ -50,9 +51,19 @@ bool StreamSocket::Impl::open() {
   const int descriptor = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP);
   if (descriptor < 0) return false;
   error_code error;
-  socket.assign(tcp::v4(), descriptor, error);
+  adopt(descriptor, error);
   if (error) ::close(descriptor);
   return !error;
+}
+
+// Only a socket that has the descriptor closes it.
+void StreamSocket::Impl::adopt(int descriptor, error_code& error) {
+  try {
+    socket.assign(tcp::v4(), descriptor, error);
+  } catch (...) {  // no memory to watch it with
+    ::close(descriptor);
+    throw;
+  }
 }
 
 void StreamSocket::Impl::close() {
