@@ -1,6 +1,7 @@
 #include "relay/connector_socket_wrapper.h"
 
 #include <array>
+#include <new>
 #include <stdexcept>
 #include <utility>
 #include <vector>
@@ -15,6 +16,9 @@
 #include "relay/packing.h"
 
 namespace {
+
+// Room for the usual reasons of a failure, taken while there is memory.
+constexpr std::size_t kReasonRoom = 512;
 
 // How much of a receive buffer is cleared before each frame.
 constexpr int kCleared = 2048;
@@ -81,21 +85,21 @@ ConnectorSocketWrapper::~ConnectorSocketWrapper() = default;
 
 int ConnectorSocketWrapper::ProcessRequests(std::string& error) {
   std::vector<unsigned char> buffer(getbuf::kBufferSize);
+  std::string reason;
+  reason.reserve(kReasonRoom);
+  error.reserve(kReasonRoom);
   while (true) {
     int length = 0;
     if (master_->ReceiveLine(reinterpret_cast<char*>(buffer.data()), kCleared, length) != 0) {
-      error = "No or unexpected data received from Corvane";
-      *log_ << error << "\n";
+      Fail("No or unexpected data received from Corvane", "", error);
       return 1;
     }
     unsigned code = 0;
     getbuf(buffer.data()).UnPack(code);
     *log_ << "Received header: " << static_cast<unsigned long>(code)
           << "\n";  // NOLINT(google-runtime-int)
-    std::string reason;
     if (Handle(code, buffer.data() + sizeof(code), reason) > 0) {
-      error = "Failed to handle data packet received from master: " + reason;
-      *log_ << error << "\n";
+      Fail("Failed to handle data packet received from master: ", reason.c_str(), error);
       return 2;
     }
     if (code == kShutdown) return 0;
@@ -107,14 +111,24 @@ int ConnectorSocketWrapper::Handle(unsigned code, const unsigned char* body, std
     RunHandler(code, body);
     return 0;
   } catch (const corvane_comms_exception& exception) {
-    error = std::string("Exception returned from Corvane comms: ") + exception.what();
+    Fail("Exception returned from Corvane comms: ", exception.what(), error);
   } catch (const std::runtime_error& exception) {
-    error = std::string("Exception returned from VK controller: ") + exception.what();
+    Fail("Exception returned from VK controller: ", exception.what(), error);
   } catch (const std::exception&) {
-    error = "Unknown exception";
+    Fail("Unknown exception", "", error);
   }
-  *log_ << error << "\n";
   return 1;
+}
+
+// Logs why a request failed, and says so in `error` as far as there is memory: it may be memory
+// that the request failed for.
+void ConnectorSocketWrapper::Fail(const char* text, const char* reason, std::string& error) {
+  *log_ << text << reason << "\n";
+  try {
+    error.assign(text).append(reason);
+  } catch (const std::bad_alloc&) {
+    error.clear();
+  }
 }
 
 void ConnectorSocketWrapper::RunHandler(unsigned code, const unsigned char* body) {

@@ -67,6 +67,7 @@ class ConnectorSocketWrapper {
   void SetWellInjectionComposition(const unsigned char* body);
 
  private:
+  void Fail(const char* text, const char* reason, std::string& error);
   void RunHandler(unsigned code, const unsigned char* body);
   void AwaitSubRequest(std::vector<unsigned char>& buffer, unsigned code, const char* complaint);
   void Acknowledge(int code);
