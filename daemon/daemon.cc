@@ -8,7 +8,9 @@
 #include <cstdint>
 #include <iostream>
 #include <memory>
+#include <new>
 #include <string>
+#include <utility>
 
 #include "daemon/answer.h"
 #include "daemon/globals.h"
@@ -80,9 +82,30 @@ void LogStart(flog& log, int argc, char** argv, bool pathFound) {
   }
 }
 
-Socket* AcceptOrExit(flog& log) {
+// A line with the time; without it when there is no memory for it.
+void LogTime(flog& log, const char* event) {
+  log << event;
   try {
-    return Gps->Accept();
+    log << timestamp();
+  } catch (const std::bad_alloc&) {
+    log << "\n";
+  }
+}
+
+// What the next connection's child needs to know. Null when there was no memory for it: that costs
+// the one connection, which its master sees end, and not the daemon.
+std::unique_ptr<CManagerInformation> AcceptOrExit(const Options& options, std::int32_t port,
+                                                  flog& log) {
+  try {
+    std::unique_ptr<Socket> master(Gps->Accept());
+    auto info = std::make_unique<CManagerInformation>(options.script, options.runAsRoot,
+                                                      options.startTimeout, port, options.commsLog,
+                                                      &log, master.get());
+    static_cast<void>(master.release());
+    return info;
+  } catch (const std::bad_alloc&) {
+    LogTime(log, "Error occurred accepting connection: ");
+    return nullptr;
   } catch (const char*) {
     log << "Socket failure in accept call - exiting ... \n";
     delete Gps;
@@ -94,27 +117,29 @@ Socket* AcceptOrExit(flog& log) {
 // refuses new masters instead of leaving them in the queue of a socket that nobody serves.
 int AnswerInChild(std::unique_ptr<CManagerInformation> info, flog& log) {
   Gps->Close();
-  log << "Answering call in child process: " << timestamp();
+  LogTime(log, "Answering call in child process: ");
   return Answer(info.release());
+}
+
+std::int32_t CommsPort(const Options& options, std::uint64_t counter) {
+  // In 64 bits: nothing keeps a base port from being given that does not fit behind itself.
+  return static_cast<std::int32_t>(
+      options.commsBasePort +
+      static_cast<std::int64_t>(counter % static_cast<std::uint64_t>(options.commsPorts)));
 }
 
 // Serves connections for ever in the daemon; returns in each connection child.
 int AcceptLoop(const Options& options, flog& log) {
   // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDeleteLeaks): what a failed fork leaves is kept
-  for (std::uint64_t counter = 0;; ++counter) {
-    Socket* master = AcceptOrExit(log);
-    // In 64 bits: nothing keeps a base port from being given that does not fit behind itself.
-    const auto port = static_cast<std::int32_t>(
-        options.commsBasePort +
-        static_cast<std::int64_t>(counter % static_cast<std::uint64_t>(options.commsPorts)));
-    auto info = std::make_unique<CManagerInformation>(options.script, options.runAsRoot,
-                                                      options.startTimeout, port, options.commsLog,
-                                                      &log, master);
-    log << "Accepted incoming connection: " << timestamp();
+  for (std::uint64_t counter = 0;;) {
+    auto info = AcceptOrExit(options, CommsPort(options, counter), log);
+    if (!info) continue;
+    LogTime(log, "Accepted incoming connection: ");
     const pid_t child = fork();
     if (child == 0) return AnswerInChild(std::move(info), log);
+    ++counter;
     if (child < 0) {
-      log << "Error occurred forking controlling thread: " << timestamp();
+      LogTime(log, "Error occurred forking controlling thread: ");
       // The master is left waiting rather than cut off: its socket stays open, with its record.
       static_cast<void>(info.release());
     }
@@ -122,9 +147,7 @@ int AcceptLoop(const Options& options, flog& log) {
   }
 }
 
-}  // namespace
-
-int RunDaemon(int argc, char** argv) {
+int StartAndServe(int argc, char** argv) {
   if (argc <= 1) return Fail(UsageText());
   Options options = ParseOptions(argc, argv);
   if (options.version) return Fail(VersionText());
@@ -146,4 +169,16 @@ int RunDaemon(int argc, char** argv) {
   const std::unique_ptr<flog> log = OpenLog(options.listenPort);
   LogStart(*log, argc, argv, pathFound);
   return AcceptLoop(options, *log);
+}
+
+}  // namespace
+
+int RunDaemon(int argc, char** argv) {
+  try {
+    return StartAndServe(argc, argv);
+  } catch (const std::bad_alloc&) {
+    // At the start only; the accept loop goes on without the connection that it has no memory for.
+    fputs("The jobmill has no memory to start with\n", stdout);
+    return 1;
+  }
 }
