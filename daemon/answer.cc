@@ -3,6 +3,7 @@
 #include <stdlib.h>
 
 #include <memory>
+#include <new>
 #include <string>
 
 #include "config/env_collection.h"
@@ -26,7 +27,17 @@ void ControlRun(const CManagerInformation& info, const RunRequest& run, const st
   if (controller.ProcessRequests(error) == 0) {
     log << "Process loop has exited naturally, going to sleep again ... \n";
   } else {
-    log << "Request process loop failed: " << error << "\n";
+    log << "Request process loop failed: " << error.c_str() << "\n";
+  }
+}
+
+// As far as there is memory for it: how the connection ends does not depend on it.
+void Tell(Socket& master, const std::string& refusal) {
+  if (refusal.empty()) return;
+  try {
+    master.SendLine(refusal);
+  } catch (const std::bad_alloc&) {
+    // The reason stands in the log; the master sees the connection end.
   }
 }
 
@@ -49,7 +60,7 @@ int Answer(void* info) {
     AnswerCall(*connection);
     return 0;
   } catch (const Refusal& refusal) {
-    if (!refusal.text.empty()) connection->master->SendLine(refusal.text);
+    Tell(*connection->master, refusal.text);
   } catch (const char* text) {
     log << "Socket connection failed: " << text << "\n";
   } catch (...) {

@@ -67,15 +67,20 @@ void ResetSignals() {
   sigprocmask(SIG_SETMASK, &none, nullptr);
 }
 
-// The script process from its first to its last instruction of ours. Returns when the script could
-// not be executed.
-void ExecuteScript(const std::vector<std::string>& arguments, int output, flog& log) {
+// The arguments as execv() takes them, with its end mark. They stay where they are.
+std::vector<char*> VectorOf(const std::vector<std::string>& arguments) {
   std::vector<char*> vector;
   vector.reserve(arguments.size() + 1);
   for (const std::string& argument : arguments) {
     vector.push_back(const_cast<char*>(argument.c_str()));
   }
   vector.push_back(nullptr);
+  return vector;
+}
+
+// The script process from its first to its last instruction of ours. Returns when the script could
+// not be executed. Allocates nothing: this process must not go on as a second connection child.
+void ExecuteScript(const std::vector<char*>& vector, int output, flog& log) {
   log << "Argument list\n";
   // The last entry is the end mark. Writing it silences the log: from here on standard output is
   // the script's.
@@ -120,14 +125,15 @@ void PrepareClusterRun(RunRequest& run, flog& log) {
 
 bool StartScript(const CManagerInformation& info, const RunRequest& run) {
   flog& log = *info.log;
+  const std::vector<std::string> arguments = {
+      info.script, std::to_string(Number(run.processes)), run.path,
+      run.root,    std::to_string(info.commsPort),        run.debugFlag};
+  const std::vector<char*> vector = VectorOf(arguments);
   std::array<int, 2> ends{};
   if (pipe2(ends.data(), O_CLOEXEC) != 0) {
     log << "Error: pipe failed\n";
     throw Refusal{};
   }
-  const std::vector<std::string> arguments = {
-      info.script, std::to_string(Number(run.processes)), run.path,
-      run.root,    std::to_string(info.commsPort),        run.debugFlag};
   const auto [readEnd, writeEnd] = ends;
   const pid_t script = fork();
   if (script < 0) {
@@ -135,7 +141,7 @@ bool StartScript(const CManagerInformation& info, const RunRequest& run) {
     throw Refusal{};
   }
   if (script == 0) {
-    ExecuteScript(arguments, writeEnd, log);
+    ExecuteScript(vector, writeEnd, log);
     return false;
   }
   dup2(readEnd, STDIN_FILENO);
