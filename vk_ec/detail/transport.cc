@@ -68,8 +68,14 @@ RecvMessage::RecvMessage(StreamSocket& socket, std::vector<unsigned char>& buffe
     : buffer_(buffer) {
   if (!buffer_.empty())
     throw std::logic_error("Cannot receive a message as the previous message is still on going.");
+  buffer_.reserve(1);
   auto [total, chunk] = read_initial_header(socket);
-  buffer_.resize(std::min(total, trusted_total));
+  try {
+    buffer_.resize(std::min(total, trusted_total));
+  } catch (...) {
+    buffer_.resize(1);  // refuses what would be read from the middle of this message
+    throw;
+  }
   std::uint64_t offset = 0;
   while (offset < total) {
     if (chunk > total - offset)
