@@ -1,3 +1,4 @@
+#include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -281,6 +282,7 @@ void Check(const Outcome& outcome, const Outcome& undisturbed, long failing, Fai
 
 template <class Connector>
 void Sweep(const Request& request, bool connected) {
+  signal(SIGPIPE, SIG_IGN);
   std::cout.setstate(std::ios::badbit);  // what is logged there is in the log's file too
   Serve<Connector>(request, connected, kUndisturbed,
                    Failing::kOnce);  // warms what is kept for good
