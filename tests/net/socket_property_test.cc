@@ -1,7 +1,9 @@
 #include <sched.h>
 #include <sys/ioctl.h>
+#include <sys/socket.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -29,17 +31,25 @@ std::string Frame(const std::string& body) {
 class PiecewisePeer {
  public:
   PiecewisePeer(const SocketPair& pair, std::vector<std::string> pieces)
-      : thread_([receiver = pair.ours.get(), sender = pair.peer.get(), all = std::move(pieces)] {
-          for (const std::string& piece : all) {
-            WriteAll(sender, piece);
-            for (int waiting = 1; waiting > 0; sched_yield()) ioctl(receiver, FIONREAD, &waiting);
-          }
-        }) {}
+      : thread_(
+            [this, receiver = pair.ours.get(), sender = pair.peer.get(), all = std::move(pieces)] {
+              for (const std::string& piece : all) {
+                WriteAll(sender, piece);
+                for (int waiting = 1; waiting > 0 && !over_; sched_yield()) {
+                  ioctl(receiver, FIONREAD, &waiting);
+                }
+              }
+              shutdown(sender, SHUT_WR);
+            }) {}
   PiecewisePeer(const PiecewisePeer&) = delete;
   PiecewisePeer& operator=(const PiecewisePeer&) = delete;
-  ~PiecewisePeer() { thread_.join(); }
+  ~PiecewisePeer() {
+    over_ = true;  // a receiver that has failed takes no more
+    thread_.join();
+  }
 
  private:
+  std::atomic<bool> over_{false};
   std::thread thread_;
 };
 

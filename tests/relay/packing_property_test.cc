@@ -29,7 +29,7 @@ std::string BytesOf(const sendbuf& reply) {
 }
 
 rc::Gen<Texts> AnyTexts() {
-  return rc::gen::container<Texts>(any::Bytes());
+  return rc::gen::resize(25, rc::gen::container<Texts>(any::Bytes()));  // nested lists get long
 }
 std::string UpToZero(const std::string& text) {
   return text.substr(0, text.find('\0'));
@@ -70,8 +70,9 @@ RC_GTEST_PROP(PackingProperty, RoomThatWasMadeHoldsTheReplyWithoutGrowing, ()) {
 RC_GTEST_PROP(PackingProperty, TextsNumbersAndGroupsComeBack, ()) {
   const Texts texts = *AnyTexts();
   const Numbers numbers = *any::Doubles();
-  const auto textGroups = *rc::gen::container<std::vector<Texts>>(AnyTexts());
-  const auto numberGroups = *rc::gen::container<std::vector<Numbers>>(any::Doubles());
+  const auto textGroups = *rc::gen::resize(12, rc::gen::container<std::vector<Texts>>(AnyTexts()));
+  const auto numberGroups =
+      *rc::gen::resize(12, rc::gen::container<std::vector<Numbers>>(any::Doubles()));
   sendbuf request;
   for (const std::string& text : texts) request.Pack(text);
   request.Pack(numbers.data(), static_cast<int>(numbers.size()));
