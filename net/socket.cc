@@ -16,14 +16,13 @@
 #include <array>
 #include <limits>
 #include <memory>
-#include <vector>
 
 namespace {
 
 constexpr std::size_t kLengthBytes = 4;
+constexpr std::size_t kBlockBytes = 16384;
 
-// The longest line of the handshake. Longer ones never complete, so that a stranger's cost no
-// memory.
+// The longest line of the handshake.
 constexpr int kMaxLine = std::numeric_limits<std::int16_t>::max();
 
 // One send() that no finished child can cut short: an interrupted blocking send reports what had
@@ -164,35 +163,32 @@ std::string Socket::ReceiveLine(int& length) {
   length = 0;
   std::string text;
   std::array<char, kLengthBytes> field{};
-  std::size_t count = 0;
-  while (true) {
-    char byte = 0;
+  for (char& byte : field) {
     const ssize_t got = recv(handle_, &byte, 1, 0);
     if (got < 0 && errno == EAGAIN) return text;
     if (got <= 0) {
       length = 0;
       return {};
     }
-    if (count == kLengthBytes) {
-      text += byte;
-    } else {
-      field[count++] = byte;
-      memcpy(&length, field.data(), sizeof(length));
-      if (count < kLengthBytes) continue;
-      if (length > kMaxLine) return DropRest(length);
-    }
-    if (static_cast<int>(text.size()) >= length) return text;
+    memcpy(&length, field.data(), sizeof(length));
   }
-}
-
-std::string Socket::DropRest(int& length) const {
-  std::vector<char> dropped(kMaxFrame);
-  ssize_t got = 0;
-  do {
-    got = recv(handle_, dropped.data(), dropped.size(), 0);
-  } while (got > 0);
-  if (got == 0 || errno != EAGAIN) length = 0;
-  return {};
+  // A length beyond this never completes. Handshake lines are short, and a stranger's long ones
+  // cost no memory: they are dropped as they come, a block at a time.
+  const bool endless = length > kMaxLine;
+  std::array<char, kBlockBytes> block;
+  auto missing = static_cast<std::size_t>(std::max(length, 0));
+  while (missing > 0) {
+    const ssize_t got = recv(handle_, block.data(), std::min(missing, block.size()), 0);
+    if (got < 0 && errno == EAGAIN) return text;
+    if (got <= 0) {
+      length = 0;
+      return {};
+    }
+    if (endless) continue;
+    text.append(block.data(), static_cast<std::size_t>(got));
+    missing -= static_cast<std::size_t>(got);
+  }
+  return text;
 }
 
 int Socket::SendLine(const std::string& text) {

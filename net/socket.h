@@ -88,7 +88,5 @@ class Socket {
   std::int32_t* references_;  ///< shared by all copies
 
  private:
-  std::string DropRest(int& length) const;
-
   static std::int32_t nofSockets_;  // for diagnostics
 };
