@@ -1,0 +1,697 @@
+#include "tests/hostile/runner.h"
+
+#include <arpa/inet.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sched.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/mount.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <regex>
+#include <stdexcept>
+#include <utility>
+
+#include "tests/hostile/notation.h"
+#include "tests/support/child_process.h"
+#include "tests/support/ports.h"
+#include "tests/support/socket_pair.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+#ifdef __SANITIZE_ADDRESS__
+constexpr bool kSanitized = true;
+#else
+constexpr bool kSanitized = false;
+#endif
+
+// Under the sanitizers memory says nothing and everything takes its time.
+constexpr int kPatienceFactor = kSanitized ? 10 : 1;
+constexpr seconds kPatience{kSanitized ? 60 : 20};
+
+constexpr const char* kPath = "/usr/local/bin:/usr/bin:/bin";
+constexpr const char* kSanitizer = "detect_leaks=0";  // a traced process cannot look for leaks
+
+struct Failure : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+[[noreturn]] void Differ(const std::string& what, const std::string& wanted,
+                         const std::string& came) {
+  throw Failure(what + "\n  expected: " + Readable(wanted) + "\n  came:     " + Readable(came));
+}
+
+// One end of a connection in the hands of the test.
+class Link {
+ public:
+  Link() = default;
+  explicit Link(Descriptor descriptor) : descriptor_(std::move(descriptor)) {
+    const int on = 1;
+    setsockopt(descriptor_.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+  }
+
+  bool open() const { return descriptor_.get() >= 0; }
+  void Close() { descriptor_ = Descriptor(); }
+  void HalfClose() const { shutdown(descriptor_.get(), SHUT_WR); }
+  void Reset() {
+    const linger now{1, 0};
+    setsockopt(descriptor_.get(), SOL_SOCKET, SO_LINGER, &now, sizeof(now));
+    Close();
+  }
+
+  // Sends all of it; with `flood` as much of it as the peer takes before it ends the connection.
+  void Send(std::string_view bytes, bool flood) const {
+    const auto limit = Clock::now() + kPatience;
+    while (!bytes.empty()) {
+      const ssize_t sent =
+          send(descriptor_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+      if (sent > 0) {
+        bytes.remove_prefix(static_cast<std::size_t>(sent));
+      } else if (errno == EAGAIN) {
+        if (!Await(POLLOUT, limit)) throw Failure("nobody takes what is sent");
+      } else if (flood) {
+        return;
+      } else {
+        throw Failure(std::string("cannot send: ") + strerror(errno));
+      }
+    }
+  }
+
+  // Up to `size` bytes; fewer when the connection ends, or when `limit` comes, before.
+  std::string Receive(std::size_t size, Clock::time_point limit, bool& ended) const {
+    std::string bytes;
+    ended = false;
+    while (bytes.size() < size && Await(POLLIN, limit)) {
+      std::string part(std::min<std::size_t>(size - bytes.size(), 1 << 20), '\0');
+      const ssize_t got = recv(descriptor_.get(), part.data(), part.size(), 0);
+      ended = got <= 0;
+      if (ended) break;
+      bytes.append(part, 0, static_cast<std::size_t>(got));
+    }
+    return bytes;
+  }
+
+  void Hear(const std::string& wanted, const std::string& what) const {
+    bool ended = false;
+    const std::string came = Receive(wanted.size(), Clock::now() + kPatience, ended);
+    if (came != wanted) Differ(what + (ended ? ", then the end" : ""), wanted, came);
+  }
+
+  void HearEnd(const std::string& what) const {
+    bool ended = false;
+    const std::string came = Receive(1000, Clock::now() + kPatience, ended);
+    if (!came.empty()) Differ(what, "the end", came);
+    if (!ended) throw Failure(what + ": no end");
+  }
+
+  void HearNothing(milliseconds time, const std::string& what) const {
+    bool ended = false;
+    const std::string came = Receive(1, Clock::now() + time, ended);
+    if (ended || !came.empty()) Differ(what, "silence", ended ? "the end" : came);
+  }
+
+ private:
+  bool Await(short event, Clock::time_point limit) const {
+    const auto left = std::chrono::duration_cast<milliseconds>(limit - Clock::now());
+    pollfd waited{descriptor_.get(), event, 0};
+    return poll(&waited, 1, static_cast<int>(std::max<std::int64_t>(left.count(), 0))) == 1;
+  }
+
+  Descriptor descriptor_;
+};
+
+sockaddr_in Loopback(std::int64_t port) {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  address.sin_port = htons(static_cast<std::uint16_t>(port));
+  return address;
+}
+
+Descriptor Listen(std::int64_t port) {
+  Descriptor listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const int on = 1;
+  setsockopt(listener.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
+  const sockaddr_in address = Loopback(port);
+  if (bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
+      listen(listener.get(), 5) != 0) {
+    throw Failure("cannot listen on " + std::to_string(port) + ": " + strerror(errno));
+  }
+  return listener;
+}
+
+Link Connect(int port) {
+  Descriptor master(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const sockaddr_in address = Loopback(port);
+  if (connect(master.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0)
+    throw Failure(std::string("no connection to the daemon: ") + strerror(errno));
+  return Link(std::move(master));
+}
+
+bool BothFree(std::int64_t port) {
+  try {
+    Listen(port);
+    Listen(port + 1);
+    return true;
+  } catch (const Failure&) {
+    return false;
+  }
+}
+
+// Two ports that no connecting socket is given by chance, next to each other.
+std::int64_t FreeCommsPorts() {
+  const auto start = 12'000 + (static_cast<std::int64_t>(getpid()) * 16) % 16'000;
+  for (std::int64_t port = start; port < 32'000; port += 2) {
+    if (BothFree(port)) return port;
+  }
+  throw std::runtime_error("no two free ports");
+}
+
+std::string ArgumentOf(const std::vector<std::string>& arguments, const std::string& option,
+                       const std::string& otherwise) {
+  const auto found = std::find(arguments.begin(), arguments.end(), option);
+  return found == arguments.end() || found + 1 == arguments.end() ? otherwise : *(found + 1);
+}
+
+void CleanEnvironment() {
+  clearenv();
+  setenv("PATH", kPath, 1);
+  if (kSanitized) setenv("ASAN_OPTIONS", kSanitizer, 1);
+  // Where only ancestors may trace, the watcher is none.
+  prctl(PR_SET_PTRACER, PR_SET_PTRACER_ANY);
+}
+
+bool UseOwnAccounts(const std::string& passwords) {
+  return unshare(CLONE_NEWNS) == 0 &&
+         mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+         mount(passwords.c_str(), "/etc/passwd", nullptr, MS_BIND, nullptr) == 0;
+}
+
+void Put(const std::string& file, const std::string& content, mode_t mode) {
+  std::ofstream(file, std::ios::binary | std::ios::trunc) << content;
+  chmod(file.c_str(), mode);
+}
+
+// One case at work.
+class Conversation {
+ public:
+  Conversation(const Case& wanted, WatchedDaemon& daemon)
+      : wanted_(wanted), daemon_(daemon), directory_(daemon.daemon().directory().path().string()) {}
+
+  std::string Run(Figures& figures) {
+    std::string complaint;
+    std::optional<Ended> ended;
+    try {
+      Prepare();
+      Talk();
+      complaint = CompareWithEnd(ended);
+    } catch (const Failure& failure) {
+      complaint = failure.what() + std::string("\n");
+      Link().Close();
+      master_.Close();
+      simulator_.Close();
+      listener_ = Descriptor();
+      if (!ended) ended = AwaitEnd();
+      complaint += "the daemon log says: " + Readable(DaemonLog()) +
+                   "\nthe comms log says: " + Readable(CommsLog()) + "\n";
+    }
+    if (ended) figures = {ended->memory, ended->processor};
+    CleanUp();
+    return complaint;
+  }
+
+ private:
+  // --- files ---
+
+  std::string Bytes(const std::string& text) const { return Notated(Replace(text, variables_)); }
+
+  // A text with variables, and with notation in ${}.
+  std::string Filled(const std::string& templ) const {
+    std::string text = Replace(templ, variables_);
+    std::string filled;
+    std::size_t at = 0;
+    while (true) {
+      const std::size_t begin = text.find("${", at);
+      if (begin == std::string::npos) break;
+      const std::size_t end = text.find('}', begin);
+      filled += text.substr(at, begin - at);
+      filled += Notated(text.substr(begin + 2, end - begin - 2));
+      at = end + 1;
+    }
+    return filled + text.substr(at);
+  }
+
+  std::string Field(const std::string& name) const {
+    const auto field = wanted_.fields.find(name);
+    if (field != wanted_.fields.end()) return Filled(field->second);
+    static const std::map<std::string, std::string> usual = {
+        {"cluster", "0"},     {"root", "CASE"},  {"processes", "1"},
+        {"version", "20172"}, {"user", "alice"}, {"flag", "0"}};
+    return name == "path" ? directory_ + "/" : usual.at(name);
+  }
+
+  void PlaceFile(const std::string& key, const std::string& name, mode_t mode) {
+    const auto file = wanted_.files.find(key);
+    if (file == wanted_.files.end()) return;
+    placed_.push_back(name);
+    Put(name, Filled(file->second), mode);
+  }
+
+  // What stands in the place of a file.
+  void PlaceKind(const std::string& key, const std::string& name) {
+    const auto kind = wanted_.files.find(key + "_is");
+    if (kind == wanted_.files.end()) return;
+    std::error_code ignored;
+    if (kind->second != "unreadable" && kind->second != "busy") fs::remove_all(name, ignored);
+    placed_.push_back(name);
+    if (kind->second == "directory") {
+      fs::create_directory(name);
+    } else if (kind->second == "pipe") {
+      mkfifo(name.c_str(), 0644);
+    } else if (kind->second == "loop") {
+      fs::create_symlink(name, name);
+    } else if (kind->second == "socket") {
+      BindLocal(name);
+    } else if (kind->second == "unreadable") {
+      chmod(name.c_str(), 0);
+    } else if (kind->second == "busy") {
+      busy_ = Descriptor(open(name.c_str(), O_WRONLY | O_CLOEXEC));
+    } else if (kind->second.starts_with("link to ")) {
+      fs::create_symlink(Replace(kind->second.substr(8), variables_), name);
+    } else if (kind->second != "absent") {
+      throw Failure("unknown kind of file " + kind->second);
+    }
+  }
+
+  static void BindLocal(const std::string& name) {
+    const Descriptor local(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    name.copy(address.sun_path, sizeof(address.sun_path) - 1);
+    if (bind(local.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0)
+      throw Failure("cannot place a socket");
+  }
+
+  void Prepare() {
+    while (daemon_.watcher().Next(Clock::now())) {
+      // what an earlier case did not ask for
+    }
+    const std::string script = daemon_.File("script");
+    logBegin_ = fs::file_size(daemon_.daemon().LogFile());
+    port_ = daemon_.TakeCommsPort();
+    variables_ = {{"DIR", directory_},
+                  {"SCRIPT", script},
+                  {"PORT", std::to_string(port_)},
+                  {"ENV", std::string("env PATH=") + kPath + "\n" +
+                              (kSanitized ? std::string("env ASAN_OPTIONS=") + kSanitizer + "\n"
+                                          : std::string())},
+                  {"REQUEST", ""}};
+    for (const char* name : {"cluster", "path", "root", "processes", "version", "user", "flag"}) {
+      variables_[name] = Field(name);
+    }
+    commsFile_ = directory_ + "/CASE.crvnlog";
+    if (!wanted_.commsFile.empty()) commsFile_ = Filled(wanted_.commsFile);
+    std::error_code ignored;
+    fs::remove(commsFile_, ignored);
+    PlaceFile("users", daemon_.File(".vk_corvane_users"), 0644);
+    PlaceFile("environment", daemon_.File(".vk_corvane_env"), 0644);
+    PlaceFile("script", script, 0755);
+    const auto prints = wanted_.files.find("prints");
+    if (prints != wanted_.files.end()) {
+      Put(daemon_.File("prints"), Filled(prints->second), 0644);
+      Put(script, "#!/bin/sh\nexec cat '" + daemon_.File("prints") + "'\n", 0755);
+      placed_.push_back(script);
+    }
+    PlaceKind("users", daemon_.File(".vk_corvane_users"));
+    PlaceKind("environment", daemon_.File(".vk_corvane_env"));
+    PlaceKind("script", script);
+    FillLogVariables();
+  }
+
+  // The lines of a usual handshake and launch, for the cases to put together.
+  void FillLogVariables() {
+    variables_["REQUEST"] = "Clust: " + Field("cluster") + "\nPath: " + Field("path") +
+                            "\nRoot: " + Field("root") + "\nProc: " + Field("processes") +
+                            "\nVer: " + Field("version") + "\n";
+    variables_["PERSON"] = "Windows user received: " + Field("user") +
+                           "\nDebug flag received: " + Field("flag") + "\n";
+    variables_["ARGUMENTS"] = "Argument list\nArg 1: " + variables_["SCRIPT"] +
+                              "\nArg 2: " + Field("processes") + "\nArg 3: " + Field("path") +
+                              "\nArg 4: " + Field("root") + "\nArg 5: " + std::to_string(port_) +
+                              "\nArg 6: " + Field("flag") + "\nArg 7: ";
+    variables_["HOST"] = "HOST=127.0.0.1\nHost detected: 127.0.0.1" + std::string(1, '\0') + "\n";
+  }
+
+  void CleanUp() {
+    busy_ = Descriptor();
+    std::error_code ignored;
+    for (const std::string& file : placed_) {
+      if (file != daemon_.File("script")) fs::remove_all(file, ignored);
+    }
+    if (std::find(placed_.begin(), placed_.end(), daemon_.File("script")) != placed_.end()) {
+      fs::remove_all(daemon_.File("script"), ignored);
+      Put(daemon_.File("script"), kUsualScript, 0755);
+    }
+    fs::remove(commsFile_, ignored);
+  }
+
+  // --- the talk ---
+
+  void Talk() {
+    const bool withSimulator =
+        wanted_.start == "connected" ||
+        std::any_of(wanted_.steps.begin(), wanted_.steps.end(),
+                    [](const std::string& step) { return step.starts_with("sim-"); });
+    if (withSimulator) listener_ = Listen(port_);
+    master_ = Connect(daemon_.daemon().port());
+    master_.Hear(Notated("text('3')"), "the version");
+    if (wanted_.start != "raw") Launch();
+    if (wanted_.start == "connected") ConnectSimulator();
+    for (const std::string& step : wanted_.steps) {
+      try {
+        Take(step);
+      } catch (const std::exception& error) {
+        throw Failure("step \"" + step.substr(0, 200) + "\": " + error.what());
+      }
+    }
+    EndTalk();
+  }
+
+  void Launch() {
+    std::string all = Notated("text('3')");
+    for (const char* name : {"cluster", "path", "root", "processes", "version", "user", "flag"}) {
+      const std::string text = Field(name);
+      const auto length = static_cast<std::uint32_t>(text.size());
+      all.append(reinterpret_cast<const char*>(&length), sizeof(length)).append(text);
+    }
+    master_.Send(all, false);
+    if (wanted_.start == "run" || wanted_.start == "connected")
+      master_.Hear(Notated("text('OK|127.0.0.1' 00)"), "the host");
+  }
+
+  void ConnectSimulator() {
+    master_.Send(Notated("ask(1)"), false);
+    Accept();
+    simulator_.Hear(Notated("message(mess(SETUP) cstr(VERSION, 'V2') mess(END))"), "the set-up");
+    simulator_.Send(Notated("message(mess(STARTED) cstr(ERRORS) mess(END))"
+                            "message(mess(STEP) cstr(POSITION, 'MODEL_DEFINITION') doub(TIME, 0)"
+                            "        inte(DATE, 2026, 1, 1, 0, 0, 0) mess(END))"),
+                    false);
+    master_.Hear(Notated("reply(1)"), "the reply to the connection");
+  }
+
+  void Accept() {
+    pollfd waiting{listener_.get(), POLLIN, 0};
+    const int patience = static_cast<int>(milliseconds(kPatience).count());
+    if (poll(&waiting, 1, patience) != 1) throw Failure("no connection to the simulator");
+    simulator_ = Link(Descriptor(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC)));
+  }
+
+  void SkipMessage() {
+    bool ended = false;
+    const auto limit = Clock::now() + kPatience;
+    const auto number = [&] {
+      const std::string bytes = simulator_.Receive(8, limit, ended);
+      std::uint64_t value = 0;
+      if (bytes.size() != sizeof(value)) throw Failure("no request to the simulator");
+      std::memcpy(&value, bytes.data(), sizeof(value));
+      return value;
+    };
+    std::uint64_t left = number();
+    do {
+      const std::uint64_t chunk = number();
+      if (simulator_.Receive(chunk, limit, ended).size() != chunk)
+        throw Failure("half a request to the simulator");
+      left -= chunk;
+    } while (left > 0);
+  }
+
+  void Take(const std::string& step) {
+    const std::size_t blank = std::min(step.find(' '), step.size());
+    std::string verb = step.substr(0, blank);
+    const std::string rest = step.substr(blank);
+    if (verb == "pause") return static_cast<void>(usleep(Milliseconds(rest) * 1000));
+    if (verb == "write-users") return Feed(daemon_.File(".vk_corvane_users"), Bytes(rest));
+    if (verb == "write-environment") return Feed(daemon_.File(".vk_corvane_env"), Bytes(rest));
+    if (verb == "sim-accept") return Accept();
+    if (verb == "sim-skip") return SkipMessage();
+    const bool simulator = verb.starts_with("sim-");
+    if (simulator) verb.erase(0, 4);
+    TakeOn(simulator ? simulator_ : master_, verb, rest, simulator ? "simulator" : "master");
+  }
+
+  void TakeOn(Link& link, const std::string& verb, const std::string& rest,
+              const std::string& who) {
+    if (verb == "say") {
+      link.Send(Bytes(rest), false);
+    } else if (verb == "flood") {
+      link.Send(Bytes(rest), true);
+    } else if (verb == "drip") {
+      Drip(link, rest);
+    } else if (verb == "hear") {
+      link.Hear(Bytes(rest), "what the " + who + " hears");
+    } else if (verb == "hear-end") {
+      link.HearEnd("what the " + who + " hears");
+    } else if (verb == "silence") {
+      link.HearNothing(milliseconds(Milliseconds(rest)), "what the " + who + " hears");
+    } else if (verb == "half-close") {
+      link.HalfClose();
+    } else if (verb == "leave") {
+      link.Close();
+    } else if (verb == "reset") {
+      link.Reset();
+    } else {
+      throw Failure("unknown step");
+    }
+  }
+
+  static unsigned Milliseconds(const std::string& text) {
+    return static_cast<unsigned>(std::stoul(text));
+  }
+
+  // One byte a segment, with a pause behind each.
+  void Drip(const Link& link, const std::string& rest) const {
+    std::size_t used = 0;
+    const auto pause = static_cast<unsigned>(std::stoul(rest, &used));
+    for (const char byte : Bytes(rest.substr(used))) {
+      link.Send({&byte, 1}, false);
+      usleep(pause * 1000);
+    }
+  }
+
+  // Writes into a pipe, once somebody reads from it.
+  static void Feed(const std::string& pipe, const std::string& bytes) {
+    const auto limit = Clock::now() + kPatience;
+    int descriptor = -1;
+    while ((descriptor = open(pipe.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC)) < 0) {
+      if (Clock::now() > limit) throw Failure("nobody reads the pipe");
+      usleep(2000);
+    }
+    const Descriptor writer(descriptor);
+    if (write(writer.get(), bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size()))
+      throw Failure("nobody takes what is written");
+  }
+
+  void EndTalk() {
+    if (wanted_.end == "left") {
+      master_.Close();
+    } else if (!wanted_.refusal.empty()) {
+      const std::string text = Filled(wanted_.refusal);
+      const auto length = static_cast<std::uint32_t>(text.size());
+      master_.Hear(std::string(reinterpret_cast<const char*>(&length), 4) + text, "the refusal");
+    }
+    if (master_.open()) master_.HearEnd("what the master hears at the end");
+    simulator_.Close();
+    listener_ = Descriptor();
+  }
+
+  // --- what came of it ---
+
+  // The end of the connection child; one that does not end is ended.
+  std::optional<Ended> AwaitEnd() {
+    const auto limit = Clock::now() + kPatience;
+    const pid_t daemon = daemon_.daemon().pid();
+    while (true) {
+      const auto ended = daemon_.watcher().Next(limit);
+      if (!ended) break;
+      if (ended->parent == daemon) return ended;
+      script_ = ended;
+    }
+    for (const pid_t child : ChildrenOf(daemon)) kill(child, SIGKILL);
+    daemon_.watcher().Next(Clock::now() + kPatience);
+    throw Failure("the connection child does not end");
+  }
+
+  std::string DaemonLog() const {
+    std::ifstream file(daemon_.daemon().LogFile(), std::ios::binary);
+    file.seekg(static_cast<std::streamoff>(logBegin_));
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+  }
+
+  std::string CommsLog() const {
+    std::ifstream file(commsFile_, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+  }
+
+  std::string CompareWithEnd(std::optional<Ended>& ended) {
+    ended = AwaitEnd();
+    std::string complaint;
+    const auto compare = [&complaint](const std::string& what, const auto& wanted,
+                                      const auto& came) {
+      if (wanted != came)
+        complaint +=
+            what + ": expected " + std::to_string(wanted) + ", came " + std::to_string(came) + "\n";
+    };
+    const auto bound = [&complaint](const std::string& what, std::int64_t most, std::int64_t came) {
+      if (came > most)
+        complaint +=
+            what + ": at most " + std::to_string(most) + ", came " + std::to_string(came) + "\n";
+    };
+    compare("exit status", wanted_.exit, ended->status);
+    if (wanted_.user) compare("account", *wanted_.user, static_cast<std::int64_t>(ended->user));
+    if (wanted_.scriptExit) {
+      // The two end in any order.
+      if (!script_) script_ = daemon_.watcher().Next(Clock::now() + kPatience);
+      compare("exit status of the script process", *wanted_.scriptExit,
+              script_ ? script_->status : -1);
+    }
+    if (!kSanitized) bound("resident memory in KiB", wanted_.memory * 1024, ended->memory);
+    bound("processor time in microseconds", wanted_.processor * 1000 * kPatienceFactor,
+          ended->processor);
+    CompareText("daemon log", WantedLog(), WithoutTimes(DaemonLog()), complaint);
+    CompareText("comms log", WantedComms(), CommsLog(), complaint);
+    return complaint;
+  }
+
+  static void CompareText(const std::string& what, const std::string& wanted,
+                          const std::string& came, std::string& complaint) {
+    if (wanted == came) return;
+    const auto differ = std::mismatch(wanted.begin(), wanted.end(), came.begin(), came.end());
+    complaint += what + ", from byte " + std::to_string(differ.first - wanted.begin()) +
+                 " on\n  expected: " + Readable(wanted) + "\n  came:     " + Readable(came) + "\n";
+  }
+
+  static std::string WithoutTimes(const std::string& log) {
+    static const std::regex begin(
+        "^Accepted incoming connection: \\w{3} \\w{3} [ \\d]\\d \\d\\d:\\d\\d:\\d\\d \\d{4}\n"
+        "Answering call in child process: \\w{3} \\w{3} [ \\d]\\d \\d\\d:\\d\\d:\\d\\d \\d{4}\n");
+    const std::string head = log.substr(0, 200);
+    std::smatch found;
+    if (!std::regex_search(head, found, begin)) return log;
+    return log.substr(static_cast<std::size_t>(found.length()));
+  }
+
+  std::string WantedLog() const {
+    const std::string log = wanted_.log ? *wanted_.log : "${REQUEST}${PERSON}${ARGUMENTS}${HOST}";
+    return "Sending back version number: 3\n" + Filled(log);
+  }
+
+  std::string WantedComms() const {
+    if (wanted_.end.empty() || wanted_.commsFile == "none") return {};
+    std::string text;
+    if (wanted_.start == "connected") {
+      const std::string timeout = ArgumentOf(wanted_.arguments, "-t", "60");
+      text = "Received header: 1\nConnect on host: 127.0.0.1" + std::string(1, '\0') +
+             ", port: " + std::to_string(port_) + ", timeout: " + timeout + "\n";
+    }
+    return text + Filled(wanted_.comms) + Outcome();
+  }
+
+  std::string Outcome() const {
+    if (wanted_.end == "shut down")
+      return "Process loop has exited naturally, going to sleep again ... \n";
+    const std::string last = "Request process loop failed: ";
+    if (wanted_.end == "left" || wanted_.end == "no frame") {
+      const std::string reason = "No or unexpected data received from Corvane\n";
+      return reason + last + reason;
+    }
+    std::string reason = "Unknown exception";
+    if (wanted_.end.starts_with("controller: ")) {
+      reason = "Exception returned from VK controller: " + Filled(wanted_.end.substr(12));
+    } else if (wanted_.end.starts_with("master: ")) {
+      reason = "Exception returned from Corvane comms: " + Filled(wanted_.end.substr(8));
+    } else if (wanted_.end != "unknown") {
+      throw Failure("unknown end " + wanted_.end);
+    }
+    const std::string failed = "Failed to handle data packet received from master: " + reason;
+    return reason + "\n" + failed + "\n" + last + failed + "\n";
+  }
+
+ public:
+  static constexpr const char* kUsualScript = "#!/bin/sh\necho HOST=127.0.0.1\n";
+
+ private:
+  const Case& wanted_;
+  WatchedDaemon& daemon_;
+  std::string directory_;
+  std::map<std::string, std::string> variables_;
+  std::vector<std::string> placed_;
+  std::string commsFile_;
+  std::int64_t port_ = 0;
+  std::uintmax_t logBegin_ = 0;
+  Descriptor busy_;
+  Descriptor listener_;
+  Link master_;
+  Link simulator_;
+  std::optional<Ended> script_;
+};
+
+}  // namespace
+
+WatchedDaemon::WatchedDaemon(const std::vector<std::string>& arguments, bool asRoot) {
+  commsBase_ = std::stoll(ArgumentOf(arguments, "-o", "0"));
+  RunningDaemon::Options options;
+  options.arguments = arguments;
+  if (commsBase_ == 0) {
+    commsBase_ = FreeCommsPorts();
+    options.arguments.insert(options.arguments.end(),
+                             {"-o", std::to_string(commsBase_), "-n", "2"});
+  } else {
+    commsPorts_ = std::stoll(ArgumentOf(arguments, "-n", "100"));
+  }
+  options.script = Conversation::kUsualScript;
+  options.users = "-";
+  options.environment = "-";
+  const TemporaryDirectory accounts;
+  const std::string passwords = accounts.Write("passwd",
+                                               "root:x:0:0::/root:/bin/sh\n"
+                                               "alice:x:61001:61001::/:/bin/sh\n"
+                                               "bob:x:61002:61002::/:/bin/sh\n"
+                                               "runner:x:61003:61003::/:/bin/sh\n");
+  fs::permissions(passwords, fs::perms(0644));
+  options.inChild = [passwords, asRoot] {
+    CleanEnvironment();
+    if (asRoot && !UseOwnAccounts(passwords)) _exit(125);
+    return 0;
+  };
+  daemon_ = std::make_unique<RunningDaemon>(options);
+  watcher_ = std::make_unique<Watcher>(daemon_->pid());
+}
+
+std::int64_t WatchedDaemon::TakeCommsPort() {
+  return commsBase_ + connections_++ % commsPorts_;
+}
+
+std::string RunCase(const Case& wanted, WatchedDaemon& daemon, Figures& figures) {
+  return Conversation(wanted, daemon).Run(figures);
+}
