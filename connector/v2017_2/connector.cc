@@ -24,14 +24,13 @@ void Connector::SetWellInjectionComposition(const std::vector<std::string>& sour
   if (sources.size() != compositions.size()) {
     throw std::runtime_error("Inconsistent data sent to SetWellInjectionComposition");
   }
-  vk_ec::VarnokClient& simulator = own_client();
   for (std::size_t i = 0; i < sources.size(); ++i) {
     std::vector<std::string> names;
     names.reserve(compositions[i].size());
     for (std::size_t component = 1; component <= compositions[i].size(); ++component) {
       names.push_back("TOTAL_MOLE_FRACTION[" + std::to_string(component) + "]");
     }
-    simulator.set_composition_of_fluid_source_external(sources[i], compositions[i], names, "");
+    own_client().set_composition_of_fluid_source_external(sources[i], compositions[i], names, "");
   }
 }
 

@@ -133,6 +133,10 @@ TEST_F(Injection2017Test, NoSourcesSendNothing) {
   EXPECT_TRUE(Requests().empty());
 }
 
+TEST_F(Injection2017Test, NoSourcesNeedNoConnection) {
+  EXPECT_NO_THROW(connector_.SetWellInjectionComposition({}, {}));
+}
+
 TEST_F(Injection2017Test, ListsOfDifferentLengthFailBeforeAnythingIsSent) {
   Connect();
   EXPECT_EQ(FailureOf([this] {
