@@ -102,7 +102,7 @@ int main(int argc, char** argv) {
   testing::InitGoogleTest(&argc, argv);
   signal(SIGPIPE, SIG_IGN);
   auto& families = Families();
-  families.push_back({"Sessions", "sessions", 190, {}, {}, {}});
+  families.push_back({"Sessions", "sessions", 400, {}, {}, {}});
   try {
     for (Family& family : families) {
       family.cases = ReadCases(std::string(HOSTILE_CASES) + "/" + family.directory);
