@@ -103,6 +103,7 @@ int main(int argc, char** argv) {
   signal(SIGPIPE, SIG_IGN);
   auto& families = Families();
   families.push_back({"Sessions", "sessions", 400, {}, {}, {}});
+  families.push_back({"Simulators", "simulators", 600, {}, {}, {}});
   try {
     for (Family& family : families) {
       family.cases = ReadCases(std::string(HOSTILE_CASES) + "/" + family.directory);
