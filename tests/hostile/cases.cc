@@ -103,6 +103,7 @@ class File {
         }
       } else if (member == "arguments") {
         made.arguments = Texts(value);
+        for (std::string& argument : made.arguments) argument = Replace(argument, made.variables);
       } else if (member == "fields" || member == "files") {
         auto& entries = member == "fields" ? made.fields : made.files;
         for (const auto& [name, text] : *value.as_table())
