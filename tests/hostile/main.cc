@@ -104,6 +104,7 @@ int main(int argc, char** argv) {
   auto& families = Families();
   families.push_back({"Sessions", "sessions", 400, {}, {}, {}});
   families.push_back({"Simulators", "simulators", 600, {}, {}, {}});
+  families.push_back({"Scripts", "scripts", 60, {}, {}, {}});
   try {
     for (Family& family : families) {
       family.cases = ReadCases(std::string(HOSTILE_CASES) + "/" + family.directory);

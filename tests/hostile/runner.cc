@@ -23,6 +23,7 @@
 #include <filesystem>
 #include <fstream>
 #include <regex>
+#include <set>
 #include <stdexcept>
 #include <utility>
 
@@ -285,7 +286,8 @@ class Conversation {
     const auto kind = wanted_.files.find(key + "_is");
     if (kind == wanted_.files.end()) return;
     std::error_code ignored;
-    if (kind->second != "unreadable" && kind->second != "busy") fs::remove_all(name, ignored);
+    static const std::set<std::string> present = {"unreadable", "busy", "not executable"};
+    if (!present.contains(kind->second)) fs::remove_all(name, ignored);
     placed_.push_back(name);
     if (kind->second == "directory") {
       fs::create_directory(name);
@@ -297,6 +299,8 @@ class Conversation {
       BindLocal(name);
     } else if (kind->second == "unreadable") {
       chmod(name.c_str(), 0);
+    } else if (kind->second == "not executable") {
+      chmod(name.c_str(), 0644);
     } else if (kind->second == "busy") {
       busy_ = Descriptor(open(name.c_str(), O_WRONLY | O_CLOEXEC));
     } else if (kind->second.starts_with("link to ")) {
