@@ -3,6 +3,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <string>
@@ -16,6 +17,13 @@ bool Assign(char (&field)[Size], const std::string& token) {
   if (token.size() >= Size) return false;
   memcpy(field, token.c_str(), token.size() + 1);
   return true;
+}
+
+// Only a file can be read to its end: a pipe has none before somebody writes, a device perhaps
+// never.
+bool IsFile(const char* file) {
+  std::error_code ignored;
+  return std::filesystem::is_regular_file(file, ignored);
 }
 
 }  // namespace
@@ -48,6 +56,7 @@ void CEnvCollection::Reset() {
 
 int CEnvCollection::ReadEnvFile(const char* file, char* /*error*/) {
   Reset();
+  if (!IsFile(file)) return 0;
   std::ifstream in(file);
   // Otherwise the stream would keep a failed allocation to itself, and the half of the file that
   // was read would pass for the whole.

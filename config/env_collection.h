@@ -37,8 +37,8 @@ class CEnvCollection {
   const char* error() const { return error_.data(); }
 
   /// Replaces the entries by those of `file`. Returns 0, also when there is no such file: a site
-  /// need not have one. A last name without a value has an empty one. An entry whose name or value
-  /// is longer than 255 characters is left out.
+  /// need not have one. What is no regular file counts as none. A last name without a value has an
+  /// empty one. An entry whose name or value is longer than 255 characters is left out.
   int ReadEnvFile(const char* file, char* error);
 
   /// Applies the entries in the order of the file. Returns 0, or 1 with a text in `error` after

@@ -6,6 +6,7 @@
 #include <strings.h>
 
 #include <array>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <string>
@@ -51,8 +52,11 @@ void CVKUserCollection::Reset() {
 int CVKUserCollection::ReadUserFile(const char* directory, flog* /*log*/, char* error) {
   Reset();
   const std::string path = std::string(directory) + "/./.vk_corvane_users";
-  std::ifstream file(path);
-  if (!file) {
+  // Opening a pipe would wait for somebody who writes to it, with the master waiting for us.
+  std::error_code ignored;
+  std::ifstream file;
+  if (!std::filesystem::is_fifo(path, ignored)) file.open(path);
+  if (!file.is_open()) {
     snprintf(error, kErrorSize, "Could not open the user administration file: %s", path.c_str());
     return 1;
   }

@@ -1,6 +1,7 @@
 #include "config/env_collection.h"
 
 #include <stdlib.h>
+#include <sys/stat.h>
 
 #include <filesystem>
 #include <string>
@@ -111,6 +112,17 @@ TEST_F(EnvCollectionTest, DirectoryInPlaceOfTheFileIsAnEmptyList) {
   EXPECT_EQ(entries.status(), 0);
   entries.LogOut(&log_);
   EXPECT_EQ(directory_.Read("log"), "");
+}
+
+TEST_F(EnvCollectionTest, PipeOrDeviceInPlaceOfTheFileIsAnEmptyList) {
+  const std::string pipe = directory_.File("pipe");
+  ASSERT_EQ(mkfifo(pipe.c_str(), 0644), 0);
+  for (const char* file : {pipe.c_str(), "/dev/zero"}) {
+    const CEnvCollection entries(file);
+    char error[CEnvCollection::kErrorSize] = "";
+    EXPECT_EQ(entries.Apply(error, &log_), 0);
+    EXPECT_EQ(directory_.Read("log"), "") << file;
+  }
 }
 
 TEST_F(EnvCollectionTest, ListingShowsNamesAndValues) {

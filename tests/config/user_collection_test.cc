@@ -1,5 +1,7 @@
 #include "config/user_collection.h"
 
+#include <sys/stat.h>
+
 #include <filesystem>
 #include <string>
 
@@ -43,6 +45,13 @@ class UserCollectionTest : public testing::Test {
 TEST_F(UserCollectionTest, MissingFileReturnsOneWithItsPath) {
   EXPECT_EQ(ReadDirectory("/nowhere"), 1);
   EXPECT_STREQ(error_, "Could not open the user administration file: /nowhere/./.vk_corvane_users");
+}
+
+TEST_F(UserCollectionTest, PipeInPlaceOfTheFileIsNotWaitedFor) {
+  ASSERT_EQ(mkfifo(directory_.File(".vk_corvane_users").c_str(), 0644), 0);
+  EXPECT_EQ(ReadDirectory(directory_.path().string()), 1);
+  EXPECT_EQ(std::string(error_), "Could not open the user administration file: " +
+                                     directory_.File("./.vk_corvane_users"));
 }
 
 TEST_F(UserCollectionTest, EmptyFileIsAnEmptyList) {
