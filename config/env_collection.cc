@@ -1,10 +1,14 @@
 #include "config/env_collection.h"
 
+#include <ctype.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
 #include <filesystem>
 #include <fstream>
+#include <iomanip>
+#include <istream>
 #include <memory>
 #include <string>
 
@@ -16,6 +20,17 @@ template <std::size_t Size>
 bool Assign(char (&field)[Size], const std::string& token) {
   if (token.size() >= Size) return false;
   memcpy(field, token.c_str(), token.size() + 1);
+  return true;
+}
+
+// The next token, of which at most `most` characters are kept and one more, so that its length
+// shows: a file that is one long token is no reason to hold it. False when there is none.
+bool ReadToken(std::istream& in, std::string& token, int most) {
+  token.clear();
+  if (!(in >> std::setw(most + 1) >> token)) return false;
+  if (token.size() > static_cast<std::size_t>(most)) {
+    for (int next = in.peek(); next != EOF && isspace(next) == 0; next = in.peek()) in.ignore();
+  }
   return true;
 }
 
@@ -72,9 +87,9 @@ int CEnvCollection::ReadEnvFile(const char* file, char* /*error*/) {
 void CEnvCollection::ReadEntries(std::istream& in) {
   CEnv** last = &first_;
   std::string name;
-  while (in >> name) {
-    std::string value;
-    in >> value;
+  std::string value;
+  while (ReadToken(in, name, sizeof(CEnv::name) - 1)) {
+    ReadToken(in, value, sizeof(CEnv::value) - 1);
     auto entry = std::make_unique<CEnv>();
     // Both tokens are taken before either is judged, so that the pairs behind stay pairs.
     if (!Assign(entry->name, name) || !Assign(entry->value, value)) continue;
