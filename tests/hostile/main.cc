@@ -105,6 +105,8 @@ int main(int argc, char** argv) {
   families.push_back({"Sessions", "sessions", 400, {}, {}, {}});
   families.push_back({"Simulators", "simulators", 600, {}, {}, {}});
   families.push_back({"Scripts", "scripts", 60, {}, {}, {}});
+  families.push_back({"Users", "users", 80, {}, {}, {}});
+  families.push_back({"Environments", "environments", 60, {}, {}, {}});
   try {
     for (Family& family : families) {
       family.cases = ReadCases(std::string(HOSTILE_CASES) + "/" + family.directory);

@@ -105,6 +105,7 @@ class Reader {
 
   std::string Item() {
     if (Take('\'')) return Quoted();
+    if (Take('#')) return Take('*') ? Repeated(index_) : SixDigits(index_);
     const std::size_t begin = at_;
     while (at_ < text_.size() && std::isalnum(static_cast<unsigned char>(text_[at_])) != 0) ++at_;
     const std::string word(text_.substr(begin, at_ - begin));
@@ -125,6 +126,23 @@ class Reader {
       bytes += '\'';
       ++at_;
     }
+  }
+
+  static std::string SixDigits(std::uint64_t number) {
+    const std::string digits = std::to_string(number);
+    return std::string(digits.size() < 6 ? 6 - digits.size() : 0, '0') + digits;
+  }
+
+  // What stands behind the comma, once for each number below `times`.
+  std::string Numbered(std::uint64_t times) {
+    Expect(',');
+    const std::size_t begin = at_;
+    std::string bytes;
+    for (index_ = 0; index_ < times; ++index_) {
+      at_ = begin;
+      bytes += Items();
+    }
+    return bytes;
   }
 
   std::string Repeated(std::uint64_t times) {
@@ -151,6 +169,7 @@ class Reader {
     if (function == "i") return Image(static_cast<std::uint32_t>(Signed()));
     if (function == "u64") return Image(Unsigned());
     if (function == "d") return Image(Real());
+    if (function == "each") return Numbered(Unsigned());
     if (function == "text") return Prefixed(Items());
     if (function == "long") {
       const std::string bytes = Items();
@@ -204,6 +223,7 @@ class Reader {
 
   std::string_view text_;
   std::size_t at_ = 0;
+  std::uint64_t index_ = 0;
 };
 
 }  // namespace

@@ -326,12 +326,13 @@ class Conversation {
     const std::string script = daemon_.File("script");
     logBegin_ = fs::file_size(daemon_.daemon().LogFile());
     port_ = daemon_.TakeCommsPort();
+    const std::string sanitizer =
+        kSanitized ? std::string("env ASAN_OPTIONS=") + kSanitizer + "\n" : std::string();
     variables_ = {{"DIR", directory_},
                   {"SCRIPT", script},
                   {"PORT", std::to_string(port_)},
-                  {"ENV", std::string("env PATH=") + kPath + "\n" +
-                              (kSanitized ? std::string("env ASAN_OPTIONS=") + kSanitizer + "\n"
-                                          : std::string())},
+                  {"ENV", std::string("env PATH=") + kPath + "\n" + sanitizer},
+                  {"SANITIZER", sanitizer},
                   {"REQUEST", ""}};
     for (const char* name : {"cluster", "path", "root", "processes", "version", "user", "flag"}) {
       variables_[name] = Field(name);
