@@ -4,6 +4,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -11,6 +12,9 @@
 #include <istream>
 #include <memory>
 #include <string>
+#include <unordered_map>
+#include <utility>
+#include <vector>
 
 #include "log/flog.h"
 
@@ -41,16 +45,65 @@ bool IsFile(const char* file) {
   return std::filesystem::is_regular_file(file, ignored);
 }
 
+// The value that an entry gives its variable, which holds `present` or nothing. Says so in the log.
+std::string Extended(const CEnv& entry, const char* present, flog* log) {
+  std::string wanted = entry.value;
+  if (present != nullptr) wanted.append(":").append(present);
+  *log << std::string(present != nullptr ? "Setting existing environment variable "
+                                         : "Setting non-existing environment variable ") +
+              entry.name + " to " + wanted + "\n";
+  return wanted;
+}
+
+// The environment of this process while many entries are applied to it. setenv() looks through all
+// of it each time, and a file of a hundred thousand pairs would take a minute.
+class Environment {
+ public:
+  Environment() {
+    for (char** variable = environ; variable != nullptr && *variable != nullptr; ++variable) {
+      const char* equals = strchr(*variable, '=');
+      if (equals != nullptr)
+        positions_.try_emplace(std::string(static_cast<const char*>(*variable), equals),
+                               variables_.size());
+      variables_.emplace_back(*variable);
+    }
+  }
+
+  // As getenv() and setenv().
+  const char* Get(const std::string& name) const {
+    const auto found = positions_.find(name);
+    if (found == positions_.end()) return nullptr;
+    return variables_[found->second].c_str() + name.size() + 1;
+  }
+  void Set(const std::string& name, const std::string& value) {
+    if (name.empty() || name.find('=') != std::string::npos) return;
+    const auto [place, fresh] = positions_.try_emplace(name, variables_.size());
+    if (fresh) variables_.emplace_back();
+    variables_[place->second] = name + "=" + value;
+  }
+
+  // Makes it the process's own, up to the next one.
+  void Install() && {
+    static std::vector<std::string> variables;
+    static std::vector<char*> pointers;
+    std::vector<char*> fresh;
+    fresh.reserve(variables_.size() + 1);
+    for (std::string& variable : variables_) fresh.push_back(variable.data());
+    fresh.push_back(nullptr);
+    environ = fresh.data();
+    variables.swap(variables_);
+    pointers.swap(fresh);
+  }
+
+ private:
+  std::vector<std::string> variables_;
+  std::unordered_map<std::string, std::size_t> positions_;
+};
+
 }  // namespace
 
 int CEnv::Apply(char* /*error*/, flog* log) const {
-  const char* present = getenv(name);
-  std::string wanted = value;
-  if (present != nullptr) wanted.append(":").append(present);
-  *log << (present != nullptr ? "Setting existing environment variable "
-                              : "Setting non-existing environment variable ")
-       << static_cast<const char*>(name) << " to " << wanted << "\n";
-  setenv(name, wanted.c_str(), 1);
+  setenv(name, Extended(*this, getenv(name), log).c_str(), 1);
   return 0;
 }
 
@@ -98,10 +151,13 @@ void CEnvCollection::ReadEntries(std::istream& in) {
   }
 }
 
-int CEnvCollection::Apply(char* error, flog* log) const {
+int CEnvCollection::Apply(char* /*error*/, flog* log) const {
+  if (first_ == nullptr) return 0;
+  Environment variables;
   for (const CEnv* entry = first_; entry != nullptr; entry = entry->next) {
-    if (entry->Apply(error, log) > 0) return 1;
+    variables.Set(entry->name, Extended(*entry, variables.Get(entry->name), log));
   }
+  std::move(variables).Install();
   return 0;
 }
 

@@ -41,8 +41,9 @@ class CEnvCollection {
   /// empty one. An entry whose name or value is longer than 255 characters is left out.
   int ReadEnvFile(const char* file, char* error);
 
-  /// Applies the entries in the order of the file. Returns 0, or 1 with a text in `error` after
-  /// the first that failed.
+  /// Applies the entries in the order of the file, each as CEnv::Apply() does. Returns 0; 1 with a
+  /// text in `error` is kept for an entry that fails. Replaces the list of this process's
+  /// variables, so no other thread may use them meanwhile.
   int Apply(char* error, flog* log) const;
 
   /// Lists the entries in the log.

@@ -2,6 +2,7 @@
 
 #include <stdlib.h>
 #include <sys/stat.h>
+#include <time.h>
 
 #include <filesystem>
 #include <string>
@@ -123,6 +124,20 @@ TEST_F(EnvCollectionTest, PipeOrDeviceInPlaceOfTheFileIsAnEmptyList) {
     EXPECT_EQ(entries.Apply(error, &log_), 0);
     EXPECT_EQ(directory_.Read("log"), "") << file;
   }
+}
+
+TEST_F(EnvCollectionTest, ManyVariablesAreSetInLittleTime) {
+  std::string text;
+  for (int i = 0; i < 50000; ++i) text += "JT_MANY_" + std::to_string(i) + " 1\n";
+  const std::string before = Value("PATH");
+  const clock_t start = clock();
+  Apply(text);
+  EXPECT_LT(static_cast<double>(clock() - start) / CLOCKS_PER_SEC, 3.0);
+  EXPECT_EQ(Value("JT_MANY_0"), "1");
+  EXPECT_EQ(Value("JT_MANY_49999"), "1");
+  EXPECT_EQ(Value("PATH"), before);
+  clearenv();
+  setenv("PATH", before.c_str(), 1);
 }
 
 TEST_F(EnvCollectionTest, ListingShowsNamesAndValues) {
