@@ -48,7 +48,7 @@ constexpr bool kSanitized = false;
 
 // Under the sanitizers memory says nothing and everything takes its time.
 constexpr int kPatienceFactor = kSanitized ? 10 : 1;
-constexpr seconds kPatience{kSanitized ? 60 : 20};
+constexpr seconds kPatience{60};
 
 constexpr const char* kPath = "/usr/local/bin:/usr/bin:/bin";
 constexpr const char* kSanitizer = "detect_leaks=0";  // a traced process cannot look for leaks
