@@ -1,0 +1,463 @@
+// Lets every system call of the daemon, its connection child and its script process fail, one at a
+// time, and kills each of them at every one.
+
+#include <poll.h>
+#include <signal.h>
+#include <stdio.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <iterator>
+#include <list>
+#include <map>
+#include <random>
+#include <set>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <tuple>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+
+#include "tests/faults/system_calls.h"
+#include "tests/faults/trial.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// A trial bounds its own waits; this is for a trial that does not.
+constexpr std::chrono::seconds kTrialLimit{120};
+
+struct Options {
+  double seconds = 60;
+  bool complete = false;
+  int jobs = static_cast<int>(std::max(1U, std::thread::hardware_concurrency()));
+  std::uint32_t seed = std::random_device{}();
+  std::vector<std::string> replay;
+  std::string only;
+  std::string daemon;
+  bool list = false;
+  bool verbose = false;
+};
+
+std::string Serialized(const Verdict& verdict) {
+  std::ostringstream out;
+  out << static_cast<int>(verdict.kind) << "\n";
+  std::string text = verdict.text;
+  std::replace(text.begin(), text.end(), '\n', '|');
+  out << text << "\n";
+  for (const Met& met : verdict.met) {
+    out << static_cast<int>(met.role) << " " << met.call << " " << met.size << " " << met.starting
+        << "\n";
+  }
+  return out.str();
+}
+
+Verdict Deserialized(const std::string& text) {
+  std::istringstream in(text);
+  Verdict verdict;
+  int kind = 0;
+  if (!(in >> kind)) {
+    verdict.kind = Verdict::Kind::kFailed;
+    verdict.text = "the trial itself came to no end";
+    return verdict;
+  }
+  verdict.kind = static_cast<Verdict::Kind>(kind);
+  in.ignore();
+  std::getline(in, verdict.text);
+  int role = 0;
+  Met met{};
+  while (in >> role >> met.call >> met.size >> met.starting) {
+    met.role = static_cast<Role>(role);
+    verdict.met.push_back(met);
+  }
+  return verdict;
+}
+
+// One trial in a process of its own: whatever becomes of it, the next one starts afresh.
+class Worker {
+ public:
+  Worker(const Point& point, const std::string& daemon) : point_(point) {
+    std::array<int, 2> ends{};
+    if (pipe(ends.data()) != 0) throw std::runtime_error("pipe failed");
+    pid_ = fork();
+    if (pid_ < 0) throw std::runtime_error("fork failed");
+    if (pid_ == 0) {
+      close(ends[0]);
+      Work(ends[1], daemon);
+    }
+    setpgid(pid_, pid_);
+    close(ends[1]);
+    result_ = ends[0];
+  }
+  Worker(const Worker&) = delete;
+  Worker& operator=(const Worker&) = delete;
+  ~Worker() {
+    close(result_);
+    kill(-pid_, SIGKILL);
+    waitpid(pid_, nullptr, 0);
+  }
+
+  const Point& point() const { return point_; }
+  int descriptor() const { return result_; }
+
+  /// Reads what has come. True when the trial is over.
+  bool Read() {
+    std::array<char, 4096> part{};
+    const ssize_t got = read(result_, part.data(), part.size());
+    if (got > 0) text_.append(part.data(), static_cast<std::size_t>(got));
+    return got <= 0;
+  }
+  bool IsOverdue() const { return Clock::now() - start_ > kTrialLimit; }
+  long Milliseconds() const {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start_).count();
+  }
+  Verdict Result() const { return Deserialized(text_); }
+
+ private:
+  [[noreturn]] void Work(int result, const std::string& daemon) const {
+    setpgid(0, 0);
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    std::string text;
+    try {
+      text = Serialized(RunTrial(point_, daemon));
+    } catch (const std::exception& error) {
+      text = std::to_string(static_cast<int>(Verdict::Kind::kFailed)) + "\n" + error.what() + "\n";
+    }
+    const bool written =
+        write(result, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+    _exit(written ? 0 : 1);
+  }
+
+  const Point point_;
+  const Clock::time_point start_ = Clock::now();
+  pid_t pid_ = -1;
+  int result_ = -1;
+  std::string text_;
+};
+
+Verdict RunAlone(const Point& point, const std::string& daemon) {
+  Worker worker(point, daemon);
+  while (!worker.Read()) {
+  }
+  return worker.Result();
+}
+
+// The faults of one call, as a rule each error once and from there on.
+void AddPoints(std::vector<Point>& points, Point point, const Met& met) {
+  const SystemCall* call = FindCall(met.call);
+  if (call == nullptr) {
+    throw std::runtime_error("system call " + std::to_string(met.call) +
+                             " is not in the list of what can go wrong");
+  }
+  point.kind = Point::Kind::kKill;
+  points.push_back(point);
+  if (call->sizeArgument >= 0 && met.size > 1) {
+    point.kind = Point::Kind::kShort;
+    points.push_back(point);
+  }
+  for (const int error : call->errors) {
+    point.error = error;
+    point.kind = Point::Kind::kError;
+    points.push_back(point);
+    if (!CanLast(error)) continue;
+    point.kind = Point::Kind::kLasting;
+    points.push_back(point);
+  }
+}
+
+std::vector<Met> Of(Role role, const std::vector<Met>& met) {
+  std::vector<Met> some;
+  std::copy_if(met.begin(), met.end(), std::back_inserter(some),
+               [role](const Met& one) { return one.role == role; });
+  return some;
+}
+
+bool IsCompared(const Met& met) {
+  const SystemCall* call = FindCall(met.call);
+  if (met.starting) return false;
+  return call == nullptr || (!call->errors.empty() && call->name != "wait4");
+}
+
+// How many calls of a process, from the first on, are the same as in an earlier scenario. Up to
+// there it is the same code in the same state. Calls that cannot fail are not compared: whether the
+// daemon asks for its account makes no other difference to its start. Nor is wait4, whose place is
+// the moment at which a child ends, nor what the system's loader does, whose calls vary with the
+// addresses that it is given.
+std::size_t SameStart(const std::vector<Met>& calls, const std::vector<Met>& others) {
+  auto other = others.begin();
+  for (auto call = calls.begin(); call != calls.end(); ++call) {
+    if (!IsCompared(*call)) continue;
+    while (other != others.end() && !IsCompared(*other)) ++other;
+    if (other == others.end() || other->call != call->call) {
+      return static_cast<std::size_t>(call - calls.begin());
+    }
+    ++other;
+  }
+  return calls.size();
+}
+
+std::size_t Known(const std::vector<Met>& calls, const std::vector<std::vector<Met>>& earlier,
+                  Role role) {
+  std::size_t known = 0;
+  for (const std::vector<Met>& scenario : earlier) {
+    known = std::max(known, SameStart(calls, Of(role, scenario)));
+  }
+  return known;
+}
+
+// The points of a scenario that no earlier one has.
+std::vector<Point> PointsOf(const std::string& scenario, const std::vector<Met>& met,
+                            const std::vector<std::vector<Met>>& earlier) {
+  std::vector<Point> points;
+  for (const Role role : kRoles) {
+    const std::vector<Met> calls = Of(role, met);
+    std::map<long, int> counts;
+    std::size_t known = Known(calls, earlier, role);
+    for (const Met& one : calls) {
+      Point point;
+      point.scenario = scenario;
+      point.role = role;
+      point.call = one.call;
+      point.occurrence = ++counts[one.call];
+      if (known > 0) {
+        --known;
+      } else if (!(role == Role::kDaemon && one.starting && !earlier.empty())) {
+        AddPoints(points, point, one);
+      }
+    }
+  }
+  return points;
+}
+
+// Shuffled, and every system call of every process in every scenario once before any a second time.
+// Errors that last come later: where they keep the simulator from being reached they take seconds.
+std::vector<Point> Mixed(std::vector<Point> points, std::uint32_t seed) {
+  std::mt19937 random(seed);
+  std::shuffle(points.begin(), points.end(), random);
+  std::map<std::tuple<std::string, Role, long>, int> ranks;
+  std::vector<std::pair<int, Point>> ranked;
+  for (Point& point : points) {
+    const int late = point.kind == Point::Kind::kLasting ? 2 : 0;
+    const int rank = ranks[{point.scenario, point.role, point.call}]++ + late;
+    ranked.emplace_back(rank, std::move(point));
+  }
+  std::stable_sort(ranked.begin(), ranked.end(),
+                   [](const auto& a, const auto& b) { return a.first < b.first; });
+  std::vector<Point> mixed;
+  mixed.reserve(ranked.size());
+  for (auto& [rank, point] : ranked) mixed.push_back(std::move(point));
+  return mixed;
+}
+
+class Sweep {
+ public:
+  explicit Sweep(const Options& options) : options_(options) {}
+
+  /// 0 when every point passed.
+  int Run();
+
+ private:
+  std::vector<Point> Record();
+  void TryAll(const std::vector<Point>& points);
+  void Start(const Point& point) { workers_.emplace_back(point, options_.daemon); }
+  void Collect();
+  void Judge(const Point& point, const Verdict& verdict);
+  void Print() const;
+
+  const Options& options_;
+  std::list<Worker> workers_;
+  std::vector<Point> again_;
+  std::map<std::string, int> tries_;
+  std::map<Role, std::map<Verdict::Kind, int>> counts_;
+  std::vector<std::string> failures_;
+  std::vector<std::string> unsteady_;
+  const Clock::time_point start_ = Clock::now();
+};
+
+std::vector<Point> Sweep::Record() {
+  std::vector<Point> points;
+  std::vector<std::vector<Met>> recorded;
+  for (const Scenario& scenario : Scenarios()) {
+    if (!options_.only.empty() && scenario.name != options_.only) continue;
+    if (scenario.asRoot && geteuid() != 0) {
+      printf("%-10s %s: left out, it takes root\n", scenario.name.c_str(), scenario.what.c_str());
+      continue;
+    }
+    Point point;
+    point.scenario = scenario.name;
+    const Verdict verdict = RunAlone(point, options_.daemon);
+    if (verdict.kind == Verdict::Kind::kFailed) {
+      throw std::runtime_error("undisturbed '" + scenario.name + "' failed: " + verdict.text);
+    }
+    std::vector<Point> more = PointsOf(scenario.name, verdict.met, recorded);
+    if (scenario.onlyMemory) {
+      std::erase_if(more, [](const Point& one) {
+        return !IsMemory(one.call) || one.kind == Point::Kind::kKill;
+      });
+    }
+    printf("%-10s %s: %zu system calls, %zu points\n", scenario.name.c_str(), scenario.what.c_str(),
+           verdict.met.size(), more.size());
+    points.insert(points.end(), more.begin(), more.end());
+    recorded.push_back(verdict.met);
+  }
+  fflush(stdout);
+  return points;
+}
+
+int Sweep::Run() {
+  const std::vector<Point> points = Record();
+  if (options_.list) {
+    for (const Point& point : points) puts(point.Text().c_str());
+    return 0;
+  }
+  if (!options_.complete) printf("seed %u\n", options_.seed);
+  TryAll(Mixed(points, options_.seed));
+  Print();
+  return failures_.empty() ? 0 : 1;
+}
+
+void Sweep::TryAll(const std::vector<Point>& points) {
+  auto next = points.begin();
+  const auto isOver = [this] {
+    return !options_.complete &&
+           std::chrono::duration<double>(Clock::now() - start_).count() > options_.seconds;
+  };
+  while (true) {
+    while (workers_.size() < static_cast<std::size_t>(options_.jobs)) {
+      if (!again_.empty()) {
+        const Point point = again_.back();
+        again_.pop_back();
+        Start(point);
+      } else if (next != points.end() && !isOver()) {
+        Start(*next++);
+      } else {
+        break;
+      }
+    }
+    if (workers_.empty()) return;
+    Collect();
+  }
+}
+
+void Sweep::Collect() {
+  std::vector<pollfd> waited;
+  for (const Worker& worker : workers_) waited.push_back({worker.descriptor(), POLLIN, 0});
+  poll(waited.data(), waited.size(), 1000);
+  auto wait = waited.begin();
+  for (auto worker = workers_.begin(); worker != workers_.end(); ++wait) {
+    if ((wait->revents != 0 && worker->Read()) || worker->IsOverdue()) {
+      if (options_.verbose) {
+        printf("%6ld ms  %s  %s\n", worker->Milliseconds(), worker->point().Text().c_str(),
+               NameOf(worker->Result().kind).c_str());
+      }
+      Judge(worker->point(), worker->Result());
+      worker = workers_.erase(worker);
+    } else {
+      ++worker;
+    }
+  }
+}
+
+// A point that failed is tried a second time: only what happens again can be replayed.
+void Sweep::Judge(const Point& point, const Verdict& verdict) {
+  const std::string text = point.Text();
+  const bool failed = verdict.kind == Verdict::Kind::kFailed;
+  const bool passed = !failed && verdict.kind != Verdict::Kind::kNotReached;
+  if (!passed && ++tries_[text] == 1) {
+    if (failed) unsteady_.push_back(text + "  " + verdict.text);
+    again_.push_back(point);
+    return;
+  }
+  ++counts_[point.role][verdict.kind];
+  if (!failed) return;
+  std::erase_if(unsteady_, [&](const std::string& line) { return line.starts_with(text + "  "); });
+  failures_.push_back(text + "  " + verdict.text);
+  printf("FAILED  %s\n", failures_.back().c_str());
+  fflush(stdout);
+}
+
+void Sweep::Print() const {
+  constexpr int kinds = static_cast<int>(Verdict::Kind::kFailed) + 1;
+  printf("\n%-14s", "");
+  for (const Role role : kRoles) printf("%9s", std::string(NameOf(role)).c_str());
+  printf("%9s\n", "all");
+  int all = 0;
+  for (int kind = 0; kind <= kinds; ++kind) {
+    printf("%-14s", kind < kinds ? NameOf(static_cast<Verdict::Kind>(kind)).c_str() : "points");
+    int sum = 0;
+    for (const Role role : kRoles) {
+      int count = 0;
+      const auto of = counts_.find(role);
+      if (of != counts_.end()) {
+        for (const auto& [one, number] : of->second) {
+          if (kind == kinds || one == static_cast<Verdict::Kind>(kind)) count += number;
+        }
+      }
+      printf("%9d", count);
+      sum += count;
+    }
+    printf("%9d\n", sum);
+    all = sum;
+  }
+  const double seconds = std::chrono::duration<double>(Clock::now() - start_).count();
+  printf("\n%d points in %.0f s, %zu failed\n", all, seconds, failures_.size());
+  for (const std::string& line : unsteady_) {
+    printf("failed once, not again: %s\n", line.c_str());
+  }
+  if (!failures_.empty()) puts("Replay one with: scripts/fault-sweep --replay POINT");
+}
+
+int Replay(const Options& options) {
+  int failed = 0;
+  for (const std::string& text : options.replay) {
+    const Verdict verdict = RunAlone(Point::Parse(text), options.daemon);
+    printf("%s: %s  %s\n", text.c_str(), NameOf(verdict.kind).c_str(), verdict.text.c_str());
+    const bool passed =
+        verdict.kind != Verdict::Kind::kFailed && verdict.kind != Verdict::Kind::kNotReached;
+    failed += passed ? 0 : 1;
+  }
+  return failed == 0 ? 0 : 1;
+}
+
+int Main(int argc, char** argv) {
+  Options options;
+  options.daemon =
+      (std::filesystem::read_symlink("/proc/self/exe").parent_path() / "vkjobmill.exe").string();
+  setvbuf(stdout, nullptr, _IOLBF, 0);
+  CLI::App app("Lets every system call of the daemon's processes fail, one at a time.");
+  auto* seconds = app.add_option("--seconds", options.seconds, "Try a sample for so long (60)");
+  auto* complete = app.add_flag("--complete", options.complete, "Try every point");
+  app.add_option("--jobs", options.jobs, "Trials at the same time")->check(CLI::Range(1, 64));
+  app.add_option("--seed", options.seed, "Which sample");
+  auto* replay = app.add_option("--replay", options.replay, "Try these points alone");
+  app.add_option("--only", options.only, "Only this scenario");
+  app.add_option("--daemon", options.daemon, "The daemon to try");
+  app.add_flag("--verbose", options.verbose, "Tell of every point, with its milliseconds");
+  app.add_flag("--list", options.list, "List the points, try none");
+  complete->excludes(seconds);
+  replay->excludes(seconds)->excludes(complete);
+  CLI11_PARSE(app, argc, argv);
+  return options.replay.empty() ? Sweep(options).Run() : Replay(options);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    return Main(argc, argv);
+  } catch (const std::exception& error) {
+    fprintf(stderr, "fault-sweep: %s\n", error.what());
+  } catch (...) {
+    fputs("fault-sweep: an error of unknown kind\n", stderr);
+  }
+  return 2;
+}

@@ -1,0 +1,310 @@
+#include "tests/faults/tracer.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/ptrace.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <fstream>
+#include <stdexcept>
+
+#include "tests/faults/system_calls.h"
+#include "tests/support/child_process.h"
+#include "tests/support/socket_pair.h"
+
+namespace {
+
+constexpr long kOptions = PTRACE_O_TRACESYSGOOD | PTRACE_O_TRACEFORK | PTRACE_O_TRACEVFORK |
+                          PTRACE_O_TRACECLONE | PTRACE_O_TRACEEXEC | PTRACE_O_EXITKILL;
+// What a call reports, to the tracer alone, when it will be made again after the signal handler.
+constexpr long kRestart = -512;
+constexpr long kRestartAlways = -513;
+constexpr int kSystemCallStop = SIGTRAP | 0x80;
+
+// Every request may meet a process that was killed a moment ago; waitpid() tells of it then.
+template <class Address, class Data>
+long Ptrace(__ptrace_request request, pid_t pid, Address address, Data data) {
+  return ptrace(request, pid, address, data);
+}
+
+std::string TextAt(pid_t pid, unsigned long long address) {
+  std::array<char, 512> text{};
+  const Descriptor memory(
+      open(("/proc/" + std::to_string(pid) + "/mem").c_str(), O_RDONLY | O_CLOEXEC));
+  // Less when the text lies at the end of its page, and nothing follows.
+  if (pread(memory.get(), text.data(), text.size() - 1, static_cast<off_t>(address)) < 0) return {};
+  return text.data();
+}
+
+unsigned long long& Argument(user_regs_struct& registers, int index) {
+  switch (index) {
+    case 0:
+      return registers.rdi;
+    case 1:
+      return registers.rsi;
+    default:
+      return registers.rdx;
+  }
+}
+
+bool TakesMemory(long call) {
+  return call == SYS_brk || call == SYS_mmap || call == SYS_mremap;
+}
+
+}  // namespace
+
+void Tracer::Start(const std::function<void()>& exec) {
+  prctl(PR_SET_CHILD_SUBREAPER, 1);
+  std::array<int, 2> gate{};
+  if (pipe2(gate.data(), O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
+  daemon_ = fork();
+  if (daemon_ < 0) throw std::runtime_error("fork failed");
+  if (daemon_ == 0) {
+    char byte = 0;
+    close(gate[1]);
+    if (read(gate[0], &byte, 1) == 0) exec();
+    _exit(126);
+  }
+  if (Ptrace(PTRACE_SEIZE, daemon_, 0, kOptions) != 0) {
+    kill(daemon_, SIGKILL);
+    throw std::runtime_error("this system does not allow ptrace");
+  }
+  processes_[daemon_] = Process{};  // gets its role with its program
+  close(gate[0]);
+  close(gate[1]);
+}
+
+void Tracer::Run() {
+  while (true) {
+    int status = 0;
+    const pid_t pid = waitpid(-1, &status, __WALL);
+    if (pid < 0 && errno == EINTR) continue;
+    const std::scoped_lock lock(mutex_);
+    if (pid < 0) break;
+    Handle(pid, status);
+    changed_.notify_all();
+  }
+  const std::scoped_lock lock(mutex_);
+  allEnded_ = true;
+  changed_.notify_all();
+}
+
+bool Tracer::WaitFor(const std::function<bool()>& condition, std::chrono::milliseconds limit) {
+  std::unique_lock lock(mutex_);
+  return changed_.wait_for(lock, limit, condition);
+}
+
+int Tracer::others() const {
+  int count = 0;
+  for (const auto& [pid, process] : processes_) count += pid != daemon_ ? 1 : 0;
+  return count;
+}
+
+bool Tracer::daemonEnded() const {
+  return !processes_.contains(daemon_);
+}
+
+void Tracer::Lift() {
+  const std::scoped_lock lock(mutex_);
+  lifted_ = true;
+}
+
+void Tracer::Handle(pid_t pid, int status) {
+  if (WIFEXITED(status) || WIFSIGNALED(status)) {
+    Ended(pid, status);
+  } else if (!processes_.contains(pid)) {
+    early_.insert(pid);
+  } else {
+    HandleStop(pid, WSTOPSIG(status), status >> 16);
+  }
+}
+
+void Tracer::Ended(pid_t pid, int status) {
+  early_.erase(pid);
+  const auto found = processes_.find(pid);
+  if (found == processes_.end()) return;
+  ends_.push_back({pid, found->second.role, found->second.later, status});
+  processes_.erase(found);
+}
+
+void Tracer::HandleStop(pid_t pid, int signal, int event) {
+  Process& process = processes_[pid];
+  switch (event) {
+    case PTRACE_EVENT_FORK:
+    case PTRACE_EVENT_CLONE:
+      return HandleFork(pid, false);
+    case PTRACE_EVENT_VFORK:
+      return HandleFork(pid, true);
+    case PTRACE_EVENT_EXEC:
+      return HandleExec(pid);
+    case PTRACE_EVENT_STOP:
+      return Resume(pid);
+    default:
+      break;
+  }
+  if (signal != kSystemCallStop) return Resume(pid, signal);
+  __ptrace_syscall_info info{};
+  if (Ptrace(PTRACE_GET_SYSCALL_INFO, pid, sizeof(info), &info) <= 0) return;
+  if (info.op == PTRACE_SYSCALL_INFO_ENTRY) {
+    process.call = static_cast<long>(info.entry.nr);
+    if (process.call == SYS_accept4 && pid == daemon_) accepting_ = true;
+    if (process.call == process.restarted) {
+      process.restarted = -1;
+      return Resume(pid);
+    }
+    Note(pid, process, reinterpret_cast<const unsigned long long*>(info.entry.args));
+    EnterCall(pid, process);
+  } else {
+    LeaveCall(pid, process, static_cast<long>(info.exit.rval));
+  }
+}
+
+void Tracer::HandleFork(pid_t pid, bool sharesMemory) {
+  unsigned long message = 0;
+  Ptrace(PTRACE_GETEVENTMSG, pid, 0, &message);
+  const auto child = static_cast<pid_t>(message);
+  const Process& parent = processes_[pid];
+  Process process;
+  if (parent.role == Role::kDaemon) {
+    process.role = Role::kChild;
+    process.later = !seen_.insert(Role::kChild).second;
+  } else {
+    process.role = sharesMemory ? Role::kCopy : Role::kScript;
+    seen_.insert(process.role);
+    process.later = parent.later;
+  }
+  processes_[child] = process;
+  if (early_.erase(child) > 0) Resume(child);
+  Resume(pid);
+}
+
+void Tracer::HandleExec(pid_t pid) {
+  Process& process = processes_[pid];
+  if (pid == daemon_) {
+    process.role = Role::kDaemon;
+    return Resume(pid);
+  }
+  processes_.erase(pid);
+  Ptrace(PTRACE_DETACH, pid, 0, 0);
+}
+
+bool Tracer::FollowsCalls(const Process& process) const {
+  if (process.role == Role::kNone) return false;
+  if (process.role == Role::kDaemon) return true;
+  return !process.later &&
+         (point_.kind == Point::Kind::kUndisturbed || point_.role == process.role);
+}
+
+void Tracer::Resume(pid_t pid, int signal) {
+  const Process& process = processes_[pid];
+  Ptrace(FollowsCalls(process) || process.spoiled ? PTRACE_SYSCALL : PTRACE_CONT, pid, 0,
+         static_cast<long>(signal));
+}
+
+// What the verdicts need to know of a call.
+void Tracer::Note(pid_t pid, const Process& process, const unsigned long long* arguments) {
+  if (process.call == SYS_openat) {
+    const std::string file = TextAt(pid, arguments[1]);
+    if ((arguments[2] & O_CREAT) != 0) created_.insert(file);
+    // The first thing that the daemon does in its main function, and nothing else does.
+    if (file == "/dev/null") started_ = true;
+  }
+  if (process.later || (pid == daemon_ && lifted_)) return;
+  const SystemCall* call = FindCall(process.call);
+  const int size = call != nullptr ? call->sizeArgument : -1;
+  met_.push_back({process.role, process.call,
+                  size < 0 ? 0 : static_cast<unsigned long>(arguments[size]), !started_});
+}
+
+bool Tracer::IsDue(const Process& process) {
+  if (process.later || process.role != point_.role) return false;
+  if (fired_) {
+    return point_.kind == Point::Kind::kLasting && !lifted_ &&
+           (process.call == point_.call || (TakesMemory(process.call) && TakesMemory(point_.call)));
+  }
+  return process.call == point_.call &&
+         ++counts_[{process.role, process.call}] == point_.occurrence;
+}
+
+void Tracer::EnterCall(pid_t pid, Process& process) {
+  if (point_.kind != Point::Kind::kUndisturbed && IsDue(process)) {
+    if (!fired_) {
+      firedWhileStarting_ = !started_;
+      firedInHandshake_ = !seen_.contains(Role::kScript);
+    }
+    fired_ = true;
+    if (point_.kind == Point::Kind::kKill) {
+      kill(pid, SIGKILL);
+      return;
+    }
+    Spoil(pid, process);
+  }
+  Resume(pid);
+}
+
+void Tracer::Spoil(pid_t pid, Process& process) {
+  user_regs_struct registers{};
+  if (Ptrace(PTRACE_GETREGS, pid, 0, &registers) != 0) return;
+  process.saved = registers;
+  process.spoiled = true;
+  process.setResult = false;
+  const SystemCall& call = *FindCall(process.call);
+  if (point_.kind == Point::Kind::kShort) {
+    unsigned long long& size = Argument(registers, call.sizeArgument);
+    size = size > 1 ? size / 2 : size;
+  } else if (process.call == SYS_brk) {
+    // It reports no error: the break is where it was.
+    registers.rdi = 0;
+  } else {
+    process.setResult = true;
+    process.result = -point_.error;
+    if (!call.performed) registers.orig_rax = static_cast<unsigned long long>(-1);
+  }
+  Ptrace(PTRACE_SETREGS, pid, 0, &registers);
+}
+
+// The kernel leaves the argument registers alone, and compilers rely on that.
+void Tracer::LeaveCall(pid_t pid, Process& process, long result) {
+  if (process.call == SYS_accept4 && pid == daemon_) {
+    accepting_ = false;
+    accepted_ += result >= 0 ? 1 : 0;
+  }
+  if (result == kRestart || result == kRestartAlways) process.restarted = process.call;
+  if (process.spoiled) {
+    user_regs_struct registers{};
+    Ptrace(PTRACE_GETREGS, pid, 0, &registers);
+    registers.rdi = process.saved.rdi;
+    registers.rsi = process.saved.rsi;
+    registers.rdx = process.saved.rdx;
+    if (process.setResult) registers.rax = static_cast<unsigned long long>(process.result);
+    Ptrace(PTRACE_SETREGS, pid, 0, &registers);
+    process.spoiled = false;
+  }
+  Resume(pid);
+}
+
+std::string Tracer::Standing() const {
+  const std::scoped_lock lock(mutex_);
+  std::string text;
+  for (const auto& [pid, process] : processes_) {
+    const SystemCall* call = FindCall(process.call);
+    std::ifstream file("/proc/" + std::to_string(pid) + "/wchan");
+    std::string place;
+    file >> place;
+    text += " " + std::string(NameOf(process.role)) + (process.later ? " of the next run" : "") +
+            " after or in " + (call != nullptr ? std::string(call->name) : "?") + " (" + place +
+            ")";
+  }
+  return text.empty() ? " none of ours" : text;
+}
+
+void Tracer::KillAll() {
+  const std::scoped_lock lock(mutex_);
+  for (const auto& [pid, process] : processes_) kill(pid, SIGKILL);
+  for (const pid_t pid : ChildrenOf(getpid())) kill(pid, SIGKILL);
+}

@@ -1,0 +1,131 @@
+#pragma once
+
+#include <sys/types.h>
+#include <sys/user.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "tests/faults/point.h"
+
+/// One system call as it was met.
+struct Met {
+  Role role;
+  long call;
+  unsigned long size;  ///< bytes to transfer; 0 for calls that transfer none
+  bool starting;       ///< by the daemon before its main function
+};
+
+/// Runs the daemon and every process that comes of it under ptrace, tells the processes apart, and
+/// lets one system call go wrong.
+///
+/// Start() and Run() belong to the main thread, whose children the processes are; the rest may be
+/// called from a second thread meanwhile.
+class Tracer {
+ public:
+  struct End {
+    pid_t pid;
+    Role role;
+    bool later;  ///< of a run after the first
+    int status;  ///< as waitpid() reports it
+  };
+
+  explicit Tracer(const Point& point) : point_(point) {}
+
+  /// Forks the daemon; `exec` runs in the new process and ends in its exec. All that is orphaned
+  /// below comes to this process. Throws std::runtime_error.
+  void Start(const std::function<void()>& exec);
+
+  /// Follows the processes until none is left, programs that they have become included.
+  void Run();
+
+  pid_t daemon() const { return daemon_; }
+
+  /// Waits until `condition` holds, which is looked at under the lock after every event; false when
+  /// it does not within `limit`.
+  bool WaitFor(const std::function<bool()>& condition, std::chrono::milliseconds limit);
+
+  /// The daemon waits for a master, and has accepted so many.
+  bool hasAccepted(int masters) const { return accepting_ && accepted_ == masters; }
+  /// The point was reached.
+  bool fired() const { return fired_; }
+  /// So many processes of our code are alive besides the daemon.
+  int others() const;
+  bool daemonEnded() const;
+  bool allEnded() const { return allEnded_; }
+
+  /// An error that lasts is over.
+  void Lift();
+
+  /// After Run(): every process of ours that has ended, and every file that one has created.
+  const std::vector<End>& ends() const { return ends_; }
+  const std::set<std::string>& created() const { return created_; }
+  const std::vector<Met>& met() const { return met_; }
+  /// The daemon has come to its first fork.
+  bool forked() const { return seen_.contains(Role::kChild); }
+  /// The point was reached before the connection child forked its script process.
+  bool firedInHandshake() const { return firedInHandshake_; }
+  /// The daemon has come to its main function.
+  bool started() const { return started_; }
+  /// The point was reached before that.
+  bool firedWhileStarting() const { return firedWhileStarting_; }
+
+  /// Where each living process stands, for a report of a hang.
+  std::string Standing() const;
+
+  /// Kills every process that is left. For the end of a trial that has failed.
+  void KillAll();
+
+ private:
+  struct Process {
+    Role role = Role::kNone;
+    bool later = false;
+    bool inCall = false;
+    long call = -1;
+    long restarted = -1;   // a call that a signal handler has interrupted, to be made once more
+    bool spoiled = false;  // the call under way gets `result` and its registers back
+    bool setResult = false;
+    long result = 0;
+    user_regs_struct saved{};
+  };
+
+  void Handle(pid_t pid, int status);
+  void HandleStop(pid_t pid, int signal, int event);
+  void HandleFork(pid_t pid, bool sharesMemory);
+  void HandleExec(pid_t pid);
+  void EnterCall(pid_t pid, Process& process);
+  void LeaveCall(pid_t pid, Process& process, long result);
+  void Note(pid_t pid, const Process& process, const unsigned long long* arguments);
+  bool IsDue(const Process& process);
+  void Spoil(pid_t pid, Process& process);
+  void Resume(pid_t pid, int signal = 0);
+  bool FollowsCalls(const Process& process) const;
+  void Ended(pid_t pid, int status);
+
+  const Point point_;
+  pid_t daemon_ = -1;
+  mutable std::mutex mutex_;
+  std::condition_variable changed_;
+  std::map<pid_t, Process> processes_;
+  std::set<pid_t> early_;  // stopped, and their parents have not told of them yet
+  std::map<std::pair<Role, long>, int> counts_;
+  std::set<Role> seen_;
+  std::vector<End> ends_;
+  std::set<std::string> created_;
+  std::vector<Met> met_;
+  int accepted_ = 0;
+  bool accepting_ = false;
+  bool started_ = false;
+  std::atomic<bool> fired_ = false;
+  bool firedWhileStarting_ = false;
+  std::atomic<bool> firedInHandshake_ = false;
+  bool lifted_ = false;
+  bool allEnded_ = false;
+};

@@ -1,0 +1,549 @@
+#include "tests/faults/trial.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <string.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <filesystem>
+#include <fstream>
+#include <initializer_list>
+#include <optional>
+#include <thread>
+
+#include "tests/faults/peers.h"
+#include "tests/faults/system_calls.h"
+#include "tests/support/child_process.h"
+#include "tests/support/ports.h"
+#include "tests/support/socket_pair.h"
+#include "tests/support/temporary_directory.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using Result = Session::Result;
+
+// Longer than the longest demanded wait, six seconds for a simulator that cannot be reached.
+constexpr seconds kHang{12};
+// Where waiting is what is demanded, this much of it is enough.
+constexpr milliseconds kLeftWaiting{300};
+// Few, so that a loop over all descriptors stays short.
+constexpr rlim_t kDescriptors = 256;
+
+constexpr int kNotExecuted = 126;
+
+// The root name tells the script what to do. What it should not have inherited it puts down in a
+// file; its shell has the script open beside the three standard descriptors, and the directory
+// while it lists it.
+constexpr const char* kScript =
+    "#!/bin/sh\n"
+    "echo \"run $3\"\n"
+    "[ -p /dev/stdout ] || echo 'has no pipe' >>wrong\n"
+    "set -- \"$3\" /proc/$$/fd/*\n"
+    "[ $# -le 6 ] || echo \"has descriptors $*\" >>wrong\n"
+    "[ \"$1\" = NOHOST ] || echo HOST=127.0.0.1\n";
+constexpr const char* kAccountCheck = "[ ! -O \"$0\" ] || echo 'has the account of root' >>wrong\n";
+
+bool IsSend(long call) {
+  return call == SYS_sendto || call == SYS_sendmsg;
+}
+
+bool IsOneOf(long call, std::initializer_list<long> calls) {
+  return std::find(calls.begin(), calls.end(), call) != calls.end();
+}
+
+std::string EndText(int status) {
+  if (WIFSIGNALED(status)) return std::string("died of signal ") + strsignal(WTERMSIG(status));
+  return "ended with status " + std::to_string(WEXITSTATUS(status));
+}
+
+std::string SessionText(const Session& session) {
+  constexpr std::array<const char*, 5> names = {"served", "refused", "closed", "left waiting",
+                                                "answered wrongly"};
+  return std::string(names[static_cast<std::size_t>(session.result)]) + " at '" + session.text +
+         "'";
+}
+
+// The letter of /proc/PID/stat; '?' when there is no such process.
+char StateOf(pid_t pid) {
+  std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
+  std::string text;
+  std::getline(file, text);
+  const std::size_t name = text.rfind(") ");
+  return name == std::string::npos ? '?' : text[name + 2];
+}
+
+// 0 for a process that has just ended.
+std::size_t DescriptorsOf(pid_t pid) {
+  try {
+    return OpenDescriptors(pid);
+  } catch (const fs::filesystem_error&) {
+    return 0;
+  }
+}
+
+class Trial {
+ public:
+  Trial(const Point& point, const std::string& executable);
+
+  Verdict Run();
+
+ private:
+  void Prepare(const std::string& executable);
+  void WriteScript() const;
+  bool IsAsRoot() const;
+  [[noreturn]] void ExecDaemon() const;
+  void Conduct();
+  void ConductSecond(std::size_t descriptors);
+  Master::Plan FirstPlan() const;
+  Master::Plan WholeRun() const;
+  bool MayLeaveWaiting() const;
+  bool MustBeServed() const;
+  Result Undisturbed() const;
+  bool IsDemandedRefusal(const std::string& text) const;
+  bool ForkFailed() const;
+  void ExpectDescriptors(std::size_t expected);
+  void AwaitOthers(int masters);
+  void AwaitAccepting() const;
+  void JudgeSession();
+  void JudgeDemanded();
+  void JudgeEnds();
+  void JudgeDaemonEnd(int status);
+  void JudgeFiles();
+  bool IsExpectedFile(const fs::path& file) const;
+  void Fail(const std::string& text);
+  std::string LogFile() const;
+  bool Is(const char* scenario) const { return point_.scenario == scenario; }
+  bool Kills(Role role) const {
+    return point_.kind == Point::Kind::kKill && point_.role == role && tracer_.fired();
+  }
+
+  const Point point_;
+  TemporaryDirectory directory_;
+  Simulators simulators_;
+  SocketPair terminal_;  // nobody types at it
+  Tracer tracer_;
+  int port_ = 0;
+  bool terminated_ = false;
+  std::optional<Session> first_;
+  Verdict verdict_;
+  std::vector<std::string> failures_;
+};
+
+Trial::Trial(const Point& point, const std::string& executable) : point_(point), tracer_(point) {
+  Prepare(executable);
+}
+
+void Trial::Prepare(const std::string& executable) {
+  fs::permissions(directory_.path(), fs::perms(0777));
+  // The daemon looks for its files beside the executable.
+  std::error_code error;
+  fs::create_hard_link(executable, directory_.File("vkjobmill.exe"), error);
+  if (error) fs::copy_file(executable, directory_.File("vkjobmill.exe"));
+  directory_.Write(".vk_corvane_users", "alice nobody 1\nbob nobody 0\n");
+  directory_.Write(".vk_corvane_env", "JOBMILL_SWEPT yes\n");
+  fs::create_directory(directory_.path() / "data");
+  fs::permissions(directory_.path() / "data", fs::perms(0777));
+  directory_.Write("data/CASE.afi", "a model\n");
+  if (!Is("noexec")) WriteScript();
+  simulators_.LeaveOnStep(Is("simulator"));
+  do port_ = FreePort();
+  while (port_ == simulators_.port() + 1);
+}
+
+void Trial::WriteScript() const {
+  const std::string text = kScript + std::string(IsAsRoot() ? kAccountCheck : "");
+  chmod(directory_.Write("script", text).c_str(), 0755);
+}
+
+bool Trial::IsAsRoot() const {
+  return std::any_of(Scenarios().begin(), Scenarios().end(),
+                     [this](const auto& one) { return one.name == point_.scenario && one.asRoot; });
+}
+
+void Trial::ExecDaemon() const {
+  const rlimit descriptors{kDescriptors, kDescriptors};
+  const rlimit core{0, 0};
+  setrlimit(RLIMIT_NOFILE, &descriptors);
+  setrlimit(RLIMIT_CORE, &core);
+  const int output = open(directory_.File("output").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+  if (output < 0 || chdir(directory_.path().c_str()) != 0) _exit(kNotExecuted);
+  dup2(terminal_.ours.get(), STDIN_FILENO);
+  dup2(output, STDOUT_FILENO);
+  dup2(output, STDERR_FILENO);
+  syscall(SYS_close_range, STDERR_FILENO + 1, ~0U, 0);
+  setenv("LC_ALL", "C", 1);
+  if (Is("memory")) {
+    // Nothing is taken from memory that is there already.
+    setenv("MALLOC_MMAP_THRESHOLD_", "1", 1);
+    setenv("MALLOC_MMAP_MAX_", "1000000", 1);
+    setenv("MALLOC_TOP_PAD_", "0", 1);
+  }
+  const std::string executable = directory_.File("vkjobmill.exe");
+  const std::string port = std::to_string(port_);
+  const std::string comms = std::to_string(simulators_.port());
+  const std::string script = directory_.File("script");
+  std::vector<const char*> arguments = {
+      executable.c_str(), "-p", port.c_str(), "-o", comms.c_str(), "-n", "2", "-t", "5", "-l", "-s",
+      script.c_str()};
+  if (!IsAsRoot()) arguments.push_back("-u");
+  arguments.push_back(nullptr);
+  execv(executable.c_str(), const_cast<char* const*>(arguments.data()));
+  _exit(kNotExecuted);
+}
+
+Verdict Trial::Run() {
+  tracer_.Start([this] { ExecDaemon(); });
+  std::thread peers([this] { Conduct(); });
+  tracer_.Run();
+  peers.join();
+  if (tracer_.fired() || point_.kind == Point::Kind::kUndisturbed) {
+    JudgeSession();
+  } else {
+    verdict_.kind = Verdict::Kind::kNotReached;
+  }
+  JudgeEnds();
+  JudgeFiles();
+  std::error_code ignored;
+  fs::remove(LogFile(), ignored);
+  if (!failures_.empty()) {
+    verdict_.kind = Verdict::Kind::kFailed;
+    for (const std::string& failure : failures_) {
+      verdict_.text += (verdict_.text.empty() ? "" : "; ") + failure;
+    }
+  }
+  if (point_.kind == Point::Kind::kUndisturbed) verdict_.met = tracer_.met();
+  return verdict_;
+}
+
+void Trial::Fail(const std::string& text) {
+  failures_.push_back(text);
+}
+
+std::string Trial::LogFile() const {
+  const std::string name = "/VKJobmill_" + std::to_string(port_) + ".log";
+  return (fs::exists("/var/log" + name) ? "/var/log" : "/tmp") + name;
+}
+
+Master::Plan Trial::WholeRun() const {
+  Master::Plan plan;
+  plan.path = directory_.File("data") + "/";
+  if (Is("run")) plan.cluster = "1";
+  return plan;
+}
+
+Master::Plan Trial::FirstPlan() const {
+  Master::Plan plan = WholeRun();
+  if (Is("version")) plan.version = "abc";
+  if (Is("user")) plan.user = "mallory";
+  if (Is("denied")) plan.user = "bob";
+  if (Is("nohost")) plan.root = "NOHOST";
+  if (Is("master")) plan.leaveAfterConnecting = true;
+  return plan;
+}
+
+// Both sides of the conversation with the daemon, from its start to its end.
+void Trial::Conduct() {
+  const auto ready = [this] { return tracer_.hasAccepted(0) || tracer_.daemonEnded(); };
+  if (!tracer_.WaitFor(ready, kHang)) {
+    Fail("the daemon neither listens nor ends:" + tracer_.Standing());
+  } else if (!tracer_.WaitFor([this] { return tracer_.daemonEnded(); }, milliseconds(0))) {
+    const std::size_t descriptors = DescriptorsOf(tracer_.daemon());
+    Master master([this](auto waited) {
+      return waited > kHang || (waited > kLeftWaiting && MayLeaveWaiting());
+    });
+    first_ = master.Hold(port_, FirstPlan());
+    AwaitOthers(1);
+    AwaitAccepting();
+    tracer_.Lift();
+    if (!tracer_.WaitFor([this] { return tracer_.daemonEnded(); }, milliseconds(0))) {
+      ConductSecond(descriptors + (ForkFailed() ? 1 : 0));
+    }
+  }
+  if (!tracer_.WaitFor([this] { return tracer_.allEnded(); }, kHang)) {
+    Fail("left behind:" + tracer_.Standing());
+  }
+  while (!tracer_.WaitFor([this] { return tracer_.allEnded(); }, milliseconds(20))) {
+    tracer_.KillAll();
+  }
+}
+
+// The next master finds the fault gone and has to be served as if nothing had been.
+void Trial::ConductSecond(std::size_t descriptors) {
+  ExpectDescriptors(descriptors);
+  if (Is("noexec")) WriteScript();
+  simulators_.LeaveOnStep(false);
+  Master next([](auto waited) { return waited > kHang; });
+  const Session second = next.Hold(port_, WholeRun());
+  if (second.result != Result::kServed) Fail("the next master was " + SessionText(second));
+  AwaitOthers(2);
+  ExpectDescriptors(descriptors);
+  if (!Eventually([this] { return ChildrenOf(tracer_.daemon()).empty(); }, kHang)) {
+    Fail("children of the daemon are not reaped");
+  }
+  terminated_ = true;
+  kill(tracer_.daemon(), SIGTERM);
+}
+
+// Until the daemon accepts again, or has ended, and no other process of ours is left.
+void Trial::AwaitOthers(int masters) {
+  const auto quiet = [this, masters] {
+    return (tracer_.hasAccepted(masters) || tracer_.daemonEnded()) && tracer_.others() == 0;
+  };
+  if (!tracer_.WaitFor(quiet, kHang)) {
+    Fail("not at rest after the master has left:" + tracer_.Standing());
+    tracer_.KillAll();
+  }
+}
+
+// It has come to accept(); whether it stays there shows when it sleeps, or has ended instead.
+void Trial::AwaitAccepting() const {
+  Eventually([this] { return StateOf(tracer_.daemon()) == 'S' || !IsRunning(tracer_.daemon()); },
+             kHang);
+}
+
+void Trial::ExpectDescriptors(std::size_t expected) {
+  const std::size_t open = DescriptorsOf(tracer_.daemon());
+  if (open != expected) {
+    Fail("the daemon has " + std::to_string(open) + " descriptors, not " +
+         std::to_string(expected));
+  }
+}
+
+bool Trial::ForkFailed() const {
+  return tracer_.fired() && point_.role == Role::kDaemon &&
+         (point_.call == SYS_clone || point_.call == SYS_clone3) &&
+         point_.kind != Point::Kind::kKill;
+}
+
+// A master whose connection could not get a process is left waiting. So is one whose answer could
+// not be sent, or not be put together for want of memory: that is not noticed before the next
+// receive. And a line that could not be received counts as empty, after which its bytes are taken
+// for the lengths of lines that never come.
+bool Trial::MayLeaveWaiting() const {
+  if (ForkFailed()) return true;
+  if (!tracer_.fired() || point_.role != Role::kChild || point_.kind == Point::Kind::kKill) {
+    return false;
+  }
+  if (point_.call == SYS_recvfrom && point_.kind == Point::Kind::kError) {
+    return tracer_.firedInHandshake();
+  }
+  return IsSend(point_.call) || (IsMemory(point_.call) && !tracer_.firedInHandshake());
+}
+
+// What a program is expected to live with: the rest of a transfer follows; a log that cannot be
+// written does not stop a run, nor does a copy that cannot be made; a connection child does not
+// need its daemon, and the daemon itself needs little to start one.
+bool Trial::MustBeServed() const {
+  if (point_.kind == Point::Kind::kUndisturbed) return true;
+  if (tracer_.firedWhileStarting()) return false;
+  if (point_.role == Role::kCopy) return true;
+  if (point_.kind == Point::Kind::kKill) return point_.role == Role::kDaemon && tracer_.forked();
+  if (point_.kind == Point::Kind::kShort) return !IsSend(point_.call);
+  if (point_.role == Role::kDaemon) {
+    return !IsOneOf(point_.call, {SYS_accept4, SYS_clone, SYS_clone3, SYS_socket, SYS_bind,
+                                  SYS_listen, SYS_rt_sigaction, SYS_brk, SYS_mmap, SYS_mremap});
+  }
+  return IsOneOf(point_.call, {SYS_write, SYS_close, SYS_fchmod, SYS_setgid});
+}
+
+Result Trial::Undisturbed() const {
+  if (Is("version") || Is("simulator")) return Result::kClosed;
+  if (Is("user") || Is("denied") || Is("noexec") || Is("nohost")) return Result::kRefused;
+  return Result::kServed;
+}
+
+bool Trial::IsDemandedRefusal(const std::string& text) const {
+  const std::string users = directory_.path().string() + "/./.vk_corvane_users";
+  return text == "No host detected" || text == "Failed to get password entry for 'nobody'" ||
+         text == "Could not open the user administration file: " + users ||
+         text.starts_with("Failed to set user ID for Tolmen job - error = ") ||
+         (text.starts_with("Windows user '") &&
+          (text.ends_with("' not found in administration file") ||
+           text.ends_with("' does not have permissions to run Varnok")));
+}
+
+void Trial::JudgeSession() {
+  if (!first_) return;  // the daemon's own end tells
+  switch (first_->result) {
+    case Result::kServed:
+      verdict_.kind = Verdict::Kind::kServed;
+      break;
+    case Result::kRefused:
+      verdict_.kind = Verdict::Kind::kRefused;
+      if (!IsDemandedRefusal(first_->text)) Fail("the master was " + SessionText(*first_));
+      break;
+    case Result::kClosed:
+      verdict_.kind = Verdict::Kind::kClosed;
+      break;
+    case Result::kWaiting:
+      verdict_.kind = Verdict::Kind::kWaiting;
+      if (!MayLeaveWaiting()) Fail("the master was " + SessionText(*first_));
+      break;
+    case Result::kWrong:
+      Fail("the master was " + SessionText(*first_));
+      break;
+  }
+  // A script that cannot be started leaves its run without a host, and nothing else.
+  if (point_.role == Role::kScript && first_->result != Undisturbed() &&
+      first_->text != "No host detected") {
+    Fail("the master was " + SessionText(*first_) + " for a script that did not start");
+  }
+  JudgeDemanded();
+  if (MustBeServed() && first_->result != Undisturbed()) {
+    Fail("the master was " + SessionText(*first_) + " although it could have been served");
+  }
+}
+
+// Where a failure has a text and an outcome of its own.
+void Trial::JudgeDemanded() {
+  if (point_.kind != Point::Kind::kError && point_.kind != Point::Kind::kLasting) return;
+  const auto demand = [this](long call, const std::string& text, Result result) {
+    if (point_.call != call) return;
+    if (directory_.Read("output").find(text + "\n") == std::string::npos) {
+      Fail("'" + text + "' was not logged");
+    }
+    if (first_->result != result) Fail("the master was " + SessionText(*first_));
+    if (result == Result::kRefused && first_->text != text) {
+      Fail("the master was told '" + first_->text + "'");
+    }
+  };
+  if (point_.role == Role::kDaemon) {
+    if (ForkFailed() && directory_.Read("output").find(
+                            "Error occurred forking controlling thread: ") == std::string::npos) {
+      Fail("the failed fork was not logged");
+    }
+  } else if (point_.role == Role::kChild) {
+    demand(SYS_clone, "Error: fork failed", Result::kClosed);
+    demand(SYS_setgid,
+           std::string("Failed to set the group ID - ") + (point_.error == EPERM ? "1" : "2"),
+           Undisturbed());
+    // The first one is the switch. There may be more, to see that it cannot be undone.
+    if (point_.occurrence == 1) {
+      demand(SYS_setuid,
+             "Failed to set user ID for Tolmen job - error = " + std::to_string(point_.error),
+             Result::kRefused);
+    }
+  }
+}
+
+void Trial::JudgeEnds() {
+  for (const Tracer::End& end : tracer_.ends()) {
+    const bool killed =
+        WIFSIGNALED(end.status) && WTERMSIG(end.status) == SIGKILL && !end.later && Kills(end.role);
+    if (end.pid == tracer_.daemon()) {
+      if (killed) {
+        verdict_.kind = Verdict::Kind::kDaemonKilled;
+      } else if (!failures_.empty() && WIFSIGNALED(end.status) && WTERMSIG(end.status) == SIGKILL) {
+        // Killed with what was left of a failed trial.
+      } else if (!terminated_ || !WIFSIGNALED(end.status) || WTERMSIG(end.status) != SIGTERM) {
+        JudgeDaemonEnd(end.status);
+      }
+    } else if (!killed && !failures_.empty() && WIFSIGNALED(end.status)) {
+      // Killed with what was left of a failed trial, maybe.
+      if (WTERMSIG(end.status) != SIGKILL) {
+        Fail(std::string(NameOf(end.role)) + " " + EndText(end.status));
+      }
+    } else if (!killed && (WIFSIGNALED(end.status) ||
+                           (WEXITSTATUS(end.status) > 1 &&
+                            !(end.role == Role::kCopy && WEXITSTATUS(end.status) == 127)))) {
+      Fail(std::string(NameOf(end.role)) + (end.later ? " of the next run " : " ") +
+           EndText(end.status));
+    }
+  }
+}
+
+void Trial::JudgeDaemonEnd(int status) {
+  if (!tracer_.fired() && WIFEXITED(status) && WEXITSTATUS(status) == kNotExecuted) {
+    return Fail("the daemon could not be executed");
+  }
+  const std::string output = directory_.Read("output");
+  const std::string taken = "Error in creating socket to listen on port " + std::to_string(port_) +
+                            ": check netstat to see if the port is already in use\n";
+  if (!tracer_.fired() && output == taken) return;  // by somebody else: try again
+  const bool exited = WIFEXITED(status);
+  // Before the main function the program is in the hands of the system's loader, which does not
+  // look whether it got the first memory that it asks for.
+  const bool refused = exited && WEXITSTATUS(status) == 127 && !output.empty();
+  const bool crashed = WIFSIGNALED(status) && WTERMSIG(status) == SIGSEGV && IsMemory(point_.call);
+  if (tracer_.firedWhileStarting() && !tracer_.started() && (refused || crashed)) {
+    verdict_.kind = Verdict::Kind::kNotStarted;
+    return;
+  }
+  std::string text = "Socket failure in accept call - exiting ... \n";
+  if (point_.call == SYS_socket || point_.call == SYS_bind) {
+    text = taken;
+  } else if (point_.call == SYS_rt_sigaction) {
+    text = std::string(strerror(point_.error)) + "\n";
+  } else if (IsMemory(point_.call)) {
+    text = "The jobmill has no memory to start with\n";
+  }
+  if (!exited || WEXITSTATUS(status) != 1 || output.find(text) == std::string::npos) {
+    Fail("the daemon " + EndText(status) + " after printing '" +
+         output.substr(output.size() - std::min<std::size_t>(output.size(), 120)) + "'");
+  } else {
+    verdict_.kind = Verdict::Kind::kDaemonEnded;
+  }
+}
+
+bool Trial::IsExpectedFile(const fs::path& file) const {
+  const std::string name = file.filename().string();
+  return file == LogFile() || name.ends_with(".crvnlog");
+}
+
+void Trial::JudgeFiles() {
+  const std::string wrong = directory_.Read("wrong");
+  if (!wrong.empty()) Fail("the script " + wrong);
+  for (const std::string& name : tracer_.created()) {
+    const fs::path file = name.starts_with('/') ? fs::path(name) : directory_.path() / name;
+    if (!fs::exists(file) || IsExpectedFile(file)) continue;
+    // Killed between making a log under its first name and giving it its own.
+    const bool interrupted = point_.kind == Point::Kind::kKill && tracer_.fired() &&
+                             file.filename().string().starts_with(".log-");
+    if (!interrupted) Fail("left the file " + name);
+    std::error_code ignored;
+    fs::remove(file, ignored);
+  }
+}
+
+}  // namespace
+
+bool IsMemory(long call) {
+  return IsOneOf(call, {SYS_brk, SYS_mmap, SYS_mremap});
+}
+
+const std::vector<Scenario>& Scenarios() {
+  static const std::vector<Scenario> scenarios = {
+      {"run", "a whole cluster run with a mapped account", true},
+      {"own", "a whole run with the daemon's own account", false},
+      {"version", "a master that is no master", false},
+      {"user", "an unknown user", true},
+      {"denied", "a user who may not", true},
+      {"noexec", "a script that cannot be executed", false},
+      {"nohost", "a script that names no host", false},
+      {"simulator", "a simulator that leaves in mid-run", false},
+      {"master", "a master that leaves in mid-run", false},
+  };
+  return scenarios;
+}
+
+std::string NameOf(Verdict::Kind kind) {
+  constexpr std::array<const char*, 9> names = {"served",        "refused",      "closed",
+                                                "waiting",       "daemon ended", "not started",
+                                                "daemon killed", "not reached",  "FAILED"};
+  return names[static_cast<std::size_t>(kind)];
+}
+
+Verdict RunTrial(const Point& point, const std::string& daemon) {
+  return Trial(point, daemon).Run();
+}
