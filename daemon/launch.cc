@@ -87,7 +87,8 @@ void ExecuteScript(const std::vector<char*>& vector, int output, flog& log) {
   for (std::size_t k = 0; k < vector.size(); ++k) {
     log << "Arg " << static_cast<int>(k + 1) << ": " << vector[k] << "\n";
   }
-  dup2(output, STDOUT_FILENO);
+  // Nobody would read its host line.
+  if (dup2(output, STDOUT_FILENO) < 0) return;
   ResetSignals();
   CloseOthersOnExec();
   execv(vector[0], vector.data());
@@ -144,7 +145,8 @@ bool StartScript(const CManagerInformation& info, const RunRequest& run) {
     ExecuteScript(vector, writeEnd, log);
     return false;
   }
-  dup2(readEnd, STDIN_FILENO);
+  // Whatever stands there otherwise, a terminal maybe, is not the script's output.
+  if (dup2(readEnd, STDIN_FILENO) < 0) close(STDIN_FILENO);
   close(writeEnd);
   close(readEnd);
   return true;
