@@ -32,6 +32,13 @@ int Fail(const std::string& text) {
   return 1;
 }
 
+// Without memory there is not even room for an exception.
+[[noreturn]] void EndWithoutMemory() {
+  fputs("The jobmill has no memory to start with\n", stdout);
+  fflush(stdout);
+  _exit(1);
+}
+
 bool Listen(int port) {
   try {
     Gps = new SocketServer(port, kBacklog);
@@ -147,7 +154,10 @@ int AcceptLoop(const Options& options, flog& log) {
   }
 }
 
-int StartAndServe(int argc, char** argv) {
+}  // namespace
+
+int RunDaemon(int argc, char** argv) {
+  std::set_new_handler(EndWithoutMemory);
   if (argc <= 1) return Fail(UsageText());
   Options options = ParseOptions(argc, argv);
   if (options.version) return Fail(VersionText());
@@ -168,17 +178,6 @@ int StartAndServe(int argc, char** argv) {
   const bool pathFound = FindExecutableDirectory();
   const std::unique_ptr<flog> log = OpenLog(options.listenPort);
   LogStart(*log, argc, argv, pathFound);
+  std::set_new_handler(nullptr);
   return AcceptLoop(options, *log);
-}
-
-}  // namespace
-
-int RunDaemon(int argc, char** argv) {
-  try {
-    return StartAndServe(argc, argv);
-  } catch (const std::bad_alloc&) {
-    // At the start only; the accept loop goes on without the connection that it has no memory for.
-    fputs("The jobmill has no memory to start with\n", stdout);
-    return 1;
-  }
 }

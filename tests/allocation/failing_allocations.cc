@@ -41,9 +41,13 @@ void* Allocate(std::size_t size, std::size_t alignment) {
 }
 
 void* AllocateOrThrow(std::size_t size, std::size_t alignment) {
-  void* memory = Allocate(size, alignment);
-  if (memory == nullptr) throw std::bad_alloc();
-  return memory;
+  while (true) {
+    void* memory = Allocate(size, alignment);
+    if (memory != nullptr) return memory;
+    const std::new_handler handler = std::get_new_handler();
+    if (handler == nullptr) throw std::bad_alloc();
+    handler();
+  }
 }
 
 void Release(void* memory) {
