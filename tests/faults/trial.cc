@@ -533,6 +533,7 @@ const std::vector<Scenario>& Scenarios() {
       {"nohost", "a script that names no host", false},
       {"simulator", "a simulator that leaves in mid-run", false},
       {"master", "a master that leaves in mid-run", false},
+      {"memory", "a whole run that asks the system for every allocation", false, true},
   };
   return scenarios;
 }
