@@ -272,4 +272,8 @@ bool CommonConnector::SimulationEnded() {
   return client().position_info().position == AlgPos::END_SIMULATE;
 }
 
+bool CommonConnector::TookLargeAnswer() {
+  return client_ != nullptr && client_->take_large();
+}
+
 }  // namespace connector

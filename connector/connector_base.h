@@ -114,4 +114,7 @@ class ConnectorBase {
   virtual void RunUntil(double time) = 0;
 
   virtual bool SimulationEnded() = 0;
+
+  /// Whether the simulator sent a large answer, above a mebibyte, since the last call.
+  virtual bool TookLargeAnswer() { return false; }
 };

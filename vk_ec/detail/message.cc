@@ -3,6 +3,7 @@
 #include <cstring>
 #include <limits>
 #include <stdexcept>
+#include <utility>
 
 namespace vk_ec::detail {
 namespace {
@@ -75,7 +76,12 @@ MessageMgr::MessageBuilder MessageMgr::createMessageBuilder() {
 
 MessageMgr::MessageDecoder MessageMgr::createMessageDecoder() {
   transporter_.recv(buffer_);
+  large_ = large_ || buffer_.size() > kept_capacity;
   return MessageDecoder(buffer_);
+}
+
+bool MessageMgr::take_large() {
+  return std::exchange(large_, false);
 }
 
 void MessageMgr::empty(Buffer& buffer) {

@@ -80,6 +80,10 @@ class MessageMgr {
   /// this. Without its `finalize` no further message can be sent or received.
   MessageDecoder createMessageDecoder();
 
+  /// Whether a message came, since the last call, that is larger than what is kept between
+  /// messages.
+  bool take_large();
+
  private:
   using Buffer = std::vector<unsigned char>;
 
@@ -90,6 +94,7 @@ class MessageMgr {
 
   Transporter& transporter_;
   Buffer buffer_;
+  bool large_ = false;
 };
 
 /// Appends to an out-going message. Nothing travels before `send`.
