@@ -50,10 +50,6 @@ class DescriptorBuffer : public std::streambuf {
     }
     return written;
   }
-  int_type overflow(int_type character) override {
-    const char byte = traits_type::to_char_type(character);
-    return xsputn(&byte, 1) == 1 ? character : traits_type::eof();
-  }
 
  private:
   int descriptor_ = -1;

@@ -1,8 +1,14 @@
 #pragma once
 
+#include <time.h>
+
 #include <string>
 
 /// The present local time as the C library's asctime() writes it, for example
 /// "Mon Nov 16 03:54:11 2026\n". The newline belongs to the text: streamed after a label, it ends
 /// the log line.
 std::string timestamp();
+
+/// The same for another time. A time that has no such form, from the year 10000 on, is the newline
+/// alone.
+std::string timestamp(time_t now);

@@ -66,9 +66,7 @@ void sendbuf::Pack(const char* bytes, int n) {
 }
 
 void sendbuf::Pack(const std::string& text) {
-  if (text.size() > static_cast<std::size_t>(std::numeric_limits<std::int32_t>::max())) {
-    throw std::length_error("Text too long for a reply");
-  }
+  Reserve(static_cast<std::int64_t>(sizeof(int) + text.size()));
   const auto length = static_cast<int>(text.size());
   Pack(length);
   Pack(text.data(), length);

@@ -225,7 +225,7 @@ std::string Socket::ReceiveBytes() {
 int Socket::GetIPAddr(const char* hostName, char* address) {
   address[0] = '\0';
   const hostent* host = gethostbyname(hostName);
-  if (host == nullptr || host->h_addrtype != AF_INET || host->h_addr_list[0] == nullptr) return 1;
+  if (host == nullptr) return 1;
   in_addr first{};
   memcpy(&first, host->h_addr_list[0], sizeof(first));
   inet_ntop(AF_INET, &first, address, INET_ADDRSTRLEN);

@@ -8,7 +8,7 @@
 
 SocketClient::SocketClient(const std::string& host, int port) {
   const hostent* found = gethostbyname(host.c_str());
-  if (found == nullptr || found->h_addrtype != AF_INET) throw std::string(strerror(errno));
+  if (found == nullptr) throw std::string(strerror(errno));
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_port = htons(static_cast<std::uint16_t>(port));

@@ -4,16 +4,19 @@
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <array>
 #include <chrono>
 #include <filesystem>
+#include <functional>
 #include <iostream>
 
 #include <gtest/gtest.h>
 
 #include "log/timestamp.h"
+#include "tests/support/answered_call.h"
 #include "tests/support/bytes.h"
 #include "tests/support/child_process.h"
 #include "tests/support/socket_pair.h"
@@ -286,6 +289,84 @@ TEST_F(FlogTest, FullDirectoryInTheWayDisablesTheLogAndLeavesNothingBehind) {
   EXPECT_EQ(log.status(), 1);
   EXPECT_TRUE(fs::exists(directory_.File("a.log/kept")));
   EXPECT_EQ(std::distance(fs::directory_iterator(directory_.path()), fs::directory_iterator()), 1);
+}
+
+TEST_F(FlogTest, PipeIsNotAppendedTo) {
+  ASSERT_EQ(mkfifo(directory_.File("a.log").c_str(), 0666), 0);
+  const int reader = open(directory_.File("a.log").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  flog log(directory_.File("a.log"), false);
+  log << "x";
+  EXPECT_EQ(log.status(), 1);
+  char byte = 0;
+  EXPECT_EQ(read(reader, &byte, 1), 0);  // nobody writes, and nobody holds the other end
+  close(reader);
+}
+
+TEST_F(FlogTest, NameThatIsTooLongDisablesTheLogAndLeavesNothingBehind) {
+  flog log(directory_.File(std::string(256, 'n')), true);
+  EXPECT_EQ(log.status(), 1);
+  EXPECT_TRUE(fs::is_empty(directory_.path()));
+}
+
+// Runs `body` in a child, in which system calls can be answered. Its result; 77 from where that is
+// not permitted.
+int InChild(const std::function<int()>& body) {
+  ChildProcess::Options options;
+  options.inChild = body;
+  ChildProcess child({}, options);
+  return child.Wait(std::chrono::seconds(10)).value_or(-1);
+}
+
+constexpr int kNotPermitted = 77;
+
+TEST_F(FlogTest, InterruptedWriteIsRepeated) {
+  const int result = InChild([this] {
+    const int next = dup(STDOUT_FILENO);  // the number that the log's descriptor will get
+    close(next);
+    flog log(directory_.File("a.log"), true);
+    static int interruptions = 0;
+    static int descriptor = 0;
+    descriptor = next;
+    const auto answer = [] {
+      if (++interruptions <= 2) return static_cast<long>(-EINTR);
+      const iovec text{const_cast<char*>("item"), 4};
+      return static_cast<long>(writev(descriptor, &text, 1));
+    };
+    if (!AnswerCall(SYS_write, answer, next)) return kNotPermitted;
+    log << "item";
+    return interruptions;
+  });
+  if (result == kNotPermitted) GTEST_SKIP() << "system calls cannot be answered here";
+  EXPECT_EQ(result, 3);
+  EXPECT_EQ(directory_.Read("a.log"), "item");
+}
+
+TEST_F(FlogTest, DirectoryThatKeepsComingBackDisablesTheLog) {
+  fs::create_directory(directory_.File("a.log"));
+  const int result = InChild([this] {
+    if (!AnswerCall(SYS_rename, [] { return static_cast<long>(-EISDIR); })) return kNotPermitted;
+    const flog log(directory_.File("a.log"), true);
+    return 10 + log.status();
+  });
+  if (result == kNotPermitted) GTEST_SKIP() << "system calls cannot be answered here";
+  EXPECT_EQ(result, 11);
+  EXPECT_TRUE(fs::is_empty(directory_.path()));
+}
+
+TEST_F(FlogTest, FileWhoseKindCannotBeLearntDisablesTheLogAndIsClosed) {
+  directory_.Write("a.log", "kept");
+  const int result = InChild([this] {
+    const int next = dup(STDOUT_FILENO);
+    close(next);
+    if (!AnswerCall(
+            SYS_newfstatat, [] { return static_cast<long>(-EIO); }, next)) {
+      return kNotPermitted;
+    }
+    const flog log(directory_.File("a.log"), false);
+    return 10 + log.status() + (fcntl(next, F_GETFD) == -1 ? 0 : 100);
+  });
+  if (result == kNotPermitted) GTEST_SKIP() << "system calls cannot be answered here";
+  EXPECT_EQ(result, 11);
 }
 
 TEST_F(FlogTest, DescriptorIsClosedOnExec) {

@@ -2,6 +2,8 @@
 
 #include <time.h>
 
+#include <limits>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -19,4 +21,10 @@ TEST(TimestampTest, IsThePresentLocalTime) {
   const time_t stamped = mktime(&parsed);
   EXPECT_GE(stamped, before);
   EXPECT_LE(stamped, time(nullptr));
+}
+
+TEST(TimestampTest, TimeWithoutAnAsctimeFormIsTheNewlineAlone) {
+  constexpr time_t kYear12000 = 316'523'548'800;
+  EXPECT_EQ(timestamp(kYear12000), "\n");
+  EXPECT_EQ(timestamp(std::numeric_limits<time_t>::max()), "\n");  // no calendar reaches there
 }

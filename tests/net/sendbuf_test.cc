@@ -1,11 +1,13 @@
 #include "net/sendbuf.h"
 
+#include <stdlib.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
 #include <array>
 #include <chrono>
 #include <limits>
+#include <new>
 #include <stdexcept>
 #include <string>
 
@@ -15,6 +17,25 @@
 #include "tests/support/bytes.h"
 #include "tests/support/child_process.h"
 #include "tests/support/socket_pair.h"
+
+namespace {
+
+thread_local bool memoryIsShort = false;
+
+}  // namespace
+
+// The whole program's, so that an allocation can be refused.
+void* operator new(std::size_t size) {
+  void* memory = memoryIsShort ? nullptr : malloc(size == 0 ? 1 : size);
+  if (memory == nullptr) throw std::bad_alloc();
+  return memory;
+}
+void operator delete(void* memory) noexcept {
+  free(memory);
+}
+void operator delete(void* memory, std::size_t /*size*/) noexcept {
+  free(memory);
+}
 
 namespace {
 
@@ -109,6 +130,27 @@ TEST_F(SendbufTest, SendKeepsTheContent) {
   reply_.Pack(0);
   EXPECT_EQ(reply_.Send(&child_, 9), 0);
   EXPECT_EQ(Sent(9), "08 00 00 00 09 00 00 00 00 00 00 00 08 00 00 00 09 00 00 00 00 00 00 00");
+}
+
+TEST_F(SendbufTest, ReplyThatCannotBeAllocatedReturnsOneAndSendsNothing) {
+  reply_.Pack(std::string(1000, 'x'));
+  memoryIsShort = true;
+  const int result = reply_.Send(&child_, 9);
+  memoryIsShort = false;
+  EXPECT_EQ(result, 1);
+  child_.Close();
+  EXPECT_EQ(ReadExactly(pair_.peer.get(), 1), "");
+}
+
+TEST_F(SendbufTest, TextTakesTheRoomThatItsPartsWould) {
+  reply_.Pack(std::string("123456"));
+  EXPECT_EQ(reply_.capacity(), 10);
+  reply_.Pack(std::string());
+  EXPECT_EQ(reply_.used(), 14);
+  EXPECT_EQ(reply_.capacity(), 20);
+  reply_.Pack(std::string("1234567"));
+  EXPECT_EQ(reply_.used(), 25);
+  EXPECT_EQ(reply_.capacity(), 30);
 }
 
 TEST_F(SendbufTest, FailedSendReturnsOne) {

@@ -2,8 +2,12 @@
 
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <sys/resource.h>
+#include <sys/select.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <limits>
 #include <memory>
@@ -125,6 +129,66 @@ TEST(SocketServerTest, AcceptWithALimitReportsAnError) {
   int ready = 0;
   EXPECT_EQ(server->Accept(1, &ready), nullptr);
   EXPECT_LT(ready, 0);
+}
+
+// Leaves this process `more` descriptors to open.
+class DescriptorLimit {
+ public:
+  explicit DescriptorLimit(int more) {
+    getrlimit(RLIMIT_NOFILE, &before_);
+    const Descriptor next(dup(0));
+    const auto limit = static_cast<rlim_t>(next.get() + more);
+    const rlimit few{limit, before_.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &few);
+  }
+  DescriptorLimit(const DescriptorLimit&) = delete;
+  DescriptorLimit& operator=(const DescriptorLimit&) = delete;
+  ~DescriptorLimit() { setrlimit(RLIMIT_NOFILE, &before_); }
+
+ private:
+  rlimit before_{};
+};
+
+TEST(SocketServerTest, ServerThatGetsNoSocketThrowsItsText) {
+  const DescriptorLimit one(1);  // which the base class takes
+  std::string thrown;
+  try {
+    const SocketServer server(0, 5);
+  } catch (char* text) {
+    thrown = text;
+  }
+  EXPECT_EQ(thrown, "INVALID SOCKET: -1");
+}
+
+TEST(SocketServerTest, PortIsUnknownWithoutASocketToTryIt) {
+  const DescriptorLimit none(0);
+  EXPECT_EQ(SocketServer::IsAvailablePort(0), -1);
+}
+
+struct HighServer : OpenServer {
+  using OpenServer::OpenServer;
+  // Moves the listening socket to the first free number from `number` on.
+  bool MoveTo(int number) {
+    const int moved = fcntl(handle_, F_DUPFD_CLOEXEC, number);
+    if (moved < 0) return false;
+    close(handle_);
+    handle_ = moved;
+    return true;
+  }
+};
+
+TEST(SocketServerTest, AcceptWithALimitReportsADescriptorThatNoSetHolds) {
+  rlimit before{};
+  getrlimit(RLIMIT_NOFILE, &before);
+  const rlimit many{std::min<rlim_t>(before.rlim_max, 2048), before.rlim_max};
+  setrlimit(RLIMIT_NOFILE, &many);
+  HighServer server(0, 5);
+  const bool moved = server.MoveTo(FD_SETSIZE);
+  setrlimit(RLIMIT_NOFILE, &before);
+  if (!moved) GTEST_SKIP() << "so many descriptors are not permitted here";
+  int ready = 99;
+  EXPECT_EQ(server.Accept(1, &ready), nullptr);
+  EXPECT_EQ(ready, -1);
 }
 
 TEST(SocketServerTest, PortThatNobodyHasIsAvailable) {

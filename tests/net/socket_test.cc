@@ -8,15 +8,20 @@
 #include <time.h>
 
 #include <array>
+#include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <functional>
 #include <future>
+#include <optional>
 #include <string>
 #include <thread>
 
 #include <gtest/gtest.h>
 
+#include "tests/support/answered_call.h"
 #include "tests/support/bytes.h"
+#include "tests/support/child_process.h"
 #include "tests/support/leaks.h"
 #include "tests/support/socket_pair.h"
 
@@ -133,6 +138,16 @@ TEST_F(SocketTest, PeerGoneInMidFrameIsAReceiveError) {
   EXPECT_EQ(length_, 0);
 }
 
+TEST_F(SocketTest, ReceiveErrorInMidFrameReturnsOneWithLengthZero) {
+  const timeval soon{0, 10'000};
+  SocketPair pair;
+  setsockopt(pair.ours.get(), SOL_SOCKET, SO_RCVTIMEO, &soon, sizeof(soon));
+  Socket socket(pair.ours.Release());
+  WriteAll(pair.peer.get(), Bytes("05 00 00 00 61"));
+  EXPECT_EQ(socket.ReceiveLine(buffer_.data(), 2048, length_), 1);
+  EXPECT_EQ(length_, 0);
+}
+
 TEST_F(SocketTest, PeerGoneInMidLengthIsAReceiveError) {
   PeerSends(Bytes("05 00"));
   PeerCloses();
@@ -189,7 +204,77 @@ TEST_F(SocketOverTcpTest, PeerThatClosedForGoodInMidFrameIsNoticed) {
   EXPECT_EQ(length_, 0);
 }
 
+void NoticeSignal(int) {}
+
+TEST_F(SocketOverTcpTest, SignalDoesNotEndTheWaitForThePeer) {
+  struct sigaction action {};
+  struct sigaction before {};
+  action.sa_handler = NoticeSignal;  // a poll() is interrupted by it whatever the flags are
+  sigaction(SIGUSR1, &action, &before);
+  WriteAll(pair_.peer.get(), Bytes("05 00 00 00 61"));
+  shutdown(pair_.peer.get(), SHUT_WR);
+  std::promise<pthread_t> receiver;
+  auto received = std::async(std::launch::async, [&] {
+    receiver.set_value(pthread_self());
+    return socket_.ReceiveLine(buffer_.data(), 2048, length_);
+  });
+  const pthread_t thread = receiver.get_future().get();
+  for (int i = 0; i < 5; ++i) {
+    EXPECT_EQ(received.wait_for(milliseconds(20)), std::future_status::timeout);
+    pthread_kill(thread, SIGUSR1);
+  }
+  EXPECT_EQ(received.wait_for(milliseconds(50)), std::future_status::timeout);
+  const linger reset{1, 0};
+  setsockopt(pair_.peer.get(), SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));
+  pair_.peer.Reset();
+  EXPECT_EQ(received.get(), 1);
+  sigaction(SIGUSR1, &before, nullptr);
+}
+
+// Runs `body` in a child, in which system calls can be answered. Its result, or nothing where that
+// is not permitted.
+std::optional<int> InChild(const std::function<int()>& body) {
+  constexpr int kNotPermitted = 77;
+  ChildProcess::Options options;
+  options.inChild = body;
+  ChildProcess child({}, options);
+  const auto status = child.Wait(std::chrono::seconds(10));
+  return status == kNotPermitted ? std::nullopt : std::optional(status.value_or(-1));
+}
+
+TEST(SocketFailureTest, WaitThatFailsIsAReceiveError) {
+  const auto result = InChild([] {
+    SocketPair pair;
+    Socket socket(pair.ours.Release());
+    WriteAll(pair.peer.get(), Bytes("05 00 00 00 61"));
+    shutdown(pair.peer.get(), SHUT_WR);
+    std::string buffer(Socket::kMaxFrame, '\0');
+    int length = 99;
+    if (!AnswerCall(SYS_poll, [] { return static_cast<long>(-ENOMEM); })) return 77;
+    const int received = socket.ReceiveLine(buffer.data(), 2048, length);
+    return 10 * received + length;
+  });
+  if (!result) GTEST_SKIP() << "system calls cannot be answered here";
+  EXPECT_EQ(*result, 10);
+}
+
+TEST(SocketFailureTest, OwnNameThatCannotBeHadReturnsOneWithAnEmptyAddress) {
+  const auto result = InChild([] {
+    std::array<char, 64> address{"before"};
+    if (!AnswerCall(SYS_uname, [] { return static_cast<long>(-EFAULT); })) return 77;
+    return 10 * Socket::GetIPAddr(address.data()) + (address[0] == '\0' ? 0 : 1);
+  });
+  if (!result) GTEST_SKIP() << "system calls cannot be answered here";
+  EXPECT_EQ(*result, 10);
+}
+
 using SocketStringFormTest = SocketTest;
+
+TEST_F(SocketStringFormTest, ReceiveErrorGivesEmptyWithLengthZero) {
+  Socket closed(-1);
+  EXPECT_EQ(closed.ReceiveLine(length_), "");
+  EXPECT_EQ(length_, 0);
+}
 
 TEST_F(SocketStringFormTest, FrameIsReadWhole) {
   PeerSends(Bytes("03 00 00 00 61 00 63"));
@@ -314,6 +399,20 @@ TEST_F(SocketTest, ReceiveBytesDrainsWhatIsWaitingAndNoMore) {
   EXPECT_EQ(socket_.ReceiveBytes(), bytes);
 }
 
+TEST(SocketBytesTest, NothingIsReceivedFromADescriptorThatCannotBeAsked) {
+  Socket closed(-1);
+  EXPECT_EQ(closed.ReceiveBytes(), "");
+}
+
+TEST(SocketBytesTest, NothingIsReceivedFromADescriptorThatIsNoSocket) {
+  std::array<int, 2> ends{};
+  ASSERT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
+  const Descriptor writer(ends[1]);
+  WriteAll(writer.get(), "waiting");
+  Socket reader(ends[0]);
+  EXPECT_EQ(reader.ReceiveBytes(), "");
+}
+
 void IgnoreSignal(int) {}
 
 TEST_F(SocketTest, FinishedChildDoesNotCutASendShort) {
@@ -395,6 +494,50 @@ TEST_F(SocketTest, AssignmentToACopyLeavesTheSharedDescriptorOpenForEver) {
     }
   }
   EXPECT_TRUE(IsOpen(shared.get()));
+}
+
+TEST_F(SocketTest, AssignmentToItselfChangesNothing) {
+  SocketPair pair;
+  const int number = pair.ours.get();
+  {
+    Socket socket(pair.ours.Release());
+    Socket& itself = socket;
+    socket = itself;
+    EXPECT_EQ(socket.SendLine(std::string("x")), 5);
+  }
+  EXPECT_FALSE(IsOpen(number));
+}
+
+TEST_F(SocketTest, AssignmentOfACopyLeavesTheSharedDescriptorOpenForEver) {
+  SocketPair pair;
+  const Descriptor shared(pair.ours.Release());
+  {
+    const ExpectedLeaks counter;  // which counts the copy twice
+    Socket first(shared.get());
+    Socket copy(first);
+    first = copy;
+    EXPECT_EQ(first.SendLine(std::string("x")), 5);
+  }
+  EXPECT_TRUE(IsOpen(shared.get()));
+}
+
+TEST_F(SocketTest, SecondCloseLeavesTheNumbersNextOwnerAlone) {
+  SocketPair pair;
+  const int number = pair.ours.get();
+  Socket socket(pair.ours.Release());
+  socket.Close();
+  const Descriptor reused(fcntl(pair.peer.get(), F_DUPFD_CLOEXEC, number));
+  ASSERT_EQ(reused.get(), number);
+  socket.Close();
+  EXPECT_TRUE(IsOpen(number));
+}
+
+TEST(SocketUseTest, BracketOfUseLeavesSocketsAsTheyAre) {
+  Socket::Start();
+  SocketPair pair;
+  Socket socket(pair.ours.Release());
+  Socket::End();
+  EXPECT_EQ(socket.SendLine(std::string("x")), 5);
 }
 
 TEST(SocketDescriptorTest, NewSocketIsClosedOnExec) {

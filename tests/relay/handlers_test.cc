@@ -293,6 +293,22 @@ TEST_F(HandlersTest, IprTablesEndWithTenMoleFractionSeriesWhenAskedFor) {
                 "01 00 00 00 00 00 00 00 00 00 00 40 00 00 00 00");
 }
 
+TEST_F(HandlersTest, MissingMoleFractionSeriesAreSentEmpty) {
+  stub_->tables = {Table()};
+  stub_->tables[0].mole_fractions = {{1}};
+  MasterSends("10 00 00 00 01 00 00 00 01 00 00 00 01 00 00 00 41 00 00 00 00 00 00 00 00 40");
+  MasterSends("01 10 00 00");
+  EXPECT_EQ(Serve(), 1);
+  EXPECT_EQ(replies_,
+            "10 00 00 00 10 00 00 00 01 00 00 00 0a 00 00 00 00 00 00 00 "
+            "98 00 00 00 01 10 00 00 " +
+                kTableBytes +
+                "01 00 00 00 00 00 00 00 00 00 f0 3f "
+                "00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 "
+                "00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 "
+                "00 00 00 00 00 00 00 00");
+}
+
 TEST_F(HandlersTest, MissingIprTableGetsNoReplyAtAll) {
   MasterSends("10 00 00 00 00 00 00 00 01 00 00 00 01 00 00 00 41 01 00 00 00 00 00 00 00 40");
   EXPECT_EQ(Serve(), 2);

@@ -164,6 +164,12 @@ TYPED_TEST(ClientQueriesTest, WellNameThatIsNotTextIsATypeError) {
 }
 
 // Only a message header named END ends an answer.
+TYPED_TEST(ClientQueriesTest, EndOfAnotherTypeDoesNotEndAnAnswer) {
+  this->ExpectRefused(
+      Cstr("END", {}), [&] { this->client_.get_constraints_for_wells({"P1"}); },
+      "Incorrect header (received: END-0-CSTR vs expected: WELLNAME-1-...)");
+}
+
 TYPED_TEST(ClientQueriesTest, DataNamedEndDoNotEndAnAnswer) {
   this->ExpectRefused(
       Cstr("END", {"P1"}), [&] { this->client_.get_constraints_for_wells({"P1"}); },

@@ -3,7 +3,9 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -12,6 +14,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <optional>
 #include <set>
 #include <sstream>
 #include <stdexcept>
@@ -24,6 +27,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "tests/support/answered_call.h"
+#include "tests/support/child_process.h"
 #include "tests/support/private_network.h"
 #include "tests/support/wire_bytes.h"
 #include "vk_ec/detail/transport.h"
@@ -323,6 +328,89 @@ TEST(ConnectTest, NextEndpointIsTriedInTheSameAttempt) {
   });
   if (!outcome) GTEST_SKIP() << "a network of its own is not permitted here";
   EXPECT_EQ(*outcome, "at once");
+}
+
+TEST(ConnectTest, AttemptThatTookLongerThanThePaceIsRepeatedAtOnce) {
+  const auto outcome = InPrivateNetwork([] {
+    Hosts("127.0.0.2 cluster\n127.0.0.3 cluster\n");
+    const TakenPort simulator("127.0.0.3");
+    TakenPort silent("127.0.0.2", simulator.port());
+    silent.Swallow();
+    // Two seconds: one with the silent endpoint, whereupon the other refuses; at once again half
+    // of what is left with the silent one, and by then the other listens.
+    std::thread late([&] {
+      std::this_thread::sleep_for(std::chrono::milliseconds(1200));
+      simulator.Listen();
+    });
+    ClientTransporter transporter;
+    const Seconds elapsed = Elapsed([&] { transporter.connect("cluster", simulator.port(), 1); });
+    late.join();
+    return std::to_string(elapsed.count());
+  });
+  if (!outcome) GTEST_SKIP() << "a network of its own is not permitted here";
+  EXPECT_THAT(std::stod(*outcome), AllOf(Ge(1.45), Lt(1.75)));
+}
+
+// Runs `body` in a child, in which system calls can be answered. Its result, or nothing where that
+// is not permitted.
+std::optional<int> InChild(const std::function<int()>& body) {
+  constexpr int kNotPermitted = 77;
+  ChildProcess::Options options;
+  options.inChild = body;
+  ChildProcess child({}, options);
+  const auto status = child.Wait(std::chrono::seconds(10));
+  return status == kNotPermitted ? std::nullopt : std::optional(status.value_or(-1));
+}
+
+using vk_ec::detail::StreamSocket;
+
+constexpr std::chrono::seconds kAmple{5};
+
+TEST(ConnectFailureTest, AttemptWithoutADescriptorFails) {
+  const auto result = InChild([] {
+    const TakenPort simulator;
+    simulator.Listen();
+    StreamSocket socket;
+    socket.resolve("127.0.0.1", simulator.port());
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    const rlimit none{0, limit.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+    const bool connected = socket.connect_before(StreamSocket::Clock::now() + kAmple);
+    setrlimit(RLIMIT_NOFILE, &limit);
+    return (connected ? 10 : 0) +
+           (socket.connect_before(StreamSocket::Clock::now() + kAmple) ? 1 : 0);
+  });
+  EXPECT_EQ(result, 1);
+}
+
+// The result of an attempt during which the system refuses `call`: whether it connected, and how
+// many descriptors it left open.
+std::optional<int> AttemptRefused(int call) {
+  return InChild([call] {
+    const TakenPort simulator;
+    simulator.Listen();
+    StreamSocket socket;
+    socket.resolve("127.0.0.1", simulator.port());
+    const auto before = OpenDescriptors().size();
+    if (!AnswerCall(call, [] { return static_cast<long>(-ENOMEM); })) return 77;
+    const bool connected = socket.connect_before(StreamSocket::Clock::now() + kAmple);
+    return (connected ? 10 : 0) + static_cast<int>(OpenDescriptors().size() - before);
+  });
+}
+
+TEST(ConnectFailureTest, SocketThatCannotBeWatchedIsClosedAgain) {
+  const auto result = AttemptRefused(SYS_epoll_ctl);
+  if (!result) GTEST_SKIP() << "system calls cannot be answered here";
+  EXPECT_EQ(*result, 0);
+}
+
+TEST(ConnectFailureTest, ConnectionWithoutAnAddressIsAFailedAttempt) {
+  for (const int call : {SYS_getsockname, SYS_getpeername}) {
+    const auto result = AttemptRefused(call);
+    if (!result) GTEST_SKIP() << "system calls cannot be answered here";
+    EXPECT_EQ(*result, 0) << "call " << call;
+  }
 }
 
 TEST(ConnectTest, EndpointThatNeverAnswersLeavesTimeForTheNext) {
