@@ -552,6 +552,98 @@ INSTANTIATE_TEST_SUITE_P(
                  "Lists of different lengths in QIPRDATA"}),
     [](const auto& each) { return std::string(each.param.name); });
 
+TEST_F(ControllerLinkTest, SecondSetupIsRefused) {
+  Start();
+  SetUpRun();
+  Send(wire::Mess("SETUP") + wire::Cstr("VERSION", {"V2"}) + wire::Mess("END"));
+  EXPECT_THAT(Receive(), HasSubstr("The run is set up already"));
+  Leave();
+  EXPECT_EQ(notices_, "Controller connected\nSet-up refused: The run is set up already\n");
+}
+
+TEST_F(ControllerLinkTest, SecondContinueAdvancesByTheLongestStep) {
+  Start();
+  SetUpRun();
+  for (int i = 0; i < 2; ++i) {
+    Send(wire::Mess("CONTINUE") + wire::Mess("END"));
+    EXPECT_THAT(Receive(), HasSubstr("BEGIN_NEWTON"));
+  }
+  EXPECT_DOUBLE_EQ(reservoir_->time(), 10);
+}
+
+TEST_F(ControllerLinkTest, LinkWithoutListenersServesAsWell) {
+  const wire::Pair pair = wire::SocketPair();
+  Reservoir reservoir(parse_deck(decks::kBlackOil, "X.afi"));
+  ControllerLink link(reservoir, ControllerLink::Api::k2017_2, {}, stop_, {});
+  ours_ = pair.ours;
+  thread_ = std::thread([&] { ending_ = link.serve(pair.theirs); });
+  SetUpRun();
+  Send(wire::Mess("SHUTDOWN") + wire::Mess("END"));
+  EXPECT_EQ(Hex(Receive()), Hex(wire::Mess("FINISHED") + wire::Mess("END")));
+  EXPECT_EQ(Leave(), ControllerLink::Ending::kShutdown);
+}
+
+TEST_F(ControllerLinkTest, UnknownReservoirNumberIsLeftOut) {
+  Start();
+  SetUpRun();
+  Send(wire::Mess("QUERY") + wire::Mess("QRESVR") + wire::Cstr("QITEMS", {"OTHER", "START_DATE"}) +
+       wire::Mess("END"));
+  EXPECT_EQ(Hex(Receive()), Hex(wire::Mess("REPLY") + wire::Cstr("QITEM", {"START_DATE"}) +
+                                wire::Inte("VALUES", {2020, 2, 27, 0, 0, 0}) + wire::Mess("END")));
+}
+
+TEST_F(ControllerLinkTest, InflowOfAnUnknownPressureIsLeftOut) {
+  Start();
+  SetUpRun();
+  Send(wire::Mess("QUERY") + wire::Mess("QIPRDATA") + wire::Cstr("WELNAMES", {"P1"}) +
+       wire::Cstr("PRESSURETYPES", {"MIDDLE_PRESSURE"}) + wire::Inte("NPOINTS", {3}) +
+       wire::Doub("SKEWNESS", {1}) + wire::Mess("END"));
+  EXPECT_EQ(Hex(Receive()), Hex(wire::Mess("REPLY") + wire::Mess("END")));
+}
+
+TEST_F(ControllerLinkTest, StatusSetterOfAnotherItemEndsTheConnection) {
+  Start();
+  SetUpRun();
+  Send(wire::Mess("SET") + wire::Mess("SETWSTATUS") + wire::Cstr("WCLOSURE", {"USER"}) +
+       wire::Cstr("SETITEM", {"TYPE"}) + wire::Cstr("WELNAMES", {"P1"}) +
+       wire::Cstr("VALUES", {"SHUT"}) + wire::Mess("END"));
+  EXPECT_EQ(Join(), ControllerLink::Ending::kBroken);
+  EXPECT_THAT(notices_, HasSubstr("Unknown SETWSTATUS item: TYPE"));
+}
+
+TEST_F(ControllerLinkTest, NumberSetterOfAnotherItemEndsTheConnection) {
+  Start();
+  SetUpRun();
+  Send(wire::Mess("SET") + wire::Mess("SETWELLS") + wire::Cstr("SETITEM", {"SKIN"}) +
+       wire::Cstr("WELNAMES", {"P1"}) + wire::Doub("VALUES", {1}) + wire::Mess("END"));
+  EXPECT_EQ(Join(), ControllerLink::Ending::kBroken);
+  EXPECT_THAT(notices_, HasSubstr("Unknown SETWELLS item: SKIN"));
+}
+
+TEST_F(ControllerLinkTest, SourceCompositionOfThePhaseGasIsTakenAndOfAnotherIgnored) {
+  Start(decks::kCompositional);
+  SetUpRun();
+  ASSERT_TRUE(reservoir_->create_source("G1", "S", "GAS"));
+  for (const char* phase : {"GAS", "OIL"}) {
+    Send(wire::Mess("SET") + wire::Mess("SETWSTRE") + wire::Cstr("STNAME", {"S"}) +
+         wire::Doub("STCMPVALUES", {1}) + wire::Cstr("STCMPNAMES", {"C1"}) +
+         wire::Cstr("STPHASE", {phase}) + wire::Mess("END"));
+    EXPECT_EQ(Hex(Receive()), Hex(wire::Mess("READY") + wire::Mess("END"))) << phase;
+  }
+  Leave();
+  EXPECT_THAT(notices_, EndsWith("connected\nIgnored: composition of source S\n"));
+}
+
+TEST_F(ControllerLinkTest, StopEndsADelayedStep) {
+  Faults faults;
+  faults.step_delay = std::chrono::seconds(60);
+  Start(decks::kBlackOil, faults);
+  SetUpRun();
+  Send(wire::Mess("CONTINUE") + wire::Mess("END"));
+  stop_.raise();
+  EXPECT_EQ(Join(), ControllerLink::Ending::kStopped);
+}
+
 TEST_F(ControllerLinkTest, QueryBeforeSetupEndsTheConnection) {
   Start();
   Send(wire::Mess("CONTINUE") + wire::Mess("END"));

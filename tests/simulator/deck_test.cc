@@ -147,11 +147,63 @@ INSTANTIATE_TEST_SUITE_P(
         BadDeck{"CompositionTooShort", kCompositional, "0.09, 0.25]", "0.34]",
                 "X.afi:19: \"composition\" has 4 values for 5 components"},
         BadDeck{"CompositionNotOne", kCompositional, "0.25]", "0.5]",
-                "X.afi:19: \"composition\" adds up to 1.25, not to 1"}),
+                "X.afi:19: \"composition\" adds up to 1.25, not to 1"},
+        BadDeck{"NegativeOrNoCompressibility", kBlackOil, "thickness = 15",
+                "thickness = 15\nrock_compressibility = -1",
+                "X.afi:14: \"rock_compressibility\" must not be negative, not -1"},
+        BadDeck{"TextThatIsNone", kBlackOil, "\"METRIC\"", "3",
+                "X.afi:2: \"units\" must be a text"},
+        BadDeck{"ListThatIsNone", kCompositional, "[0.01, 0.50, 0.15, 0.09, 0.25]", "1",
+                "X.afi:19: \"composition\" must be a list"},
+        BadDeck{"ListOfOtherThanTexts", kCompositional, "\"C6\"", "6",
+                "X.afi:18: \"components\" must be a list of texts"},
+        BadDeck{"ListOfOtherThanNumbers", kCompositional, "0.50", "\"half\"",
+                "X.afi:19: \"composition\" must be a list of numbers that are not negative"},
+        BadDeck{"ListWithAnInfiniteNumber", kCompositional, "0.50", "inf",
+                "X.afi:19: \"composition\" must be a list of numbers that are not negative"},
+        BadDeck{"ListWithANegativeNumber", kCompositional, "0.50", "-0.5",
+                "X.afi:19: \"composition\" must be a list of numbers that are not negative"},
+        BadDeck{"SectionThatIsNone", kBlackOil, "[flow]\noil_viscosity = 0.8", "[[flow]]\n",
+                "X.afi:22: \"flow\" must be a section"},
+        BadDeck{"WellsThatAreOneSection", decks::kBlackOilHead, "[black_oil]",
+                "[well]\n[black_oil]", "X.afi:17: \"well\" must be written as [[well]] sections"},
+        BadDeck{"WellsThatAreNumbers", decks::kBlackOilHead, "[run]", "well = [1]\n[run]",
+                "X.afi:1: \"well\" must be written as [[well]] sections"},
+        BadDeck{"TwoEnds", kBlackOil, "end_time = 3650", "end_time = 3650\nend = 2021-02-27",
+                "X.afi:5: \"end_time\" and \"end\" exclude each other"},
+        BadDeck{"EndBeforeTheStart", kBlackOil, "end_time = 3650", "end = 2020-02-27",
+                "X.afi:5: \"end\" must be later than \"start\""},
+        BadDeck{"FracturePressureTooLow", kBlackOil, "thickness = 15",
+                "thickness = 15\nfracture_pressure = 280",
+                "X.afi:14: \"fracture_pressure\" must be above the reservoir's \"pressure\""},
+        BadDeck{"NoRoomToFlow", kBlackOil, "oil_viscosity = 0.8",
+                "connate_water = 0.5\nresidual_oil = 0.5",
+                "X.afi:22: \"connate_water\", \"residual_oil\" and \"critical_gas\" leave no room"},
+        BadDeck{"OneComponentOnly", kCompositional, "[\"N2\", \"C1\", \"C3\", \"C6\", \"C7+\"]",
+                "[\"C1\"]", "X.afi:18: \"components\" must name two components or more"},
+        BadDeck{"ComponentWithoutAName", kCompositional, "[composition]",
+                "[[component]]\nname = \"\"\n[composition]",
+                "X.afi:18: \"name\" must not be empty"},
+        BadDeck{"WrongStatus", kBlackOil, "depth = 1300", "depth = 1300\nstatus = \"CLOSED\"",
+                "X.afi:31: \"status\" must be \"OPEN\" or \"SHUT\", not \"CLOSED\""},
+        BadDeck{"WellWithoutAName", kBlackOil, "\"P1\"", "\"\"",
+                "X.afi:27: \"name\" must be a well name, not \"\""},
+        BadDeck{"WellNamedLikeAllWells", kBlackOil, "\"P1\"", "\"*\"",
+                "X.afi:27: \"name\" must be a well name, not \"*\""}),
     [](const auto& each) { return std::string(each.param.name); });
 
 TEST(DeckTest, BrokenTomlIsReportedAtItsLine) {
   EXPECT_EQ(Complaint("[run]\nunits = \n").substr(0, 8), "X.afi:2:");
+}
+
+TEST(DeckTest, WellMayBeginShutAndWithoutLimits) {
+  const std::string text =
+      Replaced(Replaced(kBlackOil, "[well.constraints]\nBOTTOM_HOLE_PRESSURE = 120\n", ""),
+               "depth = 1300", "depth = 1300\nstatus = \"SHUT\"");
+  const Deck deck = parse_deck(text, "X.afi");
+  EXPECT_FALSE(deck.wells[0].open);
+  for (const auto& limit : deck.wells[0].limits) EXPECT_FALSE(limit.has_value());
+  EXPECT_TRUE(deck.wells[1].open);
 }
 
 TEST(DeckTest, DeckWithoutWellsIsRefused) {

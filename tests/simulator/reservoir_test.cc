@@ -356,6 +356,57 @@ TEST_F(ReservoirTest, InflowCurveRunsFromOpenFlowTowardsTheReservoirPressure) {
   EXPECT_FALSE(reservoir_.inflow_curve(0, "PRESSURE", 5, 2).has_value());
 }
 
+TEST_F(ReservoirTest, WellThatDoesNotFlowHasNeitherWaterCutNorGasOilRatio) {
+  ASSERT_TRUE(reservoir_.set_status("P1", "SHUT"));
+  EXPECT_EQ(Get("P1", "WATER_CUT"), 0);
+  EXPECT_EQ(Get("P1", "GAS_OIL_RATIO"), 0);
+}
+
+TEST_F(ReservoirTest, UnknownTextPropertyHasNoValue) {
+  EXPECT_EQ(reservoir_.text(0, "COLOUR"), std::nullopt);
+}
+
+TEST_F(ReservoirTest, UnknownWellOrPropertyIsOutOfRange) {
+  EXPECT_THROW(Get("P9", "WATER_CUT"), std::out_of_range);
+  EXPECT_THROW(Get("P1", "COLOUR"), std::out_of_range);
+}
+
+TEST_F(ReservoirTest, InjectorsInflowCurveIsOfItsOwnPhaseAtEitherPressure) {
+  const auto gas = reservoir_.inflow_curve(2, "BOTTOM_HOLE_PRESSURE", 4, 1);
+  ASSERT_TRUE(gas.has_value());
+  EXPECT_EQ(gas->items, (std::vector<std::string>{"BOTTOM_HOLE_PRESSURE", "GAS_INJECTION_RATE"}));
+  const auto head = reservoir_.inflow_curve(2, "TUBING_HEAD_PRESSURE", 4, 1);
+  ASSERT_TRUE(head.has_value());
+  EXPECT_EQ(head->items[0], "TUBING_HEAD_PRESSURE");
+  EXPECT_EQ(head->values[1], gas->values[1]);
+  for (std::size_t k = 0; k < 4; ++k) EXPECT_LT(head->values[0][k], gas->values[0][k]);
+  EXPECT_EQ(reservoir_.inflow_curve(2, "PRESSURE", 4, 1), std::nullopt);
+}
+
+TEST_F(ReservoirTest, SettersRefuseUnknownWells) {
+  EXPECT_FALSE(reservoir_.set_uptime("P9", 1));
+  EXPECT_FALSE(reservoir_.set_constraint("P9", "BOTTOM_HOLE_PRESSURE", 100, "USER"));
+  EXPECT_FALSE(reservoir_.create_source("P9", "S", "GAS"));
+}
+
+TEST_F(ReservoirTest, InfiniteValueTakesALimitOff) {
+  Limit("P1", "OIL_PRODUCTION_RATE", 10);
+  ASSERT_NEAR(Get("P1", "OIL_PRODUCTION_RATE"), 10, 1e-6);
+  Limit("P1", "OIL_PRODUCTION_RATE", INFINITY);
+  EXPECT_GT(Get("P1", "OIL_PRODUCTION_RATE"), 100);
+}
+
+TEST_F(ReservoirTest, SourceTakesSoundCompositionsOnly) {
+  Reservoir gas = Make(decks::kCompositional);
+  EXPECT_FALSE(gas.create_source("G1", "", "GAS"));
+  ASSERT_TRUE(gas.create_source("G1", "S", "GAS"));
+  EXPECT_TRUE(gas.set_source_composition("S", {"C1"}, {2}));
+  EXPECT_FALSE(gas.set_source_composition("S", {"C1", "C3"}, {1}));
+  EXPECT_FALSE(gas.set_source_composition("S", {"C1"}, {INFINITY}));
+  EXPECT_FALSE(gas.set_source_composition("S", {"C1", "C3"}, {1e308, 1.7e308}));
+  EXPECT_FALSE(gas.set_source_composition("S", {"C1"}, {0}));
+}
+
 TEST_F(ReservoirTest, UnknownNamesAreRefused) {
   EXPECT_FALSE(reservoir_.find_well("P2").has_value());
   EXPECT_EQ(reservoir_.find_property("SKIN"), nullptr);
