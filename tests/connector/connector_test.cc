@@ -326,6 +326,7 @@ TYPED_TEST(SimpleQueryTest, FluidModelsOfAnotherShapeFail) {
                                             fm + res + res,
                                             res + res,
                                             fm + this->Item("RES_FLUID_MODEL", {}),
+                                            this->Item("FM_FLUID_MODEL", {"A", "B"}) + res,
                                             fm + this->Item("RES_FLUID_MODEL", {"A", "B"})};
   this->Connect();
   for (const std::string& answer : answers) {

@@ -8,6 +8,7 @@
 #include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <array>
@@ -27,6 +28,7 @@
 #include "daemon/signals.h"
 #include "log/flog.h"
 #include "net/socket.h"
+#include "tests/support/answered_call.h"
 #include "tests/support/bytes.h"
 #include "tests/support/child_process.h"
 #include "tests/support/socket_pair.h"
@@ -120,6 +122,15 @@ class AnswerTest : public testing::Test {
   std::string user_ = "alice";
   std::string debug_ = "0";
 };
+
+TEST_F(AnswerTest, ScriptThatGetsNoPipeEndsTheConnectionWithoutAWord) {
+  prepareChild_ = [] { return AnswerCall(SYS_pipe2, [] { return static_cast<long>(-EMFILE); }); };
+  EXPECT_EQ(Outcome(), "");
+  const int status = Status();
+  if (status == 125) GTEST_SKIP() << "system calls cannot be answered here";
+  EXPECT_EQ(status, 1);
+  EXPECT_THAT(Logged(), testing::EndsWith("\nError: pipe failed\n"));
+}
 
 TEST_F(AnswerTest, VersionIsSentFirst) {
   Start();
@@ -474,6 +485,19 @@ TEST_F(LaunchByAnswerTest, ScriptHasThreeDescriptorsAndFreeSignals) {
   };
   EXPECT_EQ(mask("SigBlk:"), 0U);
   EXPECT_EQ(mask("SigIgn:") & ((1ULL << (SIGPIPE - 1)) | (1ULL << (SIGCHLD - 1))), 0U);
+}
+
+TEST_F(LaunchByAnswerTest, ScriptHasThreeDescriptorsOnAKernelThatCannotCloseARange) {
+  Script("#!/bin/sh\nls /proc/$$/fd >descriptors\necho HOST=node17\n");
+  prepareChild_ = [] {
+    return dup2(0, 7) == 7 &&
+           AnswerCall(SYS_close_range, [] { return static_cast<long>(-ENOSYS); });
+  };
+  Outcome();
+  if (Status() == 125) GTEST_SKIP() << "system calls cannot be answered here";
+  const std::string descriptors = directory_.Read("descriptors");
+  EXPECT_THAT(descriptors, testing::StartsWith("0\n1\n"));
+  EXPECT_THAT(descriptors, Not(HasSubstr("7\n")));
 }
 
 TEST_F(LaunchByAnswerTest, MasterSeesTheEndOfTheControllerAlthoughTheScriptLivesOn) {

@@ -1,12 +1,19 @@
 #include "daemon/launch.h"
 
+#include <sys/syscall.h>
+
+#include <cerrno>
+#include <chrono>
 #include <filesystem>
 #include <string>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "daemon/handshake.h"
 #include "log/flog.h"
+#include "tests/support/answered_call.h"
+#include "tests/support/child_process.h"
 #include "tests/support/temporary_directory.h"
 
 namespace {
@@ -60,6 +67,22 @@ TEST_F(ClusterRunTest, OtherTextsAreNoClusterRun) {
 TEST_F(ClusterRunTest, FailedCopyIsLoggedAsSucceededAndTheRunGoesOn) {
   EXPECT_NE(Prepare("3", "ABSENT").find("\nCopy succeeded\n"), std::string::npos);
   EXPECT_EQ(run_.root, "ABSENT_3");
+}
+
+TEST_F(ClusterRunTest, CopyWhoseOutcomeCannotBeLearntIsLoggedAsFailed) {
+  constexpr int kNotPermitted = 77;
+  ChildProcess::Options options;
+  options.inChild = [this] {
+    if (!AnswerCall(SYS_wait4, [] { return static_cast<long>(-ECHILD); })) return kNotPermitted;
+    Prepare("3");
+    return 0;
+  };
+  ChildProcess child({}, options);
+  const int status = child.Wait(std::chrono::seconds(10)).value_or(-1);
+  if (status == kNotPermitted) GTEST_SKIP() << "system calls cannot be answered here";
+  EXPECT_EQ(status, 0);
+  EXPECT_THAT(directory_.Read("log"),
+              testing::EndsWith("\nCopy failed - run will probably fail\n"));
 }
 
 TEST_F(ClusterRunTest, TextsThatAShellWouldExecuteAreOnlyNames) {

@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -10,6 +11,7 @@
 
 #include "daemon/globals.h"
 #include "net/socket_server.h"
+#include "tests/support/answered_call.h"
 #include "tests/support/child_process.h"
 #include "tests/support/ports.h"
 
@@ -76,6 +78,26 @@ TEST(SignalsTest, MissingStandardDescriptorsAreFilled) {
               return dup(0) == free ? 0 : 3;  // and no other was left open
             }),
             0);
+}
+
+TEST(SignalsTest, NullDeviceThatCannotBeOpenedIsDoneWithout) {
+  const int status = InChild([] {
+    if (!AnswerCall(SYS_openat, [] { return static_cast<long>(-ENFILE); })) return 77;
+    return PrepareProcess() ? 0 : 1;
+  });
+  if (status == 77) GTEST_SKIP() << "system calls cannot be answered here";
+  EXPECT_EQ(status, 0);
+}
+
+TEST(SignalsTest, ProcessThatCannotReapItsChildrenIsNotPrepared) {
+  const int status = InChild([] {
+    if (!AnswerCall(
+            SYS_rt_sigaction, [] { return static_cast<long>(-EINVAL); }, SIGCHLD))
+      return 77;
+    return PrepareProcess() ? 0 : 1;
+  });
+  if (status == 77) GTEST_SKIP() << "system calls cannot be answered here";
+  EXPECT_EQ(status, 1);
 }
 
 TEST(SignalsTest, TermHandlerClosesTheListeningSocketIfThereIsOne) {

@@ -62,6 +62,20 @@ TEST_F(FrameChannelTest, FrameOfTenMegabytesIsReadWhole) {
   peer.join();
 }
 
+TEST_F(FrameChannelTest, AssignedChannelTakesTheConnectionAndClosesItsOwn) {
+  SocketPair other;
+  FrameChannel second(other.ours.Release());
+  Write("01000000 41");
+  second = std::move(channel_);
+  EXPECT_EQ(second.Receive(), "A");
+  char byte = 0;
+  EXPECT_EQ(read(other.peer.get(), &byte, 1), 0);
+  FrameChannel& itself = second;
+  second = std::move(itself);
+  Write("01000000 42");
+  EXPECT_EQ(second.Receive(), "B");
+}
+
 TEST_F(FrameChannelTest, EndBetweenFramesIsNoFrame) {
   Write("01000000 41");
   pair_.peer.Reset();

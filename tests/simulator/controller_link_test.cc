@@ -640,6 +640,7 @@ TEST_F(ControllerLinkTest, StopEndsADelayedStep) {
   Start(decks::kBlackOil, faults);
   SetUpRun();
   Send(wire::Mess("CONTINUE") + wire::Mess("END"));
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));  // nothing tells that it has begun
   stop_.raise();
   EXPECT_EQ(Join(), ControllerLink::Ending::kStopped);
 }

@@ -42,6 +42,34 @@ TEST(ParseCommand, ArgumentsOfACommandThatTakesNoneAreRefused) {
   EXPECT_EQ(Refusal("time 30"), "time: '30': it takes no arguments");
 }
 
+TEST(ParseCommand, EveryCommandWithoutArgumentsRefusesThem) {
+  for (const char* command : {"eos", "quit", "status"}) {
+    EXPECT_THAT(Refusal(std::string(command) + " 30"), HasSubstr("it takes no arguments"));
+  }
+}
+
+TEST(ParseCommand, SeveralLikelyCommandsAreAllNamed) {
+  EXPECT_EQ(Refusal("s"),
+            "No such command: s (status, start-date, shut, set-status, source, shutdown?)");
+}
+
+TEST(ParseCommand, InflowOptionsNeedTheirValue) {
+  EXPECT_EQ(Refusal("ipr P1 skewness"), "understood") << "a well may have that name";
+  EXPECT_EQ(Refusal("ipr P1 components"), "understood");
+  for (const char* wrong : {"-1", "1e9", "1.5"}) {
+    EXPECT_THAT(Refusal(std::string("ipr P1 components ") + wrong),
+                HasSubstr("is no number of components"));
+  }
+  EXPECT_EQ(Refusal("ipr P1 components 3"), "understood");
+}
+
+TEST(ParseCommand, MoleFractionOutsideZeroToOneIsRefused) {
+  for (const char* wrong : {"-0.1", "1.1"}) {
+    EXPECT_THAT(Refusal(std::string("composition S ") + wrong),
+                HasSubstr("A mole fraction is 0 to 1"));
+  }
+}
+
 TEST(ParseCommand, OneWrongCommandOfALineRefusesTheLine) {
   EXPECT_EQ(Refusal("time then tiem"), "No such command: tiem (the command help lists them)");
 }

@@ -127,6 +127,11 @@ struct FakeRun {
   std::vector<Well> wells{
       {"P1", "PRODUCER", "OPEN"}, {"P2", "PRODUCER", "SHUT"}, {"I1", "WATER_INJECTOR", "OPEN"}};
 
+  bool has_eos = true;                   ///< else the model has no components
+  std::vector<double> interaction{0.1};  ///< binary interaction coefficients
+  bool flows_liquid = true;              ///< else the inflow tables hold gas alone
+  std::size_t missing_variables = 0;     ///< how many values fewer than asked for
+
   double time = 0;
   bool first_step = false;
 
@@ -224,25 +229,31 @@ struct FakeRun {
     }
   }
 
-  static void SendEOS(DaemonEnd& master) {
+  void SendEOS(DaemonEnd& master) const {
     Pack reply(14);
+    if (!has_eos) {
+      reply.String("").Int(0);
+      for (int list = 0; list < 12; ++list) reply.Series({});
+      return master.Send(reply.Done());
+    }
     reply.String("PR").Int(2).String("C1").String("CO2");
     reply.Series({16.04, 44.01}).Series({190.6, 304.1}).Series({46.0, 73.8}).Series({99, 94});
     reply.Series({0.011, 0.239}).Series({}).Series({111.6, 194.7}).Series({-0.15, -0.08});
-    reply.Series({0.457, 0.457}).Series({0.0778, 0.0778}).Series({77, 78}).Series({0.1});
+    reply.Series({0.457, 0.457}).Series({0.0778, 0.0778}).Series({77, 78});
+    reply.Series(interaction);
     master.Send(reply.Done());
   }
 
-  static void SendVariables(DaemonEnd& master, Fields& fields) {
+  void SendVariables(DaemonEnd& master, Fields& fields) const {
     fields.String();
-    const int count = fields.Int();
+    const int count = fields.Int() - static_cast<int>(missing_variables);
     std::vector<double> values;
     values.reserve(static_cast<std::size_t>(count));
     for (int i = 0; i < count; ++i) values.push_back(10.5 * (i + 1));
     master.Send(Pack(15).Series(values).Done());
   }
 
-  static void SendIPR(DaemonEnd& master, Fields& fields) {
+  void SendIPR(DaemonEnd& master, Fields& fields) const {
     const int components = fields.Int();
     const int count = fields.Int();
     master.Send(Pack(16).Int(count).Int(10).Done());
@@ -251,8 +262,8 @@ struct FakeRun {
       for (int point = 0; point < 10; ++point) {
         const double rate = 1000 - 100 * point;
         lists[0].push_back(300 - rate / 10);
-        lists[1].push_back(rate);
-        lists[2].push_back(rate / 4);
+        lists[1].push_back(flows_liquid ? rate : 0);
+        lists[2].push_back(flows_liquid ? rate / 4 : 0);
         lists[3].push_back(rate * 100);
         for (std::size_t i = 4; i < 8; ++i) lists[i].push_back(80);
       }

@@ -41,6 +41,24 @@ TEST(Explain, RunGoesOnOnlyWhenNothingWasSent) {
   EXPECT_FALSE(Explain(master::ProtocolError("x"), run, false).run_goes_on);
 }
 
+TEST(Explain, ArgumentThatALibraryRefusesIsAUsageError) {
+  const vkmaster::Failure failure = Explain(std::invalid_argument("x"), {}, false);
+  EXPECT_EQ(failure.status, 2);
+  EXPECT_TRUE(failure.run_goes_on);
+}
+
+TEST(Explain, OnlyAFailedConnectRequestIsExplainedByTheSimulatorsStart) {
+  EXPECT_THAT(Explain(master::RequestFailed("request 1 (Connect)"), {}, true).hint,
+              HasSubstr("On connecting: "));
+  EXPECT_THAT(Explain(master::RequestFailed("request 4 (GetTimeDays)"), {}, true).hint,
+              testing::Not(HasSubstr("On connecting: ")));
+}
+
+TEST(Explain, OtherTextAboutAWindowsUserIsOnlyTheDaemons) {
+  EXPECT_THAT(vkmaster::HintForRefusal("Windows user 'x' is odd", {}),
+              HasSubstr("The text is the daemon's"));
+}
+
 TEST(Explain, UnknownHostAsksForTheName) {
   EXPECT_THAT(Explain(master::ConnectError("Unknown host 'x': y"), {}, true).hint,
               HasSubstr("Check --host"));

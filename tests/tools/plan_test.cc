@@ -99,6 +99,12 @@ TEST_F(PlanTest, WhatIsWrongIsNamedWithItsLine) {
   EXPECT_THAT(Refusal("[advance]\nuntil = true\n"), EndsWith("line 2: a text or a number wanted"));
   EXPECT_THAT(Refusal("[launch]\nport = \"x\"\n[advance]\nuntil = 3\n"),
               EndsWith("line 2: a port is a number 1 to 65535"));
+  for (const char* port : {"0", "65536"}) {
+    EXPECT_THAT(Refusal(std::string("[launch]\nport = ") + port + "\n[advance]\nuntil = 3\n"),
+                EndsWith("line 2: a port is a number 1 to 65535"));
+  }
+  EXPECT_THAT(Refusal("[advance]\nuntil = 3\n[[event]]\ncommands = []\n"),
+              EndsWith("line 3: an event has at and commands"));
   EXPECT_THAT(Refusal("launch = 3\n[advance]\nuntil = 3\n"), EndsWith("line 1: a table wanted"));
   const std::string advance = "[advance]\nuntil = 3\n";
   EXPECT_THAT(Refusal(advance + "[record]\ncommands = \"data\"\n"),
@@ -115,6 +121,10 @@ TEST_F(PlanTest, WhatIsWrongIsNamedWithItsLine) {
               EndsWith("line 3: an event has at and commands"));
   EXPECT_THAT(Refusal(advance + "[[event]]\nat = \"+3\"\ncommands = []\n"),
               EndsWith("line 4: days or a date wanted"));
+}
+
+TEST_F(PlanTest, TargetMayHaveADecimalPoint) {
+  EXPECT_EQ(Read("[advance]\nuntil = 30.5\n").until.days, 30.5);
 }
 
 TEST_F(PlanTest, MissingFileIsNamed) {
@@ -202,6 +212,30 @@ TEST_F(PlanRunTest, FailedRequestKeepsWhatWasRecorded) {
   EXPECT_EQ(directory_.Read("results/wells.csv"),
             "time_days,date,well,type,status\n0,2020-01-01,P1,PRODUCER,OPEN\n"
             "10,2020-01-11,P1,PRODUCER,OPEN\n");
+}
+
+TEST_F(PlanRunTest, PlanThatEndsWhereTheRunIsEndsTheRun) {
+  run_.time = 30;
+  const Outcome outcome = Run("[advance]\nuntil = 30\n");
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_THAT(outcome.err, HasSubstr("The run is at day 30, beyond the plan's end"));
+}
+
+TEST_F(PlanRunTest, SecondTableOfACommandHasAFileOfItsOwnAndNotesAreShown) {
+  const Outcome outcome =
+      Run("[advance]\nuntil = 1\n[record]\ncommands = [\"eos\", \"ipr P1 keep\"]\n");
+  EXPECT_EQ(outcome.status, 0) << outcome.err;
+  EXPECT_THAT(directory_.Read("results/eos_binary_interaction.csv"),
+              HasSubstr("time_days,date,number,coefficient\n0,2020-01-01,1,0.1\n"));
+  EXPECT_THAT(outcome.err, HasSubstr("note: day 0, ipr: The wells are open and limited"));
+}
+
+TEST_F(PlanRunTest, FileThatCannotBeWrittenEndsTheRunWithItsShutdown) {
+  std::filesystem::create_directories(directory_.File("results/wells.csv"));
+  const Outcome outcome = Run("[advance]\nuntil = 1\n[record]\ncommands = [\"wells\"]\n");
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_THAT(outcome.err, HasSubstr("Cannot write '"));
+  EXPECT_EQ(daemon_.Requests().back(), "f0 ff 00 00");
 }
 
 TEST_F(PlanRunTest, DirectoryThatCannotBeMadeEndsTheRunWithItsShutdown) {

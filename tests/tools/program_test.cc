@@ -178,6 +178,52 @@ TEST_F(ProgramTest, TargetBehindTheRunIsRefusedWithoutSendingIt) {
   EXPECT_THAT(daemon_.Requests(), testing::Contains(kShutdown));
 }
 
+TEST_F(ProgramTest, DateBeforeTheStartIsRefused) {
+  const Outcome outcome = Master({"until", "2019-12-31"});
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_THAT(outcome.err, HasSubstr("2019-12-31 is before the start of the run, 2020-01-01"));
+}
+
+TEST_F(ProgramTest, AdvanceOfARunThatHasEndedIsRefused) {
+  run_.end = 5;
+  const Outcome outcome = Master({"until", "5", "then", "until", "9"});
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_EQ(outcome.out,
+            "         day          date         ended\n"
+            "           5    2020-01-06           yes\n");
+  EXPECT_THAT(outcome.err, HasSubstr("The simulation has ended, at day 5"));
+}
+
+TEST_F(ProgramTest, SimpleQuestionsAreAnsweredByTheRun) {
+  const Outcome outcome = Master({"--csv", "compositional", "then", "start-date", "then", "ended"});
+  EXPECT_EQ(outcome.out, "compositional\ntrue\n\nstart_date\n2020-01-01\n\nended\nfalse\n");
+}
+
+TEST_F(ProgramTest, ShutdownOnAPipeEndsTheReading) {
+  EXPECT_EQ(Master({}, "shutdown\ntime\n").status, 0);
+  EXPECT_THAT(daemon_.Requests(), ElementsAre(kConnect, kShutdown));
+}
+
+TEST_F(ProgramTest, DashAsTheFileIsStandardInput) {
+  const Outcome outcome = Master({"--file", "-"}, "time\n");
+  EXPECT_EQ(outcome.out, "time  0 days\n");
+}
+
+TEST(ProgramHelpTest, HelpOfACommandNeedsNoRun) {
+  const Outcome outcome = RunVkmaster({"help", "until"});
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_THAT(outcome.out, HasSubstr("until TARGET [step STEP] [rates]"));
+  EXPECT_THAT(outcome.out, Not(HasSubstr("set-status")));
+}
+
+TEST(ProgramLaunchTest, ListenerThatNeverSpeaksIsNoDaemon) {
+  FakeDaemon daemon([](DaemonEnd& master) { master.Receive(); });
+  const Outcome outcome =
+      RunVkmaster(LaunchArguments(daemon.port(), {"--connect-wait", "1", "time"}));
+  EXPECT_EQ(outcome.status, 3);
+  EXPECT_THAT(outcome.err, HasSubstr("Is it a jobmill daemon that listens there?"));
+}
+
 TEST_F(ProgramTest, JsonIsOneObjectALine) {
   const Outcome outcome = Master({"--json", "time", "then", "until", "2", "step", "1"});
   EXPECT_EQ(outcome.out, R"({"command":"time","time_days":0.0,"units":{"time_days":"days"}})"

@@ -29,6 +29,12 @@ TEST_F(ProgressTest, BarShowsTheDaysReached) {
             "[##############################] day 200 of 200 (0:00:59)");
 }
 
+TEST_F(ProgressTest, AdvanceOverNoTimeIsDoneAtOnce) {
+  Progress progress(true, terminal_);
+  progress.BeginAdvance(100, 100);
+  EXPECT_EQ(progress.Line(seconds(0)), "[##############################] day 100 of 100 (0:00:00)");
+}
+
 TEST_F(ProgressTest, OtherWorkShowsTheTimeSpent) {
   Progress progress(true, terminal_);
   progress.Begin("shutting down");

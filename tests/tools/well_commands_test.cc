@@ -224,6 +224,47 @@ TEST_F(WellCommandsTest, EOSIsATableOfComponents) {
             "number,coefficient\n1,0.1\n");
 }
 
+TEST_F(WellCommandsTest, FullSquareOfInteractionCoefficientsIsShownAsOne) {
+  run_.interaction = {0, 0.1, 0.2, 0};
+  EXPECT_THAT(Do("eos"), testing::EndsWith("component,C1,CO2\nC1,0,0.1\nCO2,0.2,0\n"));
+}
+
+TEST_F(WellCommandsTest, NoInteractionCoefficientsAreNoTable) {
+  run_.interaction = {};
+  EXPECT_THAT(Do("eos"), testing::EndsWith("0.457,0.0778,78\n"));
+}
+
+TEST_F(WellCommandsTest, ModelWithoutAnEquationOfStateIsSaidToHaveNone) {
+  run_.has_eos = false;
+  EXPECT_EQ(Do("eos"), "name,component_count\n,0\nnote: The model has no equation of state\n");
+}
+
+TEST_F(WellCommandsTest, MissingVariablesBreakTheProtocol) {
+  run_.missing_variables = 1;
+  EXPECT_THROW(Do("vars P1 bhp oil"), master::ProtocolError);
+}
+
+TEST_F(WellCommandsTest, IPROfAGasInjectorIsPlottedOverGasAndFreedOfItsGasLimit) {
+  run_.wells = {{"G1", "GAS_INJECTOR", "OPEN"}};
+  run_.metric = false;
+  run_.flows_liquid = false;
+  EXPECT_THAT(Do("ipr G1", Form::kText), HasSubstr("gas MMscf/d"));
+  EXPECT_THAT(Requests(13),
+              ElementsAre(Hex(Bytes("0d000000 01000000 02000000 4731 01000000 01000000"
+                                    "12000000 4741535f494e4a454354494f4e5f52415445"
+                                    "01000000 01000000 00000000006af840"))));
+}
+
+TEST_F(WellCommandsTest, OnlyTheFirstWellsOfALongListArePlotted) {
+  run_.wells.clear();
+  for (int i = 0; i < 12; ++i) {
+    run_.wells.push_back({"W" + std::to_string(i), "PRODUCER", "OPEN"});
+  }
+  const std::string text = Do("ipr all keep", Form::kText);
+  EXPECT_THAT(text, HasSubstr("\nW0\n   bhp"));
+  EXPECT_THAT(text, testing::Not(HasSubstr("\nW11\n   bhp")));
+}
+
 TEST_F(WellCommandsTest, SourceSendsWellAndName) {
   EXPECT_EQ(Do("source I1 GAS"), "well,source,result\nI1,GAS,1\n");
   EXPECT_THAT(Requests(18), ElementsAre(Hex(Bytes("12000000 02000000 4931 03000000 474153"))));

@@ -29,6 +29,15 @@ TEST(SplitWords, BackslashKeepsTheNextCharacter) {
   EXPECT_THAT(SplitWords(R"(A\ 1 "a\"b" 'c\d' \#5)"), ElementsAre("A 1", "a\"b", "c\\d", "#5"));
 }
 
+TEST(SplitWords, BackslashAtTheEndStandsForItself) {
+  EXPECT_THAT(SplitWords("A\\"), ElementsAre("A\\"));
+  EXPECT_THROW(SplitWords("\"A\\"), UsageError);
+}
+
+TEST(SplitWords, LineEndsSeparateToo) {
+  EXPECT_THAT(SplitWords("A\nB"), ElementsAre("A", "B"));
+}
+
 TEST(SplitWords, HashBeginsACommentOnlyAtAWordsBeginning) {
   EXPECT_THAT(SplitWords("open P#1 # the first"), ElementsAre("open", "P#1"));
   EXPECT_THAT(SplitWords("# nothing"), IsEmpty());
