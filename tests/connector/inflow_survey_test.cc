@@ -281,6 +281,13 @@ TYPED_TEST(InflowTest, DataGoIntoTheFirstRecordsOfAListThatWasNotEmpty) {
   EXPECT_TRUE(this->tables_[1].oil_rate.empty());
 }
 
+TEST(InflowSurveyTest, MostComponentsAreTaken) {
+  const std::vector<std::string> wells = {"W"};
+  const connector::InflowSurvey survey(wells, 100000, true, false);
+  EXPECT_EQ(survey.properties().size(), 100011U);
+  EXPECT_EQ(survey.properties().back(), "TOTAL_MOLE_FRACTION[100000]");
+}
+
 TYPED_TEST(InflowTest, TooManyComponentsAreRefused) {
   this->AnswerQuery(this->Item("UNIT_SYSTEM", {"TOLMEN_FIELD"}));
   EXPECT_THROW(this->Survey({"W"}, 1, 100001), std::length_error);

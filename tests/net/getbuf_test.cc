@@ -91,6 +91,16 @@ TEST_F(GetbufTest, TextEndsAtItsFirstZeroByteAndIsPassedOverWhole) {
   EXPECT_EQ(next, 7);
 }
 
+TEST_F(GetbufTest, TextMayReachToTheEndOfTheBufferButNotPastIt) {
+  getbuf exact = Over("02 00 00 00 41 42");
+  std::string text;
+  exact.UnPack(text);
+  EXPECT_EQ(text, "AB");
+  EXPECT_EQ(exact.remaining(), 0);
+  getbuf tooLong = Over("03 00 00 00 41 42");
+  EXPECT_THROW(tooLong.UnPack(text), std::out_of_range);
+}
+
 TEST_F(GetbufTest, NegativeLengthIsAnEmptyText) {
   getbuf body = Over("ff ff ff ff 07 00 00 00");
   std::string text = "before";

@@ -120,6 +120,13 @@ TEST_F(SendbufTest, PrePackMakesRoomOnceAndKeepsWhatIsThere) {
   EXPECT_EQ(Sent(3), "08 00 00 00 03 00 00 00 07 00 00 00");
 }
 
+TEST_F(SendbufTest, RoomThatEndsAtAStepIsNotOneStepLarger) {
+  reply_.PrePack(30);
+  EXPECT_EQ(reply_.capacity(), 30);
+  reply_.PrePack(31);
+  EXPECT_EQ(reply_.capacity(), 40);
+}
+
 TEST_F(SendbufTest, MoreThanALengthCanSayIsRefused) {
   reply_.Pack(7);
   EXPECT_THROW(reply_.PrePack(std::numeric_limits<int>::max()), std::length_error);

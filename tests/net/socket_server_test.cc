@@ -17,6 +17,7 @@
 
 #include "net/socket_client.h"
 #include "tests/support/bytes.h"
+#include "tests/support/child_process.h"
 #include "tests/support/ports.h"
 
 namespace {
@@ -58,6 +59,19 @@ struct OpenServer : SocketServer {
   using SocketServer::SocketServer;
   int handle() const { return handle_; }
 };
+
+TEST(SocketServerTest, ConnectionThatGetsTheFirstNumberIsServedToo) {
+  ChildProcess::Options options;
+  options.inChild = [] {
+    OpenServer server(0, 5);
+    const SocketClient client("127.0.0.1", PortOf(server.handle()));
+    close(0);
+    const std::unique_ptr<Socket> accepted(server.Accept());
+    return fcntl(0, F_GETFD) == FD_CLOEXEC ? 0 : 1;
+  };
+  ChildProcess child({}, options);
+  EXPECT_EQ(child.Wait(std::chrono::seconds(10)).value_or(-1), 0);
+}
 
 TEST(SocketServerTest, ListeningSocketIsClosedOnExec) {
   const OpenServer server(0, 5);

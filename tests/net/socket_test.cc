@@ -33,6 +33,11 @@ bool IsOpen(int descriptor) {
   return fcntl(descriptor, F_GETFD) != -1;
 }
 
+struct OpenSocket : Socket {
+  using Socket::Socket;
+  int handle() const { return handle_; }
+};
+
 class SocketTest : public testing::Test {
  protected:
   SocketTest() : socket_(pair_.ours.Release()), buffer_(Socket::kMaxFrame, '\x7e') {
@@ -46,7 +51,7 @@ class SocketTest : public testing::Test {
   }
 
   SocketPair pair_;
-  Socket socket_;
+  OpenSocket socket_;
   std::string buffer_;
   int length_ = 99;
 };
@@ -114,6 +119,14 @@ TEST_F(SocketTest, OnlyTheCapacityIsCleared) {
   EXPECT_EQ(Receive(2048), 0);
   EXPECT_EQ(buffer_.substr(0, 2048), "a" + std::string(2047, '\0'));
   EXPECT_EQ(buffer_.substr(2048), std::string(Socket::kMaxFrame - 2048, '\x7e'));
+}
+
+TEST_F(SocketTest, CapacityThatIsNotPositiveClearsNothing) {
+  for (const int capacity : {0, -1}) {
+    PeerSends(Bytes("00 00 00 00"));
+    EXPECT_EQ(Receive(capacity), -1);
+    EXPECT_EQ(buffer_, std::string(Socket::kMaxFrame, '\x7e'));
+  }
 }
 
 TEST_F(SocketTest, FrameOfTheBuffersSizeIsRead) {
@@ -321,6 +334,33 @@ TEST_F(SocketStringFormTest, WouldBlockGivesWhatHadArrived) {
   WriteAll(pair.peer.get(), Bytes("05 00 00 00 61 62"));
   EXPECT_EQ(socket.ReceiveLine(length_), "ab");
   EXPECT_EQ(length_, 5);
+}
+
+TEST_F(SocketStringFormTest, WouldBlockBeforeAFrameGivesNothingWithLengthZero) {
+  fcntl(socket_.handle(), F_SETFL, O_NONBLOCK);
+  EXPECT_EQ(socket_.ReceiveLine(length_), "");
+  EXPECT_EQ(length_, 0);
+}
+
+TEST_F(SocketStringFormTest, EndOfTheConnectionIsNotTakenForAWait) {
+  PeerSends(Bytes("05 00 00 00 61 62"));
+  PeerCloses();
+  errno = EAGAIN;  // of some earlier call
+  EXPECT_EQ(socket_.ReceiveLine(length_), "");
+  EXPECT_EQ(length_, 0);
+}
+
+TEST_F(SocketStringFormTest, ConnectionThatBreaksInMidFrameGivesEmptyWithLengthZero) {
+  TcpPair pair;
+  Socket socket(pair.ours.Release());
+  WriteAll(pair.peer.get(), Bytes("05 00 00 00 61 62"));
+  auto received = std::async(std::launch::async, [&] { return socket.ReceiveLine(length_); });
+  EXPECT_EQ(received.wait_for(milliseconds(20)), std::future_status::timeout);
+  const linger reset{1, 0};
+  setsockopt(pair.peer.get(), SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));
+  pair.peer.Reset();
+  EXPECT_EQ(received.get(), "");
+  EXPECT_EQ(length_, 0);
 }
 
 TEST_F(SocketStringFormTest, LongestFrameThatCompletesHas32767Bytes) {

@@ -1,9 +1,36 @@
 #include "relay/packing.h"
 
+#include <stdlib.h>
+
+#include <algorithm>
 #include <limits>
+#include <new>
 #include <stdexcept>
+#include <string>
 
 #include <gtest/gtest.h>
+
+#include "tests/support/bytes.h"
+
+namespace {
+
+thread_local std::size_t largestAllocation = 0;
+
+}  // namespace
+
+// The whole program's, to see what a hostile count makes it take.
+void* operator new(std::size_t size) {
+  largestAllocation = std::max(largestAllocation, size);
+  void* memory = malloc(size == 0 ? 1 : size);
+  if (memory == nullptr) throw std::bad_alloc();
+  return memory;
+}
+void operator delete(void* memory) noexcept {
+  free(memory);
+}
+void operator delete(void* memory, std::size_t /*size*/) noexcept {
+  free(memory);
+}
 
 namespace {
 
@@ -18,6 +45,47 @@ TEST(PackingTest, ReplyThatNoFrameCanAnnounceIsRefusedBeforeAnyRoomIsMade) {
   EXPECT_THROW(MakeRoom(reply, std::int64_t{std::numeric_limits<int>::max()} + 1),
                std::length_error);
   EXPECT_EQ(reply.capacity(), 10);
+}
+
+// The fields of a request whose receive buffer ends with them.
+class UnPackTest : public testing::Test {
+ protected:
+  getbuf Fields(const std::string& bytes) {
+    bytes_ = bytes;
+    largestAllocation = 0;
+    return getbuf(reinterpret_cast<const unsigned char*>(bytes_.data()),
+                  static_cast<std::int64_t>(bytes_.size()));
+  }
+  std::string bytes_;
+};
+
+TEST_F(UnPackTest, NumbersMayReachToTheEndOfTheBuffer) {
+  getbuf fields = Fields(Bytes("00 00 00 00 00 00 f0 3f 00 00 00 00 00 00 00 40"));
+  EXPECT_EQ(UnPackNumbers(fields, 2), (std::vector<double>{1, 2}));
+}
+
+TEST_F(UnPackTest, TextsMayReachToTheEndOfTheBuffer) {
+  getbuf fields = Fields(Bytes("01 00 00 00 41 00 00 00 00"));
+  EXPECT_EQ(UnPackTexts(fields, 2), (std::vector<std::string>{"A", ""}));
+}
+
+TEST_F(UnPackTest, CountThatIsNotPositiveGivesNothing) {
+  for (const int n : {0, -1}) {
+    getbuf fields = Fields(std::string(16, '\0'));
+    EXPECT_TRUE(UnPackNumbers(fields, n).empty());
+    EXPECT_TRUE(UnPackTexts(fields, n).empty());
+    EXPECT_EQ(fields.remaining(), 16);
+  }
+}
+
+TEST_F(UnPackTest, HostileCountTakesNoMoreMemoryThanTheBufferCanFill) {
+  const std::string buffer(4000, '\0');
+  getbuf numbers = Fields(buffer);
+  EXPECT_THROW(UnPackNumbers(numbers, std::numeric_limits<int>::max()), std::out_of_range);
+  EXPECT_EQ(largestAllocation, 4000U);
+  getbuf texts = Fields(buffer);
+  EXPECT_THROW(UnPackTexts(texts, std::numeric_limits<int>::max()), std::out_of_range);
+  EXPECT_LE(largestAllocation, 2 * 1000 * sizeof(std::string));
 }
 
 }  // namespace

@@ -201,6 +201,14 @@ TEST_F(DecoderTest, FinalizeKeepsAUsualBufferAndGivesBackAHugeOne) {
   EXPECT_LE(message_.capacity(), 1U << 20);
 }
 
+TEST_F(DecoderTest, BufferOfExactlyTheKeptSizeIsKept) {
+  auto decoder = Decode(Cstr("T", {std::string((1 << 20) - 22, 'x')}));
+  ASSERT_EQ(message_.capacity(), 1U << 20);
+  decoder.get_header_and_data<std::string>("T");
+  decoder.finalize();
+  EXPECT_EQ(message_.capacity(), 1U << 20);
+}
+
 TEST_F(DecoderTest, EveryKindOfDataIsReadBack) {
   auto decoder =
       Decode(Bytes("03 'ONE'  00 00 00 00 00 00 00 00  'MESS'"

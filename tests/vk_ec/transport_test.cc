@@ -1,7 +1,10 @@
 #include "vk_ec/detail/transport.h"
 
 #include <fcntl.h>
+#include <linux/tcp.h>
+#include <netinet/in.h>
 #include <pthread.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -11,11 +14,13 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "tests/support/socket_pair.h"
 #include "tests/support/wire_bytes.h"
 
 namespace {
@@ -145,6 +150,36 @@ TEST_F(TransportTest, TotalOfZeroIsAnEmptyMessage) {
                  Bytes("00 00 00 00 00 00 00 00  00 00 00 00 00 00 00 00") + wire::Framed("next"));
   EXPECT_EQ(Receive(), "");
   EXPECT_EQ(Receive(), "next");
+}
+
+TEST_F(TransportTest, TotalOfZeroIsAnEmptyMessageWhateverFirstChunkItAnnounces) {
+  wire::WriteAll(peer_,
+                 Bytes("00 00 00 00 00 00 00 00  05 00 00 00 00 00 00 00") + wire::Framed("next"));
+  EXPECT_EQ(Receive(), "");
+  EXPECT_EQ(Receive(), "next");
+}
+
+// What left, and in how many segments, when this message was sent over TCP.
+std::pair<int, int> SentOverTcp(const std::string& message) {
+  TcpPair pair;
+  const int sender = pair.ours.get();
+  tcp_info info{};
+  socklen_t size = sizeof(info);
+  int arrived = 0;
+  {
+    Transporter transporter(pair.ours.Release());
+    transporter.send(
+        SendMessage(reinterpret_cast<const unsigned char*>(message.data()), message.size()));
+    getsockopt(sender, IPPROTO_TCP, TCP_INFO, &info, &size);
+    // Over loopback it has arrived by now, or waits for more to travel with.
+    ioctl(pair.peer.get(), FIONREAD, &arrived);
+  }
+  return {arrived, static_cast<int>(info.tcpi_data_segs_out)};
+}
+
+TEST(TransportOverTcpTest, HeaderTravelsWithItsChunkAndAnEmptyMessageAtOnce) {
+  EXPECT_EQ(SentOverTcp("x"), std::make_pair(17, 1));
+  EXPECT_EQ(SentOverTcp(""), std::make_pair(16, 1));
 }
 
 TEST_F(TransportTest, FirstChunkLongerThanTheTotalIsRefused) {
