@@ -343,6 +343,20 @@ TEST_F(HandlersTest, InjectionCompositionPassesNamesAndSeries) {
   EXPECT_NE(Logged().find("\nSetWellInjectionComposition\n"), std::string::npos);
 }
 
+// The fields behind a short request, up to byte 2,047 of the frame, are zeros whatever came before;
+// those behind are what an earlier frame has left.
+TEST_F(HandlersTest, TwoThousandAndFortyEightBytesAreClearedBeforeEachFrame) {
+  std::string ones;
+  for (int i = 0; i < 3000; ++i) ones += "01 ";
+  MasterSends(ones);  // of an unknown code
+  // A well's name that ends before the last four cleared bytes: no properties are asked for.
+  MasterSends("0f 00 00 00 f4 07 00 00");
+  // One byte longer, the number of properties reaches into the frame before.
+  MasterSends("0f 00 00 00 f5 07 00 00");
+  EXPECT_EQ(Serve(), 2);
+  EXPECT_EQ(stub_->calls, Calls{"GetWellVariables(,[])"});
+}
+
 TEST_F(HandlersTest, FieldsOfAShortRequestAreReadAsTheZerosBehindIt) {
   EXPECT_EQ(ReplyTo("0b 00 00 00"), "08 00 00 00 0b 00 00 00 00 00 00 00");
   EXPECT_EQ(stub_->calls, Calls{"SetWellStatus([],[])"});
