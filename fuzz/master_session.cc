@@ -1,0 +1,140 @@
+// A whole session: the master's frames on one side, a scripted simulator on the other, the product
+// between them. However either ends, the loop ends with one of its results and its text, and the
+// master has got whole replies to its own requests in their order.
+
+#include <array>
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "fuzz/support/answer_script.h"
+#include "fuzz/support/input.h"
+#include "fuzz/support/memory_link.h"
+#include "fuzz/support/memory_stream.h"
+#include "fuzz/support/promise.h"
+#include "log/flog.h"
+#include "net/socket.h"
+#include "relay/connector_socket_wrapper.h"
+
+namespace {
+
+constexpr std::uint32_t kInflow = 16;
+constexpr std::uint32_t kShutdown = 65520;
+
+void AppendNumber(std::string& bytes, std::uint32_t number) {
+  bytes.append(reinterpret_cast<const char*>(&number), sizeof(number));
+}
+
+// Ends what a hostile count goes on reading behind the fields: as the length of a text it fits into
+// no buffer. The zeros that a receive buffer holds otherwise would be read as texts to its very end
+// in most executions; the target of the handlers does that as far as is of use.
+const std::string kStop(24, '\x7f');
+
+// The fields of a request for inflow tables, without the numbers of components that are allowed
+// and take milliseconds: those left are small, negative, or too large.
+void TameComponents(std::string& frames, std::size_t fields) {
+  for (std::size_t i = fields + 1; i < fields + 3; ++i) frames[i] = '\0';
+}
+
+// The master's frames: per request a byte for the code and one for the size of the fields, then
+// the fields.
+void WriteRequests(std::string_view script, std::string& frames) {
+  Input input(reinterpret_cast<const std::uint8_t*>(script.data()), script.size());
+  while (!input.empty()) {
+    const std::uint8_t selector = input.Byte();
+    std::uint32_t code = selector % 32;
+    if (code == 31) code = kShutdown;
+    if (code == 30) code = 4096;
+    if (code == 29) code = 4097;
+    const std::string_view fields = input.Take(input.Byte());
+    AppendNumber(frames, static_cast<std::uint32_t>(sizeof(code) + fields.size() + kStop.size()));
+    AppendNumber(frames, code);
+    frames += fields;
+    frames += kStop;
+    if (code == kInflow) TameComponents(frames, frames.size() - kStop.size() - fields.size());
+  }
+}
+
+std::vector<std::uint32_t> Codes(std::string_view frames, bool replies) {
+  std::vector<std::uint32_t> codes;
+  while (!frames.empty()) {
+    std::array<std::uint32_t, 2> head{};
+    PROMISE(frames.size() >= sizeof(head));
+    std::memcpy(head.data(), frames.data(), sizeof(head));
+    frames.remove_prefix(sizeof(head[0]));
+    PROMISE(head[0] <= frames.size());
+    if (replies) {
+      std::uint32_t acknowledgement = 1;
+      PROMISE(head[0] >= sizeof(head[1]) + sizeof(acknowledgement));
+      std::memcpy(&acknowledgement, frames.data() + head[0] - sizeof(acknowledgement),
+                  sizeof(acknowledgement));
+      PROMISE(acknowledgement == 0);
+    }
+    codes.push_back(head[1]);
+    frames.remove_prefix(head[0]);
+  }
+  return codes;
+}
+
+// Every reply is to a request of its code, in the order of the requests, and all requests that
+// anybody knows are answered but for the last that was looked at.
+void CheckReplies(const std::vector<std::uint32_t>& requests, std::size_t served,
+                  const std::vector<std::uint32_t>& replies) {
+  std::size_t next = 0;
+  for (std::size_t i = 0; i < served; ++i) {
+    const bool isMain = (requests[i] >= 1 && requests[i] <= 20) || requests[i] == kShutdown;
+    const bool answered = next < replies.size() && replies[next] == requests[i];
+    PROMISE(answered || !isMain || i + 1 == served);
+    if (answered) ++next;
+  }
+  PROMISE(next == replies.size());
+}
+
+bool IsReason(std::string_view error, int result) {
+  if (result == 0) return error.empty();
+  if (result == 1) return error == "No or unexpected data received from Corvane";
+  constexpr std::string_view failed = "Failed to handle data packet received from master: ";
+  if (!error.starts_with(failed)) return false;
+  error.remove_prefix(failed.size());
+  return error.starts_with("Exception returned from Corvane comms: ") ||
+         error.starts_with("Exception returned from VK controller: ") ||
+         error == "Unknown exception";
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  static Socket master(-1);
+  static flog log("", true);
+  static std::string frames;
+  static std::string answers;
+  Input input(data, size);
+  const int version = (input.Byte() & 1) != 0 ? 20162 : 20172;
+  frames.clear();
+  WriteRequests(input.Take(input.Short()), frames);
+  answers.clear();
+  WriteAnswers(input, answers);
+  memoryLink.Begin(frames);
+  memoryStream.Begin(answers);
+
+  ConnectorSocketWrapper controller(version, "host", &master, 9001, 60, log);
+  std::string error;
+  const int result = controller.ProcessRequests(error);
+  PROMISE(result >= 0 && result <= 2);
+  PROMISE(IsReason(error, result));
+
+  const std::size_t left = memoryLink.incoming.size();
+  const std::vector<std::uint32_t> requests = Codes(frames, false);
+  const std::size_t served = requests.size() - Codes(memoryLink.incoming, false).size();
+  PROMISE(result != 1 || left == 0);
+  CheckReplies(requests, served, Codes(memoryLink.sent, true));
+  PROMISE(result != 0 || requests[served - 1] == kShutdown);
+
+  // Only a shutdown releases the connection; a controller that ends on an error leaves it to the
+  // end of its process, which here does not come.
+  memoryStream.Begin({});
+  controller.Shutdown();
+  return 0;
+}

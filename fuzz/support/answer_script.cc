@@ -1,0 +1,155 @@
+#include "fuzz/support/answer_script.h"
+
+#include <array>
+#include <cmath>
+#include <cstdint>
+#include <limits>
+#include <string_view>
+#include <vector>
+
+#include "fuzz/support/memory_stream.h"
+#include "fuzz/support/wire.h"
+
+namespace {
+
+constexpr std::size_t kMost = 8192;
+
+constexpr std::array<std::string_view, 27> kNames = {
+    "REPLY",       "READY",           "END",     "QITEMS", "QITEM",   "WELLNAME", "VALUES",
+    "STEP",        "POSITION",        "TIME",    "DATE",   "STARTED", "ERRORS",   "FINISHED",
+    "ITEMS",       "SETTERS",         "NPOINTS", "ITEM",   "NCOMPS",  "BIC",      "EOSNAME",
+    "EOSPROPNAME", "FLUIDMODELDNAME", "STRET",   "SET",    "",        "BOGUS"};
+
+constexpr std::array<std::string_view, 52> kWords = {"P1",
+                                                     "P2",
+                                                     "I1",
+                                                     "*",
+                                                     "",
+                                                     "OPEN",
+                                                     "SHUT",
+                                                     "PRODUCER",
+                                                     "WATER_INJECTOR",
+                                                     "GAS_INJECTOR",
+                                                     "TYPE",
+                                                     "STATUS",
+                                                     "OIL_PRODUCTION_RATE",
+                                                     "GAS_PRODUCTION_RATE",
+                                                     "WATER_PRODUCTION_RATE",
+                                                     "WATER_INJECTION_RATE",
+                                                     "GAS_INJECTION_RATE",
+                                                     "UPTIME_FRACTION",
+                                                     "BOTTOM_HOLE_PRESSURE",
+                                                     "TUBING_HEAD_PRESSURE",
+                                                     "TEMPERATURE",
+                                                     "GAS_DENSITY",
+                                                     "WATER_DENSITY",
+                                                     "OIL_DENSITY",
+                                                     "TOTAL_MOLE_FRACTION[1]",
+                                                     "TOTAL_MOLE_FRACTION[2]",
+                                                     "VK_VERSION",
+                                                     "2017.2",
+                                                     "UNIT_SYSTEM",
+                                                     "TOLMEN_METRIC",
+                                                     "TOLMEN_ENGLISH",
+                                                     "FM_FLUID_MODEL",
+                                                     "RES_FLUID_MODEL",
+                                                     "COMPOSITIONAL",
+                                                     "BLACK_OIL",
+                                                     "START_DATE",
+                                                     "MODEL_DEFINITION",
+                                                     "BEGIN_NEWTON",
+                                                     "END_SIMULATE",
+                                                     "STARTING",
+                                                     "Molecular weight",
+                                                     "TCrit",
+                                                     "PCrit",
+                                                     "VCRIT",
+                                                     "Acentric factor",
+                                                     "BP",
+                                                     "VSHIFT",
+                                                     "OMEGAA",
+                                                     "OMEGAB",
+                                                     "Parachor",
+                                                     "1e999",
+                                                     "C1"};
+
+std::string_view Word(std::uint8_t byte) {
+  return kWords[byte % kWords.size()];
+}
+
+double Number(std::uint8_t byte) {
+  switch (byte) {
+    case 255:
+      return std::numeric_limits<double>::quiet_NaN();
+    case 254:
+      return std::numeric_limits<double>::infinity();
+    case 253:
+      return -1e300;
+    default:
+      return byte * 12.5;
+  }
+}
+
+int Integer(std::uint8_t byte) {
+  constexpr int year = 1900;
+  if (byte == 255) return std::numeric_limits<int>::min();
+  if (byte == 254) return std::numeric_limits<int>::max();
+  return byte < 100 ? byte : year + byte;
+}
+
+void WriteData(Input& input, unsigned type, std::string_view name, std::string& message) {
+  const std::size_t count = input.Byte() & 15U;
+  constexpr std::array<std::string_view, 4> tags = {"MESS", "DOUB", "INTE", "CSTR"};
+  wire::AppendHeader(message, name, count, tags[type]);
+  for (std::size_t i = 0; i < count; ++i) {
+    const std::uint8_t byte = input.Byte();
+    if (type == 1) {
+      const double value = Number(byte);
+      message.append(reinterpret_cast<const char*>(&value), sizeof(value));
+    } else if (type == 2) {
+      const int value = Integer(byte);
+      message.append(reinterpret_cast<const char*>(&value), sizeof(value));
+    } else {
+      const std::string_view word = Word(byte);
+      const std::uint64_t length = word.size();
+      message.append(reinterpret_cast<const char*>(&length), sizeof(length));
+      message += word;
+    }
+  }
+}
+
+}  // namespace
+
+void WriteAnswers(Input& input, std::string& stream) {
+  static std::string message;
+  message.clear();
+  std::size_t repeatFrom = std::string::npos;
+  const auto endMessage = [&] {
+    wire::AppendMess(message, "END");
+    AppendFramed(stream, message);
+    message.clear();
+  };
+  while (!input.empty() && stream.size() < kMost) {
+    const std::uint8_t byte = input.Byte();
+    const unsigned type = byte >> 6;
+    const unsigned name = byte & 63U;
+    if (byte == 60) {
+      message += input.Take(input.Byte());
+    } else if (byte == 61) {
+      repeatFrom = stream.size();
+    } else if (byte == 62) {
+      endMessage();
+    } else if (byte == 63) {
+      wire::AppendMess(message, "READY");
+      endMessage();
+    } else if (type == 0) {
+      wire::AppendMess(message, kNames[name % kNames.size()]);
+    } else {
+      WriteData(input, type, kNames[name % kNames.size()], message);
+    }
+  }
+  if (!message.empty()) AppendFramed(stream, message);
+  if (repeatFrom >= stream.size()) return;
+  const std::string again = stream.substr(repeatFrom);
+  while (stream.size() + again.size() < kMost) stream += again;
+}

@@ -1,0 +1,49 @@
+#include "fuzz/support/memory_stream.h"
+
+#include <cstdint>
+#include <cstring>
+
+#include <boost/asio/error.hpp>
+#include <boost/system/system_error.hpp>
+
+#include "vk_ec/detail/stream_socket.h"
+
+MemoryStream memoryStream;
+
+void AppendFramed(std::string& stream, std::string_view message) {
+  const std::uint64_t lengths[2] = {message.size(), message.size()};
+  stream.append(reinterpret_cast<const char*>(lengths), sizeof(lengths));
+  stream.append(message);
+}
+
+// The same class as that of vk_ec/detail/stream_socket.cc, which the linker leaves out when it
+// finds these.
+namespace vk_ec::detail {
+
+struct StreamSocket::Impl {};
+
+StreamSocket::StreamSocket() = default;
+StreamSocket::StreamSocket(int /*connected_descriptor*/) {}
+StreamSocket::~StreamSocket() = default;
+
+void StreamSocket::resolve(const std::string& /*host*/, unsigned /*port*/) {}
+bool StreamSocket::connect_before(Clock::time_point /*give_up*/) {
+  return true;
+}
+void StreamSocket::set_no_delay() {}
+
+void StreamSocket::write(const unsigned char* bytes, std::size_t length, bool /*more_follows*/) {
+  memoryStream.sent.append(reinterpret_cast<const char*>(bytes), length);
+}
+
+void StreamSocket::read(unsigned char* bytes, std::size_t length) {
+  std::string_view& incoming = memoryStream.incoming;
+  if (length > incoming.size()) {
+    incoming = {};
+    throw boost::system::system_error(boost::asio::error::eof, "read");
+  }
+  if (length > 0) std::memcpy(bytes, incoming.data(), length);
+  incoming.remove_prefix(length);
+}
+
+}  // namespace vk_ec::detail
