@@ -17,6 +17,8 @@ namespace {
 
 using vk_ec::detail::MessageMgr;
 
+constexpr std::string_view kTooShort = "Not enough data read from network";
+
 // Takes the data of `header`, which the decoder has read as `values`, from the bytes.
 template <class T>
 void Compare(std::string_view& bytes, const wire::Header& header, const std::vector<T>& values) {
@@ -58,10 +60,17 @@ void ReadData(MessageMgr::MessageDecoder& decoder, const MessageMgr::Header& dec
     const std::vector<T> values = decoder.get_data<T>(decoded);
     PROMISE(there);
     Compare(bytes, header, values);
-  } catch (const std::length_error&) {
-    PROMISE(!there);
+  } catch (const std::length_error& error) {
+    PROMISE(!there && error.what() == kTooShort);
     throw;
   }
+}
+
+// Why the bytes hold no header.
+std::string Complaint(std::string_view bytes) {
+  const std::size_t behindName = bytes.empty() ? 1 : 1U + static_cast<std::uint8_t>(bytes[0]);
+  if (bytes.size() < behindName + 12) return std::string(kTooShort);
+  return "Unknown type: " + std::string(bytes.substr(behindName + 8, 4));
 }
 
 void ReadItem(MessageMgr::MessageDecoder& decoder, std::string_view& bytes) {
@@ -71,8 +80,8 @@ void ReadItem(MessageMgr::MessageDecoder& decoder, std::string_view& bytes) {
   MessageMgr::Header decoded;
   try {
     decoded = decoder.get_header();
-  } catch (const std::exception&) {
-    PROMISE(!there);
+  } catch (const std::exception& error) {
+    PROMISE(!there && error.what() == Complaint(bytes));
     throw;
   }
   PROMISE(there);
@@ -93,14 +102,17 @@ void ReadItem(MessageMgr::MessageDecoder& decoder, std::string_view& bytes) {
 }
 
 // A message that was read to its end finishes; one with bytes left does not.
-void Finish(MessageMgr::MessageDecoder& decoder, std::vector<unsigned char>& buffer, bool whole) {
+void Finish(MessageMgr::MessageDecoder& decoder, std::vector<unsigned char>& buffer,
+            std::size_t read) {
+  const std::size_t size = buffer.size();
   try {
     decoder.finalize();
-    PROMISE(whole);
-    PROMISE(buffer.empty());
-  } catch (const std::length_error&) {
-    PROMISE(!whole);
-    PROMISE(!buffer.empty());
+    PROMISE(read == size && buffer.empty());
+  } catch (const std::length_error& error) {
+    PROMISE(read < size && buffer.size() == size);
+    PROMISE(error.what() ==
+            "Received message is longer than expected (received: " + std::to_string(size) +
+                " vs expected: " + std::to_string(read) + ")");
   }
 }
 
@@ -117,12 +129,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   } catch (const std::invalid_argument&) {
     return 0;
   }
-  Finish(decoder, buffer, true);
+  Finish(decoder, buffer, size);
   if (size == 0) return 0;
 
   buffer.assign(data, data + size);
   MessageMgr::MessageDecoder again(buffer);
   again.get_header();
-  Finish(again, buffer, size == 13U + data[0]);
+  Finish(again, buffer, 13U + data[0]);
   return 0;
 }

@@ -11,6 +11,7 @@
 
 #include <boost/system/system_error.hpp>
 
+#include "fuzz/support/answer_script.h"
 #include "fuzz/support/input.h"
 #include "fuzz/support/memory_stream.h"
 #include "fuzz/support/paired_client.h"
@@ -197,6 +198,14 @@ std::string Ready() {
   return End(message);
 }
 
+// The rest of the input, or the message that it is the script of.
+std::string_view Answer(Input& input, bool scripted) {
+  static std::string message;
+  if (!scripted) return input.Rest();
+  WriteMessage(input, message);
+  return message;
+}
+
 // Nothing when the operation failed as it may.
 template <class Operation>
 std::optional<bool> Outcome(Operation operation) {
@@ -221,7 +230,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const bool ownReady = (mode & 16) != 0;
   const bool is2016 = (mode & 32) != 0;
   std::string_view ready = ownReady ? input.Take(input.Byte()) : std::string_view(properReady);
-  const std::string_view answer = input.Rest();
+  const std::string_view answer = Answer(input, (mode & 64) != 0);
   if (!HasReply(operation) && !ownReady) ready = answer;
 
   stream.clear();

@@ -29,7 +29,15 @@ class Reading {
         fields_(reinterpret_cast<const unsigned char*>(body.data()),
                 static_cast<std::int64_t>(body.size())) {}
 
-  void Read(std::uint8_t kind) {
+  // False when the rest of the body did not hold the value.
+  bool Read(std::uint8_t kind) {
+    failed_ = false;
+    ReadValue(kind);
+    return !failed_;
+  }
+
+ private:
+  void ReadValue(std::uint8_t kind) {
     switch (kind % 9) {
       case 0:
         return Value<int>();
@@ -52,7 +60,6 @@ class Reading {
     }
   }
 
- private:
   // Takes `size` bytes by `unpack`, or nothing when there are fewer. True when they were taken.
   template <class UnPack>
   bool Taken(std::size_t size, UnPack unpack) {
@@ -64,6 +71,7 @@ class Reading {
       thrown = true;
     }
     PROMISE(thrown == !there);
+    failed_ = thrown;
     if (there) rest_.remove_prefix(size);
     PROMISE(fields_.remaining() == static_cast<std::int64_t>(rest_.size()));
     return there;
@@ -110,6 +118,7 @@ class Reading {
 
   std::string_view rest_;
   getbuf fields_;
+  bool failed_ = false;
 };
 
 struct Frame {
@@ -162,7 +171,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     // On its own, so that the sanitizer sees a step over its end.
     const std::vector<char> body(expected.body.begin(), expected.body.end());
     Reading reading({body.data(), body.size()});
-    for (const char kind : plan) reading.Read(static_cast<std::uint8_t>(kind));
+    // A position that was moved by a failure would show in the next value.
+    int failures = 0;
+    for (const char kind : plan) {
+      if (!reading.Read(static_cast<std::uint8_t>(kind)) && ++failures == 2) break;
+    }
   }
   return 0;
 }

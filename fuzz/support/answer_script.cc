@@ -118,7 +118,25 @@ void WriteData(Input& input, unsigned type, std::string_view name, std::string& 
   }
 }
 
+// Writes the header, with its data, that begins with `byte`.
+void WriteItem(std::uint8_t byte, Input& input, std::string& message) {
+  const unsigned type = byte >> 6;
+  const std::string_view name = kNames[(byte & 63U) % kNames.size()];
+  if (byte == 60) {
+    message += input.Take(input.Byte());
+  } else if (type == 0) {
+    wire::AppendMess(message, name);
+  } else {
+    WriteData(input, type, name, message);
+  }
+}
+
 }  // namespace
+
+void WriteMessage(Input& input, std::string& message) {
+  message.clear();
+  while (!input.empty() && message.size() < kMost) WriteItem(input.Byte(), input, message);
+}
 
 void WriteAnswers(Input& input, std::string& stream) {
   static std::string message;
@@ -131,21 +149,15 @@ void WriteAnswers(Input& input, std::string& stream) {
   };
   while (!input.empty() && stream.size() < kMost) {
     const std::uint8_t byte = input.Byte();
-    const unsigned type = byte >> 6;
-    const unsigned name = byte & 63U;
-    if (byte == 60) {
-      message += input.Take(input.Byte());
-    } else if (byte == 61) {
+    if (byte == 61) {
       repeatFrom = stream.size();
     } else if (byte == 62) {
       endMessage();
     } else if (byte == 63) {
       wire::AppendMess(message, "READY");
       endMessage();
-    } else if (type == 0) {
-      wire::AppendMess(message, kNames[name % kNames.size()]);
     } else {
-      WriteData(input, type, kNames[name % kNames.size()], message);
+      WriteItem(byte, input, message);
     }
   }
   if (!message.empty()) AppendFramed(stream, message);

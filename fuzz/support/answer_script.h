@@ -15,3 +15,6 @@
 ///
 /// `stream` gets the framed messages, up to some kilobytes.
 void WriteAnswers(Input& input, std::string& stream);
+
+/// One message of such headers, all of the input, without a frame.
+void WriteMessage(Input& input, std::string& message);
