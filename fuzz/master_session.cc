@@ -79,14 +79,16 @@ std::vector<std::uint32_t> Codes(std::string_view frames, bool replies) {
 }
 
 // Every reply is to a request of its code, in the order of the requests, and all requests that
-// anybody knows are answered but for the last that was looked at.
+// anybody knows are answered but for one that failed. A shutdown is the last that is looked at.
 void CheckReplies(const std::vector<std::uint32_t>& requests, std::size_t served,
-                  const std::vector<std::uint32_t>& replies) {
+                  const std::vector<std::uint32_t>& replies, int result) {
   std::size_t next = 0;
   for (std::size_t i = 0; i < served; ++i) {
+    const bool last = i + 1 == served;
     const bool isMain = (requests[i] >= 1 && requests[i] <= 20) || requests[i] == kShutdown;
     const bool answered = next < replies.size() && replies[next] == requests[i];
-    PROMISE(answered || !isMain || i + 1 == served);
+    PROMISE(answered || !isMain || (last && result == 2));
+    PROMISE((answered && requests[i] == kShutdown) == (last && result == 0));
     if (answered) ++next;
   }
   PROMISE(next == replies.size());
@@ -129,8 +131,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::vector<std::uint32_t> requests = Codes(frames, false);
   const std::size_t served = requests.size() - Codes(memoryLink.incoming, false).size();
   PROMISE(result != 1 || left == 0);
-  CheckReplies(requests, served, Codes(memoryLink.sent, true));
-  PROMISE(result != 0 || requests[served - 1] == kShutdown);
+  PROMISE(result == 1 || served > 0);
+  CheckReplies(requests, served, Codes(memoryLink.sent, true), result);
 
   // Only a shutdown releases the connection; a controller that ends on an error leaves it to the
   // end of its process, which here does not come.
