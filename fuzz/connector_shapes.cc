@@ -5,8 +5,8 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cstdint>
-#include <cstring>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -141,7 +141,7 @@ bool Same(const std::vector<std::string_view>& a, const Texts& b) {
 
 // As bytes: what is not a number is not equal to itself.
 bool Same(double a, double b) {
-  return std::memcmp(&a, &b, sizeof(a)) == 0;
+  return std::bit_cast<std::uint64_t>(a) == std::bit_cast<std::uint64_t>(b);
 }
 
 const Texts kPointItems = {"OIL_PRODUCTION_RATE",  "GAS_PRODUCTION_RATE", "WATER_PRODUCTION_RATE",

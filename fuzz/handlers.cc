@@ -3,6 +3,7 @@
 // at its end, and what does not fit ends in one of the errors that the log knows.
 
 #include <algorithm>
+#include <bit>
 #include <cstdint>
 #include <cstring>
 #include <memory>
@@ -41,7 +42,7 @@ struct Fields {
 
   bool operator==(const Fields& other) const {
     return past == other.past && count == other.count && flag == other.flag &&
-           std::memcmp(&number, &other.number, sizeof(number)) == 0 && text == other.text &&
+           Bits(number) == Bits(other.number) && text == other.text &&
            otherText == other.otherText && texts == other.texts && otherTexts == other.otherTexts &&
            Same(numbers, other.numbers) && textGroups == other.textGroups &&
            std::equal(numberGroups.begin(), numberGroups.end(), other.numberGroups.begin(),
@@ -49,10 +50,11 @@ struct Fields {
   }
 
  private:
-  // As bytes: what is not a number is not equal to itself.
+  // As bits: what is not a number is not equal to itself.
+  static std::uint64_t Bits(double value) { return std::bit_cast<std::uint64_t>(value); }
   static bool Same(const Numbers& a, const Numbers& b) {
-    return a.size() == b.size() &&
-           (a.empty() || std::memcmp(a.data(), b.data(), a.size() * sizeof(double)) == 0);
+    return std::equal(a.begin(), a.end(), b.begin(), b.end(),
+                      [](double one, double other) { return Bits(one) == Bits(other); });
   }
 };
 

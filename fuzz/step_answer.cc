@@ -4,9 +4,9 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cmath>
 #include <cstdint>
-#include <cstring>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -90,7 +90,8 @@ SetUp ExpectStarted(std::string_view bytes) {
 }
 
 bool Same(const PositionInfo& a, const PositionInfo& b) {
-  return a.position == b.position && std::memcmp(&a.time, &b.time, sizeof(a.time)) == 0 &&
+  return a.position == b.position &&
+         std::bit_cast<std::uint64_t>(a.time) == std::bit_cast<std::uint64_t>(b.time) &&
          a.date == b.date;
 }
 
