@@ -60,6 +60,11 @@ class Reading {
     }
   }
 
+  template <class T>
+  static std::string_view Bytes(const T* values, std::size_t count) {
+    return {reinterpret_cast<const char*>(values), count * sizeof(T)};
+  }
+
   // Takes `size` bytes by `unpack`, or nothing when there are fewer. True when they were taken.
   template <class UnPack>
   bool Taken(std::size_t size, UnPack unpack) {
@@ -82,7 +87,7 @@ class Reading {
     const char* at = rest_.data();
     T value{};
     if (Taken(sizeof(T), [&] { fields_.UnPack(value); })) {
-      PROMISE(std::memcmp(&value, at, sizeof(T)) == 0);
+      PROMISE(Bytes(&value, 1) == std::string_view(at, sizeof(T)));
     }
   }
 
@@ -99,7 +104,7 @@ class Reading {
     const char* at = rest_.data();
     std::vector<T> values(static_cast<std::size_t>(std::max(n, 0)));
     if (Taken(size, [&] { fields_.UnPack(values.data(), n); }) && size > 0) {
-      PROMISE(std::memcmp(values.data(), at, size) == 0);
+      PROMISE(Bytes(values.data(), values.size()) == std::string_view(at, size));
     }
   }
 

@@ -51,8 +51,8 @@ std::optional<std::string> Expected(std::string_view text) {
     std::string host(part.substr(5, part.find('\0') == std::string_view::npos
                                         ? std::string_view::npos
                                         : part.find('\0') - 5));
-    if (host.find_first_not_of(" ") == std::string::npos) return std::nullopt;
-    if (host[host.find_first_not_of(" ")] == '\n') return std::nullopt;
+    const std::size_t first = host.find_first_not_of(' ');
+    if (first == std::string::npos || host[first] == '\n') return std::nullopt;
     if (host.back() == '\n') host.back() = '\0';
     return host;
   }
