@@ -202,6 +202,7 @@ void CleanEnvironment() {
   clearenv();
   setenv("PATH", kPath, 1);
   if (kSanitized) setenv("ASAN_OPTIONS", kSanitizer, 1);
+  prctl(PR_SET_PDEATHSIG, SIGKILL);  // a test that is killed leaves no daemon
   // Where only ancestors may trace, the watcher is none.
   prctl(PR_SET_PTRACER, PR_SET_PTRACER_ANY);
 }
