@@ -145,6 +145,17 @@ TEST(SocketServerTest, AcceptWithALimitReportsAnError) {
   EXPECT_LT(ready, 0);
 }
 
+TEST(SocketServerTest, PortIsTriedWithTheFirstNumberToo) {
+  ChildProcess::Options options;
+  options.inChild = [] {
+    close(0);
+    const int available = SocketServer::IsAvailablePort(FreePort());
+    return available == 0 && fcntl(0, F_GETFD) == -1 ? 0 : 1;
+  };
+  ChildProcess child({}, options);
+  EXPECT_EQ(child.Wait(std::chrono::seconds(10)).value_or(-1), 0);
+}
+
 // Leaves this process `more` descriptors to open.
 class DescriptorLimit {
  public:

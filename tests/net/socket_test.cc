@@ -572,6 +572,24 @@ TEST_F(SocketTest, SecondCloseLeavesTheNumbersNextOwnerAlone) {
   EXPECT_TRUE(IsOpen(number));
 }
 
+TEST(SocketDescriptorTest, FirstNumberIsADescriptorLikeAnyOther) {
+  ChildProcess::Options options;
+  options.inChild = [] {
+    const auto makeFirst = [] {
+      close(0);
+      return open("/dev/null", O_RDWR | O_CLOEXEC) == 0;
+    };
+    if (!makeFirst()) return 1;
+    { const Socket socket(0); }
+    if (IsOpen(0) || !makeFirst()) return 2;
+    Socket socket(0);
+    socket.Close();
+    return IsOpen(0) ? 3 : 0;
+  };
+  ChildProcess child({}, options);
+  EXPECT_EQ(child.Wait(std::chrono::seconds(10)).value_or(-1), 0);
+}
+
 TEST(SocketUseTest, BracketOfUseLeavesSocketsAsTheyAre) {
   Socket::Start();
   SocketPair pair;

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/relay/allocations.h"
 #include "tests/relay/controller_fixture.h"
 
 namespace {
@@ -341,6 +342,59 @@ TEST_F(HandlersTest, InjectionCompositionPassesNamesAndSeries) {
             "08 00 00 00 13 00 00 00 00 00 00 00");
   EXPECT_EQ(stub_->calls, Calls{"SetWellInjectionComposition([S],[[0.5 0.25]])"});
   EXPECT_NE(Logged().find("\nSetWellInjectionComposition\n"), std::string::npos);
+}
+
+// The room for a reply is made in one piece, since every later growth copies what is there: after
+// the ten bytes that every reply begins with comes an allocation of its whole size, in tens.
+class ReplyRoomTest : public ControllerTest {
+ protected:
+  using Sizes = std::vector<std::size_t>;
+
+  Sizes RoomsFor(std::string_view request, std::string_view subRequest = {}) {
+    MasterSends(request);
+    if (!subRequest.empty()) MasterSends(subRequest);
+    Allocations::Forget();
+    EXPECT_EQ(Serve(), 1) << error_;
+    return Allocations::Arrays();
+  }
+};
+
+TEST_F(ReplyRoomTest, WellStatus) {
+  stub_->wells = {{"PRODUCER-1", "PRODUCER", "OPEN"}, {"I", "INJECT", "SHUT"}};
+  EXPECT_EQ(RoomsFor("06 00 00 00"), (Sizes{10, 70}));  // 65 bytes
+}
+
+TEST_F(ReplyRoomTest, WellStatusOfAnOddByteMore) {
+  stub_->wells = {{"PRODUCER-1", "PRODUCER", "OPEN"}, {"I1234567", "INJECT", "SHUT"}};
+  EXPECT_EQ(RoomsFor("06 00 00 00"), (Sizes{10, 80}));  // 72 bytes
+}
+
+TEST_F(ReplyRoomTest, WellData) {
+  stub_->operatingPoints = {OperatingPoint("IN-WORK-1", 1)};
+  EXPECT_EQ(RoomsFor("0a 00 00 00 01 00 00 00 01 00 00 00 41", "00 10 00 00"),
+            (Sizes{10, 10, 90}));  // 81 bytes
+}
+
+TEST_F(ReplyRoomTest, InflowTable) {
+  stub_->tables = {DynWellIPR()};
+  stub_->tables[0].pressure = {1, 2};
+  EXPECT_EQ(RoomsFor("10 00 00 00 00 00 00 00 01 00 00 00 01 00 00 00 41 01 "
+                     "00 00 00 00 00 00 00 40",
+                     "01 10 00 00"),
+            (Sizes{10, 20, 10, 60}));  // 52 bytes
+}
+
+TEST_F(ReplyRoomTest, EquationOfState) {
+  stub_->eos.name = "NINE-LONG";
+  stub_->eos.components = {"C1"};
+  stub_->eos.molecular_weight = {1, 2, 3, 4, 5, 6};
+  stub_->eos.binary_interaction = {1, 2, 3, 4, 5, 6};
+  EXPECT_EQ(RoomsFor("0e 00 00 00"), (Sizes{10, 180}));  // 171 bytes
+}
+
+TEST_F(ReplyRoomTest, WellVariables) {
+  stub_->variables = {1, 2, 3};
+  EXPECT_EQ(RoomsFor("0f 00 00 00 01 00 00 00 41 00 00 00 00"), (Sizes{10, 40}));  // 32 bytes
 }
 
 // The fields behind a short request, up to byte 2,047 of the frame, are zeros whatever came before;

@@ -1,36 +1,13 @@
 #include "relay/packing.h"
 
-#include <stdlib.h>
-
-#include <algorithm>
 #include <limits>
-#include <new>
 #include <stdexcept>
 #include <string>
 
 #include <gtest/gtest.h>
 
+#include "tests/relay/allocations.h"
 #include "tests/support/bytes.h"
-
-namespace {
-
-thread_local std::size_t largestAllocation = 0;
-
-}  // namespace
-
-// The whole program's, to see what a hostile count makes it take.
-void* operator new(std::size_t size) {
-  largestAllocation = std::max(largestAllocation, size);
-  void* memory = malloc(size == 0 ? 1 : size);
-  if (memory == nullptr) throw std::bad_alloc();
-  return memory;
-}
-void operator delete(void* memory) noexcept {
-  free(memory);
-}
-void operator delete(void* memory, std::size_t /*size*/) noexcept {
-  free(memory);
-}
 
 namespace {
 
@@ -52,7 +29,7 @@ class UnPackTest : public testing::Test {
  protected:
   getbuf Fields(const std::string& bytes) {
     bytes_ = bytes;
-    largestAllocation = 0;
+    Allocations::Forget();
     return getbuf(reinterpret_cast<const unsigned char*>(bytes_.data()),
                   static_cast<std::int64_t>(bytes_.size()));
   }
@@ -82,10 +59,10 @@ TEST_F(UnPackTest, HostileCountTakesNoMoreMemoryThanTheBufferCanFill) {
   const std::string buffer(4000, '\0');
   getbuf numbers = Fields(buffer);
   EXPECT_THROW(UnPackNumbers(numbers, std::numeric_limits<int>::max()), std::out_of_range);
-  EXPECT_EQ(largestAllocation, 4000U);
+  EXPECT_EQ(Allocations::Largest(), 4000U);
   getbuf texts = Fields(buffer);
   EXPECT_THROW(UnPackTexts(texts, std::numeric_limits<int>::max()), std::out_of_range);
-  EXPECT_LE(largestAllocation, 2 * 1000 * sizeof(std::string));
+  EXPECT_LE(Allocations::Largest(), 2 * 1000 * sizeof(std::string));
 }
 
 }  // namespace

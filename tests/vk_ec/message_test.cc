@@ -201,6 +201,13 @@ TEST_F(DecoderTest, FinalizeKeepsAUsualBufferAndGivesBackAHugeOne) {
   EXPECT_LE(message_.capacity(), 1U << 20);
 }
 
+TEST_F(DecoderTest, BufferOfAByteMoreThanTheKeptSizeIsGivenBack) {
+  auto decoder = Decode(Cstr("T", {std::string((1 << 20) - 21, 'x')}));
+  decoder.get_header_and_data<std::string>("T");
+  decoder.finalize();
+  EXPECT_EQ(message_.capacity(), 0U);
+}
+
 TEST_F(DecoderTest, BufferOfExactlyTheKeptSizeIsKept) {
   auto decoder = Decode(Cstr("T", {std::string((1 << 20) - 22, 'x')}));
   ASSERT_EQ(message_.capacity(), 1U << 20);

@@ -262,6 +262,19 @@ TEST_F(TransportTest, MessageAboveTheTrustedLengthArrivesWhole) {
   EXPECT_TRUE(received == message);
 }
 
+TEST_F(TransportTest, BeyondTheTrustedLengthTheBufferAtMostDoublesWhatHasArrived) {
+  const std::string arrived = Pattern(RecvMessage::trusted_total + 1);
+  std::thread writer([&] {
+    wire::WriteAll(peer_, Bytes("00 00 00 00 00 00 00 10  00 00 00 00 00 00 00 10") + arrived);
+    HangUp();
+  });
+  Buffer buffer;
+  EXPECT_THAT([&] { transporter_.recv(buffer); },
+              ThrowsMessage<std::runtime_error>("read: End of file"));
+  writer.join();
+  EXPECT_LE(buffer.capacity(), 2 * RecvMessage::trusted_total);
+}
+
 TEST_F(TransportTest, ReadFromAClosedPeerIsEndOfFile) {
   HangUp();
   EXPECT_THAT([&] { Receive(); }, ThrowsMessage<std::runtime_error>("read: End of file"));
