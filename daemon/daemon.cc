@@ -137,8 +137,8 @@ std::int32_t CommsPort(const Options& options, std::uint64_t counter) {
 
 // Serves connections for ever in the daemon; returns in each connection child.
 int AcceptLoop(const Options& options, flog& log) {
-  // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDeleteLeaks): what a failed fork leaves is kept
   for (std::uint64_t counter = 0;;) {
+    // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDeleteLeaks): what a failed fork leaves is kept
     auto info = AcceptOrExit(options, CommsPort(options, counter), log);
     if (!info) continue;
     LogTime(log, "Accepted incoming connection: ");
