@@ -20,7 +20,7 @@
 namespace {
 
 constexpr std::size_t kLengthBytes = 4;
-constexpr std::size_t kBlockBytes = 16384;
+constexpr std::size_t kBlockBytes = 4096;
 
 // The longest line of the handshake.
 constexpr int kMaxLine = std::numeric_limits<std::int16_t>::max();
@@ -175,7 +175,7 @@ std::string Socket::ReceiveLine(int& length) {
   // A length beyond this never completes. Handshake lines are short, and a stranger's long ones
   // cost no memory: they are dropped as they come, a block at a time.
   const bool endless = length > kMaxLine;
-  std::array<char, kBlockBytes> block;
+  std::array<char, kBlockBytes> block{};
   auto missing = static_cast<std::size_t>(std::max(length, 0));
   while (missing > 0) {
     const ssize_t got = recv(handle_, block.data(), std::min(missing, block.size()), 0);
