@@ -3,6 +3,10 @@
 include(CheckPIESupported)
 check_pie_supported()
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+# Everything is linked into programs. Visible functions could be replaced from outside, as far as
+# the compiler knows, and would not be inlined into their own neighbours.
+set(CMAKE_CXX_VISIBILITY_PRESET hidden)
+set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
 
 add_library(jobmill_flags INTERFACE)
 target_include_directories(jobmill_flags INTERFACE ${PROJECT_SOURCE_DIR})
