@@ -3,7 +3,6 @@
 #include <string.h>
 
 #include <limits>
-#include <new>
 #include <stdexcept>
 
 #include "net/socket.h"
@@ -14,39 +13,24 @@ constexpr std::int32_t kStep = 10;
 
 }  // namespace
 
-sendbuf::sendbuf() : data_(std::make_unique<char[]>(kStep)), used_(0), capacity_(kStep) {}
+sendbuf::sendbuf() : data_(new char[kHead + kStep]), used_(0), capacity_(kStep) {}
 
 void sendbuf::PrePack(int n) {
-  Reserve(n);
+  if (n > capacity_ - used_) Grow(n);
 }
 
-void sendbuf::Reserve(std::int64_t more) {
+// Makes room for `more` bytes than there are.
+void sendbuf::Grow(std::int64_t more) {
   const std::int64_t needed = used_ + more;
-  if (needed <= capacity_) return;
   const std::int64_t grown = (needed + kStep - 1) / kStep * kStep;
   if (grown > std::numeric_limits<std::int32_t>::max()) {
     throw std::length_error("Reply too large");
   }
   // Not make_unique: the new bytes are written before they are read, there is no need to clear.
-  std::unique_ptr<char[]> larger(new char[static_cast<std::size_t>(grown)]);
-  memcpy(larger.get(), data_.get(), static_cast<std::size_t>(used_));
+  std::unique_ptr<char[]> larger(new char[kHead + static_cast<std::size_t>(grown)]);
+  memcpy(larger.get() + kHead, values(), static_cast<std::size_t>(used_));
   data_ = std::move(larger);
   capacity_ = static_cast<std::int32_t>(grown);
-}
-
-void sendbuf::Append(const void* bytes, std::int64_t size) {
-  if (size <= 0) return;
-  Reserve(size);
-  memcpy(data_.get() + used_, bytes, static_cast<std::size_t>(size));
-  used_ += static_cast<std::int32_t>(size);
-}
-
-void sendbuf::Pack(int value) {
-  Append(&value, sizeof(value));
-}
-
-void sendbuf::Pack(double value) {
-  Append(&value, sizeof(value));
 }
 
 void sendbuf::Pack(const int* values, int n) {
@@ -66,34 +50,23 @@ void sendbuf::Pack(const char* bytes, int n) {
 }
 
 void sendbuf::Pack(const std::string& text) {
-  Reserve(static_cast<std::int64_t>(sizeof(int) + text.size()));
+  // Before the length is cut to the 32 bits that it has on the wire.
+  const auto size = static_cast<std::int64_t>(sizeof(int) + text.size());
+  if (size > capacity_ - used_) Grow(size);
   const auto length = static_cast<int>(text.size());
   Pack(length);
   Pack(text.data(), length);
 }
 
-std::string sendbuf::Body(unsigned code) const {
-  std::string body;
-  body.reserve(sizeof(code) + static_cast<std::size_t>(used_));
-  const auto* codeBytes = reinterpret_cast<const char*>(&code);
-  body.append(codeBytes, sizeof(code));
-  if (used_ == 0) {
-    body.append(codeBytes, sizeof(code));
-  } else {
-    body.append(data_.get(), static_cast<std::size_t>(used_));
-  }
-  return body;
-}
-
 int sendbuf::Send(Socket* socket, unsigned code) const {
-  std::string body;
+  // An empty reply has the code in the place of its values, too; there is always room for that.
+  if (used_ == 0) memcpy(values(), &code, sizeof(code));
+  const auto size = used_ == 0 ? std::uint32_t{sizeof(code)} : static_cast<std::uint32_t>(used_);
+  const std::uint32_t body = size + static_cast<std::uint32_t>(sizeof(code));
+  memcpy(data_.get(), &body, sizeof(body));
+  memcpy(data_.get() + sizeof(body), &code, sizeof(code));
   try {
-    body = Body(code);
-  } catch (const std::bad_alloc&) {
-    return 1;
-  }
-  try {
-    return socket->SendLine(body.data(), static_cast<unsigned>(body.size()));
+    return socket->SendBytes(data_.get(), static_cast<unsigned>(kHead) + size);
   } catch (...) {
     return 3;
   }

@@ -1,6 +1,8 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <string>
 
@@ -19,8 +21,8 @@ class sendbuf {
   /// a reply calls this once, since every later growth copies what is there.
   void PrePack(int n);
 
-  void Pack(int value);
-  void Pack(double value);
+  void Pack(int value) { Append(&value, sizeof(value)); }
+  void Pack(double value) { Append(&value, sizeof(value)); }
 
   /// Append `n` elements, without their count; nothing when `n` is not positive.
   void Pack(const int* values, int n);
@@ -31,19 +33,28 @@ class sendbuf {
   /// Appends the length as a 32-bit integer, then the characters, without a terminator.
   void Pack(const std::string& text);
 
-  /// Sends `code` and the packed values as one frame with a single send(); with nothing packed the
-  /// body is `code` twice. Returns 0 when the frame left whole, 1 when its body could not be
-  /// allocated or it left short, 3 when the socket layer threw. Never throws. The packed values
-  /// stay, `socket` stays the caller's.
+  /// Sends `code` and the packed values as one frame in one piece; with nothing packed the
+  /// body is `code` twice. Returns 0 when the frame left whole, 1 when it left short, 3 when the
+  /// socket layer threw. Never throws. The packed values stay, `socket` stays the caller's.
   int Send(Socket* socket, unsigned code) const;
 
   std::int32_t used() const { return used_; }
   std::int32_t capacity() const { return capacity_; }
 
  private:
-  std::string Body(unsigned code) const;
-  void Append(const void* bytes, std::int64_t size);
-  void Reserve(std::int64_t more);
+  // In the header, since thousands of values go through it in a reply.
+  void Append(const void* bytes, std::int64_t size) {
+    if (size <= 0) return;
+    if (size > capacity_ - used_) Grow(size);
+    std::memcpy(values() + used_, bytes, static_cast<std::size_t>(size));
+    used_ += static_cast<std::int32_t>(size);
+  }
+  void Grow(std::int64_t more);
+  char* values() const { return data_.get() + kHead; }
+
+  // Before the values there is room for the frame's length and the code, so that a reply leaves
+  // from where it was packed.
+  static constexpr std::size_t kHead = 8;
 
   std::unique_ptr<char[]> data_;
   std::int32_t used_;

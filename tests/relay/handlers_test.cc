@@ -345,7 +345,8 @@ TEST_F(HandlersTest, InjectionCompositionPassesNamesAndSeries) {
 }
 
 // The room for a reply is made in one piece, since every later growth copies what is there: after
-// the ten bytes that every reply begins with comes an allocation of its whole size, in tens.
+// the ten bytes that every reply begins with comes an allocation of its whole size, in tens. Each
+// has eight bytes more, for the frame's length and the code.
 class ReplyRoomTest : public ControllerTest {
  protected:
   using Sizes = std::vector<std::size_t>;
@@ -361,18 +362,18 @@ class ReplyRoomTest : public ControllerTest {
 
 TEST_F(ReplyRoomTest, WellStatus) {
   stub_->wells = {{"PRODUCER-1", "PRODUCER", "OPEN"}, {"I", "INJECT", "SHUT"}};
-  EXPECT_EQ(RoomsFor("06 00 00 00"), (Sizes{10, 70}));  // 65 bytes
+  EXPECT_EQ(RoomsFor("06 00 00 00"), (Sizes{18, 78}));  // 65 bytes
 }
 
 TEST_F(ReplyRoomTest, WellStatusOfAnOddByteMore) {
   stub_->wells = {{"PRODUCER-1", "PRODUCER", "OPEN"}, {"I1234567", "INJECT", "SHUT"}};
-  EXPECT_EQ(RoomsFor("06 00 00 00"), (Sizes{10, 80}));  // 72 bytes
+  EXPECT_EQ(RoomsFor("06 00 00 00"), (Sizes{18, 88}));  // 72 bytes
 }
 
 TEST_F(ReplyRoomTest, WellData) {
   stub_->operatingPoints = {OperatingPoint("IN-WORK-1", 1)};
   EXPECT_EQ(RoomsFor("0a 00 00 00 01 00 00 00 01 00 00 00 41", "00 10 00 00"),
-            (Sizes{10, 10, 90}));  // 81 bytes
+            (Sizes{18, 18, 98}));  // 81 bytes
 }
 
 TEST_F(ReplyRoomTest, InflowTable) {
@@ -381,7 +382,7 @@ TEST_F(ReplyRoomTest, InflowTable) {
   EXPECT_EQ(RoomsFor("10 00 00 00 00 00 00 00 01 00 00 00 01 00 00 00 41 01 "
                      "00 00 00 00 00 00 00 40",
                      "01 10 00 00"),
-            (Sizes{10, 20, 10, 60}));  // 52 bytes
+            (Sizes{18, 28, 18, 68}));  // 52 bytes
 }
 
 TEST_F(ReplyRoomTest, EquationOfState) {
@@ -389,12 +390,12 @@ TEST_F(ReplyRoomTest, EquationOfState) {
   stub_->eos.components = {"C1"};
   stub_->eos.molecular_weight = {1, 2, 3, 4, 5, 6};
   stub_->eos.binary_interaction = {1, 2, 3, 4, 5, 6};
-  EXPECT_EQ(RoomsFor("0e 00 00 00"), (Sizes{10, 180}));  // 171 bytes
+  EXPECT_EQ(RoomsFor("0e 00 00 00"), (Sizes{18, 188}));  // 171 bytes
 }
 
 TEST_F(ReplyRoomTest, WellVariables) {
   stub_->variables = {1, 2, 3};
-  EXPECT_EQ(RoomsFor("0f 00 00 00 01 00 00 00 41 00 00 00 00"), (Sizes{10, 40}));  // 32 bytes
+  EXPECT_EQ(RoomsFor("0f 00 00 00 01 00 00 00 41 00 00 00 00"), (Sizes{18, 48}));  // 32 bytes
 }
 
 // The fields behind a short request, up to byte 2,047 of the frame, are zeros whatever came before;
