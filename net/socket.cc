@@ -25,19 +25,23 @@ constexpr std::size_t kBlockBytes = 4096;
 // The longest line of the handshake.
 constexpr int kMaxLine = std::numeric_limits<std::int16_t>::max();
 
-// One send() that no finished child can cut short: an interrupted blocking send reports what had
-// left by then, and short sends are not retried.
-ssize_t SendOnce(int handle, const void* bytes, std::size_t size) {
+// Sends as one blocking send() would that no finished child can cut short: an interrupted send
+// reports what had left by then, and short sends are not retried. What the system takes at once is
+// not interrupted; only for the rest the signal has to wait.
+ssize_t SendOnce(int handle, const char* bytes, std::size_t size) {
+  const ssize_t taken = send(handle, bytes, size, MSG_DONTWAIT);
+  if (taken == static_cast<ssize_t>(size) || (taken < 0 && errno != EAGAIN)) return taken;
+  const std::size_t had = taken < 0 ? 0 : static_cast<std::size_t>(taken);
   sigset_t child;
   sigset_t before;
   sigemptyset(&child);
   sigaddset(&child, SIGCHLD);
   pthread_sigmask(SIG_BLOCK, &child, &before);
-  const ssize_t sent = send(handle, bytes, size, 0);
+  const ssize_t rest = send(handle, bytes + had, size - had, 0);
   const int error = errno;
   pthread_sigmask(SIG_SETMASK, &before, nullptr);
   errno = error;
-  return sent;
+  return rest < 0 && had == 0 ? rest : static_cast<ssize_t>(had) + std::max<ssize_t>(rest, 0);
 }
 
 std::string Frame(const char* body, std::size_t size) {
