@@ -4,6 +4,7 @@
 #include "vk_ec/detail/transport.h"
 
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <cstdint>
 #include <cstring>
@@ -24,11 +25,15 @@ namespace {
 using vk_ec::detail::RecvMessage;
 using vk_ec::detail::StreamSocket;
 
-// The socket asks the system to watch over its descriptor, so it has to be one.
+// The socket asks the system to watch over its descriptor, so it has to be one. Each execution has
+// a socket of its own: what one has taken ahead is not for the next.
 int Descriptor() {
-  int ends[2];
-  PROMISE(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) == 0);
-  return ends[0];
+  static const int kept = [] {
+    int ends[2];
+    PROMISE(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) == 0);
+    return ends[0];
+  }();
+  return dup(kept);
 }
 
 // A total takes memory before the first chunk shows that it is a lie. Most executions have to do
@@ -85,7 +90,7 @@ std::string Receive(StreamSocket& socket, std::vector<unsigned char>& buffer) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static StreamSocket socket(Descriptor());
+  StreamSocket socket(Descriptor());
   static std::string bytes;
   Input input(data, size);
   const std::size_t piece = input.Byte();
@@ -105,7 +110,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   PROMISE(buffer.size() == expected.message.size());
   PROMISE(buffer.empty() ||
           std::memcmp(buffer.data(), expected.message.data(), buffer.size()) == 0);
-  // Nothing of the message behind.
+  // At least the message's own bytes.
   const std::size_t chunks = bytes.size() - memoryLink.incoming.size();
   PROMISE(chunks >= 2 * sizeof(total) + buffer.size());
 

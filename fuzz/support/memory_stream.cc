@@ -32,8 +32,10 @@ bool StreamSocket::connect_before(Clock::time_point /*give_up*/) {
 }
 void StreamSocket::set_no_delay() {}
 
-void StreamSocket::write(const unsigned char* bytes, std::size_t length, bool /*more_follows*/) {
-  memoryStream.sent.append(reinterpret_cast<const char*>(bytes), length);
+void StreamSocket::write(Piece head, Piece body) {
+  for (const Piece piece : {head, body}) {
+    memoryStream.sent.append(reinterpret_cast<const char*>(piece.bytes), piece.length);
+  }
 }
 
 void StreamSocket::read(unsigned char* bytes, std::size_t length) {

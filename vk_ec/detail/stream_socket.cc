@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdint>
 #include <limits>
 #include <optional>
@@ -43,6 +44,11 @@ struct StreamSocket::Impl {
   asio::io_context io{1};
   tcp::socket socket{io};
   tcp::resolver::results_type endpoints;
+
+  // What was received behind the bytes that were asked for: the length of the next chunk, or a
+  // whole small message. A chunk that is larger goes straight to its place.
+  std::array<unsigned char, 4096> ahead_bytes;
+  asio::const_buffer ahead;
 };
 
 // Asio's own open() knows no SOCK_CLOEXEC.
@@ -148,22 +154,31 @@ void StreamSocket::set_no_delay() {
   impl_->socket.set_option(tcp::no_delay(true));
 }
 
-void StreamSocket::write(const unsigned char* bytes, std::size_t length, bool more_follows) {
-  const int flags = more_follows ? MSG_MORE : 0;
-  asio::const_buffer rest(bytes, length);
-  while (rest.size() > 0) {
+void StreamSocket::write(Piece head, Piece body) {
+  std::array<asio::const_buffer, 2> rest{asio::const_buffer(head.bytes, head.length),
+                                         asio::const_buffer(body.bytes, body.length)};
+  while (asio::buffer_size(rest) > 0) {
     error_code error;
-    rest += impl_->socket.send(rest, flags, error);
+    const std::size_t sent = impl_->socket.send(rest, 0, error);
     throw_unless_interrupted(error, "write");
+    const std::size_t of_head = std::min(sent, rest[0].size());
+    rest[0] += of_head;
+    rest[1] += sent - of_head;
   }
 }
 
 void StreamSocket::read(unsigned char* bytes, std::size_t length) {
   asio::mutable_buffer rest(bytes, length);
+  rest += asio::buffer_copy(rest, impl_->ahead);
+  impl_->ahead += length - rest.size();
   while (rest.size() > 0) {
+    const std::array<asio::mutable_buffer, 2> room{rest, asio::buffer(impl_->ahead_bytes)};
     error_code error;
-    rest += impl_->socket.receive(rest, 0, error);
+    const std::size_t received = impl_->socket.receive(room, 0, error);
     throw_unless_interrupted(error, "read");
+    const std::size_t wanted = std::min(received, rest.size());
+    impl_->ahead = asio::buffer(impl_->ahead_bytes, received - wanted);
+    rest += wanted;
   }
 }
 

@@ -17,6 +17,12 @@ class StreamSocket {
  public:
   using Clock = std::chrono::steady_clock;
 
+  /// Bytes to be written. They are not owned.
+  struct Piece {
+    const unsigned char* bytes;
+    std::size_t length;
+  };
+
   /// Opens nothing; transfers fail until `connect_before` has succeeded.
   StreamSocket();
 
@@ -41,11 +47,12 @@ class StreamSocket {
   /// Lets small messages leave at once. Throws `boost::system::system_error`.
   void set_no_delay();
 
-  /// Returns when all `length` bytes are handed to the system. With `more_follows` they may wait
-  /// there for the next write, to travel in one segment with it.
-  void write(const unsigned char* bytes, std::size_t length, bool more_follows = false);
+  /// Returns when all bytes of `head`, then all of `body`, are handed to the system, which gets
+  /// both in one call as long as it takes them.
+  void write(Piece head, Piece body = {nullptr, 0});
 
-  /// Returns when exactly `length` bytes have arrived.
+  /// Returns when exactly `length` bytes have arrived. What has arrived behind them may be taken
+  /// from the system in the same call; it is kept for the next read.
   void read(unsigned char* bytes, std::size_t length);
 
  private:

@@ -20,11 +20,8 @@ static_assert(std::endian::native == std::endian::little, "numbers travel as the
 constexpr milliseconds kPace{500};
 
 template <std::size_t N>
-void write_numbers(const std::array<std::uint64_t, N>& numbers, bool more_follows,
-                   StreamSocket& socket) {
-  std::array<unsigned char, sizeof(numbers)> bytes{};
-  std::memcpy(bytes.data(), numbers.data(), bytes.size());
-  socket.write(bytes.data(), bytes.size(), more_follows);
+StreamSocket::Piece piece_of(const std::array<std::uint64_t, N>& numbers) {
+  return {reinterpret_cast<const unsigned char*>(numbers.data()), sizeof(numbers)};
 }
 
 template <std::size_t N>
@@ -38,30 +35,33 @@ std::array<std::uint64_t, N> read_numbers(StreamSocket& socket) {
 
 }  // namespace
 
+// A length and the chunk that it announces leave in one call: a segment of its own for the length
+// costs a small exchange a third of its time.
 void SendMessage::send(StreamSocket& socket) const {
   std::uint64_t chunk = std::min(size_, chunk_size);
-  send_initial_header(size_, chunk, socket);
-  std::uint64_t offset = 0;
-  while (offset < size_) {
-    if (offset > 0) send_header(chunk, socket);
-    send_buffer(bytes_ + offset, chunk, socket);
-    offset += chunk;
+  const std::array<std::uint64_t, 2> initial{size_, chunk};
+  socket.write(piece_of(initial), {bytes_, chunk});
+  for (std::uint64_t offset = chunk; offset < size_; offset += chunk) {
     chunk = std::min(size_ - offset, chunk_size);
+    const std::array<std::uint64_t, 1> header{chunk};
+    socket.write(piece_of(header), {bytes_ + offset, chunk});
   }
 }
 
 void SendMessage::send_initial_header(std::uint64_t total, std::uint64_t first_chunk_length,
                                       StreamSocket& socket) {
-  write_numbers<2>({total, first_chunk_length}, first_chunk_length > 0, socket);
+  const std::array<std::uint64_t, 2> initial{total, first_chunk_length};
+  socket.write(piece_of(initial));
 }
 
 void SendMessage::send_header(std::uint64_t chunk_length, StreamSocket& socket) {
-  write_numbers<1>({chunk_length}, true, socket);
+  const std::array<std::uint64_t, 1> header{chunk_length};
+  socket.write(piece_of(header));
 }
 
 void SendMessage::send_buffer(const unsigned char* bytes, std::uint64_t length,
                               StreamSocket& socket) {
-  socket.write(bytes, length);
+  socket.write({bytes, length});
 }
 
 RecvMessage::RecvMessage(StreamSocket& socket, std::vector<unsigned char>& buffer)

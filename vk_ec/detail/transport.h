@@ -24,7 +24,7 @@ class SendMessage {
   /// `StreamSocket::write`; nothing is retried.
   void send(StreamSocket& socket) const;
 
-  /// The parts of `send`. The headers may wait in the system for the bytes that they announce.
+  /// The parts of `send`, each a write of its own.
   static void send_initial_header(std::uint64_t total, std::uint64_t first_chunk_length,
                                   StreamSocket& socket);
   static void send_header(std::uint64_t chunk_length, StreamSocket& socket);
