@@ -99,6 +99,42 @@ TYPED_TEST(ClientQueriesTest, TextPropertiesOfWellsHaveTheirOwnKind) {
   this->ExpectUsable();
 }
 
+TYPED_TEST(ClientQueriesTest, RowsAreAppendedOneByOneAndCountedAhead) {
+  this->AnswerWith(Cstr("QITEMS", {"A", "B"}) + Cstr("WELLNAME", {"P1"}) + Doub("VALUES", {1, 2}) +
+                   Cstr("WELLNAME", {"P2"}) + Doub("VALUES", {3, 4}) + Cstr("WELLNAME", {"P3"}) +
+                   Doub("VALUES", {5, 6}));
+  auto rows = this->client_.template query_wells<double>({"*"}, {"A", "B"});
+  EXPECT_THAT(rows.items(), ElementsAre("A", "B"));
+  std::vector<double> values = {0};
+  std::vector<std::string> wells;
+  while (rows.next(values)) {
+    wells.push_back(rows.well());
+    EXPECT_EQ(rows.estimated_count(), 3U);  // rows of 53 bytes, then the end of 16
+  }
+  EXPECT_THAT(wells, ElementsAre("P1", "P2", "P3"));
+  EXPECT_THAT(values, ElementsAre(0, 1, 2, 3, 4, 5, 6));
+  this->ExpectUsable();
+}
+
+TYPED_TEST(ClientQueriesTest, TableHasTheRowsBackToBack) {
+  this->AnswerWith(Cstr("QITEMS", {"TYPE", "STATUS"}) + Cstr("WELLNAME", {"P1"}) +
+                   Cstr("VALUES", {"PRODUCER", "OPEN"}) + Cstr("WELLNAME", {"P2"}) +
+                   Cstr("VALUES", {"", "SHUT"}));
+  const auto table = this->client_.template get_well_table<std::string>({"*"}, {"TYPE", "STATUS"});
+  EXPECT_THAT(table.items, ElementsAre("TYPE", "STATUS"));
+  EXPECT_THAT(table.wells, ElementsAre("P1", "P2"));
+  EXPECT_THAT(table.values, ElementsAre("PRODUCER", "OPEN", "", "SHUT"));
+  EXPECT_THAT(table.row(1), ElementsAre("", "SHUT"));
+  this->ExpectUsable();
+}
+
+TYPED_TEST(ClientQueriesTest, WellNameOfAnotherTypeIsRefused) {
+  this->AnswerWith(Cstr("QITEMS", {"QOP"}) + Doub("WELLNAME", {1}) + Doub("VALUES", {1}));
+  EXPECT_THAT(
+      [&] { this->client_.template get_properties_for_wells<double>({"P1"}, {"QOP"}); },
+      ThrowsMessage<std::invalid_argument>("Incorrect header (received: DOUB vs expected: CSTR )"));
+}
+
 TYPED_TEST(ClientQueriesTest, WellPropertiesAreThoseOfTheAnswerRatherThanThoseAskedFor) {
   this->AnswerWith(Cstr("QITEMS", {"B", "A", "C"}) + Cstr("WELLNAME", {"X"}) +
                    Doub("VALUES", {1, 2, 3}));

@@ -424,4 +424,56 @@ TEST(HeaderTypeTest, UnknownTypeHasNoName) {
               ThrowsMessage<std::invalid_argument>(""));
 }
 
+TEST_F(DecoderTest, ExpectedHeaderIsPassedOver) {
+  auto decoder = Decode(Cstr("A", {"x"}));
+  EXPECT_TRUE(decoder.skip_header(Bytes("01 'A' 01 00 00 00 00 00 00 00 'CSTR'")));
+  EXPECT_EQ(decoder.get_text(), "x");
+  EXPECT_EQ(decoder.remaining(), 0U);
+}
+
+TEST_F(DecoderTest, AnotherHeaderStaysWhereItIs) {
+  auto decoder = Decode(Cstr("A", {"x"}));
+  for (const char* other :
+       {"01 'B' 01 00 00 00 00 00 00 00 'CSTR'", "01 'A' 02 00 00 00 00 00 00 00 'CSTR'",
+        "01 'A' 01 00 00 00 00 00 00 00 'DOUB'"}) {
+    EXPECT_FALSE(decoder.skip_header(Bytes(other))) << other;
+  }
+  EXPECT_EQ(decoder.get_header().name, "A");
+}
+
+TEST_F(DecoderTest, HeaderThatTheMessageIsTooShortForIsNotPassedOver) {
+  const std::string header = Bytes("01 'A' 01 00 00 00 00 00 00 00 'CSTR'");
+  auto decoder = Decode(header.substr(0, header.size() - 1));
+  EXPECT_FALSE(decoder.skip_header(header));
+}
+
+TEST_F(DecoderTest, EncodedHeaderIsTheOneThatTravels) {
+  using Decoder = MessageMgr::MessageDecoder;
+  EXPECT_EQ(Decoder::encode_header("VALUES", 258, MessageMgr::DOUB),
+            Bytes("06 'VALUES' 02 01 00 00 00 00 00 00 'DOUB'"));
+}
+
+TEST_F(DecoderTest, DataAreAppended) {
+  const std::string message = Doub("A", {1, 2}) + Doub("A", {3});
+  auto decoder = Decode(message);
+  std::vector<double> values = {0};
+  decoder.append_data(decoder.get_header(), values);
+  decoder.append_data(decoder.get_header(), values);
+  EXPECT_THAT(values, ElementsAre(0, 1, 2, 3));
+}
+
+TEST_F(DecoderTest, DataOfAnotherTypeAreNotAppended) {
+  auto decoder = Decode(Doub("A", {1}));
+  const Header header = decoder.get_header();
+  std::vector<int> values;
+  EXPECT_THAT(
+      [&] { decoder.append_data(header, values); },
+      ThrowsMessage<std::invalid_argument>("Incorrect header (received: DOUB vs expected: INTE )"));
+}
+
+TEST_F(MessageTest, StringIsAListOfOne) {
+  manager().createMessageBuilder().add_string("NAME", "ab").send();
+  EXPECT_EQ(ReadAsPeer(16 + 17 + 10), Framed(Cstr("NAME", {"ab"})));
+}
+
 }  // namespace

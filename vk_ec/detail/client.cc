@@ -18,7 +18,7 @@ void Client::connect(const std::string& host, unsigned port, unsigned timeout) {
 void Client::set_up() {
   messages_.createMessageBuilder()
       .add_MESS_header("SETUP", 0)
-      .add_data("VERSION", Strings{"V2"})
+      .add_string("VERSION", "V2")
       .add_MESS_header("END", 0)
       .send();
 

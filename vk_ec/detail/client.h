@@ -8,6 +8,7 @@
 #include "vk_ec/detail/position_info.h"
 #include "vk_ec/detail/results.h"
 #include "vk_ec/detail/transport.h"
+#include "vk_ec/detail/well_rows.h"
 
 namespace vk_ec::detail {
 
@@ -66,6 +67,16 @@ class Client {
   template <typename T>
   WellQueryResults<T> get_properties_for_wells(const std::vector<std::string>& wells,
                                                const std::vector<std::string>& items);
+
+  /// The same as a table.
+  template <typename T>
+  WellTable<T> get_well_table(const std::vector<std::string>& wells,
+                              const std::vector<std::string>& items);
+
+  /// The same, row by row. Blocks until the reply is there.
+  template <typename T>
+  WellRows<T> query_wells(const std::vector<std::string>& wells,
+                          const std::vector<std::string>& items);
 
   /// The values of `items` of the whole run; T is `int` or `std::string`.
   template <typename T>
@@ -134,13 +145,12 @@ class Client {
   void end_reply(MessageMgr::MessageDecoder& reply);
 
  private:
+  template <typename T>
+  friend class WellRows;
+
   void read_STEP_answer(MessageMgr::MessageDecoder& answer);
 
   // `kind` is the word by which the simulator knows the query.
-  template <typename T>
-  WellQueryResults<T> get_properties_for_wells_impl(const std::vector<std::string>& wells,
-                                                    const std::vector<std::string>& items,
-                                                    const std::string& kind);
   template <typename T>
   ReservoirQueryResults<T> get_reservoir_properties_impl(const std::vector<std::string>& items,
                                                          const std::string& kind);
@@ -155,11 +165,11 @@ class Client {
 };
 
 template <>
-WellQueryResults<double> Client::get_properties_for_wells<double>(
-    const std::vector<std::string>& wells, const std::vector<std::string>& items);
+WellRows<double> Client::query_wells<double>(const std::vector<std::string>& wells,
+                                             const std::vector<std::string>& items);
 template <>
-WellQueryResults<std::string> Client::get_properties_for_wells<std::string>(
-    const std::vector<std::string>& wells, const std::vector<std::string>& items);
+WellRows<std::string> Client::query_wells<std::string>(const std::vector<std::string>& wells,
+                                                       const std::vector<std::string>& items);
 template <>
 ReservoirQueryResults<int> Client::get_reservoir_properties<int>(
     const std::vector<std::string>& items);

@@ -1,3 +1,7 @@
+#include <cstddef>
+#include <iterator>
+#include <span>
+#include <string_view>
 #include <utility>
 
 #include "vk_ec/detail/client.h"
@@ -8,19 +12,23 @@ namespace {
 using Strings = std::vector<std::string>;
 using Header = MessageMgr::Header;
 
+constexpr std::string_view kEnd = "END";
+
 bool is_end(const Header& header) {
-  return header.name == "END" && header.count == 0 && header.type == MessageMgr::MESS;
+  return header.name == kEnd && header.count == 0 && header.type == MessageMgr::MESS;
 }
 
 // The one string of a header that has been read already.
 std::string single_string(MessageMgr::MessageDecoder& reply, const Header& header,
-                          const std::string& name) {
+                          std::string_view name) {
   header.check_expectation(name, 1);
-  return std::move(reply.get_data<std::string>(header).front());
+  return reply.get_string(header);
 }
 
-std::string read_single_string(MessageMgr::MessageDecoder& reply, const std::string& name) {
-  return std::move(reply.get_header_and_data<std::string>(name, 1).front());
+std::string read_single_string(MessageMgr::MessageDecoder& reply, std::string_view name) {
+  const Header header = reply.get_header();
+  header.check_expectation(name, 1, MessageMgr::CSTR);
+  return reply.get_string(header);
 }
 
 }  // namespace
@@ -56,39 +64,101 @@ void Client::send_QRESVR_query(const Strings& items, const std::string& kind) {
 }
 
 template <typename T>
-WellQueryResults<T> Client::get_properties_for_wells_impl(const Strings& wells,
-                                                          const Strings& items,
-                                                          const std::string& kind) {
-  send_QWELLS_query(wells, items, kind);
-  WellQueryResults<T> results;
-  results.wells.reserve(wells.size());
-  results.values.reserve(wells.size());
+WellRows<T>::WellRows(Client& client) : client_(client), reply_(client.begin_reply()) {
+  const Header header = reply_.get_header();
+  empty_ = is_end(header);
+  if (empty_) return;
+  header.check_expectation("QITEMS", header.count);
+  items_ = reply_.get_data<std::string>(header);
+  well_header_ = MessageMgr::MessageDecoder::encode_header("WELLNAME", 1, MessageMgr::CSTR);
+  values_header_ = MessageMgr::MessageDecoder::encode_header("VALUES", items_.size(),
+                                                             MessageMgr::headerType_for<T>());
+  size_of_rows_ = reply_.remaining();
+}
 
-  auto reply = begin_reply();
-  auto header = reply.get_header();
-  if (!is_end(header)) {
-    header.check_expectation("QITEMS", header.count);
-    results.items = reply.get_data<std::string>(header);
-    for (header = reply.get_header(); !is_end(header); header = reply.get_header()) {
-      results.wells.push_back(single_string(reply, header, "WELLNAME"));
-      results.values.push_back(reply.get_header_and_data<T>("VALUES", results.items.size()));
-    }
+// Reads the well's name, unless the rows are at their end.
+template <typename T>
+bool WellRows<T>::begin_row() {
+  if (!reply_.skip_header(well_header_)) {
+    const Header header = reply_.get_header();
+    if (is_end(header)) return false;
+    // It is another header then, or the right one of a wrong type.
+    header.check_expectation("WELLNAME", 1);
+    well_ = reply_.get_string(header);
+  } else {
+    well_ = reply_.get_text();
   }
-  end_reply(reply);
+  return true;
+}
+
+template <typename T>
+bool WellRows<T>::next(std::vector<T>& values) {
+  if (empty_ || !begin_row()) {
+    client_.end_reply(reply_);
+    return false;
+  }
+  if (!reply_.skip_header(values_header_)) {
+    reply_.get_header().check_expectation("VALUES", items_.size(), MessageMgr::headerType_for<T>());
+  }
+  reply_.append(items_.size(), values);
+  if (estimated_count_ == 0) {
+    estimated_count_ = size_of_rows_ / (size_of_rows_ - reply_.remaining());
+  }
+  return true;
+}
+
+template class WellRows<double>;
+template class WellRows<std::string>;
+
+template <>
+WellRows<double> Client::query_wells<double>(const Strings& wells, const Strings& items) {
+  send_QWELLS_query(wells, items, "QWELLS");
+  return WellRows<double>(*this);
+}
+
+template <>
+WellRows<std::string> Client::query_wells<std::string>(const Strings& wells, const Strings& items) {
+  send_QWELLS_query(wells, items, "QWELLS_STR");
+  return WellRows<std::string>(*this);
+}
+
+template <typename T>
+WellTable<T> Client::get_well_table(const Strings& wells, const Strings& items) {
+  WellTable<T> table;
+  auto rows = query_wells<T>(wells, items);
+  while (rows.next(table.values)) {
+    if (table.wells.empty()) {
+      table.wells.reserve(rows.estimated_count());
+      table.values.reserve(rows.estimated_count() * rows.items().size());
+    }
+    table.wells.push_back(std::move(rows.well()));
+  }
+  table.items = rows.release_items();
+  return table;
+}
+
+template WellTable<double> Client::get_well_table(const Strings& wells, const Strings& items);
+template WellTable<std::string> Client::get_well_table(const Strings& wells, const Strings& items);
+
+template <typename T>
+WellQueryResults<T> Client::get_properties_for_wells(const Strings& wells, const Strings& items) {
+  WellTable<T> table = get_well_table<T>(wells, items);
+  WellQueryResults<T> results;
+  results.values.reserve(table.wells.size());
+  for (std::size_t i = 0; i < table.wells.size(); ++i) {
+    const std::span<T> row = table.row(i);
+    results.values.emplace_back(std::make_move_iterator(row.begin()),
+                                std::make_move_iterator(row.end()));
+  }
+  results.wells = std::move(table.wells);
+  results.items = std::move(table.items);
   return results;
 }
 
-template <>
-WellQueryResults<double> Client::get_properties_for_wells<double>(const Strings& wells,
-                                                                  const Strings& items) {
-  return get_properties_for_wells_impl<double>(wells, items, "QWELLS");
-}
-
-template <>
-WellQueryResults<std::string> Client::get_properties_for_wells<std::string>(const Strings& wells,
-                                                                            const Strings& items) {
-  return get_properties_for_wells_impl<std::string>(wells, items, "QWELLS_STR");
-}
+template WellQueryResults<double> Client::get_properties_for_wells(const Strings& wells,
+                                                                   const Strings& items);
+template WellQueryResults<std::string> Client::get_properties_for_wells(const Strings& wells,
+                                                                        const Strings& items);
 
 template <typename T>
 ReservoirQueryResults<T> Client::get_reservoir_properties_impl(const Strings& items,

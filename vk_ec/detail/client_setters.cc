@@ -37,7 +37,7 @@ void Client::set_constraints_for_wells(const Strings& wells, const std::vector<S
   check_constraints(wells, items, values, setters);
   auto message = begin_set("SETWCONSTRAINTS");
   for (std::size_t well = 0; well < wells.size(); ++well)
-    message.add_data("WELLNAME", Strings{wells[well]})
+    message.add_string("WELLNAME", wells[well])
         .add_data("ITEMS", items[well])
         .add_data("VALUES", values[well])
         .add_data("SETTERS", setters[well]);
@@ -51,8 +51,8 @@ void Client::set_status_for_wells(const Strings& wells, const Strings& statuses,
     throw_invalid_argument("VarnokClient::set_status_for_wells", 1, 2, wells.size(),
                            statuses.size());
   begin_set("SETWSTATUS")
-      .add_data("WCLOSURE", Strings{closure})
-      .add_data("SETITEM", Strings{"STATUS"})
+      .add_string("WCLOSURE", closure)
+      .add_string("SETITEM", "STATUS")
       .add_data("WELNAMES", wells)
       .add_data("VALUES", statuses)
       .add_MESS_header("END", 0)
@@ -66,7 +66,7 @@ void Client::set_uptime_fractions_for_wells(const Strings& wells,
     throw_invalid_argument("VarnokClient::set_uptime_fractions_for_wells", 1, 2, wells.size(),
                            fractions.size());
   begin_set("SETWELLS")
-      .add_data("SETITEM", Strings{"UPTIME_FRACTION"})
+      .add_string("SETITEM", "UPTIME_FRACTION")
       .add_data("WELNAMES", wells)
       .add_data("VALUES", fractions)
       .add_MESS_header("END", 0)

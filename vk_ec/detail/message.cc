@@ -1,5 +1,6 @@
 #include "vk_ec/detail/message.h"
 
+#include <bit>
 #include <cstring>
 #include <limits>
 #include <stdexcept>
@@ -17,6 +18,12 @@ constexpr std::size_t kCountAndTag = sizeof(std::uint64_t) + sizeof(MessageMgr::
 unsigned char* put(unsigned char* target, const void* source, std::size_t size) {
   if (size > 0) std::memcpy(target, source, size);
   return target + size;
+}
+
+unsigned char* put_string(unsigned char* target, std::string_view value) {
+  const std::uint64_t length = value.size();
+  target = put(target, &length, sizeof(length));
+  return put(target, value.data(), value.size());
 }
 
 std::string describe(const MessageMgr::Header& header) {
@@ -45,20 +52,21 @@ std::string MessageMgr::to_string(HeaderType type) {
   throw std::invalid_argument("");
 }
 
-void MessageMgr::Header::check_expectation(const std::string& expected_name,
+void MessageMgr::Header::check_expectation(std::string_view expected_name,
                                            std::uint64_t expected_count,
                                            HeaderType expected_type) const {
   if (name != expected_name || count != expected_count || type != expected_type)
-    throw_unexpected(*this, describe({expected_name, expected_count, expected_type}));
+    throw_unexpected(*this, describe({std::string(expected_name), expected_count, expected_type}));
 }
 
-void MessageMgr::Header::check_expectation(const std::string& expected_name,
+void MessageMgr::Header::check_expectation(std::string_view expected_name,
                                            std::uint64_t expected_count) const {
   if (name != expected_name || count != expected_count)
-    throw_unexpected(*this, expected_name + "-" + std::to_string(expected_count) + "-...");
+    throw_unexpected(*this,
+                     std::string(expected_name) + "-" + std::to_string(expected_count) + "-...");
 }
 
-void MessageMgr::Header::check_expectation_MESS(const std::string& expected_name,
+void MessageMgr::Header::check_expectation_MESS(std::string_view expected_name,
                                                 std::uint64_t expected_count) const {
   check_expectation(expected_name, expected_count, MESS);
 }
@@ -97,54 +105,61 @@ unsigned char* MessageMgr::MessageBuilder::grow(std::size_t size) {
   return buffer.data() + end;
 }
 
-MessageMgr::MessageBuilder& MessageMgr::MessageBuilder::add_header(const std::string& name,
-                                                                   std::uint64_t count,
-                                                                   const ztyp& tag) {
+// Appends a header and returns where its data go, for which there is room then.
+unsigned char* MessageMgr::MessageBuilder::begin_item(std::string_view name, std::uint64_t count,
+                                                      const ztyp& tag, std::size_t data_size) {
   if (name.size() > kLongestName)
     throw std::logic_error("Size of header name (" + std::to_string(name.size()) +
                            ") exceeds the allowed limit (" + std::to_string(kLongestName) + ").");
-  unsigned char* target = grow(1 + name.size() + kCountAndTag);
+  unsigned char* target = grow(1 + name.size() + kCountAndTag + data_size);
   *target++ = static_cast<unsigned char>(name.size());
   target = put(target, name.data(), name.size());
   target = put(target, &count, sizeof(count));
-  put(target, tag.data(), tag.size());
+  return put(target, tag.data(), tag.size());
+}
+
+MessageMgr::MessageBuilder& MessageMgr::MessageBuilder::add_header(std::string_view name,
+                                                                   std::uint64_t count,
+                                                                   const ztyp& tag) {
+  begin_item(name, count, tag, 0);
   return *this;
 }
 
-MessageMgr::MessageBuilder& MessageMgr::MessageBuilder::add_MESS_header(const std::string& name,
+MessageMgr::MessageBuilder& MessageMgr::MessageBuilder::add_MESS_header(std::string_view name,
                                                                         std::uint64_t count) {
   return add_header(name, count, tMESS);
 }
 
 template <typename T>
 MessageMgr::MessageBuilder& MessageMgr::MessageBuilder::add_data_impl(
-    const std::string& name, const std::vector<T>& values) {
-  add_header(name, values.size(), ztyp_for<T>());
+    std::string_view name, const std::vector<T>& values) {
   const std::size_t size = values.size() * sizeof(T);
-  put(grow(size), values.data(), size);
+  put(begin_item(name, values.size(), ztyp_for<T>(), size), values.data(), size);
   return *this;
 }
 
 MessageMgr::MessageBuilder& MessageMgr::MessageBuilder::add_data(
-    const std::string& name, const std::vector<double>& values) {
+    std::string_view name, const std::vector<double>& values) {
   return add_data_impl(name, values);
 }
 
-MessageMgr::MessageBuilder& MessageMgr::MessageBuilder::add_data(const std::string& name,
+MessageMgr::MessageBuilder& MessageMgr::MessageBuilder::add_data(std::string_view name,
                                                                  const std::vector<int>& values) {
   static_assert(sizeof(int) == 4, "integers travel as 32 bits");
   return add_data_impl(name, values);
 }
 
 MessageMgr::MessageBuilder& MessageMgr::MessageBuilder::add_data(
-    const std::string& name, const std::vector<std::string>& values) {
-  add_header(name, values.size(), tCSTR);
-  unsigned char* target = grow(sizeof(std::uint64_t) * values.size() + get_total_size(values));
-  for (const std::string& value : values) {
-    const std::uint64_t length = value.size();
-    target = put(target, &length, sizeof(length));
-    target = put(target, value.data(), value.size());
-  }
+    std::string_view name, const std::vector<std::string>& values) {
+  const std::size_t size = sizeof(std::uint64_t) * values.size() + get_total_size(values);
+  unsigned char* target = begin_item(name, values.size(), tCSTR, size);
+  for (const std::string& value : values) target = put_string(target, value);
+  return *this;
+}
+
+MessageMgr::MessageBuilder& MessageMgr::MessageBuilder::add_string(std::string_view name,
+                                                                   std::string_view value) {
+  put_string(begin_item(name, 1, tCSTR, sizeof(std::uint64_t) + value.size()), value);
   return *this;
 }
 
@@ -162,24 +177,45 @@ void MessageMgr::MessageBuilder::send() {
 
 MessageMgr::Header MessageMgr::MessageDecoder::get_header() {
   check_length(1);
-  unsigned char name_length = 0;
-  take(&name_length, sizeof(name_length));
+  const auto name_length = take<unsigned char>();
   check_length(name_length + kCountAndTag);
   Header header;
-  header.name = take_string(name_length);
-  take(&header.count, sizeof(header.count));
-  ztyp tag{};
-  take(tag.data(), tag.size());
-  header.type = decode_type(tag);
+  header.name = take_bytes(name_length);
+  header.count = take<std::uint64_t>();
+  header.type = decode_type(take<ztyp>());
   return header;
 }
 
+std::string MessageMgr::MessageDecoder::encode_header(std::string_view name, std::uint64_t count,
+                                                      HeaderType type) {
+  std::string encoded(1, static_cast<char>(name.size()));
+  encoded += name;
+  encoded.append(reinterpret_cast<const char*>(&count), sizeof(count));
+  return encoded + to_string(type);
+}
+
+bool MessageMgr::MessageDecoder::skip_header(std::string_view encoded) {
+  if (encoded.size() > remaining() ||
+      std::memcmp(buffer_.data() + position_, encoded.data(), encoded.size()) != 0)
+    return false;
+  position_ += encoded.size();
+  return true;
+}
+
 MessageMgr::HeaderType MessageMgr::MessageDecoder::decode_type(const ztyp& tag) {
-  if (tag == tMESS) return MESS;
-  if (tag == tINTE) return INTE;
-  if (tag == tDOUB) return DOUB;
-  if (tag == tCSTR) return CSTR;
-  throw std::invalid_argument("Unknown type: " + std::string(tag.data(), tag.size()));
+  // As numbers, since this is done for every header of a long answer.
+  switch (std::bit_cast<std::uint32_t>(tag)) {
+    case std::bit_cast<std::uint32_t>(tMESS):
+      return MESS;
+    case std::bit_cast<std::uint32_t>(tINTE):
+      return INTE;
+    case std::bit_cast<std::uint32_t>(tDOUB):
+      return DOUB;
+    case std::bit_cast<std::uint32_t>(tCSTR):
+      return CSTR;
+    default:
+      throw std::invalid_argument("Unknown type: " + std::string(tag.data(), tag.size()));
+  }
 }
 
 void MessageMgr::MessageDecoder::check_length(std::uint64_t length) const {
@@ -193,47 +229,57 @@ void MessageMgr::MessageDecoder::check_count(std::uint64_t count, std::uint64_t 
 }
 
 template <typename T>
-std::vector<T> MessageMgr::MessageDecoder::get_data_impl(std::uint64_t count) {
+void MessageMgr::MessageDecoder::append_numbers(std::uint64_t count, std::vector<T>& values) {
   check_count(count, sizeof(T));
-  std::vector<T> values(count);
-  take(values.data(), count * sizeof(T));
-  return values;
+  const std::string_view bytes = take_bytes(count * sizeof(T));
+  const std::size_t end = values.size();
+  values.resize(end + count);
+  if (count > 0) std::memcpy(values.data() + end, bytes.data(), bytes.size());
 }
 
 template <>
-std::vector<double> MessageMgr::MessageDecoder::get_data<double>(std::uint64_t count) {
-  return get_data_impl<double>(count);
+void MessageMgr::MessageDecoder::append<double>(std::uint64_t count, std::vector<double>& values) {
+  append_numbers(count, values);
 }
 
 template <>
-std::vector<int> MessageMgr::MessageDecoder::get_data<int>(std::uint64_t count) {
-  return get_data_impl<int>(count);
+void MessageMgr::MessageDecoder::append<int>(std::uint64_t count, std::vector<int>& values) {
+  append_numbers(count, values);
 }
 
 template <>
-std::vector<std::string> MessageMgr::MessageDecoder::get_data<std::string>(std::uint64_t count) {
+void MessageMgr::MessageDecoder::append<std::string>(std::uint64_t count,
+                                                     std::vector<std::string>& values) {
   check_count(count, sizeof(std::uint64_t));
-  std::vector<std::string> values;
-  values.reserve(count);
-  for (std::uint64_t i = 0; i < count; ++i) {
-    check_length(sizeof(std::uint64_t));
-    std::uint64_t length = 0;
-    take(&length, sizeof(length));
-    check_length(length);
-    values.push_back(take_string(length));
-  }
-  return values;
+  if (values.empty()) values.reserve(count);
+  for (std::uint64_t i = 0; i < count; ++i) values.emplace_back(take_text());
 }
 
-void MessageMgr::MessageDecoder::take(void* target, std::uint64_t size) {
-  if (size > 0) std::memcpy(target, buffer_.data() + position_, size);
-  position_ += size;
+std::string MessageMgr::MessageDecoder::get_string(const Header& header) {
+  check_type(header, CSTR);
+  return std::string(take_text());
 }
 
-std::string MessageMgr::MessageDecoder::take_string(std::uint64_t size) {
-  const auto* begin = reinterpret_cast<const char*>(buffer_.data() + position_);
+// The callers have checked the length.
+template <typename T>
+T MessageMgr::MessageDecoder::take() {
+  T value;
+  std::memcpy(&value, buffer_.data() + position_, sizeof(value));
+  position_ += sizeof(value);
+  return value;
+}
+
+std::string_view MessageMgr::MessageDecoder::take_bytes(std::uint64_t size) {
+  const std::string_view bytes(reinterpret_cast<const char*>(buffer_.data()) + position_, size);
   position_ += size;
-  return {begin, size};
+  return bytes;
+}
+
+std::string_view MessageMgr::MessageDecoder::take_text() {
+  check_length(sizeof(std::uint64_t));
+  const auto length = take<std::uint64_t>();
+  check_length(length);
+  return take_bytes(length);
 }
 
 void MessageMgr::MessageDecoder::check_type(const Header& header, HeaderType expected_type) {

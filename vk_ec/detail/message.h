@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "vk_ec/detail/transport.h"
@@ -56,12 +57,11 @@ class MessageMgr {
     std::uint64_t count = 0;
     HeaderType type = MESS;
 
-    void check_expectation(const std::string& expected_name, std::uint64_t expected_count,
+    void check_expectation(std::string_view expected_name, std::uint64_t expected_count,
                            HeaderType expected_type) const;
     /// Accepts any type; the typed read of the data checks it.
-    void check_expectation(const std::string& expected_name, std::uint64_t expected_count) const;
-    void check_expectation_MESS(const std::string& expected_name,
-                                std::uint64_t expected_count) const;
+    void check_expectation(std::string_view expected_name, std::uint64_t expected_count) const;
+    void check_expectation_MESS(std::string_view expected_name, std::uint64_t expected_count) const;
     /// Accepts any name: that of the first header says which message this is.
     void check_expectation_MESS(std::uint64_t expected_count) const;
   };
@@ -103,13 +103,16 @@ class MessageMgr::MessageBuilder {
   explicit MessageBuilder(MessageMgr& manager) : manager_(manager) {}
 
   /// `std::logic_error` for a name of 256 bytes or more; the message cannot be continued then.
-  MessageBuilder& add_header(const std::string& name, std::uint64_t count, const ztyp& tag);
-  MessageBuilder& add_MESS_header(const std::string& name, std::uint64_t count);
+  MessageBuilder& add_header(std::string_view name, std::uint64_t count, const ztyp& tag);
+  MessageBuilder& add_MESS_header(std::string_view name, std::uint64_t count);
 
   /// A header that counts `values`, then the values. An empty list is the header alone.
-  MessageBuilder& add_data(const std::string& name, const std::vector<double>& values);
-  MessageBuilder& add_data(const std::string& name, const std::vector<int>& values);
-  MessageBuilder& add_data(const std::string& name, const std::vector<std::string>& values);
+  MessageBuilder& add_data(std::string_view name, const std::vector<double>& values);
+  MessageBuilder& add_data(std::string_view name, const std::vector<int>& values);
+  MessageBuilder& add_data(std::string_view name, const std::vector<std::string>& values);
+
+  /// A header that counts one string, then that string.
+  MessageBuilder& add_string(std::string_view name, std::string_view value);
 
   /// The sum of the strings' lengths, without their length fields.
   static std::uint64_t get_total_size(const std::vector<std::string>& values);
@@ -120,7 +123,9 @@ class MessageMgr::MessageBuilder {
 
  private:
   template <typename T>
-  MessageBuilder& add_data_impl(const std::string& name, const std::vector<T>& values);
+  MessageBuilder& add_data_impl(std::string_view name, const std::vector<T>& values);
+  unsigned char* begin_item(std::string_view name, std::uint64_t count, const ztyp& tag,
+                            std::size_t data_size);
   unsigned char* grow(std::size_t size);
 
   MessageMgr& manager_;
@@ -138,6 +143,13 @@ class MessageMgr::MessageDecoder {
   Header get_header();
   static HeaderType decode_type(const ztyp& tag);
 
+  /// A header as it travels, for `skip_header`.
+  static std::string encode_header(std::string_view name, std::uint64_t count, HeaderType type);
+
+  /// Passes over the next header if it is exactly this one: in the rows of a long answer that is
+  /// cheaper than to decode each header and to look at it.
+  bool skip_header(std::string_view encoded);
+
   /// Throws unless `length` more bytes are there.
   void check_length(std::uint64_t length) const;
 
@@ -149,25 +161,41 @@ class MessageMgr::MessageDecoder {
   template <typename T>
   std::vector<T> get_data(const Header& header);
 
+  /// The same, appended to `values`: the rows of a table need no memory of their own.
+  template <typename T>
+  void append_data(const Header& header, std::vector<T>& values);
+
+  /// The first string of `header`, which must announce one at least.
+  std::string get_string(const Header& header);
+
+  /// The data of a header that was passed over. Refers to the message.
+  std::string_view get_text() { return take_text(); }
+  template <typename T>
+  void append(std::uint64_t count, std::vector<T>& values);
+
   /// A header of that name and of the type of T, with any count, and its data. Throws as
   /// `Header::check_expectation`.
   template <typename T>
-  std::vector<T> get_header_and_data(const std::string& name);
+  std::vector<T> get_header_and_data(std::string_view name);
 
   /// The same, with exactly `count` elements.
   template <typename T>
-  std::vector<T> get_header_and_data(const std::string& name, std::uint64_t count);
+  std::vector<T> get_header_and_data(std::string_view name, std::uint64_t count);
+
+  /// Bytes that have not been read yet.
+  std::uint64_t remaining() const { return buffer_.size() - position_; }
 
   /// Ends the message. `std::length_error` if bytes are left.
   void finalize();
 
  private:
   template <typename T>
-  std::vector<T> get_data_impl(std::uint64_t count);
+  void append_numbers(std::uint64_t count, std::vector<T>& values);
   void check_count(std::uint64_t count, std::uint64_t least_width) const;
-  std::uint64_t remaining() const { return buffer_.size() - position_; }
-  void take(void* target, std::uint64_t size);
-  std::string take_string(std::uint64_t size);
+  template <typename T>
+  T take();
+  std::string_view take_bytes(std::uint64_t size);
+  std::string_view take_text();
   static void check_type(const Header& header, HeaderType expected_type);
 
   std::vector<unsigned char>& buffer_;
@@ -197,11 +225,19 @@ constexpr MessageMgr::ztyp MessageMgr::ztyp_for<int>() {
 }
 
 template <>
-std::vector<double> MessageMgr::MessageDecoder::get_data<double>(std::uint64_t count);
+void MessageMgr::MessageDecoder::append<double>(std::uint64_t count, std::vector<double>& values);
 template <>
-std::vector<int> MessageMgr::MessageDecoder::get_data<int>(std::uint64_t count);
+void MessageMgr::MessageDecoder::append<int>(std::uint64_t count, std::vector<int>& values);
 template <>
-std::vector<std::string> MessageMgr::MessageDecoder::get_data<std::string>(std::uint64_t count);
+void MessageMgr::MessageDecoder::append<std::string>(std::uint64_t count,
+                                                     std::vector<std::string>& values);
+
+template <typename T>
+std::vector<T> MessageMgr::MessageDecoder::get_data(std::uint64_t count) {
+  std::vector<T> values;
+  append(count, values);
+  return values;
+}
 
 template <typename T>
 std::vector<T> MessageMgr::MessageDecoder::get_data(const Header& header) {
@@ -210,14 +246,20 @@ std::vector<T> MessageMgr::MessageDecoder::get_data(const Header& header) {
 }
 
 template <typename T>
-std::vector<T> MessageMgr::MessageDecoder::get_header_and_data(const std::string& name) {
+void MessageMgr::MessageDecoder::append_data(const Header& header, std::vector<T>& values) {
+  check_type(header, headerType_for<T>());
+  append(header.count, values);
+}
+
+template <typename T>
+std::vector<T> MessageMgr::MessageDecoder::get_header_and_data(std::string_view name) {
   const Header header = get_header();
   header.check_expectation(name, header.count, headerType_for<T>());
   return get_data<T>(header.count);
 }
 
 template <typename T>
-std::vector<T> MessageMgr::MessageDecoder::get_header_and_data(const std::string& name,
+std::vector<T> MessageMgr::MessageDecoder::get_header_and_data(std::string_view name,
                                                                std::uint64_t count) {
   const Header header = get_header();
   header.check_expectation(name, count, headerType_for<T>());

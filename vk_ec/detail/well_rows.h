@@ -1,0 +1,64 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "vk_ec/detail/message.h"
+
+namespace vk_ec::detail {
+
+class Client;
+
+/// The answer to a query of wells, read row by row as it is decoded, for callers who put the values
+/// of thousands of wells elsewhere:
+///
+///   std::vector<double> values;
+///   auto rows = client.query_wells<double>(wells, items);
+///   while (rows.next(values)) remember(rows.well());
+///
+/// T is `double` or `std::string`. The simulator chooses the wells, and their order. The client
+/// takes no other request before `next` has returned false.
+template <typename T>
+class WellRows {
+ public:
+  WellRows(const WellRows&) = delete;
+  WellRows& operator=(const WellRows&) = delete;
+
+  /// Goes to the next well and appends its values, one per item, to `values`. After the last one,
+  /// blocks until the simulator is ready again, and returns false. Throws as the client does for
+  /// an answer that is not the expected one.
+  bool next(std::vector<T>& values);
+
+  /// The items as the simulator has echoed them.
+  const std::vector<std::string>& items() const { return items_; }
+
+  /// The same, moved out; for after the last row, since the rows are checked against them.
+  std::vector<std::string> release_items() { return std::move(items_); }
+
+  /// The present well; the caller may move from it.
+  std::string& well() { return well_; }
+
+  /// How many rows there are in all, judging by the size of the first one. Known from the first
+  /// `next` on.
+  std::size_t estimated_count() const { return estimated_count_; }
+
+ private:
+  friend class Client;
+  explicit WellRows(Client& client);
+
+  bool begin_row();
+
+  Client& client_;
+  MessageMgr::MessageDecoder reply_;
+  std::vector<std::string> items_;
+  std::string well_;
+  std::string well_header_;  // as they travel
+  std::string values_header_;
+  std::size_t size_of_rows_ = 0;
+  std::size_t estimated_count_ = 0;
+  bool empty_ = false;  // the answer has no items and no rows
+};
+
+}  // namespace vk_ec::detail
