@@ -19,6 +19,7 @@ namespace {
 
 using ::vk_ec::AlgPos;
 using ::vk_ec::ReservoirQueryResults;
+using ::vk_ec::detail::WellRows;
 using Names = std::vector<std::string>;
 
 // The words that go with every control that the master sets: who set it, and how a well is closed.
@@ -55,6 +56,22 @@ const std::vector<T>& OnlyValues(const ReservoirQueryResults<T>& answer, const c
   Require(answer.items.size() == 1 && answer.items[0] == item && answer.values.size() == 1,
           complaint);
   return answer.values[0];
+}
+
+// All values of an answer, row behind row; `wells` learns whose they are. Fails with `complaint`,
+// once the simulator is ready again, unless the items are those asked for.
+template <class T>
+std::vector<T> TakeRows(WellRows<T>&& rows, const Names& asked, NameLookup::Answer& wells,
+                        const char* complaint) {
+  std::vector<T> values;
+  while (rows.next(values)) {
+    if (values.size() == rows.items().size()) {
+      values.reserve(rows.estimated_count() * rows.items().size());
+    }
+    wells.Add(std::move(rows.well()));
+  }
+  Require(rows.items() == asked, complaint);
+  return values;
 }
 
 }  // namespace
@@ -157,18 +174,18 @@ void CommonConnector::GetStaticComposition(EOS* eos) {
 void CommonConnector::GetWellStatus(std::vector<StaticWellDef>& wells) {
   wells.clear();
   const Names asked = {"TYPE", "STATUS"};
-  auto answer = client().get_properties_for_wells<std::string>({kAllWells}, asked);
-  Require(answer.items == asked, kBadWellStatuses);
-  wells.reserve(answer.wells.size());
-  for (std::size_t i = 0; i < answer.wells.size(); ++i) {
-    Names& row = answer.values.at(i);
-    Require(row.size() == 2, kBadWellStatuses);
-    wells.push_back({std::move(answer.wells[i]), std::move(row[0]), std::move(row[1])});
+  auto rows = client().query_wells<std::string>({kAllWells}, asked);
+  const bool expected = rows.items() == asked;
+  for (Names row; rows.next(row); row.clear()) {
+    if (!expected) continue;  // complained about when the simulator is ready again
+    if (wells.empty()) wells.reserve(rows.estimated_count());
+    wells.push_back({std::move(rows.well()), std::move(row[0]), std::move(row[1])});
   }
+  Require(expected, kBadWellStatuses);
 }
 
 void CommonConnector::GetWellStatus() {
-  client().get_properties_for_wells<std::string>({kAllWells}, {"STATUS"});
+  client().get_well_table<std::string>({kAllWells}, {"STATUS"});
 }
 
 void CommonConnector::GetWellConstraints() {
@@ -177,45 +194,42 @@ void CommonConnector::GetWellConstraints() {
 
 void CommonConnector::GetWellVariables(const std::string& well, const Names& properties,
                                        std::vector<double>& values) {
-  const auto answer = client().get_properties_for_wells<double>({well}, properties);
+  const auto answer = client().get_well_table<double>({well}, properties);
   const std::vector<std::size_t> positions = NameLookup(properties).PositionsIn(answer.items);
   for (std::size_t i = 0; i < properties.size(); ++i) {
     if (positions[i] == NameLookup::npos) {
       throw std::runtime_error("Unexpected answer when querying " + properties[i]);
     }
   }
-  Require(answer.items == properties && !answer.values.empty(), kBadWellData);
-  for (const std::size_t position : positions) {
-    Require(position < answer.values[0].size(), kBadWellData);
-    values.push_back(answer.values[0][position]);
-  }
+  Require(answer.items == properties && !answer.wells.empty(), kBadWellData);
+  const auto row = answer.row(0);
+  for (const std::size_t position : positions) values.push_back(row[position]);
 }
 
 void CommonConnector::GetWellOpPtData(const Names& wells, std::vector<DynWellOpPt>& points) {
+  const NameLookup lookup(wells);
   const Names asked = {"OIL_PRODUCTION_RATE",  "GAS_PRODUCTION_RATE", "WATER_PRODUCTION_RATE",
                        "WATER_INJECTION_RATE", "GAS_INJECTION_RATE",  "UPTIME_FRACTION",
                        "BOTTOM_HOLE_PRESSURE", "TUBING_HEAD_PRESSURE"};
-  const auto data = client().get_properties_for_wells<double>(wells, asked);
-  Require(data.items == asked, kBadWellData);
-  const Names statusAsked = {"STATUS"};
-  const auto statuses = client().get_properties_for_wells<std::string>(wells, statusAsked);
-  Require(statuses.items == statusAsked, kBadWellStatuses);
+  NameLookup::Answer dataWells(lookup);
+  const auto data =
+      TakeRows(client().query_wells<double>(wells, asked), asked, dataWells, kBadWellData);
+  NameLookup::Answer statusWells(lookup);
+  const Names statuses = TakeRows(client().query_wells<std::string>(wells, {"STATUS"}), {"STATUS"},
+                                  statusWells, kBadWellStatuses);
 
-  const NameLookup lookup(wells);
-  const std::vector<std::size_t> dataRows = lookup.PositionsIn(data.wells);
-  const std::vector<std::size_t> statusRows = lookup.PositionsIn(statuses.wells);
+  const std::vector<std::size_t> dataRows = dataWells.Positions();
+  const std::vector<std::size_t> statusRows = statusWells.Positions();
   points.reserve(points.size() + wells.size());
   for (std::size_t i = 0; i < wells.size(); ++i) {
-    Require(i < data.values.size() && data.values[i].size() == asked.size(), kBadWellData);
-    Require(dataRows[i] < data.values.size(),
+    Require(i < data.size() / asked.size(), kBadWellData);
+    Require(dataRows[i] != NameLookup::npos,
             "Unexpected answer when querying the well operating point data.");
-    Require(statusRows[i] < statuses.values.size(), kBadStatusData);
-    const std::vector<double>& row = data.values[dataRows[i]];
-    const Names& status = statuses.values[statusRows[i]];
-    Require(status.size() == 1, kBadWellStatuses);
-    Require(row.size() == asked.size(), kBadWellData);
+    Require(statusRows[i] != NameLookup::npos, kBadStatusData);
+    const double* row = &data[dataRows[i] * asked.size()];
     // Asked sixth, the uptime is the last member.
-    points.push_back({status[0], row[0], row[1], row[2], row[3], row[4], row[6], row[7], row[5]});
+    points.push_back(
+        {statuses[statusRows[i]], row[0], row[1], row[2], row[3], row[4], row[6], row[7], row[5]});
   }
 }
 
@@ -223,11 +237,11 @@ int CommonConnector::GetWellIPRData(int ncomponents, const Names& wells, bool bo
                                     double skewness, std::vector<DynWellIPR>& tables) {
   InflowSurvey survey(wells, ncomponents, bottom_hole, IsMetric());
   SetWellStatus(wells, Names(wells.size(), "OPEN"));
-  survey.TakeTypes(client().get_properties_for_wells<std::string>(wells, {"TYPE"}), tables);
+  survey.TakeTypes(client().get_well_table<std::string>(wells, {"TYPE"}), tables);
   for (int point = 1; point <= InflowSurvey::kPoints; ++point) {
     client().set_constraints_for_wells(wells, survey.constraints(), survey.limits(),
                                        survey.setters());
-    survey.TakePoint(client().get_properties_for_wells<double>(wells, survey.properties()), tables);
+    survey.TakePoint(client().get_well_table<double>(wells, survey.properties()), tables);
     survey.LowerLimits(point, skewness);
   }
   return InflowSurvey::kPoints;

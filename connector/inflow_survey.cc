@@ -48,32 +48,6 @@ std::vector<std::string> PropertiesWith(int components) {
   return properties;
 }
 
-// One well's values in the order of the properties asked for.
-class Row {
- public:
-  Row(const std::vector<double>& values, const std::vector<std::size_t>& positions)
-      : values_(values), positions_(positions) {}
-
-  double operator[](std::size_t property) const {
-    const std::size_t position = positions_[property];
-    if (position >= values_.size()) throw std::runtime_error(kBadPoint);
-    return values_[position];
-  }
-
-  std::vector<double> MoleFractions() const {
-    std::vector<double> fractions;
-    fractions.reserve(positions_.size() - kFirstMoleFraction);
-    for (std::size_t i = kFirstMoleFraction; i < positions_.size(); ++i) {
-      fractions.push_back((*this)[i]);
-    }
-    return fractions;
-  }
-
- private:
-  const std::vector<double>& values_;
-  const std::vector<std::size_t>& positions_;
-};
-
 }  // namespace
 
 InflowSurvey::InflowSurvey(const std::vector<std::string>& wells, int components, bool bottomHole,
@@ -83,7 +57,8 @@ InflowSurvey::InflowSurvey(const std::vector<std::string>& wells, int components
       bottom_hole_(bottomHole),
       first_limits_{(metric ? kMetricLiquid : 1.0) * kFirstLimit,
                     (metric ? kMetricGas : 1.0) * kFirstLimit},
-      properties_(PropertiesWith(components)) {}
+      properties_(PropertiesWith(components)),
+      property_lookup_(properties_) {}
 
 InflowSurvey::Type InflowSurvey::TypeOf(const std::string& word) {
   if (word == "PRODUCER") return Type::kProducer;
@@ -102,58 +77,71 @@ std::vector<std::string> InflowSurvey::ConstraintsOf(Type type) {
   }
 }
 
-std::vector<double> InflowSurvey::LimitsOf(Type type, Rates rates) {
+void InflowSurvey::SetLimits(Type type, Rates rates, std::vector<double>& limits) {
   switch (type) {
     case Type::kProducer:
-      return {rates.liquid, rates.gas};
+      limits = {rates.liquid, rates.gas};
+      return;
     case Type::kWaterInjector:
-      return {rates.liquid};
+      limits = {rates.liquid};
+      return;
     default:
-      return {rates.gas};
+      limits = {rates.gas};
   }
 }
 
-void InflowSurvey::TakeTypes(const ::vk_ec::WellQueryResults<std::string>& types,
+void InflowSurvey::ReservePoints(DynWellIPR& table) {
+  for (auto* series :
+       {&table.pressure, &table.oil_rate, &table.water_rate, &table.gas_rate, &table.temperature,
+        &table.gas_density, &table.oil_density, &table.water_density}) {
+    series->reserve(kPoints);
+  }
+}
+
+void InflowSurvey::TakeTypes(const ::vk_ec::WellTable<std::string>& types,
                              std::vector<DynWellIPR>& tables) {
   const std::vector<std::size_t> rows = well_lookup_.PositionsIn(types.wells);
   for (std::size_t i = 0; i < wells_.size(); ++i) {
-    tables.emplace_back();
-    if (rows[i] >= types.values.size() || types.values[rows[i]].empty()) {
-      throw std::runtime_error(kBadTypes);
-    }
-    const Type type = TypeOf(types.values[rows[i]].front());
+    ReservePoints(tables.emplace_back());
+    if (rows[i] == NameLookup::npos || types.items.empty()) throw std::runtime_error(kBadTypes);
+    const Type type = TypeOf(types.row(rows[i]).front());
     types_.push_back(type);
     constraints_.push_back(ConstraintsOf(type));
     setters_.emplace_back(constraints_.back().size(), "USER");
-    limits_.push_back(LimitsOf(type, first_limits_));
+    SetLimits(type, first_limits_, limits_.emplace_back());
   }
 }
 
-void InflowSurvey::TakePoint(const ::vk_ec::WellQueryResults<double>& answer,
+void InflowSurvey::TakePoint(const ::vk_ec::WellTable<double>& answer,
                              std::vector<DynWellIPR>& tables) {
   const std::vector<std::size_t> rows = well_lookup_.PositionsIn(answer.wells);
-  const std::vector<std::size_t> positions = NameLookup(properties_).PositionsIn(answer.items);
+  const std::vector<std::size_t> columns = property_lookup_.PositionsIn(answer.items);
   const bool complete =
-      std::find(positions.begin(), positions.end(), NameLookup::npos) == positions.end();
+      std::find(columns.begin(), columns.end(), NameLookup::npos) == columns.end();
   const bool firstPoint = base_.empty();
   for (std::size_t i = 0; i < wells_.size(); ++i) {
-    if (rows[i] >= answer.values.size() || !complete) throw std::runtime_error(kBadPoint);
-    const Row row(answer.values[rows[i]], positions);
+    if (rows[i] == NameLookup::npos || !complete) throw std::runtime_error(kBadPoint);
+    const auto values = answer.row(rows[i]);
+    const auto value = [&](Property property) { return values[columns[property]]; };
     const bool producer = types_[i] == Type::kProducer;
-    const double gas = row[producer ? kGasProduction : kGasInjection];
-    const double water = row[producer ? kWaterProduction : kWaterInjection];
-    const double oil = row[kOilProduction];
+    const double gas = value(producer ? kGasProduction : kGasInjection);
+    const double water = value(producer ? kWaterProduction : kWaterInjection);
+    const double oil = value(kOilProduction);
     DynWellIPR& table = tables[i];
     table.oil_rate.push_back(oil);
     table.gas_rate.push_back(gas);
     table.water_rate.push_back(water);
-    table.pressure.push_back(row[bottom_hole_ ? kBottomHolePressure : kTubingHeadPressure]);
-    table.temperature.push_back(row[kTemperature]);
-    table.oil_density.push_back(row[kOilDensity]);
-    table.gas_density.push_back(row[kGasDensity]);
-    table.water_density.push_back(row[kWaterDensity]);
-    if (properties_.size() > kFirstMoleFraction) {
-      table.mole_fractions.push_back(row.MoleFractions());
+    table.pressure.push_back(value(bottom_hole_ ? kBottomHolePressure : kTubingHeadPressure));
+    table.temperature.push_back(value(kTemperature));
+    table.oil_density.push_back(value(kOilDensity));
+    table.gas_density.push_back(value(kGasDensity));
+    table.water_density.push_back(value(kWaterDensity));
+    if (columns.size() > kFirstMoleFraction) {
+      std::vector<double>& fractions = table.mole_fractions.emplace_back();
+      fractions.reserve(columns.size() - kFirstMoleFraction);
+      for (std::size_t k = kFirstMoleFraction; k < columns.size(); ++k) {
+        fractions.push_back(values[columns[k]]);
+      }
     }
     if (firstPoint) base_.push_back({producer ? water + oil : water, gas});
   }
@@ -162,7 +150,7 @@ void InflowSurvey::TakePoint(const ::vk_ec::WellQueryResults<double>& answer,
 void InflowSurvey::LowerLimits(int taken, double skewness) {
   const double fraction = std::pow((10.0 - taken) / 10.0, skewness);
   for (std::size_t i = 0; i < limits_.size(); ++i) {
-    limits_[i] = LimitsOf(types_[i], {base_[i].liquid * fraction, base_[i].gas * fraction});
+    SetLimits(types_[i], {base_[i].liquid * fraction, base_[i].gas * fraction}, limits_[i]);
   }
 }
 

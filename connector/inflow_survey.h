@@ -23,11 +23,12 @@ class InflowSurvey {
   /// `wells` stays the caller's and must outlive the object. No mole fractions are surveyed when
   /// `components` is not positive. Throws `std::length_error` above kMostComponents.
   InflowSurvey(const std::vector<std::string>& wells, int components, bool bottomHole, bool metric);
+  InflowSurvey(const InflowSurvey&) = delete;
+  InflowSurvey& operator=(const InflowSurvey&) = delete;
 
   /// Learns the wells' types and appends an empty table for each of them. Throws "Unexpected
   /// answer when querying the well status data."
-  void TakeTypes(const ::vk_ec::WellQueryResults<std::string>& types,
-                 std::vector<DynWellIPR>& tables);
+  void TakeTypes(const ::vk_ec::WellTable<std::string>& types, std::vector<DynWellIPR>& tables);
 
   /// Per well the names of its limits, the limits of the next point, and who sets them.
   const std::vector<std::vector<std::string>>& constraints() const { return constraints_; }
@@ -39,7 +40,7 @@ class InflowSurvey {
 
   /// Appends one point to the tables, the first of which is that of the first well. Throws
   /// "Unexpected answer when querying the well IPR data."
-  void TakePoint(const ::vk_ec::WellQueryResults<double>& answer, std::vector<DynWellIPR>& tables);
+  void TakePoint(const ::vk_ec::WellTable<double>& answer, std::vector<DynWellIPR>& tables);
 
   /// Sets the limits of point `taken` + 1.
   void LowerLimits(int taken, double skewness);
@@ -54,7 +55,8 @@ class InflowSurvey {
   };
 
   static std::vector<std::string> ConstraintsOf(Type type);
-  static std::vector<double> LimitsOf(Type type, Rates rates);
+  static void SetLimits(Type type, Rates rates, std::vector<double>& limits);
+  static void ReservePoints(DynWellIPR& table);
   static Type TypeOf(const std::string& word);
 
   const std::vector<std::string>& wells_;
@@ -62,6 +64,7 @@ class InflowSurvey {
   bool bottom_hole_;
   Rates first_limits_;
   std::vector<std::string> properties_;
+  NameLookup property_lookup_;
   std::vector<Type> types_;
   std::vector<std::vector<std::string>> constraints_;
   std::vector<std::vector<std::string>> setters_;

@@ -2,8 +2,6 @@
 
 #include <cstddef>
 #include <string>
-#include <string_view>
-#include <unordered_map>
 #include <vector>
 
 namespace connector {
@@ -22,6 +20,23 @@ class NameLookup {
 
   /// For each asked name its position in `answered`, or npos.
   std::vector<std::size_t> PositionsIn(const std::vector<std::string>& answered) const;
+
+  /// The names of an answer as they come. Those of the usual one are not kept.
+  class Answer {
+   public:
+    /// `lookup` must outlive the object.
+    explicit Answer(const NameLookup& lookup) : lookup_(lookup) {}
+
+    void Add(std::string&& name);
+
+    /// As PositionsIn() of all names added.
+    std::vector<std::size_t> Positions() const;
+
+   private:
+    const NameLookup& lookup_;
+    std::size_t count_ = 0;           // names that are as asked, from the first on
+    std::vector<std::string> names_;  // all of them, once one is not
+  };
 
  private:
   const std::vector<std::string>& asked_;

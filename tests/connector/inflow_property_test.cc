@@ -43,22 +43,22 @@ Names NamesOf(const std::vector<Well>& wells) {
 
 void TakeTypes(InflowSurvey& survey, const std::vector<Well>& wells,
                std::vector<DynWellIPR>& tables) {
-  ::vk_ec::WellQueryResults<std::string> types;
+  ::vk_ec::WellTable<std::string> types;
   types.wells = NamesOf(wells);
   types.items = {"TYPE"};
-  for (const Well& well : wells) types.values.push_back({well.type});
+  for (const Well& well : wells) types.values.push_back(well.type);
   survey.TakeTypes(types, tables);
 }
 
 // A point of which only the rates matter, in the order in which they are asked for.
 void TakePoint(InflowSurvey& survey, const std::vector<Well>& wells,
                std::vector<DynWellIPR>& tables) {
-  ::vk_ec::WellQueryResults<double> answer;
+  ::vk_ec::WellTable<double> answer;
   answer.wells = NamesOf(wells);
   answer.items = survey.properties();
   for (const Well& well : wells) {
-    answer.values.push_back(
-        {well.oil, well.gas, well.water, well.waterInjected, well.gasInjected, 0, 0, 0, 0, 0, 0});
+    answer.values.insert(answer.values.end(), {well.oil, well.gas, well.water, well.waterInjected,
+                                               well.gasInjected, 0, 0, 0, 0, 0, 0});
   }
   survey.TakePoint(answer, tables);
 }

@@ -1,4 +1,5 @@
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -28,6 +29,9 @@ RC_GTEST_PROP(NameLookupProperty, FindsWhatALinearSearchFindsFirst, ()) {
   const NameLookup lookup(asked);
   const Names answered = *rc::gen::oneOf(any::Names(), rc::gen::just(asked));
   RC_ASSERT(lookup.PositionsIn(answered) == LinearSearch(asked, answered));
+  NameLookup::Answer answer(lookup);
+  for (std::string name : answered) answer.Add(std::move(name));
+  RC_ASSERT(answer.Positions() == LinearSearch(asked, answered));
   RC_ASSERT(lookup.PositionsIn(asked) == LinearSearch(asked, asked));
 }
 

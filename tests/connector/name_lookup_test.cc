@@ -1,6 +1,7 @@
 #include "connector/name_lookup.h"
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -12,7 +13,11 @@ using Names = std::vector<std::string>;
 using Positions = std::vector<std::size_t>;
 
 Positions Find(const Names& asked, const Names& answered) {
-  return NameLookup(asked).PositionsIn(answered);
+  const NameLookup lookup(asked);
+  NameLookup::Answer answer(lookup);
+  for (std::string name : answered) answer.Add(std::move(name));
+  EXPECT_EQ(answer.Positions(), lookup.PositionsIn(answered)) << "name by name";
+  return lookup.PositionsIn(answered);
 }
 
 TEST(NameLookupTest, SameNamesInTheSameOrder) {
@@ -30,6 +35,18 @@ TEST(NameLookupTest, MissingAndExtraNames) {
 TEST(NameLookupTest, FirstOfEqualNamesCountsAlsoWhenTheListsAreTheSame) {
   EXPECT_EQ(Find({"A", "B", "A"}, {"A", "B", "A"}), (Positions{0, 1, 0}));
   EXPECT_EQ(Find({"A", "B"}, {"B", "A", "A", "B"}), (Positions{1, 0}));
+}
+
+TEST(NameLookupTest, AnswerThatEndsEarlyLacksTheRest) {
+  EXPECT_EQ(Find({"A", "B", "A"}, {"A"}), (Positions{0, NameLookup::npos, 0}));
+}
+
+TEST(NameLookupTest, NamesBehindTheAskedOnesChangeNothing) {
+  EXPECT_EQ(Find({"A", "B"}, {"A", "B", "A", "C"}), (Positions{0, 1}));
+}
+
+TEST(NameLookupTest, NamesThatDescendAreFoundInTheirOwnOrder) {
+  EXPECT_EQ(Find({"C", "B", "A"}, {"C", "B", "A"}), (Positions{0, 1, 2}));
 }
 
 TEST(NameLookupTest, EmptyLists) {
