@@ -56,6 +56,10 @@ std::unique_ptr<ConnectorBase> NewConnector(int version) {
   return std::make_unique<v2017_2::Connector>();
 }
 
+// Where requests are received. It belongs to the program's image, so that its pages are taken as
+// they are used: most requests are short, and there may be many controllers that wait.
+std::array<unsigned char, getbuf::kBufferSize> receive_buffer;
+
 // Points of an inflow table, as many as the master's tables have.
 constexpr std::size_t kTablePoints = 10;
 
@@ -94,21 +98,21 @@ ConnectorSocketWrapper::ConnectorSocketWrapper(std::unique_ptr<ConnectorBase> co
 ConnectorSocketWrapper::~ConnectorSocketWrapper() = default;
 
 int ConnectorSocketWrapper::ProcessRequests(std::string& error) {
-  std::vector<unsigned char> buffer(getbuf::kBufferSize);
   std::string reason;
   reason.reserve(kReasonRoom);
   error.reserve(kReasonRoom);
   while (true) {
     int length = 0;
-    if (master_->ReceiveLine(reinterpret_cast<char*>(buffer.data()), kCleared, length) != 0) {
+    auto* buffer = reinterpret_cast<char*>(receive_buffer.data());
+    if (master_->ReceiveLine(buffer, kCleared, length) != 0) {
       Fail("No or unexpected data received from Corvane", "", error);
       return 1;
     }
     unsigned code = 0;
-    getbuf(buffer.data()).UnPack(code);
+    getbuf(receive_buffer.data()).UnPack(code);
     *log_ << "Received header: " << static_cast<unsigned long>(code)
           << "\n";  // NOLINT(google-runtime-int)
-    if (Handle(code, buffer.data() + sizeof(code), reason) > 0) {
+    if (Handle(code, receive_buffer.data() + sizeof(code), reason) > 0) {
       Fail("Failed to handle data packet received from master: ", reason.c_str(), error);
       return 2;
     }
@@ -297,8 +301,11 @@ void ConnectorSocketWrapper::GetWellStatus(const unsigned char* /*body*/) {
   std::vector<StaticWellDef> wells;
   connector_->GetWellStatus(wells);
   std::int64_t size = PackedSize(0) + kAckSize;
+  const bool logged = log_->status() == 0;
   for (const StaticWellDef& well : wells) {
-    *log_ << "Well status: " << well.name << ", " << well.type << ", " << well.status << "\n";
+    if (logged) {
+      *log_ << "Well status: " << well.name << ", " << well.type << ", " << well.status << "\n";
+    }
     size += PackedSize(well.name) + PackedSize(well.type) + PackedSize(well.status);
   }
   sendbuf reply;
@@ -328,9 +335,8 @@ void ConnectorSocketWrapper::GetWellData(const unsigned char* body) {
   ReturnWithAck(count, 0, kGetWellData);
   *log_ << "GetWellData for " << static_cast<int>(points.size()) << " wells"
         << "\n";
-  std::vector<unsigned char> buffer(getbuf::kBufferSize);
   for (const DynWellOpPt& point : points) {
-    AwaitSubRequest(buffer, kWellDataSub,
+    AwaitSubRequest(kWellDataSub,
                     "Unexpected data received from Corvane, routine VK_GETWELLDATA_SUB");
     sendbuf reply;
     MakeRoom(reply, PackedSize(point.status) + 8 * PackedSize(0.0) + kAckSize);
@@ -367,9 +373,8 @@ void ConnectorSocketWrapper::GetWellIPRData(const unsigned char* body) {
   counts.Pack(static_cast<int>(tables.size()));
   counts.Pack(points);
   ReturnWithAck(counts, 0, kGetWellIPRData);
-  std::vector<unsigned char> buffer(getbuf::kBufferSize);
   for (const DynWellIPR& table : tables) {
-    AwaitSubRequest(buffer, kWellIPRDataSub,
+    AwaitSubRequest(kWellIPRDataSub,
                     "Unexpected data received from Corvane, routine VK_GETWELLIPRDATA_SUB");
     ReturnTable(table, components > 0);
   }
@@ -394,13 +399,14 @@ void ConnectorSocketWrapper::ReturnTable(const DynWellIPR& table, bool withMoleF
   ReturnWithAck(reply, 0, kWellIPRDataSub);
 }
 
-// Receives the frame with which the master asks for the next well's record.
-void ConnectorSocketWrapper::AwaitSubRequest(std::vector<unsigned char>& buffer, unsigned code,
-                                             const char* complaint) {
+// Receives the frame with which the master asks for the next well's record. The request that it
+// belongs to has been read by then and needs its buffer no more.
+void ConnectorSocketWrapper::AwaitSubRequest(unsigned code, const char* complaint) {
   int length = 0;
   unsigned received = 0;
-  if (master_->ReceiveLine(reinterpret_cast<char*>(buffer.data()), kCleared, length) == 0) {
-    getbuf(buffer.data()).UnPack(received);
+  auto* buffer = reinterpret_cast<char*>(receive_buffer.data());
+  if (master_->ReceiveLine(buffer, kCleared, length) == 0) {
+    getbuf(receive_buffer.data()).UnPack(received);
   }
   if (received != code) throw corvane_comms_exception(complaint);
 }

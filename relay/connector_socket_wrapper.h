@@ -30,8 +30,9 @@ class ConnectorSocketWrapper {
   ConnectorSocketWrapper& operator=(const ConnectorSocketWrapper&) = delete;
   virtual ~ConnectorSocketWrapper();
 
-  /// The request loop. Returns 0 after the shutdown request was served, 1 when no frame could be
-  /// received, 2 when a request failed; `error` holds the reason of 1 and 2.
+  /// The request loop. A process has one controller at work. Returns 0 after the shutdown request
+  /// was served, 1 when no frame could be received, 2 when a request failed; `error` holds the
+  /// reason of 1 and 2.
   int ProcessRequests(std::string& error);
 
   /// Serves one request. `body` points behind its code, into a receive buffer of getbuf's size.
@@ -69,7 +70,7 @@ class ConnectorSocketWrapper {
  private:
   void Fail(const char* text, const char* reason, std::string& error);
   void RunHandler(unsigned code, const unsigned char* body);
-  void AwaitSubRequest(std::vector<unsigned char>& buffer, unsigned code, const char* complaint);
+  void AwaitSubRequest(unsigned code, const char* complaint);
   void Acknowledge(int code);
   void ReturnDate(int day, int month, int year, int code);
   void ReturnTable(const DynWellIPR& table, bool withMoleFractions);
