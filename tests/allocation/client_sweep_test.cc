@@ -48,8 +48,8 @@ Outcome Run(const std::function<void(Client&)>& operation, const std::string& he
   const long live = LiveAllocations();
   {
     const wire::Pair pair = wire::SocketPair();
-    for (const std::string& message :
-         {wire::Mess("REPLY") + headers + kEnd, kReady, wire::Mess("FINISHED") + kEnd}) {
+    const std::string reply = wire::Mess("REPLY").append(headers).append(kEnd);
+    for (const std::string& message : {reply, kReady, wire::Mess("FINISHED").append(kEnd)}) {
       wire::WriteAll(pair.theirs, wire::Framed(message));
     }
     shutdown(pair.theirs, SHUT_WR);

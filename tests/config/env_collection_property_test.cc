@@ -80,7 +80,7 @@ RC_GTEST_PROP(EnvFileProperty, EntriesAreThePairsOfTokensThatFit, ()) {
   RC_ASSERT(collection.status() == 0);
   std::string expected;
   for (const auto& [name, value] : Model(text)) {
-    expected += "Variable: " + name + ", Value: " + value + "\n";
+    expected.append("Variable: ").append(name).append(", Value: ").append(value).append("\n");
   }
   Log log;
   collection.LogOut(&log);
@@ -101,7 +101,7 @@ RC_GTEST_PROP(EnvFileProperty, EveryEntryIsPrependedToWhatIsThere, ()) {
   for (int i = *rc::gen::inRange(0, 8); i > 0; --i) {
     const std::string name = *rc::gen::elementOf(names);
     const std::string value = *rc::gen::nonEmpty(any::TextOf("ab/:=%"));
-    text += name + " " + value + "\n";
+    text.append(name).append(" ").append(value).append("\n");
     const bool present = model.count(name) != 0;
     model[name] = present ? value + ":" + model[name] : value;
     logged += std::string("Setting ") + (present ? "" : "non-") + "existing environment variable " +

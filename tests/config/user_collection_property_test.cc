@@ -41,7 +41,7 @@ std::optional<User> Record(const std::string& line) {
   std::string rest = line;
   const auto token = [&rest] {
     rest.erase(0, rest.find_first_not_of(' '));
-    const std::string word = rest.substr(0, rest.find(' '));
+    std::string word = rest.substr(0, rest.find(' '));
     rest.erase(0, word.size() + 1);
     return word;
   };

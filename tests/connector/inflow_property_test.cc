@@ -16,7 +16,11 @@ using Names = std::vector<std::string>;
 // One well, with its type and its rates at the first point.
 struct Well {
   std::string type;
-  double oil, gas, water, waterInjected, gasInjected;
+  double oil = 0;
+  double gas = 0;
+  double water = 0;
+  double waterInjected = 0;
+  double gasInjected = 0;
 };
 std::ostream& operator<<(std::ostream& out, const Well& well) {
   return out << well.type << " oil " << well.oil << " gas " << well.gas << " water " << well.water

@@ -20,7 +20,6 @@
 namespace {
 
 using std::chrono::seconds;
-using testing::HasSubstr;
 
 constexpr int kNotPermitted = 77;
 
@@ -37,6 +36,7 @@ class DaemonStartTest : public testing::Test {
       std::vector<std::string> words = {"vkjobmill.exe", "-p", std::to_string(port_)};
       if (getuid() != 0) words.emplace_back("-u");
       std::vector<char*> arguments;
+      arguments.reserve(words.size() + 1);
       for (std::string& word : words) arguments.push_back(word.data());
       arguments.push_back(nullptr);
       return RunDaemon(static_cast<int>(words.size()), arguments.data());

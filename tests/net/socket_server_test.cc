@@ -162,7 +162,7 @@ class DescriptorLimit {
   explicit DescriptorLimit(int more) {
     getrlimit(RLIMIT_NOFILE, &before_);
     const Descriptor next(dup(0));
-    const auto limit = static_cast<rlim_t>(next.get() + more);
+    const rlim_t limit = static_cast<rlim_t>(next.get()) + static_cast<rlim_t>(more);
     const rlimit few{limit, before_.rlim_max};
     setrlimit(RLIMIT_NOFILE, &few);
   }

@@ -1,5 +1,6 @@
 #include "relay/packing.h"
 
+#include <cstddef>
 #include <limits>
 #include <stdexcept>
 #include <string>
@@ -62,7 +63,7 @@ TEST_F(UnPackTest, HostileCountTakesNoMoreMemoryThanTheBufferCanFill) {
   EXPECT_EQ(Allocations::Largest(), 4000U);
   getbuf texts = Fields(buffer);
   EXPECT_THROW(UnPackTexts(texts, std::numeric_limits<int>::max()), std::out_of_range);
-  EXPECT_LE(Allocations::Largest(), 2 * 1000 * sizeof(std::string));
+  EXPECT_LE(Allocations::Largest(), std::size_t{2000} * sizeof(std::string));
 }
 
 }  // namespace

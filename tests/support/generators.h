@@ -31,6 +31,7 @@ inline std::uint64_t Bits(double value) {
 }
 inline std::vector<std::uint64_t> Bits(const std::vector<double>& values) {
   std::vector<std::uint64_t> bits;
+  bits.reserve(values.size());
   for (const double value : values) bits.push_back(Bits(value));
   return bits;
 }

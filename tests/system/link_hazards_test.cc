@@ -143,7 +143,8 @@ TEST_F(SimulatedRunTest, ReplyThatWaitsForItsReaderIsWholeAlthoughTheScriptEndsM
   // The script lives until its file is there.
   Start("#!/bin/sh\necho HOST=127.0.0.1\nwhile [ ! -e go ]; do sleep 0.02; done\n");
   ASSERT_EQ(master_->Ask("01 00 00 00"), "01 00 00 00 00 00 00 00");
-  const std::string type(12'000'000, 't');  // above what the buffers on the way hold
+  std::string type;
+  type.append(12'000'000, 't');  // above what the buffers on the way hold
   simulator_.AnswerNext({wire::Mess("REPLY") + wire::Cstr("QITEMS", {"TYPE", "STATUS"}) +
                              wire::Cstr("WELLNAME", {"P1"}) + wire::Cstr("VALUES", {type, "OPEN"}) +
                              End(),

@@ -147,7 +147,7 @@ INSTANTIATE_TEST_SUITE_P(All, OutputHazardTest,
 // The program run to its end, which must come by itself.
 class RefusingKernelTest : public testing::Test {
  protected:
-  ~RefusingKernelTest() override {
+  void TearDown() override {
     std::error_code ignored;
     for (const char* directory : {"/var/log", "/tmp"}) {
       std::filesystem::remove(directory + ("/VKJobmill_" + port_ + ".log"), ignored);
