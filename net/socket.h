@@ -61,11 +61,11 @@ class Socket {
   /// more never completes: it is read and dropped until the peer goes.
   std::string ReceiveLine(int& length);
 
-  /// Sends `text` as one frame with a single send(), not retried when short. Returns the bytes
+  /// Sends `text` as one frame in one piece, not retried when it leaves short. Returns the bytes
   /// that left, the four of the length included, or -1.
   int SendLine(const std::string& text);
 
-  /// Sends `size` bytes as one frame with a single send(), not retried when short. Returns 0 when
+  /// Sends `size` bytes as one frame in one piece, not retried when it leaves short. Returns 0 when
   /// all of the frame left, else 1.
   int SendLine(const char* body, unsigned size);
 
