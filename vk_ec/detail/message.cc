@@ -204,18 +204,12 @@ bool MessageMgr::MessageDecoder::skip_header(std::string_view encoded) {
 
 MessageMgr::HeaderType MessageMgr::MessageDecoder::decode_type(const ztyp& tag) {
   // As numbers, since this is done for every header of a long answer.
-  switch (std::bit_cast<std::uint32_t>(tag)) {
-    case std::bit_cast<std::uint32_t>(tMESS):
-      return MESS;
-    case std::bit_cast<std::uint32_t>(tINTE):
-      return INTE;
-    case std::bit_cast<std::uint32_t>(tDOUB):
-      return DOUB;
-    case std::bit_cast<std::uint32_t>(tCSTR):
-      return CSTR;
-    default:
-      throw std::invalid_argument("Unknown type: " + std::string(tag.data(), tag.size()));
-  }
+  const auto number = [](const ztyp& letters) { return std::bit_cast<std::uint32_t>(letters); };
+  if (number(tag) == number(tDOUB)) return DOUB;
+  if (number(tag) == number(tCSTR)) return CSTR;
+  if (number(tag) == number(tINTE)) return INTE;
+  if (number(tag) == number(tMESS)) return MESS;
+  throw std::invalid_argument("Unknown type: " + std::string(tag.data(), tag.size()));
 }
 
 void MessageMgr::MessageDecoder::check_length(std::uint64_t length) const {
@@ -263,7 +257,7 @@ std::string MessageMgr::MessageDecoder::get_string(const Header& header) {
 // The callers have checked the length.
 template <typename T>
 T MessageMgr::MessageDecoder::take() {
-  T value;
+  T value{};
   std::memcpy(&value, buffer_.data() + position_, sizeof(value));
   position_ += sizeof(value);
   return value;
