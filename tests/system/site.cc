@@ -1,5 +1,6 @@
 #include "tests/system/site.h"
 
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 
@@ -68,8 +69,12 @@ std::string Site::RefusalOf(const std::string& root) {
 }
 
 bool Site::IsQuiet(const std::string& root) const {
-  return Eventually([&] {
-    return ChildrenOf(daemon_->pid()).empty() &&
-           ProcessesWith(data_.path().string() + "/" + std::string(1, '\0') + root).empty();
-  });
+  // A script gives a simulator that ignores SIGTERM five seconds of its own.
+  const std::chrono::seconds limit(30);
+  return Eventually(
+      [&] {
+        return ChildrenOf(daemon_->pid()).empty() &&
+               ProcessesWith(data_.path().string() + "/" + std::string(1, '\0') + root).empty();
+      },
+      limit);
 }
