@@ -327,9 +327,8 @@ bool Trial::ForkFailed() const {
 }
 
 // A master whose connection could not get a process is left waiting. So is one whose answer could
-// not be sent, or not be put together for want of memory: that is not noticed before the next
-// receive. And a line that could not be received counts as empty, after which its bytes are taken
-// for the lengths of lines that never come.
+// not be sent: that is not noticed before the next receive. And a line that could not be received
+// counts as empty, after which its bytes are taken for the lengths of lines that never come.
 bool Trial::MayLeaveWaiting() const {
   if (ForkFailed()) return true;
   if (!tracer_.fired() || point_.role != Role::kChild || point_.kind == Point::Kind::kKill) {
@@ -338,7 +337,7 @@ bool Trial::MayLeaveWaiting() const {
   if (point_.call == SYS_recvfrom && point_.kind == Point::Kind::kError) {
     return tracer_.firedInHandshake();
   }
-  return IsSend(point_.call) || (IsMemory(point_.call) && !tracer_.firedInHandshake());
+  return IsSend(point_.call);
 }
 
 // What a program is expected to live with: the rest of a transfer follows; a log that cannot be
