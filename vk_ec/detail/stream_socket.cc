@@ -47,7 +47,7 @@ struct StreamSocket::Impl {
 
   // What was received behind the bytes that were asked for: the length of the next chunk, or a
   // whole small message. A chunk that is larger goes straight to its place.
-  std::array<unsigned char, 4096> ahead_bytes;
+  std::array<unsigned char, 4096> ahead_bytes{};
   asio::const_buffer ahead;
 };
 
