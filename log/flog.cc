@@ -7,14 +7,13 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <charconv>
-#include <iostream>
 #include <new>
-#include <streambuf>
 #include <string_view>
 #include <type_traits>
 
@@ -24,46 +23,16 @@ namespace {
 constexpr mode_t kPrivate = 0600;
 constexpr mode_t kPublic = 0666;
 
-// Writes through to a descriptor that was opened here, since std::ofstream has no way to refuse
-// links or to close on exec. Nothing is kept back: what could not be written is dropped and not
-// tried again with the next item, by this process or by a child that inherited it.
-class DescriptorBuffer : public std::streambuf {
- public:
-  DescriptorBuffer() = default;
-  DescriptorBuffer(const DescriptorBuffer&) = delete;
-  DescriptorBuffer& operator=(const DescriptorBuffer&) = delete;
-  ~DescriptorBuffer() override {
-    if (descriptor_ >= 0) close(descriptor_);
+// What could not be written is dropped and not tried again with the next item, by this process or
+// by a child that inherited the descriptor.
+void Write(int descriptor, std::string_view text) {
+  while (!text.empty()) {
+    const ssize_t written = write(descriptor, text.data(), text.size());
+    if (written < 0 && errno == EINTR) continue;
+    if (written <= 0) return;
+    text.remove_prefix(static_cast<std::size_t>(written));
   }
-
-  void Own(int descriptor) { descriptor_ = descriptor; }
-
- protected:
-  std::streamsize xsputn(const char* text, std::streamsize size) override {
-    std::streamsize written = 0;
-    while (written < size) {
-      const ssize_t now =
-          write(descriptor_, text + written, static_cast<std::size_t>(size - written));
-      if (now < 0 && errno == EINTR) continue;
-      if (now <= 0) break;
-      written += now;
-    }
-    return written;
-  }
-
- private:
-  int descriptor_ = -1;
-};
-
-class DescriptorStream : public std::ostream {
- public:
-  DescriptorStream() : std::ostream(nullptr) { rdbuf(&buffer_); }
-
-  void Own(int descriptor) { buffer_.Own(descriptor); }
-
- private:
-  DescriptorBuffer buffer_;
-};
+}
 
 // A fresh file under a name that nobody can have planted, moved over `file`: the old file, link or
 // pipe of that name is replaced, never opened. -1 when the directory does not allow it.
@@ -107,19 +76,6 @@ int OpenLog(const std::string& file, bool removeOld) {
   return fresh >= 0 ? fresh : OpenRegular(file, 0);
 }
 
-// Null when the file cannot be had, or the memory for it.
-std::unique_ptr<std::ostream> OpenStream(const std::string& file, bool removeOld) {
-  try {
-    auto stream = std::make_unique<DescriptorStream>();
-    const int descriptor = OpenLog(file, removeOld);
-    if (descriptor < 0) return nullptr;
-    stream->Own(descriptor);
-    return stream;
-  } catch (const std::bad_alloc&) {
-    return nullptr;
-  }
-}
-
 // Values as a standard stream writes them by default, in `room` where they need any: what is
 // logged may be that there is no memory left.
 using Room = std::array<char, 32>;
@@ -146,39 +102,53 @@ std::string_view Text(double value, Room& room) {
   return room.data();
 }
 
-// A stream that failed before this item stays silent; one that fails with it loses this item only.
-void WriteItem(std::ostream& out, std::string_view text) {
-  const bool usable = out.good();
-  out.write(text.data(), static_cast<std::streamsize>(text.size())).flush();
-  if (usable && !out.good()) out.clear();
-}
-
-// Whether standard output takes PIPE_BUF bytes without holding the caller. A stopped terminal or a
-// pipe that nobody empties would stop daemon and controllers for good, although everything stands
-// in the file as well. A slow reader is waited for; one that has stopped reading only once, by this
-// process or the one that it was forked from.
-bool OutputIsRead() {
-  constexpr int patience = 1000;  // milliseconds
-  static bool stuck = false;
-  pollfd out{STDOUT_FILENO, POLLOUT, 0};
-  int ready = 0;
-  do {
-    ready = poll(&out, 1, stuck ? 0 : patience);
-  } while (ready < 0 && errno == EINTR);
-  stuck = ready == 0;
-  return !stuck;
-}
-
-void Print(std::string_view text) {
-  while (!text.empty() && OutputIsRead()) {
-    WriteItem(std::cout, text.substr(0, PIPE_BUF));
-    text.remove_prefix(std::min<std::size_t>(text.size(), PIPE_BUF));
+// Standard output of all logs of this process: what it is, and whether it may still be written to.
+class Output {
+ public:
+  // Looks at what standard output is. Nobody replaces it in a process that goes on logging.
+  void Inspect() {
+    struct stat status {};
+    const bool known = fstat(STDOUT_FILENO, &status) == 0;
+    may_hold_ = !(known && (S_ISREG(status.st_mode) || IsNull(status)));
   }
-}
 
-void Silence(std::ostream& out) {
-  out.setstate(std::ios::badbit);
-}
+  void Silence() { silent_ = true; }
+
+  void Print(std::string_view text) {
+    if (silent_) return;
+    if (!may_hold_) return Write(STDOUT_FILENO, text);
+    while (!text.empty() && IsRead()) {
+      Write(STDOUT_FILENO, text.substr(0, PIPE_BUF));
+      text.remove_prefix(std::min<std::size_t>(text.size(), PIPE_BUF));
+    }
+  }
+
+ private:
+  static bool IsNull(const struct stat& status) {
+    return S_ISCHR(status.st_mode) && status.st_rdev == makedev(1, 3);
+  }
+
+  // Whether standard output takes PIPE_BUF bytes without holding the caller. A stopped terminal or
+  // a pipe that nobody empties would stop daemon and controllers for good, although everything
+  // stands in the file as well. A slow reader is waited for; one that has stopped reading only
+  // once, by this process or the one that it was forked from.
+  bool IsRead() {
+    constexpr int patience = 1000;  // milliseconds
+    pollfd out{STDOUT_FILENO, POLLOUT, 0};
+    int ready = 0;
+    do {
+      ready = poll(&out, 1, stuck_ ? 0 : patience);
+    } while (ready < 0 && errno == EINTR);
+    stuck_ = ready == 0;
+    return !stuck_;
+  }
+
+  bool silent_ = false;
+  bool may_hold_ = true;
+  bool stuck_ = false;
+};
+
+Output output;
 
 }  // namespace
 
@@ -186,13 +156,25 @@ flog::flog(const std::string& file, bool removeOld) {
   SetFile(file, removeOld);
 }
 
-flog::~flog() = default;
+flog::~flog() {
+  Close();
+}
+
+void flog::Close() {
+  if (descriptor_ >= 0) close(descriptor_);
+  descriptor_ = -1;
+}
 
 void flog::SetFile(const std::string& file, bool removeOld) {
-  disabled_ = 0;
-  stream_.reset();
-  if (!file.empty()) stream_ = OpenStream(file, removeOld);
-  if (!stream_) disabled_ = 1;
+  Close();
+  silent_ = false;
+  try {
+    if (!file.empty()) descriptor_ = OpenLog(file, removeOld);
+  } catch (const std::bad_alloc&) {
+    // Disabled, as without a file.
+  }
+  disabled_ = descriptor_ < 0 ? 1 : 0;
+  if (disabled_ == 0) output.Inspect();
 }
 
 template <class T>
@@ -200,15 +182,15 @@ flog& flog::operator<<(T value) {
   if (disabled_ > 0) return *this;
   if constexpr (std::is_pointer_v<T>) {
     if (value == nullptr) {
-      Silence(*stream_);
-      Silence(std::cout);
+      silent_ = true;
+      output.Silence();
       return *this;
     }
   }
   Room room;
   const std::string_view text = Text(value, room);
-  WriteItem(*stream_, text);
-  Print(text);
+  if (!silent_) Write(descriptor_, text);
+  output.Print(text);
   return *this;
 }
 

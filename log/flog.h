@@ -1,8 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <iosfwd>
-#include <memory>
 #include <string>
 
 /// A log that survives a crash at any point: every item goes to the file and to standard output
@@ -46,6 +44,9 @@ class flog {
   flog& operator<<(T value);
 
  private:
-  std::unique_ptr<std::ostream> stream_;  ///< null until a file was opened
+  void Close();
+
+  int descriptor_ = -1;  ///< of the file; -1 when there is none
   std::int32_t disabled_ = 0;
+  bool silent_ = false;  ///< no more goes to the file
 };

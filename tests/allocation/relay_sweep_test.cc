@@ -1,10 +1,10 @@
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
-#include <iostream>
 #include <memory>
 #include <new>
 #include <string>
@@ -283,7 +283,9 @@ void Check(const Outcome& outcome, const Outcome& undisturbed, long failing, Fai
 template <class Connector>
 void Sweep(const Request& request, bool connected) {
   signal(SIGPIPE, SIG_IGN);
-  std::cout.setstate(std::ios::badbit);  // what is logged there is in the log's file too
+  const Descriptor printed(dup(STDOUT_FILENO));
+  const Descriptor nowhere(open("/dev/null", O_WRONLY | O_CLOEXEC));
+  dup2(nowhere.get(), STDOUT_FILENO);  // what is logged there is in the log's file too
   Serve<Connector>(request, connected, kUndisturbed,
                    Failing::kOnce);  // warms what is kept for good
   const Outcome undisturbed = Serve<Connector>(request, connected, kUndisturbed, Failing::kOnce);
@@ -301,7 +303,7 @@ void Sweep(const Request& request, bool connected) {
       Check(outcome, undisturbed, failing, mode);
     }
   }
-  std::cout.clear();
+  dup2(printed.get(), STDOUT_FILENO);
   testing::Test::RecordProperty("failed_allocations", static_cast<int>(failed));
 }
 

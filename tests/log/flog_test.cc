@@ -11,7 +11,6 @@
 #include <chrono>
 #include <filesystem>
 #include <functional>
-#include <iostream>
 
 #include <gtest/gtest.h>
 
@@ -26,6 +25,16 @@ namespace {
 
 namespace fs = std::filesystem;
 
+// Runs `body` in a child, in which system calls can be answered. Its result; 77 from where that is
+// not permitted. What it prints goes to `output`, when that is given.
+int InChild(const std::function<int()>& body, const std::string& output = {}) {
+  ChildProcess::Options options;
+  if (!output.empty()) options.outputFile = output;
+  options.inChild = body;
+  ChildProcess child({}, options);
+  return child.Wait(std::chrono::seconds(10)).value_or(-1);
+}
+
 class FlogTest : public testing::Test {
  protected:
   unsigned Mode(const std::string& file) const {
@@ -37,7 +46,6 @@ class FlogTest : public testing::Test {
   void SetUp() override { testing::internal::CaptureStdout(); }
   void TearDown() override {
     if (!taken_) testing::internal::GetCapturedStdout();
-    std::cout.clear();
   }
 
   // What went to standard output since the test began.
@@ -133,12 +141,20 @@ TEST_F(FlogTest, TimestampEndsTheLine) {
   EXPECT_EQ(text.substr(40), "\nnext");
 }
 
-TEST_F(FlogTest, NullTextSilencesFileAndStandardOutput) {
-  flog log(directory_.File("a.log"), true);
-  const char* end = nullptr;
-  log << "Arg 7: " << end << "\n" << 3;
+TEST_F(FlogTest, NullTextSilencesFileAndStandardOutputOfEveryLog) {
+  // For the rest of the process, so in one that ends here.
+  const auto body = [this] {
+    flog log(directory_.File("a.log"), true);
+    flog other(directory_.File("b.log"), true);
+    const char* end = nullptr;
+    log << "Arg 7: " << end << "\n" << 3;
+    other << "to its file alone";
+    return log.status();
+  };
+  EXPECT_EQ(InChild(body, directory_.File("printed")), 0);
   EXPECT_EQ(directory_.Read("a.log"), "Arg 7: ");
-  EXPECT_EQ(TakePrinted(), "Arg 7: ");
+  EXPECT_EQ(directory_.Read("b.log"), "to its file alone");
+  EXPECT_EQ(directory_.Read("printed"), "Arg 7: ");
 }
 
 TEST_F(FlogTest, FailedWriteLosesThatItemOnly) {
@@ -308,15 +324,6 @@ TEST_F(FlogTest, NameThatIsTooLongDisablesTheLogAndLeavesNothingBehind) {
   EXPECT_TRUE(fs::is_empty(directory_.path()));
 }
 
-// Runs `body` in a child, in which system calls can be answered. Its result; 77 from where that is
-// not permitted.
-int InChild(const std::function<int()>& body) {
-  ChildProcess::Options options;
-  options.inChild = body;
-  ChildProcess child({}, options);
-  return child.Wait(std::chrono::seconds(10)).value_or(-1);
-}
-
 constexpr int kNotPermitted = 77;
 
 TEST_F(FlogTest, InterruptedWriteIsRepeated) {
@@ -339,6 +346,20 @@ TEST_F(FlogTest, InterruptedWriteIsRepeated) {
   if (result == kNotPermitted) GTEST_SKIP() << "system calls cannot be answered here";
   EXPECT_EQ(result, 3);
   EXPECT_EQ(directory_.Read("a.log"), "item");
+}
+
+TEST_F(FlogTest, StandardOutputThatCannotHoldTheLogIsNotAsked) {
+  const auto body = [this] {
+    flog log(directory_.File("a.log"), true);
+    // The answer says that nobody reads.
+    if (!AnswerCall(SYS_poll, [] { return 0L; })) return kNotPermitted;
+    log << "to a file";
+    return 0;
+  };
+  if (InChild(body, directory_.File("printed")) == kNotPermitted) {
+    GTEST_SKIP() << "system calls cannot be answered here";
+  }
+  EXPECT_EQ(directory_.Read("printed"), "to a file");
 }
 
 TEST_F(FlogTest, DirectoryThatKeepsComingBackDisablesTheLog) {
