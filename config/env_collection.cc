@@ -1,16 +1,15 @@
 #include "config/env_collection.h"
 
 #include <ctype.h>
+#include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
-#include <filesystem>
-#include <fstream>
-#include <iomanip>
-#include <istream>
 #include <memory>
+#include <new>
 #include <string>
 #include <unordered_map>
 #include <utility>
@@ -29,20 +28,21 @@ bool Assign(char (&field)[Size], const std::string& token) {
 
 // The next token, of which at most `most` characters are kept and one more, so that its length
 // shows: a file that is one long token is no reason to hold it. False when there is none.
-bool ReadToken(std::istream& in, std::string& token, int most) {
+bool ReadToken(FILE* in, std::string& token, std::size_t most) {
   token.clear();
-  if (!(in >> std::setw(most + 1) >> token)) return false;
-  if (token.size() > static_cast<std::size_t>(most)) {
-    for (int next = in.peek(); next != EOF && isspace(next) == 0; next = in.peek()) in.ignore();
+  int next = getc(in);
+  while (isspace(next) != 0) next = getc(in);
+  for (; next != EOF && isspace(next) == 0; next = getc(in)) {
+    if (token.size() <= most) token += static_cast<char>(next);
   }
-  return true;
+  return !token.empty();
 }
 
 // Only a file can be read to its end: a pipe has none before somebody writes, a device perhaps
 // never.
 bool IsFile(const char* file) {
-  std::error_code ignored;
-  return std::filesystem::is_regular_file(file, ignored);
+  struct stat status {};
+  return stat(file, &status) == 0 && S_ISREG(status.st_mode);
 }
 
 // The value that an entry gives its variable, which holds `present` or nothing. Says so in the log.
@@ -125,19 +125,16 @@ void CEnvCollection::Reset() {
 int CEnvCollection::ReadEnvFile(const char* file, char* /*error*/) {
   Reset();
   if (!IsFile(file)) return 0;
-  std::ifstream in(file);
-  // Otherwise the stream would keep a failed allocation to itself, and the half of the file that
-  // was read would pass for the whole.
-  in.exceptions(std::ios::badbit);
-  try {
-    ReadEntries(in);
-  } catch (const std::ios::failure&) {
-    // Not readable, such as a directory: that is the end of it.
+  const std::unique_ptr<FILE, int (*)(FILE*)> in(fopen(file, "re"), fclose);
+  if (in) {
+    ReadEntries(in.get());
+  } else if (errno == ENOMEM) {
+    throw std::bad_alloc();
   }
   return 0;
 }
 
-void CEnvCollection::ReadEntries(std::istream& in) {
+void CEnvCollection::ReadEntries(FILE* in) {
   CEnv** last = &first_;
   std::string name;
   std::string value;

@@ -1,8 +1,9 @@
 #pragma once
 
+#include <stdio.h>
+
 #include <array>
 #include <cstdint>
-#include <istream>
 
 class flog;
 
@@ -52,7 +53,7 @@ class CEnvCollection {
   void Reset();
 
  private:
-  void ReadEntries(std::istream& in);
+  void ReadEntries(FILE* in);
 
   std::int32_t status_ = 0;
   std::array<char, kErrorSize> error_{};

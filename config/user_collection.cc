@@ -4,10 +4,9 @@
 #include <stdlib.h>
 #include <string.h>
 #include <strings.h>
+#include <sys/stat.h>
 
 #include <array>
-#include <filesystem>
-#include <fstream>
 #include <memory>
 #include <string>
 
@@ -36,6 +35,24 @@ bool Parse(char* line, CVKUser& user) {
   return true;
 }
 
+// The next line without its end. False after the last one and for a line that is too long.
+bool ReadLine(FILE* file, std::array<char, kLineSize>& line) {
+  int next = getc(file);
+  if (next == EOF) return false;
+  std::size_t size = 0;
+  for (; next != EOF && next != '\n'; next = getc(file)) {
+    if (size + 1 == line.size()) return false;
+    line[size++] = static_cast<char>(next);
+  }
+  line[size] = '\0';
+  return true;
+}
+
+bool IsPipe(const std::string& path) {
+  struct stat status {};
+  return stat(path.c_str(), &status) == 0 && S_ISFIFO(status.st_mode);
+}
+
 }  // namespace
 
 CVKUserCollection::~CVKUserCollection() {
@@ -53,18 +70,16 @@ int CVKUserCollection::ReadUserFile(const char* directory, flog* /*log*/, char* 
   Reset();
   const std::string path = std::string(directory) + "/./.vk_corvane_users";
   // Opening a pipe would wait for somebody who writes to it, with the master waiting for us.
-  std::error_code ignored;
-  std::ifstream file;
-  if (!std::filesystem::is_fifo(path, ignored)) file.open(path);
-  if (!file.is_open()) {
+  const std::unique_ptr<FILE, int (*)(FILE*)> file(
+      IsPipe(path) ? nullptr : fopen(path.c_str(), "re"), fclose);
+  if (!file) {
     snprintf(error, kErrorSize, "Could not open the user administration file: %s", path.c_str());
     return 1;
   }
   CVKUser** last = &first_;
   std::array<char, kLineSize> line{};
-  // getline() fails on a line without end in the buffer, on an unreadable file and after the last
-  // line: all of them end the reading.
-  while (file.getline(line.data(), line.size())) {
+  // An unreadable file, such as a directory, ends before its first line.
+  while (ReadLine(file.get(), line)) {
     auto user = std::make_unique<CVKUser>();
     if (!Parse(line.data(), *user)) break;
     *last = user.release();

@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <cstdint>
-#include <iostream>
 #include <memory>
 #include <new>
 #include <string>
@@ -28,7 +27,8 @@ constexpr const char* kDefaultScript = "./vkmpi_dir.sh";
 constexpr int kBacklog = 500;
 
 int Fail(const std::string& text) {
-  std::cout << text << std::flush;
+  fputs(text.c_str(), stdout);
+  fflush(stdout);
   return 1;
 }
 
