@@ -11,6 +11,7 @@
 
 #include "connector/inflow_survey.h"
 #include "connector/name_lookup.h"
+#include "vk_ec/detail/constraint_setter.h"
 #include "vk_ec/detail/position_info.h"
 #include "vk_ec/detail/results.h"
 
@@ -19,6 +20,7 @@ namespace {
 
 using ::vk_ec::AlgPos;
 using ::vk_ec::ReservoirQueryResults;
+using ::vk_ec::detail::ConstraintSetter;
 using ::vk_ec::detail::WellRows;
 using Names = std::vector<std::string>;
 
@@ -238,11 +240,12 @@ int CommonConnector::GetWellIPRData(int ncomponents, const Names& wells, bool bo
   InflowSurvey survey(wells, ncomponents, bottom_hole, IsMetric());
   SetWellStatus(wells, Names(wells.size(), "OPEN"));
   survey.TakeTypes(client().get_well_table<std::string>(wells, {"TYPE"}), tables);
+  ConstraintSetter setter(client(), wells, survey.constraints(), survey.limits(), survey.setters());
   for (int point = 1; point <= InflowSurvey::kPoints; ++point) {
-    client().set_constraints_for_wells(wells, survey.constraints(), survey.limits(),
-                                       survey.setters());
+    setter.send();
     survey.TakePoint(client().get_well_table<double>(wells, survey.properties()), tables);
     survey.LowerLimits(point, skewness);
+    setter.change(survey.limits());
   }
   return InflowSurvey::kPoints;
 }

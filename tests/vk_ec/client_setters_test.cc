@@ -7,12 +7,14 @@
 
 #include "tests/support/wire_bytes.h"
 #include "tests/vk_ec/client_fixture.h"
+#include "vk_ec/detail/constraint_setter.h"
 
 namespace {
 
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::ThrowsMessage;
+using ::vk_ec::detail::ConstraintSetter;
 using wire::Bytes;
 using wire::Cstr;
 using wire::Inte;
@@ -63,6 +65,50 @@ TYPED_TEST(ClientSettersTest, ConstraintsOfNoWellsAreStillSent) {
   this->client_.set_constraints_for_wells({}, {}, {}, {});
   EXPECT_THAT(this->Requests(), ElementsAre(Mess("SET") + Mess("SETWCONSTRAINTS") + Mess("END")));
   this->ExpectUsable();
+}
+
+TYPED_TEST(ClientSettersTest, ConstraintSetterRepeatsTheMessageWithOtherValues) {
+  const std::vector<std::string> wells = {"P1", "I1", "P2"};
+  const std::vector<std::vector<std::string>> items = {{"QOP", "QGP"}, {}, {"QWP"}};
+  const std::vector<std::vector<std::string>> setters = {{"USER", "U"}, {}, {"USER"}};
+  const std::vector<std::vector<double>> first = {{1, 2}, {}, {3}};
+  const std::vector<std::vector<double>> second = {{4, 5}, {}, {6}};
+  for (int request = 0; request < 4; ++request) this->simulator_.AnswerNext({kReady});
+  this->client_.set_constraints_for_wells(wells, items, first, setters);
+  this->client_.set_constraints_for_wells(wells, items, second, setters);
+  ConstraintSetter setter(this->client_, wells, items, first, setters);
+  setter.send();
+  setter.change(second);
+  setter.send();
+  const auto requests = this->Requests();
+  ASSERT_EQ(requests.size(), 4U);
+  EXPECT_NE(requests[0], requests[1]);
+  EXPECT_EQ(requests[2], requests[0]);
+  EXPECT_EQ(requests[3], requests[1]);
+  this->ExpectUsable();
+}
+
+TYPED_TEST(ClientSettersTest, ConstraintSetterRefusesOtherConstraintsThanBefore) {
+  this->simulator_.AnswerNext({kReady});
+  ConstraintSetter setter(this->client_, {"A", "B"}, {{"X"}, {"X", "Y"}}, {{1}, {2, 3}},
+                          {{"U"}, {"U", "U"}});
+  const auto refused = ThrowsMessage<std::invalid_argument>(
+      "ConstraintSetter::change: other constraints than before");
+  EXPECT_THAT([&] { setter.change({{1}}); }, refused);
+  EXPECT_THAT([&] { setter.change({{1}, {2}}); }, refused);
+  EXPECT_THAT([&] { setter.change({{1}, {2, 3}, {}}); }, refused);
+  EXPECT_THAT(this->Requests(), IsEmpty());
+  setter.send();
+  EXPECT_EQ(this->Requests().size(), 1U);
+  this->ExpectUsable();
+}
+
+TYPED_TEST(ClientSettersTest, ConstraintSetterIsRefusedWhileAMessageIsInProgress) {
+  ConstraintSetter setter(this->client_, {"A"}, {{"X"}}, {{1}}, {{"U"}});
+  this->simulator_.AnswerNext({Mess("STOP") + Mess("END")});
+  EXPECT_THROW(setter.send(), std::length_error);
+  EXPECT_THROW(setter.send(), std::logic_error);
+  EXPECT_EQ(this->Requests().size(), 1U);
 }
 
 TYPED_TEST(ClientSettersTest, ConstraintItemsForTooFewWellsAreRefused) {

@@ -147,6 +147,7 @@ class Client {
  private:
   template <typename T>
   friend class WellRows;
+  friend class ConstraintSetter;
 
   void read_STEP_answer(MessageMgr::MessageDecoder& answer);
 

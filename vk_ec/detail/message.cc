@@ -75,11 +75,23 @@ void MessageMgr::Header::check_expectation_MESS(std::uint64_t expected_count) co
   check_expectation(name, expected_count, MESS);
 }
 
-MessageMgr::MessageBuilder MessageMgr::createMessageBuilder() {
+void MessageMgr::check_empty() const {
   if (!buffer_.empty())
     throw std::logic_error(
         "Cannot create a new out-going message as the previous message is still on going.");
+}
+
+MessageMgr::MessageBuilder MessageMgr::createMessageBuilder() {
+  check_empty();
   return MessageBuilder(*this);
+}
+
+// While the message is on its way it is the one in progress, and stays that after a failure.
+void MessageMgr::resend(Buffer& message) {
+  check_empty();
+  buffer_.swap(message);
+  transporter_.send(SendMessage(buffer_.data(), buffer_.size()));
+  buffer_.swap(message);
 }
 
 MessageMgr::MessageDecoder MessageMgr::createMessageDecoder() {
@@ -173,6 +185,10 @@ void MessageMgr::MessageBuilder::send() {
   Buffer& buffer = manager_.buffer_;
   manager_.transporter_.send(SendMessage(buffer.data(), buffer.size()));
   empty(buffer);
+}
+
+MessageMgr::Buffer MessageMgr::MessageBuilder::release() {
+  return std::exchange(manager_.buffer_, {});
 }
 
 MessageMgr::Header MessageMgr::MessageDecoder::get_header() {

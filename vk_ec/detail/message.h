@@ -29,6 +29,7 @@ class MessageMgr {
  public:
   class MessageBuilder;
   class MessageDecoder;
+  using Buffer = std::vector<unsigned char>;
 
   enum HeaderType : std::int32_t { MESS = 0, DOUB = 1, INTE = 2, CSTR = 3 };
 
@@ -76,6 +77,10 @@ class MessageMgr {
   /// builder refers to this.
   MessageBuilder createMessageBuilder();
 
+  /// Sends a message that a builder has released. It stays the caller's, to be sent again. Throws
+  /// as `createMessageBuilder` and `MessageBuilder::send`.
+  void resend(Buffer& message);
+
   /// Blocks until a whole message has arrived; throws as `RecvMessage`. The decoder refers to
   /// this. Without its `finalize` no further message can be sent or received.
   MessageDecoder createMessageDecoder();
@@ -85,12 +90,11 @@ class MessageMgr {
   bool take_large();
 
  private:
-  using Buffer = std::vector<unsigned char>;
-
   // What the buffer keeps between messages. One huge answer must not hold its memory for the rest
   // of a run that lasts for days.
   static constexpr std::size_t kept_capacity = 1 << 20;
   static void empty(Buffer& buffer);
+  void check_empty() const;
 
   Transporter& transporter_;
   Buffer buffer_;
@@ -120,6 +124,12 @@ class MessageMgr::MessageBuilder {
   /// Hands the message over and makes room for the next one. Blocks and throws as
   /// `SendMessage::send`; after a failure the message stays in progress.
   void send();
+
+  /// Takes the message out, for `resend`, instead of sending it.
+  Buffer release();
+
+  /// Bytes so far.
+  std::size_t size() const { return manager_.buffer_.size(); }
 
  private:
   template <typename T>
