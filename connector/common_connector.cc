@@ -30,6 +30,8 @@ constexpr const char* kAllWells = "*";
 
 constexpr const char* kBadWellData = "Unexpected answer when querying the well data.";
 constexpr const char* kBadWellStatuses = "Unexpected answer when querying the well statuses.";
+constexpr const char* kBadPointData =
+    "Unexpected answer when querying the well operating point data.";
 constexpr const char* kBadStatusData = "Unexpected answer when querying the well status data.";
 
 // The simulator's words for the component properties that the master knows. Their mixed case is the
@@ -74,6 +76,43 @@ std::vector<T> TakeRows(WellRows<T>&& rows, const Names& asked, NameLookup::Answ
   }
   Require(rows.items() == asked, complaint);
   return values;
+}
+
+// Still without its status. Asked sixth, the uptime is the last member.
+DynWellOpPt PointOf(const std::vector<double>& row) {
+  return {{}, row[0], row[1], row[2], row[3], row[4], row[6], row[7], row[5]};
+}
+
+// The points of all wells of an answer, made as its rows come, since both together would be most of
+// what a controller needs for a large field. `wells` learns whose they are. Fails, once the
+// simulator is ready again, unless the items are those asked for.
+std::vector<DynWellOpPt> TakePoints(WellRows<double>&& rows, const Names& asked,
+                                    NameLookup::Answer& wells) {
+  const bool expected = rows.items() == asked;
+  std::vector<DynWellOpPt> points;
+  for (std::vector<double> row; rows.next(row); row.clear()) {
+    if (!expected) continue;
+    if (points.empty()) points.reserve(rows.estimated_count());
+    points.push_back(PointOf(row));
+    wells.Add(std::move(rows.well()));
+  }
+  Require(expected, kBadWellData);
+  return points;
+}
+
+// The first `count` points in the order of `rows`, which is mostly their own.
+std::vector<DynWellOpPt> InOrder(std::vector<DynWellOpPt>&& points,
+                                 const std::vector<std::size_t>& rows, std::size_t count) {
+  std::size_t same = 0;
+  while (same < count && rows[same] == same) ++same;
+  if (same == count) {
+    points.resize(count);
+    return std::move(points);
+  }
+  std::vector<DynWellOpPt> ordered;
+  ordered.reserve(count);
+  for (std::size_t i = 0; i < count; ++i) ordered.push_back(points[rows[i]]);
+  return ordered;
 }
 
 }  // namespace
@@ -214,25 +253,32 @@ void CommonConnector::GetWellOpPtData(const Names& wells, std::vector<DynWellOpP
                        "WATER_INJECTION_RATE", "GAS_INJECTION_RATE",  "UPTIME_FRACTION",
                        "BOTTOM_HOLE_PRESSURE", "TUBING_HEAD_PRESSURE"};
   NameLookup::Answer dataWells(lookup);
-  const auto data =
-      TakeRows(client().query_wells<double>(wells, asked), asked, dataWells, kBadWellData);
+  std::vector<DynWellOpPt> answered =
+      TakePoints(client().query_wells<double>(wells, asked), asked, dataWells);
   NameLookup::Answer statusWells(lookup);
   const Names statuses = TakeRows(client().query_wells<std::string>(wells, {"STATUS"}), {"STATUS"},
                                   statusWells, kBadWellStatuses);
 
   const std::vector<std::size_t> dataRows = dataWells.Positions();
   const std::vector<std::size_t> statusRows = statusWells.Positions();
-  points.reserve(points.size() + wells.size());
-  for (std::size_t i = 0; i < wells.size(); ++i) {
-    Require(i < data.size() / asked.size(), kBadWellData);
-    Require(dataRows[i] != NameLookup::npos,
-            "Unexpected answer when querying the well operating point data.");
-    Require(statusRows[i] != NameLookup::npos, kBadStatusData);
-    const double* row = &data[dataRows[i] * asked.size()];
-    // Asked sixth, the uptime is the last member.
-    points.push_back(
-        {statuses[statusRows[i]], row[0], row[1], row[2], row[3], row[4], row[6], row[7], row[5]});
+  const auto missing = [&](std::size_t i) -> const char* {
+    if (i >= answered.size()) return kBadWellData;
+    if (dataRows[i] == NameLookup::npos) return kBadPointData;
+    if (statusRows[i] == NameLookup::npos) return kBadStatusData;
+    return nullptr;
+  };
+  std::size_t complete = 0;
+  while (complete < wells.size() && missing(complete) == nullptr) ++complete;
+  const char* complaint = complete < wells.size() ? missing(complete) : nullptr;
+
+  std::vector<DynWellOpPt> ordered = InOrder(std::move(answered), dataRows, complete);
+  for (std::size_t i = 0; i < complete; ++i) ordered[i].status = statuses[statusRows[i]];
+  if (points.empty()) {
+    points = std::move(ordered);
+  } else {
+    points.insert(points.end(), ordered.begin(), ordered.end());
   }
+  if (complaint != nullptr) throw std::runtime_error(complaint);
 }
 
 int CommonConnector::GetWellIPRData(int ncomponents, const Names& wells, bool bottom_hole,
