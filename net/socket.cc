@@ -167,13 +167,14 @@ std::string Socket::ReceiveLine(int& length) {
   length = 0;
   std::string text;
   std::array<char, kLengthBytes> field{};
-  for (char& byte : field) {
-    const ssize_t got = recv(handle_, &byte, 1, 0);
+  for (std::size_t had = 0; had < field.size();) {
+    const ssize_t got = recv(handle_, field.data() + had, field.size() - had, 0);
     if (got < 0 && errno == EAGAIN) return text;
     if (got <= 0) {
       length = 0;
       return {};
     }
+    had += static_cast<std::size_t>(got);
     memcpy(&length, field.data(), sizeof(length));
   }
   // A length beyond this never completes. Handshake lines are short, and a stranger's long ones
