@@ -477,6 +477,46 @@ TEST_F(SocketTest, FinishedChildDoesNotCutASendShort) {
   sigaction(SIGCHLD, &before, nullptr);
 }
 
+// Fills the buffers between the ends of a socket; how many bytes that took.
+std::size_t Fill(int descriptor) {
+  const std::string bytes(100'000, 'f');
+  std::size_t filled = 0;
+  for (std::size_t part = bytes.size(); part > 0; part /= 2) {
+    ssize_t sent = 0;
+    while ((sent = send(descriptor, bytes.data(), part, MSG_DONTWAIT)) > 0) {
+      filled += static_cast<std::size_t>(sent);
+    }
+  }
+  return filled;
+}
+
+TEST_F(SocketTest, SendIntoAFullConnectionWaitsUntilItIsRead) {
+  const std::size_t filled = Fill(socket_.handle());
+  auto sent = std::async(std::launch::async, [&] { return socket_.SendLine("x", 1); });
+  EXPECT_EQ(sent.wait_for(milliseconds(50)), std::future_status::timeout);
+  const std::string got = ReadExactly(pair_.peer.get(), filled + 5);
+  EXPECT_EQ(sent.get(), 0);
+  EXPECT_EQ(Hex(got.substr(filled)), "01 00 00 00 78");
+}
+
+TEST_F(SocketTest, SendThatIsGivenUpBeforeItsFirstByteFails) {
+  Fill(socket_.handle());
+  const timeval limit{0, 20'000};
+  setsockopt(socket_.handle(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
+  EXPECT_EQ(socket_.SendLine(std::string("x")), -1);
+}
+
+TEST_F(SocketTest, SendThatIsGivenUpInItsMiddleIsShort) {
+  const timeval limit{0, 20'000};
+  setsockopt(socket_.handle(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
+  const std::string body(4'000'000, 'w');
+  const int sent = socket_.SendLine(body);
+  EXPECT_GT(sent, 0);
+  EXPECT_LT(sent, static_cast<int>(body.size()));
+  EXPECT_EQ(ReadExactly(pair_.peer.get(), static_cast<std::size_t>(sent)).size(),
+            static_cast<std::size_t>(sent));
+}
+
 TEST_F(SocketTest, CloseClosesAtOnceAndTheDestructorDoesNotCloseTheNumberAgain) {
   SocketPair pair;
   const int number = pair.ours.get();
