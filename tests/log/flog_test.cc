@@ -348,6 +348,41 @@ TEST_F(FlogTest, InterruptedWriteIsRepeated) {
   EXPECT_EQ(directory_.Read("a.log"), "item");
 }
 
+// Calls and answers of the test below.
+int polls = 0;
+
+TEST_F(FlogTest, InterruptedWaitForStandardOutputGoesOn) {
+  const std::string printed = directory_.File("printed");
+  const int result = InChild(
+      [this] {
+        std::array<int, 2> pipe{};
+        if (pipe2(pipe.data(), O_CLOEXEC) != 0) return -1;
+        dup2(pipe[1], STDOUT_FILENO);
+        const auto answer = [] { return ++polls <= 2 ? static_cast<long>(-EINTR) : 1L; };
+        flog log(directory_.File("a.log"), true);
+        if (!AnswerCall(SYS_poll, answer)) return kNotPermitted;
+        log << "item";
+        return 10 * polls + (ReadExactly(pipe[0], 4) == "item" ? 1 : 0);
+      },
+      printed);
+  if (result == kNotPermitted) GTEST_SKIP() << "system calls cannot be answered here";
+  EXPECT_EQ(result, 31);
+}
+
+TEST_F(FlogTest, StandardOutputThatCannotBeWaitedForIsWrittenTo) {
+  const int result = InChild([this] {
+    std::array<int, 2> pipe{};
+    if (pipe2(pipe.data(), O_CLOEXEC) != 0) return -1;
+    dup2(pipe[1], STDOUT_FILENO);
+    flog log(directory_.File("a.log"), true);
+    if (!AnswerCall(SYS_poll, [] { return static_cast<long>(-ENOMEM); })) return kNotPermitted;
+    log << "item";
+    return ReadExactly(pipe[0], 4) == "item" ? 1 : 0;
+  });
+  if (result == kNotPermitted) GTEST_SKIP() << "system calls cannot be answered here";
+  EXPECT_EQ(result, 1);
+}
+
 TEST_F(FlogTest, StandardOutputThatCannotHoldTheLogIsNotAsked) {
   const auto body = [this] {
     flog log(directory_.File("a.log"), true);
