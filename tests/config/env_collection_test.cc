@@ -1,9 +1,12 @@
 #include "config/env_collection.h"
 
 #include <stdlib.h>
+#include <string.h>
 #include <sys/stat.h>
 #include <time.h>
+#include <unistd.h>
 
+#include <array>
 #include <filesystem>
 #include <string>
 
@@ -105,6 +108,39 @@ TEST_F(EnvCollectionTest, EntryWithALongerTokenIsLeftOutAndTheOthersStayPaired) 
   Apply("JT_A " + longToken + " " + longToken + " 1 JT_B 2");
   EXPECT_EQ(Value("JT_A"), "unset");
   EXPECT_EQ(Value("JT_B"), "2");
+}
+
+TEST_F(EnvCollectionTest, LongerTokenAtTheEndOfTheFileLeavesItsEntryOut) {
+  Apply("JT_B 2 JT_A " + std::string(1000, 'v'));
+  EXPECT_EQ(Value("JT_A"), "unset");
+  EXPECT_EQ(Value("JT_B"), "2");
+}
+
+TEST_F(EnvCollectionTest, OneEntryIsAppliedByItself) {
+  CEnv entry;
+  strcpy(entry.name, "JT_A");
+  strcpy(entry.value, "1");
+  EXPECT_EQ(entry.Apply(nullptr, &log_), 0);
+  EXPECT_EQ(Value("JT_A"), "1");
+  strcpy(entry.value, "2");
+  EXPECT_EQ(entry.Apply(nullptr, &log_), 0);
+  EXPECT_EQ(Value("JT_A"), "2:1");
+}
+
+// Whoever starts the daemon may pass on such a word.
+TEST_F(EnvCollectionTest, WordOfTheEnvironmentThatIsNoVariableIsPassedOn) {
+  std::string word = "JT_A";
+  std::array<char*, 2> words{word.data(), nullptr};
+  char** const before = environ;
+  environ = words.data();
+  Apply("JT_A 1");
+  const std::string first = environ[0];
+  const std::string second = environ[1];
+  const std::string value = Value("JT_A");
+  environ = before;
+  EXPECT_EQ(first, "JT_A");
+  EXPECT_EQ(second, "JT_A=1");
+  EXPECT_EQ(value, "1");
 }
 
 TEST_F(EnvCollectionTest, DirectoryInPlaceOfTheFileIsAnEmptyList) {
