@@ -7,6 +7,8 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <optional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -319,6 +321,40 @@ TEST_P(RelaySweep, FailedAllocationIsServedOrEndsTheLoopOver2017) {
 
 INSTANTIATE_TEST_SUITE_P(Requests, RelaySweep, testing::ValuesIn(Requests()),
                          [](const auto& instance) { return instance.param.name; });
+
+// Fails with a long reason just when memory runs out.
+class ExhaustedConnector : public v2017_2::Connector {
+ public:
+  double GetTimeDays() override {
+    failures_.emplace(1, Failing::kForGood);
+    throw failure_;
+  }
+
+ private:
+  std::runtime_error failure_{std::string(1000, 'x')};
+  std::optional<FailingAllocations> failures_;
+};
+
+TEST(ReasonSweep, ReasonForWhichThereIsNoMemoryIsLeftOut) {
+  const TemporaryDirectory directory;
+  flog log(directory.File("log"), true);
+  SocketPair pair;
+  Socket socket(pair.ours.Release());
+  std::string error;
+  int result = 0;
+  {
+    ConnectorSocketWrapper controller(std::make_unique<ExhaustedConnector>(), "127.0.0.1", &socket,
+                                      1, 5, log);
+    constexpr int kGetTimeDays = 4;
+    WriteAll(pair.peer.get(), Frame(Image(kGetTimeDays)));
+    result = controller.ProcessRequests(error);
+  }
+  EXPECT_EQ(result, 2);
+  EXPECT_EQ(error, "Failed to handle data packet received from master: ");
+  // The log needs none.
+  EXPECT_NE(directory.Read("log").find("Exception returned from VK controller: xxx"),
+            std::string::npos);
+}
 
 TEST(SetUpSweep, FailedAllocationIsServedOrEndsTheLoop) {
   Sweep<v2017_2::Connector>(Request{"Connect", {Image(1)}, {SetUpAnswer()}}, false);
