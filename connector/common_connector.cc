@@ -101,8 +101,8 @@ std::vector<DynWellOpPt> TakePoints(WellRows<double>&& rows, const Names& asked,
 }
 
 // The first `count` points in the order of `rows`, which is mostly their own.
-std::vector<DynWellOpPt> InOrder(std::vector<DynWellOpPt>&& points,
-                                 const std::vector<std::size_t>& rows, std::size_t count) {
+std::vector<DynWellOpPt> InOrder(std::vector<DynWellOpPt>&& points, const NameLookup::Places& rows,
+                                 std::size_t count) {
   std::size_t same = 0;
   while (same < count && rows[same] == same) ++same;
   if (same == count) {
@@ -259,8 +259,8 @@ void CommonConnector::GetWellOpPtData(const Names& wells, std::vector<DynWellOpP
   const Names statuses = TakeRows(client().query_wells<std::string>(wells, {"STATUS"}), {"STATUS"},
                                   statusWells, kBadWellStatuses);
 
-  const std::vector<std::size_t> dataRows = dataWells.Positions();
-  const std::vector<std::size_t> statusRows = statusWells.Positions();
+  const NameLookup::Places dataRows = dataWells.Positions();
+  const NameLookup::Places statusRows = statusWells.Positions();
   const auto missing = [&](std::size_t i) -> const char* {
     if (i >= answered.size()) return kBadWellData;
     if (dataRows[i] == NameLookup::npos) return kBadPointData;

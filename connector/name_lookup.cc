@@ -49,22 +49,22 @@ std::vector<std::size_t> Positions(const std::vector<std::string>& asked,
 }
 
 // Names that ascend, as those of a field mostly do, are distinct: each stands at its own position.
-std::vector<std::size_t> PositionsInItself(const std::vector<std::string>& names) {
-  const bool ascending =
-      std::adjacent_find(names.begin(), names.end(), std::greater_equal<>()) == names.end();
-  if (!ascending) return Positions(names, names);
-  std::vector<std::size_t> positions(names.size());
-  std::iota(positions.begin(), positions.end(), 0);
-  return positions;
+bool Ascend(const std::vector<std::string>& names) {
+  return std::adjacent_find(names.begin(), names.end(), std::greater_equal<>()) == names.end();
 }
 
 }  // namespace
 
 NameLookup::NameLookup(const std::vector<std::string>& asked)
-    : asked_(asked), in_asked_(PositionsInItself(asked)) {}
+    : asked_(asked),
+      in_asked_(Ascend(asked) ? std::vector<std::size_t>() : Positions(asked, asked)) {}
 
 std::vector<std::size_t> NameLookup::PositionsIn(const std::vector<std::string>& answered) const {
-  return answered == asked_ ? in_asked_ : Positions(asked_, answered);
+  if (answered != asked_) return Positions(asked_, answered);
+  if (!in_asked_.empty()) return in_asked_;
+  std::vector<std::size_t> own(asked_.size());
+  std::iota(own.begin(), own.end(), 0);
+  return own;
 }
 
 void NameLookup::Answer::Add(std::string&& name) {
@@ -79,13 +79,18 @@ void NameLookup::Answer::Add(std::string&& name) {
   names_.push_back(std::move(name));
 }
 
-std::vector<std::size_t> NameLookup::Answer::Positions() const {
-  if (!names_.empty()) return lookup_.PositionsIn(names_);
-  std::vector<std::size_t> positions = lookup_.in_asked_;
-  for (std::size_t& position : positions) {
-    if (position >= count_) position = npos;
+NameLookup::Places NameLookup::Answer::Positions() const {
+  Places places;
+  places.in_place_ = count_;
+  if (!names_.empty()) {
+    places.table_ = lookup_.PositionsIn(names_);
+  } else {
+    places.table_ = lookup_.in_asked_;
+    for (std::size_t& position : places.table_) {
+      if (position >= count_) position = npos;
+    }
   }
-  return positions;
+  return places;
 }
 
 }  // namespace connector

@@ -21,6 +21,22 @@ class NameLookup {
   /// For each asked name its position in `answered`, or npos.
   std::vector<std::size_t> PositionsIn(const std::vector<std::string>& answered) const;
 
+  /// Where the asked names stand in an answer. Those of the usual one stand where they were asked
+  /// for, which takes no memory to know.
+  class Places {
+   public:
+    /// Where asked name `i` stands, or npos.
+    std::size_t operator[](std::size_t i) const {
+      if (!table_.empty()) return table_[i];
+      return i < in_place_ ? i : npos;
+    }
+
+   private:
+    friend class NameLookup;
+    std::size_t in_place_ = 0;        // names that stand where they were asked for, from the first
+    std::vector<std::size_t> table_;  // of all names, where that does not tell
+  };
+
   /// The names of an answer as they come. Those of the usual one are not kept.
   class Answer {
    public:
@@ -30,7 +46,7 @@ class NameLookup {
     void Add(std::string&& name);
 
     /// As PositionsIn() of all names added.
-    std::vector<std::size_t> Positions() const;
+    Places Positions() const;
 
    private:
     const NameLookup& lookup_;
@@ -40,7 +56,8 @@ class NameLookup {
 
  private:
   const std::vector<std::string>& asked_;
-  std::vector<std::size_t> in_asked_;  // each asked name's first position in its own list
+  // Each asked name's first position in its own list; empty when that is its own.
+  std::vector<std::size_t> in_asked_;
 };
 
 }  // namespace connector

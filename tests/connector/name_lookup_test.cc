@@ -16,8 +16,10 @@ Positions Find(const Names& asked, const Names& answered) {
   const NameLookup lookup(asked);
   NameLookup::Answer answer(lookup);
   for (std::string name : answered) answer.Add(std::move(name));
-  EXPECT_EQ(answer.Positions(), lookup.PositionsIn(answered)) << "name by name";
-  return lookup.PositionsIn(answered);
+  const NameLookup::Places places = answer.Positions();
+  const Positions positions = lookup.PositionsIn(answered);
+  for (std::size_t i = 0; i < asked.size(); ++i) EXPECT_EQ(places[i], positions[i]) << asked[i];
+  return positions;
 }
 
 TEST(NameLookupTest, SameNamesInTheSameOrder) {
