@@ -1,5 +1,6 @@
 #include "vk_ec/detail/message.h"
 
+#include <algorithm>
 #include <bit>
 #include <cstring>
 #include <limits>
@@ -109,12 +110,24 @@ void MessageMgr::empty(Buffer& buffer) {
   if (buffer.capacity() > kept_capacity) buffer.shrink_to_fit();
 }
 
-// resize() keeps growing geometrically, so that a long message is not copied for every header.
+MessageMgr::MessageBuilder::~MessageBuilder() {
+  if (size_ > 0) manager_.buffer_.resize(size_);
+}
+
+// resize() zeroes what it adds, which for every few bytes of a long message would take longer than
+// to write them: so it makes room for more than the next item. It keeps the buffer growing
+// geometrically as well, so that a long message is not copied for every item.
 unsigned char* MessageMgr::MessageBuilder::grow(std::size_t size) {
+  constexpr std::size_t most_ahead = 4096;
   Buffer& buffer = manager_.buffer_;
-  const std::size_t end = buffer.size();
-  buffer.resize(end + size);
-  return buffer.data() + end;
+  if (buffer.size() - size_ < size) buffer.resize(size_ + size + std::min(size_, most_ahead));
+  return buffer.data() + std::exchange(size_, size_ + size);
+}
+
+// The message without the room behind it.
+MessageMgr::Buffer& MessageMgr::MessageBuilder::whole() {
+  manager_.buffer_.resize(size_);
+  return manager_.buffer_;
 }
 
 // Appends a header and returns where its data go, for which there is room then.
@@ -182,13 +195,16 @@ std::uint64_t MessageMgr::MessageBuilder::get_total_size(const std::vector<std::
 }
 
 void MessageMgr::MessageBuilder::send() {
-  Buffer& buffer = manager_.buffer_;
+  Buffer& buffer = whole();
   manager_.transporter_.send(SendMessage(buffer.data(), buffer.size()));
+  size_ = 0;
   empty(buffer);
 }
 
 MessageMgr::Buffer MessageMgr::MessageBuilder::release() {
-  return std::exchange(manager_.buffer_, {});
+  Buffer message = std::exchange(whole(), {});
+  size_ = 0;
+  return message;
 }
 
 MessageMgr::Header MessageMgr::MessageDecoder::get_header() {

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "vk_ec/detail/transport.h"
@@ -105,6 +106,11 @@ class MessageMgr {
 class MessageMgr::MessageBuilder {
  public:
   explicit MessageBuilder(MessageMgr& manager) : manager_(manager) {}
+  MessageBuilder(MessageBuilder&& other) noexcept
+      : manager_(other.manager_), size_(std::exchange(other.size_, 0)) {}
+  MessageBuilder& operator=(MessageBuilder&&) = delete;
+  /// A message that was not sent stays in progress.
+  ~MessageBuilder();
 
   /// `std::logic_error` for a name of 256 bytes or more; the message cannot be continued then.
   MessageBuilder& add_header(std::string_view name, std::uint64_t count, const ztyp& tag);
@@ -129,7 +135,7 @@ class MessageMgr::MessageBuilder {
   Buffer release();
 
   /// Bytes so far.
-  std::size_t size() const { return manager_.buffer_.size(); }
+  std::size_t size() const { return size_; }
 
  private:
   template <typename T>
@@ -137,8 +143,10 @@ class MessageMgr::MessageBuilder {
   unsigned char* begin_item(std::string_view name, std::uint64_t count, const ztyp& tag,
                             std::size_t data_size);
   unsigned char* grow(std::size_t size);
+  Buffer& whole();
 
   MessageMgr& manager_;
+  std::size_t size_ = 0;  // the manager's buffer has room behind it
 };
 
 /// Walks a received message header by header. Every length is compared with what is left before
