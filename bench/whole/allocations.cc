@@ -36,6 +36,8 @@ void Count() {
 
 }  // namespace
 
+// The C library declares these with reserved names for their parameters.
+// NOLINTBEGIN(readability-inconsistent-declaration-parameter-name)
 extern "C" void* malloc(size_t size) {
   Count();
   return __libc_malloc(size);
@@ -50,3 +52,4 @@ extern "C" void* realloc(void* old, size_t size) {
   Count();
   return __libc_realloc(old, size);
 }
+// NOLINTEND(readability-inconsistent-declaration-parameter-name)

@@ -65,7 +65,11 @@ std::string Text(const std::string& text) {
 }
 
 Step SetUp() {
-  using namespace wire;
+  using wire::Cstr;
+  using wire::Doub;
+  using wire::Framed;
+  using wire::Inte;
+  using wire::Mess;
   const std::string end = Mess("END");
   Step step;
   step.request = Frame(Number(1));

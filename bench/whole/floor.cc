@@ -47,6 +47,13 @@ void Check(bool good, const char* what) {
   _exit(1);
 }
 
+int NumberIn(const char* text) {
+  char* end = nullptr;
+  const long number = strtol(text, &end, 10);
+  if (end == text || *end != 0) _exit(2);
+  return static_cast<int>(number);
+}
+
 void ReadPlan(const char* file) {
   const int descriptor = open(file, O_RDONLY | O_CLOEXEC);
   Check(descriptor >= 0, file);
@@ -151,7 +158,7 @@ void Serve(int master, const char* script, const char* simulator_port, size_t ha
     switch (step.action) {
       case bench::plan::kFromMaster:
         if (!ReceiveAll(master, step.size)) return;
-        if (simulator < 0) simulator = Connect(atoi(simulator_port));
+        if (simulator < 0) simulator = Connect(NumberIn(simulator_port));
         break;
       case bench::plan::kFromSimulator:
         if (!ReceiveAll(simulator, step.size)) return;
@@ -170,7 +177,7 @@ void Serve(int master, const char* script, const char* simulator_port, size_t ha
 int main(int argc, char** argv) {
   if (argc != 6) return 2;
   signal(SIGCHLD, SIG_IGN);
-  const int listener = Listen(atoi(argv[1]));
+  const int listener = Listen(NumberIn(argv[1]));
   while (true) {
     const int master = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
     if (master < 0) return 1;
@@ -178,7 +185,7 @@ int main(int argc, char** argv) {
       close(listener);
       // Read here, so that the daemon forks as small as it can be.
       ReadPlan(argv[4]);
-      Serve(master, argv[2], argv[3], static_cast<size_t>(atoi(argv[5])));
+      Serve(master, argv[2], argv[3], static_cast<size_t>(NumberIn(argv[5])));
       return 0;
     }
     close(master);

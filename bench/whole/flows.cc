@@ -9,7 +9,11 @@
 namespace bench {
 namespace {
 
-using namespace wire;
+using wire::Cstr;
+using wire::Doub;
+using wire::Framed;
+using wire::Inte;
+using wire::Mess;
 using Names = std::vector<std::string>;
 
 enum Code : int {

@@ -23,9 +23,8 @@
 #include "relay/connector_socket_wrapper.h"
 #include "tests/support/ports.h"
 
+namespace bench {
 namespace {
-
-using namespace bench;
 
 Flow FlowNamed(const std::string& name, int wells) {
   if (name == "days") return TimeDays();
@@ -112,11 +111,13 @@ int Control(const Flow& flow, int repeats) {
 }
 
 }  // namespace
+}  // namespace bench
 
 int main(int argc, char** argv) {
   if (argc != 4) return 2;
   try {
-    return Control(FlowNamed(argv[1], std::stoi(argv[2])), std::stoi(argv[3])) == 0 ? 0 : 1;
+    const bench::Flow flow = bench::FlowNamed(argv[1], std::stoi(argv[2]));
+    return bench::Control(flow, std::stoi(argv[3])) == 0 ? 0 : 1;
   } catch (const std::exception& error) {
     fmt::print(stderr, "bench_scenario: {}\n", error.what());
     return 1;

@@ -17,9 +17,8 @@
 #include "bench/whole/report.h"
 #include "bench/whole/rig.h"
 
+namespace bench {
 namespace {
-
-using namespace bench;
 
 struct Choice {
   int blocks = 31;
@@ -139,9 +138,7 @@ void Scale(Session& session) {
   for (const int n : {10, 100, 1000, 5000, 50000}) session.Time(WellStatus(n), 0);
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int Measure(int argc, char** argv) {
   CLI::App app("Measures the jobmill beside the least that the kernel needs.");
   Choice choice;
   std::string json;
@@ -154,19 +151,26 @@ int main(int argc, char** argv) {
   app.add_flag("--counts", counts, "Count system calls, allocations and processor time instead");
   app.add_flag("--scale", scale, "Times over the number of wells instead");
   CLI11_PARSE(app, argc, argv);
+  UseOneCore();
+  Session session(choice);
+  if (counts) {
+    CountAll(session);
+  } else if (scale) {
+    Scale(session);
+  } else {
+    TimeAll(session);
+  }
+  fmt::print("{}", Table(session.rows()));
+  if (!json.empty()) std::ofstream(json) << Json(session.rows());
+  return 0;
+}
+
+}  // namespace
+}  // namespace bench
+
+int main(int argc, char** argv) {
   try {
-    UseOneCore();
-    Session session(choice);
-    if (counts) {
-      CountAll(session);
-    } else if (scale) {
-      Scale(session);
-    } else {
-      TimeAll(session);
-    }
-    fmt::print("{}", Table(session.rows()));
-    if (!json.empty()) std::ofstream(json) << Json(session.rows());
-    return 0;
+    return bench::Measure(argc, argv);
   } catch (const std::exception& error) {
     fmt::print(stderr, "bench_whole: {}\n", error.what());
     return 1;
