@@ -1,5 +1,5 @@
-// Counts the allocations of the process that it is loaded into, and of its children, in a page of
-// the file that BENCH_COUNTERS names.
+// Counts the allocations of the process that it is loaded into: with those of its children in a
+// page of the file that BENCH_COUNTERS names, by itself when there is none.
 
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -35,6 +35,10 @@ void Count() {
 }
 
 }  // namespace
+
+extern "C" __attribute__((visibility("default"))) std::uint64_t bench_allocations() {
+  return __atomic_load_n(counter, __ATOMIC_RELAXED);
+}
 
 // The C library declares these with reserved names for their parameters.
 // NOLINTBEGIN(readability-inconsistent-declaration-parameter-name)

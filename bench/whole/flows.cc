@@ -86,6 +86,20 @@ void AddRecords(Flow& flow, int code, int n) {
   for (int i = 0; i < n; ++i) flow.steps.push_back({Request(code), {}, {}});
 }
 
+// Asks for `wells`; the simulator answers for `answered`.
+Flow WellDataOf(const Names& wells, const Names& answered) {
+  const Names items = {"OIL_PRODUCTION_RATE",  "GAS_PRODUCTION_RATE", "WATER_PRODUCTION_RATE",
+                       "WATER_INJECTION_RATE", "GAS_INJECTION_RATE",  "UPTIME_FRACTION",
+                       "BOTTOM_HOLE_PRESSURE", "TUBING_HEAD_PRESSURE"};
+  const int n = static_cast<int>(wells.size());
+  Flow flow{fmt::format("GetWellData, {} wells", n), {}, RepeatsFor(n)};
+  flow.steps.push_back({Request(kGetWellData, Texts(wells)),
+                        {{"", Rows(items, answered)}, {"", Words({"STATUS"}, answered, {"OPEN"})}},
+                        {}});
+  AddRecords(flow, kWellDataSub, n);
+  return flow;
+}
+
 }  // namespace
 
 Names WellNames(int n) {
@@ -133,16 +147,13 @@ Flow WellStatus(int n) {
 }
 
 Flow WellData(int n) {
-  const Names wells = WellNames(n);
-  const Names items = {"OIL_PRODUCTION_RATE",  "GAS_PRODUCTION_RATE", "WATER_PRODUCTION_RATE",
-                       "WATER_INJECTION_RATE", "GAS_INJECTION_RATE",  "UPTIME_FRACTION",
-                       "BOTTOM_HOLE_PRESSURE", "TUBING_HEAD_PRESSURE"};
-  Flow flow{fmt::format("GetWellData, {} wells", n), {}, RepeatsFor(n)};
-  flow.steps.push_back({Request(kGetWellData, Texts(wells)),
-                        {{"", Rows(items, wells)}, {"", Words({"STATUS"}, wells, {"OPEN"})}},
-                        {}});
-  AddRecords(flow, kWellDataSub, n);
-  return flow;
+  return WellDataOf(WellNames(n), WellNames(n));
+}
+
+Flow ReorderedWellData(int n) {
+  Names answered = WellNames(n);
+  std::reverse(answered.begin(), answered.end());
+  return WellDataOf(WellNames(n), answered);
 }
 
 Flow InflowTables(int n) {

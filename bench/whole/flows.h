@@ -20,6 +20,8 @@ Flow WellStatus(int n);
 /// The request alone, or with the records of all wells. The master asks for each record by itself,
 /// so the first reply tells what the controller needs before it answers.
 Flow WellData(int n);
+/// The simulator answers in another order.
+Flow ReorderedWellData(int n);
 Flow InflowTables(int n);
 
 /// How many of a flow's leading steps belong to the first reply.

@@ -1,16 +1,22 @@
-// A fixed run inside one process, for counting its instructions: the controller serves a master and
-// drives a simulator that are played by children.
+// A fixed run, for counting what the controller does in it: this process is the controller, master
+// and simulator are played by children.
 //
-//   valgrind --tool=callgrind bench_scenario FLOW WELLS REPEATS
+//   bench_scenario FLOW SIZE REPEATS
 //
-// FLOW is "days", "version", "status", "data" or "tables".
+// SIZE is the number of wells or variables, for flows that have one. "data first" and "tables
+// first" are without the requests for the records. "logged" is "days" with a comms log. When the
+// library that counts allocations is loaded, their number is told on standard error.
 
+#include <dlfcn.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <exception>
+#include <functional>
+#include <map>
 #include <stdexcept>
 #include <string>
 
@@ -22,17 +28,27 @@
 #include "net/socket.h"
 #include "relay/connector_socket_wrapper.h"
 #include "tests/support/ports.h"
+#include "tests/support/temporary_directory.h"
 
 namespace bench {
 namespace {
 
-Flow FlowNamed(const std::string& name, int wells) {
-  if (name == "days") return TimeDays();
-  if (name == "version") return Version();
-  if (name == "status") return WellStatus(wells);
-  if (name == "data") return WellData(wells);
-  if (name == "tables") return InflowTables(wells);
-  throw std::runtime_error("no such flow: " + name);
+const std::map<std::string, std::function<Flow(int)>> kFlows = {
+    {"days", [](int) { return TimeDays(); }},
+    {"logged", [](int) { return TimeDays(); }},
+    {"flag", [](int) { return TermFlag(); }},
+    {"version", [](int) { return Version(); }},
+    {"until", [](int) { return RunUntil(); }},
+    {"variables", Variables},
+    {"status", WellStatus},
+    {"data", WellData},
+    {"reordered", ReorderedWellData},
+    {"tables", InflowTables}};
+
+// How often this process has allocated; 0 without the library that counts.
+std::uint64_t Allocations() {
+  void* counter = dlsym(RTLD_DEFAULT, "bench_allocations");
+  return counter == nullptr ? 0 : reinterpret_cast<std::uint64_t (*)()>(counter)();
 }
 
 template <class Play>
@@ -76,7 +92,7 @@ void PlayMaster(const Flow& flow, int repeats) {
   }
 }
 
-int Control(const Flow& flow, int repeats) {
+int Control(const Flow& flow, int repeats, const std::string& log_file) {
   const Descriptor listener = BindFreePort(1);
   int ends[2];
   if (socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0) throw std::runtime_error("no socket pair");
@@ -96,11 +112,12 @@ int Control(const Flow& flow, int repeats) {
   close(ends[1]);
   {
     Socket link(ends[0]);
-    flog log("", true);
+    flog log(log_file, true);
     ConnectorSocketWrapper controller(20172, "127.0.0.1", &link, PortOf(listener.get()), 10, log);
     std::string error;
     // It ends when the master leaves.
     controller.ProcessRequests(error);
+    fmt::print(stderr, "allocations: {}\n", Allocations());
   }
   int status = 0;
   waitpid(master, &status, 0);
@@ -116,8 +133,11 @@ int Control(const Flow& flow, int repeats) {
 int main(int argc, char** argv) {
   if (argc != 4) return 2;
   try {
-    const bench::Flow flow = bench::FlowNamed(argv[1], std::stoi(argv[2]));
-    return bench::Control(flow, std::stoi(argv[3])) == 0 ? 0 : 1;
+    const std::string name = argv[1];
+    const bench::Flow flow = bench::kFlows.at(name)(std::stoi(argv[2]));
+    const TemporaryDirectory directory;
+    const std::string log_file = name == "logged" ? directory.File("log") : "";
+    return bench::Control(flow, std::stoi(argv[3]), log_file) == 0 ? 0 : 1;
   } catch (const std::exception& error) {
     fmt::print(stderr, "bench_scenario: {}\n", error.what());
     return 1;
