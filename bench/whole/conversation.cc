@@ -80,9 +80,9 @@ Step SetUp() {
   return step;
 }
 
-std::string RunRequest() {
+std::string RunRequest(const std::string& path) {
   std::string lines = Frame("3");
-  for (const char* line : {"0", "/tmp/", "CASE", "1", "20172", "engineer", "0"}) {
+  for (const char* line : {"0", path.c_str(), "CASE", "1", "20172", "engineer", "0"}) {
     lines += Frame(line);
   }
   return lines;

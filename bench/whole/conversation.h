@@ -37,8 +37,8 @@ std::string Text(const std::string& text);
 /// The set-up that comes before every flow: the request that connects to the simulator.
 Step SetUp();
 
-/// The handshake as the master sends it, behind the daemon's version.
-std::string RunRequest();
+/// The handshake as the master sends it, behind the daemon's version, for a run in `path`.
+std::string RunRequest(const std::string& path);
 
 /// Writes what bench_floor does for its one connection: `set_up` once, then the flow's steps for
 /// ever.

@@ -10,7 +10,7 @@
 #include <chrono>
 #include <cstdint>
 #include <fstream>
-#include <optional>
+#include <memory>
 #include <sstream>
 #include <stdexcept>
 
@@ -46,6 +46,13 @@ class Samples {
     ratios_.push_back(real / floor);
   }
 
+  // The median of the real times over those of another series that was measured in turns.
+  double RealOver(const Samples& other) const {
+    std::vector<double> quotients;
+    for (std::size_t i = 0; i < real_.size(); ++i) quotients.push_back(real_[i] / other.real_[i]);
+    return Median(quotients);
+  }
+
   Timing Summary() const {
     return {Median(real_), Median(floor_), Median(ratios_),
             (Quantile(ratios_, 0.75) - Quantile(ratios_, 0.25)) / 2};
@@ -61,7 +68,7 @@ class Samples {
 class Run {
  public:
   Run(const Daemon& daemon, const Step& set_up) : master_(daemon.port()) {
-    master_.Launch();
+    master_.Launch(daemon.path());
     Ask(set_up);
   }
 
@@ -144,7 +151,7 @@ FlowTimes Compare(const Flow& flow, const Step& set_up, const Daemon& one, const
 double LaunchTime(const Daemon& daemon) {
   const auto start = Clock::now();
   Master master(daemon.port());
-  master.Launch();
+  master.Launch(daemon.path());
   const double time = Microseconds(Clock::now() - start);
   master.Leave();
   return time;
@@ -249,12 +256,10 @@ double CallsIn(const std::string& summary) {
   throw std::runtime_error("no total in strace's summary: " + summary);
 }
 
-double CountSystemCalls(const Flow& flow, const Step& set_up, int repeats) {
+double CountSystemCalls(Daemon::Kind kind, const Flow& flow, const Step& set_up, int repeats) {
   const TemporaryDirectory directory;
   const Peers peers(set_up, flow, 1);
-  Daemon::Options options;
-  options.simulator_port = peers.port();
-  const Daemon daemon(Daemon::Kind::kReal, options);
+  const Daemon daemon(kind, {.simulator_port = peers.port(), .set_up = &set_up, .flow = &flow});
   Run run(daemon, set_up);
   const std::string summary = directory.File("summary");
   const std::string said = directory.File("said");
@@ -275,6 +280,129 @@ double CountSystemCalls(const Flow& flow, const Step& set_up, int repeats) {
   return CallsIn(directory.Read("summary")) / repeats;
 }
 
+// Its times and pages, after a block that has made it warm.
+Counts Usage(Daemon::Kind kind, const Flow& flow, const Step& set_up) {
+  const Peers peers(set_up, flow, 1);
+  const Daemon daemon(kind, {.simulator_port = peers.port(), .set_up = &set_up, .flow = &flow});
+  Run run(daemon, set_up);
+  run.Block(flow);
+  const pid_t child = daemon.Child();
+  const double before = ProcessorTime(child);
+  const double faults = PageFaults(child);
+  run.Block(flow);
+  Counts counts;
+  counts.processor_us = (ProcessorTime(child) - before) / flow.repeats;
+  counts.page_faults = (PageFaults(child) - faults) / flow.repeats;
+  return counts;
+}
+
+constexpr std::size_t kIdleChildren = 20;
+
+// What is shared among idle children counts for each of them by its part.
+void MeasureIdle(Daemon::Kind kind, const Step& set_up, Memory& memory) {
+  const Flow none{"none", {}, 1};
+  const Daemon daemon(kind, {.simulator_port = FreePort(), .set_up = &set_up, .flow = &none});
+  std::vector<std::unique_ptr<Master>> masters;
+  for (std::size_t i = 0; i < kIdleChildren; ++i) {
+    masters.push_back(std::make_unique<Master>(daemon.port()));
+    masters.back()->Launch(daemon.path());
+  }
+  std::vector<double> proportional;
+  std::vector<double> own;
+  for (const pid_t child : ChildrenOf(daemon.pid())) {
+    proportional.push_back(static_cast<double>(ProportionalSetSize(child)));
+    own.push_back(static_cast<double>(PrivateMemory(child)));
+  }
+  if (own.size() != kIdleChildren) throw std::runtime_error("not all children are there");
+  memory.idle = static_cast<long>(Median(proportional));
+  memory.idle_private = static_cast<long>(Median(own));
+}
+
+Memory MemoryOf(Daemon::Kind kind, const Flow& flow, const Step& set_up) {
+  Memory memory;
+  MeasureIdle(kind, set_up, memory);
+  const Peers peers(set_up, flow, 1);
+  const Daemon daemon(kind, {.simulator_port = peers.port(), .set_up = &set_up, .flow = &flow});
+  Run run(daemon, set_up);
+  Flow once = flow;
+  once.repeats = 1;
+  run.Block(once);
+  memory.worked_private = PrivateMemory(daemon.Child());
+  return memory;
+}
+
+// One number of wells of a scale, ready to be measured block by block.
+class Point {
+ public:
+  Point(const Flow& flow, int wells) : wells_(wells), flow_(flow), set_up_(SetUp()) {
+    Learn(set_up_, flow_);
+    peers_ = std::make_unique<Peers>(set_up_, flow_, 2);
+    Daemon::Options options;
+    options.simulator_port = peers_->port();
+    real_ = std::make_unique<Daemon>(Daemon::Kind::kReal, options);
+    options.set_up = &set_up_;
+    options.flow = &flow_;
+    floor_ = std::make_unique<Daemon>(Daemon::Kind::kFloor, options);
+    real_run_ = std::make_unique<Run>(*real_, set_up_);
+    floor_run_ = std::make_unique<Run>(*floor_, set_up_);
+    real_run_->Block(flow_);
+    floor_run_->Block(flow_);
+  }
+
+  void Measure() {
+    const Run::Times real = real_run_->Block(flow_);
+    const Run::Times floor = floor_run_->Block(flow_);
+    first_.Add(real.first / wells_, floor.first / wells_);
+    whole_.Add(real.whole / wells_, floor.whole / wells_);
+  }
+
+  Scale Summary(const Point& base) const {
+    Scale scale{wells_, {first_.Summary(), whole_.Summary()}};
+    if (wells_ > base.wells_) {
+      scale.first_growth = first_.RealOver(base.first_);
+      scale.whole_growth = whole_.RealOver(base.whole_);
+    }
+    return scale;
+  }
+
+ private:
+  int wells_;
+  Flow flow_;
+  Step set_up_;
+  std::unique_ptr<Peers> peers_;
+  std::unique_ptr<Daemon> real_;
+  std::unique_ptr<Daemon> floor_;
+  std::unique_ptr<Run> real_run_;
+  std::unique_ptr<Run> floor_run_;
+  Samples first_;
+  Samples whole_;
+};
+
+// The items of the comms log for the request that MeasureLogItem is given.
+const std::vector<std::string> kItems = {"Received header: ", "4", "\n",
+                                         "GetTimeDays: ",     "0", "\n"};
+
+void CheckItems(const std::string& log) {
+  std::string text;
+  for (const std::string& item : kItems) text += item;
+  if (log.find(text + text) == std::string::npos) {
+    throw std::runtime_error("the comms log has other items: " + log);
+  }
+}
+
+// Microseconds for an item that is written to two files.
+double TwoWrites(int one, int other, int repeats) {
+  const auto start = Clock::now();
+  for (int i = 0; i < repeats; ++i) {
+    for (const std::string& item : kItems) {
+      if (write(one, item.data(), item.size()) < 0 || write(other, item.data(), item.size()) < 0) {
+        throw std::runtime_error("cannot write");
+      }
+    }
+  }
+  return Microseconds(Clock::now() - start) / repeats / static_cast<double>(kItems.size());
+}
+
 }  // namespace
 
 FlowTimes MeasureFlow(const Flow& learned, const Step& set_up, int blocks) {
@@ -288,14 +416,49 @@ FlowTimes MeasureFlow(const Flow& learned, const Step& set_up, int blocks) {
   return Compare(learned, set_up, real, floor, blocks);
 }
 
-FlowTimes MeasureCommsLog(const Flow& learned, const Step& set_up, int blocks) {
+std::vector<Scale> MeasureScale(const std::function<Flow(int)>& make, const std::vector<int>& wells,
+                                int base, int blocks) {
+  std::vector<std::unique_ptr<Point>> points;
+  const Point* base_point = nullptr;
+  for (const int n : wells) {
+    points.push_back(std::make_unique<Point>(make(n), n));
+    if (n == base) base_point = points.back().get();
+  }
+  for (int block = 0; block < blocks; ++block) {
+    for (const auto& point : points) point->Measure();
+  }
+  std::vector<Scale> scale;
+  scale.reserve(points.size());
+  for (const auto& point : points) scale.push_back(point->Summary(*base_point));
+  return scale;
+}
+
+Timing MeasureLogItem(const Flow& learned, const Step& set_up, int blocks) {
   const Peers peers(set_up, learned, 2);
   Daemon::Options options;
   options.simulator_port = peers.port();
-  const Daemon without(Daemon::Kind::kReal, options);
+  const Daemon quiet(Daemon::Kind::kReal, options);
   options.comms_log = true;
-  const Daemon with(Daemon::Kind::kReal, options);
-  return Compare(learned, set_up, with, without, blocks);
+  const Daemon logging(Daemon::Kind::kReal, options);
+  Run without(quiet, set_up);
+  Run with(logging, set_up);
+  with.Block(learned);
+  without.Block(learned);
+  CheckItems(logging.Log());
+  const TemporaryDirectory directory;
+  const auto log = [&](const char* name) {
+    return Descriptor(
+        open(directory.File(name).c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
+  };
+  const Descriptor file = log("file");
+  const Descriptor output = log("output");
+  Samples samples;
+  for (int block = 0; block < blocks; ++block) {
+    const double more = with.Block(learned).whole - without.Block(learned).whole;
+    samples.Add(more / static_cast<double>(kItems.size()),
+                TwoWrites(file.get(), output.get(), learned.repeats));
+  }
+  return samples.Summary();
 }
 
 Timing MeasureLaunch(int blocks, int launches) {
@@ -320,52 +483,19 @@ Timing MeasureLaunch(int blocks, int launches) {
   return samples.Summary();
 }
 
-Counts CountFlow(const Flow& learned, const Step& set_up, int repeats) {
-  Counts counts;
-  counts.allocations = CountAllocations(learned, set_up, repeats);
-  counts.system_calls = CountSystemCalls(learned, set_up, repeats);
-  const Peers peers(set_up, learned, 1);
-  Daemon::Options options;
-  options.simulator_port = peers.port();
-  const Daemon daemon(Daemon::Kind::kReal, options);
-  Run run(daemon, set_up);
-  run.Block(learned);
-  const pid_t child = daemon.Child();
-  const double before = ProcessorTime(child);
-  const double faults = PageFaults(child);
-  run.Block(learned);
-  counts.processor_us = (ProcessorTime(child) - before) / learned.repeats;
-  counts.page_faults = (PageFaults(child) - faults) / learned.repeats;
+FlowCounts CountFlow(const Flow& learned, const Step& set_up, int repeats) {
+  FlowCounts counts;
+  counts.real = Usage(Daemon::Kind::kReal, learned, set_up);
+  counts.floor = Usage(Daemon::Kind::kFloor, learned, set_up);
+  counts.real.system_calls = CountSystemCalls(Daemon::Kind::kReal, learned, set_up, repeats);
+  counts.floor.system_calls = CountSystemCalls(Daemon::Kind::kFloor, learned, set_up, repeats);
+  counts.real.allocations = CountAllocations(learned, set_up, repeats);
   return counts;
 }
 
-Memory MeasureMemory(const Flow& learned, const Step& set_up) {
-  Memory memory;
-  const Flow none{"none", {}, 1};
-  Daemon::Options options;
-  options.set_up = &set_up;
-  options.flow = &none;
-  options.simulator_port = FreePort();
-  for (const auto kind : {Daemon::Kind::kReal, Daemon::Kind::kFloor}) {
-    const Daemon daemon(kind, options);
-    Master master(daemon.port());
-    master.Launch();
-    (kind == Daemon::Kind::kReal ? memory.idle_child : memory.idle_floor) =
-        ProportionalSetSize(daemon.Child());
-  }
-  const Peers peers(set_up, learned, 2);
-  options.simulator_port = peers.port();
-  options.flow = &learned;
-  Flow once = learned;
-  once.repeats = 1;
-  for (const auto kind : {Daemon::Kind::kReal, Daemon::Kind::kFloor}) {
-    const Daemon daemon(kind, options);
-    Run run(daemon, set_up);
-    run.Block(once);
-    (kind == Daemon::Kind::kReal ? memory.worked_private : memory.worked_floor) =
-        PrivateMemory(daemon.Child());
-  }
-  return memory;
+Memories MeasureMemory(const Flow& learned, const Step& set_up) {
+  return {MemoryOf(Daemon::Kind::kReal, learned, set_up),
+          MemoryOf(Daemon::Kind::kFloor, learned, set_up)};
 }
 
 Growth MeasureConnections(int connections) {

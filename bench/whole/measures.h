@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -29,26 +30,47 @@ FlowTimes MeasureFlow(const Flow& learned, const Step& set_up, int blocks);
 /// From connecting to the host's line, in turns.
 Timing MeasureLaunch(int blocks, int launches);
 
-/// The same flow with and without the comms log, in turns: `real` is with, `floor` without.
-FlowTimes MeasureCommsLog(const Flow& learned, const Step& set_up, int blocks);
+/// One flow for many numbers of wells, in turns, so that they meet the same moments.
+struct Scale {
+  int wells = 0;
+  FlowTimes times;  ///< per well
+  /// The median, over the blocks, of the time per well over that of the base; 0 for the base and
+  /// what is smaller.
+  double first_growth = 0;
+  double whole_growth = 0;
+};
+/// `make` gives the flow for a number of wells. `base` is one of `wells`.
+std::vector<Scale> MeasureScale(const std::function<Flow(int)>& make, const std::vector<int>& wells,
+                                int base, int blocks);
 
-/// What does not depend on the machine's mood, per repeat of the flow.
+/// One item of the comms log: `real` is the difference that the log makes to a request, shared
+/// among the request's items, `floor` two writes of as many bytes.
+Timing MeasureLogItem(const Flow& learned, const Step& set_up, int blocks);
+
+/// What a controller takes, per repeat of the flow.
 struct Counts {
   double system_calls = 0;
-  double allocations = 0;
+  double allocations = 0;  ///< the minimal one has none
   double page_faults = 0;
-  double processor_us = 0;  ///< of the controller
+  double processor_us = 0;
 };
-Counts CountFlow(const Flow& learned, const Step& set_up, int repeats);
+struct FlowCounts {
+  Counts real;
+  Counts floor;
+};
+FlowCounts CountFlow(const Flow& learned, const Step& set_up, int repeats);
 
 /// In KiB.
 struct Memory {
-  long idle_child = 0;  ///< proportional set size, behind the launch
-  long idle_floor = 0;
+  long idle = 0;            ///< proportional set size behind the launch, as one of twenty
+  long idle_private = 0;    ///< of that, what is not shared
   long worked_private = 0;  ///< private memory after the flow
-  long worked_floor = 0;
 };
-Memory MeasureMemory(const Flow& learned, const Step& set_up);
+struct Memories {
+  Memory real;
+  Memory floor;
+};
+Memories MeasureMemory(const Flow& learned, const Step& set_up);
 
 /// The daemon's resident memory before and after many connections, in KiB.
 struct Growth {

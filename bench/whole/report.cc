@@ -43,6 +43,7 @@ std::string Json(const std::vector<Row>& rows) {
       entry["spread"] = row.spread;
     }
     if (row.goal > 0) entry["goal"] = row.goal;
+    if (row.growth > 0) entry["growth"] = row.growth;
     all.push_back(entry);
   }
   return all.dump(2) + "\n";

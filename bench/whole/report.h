@@ -14,6 +14,7 @@ struct Row {
   double ratio = 0;   ///< 0: there is none
   double spread = 0;  ///< of the ratio
   double goal = 0;    ///< of the ratio or, without one, of the value; 0: none
+  double growth = 0;  ///< over the base of a scale; 0: there is none
 };
 
 /// The table for people.

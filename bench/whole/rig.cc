@@ -66,9 +66,9 @@ void Master::Leave() {
   descriptor_ = -1;
 }
 
-void Master::Launch() {
+void Master::Launch(const std::string& path) {
   ReceiveFrame();
-  Send(RunRequest());
+  Send(RunRequest(path));
   const std::string answer = ReceiveFrame();
   if (answer.compare(4, 3, "OK|") != 0) throw std::runtime_error("refused: " + answer.substr(4));
 }
@@ -139,7 +139,7 @@ Daemon::Daemon(Kind kind, const Options& options) {
                  script,
                  std::to_string(options.simulator_port),
                  plan,
-                 std::to_string(RunRequest().size())};
+                 std::to_string(RunRequest(path()).size())};
   }
   process_ = std::make_unique<ChildProcess>(arguments, process);
   if (!Eventually([&] {
@@ -183,7 +183,7 @@ void Learn(Step& set_up, Flow& flow) {
   std::thread peer([&] { Serve(listener.get(), set_up, flow); });
   try {
     Master master(daemon.port());
-    master.Launch();
+    master.Launch(daemon.path());
     master.Send(set_up.request);
     set_up.reply = master.ReceiveFrame();
     for (Step& step : flow.steps) {

@@ -25,7 +25,7 @@ class Master {
   ~Master();
 
   /// The handshake, up to the host.
-  void Launch();
+  void Launch(const std::string& path);
 
   void Send(const std::string& bytes);
   /// One frame, with its length.
@@ -54,14 +54,18 @@ class Daemon {
     const Step* set_up = nullptr;  ///< kFloor only, as is `flow`
     const Flow* flow = nullptr;
     bool comms_log = false;
-    std::string preload;   ///< a library to load into it
-    std::string counters;  ///< where that library counts
+    std::string preload{};   ///< a library to load into it
+    std::string counters{};  ///< where that library counts
   };
 
   Daemon(Kind kind, const Options& options);
   ~Daemon();
 
   int port() const { return port_; }
+  /// A directory for its runs, which goes when it does.
+  std::string path() const { return directory_.path().string() + "/"; }
+  /// The comms log of its runs.
+  std::string Log() const { return directory_.Read("CASE.crvnlog"); }
   pid_t pid() const { return process_->pid(); }
   /// Its only connection child.
   pid_t Child() const;

@@ -20,6 +20,9 @@
 namespace bench {
 namespace {
 
+// From so many wells on the time per well should not grow.
+constexpr int kBase = 100;
+
 struct Choice {
   int blocks = 31;
   std::string only;
@@ -48,11 +51,17 @@ class Session {
     if (!Wants(flow.name)) return;
     Step set_up = SetUp();
     Learn(set_up, flow);
-    const Counts counts = CountFlow(flow, set_up, repeats);
-    rows_.push_back({flow.name + ", system calls", "calls", counts.system_calls});
-    rows_.push_back({flow.name + ", allocations", "calls", counts.allocations});
-    rows_.push_back({flow.name + ", page faults", "pages", counts.page_faults});
-    rows_.push_back({flow.name + ", processor", "us", counts.processor_us});
+    const FlowCounts counts = CountFlow(flow, set_up, repeats);
+    const auto add = [&](const char* what, const char* unit, double Counts::*count) {
+      Row row{flow.name + ", " + what, unit, counts.real.*count};
+      row.floor = counts.floor.*count;
+      if (row.floor > 0) row.ratio = row.value / row.floor;
+      rows_.push_back(row);
+    };
+    add("system calls", "calls", &Counts::system_calls);
+    add("allocations", "calls", &Counts::allocations);
+    add("page faults", "pages", &Counts::page_faults);
+    add("processor", "us", &Counts::processor_us);
   }
 
   void Launch() {
@@ -65,8 +74,7 @@ class Session {
     if (!Wants("comms log")) return;
     Step set_up = SetUp();
     Learn(set_up, flow);
-    Add("comms log, GetTimeDays with / without",
-        MeasureCommsLog(flow, set_up, choice_.blocks).first, 0);
+    Add("comms log, one item", MeasureLogItem(flow, set_up, choice_.blocks), 0);
   }
 
   void Sizes() {
@@ -74,13 +82,30 @@ class Session {
     Flow flow = WellData(5000);
     Step set_up = SetUp();
     Learn(set_up, flow);
-    const Memory memory = MeasureMemory(flow, set_up);
-    AddSize("memory of an idle child", memory.idle_child, memory.idle_floor, 250);
-    AddSize("memory behind GetWellData, 5000 wells", memory.worked_private, memory.worked_floor,
-            1536);
+    const Memories memory = MeasureMemory(flow, set_up);
+    const auto add = [&](const char* name, long Memory::*size, double goal) {
+      AddSize(name, memory.real.*size, memory.floor.*size, goal);
+    };
+    add("memory of an idle child", &Memory::idle, 250);
+    add("memory of an idle child, private", &Memory::idle_private, 0);
+    add("memory behind GetWellData, 5000 wells, private", &Memory::worked_private, 1536);
     const Growth growth = MeasureConnections(10000);
     AddSize("memory of the daemon, 100 connections", growth.before, 0, 0);
     AddSize("memory of the daemon, 10100 connections", growth.after, 0, 0);
+  }
+
+  // Times per well.
+  void Scale(const std::string& name, const std::function<Flow(int)>& make,
+             const std::vector<int>& wells, bool records) {
+    if (!Wants(name)) return;
+    for (const bench::Scale& point : MeasureScale(make, wells, kBase, choice_.blocks)) {
+      const auto add = [&](const char* part, const Timing& timing, double growth) {
+        Add(fmt::format("{}{}, {} wells", name, part, point.wells), timing, 0);
+        rows_.back().growth = growth;
+      };
+      add(records ? ", first reply" : "", point.times.first, point.first_growth);
+      if (records) add(", whole", point.times.whole, point.whole_growth);
+    }
   }
 
   const std::vector<Row>& rows() const { return rows_; }
@@ -127,15 +152,17 @@ void CountAll(Session& session) {
   session.Count(RunUntil(), 100);
   session.Count(Variables(8), 100);
   session.Count(WellStatus(5000), 10);
+  session.Count(WellStatus(50000), 5);
   session.Count(WellData(1000), 10);
   session.Count(WellData(5000), 3);
   session.Count(InflowTables(1000), 10);
 }
 
-void Scale(Session& session) {
-  for (const int n : {10, 100, 1000, 5000}) session.Time(WellData(n), 0);
-  for (const int n : {10, 100, 1000, 5000}) session.Time(InflowTables(n), 0);
-  for (const int n : {10, 100, 1000, 5000, 50000}) session.Time(WellStatus(n), 0);
+// 5,000 names are the most that a request holds.
+void ScaleAll(Session& session) {
+  session.Scale("GetWellData", WellData, {10, 100, 1000, 5000}, true);
+  session.Scale("GetWellIPRData", InflowTables, {10, 100, 1000, 5000}, true);
+  session.Scale("GetWellStatus", WellStatus, {10, 100, 1000, 5000, 50000}, false);
 }
 
 int Measure(int argc, char** argv) {
@@ -149,14 +176,14 @@ int Measure(int argc, char** argv) {
       ->check(CLI::Range(3, 10000));
   app.add_option("--only", choice.only, "Only what has this text in its name");
   app.add_flag("--counts", counts, "Count system calls, allocations and processor time instead");
-  app.add_flag("--scale", scale, "Times over the number of wells instead");
+  app.add_flag("--scale", scale, "Times per well over the number of wells instead");
   CLI11_PARSE(app, argc, argv);
   UseOneCore();
   Session session(choice);
   if (counts) {
     CountAll(session);
   } else if (scale) {
-    Scale(session);
+    ScaleAll(session);
   } else {
     TimeAll(session);
   }
