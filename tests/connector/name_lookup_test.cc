@@ -17,7 +17,7 @@ Positions Find(const Names& asked, const Names& answered) {
   NameLookup::Answer answer(lookup);
   for (std::string name : answered) answer.Add(std::move(name));
   const NameLookup::Places places = answer.Positions();
-  const Positions positions = lookup.PositionsIn(answered);
+  Positions positions = lookup.PositionsIn(answered);
   for (std::size_t i = 0; i < asked.size(); ++i) EXPECT_EQ(places[i], positions[i]) << asked[i];
   return positions;
 }
