@@ -26,14 +26,14 @@ bool Assign(char (&field)[Size], const std::string& token) {
   return true;
 }
 
-// The next token, of which at most `most` characters are kept and one more, so that its length
-// shows: a file that is one long token is no reason to hold it. False when there is none.
+// The next token, of which at most `most` characters are kept: a file that is one long token is no
+// reason to hold it. False when there is none.
 bool ReadToken(FILE* in, std::string& token, std::size_t most) {
   token.clear();
   int next = getc(in);
   while (isspace(next) != 0) next = getc(in);
   for (; next != EOF && isspace(next) == 0; next = getc(in)) {
-    if (token.size() <= most) token += static_cast<char>(next);
+    if (token.size() < most) token += static_cast<char>(next);
   }
   return !token.empty();
 }
@@ -138,8 +138,9 @@ void CEnvCollection::ReadEntries(FILE* in) {
   CEnv** last = &first_;
   std::string name;
   std::string value;
-  while (ReadToken(in, name, sizeof(CEnv::name) - 1)) {
-    ReadToken(in, value, sizeof(CEnv::value) - 1);
+  // One character more than fits, so that a token that is too long is known for one.
+  while (ReadToken(in, name, sizeof(CEnv::name))) {
+    ReadToken(in, value, sizeof(CEnv::value));
     auto entry = std::make_unique<CEnv>();
     // Both tokens are taken before either is judged, so that the pairs behind stay pairs.
     if (!Assign(entry->name, name) || !Assign(entry->value, value)) continue;

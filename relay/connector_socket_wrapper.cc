@@ -108,8 +108,8 @@ int ConnectorSocketWrapper::ProcessRequests(std::string& error) {
       Fail("No or unexpected data received from Corvane", "", error);
       return 1;
     }
-    unsigned code = 0;
-    getbuf(receive_buffer.data()).UnPack(code);
+    getbuf header(receive_buffer.data());
+    const auto code = UnPack<unsigned>(header);
     *log_ << "Received header: " << static_cast<unsigned long>(code)
           << "\n";  // NOLINT(google-runtime-int)
     if (Handle(code, receive_buffer.data() + sizeof(code), reason) > 0) {
@@ -283,8 +283,8 @@ void ConnectorSocketWrapper::Newton(const unsigned char* /*body*/) {
 }
 
 void ConnectorSocketWrapper::RunUntil(const unsigned char* body) {
-  double time = 0;
-  FieldsOf(body).UnPack(time);
+  getbuf fields = FieldsOf(body);
+  const auto time = UnPack<double>(fields);
   *log_ << "Running until " << time << "\n";
   connector_->RunUntil(time);
   Acknowledge(kRunUntil);
@@ -300,7 +300,7 @@ void ConnectorSocketWrapper::GetTermFlag(const unsigned char* /*body*/) {
 void ConnectorSocketWrapper::GetWellStatus(const unsigned char* /*body*/) {
   std::vector<StaticWellDef> wells;
   connector_->GetWellStatus(wells);
-  std::int64_t size = PackedSize(0) + kAckSize;
+  std::int64_t size = kPackedSize<int> + kAckSize;
   const bool logged = log_->status() == 0;
   for (const StaticWellDef& well : wells) {
     if (logged) {
@@ -321,9 +321,7 @@ void ConnectorSocketWrapper::GetWellStatus(const unsigned char* /*body*/) {
 
 void ConnectorSocketWrapper::GetWellData(const unsigned char* body) {
   getbuf fields = FieldsOf(body);
-  int n = 0;
-  fields.UnPack(n);
-  const std::vector<std::string> wells = UnPackTexts(fields, n);
+  const std::vector<std::string> wells = UnPackTexts(fields, UnPack<int>(fields));
   std::vector<DynWellOpPt> points;
   connector_->GetWellOpPtData(wells, points);
   if (points.size() != wells.size()) {
@@ -339,7 +337,7 @@ void ConnectorSocketWrapper::GetWellData(const unsigned char* body) {
     AwaitSubRequest(kWellDataSub,
                     "Unexpected data received from Corvane, routine VK_GETWELLDATA_SUB");
     sendbuf reply;
-    MakeRoom(reply, PackedSize(point.status) + 8 * PackedSize(0.0) + kAckSize);
+    MakeRoom(reply, PackedSize(point.status) + 8 * kPackedSize<double> + kAckSize);
     reply.Pack(point.status);
     for (const double value :
          {point.oil_rate, point.gas_rate, point.water_rate, point.water_injection_rate,
@@ -353,15 +351,10 @@ void ConnectorSocketWrapper::GetWellData(const unsigned char* body) {
 
 void ConnectorSocketWrapper::GetWellIPRData(const unsigned char* body) {
   getbuf fields = FieldsOf(body);
-  int components = 0;
-  int n = 0;
-  bool bottomHole = false;
-  double skewness = 0;
-  fields.UnPack(components);
-  fields.UnPack(n);
-  const std::vector<std::string> wells = UnPackTexts(fields, n);
-  fields.UnPack(bottomHole);
-  fields.UnPack(skewness);
+  const auto components = UnPack<int>(fields);
+  const std::vector<std::string> wells = UnPackTexts(fields, UnPack<int>(fields));
+  const auto bottomHole = UnPack<bool>(fields);
+  const auto skewness = UnPack<double>(fields);
   std::vector<DynWellIPR> tables;
   const int points = connector_->GetWellIPRData(components, wells, bottomHole, skewness, tables);
   if (tables.size() != wells.size()) {
@@ -413,10 +406,8 @@ void ConnectorSocketWrapper::AwaitSubRequest(unsigned code, const char* complain
 
 void ConnectorSocketWrapper::SetWellStatus(const unsigned char* body) {
   getbuf fields = FieldsOf(body);
-  int n = 0;
-  int m = 0;
-  fields.UnPack(n);
-  fields.UnPack(m);
+  const auto n = UnPack<int>(fields);
+  const auto m = UnPack<int>(fields);
   const std::vector<std::string> wells = UnPackTexts(fields, n);
   const std::vector<std::string> statuses = UnPackTexts(fields, m);
   connector_->SetWellStatus(wells, statuses);
@@ -425,10 +416,8 @@ void ConnectorSocketWrapper::SetWellStatus(const unsigned char* body) {
 
 void ConnectorSocketWrapper::SetWellUptime(const unsigned char* body) {
   getbuf fields = FieldsOf(body);
-  int n = 0;
-  int m = 0;
-  fields.UnPack(n);
-  fields.UnPack(m);
+  const auto n = UnPack<int>(fields);
+  const auto m = UnPack<int>(fields);
   const std::vector<std::string> wells = UnPackTexts(fields, n);
   const std::vector<double> fractions = UnPackNumbers(fields, m);
   connector_->SetWellUptime(wells, fractions);
@@ -437,9 +426,7 @@ void ConnectorSocketWrapper::SetWellUptime(const unsigned char* body) {
 
 void ConnectorSocketWrapper::SetWellConstraints(const unsigned char* body) {
   getbuf fields = FieldsOf(body);
-  int n = 0;
-  fields.UnPack(n);
-  const std::vector<std::string> wells = UnPackTexts(fields, n);
+  const std::vector<std::string> wells = UnPackTexts(fields, UnPack<int>(fields));
   const auto properties = UnPackGroups(fields, UnPackTexts);
   const auto values = UnPackGroups(fields, UnPackNumbers);
   connector_->SetWellConstraints(wells, properties, values);
@@ -457,7 +444,7 @@ void ConnectorSocketWrapper::GetEOSProps(const unsigned char* /*body*/) {
       &eos.boiling_point,     &eos.volume_shift,
       &eos.omega_a,           &eos.omega_b,
       &eos.parachor,          &eos.binary_interaction};
-  std::int64_t size = PackedSize(eos.name) + PackedSize(0) + kAckSize;
+  std::int64_t size = PackedSize(eos.name) + kPackedSize<int> + kAckSize;
   for (const std::string& component : eos.components) size += PackedSize(component);
   for (const auto* values : lists) size += PackedSize(*values);
   sendbuf reply;
@@ -471,11 +458,8 @@ void ConnectorSocketWrapper::GetEOSProps(const unsigned char* /*body*/) {
 
 void ConnectorSocketWrapper::GetWellVariables(const unsigned char* body) {
   getbuf fields = FieldsOf(body);
-  std::string well;
-  int n = 0;
-  fields.UnPack(well);
-  fields.UnPack(n);
-  const std::vector<std::string> names = UnPackTexts(fields, n);
+  const auto well = UnPack<std::string>(fields);
+  const std::vector<std::string> names = UnPackTexts(fields, UnPack<int>(fields));
   std::vector<double> values;
   connector_->GetWellVariables(well, names, values);
   sendbuf reply;
@@ -499,9 +483,7 @@ void ConnectorSocketWrapper::SetWellInjectionSource(const unsigned char* body) {
 
 void ConnectorSocketWrapper::SetWellInjectionComposition(const unsigned char* body) {
   getbuf fields = FieldsOf(body);
-  int n = 0;
-  fields.UnPack(n);
-  const std::vector<std::string> sources = UnPackTexts(fields, n);
+  const std::vector<std::string> sources = UnPackTexts(fields, UnPack<int>(fields));
   const auto compositions = UnPackGroups(fields, UnPackNumbers);
   *log_ << "SetWellInjectionComposition\n";
   connector_->SetWellInjectionComposition(sources, compositions);

@@ -15,11 +15,11 @@ std::size_t Room(const getbuf& fields, int n, std::int64_t size) {
 }  // namespace
 
 std::int64_t PackedSize(const std::string& text) {
-  return PackedSize(0) + static_cast<std::int64_t>(text.size());
+  return kPackedSize<int> + static_cast<std::int64_t>(text.size());
 }
 
 std::int64_t PackedSize(const std::vector<double>& series) {
-  return PackedSize(0) + PackedSize(0.0) * static_cast<std::int64_t>(series.size());
+  return kPackedSize<int> + kPackedSize<double> * static_cast<std::int64_t>(series.size());
 }
 
 void MakeRoom(sendbuf& reply, std::int64_t size) {

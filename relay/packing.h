@@ -13,12 +13,8 @@
 constexpr std::int64_t kAckSize = 4;
 
 /// Bytes that a value takes in a reply, to size the reply before it is packed.
-inline std::int64_t PackedSize(int) {
-  return 4;
-}
-inline std::int64_t PackedSize(double) {
-  return 8;
-}
+template <class Number>
+constexpr std::int64_t kPackedSize = sizeof(Number);
 std::int64_t PackedSize(const std::string& text);
 std::int64_t PackedSize(const std::vector<double>& series);
 
@@ -27,6 +23,14 @@ void MakeRoom(sendbuf& reply, std::int64_t size);
 
 /// Appends the count, then the values.
 void PackSeries(sendbuf& reply, const std::vector<double>& series);
+
+/// The next field of a request. Throws `std::out_of_range` when there is none.
+template <class T>
+T UnPack(getbuf& fields) {
+  T value{};
+  fields.UnPack(value);
+  return value;
+}
 
 /// Reads `n` texts or numbers; none when `n` is not positive. Takes no memory for more of them
 /// than the rest of the buffer can hold. Throws `std::out_of_range` when it ends before.
@@ -37,13 +41,8 @@ std::vector<double> UnPackNumbers(getbuf& fields, int n);
 /// `unPack`.
 template <class List>
 std::vector<List> UnPackGroups(getbuf& fields, List (*unPack)(getbuf&, int)) {
-  int groups = 0;
-  fields.UnPack(groups);
+  const auto groups = UnPack<int>(fields);
   std::vector<List> lists;
-  for (int group = 0; group < groups; ++group) {
-    int n = 0;
-    fields.UnPack(n);
-    lists.push_back(unPack(fields, n));
-  }
+  for (int group = 0; group < groups; ++group) lists.push_back(unPack(fields, UnPack<int>(fields)));
   return lists;
 }

@@ -143,6 +143,18 @@ TEST_F(EnvCollectionTest, WordOfTheEnvironmentThatIsNoVariableIsPassedOn) {
   EXPECT_EQ(value, "1");
 }
 
+TEST_F(EnvCollectionTest, LongerNameLeavesItsEntryOut) {
+  const std::string name(256, 'N');
+  Apply(name + " 1 JT_B 2");
+  EXPECT_EQ(Value("JT_B"), "2");
+  EXPECT_EQ(Value(name.c_str()), "unset");
+  EXPECT_EQ(Value(name.substr(1).c_str()), "unset");
+}
+
+TEST_F(EnvCollectionTest, ErrorsHave256Characters) {
+  EXPECT_EQ(CEnvCollection::kErrorSize, 256);
+}
+
 TEST_F(EnvCollectionTest, DirectoryInPlaceOfTheFileIsAnEmptyList) {
   std::filesystem::create_directory(directory_.File("env"));
   const CEnvCollection entries(directory_.File("env").c_str());

@@ -42,6 +42,10 @@ class UserCollectionTest : public testing::Test {
   char error_[CVKUserCollection::kErrorSize] = "untouched";
 };
 
+TEST_F(UserCollectionTest, NobodyIsAllowedWhoIsNotSaidToBe) {
+  EXPECT_EQ(CVKUser().allow, 0);
+}
+
 TEST_F(UserCollectionTest, MissingFileReturnsOneWithItsPath) {
   EXPECT_EQ(ReadDirectory("/nowhere"), 1);
   EXPECT_STREQ(error_, "Could not open the user administration file: /nowhere/./.vk_corvane_users");

@@ -229,6 +229,20 @@ TYPED_TEST(InflowTest, WellsAreFoundByNameInEveryAnswer) {
   EXPECT_EQ(this->tables_.at(1).water_rate, std::vector<double>(10, 70));
 }
 
+TYPED_TEST(InflowTest, LimitsOfEveryWellAreLowered) {
+  this->AnswerStart("TOLMEN_FIELD", {{"A", "PRODUCER"}, {"B", "WATER_INJECTOR"}});
+  const std::vector<double> injecting = {11, 12, 13, 70, 14, 180, 6, 62, 50, 2500, 900};
+  for (int k = 0; k < 10; ++k) {
+    this->AnswerPoint(this->kAsked, this->Row("A", this->kProducing) + this->Row("B", injecting));
+  }
+  this->Survey({"A", "B"}, 1);
+  const std::vector<std::string> requests = this->Requests();
+  ASSERT_EQ(requests.size(), 23U);
+  const std::vector<std::string> produced = {"LIQUID_PRODUCTION_RATE", "GAS_PRODUCTION_RATE"};
+  EXPECT_EQ(requests[5], this->SetLimits(this->Limits("A", produced, {900, 4500}) +
+                                         this->Limits("B", {"WATER_INJECTION_RATE"}, {63})));
+}
+
 TYPED_TEST(InflowTest, NoWellsStillMakeEveryExchangeButTheStatus) {
   this->AnswerQuery(this->Item("UNIT_SYSTEM", {"TOLMEN_FIELD"}));
   this->AnswerQuery("");

@@ -22,6 +22,16 @@ std::vector<std::vector<double>*> ListsOf(EOS& eos) {
           &eos.parachor,          &eos.binary_interaction};
 }
 
+TEST(RecordsTest, PointsBeginWithNothing) {
+  const DynWellOpPt point;
+  for (const double value :
+       {point.oil_rate, point.gas_rate, point.water_rate, point.water_injection_rate,
+        point.gas_injection_rate, point.bottom_hole_pressure, point.tubing_head_pressure,
+        point.uptime_fraction}) {
+    EXPECT_EQ(value, 0);
+  }
+}
+
 TEST(RecordsTest, ResetEmptiesAnEos) {
   EOS eos;
   eos.name = "PR";

@@ -170,6 +170,14 @@ TYPED_TEST(WellsTest, OperatingPointsComeInTheOrderAskedWhateverTheAnswers) {
   EXPECT_EQ(this->points_[1].status, "SHUT");
 }
 
+TYPED_TEST(WellsTest, WellsBehindThoseAskedForAreLeftOut) {
+  EXPECT_EQ(this->Ask({"A"}, this->Numeric(this->Eight("A", 10) + this->Eight("X", 30)),
+                      this->Statuses(this->Words("A", {"OPEN"}) + this->Words("X", {"SHUT"}))),
+            "no failure");
+  ASSERT_EQ(this->points_.size(), 1U);
+  EXPECT_EQ(this->points_[0].oil_rate, 10);
+}
+
 TYPED_TEST(WellsTest, WellAskedTwiceGetsItsFirstRowTwice) {
   EXPECT_EQ(this->Ask({"A", "A"}, this->Numeric(this->Eight("A", 1) + this->Eight("A", 2)),
                       this->Statuses(this->Words("A", {"OPEN"}) + this->Words("A", {"SHUT"}))),

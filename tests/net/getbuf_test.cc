@@ -48,18 +48,20 @@ TEST_F(GetbufTest, FlagIsOneByte) {
 }
 
 TEST_F(GetbufTest, ArraysHaveNoCount) {
-  getbuf body = Over("01 00 00 00 02 00 00 00 00 00 00 00 00 00 f0 bf 00 00 00 3f 78 79");
+  getbuf body = Over(
+      "01 00 00 00 02 00 00 00  00 00 00 00 00 00 f0 bf 00 00 00 00 00 00 00 40"
+      "00 00 00 3f 00 00 80 3f 00 00 80 bf  78 79");
   std::array<int, 2> ints{};
-  std::array<double, 1> doubles{};
-  std::array<float, 1> floats{};
+  std::array<double, 2> doubles{};
+  std::array<float, 3> floats{};
   std::array<char, 2> characters{};
   body.UnPack(ints.data(), 2);
-  body.UnPack(doubles.data(), 1);
-  body.UnPack(floats.data(), 1);
+  body.UnPack(doubles.data(), 2);
+  body.UnPack(floats.data(), 3);
   body.UnPack(characters.data(), 2);
   EXPECT_EQ(ints, (std::array<int, 2>{1, 2}));
-  EXPECT_EQ(doubles[0], -1.0);
-  EXPECT_EQ(floats[0], 0.5F);
+  EXPECT_EQ(doubles, (std::array<double, 2>{-1.0, 2.0}));
+  EXPECT_EQ(floats, (std::array<float, 3>{0.5F, 1, -1}));
   EXPECT_EQ(characters, (std::array<char, 2>{'x', 'y'}));
 }
 

@@ -77,15 +77,15 @@ TEST_F(SendbufTest, TextIsLengthThenCharacters) {
 
 TEST_F(SendbufTest, ArraysAndCharactersHaveNoCount) {
   std::array<int, 2> ints{1, 2};
-  std::array<double, 1> doubles{-1.0};
-  std::array<float, 1> floats{0.5F};
+  std::array<double, 2> doubles{-1.0, 2.0};
+  std::array<float, 3> floats{0.5F, 1, -1};
   reply_.Pack(ints.data(), 2);
-  reply_.Pack(doubles.data(), 1);
-  reply_.Pack(floats.data(), 1);
+  reply_.Pack(doubles.data(), 2);
+  reply_.Pack(floats.data(), 3);
   reply_.Pack("xyz", 3);
   EXPECT_EQ(Sent(2),
-            "1b 00 00 00 02 00 00 00 01 00 00 00 02 00 00 00 00 00 00 00 00 00 f0 bf "
-            "00 00 00 3f 78 79 7a");
+            "2b 00 00 00 02 00 00 00 01 00 00 00 02 00 00 00 00 00 00 00 00 00 f0 bf "
+            "00 00 00 00 00 00 00 40 00 00 00 3f 00 00 80 3f 00 00 80 bf 78 79 7a");
 }
 
 TEST_F(SendbufTest, ArraysWithoutElementsAppendNothing) {
@@ -117,6 +117,15 @@ TEST_F(SendbufTest, PrePackMakesRoomOnceAndKeepsWhatIsThere) {
   EXPECT_EQ(reply_.used(), 4);
   reply_.PrePack(5);
   EXPECT_EQ(reply_.capacity(), 1010);
+  EXPECT_EQ(Sent(3), "08 00 00 00 03 00 00 00 07 00 00 00");
+}
+
+TEST_F(SendbufTest, PrePackCountsWhatIsThere) {
+  reply_.Pack(7);
+  reply_.PrePack(6);
+  EXPECT_EQ(reply_.capacity(), 10);
+  reply_.PrePack(7);
+  EXPECT_EQ(reply_.capacity(), 20);
   EXPECT_EQ(Sent(3), "08 00 00 00 03 00 00 00 07 00 00 00");
 }
 

@@ -186,8 +186,15 @@ class SocketOverTcpTest : public testing::Test {
     });
   }
 
+  int Option(int level, int option) const {
+    int value = -1;
+    socklen_t size = sizeof(value);
+    getsockopt(socket_.handle(), level, option, &value, &size);
+    return value;
+  }
+
   TcpPair pair_;
-  Socket socket_{pair_.ours.Release()};
+  OpenSocket socket_{pair_.ours.Release()};
   std::string buffer_ = std::string(Socket::kMaxFrame, '\0');
   int length_ = 99;
   double processorSeconds_ = 0;
@@ -198,6 +205,11 @@ TEST_F(SocketOverTcpTest, PeerThatOnlyStopsSendingInMidFrameIsWaitedForWithoutSp
   shutdown(pair_.peer.get(), SHUT_WR);
   auto received = StartReceive();
   EXPECT_EQ(received.wait_for(milliseconds(2500)), std::future_status::timeout);
+  // A master whose machine has gone without a word is asked for every second, for a minute.
+  EXPECT_EQ(Option(SOL_SOCKET, SO_KEEPALIVE), 1);
+  EXPECT_EQ(Option(IPPROTO_TCP, TCP_KEEPIDLE), 1);
+  EXPECT_EQ(Option(IPPROTO_TCP, TCP_KEEPINTVL), 1);
+  EXPECT_EQ(Option(IPPROTO_TCP, TCP_KEEPCNT), 60);
   const linger reset{1, 0};  // the close below then breaks the connection
   setsockopt(pair_.peer.get(), SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));
   pair_.peer.Reset();
@@ -451,6 +463,18 @@ TEST(SocketBytesTest, NothingIsReceivedFromADescriptorThatIsNoSocket) {
   WriteAll(writer.get(), "waiting");
   Socket reader(ends[0]);
   EXPECT_EQ(reader.ReceiveBytes(), "");
+}
+
+TEST(SocketBytesTest, EndOfTheConnectionEndsTheDrain) {
+  const auto result = InChild([] {
+    SocketPair pair;
+    Socket socket(pair.ours.Release());
+    WriteAll(pair.peer.get(), "waiting");  // and gone when it is asked for
+    if (!AnswerCall(SYS_recvfrom, [] { return 0L; })) return 77;
+    return static_cast<int>(socket.ReceiveBytes().size());
+  });
+  if (!result) GTEST_SKIP() << "system calls cannot be answered here";
+  EXPECT_EQ(*result, 0);
 }
 
 void IgnoreSignal(int) {}

@@ -1,13 +1,20 @@
 #include "relay/connector_socket_wrapper.h"
 
+#include <unistd.h>
+
+#include <algorithm>
+#include <memory>
 #include <stdexcept>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include <gtest/gtest.h>
 
 #include "net/sendbuf.h"
 #include "relay/corvane_comms_exception.h"
 #include "tests/relay/controller_fixture.h"
+#include "tests/support/child_process.h"
 
 namespace {
 
@@ -49,6 +56,39 @@ TEST_F(DispatcherTest, RequestsOfOneSegmentAreServedInTheirOrder) {
   EXPECT_EQ(Serve(), 0);
   EXPECT_EQ(stub_->calls, (std::vector<std::string>{"Newton()", "GetVersion()", "Shutdown()"}));
 }
+
+// What a large answer was cut into: its pieces are free again, but one that is still in use lies
+// behind them.
+class FreeMemoryTest : public ControllerTest {
+ protected:
+  static constexpr long kPieces = 20'000;  // of a kilobyte
+
+  // The memory of this process before the controller served a request, less that after it, in KiB.
+  long Returned(bool large) {
+    stub_->large = large;
+    std::vector<std::unique_ptr<char[]>> pieces;
+    for (long i = 0; i < kPieces; ++i) {
+      pieces.push_back(std::make_unique<char[]>(1000));
+      std::fill_n(pieces.back().get(), 1000, 'x');
+    }
+    const std::unique_ptr<char[]> last = std::move(pieces.back());
+    pieces.clear();
+    const long before = StatusValue(getpid(), "VmRSS");
+    MasterSends("07 00 00 00");
+    EXPECT_EQ(Serve(), 1);
+    return before - StatusValue(getpid(), "VmRSS");
+  }
+};
+
+#if !defined(__SANITIZE_ADDRESS__)  // whose allocator is another
+TEST_F(FreeMemoryTest, IsReturnedToTheSystemAfterALargeAnswer) {
+  EXPECT_GT(Returned(true), kPieces / 2);
+}
+
+TEST_F(FreeMemoryTest, IsKeptForTheNextRequestAfterAnyOther) {
+  EXPECT_LT(Returned(false), kPieces / 2);
+}
+#endif
 
 TEST_F(DispatcherTest, MasterThatLeavesEndsTheLoopWithOne) {
   EXPECT_EQ(Serve(), 1);

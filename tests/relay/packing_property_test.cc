@@ -49,9 +49,9 @@ RC_GTEST_PROP(PackingProperty, PackedSizeIsWhatPackingTakes, ()) {
   size += PackedSize(series);
   RC_ASSERT(reply.used() == size);
   reply.Pack(7);
-  RC_ASSERT(reply.used() == size + PackedSize(7));
+  RC_ASSERT(reply.used() == size + kPackedSize<int>);
   reply.Pack(7.0);
-  RC_ASSERT(reply.used() == size + PackedSize(7) + PackedSize(7.0));
+  RC_ASSERT(reply.used() == size + kPackedSize<int> + kPackedSize<double>);
 }
 
 RC_GTEST_PROP(PackingProperty, RoomThatWasMadeHoldsTheReplyWithoutGrowing, ()) {

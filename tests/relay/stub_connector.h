@@ -14,6 +14,7 @@ struct StubConnector : ConnectorBase {
   bool metric = false;
   bool compositional = false;
   bool ended = false;
+  bool large = false;
   double days = 0;
   int date[3] = {0, 0, 0};
   int startDate[3] = {0, 0, 0};
@@ -36,6 +37,7 @@ struct StubConnector : ConnectorBase {
     Call("Shutdown()");
     return 0;
   }
+  bool TookLargeAnswer() override { return large; }
   double GetVersion() override {
     Call("GetVersion()");
     return version;

@@ -103,6 +103,14 @@ TYPED_TEST(ClientSettersTest, ConstraintSetterRefusesOtherConstraintsThanBefore)
   this->ExpectUsable();
 }
 
+TYPED_TEST(ClientSettersTest, ConstraintSetterRefusesListsThatDoNotGoTogether) {
+  this->ExpectRefusedBeforeSending(
+      [&] {
+        ConstraintSetter setter(this->client_, {"A", "B", "C"}, {{}, {}}, {}, {});
+      },
+      "VarnokClient::set_constraints_for_wells: inconsistent size of arguments 1 and 2 (3 vs 2)");
+}
+
 TYPED_TEST(ClientSettersTest, ConstraintSetterIsRefusedWhileAMessageIsInProgress) {
   ConstraintSetter setter(this->client_, {"A"}, {{"X"}}, {{1}}, {{"U"}});
   this->simulator_.AnswerNext({Mess("STOP") + Mess("END")});

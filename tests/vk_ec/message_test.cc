@@ -6,6 +6,8 @@
 #include <limits>
 #include <stdexcept>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -17,6 +19,7 @@ namespace {
 
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
+using ::testing::Throws;
 using ::testing::ThrowsMessage;
 using vk_ec::detail::MessageMgr;
 using vk_ec::detail::Transporter;
@@ -469,6 +472,48 @@ TEST_F(DecoderTest, DataOfAnotherTypeAreNotAppended) {
   EXPECT_THAT(
       [&] { decoder.append_data(header, values); },
       ThrowsMessage<std::invalid_argument>("Incorrect header (received: DOUB vs expected: INTE )"));
+}
+
+TEST_F(MessageTest, LargeMessageIsToldOnce) {
+  EXPECT_FALSE(manager().take_large());
+  const auto receive = [this](std::size_t numbers) {
+    std::thread peer(
+        [&] { WriteAsPeer(Doub("VALUES", std::vector<double>(numbers)) + Mess("END")); });
+    auto decoder = manager().createMessageDecoder();
+    peer.join();
+    std::vector<double> values;
+    decoder.append_data(decoder.get_header(), values);
+    decoder.get_header();
+    decoder.finalize();
+  };
+  receive(130'000);  // just below a mebibyte
+  EXPECT_FALSE(manager().take_large());
+  receive(132'000);
+  receive(1);
+  EXPECT_TRUE(manager().take_large());
+  EXPECT_FALSE(manager().take_large());
+}
+
+TEST_F(MessageTest, AbandonedMessageStaysInProgress) {
+  manager().createMessageBuilder().add_MESS_header("SET", 0).add_string("NAME", "ab");
+  EXPECT_THAT([&] { manager().createMessageBuilder(); }, Throws<std::logic_error>());
+}
+
+TEST_F(MessageTest, MessageOfManyItemsLeavesWithoutTheRoomBehindThem) {
+  std::string expected;
+  auto builder = manager().createMessageBuilder();
+  for (int item = 0; item < 300; ++item) {
+    const std::string name(static_cast<std::size_t>(item % 50), 'n');
+    builder.add_string(name, "ab").add_MESS_header("SET", 0);
+    expected += Cstr(name, {"ab"}) + Mess("SET");
+  }
+  EXPECT_EQ(builder.size(), expected.size());
+  auto moved = std::move(builder);
+  moved.add_data("VALUES", std::vector<double>{1.5});
+  expected += Doub("VALUES", {1.5});
+  moved.send();
+  EXPECT_EQ(moved.size(), 0U);
+  EXPECT_EQ(ReadAsPeer(16 + expected.size()), Framed(expected));
 }
 
 TEST_F(MessageTest, StringIsAListOfOne) {

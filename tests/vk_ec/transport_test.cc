@@ -251,6 +251,7 @@ TEST_F(TransportTest, HugeTotalTakesNoMoreThanTheTrustedLengthBeforeItsBytesArri
   EXPECT_THAT([&] { transporter_.recv(buffer); },
               ThrowsMessage<std::runtime_error>("read: End of file"));
   EXPECT_LE(buffer.capacity(), RecvMessage::trusted_total);
+  EXPECT_EQ(RecvMessage::trusted_total, 67'108'864U);
   EXPECT_GT(buffer.size(), 0U);
 }
 
