@@ -14,7 +14,7 @@ namespace {
 class FirstPositions {
  public:
   explicit FirstPositions(const std::vector<std::string>& names)
-      : names_(names), slots_(std::bit_ceil(2 * names.size() + 1), NameLookup::npos) {
+      : names_(names), slots_(std::bit_ceil(2 * names.size()), NameLookup::npos) {
     for (std::size_t i = 0; i < names.size(); ++i) {
       std::size_t& slot = slots_[SlotOf(names[i])];
       if (slot == NameLookup::npos) slot = i;

@@ -354,6 +354,13 @@ TEST_F(SocketStringFormTest, WouldBlockBeforeAFrameGivesNothingWithLengthZero) {
   EXPECT_EQ(length_, 0);
 }
 
+TEST_F(SocketStringFormTest, WouldBlockInMidLengthLeavesTheLengthAsItStands) {
+  fcntl(socket_.handle(), F_SETFL, O_NONBLOCK);
+  PeerSends(Bytes("05 01"));
+  EXPECT_EQ(socket_.ReceiveLine(length_), "");
+  EXPECT_EQ(length_, 261);
+}
+
 TEST_F(SocketStringFormTest, EndOfTheConnectionIsNotTakenForAWait) {
   PeerSends(Bytes("05 00 00 00 61 62"));
   PeerCloses();
