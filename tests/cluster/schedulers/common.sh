@@ -63,12 +63,14 @@ started_at() {
   [[ ${fields[0]} != [ZX] ]] && echo "${fields[19]}"
 }
 
-# start NAME COMMAND...: starts a daemon that stays in the foreground, in a session of its own.
+# start NAME [VARIABLE=VALUE]... COMMAND...: starts a daemon that stays in the foreground, in a
+# session of its own. Of the environment, which some hand to their jobs, it sees only what is given.
 start() {
   local name=$1
   shift
-  setsid "$@" </dev/null >>"$dir/log/$name.out" 2>&1 &
+  setsid env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin LC_ALL=C "$@" </dev/null >>"$dir/log/$name.out" 2>&1 &
   echo "$! $(started_at $!)" >"$dir/pids/$name"
+  disown $!
 }
 
 # Process id of daemon $1, if it runs.
@@ -87,6 +89,13 @@ within() {
     sleep 0.05
   done
 }
+
+# comes_up SECONDS NAME COMMAND...: tries until the command succeeds, or daemon NAME has ended.
+comes_up() {
+  within "$1" succeeds_or_ended "${@:2}" && [[ -n $(daemon_pid "$2") ]]
+}
+
+succeeds_or_ended() { [[ -z $(daemon_pid "$1") ]] || "${@:2}"; }
 
 all_ended() {
   local pid
@@ -123,7 +132,7 @@ stop() {
 end_all() {
   local seconds=$1 round pids
   shift
-  for round in 1 2 3; do
+  for ((round = 0; round < 3; ++round)); do
     mapfile -t pids < <("$@" | sort -un)
     ((${#pids[@]})) || return 0
     end_processes "$seconds" "${pids[@]}"
