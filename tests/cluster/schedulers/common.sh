@@ -115,13 +115,14 @@ end_processes() {
   within 5 all_ended "$@"
 }
 
-# stop NAME...: ends these daemons.
+# stop SECONDS NAME...: ends these daemons, which have SECONDS to end by themselves.
 stop() {
-  local name pid pids=()
+  local seconds=$1 name pid pids=()
+  shift
   for name in "$@"; do
     pid=$(daemon_pid "$name") && pids+=("$pid")
   done
-  end_processes 5 "${pids[@]}"
+  end_processes "$seconds" "${pids[@]}"
   for name in "$@"; do
     rm -f "$dir/pids/$name"
   done
