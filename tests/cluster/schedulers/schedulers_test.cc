@@ -318,6 +318,18 @@ TEST_F(SlurmTest, TwoInstancesDoNotMeet) {
   EXPECT_EQ(one.State(job), "running");
 }
 
+TEST_F(SlurmTest, OrdinaryAccountBringsUpItsOwn) {
+  if (geteuid() != 0) GTEST_SKIP() << "root alone can be another account";
+  Instance site(Slurm(), "");
+  const std::string helper = "cd / && runuser -u nobody -- " + HelperOf(Slurm()) + " ";
+  const Outcome up = Shell(helper + "up " + site.directory());
+  ASSERT_EQ(up.status, 0) << up.output;
+  site.Submit("report", 4, "nobody");
+  EXPECT_THAT(site.Report("report"), StartsWith("nobody "));
+  EXPECT_EQ(Shell(helper + "down " + site.directory()).status, 0);
+  EXPECT_THAT(ProcessesWith(site.directory()), IsEmpty());
+}
+
 TEST_F(SlurmTest, FailureShowsTheLogAndLeavesNothing) {
   // More processors than Slurm can count.
   Instance site(Slurm(), "--cpus 70000");
