@@ -12,6 +12,7 @@ __attribute__((constructor)) static void LeaveOutChildren() {
   unsetenv("LD_PRELOAD");
 }
 
+// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name): the system's are reserved
 extern "C" int bind(int descriptor, const sockaddr* address, socklen_t length) {
   using Bind = int (*)(int, const sockaddr*, socklen_t);
   static const auto kNext = reinterpret_cast<Bind>(dlsym(RTLD_NEXT, "bind"));

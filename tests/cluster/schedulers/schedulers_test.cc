@@ -128,7 +128,13 @@ class Instance {
   }
   Instance(const Instance&) = delete;
   Instance& operator=(const Instance&) = delete;
-  ~Instance() { Helper("down"); }
+  ~Instance() {
+    try {
+      Helper("down");
+    } catch (...) {
+      // The next look for processes finds what is left.
+    }
+  }
 
   const TemporaryDirectory& files() const { return files_; }
   std::string directory() const { return files_.File("site"); }
