@@ -54,6 +54,18 @@ free_ports() {
   done
 }
 
+# Builds what binds the daemons to one address; start_listening uses it.
+build_one_address() {
+  "${CXX:-c++}" -O2 -shared -fPIC -Wall -Wextra -o "$dir/one_address.so" "$here/one_address.cc" \
+    >"$dir/log/build.out" 2>&1
+}
+
+# start_listening NAME ADDRESS [VARIABLE=VALUE]... COMMAND...: start, for a daemon that would listen
+# on all addresses of the machine. It listens on ADDRESS.
+start_listening() {
+  start "$1" LD_PRELOAD="$dir/one_address.so" LISTEN_ADDRESS="$2" "${@:3}"
+}
+
 # When process $1 started, in clock ticks since boot: with the id this names a process for good.
 # A zombie has ended.
 started_at() {

@@ -111,7 +111,7 @@ Outcome Shell(const std::string& command) {
   ChildProcess::Options options;
   options.outputFile = output.File("text");
   ChildProcess shell({"/bin/bash", "-c", command}, options);
-  const int status = shell.Wait(seconds(60)).value_or(-1);
+  const int status = shell.Wait(seconds(150)).value_or(-1);
   return {status, output.Read("text")};
 }
 
@@ -139,16 +139,26 @@ class Instance {
   const TemporaryDirectory& files() const { return files_; }
   std::string directory() const { return files_.File("site"); }
 
+  // From now on, for this instance alone, the host bears `name`, and /etc/hosts has `hosts` only.
+  // False when this machine does not let it.
+  bool NameHost(const std::string& name, const std::string& hosts) {
+    const std::string wrapper = files_.Write(
+        "renamed", "mount --bind " + files_.Write("hosts", "127.0.0.1 localhost\n" + hosts) +
+                       " /etc/hosts && hostname " + name + " && exec \"$@\"\n");
+    around_ = "unshare --uts --mount bash " + wrapper + " ";
+    return Shell(around_ + "true").status == 0;
+  }
+
   Outcome Up() { return Helper("up", kind_.options + " " + options_); }
 
   Outcome Helper(const std::string& command, const std::string& options = "") {
-    return Shell(HelperOf(kind_) + " " + command + " " + directory() + " " + options);
+    return Shell(around_ + HelperOf(kind_) + " " + command + " " + directory() + " " + options);
   }
 
   // Runs scheduler commands as `account`, or as this process's.
   Outcome Command(const std::string& command, const std::string& account = "") {
     const std::string file = files_.Write("command", ". " + directory() + "/env\n" + command);
-    return Shell("cd " + files_.path().string() + " && " +
+    return Shell("cd " + files_.path().string() + " && " + around_ +
                  (account.empty() ? "" : "runuser -u " + account + " -- ") + "bash " + file);
   }
 
@@ -193,6 +203,7 @@ class Instance {
  private:
   Kind kind_;
   std::string options_;
+  std::string around_;  // what runs the instance's commands, with a blank behind it
   TemporaryDirectory files_;
 };
 
@@ -291,6 +302,19 @@ TEST_P(SchedulerTest, GoesWithJobsThatWillNotAndComesAgainAsNew) {
   EXPECT_THAT(site->Report("again"), HasSubstr(site->files().path().string()));
 }
 
+// Debian's installer gives a host's name the address 127.0.1.1, and a full name to begin with.
+TEST_P(SchedulerTest, RunsOnAHostWithAnAddressAndAFullNameOfItsOwn) {
+  Instance site(GetParam(), "");
+  if (!site.NameHost("somehost", "127.0.1.1 somehost.example.org somehost\n")) {
+    GTEST_SKIP() << "the host cannot be renamed for a test";
+  }
+  const Outcome up = site.Up();
+  ASSERT_EQ(up.status, 0) << up.output;
+  const std::string job = site.Submit("report");
+  EXPECT_TRUE(site.Becomes(job, "running"));
+  EXPECT_THAT(site.Report("report"), HasSubstr(site.files().path().string()));
+}
+
 INSTANTIATE_TEST_SUITE_P(Of, SchedulerTest, testing::Values(Slurm(), Torque(), GridEngine()),
                          [](const auto& test) { return test.param.name; });
 
@@ -310,6 +334,15 @@ TEST_F(SlurmTest, NodesOfOneMachineHaveNamesThatDoNotResolve) {
   const std::string job = site.Command("sbatch --parsable --nodes=2 --wrap 'sleep 600'").output;
   ASSERT_TRUE(site.Becomes(job.substr(0, job.find('\n')), "running"));
   EXPECT_EQ(site.Command("squeue --noheader --format='%N %B'").output, "n[1-2] n1\n");
+}
+
+TEST_F(SlurmTest, HostsNameNeedNotResolve) {
+  Instance site(Slurm(), "");
+  if (!site.NameHost("somehost", "")) GTEST_SKIP() << "the host cannot be renamed for a test";
+  const Outcome up = site.Up();
+  ASSERT_EQ(up.status, 0) << up.output;
+  EXPECT_EQ(site.Command("sinfo --noheader --format=%N").output, "somehost\n");
+  EXPECT_TRUE(site.Becomes(site.Submit("report"), "running"));
 }
 
 TEST_F(SlurmTest, TwoInstancesDoNotMeet) {
