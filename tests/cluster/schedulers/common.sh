@@ -41,11 +41,12 @@ listens() {
   grep -qsE "^ *[0-9]+: [0-9A-F]+:$port [0-9A-F]+:0000 0A " /proc/net/tcp /proc/net/tcp6
 }
 
-# The first of $1 ports in a row that nothing listens on, below those that the kernel hands out.
+# The first of $1 ports in a row that nothing listens on, below those that tests give to daemons and
+# the kernel to whoever asks.
 free_ports() {
   local first offset
   while true; do
-    first=$((10000 + RANDOM % 20000))
+    first=$((3000 + RANDOM % 6900))
     for ((offset = 0; offset < $1; ++offset)); do
       listens $((first + offset)) && continue 2
     done
