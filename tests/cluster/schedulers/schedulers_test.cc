@@ -10,6 +10,8 @@
 #include <iterator>
 #include <memory>
 #include <ostream>
+#include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -23,8 +25,10 @@ namespace {
 
 namespace fs = std::filesystem;
 using std::chrono::seconds;
+using testing::Each;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Not;
 using testing::StartsWith;
 
 struct Outcome {
@@ -87,13 +91,42 @@ const Kind& GridEngine() {
   return kind;
 }
 
-// Of every process that still runs and has `text` in its command line or its environment.
-std::vector<std::string> ProcessesWith(const std::string& text) {
+// The addresses, as /proc/net/tcp has them, on which the process listens.
+std::vector<std::string> ListensOn(pid_t pid) {
+  std::set<std::string> sockets;
+  for (const auto& entry : fs::directory_iterator("/proc/" + std::to_string(pid) + "/fd")) {
+    std::error_code gone;
+    const std::string target = fs::read_symlink(entry.path(), gone);
+    if (target.starts_with("socket:[")) sockets.insert(target.substr(8, target.size() - 9));
+  }
+  std::vector<std::string> addresses;
+  std::ifstream table("/proc/net/tcp");
+  for (std::string line; std::getline(table, line);) {
+    std::istringstream words(line);
+    const std::vector<std::string> word{std::istream_iterator<std::string>(words), {}};
+    if (word.size() > 9 && word[3] == "0A" && sockets.contains(word[9])) {
+      addresses.push_back(word[1].substr(0, 8));
+    }
+  }
+  return addresses;
+}
+
+struct Process {
+  pid_t pid;
+  std::string command;
+};
+
+void PrintTo(const Process& process, std::ostream* out) {
+  *out << process.command;
+}
+
+// Every process that still runs and has `text` in its command line or its environment.
+std::vector<Process> ProcessesWith(const std::string& text) {
   const auto read = [](const fs::path& file) {
     std::ifstream in(file, std::ios::binary);
     return std::string{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
   };
-  std::vector<std::string> commands;
+  std::vector<Process> processes;
   for (const fs::directory_entry& entry : fs::directory_iterator("/proc")) {
     const std::string pid = entry.path().filename();
     if (pid.find_first_not_of("0123456789") != std::string::npos) continue;
@@ -101,9 +134,9 @@ std::vector<std::string> ProcessesWith(const std::string& text) {
     if ((command + read(entry.path() / "environ")).find(text) == std::string::npos) continue;
     if (!IsRunning(std::stoi(pid))) continue;
     std::ranges::replace(command, '\0', ' ');
-    commands.push_back(command);
+    processes.push_back({std::stoi(pid), command});
   }
-  return commands;
+  return processes;
 }
 
 Outcome Shell(const std::string& command) {
@@ -300,6 +333,16 @@ TEST_P(SchedulerTest, GoesWithJobsThatWillNotAndComesAgainAsNew) {
   ASSERT_EQ(up.status, 0) << up.output;
   EXPECT_EQ(site->Submit("again"), first);
   EXPECT_THAT(site->Report("again"), HasSubstr(site->files().path().string()));
+}
+
+TEST_P(SchedulerTest, ListensOnOneAddressOfTheMachineOnly) {
+  const auto site = Start();
+  std::vector<std::string> addresses;
+  for (const Process& process : ProcessesWith(site->directory())) {
+    std::ranges::copy(ListensOn(process.pid), std::back_inserter(addresses));
+  }
+  EXPECT_EQ(addresses.size(), 2U);  // the controller and the node
+  EXPECT_THAT(addresses, Each(Not("00000000")));
 }
 
 // Debian's installer gives a host's name the address 127.0.1.1, and a full name to begin with.
