@@ -200,7 +200,11 @@ cancel_job() {
       # The submission may have gone through though it failed.
       if find_job && [[ -z $job ]]; then return; fi
     fi
-    if [[ -n $job ]] && cancel; then return; fi
+    if [[ -n $job ]]; then
+      ! cancel || return
+      # Some fail for a job that has just ended.
+      if query && [[ $state == absent || $state == ended ]]; then return; fi
+    fi
     ((SECONDS - since < silence_seconds)) || return
     idle "$interval"
     back_off

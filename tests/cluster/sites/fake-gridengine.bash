@@ -1,0 +1,6 @@
+# shellcheck shell=bash disable=SC2034,SC2154,SC2086  # variables are shared with the cases
+dialect=gridengine
+script=gridengine
+# shellcheck source=/dev/null
+source "$cluster_tests/sites/fake.bash"
+settings() { echo 'JOBMILL_PARALLEL_ENVIRONMENT smp'; }

@@ -1,0 +1,5 @@
+# shellcheck shell=bash disable=SC2034,SC2154,SC2086  # variables are shared with the cases
+dialect=htcondor
+script=htcondor
+# shellcheck source=/dev/null
+source "$cluster_tests/sites/fake.bash"

@@ -1,0 +1,19 @@
+# shellcheck shell=bash disable=SC2034,SC2154,SC2086  # variables are shared with the cases
+# A stand-in for the scheduler of $dialect.
+site_available() { command -v python3 >/dev/null || { echo "not installed: python3"; return 77; }; }
+site_up() { "$fake" up "$site_directory" "$dialect"; }
+site_down() { "$fake" down "$site_directory"; }
+behave() { "$fake" set "$site_directory" "$1" "$2"; }
+jobs() { "$fake" jobs "$site_directory"; }
+occupy() { behave busy 4; }
+release() { behave busy 0; }
+stop_scheduler() { behave down 1; }
+start_scheduler() { behave down 0; }
+cancel() {
+  case $dialect in
+    slurm) scancel "$1" ;;
+    lsf) bkill "$1" ;;
+    htcondor) condor_rm "$1" ;;
+    *) qdel "$1" ;;
+  esac
+}

@@ -1,0 +1,239 @@
+#!/usr/bin/env bats
+# What a scheduler can do to a script, over every stand-in: the script alone, without a daemon.
+# shellcheck disable=SC2154  # variables of support.bash
+
+setup_file() {
+  load support.bash
+  local why
+  if why=$(site_available); then
+    site_up
+  else
+    export MISSING=$why
+  fi
+}
+
+teardown_file() {
+  load support.bash
+  [[ -n ${MISSING:-} ]] || site_down
+}
+
+setup() {
+  [[ -z ${MISSING:-} ]] || skip "$MISSING"
+  load support.bash
+  prepare
+  comms=$(free_ports)
+}
+
+teardown() {
+  [[ -z ${work:-} ]] || {
+    [[ -n $BATS_TEST_COMPLETED ]] || cat "$work/out" "$work"/data/*.out 2>/dev/null || true
+    local key
+    for key in delay fail hang down stillborn held lost requeue busy forget; do behave "$key" 0; done
+    behave hosts ''
+    behave address ''
+    tidy_up
+  }
+}
+
+# start_script [SETTING=VALUE]...: as the jobmill does; what it prints is in $work/out.
+start_script() {
+  env HOME=/nowhere USER=nobody LOGNAME=nobody JOBMILL_SIMULATOR="$programs/vksim" \
+    JOBMILL_POLL_SECONDS=1 JOBMILL_GRACE_SECONDS=1 JOBMILL_COMMAND_SECONDS=5 "$@" \
+    "$root_directory/deploy/scripts/$script" 1 "$work/data" TENWELLS "$comms" 0 \
+    >"$work/out" 2>"$work/err" </dev/null 3>&- 4>&- &
+  launched=$!
+}
+
+printed() { grep -qE "$1" "$work/out"; }
+submitted() { eventually 10 printed ' is submitted$'; }
+runs() { eventually 20 printed '^HOST='; }
+host() { sed -n 's/^HOST=//p' "$work/out"; }
+ends() { eventually 20 gone "$launched"; }
+fails() {
+  local status=0
+  wait "$launched" || status=$?
+  ((status == 1))
+  never printed '^HOST='
+  no_leftovers
+  eventually 10 no_jobs
+}
+
+@test "JobThatNeverStartsIsGivenUp" {
+  behave delay -1
+  start_script JOBMILL_QUEUE_SECONDS=2
+  fails
+  printed 'has waited for 2 s and is given up$'
+}
+
+@test "JobThatStartsLateIsWaitedFor" {
+  behave delay 3
+  start_script
+  runs
+  ((SECONDS >= 3))
+}
+
+@test "JobThatDiesAtOnceIsExplained" {
+  behave stillborn 1
+  start_script
+  fails
+  printed "^$script: job .* was ended while it waited"
+}
+
+@test "HeldJobIsExplainedAndCancelled" {
+  behave held 1
+  start_script
+  fails
+  printed "^$script: job .* is held: .+"
+}
+
+@test "CommandsThatFailAreRepeated" {
+  behave delay 2
+  start_script
+  submitted
+  behave fail 2
+  runs
+  [[ $(jobs | wc -l) == 1 ]]
+}
+
+@test "CommandThatHangsSaysNothingAboutTheJob" {
+  behave delay 2
+  start_script JOBMILL_COMMAND_SECONDS=1
+  submitted
+  behave hang 1
+  runs
+}
+
+@test "SubmissionThatFailsIsRepeated" {
+  behave fail 1
+  start_script
+  runs
+  printed 'could not be submitted .*, trying again$'
+  [[ $(jobs | wc -l) == 1 ]]
+}
+
+@test "SubmissionThatNeverSucceedsIsExplained" {
+  behave down 1
+  start_script JOBMILL_SILENCE_SECONDS=1
+  local status=0
+  wait "$launched" || status=$?
+  ((status == 1))
+  printed 'the job could not be submitted: .+'
+  behave down 0
+  no_jobs
+}
+
+@test "SubmissionWithoutAnAnswerIsFoundByItsName" {
+  behave lost 1
+  start_script
+  runs
+  [[ $(jobs | wc -l) == 1 ]]
+}
+
+@test "SilentSchedulerEndsTheWait" {
+  behave delay -1
+  start_script JOBMILL_SILENCE_SECONDS=3
+  submitted
+  behave down 1
+  local status=0
+  wait "$launched" || status=$?
+  ((status == 1))
+  printed 'nothing was heard of job .* for 3 s'
+  # Nobody waits for it any more: when the scheduler comes back, it ends as soon as it starts.
+  behave down 0
+  no_leftovers
+}
+
+@test "RunThatIsPutBackIntoTheQueueIsCancelled" {
+  start_script
+  runs
+  behave requeue 1
+  ends
+  behave requeue 0
+  no_leftovers
+  eventually 10 no_jobs
+}
+
+@test "JobThatIsNotKnownAnyMoreHasEnded" {
+  behave forget 1
+  start_script
+  runs
+  kill -KILL "$(simulators)"
+  ends
+  no_leftovers
+}
+
+@test "SchedulerThatIsDownEndsNoRun" {
+  start_script
+  runs
+  behave down 1
+  sleep 4
+  kill -0 "$launched"
+  behave down 0
+  kill -KILL "$(simulators)"
+  ends
+}
+
+@test "OneQueryIsMadeInAnInterval" {
+  behave delay -1
+  start_script JOBMILL_POLL_SECONDS=2
+  submitted
+  local before
+  before=$("$fake" count "$site_directory")
+  sleep 6
+  (($("$fake" count "$site_directory") - before <= 4))
+}
+
+@test "FirstNodeOfEveryHostListIsTaken" {
+  local list here
+  here=$(uname -n)
+  while read -r list; do
+    behave hosts "${list//HERE/$here}"
+    start_script
+    runs
+    [[ $(host) == "$here" ]]
+    kill "$launched"
+    ends
+    eventually 10 no_jobs
+  done < <(host_lists)
+}
+host_lists() {
+  case $dialect in
+    slurm) echo HERE ;;
+    openpbs) printf '%s\n' 'HERE/0*2+other/0*2' 'HERE/0' ;;
+    torque) printf '%s\n' 'HERE/0-3+other/0-3' "HERE/0$(printf '+HERE/%s' {1..40})" ;;
+    lsf) printf '%s\n' '2*HERE:3*other' 'HERE:HERE:other' ;;
+    gridengine) printf '%s\n' 'a.rather.long.name.of.a.queue@HERE' ;;
+    htcondor) printf '%s\n' 'slot1_2@HERE' 'HERE' ;;
+  esac
+}
+
+@test "NodeWhoseNameDoesNotResolveIsReachedAllTheSame" {
+  case $dialect in
+    gridengine) behave hosts all.q@no-such-node.invalid ;;
+    *) behave hosts no-such-node.invalid ;;
+  esac
+  behave address 127.0.0.1
+  start_script
+  runs
+  case $dialect in
+    slurm | htcondor) [[ $(host) == 127.0.0.1 ]] ;;
+    # No address from the scheduler: the name that the node bears.
+    *) [[ $(host) == "$(uname -n)" ]] ;;
+  esac
+}
+
+@test "ScriptDiesWithoutItsControllerAndTakesTheJobAlong" {
+  # The stand-in for the controller.
+  cat >"$work/controller" <<'CONTROLLER'
+"$@" >"$out" 2>&1 &
+sleep 60
+CONTROLLER
+  out=$work/out JOBMILL_SIMULATOR=$programs/vksim JOBMILL_POLL_SECONDS=1 JOBMILL_GRACE_SECONDS=1 \
+    bash "$work/controller" "$root_directory/deploy/scripts/$script" 1 "$work/data" TENWELLS "$comms" 0 \
+    </dev/null 3>&- 4>&- &
+  launched=$!
+  runs
+  kill -KILL "$launched"
+  eventually 10 no_jobs
+  eventually 10 no_leftovers
+}
