@@ -158,7 +158,7 @@ read_settings() {
 # fails, $complaint says why in one line. It reads $input, when that names a file. Files rather than
 # pipes: what a command leaves running in the background would keep a pipe open.
 ask() {
-  timeout --kill-after=2 "$command_seconds" env LC_ALL=C "$@" <"${input:-/dev/null}" \
+  LC_ALL=C timeout --kill-after=2 "$command_seconds" "$@" <"${input:-/dev/null}" \
     >"$scratch/answer" 2>"$scratch/complaint" {never}>&-
   local status=$?
   answer=$(<"$scratch/answer")

@@ -25,6 +25,7 @@ teardown() {
 
 # start_script ROOT [SETTING=VALUE]...
 start_script() {
+  rm -f "$work/out"
   env HOME=/nowhere USER=nobody LOGNAME=nobody JOBMILL_SIMULATOR="$programs/vksim" \
     JOBMILL_POLL_SECONDS=1 JOBMILL_GRACE_SECONDS=1 "${@:2}" \
     "$root_directory/deploy/scripts/$script" 2 "${data:-$work/data}" "$1" "$comms" "${debug:-0}" \

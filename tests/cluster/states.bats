@@ -37,6 +37,7 @@ teardown() {
 
 # start_script [SETTING=VALUE]...: as the jobmill does; what it prints is in $work/out.
 start_script() {
+  rm -f "$work/out"
   env HOME=/nowhere USER=nobody LOGNAME=nobody JOBMILL_SIMULATOR="$programs/vksim" \
     JOBMILL_POLL_SECONDS=1 JOBMILL_GRACE_SECONDS=1 JOBMILL_COMMAND_SECONDS=5 "$@" \
     "$root_directory/deploy/scripts/$script" 1 "$work/data" TENWELLS "$comms" 0 \
@@ -104,7 +105,8 @@ fails() {
 }
 
 @test "SubmissionThatFailsIsRepeated" {
-  behave fail 1
+  # One more when the script has to find the dialect out.
+  if [[ $script == pbs ]]; then behave fail 2; else behave fail 1; fi
   start_script
   runs
   printed 'could not be submitted .*, trying again$'

@@ -23,9 +23,10 @@ settings() { :; }
 # shellcheck source=/dev/null
 source "$cluster_tests/sites/${SITE:?which site?}.bash"
 
-# eventually SECONDS COMMAND...: tries until the command succeeds; says so when it never does.
+# eventually SECONDS COMMAND...: tries until the command succeeds; says so when it never does. The
+# machine may have a lot else to do: three times the time that it should take.
 eventually() {
-  local end=$((SECONDS + $1))
+  local end=$((SECONDS + 3 * $1))
   shift
   until "$@"; do
     if ((SECONDS > end)); then
@@ -45,11 +46,12 @@ listens() {
   grep -qsE "^ *[0-9]+: [0-9A-F]+:$port [0-9A-F]+:0000 0A " /proc/net/tcp /proc/net/tcp6
 }
 
-# The first of 20 ports that nothing listens on. Other sites look for theirs at the same time.
+# The first of 20 ports that nothing listens on, below those that the kernel hands out. Other sites
+# look for theirs at the same time.
 free_ports() {
   local first offset
   while true; do
-    first=$((10000 + SRANDOM % 20000))
+    first=$((10000 + SRANDOM % 5900))
     for ((offset = 0; offset < 20; ++offset)); do
       if listens $((first + offset)); then continue 2; fi
     done
@@ -60,10 +62,10 @@ free_ports() {
 
 # The processes whose command line holds $1.
 processes_with() {
-  local file
+  local file name
   grep -lsaF -- "$1" /proc/[0-9]*/cmdline | while IFS=/ read -r _ _ file _; do
-    # grep has found itself, too.
-    [[ $(cat "/proc/$file/comm" 2>/dev/null) == grep ]] || echo "$file"
+    # grep has found itself, too, and may have ended.
+    if read -r name 2>/dev/null <"/proc/$file/comm" && [[ $name != grep ]]; then echo "$file"; fi
   done
 }
 
@@ -74,8 +76,8 @@ simulators() {
   done
 }
 
-children() { tr -d ' ' 2>/dev/null <"/proc/$1/task/$1/children"; }  # of one child at most
-no_children() { [[ -z $(children "$1") ]]; }
+children() { pgrep -P "$1"; }
+no_children() { ! pgrep -P "$1" >/dev/null; }
 gone() { ! kill -0 "$1" 2>/dev/null; }
 
 no_jobs() { [[ -z $(jobs) ]]; }
@@ -165,6 +167,6 @@ no_leftovers() { ! compgen -G "$work/data/vk_*" >/dev/null; }
 nothing_runs() {
   local pid
   for pid in $(processes_with "$work/data"); do
-    grep -qsaF 'vkmaster' "/proc/$pid/cmdline" || return 1
+    [[ $(cat "/proc/$pid/comm" 2>/dev/null) == vkmaster ]] || return 1
   done
 }
