@@ -78,7 +78,7 @@ simulators() {
 
 children() { pgrep -P "$1"; }
 no_children() { ! pgrep -P "$1" >/dev/null; }
-gone() { ! kill -0 "$1" 2>/dev/null; }
+gone() { ! is_child "$1" || grep -q '^State:.Z' "/proc/$1/status"; }
 
 no_jobs() { [[ -z $(jobs) ]]; }
 one_job() { [[ $(jobs) =~ ^[0-9.]+$ ]]; }
@@ -94,10 +94,18 @@ prepare() {
   daemon='' launched=''
 }
 
+# Whether $1 is a child of this shell. A number that was waited for may be somebody else's by now.
+is_child() {
+  local stat parent
+  [[ -n $1 ]] && read -r stat 2>/dev/null <"/proc/$1/stat" || return
+  read -r _ parent _ <<<"${stat##*) }"
+  [[ $parent == "$BASHPID" ]]
+}
+
 tidy_up() {
   local pid
-  [[ -z $launched ]] || kill "$launched" 2>/dev/null || true
-  [[ -z $daemon ]] || kill -TERM -- "-$daemon" 2>/dev/null || true
+  ! is_child "$launched" || kill "$launched"
+  ! is_child "$daemon" || kill -TERM -- "-$daemon"
   release 2>/dev/null || true
   start_scheduler 2>/dev/null || true
   for pid in $(jobs 2>/dev/null); do cancel "$pid" >/dev/null 2>&1 || true; done
