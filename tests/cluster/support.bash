@@ -46,14 +46,22 @@ listens() {
   grep -qsE "^ *[0-9]+: [0-9A-F]+:$port [0-9A-F]+:0000 0A " /proc/net/tcp /proc/net/tcp6
 }
 
-# The first of 20 ports that nothing listens on, below those that the kernel hands out. Other sites
-# look for theirs at the same time.
+# Whether anything at all has to do with port $1 of this machine: for a minute after its last
+# connection nobody can listen on a port.
+in_use() {
+  local port
+  printf -v port '%04X' "$1"
+  grep -qsE "^ *[0-9]+: [0-9A-F]+:$port " /proc/net/tcp /proc/net/tcp6
+}
+
+# The first of 20 ports that nobody uses, below those that the kernel hands out. Other sites look for
+# theirs at the same time.
 free_ports() {
   local first offset
   while true; do
-    first=$((10000 + SRANDOM % 5900))
+    first=$((10000 + SRANDOM % 22000))
     for ((offset = 0; offset < 20; ++offset)); do
-      if listens $((first + offset)); then continue 2; fi
+      if in_use $((first + offset)); then continue 2; fi
     done
     echo "$first"
     return
