@@ -254,11 +254,12 @@ write_job() {
   job_name=vk_${readable:0:6}_$token
   job_file=${data%/}/$job_name.job
   report=${data%/}/$job_name.host
-  : >"$report" 2>/dev/null || { report=; give_up "account $(id -un) cannot write to '$data'"; }
+  # Never over a link that somebody has put there.
+  (set -C && : >"$report") 2>/dev/null || { report=; give_up "account $(id -un) cannot write to '$data'"; }
   : >"$output" || give_up "cannot write '${data%/}/$output'"
   simulator_arguments
   # The variables are nobody else's business.
-  (umask 077 && : >"$job_file")
+  (set -C && umask 077 && : >"$job_file")
   {
     printf '#!/bin/bash\n# A run of the jobmill. Removed when it is over.\n'
     exported_variables

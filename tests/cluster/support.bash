@@ -54,12 +54,11 @@ in_use() {
   grep -qsE "^ *[0-9]+: [0-9A-F]+:$port " /proc/net/tcp /proc/net/tcp6
 }
 
-# The first of 20 ports that nobody uses, below those that the kernel hands out. Other sites look for
-# theirs at the same time.
+# The first of 20 ports that nobody uses. Other sites look for theirs at the same time.
 free_ports() {
   local first offset
   while true; do
-    first=$((10000 + SRANDOM % 22000))
+    first=$((${first_port:-10000} + SRANDOM % 680))
     for ((offset = 0; offset < 20; ++offset)); do
       if in_use $((first + offset)); then continue 2; fi
     done
