@@ -97,8 +97,14 @@ SETTINGS
 
 @test "AccountAndDirectoryAreThoseOfTheDatabase" {
   curious_simulator
-  start_script TENWELLS JOBMILL_SIMULATOR="$work/curious"
+  # The scheduler's commands see them as the script has set them.
+  printf '#!/bin/bash\nenv >"%s"\nexec "%s" "$@"\n' "$work/submission" "$(command -v sbatch)" >"$work/bin/sbatch"
+  chmod +x "$work/bin/sbatch"
+  start_script TENWELLS JOBMILL_SIMULATOR="$work/curious" PATH="$work/bin:$PATH"
   runs
+  grep -qx "HOME=$(getent passwd "$(id -u)" | cut -d: -f6)" "$work/submission"
+  grep -qx "USER=$(id -un)" "$work/submission"
+  grep -qx "LOGNAME=$(id -un)" "$work/submission"
   local entry
   IFS=: read -r -a entry < <(getent passwd "$(id -u)")
   grep -qx "HOME=${entry[5]}" "$work/seen"
@@ -116,6 +122,16 @@ SETTINGS
   grep -qx 'LICENCE=1700@head' "$work/seen"
   # Of another job.
   never grep -q '^SLURM_JOB_ID=7' "$work/seen"
+}
+
+@test "SimulatorTakesThePlaceOfTheJob" {
+  start_script TENWELLS
+  runs
+  local pid
+  for pid in $(processes_with "$site_directory/"); do
+    [[ $(cat "/proc/$pid/comm") != bash ]]
+  done
+  [[ $(simulators | wc -l) == 1 ]]
 }
 
 @test "NoDescriptorsArePassedOn" {

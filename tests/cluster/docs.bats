@@ -46,7 +46,9 @@ blocks() {
     blocks ''
     # Simulators on this machine, on its loopback interface only.
     echo "sed -i 's/0\\.0\\.0\\.0/127.0.0.1/' $work/opt/jobmill/bin/vksim-node"
-    blocks "$script"
+    # Whoever types is slower than a daemon that starts.
+    declare -f listens
+    blocks "$script" | sed "s|^vkmaster |until listens $port; do sleep 0.1; done; &|"
     blocks any
     # The script of one's own.
     echo "echo MINE"
