@@ -95,6 +95,7 @@ one_more_job() { (($(jobs | wc -l) > $1)); }
 prepare() {
   work=$(mktemp -d "${TMPDIR:-/tmp}/jobmill-case.XXXXXX")
   mkdir "$work/data" "$work/bin"
+  export TMPDIR=$work
   cp "$examples"/*.afi "$work/data"
   # shellcheck disable=SC1091
   [[ ! -e $site_directory/env ]] || source "$site_directory/env"

@@ -9,7 +9,7 @@ site_available() {
   fi
 }
 site_up() {
-  local port=$1 d=$site_directory
+  local port d=$site_directory
   port=$(free_ports)
   mkdir -p "$d" /run/sshd
   ssh-keygen -q -t ed25519 -N '' -f "$d/host_key"
@@ -40,9 +40,14 @@ CONF
   echo "$port" >"$d/port"
   start_scheduler
 }
-sshd_pid() { cat "$site_directory/sshd.pid" 2>/dev/null; }
+# Its process, as long as it is this one: the number may be somebody else's by now.
+sshd_pid() {
+  local pid
+  read -r pid 2>/dev/null <"$site_directory/sshd.pid" &&
+    grep -qsaF "$site_directory/sshd_config" "/proc/$pid/cmdline" && echo "$pid"
+}
 start_scheduler() {
-  [[ -z $(sshd_pid) ]] || gone "$(sshd_pid)" || return 0
+  [[ -z $(sshd_pid) ]] || return 0
   setsid /usr/sbin/sshd -D -e -f "$site_directory/sshd_config" </dev/null >>"$site_directory/log" 2>&1 3>&- 4>&- &
   echo $! >"$site_directory/sshd.pid"
   eventually 5 listens "$(<"$site_directory/port")"
