@@ -50,6 +50,23 @@ TEST(LocalScriptTest, MissingDataDirectoryAndSimulatorAreExplained) {
   EXPECT_THAT(site.daemon().Logged(), HasSubstr("local: there is no data directory '"));
 }
 
+TEST(LocalScriptTest, OutputOfAFailedSimulatorIsNoHostLine) {
+  Site site;
+  const std::string liar = site.data().Write("liar", "#!/bin/bash\necho HOST=elsewhere\nexit 3\n");
+  chmod(liar.c_str(), 0755);
+  Site deceived({"JOBMILL_SIMULATOR=" + liar});
+  EXPECT_EQ(deceived.RefusalOf("CASE"), "No host detected");
+  EXPECT_THAT(deceived.daemon().Logged(), HasSubstr("  HOST=elsewhere\n"));
+  EXPECT_THAT(deceived.daemon().Logged(), HasSubstr("local: the simulator ended with status 3"));
+}
+
+TEST(LocalScriptTest, SettingWithoutSenseIsExplained) {
+  Site site({"JOBMILL_GRACE_SECONDS=soon"});
+  EXPECT_EQ(site.RefusalOf("CASE"), "No host detected");
+  EXPECT_THAT(site.daemon().Logged(), HasSubstr("local: JOBMILL_GRACE_SECONDS is 'soon', but has "
+                                                "to be a whole number from 0 to 99999999\n"));
+}
+
 TEST(LocalScriptTest, TakenCommsPortIsExplained) {
   const Descriptor taken = BindFreePort(1);
   const std::string port = std::to_string(PortOf(taken.get()));
