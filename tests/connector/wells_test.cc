@@ -103,6 +103,11 @@ TYPED_TEST(WellsTest, VariableThatTheSimulatorDropsIsNamed) {
     this->connector_.GetWellVariables("P1", {"X", "WATER_CUT"}, values);
   }),
             "Unexpected answer when querying WATER_CUT");
+  this->AnswerQuery(wire::Cstr("QITEMS", {"X"}) + this->Row("P1", {1}));
+  EXPECT_EQ(this->FailureOf([&] {
+    this->connector_.GetWellVariables("P1", {"WATER_CUT", "X"}, values);
+  }),
+            "Unexpected answer when querying WATER_CUT");
 }
 
 TYPED_TEST(WellsTest, VariablesInAnotherOrderOrBesideOthersFail) {
