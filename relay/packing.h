@@ -43,6 +43,9 @@ template <class List>
 std::vector<List> UnPackGroups(getbuf& fields, List (*unPack)(getbuf&, int)) {
   const auto groups = UnPack<int>(fields);
   std::vector<List> lists;
-  for (int group = 0; group < groups; ++group) lists.push_back(unPack(fields, UnPack<int>(fields)));
+  for (int group = 0; group < groups; ++group) {
+    const auto n = UnPack<int>(fields);
+    lists.push_back(unPack(fields, n));
+  }
   return lists;
 }
