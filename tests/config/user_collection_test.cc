@@ -42,6 +42,10 @@ class UserCollectionTest : public testing::Test {
   char error_[CVKUserCollection::kErrorSize] = "untouched";
 };
 
+TEST_F(UserCollectionTest, ErrorsHave2048Characters) {
+  EXPECT_EQ(CVKUserCollection::kErrorSize, 2048);
+}
+
 TEST_F(UserCollectionTest, NobodyIsAllowedWhoIsNotSaidToBe) {
   EXPECT_EQ(CVKUser().allow, 0);
 }
