@@ -115,6 +115,6 @@ class ConnectorBase {
 
   virtual bool SimulationEnded() = 0;
 
-  /// Whether the simulator sent a large answer, above a mebibyte, since the last call.
+  /// Whether the simulator sent a large answer, above eight mebibytes, since the last call.
   virtual bool TookLargeAnswer() { return false; }
 };

@@ -170,10 +170,9 @@ TEST(LoadTest, ManyRequestsLeaveTheControllerAsItWas) {
 
 TEST(LoadTest, LargeAnswersAreGivenBack) {
   Report report;
-  Volume({.bytes = (128UL << 20) / kSlowness,
-          .answer = (16UL << 20) / kSlowness,
-          .small_answers = 256 / kSlowness},
-         report);
+  Volume(
+      {.bytes = (128UL << 20) / kSlowness, .answer = 16UL << 20, .small_answers = 256 / kSlowness},
+      report);
   EXPECT_THAT(report.failures(), IsEmpty());
 }
 

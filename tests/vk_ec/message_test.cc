@@ -198,25 +198,25 @@ TEST_F(DecoderTest, FinalizeKeepsAUsualBufferAndGivesBackAHugeOne) {
   usual.finalize();
   EXPECT_EQ(message_.capacity(), capacity);
 
-  auto huge = Decode(Cstr("TEXT", {std::string(2 << 20, 'x')}));
+  auto huge = Decode(Cstr("TEXT", {std::string(16 << 20, 'x')}));
   huge.get_header_and_data<std::string>("TEXT");
   huge.finalize();
-  EXPECT_LE(message_.capacity(), 1U << 20);
+  EXPECT_LE(message_.capacity(), 8U << 20);
 }
 
 TEST_F(DecoderTest, BufferOfAByteMoreThanTheKeptSizeIsGivenBack) {
-  auto decoder = Decode(Cstr("T", {std::string((1 << 20) - 21, 'x')}));
+  auto decoder = Decode(Cstr("T", {std::string((8 << 20) - 21, 'x')}));
   decoder.get_header_and_data<std::string>("T");
   decoder.finalize();
   EXPECT_EQ(message_.capacity(), 0U);
 }
 
 TEST_F(DecoderTest, BufferOfExactlyTheKeptSizeIsKept) {
-  auto decoder = Decode(Cstr("T", {std::string((1 << 20) - 22, 'x')}));
-  ASSERT_EQ(message_.capacity(), 1U << 20);
+  auto decoder = Decode(Cstr("T", {std::string((8 << 20) - 22, 'x')}));
+  ASSERT_EQ(message_.capacity(), 8U << 20);
   decoder.get_header_and_data<std::string>("T");
   decoder.finalize();
-  EXPECT_EQ(message_.capacity(), 1U << 20);
+  EXPECT_EQ(message_.capacity(), 8U << 20);
 }
 
 TEST_F(DecoderTest, EveryKindOfDataIsReadBack) {
@@ -486,9 +486,9 @@ TEST_F(MessageTest, LargeMessageIsToldOnce) {
     decoder.get_header();
     decoder.finalize();
   };
-  receive(130'000);  // just below a mebibyte
+  receive(1'048'000);  // just below eight mebibytes
   EXPECT_FALSE(manager().take_large());
-  receive(132'000);
+  receive(1'049'000);
   receive(1);
   EXPECT_TRUE(manager().take_large());
   EXPECT_FALSE(manager().take_large());
