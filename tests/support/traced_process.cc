@@ -50,11 +50,15 @@ long StoppedProcess::Call(long number, const std::array<long, 3>& arguments) {
   now.rdi = static_cast<std::uint64_t>(arguments[0]);
   now.rsi = static_cast<std::uint64_t>(arguments[1]);
   now.rdx = static_cast<std::uint64_t>(arguments[2]);
-  if (ptrace(PTRACE_SETREGS, pid_, nullptr, &now) != 0 ||
-      ptrace(PTRACE_SINGLESTEP, pid_, nullptr, nullptr) != 0 || !WaitForStop(pid_) ||
-      ptrace(PTRACE_GETREGS, pid_, nullptr, &now) != 0) {
-    return -ESRCH;
-  }
+  if (ptrace(PTRACE_SETREGS, pid_, nullptr, &now) != 0) return -ESRCH;
+  const auto before = now.rip;
+  // A signal, of a script that ends just then, stops the process before its step.
+  do {
+    if (ptrace(PTRACE_SINGLESTEP, pid_, nullptr, nullptr) != 0 || !WaitForStop(pid_) ||
+        ptrace(PTRACE_GETREGS, pid_, nullptr, &now) != 0) {
+      return -ESRCH;
+    }
+  } while (now.rip == before);
   return static_cast<long>(now.rax);
 }
 
