@@ -100,24 +100,27 @@ bool ReceiveAll(int descriptor, size_t size) {
   return true;
 }
 
-int Listen(int port) {
-  const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+sockaddr_in Loopback(int port) {
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   address.sin_port = htons(static_cast<uint16_t>(port));
-  Check(bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0, "bind");
+  return address;
+}
+
+int Listen(int port) {
+  const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const sockaddr_in address = Loopback(port);
+  Check(bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0, "bind");
   Check(listen(listener, 500) == 0, "listen");
   return listener;
 }
 
 int Connect(int port) {
   const int link = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  address.sin_port = htons(static_cast<uint16_t>(port));
-  Check(connect(link, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0, "connect");
+  const sockaddr_in address = Loopback(port);
+  Check(connect(link, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0,
+        "connect");
   const int on = 1;
   setsockopt(link, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
   return link;
