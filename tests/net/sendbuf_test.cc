@@ -2,6 +2,7 @@
 
 #include <stdlib.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <array>
@@ -21,6 +22,7 @@
 namespace {
 
 thread_local bool memoryIsShort = false;
+thread_local bool sendingRaises = false;
 
 }  // namespace
 
@@ -35,6 +37,12 @@ void operator delete(void* memory) noexcept {
 }
 void operator delete(void* memory, std::size_t /*size*/) noexcept {
   free(memory);
+}
+
+// The whole program's, too, so that the socket layer can be left by an exception.
+ssize_t send(int socket, const void* bytes, std::size_t size, int flags) {
+  if (sendingRaises) throw std::runtime_error("send");
+  return sendto(socket, bytes, size, flags, nullptr, 0);
 }
 
 namespace {
@@ -167,6 +175,15 @@ TEST_F(SendbufTest, TextTakesTheRoomThatItsPartsWould) {
   reply_.Pack(std::string("1234567"));
   EXPECT_EQ(reply_.used(), 25);
   EXPECT_EQ(reply_.capacity(), 30);
+}
+
+TEST_F(SendbufTest, ExceptionWhileSendingReturnsThreeAndKeepsTheContent) {
+  reply_.Pack(7);
+  sendingRaises = true;
+  const int result = reply_.Send(&child_, 9);
+  sendingRaises = false;
+  EXPECT_EQ(result, 3);
+  EXPECT_EQ(Sent(9), "08 00 00 00 09 00 00 00 07 00 00 00");
 }
 
 TEST_F(SendbufTest, FailedSendReturnsOne) {
