@@ -78,13 +78,15 @@ int CVKUserCollection::ReadUserFile(const char* directory, flog* /*log*/, char* 
   }
   CVKUser** last = &first_;
   std::array<char, kLineSize> line{};
-  // An unreadable file, such as a directory, ends before its first line.
   while (ReadLine(file.get(), line)) {
     auto user = std::make_unique<CVKUser>();
     if (!Parse(line.data(), *user)) break;
     *last = user.release();
     last = &(*last)->next;
   }
+  // What cannot be read to its end (a directory, a failing disk) may have denied somebody there
+  // whom a "*" before it would let in.
+  if (ferror(file.get()) != 0) Reset();
   return 0;
 }
 

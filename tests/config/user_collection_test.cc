@@ -1,13 +1,20 @@
 #include "config/user_collection.h"
 
+#include <errno.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/uio.h>
+#include <unistd.h>
 
+#include <chrono>
 #include <filesystem>
 #include <string>
 
 #include <gtest/gtest.h>
 
 #include "log/flog.h"
+#include "tests/support/answered_call.h"
+#include "tests/support/child_process.h"
 #include "tests/support/temporary_directory.h"
 
 namespace {
@@ -193,6 +200,33 @@ TEST_F(UserCollectionTest, ListingNumbersTheRecordsFromOne) {
 TEST_F(UserCollectionTest, ReadingWritesNothingToTheLog) {
   Read("alice runner 1\nbroken\n");
   EXPECT_EQ(directory_.Read("log"), "");
+}
+
+// The descriptor of the user file in the test below, and the reads of it.
+int userFile = 0;
+int reads = 0;
+
+// The denial stands behind what the first read brings.
+TEST_F(UserCollectionTest, ReadThatFailsLetsNobodyIn) {
+  std::string text = "* nobody 1\nalice alice 1\n";
+  while (text.size() < 100'000) text += "filler filler 1\n";
+  directory_.Write(".vk_corvane_users", text + "mallory mallory 0\n");
+  ChildProcess::Options options;
+  options.inChild = [this] {
+    userFile = dup(STDOUT_FILENO);  // the number that the file's descriptor will get
+    close(userFile);
+    const auto answer = [] {
+      if (++reads > 1) return static_cast<long>(-EIO);
+      const iovec room{AnsweredBuffer(), 4096};
+      return static_cast<long>(readv(userFile, &room, 1));
+    };
+    if (!AnswerCall(SYS_read, answer, userFile)) return 77;
+    if (ReadDirectory(directory_.path().string()) != 0 || reads != 2) return 1;
+    return Find("mallory") == "none" && Find("alice") == "none" ? 0 : 2;
+  };
+  const auto result = ChildProcess({}, options).Wait(std::chrono::seconds(10));
+  if (result == 77) GTEST_SKIP() << "system calls cannot be answered here";
+  EXPECT_EQ(result, 0);
 }
 
 }  // namespace

@@ -23,12 +23,20 @@ using CallAnswer = long (*)();
 namespace answered_call_detail {
 
 inline CallAnswer answer = nullptr;
+inline void* buffer = nullptr;
 
 inline void OnCall(int /*signal*/, siginfo_t* /*info*/, void* context) {
-  static_cast<ucontext_t*>(context)->uc_mcontext.gregs[REG_RAX] = answer();
+  auto& registers = static_cast<ucontext_t*>(context)->uc_mcontext.gregs;
+  buffer = reinterpret_cast<void*>(registers[REG_RSI]);
+  registers[REG_RAX] = answer();
 }
 
 }  // namespace answered_call_detail
+
+/// The second argument of the call that is being answered: the buffer of a read or write.
+inline void* AnsweredBuffer() {
+  return answered_call_detail::buffer;
+}
 
 /// False when the system does not permit it. `firstArgument` restricts it to calls with that
 /// argument, a descriptor for example; -1 stands for all.
