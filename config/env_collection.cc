@@ -82,10 +82,11 @@ class Environment {
     variables_[place->second] = name + "=" + value;
   }
 
-  // Makes it the process's own, up to the next one.
+  // Makes it the process's own, up to the next one. Never destroyed: what runs at the process's end
+  // may still look at a variable.
   void Install() && {
-    static std::vector<std::string> variables;
-    static std::vector<char*> pointers;
+    static auto& variables = *new std::vector<std::string>();
+    static auto& pointers = *new std::vector<char*>();
     std::vector<char*> fresh;
     fresh.reserve(variables_.size() + 1);
     for (std::string& variable : variables_) fresh.push_back(variable.data());

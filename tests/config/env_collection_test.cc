@@ -1,21 +1,43 @@
 #include "config/env_collection.h"
 
+#include <errno.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <array>
+#include <chrono>
 #include <filesystem>
+#include <functional>
+#include <new>
 #include <string>
 
 #include <gtest/gtest.h>
 
 #include "log/flog.h"
+#include "tests/support/answered_call.h"
+#include "tests/support/child_process.h"
 #include "tests/support/temporary_directory.h"
 
 namespace {
+
+// What a process does at its very end, after everything that a function keeps has gone.
+class AtTheEnd {
+ public:
+  ~AtTheEnd() {
+    if (act) act();
+  }
+  std::function<void()> act;
+} atTheEnd;
+
+int InChild(const std::function<int()>& body) {
+  ChildProcess::Options options;
+  options.inChild = body;
+  return ChildProcess({}, options).Wait(std::chrono::seconds(10)).value_or(-1);
+}
 
 class EnvCollectionTest : public testing::Test {
  protected:
@@ -202,6 +224,46 @@ TEST_F(EnvCollectionTest, ReadingReplacesTheFormerEntries) {
   EXPECT_EQ(entries.ReadEnvFile(directory_.Write("other", "JT_B 2").c_str(), error), 0);
   entries.LogOut(&log_);
   EXPECT_EQ(directory_.Read("log"), "Variable: JT_B, Value: 2\n");
+}
+
+TEST_F(EnvCollectionTest, VariablesAreThereUntilTheProcessHasEnded) {
+  const int result = InChild([this] {
+    Apply("JT_A 1");
+    atTheEnd.act = [] { _exit(Value("JT_A") == "1" && Value("JT_B") == "unset" ? 0 : 1); };
+    exit(2);
+    return 3;
+  });
+  EXPECT_EQ(result, 0);
+}
+
+TEST_F(EnvCollectionTest, FileThatMayNotBeReadIsAnEmptyList) {
+  const std::string file = directory_.Write("env", "JT_A 1");
+  const int result = InChild([&file] {
+    if (!AnswerCall(SYS_openat, [] { return static_cast<long>(-EACCES); })) return 77;
+    const CEnvCollection entries(file.c_str());
+    char error[CEnvCollection::kErrorSize] = "";
+    flog log("", true);
+    if (entries.status() != 0 || entries.Apply(error, &log) != 0) return 1;
+    return Value("JT_A") == "unset" ? 0 : 2;
+  });
+  if (result == 77) GTEST_SKIP() << "system calls cannot be answered here";
+  EXPECT_EQ(result, 0);
+}
+
+// Runs without their variables would fail in ways that nobody can explain.
+TEST_F(EnvCollectionTest, FileThatThereIsNoMemoryToOpenThrows) {
+  const std::string file = directory_.Write("env", "JT_A 1");
+  const int result = InChild([&file] {
+    if (!AnswerCall(SYS_openat, [] { return static_cast<long>(-ENOMEM); })) return 77;
+    try {
+      const CEnvCollection entries(file.c_str());
+    } catch (const std::bad_alloc&) {
+      return 0;
+    }
+    return 1;
+  });
+  if (result == 77) GTEST_SKIP() << "system calls cannot be answered here";
+  EXPECT_EQ(result, 0);
 }
 
 }  // namespace
