@@ -83,6 +83,19 @@ TYPED_TEST(ClientTest, RefusedSetUpThrowsTheFirstErrorAlone) {
   this->ExpectUsable();
 }
 
+// The second simulator's first words are not what the first one said behind its refusal.
+TYPED_TEST(ClientTest, ConnectAfterARefusalBeginsAnew) {
+  ScriptedSimulator refusing(ScriptedSimulator::Link::kLoopback);
+  refusing.AnswerNext({Mess("STARTED") + Cstr("ERRORS", {"No licence."}) + Mess("END"), kFinished});
+  ScriptedSimulator willing(ScriptedSimulator::Link::kLoopback);
+  willing.AnswerNext({kStarted, kModelDefinition});
+  TypeParam client;
+  EXPECT_THAT([&] { client.connect("127.0.0.1", refusing.Port(), 5); },
+              ThrowsMessage<std::invalid_argument>("No licence."));
+  client.connect("127.0.0.1", willing.Port(), 5);
+  EXPECT_EQ(client.position_info().position, AlgPos::MODEL_DEFINITION);
+}
+
 TYPED_TEST(ClientTest, SetUpAnswerOfAnotherKindIsRefused) {
   this->simulator_.AnswerNext({Mess("READY") + Mess("END")});
   EXPECT_THAT([&] { this->client_.set_up(); },

@@ -54,6 +54,7 @@ struct StreamSocket::Impl {
 // Asio's own open() knows no SOCK_CLOEXEC.
 bool StreamSocket::Impl::open() {
   close();
+  ahead = {};  // came over the connection before this one
   const int descriptor = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP);
   if (descriptor < 0) return false;
   error_code error;
