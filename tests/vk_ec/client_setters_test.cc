@@ -2,6 +2,7 @@
 #include <string>
 #include <vector>
 
+#include <boost/system/system_error.hpp>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -117,6 +118,16 @@ TYPED_TEST(ClientSettersTest, ConstraintSetterIsRefusedWhileAMessageIsInProgress
   EXPECT_THROW(setter.send(), std::length_error);
   EXPECT_THROW(setter.send(), std::logic_error);
   EXPECT_EQ(this->Requests().size(), 1U);
+}
+
+TYPED_TEST(ClientSettersTest, ConstraintSetterThatCouldNotSendIsOfNoMoreUse) {
+  this->simulator_.AnswerNextAndHangUp("");
+  EXPECT_THROW(this->client_.do_continue(), boost::system::system_error);
+  this->simulator_.WaitForClientToLeave();
+  ConstraintSetter setter(this->client_, {"A"}, {{"X"}}, {{1}}, {{"U"}});
+  EXPECT_THROW(setter.send(), boost::system::system_error);
+  EXPECT_THROW(setter.change({{2}}), std::logic_error);
+  EXPECT_THROW(setter.send(), std::logic_error);
 }
 
 TYPED_TEST(ClientSettersTest, ConstraintItemsForTooFewWellsAreRefused) {

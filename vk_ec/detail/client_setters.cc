@@ -74,6 +74,7 @@ ConstraintSetter::ConstraintSetter(Client& client, const Strings& wells,
 }
 
 void ConstraintSetter::change(const std::vector<std::vector<double>>& values) {
+  if (message_.empty()) throw std::logic_error("ConstraintSetter::change: sending has failed");
   const auto fits = [](const Place& place, const std::vector<double>& of_well) {
     return place.count == of_well.size();
   };

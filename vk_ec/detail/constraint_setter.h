@@ -29,7 +29,8 @@ class ConstraintSetter {
   ConstraintSetter& operator=(const ConstraintSetter&) = delete;
 
   /// The values of the next request: of as many wells, and per well as many, as there were, else
-  /// `std::invalid_argument`.
+  /// `std::invalid_argument`. There is none after a request that could not be sent:
+  /// `std::logic_error`.
   void change(const std::vector<std::vector<double>>& values);
 
   /// Blocks until the simulator is ready again.

@@ -78,8 +78,9 @@ class MessageMgr {
   /// builder refers to this.
   MessageBuilder createMessageBuilder();
 
-  /// Sends a message that a builder has released. It stays the caller's, to be sent again. Throws
-  /// as `createMessageBuilder` and `MessageBuilder::send`.
+  /// Sends a message that a builder has released. It stays the caller's, to be sent again, but for
+  /// one that could not be sent: that stays in progress, and `message` is empty. Throws as
+  /// `createMessageBuilder` and `MessageBuilder::send`.
   void resend(Buffer& message);
 
   /// Blocks until a whole message has arrived; throws as `RecvMessage`. The decoder refers to
