@@ -236,13 +236,14 @@ void CommonConnector::GetWellConstraints() {
 void CommonConnector::GetWellVariables(const std::string& well, const Names& properties,
                                        std::vector<double>& values) {
   const auto answer = client().get_well_table<double>({well}, properties);
+  Require(!answer.wells.empty(), kBadWellData);
   const std::vector<std::size_t> positions = NameLookup(properties).PositionsIn(answer.items);
   for (std::size_t i = 0; i < properties.size(); ++i) {
     if (positions[i] == NameLookup::npos) {
       throw std::runtime_error("Unexpected answer when querying " + properties[i]);
     }
   }
-  Require(answer.items == properties && !answer.wells.empty(), kBadWellData);
+  Require(answer.items == properties, kBadWellData);
   const auto row = answer.row(0);
   for (const std::size_t position : positions) values.push_back(row[position]);
 }

@@ -124,10 +124,12 @@ TYPED_TEST(WellsTest, VariablesInAnotherOrderOrBesideOthersFail) {
 }
 
 TYPED_TEST(WellsTest, VariablesWithoutAWellFail) {
-  this->AnswerQuery(wire::Cstr("QITEMS", {"X"}));
-  std::vector<double> values;
-  EXPECT_EQ(this->FailureOf([&] { this->connector_.GetWellVariables("P1", {"X"}, values); }),
-            kBadData);
+  for (const std::string& answer : {wire::Cstr("QITEMS", {"X"}), std::string()}) {
+    this->AnswerQuery(answer);
+    std::vector<double> values;
+    EXPECT_EQ(this->FailureOf([&] { this->connector_.GetWellVariables("P1", {"X"}, values); }),
+              kBadData);
+  }
 }
 
 TYPED_TEST(WellsTest, NoVariablesOfAWellAreNothingButTheWellMustBeThere) {
