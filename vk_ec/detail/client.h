@@ -27,8 +27,8 @@ struct ProtocolTraits {
 ///
 /// Exceptions: `boost::system::system_error` when the connection fails ("read: End of file"),
 /// `std::length_error` and `std::invalid_argument` when an answer is not the expected one. After
-/// either the client is of no more use: it refuses further messages with `std::logic_error`. Not
-/// for use by two threads at once.
+/// either the client is of no more use: it refuses further messages with `std::logic_error`, unless
+/// nothing of an answer had arrived. Not for use by two threads at once.
 class Client {
  public:
   virtual ~Client() = default;
