@@ -397,6 +397,26 @@ TEST_F(FlogTest, StandardOutputThatCannotHoldTheLogIsNotAsked) {
   EXPECT_EQ(directory_.Read("printed"), "to a file");
 }
 
+TEST_F(FlogTest, StandardOutputWhoseKindCannotBeLearntMayHoldTheLog) {
+  const int result = InChild([this] {
+    std::array<int, 2> pipe{};
+    if (pipe2(pipe.data(), O_CLOEXEC) != 0) return -1;
+    dup2(pipe[1], STDOUT_FILENO);
+    const std::string all(static_cast<std::size_t>(fcntl(pipe[1], F_GETPIPE_SZ)), 'x');
+    if (write(pipe[1], all.data(), all.size()) != static_cast<ssize_t>(all.size())) return -1;
+    if (!AnswerCall(
+            SYS_newfstatat, [] { return static_cast<long>(-EIO); }, STDOUT_FILENO)) {
+      return kNotPermitted;
+    }
+    flog log(directory_.File("a.log"), true);
+    log << "item";  // would never come back if it did not look whether anybody reads
+    return 0;
+  });
+  if (result == kNotPermitted) GTEST_SKIP() << "system calls cannot be answered here";
+  EXPECT_EQ(result, 0);
+  EXPECT_EQ(directory_.Read("a.log"), "item");
+}
+
 TEST_F(FlogTest, DirectoryThatKeepsComingBackDisablesTheLog) {
   fs::create_directory(directory_.File("a.log"));
   const int result = InChild([this] {
