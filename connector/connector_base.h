@@ -116,5 +116,5 @@ class ConnectorBase {
   virtual bool SimulationEnded() = 0;
 
   /// Whether the simulator sent a large answer, above eight mebibytes, since the last call.
-  virtual bool TookLargeAnswer() { return false; }
+  virtual bool TookLargeAnswer() = 0;
 };

@@ -266,6 +266,7 @@ class Stub : public ConnectorBase {
     called.number = time;
     Call();
   }
+  bool TookLargeAnswer() override { return false; }
   bool SimulationEnded() override {
     Call();
     return false;
