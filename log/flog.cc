@@ -61,7 +61,7 @@ int OpenRegular(const std::string& file, int extraFlags) {
            kPrivate);
   if (descriptor < 0) return -1;
   struct stat status {};
-  if (fstat(descriptor, &status) != 0 || !S_ISREG(status.st_mode)) {
+  if (fstat(descriptor, &status) != 0 || !S_ISREG(status.st_mode) || status.st_nlink != 1) {
     close(descriptor);
     return -1;
   }
@@ -72,8 +72,11 @@ int OpenRegular(const std::string& file, int extraFlags) {
 int OpenLog(const std::string& file, bool removeOld) {
   if (!removeOld) return OpenRegular(file, O_CREAT);
   const int fresh = CreateFresh(file);
+  if (fresh >= 0) return fresh;
+  // There may be room for one file only, the old one.
+  if (unlink(file.c_str()) == 0) return OpenRegular(file, O_CREAT | O_EXCL);
   // A file may be writable in a directory that is not.
-  return fresh >= 0 ? fresh : OpenRegular(file, 0);
+  return OpenRegular(file, 0);
 }
 
 // Values as a standard stream writes them by default, in `room` where they need any: what is
@@ -169,7 +172,8 @@ void flog::SetFile(const std::string& file, bool removeOld) {
   Close();
   silent_ = false;
   try {
-    if (!file.empty()) descriptor_ = OpenLog(file, removeOld);
+    // To its first zero byte, as the system sees the name.
+    if (!file.empty()) descriptor_ = OpenLog(file.c_str(), removeOld);
   } catch (const std::bad_alloc&) {
     // Disabled, as without a file.
   }

@@ -23,10 +23,10 @@ class flog {
   /// `removeOld` the log starts in a fresh file, otherwise it appends to the present one.
   ///
   /// Never throws. The log is disabled when `file` is empty, cannot be created or opened, or is
-  /// neither a regular file nor absent, and when there is no memory for it. Links are never
-  /// followed: in a directory that everybody may write to, whoever guesses the name could otherwise
-  /// aim root's log at any file. A disabled log becomes usable again by the next successful
-  /// SetFile().
+  /// neither absent nor a regular file without other names, and when there is no memory for it.
+  /// Links are never followed: in a directory that everybody may write to, whoever guesses the name
+  /// could otherwise aim root's log at any file. A disabled log becomes usable again by the next
+  /// successful SetFile().
   void SetFile(const std::string& file, bool removeOld);
 
   /// 0 while the log is usable, 1 when it is disabled.

@@ -1,7 +1,9 @@
 #include "log/flog.h"
 
 #include <fcntl.h>
+#include <sched.h>
 #include <signal.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
@@ -24,6 +26,8 @@
 namespace {
 
 namespace fs = std::filesystem;
+
+constexpr int kNotPermitted = 77;
 
 // Runs `body` in a child, in which system calls can be answered. Its result; 77 from where that is
 // not permitted. What it prints goes to `output`, when that is given.
@@ -257,6 +261,66 @@ TEST_F(FlogTest, DirectoryThatRefusesANewFileLeavesTheOldOneToAppendTo) {
   EXPECT_EQ(directory_.Read("a.log"), "old appended");
 }
 
+TEST_F(FlogTest, FileOfTwoNamesInADirectoryThatRefusesANewFileIsNotAppendedTo) {
+  directory_.Write("victim", "precious");
+  fs::permissions(directory_.File("victim"), fs::perms(0666));
+  fs::create_hard_link(directory_.File("victim"), directory_.File("a.log"));
+  EXPECT_EQ(StatusInClosedDirectory(directory_, "a.log"), 1);
+  EXPECT_EQ(directory_.Read("victim"), "precious");
+}
+
+TEST_F(FlogTest, PipeInADirectoryThatRefusesANewFileIsNotWaitedFor) {
+  ASSERT_EQ(mkfifo(directory_.File("a.log").c_str(), 0666), 0);
+  fs::permissions(directory_.File("a.log"), fs::perms(0666));
+  EXPECT_EQ(StatusInClosedDirectory(directory_, "a.log"), 1);
+}
+
+// What became of a log "a.log" on a disk with room for so many files, on which `files` makes them:
+// the text of file `shown`, or why there is none.
+std::string OnADiskWithRoomFor(int room, const TemporaryDirectory& directory,
+                               const std::function<void()>& files, const std::string& shown) {
+  const TemporaryDirectory answers;
+  const int result = InChild([&] {
+    const std::string options = "nr_inodes=" + std::to_string(room + 1);  // and the directory
+    if (unshare(CLONE_NEWNS) != 0 ||
+        mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        mount("none", directory.path().c_str(), "tmpfs", 0, options.c_str()) != 0) {
+      return kNotPermitted;
+    }
+    files();
+    flog log(directory.File("a.log"), true);
+    log << "new";
+    answers.Write("answer", directory.Read(shown));
+    return 0;
+  });
+  return result == kNotPermitted ? "not permitted" : answers.Read("answer");
+}
+
+TEST_F(FlogTest, OldFileMakesRoomForTheFreshOne) {
+  const auto files = [this] { directory_.Write("a.log", "old "); };
+  const std::string text = OnADiskWithRoomFor(1, directory_, files, "a.log");
+  if (text == "not permitted") GTEST_SKIP() << "a mount is not permitted here";
+  EXPECT_EQ(text, "new");
+}
+
+TEST_F(FlogTest, FileLinkedInItsPlaceIsNotTouchedWhereThereIsNoRoom) {
+  const auto files = [this] {
+    directory_.Write("victim", "precious");
+    fs::create_hard_link(directory_.File("victim"), directory_.File("a.log"));
+  };
+  const std::string text = OnADiskWithRoomFor(2, directory_, files, "victim");
+  if (text == "not permitted") GTEST_SKIP() << "a mount is not permitted here";
+  EXPECT_EQ(text, "precious");
+}
+
+TEST_F(FlogTest, NameEndsAtItsZeroByte) {
+  directory_.Write("a.log", "old ");
+  using std::string_literals::operator""s;
+  flog log(directory_.File("a.log") + "\0/b"s, true);
+  log << "new";
+  EXPECT_EQ(directory_.Read("a.log"), "new");
+}
+
 TEST_F(FlogTest, LinkInADirectoryThatRefusesANewFileIsNotFollowed) {
   directory_.Write("victim", "precious");
   fs::permissions(directory_.File("victim"), fs::perms(0666));
@@ -323,8 +387,6 @@ TEST_F(FlogTest, NameThatIsTooLongDisablesTheLogAndLeavesNothingBehind) {
   EXPECT_EQ(log.status(), 1);
   EXPECT_TRUE(fs::is_empty(directory_.path()));
 }
-
-constexpr int kNotPermitted = 77;
 
 TEST_F(FlogTest, InterruptedWriteIsRepeated) {
   const int result = InChild([this] {
