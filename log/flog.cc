@@ -2,37 +2,25 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <limits.h>
-#include <poll.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/stat.h>
-#include <sys/sysmacros.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <charconv>
 #include <new>
 #include <string_view>
 #include <type_traits>
 
+#include "log/standard_output.h"
+#include "log/write.h"
+
 namespace {
 
 // Owner-only until the file is complete; fchmod() then opens it to everybody.
 constexpr mode_t kPrivate = 0600;
 constexpr mode_t kPublic = 0666;
-
-// What could not be written is dropped and not tried again with the next item, by this process or
-// by a child that inherited the descriptor.
-void Write(int descriptor, std::string_view text) {
-  while (!text.empty()) {
-    const ssize_t written = write(descriptor, text.data(), text.size());
-    if (written < 0 && errno == EINTR) continue;
-    if (written <= 0) return;
-    text.remove_prefix(static_cast<std::size_t>(written));
-  }
-}
 
 // A fresh file under a name that nobody can have planted, moved over `file`: the old file, link or
 // pipe of that name is replaced, never opened. -1 when the directory does not allow it.
@@ -54,7 +42,8 @@ int CreateFresh(const std::string& file) {
 }
 
 // The regular file `file`, opened to append. Non-blocking, so that a pipe in its place cannot hold
-// the caller until somebody reads from it.
+// the caller until somebody reads from it. A file with another name besides may be one that is none
+// of the log's business, linked here by whoever guessed the name.
 int OpenRegular(const std::string& file, int extraFlags) {
   const int descriptor =
       open(file.c_str(), O_WRONLY | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | extraFlags,
@@ -105,53 +94,7 @@ std::string_view Text(double value, Room& room) {
   return room.data();
 }
 
-// Standard output of all logs of this process: what it is, and whether it may still be written to.
-class Output {
- public:
-  // Looks at what standard output is. Nobody replaces it in a process that goes on logging.
-  void Inspect() {
-    struct stat status {};
-    const bool known = fstat(STDOUT_FILENO, &status) == 0;
-    may_hold_ = !(known && (S_ISREG(status.st_mode) || IsNull(status)));
-  }
-
-  void Silence() { silent_ = true; }
-
-  void Print(std::string_view text) {
-    if (silent_) return;
-    if (!may_hold_) return Write(STDOUT_FILENO, text);
-    while (!text.empty() && IsRead()) {
-      Write(STDOUT_FILENO, text.substr(0, PIPE_BUF));
-      text.remove_prefix(std::min<std::size_t>(text.size(), PIPE_BUF));
-    }
-  }
-
- private:
-  static bool IsNull(const struct stat& status) {
-    return S_ISCHR(status.st_mode) && status.st_rdev == makedev(1, 3);
-  }
-
-  // Whether standard output takes PIPE_BUF bytes without holding the caller. A stopped terminal or
-  // a pipe that nobody empties would stop daemon and controllers for good, although everything
-  // stands in the file as well. A slow reader is waited for; one that has stopped reading only
-  // once, by this process or the one that it was forked from.
-  bool IsRead() {
-    constexpr int patience = 1000;  // milliseconds
-    pollfd out{STDOUT_FILENO, POLLOUT, 0};
-    int ready = 0;
-    do {
-      ready = poll(&out, 1, stuck_ ? 0 : patience);
-    } while (ready < 0 && errno == EINTR);
-    stuck_ = ready == 0;
-    return !stuck_;
-  }
-
-  bool silent_ = false;
-  bool may_hold_ = true;
-  bool stuck_ = false;
-};
-
-Output output;
+StandardOutput output;
 
 }  // namespace
 
@@ -193,7 +136,7 @@ flog& flog::operator<<(T value) {
   }
   Room room;
   const std::string_view text = Text(value, room);
-  if (!silent_) Write(descriptor_, text);
+  if (!silent_) WriteAll(descriptor_, text);
   output.Print(text);
   return *this;
 }

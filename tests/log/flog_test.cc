@@ -410,41 +410,6 @@ TEST_F(FlogTest, InterruptedWriteIsRepeated) {
   EXPECT_EQ(directory_.Read("a.log"), "item");
 }
 
-// Calls and answers of the test below.
-int polls = 0;
-
-TEST_F(FlogTest, InterruptedWaitForStandardOutputGoesOn) {
-  const std::string printed = directory_.File("printed");
-  const int result = InChild(
-      [this] {
-        std::array<int, 2> pipe{};
-        if (pipe2(pipe.data(), O_CLOEXEC) != 0) return -1;
-        dup2(pipe[1], STDOUT_FILENO);
-        const auto answer = [] { return ++polls <= 2 ? static_cast<long>(-EINTR) : 1L; };
-        flog log(directory_.File("a.log"), true);
-        if (!AnswerCall(SYS_poll, answer)) return kNotPermitted;
-        log << "item";
-        return 10 * polls + (ReadExactly(pipe[0], 4) == "item" ? 1 : 0);
-      },
-      printed);
-  if (result == kNotPermitted) GTEST_SKIP() << "system calls cannot be answered here";
-  EXPECT_EQ(result, 31);
-}
-
-TEST_F(FlogTest, StandardOutputThatCannotBeWaitedForIsWrittenTo) {
-  const int result = InChild([this] {
-    std::array<int, 2> pipe{};
-    if (pipe2(pipe.data(), O_CLOEXEC) != 0) return -1;
-    dup2(pipe[1], STDOUT_FILENO);
-    flog log(directory_.File("a.log"), true);
-    if (!AnswerCall(SYS_poll, [] { return static_cast<long>(-ENOMEM); })) return kNotPermitted;
-    log << "item";
-    return ReadExactly(pipe[0], 4) == "item" ? 1 : 0;
-  });
-  if (result == kNotPermitted) GTEST_SKIP() << "system calls cannot be answered here";
-  EXPECT_EQ(result, 1);
-}
-
 TEST_F(FlogTest, StandardOutputThatCannotHoldTheLogIsNotAsked) {
   const auto body = [this] {
     flog log(directory_.File("a.log"), true);
@@ -457,26 +422,6 @@ TEST_F(FlogTest, StandardOutputThatCannotHoldTheLogIsNotAsked) {
     GTEST_SKIP() << "system calls cannot be answered here";
   }
   EXPECT_EQ(directory_.Read("printed"), "to a file");
-}
-
-TEST_F(FlogTest, StandardOutputWhoseKindCannotBeLearntMayHoldTheLog) {
-  const int result = InChild([this] {
-    std::array<int, 2> pipe{};
-    if (pipe2(pipe.data(), O_CLOEXEC) != 0) return -1;
-    dup2(pipe[1], STDOUT_FILENO);
-    const std::string all(static_cast<std::size_t>(fcntl(pipe[1], F_GETPIPE_SZ)), 'x');
-    if (write(pipe[1], all.data(), all.size()) != static_cast<ssize_t>(all.size())) return -1;
-    if (!AnswerCall(
-            SYS_newfstatat, [] { return static_cast<long>(-EIO); }, STDOUT_FILENO)) {
-      return kNotPermitted;
-    }
-    flog log(directory_.File("a.log"), true);
-    log << "item";  // would never come back if it did not look whether anybody reads
-    return 0;
-  });
-  if (result == kNotPermitted) GTEST_SKIP() << "system calls cannot be answered here";
-  EXPECT_EQ(result, 0);
-  EXPECT_EQ(directory_.Read("a.log"), "item");
 }
 
 TEST_F(FlogTest, DirectoryThatKeepsComingBackDisablesTheLog) {
