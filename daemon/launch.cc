@@ -61,6 +61,7 @@ void CloseOthersOnExec() {
 // Signals as a program expects them; the blocked and the ignored ones would survive the exec.
 void ResetSignals() {
   signal(SIGPIPE, SIG_DFL);
+  signal(SIGXFSZ, SIG_DFL);
   signal(SIGCHLD, SIG_DFL);
   sigset_t none;
   sigemptyset(&none);

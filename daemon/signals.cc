@@ -42,6 +42,7 @@ void handle_term(int) {
 bool PrepareProcess() {
   FillStandardDescriptors();
   signal(SIGPIPE, SIG_IGN);
+  signal(SIGXFSZ, SIG_IGN);  // a log that may not grow any more is no reason to end
   struct sigaction action {};
   action.sa_handler = handle_sigchld;
   sigemptyset(&action.sa_mask);

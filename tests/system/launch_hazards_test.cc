@@ -2,6 +2,7 @@
 
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -225,6 +226,18 @@ TEST(FullDiskTest, DaemonServesOnAndLogsAgainWhenThereIsRoom) {
   ASSERT_THAT(ServeRun(daemon), EndsWith(kShutDown));
   EXPECT_THAT(daemon.TextOfLogFile(), HasSubstr("Host detected: port-9016"));
   EXPECT_THAT(daemon.TextOfLogFile(), Not(HasSubstr("Host detected: port-9015")));
+}
+
+TEST(FullDiskTest, DaemonWhoseLogMayNotGrowServesOn) {
+  RunningDaemon::Options options = Unprivileged();
+  options.quiet = true;
+  options.inChild = [] {
+    const rlimit small{4096, 4096};
+    return setrlimit(RLIMIT_FSIZE, &small);
+  };
+  const RunningDaemon daemon(options);
+  for (int run = 0; run < 15; ++run) ASSERT_THAT(ServeRun(daemon), EndsWith(kShutDown));
+  EXPECT_EQ(daemon.TextOfLogFile().size(), 4096U);
 }
 
 TEST(FullDiskTest, RunGoesOnWithoutItsCopyAndItsCommsLog) {
