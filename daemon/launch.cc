@@ -1,5 +1,6 @@
 #include "daemon/launch.h"
 
+#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <linux/close_range.h>
@@ -51,11 +52,16 @@ std::string ShellWord(const std::string& name) {
 // A simulator may outlive its script. With a descriptor of ours it would hold the master's
 // connection, and the master would never learn that its controller has died.
 void CloseOthersOnExec() {
-  constexpr unsigned first = STDERR_FILENO + 1;
+  constexpr int first = STDERR_FILENO + 1;
   if (syscall(SYS_close_range, first, ~0U, CLOSE_RANGE_CLOEXEC) == 0) return;
-  for (long other = sysconf(_SC_OPEN_MAX) - 1; other >= static_cast<long>(first); --other) {
-    fcntl(static_cast<int>(other), F_SETFD, FD_CLOEXEC);
+  // An older kernel.
+  DIR* open = opendir("/proc/self/fd");
+  if (open == nullptr) return;
+  while (const dirent* other = readdir(open)) {
+    const long number = strtol(other->d_name, nullptr, 10);
+    if (number >= first) fcntl(static_cast<int>(number), F_SETFD, FD_CLOEXEC);
   }
+  closedir(open);
 }
 
 // Signals as a program expects them; the blocked and the ignored ones would survive the exec.

@@ -487,6 +487,24 @@ TEST_F(LaunchByAnswerTest, ScriptHasThreeDescriptorsAndFreeSignals) {
   EXPECT_EQ(mask("SigIgn:") & ((1ULL << (SIGPIPE - 1)) | (1ULL << (SIGCHLD - 1))), 0U);
 }
 
+// A shell unblocks by itself.
+TEST_F(LaunchByAnswerTest, ProgramInPlaceOfAScriptHasFreeSignals) {
+  Script(
+      "#!/usr/bin/awk -f\nBEGIN {\n  while ((getline line <\"/proc/self/status\") > 0) "
+      "print line >\"signals\"\n  print \"HOST=node17\"\n  exit\n}\n");
+  prepareChild_ = [] {
+    signal(SIGXFSZ, SIG_IGN);
+    sigset_t blocked;
+    sigemptyset(&blocked);
+    sigaddset(&blocked, SIGUSR1);
+    return sigprocmask(SIG_BLOCK, &blocked, nullptr) == 0;
+  };
+  EXPECT_THAT(Outcome(), HasSubstr("OK|"));
+  const std::string signals = directory_.Read("signals");
+  EXPECT_THAT(signals, HasSubstr("SigBlk:\t0000000000000000\n"));
+  EXPECT_THAT(signals, HasSubstr("SigIgn:\t0000000000000000\n"));
+}
+
 TEST_F(LaunchByAnswerTest, ScriptHasThreeDescriptorsOnAKernelThatCannotCloseARange) {
   Script("#!/bin/sh\nls /proc/$$/fd >descriptors\necho HOST=node17\n");
   prepareChild_ = [] {
