@@ -66,6 +66,11 @@ std::unique_ptr<CEnvCollection> ApplyEnvironment(flog& log) {
   return environment;
 }
 
+// `text` and the name in quotes, to its first zero byte: as it is looked up.
+std::string Quoted(const char* text, const std::string& name) {
+  return std::string(text) + " '" + name.c_str() + "'";
+}
+
 // The Linux account of a Windows user who may start runs.
 std::string LinuxAccount(const std::string& windowsUser, flog& log) {
   CVKUserCollection users;
@@ -77,10 +82,10 @@ std::string LinuxAccount(const std::string& windowsUser, flog& log) {
   users.LogOut(&log);
   const CVKUser* user = users.GetUser(windowsUser.c_str());
   if (user == nullptr) {
-    Refuse(log, "Windows user '" + windowsUser + "' not found in administration file");
+    Refuse(log, Quoted("Windows user", windowsUser) + " not found in administration file");
   }
   if (user->allow == 0) {
-    Refuse(log, "Windows user '" + windowsUser + "' does not have permissions to run Varnok");
+    Refuse(log, Quoted("Windows user", windowsUser) + " does not have permissions to run Varnok");
   }
   std::string account =
       strcmp(user->linuxName, "*") == 0 ? windowsUser : std::string(user->linuxName);
@@ -100,7 +105,7 @@ bool CanGoBack(uid_t user) {
 // groups stay those of the daemon, which sites rely on.
 void SwitchAccount(const std::string& account, flog& log) {
   const passwd* entry = getpwnam(account.c_str());
-  if (entry == nullptr) Refuse(log, "Failed to get password entry for '" + account + "'");
+  if (entry == nullptr) Refuse(log, Quoted("Failed to get password entry for", account));
   if (setgid(entry->pw_gid) != 0) {
     log << (errno == EPERM ? "Failed to set the group ID - 1\n"
                            : "Failed to set the group ID - 2\n");

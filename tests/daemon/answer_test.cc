@@ -240,6 +240,13 @@ TEST_F(AnswerTest, LongAndStrangeUserNamesAreOnlyText) {
   EXPECT_EQ(Outcome(), "Windows user '" + user_ + "' not found in administration file");
 }
 
+TEST_F(AnswerTest, NameInARefusalEndsAtItsZeroByteAsItDoesForTheLookUp) {
+  runAsRoot_ = true;
+  user_ = std::string("ali\0ce", 6);
+  directory_.Write(".vk_corvane_users", "bob bob 1\n");
+  EXPECT_EQ(Outcome(), "Windows user 'ali' not found in administration file");
+}
+
 // Account switching with accounts of the test's own: the child sees a password file that exists
 // for it alone.
 class AccountTest : public AnswerTest {
