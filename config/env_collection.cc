@@ -142,6 +142,7 @@ void CEnvCollection::ReadEntries(FILE* in) {
   // One character more than fits, so that a token that is too long is known for one.
   while (ReadToken(in, name, sizeof(CEnv::name))) {
     ReadToken(in, value, sizeof(CEnv::value));
+    if (name[0] == '\0') break;
     auto entry = std::make_unique<CEnv>();
     // Both tokens are taken before either is judged, so that the pairs behind stay pairs.
     if (!Assign(entry->name, name) || !Assign(entry->value, value)) continue;

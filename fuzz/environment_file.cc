@@ -1,5 +1,6 @@
 // The environment file: each pair of words is applied in its turn, a variable that exists gets the
-// value in front of its own, and words that are too long leave the pairing of the others alone.
+// value in front of its own, words that are too long leave the pairing of the others alone, and a
+// name without characters is the end.
 
 #include <unistd.h>
 
@@ -60,6 +61,7 @@ std::string_view UpToZero(std::string_view word) {
 void Expect(std::string_view file, Environment& environment) {
   const std::vector<std::string_view> words = Words(file);
   for (std::size_t i = 0; i < words.size(); i += 2) {
+    if (words[i].front() == '\0') break;  // no name
     const std::string_view second = i + 1 < words.size() ? words[i + 1] : std::string_view();
     if (words[i].size() > kLongestWord || second.size() > kLongestWord) continue;
     const std::string_view name = UpToZero(words[i]);

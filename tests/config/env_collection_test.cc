@@ -173,6 +173,13 @@ TEST_F(EnvCollectionTest, LongerNameLeavesItsEntryOut) {
   EXPECT_EQ(Value(name.substr(1).c_str()), "unset");
 }
 
+TEST_F(EnvCollectionTest, EmptyNameEndsTheFile) {
+  using std::string_literals::operator""s;
+  Apply("JT_A 1\n\0X 2\nJT_B 3\n"s);
+  EXPECT_EQ(Value("JT_A"), "1");
+  EXPECT_EQ(Value("JT_B"), "unset");
+}
+
 TEST_F(EnvCollectionTest, ErrorsHave256Characters) {
   EXPECT_EQ(CEnvCollection::kErrorSize, 256);
 }
