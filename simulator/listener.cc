@@ -28,11 +28,15 @@ Listener::Listener(const std::string& address, std::uint16_t port) {
     throw std::invalid_argument("not an IPv4 address: " + address);
   }
   descriptor_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-  const int on = 1;
-  // A run that follows another on the same port must not wait for the old connection to expire.
-  setsockopt(descriptor_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-  if (descriptor_ < 0 || bind(descriptor_, std::bit_cast<sockaddr*>(&name), sizeof name) != 0 ||
-      listen(descriptor_, 1) != 0) {
+  bool listening = descriptor_ >= 0;
+  if (listening) {
+    const int on = 1;
+    // A run that follows another on the same port must not wait for the old connection to expire.
+    setsockopt(descriptor_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    listening = bind(descriptor_, std::bit_cast<sockaddr*>(&name), sizeof name) == 0 &&
+                listen(descriptor_, 1) == 0;
+  }
+  if (!listening) {
     const int error = errno;
     if (descriptor_ >= 0) close(descriptor_);
     throw std::system_error(error, std::generic_category(),
