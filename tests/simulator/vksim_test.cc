@@ -27,7 +27,9 @@ extern char** environ;  // NOLINT(readability-redundant-declaration): not in eve
 
 namespace {
 
+using testing::EndsWith;
 using testing::HasSubstr;
+using testing::Not;
 
 /// A process whose standard output and error are read here.
 class Program {
@@ -251,6 +253,52 @@ TEST_F(VksimTest, SlowStartDelaysTheListening) {
   Program program(Arguments({"--slow-start", "0.3"}));
   ASSERT_NE(program.Port(), 0);
   EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(300));
+}
+
+TEST_F(VksimTest, SigtermEndsItBeforeItListens) {
+  Program program(Arguments({"--slow-start", "600"}));
+  ASSERT_TRUE(program.Until("processes asked for"));
+  program.Signal(SIGTERM);
+  EXPECT_EQ(program.Finish(), 0);
+  EXPECT_THAT(program.seen(), HasSubstr("Stopped by a signal\n"));
+  EXPECT_THAT(program.seen(), Not(HasSubstr("Listening on port")));
+}
+
+TEST_F(VksimTest, OlderInterfaceCallsItselfByItsName) {
+  Program program(Arguments({"--api", "2016.2"}));
+  SetUpRun(program);
+  Send(wire::Mess("QUERY") + wire::Mess("QRESVR_STR") + wire::Cstr("QITEMS", {"VK_VERSION"}) +
+       wire::Mess("END"));
+  Expect(wire::Framed(wire::Mess("REPLY") + wire::Cstr("QITEM", {"VK_VERSION"}) +
+                      wire::Cstr("VALUES", {"2016.2"}) + wire::Mess("END")));
+  EXPECT_THAT(program.seen(), HasSubstr("External controller 2016.2"));
+}
+
+TEST_F(VksimTest, ControllerThatIsCutInAMessageBrokeTheConnection) {
+  Program program(Arguments());
+  SetUpRun(program);
+  const std::string message = wire::Framed(wire::Mess("CONTINUE") + wire::Mess("END"));
+  wire::WriteAll(connection_, message.substr(0, message.size() - 1));
+  close(connection_);
+  connection_ = -1;
+  EXPECT_EQ(program.Finish(), 3);
+  EXPECT_THAT(program.seen(), EndsWith("The connection broke\n"));
+}
+
+TEST_F(VksimTest, ConnectionThatItWasToldToCutEndsWithStatusThree) {
+  Program program(Arguments({"--cut-after", "3"}));
+  SetUpRun(program);
+  Send(wire::Mess("CONTINUE") + wire::Mess("END"));
+  const std::string due = Step("BEGIN_NEWTON", 0, {2020, 2, 27, 0, 0, 0});
+  EXPECT_LT(wire::Read(connection_, due.size()).size(), due.size());
+  EXPECT_EQ(program.Finish(), 3);
+  EXPECT_THAT(program.seen(), EndsWith("The connection broke\n"));
+}
+
+TEST_F(VksimTest, AddressThatIsNoneIsReported) {
+  Program program(Arguments({"--address", "localhost"}));
+  EXPECT_EQ(program.Finish(), 1);
+  EXPECT_THAT(program.seen(), EndsWith("vksim: not an IPv4 address: localhost\n"));
 }
 
 TEST_F(VksimTest, WrongOptionIsAUsageError) {
