@@ -1,19 +1,29 @@
 #include "master/frame_channel.h"
 
+#include <errno.h>
+#include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <functional>
+#include <optional>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "master/errors.h"
 #include "tests/master/frames.h"
+#include "tests/support/answered_call.h"
 #include "tests/support/bytes.h"
 #include "tests/support/ports.h"
 #include "tests/support/socket_pair.h"
+#include "tests/support/text_of_child.h"
 
 namespace {
 
@@ -185,6 +195,181 @@ TEST(ConnectTo, UnknownHostIsNamed) {
   } catch (const master::ConnectError& error) {
     EXPECT_THAT(error.what(), HasSubstr("Unknown host 'no host has blanks'"));
   }
+}
+
+// A listener that has as many connections waiting as it takes: further ones stay pending.
+struct FullListener {
+  FullListener() {
+    // Which number the kernel takes on top of the backlog is its own affair.
+    pollfd wait{};
+    do {
+      waiting.emplace_back(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+      sockaddr_in address{};
+      socklen_t size = sizeof(address);
+      auto* raw = reinterpret_cast<sockaddr*>(&address);
+      getsockname(listener.get(), raw, &size);
+      if (connect(waiting.back().get(), raw, size) == 0) continue;
+      wait = {waiting.back().get(), POLLOUT, 0};
+    } while (poll(&wait, 1, 200) == 1 && waiting.size() < 100);
+  }
+
+  Descriptor listener = BindFreePort(1);
+  std::vector<Descriptor> waiting;
+};
+
+TEST(ConnectTo, ListenerThatDoesNotAnswerInTimeIsNamed) {
+  const FullListener full;
+  const int port = PortOf(full.listener.get());
+  const auto begin = Clock::now();
+  try {
+    FrameChannel::ConnectTo("127.0.0.1", port, milliseconds(100));
+    FAIL() << "connected to a full listener";
+  } catch (const master::ConnectError& error) {
+    EXPECT_EQ(error.what(), "Cannot connect to 127.0.0.1 port " + std::to_string(port) +
+                                ": Connection timed out");
+  }
+  EXPECT_GE(Clock::now() - begin, milliseconds(100));
+}
+
+TEST(ConnectTo, WakeDescriptorInterruptsTheWait) {
+  const FullListener full;
+  const SocketPair wake;
+  WriteAll(wake.peer.get(), "!");
+  try {
+    FrameChannel::ConnectTo("127.0.0.1", PortOf(full.listener.get()), std::chrono::seconds(20),
+                            wake.ours.get());
+    FAIL() << "connected to a full listener";
+  } catch (const master::Interrupted& error) {
+    EXPECT_STREQ(error.what(), "Interrupted while connecting to the daemon");
+  }
+}
+
+// What comes of connecting to a listener when the kernel's result of `call` is `answer`'s.
+std::optional<std::string> Connecting(int call, CallAnswer answer) {
+  return TextOfChild([call, answer]() -> std::optional<std::string> {
+    const Descriptor listener = BindFreePort(1);
+    if (!AnswerCall(call, answer)) return std::nullopt;
+    try {
+      FrameChannel::ConnectTo("127.0.0.1", PortOf(listener.get()), std::chrono::seconds(10));
+    } catch (const master::ConnectError& error) {
+      const std::string text = error.what();
+      return text.substr(0, text.find(" port ")) + text.substr(text.rfind(": "));
+    }
+    return "connected";
+  });
+}
+
+TEST(ConnectTo, SystemWithoutADescriptorLeftIsTheReasonGiven) {
+  const auto text = TextOfChild([]() -> std::optional<std::string> {
+    if (!AnswerCall(SYS_socket, [] { return static_cast<long>(-EMFILE); })) return std::nullopt;
+    FrameChannel::ConnectTo("127.0.0.1", 5000, std::chrono::seconds(10));
+    return "connected";
+  });
+  if (!text) GTEST_SKIP() << "system calls cannot be answered here";
+  EXPECT_EQ(*text, "threw No socket: Too many open files");
+}
+
+TEST(ConnectTo, NetworkThatRefusesAtOnceIsTheReasonGiven) {
+  const auto text = Connecting(SYS_connect, [] { return static_cast<long>(-ENETUNREACH); });
+  if (!text) GTEST_SKIP() << "system calls cannot be answered here";
+  EXPECT_EQ(*text, "Cannot connect to 127.0.0.1: Network is unreachable");
+}
+
+TEST(ConnectTo, ConnectionThatIsThereAtOnceIsTaken) {
+  const auto text = Connecting(SYS_connect, [] { return 0L; });
+  if (!text) GTEST_SKIP() << "system calls cannot be answered here";
+  EXPECT_EQ(*text, "connected");
+}
+
+TEST(ConnectTo, InterruptedAttemptIsWaitedFor) {
+  const auto text = Connecting(SYS_connect, [] { return static_cast<long>(-EINTR); });
+  if (!text) GTEST_SKIP() << "system calls cannot be answered here";
+  EXPECT_EQ(*text, "connected");
+}
+
+// What comes of using a channel with a frame's beginning before it, when `call` is answered.
+std::optional<std::string> Using(int call, CallAnswer answer,
+                                 const std::function<void(FrameChannel&)>& use) {
+  return TextOfChild([=]() -> std::optional<std::string> {
+    SocketPair pair;
+    WriteAll(pair.peer.get(), Bytes("02000000 41"));
+    FrameChannel channel(pair.ours.Release());
+    if (!AnswerCall(call, answer)) return std::nullopt;
+    use(channel);
+    return "done";
+  });
+}
+
+TEST(FrameChannelFailure, WaitThatFailsIsLinkLost) {
+  const auto text = Using(
+      SYS_poll, [] { return static_cast<long>(-ENOMEM); },
+      [](FrameChannel& channel) { channel.Receive(); });
+  if (!text) GTEST_SKIP() << "system calls cannot be answered here";
+  EXPECT_EQ(*text, "threw poll: Cannot allocate memory");
+}
+
+TEST(FrameChannelFailure, WaitThatEndsForNothingIsTakenUpAgain) {
+  static int calls = 0;
+  for (const bool limited : {false, true}) {
+    calls = 0;
+    const auto text = Using(
+        SYS_poll,
+        [] {
+          switch (++calls) {
+            case 1:
+              return 0L;  // too soon
+            case 2:
+              return static_cast<long>(-EINTR);
+            case 3:
+              return 1L;  // for nothing
+            default:
+              return static_cast<long>(-ENOMEM);
+          }
+        },
+        [limited](FrameChannel& channel) {
+          channel.Receive(limited ? master::Deadline(Clock::now() + std::chrono::hours(1))
+                                  : master::Deadline());
+        });
+    if (!text) GTEST_SKIP() << "system calls cannot be answered here";
+    EXPECT_EQ(*text, "threw poll: Cannot allocate memory") << "limited " << limited;
+  }
+}
+
+TEST(FrameChannelFailure, ReadThatIsInterruptedOrHasNothingIsTakenUpAgain) {
+  static int calls = 0;
+  const auto text = Using(
+      SYS_recvfrom,
+      [] {
+        switch (++calls) {
+          case 1:
+            return static_cast<long>(-EINTR);
+          case 2:
+            return static_cast<long>(-EAGAIN);
+          default:
+            return static_cast<long>(-ECONNRESET);
+        }
+      },
+      [](FrameChannel& channel) { channel.Receive(); });
+  if (!text) GTEST_SKIP() << "system calls cannot be answered here";
+  EXPECT_EQ(*text, "threw The connection to the daemon broke: Connection reset by peer");
+}
+
+TEST(FrameChannelFailure, InterruptedSendGoesOn) {
+  static int calls = 0;
+  const auto text = Using(
+      SYS_sendto, [] { return ++calls < 3 ? -EINTR : static_cast<long>(-EPIPE); },
+      [](FrameChannel& channel) { channel.Send("A"); });
+  if (!text) GTEST_SKIP() << "system calls cannot be answered here";
+  EXPECT_EQ(*text, "threw The connection to the daemon broke: Broken pipe");
+}
+
+TEST(FrameChannelFailure, PeerThatTakesNothingForTheWholeLimitIsLinkLost) {
+  // The limit is half a minute; here the wait ends at once with nothing ready.
+  const auto text = Using(
+      SYS_poll, [] { return 1L; },
+      [](FrameChannel& channel) { channel.Send(std::string(8 << 20, 'x')); });
+  if (!text) GTEST_SKIP() << "system calls cannot be answered here";
+  EXPECT_EQ(*text, "threw The daemon takes no more data");
 }
 
 TEST(ConnectTo, PortOutOfRangeIsNamed) {

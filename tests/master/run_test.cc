@@ -207,4 +207,9 @@ TEST_F(RunTest, BrokenConnectionIsLinkLost) {
   EXPECT_THROW(run_.Connect(), master::LinkLost);
 }
 
+TEST(NameOf, CodeIsNamedByItsNumberAndWhatItAsksFor) {
+  EXPECT_EQ(NameOf(master::Code::kRunUntil), "request 8 (RunUntil)");
+  EXPECT_EQ(NameOf(static_cast<master::Code>(99)), "request 99");
+}
+
 }  // namespace
