@@ -333,6 +333,18 @@ TEST_F(ProgramTest, OutputThatNobodyReadsEndsTheRun) {
   EXPECT_THAT(daemon_.Requests(), ElementsAre(kConnect, kTime, kTime, kShutdown));
 }
 
+TEST_F(ProgramTest, ErrorThatNobodyReadsEndsTheRunToo) {
+  VkmasterProcess process(LaunchArguments(daemon_.port(), {"--json"}));
+  process.Type("time\n");
+  process.ReadLine();
+  process.CloseOutput();
+  process.Type("time\n");
+  const Outcome outcome = process.Finish();
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_EQ(outcome.err, "vkmaster: The results cannot be written: Broken pipe\n");
+  EXPECT_THAT(daemon_.Requests(), ElementsAre(kConnect, kTime, kTime, kShutdown));
+}
+
 TEST_F(ProgramTest, EnvironmentGivesHostAndPort) {
   setenv("VKMASTER_HOST", "127.0.0.1", 1);
   setenv("VKMASTER_PORT", std::to_string(daemon_.port()).c_str(), 1);

@@ -8,6 +8,7 @@
 
 #include <array>
 #include <chrono>
+#include <future>
 #include <string>
 
 #include <gmock/gmock.h>
@@ -87,6 +88,10 @@ class TerminalTest : public testing::Test {
 
   int Status() {
     last_ = Until("");
+    return ExitStatus();
+  }
+
+  int ExitStatus() {
     int status = 0;
     waitpid(pid_, &status, 0);
     pid_ = -1;
@@ -174,6 +179,27 @@ TEST_F(TerminalTest, NoProgressKeepsTheTerminalPlain) {
   EXPECT_EQ(Status(), 0);
   EXPECT_THAT(last_, Not(HasSubstr("\033")));
   EXPECT_THAT(last_, Not(HasSubstr("of 60")));
+}
+
+TEST_F(TerminalTest, TerminalThatGoesAtThePromptShutsTheRunDown) {
+  Start({});
+  Until("CASE day 0> ");
+  terminal_.Reset();
+  EXPECT_THAT(daemon_.Requests(), testing::ElementsAre("01 00 00 00", "f0 ff 00 00"));
+  EXPECT_EQ(ExitStatus(), 128 + SIGHUP);
+}
+
+TEST_F(TerminalTest, TerminalThatGoesDuringAStepShutsTheRunDown) {
+  std::promise<void> gone;
+  run_.before = [&](std::uint32_t code) {
+    if (code == 8) gone.get_future().wait();
+  };
+  Start({"until", "60"});
+  Until("day 0 of 60");
+  terminal_.Reset();
+  gone.set_value();
+  EXPECT_EQ(daemon_.Requests().back(), "f0 ff 00 00");
+  EXPECT_EQ(ExitStatus(), 128 + SIGHUP);
 }
 
 }  // namespace

@@ -151,7 +151,7 @@ std::optional<int> ParseOptions(int argc, const char* const* argv, Options& opti
     if (given.words.size() != 2) throw UsageError("run: Which plan? run PLAN");
     ApplyLaunch(ReadPlan(given.words[1]), options);
   } catch (const UsageError& error) {
-    fmt::print(stderr, "vkmaster: {}\n", error.what());
+    Tell(stderr, fmt::format("vkmaster: {}\n", error.what()));
     return kUsage;
   }
   // Once more, over what the plan says.

@@ -215,6 +215,11 @@ std::string FormatTable(const Table& table) {
   return text;
 }
 
+void Tell(std::FILE* to, const std::string& text) {
+  std::fputs(text.c_str(), to);
+  std::fflush(to);
+}
+
 void Output::Write(const Result& result) {
   switch (form_) {
     case Form::kText:
@@ -237,13 +242,13 @@ void Output::WriteError(const std::string& command, const std::string& text,
   if (form_ != Form::kJson) return;
   Json object{{"command", command}, {"error", text}};
   if (!hint.empty()) object["hint"] = hint;
-  Put(Dump(object));
+  if (before_) before_();
+  Tell(out_, Dump(object));
 }
 
 void Output::Note(const std::string& text) {
   if (before_) before_();
-  fmt::print(notes_, "{}\n", text);
-  std::fflush(notes_);
+  Tell(notes_, text + "\n");
 }
 
 // True when the row goes under the header that is there already.

@@ -12,6 +12,10 @@ namespace vkmaster {
 
 enum class Form { kText, kJson, kCsv };
 
+/// Writes `text` for the engineer, at once. That nobody is there to read it any more, at a terminal
+/// that was closed for example, is no error: the run has to be shut down all the same.
+void Tell(std::FILE* to, const std::string& text);
+
 /// Writes results to a stream, complete and flushed one by one, so that a program on the other
 /// side of a pipe has each as soon as it is there.
 ///
@@ -26,8 +30,6 @@ class Output {
   Output& operator=(const Output&) = delete;
   virtual ~Output() = default;
 
-  Form form() const { return form_; }
-
   /// From now on `before` is called before anything is written: the place to clear a progress line.
   void BeforeWriting(std::function<void()> before) { before_ = std::move(before); }
 
@@ -35,7 +37,8 @@ class Output {
   virtual void Write(const Result& result);
 
   /// What went wrong, and what to look at next (may be empty). Always on the notes' stream; with
-  /// JSON an object on the other one too, so that a program finds it in its place.
+  /// JSON an object on the other one too, so that a program finds it in its place. Throws nothing
+  /// when the streams take no more.
   void WriteError(const std::string& command, const std::string& text, const std::string& hint);
 
   /// A line for the engineer.

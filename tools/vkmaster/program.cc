@@ -327,7 +327,7 @@ int RunProgram(int argc, const char* const* argv) {
     if (const auto status = ParseOptions(argc, argv, options)) return *status;
     return Program(std::move(options)).Run();
   } catch (const std::exception& error) {
-    fmt::print(stderr, "vkmaster: {}\n", error.what());
+    Tell(stderr, fmt::format("vkmaster: {}\n", error.what()));
     return kInternal;
   }
 }

@@ -5,6 +5,8 @@
 
 #include <fmt/format.h>
 
+#include "tools/vkmaster/output.h"
+
 namespace vkmaster {
 namespace {
 
@@ -40,15 +42,13 @@ void Progress::Tick() {
   if (!enabled_ || !active_) return;
   const auto elapsed =
       std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - begin_);
-  fmt::print(terminal_, "\r\033[K{}", Line(elapsed));
-  std::fflush(terminal_);
+  Tell(terminal_, "\r\033[K" + Line(elapsed));
   shown_ = true;
 }
 
 void Progress::Hide() {
   if (!shown_) return;
-  fmt::print(terminal_, "\r\033[K");
-  std::fflush(terminal_);
+  Tell(terminal_, "\r\033[K");
   shown_ = false;
 }
 
