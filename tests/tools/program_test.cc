@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "tests/support/child_process.h"
 #include "tests/support/temporary_directory.h"
 #include "tests/tools/fake_daemon.h"
 
@@ -214,6 +215,39 @@ TEST(ProgramHelpTest, HelpOfACommandNeedsNoRun) {
   EXPECT_EQ(outcome.status, 0);
   EXPECT_THAT(outcome.out, HasSubstr("until TARGET [step STEP] [rates]"));
   EXPECT_THAT(outcome.out, Not(HasSubstr("set-status")));
+}
+
+TEST(ProgramHelpTest, SeveralCommandsAreHelpedWithInTheirOrder) {
+  const Outcome outcome = RunVkmaster({"help", "time", "then", "help", "date"});
+  EXPECT_EQ(outcome.status, 0) << outcome.err;
+  EXPECT_EQ(outcome.out,
+            "  time                    simulated time in days since the start\n"
+            "  date                    simulated date\n");
+}
+
+TEST(ProgramHelpTest, HelpOfACommandFromAFileNeedsNoRun) {
+  const TemporaryDirectory directory;
+  const Outcome outcome = RunVkmaster({"--file", directory.Write("commands", "help date\n")});
+  EXPECT_EQ(outcome.status, 0) << outcome.err;
+  EXPECT_EQ(outcome.out, "  date                    simulated date\n");
+}
+
+TEST(ProgramHelpTest, HelpWithoutACommandListsThemAll) {
+  const Outcome outcome = RunVkmaster({"help"});
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_THAT(outcome.out, testing::StartsWith("Commands:\n  connect  "));
+  EXPECT_THAT(outcome.out, HasSubstr("\n  set-status STATUS WELLS "));
+}
+
+TEST(ProgramHelpTest, HelpThatCannotBeWrittenIsAnError) {
+  const TemporaryDirectory directory;
+  ChildProcess::Options options;
+  options.outputFile = directory.File("errors");
+  ChildProcess child({"/bin/sh", "-c", std::string(VKMASTER_PROGRAM) + " help >/dev/full"},
+                     options);
+  EXPECT_EQ(child.Wait(std::chrono::seconds(30)), 1);
+  EXPECT_EQ(directory.Read("errors"),
+            "vkmaster: The help cannot be written: No space left on device\n");
 }
 
 TEST(ProgramLaunchTest, ListenerThatNeverSpeaksIsNoDaemon) {

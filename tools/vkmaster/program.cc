@@ -1,5 +1,6 @@
 #include "tools/vkmaster/program.h"
 
+#include <errno.h>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -7,6 +8,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -112,9 +114,15 @@ class Program {
     return true;
   }
 
-  int PrintHelp() {
-    const std::size_t named = options_.words.size() > 1 ? 1 : 0;
-    fmt::print("{}", HelpText(named == 1 ? options_.words[1] : ""));
+  int PrintHelp() const {
+    for (const Command& command : *commands_) {
+      const Words words = SplitWords(command.text);
+      std::fputs(HelpText(words.size() > 1 ? words[1] : "").c_str(), stdout);
+    }
+    std::fflush(stdout);
+    if (std::ferror(stdout) != 0) {
+      throw std::system_error(errno, std::generic_category(), "The help cannot be written");
+    }
     return kOk;
   }
 
