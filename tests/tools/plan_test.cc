@@ -234,7 +234,20 @@ TEST_F(PlanRunTest, FileThatCannotBeWrittenEndsTheRunWithItsShutdown) {
   std::filesystem::create_directories(directory_.File("results/wells.csv"));
   const Outcome outcome = Run("[advance]\nuntil = 1\n[record]\ncommands = [\"wells\"]\n");
   EXPECT_EQ(outcome.status, 2);
-  EXPECT_THAT(outcome.err, HasSubstr("Cannot write '"));
+  EXPECT_THAT(outcome.err, HasSubstr("Cannot write '" + directory_.File("results/wells.csv") +
+                                     "': Is a directory\n"));
+  EXPECT_EQ(daemon_.Requests().back(), "f0 ff 00 00");
+}
+
+TEST_F(PlanRunTest, FullDiskIsNamedWithTheFileAndEndsTheRunWithItsShutdown) {
+  std::filesystem::create_directories(directory_.File("results"));
+  std::filesystem::create_symlink("/dev/full", directory_.File("results/data.csv"));
+  const Outcome outcome = Run("[advance]\nuntil = 1\n[record]\ncommands = [\"data\"]\n");
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_THAT(outcome.err,
+              HasSubstr("vkmaster: Cannot write '" + directory_.File("results/data.csv") +
+                        "': No space left on device\n"));
+  EXPECT_EQ(directory_.Read("results/steps.csv"), "time_days,date,ended\n0,2020-01-01,false\n");
   EXPECT_EQ(daemon_.Requests().back(), "f0 ff 00 00");
 }
 

@@ -1,6 +1,9 @@
 #include "tools/vkmaster/recorder.h"
 
+#include <errno.h>
+
 #include <filesystem>
+#include <system_error>
 #include <utility>
 
 #include <fmt/format.h>
@@ -8,6 +11,15 @@
 #include "tools/vkmaster/usage_error.h"
 
 namespace vkmaster {
+
+namespace {
+
+UsageError CannotWrite(const std::string& path) {
+  return UsageError(
+      fmt::format("Cannot write '{}': {}", path, std::generic_category().message(errno)));
+}
+
+}  // namespace
 
 Recorder::Recorder(std::string directory, std::FILE* notes)
     : Output(Form::kCsv, nullptr, notes), directory_(std::move(directory)) {
@@ -29,9 +41,7 @@ void Recorder::Write(const Result& result) {
     const bool first = &table == &result.tables.front();
     WriteTable(first ? result.command : result.command + "_" + table.key, table);
   }
-  if (result.tables.empty() && !result.fields.empty()) {
-    WriteTable(result.command, FieldsAsTable(result));
-  }
+  if (result.tables.empty()) WriteTable(result.command, FieldsAsTable(result));
   for (const std::string& note : result.notes) {
     Note(fmt::format("note: day {:.6g}, {}: {}", days_, result.command, note));
   }
@@ -43,29 +53,36 @@ void Recorder::WriteTable(const std::string& name, const Table& table) {
     // A state has its own time and date, which are the same.
     if (column.key != "time_days" && column.key != "date") header.push_back(column.key);
   }
-  std::FILE* file = FileFor(name, CsvLine(header));
+  std::string text;
   for (const auto& row : table.rows) {
     std::vector<std::string> cells{FormatValue(days_, true), date_};
     for (std::size_t i = 0; i < row.size(); ++i) {
       const std::string& key = table.columns[i].key;
       if (key != "time_days" && key != "date") cells.push_back(FormatValue(row[i], true));
     }
-    fmt::print(file, "{}", CsvLine(cells));
+    text += CsvLine(cells);
   }
-  if (std::fflush(file) != 0) throw UsageError("Cannot write " + name + ".csv");
+  Append(FileFor(name, CsvLine(header)), text);
 }
 
-std::FILE* Recorder::FileFor(const std::string& name, const std::string& header) {
-  auto& file = files_[name + "\n" + header];
-  if (file) return file.get();
+const Recorder::File& Recorder::FileFor(const std::string& name, const std::string& header) {
+  File& file = files_[name + "\n" + header];
+  if (file.stream) return file;
   const int number = ++count_[name];
-  const std::string path = (std::filesystem::path(directory_) /
-                            (number == 1 ? name + ".csv" : fmt::format("{}_{}.csv", name, number)))
-                               .string();
-  file.reset(std::fopen(path.c_str(), "we"));
-  if (!file) throw UsageError("Cannot write '" + path + "'");
-  fmt::print(file.get(), "{}", header);
-  return file.get();
+  file.path = (std::filesystem::path(directory_) /
+               (number == 1 ? name + ".csv" : fmt::format("{}_{}.csv", name, number)))
+                  .string();
+  file.stream.reset(std::fopen(file.path.c_str(), "we"));
+  if (!file.stream) throw CannotWrite(file.path);
+  Append(file, header);
+  return file;
+}
+
+// Flushed, so that a run that ends by itself leaves all rows behind.
+void Recorder::Append(const File& file, const std::string& text) {
+  std::fputs(text.c_str(), file.stream.get());
+  std::fflush(file.stream.get());
+  if (std::ferror(file.stream.get()) != 0) throw CannotWrite(file.path);
 }
 
 }  // namespace vkmaster

@@ -25,17 +25,23 @@ class Recorder : public Output {
   void Write(const Result& result) override;
 
  private:
-  void WriteTable(const std::string& name, const Table& table);
-  std::FILE* FileFor(const std::string& name, const std::string& header);
-
   struct Closer {
     void operator()(std::FILE* file) const { std::fclose(file); }
   };
+  struct File {
+    std::string path;
+    std::unique_ptr<std::FILE, Closer> stream;
+  };
+
+  void WriteTable(const std::string& name, const Table& table);
+  const File& FileFor(const std::string& name, const std::string& header);
+  static void Append(const File& file, const std::string& text);
+
   std::string directory_;
   double days_ = 0;
   std::string date_;
-  std::map<std::string, std::unique_ptr<std::FILE, Closer>> files_;  // by name and header
-  std::map<std::string, int> count_;                                 // of files by name
+  std::map<std::string, File> files_;  // by name and header
+  std::map<std::string, int> count_;   // of files by name
 };
 
 }  // namespace vkmaster
