@@ -58,6 +58,8 @@ class VkmasterProcess {
   }
 
   pid_t pid() const { return pid_; }
+  int output() const { return out_.get(); }  ///< the reading end, as errors() is
+  int errors() const { return err_.get(); }
   void Type(const std::string& text) const { WriteAll(in_.get(), text); }
   void Signal(int number) const { kill(pid_, number); }
 

@@ -1,11 +1,18 @@
 #include "tests/tools/program.h"
 
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/syscall.h>
+
+#include <fstream>
 #include <future>
+#include <utility>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "tests/support/child_process.h"
+#include "tests/support/refused_calls.h"
 #include "tests/support/temporary_directory.h"
 #include "tests/tools/fake_daemon.h"
 
@@ -379,6 +386,110 @@ TEST_F(ProgramTest, ErrorThatNobodyReadsEndsTheRunToo) {
   EXPECT_THAT(daemon_.Requests(), ElementsAre(kConnect, kTime, kTime, kShutdown));
 }
 
+// Whether the process is in a write to its descriptor that nobody makes room for.
+bool IsWriting(pid_t pid, int descriptor) {
+  std::ifstream call("/proc/" + std::to_string(pid) + "/syscall");
+  long number = -1;
+  std::string argument;
+  call >> number >> argument;
+  return number == SYS_write && argument == "0x" + std::to_string(descriptor);
+}
+
+TEST_F(ProgramTest, SignalWhileTheResultsWaitForTheirReaderShutsTheRunDown) {
+  VkmasterProcess process(LaunchArguments(daemon_.port(), {}));
+  const int room = fcntl(process.output(), F_SETPIPE_SZ, 4096);
+  ASSERT_GT(room, 0);
+  std::string commands;
+  for (int i = 0; i < room / 10; ++i) commands += "time\n";
+  process.Type(commands);
+  ASSERT_TRUE(Eventually([&] { return IsWriting(process.pid(), STDOUT_FILENO); }));
+  process.Signal(SIGINT);
+  const Outcome outcome = process.Finish();
+  EXPECT_EQ(outcome.status, 130);
+  EXPECT_THAT(outcome.err, testing::StartsWith("Interrupted: shutting the run down"));
+  EXPECT_EQ(daemon_.Requests().back(), kShutdown);
+}
+
+TEST_F(ProgramTest, SignalBetweenTwoCommandsKeepsTheSecondFromBeingSent) {
+  std::promise<void> narrow;
+  run_.before = [&](std::uint32_t code) {
+    if (code == 1) narrow.get_future().wait();
+  };
+  VkmasterProcess process(
+      LaunchArguments(daemon_.port(), {"help", "then", "help", "then", "open", "P1"}));
+  const int room = fcntl(process.errors(), F_SETPIPE_SZ, 4096);
+  narrow.set_value();
+  ASSERT_EQ(room, 4096);
+  ASSERT_TRUE(Eventually([&] { return IsWriting(process.pid(), STDERR_FILENO); }))
+      << "the second help has no room beside the first";
+  process.Signal(SIGINT);
+  const Outcome outcome = process.Finish();
+  EXPECT_EQ(outcome.status, 130);
+  EXPECT_THAT(daemon_.Requests(), ElementsAre(kConnect, kShutdown));
+}
+
+TEST_F(ProgramTest, NothingButSeparatorsIsALaunchAndAShutdown) {
+  const Outcome outcome = Master({"then", ","});
+  EXPECT_EQ(outcome.status, 0) << outcome.err;
+  EXPECT_EQ(outcome.out + outcome.err, "");
+  EXPECT_THAT(daemon_.Requests(), ElementsAre(kConnect, kShutdown));
+}
+
+TEST_F(ProgramTest, HelpInARunIsARemarkBesideTheResults) {
+  const Outcome outcome = Master({}, "help date; help\ntime\n");
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.out, "time  0 days\n");
+  EXPECT_THAT(
+      outcome.err,
+      testing::StartsWith("  date                    simulated date\n\nCommands:\n  connect "));
+}
+
+TEST_F(ProgramTest, ShutdownThatFailsAtTheEndIsTheStatus) {
+  run_.fails = {65520};
+  const Outcome outcome = Master({"time"});
+  EXPECT_EQ(outcome.status, 4);
+  EXPECT_EQ(outcome.out, "time  0 days\n");
+  EXPECT_THAT(outcome.err, HasSubstr("vkmaster: The daemon ended the connection while waiting for "
+                                     "the answer of request 65520 (Shutdown)\n"));
+}
+
+// The user's name in the run request when the environment holds these; null for not at all.
+std::string UserSent(const char* user, const char* logname) {
+  for (const auto& [name, value] : {std::pair("USER", user), std::pair("LOGNAME", logname)}) {
+    if (value == nullptr) {
+      unsetenv(name);
+    } else {
+      setenv(name, value, 1);
+    }
+  }
+  FakeRun run;
+  FakeDaemon daemon(FakeDaemon::Launching(run));
+  const Outcome outcome =
+      RunVkmaster({"--host", "127.0.0.1", "--port", std::to_string(daemon.port()), "--path",
+                   "/data/", "--root", "CASE", "quit"});
+  EXPECT_EQ(outcome.status, 0) << outcome.err;
+  const std::vector<std::string> frames = daemon.Frames();
+  return frames.size() < 8 ? "none" : Bytes(frames[6]);
+}
+
+TEST(ProgramUser, NameIsThatOfTheEnvironment) {
+  EXPECT_EQ(UserSent("bob", "carol"), "bob");
+  EXPECT_EQ(UserSent("", "carol"), "carol");
+  EXPECT_EQ(UserSent(nullptr, "carol"), "carol");
+  EXPECT_EQ(UserSent(nullptr, nullptr), "");
+  unsetenv("LOGNAME");
+}
+
+TEST(ProgramFailure, SystemWithoutADescriptorLeftIsAnInternalError) {
+  const TemporaryDirectory directory;
+  ChildProcess::Options options;
+  options.outputFile = directory.File("errors");
+  options.inChild = [] { return RefuseCalls({{SYS_eventfd2, EMFILE}}) ? 0 : 1; };
+  ChildProcess child({VKMASTER_PROGRAM, "help"}, options);
+  EXPECT_EQ(child.Wait(std::chrono::seconds(30)), 1);
+  EXPECT_EQ(directory.Read("errors"), "vkmaster: no event descriptor\n");
+}
+
 TEST_F(ProgramTest, EnvironmentGivesHostAndPort) {
   setenv("VKMASTER_HOST", "127.0.0.1", 1);
   setenv("VKMASTER_PORT", std::to_string(daemon_.port()).c_str(), 1);
@@ -455,6 +566,46 @@ TEST(ProgramSignal, LaunchGivenUpLeavesConnectAndShutdownBehind) {
   EXPECT_EQ(outcome.status, 130);
   EXPECT_THAT(outcome.err, HasSubstr("finds the order to shut it down"));
   EXPECT_THAT(daemon.Requests(), ElementsAre(kConnect, kShutdown));
+}
+
+TEST(ProgramSignal, SignalBeforeTheDaemonSpeaksLeavesNothingBehind) {
+  std::promise<pid_t> master;
+  FakeDaemon daemon([&](DaemonEnd& end) {
+    kill(master.get_future().get(), SIGTERM);
+    end.Receive();
+  });
+  VkmasterProcess process(LaunchArguments(daemon.port(), {"time"}));
+  master.set_value(process.pid());
+  const Outcome outcome = process.Finish();
+  EXPECT_EQ(outcome.status, 143);
+  EXPECT_THAT(outcome.err, testing::StartsWith("vkmaster: Interrupted while "));
+  EXPECT_THAT(daemon.Frames(), IsEmpty());
+}
+
+TEST(ProgramLaunch, LaunchThatTakesTooLongIsLeftAloneWithLeave) {
+  FakeDaemon daemon([&](DaemonEnd& end) {
+    FakeDaemon::Handshake(end);
+    while (end.Receive()) {
+    }
+  });
+  const Outcome outcome =
+      RunVkmaster(LaunchArguments(daemon.port(), {"--launch-wait", "1", "--leave", "time"}));
+  EXPECT_EQ(outcome.status, 3);
+  EXPECT_EQ(outcome.err, "vkmaster: The daemon did not answer in time\n");
+  EXPECT_THAT(daemon.Requests(), IsEmpty());
+}
+
+TEST(ProgramLaunch, RunThatCannotBeAskedForIsAUsageError) {
+  FakeDaemon daemon([](DaemonEnd& end) {
+    end.Send("3");
+    while (end.Receive()) {
+    }
+  });
+  const Outcome outcome =
+      RunVkmaster(LaunchArguments(daemon.port(), {"--debug", std::string(32768, 'x'), "time"}));
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_EQ(outcome.err, "vkmaster: The debug flag is too long: 32768 characters\n");
+  EXPECT_THAT(daemon.Frames(), ElementsAre("33"));
 }
 
 TEST(ProgramLaunch, LaunchThatTakesTooLongIsGivenUp) {

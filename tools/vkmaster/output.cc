@@ -9,6 +9,7 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include "master/errors.h"
 #include "tools/vkmaster/words.h"
 
 namespace vkmaster {
@@ -295,6 +296,7 @@ void Output::Put(const std::string& text) {
   if (before_) before_();
   // Without a reader there is nobody to run for: days of computing would go nowhere.
   if (std::fwrite(text.data(), 1, text.size(), out_) != text.size() || std::fflush(out_) != 0) {
+    if (errno == EINTR) throw master::Interrupted("Interrupted while writing the results");
     throw std::system_error(errno, std::generic_category(), "The results cannot be written");
   }
 }

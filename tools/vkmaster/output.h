@@ -33,7 +33,8 @@ class Output {
   /// From now on `before` is called before anything is written: the place to clear a progress line.
   void BeforeWriting(std::function<void()> before) { before_ = std::move(before); }
 
-  /// Throws std::system_error when the stream takes no more, a pipe that nobody reads for example.
+  /// Throws std::system_error when the stream takes no more, a pipe that nobody reads for example,
+  /// and master::Interrupted when a signal came while a reader was slow to take it.
   virtual void Write(const Result& result);
 
   /// What went wrong, and what to look at next (may be empty). Always on the notes' stream; with
