@@ -130,6 +130,7 @@ struct FakeRun {
   bool has_eos = true;                   ///< else the model has no components
   std::vector<double> interaction{0.1};  ///< binary interaction coefficients
   bool flows_liquid = true;              ///< else the inflow tables hold gas alone
+  bool short_lists = false;              ///< lists of properties are shorter than the first one
   std::size_t missing_variables = 0;     ///< how many values fewer than asked for
 
   double time = 0;
@@ -239,7 +240,8 @@ struct FakeRun {
     reply.String("PR").Int(2).String("C1").String("CO2");
     reply.Series({16.04, 44.01}).Series({190.6, 304.1}).Series({46.0, 73.8}).Series({99, 94});
     reply.Series({0.011, 0.239}).Series({}).Series({111.6, 194.7}).Series({-0.15, -0.08});
-    reply.Series({0.457, 0.457}).Series({0.0778, 0.0778}).Series({77, 78});
+    reply.Series({0.457, 0.457}).Series({0.0778, 0.0778});
+    reply.Series(short_lists ? std::vector<double>{77} : std::vector<double>{77, 78});
     reply.Series(interaction);
     master.Send(reply.Done());
   }
@@ -267,6 +269,7 @@ struct FakeRun {
         lists[3].push_back(rate * 100);
         for (std::size_t i = 4; i < 8; ++i) lists[i].push_back(80);
       }
+      if (short_lists) lists[4].resize(9);
       Pack table(4097);
       for (const auto& list : lists) table.Series(list);
       for (int point = 0; components > 0 && point < 10; ++point) {

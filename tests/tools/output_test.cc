@@ -1,6 +1,10 @@
 #include "tools/vkmaster/output.h"
 
 #include <cmath>
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <system_error>
 
 #include <gtest/gtest.h>
 
@@ -140,6 +144,41 @@ TEST(CsvOutput, TablesOfSeveralResultsAreParted) {
   EXPECT_EQ(written.out(),
             "time_days\n1\n2\n\nwell,oil_rate\nP1,1234.5678\n\"LONG \"\"P\"\", 2\",0.5\n\n"
             "a\ntrue\n");
+}
+
+TEST(TextOutput, TablesAreSetOffFromWhatIsAboveAndHaveTheirTitle) {
+  Written written(Form::kText);
+  Result result = WellTable();
+  result.fields = {{"a", "wells", 2.0, ""}};
+  result.tables.push_back({"more", "a title", {{"x", "x", ""}}, {{1.0}}});
+  written.output.Write(result);
+  EXPECT_EQ(written.out(),
+            "wells  2\n"
+            "\n"
+            "well         oil [sm3/d]\n"
+            "P1               1234.57\n"
+            "LONG \"P\", 2          0.5\n"
+            "\n"
+            "a title\n"
+            "x\n"
+            "1\n");
+}
+
+TEST(Output, FullDiskIsAnErrorForOneLineAndForMany) {
+  for (const std::size_t rows : {1U, 10000U}) {
+    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> full(std::fopen("/dev/full", "w"),
+                                                               std::fclose);
+    const MemoryStream notes;
+    Output output(Form::kCsv, full.get(), notes.get());
+    Result result = WellTable();
+    result.tables[0].rows.resize(rows, result.tables[0].rows[0]);
+    try {
+      output.Write(result);
+      ADD_FAILURE() << rows << " rows were written";
+    } catch (const std::system_error& error) {
+      EXPECT_STREQ(error.what(), "The results cannot be written: No space left on device");
+    }
+  }
 }
 
 TEST(FormatValue, LargeRatesAreNotShownInPowersOfTen) {

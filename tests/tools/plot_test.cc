@@ -32,6 +32,17 @@ TEST(Draw, ValuesAllAlikeLieInTheMiddle) {
             "            1.5x4.5\n");
 }
 
+TEST(Draw, PointsAllAlikeAreOneStarInTheMiddle) {
+  EXPECT_EQ(Draw({"P1", "x", "y", {3, 3, 3}, {0, 0, 0}}, 5, 3),
+            "P1\n"
+            "         y\n"
+            "       0.5 |\n"
+            "           |  *\n"
+            "      -0.5 |\n"
+            "           +-----\n"
+            "            1.5x4.5\n");
+}
+
 TEST(Draw, ValuesThatAreNoNumbersAreLeftOut) {
   EXPECT_EQ(Draw({"P1", "x", "y", {0, NAN, 1}, {0, 5, INFINITY}}, 5, 3),
             Draw({"P1", "x", "y", {0}, {0}}, 5, 3));

@@ -46,6 +46,20 @@ TEST(Completions, ConstraintNamesComeWithTheirEqualsSign) {
   EXPECT_THAT(Completions("ipr P1 ", "sk", Wells), ElementsAre("skewness"));
 }
 
+TEST(Completions, EveryIsFollowedByStepsAndTheWordsOfUntil) {
+  EXPECT_THAT(Completions("every ", "m", NoWells), ElementsAre("monthly"));
+  EXPECT_THAT(Completions("every monthly ", "u", NoWells), ElementsAre("until"));
+}
+
+TEST(Completions, CommaEndsACommandOnlyWhereItStandsAlone) {
+  EXPECT_THAT(Completions("time , ", "un", NoWells), ElementsAre("units", "until"));
+  EXPECT_THAT(Completions("data P1,P2 ", "P", Wells), ElementsAre("P1", "P2"));
+}
+
+TEST(Completions, UnknownCommandIsFollowedByNothing) {
+  EXPECT_THAT(Completions("tiem ", "", NoWells), IsEmpty());
+}
+
 TEST(Completions, OpenQuoteCompletesNothingWrong) {
   EXPECT_THAT(Completions("help 'x", "zzz", NoWells), IsEmpty());
 }

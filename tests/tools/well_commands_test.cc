@@ -1,6 +1,9 @@
 #include "tools/vkmaster/well_commands.h"
 
+#include <algorithm>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -237,6 +240,47 @@ TEST_F(WellCommandsTest, NoInteractionCoefficientsAreNoTable) {
 TEST_F(WellCommandsTest, ModelWithoutAnEquationOfStateIsSaidToHaveNone) {
   run_.has_eos = false;
   EXPECT_EQ(Do("eos"), "name,component_count\n,0\nnote: The model has no equation of state\n");
+}
+
+TEST_F(WellCommandsTest, MissingPropertyOfAComponentIsAnEmptyCell) {
+  run_.short_lists = true;
+  EXPECT_THAT(Do("eos"), HasSubstr(",0.457,0.0778,77\n2,CO2,44.01,304.1,73.8,94,0.239,194.7,-0.08,"
+                                   "0.457,0.0778,\n"));
+}
+
+TEST_F(WellCommandsTest, MissingPointOfAnInflowTableIsAnEmptyCell) {
+  run_.short_lists = true;
+  const std::string csv = Do("ipr P1 keep");
+  EXPECT_THAT(csv, HasSubstr("P1,9,280,200,50,20000,80,80,80,80\n"));
+  EXPECT_THAT(csv, HasSubstr("P1,10,290,100,25,10000,,80,80,80\n"));
+}
+
+TEST_F(WellCommandsTest, FractionsOfTheTimeHaveNoUnit) {
+  EXPECT_EQ(Do("vars P1 bhp uptime", Form::kText),
+            "well  bhp [bar]  uptime\nP1         10.5      21\n");
+  EXPECT_EQ(Do("constrain P1 uptime=0.5"), "well,constraint,value,unit\nP1,UPTIME_FRACTION,0.5,\n");
+}
+
+TEST_F(WellCommandsTest, ConstraintsOfManyWellsAreSentInSeveralRequests) {
+  run_.wells.clear();
+  // 4 + 5 for the name, 4 for each count, 8 + 20 + 4 for the constraint: 49 bytes a well.
+  for (int i = 10000; i < 12000; ++i) run_.wells.push_back({std::to_string(i), "PRODUCER", "OPEN"});
+  const std::string csv = Do("constrain all bhp=1");
+  EXPECT_THAT(csv, HasSubstr("\n10000,BOTTOM_HOLE_PRESSURE,1,bar\n"));
+  EXPECT_THAT(csv, HasSubstr("\n11999,BOTTOM_HOLE_PRESSURE,1,bar\n"));
+  std::vector<std::string> wells;
+  for (const std::string& hex : Requests(13)) {
+    const std::string request = Bytes(hex);
+    EXPECT_LE(request.size(), 65536U);
+    Fields fields(request.substr(4));
+    for (std::string& name : fields.Strings(fields.Int())) wells.push_back(std::move(name));
+  }
+  EXPECT_EQ(Requests(13).size(), 2U);
+  ASSERT_EQ(wells.size(), 2000U);
+  EXPECT_EQ(wells.front(), "10000");
+  EXPECT_EQ(wells.back(), "11999");
+  EXPECT_TRUE(std::is_sorted(wells.begin(), wells.end()));
+  EXPECT_EQ(std::adjacent_find(wells.begin(), wells.end()), wells.end());
 }
 
 TEST_F(WellCommandsTest, MissingVariablesBreakTheProtocol) {

@@ -179,7 +179,7 @@ class Course {
   }
 
   void Run() {
-    if (!session_.first_step_done()) session_.FirstStep();
+    session_.FirstStep();
     double now = session_.TimeDays();
     target_ = DaysOf(plan_.until, session_);
     if (target_ - now < kSameTime) {

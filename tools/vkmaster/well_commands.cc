@@ -228,7 +228,7 @@ void SetConstraints(Session& session, const std::vector<master::WellConstraints>
     size += SizeOf(well);
     part.push_back(well);
   }
-  if (!part.empty()) session.run().SetWellConstraints(part);
+  session.run().SetWellConstraints(part);
   for (const master::WellConstraints& well : wells) session.Remember(well);
 }
 
