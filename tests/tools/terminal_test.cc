@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <poll.h>
 #include <pty.h>
 #include <signal.h>
@@ -8,8 +9,11 @@
 
 #include <array>
 #include <chrono>
+#include <filesystem>
 #include <future>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -39,7 +43,9 @@ class TerminalTest : public testing::Test {
     int terminal = -1;
     pid_ = forkpty(&terminal, nullptr, nullptr, nullptr);
     if (pid_ == 0) {
-      setenv("HOME", home_.path().c_str(), 1);
+      if (chdir(home_.path().c_str()) != 0) _exit(126);
+      unsetenv("HOME");
+      if (home_variable_) setenv("HOME", home_variable_->c_str(), 1);
       setenv("TERM", "xterm", 1);
       execv(VKMASTER_PROGRAM, argv.data());
       _exit(126);
@@ -99,6 +105,7 @@ class TerminalTest : public testing::Test {
   }
 
   TemporaryDirectory home_;
+  std::optional<std::string> home_variable_ = home_.path().string();
   FakeRun run_;
   FakeDaemon daemon_{FakeDaemon::Launching(run_)};
   pid_t pid_ = -1;
@@ -165,6 +172,85 @@ TEST_F(TerminalTest, HistoryIsKeptForTheNextTime) {
   Type("quit\n");
   EXPECT_EQ(Status(), 0);
   EXPECT_THAT(home_.Read(".vkmaster_history"), HasSubstr("time"));
+}
+
+TEST_F(TerminalTest, HistoryOfTheLastTimeIsAtTheUpArrow) {
+  home_.Write(".vkmaster_history", "_HiStOrY_V2_\nversion\n");  // as the editor writes it
+  Start({});
+  Until("CASE day 0> ");
+  Type("\n");
+  Until("CASE day 0> ");
+  Type("\033[A\n");
+  EXPECT_THAT(Until("CASE day 0> "), HasSubstr("simulator version  2017.2"));
+  Type("quit\n");
+  EXPECT_EQ(Status(), 0);
+  EXPECT_THAT(home_.Read(".vkmaster_history"), testing::EndsWith("version\nversion\nquit\n"))
+      << "the empty line is not kept";
+}
+
+TEST_F(TerminalTest, WithoutAHomeThereIsNoHistoryFile) {
+  home_variable_.reset();
+  Start({});
+  Until("CASE day 0> ");
+  Type("time\n");
+  EXPECT_THAT(Until("CASE day 0> "), HasSubstr("time  0 days"));
+  Type("quit\n");
+  EXPECT_EQ(Status(), 0);
+  EXPECT_FALSE(std::filesystem::exists(home_.File(".vkmaster_history")));
+}
+
+TEST_F(TerminalTest, EmptyHomeLeavesNoHistoryInTheWorkingDirectory) {
+  home_variable_ = "";
+  Start({});
+  Until("CASE day 0> ");
+  Type("quit\n");
+  EXPECT_EQ(Status(), 0);
+  EXPECT_FALSE(std::filesystem::exists(home_.File(".vkmaster_history")));
+}
+
+TEST_F(TerminalTest, TabBehindWhatNothingBeginsWithAddsNothing) {
+  home_.Write("zz-a-file", "");
+  Start({});
+  Until("CASE day 0> ");
+  Type("zz\t\n");
+  EXPECT_THAT(Until("CASE day 0> "),
+              HasSubstr("No such command: zz (the command help lists them)"));
+  Type("quit\n");
+  EXPECT_EQ(Status(), 0);
+}
+
+TEST_F(TerminalTest, TabOverALostLinkLeavesTheWordToTheCommand) {
+  run_.fails = {6};
+  Start({});
+  Until("CASE day 0> ");
+  Type("data \tP1\n");
+  EXPECT_THAT(Status(), testing::AnyOf(4, 5));
+  EXPECT_THAT(last_, HasSubstr("vkmaster: The "));
+  EXPECT_THAT(last_, HasSubstr("hint: "));
+}
+
+// A terminal that is not the one of the program's session ends like a file, without a signal.
+TEST_F(TerminalTest, EndOfAnotherSessionsTerminalShutsTheRunDown) {
+  std::vector<std::string> arguments = LaunchArguments(daemon_.port(), {});
+  arguments.insert(arguments.begin(), VKMASTER_PROGRAM);
+  int master = -1;
+  int slave = -1;
+  ASSERT_EQ(openpty(&master, &slave, nullptr, nullptr, nullptr), 0);
+  terminal_ = Descriptor(master);
+  fcntl(master, F_SETFD, FD_CLOEXEC);
+  ChildProcess::Options options;
+  options.inChild = [slave] {
+    for (const int stream : {0, 1, 2}) dup2(slave, stream);
+    setsid();
+    close(slave);
+    return 0;
+  };
+  ChildProcess child(arguments, options);
+  close(slave);
+  Until("CASE day 0> ");
+  terminal_.Reset();
+  EXPECT_THAT(daemon_.Requests(), testing::ElementsAre("01 00 00 00", "f0 ff 00 00"));
+  EXPECT_EQ(child.Wait(std::chrono::seconds(30)), 0);
 }
 
 TEST_F(TerminalTest, LongAdvanceShowsItsProgressInDays) {

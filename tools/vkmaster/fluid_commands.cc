@@ -54,7 +54,7 @@ Table ComponentTable(const master::EOSProps& eos) {
 Table InteractionTable(const master::EOSProps& eos) {
   const std::size_t n = eos.components.size();
   Table table{"binary_interaction", "binary interaction", {}, {}};
-  if (n > 0 && eos.binary_interaction.size() == n * n) {
+  if (eos.binary_interaction.size() == n * n) {
     table.columns.push_back({"component", "component", ""});
     for (const std::string& name : eos.components) table.columns.push_back({name, name, ""});
     for (std::size_t i = 0; i < n; ++i) {

@@ -105,7 +105,8 @@ char** Complete(const char* begin, int start, int /*end*/) {
 
 std::string HistoryFile() {
   const char* home = getenv("HOME");
-  return home == nullptr ? "" : (std::filesystem::path(home) / ".vkmaster_history").string();
+  if (home == nullptr || *home == '\0') return "";
+  return (std::filesystem::path(home) / ".vkmaster_history").string();
 }
 
 }  // namespace
