@@ -268,6 +268,18 @@ TEST_F(PlanRunTest, CommandLineWinsOverThePlansLaunch) {
   EXPECT_EQ(daemon_.Frames()[4], Hex("4"));
 }
 
+TEST_F(PlanRunTest, ConfigFromAPipeWinsOverThePlansLaunchToo) {
+  const std::string plan =
+      directory_.Write("plan.toml", "[launch]\nport = 1\nprocesses = 4\n[advance]\nuntil = 1\n");
+  const Outcome outcome = RunVkmaster(
+      {"--host", "127.0.0.1", "--path", "/data/", "--config", "/dev/stdin", "run", plan},
+      "root=CASE\nport=" + std::to_string(daemon_.port()) + "\n");
+  EXPECT_EQ(outcome.status, 0) << outcome.err;
+  ASSERT_GE(daemon_.Frames().size(), 8U);
+  EXPECT_EQ(daemon_.Frames()[3], Hex("CASE"));
+  EXPECT_EQ(daemon_.Frames()[4], Hex("4"));
+}
+
 TEST_F(PlanTest, WrongPlanLaunchesNothing) {
   const std::string plan = directory_.Write("plan.toml", "[advance]\nuntil = \"soon\"\n");
   EXPECT_EQ(RunVkmaster(LaunchArguments(FreePort(), {"run", plan})).status, 2);

@@ -3,6 +3,7 @@
 #include <stdlib.h>
 
 #include <memory>
+#include <set>
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
@@ -118,7 +119,10 @@ void AddOtherOptions(CLI::App& app, Options& options) {
              "seconds to wait for the shutdown at the end");
 }
 
-std::optional<int> Parse(int argc, const char* const* argv, Options& options) {
+// `given` receives the names of the options that the command line, the environment or the file of
+// options has.
+std::optional<int> Parse(int argc, const char* const* argv, Options& options,
+                         std::set<std::string>& given) {
   CLI::App app("Launches a run through a jobmill daemon and controls it.", "vkmaster");
   AddLaunchOptions(app, options);
   AddOtherOptions(app, options);
@@ -130,6 +134,9 @@ std::optional<int> Parse(int argc, const char* const* argv, Options& options) {
   try {
     app.parse(argc, argv);
     options.words = app.remaining();
+    for (const CLI::Option* option : app.get_options()) {
+      if (!option->empty()) given.insert(option->get_name());
+    }
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? kOk : kUsage;
   }
@@ -140,22 +147,17 @@ std::optional<int> Parse(int argc, const char* const* argv, Options& options) {
 
 std::optional<int> ParseOptions(int argc, const char* const* argv, Options& options) {
   options.run.user = DefaultUser();
-  Options given = options;
-  if (const auto status = Parse(argc, argv, given)) return status;
-  const bool planned = !given.words.empty() && given.words[0] == "run";
-  if (!planned) {
-    options = given;
-    return std::nullopt;
-  }
+  std::set<std::string> given;
+  if (const auto status = Parse(argc, argv, options, given)) return status;
+  const bool planned = !options.words.empty() && options.words[0] == "run";
+  if (!planned) return std::nullopt;
   try {
-    if (given.words.size() != 2) throw UsageError("run: Which plan? run PLAN");
-    ApplyLaunch(ReadPlan(given.words[1]), options);
+    if (options.words.size() != 2) throw UsageError("run: Which plan? run PLAN");
+    ApplyLaunch(ReadPlan(options.words[1]), options, given);
   } catch (const UsageError& error) {
     Tell(stderr, fmt::format("vkmaster: {}\n", error.what()));
     return kUsage;
   }
-  // Once more, over what the plan says.
-  if (const auto status = Parse(argc, argv, options)) return status;
   options.plan = options.words[1];
   options.words.clear();
   return std::nullopt;

@@ -251,27 +251,26 @@ class Course {
   std::size_t next_event_ = 0;
 };
 
-void Set(std::string& to, const std::optional<std::string>& from) {
-  if (from) to = *from;
-}
-
 }  // namespace
 
 Plan ReadPlan(const std::string& file) {
   return Reader(file).Read();
 }
 
-void ApplyLaunch(const Plan& plan, Options& options) {
+void ApplyLaunch(const Plan& plan, Options& options, const std::set<std::string>& given) {
+  const auto apply = [&given](const char* option, auto& to, const auto& from) {
+    if (from && !given.contains(option)) to = *from;
+  };
   const Plan::Launch& launch = plan.launch;
-  Set(options.host, launch.host);
-  if (launch.port) options.port = *launch.port;
-  Set(options.run.path, launch.path);
-  Set(options.run.root, launch.root);
-  Set(options.run.processes, launch.processes);
-  Set(options.run.api, launch.api);
-  Set(options.run.user, launch.user);
-  Set(options.run.debug, launch.debug);
-  Set(options.run.cluster, launch.cluster);
+  apply("--host", options.host, launch.host);
+  apply("--port", options.port, launch.port);
+  apply("--path", options.run.path, launch.path);
+  apply("--root", options.run.root, launch.root);
+  apply("--processes", options.run.processes, launch.processes);
+  apply("--api", options.run.api, launch.api);
+  apply("--user", options.run.user, launch.user);
+  apply("--debug", options.run.debug, launch.debug);
+  apply("--cluster", options.run.cluster, launch.cluster);
 }
 
 void CarryOut(const Plan& plan, Context& context) {

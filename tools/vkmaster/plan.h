@@ -1,6 +1,7 @@
 #pragma once
 
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -35,8 +36,8 @@ struct Plan {
 /// it, also for a key that there is not: a misspelt one must not silently leave something out.
 Plan ReadPlan(const std::string& file);
 
-/// Sets what the plan says of the launch.
-void ApplyLaunch(const Plan& plan, Options& options);
+/// Sets what the plan says of the launch, except for the options `given` otherwise ("--host").
+void ApplyLaunch(const Plan& plan, Options& options, const std::set<std::string>& given = {});
 
 /// Carries the plan out. At every stop what is to be recorded is recorded first, then the commands
 /// of that time are carried out: records show the state that the controls until then led to. Only
