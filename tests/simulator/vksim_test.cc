@@ -186,6 +186,14 @@ TEST_F(VksimTest, RunsADeckFromSetupToShutdown) {
   EXPECT_THAT(program.seen(), HasSubstr("Shut down by the controller"));
 }
 
+TEST_F(VksimTest, TitleAndFluidsOfTheDeckAreShown) {
+  Program program({EXAMPLES_DIR, "COMP", "--port", "0", "--wait-seconds", "0"});
+  EXPECT_EQ(program.Finish(), 1);
+  EXPECT_THAT(program.seen(), HasSubstr(std::string("Deck ") + EXAMPLES_DIR + "/COMP.afi: "));
+  EXPECT_THAT(program.seen(), Not(HasSubstr("(untitled)")));
+  EXPECT_THAT(program.seen(), HasSubstr("\n  compositional, "));
+}
+
 TEST_F(VksimTest, EndsWithStatusZeroWhenTheControllerLeaves) {
   Program program(Arguments());
   SetUpRun(program);

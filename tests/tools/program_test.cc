@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <sys/ioctl.h>
 #include <sys/syscall.h>
 
 #include <fstream>
@@ -396,14 +397,25 @@ bool IsWriting(pid_t pid, int descriptor) {
 }
 
 TEST_F(ProgramTest, SignalWhileTheResultsWaitForTheirReaderShutsTheRunDown) {
+  std::promise<void> over;
+  run_.before = [&](std::uint32_t code) {
+    if (code == 65520) over.set_value();
+  };
   VkmasterProcess process(LaunchArguments(daemon_.port(), {}));
   const int room = fcntl(process.output(), F_SETPIPE_SZ, 4096);
   ASSERT_GT(room, 0);
   std::string commands;
   for (int i = 0; i < room / 10; ++i) commands += "time\n";
   process.Type(commands);
-  ASSERT_TRUE(Eventually([&] { return IsWriting(process.pid(), STDOUT_FILENO); }));
+  const std::string line = "time  0 days\n";
+  ASSERT_TRUE(Eventually([&] {
+    int waiting = 0;
+    return ioctl(process.output(), FIONREAD, &waiting) == 0 && waiting > room - std::ssize(line) &&
+           IsWriting(process.pid(), STDOUT_FILENO);
+  }));
   process.Signal(SIGINT);
+  // Nothing is read before, which would let the write end well.
+  ASSERT_EQ(over.get_future().wait_for(std::chrono::seconds(10)), std::future_status::ready);
   const Outcome outcome = process.Finish();
   EXPECT_EQ(outcome.status, 130);
   EXPECT_THAT(outcome.err, testing::StartsWith("Interrupted: shutting the run down"));
