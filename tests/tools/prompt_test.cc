@@ -1,12 +1,29 @@
 #include "tools/vkmaster/prompt.h"
 
+#include <errno.h>
+#include <stdlib.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <optional>
+#include <string>
+#include <vector>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include "tests/support/answered_call.h"
+#include "tests/support/bytes.h"
+#include "tests/support/socket_pair.h"
+#include "tests/support/temporary_directory.h"
+#include "tests/support/text_of_child.h"
+#include "tools/vkmaster/interrupt.h"
 
 namespace {
 
 using testing::Contains;
 using testing::ElementsAre;
+using testing::HasSubstr;
 using testing::IsEmpty;
 using vkmaster::Completions;
 
@@ -62,6 +79,34 @@ TEST(Completions, UnknownCommandIsFollowedByNothing) {
 
 TEST(Completions, OpenQuoteCompletesNothingWrong) {
   EXPECT_THAT(Completions("help 'x", "zzz", NoWells), IsEmpty());
+}
+
+// What the prompt gives for an input of one line when its waits are answered.
+std::optional<std::string> LineWhen(CallAnswer answer) {
+  return TextOfChild([answer]() -> std::optional<std::string> {
+    const TemporaryDirectory directory;
+    setenv("HOME", directory.path().c_str(), 1);
+    SocketPair typed;
+    WriteAll(typed.peer.get(), "time\n");
+    dup2(typed.ours.get(), STDIN_FILENO);
+    vkmaster::Interrupt interrupt;
+    vkmaster::Prompt prompt([] { return "> "; }, NoWells, interrupt);
+    if (!AnswerCall(SYS_poll, answer)) return std::nullopt;
+    return "'" + prompt.Next().value_or("the end") + "'";
+  });
+}
+
+TEST(PromptTest, InterruptedWaitGoesOn) {
+  static int calls = 0;
+  const auto text = LineWhen([] { return ++calls % 2 == 1 ? static_cast<long>(-EINTR) : 1L; });
+  if (!text) GTEST_SKIP() << "system calls cannot be answered here";
+  EXPECT_THAT(*text, HasSubstr("'time'"));
+}
+
+TEST(PromptTest, WaitThatFailsEndsTheInput) {
+  const auto text = LineWhen([] { return static_cast<long>(-ENOMEM); });
+  if (!text) GTEST_SKIP() << "system calls cannot be answered here";
+  EXPECT_THAT(*text, HasSubstr("'the end'"));
 }
 
 }  // namespace
