@@ -251,6 +251,21 @@ TEST_F(PlanRunTest, FullDiskIsNamedWithTheFileAndEndsTheRunWithItsShutdown) {
   EXPECT_EQ(daemon_.Requests().back(), "f0 ff 00 00");
 }
 
+TEST_F(PlanRunTest, WellsNameWithAZeroByteLosesNoRow) {
+  run_.wells = {{std::string("P\0x", 3), "PRODUCER", "OPEN"}, {"P2", "PRODUCER", "SHUT"}};
+  EXPECT_EQ(Run("[advance]\nuntil = 1\n[record]\ncommands = [\"wells\"]\n").status, 0);
+  EXPECT_THAT(directory_.Read("results/wells.csv"),
+              HasSubstr(std::string("P\0x,PRODUCER,OPEN\n0,2020-01-01,P2,", 34)));
+}
+
+TEST_F(PlanRunTest, EnvironmentWinsOverThePlansLaunch) {
+  setenv("VKMASTER_API", "20162", 1);
+  Run("[launch]\napi = 20172\nprocesses = 4\n[advance]\nuntil = 1\n");
+  unsetenv("VKMASTER_API");
+  EXPECT_EQ(daemon_.Frames()[4], Hex("4"));
+  EXPECT_EQ(daemon_.Frames()[5], Hex("20162"));
+}
+
 TEST_F(PlanRunTest, DirectoryThatCannotBeMadeEndsTheRunWithItsShutdown) {
   directory_.Write("file", "");
   const Outcome outcome = Run("[advance]\nuntil = 1\n[record]\ndirectory = \"file/results\"\n");

@@ -217,7 +217,7 @@ std::string FormatTable(const Table& table) {
 }
 
 void Tell(std::FILE* to, const std::string& text) {
-  std::fputs(text.c_str(), to);
+  std::fwrite(text.data(), 1, text.size(), to);
   std::fflush(to);
 }
 

@@ -80,7 +80,7 @@ const Recorder::File& Recorder::FileFor(const std::string& name, const std::stri
 
 // Flushed, so that a run that ends by itself leaves all rows behind.
 void Recorder::Append(const File& file, const std::string& text) {
-  std::fputs(text.c_str(), file.stream.get());
+  std::fwrite(text.data(), 1, text.size(), file.stream.get());
   std::fflush(file.stream.get());
   if (std::ferror(file.stream.get()) != 0) throw CannotWrite(file.path);
 }
