@@ -1,6 +1,9 @@
 // Every handler of a request behind a stub connector: the connector gets exactly the fields that
 // the request holds, each reply is one whole frame with the request's code and the acknowledgement
-// at its end, and what does not fit ends in one of the errors that the log knows.
+// at its end, however little of it the link takes at once, and what does not fit ends in one of the
+// errors that the log knows.
+
+#include <errno.h>
 
 #include <algorithm>
 #include <bit>
@@ -381,9 +384,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (code == 30) code = 4096;
   const std::uint8_t mode = input.Byte();
   std::size_t records = mode & 7;
+  const unsigned trouble = mode >> 3;
   Stub::Failure failure = Stub::Failure::kNone;
-  if (mode >> 3 == 31) failure = Stub::Failure::kRuntime;
-  if (mode >> 3 == 30) failure = Stub::Failure::kOther;
+  if (trouble == 31) failure = Stub::Failure::kRuntime;
+  if (trouble == 30) failure = Stub::Failure::kOther;
+  const bool gone = trouble == 29;
   const std::string_view body = input.Take(std::min(input.Short(), kFields));
   const std::string_view frames = input.Rest();
 
@@ -396,11 +401,16 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
   stub->Begin(records, failure);
   memoryLink.Begin(frames);
+  if (failure == Stub::Failure::kNone) memoryLink.room = MemoryLink::Room(trouble);
+  if (gone) memoryLink.send_error = EPIPE;
   std::string error;
   const int result = controller.Handle(code, buffer, error);
   PROMISE(result == (expected.error.empty() ? 0 : 1));
   PROMISE(error == expected.error);
-  PROMISE(Replies(memoryLink.sent, code, code == 10 ? 4096 : 4097) == expected.replies);
+  // That nobody gets a reply is only noticed at the next receive.
+  const std::size_t replies = Replies(memoryLink.sent, code, code == 10 ? 4096 : 4097);
+  PROMISE(replies == (gone ? 0 : expected.replies));
+  PROMISE(!MemoryLink::HoldsChildrenBack());
   PROMISE(stub->calls == (IsKnown(code) && !fields.past ? 1 : 0));
   PROMISE(stub->calls == 0 || stub->called == fields);
   return 0;

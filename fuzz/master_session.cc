@@ -113,17 +113,20 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   static std::string frames;
   static std::string answers;
   Input input(data, size);
-  const int version = (input.Byte() & 1) != 0 ? 20162 : 20172;
+  const std::uint8_t mode = input.Byte();
+  const int version = (mode & 1) != 0 ? 20162 : 20172;
   frames.clear();
   WriteRequests(input.Take(input.Short()), frames);
   answers.clear();
   WriteAnswers(input, answers);
   memoryLink.Begin(frames);
+  memoryLink.room = MemoryLink::Room(mode >> 1 & 31U);
   memoryStream.Begin(answers);
 
   ConnectorSocketWrapper controller(version, "host", &master, 9001, 60, log);
   std::string error;
   const int result = controller.ProcessRequests(error);
+  PROMISE(!MemoryLink::HoldsChildrenBack());
   PROMISE(result >= 0 && result <= 2);
   PROMISE(IsReason(error, result));
 

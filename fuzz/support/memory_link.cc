@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <poll.h>
+#include <signal.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/types.h>
@@ -25,12 +26,30 @@ ssize_t Receive(void* target, std::size_t size) {
   return static_cast<ssize_t>(got);
 }
 
-ssize_t Send(const void* bytes, std::size_t size) {
-  memoryLink.sent.append(static_cast<const char*>(bytes), size);
-  return static_cast<ssize_t>(size);
+ssize_t Fail(int error) {
+  errno = error;
+  return -1;
+}
+
+ssize_t Send(const void* bytes, std::size_t size, int flags) {
+  MemoryLink& link = memoryLink;
+  if (link.send_error != 0) return Fail(link.send_error);
+  std::size_t taken = std::min(size, link.room);
+  if (taken < size) {
+    const bool waits = (flags & MSG_DONTWAIT) == 0;
+    if (waits) taken = MemoryLink::HoldsChildrenBack() ? size : size / 2;
+    if (taken == 0) return Fail(waits ? EINTR : EAGAIN);
+  }
+  link.sent.append(static_cast<const char*>(bytes), taken);
+  return static_cast<ssize_t>(taken);
 }
 
 }  // namespace
+
+bool MemoryLink::HoldsChildrenBack() {
+  sigset_t held;
+  return pthread_sigmask(SIG_BLOCK, nullptr, &held) == 0 && sigismember(&held, SIGCHLD) == 1;
+}
 
 // The names that the linker's --wrap and a fortified C library give.
 // NOLINTBEGIN(bugprone-reserved-identifier)
@@ -58,14 +77,18 @@ ssize_t __wrap_recvmsg(int /*handle*/, msghdr* message, int /*flags*/) {
   return all;
 }
 
-ssize_t __wrap_send(int /*handle*/, const void* bytes, std::size_t size, int /*flags*/) {
-  return Send(bytes, size);
+ssize_t __wrap_send(int /*handle*/, const void* bytes, std::size_t size, int flags) {
+  return Send(bytes, size, flags);
 }
 
-ssize_t __wrap_sendmsg(int /*handle*/, const msghdr* message, int /*flags*/) {
+ssize_t __wrap_sendmsg(int /*handle*/, const msghdr* message, int flags) {
   ssize_t all = 0;
   for (std::size_t i = 0; i < message->msg_iovlen; ++i) {
-    all += Send(message->msg_iov[i].iov_base, message->msg_iov[i].iov_len);
+    const iovec& part = message->msg_iov[i];
+    const ssize_t sent = Send(part.iov_base, part.iov_len, flags);
+    if (sent < 0) return all > 0 ? all : sent;
+    all += sent;
+    if (static_cast<std::size_t>(sent) < part.iov_len) break;
   }
   return all;
 }
