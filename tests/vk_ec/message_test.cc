@@ -516,6 +516,22 @@ TEST_F(MessageTest, MessageOfManyItemsLeavesWithoutTheRoomBehindThem) {
   EXPECT_EQ(ReadAsPeer(16 + expected.size()), Framed(expected));
 }
 
+TEST_F(MessageTest, SendKeepsAUsualBufferAndGivesBackAHugeOne) {
+  // What the next message is built in after one of this size.
+  const auto capacityBehind = [this](std::size_t size) {
+    const std::string text(size, 'x');
+    const std::string expected = Framed(Cstr("TEXT", {text}));
+    std::string received;
+    std::thread peer([&] { received = ReadAsPeer(expected.size()); });
+    manager().createMessageBuilder().add_string("TEXT", text).send();
+    peer.join();
+    EXPECT_TRUE(received == expected) << size;
+    return manager().createMessageBuilder().add_MESS_header("END", 0).release().capacity();
+  };
+  EXPECT_GE(capacityBehind(1 << 20), 1U << 20);
+  EXPECT_LT(capacityBehind(9 << 20), 1U << 20);
+}
+
 TEST_F(MessageTest, StringIsAListOfOne) {
   manager().createMessageBuilder().add_string("NAME", "ab").send();
   EXPECT_EQ(ReadAsPeer(16 + 17 + 10), Framed(Cstr("NAME", {"ab"})));

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <linux/tcp.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <pthread.h>
 #include <sys/ioctl.h>
 #include <sys/resource.h>
@@ -12,6 +13,7 @@
 #include <atomic>
 #include <csignal>
 #include <cstdint>
+#include <exception>
 #include <new>
 #include <stdexcept>
 #include <string>
@@ -346,23 +348,74 @@ TEST_F(TransportTest, DescriptorIsClosedWithTheTransporter) {
 std::atomic<int> signals_seen{0};
 
 // The children of the program end while it waits for the simulator.
-TEST_F(TransportTest, SignalDoesNotEndAReception) {
-  struct sigaction action {};
-  struct sigaction before {};
-  action.sa_handler = [](int) { ++signals_seen; };  // No SA_RESTART: recv() fails with EINTR.
-  ASSERT_EQ(sigaction(SIGUSR1, &action, &before), 0);
-  std::string received;
-  std::thread receiver([&] { received = Receive(); });
-  // Signals until one has hit; the message is completed only then.
-  wire::WriteAll(peer_, wire::Framed("hello").substr(0, 18));
-  while (signals_seen < 100) {
-    pthread_kill(receiver.native_handle(), SIGUSR1);
-    std::this_thread::yield();
+class InterruptedTransportTest : public TransportTest {
+ protected:
+  void SetUp() override {
+    signals_seen = 0;
+    struct sigaction action {};
+    action.sa_handler = [](int) { ++signals_seen; };  // No SA_RESTART: calls fail with EINTR.
+    ASSERT_EQ(sigaction(SIGUSR1, &action, &before_), 0);
   }
+  void TearDown() override {
+    sigaction(SIGUSR1, &before_, nullptr);
+    TransportTest::TearDown();
+  }
+
+  // Runs `transfer` beside the test, which has to Join() it.
+  template <class Transfer>
+  void Begin(Transfer transfer) {
+    thread_ = std::thread([this, transfer] {
+      try {
+        transfer();
+      } catch (const std::exception& failure) {
+        failure_ = failure.what();
+      }
+      over_ = true;
+    });
+  }
+
+  // Signals until one must have hit the transfer, which waits for the test.
+  void Interrupt() {
+    while (signals_seen < 100 && !over_) {
+      pthread_kill(thread_.native_handle(), SIGUSR1);
+      std::this_thread::yield();
+    }
+  }
+
+  void Join() {
+    thread_.join();
+    EXPECT_EQ(failure_, "");
+  }
+
+  bool over() const { return over_; }
+
+ private:
+  struct sigaction before_ {};
+  std::thread thread_;
+  std::string failure_;
+  std::atomic<bool> over_{false};
+};
+
+TEST_F(InterruptedTransportTest, SignalDoesNotEndAReception) {
+  std::string received;
+  Begin([&] { received = Receive(); });
+  // The message is completed only then.
+  wire::WriteAll(peer_, wire::Framed("hello").substr(0, 18));
+  Interrupt();
   wire::WriteAll(peer_, wire::Framed("hello").substr(18));
-  receiver.join();
-  sigaction(SIGUSR1, &before, nullptr);
+  Join();
   EXPECT_EQ(received, "hello");
+}
+
+TEST_F(InterruptedTransportTest, SignalDoesNotEndASend) {
+  const std::string message = Pattern(4 << 20);  // more than the sockets hold
+  Begin([&] { Send(message); });
+  pollfd room{pair_.theirs, POLLOUT, 0};
+  while (poll(&room, 1, 0) > 0 && !over()) std::this_thread::yield();
+  Interrupt();
+  const std::string expected = wire::Framed(message);
+  EXPECT_TRUE(wire::Read(peer_, expected.size()) == expected);
+  Join();
 }
 
 TEST(DefaultPortTest, DefaultPortIs9001) {
