@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <bit>
 
 /// Answers a system call in the kernel's place: for failures that nothing else brings about, and
 /// for those that happen at the first call only. Lasts until the process ends, so call it in a
@@ -27,7 +28,7 @@ inline void* buffer = nullptr;
 
 inline void OnCall(int /*signal*/, siginfo_t* /*info*/, void* context) {
   auto& registers = static_cast<ucontext_t*>(context)->uc_mcontext.gregs;
-  buffer = reinterpret_cast<void*>(registers[REG_RSI]);
+  buffer = std::bit_cast<void*>(registers[REG_RSI]);
   registers[REG_RAX] = answer();
 }
 
