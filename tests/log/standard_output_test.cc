@@ -98,7 +98,7 @@ TEST(StandardOutputTest, ItIsOpenedAgainOnce) {
 
 // A terminal announces room as soon as there is some for a single byte, and a line end takes two.
 TEST(StandardOutputTest, TerminalThatNobodyEmptiesHoldsForASecondWhateverItsRoom) {
-  for (const std::size_t room : {0, 1, 2, 20, 350}) {
+  for (const std::size_t room : std::array<std::size_t, 5>{0, 1, 2, 20, 350}) {
     SCOPED_TRACE(room);
     ExpectInChild(0, [room] {
       const int terminal = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
