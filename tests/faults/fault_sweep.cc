@@ -38,6 +38,7 @@ constexpr std::chrono::seconds kTrialLimit{120};
 
 struct Options {
   double seconds = 60;
+  std::size_t points = 0;  // this many in place of so many seconds
   bool complete = false;
   int jobs = static_cast<int>(std::max(1U, std::thread::hardware_concurrency()));
   std::uint32_t seed = std::random_device{}();
@@ -45,6 +46,7 @@ struct Options {
   std::string only;
   std::string daemon;
   bool list = false;
+  bool twice = false;
   bool verbose = false;
 };
 
@@ -55,8 +57,8 @@ std::string Serialized(const Verdict& verdict) {
   std::replace(text.begin(), text.end(), '\n', '|');
   out << text << "\n";
   for (const Met& met : verdict.met) {
-    out << static_cast<int>(met.role) << " " << met.call << " " << met.size << " " << met.starting
-        << "\n";
+    out << static_cast<int>(met.role) << " " << met.call << " " << met.size << " "
+        << static_cast<int>(met.stage) << "\n";
   }
   return out.str();
 }
@@ -74,9 +76,11 @@ Verdict Deserialized(const std::string& text) {
   in.ignore();
   std::getline(in, verdict.text);
   int role = 0;
+  int stage = 0;
   Met met{};
-  while (in >> role >> met.call >> met.size >> met.starting) {
+  while (in >> role >> met.call >> met.size >> stage) {
     met.role = static_cast<Role>(role);
+    met.stage = static_cast<Stage>(stage);
     verdict.met.push_back(met);
   }
   return verdict;
@@ -152,15 +156,15 @@ Verdict RunAlone(const Point& point, const std::string& daemon) {
 }
 
 // The faults of one call, as a rule each error once and from there on.
-void AddPoints(std::vector<Point>& points, Point point, const Met& met) {
-  const SystemCall* call = FindCall(met.call);
+void AddPoints(std::vector<Point>& points, Point point, unsigned long size) {
+  const SystemCall* call = FindCall(point.call);
   if (call == nullptr) {
-    throw std::runtime_error("system call " + std::to_string(met.call) +
+    throw std::runtime_error("system call " + std::to_string(point.call) +
                              " is not in the list of what can go wrong");
   }
   point.kind = Point::Kind::kKill;
   points.push_back(point);
-  if (call->sizeArgument >= 0 && met.size > 1) {
+  if (size > 1) {
     point.kind = Point::Kind::kShort;
     points.push_back(point);
   }
@@ -174,66 +178,29 @@ void AddPoints(std::vector<Point>& points, Point point, const Met& met) {
   }
 }
 
-std::vector<Met> Of(Role role, const std::vector<Met>& met) {
-  std::vector<Met> some;
-  std::copy_if(met.begin(), met.end(), std::back_inserter(some),
-               [role](const Met& one) { return one.role == role; });
-  return some;
-}
-
-bool IsCompared(const Met& met) {
-  const SystemCall* call = FindCall(met.call);
-  if (met.starting) return false;
-  return call == nullptr || (!call->errors.empty() && call->name != "wait4");
-}
-
-// How many calls of a process, from the first on, are the same as in an earlier scenario. Up to
-// there it is the same code in the same state. Calls that cannot fail are not compared: whether the
-// daemon asks for its account makes no other difference to its start. Nor is wait4, whose place is
-// the moment at which a child ends, nor what the system's loader does, whose calls vary with the
-// addresses that it is given.
-std::size_t SameStart(const std::vector<Met>& calls, const std::vector<Met>& others) {
-  auto other = others.begin();
-  for (auto call = calls.begin(); call != calls.end(); ++call) {
-    if (!IsCompared(*call)) continue;
-    while (other != others.end() && !IsCompared(*other)) ++other;
-    if (other == others.end() || other->call != call->call) {
-      return static_cast<std::size_t>(call - calls.begin());
-    }
-    ++other;
-  }
-  return calls.size();
-}
-
-std::size_t Known(const std::vector<Met>& calls, const std::vector<std::vector<Met>>& earlier,
-                  Role role) {
-  std::size_t known = 0;
-  for (const std::vector<Met>& scenario : earlier) {
-    known = std::max(known, SameStart(calls, Of(role, scenario)));
-  }
-  return known;
-}
-
-// The points of a scenario that no earlier one has.
-std::vector<Point> PointsOf(const std::string& scenario, const std::vector<Met>& met,
-                            const std::vector<std::vector<Met>>& earlier) {
+// The points of a scenario that no earlier one has, process by process: which of two processes goes
+// first is nothing that a recording should tell.
+std::vector<Point> PointsOf(const Scenario& scenario, std::vector<Met> met) {
+  std::stable_sort(met.begin(), met.end(),
+                   [](const Met& a, const Met& b) { return a.role < b.role; });
   std::vector<Point> points;
-  for (const Role role : kRoles) {
-    const std::vector<Met> calls = Of(role, met);
-    std::map<long, int> counts;
-    std::size_t known = Known(calls, earlier, role);
-    for (const Met& one : calls) {
-      Point point;
-      point.scenario = scenario;
-      point.role = role;
-      point.call = one.call;
-      point.occurrence = ++counts[one.call];
-      if (known > 0) {
-        --known;
-      } else if (!(role == Role::kDaemon && one.starting && !earlier.empty())) {
-        AddPoints(points, point, one);
-      }
-    }
+  std::map<std::pair<Role, long>, int> counts;
+  Point point;
+  point.scenario = scenario.name;
+  for (const Met& one : met) {
+    point.role = one.role;
+    point.call = one.call;
+    point.occurrence = ++counts[{one.role, one.call}];
+    if (scenario.Sweeps(one)) AddPoints(points, point, one.size);
+  }
+  for (const Handled& one : scenario.HandledCalls()) {
+    point.role = one.role;
+    point.call = one.call;
+    point.occurrence = one.occurrence;
+    AddPoints(points, point, 0);
+  }
+  if (scenario.calls == Scenario::Calls::kMemory) {
+    std::erase_if(points, [](const Point& one) { return one.kind == Point::Kind::kKill; });
   }
   return points;
 }
@@ -267,6 +234,7 @@ class Sweep {
 
  private:
   std::vector<Point> Record();
+  bool RecordsTheSame(const std::vector<Point>& points);
   void TryAll(const std::vector<Point>& points);
   void Start(const Point& point) { workers_.emplace_back(point, options_.daemon); }
   void Collect();
@@ -285,7 +253,6 @@ class Sweep {
 
 std::vector<Point> Sweep::Record() {
   std::vector<Point> points;
-  std::vector<std::vector<Met>> recorded;
   for (const Scenario& scenario : Scenarios()) {
     if (!options_.only.empty() && scenario.name != options_.only) continue;
     if (scenario.asRoot && geteuid() != 0) {
@@ -298,19 +265,29 @@ std::vector<Point> Sweep::Record() {
     if (verdict.kind == Verdict::Kind::kFailed) {
       throw std::runtime_error("undisturbed '" + scenario.name + "' failed: " + verdict.text);
     }
-    std::vector<Point> more = PointsOf(scenario.name, verdict.met, recorded);
-    if (scenario.onlyMemory) {
-      std::erase_if(more, [](const Point& one) {
-        return !IsMemory(one.call) || one.kind == Point::Kind::kKill;
-      });
-    }
+    const std::vector<Point> more = PointsOf(scenario, verdict.met);
     printf("%-10s %s: %zu system calls, %zu points\n", scenario.name.c_str(), scenario.what.c_str(),
            verdict.met.size(), more.size());
     points.insert(points.end(), more.begin(), more.end());
-    recorded.push_back(verdict.met);
   }
   fflush(stdout);
   return points;
+}
+
+// A point that only comes up now and then would be swept only now and then.
+bool Sweep::RecordsTheSame(const std::vector<Point>& points) {
+  const auto textsOf = [](const std::vector<Point>& some) {
+    std::set<std::string> texts;
+    for (const Point& point : some) texts.insert(point.Text());
+    return texts;
+  };
+  const std::set<std::string> first = textsOf(points);
+  const std::set<std::string> second = textsOf(Record());
+  std::vector<std::string> once;
+  std::set_symmetric_difference(first.begin(), first.end(), second.begin(), second.end(),
+                                std::back_inserter(once));
+  for (const std::string& text : once) printf("in one recording only: %s\n", text.c_str());
+  return once.empty();
 }
 
 int Sweep::Run() {
@@ -319,8 +296,11 @@ int Sweep::Run() {
     for (const Point& point : points) puts(point.Text().c_str());
     return 0;
   }
+  if (options_.twice) return RecordsTheSame(points) ? 0 : 1;
+  std::vector<Point> mixed = Mixed(points, options_.seed);
   if (!options_.complete) printf("seed %u\n", options_.seed);
-  TryAll(Mixed(points, options_.seed));
+  if (options_.points > 0) mixed.resize(std::min(options_.points, mixed.size()));
+  TryAll(mixed);
   Print();
   return failures_.empty() ? 0 : 1;
 }
@@ -328,7 +308,7 @@ int Sweep::Run() {
 void Sweep::TryAll(const std::vector<Point>& points) {
   auto next = points.begin();
   const auto isOver = [this] {
-    return !options_.complete &&
+    return !options_.complete && options_.points == 0 &&
            std::chrono::duration<double>(Clock::now() - start_).count() > options_.seconds;
   };
   while (true) {
@@ -435,6 +415,7 @@ int Main(int argc, char** argv) {
   setvbuf(stdout, nullptr, _IOLBF, 0);
   CLI::App app("Lets every system call of the daemon's processes fail, one at a time.");
   auto* seconds = app.add_option("--seconds", options.seconds, "Try a sample for so long (60)");
+  auto* points = app.add_option("--points", options.points, "Try a sample of so many points");
   auto* complete = app.add_flag("--complete", options.complete, "Try every point");
   app.add_option("--jobs", options.jobs, "Trials at the same time")->check(CLI::Range(1, 64));
   app.add_option("--seed", options.seed, "Which sample");
@@ -443,8 +424,10 @@ int Main(int argc, char** argv) {
   app.add_option("--daemon", options.daemon, "The daemon to try");
   app.add_flag("--verbose", options.verbose, "Tell of every point, with its milliseconds");
   app.add_flag("--list", options.list, "List the points, try none");
-  complete->excludes(seconds);
-  replay->excludes(seconds)->excludes(complete);
+  app.add_flag("--twice", options.twice, "Record the points twice and compare, try none");
+  points->excludes(seconds);
+  complete->excludes(seconds)->excludes(points);
+  replay->excludes(seconds)->excludes(points)->excludes(complete);
   CLI11_PARSE(app, argc, argv);
   return options.replay.empty() ? Sweep(options).Run() : Replay(options);
 }

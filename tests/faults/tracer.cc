@@ -9,9 +9,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <fstream>
 #include <stdexcept>
+#include <string_view>
 
 #include "tests/faults/system_calls.h"
 #include "tests/support/child_process.h"
@@ -51,6 +53,16 @@ unsigned long long& Argument(user_regs_struct& registers, int index) {
       return registers.rdx;
   }
 }
+
+// What a connection child writes to its logs when it has come to the next stage. Its texts are
+// demanded; which system calls lie between them depends on who comes first.
+struct Mark {
+  std::string_view text;
+  Stage stage;
+};
+constexpr std::array<Mark, 3> kMarks = {{{"Debug flag received: ", Stage::kLaunch},
+                                         {"Connect on host: ", Stage::kControl},
+                                         {"Newton\n", Stage::kStep}}};
 
 bool TakesMemory(long call) {
   return call == SYS_brk || call == SYS_mmap || call == SYS_mremap;
@@ -171,6 +183,7 @@ void Tracer::HandleFork(pid_t pid, bool sharesMemory) {
   const Process& parent = processes_[pid];
   Process process;
   if (parent.role == Role::kDaemon) {
+    stage_ = Stage::kServing;
     process.role = Role::kChild;
     process.later = !seen_.insert(Role::kChild).second;
   } else {
@@ -207,18 +220,30 @@ void Tracer::Resume(pid_t pid, int signal) {
 }
 
 // What the verdicts need to know of a call.
-void Tracer::Note(pid_t pid, const Process& process, const unsigned long long* arguments) {
-  if (process.call == SYS_openat) {
-    const std::string file = TextAt(pid, arguments[1]);
-    if ((arguments[2] & O_CREAT) != 0) created_.insert(file);
-    // The first thing that the daemon does in its main function, and nothing else does.
-    if (file == "/dev/null") started_ = true;
+void Tracer::Note(pid_t pid, Process& process, const unsigned long long* arguments) {
+  if (process.call == SYS_openat && (arguments[2] & O_CREAT) != 0) {
+    created_.insert(TextAt(pid, arguments[1]));
   }
+  NoteStage(pid, process, arguments);
   if (process.later || (pid == daemon_ && lifted_)) return;
   const SystemCall* call = FindCall(process.call);
   const int size = call != nullptr ? call->sizeArgument : -1;
   met_.push_back({process.role, process.call,
-                  size < 0 ? 0 : static_cast<unsigned long>(arguments[size]), !started_});
+                  size < 0 ? 0 : static_cast<unsigned long>(arguments[size]),
+                  pid == daemon_ ? stage_ : process.stage});
+}
+
+void Tracer::NoteStage(pid_t pid, Process& process, const unsigned long long* arguments) {
+  // The first thing that the daemon does in its main function, and nothing else does.
+  if (stage_ == Stage::kLoading && process.call == SYS_openat &&
+      TextAt(pid, arguments[1]) == "/dev/null") {
+    stage_ = Stage::kStarting;
+  }
+  if (process.role != Role::kChild || process.call != SYS_write) return;
+  const std::string text = TextAt(pid, arguments[1]).substr(0, arguments[2]);
+  for (const Mark& mark : kMarks) {
+    if (text == mark.text) process.stage = std::max(process.stage, mark.stage);
+  }
 }
 
 bool Tracer::IsDue(const Process& process) {
@@ -234,8 +259,7 @@ bool Tracer::IsDue(const Process& process) {
 void Tracer::EnterCall(pid_t pid, Process& process) {
   if (point_.kind != Point::Kind::kUndisturbed && IsDue(process)) {
     if (!fired_) {
-      firedWhileStarting_ = !started_;
-      firedInHandshake_ = !seen_.contains(Role::kScript);
+      firedAt_ = pid == daemon_ ? stage_ : process.stage;
     }
     fired_ = true;
     if (point_.kind == Point::Kind::kKill) {

@@ -15,12 +15,24 @@
 
 #include "tests/faults/point.h"
 
+/// How far a process has come with its work, whatever system calls that took.
+enum class Stage {
+  kLoading,    ///< the daemon, before its main function
+  kStarting,   ///< the daemon, up to its first fork
+  kServing,    ///< the daemon, from there on
+  kHandshake,  ///< connection child (and script and copy process), from the start
+  kLaunch,     ///< from the log line of the last line of the run request
+  kControl,    ///< from the log line of the set-up of the run
+  kStep,       ///< from the log line of the first step
+  kNever,
+};
+
 /// One system call as it was met.
 struct Met {
   Role role;
   long call;
   unsigned long size;  ///< bytes to transfer; 0 for calls that transfer none
-  bool starting;       ///< by the daemon before its main function
+  Stage stage;
 };
 
 /// Runs the daemon and every process that comes of it under ptrace, tells the processes apart, and
@@ -70,12 +82,11 @@ class Tracer {
   const std::vector<Met>& met() const { return met_; }
   /// The daemon has come to its first fork.
   bool forked() const { return seen_.contains(Role::kChild); }
-  /// The point was reached before the connection child forked its script process.
-  bool firedInHandshake() const { return firedInHandshake_; }
   /// The daemon has come to its main function.
-  bool started() const { return started_; }
-  /// The point was reached before that.
-  bool firedWhileStarting() const { return firedWhileStarting_; }
+  bool started() const { return stage_ != Stage::kLoading; }
+  /// How far the process had come that the point was reached in.
+  Stage firedAt() const { return firedAt_; }
+  bool firedWhileLoading() const { return fired_ && firedAt_ == Stage::kLoading; }
 
   /// Where each living process stands, for a report of a hang.
   std::string Standing() const;
@@ -87,6 +98,7 @@ class Tracer {
   struct Process {
     Role role = Role::kNone;
     bool later = false;
+    Stage stage = Stage::kHandshake;
     bool inCall = false;
     long call = -1;
     long restarted = -1;   // a call that a signal handler has interrupted, to be made once more
@@ -102,7 +114,8 @@ class Tracer {
   void HandleExec(pid_t pid);
   void EnterCall(pid_t pid, Process& process);
   void LeaveCall(pid_t pid, Process& process, long result);
-  void Note(pid_t pid, const Process& process, const unsigned long long* arguments);
+  void Note(pid_t pid, Process& process, const unsigned long long* arguments);
+  void NoteStage(pid_t pid, Process& process, const unsigned long long* arguments);
   bool IsDue(const Process& process);
   void Spoil(pid_t pid, Process& process);
   void Resume(pid_t pid, int signal = 0);
@@ -122,10 +135,9 @@ class Tracer {
   std::vector<Met> met_;
   int accepted_ = 0;
   bool accepting_ = false;
-  bool started_ = false;
+  Stage stage_ = Stage::kLoading;  // of the daemon
   std::atomic<bool> fired_ = false;
-  bool firedWhileStarting_ = false;
-  std::atomic<bool> firedInHandshake_ = false;
+  std::atomic<Stage> firedAt_ = Stage::kNever;
   bool lifted_ = false;
   bool allEnded_ = false;
 };
