@@ -57,8 +57,8 @@ std::string Serialized(const Verdict& verdict) {
   std::replace(text.begin(), text.end(), '\n', '|');
   out << text << "\n";
   for (const Met& met : verdict.met) {
-    out << static_cast<int>(met.role) << " " << met.call << " " << met.size << " "
-        << static_cast<int>(met.stage) << "\n";
+    out << static_cast<int>(met.role) << " " << met.call << " " << met.size << " " << met.first
+        << " " << static_cast<int>(met.stage) << "\n";
   }
   return out.str();
 }
@@ -78,7 +78,7 @@ Verdict Deserialized(const std::string& text) {
   int role = 0;
   int stage = 0;
   Met met{};
-  while (in >> role >> met.call >> met.size >> stage) {
+  while (in >> role >> met.call >> met.size >> met.first >> stage) {
     met.role = static_cast<Role>(role);
     met.stage = static_cast<Stage>(stage);
     verdict.met.push_back(met);
@@ -172,7 +172,7 @@ void AddPoints(std::vector<Point>& points, Point point, unsigned long size) {
     point.error = error;
     point.kind = Point::Kind::kError;
     points.push_back(point);
-    if (!CanLast(error)) continue;
+    if (!CanLast(call->number, error)) continue;
     point.kind = Point::Kind::kLasting;
     points.push_back(point);
   }

@@ -68,15 +68,25 @@ const std::vector<SystemCall>& Calls() {
       {SYS_read, "read", {EINTR, EIO}, 2},
       {SYS_readlink, "readlink", {ENOENT, EACCES, EIO, ENOMEM, ENAMETOOLONG}},
       {SYS_recvfrom, "recvfrom", {EINTR, ECONNRESET, ETIMEDOUT, ENOMEM}, 2},
-      {SYS_recvmsg, "recvmsg", {EINTR, ECONNRESET, ETIMEDOUT, ENOMEM}},
-      {SYS_rename, "rename", {EACCES, ENOSPC, EROFS, EISDIR, EIO}},
+      {SYS_recvmsg,
+       "recvmsg",
+       {EINTR, ECONNRESET, ETIMEDOUT, ENOMEM},
+       -1,
+       false,
+       SystemCall::Pieces::kMessage},
+      {SYS_rename, "rename", {EACCES, ENOSPC, EROFS, EISDIR, EIO, EXDEV, ENOENT, EPERM}},
       {SYS_rmdir, "rmdir", {ENOTEMPTY, EACCES}},
       {SYS_rseq, "rseq", {EINVAL, ENOSYS}},
       {SYS_rt_sigaction, "rt_sigaction", {EINVAL}},
       {SYS_rt_sigprocmask, "rt_sigprocmask", {EINVAL}},
       {SYS_rt_sigreturn, "rt_sigreturn", {}},
-      {SYS_sendmsg, "sendmsg", {EINTR, ECONNRESET, EPIPE, ENOBUFS, ENOMEM}},
-      {SYS_sendto, "sendto", {EINTR, ECONNRESET, EPIPE, ENOBUFS, ENOMEM}, 2},
+      {SYS_sendmsg,
+       "sendmsg",
+       {EINTR, ECONNRESET, EPIPE, ENOBUFS, ENOMEM},
+       -1,
+       false,
+       SystemCall::Pieces::kMessage},
+      {SYS_sendto, "sendto", {EAGAIN, EINTR, ECONNRESET, EPIPE, ENOBUFS, ENOMEM}, 2},
       {SYS_set_robust_list, "set_robust_list", {EINVAL}},
       {SYS_set_tid_address, "set_tid_address", {}},
       {SYS_setgid, "setgid", {EPERM, EINVAL}},
@@ -90,7 +100,7 @@ const std::vector<SystemCall>& Calls() {
       {SYS_vfork, "vfork", {EAGAIN, ENOMEM}},
       {SYS_wait4, "wait4", {ECHILD, EINTR}},
       {SYS_write, "write", {EINTR, EIO, ENOSPC, EPIPE}, 2},
-      {SYS_writev, "writev", {EIO, ENOSPC}},
+      {SYS_writev, "writev", {EINTR, EIO, ENOSPC}, -1, false, SystemCall::Pieces::kVector},
   };
   return calls;
 }
@@ -124,6 +134,6 @@ int ErrorNumber(std::string_view name) {
   throw std::invalid_argument("no error has the name " + std::string(name));
 }
 
-bool CanLast(int error) {
-  return error != EINTR;
+bool CanLast(long number, int error) {
+  return error != EINTR && !(number == SYS_sendto && error == EAGAIN);
 }

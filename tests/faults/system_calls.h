@@ -12,10 +12,16 @@ struct SystemCall {
   /// memory, a peer, a limit, an administrator. Those that only a wrong argument can cause are in
   /// the list where a program is expected to look at the result all the same.
   std::vector<int> errors;
-  /// Which argument is the number of bytes to transfer; -1 when the call transfers none.
+  /// Which argument is the number of bytes to transfer; -1 when none is.
   int sizeArgument = -1;
   /// Whether the kernel does the work and reports an error nevertheless, as close() does.
   bool performed = false;
+  /// How its second argument describes the pieces of a scattered transfer.
+  enum class Pieces {
+    kNone,
+    kVector,   ///< as an array of them, whose length is the third argument
+    kMessage,  ///< as a struct msghdr
+  } pieces = Pieces::kNone;
 };
 
 /// The entry of call `number`; null when it has none.
@@ -26,6 +32,6 @@ const SystemCall* FindCall(std::string_view name);
 std::string ErrorName(int error);
 int ErrorNumber(std::string_view name);
 
-/// Whether `error` of this call may be met again and again: an interruption is over when it has
-/// been reported.
-bool CanLast(int error);
+/// Whether `error` of call `number` may be met again and again: an interruption is over when it has
+/// been reported, and a full socket when the caller has waited.
+bool CanLast(long number, int error);

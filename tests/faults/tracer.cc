@@ -3,9 +3,12 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
+#include <stddef.h>
 #include <sys/prctl.h>
 #include <sys/ptrace.h>
+#include <sys/socket.h>
 #include <sys/syscall.h>
+#include <sys/uio.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -41,6 +44,37 @@ std::string TextAt(pid_t pid, unsigned long long address) {
   // Less when the text lies at the end of its page, and nothing follows.
   if (pread(memory.get(), text.data(), text.size() - 1, static_cast<off_t>(address)) < 0) return {};
   return text.data();
+}
+
+unsigned long long WordAt(pid_t pid, unsigned long long address) {
+  errno = 0;
+  return static_cast<unsigned long long>(Ptrace(PTRACE_PEEKDATA, pid, address, 0));
+}
+
+// Where the pieces of a scattered transfer are described.
+struct Pieces {
+  unsigned long long address;  // of the first iovec
+  unsigned long long count;
+};
+
+Pieces PiecesOf(pid_t pid, const SystemCall& call, unsigned long long pointer,
+                unsigned long long count) {
+  if (call.pieces == SystemCall::Pieces::kVector) return {pointer, count};
+  return {WordAt(pid, pointer + offsetof(msghdr, msg_iov)),
+          WordAt(pid, pointer + offsetof(msghdr, msg_iovlen))};
+}
+
+unsigned long long LengthOf(pid_t pid, const Pieces& pieces, unsigned long long index) {
+  return WordAt(pid, pieces.address + index * sizeof(iovec) + offsetof(iovec, iov_len));
+}
+
+unsigned long SizeOf(pid_t pid, const SystemCall& call, const unsigned long long* arguments) {
+  if (call.sizeArgument >= 0) return arguments[call.sizeArgument];
+  if (call.pieces == SystemCall::Pieces::kNone) return 0;
+  const Pieces pieces = PiecesOf(pid, call, arguments[1], arguments[2]);
+  unsigned long size = 0;
+  for (unsigned long long i = 0; i < pieces.count; ++i) size += LengthOf(pid, pieces, i);
+  return size;
 }
 
 unsigned long long& Argument(user_regs_struct& registers, int index) {
@@ -169,8 +203,9 @@ void Tracer::HandleStop(pid_t pid, int signal, int event) {
       process.restarted = -1;
       return Resume(pid);
     }
-    Note(pid, process, reinterpret_cast<const unsigned long long*>(info.entry.args));
-    EnterCall(pid, process);
+    const auto* arguments = reinterpret_cast<const unsigned long long*>(info.entry.args);
+    Note(pid, process, arguments);
+    EnterCall(pid, process, arguments[0]);
   } else {
     LeaveCall(pid, process, static_cast<long>(info.exit.rval));
   }
@@ -188,8 +223,8 @@ void Tracer::HandleFork(pid_t pid, bool sharesMemory) {
     process.later = !seen_.insert(Role::kChild).second;
   } else {
     process.role = sharesMemory ? Role::kCopy : Role::kScript;
-    seen_.insert(process.role);
     process.later = parent.later;
+    if (!process.later) seen_.insert(process.role);
   }
   processes_[child] = process;
   if (early_.erase(child) > 0) Resume(child);
@@ -224,13 +259,14 @@ void Tracer::Note(pid_t pid, Process& process, const unsigned long long* argumen
   if (process.call == SYS_openat && (arguments[2] & O_CREAT) != 0) {
     created_.insert(TextAt(pid, arguments[1]));
   }
+  if (process.call == SYS_rename) {
+    process.renamed = {TextAt(pid, arguments[0]), TextAt(pid, arguments[1])};
+  }
   NoteStage(pid, process, arguments);
   if (process.later || (pid == daemon_ && lifted_)) return;
   const SystemCall* call = FindCall(process.call);
-  const int size = call != nullptr ? call->sizeArgument : -1;
-  met_.push_back({process.role, process.call,
-                  size < 0 ? 0 : static_cast<unsigned long>(arguments[size]),
-                  pid == daemon_ ? stage_ : process.stage});
+  met_.push_back({process.role, process.call, call != nullptr ? SizeOf(pid, *call, arguments) : 0,
+                  arguments[0], pid == daemon_ ? stage_ : process.stage});
 }
 
 void Tracer::NoteStage(pid_t pid, Process& process, const unsigned long long* arguments) {
@@ -239,7 +275,11 @@ void Tracer::NoteStage(pid_t pid, Process& process, const unsigned long long* ar
       TextAt(pid, arguments[1]) == "/dev/null") {
     stage_ = Stage::kStarting;
   }
-  if (process.role != Role::kChild || process.call != SYS_write) return;
+  if (process.role != Role::kChild) return;
+  if (process.call == SYS_sendto && process.stage == Stage::kControl && arguments[0] == master_) {
+    process.stage = Stage::kAnswered;
+  }
+  if (process.call != SYS_write) return;
   const std::string text = TextAt(pid, arguments[1]).substr(0, arguments[2]);
   for (const Mark& mark : kMarks) {
     if (text == mark.text) process.stage = std::max(process.stage, mark.stage);
@@ -256,10 +296,11 @@ bool Tracer::IsDue(const Process& process) {
          ++counts_[{process.role, process.call}] == point_.occurrence;
 }
 
-void Tracer::EnterCall(pid_t pid, Process& process) {
+void Tracer::EnterCall(pid_t pid, Process& process, unsigned long first) {
   if (point_.kind != Point::Kind::kUndisturbed && IsDue(process)) {
     if (!fired_) {
       firedAt_ = pid == daemon_ ? stage_ : process.stage;
+      firedOn_ = first;
     }
     fired_ = true;
     if (point_.kind == Point::Kind::kKill) {
@@ -279,8 +320,7 @@ void Tracer::Spoil(pid_t pid, Process& process) {
   process.setResult = false;
   const SystemCall& call = *FindCall(process.call);
   if (point_.kind == Point::Kind::kShort) {
-    unsigned long long& size = Argument(registers, call.sizeArgument);
-    size = size > 1 ? size / 2 : size;
+    Shorten(pid, process, registers);
   } else if (process.call == SYS_brk) {
     // It reports no error: the break is where it was.
     registers.rdi = 0;
@@ -292,11 +332,44 @@ void Tracer::Spoil(pid_t pid, Process& process) {
   Ptrace(PTRACE_SETREGS, pid, 0, &registers);
 }
 
+void Tracer::Overwrite(pid_t pid, Process& process, unsigned long long address,
+                       unsigned long long word) {
+  process.overwritten.emplace_back(address, WordAt(pid, address));
+  Ptrace(PTRACE_POKEDATA, pid, address, word);
+}
+
+// Half of what is to be sent, or a little of what is to be received: there is room for much more
+// than comes, and half of that were no less.
+void Tracer::Shorten(pid_t pid, Process& process, user_regs_struct& registers) {
+  constexpr unsigned long long little = 3;
+  const SystemCall& call = *FindCall(process.call);
+  if (call.sizeArgument >= 0) {
+    unsigned long long& size = Argument(registers, call.sizeArgument);
+    if (size > 1) size = call.number == SYS_read ? std::min(little, size - 1) : size / 2;
+    return;
+  }
+  const Pieces pieces = PiecesOf(pid, call, registers.rsi, registers.rdx);
+  unsigned long long total = 0;
+  for (unsigned long long i = 0; i < pieces.count; ++i) total += LengthOf(pid, pieces, i);
+  unsigned long long left = call.number == SYS_recvmsg ? std::min(little, total) : total / 2;
+  for (unsigned long long i = 0; i < pieces.count; ++i) {
+    const unsigned long long length = LengthOf(pid, pieces, i);
+    const unsigned long long kept = std::min(left, length);
+    left -= kept;
+    if (kept == length) continue;
+    Overwrite(pid, process, pieces.address + i * sizeof(iovec) + offsetof(iovec, iov_len), kept);
+  }
+}
+
 // The kernel leaves the argument registers alone, and compilers rely on that.
 void Tracer::LeaveCall(pid_t pid, Process& process, long result) {
   if (process.call == SYS_accept4 && pid == daemon_) {
     accepting_ = false;
-    accepted_ += result >= 0 ? 1 : 0;
+    if (result >= 0 && accepted_++ == 0) master_ = static_cast<unsigned long>(result);
+  }
+  // Whatever has become of the old name, the new one is a file of ours.
+  if (process.call == SYS_rename && result == 0 && created_.contains(process.renamed.first)) {
+    created_.insert(process.renamed.second);
   }
   if (result == kRestart || result == kRestartAlways) process.restarted = process.call;
   if (process.spoiled) {
@@ -307,6 +380,10 @@ void Tracer::LeaveCall(pid_t pid, Process& process, long result) {
     registers.rdx = process.saved.rdx;
     if (process.setResult) registers.rax = static_cast<unsigned long long>(process.result);
     Ptrace(PTRACE_SETREGS, pid, 0, &registers);
+    for (const auto& [address, word] : process.overwritten) {
+      Ptrace(PTRACE_POKEDATA, pid, address, word);
+    }
+    process.overwritten.clear();
     process.spoiled = false;
   }
   Resume(pid);

@@ -11,6 +11,7 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tests/faults/point.h"
@@ -23,6 +24,7 @@ enum class Stage {
   kHandshake,  ///< connection child (and script and copy process), from the start
   kLaunch,     ///< from the log line of the last line of the run request
   kControl,    ///< from the log line of the set-up of the run
+  kAnswered,   ///< from the sending of the answer to that
   kStep,       ///< from the log line of the first step
   kNever,
 };
@@ -31,7 +33,8 @@ enum class Stage {
 struct Met {
   Role role;
   long call;
-  unsigned long size;  ///< bytes to transfer; 0 for calls that transfer none
+  unsigned long size;   ///< bytes to transfer; 0 for calls that transfer none
+  unsigned long first;  ///< argument: a descriptor, for most
   Stage stage;
 };
 
@@ -86,6 +89,12 @@ class Tracer {
   bool started() const { return stage_ != Stage::kLoading; }
   /// How far the process had come that the point was reached in.
   Stage firedAt() const { return firedAt_; }
+  /// The first argument of the call that it was, if any.
+  unsigned long firedOn() const { return firedOn_; }
+  /// That was the connection with the first master.
+  bool firedOnMaster() const { return fired_ && firedOn_ == master_; }
+  /// The first master's connection child has come to fork a process for its script.
+  bool forkedScript() const { return seen_.contains(Role::kScript); }
   bool firedWhileLoading() const { return fired_ && firedAt_ == Stage::kLoading; }
 
   /// Where each living process stands, for a report of a hang.
@@ -106,21 +115,27 @@ class Tracer {
     bool setResult = false;
     long result = 0;
     user_regs_struct saved{};
+    std::vector<std::pair<unsigned long long, unsigned long long>> overwritten;  // where, by what
+    std::pair<std::string, std::string> renamed;
   };
 
   void Handle(pid_t pid, int status);
   void HandleStop(pid_t pid, int signal, int event);
   void HandleFork(pid_t pid, bool sharesMemory);
   void HandleExec(pid_t pid);
-  void EnterCall(pid_t pid, Process& process);
+  void EnterCall(pid_t pid, Process& process, unsigned long first);
   void LeaveCall(pid_t pid, Process& process, long result);
   void Note(pid_t pid, Process& process, const unsigned long long* arguments);
   void NoteStage(pid_t pid, Process& process, const unsigned long long* arguments);
   bool IsDue(const Process& process);
   void Spoil(pid_t pid, Process& process);
+  void Shorten(pid_t pid, Process& process, user_regs_struct& registers);
+  void Overwrite(pid_t pid, Process& process, unsigned long long address, unsigned long long word);
   void Resume(pid_t pid, int signal = 0);
   bool FollowsCalls(const Process& process) const;
   void Ended(pid_t pid, int status);
+
+  static constexpr unsigned long kNoDescriptor = ~0UL;
 
   const Point point_;
   pid_t daemon_ = -1;
@@ -138,6 +153,8 @@ class Tracer {
   Stage stage_ = Stage::kLoading;  // of the daemon
   std::atomic<bool> fired_ = false;
   std::atomic<Stage> firedAt_ = Stage::kNever;
+  std::atomic<unsigned long> firedOn_ = kNoDescriptor;
+  std::atomic<unsigned long> master_ = kNoDescriptor - 1;
   bool lifted_ = false;
   bool allEnded_ = false;
 };
