@@ -65,6 +65,13 @@ std::string TakeName(std::string& pending) {
   return name;
 }
 
+Session Ended(Session::Result result, const std::string& text) {
+  Session session;
+  session.result = result;
+  session.text = text;
+  return session;
+}
+
 }  // namespace
 
 Simulators::Simulators() {
@@ -128,6 +135,7 @@ Session Master::Hold(int port, const Plan& plan) {
   } catch (const Session& ended) {
     session = ended;
   }
+  session.admitted = admitted_;
   if (session.result == Session::Result::kWaiting) {
     const linger atOnce{1, 0};
     setsockopt(link_.get(), SOL_SOCKET, SO_LINGER, &atOnce, sizeof(atOnce));
@@ -140,16 +148,17 @@ void Master::Converse(int port, const Plan& plan) {
   using Result = Session::Result;
   Connect(port);
   const std::string version = Receive("version");
-  if (version != "3") throw Session{Result::kWrong, "version " + Hex(version)};
+  if (version != "3") throw Ended(Result::kWrong, "version " + Hex(version));
   Send(plan.version);
   for (const std::string& line : {plan.cluster, plan.path, plan.root, std::string("1"),
                                   std::string("20172"), plan.user, std::string("0")}) {
     Send(line);
   }
   const std::string host = Receive("host");
-  if (!host.starts_with("OK|")) throw Session{Result::kRefused, host};
+  admitted_ = host.starts_with("OK");
+  if (!host.starts_with("OK|")) throw Ended(Result::kRefused, host);
   if (host != std::string("OK|127.0.0.1\0", 13)) {
-    throw Session{Result::kWrong, "host " + Hex(host)};
+    throw Ended(Result::kWrong, "host " + Hex(host));
   }
   Ask(1, "01 00 00 00 00 00 00 00", "connect");
   if (plan.leaveAfterConnecting) return;
@@ -166,7 +175,7 @@ void Master::Connect(int port) {
   address.sin_port = htons(static_cast<std::uint16_t>(port));
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   if (connect(link_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
-    throw Session{Session::Result::kClosed, "no connection"};
+    throw Ended(Session::Result::kClosed, "no connection");
   }
 }
 
@@ -185,12 +194,12 @@ std::string Master::ReceiveBytes(std::size_t size, const char* what) {
   while (bytes.size() < size) {
     pollfd readable{link_.get(), POLLIN, 0};
     if (poll(&readable, 1, static_cast<int>(kGlance.count())) == 0) {
-      if (isEnough_(Clock::now() - start)) throw Session{Session::Result::kWaiting, what};
+      if (isEnough_(Clock::now() - start)) throw Ended(Session::Result::kWaiting, what);
       continue;
     }
     std::string part(size - bytes.size(), '\0');
     const ssize_t got = recv(link_.get(), part.data(), part.size(), 0);
-    if (got <= 0) throw Session{Session::Result::kClosed, what};
+    if (got <= 0) throw Ended(Session::Result::kClosed, what);
     bytes.append(part, 0, static_cast<std::size_t>(got));
   }
   return bytes;
@@ -199,7 +208,7 @@ std::string Master::ReceiveBytes(std::size_t size, const char* what) {
 std::string Master::Receive(const char* what) {
   std::uint32_t size = 0;
   std::memcpy(&size, ReceiveBytes(sizeof(size), what).data(), sizeof(size));
-  if (size > 4096) throw Session{Session::Result::kWrong, std::string(what) + " of some length"};
+  if (size > 4096) throw Ended(Session::Result::kWrong, std::string(what) + " of some length");
   return ReceiveBytes(size, what);
 }
 
@@ -209,7 +218,7 @@ void Master::Ask(unsigned code, const std::string& reply, const char* what) {
   Send(request);
   const std::string came = Receive(what);
   if (came != Bytes(reply)) {
-    throw Session{Session::Result::kWrong, std::string(what) + " answered with " + Hex(came)};
+    throw Ended(Session::Result::kWrong, std::string(what) + " answered with " + Hex(came));
   }
 }
 
@@ -220,5 +229,5 @@ void Master::ExpectEnd() {
     if (ended.result == Session::Result::kClosed) return;
     throw;
   }
-  throw Session{Session::Result::kWrong, "more than the answers"};
+  throw Ended(Session::Result::kWrong, "more than the answers");
 }

@@ -47,7 +47,8 @@ struct Session {
     kWrong,    ///< an answer that is not the demanded one
   };
   Result result = Result::kServed;
-  std::string text;  ///< where it ended, and with what
+  std::string text;       ///< where it ended, and with what
+  bool admitted = false;  ///< the master was told a host
 };
 
 /// A master of one session. It waits for each answer until `isEnough`, which is asked again and
@@ -84,5 +85,6 @@ class Master {
   void ExpectEnd();
 
   IsEnough isEnough_;
+  bool admitted_ = false;
   Descriptor link_;
 };

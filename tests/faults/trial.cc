@@ -65,6 +65,17 @@ bool IsOneOf(long call, std::initializer_list<long> calls) {
   return std::find(calls.begin(), calls.end(), call) != calls.end();
 }
 
+// Looks at standard output, waits for it or writes to it.
+bool IsOfOutput(const Met& met) {
+  if (met.call == SYS_poll) return true;
+  return IsOneOf(met.call, {SYS_write, SYS_newfstatat}) && met.first == STDOUT_FILENO;
+}
+
+// Nobody has sent these but the fault.
+bool IsCrash(int status) {
+  return WIFSIGNALED(status) && WTERMSIG(status) != SIGKILL && WTERMSIG(status) != SIGTERM;
+}
+
 std::string EndText(int status) {
   if (WIFSIGNALED(status)) return std::string("died of signal ") + strsignal(WTERMSIG(status));
   return "ended with status " + std::to_string(WEXITSTATUS(status));
@@ -104,6 +115,8 @@ class Trial {
  private:
   void Prepare(const std::string& executable);
   void WriteScript() const;
+  void OpenPipe();
+  void DrainPipe() const;
   bool IsAsRoot() const;
   [[noreturn]] void ExecDaemon() const;
   void Conduct();
@@ -120,8 +133,21 @@ class Trial {
   void AwaitAccepting() const;
   void JudgeSession();
   void JudgeDemanded();
+  void JudgeAdmission();
+  void JudgeRefusal();
   void JudgeEnds();
+  void JudgeDaemonFault();
+  void JudgeLogs();
+  void JudgeChildLog(int status);
+  void JudgeCommsLog();
+  void JudgeDirectory();
+  bool IsError() const;
+  bool MayUserBeUnknown() const;
+  bool IsLogged(const std::string& text) const;
+  bool LacksLog() const;
+  void ReadLogs();
   void JudgeDaemonEnd(int status);
+  bool IsFailedLoad(const Tracer::End& end) const;
   void JudgeFiles();
   bool IsExpectedFile(const fs::path& file) const;
   void Fail(const std::string& text);
@@ -134,11 +160,17 @@ class Trial {
   const Point point_;
   TemporaryDirectory directory_;
   Simulators simulators_;
-  SocketPair terminal_;  // nobody types at it
+  SocketPair terminal_;    // nobody types at it
+  Descriptor pipeReader_;  // of standard output, in the scenario that has one
+  Descriptor pipeWriter_;
   Tracer tracer_;
   int port_ = 0;
   bool terminated_ = false;
   std::optional<Session> first_;
+  std::size_t ended_ = 0;  // processes that ended in the first session
+  std::string log_;        // as the first session has left it
+  std::string output_;     // likewise
+  std::string comms_;      // likewise
   Verdict verdict_;
   std::vector<std::string> failures_;
 };
@@ -160,8 +192,26 @@ void Trial::Prepare(const std::string& executable) {
   directory_.Write("data/CASE.afi", "a model\n");
   if (!Is("noexec")) WriteScript();
   simulators_.LeaveOnStep(Is("simulator"));
+  if (Is("pipe")) OpenPipe();
   do port_ = FreePort();
   while (port_ == simulators_.port() + 1);
+}
+
+// As a service manager's: what comes goes to the file that the output is judged by.
+void Trial::OpenPipe() {
+  std::array<int, 2> ends{};
+  if (pipe2(ends.data(), O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
+  pipeReader_ = Descriptor(ends[0]);
+  pipeWriter_ = Descriptor(ends[1]);
+}
+
+void Trial::DrainPipe() const {
+  std::ofstream output(directory_.File("output"), std::ios::binary);
+  output << std::unitbuf;
+  std::array<char, 4096> part{};
+  ssize_t got = 0;
+  while ((got = read(pipeReader_.get(), part.data(), part.size())) > 0)
+    output.write(part.data(), got);
 }
 
 void Trial::WriteScript() const {
@@ -179,12 +229,17 @@ void Trial::ExecDaemon() const {
   const rlimit core{0, 0};
   setrlimit(RLIMIT_NOFILE, &descriptors);
   setrlimit(RLIMIT_CORE, &core);
-  const int output = open(directory_.File("output").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+  const int output =
+      Is("pipe") ? pipeWriter_.get()
+                 : open(directory_.File("output").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
   if (output < 0 || chdir(directory_.path().c_str()) != 0) _exit(kNotExecuted);
   dup2(terminal_.ours.get(), STDIN_FILENO);
   dup2(output, STDOUT_FILENO);
   dup2(output, STDERR_FILENO);
   syscall(SYS_close_range, STDERR_FILENO + 1, ~0U, 0);
+  // Which allocations there are depends on the environment, which the connection child copies.
+  clearenv();
+  setenv("PATH", "/usr/bin:/bin", 1);
   setenv("LC_ALL", "C", 1);
   if (Is("memory")) {
     // Nothing is taken from memory that is there already.
@@ -207,15 +262,22 @@ void Trial::ExecDaemon() const {
 
 Verdict Trial::Run() {
   tracer_.Start([this] { ExecDaemon(); });
+  pipeWriter_.Reset();
+  std::thread reader([this] {
+    if (Is("pipe")) DrainPipe();
+  });
   std::thread peers([this] { Conduct(); });
   tracer_.Run();
   peers.join();
+  reader.join();
   if (tracer_.fired() || point_.kind == Point::Kind::kUndisturbed) {
     JudgeSession();
   } else {
     verdict_.kind = Verdict::Kind::kNotReached;
   }
   JudgeEnds();
+  JudgeDaemonFault();
+  JudgeLogs();
   JudgeFiles();
   std::error_code ignored;
   fs::remove(LogFile(), ignored);
@@ -268,6 +330,7 @@ void Trial::Conduct() {
     first_ = master.Hold(port_, FirstPlan());
     AwaitOthers(1);
     AwaitAccepting();
+    ReadLogs();
     tracer_.Lift();
     if (!tracer_.WaitFor([this] { return tracer_.daemonEnded(); }, milliseconds(0))) {
       ConductSecond(descriptors + (ForkFailed() ? 1 : 0));
@@ -279,6 +342,21 @@ void Trial::Conduct() {
   while (!tracer_.WaitFor([this] { return tracer_.allEnded(); }, milliseconds(20))) {
     tracer_.KillAll();
   }
+}
+
+// Before the next session adds to them, or replaces the one of the run.
+void Trial::ReadLogs() {
+  tracer_.WaitFor(
+      [this] {
+        ended_ = tracer_.ends().size();
+        return true;
+      },
+      milliseconds(0));
+  std::ifstream file(LogFile(), std::ios::binary);
+  log_.assign(std::istreambuf_iterator<char>(file), {});
+  output_ = directory_.Read("output");
+  comms_ =
+      directory_.Read(FirstPlan().cluster == "0" ? "data/CASE.crvnlog" : "data/CASE_1.crvnlog");
 }
 
 // The next master finds the fault gone and has to be served as if nothing had been.
@@ -330,7 +408,8 @@ bool Trial::ForkFailed() const {
 }
 
 // A master whose connection could not get a process is left waiting. So is one whose answer could
-// not be sent: that is not noticed before the next receive. And a line that could not be received
+// not be sent: that is not noticed before the next receive. (The rest of one that leaves in part
+// follows.) And a line that could not be received
 // counts as empty, after which its bytes are taken for the lengths of lines that never come.
 bool Trial::MayLeaveWaiting() const {
   if (ForkFailed()) return true;
@@ -340,7 +419,12 @@ bool Trial::MayLeaveWaiting() const {
   if (point_.call == SYS_recvfrom && point_.kind == Point::Kind::kError) {
     return tracer_.firedAt() < Stage::kControl;
   }
-  return IsSend(point_.call);
+  return IsSend(point_.call) && IsError() && tracer_.firedOnMaster();
+}
+
+// The call failed, once or from there on.
+bool Trial::IsError() const {
+  return point_.kind == Point::Kind::kError || point_.kind == Point::Kind::kLasting;
 }
 
 // What a program is expected to live with: the rest of a transfer follows; a log that cannot be
@@ -351,7 +435,8 @@ bool Trial::MustBeServed() const {
   if (tracer_.firedWhileLoading()) return false;
   if (point_.role == Role::kCopy) return true;
   if (point_.kind == Point::Kind::kKill) return point_.role == Role::kDaemon && tracer_.forked();
-  if (point_.kind == Point::Kind::kShort) return !IsSend(point_.call);
+  if (point_.kind == Point::Kind::kShort) return true;
+  if (point_.call == SYS_sendto && point_.error == EAGAIN && tracer_.firedOnMaster()) return true;
   if (point_.role == Role::kDaemon) {
     return !IsOneOf(point_.call, {SYS_accept4, SYS_clone, SYS_clone3, SYS_socket, SYS_bind,
                                   SYS_listen, SYS_rt_sigaction, SYS_brk, SYS_mmap, SYS_mremap});
@@ -365,25 +450,64 @@ Result Trial::Undisturbed() const {
   return Result::kServed;
 }
 
+// A file that cannot be read ends before its first record. What was received of a name may be a
+// line of the request before it, when an interrupted one was taken for empty.
+bool Trial::MayUserBeUnknown() const {
+  if (Is("user")) return true;
+  return tracer_.fired() && point_.role == Role::kChild && IsError() &&
+         (IsOneOf(point_.call, {SYS_read, SYS_newfstatat, SYS_recvfrom}) || IsMemory(point_.call));
+}
+
 bool Trial::IsDemandedRefusal(const std::string& text) const {
+  if (text == "No host detected") return !Is("user") && !Is("denied") && !Is("version");
+  if (!IsAsRoot()) return false;
   const std::string users = directory_.path().string() + "/./.vk_corvane_users";
-  return text == "No host detected" || text == "Failed to get password entry for 'nobody'" ||
-         text == "Could not open the user administration file: " + users ||
-         text.starts_with("Failed to set user ID for Tolmen job - error = ") ||
-         (text.starts_with("Windows user '") &&
-          (text.ends_with("' not found in administration file") ||
-           text.ends_with("' does not have permissions to run Varnok")));
+  if (text == "Could not open the user administration file: " + users) return IsError();
+  const bool shifted = point_.call == SYS_recvfrom && IsError();
+  const std::string who = "Windows user '" + FirstPlan().user + "'";
+  if (text.starts_with(who) || (shifted && text.starts_with("Windows user '"))) {
+    if (text.ends_with("' not found in administration file")) return MayUserBeUnknown();
+    return Is("denied") && text == who + " does not have permissions to run Varnok";
+  }
+  if (!Is("run") || !IsError()) return false;
+  return text == "Failed to get password entry for 'nobody'" ||
+         text == "Failed to set user ID for Tolmen job - error = " + std::to_string(point_.error);
+}
+
+// No failure lets anybody in, nor makes a run of what is none.
+void Trial::JudgeAdmission() {
+  const bool refused = Is("version") || Is("user") || Is("denied");
+  if (refused && first_->admitted) Fail("the master was let in");
+  if (refused && tracer_.forkedScript()) Fail("a script was started for a master to be refused");
+  if (first_->result == Result::kServed && Undisturbed() != Result::kServed) {
+    Fail("the master was served although it had to be " +
+         std::string(Undisturbed() == Result::kRefused ? "refused" : "cut off"));
+  }
+}
+
+// The master is told a demanded text, and the log has it too.
+void Trial::JudgeRefusal() {
+  const std::string& text = first_->text;
+  if (!IsDemandedRefusal(text)) Fail("the master was " + SessionText(*first_));
+  std::string logged = text + "\n";
+  if (text.starts_with("Could not open the user administration file")) {
+    logged = "Failed to read users administration file - " + logged;
+  } else if (text == "No host detected") {
+    logged = "No host detected, exiting.\n";
+  }
+  if (!IsLogged(logged)) Fail("the refusal '" + text + "' was not logged");
 }
 
 void Trial::JudgeSession() {
   if (!first_) return;  // the daemon's own end tells
+  JudgeAdmission();
   switch (first_->result) {
     case Result::kServed:
       verdict_.kind = Verdict::Kind::kServed;
       break;
     case Result::kRefused:
       verdict_.kind = Verdict::Kind::kRefused;
-      if (!IsDemandedRefusal(first_->text)) Fail("the master was " + SessionText(*first_));
+      JudgeRefusal();
       break;
     case Result::kClosed:
       verdict_.kind = Verdict::Kind::kClosed;
@@ -409,24 +533,23 @@ void Trial::JudgeSession() {
 
 // Where a failure has a text and an outcome of its own.
 void Trial::JudgeDemanded() {
-  if (point_.kind != Point::Kind::kError && point_.kind != Point::Kind::kLasting) return;
-  const auto demand = [this](long call, const std::string& text, Result result) {
+  if (!tracer_.fired() || !IsError()) return;
+  const auto log = [this](const std::string& text) {
+    if (!IsLogged(text)) Fail("'" + text + "' was not logged");
+  };
+  const auto demand = [this, log](long call, const std::string& text, Result result) {
     if (point_.call != call) return;
-    if (directory_.Read("output").find(text + "\n") == std::string::npos) {
-      Fail("'" + text + "' was not logged");
-    }
+    log(text + "\n");
     if (first_->result != result) Fail("the master was " + SessionText(*first_));
     if (result == Result::kRefused && first_->text != text) {
       Fail("the master was told '" + first_->text + "'");
     }
   };
   if (point_.role == Role::kDaemon) {
-    if (ForkFailed() && directory_.Read("output").find(
-                            "Error occurred forking controlling thread: ") == std::string::npos) {
-      Fail("the failed fork was not logged");
-    }
+    if (ForkFailed()) log("Error occurred forking controlling thread: ");
   } else if (point_.role == Role::kChild) {
     demand(SYS_clone, "Error: fork failed", Result::kClosed);
+    demand(SYS_pipe2, "Error: pipe failed", Result::kClosed);
     demand(SYS_setgid,
            std::string("Failed to set the group ID - ") + (point_.error == EPERM ? "1" : "2"),
            Undisturbed());
@@ -437,10 +560,108 @@ void Trial::JudgeDemanded() {
              Result::kRefused);
     }
   }
+  if (Is("run") && point_.role == Role::kChild && point_.call == SYS_clone3) {
+    // Not every C library has system() report that it found no process.
+    if (!IsLogged("Copy failed - run will probably fail\n")) log("Copy succeeded\n");
+  }
+}
+
+// These end the daemon, whatever the reason, and after the first master too.
+void Trial::JudgeDaemonFault() {
+  if (point_.role != Role::kDaemon || !tracer_.fired() || !IsError()) return;
+  if (tracer_.firedAt() == Stage::kLoading) return;
+  const bool handler = point_.call == SYS_rt_sigaction && tracer_.firedOn() == SIGCHLD;
+  if (!handler && !IsOneOf(point_.call, {SYS_accept4, SYS_socket, SYS_bind})) return;
+  if (verdict_.kind != Verdict::Kind::kDaemonEnded) Fail("the daemon went on");
+}
+
+// Every item goes to a file and to standard output, so that one failed write leaves it in one.
+bool Trial::IsLogged(const std::string& text) const {
+  return LacksLog() || log_.find(text) != std::string::npos ||
+         output_.find(text) != std::string::npos;
+}
+
+// Nothing can be written any more, or no log could be made.
+bool Trial::LacksLog() const {
+  if (point_.kind != Point::Kind::kLasting || !tracer_.fired()) return false;
+  return point_.call == SYS_write ||
+         (point_.role == Role::kDaemon && tracer_.firedAt() == Stage::kStarting);
+}
+
+// What the first connection child has written about its end.
+void Trial::JudgeLogs() {
+  if (!first_ || LacksLog()) return;
+  for (std::size_t i = 0; i < ended_; ++i) {
+    const Tracer::End& end = tracer_.ends()[i];
+    if (end.role == Role::kChild && WIFEXITED(end.status)) JudgeChildLog(WEXITSTATUS(end.status));
+  }
+}
+
+void Trial::JudgeChildLog(int status) {
+  if (status == 0) return JudgeCommsLog();
+  constexpr std::array<const char*, 11> reasons = {
+      "Incorrect response from Corvane - no controller will be launched\n",
+      "Failed to read users administration file - ",
+      "' not found in administration file\n",
+      "' does not have permissions to run Varnok\n",
+      "Failed to get password entry for '",
+      "Failed to set user ID for Tolmen job - error = ",
+      "Error: pipe failed\n",
+      "Error: fork failed\n",
+      "No host detected, exiting.\n",
+      "Socket connection failed: ",
+      "Socket connection failed\n"};
+  if (std::none_of(reasons.begin(), reasons.end(),
+                   [this](const char* reason) { return IsLogged(reason); })) {
+    Fail("the connection child gave up and did not log why");
+  }
+}
+
+// Its last line says how the run ended, and the one before it why when it failed.
+void Trial::JudgeCommsLog() {
+  constexpr const char* naturally =
+      "Process loop has exited naturally, going to sleep again ... \n";
+  constexpr const char* failed = "Request process loop failed: ";
+  constexpr const char* lost = "No or unexpected data received from Corvane\n";
+  constexpr const char* packet = "Failed to handle data packet received from master: ";
+  const bool ofChild = tracer_.fired() && point_.role == Role::kChild;
+  // One that could not be made is written nowhere.
+  if (comms_.empty() && ofChild && IsError()) return;
+  const auto has = [this](const std::string& text) {
+    return comms_.find(text) != std::string::npos || output_.find(text) != std::string::npos;
+  };
+  if (first_->result == Result::kServed && !Is("master")) {
+    if (!comms_.ends_with(naturally) && !(point_.call == SYS_write && has(naturally))) {
+      Fail("the comms log does not say that the run is over");
+    }
+    return;
+  }
+  // The answer to the request that ends the run may have been the one that was lost.
+  if (has("Shutting down\n") && has(naturally)) return;
+  if (!has(failed)) return Fail("the comms log does not say that the run has failed");
+  if (ofChild && IsMemory(point_.call)) return;  // there may be none for the reason
+  const bool link = IsOneOf(point_.call, {SYS_recvfrom, SYS_sendto}) && tracer_.firedOnMaster();
+  const bool byMaster = (ofChild && IsError() && link) || first_->result == Result::kServed;
+  const std::string controller = "Exception returned from VK controller: ";
+  const bool saysLost = has(lost) && has(failed + std::string(lost));
+  const bool saysPacket =
+      has(controller) && has(packet + controller) && has(failed + std::string(packet) + controller);
+  if (byMaster ? !saysLost : !saysPacket) {
+    Fail(std::string("the comms log does not say that the ") +
+         (byMaster ? "master was lost" : "controller failed"));
+  }
 }
 
 void Trial::JudgeEnds() {
+  const std::string output = directory_.Read("output");
+  for (const char* report :
+       {"ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "runtime error: "}) {
+    if (output.find(report) == std::string::npos) continue;
+    Fail(std::string("a sanitizer reported ") + report);
+    verdict_.crashed = true;
+  }
   for (const Tracer::End& end : tracer_.ends()) {
+    if (IsCrash(end.status) && !IsFailedLoad(end)) verdict_.crashed = true;
     const bool killed =
         WIFSIGNALED(end.status) && WTERMSIG(end.status) == SIGKILL && !end.later && Kills(end.role);
     if (end.pid == tracer_.daemon()) {
@@ -465,6 +686,13 @@ void Trial::JudgeEnds() {
   }
 }
 
+// Before the main function the program is in the hands of the system's loader, which does not look
+// whether it got the first memory that it asks for.
+bool Trial::IsFailedLoad(const Tracer::End& end) const {
+  return end.pid == tracer_.daemon() && tracer_.firedWhileLoading() && !tracer_.started() &&
+         IsMemory(point_.call) && WIFSIGNALED(end.status) && WTERMSIG(end.status) == SIGSEGV;
+}
+
 void Trial::JudgeDaemonEnd(int status) {
   if (!tracer_.fired() && WIFEXITED(status) && WEXITSTATUS(status) == kNotExecuted) {
     return Fail("the daemon could not be executed");
@@ -474,10 +702,8 @@ void Trial::JudgeDaemonEnd(int status) {
                             ": check netstat to see if the port is already in use\n";
   if (!tracer_.fired() && output == taken) return;  // by somebody else: try again
   const bool exited = WIFEXITED(status);
-  // Before the main function the program is in the hands of the system's loader, which does not
-  // look whether it got the first memory that it asks for.
   const bool refused = exited && WEXITSTATUS(status) == 127 && !output.empty();
-  const bool crashed = WIFSIGNALED(status) && WTERMSIG(status) == SIGSEGV && IsMemory(point_.call);
+  const bool crashed = IsFailedLoad({tracer_.daemon(), Role::kDaemon, false, status});
   if (tracer_.firedWhileLoading() && !tracer_.started() && (refused || crashed)) {
     verdict_.kind = Verdict::Kind::kNotStarted;
     return;
@@ -516,6 +742,32 @@ void Trial::JudgeFiles() {
     std::error_code ignored;
     fs::remove(file, ignored);
   }
+  JudgeDirectory();
+}
+
+// Whatever process has made it: besides what was there, the logs, the copy and our own notes.
+void Trial::JudgeDirectory() {
+  for (const auto& entry : fs::recursive_directory_iterator(directory_.path())) {
+    const std::string name = fs::relative(entry.path(), directory_.path()).string();
+    constexpr std::array<const char*, 11> known = {"vkjobmill.exe",
+                                                   ".vk_corvane_users",
+                                                   ".vk_corvane_env",
+                                                   "script",
+                                                   "output",
+                                                   "wrong",
+                                                   "data",
+                                                   "data/CASE.afi",
+                                                   "data/CASE_1.afi",
+                                                   "data/CASE.crvnlog",
+                                                   "data/CASE_1.crvnlog"};
+    const bool interrupted =
+        point_.kind == Point::Kind::kKill && tracer_.fired() && name.starts_with("data/.log-");
+    // A request with a line missing has its lines in other places.
+    const bool shifted = point_.call == SYS_recvfrom && IsError() && name.ends_with(".crvnlog");
+    if (std::find(known.begin(), known.end(), name) == known.end() && !interrupted && !shifted) {
+      Fail("left the file " + name);
+    }
+  }
 }
 
 }  // namespace
@@ -527,6 +779,7 @@ bool Scenario::Sweeps(const Met& met) const {
   // Made for one temporary name in twenty, whose first draw was not a fair one.
   if (met.call == SYS_getrandom && met.stage != Stage::kLoading) return false;
   if (calls == Calls::kMemory && !IsMemory(met.call)) return false;
+  if (calls == Calls::kOutput && !IsOfOutput(met)) return false;
   switch (met.role) {
     case Role::kDaemon:
       return met.stage >= daemon;
@@ -604,9 +857,17 @@ const std::vector<Scenario>& Scenarios() {
        "a master that leaves in mid-run",
        false,
        Stage::kServing,
-       Stage::kControl,
+       Stage::kAnswered,
        false,
        {0, 0}},
+      {"pipe",
+       "a whole run that prints into a pipe",
+       false,
+       Stage::kStarting,
+       Stage::kHandshake,
+       true,
+       {0, 0},
+       Scenario::Calls::kOutput},
       {"memory",
        "a whole run that asks the system for every allocation",
        false,

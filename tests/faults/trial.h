@@ -21,6 +21,7 @@ struct Scenario {
   enum class Calls {
     kAll,
     kMemory,  ///< only those that ask for memory; no process is killed
+    kOutput,  ///< only those that have to do with standard output
   };
   struct Ended {
     int waits;    ///< wait4(), twice in the handler for each and once in system()
@@ -63,6 +64,7 @@ struct Verdict {
   };
   Kind kind = Kind::kServed;
   std::string text;      ///< why it failed
+  bool crashed = false;  ///< a process of ours died of a signal, or a sanitizer reported
   std::vector<Met> met;  ///< the system calls, of an undisturbed trial
 };
 
