@@ -36,6 +36,9 @@ using Clock = std::chrono::steady_clock;
 // A trial bounds its own waits; this is for a trial that does not.
 constexpr std::chrono::seconds kTrialLimit{120};
 
+// What the test runner takes for "could not be tried here".
+constexpr int kSkipped = 77;
+
 struct Options {
   double seconds = 60;
   std::size_t points = 0;  // this many in place of so many seconds
@@ -52,7 +55,7 @@ struct Options {
 
 std::string Serialized(const Verdict& verdict) {
   std::ostringstream out;
-  out << static_cast<int>(verdict.kind) << "\n";
+  out << static_cast<int>(verdict.kind) << " " << verdict.crashed << "\n";
   std::string text = verdict.text;
   std::replace(text.begin(), text.end(), '\n', '|');
   out << text << "\n";
@@ -67,7 +70,7 @@ Verdict Deserialized(const std::string& text) {
   std::istringstream in(text);
   Verdict verdict;
   int kind = 0;
-  if (!(in >> kind)) {
+  if (!(in >> kind >> verdict.crashed)) {
     verdict.kind = Verdict::Kind::kFailed;
     verdict.text = "the trial itself came to no end";
     return verdict;
@@ -134,7 +137,10 @@ class Worker {
     try {
       text = Serialized(RunTrial(point_, daemon));
     } catch (const std::exception& error) {
-      text = std::to_string(static_cast<int>(Verdict::Kind::kFailed)) + "\n" + error.what() + "\n";
+      Verdict failed;
+      failed.kind = Verdict::Kind::kFailed;
+      failed.text = error.what();
+      text = Serialized(failed);
     }
     const bool written =
         write(result, text.data(), text.size()) == static_cast<ssize_t>(text.size());
@@ -247,7 +253,8 @@ class Sweep {
   std::map<std::string, int> tries_;
   std::map<Role, std::map<Verdict::Kind, int>> counts_;
   std::vector<std::string> failures_;
-  std::vector<std::string> unsteady_;
+  std::vector<std::pair<Point, std::string>> unsteady_;  // failed once, and why
+  std::map<std::string, int> scenarios_;
   const Clock::time_point start_ = Clock::now();
 };
 
@@ -347,19 +354,22 @@ void Sweep::Collect() {
   }
 }
 
-// A point that failed is tried a second time: only what happens again can be replayed.
+// A point that failed is tried a second time, and is told and counted apart when it passes then:
+// the machine is shared, and what happens again can be replayed. A crash is none of the machine's
+// doing.
 void Sweep::Judge(const Point& point, const Verdict& verdict) {
   const std::string text = point.Text();
   const bool failed = verdict.kind == Verdict::Kind::kFailed;
   const bool passed = !failed && verdict.kind != Verdict::Kind::kNotReached;
-  if (!passed && ++tries_[text] == 1) {
-    if (failed) unsteady_.push_back(text + "  " + verdict.text);
+  if (!passed && !verdict.crashed && ++tries_[text] == 1) {
+    if (failed) unsteady_.push_back({point, text + "  " + verdict.text});
     again_.push_back(point);
     return;
   }
   ++counts_[point.role][verdict.kind];
+  ++scenarios_[point.scenario];
   if (!failed) return;
-  std::erase_if(unsteady_, [&](const std::string& line) { return line.starts_with(text + "  "); });
+  std::erase_if(unsteady_, [&](const auto& one) { return one.first.Text() == text; });
   failures_.push_back(text + "  " + verdict.text);
   printf("FAILED  %s\n", failures_.back().c_str());
   fflush(stdout);
@@ -388,18 +398,39 @@ void Sweep::Print() const {
     printf("%9d\n", sum);
     all = sum;
   }
-  const double seconds = std::chrono::duration<double>(Clock::now() - start_).count();
-  printf("\n%d points in %.0f s, %zu failed\n", all, seconds, failures_.size());
-  for (const std::string& line : unsteady_) {
-    printf("failed once, not again: %s\n", line.c_str());
+  printf("%-14s", "failed once");
+  for (const Role role : kRoles) {
+    printf("%9td", std::count_if(unsteady_.begin(), unsteady_.end(),
+                                 [role](const auto& one) { return one.first.role == role; }));
   }
+  printf("%9zu\n\n", unsteady_.size());
+  for (const auto& [scenario, count] : scenarios_) {
+    printf("%-14s%9d\n", scenario.c_str(), count);
+  }
+  for (const auto& [point, line] : unsteady_) {
+    printf("failed once, passed again: %s\n", line.c_str());
+  }
+  const double seconds = std::chrono::duration<double>(Clock::now() - start_).count();
+  printf("\n%d points in %.0f s, %zu failed, %zu failed once and passed again\n", all, seconds,
+         failures_.size(), unsteady_.size());
   if (!failures_.empty()) puts("Replay one with: scripts/fault-sweep --replay POINT");
+}
+
+bool TakesRoot(const std::string& scenario) {
+  return std::any_of(Scenarios().begin(), Scenarios().end(), [&scenario](const Scenario& one) {
+    return one.name == scenario && one.asRoot;
+  });
 }
 
 int Replay(const Options& options) {
   int failed = 0;
   for (const std::string& text : options.replay) {
-    const Verdict verdict = RunAlone(Point::Parse(text), options.daemon);
+    const Point point = Point::Parse(text);
+    if (TakesRoot(point.scenario) && geteuid() != 0) {
+      printf("%s: left out, it takes root\n", text.c_str());
+      return failed == 0 ? kSkipped : 1;
+    }
+    const Verdict verdict = RunAlone(point, options.daemon);
     printf("%s: %s  %s\n", text.c_str(), NameOf(verdict.kind).c_str(), verdict.text.c_str());
     const bool passed =
         verdict.kind != Verdict::Kind::kFailed && verdict.kind != Verdict::Kind::kNotReached;
