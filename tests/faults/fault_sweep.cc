@@ -362,7 +362,7 @@ void Sweep::Judge(const Point& point, const Verdict& verdict) {
   const bool failed = verdict.kind == Verdict::Kind::kFailed;
   const bool passed = !failed && verdict.kind != Verdict::Kind::kNotReached;
   if (!passed && !verdict.crashed && ++tries_[text] == 1) {
-    if (failed) unsteady_.push_back({point, text + "  " + verdict.text});
+    if (failed) unsteady_.emplace_back(point, text + "  " + verdict.text);
     again_.push_back(point);
     return;
   }
