@@ -99,7 +99,7 @@ const std::vector<SystemCall>& Calls() {
       {SYS_unlink, "unlink", {EACCES, EROFS, EIO}},
       {SYS_vfork, "vfork", {EAGAIN, ENOMEM}},
       {SYS_wait4, "wait4", {ECHILD, EINTR}},
-      {SYS_write, "write", {EINTR, EIO, ENOSPC, EPIPE}, 2},
+      {SYS_write, "write", {EINTR, EIO, ENOSPC, EPIPE, EAGAIN}, 2},
       {SYS_writev, "writev", {EINTR, EIO, ENOSPC}, -1, false, SystemCall::Pieces::kVector},
   };
   return calls;

@@ -7,6 +7,7 @@
 #include <sys/prctl.h>
 #include <sys/ptrace.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
 #include <sys/wait.h>
@@ -75,6 +76,30 @@ unsigned long SizeOf(pid_t pid, const SystemCall& call, const unsigned long long
   unsigned long size = 0;
   for (unsigned long long i = 0; i < pieces.count; ++i) size += LengthOf(pid, pieces, i);
   return size;
+}
+
+// Whether a descriptor of the process, whatever its number, is its standard output.
+bool IsOutput(pid_t pid, unsigned long long descriptor) {
+  const std::string directory = "/proc/" + std::to_string(pid) + "/fd/";
+  struct stat one {};
+  struct stat output {};
+  return stat((directory + std::to_string(descriptor)).c_str(), &one) == 0 &&
+         stat((directory + "1").c_str(), &output) == 0 && one.st_dev == output.st_dev &&
+         one.st_ino == output.st_ino;
+}
+
+bool IsOfOutput(pid_t pid, long call, const unsigned long long* arguments) {
+  switch (call) {
+    case SYS_poll:
+      return true;
+    case SYS_openat:
+      return TextAt(pid, arguments[1]) == "/proc/self/fd/1";
+    case SYS_write:
+    case SYS_newfstatat:
+      return IsOutput(pid, arguments[0]);
+    default:
+      return false;
+  }
 }
 
 unsigned long long& Argument(user_regs_struct& registers, int index) {
@@ -266,7 +291,8 @@ void Tracer::Note(pid_t pid, Process& process, const unsigned long long* argumen
   if (process.later || (pid == daemon_ && lifted_)) return;
   const SystemCall* call = FindCall(process.call);
   met_.push_back({process.role, process.call, call != nullptr ? SizeOf(pid, *call, arguments) : 0,
-                  arguments[0], pid == daemon_ ? stage_ : process.stage});
+                  IsOfOutput(pid, process.call, arguments),
+                  pid == daemon_ ? stage_ : process.stage});
 }
 
 void Tracer::NoteStage(pid_t pid, Process& process, const unsigned long long* arguments) {

@@ -33,8 +33,8 @@ enum class Stage {
 struct Met {
   Role role;
   long call;
-  unsigned long size;   ///< bytes to transfer; 0 for calls that transfer none
-  unsigned long first;  ///< argument: a descriptor, for most
+  unsigned long size;  ///< bytes to transfer; 0 for calls that transfer none
+  bool output;         ///< looks at standard output, opens it anew, waits for it or writes to it
   Stage stage;
 };
 

@@ -65,12 +65,6 @@ bool IsOneOf(long call, std::initializer_list<long> calls) {
   return std::find(calls.begin(), calls.end(), call) != calls.end();
 }
 
-// Looks at standard output, waits for it or writes to it.
-bool IsOfOutput(const Met& met) {
-  if (met.call == SYS_poll) return true;
-  return IsOneOf(met.call, {SYS_write, SYS_newfstatat}) && met.first == STDOUT_FILENO;
-}
-
 // Nobody has sent these but the fault.
 bool IsCrash(int status) {
   return WIFSIGNALED(status) && WTERMSIG(status) != SIGKILL && WTERMSIG(status) != SIGTERM;
@@ -779,7 +773,7 @@ bool Scenario::Sweeps(const Met& met) const {
   // Made for one temporary name in twenty, whose first draw was not a fair one.
   if (met.call == SYS_getrandom && met.stage != Stage::kLoading) return false;
   if (calls == Calls::kMemory && !IsMemory(met.call)) return false;
-  if (calls == Calls::kOutput && !IsOfOutput(met)) return false;
+  if (calls == Calls::kOutput && !met.output) return false;
   switch (met.role) {
     case Role::kDaemon:
       return met.stage >= daemon;
