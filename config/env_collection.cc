@@ -76,7 +76,7 @@ class Environment {
     return variables_[found->second].c_str() + name.size() + 1;
   }
   void Set(const std::string& name, const std::string& value) {
-    if (name.empty() || name.find('=') != std::string::npos) return;
+    if (name.find('=') != std::string::npos) return;
     const auto [place, fresh] = positions_.try_emplace(name, variables_.size());
     if (fresh) variables_.emplace_back();
     variables_[place->second] = name + "=" + value;

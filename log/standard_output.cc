@@ -23,10 +23,11 @@ bool IsNeverFull(const struct stat& status) {
   return S_ISREG(status.st_mode) || (S_ISCHR(status.st_mode) && status.st_rdev == makedev(1, 3));
 }
 
+// No file has the numbers that stay when `descriptor` is none.
 bool IsSame(int descriptor, const struct stat& status) {
   struct stat present {};
-  return descriptor >= 0 && fstat(descriptor, &present) == 0 && present.st_dev == status.st_dev &&
-         present.st_ino == status.st_ino;
+  fstat(descriptor, &present);
+  return present.st_dev == status.st_dev && present.st_ino == status.st_ino;
 }
 
 // Waits for room to be announced, no longer than `limit`.

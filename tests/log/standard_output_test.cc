@@ -50,6 +50,13 @@ int PipeForOutput() {
   return pipe[0];
 }
 
+// The number that the next descriptor will get.
+int NextDescriptor() {
+  const int next = dup(STDOUT_FILENO);
+  close(next);
+  return next;
+}
+
 // Fills standard output, of whatever kind, without waiting.
 void Fill() {
   const int flags = fcntl(STDOUT_FILENO, F_GETFL);
@@ -218,9 +225,24 @@ TEST(StandardOutputTest, InterruptedWaitGoesOn) {
   });
 }
 
+TEST(StandardOutputTest, RoomThatIsAnnouncedAndNeverThereHoldsForASecondOnce) {
+  ExpectInChild(0, [] {
+    PipeForOutput();
+    Fill();
+    StandardOutput output;
+    output.Inspect();
+    if (!AnswerCall(SYS_poll, [] { return 1L; })) return kNotPermitted;
+    const double held = Time([&output] {
+      for (int i = 0; i < 20; ++i) output.Print("item");
+    });
+    return held > 0.9 && held < 3 ? 0 : 1;
+  });
+}
+
 TEST(StandardOutputTest, InterruptedWriteGoesOn) {
   ExpectInChild(13, [] {
     theReader = PipeForOutput();
+    const int own = NextDescriptor();  // of the log's
     StandardOutput output;
     output.Inspect();
     static int writes = 0;
@@ -229,7 +251,7 @@ TEST(StandardOutputTest, InterruptedWriteGoesOn) {
       const iovec text{const_cast<char*>("item"), 4};
       return static_cast<long>(writev(STDOUT_FILENO, &text, 1));
     };
-    if (!AnswerCall(SYS_write, answer)) return kNotPermitted;
+    if (!AnswerCall(SYS_write, answer, own)) return kNotPermitted;
     output.Print("item");
     return ReadExactly(theReader, 4) == "item" ? 10 + writes : 1;
   });
@@ -238,9 +260,12 @@ TEST(StandardOutputTest, InterruptedWriteGoesOn) {
 TEST(StandardOutputTest, FailedWriteLosesTheItemOnly) {
   ExpectInChild(0, [] {
     const int reader = PipeForOutput();
+    const int own = NextDescriptor();  // of the log's
     StandardOutput output;
     output.Inspect();
-    if (!AnswerCall(SYS_write, [] { return static_cast<long>(-EIO); })) return kNotPermitted;
+    if (!AnswerCall(
+            SYS_write, [] { return static_cast<long>(-EIO); }, own))
+      return kNotPermitted;
     output.Print("item");
     fcntl(reader, F_SETFL, O_NONBLOCK);
     char byte = 0;
@@ -251,9 +276,12 @@ TEST(StandardOutputTest, FailedWriteLosesTheItemOnly) {
 TEST(StandardOutputTest, WriteThatTakesNothingEndsTheItem) {
   ExpectInChild(0, [] {
     PipeForOutput();
+    const int own = NextDescriptor();  // of the log's
     StandardOutput output;
     output.Inspect();
-    if (!AnswerCall(SYS_write, [] { return 0L; })) return kNotPermitted;
+    if (!AnswerCall(
+            SYS_write, [] { return 0L; }, own))
+      return kNotPermitted;
     output.Print("item");
     return 0;
   });
