@@ -115,8 +115,9 @@ void flog::SetFile(const std::string& file, bool removeOld) {
   Close();
   silent_ = false;
   try {
-    // To its first zero byte, as the system sees the name.
-    if (!file.empty()) descriptor_ = OpenLog(file.c_str(), removeOld);
+    // As the system sees the name.
+    const std::string name = file.substr(0, file.find('\0'));
+    if (!name.empty()) descriptor_ = OpenLog(name, removeOld);
   } catch (const std::bad_alloc&) {
     // Disabled, as without a file.
   }

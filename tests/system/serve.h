@@ -1,5 +1,7 @@
 #pragma once
 
+#include <stdlib.h>
+
 #include <string>
 #include <utility>
 #include <vector>
@@ -38,3 +40,8 @@ inline std::string ServeRun(const RunningDaemon& daemon,
 
 /// The second half of that.
 constexpr const char* kShutDown = "f0 ff 00 00 00 00 00 00";
+
+/// Whether the daemon keeps counters of what it runs in a file of its own (a build for coverage).
+inline bool KeepsCounters() {
+  return getenv("LLVM_PROFILE_FILE") != nullptr;
+}
