@@ -68,7 +68,7 @@ std::unique_ptr<CEnvCollection> ApplyEnvironment(flog& log) {
 
 // `text` and the name in quotes, to its first zero byte: as it is looked up.
 std::string Quoted(const char* text, const std::string& name) {
-  return std::string(text) + " '" + name.c_str() + "'";
+  return std::string(text) + " '" + name.substr(0, name.find('\0')) + "'";
 }
 
 // The Linux account of a Windows user who may start runs.

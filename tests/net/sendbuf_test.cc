@@ -40,6 +40,7 @@ void operator delete(void* memory, std::size_t /*size*/) noexcept {
 }
 
 // The whole program's, too, so that the socket layer can be left by an exception.
+// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name): the system's are reserved
 ssize_t send(int socket, const void* bytes, std::size_t size, int flags) {
   if (sendingRaises) throw std::runtime_error("send");
   return sendto(socket, bytes, size, flags, nullptr, 0);
