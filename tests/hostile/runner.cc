@@ -327,8 +327,13 @@ class Conversation {
     const std::string script = daemon_.File("script");
     logBegin_ = fs::file_size(daemon_.daemon().LogFile());
     port_ = daemon_.TakeCommsPort();
-    const std::string sanitizer =
+    std::string sanitizer =
         kSanitized ? std::string("env ASAN_OPTIONS=") + kSanitizer + "\n" : std::string();
+    // A build for coverage sets a variable in every process of its own.
+    constexpr const char* counters = "__LLVM_PROFILE_RT_INIT_ONCE";
+    if (const char* value = getenv(counters)) {
+      sanitizer += std::string("env ") + counters + "=" + value + "\n";
+    }
     variables_ = {{"DIR", directory_},
                   {"SCRIPT", script},
                   {"PORT", std::to_string(port_)},
