@@ -46,8 +46,9 @@ constexpr bool kSanitized = true;
 constexpr bool kSanitized = false;
 #endif
 
-// Under the sanitizers memory says nothing and everything takes its time.
-constexpr int kPatienceFactor = kSanitized ? 10 : 1;
+// Under the sanitizers memory says nothing and everything takes its time, as where counters for
+// coverage are kept.
+const int kPatienceFactor = kSanitized || getenv("LLVM_PROFILE_FILE") != nullptr ? 10 : 1;
 constexpr seconds kPatience{60};
 
 constexpr const char* kPath = "/usr/local/bin:/usr/bin:/bin";
