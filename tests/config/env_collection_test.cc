@@ -153,13 +153,14 @@ TEST_F(EnvCollectionTest, OneEntryIsAppliedByItself) {
 TEST_F(EnvCollectionTest, WordOfTheEnvironmentThatIsNoVariableIsPassedOn) {
   std::string word = "JT_A";
   std::array<char*, 2> words{word.data(), nullptr};
-  char** const before = environ;
+  const std::string path = Value("PATH");
   environ = words.data();
   Apply("JT_A 1");
   const std::string first = environ[0];
   const std::string second = environ[1];
   const std::string value = Value("JT_A");
-  environ = before;
+  clearenv();  // the former one went when another was applied
+  setenv("PATH", path.c_str(), 1);
   EXPECT_EQ(first, "JT_A");
   EXPECT_EQ(second, "JT_A=1");
   EXPECT_EQ(value, "1");
