@@ -86,7 +86,8 @@ std::vector<char*> VectorOf(const std::vector<std::string>& arguments) {
 }
 
 // The script process from its first to its last instruction of ours. Returns when the script could
-// not be executed. Allocates nothing: this process must not go on as a second connection child.
+// not be executed. Takes no memory that it could not do without and throws nothing: this process
+// must not go on as a second connection child.
 void ExecuteScript(const std::vector<char*>& vector, int output, flog& log) {
   log << "Argument list\n";
   // The last entry is the end mark. Writing it silences the log: from here on standard output is
