@@ -123,7 +123,7 @@ std::vector<DynWellOpPt> InOrder(std::vector<DynWellOpPt>&& points, const NameLo
 }
 
 void CommonConnector::Connect(const std::string& host, int port, int timeout) {
-  delete std::exchange(client_, NewClient());
+  client_ = NewClient();
   client_->connect(host, static_cast<unsigned>(port), static_cast<unsigned>(timeout));
   Require(client_->position_info().position == AlgPos::MODEL_DEFINITION,
           "Incorrect algorithmic position after connection");

@@ -56,7 +56,8 @@ class CommonConnector : public ConnectorBase {
   ::vk_ec::detail::Client& client() const;
 
  private:
-  // Owned from Connect() to Shutdown() only.
+  // Owned from Connect() to Shutdown() only. The client of an earlier Connect() is nobody's: only
+  // Shutdown() ends a connection.
   ::vk_ec::detail::Client* client_ = nullptr;
 };
 

@@ -24,7 +24,9 @@ class ConnectorBase {
   virtual ~ConnectorBase() = default;
 
   /// Connects to the simulator, waiting `timeout` seconds for it to listen. It must then stand at
-  /// the definition of its model, else "Incorrect algorithmic position after connection".
+  /// the definition of its model, else "Incorrect algorithmic position after connection". After a
+  /// second call the operations go to the second simulator; the connection to the first stays open
+  /// to the end of the process.
   virtual void Connect(const std::string& host, int port, int timeout) = 0;
 
   /// Shuts the simulator down and releases the connection, also when the simulator no longer

@@ -5,10 +5,13 @@
 #include <array>
 #include <cstdint>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "connector/v2016_2/connector.h"
+#include "connector/v2017_2/connector.h"
 #include "fuzz/support/answer_script.h"
 #include "fuzz/support/input.h"
 #include "fuzz/support/memory_link.h"
@@ -17,6 +20,8 @@
 #include "log/flog.h"
 #include "net/socket.h"
 #include "relay/connector_socket_wrapper.h"
+#include "vk_ec/v2016_2/varnok_client.h"
+#include "vk_ec/v2017_2/varnok_client.h"
 
 namespace {
 
@@ -105,6 +110,29 @@ bool IsReason(std::string_view error, int result) {
          error == "Unknown exception";
 }
 
+using Clients = std::vector<std::unique_ptr<vk_ec::detail::Client>>;
+
+// A connector that tells which clients it has made.
+template <class Connector, class Client>
+class Recorded : public Connector {
+ public:
+  explicit Recorded(Clients& made) : made_(made) {}
+
+ private:
+  vk_ec::detail::Client* NewClient() override {
+    return made_.emplace_back(std::make_unique<Client>()).get();
+  }
+
+  Clients& made_;
+};
+
+std::unique_ptr<ConnectorBase> NewConnector(bool is2016, Clients& made) {
+  if (is2016) {
+    return std::make_unique<Recorded<v2016_2::Connector, v2016_2::vk_ec::VarnokClient>>(made);
+  }
+  return std::make_unique<Recorded<v2017_2::Connector, v2017_2::vk_ec::VarnokClient>>(made);
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -114,7 +142,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   static std::string answers;
   Input input(data, size);
   const std::uint8_t mode = input.Byte();
-  const int version = (mode & 1) != 0 ? 20162 : 20172;
+  const bool is2016 = (mode & 1) != 0;
   frames.clear();
   WriteRequests(input.Take(input.Short()), frames);
   answers.clear();
@@ -123,7 +151,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   memoryLink.room = MemoryLink::Room(mode >> 1 & 31U);
   memoryStream.Begin(answers);
 
-  ConnectorSocketWrapper controller(version, "host", &master, 9001, 60, log);
+  Clients made;
+  ConnectorSocketWrapper controller(NewConnector(is2016, made), "host", &master, 9001, 60, log);
   std::string error;
   const int result = controller.ProcessRequests(error);
   PROMISE(!MemoryLink::HoldsChildrenBack());
@@ -137,9 +166,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   PROMISE(result == 1 || served > 0);
   CheckReplies(requests, served, Codes(memoryLink.sent, true), result);
 
-  // Only a shutdown releases the connection; a controller that ends on an error leaves it to the
-  // end of its process, which here does not come.
+  // Only a shutdown releases a connection, and only the latest; the controller leaves the others to
+  // the end of its process, which here does not come.
   memoryStream.Begin({});
   controller.Shutdown();
+  if (!made.empty()) made.back().release();
   return 0;
 }

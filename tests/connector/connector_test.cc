@@ -1,7 +1,9 @@
+#include <chrono>
 #include <functional>
 #include <memory>
 
 #include "tests/connector/connector_fixture.h"
+#include "tests/support/leaks.h"
 
 namespace {
 
@@ -23,7 +25,13 @@ TYPED_TEST(SteppingTest, ConnectionAtAnotherPositionFails) {
             "Incorrect algorithmic position after connection");
 }
 
-TYPED_TEST(SteppingTest, ConnectionAtAnotherPositionIsKeptUntilTheNextConnect) {
+// Shows the client that it speaks through.
+template <class Connector>
+struct Exposed : Connector {
+  using Connector::client;
+};
+
+TYPED_TEST(SteppingTest, ConnectionAtAnotherPositionIsKept) {
   this->simulator_.AnswerNext(
       {this->Started(), this->Step("BEGIN_NEWTON", 12.5, {2026, 1, 13, 12, 0, 0})});
   EXPECT_THROW(this->ConnectToSimulator(), std::runtime_error);
@@ -31,15 +39,45 @@ TYPED_TEST(SteppingTest, ConnectionAtAnotherPositionIsKeptUntilTheNextConnect) {
   // The client is not only remembered: it still speaks.
   this->AnswerStep("BEGIN_NEWTON", 13);
   this->connector_.RunUntil(13);
+  EXPECT_EQ(this->connector_.GetTimeDays(), 13);
+}
+
+TYPED_TEST(SteppingTest, SecondConnectLeavesTheFirstConnectionAlone) {
+  Exposed<TypeParam> connector;
+  this->AnswerSetUp();
+  connector.Connect("127.0.0.1", static_cast<int>(this->simulator_.Port()), 5);
+  const std::unique_ptr<vk_ec::detail::Client> first(&connector.client());
 
   ScriptedSimulator second(ScriptedSimulator::Link::kLoopback);
-  second.AnswerNext({this->Started(), this->ModelDefinition()});
-  this->connector_.Connect("127.0.0.1", static_cast<int>(second.Port()), 5);
-  this->simulator_.WaitForClientToLeave();
-  EXPECT_EQ(this->Requests().size(), 1U);  // the step; no request to end
-  EXPECT_EQ(this->connector_.GetTimeDays(), 0);
+  second.AnswerNext({this->Started(), this->Step("MODEL_DEFINITION", 7, {2026, 1, 8, 0, 0, 0})});
+  connector.Connect("127.0.0.1", static_cast<int>(second.Port()), 5);
+  EXPECT_EQ(connector.GetTimeDays(), 7);
+  ASSERT_THROW(this->simulator_.WaitForClientToLeave(std::chrono::milliseconds(50)),
+               std::runtime_error);
+
+  // The first simulator was not told to end either: the next thing that it reads is this.
+  this->AnswerStep("BEGIN_NEWTON", 1);
+  first->do_continue();
+  EXPECT_EQ(this->Requests(), std::vector<std::string>{wire::Mess("CONTINUE") + this->End()});
   second.AnswerNext({this->Finished()});
-  this->connector_.Shutdown();
+  connector.Shutdown();
+  second.WaitForClientToLeave();
+}
+
+// The client that could not read its answer is of no more use, but the connector is.
+TYPED_TEST(SteppingTest, ConnectAfterASetUpThatCouldNotBeReadBeginsAnew) {
+  const ExpectedLeaks leaks;
+  for (int attempt = 0; attempt < 2; ++attempt) {
+    ScriptedSimulator strange(ScriptedSimulator::Link::kLoopback);
+    strange.AnswerNext({wire::Mess("STARTED") + wire::Inte("ERRORS", {0}) + this->End()});
+    EXPECT_THROW(this->connector_.Connect("127.0.0.1", static_cast<int>(strange.Port()), 5),
+                 std::length_error);
+    EXPECT_THROW(this->connector_.Newton(), std::logic_error);
+  }
+  this->Connect();
+  this->AnswerStep("BEGIN_NEWTON", 1);
+  this->connector_.Newton();
+  EXPECT_EQ(this->connector_.GetTimeDays(), 1);
 }
 
 TYPED_TEST(SteppingTest, RefusedSetupPassesTheSimulatorsTextOn) {
@@ -171,10 +209,7 @@ TYPED_TEST(SteppingTest, ShutdownOfASimulatorThatHasGoneReleasesTheConnection) {
 
 // A controller that ends on an error must not stop a run that goes on without it.
 TYPED_TEST(SteppingTest, DestructionWithoutShutdownLeavesTheConnectionAlone) {
-  struct Exposed : TypeParam {
-    using TypeParam::client;
-  };
-  auto connector = std::make_unique<Exposed>();
+  auto connector = std::make_unique<Exposed<TypeParam>>();
   this->AnswerSetUp();
   connector->Connect("127.0.0.1", static_cast<int>(this->simulator_.Port()), 5);
   vk_ec::detail::Client* const client = &connector->client();
