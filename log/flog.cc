@@ -3,7 +3,6 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
-#include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -13,59 +12,43 @@
 #include <string_view>
 #include <type_traits>
 
+#include "log/file_place.h"
 #include "log/standard_output.h"
 #include "log/write.h"
 
 namespace {
 
-// Owner-only until the file is complete; fchmod() then opens it to everybody.
-constexpr mode_t kPrivate = 0600;
 constexpr mode_t kPublic = 0666;
 
-// A fresh file under a name that nobody can have planted, moved over `file`: the old file, link or
-// pipe of that name is replaced, never opened. -1 when the directory does not allow it.
-int CreateFresh(const std::string& file) {
-  // Short, whatever the length of the log's own name: names have a limit.
-  std::string temporary = file.substr(0, file.rfind('/') + 1) + ".log-XXXXXX";
-  const int descriptor = mkostemp(temporary.data(), O_APPEND | O_CLOEXEC);
-  if (descriptor < 0) return -1;
-  fchmod(descriptor, kPublic);
-  // rename() refuses to replace a directory; an empty one goes the way it would with remove().
-  if (rename(temporary.c_str(), file.c_str()) == 0 ||
-      (errno == EISDIR && rmdir(file.c_str()) == 0 &&
-       rename(temporary.c_str(), file.c_str()) == 0)) {
-    return descriptor;
-  }
-  unlink(temporary.c_str());
+// What stands there may have been put there by somebody else, to be written to; where others cannot
+// put files, it has not.
+bool IsTrusted(const FilePlace& place, const struct stat& file) {
+  return file.st_uid == geteuid() || !place.IsOpenToOthers();
+}
+
+int OpenRegular(const FilePlace& place, int extraFlags) {
+  struct stat status {};
+  const int descriptor = place.OpenSole(O_APPEND | extraFlags, kPublic, status);
+  if (descriptor < 0 || IsTrusted(place, status)) return descriptor;
   close(descriptor);
   return -1;
 }
 
-// The regular file `file`, opened to append. Non-blocking, so that a pipe in its place cannot hold
-// the caller until somebody reads from it. A file with another name besides may be one that is none
-// of the log's business, linked here by whoever guessed the name.
-int OpenRegular(const std::string& file, int extraFlags) {
-  const int descriptor =
-      open(file.c_str(), O_WRONLY | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | extraFlags,
-           kPrivate);
-  if (descriptor < 0) return -1;
-  struct stat status {};
-  if (fstat(descriptor, &status) != 0 || !S_ISREG(status.st_mode) || status.st_nlink != 1) {
-    close(descriptor);
-    return -1;
-  }
-  fchmod(descriptor, kPublic);
-  return descriptor;
+int CreateFresh(const FilePlace& place) {
+  const int fresh = place.CreateFresh(O_APPEND, kPublic);
+  if (fresh >= 0 || errno != EISDIR || !place.Remove(AT_REMOVEDIR)) return fresh;
+  // An empty directory goes the way it would with remove().
+  return place.CreateFresh(O_APPEND, kPublic);
 }
 
-int OpenLog(const std::string& file, bool removeOld) {
-  if (!removeOld) return OpenRegular(file, O_CREAT);
-  const int fresh = CreateFresh(file);
+int OpenLog(const FilePlace& place, bool removeOld) {
+  if (!removeOld) return OpenRegular(place, O_CREAT);
+  const int fresh = CreateFresh(place);
   if (fresh >= 0) return fresh;
   // There may be room for one file only, the old one.
-  if (unlink(file.c_str()) == 0) return OpenRegular(file, O_CREAT | O_EXCL);
+  if (place.Remove(0)) return OpenRegular(place, O_CREAT | O_EXCL);
   // A file may be writable in a directory that is not.
-  return OpenRegular(file, 0);
+  return OpenRegular(place, 0);
 }
 
 // Values as a standard stream writes them by default, in `room` where they need any: what is
@@ -117,7 +100,8 @@ void flog::SetFile(const std::string& file, bool removeOld) {
   try {
     // As the system sees the name.
     const std::string name = file.substr(0, file.find('\0'));
-    if (!name.empty()) descriptor_ = OpenLog(name, removeOld);
+    if (!name.empty()) descriptor_ = OpenLog(FilePlace(name), removeOld);
+    if (descriptor_ >= 0) fchmod(descriptor_, kPublic);  // whatever the umask
   } catch (const std::bad_alloc&) {
     // Disabled, as without a file.
   }

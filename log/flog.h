@@ -22,11 +22,12 @@ class flog {
   /// runs as root, and the owners of the runs have to read and remove their logs. With
   /// `removeOld` the log starts in a fresh file, otherwise it appends to the present one.
   ///
-  /// Never throws. The log is disabled when `file` is empty, cannot be created or opened, or is
-  /// neither absent nor a regular file without other names, and when there is no memory for it.
-  /// Links are never followed: in a directory that everybody may write to, whoever guesses the name
-  /// could otherwise aim root's log at any file. A disabled log becomes usable again by the next
-  /// successful SetFile().
+  /// Never throws. The log is disabled when `file` is empty or cannot be created or opened, and
+  /// when there is no memory for it. A file that is there and cannot be replaced is only written to
+  /// when it is a regular one without other names, and belongs to this process's user or lies where
+  /// nobody else can put files. Links are never followed: in a directory that everybody may write
+  /// to, whoever guesses the name could otherwise aim root's log at any file. A disabled log
+  /// becomes usable again by the next successful SetFile().
   void SetFile(const std::string& file, bool removeOld);
 
   /// 0 while the log is usable, 1 when it is disabled.

@@ -15,6 +15,7 @@
 
 #include <algorithm>
 #include <array>
+#include <filesystem>
 #include <fstream>
 #include <stdexcept>
 #include <string_view>
@@ -45,6 +46,16 @@ std::string TextAt(pid_t pid, unsigned long long address) {
   // Less when the text lies at the end of its page, and nothing follows.
   if (pread(memory.get(), text.data(), text.size() - 1, static_cast<off_t>(address)) < 0) return {};
   return text.data();
+}
+
+// The name of a file that a call is given together with a directory's descriptor.
+std::string FileAt(pid_t pid, unsigned long long directory, unsigned long long address) {
+  std::string name = TextAt(pid, address);
+  if (name.starts_with('/') || static_cast<int>(directory) == AT_FDCWD) return name;
+  std::error_code gone;
+  return std::filesystem::read_symlink(
+             "/proc/" + std::to_string(pid) + "/fd/" + std::to_string(directory), gone) /
+         name;
 }
 
 unsigned long long WordAt(pid_t pid, unsigned long long address) {
@@ -282,10 +293,11 @@ void Tracer::Resume(pid_t pid, int signal) {
 // What the verdicts need to know of a call.
 void Tracer::Note(pid_t pid, Process& process, const unsigned long long* arguments) {
   if (process.call == SYS_openat && (arguments[2] & O_CREAT) != 0) {
-    created_.insert(TextAt(pid, arguments[1]));
+    created_.insert(FileAt(pid, arguments[0], arguments[1]));
   }
-  if (process.call == SYS_rename) {
-    process.renamed = {TextAt(pid, arguments[0]), TextAt(pid, arguments[1])};
+  if (process.call == SYS_renameat) {
+    process.renamed = {FileAt(pid, arguments[0], arguments[1]),
+                       FileAt(pid, arguments[2], arguments[3])};
   }
   NoteStage(pid, process, arguments);
   if (process.later || (pid == daemon_ && lifted_)) return;
@@ -394,7 +406,7 @@ void Tracer::LeaveCall(pid_t pid, Process& process, long result) {
     if (result >= 0 && accepted_++ == 0) master_ = static_cast<unsigned long>(result);
   }
   // Whatever has become of the old name, the new one is a file of ours.
-  if (process.call == SYS_rename && result == 0 && created_.contains(process.renamed.first)) {
+  if (process.call == SYS_renameat && result == 0 && created_.contains(process.renamed.first)) {
     created_.insert(process.renamed.second);
   }
   if (result == kRestart || result == kRestartAlways) process.restarted = process.call;

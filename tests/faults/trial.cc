@@ -729,9 +729,9 @@ void Trial::JudgeFiles() {
   for (const std::string& name : tracer_.created()) {
     const fs::path file = name.starts_with('/') ? fs::path(name) : directory_.path() / name;
     if (!fs::exists(file) || IsExpectedFile(file)) continue;
-    // Killed between making a log under its first name and giving it its own.
+    // Killed between making a file under its first name and giving it its own.
     const bool interrupted = point_.kind == Point::Kind::kKill && tracer_.fired() &&
-                             file.filename().string().starts_with(".log-");
+                             file.filename().string().starts_with(".jobmill-");
     if (!interrupted) Fail("left the file " + name);
     std::error_code ignored;
     fs::remove(file, ignored);
@@ -755,7 +755,7 @@ void Trial::JudgeDirectory() {
                                                    "data/CASE.crvnlog",
                                                    "data/CASE_1.crvnlog"};
     const bool interrupted =
-        point_.kind == Point::Kind::kKill && tracer_.fired() && name.starts_with("data/.log-");
+        point_.kind == Point::Kind::kKill && tracer_.fired() && name.starts_with("data/.jobmill-");
     // A request with a line missing has its lines in other places.
     const bool shifted = point_.call == SYS_recvfrom && IsError() && name.ends_with(".crvnlog");
     if (std::find(known.begin(), known.end(), name) == known.end() && !interrupted && !shifted) {
@@ -770,8 +770,6 @@ bool Scenario::Sweeps(const Met& met) const {
   // Those of the signal handler are in no recording but in HandledCalls(): they come when they
   // come.
   if (met.call == SYS_rt_sigreturn || met.call == SYS_wait4) return false;
-  // Made for one temporary name in twenty, whose first draw was not a fair one.
-  if (met.call == SYS_getrandom && met.stage != Stage::kLoading) return false;
   if (calls == Calls::kMemory && !IsMemory(met.call)) return false;
   if (calls == Calls::kOutput && !met.output) return false;
   switch (met.role) {

@@ -13,6 +13,8 @@
 #include <chrono>
 #include <filesystem>
 #include <functional>
+#include <ostream>
+#include <string>
 
 #include <gtest/gtest.h>
 
@@ -37,6 +39,12 @@ int InChild(const std::function<int()>& body, const std::string& output = {}) {
   options.inChild = body;
   ChildProcess child({}, options);
   return child.Wait(std::chrono::seconds(10)).value_or(-1);
+}
+
+// The number that the next log's descriptor will get; the one before it is its directory's.
+int DescriptorOfNextLog() {
+  const Descriptor directory(dup(STDOUT_FILENO));
+  return Descriptor(dup(STDOUT_FILENO)).get();
 }
 
 class FlogTest : public testing::Test {
@@ -261,6 +269,57 @@ TEST_F(FlogTest, DirectoryThatRefusesANewFileLeavesTheOldOneToAppendTo) {
   EXPECT_EQ(directory_.Read("a.log"), "old appended");
 }
 
+// A file that stands where the log shall be, and cannot be replaced.
+struct Standing {
+  const char* name;
+  uid_t directoryOwner;
+  mode_t directoryMode;
+  uid_t fileOwner;
+  bool written;
+};
+void PrintTo(const Standing& value, std::ostream* out) {
+  *out << value.name;
+}
+
+constexpr uid_t kUs = 61997;
+constexpr uid_t kStranger = 61996;
+
+class StandingFileTest : public testing::TestWithParam<Standing> {};
+
+TEST_P(StandingFileTest, IsWrittenToWhereNobodyElseCanHavePutIt) {
+  if (getuid() != 0) GTEST_SKIP() << "giving files away needs root";
+  const TemporaryDirectory directory;
+  const std::string file = directory.Write("a.log", "old ");
+  fs::permissions(file, fs::perms(0666));
+  ASSERT_EQ(chown(file.c_str(), GetParam().fileOwner, 0), 0);
+  ASSERT_EQ(chmod(directory.path().c_str(), GetParam().directoryMode), 0);
+  ASSERT_EQ(chown(directory.path().c_str(), GetParam().directoryOwner, 0), 0);
+  for (const bool removeOld : {true, false}) {
+    SCOPED_TRACE(removeOld);
+    directory.Write("a.log", "old ");
+    const int status = InChild([&] {
+      if (setgid(kUs) != 0 || setuid(kUs) != 0) return 9;
+      flog log(file, removeOld);
+      log << "new";
+      return static_cast<int>(log.status());
+    });
+    EXPECT_EQ(status, GetParam().written ? 0 : 1);
+    EXPECT_EQ(directory.Read("a.log"), GetParam().written ? "old new" : "old ");
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    All, StandingFileTest,
+    testing::Values(Standing{"OfAStrangerInATemporaryDirectory", 0, 01777, kStranger, false},
+                    Standing{"OfAStrangerInHisOwnDirectory", kStranger, 0755, kStranger, false},
+                    Standing{"OfRootInAStrangersDirectory", kStranger, 0755, 0, false},
+                    Standing{"OfAStrangerInADirectoryOfAGroup", 0, 0775, kStranger, false},
+                    Standing{"OfAStrangerInADirectoryOfAll", 0, 01757, kStranger, false},
+                    Standing{"OfAStrangerInADirectoryOfRoot", 0, 0755, kStranger, true},
+                    Standing{"OfAStrangerInOurClosedDirectory", kUs, 0555, kStranger, true},
+                    Standing{"OfUsInAStrangersDirectory", kStranger, 0755, kUs, true}),
+    [](const auto& standing) { return standing.param.name; });
+
 TEST_F(FlogTest, FileOfTwoNamesInADirectoryThatRefusesANewFileIsNotAppendedTo) {
   directory_.Write("victim", "precious");
   fs::permissions(directory_.File("victim"), fs::perms(0666));
@@ -390,8 +449,7 @@ TEST_F(FlogTest, NameThatIsTooLongDisablesTheLogAndLeavesNothingBehind) {
 
 TEST_F(FlogTest, InterruptedWriteIsRepeated) {
   const int result = InChild([this] {
-    const int next = dup(STDOUT_FILENO);  // the number that the log's descriptor will get
-    close(next);
+    const int next = DescriptorOfNextLog();
     flog log(directory_.File("a.log"), true);
     static int interruptions = 0;
     static int descriptor = 0;
@@ -427,7 +485,7 @@ TEST_F(FlogTest, StandardOutputThatCannotHoldTheLogIsNotAsked) {
 TEST_F(FlogTest, DirectoryThatKeepsComingBackDisablesTheLog) {
   fs::create_directory(directory_.File("a.log"));
   const int result = InChild([this] {
-    if (!AnswerCall(SYS_rename, [] { return static_cast<long>(-EISDIR); })) return kNotPermitted;
+    if (!AnswerCall(SYS_renameat, [] { return static_cast<long>(-EISDIR); })) return kNotPermitted;
     const flog log(directory_.File("a.log"), true);
     return 10 + log.status();
   });
@@ -439,8 +497,7 @@ TEST_F(FlogTest, DirectoryThatKeepsComingBackDisablesTheLog) {
 TEST_F(FlogTest, FileWhoseKindCannotBeLearntDisablesTheLogAndIsClosed) {
   directory_.Write("a.log", "kept");
   const int result = InChild([this] {
-    const int next = dup(STDOUT_FILENO);
-    close(next);
+    const int next = DescriptorOfNextLog();
     if (!AnswerCall(
             SYS_newfstatat, [] { return static_cast<long>(-EIO); }, next)) {
       return kNotPermitted;
@@ -453,8 +510,7 @@ TEST_F(FlogTest, FileWhoseKindCannotBeLearntDisablesTheLogAndIsClosed) {
 }
 
 TEST_F(FlogTest, DescriptorIsClosedOnExec) {
-  const int next = dup(STDOUT_FILENO);  // the number that the log's descriptor will get
-  close(next);
+  const int next = DescriptorOfNextLog();
   flog log(directory_.File("a.log"), true);
   EXPECT_EQ(fcntl(next, F_GETFD), FD_CLOEXEC);
 }
