@@ -31,6 +31,7 @@ bool StreamSocket::connect_before(Clock::time_point /*give_up*/) {
   return true;
 }
 void StreamSocket::set_no_delay() {}
+void StreamSocket::set_keep_alive() {}
 
 void StreamSocket::write(Piece head, Piece body) {
   for (const Piece piece : {head, body}) {

@@ -30,6 +30,7 @@
 #include "tests/support/answered_call.h"
 #include "tests/support/child_process.h"
 #include "tests/support/private_network.h"
+#include "tests/support/text_of_child.h"
 #include "tests/support/wire_bytes.h"
 #include "vk_ec/detail/transport.h"
 
@@ -69,6 +70,7 @@ class TakenPort {
   TakenPort& operator=(const TakenPort&) = delete;
 
   unsigned port() const { return port_; }
+  int descriptor() const { return descriptor_; }
   void Listen(int backlog = 8) const { listen(descriptor_, backlog); }
   int Accept() const { return accept4(descriptor_, nullptr, nullptr, SOCK_CLOEXEC); }
 
@@ -112,10 +114,15 @@ bool IsTcp(int descriptor) {
          protocol == IPPROTO_TCP;
 }
 
+int Option(int descriptor, int level, int option) {
+  int value = -1;
+  socklen_t size = sizeof(value);
+  getsockopt(descriptor, level, option, &value, &size);
+  return value;
+}
+
 bool HasNoDelay(int descriptor) {
-  int on = 0;
-  socklen_t size = sizeof(on);
-  return getsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &on, &size) == 0 && on != 0;
+  return Option(descriptor, IPPROTO_TCP, TCP_NODELAY) == 1;
 }
 
 // How many connections this network has begun to open.
@@ -165,7 +172,7 @@ TEST(ConnectTest, MessagesTravelOverAConnection) {
   close(accepted);
 }
 
-TEST(ConnectTest, SocketIsCloseOnExecBlockingAndWithoutDelay) {
+TEST(ConnectTest, SocketIsCloseOnExecBlockingWithoutDelayAndKeptAlive) {
   const TakenPort simulator;
   simulator.Listen();
   const std::set<int> before = OpenDescriptors();
@@ -180,6 +187,12 @@ TEST(ConnectTest, SocketIsCloseOnExecBlockingAndWithoutDelay) {
   ASSERT_THAT(sockets, SizeIs(1));
   EXPECT_FALSE(fcntl(sockets[0], F_GETFL) & O_NONBLOCK);
   EXPECT_TRUE(HasNoDelay(sockets[0]));
+  EXPECT_EQ(Option(sockets[0], SOL_SOCKET, SO_KEEPALIVE), 1);
+  // Asked at the system's own times, which a site sets for all its programs.
+  const int untouched = simulator.descriptor();
+  for (const int time : {TCP_KEEPIDLE, TCP_KEEPINTVL, TCP_KEEPCNT}) {
+    EXPECT_EQ(Option(sockets[0], IPPROTO_TCP, time), Option(untouched, IPPROTO_TCP, time)) << time;
+  }
 }
 
 TEST(ConnectTest, AdoptedTcpSocketSendsWithoutDelayToo) {
@@ -411,6 +424,37 @@ TEST(ConnectFailureTest, ConnectionWithoutAnAddressIsAFailedAttempt) {
     if (!result) GTEST_SKIP() << "system calls cannot be answered here";
     EXPECT_EQ(*result, 0) << "call " << call;
   }
+}
+
+long refused_level = 0;
+
+// What comes of a connection whose socket gets none of the options of `level`.
+std::optional<std::string> ConnectWithoutOptionsOf(int level) {
+  return TextOfChild([level]() -> std::optional<std::string> {
+    const TakenPort simulator;
+    simulator.Listen();
+    refused_level = level;
+    const auto answer = [] {
+      const auto asked = reinterpret_cast<std::intptr_t>(AnsweredBuffer());
+      return asked == refused_level ? -long{ENOPROTOOPT} : 0L;
+    };
+    if (!AnswerCall(SYS_setsockopt, answer)) return std::nullopt;
+    ClientTransporter().connect("127.0.0.1", simulator.port(), 5);
+    return "connected";
+  });
+}
+
+TEST(ConnectFailureTest, ConnectionThatCannotBeFreedOfDelayFails) {
+  const auto outcome = ConnectWithoutOptionsOf(IPPROTO_TCP);
+  if (!outcome) GTEST_SKIP() << "system calls cannot be answered here";
+  EXPECT_EQ(*outcome, "threw set_option: Protocol not available");
+}
+
+// A run without it is still a run.
+TEST(ConnectFailureTest, ConnectionThatCannotBeKeptAliveServes) {
+  const auto outcome = ConnectWithoutOptionsOf(SOL_SOCKET);
+  if (!outcome) GTEST_SKIP() << "system calls cannot be answered here";
+  EXPECT_EQ(*outcome, "connected");
 }
 
 TEST(ConnectTest, EndpointThatNeverAnswersLeavesTimeForTheNext) {

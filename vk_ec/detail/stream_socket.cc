@@ -155,6 +155,11 @@ void StreamSocket::set_no_delay() {
   impl_->socket.set_option(tcp::no_delay(true));
 }
 
+void StreamSocket::set_keep_alive() {
+  error_code ignored;
+  impl_->socket.set_option(tcp::socket::keep_alive(true), ignored);
+}
+
 void StreamSocket::write(Piece head, Piece body) {
   std::array<asio::const_buffer, 2> rest{asio::const_buffer(head.bytes, head.length),
                                          asio::const_buffer(body.bytes, body.length)};

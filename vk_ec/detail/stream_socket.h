@@ -47,6 +47,11 @@ class StreamSocket {
   /// Lets small messages leave at once. Throws `boost::system::system_error`.
   void set_no_delay();
 
+  /// Has the system ask a silent peer, at its own times, whether it is still there: a transfer
+  /// fails when the peer's machine has gone without a word. Does nothing where that is not
+  /// possible.
+  void set_keep_alive();
+
   /// Returns when all bytes of `head`, then all of `body`, are handed to the system, which gets
   /// both in one call as long as it takes them.
   void write(Piece head, Piece body = {nullptr, 0});

@@ -141,6 +141,7 @@ void ClientTransporter::connect(const std::string& host, unsigned port, unsigned
     last = Clock::now();
   }
   socket().set_no_delay();
+  socket().set_keep_alive();
 }
 
 }  // namespace vk_ec::detail

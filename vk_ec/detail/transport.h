@@ -96,7 +96,8 @@ class ClientTransporter : public Transporter {
   /// a second, since the simulator begins to listen only some time after its launch. Gives up with
   /// `std::runtime_error` "Connection timed out." when the elapsed seconds, truncated, exceed
   /// `timeout`: 0 still tries for a second. A failed host look-up is thrown at once, as
-  /// `boost::system::system_error`.
+  /// `boost::system::system_error`. A step may take hours without a byte, so the connection asks by
+  /// itself whether the simulator's machine is still there.
   void connect(const std::string& host, unsigned port, unsigned timeout);
 };
 
