@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -50,8 +51,10 @@ void Redirect(const std::string& file, int flags, int target) {
 
 }  // namespace
 
-ChildProcess::ChildProcess(const std::vector<std::string>& arguments, const Options& options)
-    : pid_(fork()) {
+ChildProcess::ChildProcess(const std::vector<std::string>& arguments, const Options& options) {
+  // A child that runs the exit handlers writes out what it has inherited in the buffer.
+  fflush(stdout);
+  pid_ = fork();
   if (pid_ < 0) throw std::runtime_error("fork failed");
   if (pid_ == 0) RunChild(arguments, options);
   setpgid(pid_, pid_);  // in both processes: whichever comes first

@@ -36,7 +36,7 @@ class ChildProcess {
   void Signal(int signal) const;
 
  private:
-  pid_t pid_;
+  pid_t pid_ = -1;
   std::optional<int> status_;
 };
 
