@@ -18,6 +18,11 @@ std::string DaemonExecutable() {
   return (fs::read_symlink("/proc/self/exe").parent_path() / "vkjobmill.exe").string();
 }
 
+bool HasStarted(const std::string& log) {
+  const std::size_t line = log.find("Executable path = ");
+  return line != std::string::npos && log.find('\n', line) != std::string::npos;
+}
+
 RunningDaemon::RunningDaemon(const Options& options) {
   // Configuration is looked for beside the executable, and mapped accounts have to get at the
   // script.
@@ -43,10 +48,9 @@ RunningDaemon::RunningDaemon(const Options& options) {
     arguments.insert(arguments.end(), script.begin(), script.end());
     arguments.insert(arguments.end(), options.arguments.begin(), options.arguments.end());
     process_ = std::make_unique<ChildProcess>(arguments, process);
-    // The last line of the start; the daemon has been listening for some time then.
     if (Eventually([&] {
-          const std::string log = options.quiet ? TextOfLogFile() : Logged();
-          return log.find("Executable path = ") != std::string::npos || !IsRunning(process_->pid());
+          return HasStarted(options.quiet ? TextOfLogFile() : Logged()) ||
+                 !IsRunning(process_->pid());
         }) &&
         IsRunning(process_->pid())) {
       return;

@@ -57,6 +57,10 @@ class RunningDaemon {
 /// The daemon's executable, as built.
 std::string DaemonExecutable();
 
+/// Whether a daemon's log holds the last line of its start with its end: the daemon has been
+/// listening for some time then, and whatever it logs from there on belongs to a connection.
+bool HasStarted(const std::string& log);
+
 /// A master that does what a test tells it.
 class TestMaster {
  public:

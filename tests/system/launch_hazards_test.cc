@@ -178,10 +178,8 @@ TEST_P(PlantedLogTest, DaemonsLogTouchesNothingElseOrGoesToTmp) {
     return 0;
   };
   ChildProcess daemon({DaemonExecutable(), "-u", "-p", std::to_string(port)}, options);
-  const bool started = Eventually([&] {
-    return directory.Read("output").find("Executable path = ") != std::string::npos ||
-           !IsRunning(daemon.pid());
-  });
+  const bool started =
+      Eventually([&] { return HasStarted(directory.Read("output")) || !IsRunning(daemon.pid()); });
   ASSERT_TRUE(started && IsRunning(daemon.pid())) << directory.Read("output");
   const std::string root = "/proc/" + std::to_string(daemon.pid()) + "/root";
   EXPECT_EQ(ReadFile(root + "/var/log/victim"), "precious");
