@@ -92,10 +92,13 @@ TEST(LaunchHazardTest, ArgumentListTooLongForTheSystemHasNoHost) {
   const RunningDaemon daemon(options);
   const ExitStatuses statuses(daemon.pid());
   EXPECT_EQ(ServeOne(daemon), "No host detected");
+  // The controller may end after its master has been told; the next run's processes end after it.
+  if (statuses.watching()) {
+    EXPECT_EQ(statuses.First(2), "0 1 ");
+  }
   fs::remove(daemon.directory().File(".vk_corvane_env"));
   EXPECT_EQ(ServeOne(daemon), "OK|port-9002");
   if (!statuses.watching()) GTEST_SKIP() << "no process may be traced on this machine";
-  EXPECT_THAT(statuses.First(4), testing::StartsWith("0 1 "));
 }
 
 TEST(LaunchHazardTest, CommsPortBehindTheLastOneFailsAtTheFirstRequest) {
