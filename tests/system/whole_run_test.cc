@@ -1,12 +1,14 @@
 // Every request of the master, through daemon, script and stand-in simulator, against the same
 // model in this process.
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <fstream>
 #include <iomanip>
 #include <iostream>
 #include <iterator>
+#include <limits>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -288,48 +290,72 @@ double ProcessorSeconds(pid_t pid) {
   return nanoseconds / 1e9;
 }
 
-class ManyWellsTest : public testing::Test {
- protected:
-  // Asks for operating points and inflow tables of all wells `times` times; the controller's
-  // processor time.
-  double Survey(int count, int times) {
-    Site site;
-    const std::string deck = ManyWells(count);
-    const std::unique_ptr<master::Run> run = site.Start("MANY", deck);
-    run->Newton();
-    const std::vector<pid_t> children = ChildrenOf(site.daemon().pid());
+// A run of many wells whose controller is watched.
+class ManyWellsRun {
+ public:
+  explicit ManyWellsRun(int count) : deck_(ManyWells(count)), run_(site_.Start("MANY", deck_)) {
+    run_->Newton();
+    const std::vector<pid_t> children = ChildrenOf(site_.daemon().pid());
     EXPECT_EQ(children.size(), 1U);
-    simulator::Reservoir model(simulator::parse_deck(deck, "MANY.afi"));
-    Names wells;
-    for (int i = count - 1; i >= 0; --i) wells.push_back("W" + std::to_string(i));
-    const double before = ProcessorSeconds(children.at(0));
-    for (int time = 0; time < times; ++time) {
-      const std::vector<master::WellData> data = run->GetWellData(wells);
-      const master::IPRTables tables = run->GetWellIPRData({wells, 0, true, 1.0});
-      EXPECT_EQ(data.size(), wells.size());
-      EXPECT_EQ(tables.wells.size(), wells.size());
-      if (time > 0) continue;
-      for (std::size_t i = 0; i < wells.size(); ++i) {
-        const double rate = model.well_property(wells[i], "OIL_PRODUCTION_RATE");
-        EXPECT_EQ(data[i].oil_rate, rate) << wells[i];
-        EXPECT_EQ(tables.wells[i].oil_rate.at(0), rate) << wells[i];
-        EXPECT_NEAR(tables.wells[i].oil_rate.at(9), rate / 10, rate * 1e-6) << wells[i];
-      }
-    }
-    const double used = ProcessorSeconds(children.at(0)) - before;
-    run->Shutdown();
-    return used;
+    controller_ = children.at(0);
+    for (int i = count - 1; i >= 0; --i) wells_.push_back("W" + std::to_string(i));
   }
+
+  // Asks for operating points and inflow tables of all wells.
+  void Survey() {
+    const double before = ProcessorSeconds(controller_);
+    data_ = run_->GetWellData(wells_);
+    tables_ = run_->GetWellIPRData({wells_, 0, true, 1.0}).wells;
+    leastSeconds_ = std::min(leastSeconds_, ProcessorSeconds(controller_) - before);
+  }
+
+  void ExpectTheModelsValues() const {
+    simulator::Reservoir model(simulator::parse_deck(deck_, "MANY.afi"));
+    ASSERT_EQ(data_.size(), wells_.size());
+    ASSERT_EQ(tables_.size(), wells_.size());
+    for (std::size_t i = 0; i < wells_.size(); ++i) {
+      const double rate = model.well_property(wells_[i], "OIL_PRODUCTION_RATE");
+      EXPECT_EQ(data_[i].oil_rate, rate) << wells_[i];
+      EXPECT_EQ(tables_[i].oil_rate.at(0), rate) << wells_[i];
+      EXPECT_NEAR(tables_[i].oil_rate.at(9), rate / 10, rate * 1e-6) << wells_[i];
+    }
+  }
+
+  // The controller's processor time for the cheapest survey.
+  double leastSeconds() const { return leastSeconds_; }
+
+  void Shutdown() { run_->Shutdown(); }
+
+ private:
+  Site site_;
+  const std::string deck_;
+  std::unique_ptr<master::Run> run_;
+  pid_t controller_ = -1;
+  Names wells_;
+  std::vector<master::WellData> data_;
+  std::vector<master::WellIPR> tables_;
+  double leastSeconds_ = std::numeric_limits<double>::infinity();
 };
 
-TEST_F(ManyWellsTest, FiveThousandAreRightAndDoublingThemDoublesTheWorkAtMost) {
-  const double half = Survey(2500, 2);
-  const double whole = Survey(5000, 2);
-  RecordProperty("ratio", std::to_string(whole / half));
-  std::cout << "controller: " << half << " s for 2,500 wells, " << whole << " s for 5,000\n";
+TEST(ManyWellsTest, FiveThousandAreRightAndDoublingThemDoublesTheWorkAtMost) {
+  ManyWellsRun half(2500);
+  ManyWellsRun whole(5000);
+  // Processor time is more beside busy neighbours, who share the caches, never less. In turns both
+  // runs find an undisturbed moment.
+  for (int turn = 0; turn < 4; ++turn) {
+    half.Survey();
+    whole.Survey();
+    if (turn > 0) continue;  // a survey leaves the wells at the last points of their tables
+    half.ExpectTheModelsValues();
+    whole.ExpectTheModelsValues();
+  }
+  std::cout << "controller: " << half.leastSeconds() << " s for 2,500 wells, "
+            << whole.leastSeconds() << " s for 5,000\n";
   // Twice, with room for what else runs on the machine; a search per name would take four times.
-  EXPECT_GT(half, 0);
-  EXPECT_LT(whole, 2 * half * 1.4);
+  EXPECT_GT(half.leastSeconds(), 0);
+  EXPECT_LT(whole.leastSeconds(), 2 * half.leastSeconds() * 1.4);
+  half.Shutdown();
+  whole.Shutdown();
 }
 
 }  // namespace
