@@ -117,6 +117,7 @@ class Trial {
   void ConductSecond(std::size_t descriptors);
   Master::Plan FirstPlan() const;
   Master::Plan WholeRun() const;
+  bool IsSentLater() const;
   bool MayLeaveWaiting() const;
   bool MustBeServed() const;
   Result Undisturbed() const;
@@ -401,9 +402,13 @@ bool Trial::ForkFailed() const {
          point_.kind != Point::Kind::kKill;
 }
 
+// An answer that the connection does not take at once is sent when it does.
+bool Trial::IsSentLater() const {
+  return point_.call == SYS_sendto && point_.error == EAGAIN && tracer_.firedOnMaster();
+}
+
 // A master whose connection could not get a process is left waiting. So is one whose answer could
-// not be sent: that is not noticed before the next receive. (The rest of one that leaves in part
-// follows.) And a line that could not be received
+// not be sent: that is not noticed before the next receive. And a line that could not be received
 // counts as empty, after which its bytes are taken for the lengths of lines that never come.
 bool Trial::MayLeaveWaiting() const {
   if (ForkFailed()) return true;
@@ -413,7 +418,7 @@ bool Trial::MayLeaveWaiting() const {
   if (point_.call == SYS_recvfrom && point_.kind == Point::Kind::kError) {
     return tracer_.firedAt() < Stage::kControl;
   }
-  return IsSend(point_.call) && IsError() && tracer_.firedOnMaster();
+  return IsSend(point_.call) && IsError() && tracer_.firedOnMaster() && !IsSentLater();
 }
 
 // The call failed, once or from there on.
@@ -430,7 +435,7 @@ bool Trial::MustBeServed() const {
   if (point_.role == Role::kCopy) return true;
   if (point_.kind == Point::Kind::kKill) return point_.role == Role::kDaemon && tracer_.forked();
   if (point_.kind == Point::Kind::kShort) return true;
-  if (point_.call == SYS_sendto && point_.error == EAGAIN && tracer_.firedOnMaster()) return true;
+  if (IsSentLater()) return true;
   if (point_.role == Role::kDaemon) {
     return !IsOneOf(point_.call, {SYS_accept4, SYS_clone, SYS_clone3, SYS_socket, SYS_bind,
                                   SYS_listen, SYS_rt_sigaction, SYS_brk, SYS_mmap, SYS_mremap});
