@@ -1,8 +1,8 @@
-#include "tools/vkmaster/calendar.h"
+#include "tools/vkmaster/text/calendar.h"
 
 #include <gtest/gtest.h>
 
-#include "tools/vkmaster/usage_error.h"
+#include "tools/vkmaster/text/usage_error.h"
 
 namespace {
 

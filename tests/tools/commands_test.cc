@@ -1,10 +1,9 @@
-#include "tools/vkmaster/commands.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "tools/vkmaster/advance.h"
-#include "tools/vkmaster/usage_error.h"
+#include "tools/vkmaster/commands/advance.h"
+#include "tools/vkmaster/commands/registry.h"
+#include "tools/vkmaster/text/usage_error.h"
 
 namespace {
 

@@ -1,10 +1,10 @@
-#include "tools/vkmaster/hints.h"
+#include "tools/vkmaster/command_line/hints.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "master/errors.h"
-#include "tools/vkmaster/usage_error.h"
+#include "tools/vkmaster/text/usage_error.h"
 
 namespace {
 

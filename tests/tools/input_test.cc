@@ -1,4 +1,4 @@
-#include "tools/vkmaster/input.h"
+#include "tools/vkmaster/command_line/input.h"
 
 #include <errno.h>
 #include <sys/syscall.h>

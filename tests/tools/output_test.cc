@@ -1,4 +1,4 @@
-#include "tools/vkmaster/output.h"
+#include "tools/vkmaster/output/output.h"
 
 #include <cmath>
 #include <cstdio>

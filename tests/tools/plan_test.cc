@@ -1,4 +1,4 @@
-#include "tools/vkmaster/plan.h"
+#include "tools/vkmaster/plans/plan.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -6,7 +6,7 @@
 #include "tests/support/temporary_directory.h"
 #include "tests/tools/fake_daemon.h"
 #include "tests/tools/program.h"
-#include "tools/vkmaster/usage_error.h"
+#include "tools/vkmaster/text/usage_error.h"
 
 namespace {
 

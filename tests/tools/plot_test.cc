@@ -1,4 +1,4 @@
-#include "tools/vkmaster/plot.h"
+#include "tools/vkmaster/output/plot.h"
 
 #include <cmath>
 

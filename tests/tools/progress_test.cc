@@ -1,4 +1,4 @@
-#include "tools/vkmaster/progress.h"
+#include "tools/vkmaster/output/progress.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "tools/vkmaster/prompt.h"
+#include "tools/vkmaster/command_line/prompt.h"
 
 #include <errno.h>
 #include <stdlib.h>
@@ -17,7 +17,7 @@
 #include "tests/support/socket_pair.h"
 #include "tests/support/temporary_directory.h"
 #include "tests/support/text_of_child.h"
-#include "tools/vkmaster/interrupt.h"
+#include "tools/vkmaster/command_line/interrupt.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "tools/vkmaster/session.h"
+#include "tools/vkmaster/session/session.h"
 
 #include <thread>
 
@@ -7,7 +7,7 @@
 
 #include "tests/support/socket_pair.h"
 #include "tests/tools/fake_daemon.h"
-#include "tools/vkmaster/usage_error.h"
+#include "tools/vkmaster/text/usage_error.h"
 
 namespace {
 

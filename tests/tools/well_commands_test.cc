@@ -1,5 +1,3 @@
-#include "tools/vkmaster/well_commands.h"
-
 #include <algorithm>
 #include <string>
 #include <thread>
@@ -12,11 +10,12 @@
 #include "tests/support/socket_pair.h"
 #include "tests/tools/fake_daemon.h"
 #include "tests/tools/memory_stream.h"
-#include "tools/vkmaster/commands.h"
-#include "tools/vkmaster/fluid_commands.h"
-#include "tools/vkmaster/ipr.h"
-#include "tools/vkmaster/quantities.h"
-#include "tools/vkmaster/usage_error.h"
+#include "tools/vkmaster/commands/fluid.h"
+#include "tools/vkmaster/commands/ipr.h"
+#include "tools/vkmaster/commands/registry.h"
+#include "tools/vkmaster/commands/wells.h"
+#include "tools/vkmaster/session/quantities.h"
+#include "tools/vkmaster/text/usage_error.h"
 
 namespace {
 

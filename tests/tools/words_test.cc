@@ -1,9 +1,9 @@
-#include "tools/vkmaster/words.h"
+#include "tools/vkmaster/text/words.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "tools/vkmaster/usage_error.h"
+#include "tools/vkmaster/text/usage_error.h"
 
 namespace {
 

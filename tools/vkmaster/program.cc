@@ -16,14 +16,14 @@
 
 #include "master/errors.h"
 #include "master/launch.h"
-#include "tools/vkmaster/commands.h"
-#include "tools/vkmaster/hints.h"
-#include "tools/vkmaster/input.h"
-#include "tools/vkmaster/interrupt.h"
-#include "tools/vkmaster/options.h"
-#include "tools/vkmaster/plan.h"
-#include "tools/vkmaster/prompt.h"
-#include "tools/vkmaster/usage_error.h"
+#include "tools/vkmaster/command_line/hints.h"
+#include "tools/vkmaster/command_line/input.h"
+#include "tools/vkmaster/command_line/interrupt.h"
+#include "tools/vkmaster/command_line/options.h"
+#include "tools/vkmaster/command_line/prompt.h"
+#include "tools/vkmaster/commands/registry.h"
+#include "tools/vkmaster/plans/plan.h"
+#include "tools/vkmaster/text/usage_error.h"
 
 namespace vkmaster {
 namespace {

@@ -1,0 +1,166 @@
+#include "tools/vkmaster/command_line/options.h"
+
+#include <stdlib.h>
+
+#include <memory>
+#include <set>
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+
+#include "tools/vkmaster/commands/registry.h"
+#include "tools/vkmaster/plans/plan.h"
+#include "tools/vkmaster/text/usage_error.h"
+
+namespace vkmaster {
+namespace {
+
+const char* const kPlanHelp =
+    "  run PLAN                carry out a plan: a TOML file of dates, controls and what to "
+    "record\n";
+
+const char* const kFooter =
+    "Several commands are separated by then, or by a comma or semicolon of its own:\n"
+    "  vkmaster ... status then until 365 step monthly then shutdown\n"
+    "Without commands they are read from --file or standard input; at a terminal there is a\n"
+    "prompt with history and completion. Options come before the commands.\n"
+    "\n"
+    "When the commands are through, or end with an error or a signal, the run is shut down, so\n"
+    "that it keeps no licence; --leave leaves that out.\n"
+    "\n"
+    "Exit status:\n"
+    "  0  all commands were carried out\n"
+    "  1  internal error\n"
+    "  2  usage: an option, a command or a file is not as it has to be\n"
+    "  3  not launched: the daemon was not reached or refused the run\n"
+    "  4  a request failed: the daemon ended the connection on it\n"
+    "  5  the connection to the daemon was lost\n"
+    "  6  the daemon's answer does not follow the protocol\n"
+    "  128 + N  ended by signal N\n";
+
+class HelpFormatter : public CLI::Formatter {
+ public:
+  std::string make_usage(const CLI::App* /*app*/, std::string name) const override {
+    return "Usage: " + name + " [OPTIONS] --port P --path DATA --root CASE [COMMAND ARGS...]\n";
+  }
+  // The default one folds the lines of the footer.
+  std::string make_footer(const CLI::App* app) const override { return app->get_footer(); }
+};
+
+std::string DefaultUser() {
+  for (const char* name : {"USER", "LOGNAME"}) {
+    const char* user = getenv(name);
+    if (user != nullptr && *user != '\0') return user;
+  }
+  return "";
+}
+
+void AddSeconds(CLI::App& app, const std::string& name, std::chrono::seconds& value,
+                const std::string& help) {
+  app.add_option_function<int>(
+         name, [&value](int seconds) { value = std::chrono::seconds(seconds); }, help)
+      ->check(CLI::NonNegativeNumber)
+      ->default_str(std::to_string(value.count()));
+}
+
+void AddLaunchOptions(CLI::App& app, Options& options) {
+  const char* group = "The run";
+  const auto text = [&](const std::string& name, std::string& value, const std::string& help) {
+    return app.add_option(name, value, help)->group(group)->capture_default_str();
+  };
+  text("--host", options.host, "host of the daemon")->envname("VKMASTER_HOST");
+  app.add_option("--port", options.port, "port of the daemon")
+      ->group(group)
+      ->check(CLI::Range(1, 65535))
+      ->envname("VKMASTER_PORT");
+  text("--path", options.run.path, "data directory of the run, on the daemon's side");
+  text("--root", options.run.root, "name of the model, without extension");
+  text("--processes", options.run.processes, "processes of the simulator")
+      ->check(CLI::PositiveNumber);
+  text("--api", options.run.api, "simulator interface: 20162 or 20172")
+      ->check(CLI::NonNegativeNumber)
+      ->envname("VKMASTER_API");
+  text("--user", options.run.user, "Windows user name")->envname("VKMASTER_USER");
+  text("--debug", options.run.debug, "debug flag for the distribution script");
+  text("--cluster", options.run.cluster, "cluster number, 0 for none")
+      ->check(CLI::NonNegativeNumber);
+}
+
+void AddOtherOptions(CLI::App& app, Options& options) {
+  app.add_option("--file", options.file, "read the commands from a file; - is standard input");
+  app.add_flag_callback(
+      "--json", [&options] { options.form = Form::kJson; },
+      "one JSON object a result, a line each");
+  app.add_flag_callback(
+      "--csv", [&options] { options.form = Form::kCsv; }, "results as CSV");
+  app.add_option_function<std::string>(
+      "--step",
+      [&options](const std::string& word) {
+        try {
+          options.step = ParseStep(word);
+        } catch (const UsageError& error) {
+          throw CLI::ValidationError("--step", error.what());
+        }
+      },
+      "step of advances that name none: days, daily, weekly, monthly, quarterly, yearly");
+  app.add_flag_callback(
+      "--no-connect", [&options] { options.connect = false; },
+      "leave connecting to the simulator to the command connect");
+  app.add_flag_callback(
+      "--no-progress", [&options] { options.progress = false; },
+      "no progress line on the terminal");
+  app.add_flag("--leave", options.leave, "do not shut the run down at the end");
+  app.add_flag("--keep-going", options.keep_going,
+               "go on after a command that could not be understood or sent");
+  AddSeconds(app, "--connect-wait", options.connect_wait, "seconds to wait for the daemon");
+  AddSeconds(app, "--launch-wait", options.launch_wait,
+             "seconds to wait for the simulator to be launched; 0 waits as long as it queues");
+  AddSeconds(app, "--shutdown-wait", options.shutdown_wait,
+             "seconds to wait for the shutdown at the end");
+}
+
+// `given` receives the names of the options that the command line, the environment or the file of
+// options has.
+std::optional<int> Parse(int argc, const char* const* argv, Options& options,
+                         std::set<std::string>& given) {
+  CLI::App app("Launches a run through a jobmill daemon and controls it.", "vkmaster");
+  AddLaunchOptions(app, options);
+  AddOtherOptions(app, options);
+  app.set_version_flag("--version", "vkmaster " JOBMILL_VERSION);
+  app.set_config("--config", "", "read options from a file of lines like port=5000");
+  app.prefix_command();
+  app.formatter(std::make_shared<HelpFormatter>());
+  app.footer(HelpText() + kPlanHelp + "\n" + kFooter);
+  try {
+    app.parse(argc, argv);
+    options.words = app.remaining();
+    for (const CLI::Option* option : app.get_options()) {
+      if (!option->empty()) given.insert(option->get_name());
+    }
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? kOk : kUsage;
+  }
+  return std::nullopt;
+}
+
+}  // namespace
+
+std::optional<int> ParseOptions(int argc, const char* const* argv, Options& options) {
+  options.run.user = DefaultUser();
+  std::set<std::string> given;
+  if (const auto status = Parse(argc, argv, options, given)) return status;
+  const bool planned = !options.words.empty() && options.words[0] == "run";
+  if (!planned) return std::nullopt;
+  try {
+    if (options.words.size() != 2) throw UsageError("run: Which plan? run PLAN");
+    ApplyLaunch(ReadPlan(options.words[1]), options, given);
+  } catch (const UsageError& error) {
+    Tell(stderr, fmt::format("vkmaster: {}\n", error.what()));
+    return kUsage;
+  }
+  options.plan = options.words[1];
+  options.words.clear();
+  return std::nullopt;
+}
+
+}  // namespace vkmaster

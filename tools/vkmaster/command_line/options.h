@@ -1,0 +1,49 @@
+#pragma once
+
+#include <chrono>
+#include <optional>
+#include <string>
+
+#include "master/records.h"
+#include "tools/vkmaster/output/output.h"
+#include "tools/vkmaster/text/calendar.h"
+#include "tools/vkmaster/text/words.h"
+
+namespace vkmaster {
+
+/// What the program ends with. After a signal it is 128 and the signal's number.
+enum ExitStatus {
+  kOk = 0,
+  kInternal = 1,       ///< something that nobody foresaw
+  kUsage = 2,          ///< options, a command, a file of commands
+  kNotLaunched = 3,    ///< daemon not reached, or it refused the run
+  kRequestFailed = 4,  ///< the daemon ended the connection on a request
+  kLinkLost = 5,       ///< the connection broke
+  kBadAnswer = 6,      ///< the daemon's answer does not follow the protocol
+  kSignal = 128,
+};
+
+struct Options {
+  std::string host = "localhost";
+  int port = 0;
+  master::RunRequest run;
+  bool connect = true;
+  Form form = Form::kText;
+  std::string file;  ///< of commands; empty for none, "-" for standard input
+  std::optional<Step> step;
+  bool progress = true;
+  bool leave = false;
+  bool keep_going = false;
+  std::chrono::seconds connect_wait{10};
+  std::chrono::seconds launch_wait{0};  ///< 0 waits for ever
+  std::chrono::seconds shutdown_wait{30};
+  Words words;       ///< the commands
+  std::string plan;  ///< the file of "run PLAN"; empty for none
+};
+
+/// Fills `options` from the command line. Returns the status to end with when there is nothing
+/// further to do: after the help, the version, or an error, all of which have been printed. With
+/// "run PLAN" the plan's launch holds where the command line says nothing.
+std::optional<int> ParseOptions(int argc, const char* const* argv, Options& options);
+
+}  // namespace vkmaster

@@ -1,0 +1,163 @@
+#include "tools/vkmaster/command_line/prompt.h"
+
+#include <editline/readline.h>
+#include <errno.h>
+#include <poll.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdio>
+#include <filesystem>
+#include <memory>
+
+#include "tools/vkmaster/command_line/interrupt.h"
+#include "tools/vkmaster/commands/registry.h"
+#include "tools/vkmaster/session/quantities.h"
+#include "tools/vkmaster/text/usage_error.h"
+
+namespace vkmaster {
+namespace {
+
+constexpr int kHistoryLines = 1000;
+
+// What follows a command word, beside well names.
+std::vector<std::string> ArgumentsOf(const std::string& command) {
+  if (command == "help") {
+    std::vector<std::string> names;
+    for (const CommandHelp& help : CommandList()) names.push_back(help.name);
+    return names;
+  }
+  if (command == "until" || command == "every") {
+    return {"step", "rates", "until", "daily", "weekly", "monthly", "quarterly", "yearly"};
+  }
+  std::vector<std::string> names;
+  if (command == "vars" || command == "constrain") {
+    const std::string end = command == "constrain" ? "=" : "";
+    for (const Quantity& quantity : Quantities()) names.push_back(quantity.name + end);
+  }
+  if (command == "ipr") names = {"bhp", "thp", "skewness", "components", "all", "keep", "no-plot"};
+  return names;
+}
+
+bool TakesWells(const std::string& command) {
+  for (const CommandHelp& help : CommandList()) {
+    if (help.name == command) return help.arguments.find("WELL") != std::string::npos;
+  }
+  return false;
+}
+
+// The words of the command that is being typed.
+Words CommandBegun(const std::string& before) {
+  try {
+    Words command;
+    for (const std::string& word : SplitWords(before)) {
+      if (word == "then" || word == "," || word == ";") {
+        command.clear();
+      } else {
+        command.push_back(word);
+      }
+    }
+    return command;
+  } catch (const UsageError&) {
+    return {};
+  }
+}
+
+// The editor's callbacks carry no pointer of ours.
+std::function<std::vector<std::string>()> g_wells;
+
+int g_wake = -1;
+
+// Waits for the terminal and for signals at once. A read() alone would miss a signal that comes
+// just before it, and Ctrl-C would do nothing until the next key.
+int GetCharacter(FILE* in) {
+  std::array<pollfd, 2> wait{{{fileno(in), POLLIN, 0}, {g_wake, POLLIN, 0}}};
+  while (poll(wait.data(), wait.size(), -1) < 0) {
+    if (errno != EINTR) return EOF;
+  }
+  unsigned char c = 0;
+  if (wait[1].revents != 0 || read(fileno(in), &c, 1) != 1) return EOF;
+  return c;
+}
+
+char** Complete(const char* begin, int start, int /*end*/) {
+  rl_attempted_completion_over = 1;  // never file names
+  std::vector<std::string> found;
+  try {
+    found =
+        Completions(std::string(rl_line_buffer, static_cast<std::size_t>(start)), begin, g_wells);
+  } catch (const std::exception&) {
+    return nullptr;  // the command itself will say what is wrong with the link
+  }
+  if (found.empty()) return nullptr;
+  static std::vector<std::string> left;
+  left.assign(found.rbegin(), found.rend());
+  return rl_completion_matches(begin, [](const char* /*text*/, int /*state*/) -> char* {
+    if (left.empty()) return nullptr;
+    char* copy = strdup(left.back().c_str());
+    left.pop_back();
+    return copy;
+  });
+}
+
+std::string HistoryFile() {
+  const char* home = getenv("HOME");
+  if (home == nullptr || *home == '\0') return "";
+  return (std::filesystem::path(home) / ".vkmaster_history").string();
+}
+
+}  // namespace
+
+std::vector<std::string> Completions(const std::string& before, const std::string& begin,
+                                     const std::function<std::vector<std::string>()>& wells) {
+  const Words command = CommandBegun(before);
+  std::vector<std::string> candidates;
+  if (command.empty()) {
+    for (const CommandHelp& help : CommandList()) candidates.push_back(help.name);
+  } else {
+    candidates = ArgumentsOf(command[0]);
+    if (TakesWells(command[0])) {
+      const std::vector<std::string> names = wells();
+      candidates.insert(candidates.end(), names.begin(), names.end());
+    }
+  }
+  std::erase_if(candidates, [&begin](const std::string& name) { return !name.starts_with(begin); });
+  return candidates;
+}
+
+Prompt::Prompt(std::function<std::string()> text, std::function<std::vector<std::string>()> wells,
+               Interrupt& interrupt)
+    : text_(std::move(text)), interrupt_(interrupt), history_(HistoryFile()) {
+  g_wells = std::move(wells);
+  rl_readline_name = "vkmaster";
+  // Before the history, whose first call sets the editor up.
+  g_wake = interrupt.descriptor();
+  rl_getc_function = GetCharacter;
+  using_history();
+  stifle_history(kHistoryLines);
+  if (!history_.empty()) read_history(history_.c_str());
+  rl_attempted_completion_function = Complete;
+}
+
+Prompt::~Prompt() {
+  if (!history_.empty()) write_history(history_.c_str());
+  g_wells = nullptr;
+}
+
+std::optional<std::string> Prompt::Next() {
+  while (true) {
+    const std::unique_ptr<char, decltype(&free)> line(readline(text_().c_str()), free);
+    if (line && interrupt_.signal() == 0) {
+      if (*line != '\0') add_history(line.get());
+      return line.get();
+    }
+    std::puts("");
+    if (interrupt_.signal() != SIGINT) return std::nullopt;
+    interrupt_.Clear();
+  }
+}
+
+}  // namespace vkmaster

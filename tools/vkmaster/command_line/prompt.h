@@ -1,0 +1,40 @@
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tools/vkmaster/command_line/input.h"
+#include "tools/vkmaster/text/words.h"
+
+namespace vkmaster {
+
+class Interrupt;
+
+/// What the word `begin` may become that ends the line `before` + `begin`: commands at the
+/// beginning of a command, and behind it what that command takes. `wells` is called for the names
+/// of the wells, only when they are wanted.
+std::vector<std::string> Completions(const std::string& before, const std::string& begin,
+                                     const std::function<std::vector<std::string>()>& wells);
+
+/// The line editor at the terminal, with a history kept in a file. One at a time.
+class Prompt : public LineSource {
+ public:
+  /// `text` gives the prompt, `wells` the names to complete with; `interrupt` stays the caller's.
+  Prompt(std::function<std::string()> text, std::function<std::vector<std::string>()> wells,
+         Interrupt& interrupt);
+  ~Prompt() override;
+  Prompt(const Prompt&) = delete;
+  Prompt& operator=(const Prompt&) = delete;
+
+  /// Ctrl-C empties the line; Ctrl-D on an empty line, SIGTERM and SIGHUP end the input.
+  std::optional<std::string> Next() override;
+
+ private:
+  std::function<std::string()> text_;
+  Interrupt& interrupt_;
+  std::string history_;
+};
+
+}  // namespace vkmaster

@@ -1,0 +1,156 @@
+#include "tools/vkmaster/commands/advance.h"
+
+#include <algorithm>
+#include <string_view>
+
+#include <fmt/format.h>
+
+#include "tools/vkmaster/session/units.h"
+#include "tools/vkmaster/text/usage_error.h"
+
+namespace vkmaster {
+namespace {
+
+// Nearer than this the target counts as reached: a step of less than a second is of no use.
+constexpr double kSameTime = 1e-5;
+
+const char* const kUntilUsage = "until TARGET [step STEP] [rates]";
+
+void TakeOptions(const Words& arguments, std::size_t at, AdvanceRequest& request) {
+  while (at < arguments.size()) {
+    if (arguments[at] == "rates") {
+      request.rates = true;
+      ++at;
+    } else if (arguments[at] == "step" && at + 1 < arguments.size()) {
+      request.step = ParseStep(arguments[at + 1]);
+      at += 2;
+    } else {
+      throw UsageError("'" + arguments[at] + "' is not understood here: " + kUntilUsage);
+    }
+  }
+}
+
+struct Sums {
+  double oil = 0;
+  double gas = 0;
+  double water = 0;
+  double water_injection = 0;
+  double gas_injection = 0;
+};
+
+Sums SumsOfWells(Session& session) {
+  std::vector<std::string> names;
+  for (const master::WellStatus& well : session.Wells()) names.push_back(well.name);
+  Sums sums;
+  for (const master::WellData& well : session.Data(names)) {
+    sums.oil += well.oil_rate;
+    sums.gas += well.gas_rate;
+    sums.water += well.water_rate;
+    sums.water_injection += well.water_injection_rate;
+    sums.gas_injection += well.gas_injection_rate;
+  }
+  return sums;
+}
+
+void AddSums(Session& session, Result& result) {
+  const Units& units = UnitsOf(session.Metric());
+  const Sums sums = SumsOfWells(session);
+  result.fields.push_back({"oil_rate", "oil", sums.oil, units.liquid_rate});
+  result.fields.push_back({"water_rate", "water", sums.water, units.liquid_rate});
+  result.fields.push_back({"gas_rate", "gas", sums.gas, units.gas_rate});
+  result.fields.push_back(
+      {"water_injection_rate", "water in", sums.water_injection, units.liquid_rate});
+  result.fields.push_back({"gas_injection_rate", "gas in", sums.gas_injection, units.gas_rate});
+}
+
+}  // namespace
+
+Target ParseTarget(const std::string& word) {
+  if (const auto date = ParseDate(word)) return {Target::Kind::kDate, 0, *date};
+  const bool relative = word.starts_with('+');
+  const double days = ParseNumber(word, "Days, +days or a date like 2030-01-31");
+  if (days < 0 || (relative && days == 0)) {
+    throw UsageError("A run goes forward only, not to '" + word + "'");
+  }
+  return {relative ? Target::Kind::kRelative : Target::Kind::kDays, days, {}};
+}
+
+double DaysOf(const Target& target, Session& session) {
+  switch (target.kind) {
+    case Target::Kind::kDays:
+      return target.days;
+    case Target::Kind::kRelative:
+      return session.TimeDays() + target.days;
+    case Target::Kind::kDate:
+      break;
+  }
+  const double days = DaysBetween(session.StartDate(), target.date);
+  if (days < 0) {
+    throw UsageError(FormatDate(target.date) + " is before the start of the run, " +
+                     FormatDate(session.StartDate()));
+  }
+  return days;
+}
+
+AdvanceRequest ParseUntil(const Words& arguments) {
+  if (arguments.empty()) throw UsageError(std::string("Until when? ") + kUntilUsage);
+  AdvanceRequest request;
+  request.target = ParseTarget(arguments[0]);
+  TakeOptions(arguments, 1, request);
+  return request;
+}
+
+AdvanceRequest ParseEvery(const Words& arguments) {
+  if (arguments.size() < 3 || arguments[1] != "until") {
+    throw UsageError("Not understood: every STEP until TARGET [rates]");
+  }
+  AdvanceRequest request;
+  request.step = ParseStep(arguments[0]);
+  request.target = ParseTarget(arguments[2]);
+  TakeOptions(arguments, 3, request);
+  return request;
+}
+
+Result StateRow(Session& session, const std::string& command, bool rates) {
+  Result result{.command = command};
+  result.row = true;
+  result.fields.push_back({"time_days", "day", session.TimeDays(), ""});
+  result.fields.push_back({"date", "date", FormatDate(session.run().GetDate()), ""});
+  result.fields.push_back({"ended", "ended", session.Ended(), ""});
+  if (rates) AddSums(session, result);
+  return result;
+}
+
+void Advance(Context& context, const AdvanceRequest& request) {
+  Session& session = context.session;
+  if (!session.first_step_done()) session.FirstStep();
+  double now = session.TimeDays();
+  const double target = DaysOf(request.target, session);
+  if (target - now < kSameTime) {
+    throw UsageError(
+        fmt::format("The run is at day {:.6g} already, it cannot go to day {:.6g}", now, target));
+  }
+  if (session.has_ended()) {
+    throw UsageError(fmt::format("The simulation has ended, at day {:.6g}", now));
+  }
+  const std::optional<Step> step = request.step ? request.step : context.step;
+  const master::Date start = step ? session.StartDate() : master::Date{};
+
+  context.progress.BeginAdvance(now, target);
+  while (target - now >= kSameTime) {
+    const double next = step ? EndOfStep(*step, start, now) : target;
+    now = target - next < kSameTime ? target : next;
+    session.run().RunUntil(now);
+    Result row = StateRow(session, "until", request.rates);
+    if (session.has_ended() && target - session.last_days() >= kSameTime) {
+      row.notes.push_back(fmt::format("The simulation ended at day {:.6g}, before day {:.6g}",
+                                      session.last_days(), target));
+    }
+    context.progress.Reached(session.last_days());
+    context.output.Write(row);
+    if (session.has_ended()) break;
+  }
+  context.progress.End();
+}
+
+}  // namespace vkmaster

@@ -1,0 +1,213 @@
+#include "tools/vkmaster/commands/fluid.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <numeric>
+#include <utility>
+
+#include <fmt/format.h>
+
+#include "tools/vkmaster/text/usage_error.h"
+
+namespace vkmaster {
+namespace {
+
+constexpr double kSumTolerance = 1e-6;
+
+bool IsNumber(const std::string& word) {
+  try {
+    ParseNumber(word, "");
+    return true;
+  } catch (const UsageError&) {
+    return false;
+  }
+}
+
+Table ComponentTable(const master::EOSProps& eos) {
+  const std::vector<std::pair<Column, const std::vector<double>*>> lists{
+      {{"molecular_weight", "mol weight", ""}, &eos.molecular_weight},
+      {{"critical_temperature", "Tc", ""}, &eos.critical_temperature},
+      {{"critical_pressure", "Pc", ""}, &eos.critical_pressure},
+      {{"critical_volume", "Vc", ""}, &eos.critical_volume},
+      {{"acentric_factor", "acentric", ""}, &eos.acentric_factor},
+      {{"boiling_point", "Tb", ""}, &eos.boiling_point},
+      {{"volume_shift", "vol shift", ""}, &eos.volume_shift},
+      {{"omega_a", "omega a", ""}, &eos.omega_a},
+      {{"omega_b", "omega b", ""}, &eos.omega_b},
+      {{"parachor", "parachor", ""}, &eos.parachor}};
+  Table table{"components", "", {{"number", "no", ""}, {"component", "component", ""}}, {}};
+  for (const auto& [column, list] : lists) table.columns.push_back(column);
+  for (std::size_t i = 0; i < eos.components.size(); ++i) {
+    std::vector<Value> row{static_cast<std::int64_t>(i + 1), eos.components[i]};
+    for (const auto& [column, list] : lists) {
+      Value& value = row.emplace_back();
+      if (i < list->size()) value = (*list)[i];
+    }
+    table.rows.push_back(std::move(row));
+  }
+  return table;
+}
+
+// The list is flat and its order the simulator's. A full square is shown as one; anything else as
+// the list that it is.
+Table InteractionTable(const master::EOSProps& eos) {
+  const std::size_t n = eos.components.size();
+  Table table{"binary_interaction", "binary interaction", {}, {}};
+  if (eos.binary_interaction.size() == n * n) {
+    table.columns.push_back({"component", "component", ""});
+    for (const std::string& name : eos.components) table.columns.push_back({name, name, ""});
+    for (std::size_t i = 0; i < n; ++i) {
+      table.rows.push_back({eos.components[i]});
+      for (std::size_t j = 0; j < n; ++j) {
+        table.rows.back().emplace_back(eos.binary_interaction[i * n + j]);
+      }
+    }
+    return table;
+  }
+  table.columns = {{"number", "no", ""}, {"coefficient", "coefficient", ""}};
+  for (std::size_t i = 0; i < eos.binary_interaction.size(); ++i) {
+    table.rows.push_back({static_cast<std::int64_t>(i + 1), eos.binary_interaction[i]});
+  }
+  return table;
+}
+
+Result EOSResult(Session& session) {
+  const master::EOSProps eos = session.run().GetEOSProps();
+  Result result{.command = "eos"};
+  result.fields.push_back({"name", "equation of state", eos.name, ""});
+  result.fields.push_back(
+      {"component_count", "components", static_cast<std::int64_t>(eos.components.size()), ""});
+  if (eos.components.empty()) {
+    result.notes.emplace_back("The model has no equation of state");
+    return result;
+  }
+  result.tables.push_back(ComponentTable(eos));
+  if (!eos.binary_interaction.empty()) result.tables.push_back(InteractionTable(eos));
+  return result;
+}
+
+void NoteMissingSources(const Session& session, Result& result) {
+  constexpr long kWithoutSources = 20162;
+  if (std::strtol(session.launched().request.api.c_str(), nullptr, 10) != kWithoutSources) return;
+  result.notes.emplace_back(
+      "The 2016.2 interface (--api 20162) has no external sources: nothing was changed");
+}
+
+Result SourceResult(Session& session, const std::string& word, const std::string& source) {
+  const std::vector<std::string> wells = session.Resolve({word});
+  if (wells.size() != 1) throw UsageError("One well wanted, not " + word);
+  const int answer = session.run().SetWellInjectionSource(wells[0], source);
+  Result result{.command = "source"};
+  result.fields.push_back({"well", "well", wells[0], ""});
+  result.fields.push_back({"source", "gas source", source, ""});
+  result.fields.push_back({"result", "simulator's result", std::int64_t{answer}, ""});
+  NoteMissingSources(session, result);
+  return result;
+}
+
+// The fractions in component order.
+std::vector<double> InOrder(const SourceComposition& given, const std::vector<std::string>& all) {
+  if (given.names.empty()) return given.fractions;
+  std::vector<double> fractions(all.size(), 0);
+  for (std::size_t i = 0; i < given.names.size(); ++i) {
+    const auto found = std::find_if(all.begin(), all.end(), [&](const std::string& name) {
+      return EqualIgnoringCase(name, given.names[i]);
+    });
+    if (found == all.end()) {
+      throw UsageError("The model has no component '" + given.names[i] +
+                       "' (the command eos lists them)");
+    }
+    fractions[static_cast<std::size_t>(found - all.begin())] += given.fractions[i];
+  }
+  return fractions;
+}
+
+Result CompositionResult(Session& session, const std::vector<SourceComposition>& given) {
+  std::vector<std::string> components;
+  if (std::any_of(given.begin(), given.end(), [](const auto& one) { return !one.names.empty(); })) {
+    components = session.run().GetEOSProps().components;
+  }
+  std::vector<std::string> sources;
+  std::vector<std::vector<double>> compositions;
+  Result result{.command = "composition"};
+  Table table{"sources",
+              "",
+              {{"source", "source", ""},
+               {"component", "component", ""},
+               {"mole_fraction", "mole fraction", ""}},
+              {}};
+  for (const SourceComposition& one : given) {
+    sources.push_back(one.source);
+    compositions.push_back(InOrder(one, components));
+    for (std::size_t i = 0; i < compositions.back().size(); ++i) {
+      const std::string name = i < components.size() ? components[i] : fmt::format("{}", i + 1);
+      table.rows.push_back({one.source, name, compositions.back()[i]});
+    }
+    if (std::abs(one.Sum() - 1) > kSumTolerance) {
+      result.notes.push_back(
+          fmt::format("The mole fractions of {} add up to {:.6g}", one.source, one.Sum()));
+    }
+  }
+  session.run().SetWellInjectionComposition(sources, compositions);
+  result.tables.push_back(std::move(table));
+  NoteMissingSources(session, result);
+  return result;
+}
+
+void AddFraction(SourceComposition& to, const std::string& word, const std::string& number) {
+  const double fraction = ParseNumber(number, "A mole fraction");
+  if (fraction < 0 || fraction > 1) throw UsageError("A mole fraction is 0 to 1, not " + word);
+  to.fractions.push_back(fraction);
+}
+
+}  // namespace
+
+double SourceComposition::Sum() const {
+  return std::accumulate(fractions.begin(), fractions.end(), 0.0);
+}
+
+Action ParseEOS(const Words& arguments) {
+  if (!arguments.empty()) throw UsageError("'" + arguments[0] + "': it takes no arguments");
+  return [](Context& context) { context.output.Write(EOSResult(context.session)); };
+}
+
+Action ParseSource(const Words& arguments) {
+  if (arguments.size() != 2) throw UsageError("Which well, and which source? source WELL SOURCE");
+  return [arguments](Context& context) {
+    context.output.Write(SourceResult(context.session, arguments[0], arguments[1]));
+  };
+}
+
+std::vector<SourceComposition> ParseCompositions(const Words& arguments) {
+  std::vector<SourceComposition> sources;
+  for (const std::string& word : arguments) {
+    const std::size_t equals = word.find('=');
+    const bool named = equals != std::string::npos;
+    if (!named && (sources.empty() || !IsNumber(word))) {
+      if (!sources.empty() && sources.back().fractions.empty()) break;
+      sources.push_back({word, {}, {}});
+      continue;
+    }
+    if (sources.empty()) throw UsageError("'" + word + "': of which source?");
+    SourceComposition& source = sources.back();
+    if (!source.fractions.empty() && named == source.names.empty()) {
+      throw UsageError("The fractions of " + source.source +
+                       " come all in order or all by component, not mixed");
+    }
+    if (named) source.names.push_back(word.substr(0, equals));
+    AddFraction(source, word, named ? word.substr(equals + 1) : word);
+  }
+  if (sources.empty() || sources.back().fractions.empty()) {
+    throw UsageError("Of what? composition SOURCE FRACTION..., for example S1 CO2=0.9 C1=0.1");
+  }
+  return sources;
+}
+
+Action ParseComposition(const Words& arguments) {
+  return [given = ParseCompositions(arguments)](Context& context) {
+    context.output.Write(CompositionResult(context.session, given));
+  };
+}
+
+}  // namespace vkmaster

@@ -1,0 +1,24 @@
+#pragma once
+
+#include "tools/vkmaster/commands/registry.h"
+
+namespace vkmaster {
+
+/// The commands on the reservoir fluid and on injected gas.
+
+Action ParseEOS(const Words& arguments);          // none
+Action ParseSource(const Words& arguments);       // WELL SOURCE
+Action ParseComposition(const Words& arguments);  // SOURCE FRACTION... or SOURCE NAME=FRACTION...
+
+/// What composition understood of one source: fractions in component order, or by name.
+struct SourceComposition {
+  std::string source;
+  std::vector<double> fractions;
+  std::vector<std::string> names;  ///< of the fractions' components; empty when in order
+
+  double Sum() const;
+};
+
+std::vector<SourceComposition> ParseCompositions(const Words& arguments);
+
+}  // namespace vkmaster

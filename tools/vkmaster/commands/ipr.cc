@@ -1,0 +1,192 @@
+#include "tools/vkmaster/commands/ipr.h"
+
+#include <algorithm>
+#include <map>
+
+#include <fmt/format.h>
+
+#include "tools/vkmaster/commands/wells.h"
+#include "tools/vkmaster/output/plot.h"
+#include "tools/vkmaster/session/units.h"
+#include "tools/vkmaster/text/usage_error.h"
+
+namespace vkmaster {
+namespace {
+
+constexpr int kMostComponents = 100000;  // the daemon refuses more
+constexpr std::size_t kMostPlots = 4;
+
+// The rate limits that do not bind, which the tables begin with.
+constexpr double kFreeRate = 100000;
+constexpr double kMetricLiquid = 0.158987;
+constexpr double kMetricGas = 28174;
+
+using WellsByName = std::map<std::string, master::WellStatus>;
+
+WellsByName WellsNow(Session& session) {
+  WellsByName wells;
+  for (master::WellStatus& well : session.Wells()) wells.emplace(well.name, well);
+  return wells;
+}
+
+// What the tables constrained a well of this type by, set to rates that no well has.
+master::WellConstraints FreeRates(const master::WellStatus& well, bool metric) {
+  const double liquid = kFreeRate * (metric ? kMetricLiquid : 1);
+  const double gas = kFreeRate * (metric ? kMetricGas : 1);
+  if (well.type == "PRODUCER") {
+    return {well.name, {"LIQUID_PRODUCTION_RATE", "GAS_PRODUCTION_RATE"}, {liquid, gas}};
+  }
+  if (well.type == "WATER_INJECTOR") return {well.name, {"WATER_INJECTION_RATE"}, {liquid}};
+  return {well.name, {"GAS_INJECTION_RATE"}, {gas}};
+}
+
+void Restore(Session& session, const std::vector<std::string>& names, const WellsByName& before) {
+  std::vector<master::WellConstraints> constraints;
+  std::vector<std::string> statuses;
+  for (const std::string& name : names) {
+    const master::WellStatus& well = before.at(name);
+    master::WellConstraints free = FreeRates(well, session.Metric());
+    const master::WellConstraints known = session.Remembered(name);
+    for (std::size_t i = 0; i < known.names.size(); ++i) {
+      SetConstraint(free, known.names[i], known.values[i]);
+    }
+    constraints.push_back(std::move(free));
+    statuses.push_back(well.status);
+  }
+  SetConstraints(session, constraints);
+  SetStatuses(session, names, statuses);
+}
+
+Value At(const std::vector<double>& list, std::size_t point) {
+  return point < list.size() ? Value(list[point]) : Value();
+}
+
+Table TableOf(const Units& units, bool bottom_hole, int components) {
+  Table table{"points",
+              "",
+              {{"well", "well", ""},
+               {"point", "point", ""},
+               {"pressure", bottom_hole ? "bhp" : "thp", units.pressure},
+               {"oil_rate", "oil", units.liquid_rate},
+               {"water_rate", "water", units.liquid_rate},
+               {"gas_rate", "gas", units.gas_rate},
+               {"temperature", "temp", units.temperature},
+               {"oil_density", "oil dens", units.density},
+               {"gas_density", "gas dens", units.density},
+               {"water_density", "water dens", units.density}},
+              {}};
+  for (int component = 1; component <= components; ++component) {
+    const std::string key = fmt::format("mole_fraction_{}", component);
+    table.columns.push_back({key, fmt::format("x{}", component), ""});
+  }
+  return table;
+}
+
+void AddRows(Table& table, const std::string& name, const master::WellIPR& ipr, int components) {
+  for (std::size_t point = 0; point < ipr.pressure.size(); ++point) {
+    std::vector<Value> row{name, static_cast<std::int64_t>(point + 1)};
+    for (const auto* list :
+         {&ipr.pressure, &ipr.oil_rate, &ipr.water_rate, &ipr.gas_rate, &ipr.temperature,
+          &ipr.oil_density, &ipr.gas_density, &ipr.water_density}) {
+      row.push_back(At(*list, point));
+    }
+    static const std::vector<double> kNone;
+    const auto& fractions = point < ipr.mole_fractions.size() ? ipr.mole_fractions[point] : kNone;
+    for (std::size_t i = 0; i < static_cast<std::size_t>(components); ++i) {
+      row.push_back(At(fractions, i));
+    }
+    table.rows.push_back(std::move(row));
+  }
+}
+
+// Pressure over the rate that the well is there for.
+std::string PlotOf(const master::WellStatus& well, const master::WellIPR& ipr, const Units& units,
+                   bool bottom_hole) {
+  Plot plot{well.name, "", (bottom_hole ? "bhp " : "thp ") + units.pressure, {}, ipr.pressure};
+  std::vector<double> liquid = ipr.oil_rate;
+  for (std::size_t i = 0; i < std::min(liquid.size(), ipr.water_rate.size()); ++i) {
+    liquid[i] += ipr.water_rate[i];
+  }
+  const bool no_liquid =
+      std::all_of(liquid.begin(), liquid.end(), [](double rate) { return rate == 0; });
+  plot.x = no_liquid ? ipr.gas_rate : liquid;
+  plot.x_label = no_liquid ? "gas " + units.gas_rate : "liquid " + units.liquid_rate;
+  return Draw(plot);
+}
+
+int WholeNumber(const std::string& word) {
+  const double value = ParseNumber(word, "A number of components");
+  if (value < 0 || value > kMostComponents || value != static_cast<int>(value)) {
+    throw UsageError("'" + word + "' is no number of components");
+  }
+  return static_cast<int>(value);
+}
+
+}  // namespace
+
+IPROrder ParseIPROrder(const Words& arguments) {
+  IPROrder order;
+  for (std::size_t i = 0; i < arguments.size(); ++i) {
+    const std::string& word = arguments[i];
+    const bool more = i + 1 < arguments.size();
+    if (word == "bhp" || word == "thp") {
+      order.bottom_hole = word == "bhp";
+    } else if (word == "skewness" && more) {
+      order.skewness = ParseNumber(arguments[++i], "A number behind skewness");
+      if (order.skewness <= 0) throw UsageError("The skewness is above 0");
+    } else if (word == "components" && more) {
+      order.all_components = arguments[++i] == "all";
+      order.components = order.all_components ? 0 : WholeNumber(arguments[i]);
+    } else if (word == "keep") {
+      order.keep = true;
+    } else if (word == "no-plot") {
+      order.plot = false;
+    } else {
+      order.wells.push_back(word);
+    }
+  }
+  if (order.wells.empty()) throw UsageError("Of which wells?");
+  return order;
+}
+
+Action ParseIPR(const Words& arguments) {
+  return [order = ParseIPROrder(arguments)](Context& context) {
+    context.output.Write(BuildIPR(context.session, order));
+  };
+}
+
+Result BuildIPR(Session& session, const IPROrder& order) {
+  const std::vector<std::string> names = session.Resolve(order.wells);
+  const WellsByName before = WellsNow(session);
+  const Units& units = UnitsOf(session.Metric());
+  const int components = order.all_components
+                             ? static_cast<int>(session.run().GetEOSProps().components.size())
+                             : order.components;
+  const master::IPRTables tables = session.run().GetWellIPRData({.wells = names,
+                                                                 .components = components,
+                                                                 .bottom_hole = order.bottom_hole,
+                                                                 .skewness = order.skewness});
+
+  Result result{.command = "ipr"};
+  result.tables.push_back(TableOf(units, order.bottom_hole, components));
+  for (std::size_t i = 0; i < names.size(); ++i) {
+    AddRows(result.tables[0], names[i], tables.wells[i], components);
+    if (order.plot && i < kMostPlots) {
+      result.drawing += (i > 0 ? "\n" : "") +
+                        PlotOf(before.at(names[i]), tables.wells[i], units, order.bottom_hole);
+    }
+  }
+  if (order.keep) {
+    result.notes.emplace_back(
+        "The wells are open and limited to the last point's rates; set their statuses and "
+        "constraints before the run goes on");
+  } else {
+    Restore(session, names, before);
+    result.notes.emplace_back(
+        "The wells have their statuses again, and the rate limits of this session; rate limits "
+        "from the model itself were lifted and have to be set again with constrain");
+  }
+  return result;
+}
+
+}  // namespace vkmaster

@@ -1,0 +1,232 @@
+#include "tools/vkmaster/commands/registry.h"
+
+#include <algorithm>
+
+#include <fmt/format.h>
+
+#include "tools/vkmaster/commands/advance.h"
+#include "tools/vkmaster/commands/fluid.h"
+#include "tools/vkmaster/commands/ipr.h"
+#include "tools/vkmaster/commands/wells.h"
+#include "tools/vkmaster/session/units.h"
+#include "tools/vkmaster/text/usage_error.h"
+
+namespace vkmaster {
+namespace {
+
+using Parser = std::function<Action(const Words&)>;
+
+struct Entry {
+  CommandHelp help;
+  Parser parse;
+  bool needs_run = true;
+};
+
+// A command without arguments, whose result is one of `make`.
+Parser Plain(std::function<Result(Session&)> make) {
+  return [make = std::move(make)](const Words& arguments) -> Action {
+    if (!arguments.empty()) throw UsageError("'" + arguments[0] + "': it takes no arguments");
+    return [make](Context& context) { context.output.Write(make(context.session)); };
+  };
+}
+
+Result One(const std::string& command, Field field) {
+  return {.command = command, .fields = {std::move(field)}};
+}
+
+Result Connected(Session& session) {
+  session.Connect();
+  return One("connect", {"simulator_host", "simulator on", session.launched().simulator_host, ""});
+}
+
+Result FirstStep(Session& session) {
+  session.FirstStep();
+  return One("first-step", {"time_days", "day", session.TimeDays(), ""});
+}
+
+Result Shutdown(Session& session) {
+  session.Shutdown();
+  return One("shutdown", {"shut_down", "shut down", true, ""});
+}
+
+std::string WellsInNumbers(const std::vector<master::WellStatus>& wells) {
+  const auto open = std::count_if(wells.begin(), wells.end(),
+                                  [](const auto& well) { return well.status == "OPEN"; });
+  return fmt::format("{} ({} open)", wells.size(), open);
+}
+
+Result Status(Session& session) {
+  const Launched& launched = session.launched();
+  master::Run& run = session.run();
+  Result result{.command = "status"};
+  const auto add = [&result](const char* key, const char* label, Value value,
+                             const char* unit = "") {
+    result.fields.push_back({key, label, std::move(value), unit});
+  };
+  add("daemon", "daemon", fmt::format("{}:{}", launched.daemon_host, launched.daemon_port));
+  add("daemon_version", "protocol version", launched.daemon_version);
+  add("path", "data path", launched.request.path);
+  add("root", "model", launched.request.root);
+  add("simulator_host", "simulator on", launched.simulator_host);
+  add("interface", "interface", launched.request.api);
+  add("version", "simulator version", run.GetVersion());
+  add("units", "unit system", UnitsOf(session.Metric()).system);
+  add("compositional", "compositional", run.GetCompFlag());
+  add("start_date", "start date", FormatDate(session.StartDate()));
+  add("date", "date", FormatDate(run.GetDate()));
+  add("time_days", "time", session.TimeDays(), "days");
+  add("ended", "ended", session.Ended());
+  add("wells", "wells", WellsInNumbers(session.Wells()));
+  return result;
+}
+
+Action ParseHelp(const Words& arguments) {
+  const std::string name = arguments.empty() ? "" : arguments[0];
+  const std::string text = HelpText(name);
+  return [text](Context& context) { context.output.Note(text); };
+}
+
+Action ParseQuit(const Words& arguments) {
+  if (!arguments.empty()) throw UsageError("'" + arguments[0] + "': it takes no arguments");
+  return [](Context& context) { context.quit = true; };
+}
+
+std::vector<Entry> MakeEntries() {
+  return {
+      {{"connect", "", "connect the daemon to the simulator; done at the start unless told not to"},
+       Plain(Connected)},
+      {{"status", "", "overview of the run: hosts, version, units, dates, time, wells"},
+       Plain(Status)},
+      {{"version", "", "version of the simulator"}, Plain([](Session& session) {
+         return One("version", {"version", "simulator version", session.run().GetVersion(), ""});
+       })},
+      {{"units", "", "unit system of the run: metric or field"}, Plain([](Session& session) {
+         return One("units", {"units", "unit system", UnitsOf(session.Metric()).system, ""});
+       })},
+      {{"compositional", "", "whether the fluid model is compositional"},
+       Plain([](Session& session) {
+         return One("compositional",
+                    {"compositional", "compositional", session.run().GetCompFlag(), ""});
+       })},
+      {{"start-date", "", "date at which the simulation begins"}, Plain([](Session& session) {
+         return One("start-date",
+                    {"start_date", "start date", FormatDate(session.StartDate()), ""});
+       })},
+      {{"date", "", "simulated date"}, Plain([](Session& session) {
+         return One("date", {"date", "date", FormatDate(session.run().GetDate()), ""});
+       })},
+      {{"time", "", "simulated time in days since the start"}, Plain([](Session& session) {
+         return One("time", {"time_days", "time", session.TimeDays(), "days"});
+       })},
+      {{"ended", "", "whether the simulation has come to its end"}, Plain([](Session& session) {
+         return One("ended", {"ended", "ended", session.Ended(), ""});
+       })},
+      {{"first-step", "", "to the first time step; until does it when it has not been done"},
+       Plain(FirstStep)},
+      {{"until", "TARGET [step STEP] [rates]",
+        "run to day 3650, by +30 days or to date 2030-01-31; with step (days, daily, weekly, "
+        "monthly, quarterly, yearly) a row for each; with rates the sums over all wells"},
+       [](const Words& arguments) -> Action {
+         const AdvanceRequest request = ParseUntil(arguments);
+         return [request](Context& context) { Advance(context, request); };
+       }},
+      {{"every", "STEP until TARGET [rates]", "the same with the step first"},
+       [](const Words& arguments) -> Action {
+         const AdvanceRequest request = ParseEvery(arguments);
+         return [request](Context& context) { Advance(context, request); };
+       }},
+      {{"wells", "[WELLS]", "wells with their type and status"}, ParseWells},
+      {{"data", "[WELLS]", "operating points: rates, pressures, uptime"}, ParseData},
+      {{"vars", "WELLS NAME...", "properties of wells: oil, bhp, ... or the simulator's names"},
+       ParseVars},
+      {{"open", "WELLS", "open wells"},
+       [](const Words& arguments) { return ParseStatusOf("open", "OPEN", arguments); }},
+      {{"shut", "WELLS", "shut wells"},
+       [](const Words& arguments) { return ParseStatusOf("shut", "SHUT", arguments); }},
+      {{"set-status", "STATUS WELLS", "give wells another status that the simulator knows"},
+       ParseSetStatus},
+      {{"uptime", "WELLS FRACTION", "the fraction of the time that wells are on"}, ParseUptime},
+      {{"constrain", "WELLS NAME=VALUE...",
+        "limit rates and pressures, in the run's units: constrain P1 P2 oil=500 bhp=150 P3 "
+        "gas=1e5"},
+       ParseConstrain},
+      {{"ipr", "WELLS [bhp|thp] [skewness X] [components N|all] [keep] [no-plot]",
+        "inflow tables of ten points, which cut the wells back; keep leaves them so"},
+       ParseIPR},
+      {{"eos", "", "equation of state: components and their properties"}, ParseEOS},
+      {{"source", "WELL SOURCE", "attach an external gas source to a well"}, ParseSource},
+      {{"composition", "SOURCE FRACTION... | SOURCE NAME=FRACTION...",
+        "mole fractions of an external source, in component order or by component"},
+       ParseComposition},
+      {{"shutdown", "", "shut the simulator down and end the run"}, Plain(Shutdown)},
+      {{"help", "[COMMAND]", "this text"}, ParseHelp, false},
+      {{"quit", "", "leave; the run is shut down unless --leave was given"}, ParseQuit},
+  };
+}
+
+const std::vector<Entry>& Entries() {
+  static const std::vector<Entry> entries = MakeEntries();
+  return entries;
+}
+
+const Entry& EntryOf(const std::string& name) {
+  std::string alike;
+  for (const Entry& entry : Entries()) {
+    if (entry.help.name == name) return entry;
+    if (entry.help.name.starts_with(name)) {
+      alike += (alike.empty() ? "" : ", ") + entry.help.name;
+    }
+  }
+  if (name.starts_with('-')) {
+    throw UsageError("No such option: " + name + " (vkmaster --help lists them)");
+  }
+  throw UsageError("No such command: " + name +
+                   (alike.empty() ? " (the command help lists them)" : " (" + alike + "?)"));
+}
+
+std::string HelpLine(const CommandHelp& help) {
+  const std::string head = "  " + help.name + (help.arguments.empty() ? "" : " " + help.arguments);
+  return head.size() < 26 ? fmt::format("{:<26}{}\n", head, help.help)
+                          : fmt::format("{}\n{:<26}{}\n", head, "", help.help);
+}
+
+}  // namespace
+
+const std::vector<CommandHelp>& CommandList() {
+  static const std::vector<CommandHelp> list = [] {
+    std::vector<CommandHelp> all;
+    for (const Entry& entry : Entries()) all.push_back(entry.help);
+    return all;
+  }();
+  return list;
+}
+
+std::string HelpText(const std::string& name) {
+  if (!name.empty()) return HelpLine(EntryOf(name).help);
+  std::string text = "Commands:\n";
+  for (const CommandHelp& help : CommandList()) text += HelpLine(help);
+  return text + "Several commands are separated by then, or by a comma or semicolon of its own.\n";
+}
+
+Command ParseCommand(const Words& words) {
+  const Entry& entry = EntryOf(words.at(0));
+  try {
+    return {Join(words), entry.parse(Words(words.begin() + 1, words.end())), entry.needs_run};
+  } catch (const UsageError& error) {
+    throw UsageError(words[0] + ": " + error.what());
+  }
+}
+
+std::vector<Command> ParseCommands(const Words& words) {
+  std::vector<Command> commands;
+  for (const Words& command : SplitCommands(words)) commands.push_back(ParseCommand(command));
+  return commands;
+}
+
+std::string Join(const Words& words) {
+  std::string text;
+  for (const std::string& word : words) text += (text.empty() ? "" : " ") + word;
+  return text;
+}
+
+}  // namespace vkmaster

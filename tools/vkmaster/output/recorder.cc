@@ -1,0 +1,88 @@
+#include "tools/vkmaster/output/recorder.h"
+
+#include <errno.h>
+
+#include <filesystem>
+#include <system_error>
+#include <utility>
+
+#include <fmt/format.h>
+
+#include "tools/vkmaster/text/usage_error.h"
+
+namespace vkmaster {
+
+namespace {
+
+UsageError CannotWrite(const std::string& path) {
+  return UsageError(
+      fmt::format("Cannot write '{}': {}", path, std::generic_category().message(errno)));
+}
+
+}  // namespace
+
+Recorder::Recorder(std::string directory, std::FILE* notes)
+    : Output(Form::kCsv, nullptr, notes), directory_(std::move(directory)) {
+  std::error_code error;
+  std::filesystem::create_directories(directory_, error);
+  if (error) {
+    throw UsageError("Cannot make the directory '" + directory_ + "': " + error.message());
+  }
+}
+
+void Recorder::SetTime(double days, std::string date) {
+  days_ = days;
+  date_ = std::move(date);
+}
+
+void Recorder::Write(const Result& result) {
+  // A table speaks for the command; its fields are recorded when it has none.
+  for (const Table& table : result.tables) {
+    const bool first = &table == &result.tables.front();
+    WriteTable(first ? result.command : result.command + "_" + table.key, table);
+  }
+  if (result.tables.empty()) WriteTable(result.command, FieldsAsTable(result));
+  for (const std::string& note : result.notes) {
+    Note(fmt::format("note: day {:.6g}, {}: {}", days_, result.command, note));
+  }
+}
+
+void Recorder::WriteTable(const std::string& name, const Table& table) {
+  std::vector<std::string> header{"time_days", "date"};
+  for (const Column& column : table.columns) {
+    // A state has its own time and date, which are the same.
+    if (column.key != "time_days" && column.key != "date") header.push_back(column.key);
+  }
+  std::string text;
+  for (const auto& row : table.rows) {
+    std::vector<std::string> cells{FormatValue(days_, true), date_};
+    for (std::size_t i = 0; i < row.size(); ++i) {
+      const std::string& key = table.columns[i].key;
+      if (key != "time_days" && key != "date") cells.push_back(FormatValue(row[i], true));
+    }
+    text += CsvLine(cells);
+  }
+  Append(FileFor(name, CsvLine(header)), text);
+}
+
+const Recorder::File& Recorder::FileFor(const std::string& name, const std::string& header) {
+  File& file = files_[name + "\n" + header];
+  if (file.stream) return file;
+  const int number = ++count_[name];
+  file.path = (std::filesystem::path(directory_) /
+               (number == 1 ? name + ".csv" : fmt::format("{}_{}.csv", name, number)))
+                  .string();
+  file.stream.reset(std::fopen(file.path.c_str(), "we"));
+  if (!file.stream) throw CannotWrite(file.path);
+  Append(file, header);
+  return file;
+}
+
+// Flushed, so that a run that ends by itself leaves all rows behind.
+void Recorder::Append(const File& file, const std::string& text) {
+  std::fwrite(text.data(), 1, text.size(), file.stream.get());
+  std::fflush(file.stream.get());
+  if (std::ferror(file.stream.get()) != 0) throw CannotWrite(file.path);
+}
+
+}  // namespace vkmaster

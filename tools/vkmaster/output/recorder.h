@@ -1,0 +1,47 @@
+#pragma once
+
+#include <cstdio>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "tools/vkmaster/output/output.h"
+
+namespace vkmaster {
+
+/// An output that writes the tables of results to CSV files, one for each command, and each row
+/// with the time and date that it belongs to. A table with other columns than the command's first
+/// one has a file of its own: "vars.csv", "vars_2.csv".
+class Recorder : public Output {
+ public:
+  /// Makes the directory. Notes go to `notes`. Throws UsageError when the directory cannot be made.
+  Recorder(std::string directory, std::FILE* notes);
+
+  /// Of the results to come.
+  void SetTime(double days, std::string date);
+
+  /// Replaces files of earlier runs when it first writes to them. Throws UsageError when a file
+  /// cannot be written.
+  void Write(const Result& result) override;
+
+ private:
+  struct Closer {
+    void operator()(std::FILE* file) const { std::fclose(file); }
+  };
+  struct File {
+    std::string path;
+    std::unique_ptr<std::FILE, Closer> stream;
+  };
+
+  void WriteTable(const std::string& name, const Table& table);
+  const File& FileFor(const std::string& name, const std::string& header);
+  static void Append(const File& file, const std::string& text);
+
+  std::string directory_;
+  double days_ = 0;
+  std::string date_;
+  std::map<std::string, File> files_;  // by name and header
+  std::map<std::string, int> count_;   // of files by name
+};
+
+}  // namespace vkmaster

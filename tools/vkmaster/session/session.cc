@@ -1,0 +1,176 @@
+#include "tools/vkmaster/session/session.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <unordered_set>
+
+#include "tools/vkmaster/text/usage_error.h"
+
+namespace vkmaster {
+namespace {
+
+bool IsPattern(const std::string& word) {
+  return word.find_first_of("*?") != std::string::npos;
+}
+
+Words SplitAtCommas(const Words& words) {
+  Words parts;
+  for (const std::string& word : words) {
+    for (std::size_t begin = 0; begin <= word.size();) {
+      const std::size_t end = std::min(word.find(',', begin), word.size());
+      if (end > begin) parts.push_back(word.substr(begin, end - begin));
+      begin = end + 1;
+    }
+  }
+  return parts;
+}
+
+}  // namespace
+
+std::string CommsLog(const master::RunRequest& request) {
+  // The daemon joins the two without a slash, and takes a cluster run's root name with its number.
+  const bool cluster = std::strtol(request.cluster.c_str(), nullptr, 10) > 0;
+  return request.path + request.root + (cluster ? "_" + request.cluster : "") + ".crvnlog";
+}
+
+master::Run& Session::run() {
+  if (shut_down_) throw UsageError("The run has been shut down");
+  if (!connected_) throw UsageError("The daemon is not connected to the simulator: connect first");
+  return run_;
+}
+
+void Session::Connect() {
+  if (shut_down_) throw UsageError("The run has been shut down");
+  if (connected_) throw UsageError("The daemon is connected to the simulator already");
+  run_.Connect();
+  connected_ = true;
+}
+
+void Session::FirstStep() {
+  if (first_step_done_) throw UsageError("The run is at its first time step or beyond already");
+  run().Newton();
+  first_step_done_ = true;
+}
+
+void Session::Shutdown() {
+  if (shut_down_) throw UsageError("The run has been shut down already");
+  run_.Shutdown();
+  shut_down_ = true;
+}
+
+bool Session::Metric() {
+  if (metric_ < 0) metric_ = run().GetMetricFlag() ? 1 : 0;
+  return metric_ == 1;
+}
+
+master::Date Session::StartDate() {
+  if (!start_known_) start_ = run().GetStartDate();
+  start_known_ = true;
+  return start_;
+}
+
+double Session::TimeDays() {
+  return last_days_ = run().GetTimeDays();
+}
+
+bool Session::Ended() {
+  return has_ended_ = run().GetTermFlag();
+}
+
+std::vector<master::WellStatus> Session::Wells() {
+  wells_ = run().GetWellStatus();
+  wells_known_ = true;
+  return wells_;
+}
+
+const std::vector<master::WellStatus>& Session::KnownWells() {
+  if (!wells_known_) Wells();
+  return wells_;
+}
+
+std::vector<std::string> Session::Resolve(const Words& patterns) {
+  std::vector<std::string> names;
+  std::unordered_set<std::string> seen;
+  bool fresh = !wells_known_;
+  KnownWells();
+  for (const std::string& pattern : SplitAtCommas(patterns)) {
+    std::vector<std::string> found = Find(pattern);
+    if (found.empty() && !fresh) {
+      Wells();
+      fresh = true;
+      found = Find(pattern);
+    }
+    if (found.empty()) {
+      throw UsageError((IsPattern(pattern) ? "No well matches '" : "No well is called '") +
+                       pattern + "' (the command wells lists them)");
+    }
+    for (std::string& name : found) {
+      if (seen.insert(name).second) names.push_back(std::move(name));
+    }
+  }
+  return names;
+}
+
+void Session::Remember(const master::WellConstraints& constraints) {
+  master::WellConstraints& kept = constraints_[constraints.well];
+  kept.well = constraints.well;
+  for (std::size_t i = 0; i < constraints.names.size(); ++i) {
+    SetConstraint(kept, constraints.names[i], constraints.values[i]);
+  }
+}
+
+master::WellConstraints Session::Remembered(const std::string& well) const {
+  const auto found = constraints_.find(well);
+  return found == constraints_.end() ? master::WellConstraints{well, {}, {}} : found->second;
+}
+
+std::vector<master::WellData> Session::Data(const std::vector<std::string>& wells) {
+  std::vector<master::WellData> all;
+  for (const auto& part : Parts(wells, 8, 0)) {
+    std::vector<master::WellData> some = run().GetWellData(part);
+    std::move(some.begin(), some.end(), std::back_inserter(all));
+  }
+  return all;
+}
+
+std::vector<std::string> Session::Find(const std::string& pattern) const {
+  std::vector<std::string> exact;
+  std::vector<std::string> alike;
+  for (const master::WellStatus& well : wells_) {
+    if (well.name == pattern) return {well.name};
+    if (pattern == "all" || (IsPattern(pattern) && Matches(pattern, well.name))) {
+      exact.push_back(well.name);
+    }
+    if (EqualIgnoringCase(pattern, well.name)) alike.push_back(well.name);
+  }
+  if (exact.empty() && alike.size() == 1) return alike;
+  return exact;
+}
+
+void SetConstraint(master::WellConstraints& well, const std::string& name, double value) {
+  const auto found = std::find(well.names.begin(), well.names.end(), name);
+  if (found == well.names.end()) {
+    well.names.push_back(name);
+    well.values.push_back(value);
+  } else {
+    well.values[static_cast<std::size_t>(found - well.names.begin())] = value;
+  }
+}
+
+std::vector<std::vector<std::string>> Parts(const std::vector<std::string>& names, std::size_t head,
+                                            std::size_t extra) {
+  std::vector<std::vector<std::string>> parts;
+  std::size_t size = 0;
+  for (const std::string& name : names) {
+    const std::size_t more = 4 + name.size() + extra;
+    if (parts.empty() || size + more > master::Run::kMaxRequest) {
+      parts.emplace_back();
+      size = head;
+    }
+    parts.back().push_back(name);
+    size += more;
+  }
+  return parts;
+}
+
+}  // namespace vkmaster

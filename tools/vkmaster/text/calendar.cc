@@ -1,0 +1,80 @@
+#include "tools/vkmaster/text/calendar.h"
+
+#include <charconv>
+#include <cmath>
+
+#include <fmt/core.h>
+
+#include "tools/vkmaster/text/usage_error.h"
+#include "tools/vkmaster/text/words.h"
+
+namespace vkmaster {
+namespace {
+
+using std::chrono::months;
+using std::chrono::sys_days;
+using std::chrono::year_month_day;
+
+year_month_day Calendar(const master::Date& date) {
+  return std::chrono::year(date.year) / date.month / date.day;
+}
+
+std::optional<int> Digits(const std::string& text, std::size_t begin, std::size_t size) {
+  int value = 0;
+  const char* end = text.data() + begin + size;
+  const auto [stop, error] = std::from_chars(text.data() + begin, end, value);
+  if (error != std::errc() || stop != end || text[begin] == '-') return std::nullopt;
+  return value;
+}
+
+unsigned MonthsPerStep(Step::Kind kind) {
+  if (kind == Step::Kind::kYearly) return 12;
+  return kind == Step::Kind::kQuarterly ? 3 : 1;
+}
+
+}  // namespace
+
+std::optional<master::Date> ParseDate(const std::string& text) {
+  if (text.size() != 10 || text[4] != '-' || text[7] != '-') return std::nullopt;
+  const auto year = Digits(text, 0, 4);
+  const auto month = Digits(text, 5, 2);
+  const auto day = Digits(text, 8, 2);
+  if (!year || !month || !day) return std::nullopt;
+  const master::Date date{*day, *month, *year};
+  if (!Calendar(date).ok()) return std::nullopt;
+  return date;
+}
+
+std::string FormatDate(const master::Date& date) {
+  return fmt::format("{:04}-{:02}-{:02}", date.year, date.month, date.day);
+}
+
+double DaysBetween(const master::Date& start, const master::Date& date) {
+  return static_cast<double>((sys_days(Calendar(date)) - sys_days(Calendar(start))).count());
+}
+
+Step ParseStep(const std::string& word) {
+  if (word == "daily") return {Step::Kind::kDays, 1};
+  if (word == "weekly") return {Step::Kind::kDays, 7};
+  if (word == "monthly") return {Step::Kind::kMonthly, 0};
+  if (word == "quarterly") return {Step::Kind::kQuarterly, 0};
+  if (word == "yearly") return {Step::Kind::kYearly, 0};
+  const std::string what = "A number of days, daily, weekly, monthly, quarterly or yearly";
+  const double days = ParseNumber(word, what);
+  if (days <= 0) throw UsageError(what + " wanted, not '" + word + "'");
+  return {Step::Kind::kDays, days};
+}
+
+double EndOfStep(const Step& step, const master::Date& start, double days) {
+  if (step.kind == Step::Kind::kDays) return days + step.days;
+  const sys_days begin = sys_days(Calendar(start));
+  const sys_days today = begin + std::chrono::days(static_cast<int>(std::floor(days)));
+  const year_month_day now(today);
+  const unsigned per_step = MonthsPerStep(step.kind);
+  const unsigned first = (static_cast<unsigned>(now.month()) - 1) / per_step * per_step;
+  const year_month_day next =
+      now.year() / std::chrono::month(first + 1) / 1 + months(static_cast<int>(per_step));
+  return static_cast<double>((sys_days(next) - begin).count());
+}
+
+}  // namespace vkmaster
