@@ -6,6 +6,7 @@
 #include "tests/support/temporary_directory.h"
 #include "tests/tools/fake_daemon.h"
 #include "tests/tools/program.h"
+#include "tools/vkmaster/command_line/options.h"
 #include "tools/vkmaster/text/usage_error.h"
 
 namespace {

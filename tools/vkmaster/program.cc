@@ -22,6 +22,7 @@
 #include "tools/vkmaster/command_line/options.h"
 #include "tools/vkmaster/command_line/prompt.h"
 #include "tools/vkmaster/commands/registry.h"
+#include "tools/vkmaster/plans/course.h"
 #include "tools/vkmaster/plans/plan.h"
 #include "tools/vkmaster/text/usage_error.h"
 

@@ -145,6 +145,22 @@ std::optional<int> Parse(int argc, const char* const* argv, Options& options,
 
 }  // namespace
 
+void ApplyLaunch(const Plan& plan, Options& options, const std::set<std::string>& given) {
+  const auto apply = [&given](const char* option, auto& to, const auto& from) {
+    if (from && !given.contains(option)) to = *from;
+  };
+  const Plan::Launch& launch = plan.launch;
+  apply("--host", options.host, launch.host);
+  apply("--port", options.port, launch.port);
+  apply("--path", options.run.path, launch.path);
+  apply("--root", options.run.root, launch.root);
+  apply("--processes", options.run.processes, launch.processes);
+  apply("--api", options.run.api, launch.api);
+  apply("--user", options.run.user, launch.user);
+  apply("--debug", options.run.debug, launch.debug);
+  apply("--cluster", options.run.cluster, launch.cluster);
+}
+
 std::optional<int> ParseOptions(int argc, const char* const* argv, Options& options) {
   options.run.user = DefaultUser();
   std::set<std::string> given;

@@ -2,10 +2,12 @@
 
 #include <chrono>
 #include <optional>
+#include <set>
 #include <string>
 
 #include "master/records.h"
 #include "tools/vkmaster/output/output.h"
+#include "tools/vkmaster/plans/plan.h"
 #include "tools/vkmaster/text/calendar.h"
 #include "tools/vkmaster/text/words.h"
 
@@ -45,5 +47,8 @@ struct Options {
 /// further to do: after the help, the version, or an error, all of which have been printed. With
 /// "run PLAN" the plan's launch holds where the command line says nothing.
 std::optional<int> ParseOptions(int argc, const char* const* argv, Options& options);
+
+/// Sets what the plan says of the launch, except for the options `given` otherwise ("--host").
+void ApplyLaunch(const Plan& plan, Options& options, const std::set<std::string>& given = {});
 
 }  // namespace vkmaster

@@ -11,9 +11,6 @@
 namespace vkmaster {
 namespace {
 
-// Nearer than this the target counts as reached: a step of less than a second is of no use.
-constexpr double kSameTime = 1e-5;
-
 const char* const kUntilUsage = "until TARGET [step STEP] [rates]";
 
 void TakeOptions(const Words& arguments, std::size_t at, AdvanceRequest& request) {

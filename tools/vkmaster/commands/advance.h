@@ -1,9 +1,13 @@
 #pragma once
 
-#include "tools/vkmaster/commands/registry.h"
+#include "tools/vkmaster/commands/command.h"
 #include "tools/vkmaster/text/words.h"
 
 namespace vkmaster {
+
+/// Times nearer to each other than these days are the same: a step of less than a second is of no
+/// use.
+inline constexpr double kSameTime = 1e-5;
 
 /// Where an advance goes.
 struct Target {

@@ -72,21 +72,6 @@ Table InteractionTable(const master::EOSProps& eos) {
   return table;
 }
 
-Result EOSResult(Session& session) {
-  const master::EOSProps eos = session.run().GetEOSProps();
-  Result result{.command = "eos"};
-  result.fields.push_back({"name", "equation of state", eos.name, ""});
-  result.fields.push_back(
-      {"component_count", "components", static_cast<std::int64_t>(eos.components.size()), ""});
-  if (eos.components.empty()) {
-    result.notes.emplace_back("The model has no equation of state");
-    return result;
-  }
-  result.tables.push_back(ComponentTable(eos));
-  if (!eos.binary_interaction.empty()) result.tables.push_back(InteractionTable(eos));
-  return result;
-}
-
 void NoteMissingSources(const Session& session, Result& result) {
   constexpr long kWithoutSources = 20162;
   if (std::strtol(session.launched().request.api.c_str(), nullptr, 10) != kWithoutSources) return;
@@ -167,16 +152,25 @@ double SourceComposition::Sum() const {
   return std::accumulate(fractions.begin(), fractions.end(), 0.0);
 }
 
-Action ParseEOS(const Words& arguments) {
-  if (!arguments.empty()) throw UsageError("'" + arguments[0] + "': it takes no arguments");
-  return [](Context& context) { context.output.Write(EOSResult(context.session)); };
+Result EOSResult(Session& session) {
+  const master::EOSProps eos = session.run().GetEOSProps();
+  Result result{.command = "eos"};
+  result.fields.push_back({"name", "equation of state", eos.name, ""});
+  result.fields.push_back(
+      {"component_count", "components", static_cast<std::int64_t>(eos.components.size()), ""});
+  if (eos.components.empty()) {
+    result.notes.emplace_back("The model has no equation of state");
+    return result;
+  }
+  result.tables.push_back(ComponentTable(eos));
+  if (!eos.binary_interaction.empty()) result.tables.push_back(InteractionTable(eos));
+  return result;
 }
 
 Action ParseSource(const Words& arguments) {
   if (arguments.size() != 2) throw UsageError("Which well, and which source? source WELL SOURCE");
-  return [arguments](Context& context) {
-    context.output.Write(SourceResult(context.session, arguments[0], arguments[1]));
-  };
+  return Showing(
+      [arguments](Session& session) { return SourceResult(session, arguments[0], arguments[1]); });
 }
 
 std::vector<SourceComposition> ParseCompositions(const Words& arguments) {
@@ -205,9 +199,9 @@ std::vector<SourceComposition> ParseCompositions(const Words& arguments) {
 }
 
 Action ParseComposition(const Words& arguments) {
-  return [given = ParseCompositions(arguments)](Context& context) {
-    context.output.Write(CompositionResult(context.session, given));
-  };
+  return Showing([given = ParseCompositions(arguments)](Session& session) {
+    return CompositionResult(session, given);
+  });
 }
 
 }  // namespace vkmaster

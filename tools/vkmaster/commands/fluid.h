@@ -1,12 +1,12 @@
 #pragma once
 
-#include "tools/vkmaster/commands/registry.h"
+#include "tools/vkmaster/commands/command.h"
 
 namespace vkmaster {
 
 /// The commands on the reservoir fluid and on injected gas.
 
-Action ParseEOS(const Words& arguments);          // none
+Result EOSResult(Session& session);
 Action ParseSource(const Words& arguments);       // WELL SOURCE
 Action ParseComposition(const Words& arguments);  // SOURCE FRACTION... or SOURCE NAME=FRACTION...
 

@@ -150,9 +150,8 @@ IPROrder ParseIPROrder(const Words& arguments) {
 }
 
 Action ParseIPR(const Words& arguments) {
-  return [order = ParseIPROrder(arguments)](Context& context) {
-    context.output.Write(BuildIPR(context.session, order));
-  };
+  return Showing(
+      [order = ParseIPROrder(arguments)](Session& session) { return BuildIPR(session, order); });
 }
 
 Result BuildIPR(Session& session, const IPROrder& order) {

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "tools/vkmaster/commands/registry.h"
+#include "tools/vkmaster/commands/command.h"
 
 namespace vkmaster {
 

@@ -22,11 +22,15 @@ struct Entry {
   bool needs_run = true;
 };
 
-// A command without arguments, whose result is one of `make`.
+void RefuseArguments(const Words& arguments) {
+  if (!arguments.empty()) throw UsageError("'" + arguments[0] + "': it takes no arguments");
+}
+
+// The parser of a command without arguments, whose result `make` gives.
 Parser Plain(std::function<Result(Session&)> make) {
-  return [make = std::move(make)](const Words& arguments) -> Action {
-    if (!arguments.empty()) throw UsageError("'" + arguments[0] + "': it takes no arguments");
-    return [make](Context& context) { context.output.Write(make(context.session)); };
+  return [make = std::move(make)](const Words& arguments) {
+    RefuseArguments(arguments);
+    return Showing(make);
   };
 }
 
@@ -87,7 +91,7 @@ Action ParseHelp(const Words& arguments) {
 }
 
 Action ParseQuit(const Words& arguments) {
-  if (!arguments.empty()) throw UsageError("'" + arguments[0] + "': it takes no arguments");
+  RefuseArguments(arguments);
   return [](Context& context) { context.quit = true; };
 }
 
@@ -153,7 +157,7 @@ std::vector<Entry> MakeEntries() {
       {{"ipr", "WELLS [bhp|thp] [skewness X] [components N|all] [keep] [no-plot]",
         "inflow tables of ten points, which cut the wells back; keep leaves them so"},
        ParseIPR},
-      {{"eos", "", "equation of state: components and their properties"}, ParseEOS},
+      {{"eos", "", "equation of state: components and their properties"}, Plain(EOSResult)},
       {{"source", "WELL SOURCE", "attach an external gas source to a well"}, ParseSource},
       {{"composition", "SOURCE FRACTION... | SOURCE NAME=FRACTION...",
         "mole fractions of an external source, in component order or by component"},
@@ -221,12 +225,6 @@ std::vector<Command> ParseCommands(const Words& words) {
   std::vector<Command> commands;
   for (const Words& command : SplitCommands(words)) commands.push_back(ParseCommand(command));
   return commands;
-}
-
-std::string Join(const Words& words) {
-  std::string text;
-  for (const std::string& word : words) text += (text.empty() ? "" : " ") + word;
-  return text;
 }
 
 }  // namespace vkmaster

@@ -1,37 +1,12 @@
 #pragma once
 
-#include <functional>
-#include <optional>
 #include <string>
 #include <vector>
 
-#include "tools/vkmaster/output/output.h"
-#include "tools/vkmaster/output/progress.h"
-#include "tools/vkmaster/session/session.h"
-#include "tools/vkmaster/text/calendar.h"
+#include "tools/vkmaster/commands/command.h"
 #include "tools/vkmaster/text/words.h"
 
 namespace vkmaster {
-
-/// What a command works with; all stay the caller's.
-struct Context {
-  Session& session;
-  Output& output;
-  Progress& progress;
-  std::optional<Step> step;  ///< of an advance that names none itself; none for a single step
-  bool quit = false;         ///< set by quit
-};
-
-/// Writes its result to the output. Throws UsageError before anything is sent, and what the
-/// library throws.
-using Action = std::function<void(Context&)>;
-
-/// A command that has been understood as far as that is possible without the run.
-struct Command {
-  std::string text;  ///< as it was given
-  Action execute;
-  bool needs_run = true;  ///< false for help
-};
 
 /// One entry of the help.
 struct CommandHelp {
@@ -50,8 +25,5 @@ Command ParseCommand(const Words& words);
 
 /// All commands of a line or of the program's arguments.
 std::vector<Command> ParseCommands(const Words& words);
-
-/// How `words` were written, near enough.
-std::string Join(const Words& words);
 
 }  // namespace vkmaster

@@ -134,12 +134,6 @@ Result ConstrainResult(Session& session, const std::vector<ConstraintGroup>& gro
   return {.command = "constrain", .tables = {std::move(table)}};
 }
 
-// What `make` gives goes to the output.
-template <typename Make>
-Action Showing(Make make) {
-  return [make](Context& context) { context.output.Write(make(context.session)); };
-}
-
 std::size_t SizeOf(const master::WellConstraints& well) {
   std::size_t size = 4 + well.well.size() + 4 + 4 + 8 * well.values.size();
   for (const std::string& name : well.names) size += 4 + name.size();

@@ -8,13 +8,11 @@
 #include <fmt/format.h>
 #include <toml++/toml.h>
 
-#include "tools/vkmaster/output/recorder.h"
+#include "tools/vkmaster/commands/registry.h"
 #include "tools/vkmaster/text/usage_error.h"
 
 namespace vkmaster {
 namespace {
-
-constexpr double kSameTime = 1e-5;
 
 /// Reads one plan; knows the file's name for what it has to complain about.
 class Reader {
@@ -166,115 +164,10 @@ class Reader {
   std::string file_;
 };
 
-/// One plan being carried out.
-class Course {
- public:
-  Course(const Plan& plan, Context& context)
-      : plan_(plan),
-        context_(context),
-        session_(context.session),
-        recorder_(plan.directory, stderr),
-        recording_{session_, recorder_, context.progress, {}} {
-    recorder_.BeforeWriting([this] { context_.progress.Hide(); });
-  }
-
-  void Run() {
-    session_.FirstStep();
-    double now = session_.TimeDays();
-    target_ = DaysOf(plan_.until, session_);
-    if (target_ - now < kSameTime) {
-      throw UsageError(fmt::format("The run is at day {:.6g}, beyond the plan's end", now));
-    }
-    SortEvents();
-    context_.progress.BeginAdvance(now, target_);
-    Stop(now, true);
-    while (target_ - now >= kSameTime && !session_.has_ended()) {
-      now = NextStop(now);
-      session_.run().RunUntil(now);
-      Stop(now, false);
-    }
-    context_.progress.End();
-  }
-
- private:
-  struct Timed {
-    double at;
-    const PlanEvent* event;
-  };
-
-  void SortEvents() {
-    for (const PlanEvent& event : plan_.events) {
-      events_.push_back({DaysOf(event.at, session_), &event});
-    }
-    std::stable_sort(events_.begin(), events_.end(),
-                     [](const Timed& a, const Timed& b) { return a.at < b.at; });
-  }
-
-  double NextStop(double now) {
-    double next = target_;
-    if (plan_.step) next = std::min(next, EndOfStep(*plan_.step, session_.StartDate(), now));
-    if (next_event_ < events_.size()) next = std::min(next, events_[next_event_].at);
-    return target_ - next < kSameTime ? target_ : next;
-  }
-
-  void Stop(double planned, bool start) {
-    if (start) CarryOutEvents(planned);
-    const Result state = StateRow(session_, "steps", false);
-    recorder_.SetTime(session_.last_days(), std::get<std::string>(state.fields[1].value));
-    recorder_.Write(state);
-    for (const Command& command : plan_.record) command.execute(recording_);
-    context_.progress.Reached(session_.last_days());
-    context_.output.Write(state);
-    if (!start && !session_.has_ended()) CarryOutEvents(planned);
-  }
-
-  void CarryOutEvents(double now) {
-    for (; next_event_ < events_.size() && events_[next_event_].at - now < kSameTime;
-         ++next_event_) {
-      recorder_.SetTime(session_.TimeDays(), FormatDate(session_.run().GetDate()));
-      for (const Command& command : events_[next_event_].event->commands) {
-        Result done{.command = "events"};
-        done.fields.push_back({"command", "command", command.text, ""});
-        command.execute(recording_);
-        recorder_.Write(done);
-      }
-    }
-  }
-
-  const Plan& plan_;
-  Context& context_;
-  Session& session_;
-  Recorder recorder_;
-  Context recording_;
-  double target_ = 0;
-  std::vector<Timed> events_;
-  std::size_t next_event_ = 0;
-};
-
 }  // namespace
 
 Plan ReadPlan(const std::string& file) {
   return Reader(file).Read();
-}
-
-void ApplyLaunch(const Plan& plan, Options& options, const std::set<std::string>& given) {
-  const auto apply = [&given](const char* option, auto& to, const auto& from) {
-    if (from && !given.contains(option)) to = *from;
-  };
-  const Plan::Launch& launch = plan.launch;
-  apply("--host", options.host, launch.host);
-  apply("--port", options.port, launch.port);
-  apply("--path", options.run.path, launch.path);
-  apply("--root", options.run.root, launch.root);
-  apply("--processes", options.run.processes, launch.processes);
-  apply("--api", options.run.api, launch.api);
-  apply("--user", options.run.user, launch.user);
-  apply("--debug", options.run.debug, launch.debug);
-  apply("--cluster", options.run.cluster, launch.cluster);
-}
-
-void CarryOut(const Plan& plan, Context& context) {
-  Course(plan, context).Run();
 }
 
 }  // namespace vkmaster

@@ -75,6 +75,12 @@ Words SplitWords(std::string_view line) {
   return Splitter().Split(line);
 }
 
+std::string Join(const Words& words) {
+  std::string text;
+  for (const std::string& word : words) text += (text.empty() ? "" : " ") + word;
+  return text;
+}
+
 std::vector<Words> SplitCommands(const Words& words) {
   std::vector<Words> commands(1);
   for (const std::string& word : words) {

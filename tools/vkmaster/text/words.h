@@ -13,6 +13,9 @@ using Words = std::vector<std::string>;
 /// quotes is a word of its own. Throws UsageError when a quote stays open.
 Words SplitWords(std::string_view line);
 
+/// A line of these words. Quotes that a word needs are not put back: the text is for people.
+std::string Join(const Words& words);
+
 /// The commands of a list of words: they are separated by "then", "," or ";", each a word of its
 /// own. Empty commands are left out.
 std::vector<Words> SplitCommands(const Words& words);
