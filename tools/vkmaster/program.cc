@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -186,28 +187,31 @@ class Program {
   // The run, from the launch to its end.
   int Control() {
     int status = kOk;
-    if (options_.connect) status = Execute(ParseCommand({"connect"}), true);
+    if (options_.connect) status = Attempt("connect", [this] { session_->Connect(); });
     if (status == kOk) status = commands_ ? ExecuteAll(*commands_) : ExecuteLines();
     return Finish(status);
   }
 
-  int Execute(const Command& command, bool quietly = false) {
-    Context context{*session_, output_, progress_, options_.step};
-    try {
-      progress_.Begin(command.text);
-      if (quietly) {
-        session_->Connect();
-      } else {
-        command.execute(context);
-      }
-      progress_.End();
+  int Execute(const Command& command) {
+    return Attempt(command.text, [&] {
+      Context context{*session_, output_, progress_, options_.step};
+      command.execute(context);
       quit_ = context.quit;
+    });
+  }
+
+  // Does `work` under a progress line that names it. Returns the exit status for how it ended.
+  int Attempt(const std::string& name, const std::function<void()>& work) {
+    try {
+      progress_.Begin(name);
+      work();
+      progress_.End();
       return kOk;
     } catch (const master::Interrupted&) {
       progress_.End();
       return SignalStatus();
     } catch (const std::exception& error) {
-      const Failure failure = Report(command.text, error);
+      const Failure failure = Report(name, error);
       link_usable_ = failure.status != kRequestFailed && failure.status != kLinkLost;
       if (failure.run_goes_on) may_go_on_ = true;
       return failure.status;
