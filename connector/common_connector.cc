@@ -336,8 +336,4 @@ bool CommonConnector::SimulationEnded() {
   return client().position_info().position == AlgPos::END_SIMULATE;
 }
 
-bool CommonConnector::TookLargeAnswer() {
-  return client_ != nullptr && client_->take_large();
-}
-
 }  // namespace connector

@@ -44,7 +44,6 @@ class CommonConnector : public ConnectorBase {
   void Newton() override;
   void RunUntil(double time) override;
   bool SimulationEnded() override;
-  bool TookLargeAnswer() override;
 
  protected:
   CommonConnector() = default;

@@ -116,7 +116,4 @@ class ConnectorBase {
   virtual void RunUntil(double time) = 0;
 
   virtual bool SimulationEnded() = 0;
-
-  /// Whether the simulator sent a large answer, above eight mebibytes, since the last call.
-  virtual bool TookLargeAnswer() = 0;
 };

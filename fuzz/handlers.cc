@@ -269,7 +269,6 @@ class Stub : public ConnectorBase {
     called.number = time;
     Call();
   }
-  bool TookLargeAnswer() override { return false; }
   bool SimulationEnded() override {
     Call();
     return false;

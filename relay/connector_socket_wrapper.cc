@@ -63,8 +63,12 @@ std::array<unsigned char, getbuf::kBufferSize> receive_buffer;
 // Points of an inflow table, as many as the master's tables have.
 constexpr std::size_t kTablePoints = 10;
 
-// What a large answer was cut into is free again but lies between what is in use, and the next
-// request may be a step of hours. Nobody else would hand it back to the system until then.
+// So many bytes in the replies to one request are much: they were made from several times as many,
+// which is more than a field of 50,000 wells needs each time that it is looked at.
+constexpr std::int64_t kMuch = 4 << 20;
+
+// After a large answer the heap is many small freed blocks between live ones. The next request may
+// take hours, so the pages go back to the system now.
 void ReturnFreeMemory() {
 #ifdef __GLIBC__
   malloc_trim(0);
@@ -112,12 +116,13 @@ int ConnectorSocketWrapper::ProcessRequests(std::string& error) {
     const auto code = UnPack<unsigned>(header);
     *log_ << "Received header: " << static_cast<unsigned long>(code)
           << "\n";  // NOLINT(google-runtime-int)
+    sent_ = 0;
     if (Handle(code, receive_buffer.data() + sizeof(code), reason) > 0) {
       Fail("Failed to handle data packet received from master: ", reason.c_str(), error);
       return 2;
     }
     if (code == kShutdown) return 0;
-    if (connector_->TookLargeAnswer()) ReturnFreeMemory();
+    if (sent_ > kMuch) ReturnFreeMemory();
   }
 }
 
@@ -197,6 +202,7 @@ void ConnectorSocketWrapper::RunHandler(unsigned code, const unsigned char* body
 
 int ConnectorSocketWrapper::ReturnWithAck(sendbuf& reply, int ack, int code) {
   reply.Pack(ack);
+  sent_ += reply.used();
   return reply.Send(master_, static_cast<unsigned>(code));
 }
 

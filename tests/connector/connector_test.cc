@@ -284,17 +284,6 @@ TYPED_TEST(SimpleQueryTest, FirstOfSeveralVersionTextsCounts) {
   EXPECT_EQ(this->connector_.GetVersion(), 2016.2);
 }
 
-TYPED_TEST(SimpleQueryTest, LargeAnswerIsToldOfOnce) {
-  EXPECT_FALSE(this->connector_.TookLargeAnswer());
-  this->Connect();
-  for (const std::size_t size : {std::size_t{1} << 10, std::size_t{9} << 20}) {
-    this->AnswerQuery(this->Item("VK_VERSION", {"2017.2" + std::string(size, ' ')}));
-    EXPECT_EQ(this->connector_.GetVersion(), 2017.2);
-    EXPECT_EQ(this->connector_.TookLargeAnswer(), size > 8U << 20);
-    EXPECT_FALSE(this->connector_.TookLargeAnswer());
-  }
-}
-
 TYPED_TEST(SimpleQueryTest, VersionOfAnotherShapeFails) {
   const std::vector<std::string> answers = {
       "", this->Item("VERSION", {"1"}), this->Item("VK_VERSION", {}),

@@ -14,7 +14,6 @@ struct StubConnector : ConnectorBase {
   bool metric = false;
   bool compositional = false;
   bool ended = false;
-  bool large = false;
   double days = 0;
   int date[3] = {0, 0, 0};
   int startDate[3] = {0, 0, 0};
@@ -37,7 +36,6 @@ struct StubConnector : ConnectorBase {
     Call("Shutdown()");
     return 0;
   }
-  bool TookLargeAnswer() override { return large; }
   double GetVersion() override {
     Call("GetVersion()");
     return version;

@@ -120,7 +120,6 @@ TYPED_TEST(ClientTest, ContinueTakesThePositionOfTheStepAnswer) {
   EXPECT_EQ(this->client_.position_info().position, AlgPos::BEGIN_NEWTON);
   EXPECT_EQ(this->client_.position_info().time, 31.25);
   EXPECT_EQ(this->client_.position_info().date, (Date{2024, 3, 31, 6, -7, 8}));
-  EXPECT_FALSE(this->client_.take_large());
   this->ExpectUsable();
 }
 

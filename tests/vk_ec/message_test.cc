@@ -474,26 +474,6 @@ TEST_F(DecoderTest, DataOfAnotherTypeAreNotAppended) {
       ThrowsMessage<std::invalid_argument>("Incorrect header (received: DOUB vs expected: INTE )"));
 }
 
-TEST_F(MessageTest, LargeMessageIsToldOnce) {
-  EXPECT_FALSE(manager().take_large());
-  const auto receive = [this](std::size_t numbers) {
-    std::thread peer(
-        [&] { WriteAsPeer(Doub("VALUES", std::vector<double>(numbers)) + Mess("END")); });
-    auto decoder = manager().createMessageDecoder();
-    peer.join();
-    std::vector<double> values;
-    decoder.append_data(decoder.get_header(), values);
-    decoder.get_header();
-    decoder.finalize();
-  };
-  receive(1'048'000);  // just below eight mebibytes
-  EXPECT_FALSE(manager().take_large());
-  receive(1'049'000);
-  receive(1);
-  EXPECT_TRUE(manager().take_large());
-  EXPECT_FALSE(manager().take_large());
-}
-
 TEST_F(MessageTest, AbandonedMessageStaysInProgress) {
   manager().createMessageBuilder().add_MESS_header("SET", 0).add_string("NAME", "ab");
   EXPECT_THAT([&] { manager().createMessageBuilder(); }, Throws<std::logic_error>());

@@ -114,10 +114,6 @@ class Client {
   void set_uptime_fractions_for_wells(const std::vector<std::string>& wells,
                                       const std::vector<double>& fractions);
 
-  /// Whether an answer above eight mebibytes came since the last call. Who asks has dropped its
-  /// results by then, and may have the memory given back that they took.
-  bool take_large() { return messages_.take_large(); }
-
   /// What the last step answer said.
   const PositionInfo& position_info() const { return position_info_; }
 

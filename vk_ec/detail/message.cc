@@ -97,12 +97,7 @@ void MessageMgr::resend(Buffer& message) {
 
 MessageMgr::MessageDecoder MessageMgr::createMessageDecoder() {
   transporter_.recv(buffer_);
-  large_ = large_ || buffer_.size() > kept_capacity;
   return MessageDecoder(buffer_);
-}
-
-bool MessageMgr::take_large() {
-  return std::exchange(large_, false);
 }
 
 void MessageMgr::empty(Buffer& buffer) {

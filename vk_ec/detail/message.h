@@ -87,10 +87,6 @@ class MessageMgr {
   /// this. Without its `finalize` no further message can be sent or received.
   MessageDecoder createMessageDecoder();
 
-  /// Whether a message came, since the last call, that is larger than what is kept between
-  /// messages.
-  bool take_large();
-
  private:
   // What the buffer keeps between messages: enough for the status of 50,000 wells, whose memory
   // would cost more to take anew each time than to fill. One huge answer must not hold its memory
@@ -101,7 +97,6 @@ class MessageMgr {
 
   Transporter& transporter_;
   Buffer buffer_;
-  bool large_ = false;
 };
 
 /// Appends to an out-going message. Nothing travels before `send`.
