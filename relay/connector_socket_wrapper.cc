@@ -56,9 +56,11 @@ std::unique_ptr<ConnectorBase> NewConnector(int version) {
   return std::make_unique<v2017_2::Connector>();
 }
 
-// Where requests are received. It belongs to the program's image, so that its pages are taken as
-// they are used: most requests are short, and there may be many controllers that wait.
+// Where requests are received, and the frames that ask for the records of one. They belong to the
+// program's image, so that their pages are taken as they are used: most requests are short, and
+// there may be many controllers that wait.
 std::array<unsigned char, getbuf::kBufferSize> receive_buffer;
+std::array<unsigned char, getbuf::kBufferSize> sub_request_buffer;
 
 // Points of an inflow table, as many as the master's tables have.
 constexpr std::size_t kTablePoints = 10;
@@ -398,14 +400,15 @@ void ConnectorSocketWrapper::ReturnTable(const DynWellIPR& table, bool withMoleF
   ReturnWithAck(reply, 0, kWellIPRDataSub);
 }
 
-// Receives the frame with which the master asks for the next well's record. The request that it
-// belongs to has been read by then and needs its buffer no more.
+// Receives the frame with which the master asks for the next well's record. It leaves the buffer of
+// the requests alone: what stands there behind a later request that is too short is what requests
+// have left.
 void ConnectorSocketWrapper::AwaitSubRequest(unsigned code, const char* complaint) {
   int length = 0;
   unsigned received = 0;
-  auto* buffer = reinterpret_cast<char*>(receive_buffer.data());
+  auto* buffer = reinterpret_cast<char*>(sub_request_buffer.data());
   if (master_->ReceiveLine(buffer, kCleared, length) == 0) {
-    getbuf(receive_buffer.data()).UnPack(received);
+    getbuf(sub_request_buffer.data()).UnPack(received);
   }
   if (received != code) throw corvane_comms_exception(complaint);
 }

@@ -412,6 +412,30 @@ TEST_F(HandlersTest, TwoThousandAndFortyEightBytesAreClearedBeforeEachFrame) {
   EXPECT_EQ(stub_->calls, Calls{"GetWellVariables(,[])"});
 }
 
+// A request reads past its end what earlier requests have left there, and nothing of the frames
+// that asked for the records of one.
+TEST_F(HandlersTest, SubRequestsLeaveTheBufferOfTheRequestsAlone) {
+  std::string zeros;
+  std::string ones;
+  for (int i = 0; i < 3000; ++i) {
+    zeros += "00 ";
+    ones += "01 ";
+  }
+  stub_->operatingPoints = {OperatingPoint("OPEN", 1)};
+  stub_->tables = {DynWellIPR()};
+  const std::string properties = "0f 00 00 00 f5 07 00 00";  // whose number begins at byte 2,045
+  MasterSends(ones);                                         // of an unknown code
+  MasterSends("0a 00 00 00 01 00 00 00 01 00 00 00 41" + zeros);
+  MasterSends("00 10 00 00" + ones);
+  MasterSends(properties);
+  MasterSends("10 00 00 00 00 00 00 00 01 00 00 00 01 00 00 00 41" + zeros);
+  MasterSends("01 10 00 00" + ones);
+  MasterSends(properties);
+  EXPECT_EQ(Serve(), 1) << error_;
+  EXPECT_EQ(stub_->calls, (Calls{"GetWellOpPtData([A])", "GetWellVariables(,[])",
+                                 "GetWellIPRData(0,[A],top,0.000000)", "GetWellVariables(,[])"}));
+}
+
 TEST_F(HandlersTest, FieldsOfAShortRequestAreReadAsTheZerosBehindIt) {
   EXPECT_EQ(ReplyTo("0b 00 00 00"), "08 00 00 00 0b 00 00 00 00 00 00 00");
   EXPECT_EQ(stub_->calls, Calls{"SetWellStatus([],[])"});
