@@ -214,15 +214,17 @@ void CommonConnector::GetStaticComposition(EOS* eos) {
 
 void CommonConnector::GetWellStatus(std::vector<StaticWellDef>& wells) {
   wells.clear();
+  std::vector<StaticWellDef> answered;  // only what has come to its end is an answer
   const Names asked = {"TYPE", "STATUS"};
   auto rows = client().query_wells<std::string>({kAllWells}, asked);
   const bool expected = rows.items() == asked;
   for (Names row; rows.next(row); row.clear()) {
     if (!expected) continue;  // complained about when the simulator is ready again
-    if (wells.empty()) wells.reserve(rows.estimated_count());
-    wells.push_back({std::move(rows.well()), std::move(row[0]), std::move(row[1])});
+    if (answered.empty()) answered.reserve(rows.estimated_count());
+    answered.push_back({std::move(rows.well()), std::move(row[0]), std::move(row[1])});
   }
   Require(expected, kBadWellStatuses);
+  wells = std::move(answered);
 }
 
 void CommonConnector::GetWellStatus() {
@@ -238,14 +240,16 @@ void CommonConnector::GetWellVariables(const std::string& well, const Names& pro
   const auto answer = client().get_well_table<double>({well}, properties);
   Require(!answer.wells.empty(), kBadWellData);
   const std::vector<std::size_t> positions = NameLookup(properties).PositionsIn(answer.items);
+  const bool complete =
+      std::find(positions.begin(), positions.end(), NameLookup::npos) == positions.end();
+  Require(!complete || answer.items == properties, kBadWellData);
+  const auto row = answer.row(0);
   for (std::size_t i = 0; i < properties.size(); ++i) {
     if (positions[i] == NameLookup::npos) {
       throw std::runtime_error("Unexpected answer when querying " + properties[i]);
     }
+    values.push_back(row[positions[i]]);
   }
-  Require(answer.items == properties, kBadWellData);
-  const auto row = answer.row(0);
-  for (const std::size_t position : positions) values.push_back(row[position]);
 }
 
 void CommonConnector::GetWellOpPtData(const Names& wells, std::vector<DynWellOpPt>& points) {

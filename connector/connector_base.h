@@ -66,13 +66,13 @@ class ConnectorBase {
       const std::vector<std::string>& sources,
       const std::vector<std::vector<double>>& compositions) = 0;
 
-  /// Replaces `wells` by all wells of the model. "Unexpected answer when querying the well
-  /// statuses."
+  /// Replaces `wells` by all wells of the model; empties it when that fails. "Unexpected answer
+  /// when querying the well statuses."
   virtual void GetWellStatus(std::vector<StaticWellDef>& wells) = 0;
 
   /// Appends the values of `properties` of one well to `values`. "Unexpected answer when querying
-  /// the well data."; "Unexpected answer when querying " and the name of a property that the
-  /// simulator left out.
+  /// the well data."; "Unexpected answer when querying " and the name of the first property that
+  /// the simulator left out, and then the values of those before it stay.
   virtual void GetWellVariables(const std::string& well, const std::vector<std::string>& properties,
                                 std::vector<double>& values) = 0;
 

@@ -203,9 +203,7 @@ void Compare(const ConnectorOutcome& outcome, const ConnectorOutcome& expected) 
   PROMISE(Same(outcome.points, expected.points));
   PROMISE(Same(outcome.tables, expected.tables));
   PROMISE(Same(outcome.eos, expected.eos));
-  // Wells are told as they come, up to where an answer stops making sense.
-  const bool whole = expected.ending == Ending::kDone || expected.ending == Ending::kComplaint;
-  PROMISE(!whole || Same(outcome.wells, expected.wells));
+  PROMISE(Same(outcome.wells, expected.wells));
   PROMISE(outcome.ended == expected.ended && Same(outcome.time, expected.time));
   PROMISE(outcome.day == expected.day && outcome.month == expected.month);
   PROMISE(outcome.year == expected.year);

@@ -322,12 +322,14 @@ void Variables(Simulator& simulator, const Texts& properties, ConnectorOutcome& 
   const auto table = QueryWells<double>(simulator, "QWELLS", {"P1"}, properties);
   const std::string badData = "Unexpected answer when querying the well data.";
   Require(!table.names.empty(), badData);
+  const bool leftOut = std::any_of(properties.begin(), properties.end(), [&](const auto& property) {
+    return Find(table.items, property) == kNowhere;
+  });
+  Require(leftOut || Same(table.items, properties), badData);
   for (const std::string& property : properties) {
-    Require(Find(table.items, property) != kNowhere, "Unexpected answer when querying " + property);
-  }
-  Require(Same(table.items, properties), badData);
-  for (const std::string& property : properties) {
-    outcome.numbers.push_back(table.values[0][Find(table.items, property)]);
+    const std::size_t column = Find(table.items, property);
+    Require(column != kNowhere, "Unexpected answer when querying " + property);
+    outcome.numbers.push_back(table.values[0][column]);
   }
 }
 

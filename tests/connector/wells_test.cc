@@ -70,6 +70,23 @@ TYPED_TEST(WellsTest, FailedStatusQueryLeavesTheListEmpty) {
   EXPECT_TRUE(wells.empty());
 }
 
+TYPED_TEST(WellsTest, StatusAnswerThatBreaksOffLeavesTheListEmpty) {
+  this->AnswerQuery(wire::Cstr("QITEMS", {"TYPE", "STATUS"}) +
+                    this->Words("P1", {"PRODUCER", "OPEN"}) + this->Words("P2", {"PRODUCER"}));
+  std::vector<StaticWellDef> wells = {{"before", "", ""}};
+  EXPECT_THROW(this->connector_.GetWellStatus(wells), std::length_error);
+  EXPECT_TRUE(wells.empty());
+}
+
+TYPED_TEST(WellsTest, StatusAnswerWithoutReadyLeavesTheListEmpty) {
+  const std::string rows =
+      wire::Cstr("QITEMS", {"TYPE", "STATUS"}) + this->Words("P1", {"PRODUCER", "OPEN"});
+  this->simulator_.AnswerNextAndHangUp(wire::Framed(wire::Mess("REPLY") + rows + this->End()));
+  std::vector<StaticWellDef> wells;
+  EXPECT_EQ(this->FailureOf([&] { this->connector_.GetWellStatus(wells); }), "read: End of file");
+  EXPECT_TRUE(wells.empty());
+}
+
 TYPED_TEST(WellsTest, EmptyStatusAnswerFails) {
   this->AnswerQuery("");
   std::vector<StaticWellDef> wells;
@@ -108,6 +125,31 @@ TYPED_TEST(WellsTest, VariableThatTheSimulatorDropsIsNamed) {
     this->connector_.GetWellVariables("P1", {"WATER_CUT", "X"}, values);
   }),
             "Unexpected answer when querying WATER_CUT");
+  EXPECT_EQ(values, std::vector<double>{1});  // of the first time
+}
+
+TYPED_TEST(WellsTest, ValuesBeforeTheFirstVariableThatIsDroppedStay) {
+  this->AnswerQuery(wire::Cstr("QITEMS", {"C", "A", "B"}) + this->Row("P1", {3, 1, 2}));
+  std::vector<double> values = {7};
+  EXPECT_EQ(this->FailureOf([&] {
+    this->connector_.GetWellVariables("P1", {"A", "B", "X", "C", "Y"}, values);
+  }),
+            "Unexpected answer when querying X");
+  EXPECT_EQ(values, (std::vector<double>{7, 1, 2}));
+}
+
+TYPED_TEST(WellsTest, VariableAskedTwiceHasItsFirstValueTwice) {
+  this->AnswerQuery(wire::Cstr("QITEMS", {"X", "X", "Y"}) + this->Row("P1", {1, 2, 3}));
+  std::vector<double> values;
+  this->connector_.GetWellVariables("P1", {"X", "X", "Y"}, values);
+  EXPECT_EQ(values, (std::vector<double>{1, 1, 3}));
+}
+
+TYPED_TEST(WellsTest, VariablesAreThoseOfTheFirstAnsweredWellWhateverItsName) {
+  this->AnswerQuery(wire::Cstr("QITEMS", {"X"}) + this->Row("OTHER", {1}) + this->Row("P1", {2}));
+  std::vector<double> values;
+  this->connector_.GetWellVariables("P1", {"X"}, values);
+  EXPECT_EQ(values, std::vector<double>{1});
 }
 
 TYPED_TEST(WellsTest, VariablesInAnotherOrderOrBesideOthersFail) {
@@ -120,6 +162,7 @@ TYPED_TEST(WellsTest, VariablesInAnotherOrderOrBesideOthersFail) {
       this->connector_.GetWellVariables("P1", {"X", "Y"}, values);
     }),
               kBadData);
+    EXPECT_TRUE(values.empty());
   }
 }
 
