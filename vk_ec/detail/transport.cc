@@ -71,7 +71,7 @@ RecvMessage::RecvMessage(StreamSocket& socket, std::vector<unsigned char>& buffe
   buffer_.reserve(1);
   auto [total, chunk] = read_initial_header(socket);
   try {
-    buffer_.resize(std::min(total, trusted_total));
+    buffer_.resize(total <= trusted_total ? total : SendMessage::chunk_size);
   } catch (...) {
     buffer_.resize(1);  // refuses what would be read from the middle of this message
     throw;

@@ -38,8 +38,9 @@ class SendMessage {
 /// One message on its way in. Chunks may have any length that does not exceed what is still due.
 class RecvMessage {
  public:
-  /// Up to this length the buffer is sized once, from the announced total. Beyond it the buffer
-  /// grows with the bytes that have arrived: a peer's number alone must not take the memory.
+  /// Up to this length the buffer is sized once, from the announced total. That of a longer message
+  /// has room for one usual chunk at first and doubles as the bytes arrive: a peer's number alone
+  /// must not take the memory.
   static constexpr std::uint64_t trusted_total = 64ULL << 20;
 
   /// Blocks until one whole message is in `buffer`, which must be empty: otherwise
