@@ -116,6 +116,43 @@ TYPED_TEST(ClientQueriesTest, RowsAreAppendedOneByOneAndCountedAhead) {
   this->ExpectUsable();
 }
 
+TYPED_TEST(ClientQueriesTest, NoRowComesBehindTheLast) {
+  const std::string row = Cstr("WELLNAME", {"P1"}) + Doub("VALUES", {1});
+  for (const std::string& answer :
+       {Cstr("QITEMS", {"A"}) + row, Cstr("QITEMS", {"A"}), std::string()}) {
+    this->AnswerWith(answer);
+    auto rows = this->client_.template query_wells<double>({"*"}, {"A"});
+    std::vector<double> values;
+    while (rows.next(values)) {
+    }
+    const std::vector<double> before = values;
+    for (int again = 0; again < 2; ++again) {
+      EXPECT_THAT([&] { rows.next(values); },
+                  ThrowsMessage<std::length_error>("Not enough data read from network"));
+    }
+    EXPECT_EQ(values, before);
+    this->ExpectUsable();
+  }
+}
+
+TYPED_TEST(ClientQueriesTest, RowsDroppedHalfWayRefuseEveryLaterMessage) {
+  const std::string row = Cstr("WELLNAME", {"P1"}) + Doub("VALUES", {1});
+  this->AnswerWith(Cstr("QITEMS", {"A"}) + row + row);
+  {
+    auto rows = this->client_.template query_wells<double>({"*"}, {"A"});
+    std::vector<double> values;
+    ASSERT_TRUE(rows.next(values));
+  }
+  for (int again = 0; again < 2; ++again) {
+    EXPECT_THAT([&] { this->client_.do_continue(); },
+                ThrowsMessage<std::logic_error>("Cannot create a new out-going message as the "
+                                                "previous message is still on going."));
+    EXPECT_THAT([&] { this->client_.read_READY_answer(); },
+                ThrowsMessage<std::logic_error>(
+                    "Cannot receive a message as the previous message is still on going."));
+  }
+}
+
 TYPED_TEST(ClientQueriesTest, TableHasTheRowsBackToBack) {
   this->AnswerWith(Cstr("QITEMS", {"TYPE", "STATUS"}) + Cstr("WELLNAME", {"P1"}) +
                    Cstr("VALUES", {"PRODUCER", "OPEN"}) + Cstr("WELLNAME", {"P2"}) +

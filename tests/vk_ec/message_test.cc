@@ -231,6 +231,43 @@ TEST_F(DecoderTest, EveryKindOfDataIsReadBack) {
   EXPECT_EQ(one.count, 0U);
   EXPECT_EQ(one.type, MessageMgr::MESS);
   EXPECT_THAT(decoder.get_header_and_data<double>("D"), ElementsAre(-0.5));
+// Whatever is asked of it, and whatever the buffer holds by then.
+TEST_F(MessageTest, FinishedDecoderHasNothingMore) {
+  WriteAsPeer(Mess("READY") + Mess("END"));
+  auto decoder = manager().createMessageDecoder();
+  decoder.get_header();
+  decoder.get_header();
+  decoder.finalize();
+  const auto expectNothing = [&decoder] {
+    const auto not_enough = ThrowsMessage<std::length_error>("Not enough data read from network");
+    EXPECT_EQ(decoder.remaining(), 0U);
+    EXPECT_NO_THROW(decoder.check_length(0));
+    EXPECT_THAT([&] { decoder.check_length(1); }, not_enough);
+    EXPECT_THAT([&] { decoder.get_header(); }, not_enough);
+    EXPECT_THAT([&] { decoder.get_data<double>(1); }, not_enough);
+    EXPECT_THAT([&] { decoder.get_data<int>(1); }, not_enough);
+    EXPECT_THAT([&] { decoder.get_data<std::string>(1); }, not_enough);
+    EXPECT_THAT(decoder.get_data<double>(0), IsEmpty());
+    EXPECT_THAT(decoder.get_data<std::string>(0), IsEmpty());
+    EXPECT_THAT([&] { decoder.get_text(); }, not_enough);
+    EXPECT_FALSE(decoder.skip_header(Mess("READY")));
+    EXPECT_THROW(decoder.finalize(), std::length_error);
+  };
+  expectNothing();
+  WriteAsPeer(Mess("READY") + Mess("END") + Doub("VALUES", std::vector<double>(100)));
+  auto next = manager().createMessageDecoder();
+  expectNothing();
+  EXPECT_EQ(next.get_header().name, "READY");
+}
+
+TEST_F(MessageTest, EmptyMessageHoldsNothingAndRefusesNothing) {
+  WriteAsPeer("");
+  auto decoder = manager().createMessageDecoder();
+  EXPECT_THAT([&] { decoder.get_header(); },
+              ThrowsMessage<std::length_error>("Not enough data read from network"));
+  EXPECT_NO_THROW(manager().createMessageBuilder());
+}
+
   EXPECT_THAT(decoder.get_header_and_data<int>("I", 2), ElementsAre(-1, 65536));
   EXPECT_THAT(decoder.get_data<std::string>(decoder.get_header()),
               ElementsAre("V2", "", std::string("a\0c", 3)));

@@ -93,7 +93,7 @@ bool WellRows<T>::begin_row() {
 
 template <typename T>
 bool WellRows<T>::next(std::vector<T>& values) {
-  if (empty_ || !begin_row()) {
+  if (std::exchange(empty_, false) || !begin_row()) {
     client_.end_reply(reply_);
     return false;
   }

@@ -252,10 +252,11 @@ void MessageMgr::MessageDecoder::check_count(std::uint64_t count, std::uint64_t 
 template <typename T>
 void MessageMgr::MessageDecoder::append_numbers(std::uint64_t count, std::vector<T>& values) {
   check_count(count, sizeof(T));
+  if (count == 0) return;
   const std::string_view bytes = take_bytes(count * sizeof(T));
   const std::size_t end = values.size();
   values.resize(end + count);
-  if (count > 0) std::memcpy(values.data() + end, bytes.data(), bytes.size());
+  std::memcpy(values.data() + end, bytes.data(), bytes.size());
 }
 
 template <>
@@ -316,6 +317,7 @@ void MessageMgr::MessageDecoder::finalize() {
         "Received message is longer than expected (received: " + std::to_string(buffer_.size()) +
         " vs expected: " + std::to_string(position_) + ")");
   empty(buffer_);
+  position_ = finished;
 }
 
 }  // namespace vk_ec::detail

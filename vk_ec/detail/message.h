@@ -3,6 +3,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -147,8 +148,8 @@ class MessageMgr::MessageBuilder {
 };
 
 /// Walks a received message header by header. Every length is compared with what is left before
-/// anything is allocated for it; where the message is too short, `std::length_error` "Not enough
-/// data read from network".
+/// anything is allocated for it; where the message is too short, and when it is finished,
+/// `std::length_error` "Not enough data read from network".
 class MessageMgr::MessageDecoder {
  public:
   /// Keeps a reference to the message.
@@ -197,10 +198,12 @@ class MessageMgr::MessageDecoder {
   template <typename T>
   std::vector<T> get_header_and_data(std::string_view name, std::uint64_t count);
 
-  /// Bytes that have not been read yet.
-  std::uint64_t remaining() const { return buffer_.size() - position_; }
+  /// Bytes that have not been read yet; none when the message is finished.
+  std::uint64_t remaining() const {
+    return position_ < buffer_.size() ? buffer_.size() - position_ : 0;
+  }
 
-  /// Ends the message. `std::length_error` if bytes are left.
+  /// Finishes the message. `std::length_error` if bytes are left, or a second time.
   void finalize();
 
  private:
@@ -210,6 +213,9 @@ class MessageMgr::MessageDecoder {
   template <typename T>
   T take();
   std::string_view take_bytes(std::uint64_t size);
+  // Behind every message that the buffer may hold later.
+  static constexpr std::uint64_t finished = std::numeric_limits<std::uint64_t>::max();
+
   std::string_view take_text();
   static void check_type(const Header& header, HeaderType expected_type);
 

@@ -27,8 +27,9 @@ class WellRows {
   WellRows& operator=(const WellRows&) = delete;
 
   /// Goes to the next well and appends its values, one per item, to `values`. After the last one,
-  /// blocks until the simulator is ready again, and returns false. Throws as the client does for
-  /// an answer that is not the expected one.
+  /// blocks until the simulator is ready again, and returns false; no further call may follow, and
+  /// throws `std::length_error`. Throws as the client does for an answer that is not the expected
+  /// one.
   bool next(std::vector<T>& values);
 
   /// The items as the simulator has echoed them.
@@ -58,7 +59,7 @@ class WellRows {
   std::string values_header_;
   std::size_t size_of_rows_ = 0;
   std::size_t estimated_count_ = 0;
-  bool empty_ = false;  // the answer has no items and no rows
+  bool empty_ = false;  // the answer has neither items nor rows, which is still to be told
 };
 
 }  // namespace vk_ec::detail
