@@ -126,6 +126,14 @@ TEST_F(MessageTest, NameOf256BytesIsRefused) {
                   "Size of header name (256) exceeds the allowed limit (255)."));
 }
 
+TEST_F(MessageTest, MessageGoesOnAfterANameThatWasRefused) {
+  auto builder = manager().createMessageBuilder();
+  builder.add_MESS_header("SET", 0);
+  EXPECT_THROW(builder.add_data(std::string(256, 'n'), Strings{"lost"}), std::logic_error);
+  builder.add_MESS_header("END", 0).send();
+  EXPECT_EQ(ReadAsPeer(16 + 32), Framed(Mess("SET") + Mess("END")));
+}
+
 TEST_F(MessageTest, EmptyNameIsALengthOfZero) {
   manager().createMessageBuilder().add_MESS_header("", 0).send();
   EXPECT_EQ(ReadAsPeer(16 + 13), Bytes("0d 00 00 00 00 00 00 00  0d 00 00 00 00 00 00 00"
@@ -145,6 +153,38 @@ TEST_F(MessageTest, SecondBuilderIsRefusedWhileAMessageIsBeingBuilt) {
                                               "previous message is still on going."));
   builder.send();
   EXPECT_NO_THROW(manager().createMessageBuilder());
+}
+
+// A builder has no message of its own.
+TEST_F(MessageTest, BuildersMadeBeforeTheFirstHeaderAppendToOneMessage) {
+  auto first = manager().createMessageBuilder();
+  auto second = manager().createMessageBuilder();
+  first.add_MESS_header("QUERY", 0);
+  second.add_string("NAME", "ab");
+  auto copy = first;
+  copy.add_data("VALUES", std::vector<int>{1});
+  second.add_MESS_header("END", 0);
+  const std::string expected =
+      Mess("QUERY") + Cstr("NAME", {"ab"}) + Inte("VALUES", {1}) + Mess("END");
+  EXPECT_EQ(first.size(), expected.size());
+  first.send();
+  EXPECT_EQ(ReadAsPeer(16 + expected.size()), Framed(expected));
+  copy.add_MESS_header("READY", 0).send();
+  EXPECT_EQ(ReadAsPeer(16 + 18), Framed(Mess("READY")));
+}
+
+TEST_F(MessageTest, BuilderOfASentMessageLeavesAReceivedOneAlone) {
+  auto builder = manager().createMessageBuilder();
+  builder.add_MESS_header("QUERY", 0).send();
+  WriteAsPeer(Mess("REPLY") + Mess("END"));
+  auto decoder = manager().createMessageDecoder();
+  EXPECT_THROW(builder.add_MESS_header("SET", 0), std::logic_error);
+  EXPECT_THROW(builder.send(), std::logic_error);
+  EXPECT_THROW(builder.release(), std::logic_error);
+  EXPECT_EQ(decoder.get_header().name, "REPLY");
+  EXPECT_EQ(decoder.get_header().name, "END");
+  decoder.finalize();
+  builder.add_MESS_header("SET", 0).send();
 }
 
 TEST_F(MessageTest, ReceptionIsRefusedWhileAMessageIsBeingBuilt) {
@@ -191,6 +231,43 @@ TEST_F(MessageTest, FinalizedMessageMakesRoomForTheNext) {
   EXPECT_NO_THROW(manager().createMessageBuilder());
 }
 
+// Whatever is asked of it, and whatever the buffer holds by then.
+TEST_F(MessageTest, FinishedDecoderHasNothingMore) {
+  WriteAsPeer(Mess("READY") + Mess("END"));
+  auto decoder = manager().createMessageDecoder();
+  decoder.get_header();
+  decoder.get_header();
+  decoder.finalize();
+  const auto expectNothing = [&decoder] {
+    const auto not_enough = ThrowsMessage<std::length_error>("Not enough data read from network");
+    EXPECT_EQ(decoder.remaining(), 0U);
+    EXPECT_NO_THROW(decoder.check_length(0));
+    EXPECT_THAT([&] { decoder.check_length(1); }, not_enough);
+    EXPECT_THAT([&] { decoder.get_header(); }, not_enough);
+    EXPECT_THAT([&] { decoder.get_data<double>(1); }, not_enough);
+    EXPECT_THAT([&] { decoder.get_data<int>(1); }, not_enough);
+    EXPECT_THAT([&] { decoder.get_data<std::string>(1); }, not_enough);
+    EXPECT_THAT(decoder.get_data<double>(0), IsEmpty());
+    EXPECT_THAT(decoder.get_data<std::string>(0), IsEmpty());
+    EXPECT_THAT([&] { decoder.get_text(); }, not_enough);
+    EXPECT_FALSE(decoder.skip_header(Mess("READY")));
+    EXPECT_THROW(decoder.finalize(), std::length_error);
+  };
+  expectNothing();
+  WriteAsPeer(Mess("READY") + Mess("END") + Doub("VALUES", std::vector<double>(100)));
+  auto next = manager().createMessageDecoder();
+  expectNothing();
+  EXPECT_EQ(next.get_header().name, "READY");
+}
+
+TEST_F(MessageTest, EmptyMessageHoldsNothingAndRefusesNothing) {
+  WriteAsPeer("");
+  auto decoder = manager().createMessageDecoder();
+  EXPECT_THAT([&] { decoder.get_header(); },
+              ThrowsMessage<std::length_error>("Not enough data read from network"));
+  EXPECT_NO_THROW(manager().createMessageBuilder());
+}
+
 TEST_F(DecoderTest, FinalizeKeepsAUsualBufferAndGivesBackAHugeOne) {
   auto usual = Decode(Mess("END"));
   usual.get_header();
@@ -231,43 +308,6 @@ TEST_F(DecoderTest, EveryKindOfDataIsReadBack) {
   EXPECT_EQ(one.count, 0U);
   EXPECT_EQ(one.type, MessageMgr::MESS);
   EXPECT_THAT(decoder.get_header_and_data<double>("D"), ElementsAre(-0.5));
-// Whatever is asked of it, and whatever the buffer holds by then.
-TEST_F(MessageTest, FinishedDecoderHasNothingMore) {
-  WriteAsPeer(Mess("READY") + Mess("END"));
-  auto decoder = manager().createMessageDecoder();
-  decoder.get_header();
-  decoder.get_header();
-  decoder.finalize();
-  const auto expectNothing = [&decoder] {
-    const auto not_enough = ThrowsMessage<std::length_error>("Not enough data read from network");
-    EXPECT_EQ(decoder.remaining(), 0U);
-    EXPECT_NO_THROW(decoder.check_length(0));
-    EXPECT_THAT([&] { decoder.check_length(1); }, not_enough);
-    EXPECT_THAT([&] { decoder.get_header(); }, not_enough);
-    EXPECT_THAT([&] { decoder.get_data<double>(1); }, not_enough);
-    EXPECT_THAT([&] { decoder.get_data<int>(1); }, not_enough);
-    EXPECT_THAT([&] { decoder.get_data<std::string>(1); }, not_enough);
-    EXPECT_THAT(decoder.get_data<double>(0), IsEmpty());
-    EXPECT_THAT(decoder.get_data<std::string>(0), IsEmpty());
-    EXPECT_THAT([&] { decoder.get_text(); }, not_enough);
-    EXPECT_FALSE(decoder.skip_header(Mess("READY")));
-    EXPECT_THROW(decoder.finalize(), std::length_error);
-  };
-  expectNothing();
-  WriteAsPeer(Mess("READY") + Mess("END") + Doub("VALUES", std::vector<double>(100)));
-  auto next = manager().createMessageDecoder();
-  expectNothing();
-  EXPECT_EQ(next.get_header().name, "READY");
-}
-
-TEST_F(MessageTest, EmptyMessageHoldsNothingAndRefusesNothing) {
-  WriteAsPeer("");
-  auto decoder = manager().createMessageDecoder();
-  EXPECT_THAT([&] { decoder.get_header(); },
-              ThrowsMessage<std::length_error>("Not enough data read from network"));
-  EXPECT_NO_THROW(manager().createMessageBuilder());
-}
-
   EXPECT_THAT(decoder.get_header_and_data<int>("I", 2), ElementsAre(-1, 65536));
   EXPECT_THAT(decoder.get_data<std::string>(decoder.get_header()),
               ElementsAre("V2", "", std::string("a\0c", 3)));

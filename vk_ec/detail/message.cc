@@ -105,8 +105,10 @@ void MessageMgr::empty(Buffer& buffer) {
   if (buffer.capacity() > kept_capacity) buffer.shrink_to_fit();
 }
 
-MessageMgr::MessageBuilder::~MessageBuilder() {
-  if (size_ > 0) manager_.buffer_.resize(size_);
+// Nothing is built where a received message lies.
+MessageMgr::Buffer& MessageMgr::MessageBuilder::buffer() {
+  if (manager_.built_ == 0) manager_.check_empty();
+  return manager_.buffer_;
 }
 
 // resize() zeroes what it adds, which for every few bytes of a long message would take longer than
@@ -114,14 +116,15 @@ MessageMgr::MessageBuilder::~MessageBuilder() {
 // geometrically as well, so that a long message is not copied for every item.
 unsigned char* MessageMgr::MessageBuilder::grow(std::size_t size) {
   constexpr std::size_t most_ahead = 4096;
-  Buffer& buffer = manager_.buffer_;
-  if (buffer.size() - size_ < size) buffer.resize(size_ + size + std::min(size_, most_ahead));
-  return buffer.data() + std::exchange(size_, size_ + size);
+  Buffer& room = buffer();
+  std::size_t& built = manager_.built_;
+  if (room.size() - built < size) room.resize(built + size + std::min(built, most_ahead));
+  return room.data() + std::exchange(built, built + size);
 }
 
 // The message without the room behind it.
 MessageMgr::Buffer& MessageMgr::MessageBuilder::whole() {
-  manager_.buffer_.resize(size_);
+  buffer().resize(manager_.built_);
   return manager_.buffer_;
 }
 
@@ -158,6 +161,15 @@ MessageMgr::MessageBuilder& MessageMgr::MessageBuilder::add_data_impl(
   return *this;
 }
 
+template <>
+MessageMgr::MessageBuilder& MessageMgr::MessageBuilder::add_data_impl(
+    std::string_view name, const std::vector<std::string>& values) {
+  const std::size_t size = sizeof(std::uint64_t) * values.size() + get_total_size(values);
+  unsigned char* target = begin_item(name, values.size(), tCSTR, size);
+  for (const std::string& value : values) target = put_string(target, value);
+  return *this;
+}
+
 MessageMgr::MessageBuilder& MessageMgr::MessageBuilder::add_data(
     std::string_view name, const std::vector<double>& values) {
   return add_data_impl(name, values);
@@ -171,10 +183,7 @@ MessageMgr::MessageBuilder& MessageMgr::MessageBuilder::add_data(std::string_vie
 
 MessageMgr::MessageBuilder& MessageMgr::MessageBuilder::add_data(
     std::string_view name, const std::vector<std::string>& values) {
-  const std::size_t size = sizeof(std::uint64_t) * values.size() + get_total_size(values);
-  unsigned char* target = begin_item(name, values.size(), tCSTR, size);
-  for (const std::string& value : values) target = put_string(target, value);
-  return *this;
+  return add_data_impl(name, values);
 }
 
 MessageMgr::MessageBuilder& MessageMgr::MessageBuilder::add_string(std::string_view name,
@@ -190,15 +199,15 @@ std::uint64_t MessageMgr::MessageBuilder::get_total_size(const std::vector<std::
 }
 
 void MessageMgr::MessageBuilder::send() {
-  Buffer& buffer = whole();
-  manager_.transporter_.send(SendMessage(buffer.data(), buffer.size()));
-  size_ = 0;
-  empty(buffer);
+  Buffer& message = whole();
+  manager_.transporter_.send(SendMessage(message.data(), message.size()));
+  manager_.built_ = 0;
+  empty(message);
 }
 
 MessageMgr::Buffer MessageMgr::MessageBuilder::release() {
   Buffer message = std::exchange(whole(), {});
-  size_ = 0;
+  manager_.built_ = 0;
   return message;
 }
 

@@ -6,7 +6,6 @@
 #include <limits>
 #include <string>
 #include <string_view>
-#include <utility>
 #include <vector>
 
 #include "vk_ec/detail/transport.h"
@@ -76,7 +75,7 @@ class MessageMgr {
   MessageMgr& operator=(const MessageMgr&) = delete;
 
   /// Begins an out-going message. `std::logic_error` if another message is in progress. The
-  /// builder refers to this.
+  /// builder refers to this; all builders of this append to the same message.
   MessageBuilder createMessageBuilder();
 
   /// Sends a message that a builder has released. It stays the caller's, to be sent again, but for
@@ -98,19 +97,17 @@ class MessageMgr {
 
   Transporter& transporter_;
   Buffer buffer_;
+  std::size_t built_ = 0;  // of the message being built; the buffer has room behind it
 };
 
-/// Appends to an out-going message. Nothing travels before `send`.
+/// Appends to an out-going message. Nothing travels before `send`; a message that is not sent stays
+/// in progress. Everything throws `std::logic_error` while a message that was received is in
+/// progress.
 class MessageMgr::MessageBuilder {
  public:
   explicit MessageBuilder(MessageMgr& manager) : manager_(manager) {}
-  MessageBuilder(MessageBuilder&& other) noexcept
-      : manager_(other.manager_), size_(std::exchange(other.size_, 0)) {}
-  MessageBuilder& operator=(MessageBuilder&&) = delete;
-  /// A message that was not sent stays in progress.
-  ~MessageBuilder();
 
-  /// `std::logic_error` for a name of 256 bytes or more; the message cannot be continued then.
+  /// `std::logic_error` for a name of 256 bytes or more, which leaves the message as it was.
   MessageBuilder& add_header(std::string_view name, std::uint64_t count, const ztyp& tag);
   MessageBuilder& add_MESS_header(std::string_view name, std::uint64_t count);
 
@@ -133,7 +130,7 @@ class MessageMgr::MessageBuilder {
   Buffer release();
 
   /// Bytes so far.
-  std::size_t size() const { return size_; }
+  std::size_t size() const { return manager_.built_; }
 
  private:
   template <typename T>
@@ -142,9 +139,9 @@ class MessageMgr::MessageBuilder {
                             std::size_t data_size);
   unsigned char* grow(std::size_t size);
   Buffer& whole();
+  Buffer& buffer();
 
   MessageMgr& manager_;
-  std::size_t size_ = 0;  // the manager's buffer has room behind it
 };
 
 /// Walks a received message header by header. Every length is compared with what is left before
@@ -213,11 +210,11 @@ class MessageMgr::MessageDecoder {
   template <typename T>
   T take();
   std::string_view take_bytes(std::uint64_t size);
-  // Behind every message that the buffer may hold later.
-  static constexpr std::uint64_t finished = std::numeric_limits<std::uint64_t>::max();
-
   std::string_view take_text();
   static void check_type(const Header& header, HeaderType expected_type);
+
+  // Behind every message that the buffer may hold later.
+  static constexpr std::uint64_t finished = std::numeric_limits<std::uint64_t>::max();
 
   std::vector<unsigned char>& buffer_;
   std::uint64_t position_ = 0;
