@@ -149,6 +149,10 @@ class Client {
 
   // `kind` is the word by which the simulator knows the query.
   template <typename T>
+  WellQueryResults<T> get_properties_for_wells_impl(const std::vector<std::string>& wells,
+                                                    const std::vector<std::string>& items,
+                                                    const std::string& kind);
+  template <typename T>
   ReservoirQueryResults<T> get_reservoir_properties_impl(const std::vector<std::string>& items,
                                                          const std::string& kind);
   void send_QWELLS_query(const std::vector<std::string>& wells,
@@ -162,11 +166,11 @@ class Client {
 };
 
 template <>
-WellRows<double> Client::query_wells<double>(const std::vector<std::string>& wells,
-                                             const std::vector<std::string>& items);
+WellQueryResults<double> Client::get_properties_for_wells<double>(
+    const std::vector<std::string>& wells, const std::vector<std::string>& items);
 template <>
-WellRows<std::string> Client::query_wells<std::string>(const std::vector<std::string>& wells,
-                                                       const std::vector<std::string>& items);
+WellQueryResults<std::string> Client::get_properties_for_wells<std::string>(
+    const std::vector<std::string>& wells, const std::vector<std::string>& items);
 template <>
 ReservoirQueryResults<int> Client::get_reservoir_properties<int>(
     const std::vector<std::string>& items);

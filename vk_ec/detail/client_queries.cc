@@ -1,7 +1,6 @@
 #include <cstddef>
-#include <iterator>
-#include <span>
 #include <string_view>
+#include <type_traits>
 #include <utility>
 
 #include "vk_ec/detail/client.h"
@@ -13,6 +12,9 @@ using Strings = std::vector<std::string>;
 using Header = MessageMgr::Header;
 
 constexpr std::string_view kEnd = "END";
+
+constexpr const char* kNumbersOfWells = "QWELLS";
+constexpr const char* kTextsOfWells = "QWELLS_STR";
 
 bool is_end(const Header& header) {
   return header.name == kEnd && header.count == 0 && header.type == MessageMgr::MESS;
@@ -110,17 +112,14 @@ bool WellRows<T>::next(std::vector<T>& values) {
 template class WellRows<double>;
 template class WellRows<std::string>;
 
-template <>
-WellRows<double> Client::query_wells<double>(const Strings& wells, const Strings& items) {
-  send_QWELLS_query(wells, items, "QWELLS");
-  return WellRows<double>(*this);
+template <typename T>
+WellRows<T> Client::query_wells(const Strings& wells, const Strings& items) {
+  send_QWELLS_query(wells, items, std::is_same_v<T, double> ? kNumbersOfWells : kTextsOfWells);
+  return WellRows<T>(*this);
 }
 
-template <>
-WellRows<std::string> Client::query_wells<std::string>(const Strings& wells, const Strings& items) {
-  send_QWELLS_query(wells, items, "QWELLS_STR");
-  return WellRows<std::string>(*this);
-}
+template WellRows<double> Client::query_wells(const Strings& wells, const Strings& items);
+template WellRows<std::string> Client::query_wells(const Strings& wells, const Strings& items);
 
 template <typename T>
 WellTable<T> Client::get_well_table(const Strings& wells, const Strings& items) {
@@ -141,24 +140,35 @@ template WellTable<double> Client::get_well_table(const Strings& wells, const St
 template WellTable<std::string> Client::get_well_table(const Strings& wells, const Strings& items);
 
 template <typename T>
-WellQueryResults<T> Client::get_properties_for_wells(const Strings& wells, const Strings& items) {
-  WellTable<T> table = get_well_table<T>(wells, items);
+WellQueryResults<T> Client::get_properties_for_wells_impl(const Strings& wells,
+                                                          const Strings& items,
+                                                          const std::string& kind) {
+  send_QWELLS_query(wells, items, kind);
   WellQueryResults<T> results;
-  results.values.reserve(table.wells.size());
-  for (std::size_t i = 0; i < table.wells.size(); ++i) {
-    const std::span<T> row = table.row(i);
-    results.values.emplace_back(std::make_move_iterator(row.begin()),
-                                std::make_move_iterator(row.end()));
+  WellRows<T> rows(*this);
+  for (std::vector<T> row; rows.next(row); row.clear()) {
+    if (results.wells.empty()) {
+      results.wells.reserve(rows.estimated_count());
+      results.values.reserve(rows.estimated_count());
+    }
+    results.wells.push_back(std::move(rows.well()));
+    results.values.push_back(std::move(row));
   }
-  results.wells = std::move(table.wells);
-  results.items = std::move(table.items);
+  results.items = rows.release_items();
   return results;
 }
 
-template WellQueryResults<double> Client::get_properties_for_wells(const Strings& wells,
-                                                                   const Strings& items);
-template WellQueryResults<std::string> Client::get_properties_for_wells(const Strings& wells,
-                                                                        const Strings& items);
+template <>
+WellQueryResults<double> Client::get_properties_for_wells<double>(const Strings& wells,
+                                                                  const Strings& items) {
+  return get_properties_for_wells_impl<double>(wells, items, kNumbersOfWells);
+}
+
+template <>
+WellQueryResults<std::string> Client::get_properties_for_wells<std::string>(const Strings& wells,
+                                                                            const Strings& items) {
+  return get_properties_for_wells_impl<std::string>(wells, items, kTextsOfWells);
+}
 
 template <typename T>
 ReservoirQueryResults<T> Client::get_reservoir_properties_impl(const Strings& items,

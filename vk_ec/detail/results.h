@@ -29,9 +29,6 @@ struct WellTable {
   std::span<const T> row(std::size_t well) const {
     return std::span(values).subspan(well * items.size(), items.size());
   }
-  std::span<T> row(std::size_t well) {
-    return std::span(values).subspan(well * items.size(), items.size());
-  }
 };
 
 /// Properties of the whole run, `int` or `std::string`.
