@@ -440,6 +440,18 @@ TYPED_TEST(ClientQueriesTest, PressureTypesThatAreNotAsManyAsTheWellsFailBeforeS
   this->ExpectUsable();
 }
 
+// The simulator reads the number as it travels, in 32 bits.
+TYPED_TEST(ClientQueriesTest, MorePointsThanAPositiveNumberHasTravelAsTheyAre) {
+  this->AnswerWith("");
+  this->client_.get_ipr_data_for_wells({"P1"}, {"BHP"}, 0x80000001, 1);
+  EXPECT_EQ(this->OnlyRequest(),
+            Mess("QUERY") + Mess("QIPRDATA") + Cstr("WELNAMES", {"P1"}) +
+                Cstr("PRESSURETYPES", {"BHP"}) +
+                Bytes("07 'NPOINTS'  01 00 00 00 00 00 00 00  'INTE'  01 00 00 80") +
+                Doub("SKEWNESS", {1}) + Mess("END"));
+  this->ExpectUsable();
+}
+
 TYPED_TEST(ClientQueriesTest, NoPointsOrNoWellsSendNothing) {
   for (const auto& results : {this->client_.get_ipr_data_for_wells({"P1"}, {"BHP"}, 0, 1),
                               this->client_.get_ipr_data_for_wells({}, {}, 10, 1)}) {

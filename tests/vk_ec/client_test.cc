@@ -96,6 +96,33 @@ TYPED_TEST(ClientTest, ConnectAfterARefusalBeginsAnew) {
   EXPECT_EQ(client.position_info().position, AlgPos::MODEL_DEFINITION);
 }
 
+// What is left of the answer stands in the way of every message, over whatever connection.
+TYPED_TEST(ClientTest, ConnectAfterASetUpThatCouldNotBeReadConnectsAndSaysNothing) {
+  ScriptedSimulator strange(ScriptedSimulator::Link::kLoopback);
+  strange.AnswerNext({Mess("STARTED") + Inte("ERRORS", {0}) + Mess("END")});
+  TypeParam client;
+  EXPECT_THAT([&] { client.connect("127.0.0.1", strange.Port(), 5); },
+              ThrowsMessage<std::length_error>(
+                  "Incorrect header (received: ERRORS-1-INTE vs expected: ERRORS-1-CSTR)"));
+  EXPECT_EQ(client.position_info().position, AlgPos::UNCONNECTED);
+  for (int again = 0; again < 2; ++again) {
+    ScriptedSimulator usual(ScriptedSimulator::Link::kLoopback);
+    usual.AnswerNext({kStarted, kModelDefinition});
+    EXPECT_THAT([&] { client.connect("127.0.0.1", usual.Port(), 5); },
+                ThrowsMessage<std::logic_error>("Cannot create a new out-going message as the "
+                                                "previous message is still on going."));
+    EXPECT_EQ(client.position_info().position, AlgPos::UNCONNECTED);
+    EXPECT_THAT(usual.Requests(), ElementsAre());
+  }
+}
+
+TYPED_TEST(ClientTest, EmptyMessageIsTooShortForAnAnswerAndRefusesNothing) {
+  this->simulator_.AnswerNext({""});
+  EXPECT_THAT([&] { this->client_.do_continue(); },
+              ThrowsMessage<std::length_error>("Not enough data read from network"));
+  this->ExpectUsable();
+}
+
 TYPED_TEST(ClientTest, SetUpAnswerOfAnotherKindIsRefused) {
   this->simulator_.AnswerNext({Mess("READY") + Mess("END")});
   EXPECT_THAT([&] { this->client_.set_up(); },

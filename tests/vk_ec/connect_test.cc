@@ -302,6 +302,33 @@ TEST(ConnectTest, ListenerThatAppearsLateIsFoundAtTheNextAttempt) {
   EXPECT_THAT(elapsed, AllOf(Ge(Seconds(0.95)), Lt(Seconds(1.45))));
 }
 
+TEST(ConnectTest, ListenerThatAppearsLateIsFoundAmongSeveralAddresses) {
+  const auto outcome = InPrivateNetwork([] {
+    Hosts("127.0.0.2 cluster\n127.0.0.3 cluster\n127.0.0.4 cluster\n");
+    const TakenPort first("127.0.0.2");
+    const TakenPort simulator("127.0.0.3", first.port());
+    const TakenPort later("127.0.0.4", first.port());
+    std::thread late([&] {
+      std::this_thread::sleep_for(std::chrono::milliseconds(700));
+      simulator.Listen();
+      later.Listen();
+    });
+    ClientTransporter transporter;
+    const Seconds elapsed = Elapsed([&] { transporter.connect("cluster", simulator.port(), 10); });
+    late.join();
+    // Of the two that listen it is the one that comes first.
+    const unsigned char byte = 'x';
+    transporter.send(SendMessage(&byte, 1));
+    const int accepted = simulator.Accept();
+    const bool arrived = wire::Read(accepted, 17) == wire::Framed("x");
+    close(accepted);
+    return std::to_string(elapsed.count()) + (arrived ? "" : " to another address");
+  });
+  if (!outcome) GTEST_SKIP() << "a network of its own is not permitted here";
+  EXPECT_THAT(std::stod(*outcome), AllOf(Ge(0.95), Lt(1.45))) << *outcome;
+  EXPECT_THAT(*outcome, ::testing::Not(::testing::HasSubstr("another")));
+}
+
 TEST(ConnectTest, AttemptThatIsNeverAnsweredIsGivenUpInTime) {
   TakenPort simulator;
   simulator.Swallow();
