@@ -18,8 +18,10 @@ namespace {
 
 // Serves the master's requests until the run ends. The outcome stands in the comms log.
 void ControlRun(const CManagerInformation& info, const RunRequest& run, const std::string& host) {
-  const std::string name = info.commsLog ? run.path + run.root + ".crvnlog" : std::string();
-  flog log(name, true);
+  const std::string name = run.path + run.root + ".crvnlog";
+  // The system ends a name at a zero byte: any file of the account would be replaced by the log.
+  const bool wanted = info.commsLog && name.find('\0') == std::string::npos;
+  flog log(wanted ? name : std::string(), true);
   const auto version = static_cast<int>(strtol(run.version.c_str(), nullptr, 10));
   ConnectorSocketWrapper controller(version, host, info.master, info.commsPort, info.startTimeout,
                                     log);

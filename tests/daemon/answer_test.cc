@@ -37,6 +37,7 @@
 namespace {
 
 using std::chrono::seconds;
+using std::string_literals::operator""s;
 using testing::HasSubstr;
 using testing::Not;
 
@@ -550,6 +551,30 @@ TEST_F(LaunchByAnswerTest, ShutdownEndsTheRunNaturally) {
   EXPECT_EQ(directory_.Read("runCASE.crvnlog"),
             "Received header: 65520\nShutting down\n"
             "Process loop has exited naturally, going to sleep again ... \n");
+}
+
+TEST_F(LaunchByAnswerTest, NameWithAZeroByteHasNoCommsLog) {
+  commsLog_ = true;
+  const std::string victim = directory_.Write("victim", "precious");
+  const std::string directory = path_;
+  for (const auto& [path, cluster, root] :
+       {std::array{directory, "0"s, "victim\0"s}, std::array{victim + "\0/"s, "0"s, "CASE"s},
+        std::array{directory, "1\0"s, "victim"s}, std::array{directory, "0"s, "\0CASE"s}}) {
+    SCOPED_TRACE(Hex(path + root));
+    directory_.Write("victim_1", "precious");
+    pair_ = SocketPair();
+    path_ = path;
+    root_ = root;
+    cluster_ = cluster;
+    EXPECT_THAT(Outcome(), HasSubstr("OK|"));
+    Send(Bytes("f0 ff 00 00"));
+    EXPECT_EQ(Hex(Receive()), "f0 ff 00 00 00 00 00 00");
+    EXPECT_EQ(Status(), 0);
+    EXPECT_EQ(directory_.Read("victim"), "precious");
+    EXPECT_EQ(directory_.Read("victim_1"), "precious");
+    EXPECT_THAT(Logged(), Not(HasSubstr("Process loop")));
+    EXPECT_THAT(directory_.Read("output"), Not(HasSubstr("Process loop")));
+  }
 }
 
 TEST_F(LaunchByAnswerTest, FailedRequestEndsTheRunWithItsReasonInTheCommsLog) {
