@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "daemon/handshake.h"
+#include "daemon/input_copy.h"
 #include "daemon/manager_information.h"
 #include "log/flog.h"
 
@@ -29,28 +30,9 @@ int Number(const std::string& text) {
   return static_cast<int>(strtol(text.c_str(), nullptr, 10));
 }
 
-// The shell takes such a name as one word as it stands.
-bool IsPlain(const std::string& name) {
-  constexpr std::string_view plain =
-      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_./+,:=@-~";
-  return name.find_first_not_of(plain) == std::string::npos;
-}
-
-std::string ShellWord(const std::string& name) {
-  if (IsPlain(name)) return name;
-  std::string quoted = "'";
-  for (const char c : name) {
-    if (c == '\'') {
-      quoted += R"('\'')";
-    } else {
-      quoted += c;
-    }
-  }
-  return quoted + "'";
-}
-
-// A simulator may outlive its script. With a descriptor of ours it would hold the master's
-// connection, and the master would never learn that its controller has died.
+// For what this process executes. A simulator may outlive its script: with a descriptor of ours it
+// would hold the master's connection, and the master would never learn that its controller has
+// died.
 void CloseOthersOnExec() {
   constexpr int first = STDERR_FILENO + 1;
   if (syscall(SYS_close_range, first, ~0U, CLOSE_RANGE_CLOEXEC) == 0) return;
@@ -110,25 +92,18 @@ bool IsMissing(std::string_view host) {
 
 }  // namespace
 
-bool IsClusterRun(const RunRequest& run) {
-  return strtol(run.cluster.c_str(), nullptr, 10) > 0;
-}
-
-std::string CopyCommand(const std::string& source, const std::string& target) {
-  return "cp " + ShellWord(source) + " " + ShellWord(target);
-}
-
 void PrepareClusterRun(RunRequest& run, flog& log) {
-  if (!IsClusterRun(run)) return;
+  if (strtol(run.cluster.c_str(), nullptr, 10) <= 0) return;
   log << "Dealing with cluster run now ...\n";
   const std::string extended = run.root + "_" + run.cluster;
   const std::string source = run.path + "/" + run.root + ".afi";
   const std::string target = run.path + "/" + extended + ".afi";
   log << "Copying " << source << " to " << target << "\n";
-  // Only system() itself is judged. A model may have no input file to copy; the simulator says so
+  CloseOthersOnExec();
+  // What cp says is not judged. A model may have no input file to copy; the simulator says so
   // better than cp does.
-  const int result = system(CopyCommand(source, target).c_str());  // NOLINT(cert-env33-c)
-  log << (result < 0 ? "Copy failed - run will probably fail\n" : "Copy succeeded\n");
+  log << (CopyInput(source, target) ? "Copy succeeded\n"
+                                    : "Copy failed - run will probably fail\n");
   run.root = extended;
 }
 

@@ -7,15 +7,9 @@ class CManagerInformation;
 class flog;
 struct RunRequest;
 
-/// Whether the master asked for one run of a cluster study.
-bool IsClusterRun(const RunRequest& run);
-
-/// The shell command that copies `source` to `target`: "cp SOURCE TARGET", with those names quoted
-/// that a shell would take apart.
-std::string CopyCommand(const std::string& source, const std::string& target);
-
 /// Gives a cluster run its own copy of the input file and extends the run's root name by the
-/// cluster number. Does nothing for other runs. Goes on when the copy fails.
+/// cluster number. Does nothing for other runs. Goes on when the copy fails. From here on what this
+/// process executes gets none of its descriptors but the standard ones.
 void PrepareClusterRun(RunRequest& run, flog& log);
 
 /// Starts the distribution script in a process of its own, with its standard output on a pipe that

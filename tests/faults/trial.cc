@@ -440,7 +440,8 @@ bool Trial::MustBeServed() const {
     return !IsOneOf(point_.call, {SYS_accept4, SYS_clone, SYS_clone3, SYS_socket, SYS_bind,
                                   SYS_listen, SYS_rt_sigaction, SYS_brk, SYS_mmap, SYS_mremap});
   }
-  return IsOneOf(point_.call, {SYS_write, SYS_close, SYS_fchmod, SYS_setgid});
+  return IsOneOf(point_.call, {SYS_write, SYS_close, SYS_fchmod, SYS_setgid, SYS_renameat,
+                               SYS_getrandom, SYS_close_range});
 }
 
 Result Trial::Undisturbed() const {
@@ -725,7 +726,7 @@ void Trial::JudgeDaemonEnd(int status) {
 
 bool Trial::IsExpectedFile(const fs::path& file) const {
   const std::string name = file.filename().string();
-  return file == LogFile() || name.ends_with(".crvnlog");
+  return file == LogFile() || name.ends_with(".crvnlog") || name == "CASE_1.afi";
 }
 
 void Trial::JudgeFiles() {

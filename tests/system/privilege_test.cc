@@ -32,6 +32,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using std::chrono::seconds;
+using std::string_literals::operator""s;
 using testing::HasSubstr;
 using testing::Not;
 
@@ -108,9 +109,10 @@ class PrivilegeTest : public testing::Test {
   }
 
   // What the next master gets, which then stays.
-  std::string Outcome(const std::string& user = "alice", const std::string& cluster = "0") {
+  std::string Outcome(const std::string& user = "alice", const std::string& cluster = "0",
+                      const std::string& root = "CASE") {
     master_ = std::make_unique<TestMaster>(daemon_->port());
-    master_->RequestRun({cluster, data_.path().string() + "/", "CASE", "1", "20172", user});
+    master_->RequestRun({cluster, data_.path().string() + "/", root, "1", "20172", user});
     return master_->Receive();
   }
 
@@ -210,6 +212,40 @@ TEST_F(PrivilegeTest, WhatTheRunWritesBelongsToTheAccountAndTheDaemonsLogToRoot)
   EXPECT_EQ(data_.Read("CASE_3.afi"), "deck");
   EXPECT_EQ(Ownership(data_.File("ids")), "61234:61235 644");
   EXPECT_EQ(Ownership(daemon_->LogFile()), "0:0 666");
+}
+
+// The data directory is a stranger's, and she names somebody else as the user.
+TEST_F(PrivilegeTest, CopyNeitherReadsNorWritesThroughWhatAStrangerHasPlanted) {
+  const TemporaryDirectory victims;
+  fs::permissions(victims.path(), fs::perms(0755));
+  for (const char* name : {"read", "written"}) {
+    ASSERT_EQ(chown(victims.Write(name, "precious").c_str(), 61234, 61235), 0);
+    fs::permissions(victims.File(name), fs::perms(0600));
+  }
+  ASSERT_EQ(chown(data_.path().c_str(), 61236, 61237), 0);
+  const auto plant = [&](const std::string& name, const std::string& target) {
+    fs::create_symlink(target, data_.File(name));
+    ASSERT_EQ(lchown(data_.File(name).c_str(), 61236, 61237), 0);
+  };
+  plant("LEAK.afi", victims.File("read"));
+  data_.Write("CASE.afi", "deck");
+  plant("CASE_3.afi", victims.File("written"));
+  ASSERT_EQ(mkfifo(data_.File("HOLD.afi").c_str(), 0666), 0);
+  fs::create_directory(data_.path() / "CASE_1");
+  options_.script = "#!/bin/sh\necho HOST=node17\n";
+  Start();
+  const std::string elsewhere = "1/../../" + victims.path().filename().string() + "/written";
+  for (const auto& [root, cluster] :
+       {std::pair("LEAK"s, "3"s), {"CASE", "3"}, {"HOLD", "3"}, {"CASE", elsewhere + "\0"s}}) {
+    SCOPED_TRACE(root + " " + cluster);
+    ASSERT_EQ(Outcome("alice", cluster, root), kHost);
+    EXPECT_EQ(master_->Ask(kShutdown), kShutDown);
+  }
+  EXPECT_EQ(Ownership(data_.File("LEAK_3.afi")), "absent");
+  EXPECT_EQ(Ownership(data_.File("CASE_3.afi")), "61234:61235 644");
+  EXPECT_EQ(Ownership(data_.File("HOLD_3.afi")), "absent");
+  EXPECT_EQ(victims.Read("written"), "precious");
+  EXPECT_TRUE(Eventually([this] { return ChildrenOf(daemon_->pid()).empty(); }));
 }
 
 TEST_F(PrivilegeTest, LogDirectoryThatTheAccountCannotEnterStillTakesTheRunsLines) {

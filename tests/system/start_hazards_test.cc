@@ -223,6 +223,7 @@ TEST_F(RefusingKernelTest, FailedPipeEndsTheConnectionWithoutAWord) {
 TEST_F(RefusingKernelTest, FailedSystemIsLoggedAsAFailedCopyAndTheRunGoesOn) {
   // The shell's end cannot be waited for; that is a failure of system() itself.
   const RunningDaemon daemon(WithRefused({{SYS_wait4, ECHILD}}));
+  daemon.directory().Write("CASE.afi", "deck");
   EXPECT_EQ(
       ServeRun(daemon, {"3", daemon.directory().path().string(), "CASE", "1", "20172", "a", "0"}),
       std::string("OK|port-9001 ") + kShutDown);
