@@ -81,6 +81,8 @@ void ExecuteScript(const std::vector<char*>& vector, int output, flog& log) {
   if (dup2(output, STDOUT_FILENO) < 0) return;
   ResetSignals();
   CloseOthersOnExec();
+  // Without the daemon's terminal, at which the script could type in root's name.
+  setsid();
   execv(vector[0], vector.data());
   log << "Error from execv: " << errno << "\n";
 }

@@ -1,6 +1,7 @@
 #include "daemon/answer.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <grp.h>
 #include <linux/securebits.h>
 #include <sched.h>
@@ -9,6 +10,7 @@
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
@@ -17,6 +19,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -524,6 +527,36 @@ TEST_F(LaunchByAnswerTest, ScriptHasThreeDescriptorsOnAKernelThatCannotCloseARan
   const std::string descriptors = directory_.Read("descriptors");
   EXPECT_THAT(descriptors, testing::StartsWith("0\n1\n"));
   EXPECT_THAT(descriptors, Not(HasSubstr("7\n")));
+}
+
+// A process that can open the terminal can type at it in root's name.
+TEST_F(LaunchByAnswerTest, ScriptHasASessionOfItsOwnWithoutTheDaemonsTerminal) {
+  Script(
+      "#!/bin/sh\ncut -d' ' -f1,5,6,7 /proc/$$/stat >session\n"
+      "(: </dev/tty) 2>/dev/null && echo terminal >>session\necho HOST=node17\n");
+  prepareChild_ = [] {
+    const pid_t daemon = fork();  // what leads a group cannot begin a session
+    if (daemon > 0) {
+      syscall(SYS_close_range, 3, ~0U, 0);  // the master's end, above all
+      int status = 0;
+      waitpid(daemon, &status, 0);
+      _exit(WEXITSTATUS(status));
+    }
+    const int terminal = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+    return setsid() > 0 && grantpt(terminal) == 0 && unlockpt(terminal) == 0 &&
+           open(ptsname(terminal), O_RDWR | O_CLOEXEC) >= 0 &&
+           open("/dev/tty", O_RDWR | O_CLOEXEC) >= 0;
+  };
+  const std::string outcome = Outcome();
+  if (Status() == 125) GTEST_SKIP() << "no terminal on this machine";
+  EXPECT_EQ(outcome, "OK|node17\0"s);
+  std::istringstream session(directory_.Read("session"));
+  std::array<int, 3> ids{};
+  std::string rest;
+  session >> ids[0] >> ids[1] >> ids[2];
+  std::getline(session, rest, '\0');
+  EXPECT_THAT(ids, testing::Each(ids[0]));
+  EXPECT_EQ(rest, " 0\n");  // no terminal, nor one to be opened
 }
 
 TEST_F(LaunchByAnswerTest, MasterSeesTheEndOfTheControllerAlthoughTheScriptLivesOn) {

@@ -89,6 +89,7 @@ const std::vector<SystemCall>& Calls() {
       {SYS_set_robust_list, "set_robust_list", {EINVAL}},
       {SYS_set_tid_address, "set_tid_address", {}},
       {SYS_setgid, "setgid", {EPERM, EINVAL}},
+      {SYS_setsid, "setsid", {EPERM}},
       {SYS_setsockopt, "setsockopt", {EINVAL, ENOBUFS, ENOMEM}},
       {SYS_setuid, "setuid", {EPERM, EAGAIN, EINVAL}},
       {SYS_socket, "socket", {EMFILE, ENFILE, ENOBUFS, ENOMEM, EACCES, EAFNOSUPPORT}},

@@ -24,6 +24,27 @@ void Redirect(const std::string& file, int flags, int target) {
   if (opened != target) close(opened);
 }
 
+// In the environment of whatever a child, or what it starts, executes.
+constexpr const char* kMark = "JOBMILL_TEST_CHILD";
+
+std::string MarkOf(pid_t parent, pid_t child) {
+  return std::to_string(parent) + "." + std::to_string(child);
+}
+
+std::vector<pid_t> ProcessesMarked(const std::string& mark) {
+  const std::string wanted = std::string(kMark) + "=" + mark;
+  std::vector<pid_t> marked;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+    const std::string number = entry.path().filename().string();
+    if (number.find_first_not_of("0123456789") != std::string::npos) continue;
+    std::ifstream file(entry.path() / "environ", std::ios::binary);
+    for (std::string variable; std::getline(file, variable, '\0');) {
+      if (variable == wanted) marked.push_back(std::stoi(number));
+    }
+  }
+  return marked;
+}
+
 [[noreturn]] void RunChild(const std::vector<std::string>& arguments,
                            const ChildProcess::Options& options) {
   setpgid(0, 0);
@@ -35,6 +56,7 @@ void Redirect(const std::string& file, int flags, int target) {
     const std::size_t equals = variable.find('=');
     setenv(variable.substr(0, equals).c_str(), variable.substr(equals + 1).c_str(), 1);
   }
+  setenv(kMark, MarkOf(getppid(), getpid()).c_str(), 1);
   if (options.inChild) {
     const int status = options.inChild();
     if (arguments.empty()) exit(status);
@@ -65,6 +87,13 @@ ChildProcess::~ChildProcess() {
   if (!Wait(std::chrono::seconds(2))) kill(-pid_, SIGKILL);
   Wait(std::chrono::seconds(10));
   kill(-pid_, SIGKILL);  // what the process left behind in its group
+  // And elsewhere. One of them may be starting another at this moment.
+  const std::string mark = MarkOf(getpid(), pid_);
+  Eventually([&mark] {
+    const std::vector<pid_t> left = ProcessesMarked(mark);
+    for (const pid_t pid : left) kill(pid, SIGKILL);
+    return left.empty();
+  });
 }
 
 std::optional<int> ChildProcess::Wait(std::chrono::milliseconds limit) {

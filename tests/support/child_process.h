@@ -9,7 +9,8 @@
 #include <vector>
 
 /// A process that the test started, with its standard output and standard error in a file. It has
-/// a process group of its own; the destructor ends the whole group, by its number.
+/// a process group of its own; the destructor ends the whole group, by its number, and what it has
+/// executed in other ones, by a variable of its environment.
 class ChildProcess {
  public:
   struct Options {
