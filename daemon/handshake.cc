@@ -1,10 +1,11 @@
 #include "daemon/handshake.h"
 
 #include <errno.h>
-#include <grp.h>
+#include <linux/keyctl.h>
 #include <pwd.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <array>
@@ -101,11 +102,18 @@ bool CanGoBack(uid_t user) {
   return back;
 }
 
+// Leaves the session keyring of whoever started the daemon: its keys would be the run's to use. A
+// kernel without keyrings has no keys.
+void JoinOwnKeyring() {
+  syscall(SYS_keyctl, KEYCTL_JOIN_SESSION_KEYRING, nullptr);
+}
+
 // Group before user: once the user id has changed, the group id no longer can. The supplementary
 // groups stay those of the daemon, which sites rely on.
 void SwitchAccount(const std::string& account, flog& log) {
   const passwd* entry = getpwnam(account.c_str());
   if (entry == nullptr) Refuse(log, Quoted("Failed to get password entry for", account));
+  JoinOwnKeyring();
   if (setgid(entry->pw_gid) != 0) {
     log << (errno == EPERM ? "Failed to set the group ID - 1\n"
                            : "Failed to set the group ID - 2\n");

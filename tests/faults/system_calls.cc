@@ -51,6 +51,7 @@ const std::vector<SystemCall>& Calls() {
       {SYS_gettid, "gettid", {}},
       {SYS_getuid, "getuid", {}},
       {SYS_ioctl, "ioctl", {EINVAL, ENOTTY}},
+      {SYS_keyctl, "keyctl", {ENOSYS, EPERM, EDQUOT, ENOMEM}},
       {SYS_listen, "listen", {EADDRINUSE, EOPNOTSUPP}},
       {SYS_lseek, "lseek", {ESPIPE}},
       {SYS_mmap, "mmap", {ENOMEM, EAGAIN}},

@@ -441,7 +441,7 @@ bool Trial::MustBeServed() const {
                                   SYS_listen, SYS_rt_sigaction, SYS_brk, SYS_mmap, SYS_mremap});
   }
   return IsOneOf(point_.call, {SYS_write, SYS_close, SYS_fchmod, SYS_setgid, SYS_renameat,
-                               SYS_getrandom, SYS_close_range});
+                               SYS_getrandom, SYS_close_range, SYS_keyctl});
 }
 
 Result Trial::Undisturbed() const {

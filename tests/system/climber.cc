@@ -1,9 +1,11 @@
-// A distribution script that tries to get root's rights back. Prints what became of each attempt,
-// then a host.
+// A distribution script that tries to get root's rights back, and a key of root's session. Prints
+// what became of each attempt, then a host.
 
 #include <fcntl.h>
 #include <grp.h>
+#include <linux/keyctl.h>
 #include <stdio.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace {
@@ -15,6 +17,11 @@ void Report(const char* attempt, long result) {
 }  // namespace
 
 int main() {
+  Report("key",
+         syscall(SYS_keyctl, KEYCTL_SEARCH, KEY_SPEC_SESSION_KEYRING, "user", "jobmill-test", 0));
+  // A session keyring that can be used is there all the same.
+  Report("own key",
+         syscall(SYS_add_key, "user", "jobmill-own", "x", 1UL, KEY_SPEC_SESSION_KEYRING));
   Report("setuid", setuid(0));
   Report("seteuid", seteuid(0));
   Report("setreuid", setreuid(0, 0));

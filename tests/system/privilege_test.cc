@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <grp.h>
 #include <linux/capability.h>
+#include <linux/keyctl.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/mount.h>
@@ -187,19 +188,49 @@ TEST_F(PrivilegeTest, ControllerCannotBecomeRootAgain) {
 }
 #endif
 
-TEST_F(PrivilegeTest, ScriptCannotBecomeRootAgain) {
-  const TemporaryDirectory programs;
-  fs::permissions(programs.path(), fs::perms(0755));
-  fs::copy_file(fs::path(DaemonExecutable()).parent_path() / "climber", programs.File("climber"));
-  options_.script.clear();
-  options_.arguments = {"-s", programs.File("climber")};
-  Start();
-  EXPECT_EQ(Outcome(), kHost);
+// A program that tries what the distribution script must not be able to do.
+class ClimberTest : public PrivilegeTest {
+ protected:
+  std::string OutcomeOfClimbing(const std::function<bool()>& prepare = nullptr) {
+    fs::permissions(programs_.path(), fs::perms(0755));
+    fs::copy_file(fs::path(DaemonExecutable()).parent_path() / "climber",
+                  programs_.File("climber"));
+    options_.script.clear();
+    options_.arguments = {"-s", programs_.File("climber")};
+    Start(prepare);
+    return Outcome();
+  }
+
+  TemporaryDirectory programs_;
+};
+
+TEST_F(ClimberTest, ScriptCannotBecomeRootAgain) {
+  EXPECT_EQ(OutcomeOfClimbing(), kHost);
   EXPECT_THAT(daemon_->Logged(),
               HasSubstr("setuid: refused\nseteuid: refused\nsetreuid: refused\n"
                         "setresuid: refused\nsetgid: refused\nsetegid: refused\n"
                         "setregid: refused\nsetresgid: refused\nsetgroups: refused\n"
                         "shadow: refused\nids: 61234 61234 61235 61235\nHOST=node17\n"));
+}
+
+// Puts a key into a session keyring of this process.
+bool AddSessionKey() {
+  return syscall(SYS_keyctl, KEYCTL_JOIN_SESSION_KEYRING, nullptr) > 0 &&
+         syscall(SYS_add_key, "user", "jobmill-test", "secret", 6UL, KEY_SPEC_SESSION_KEYRING) > 0;
+}
+
+TEST_F(ClimberTest, ScriptDoesNotGetTheKeysOfTheDaemonsSession) {
+  ChildProcess::Options probe;
+  probe.inChild = [] { return AddSessionKey() ? 0 : 1; };
+  if (ChildProcess({}, probe).Wait(seconds(10)) != 0) {
+    GTEST_SKIP() << "no keyrings on this machine";
+  }
+  EXPECT_EQ(OutcomeOfClimbing(AddSessionKey), kHost);
+  EXPECT_THAT(daemon_->Logged(), HasSubstr("key: refused\nown key: DONE\n"));
+}
+
+TEST_F(ClimberTest, KernelWithoutKeyringsIsNoReasonToRefuseARun) {
+  EXPECT_EQ(OutcomeOfClimbing([] { return RefuseCalls({{SYS_keyctl, ENOSYS}}); }), kHost);
 }
 
 TEST_F(PrivilegeTest, WhatTheRunWritesBelongsToTheAccountAndTheDaemonsLogToRoot) {
