@@ -10,22 +10,12 @@
 #include <sstream>
 #include <system_error>
 
-#include <toml++/toml.h>
+#include "sections/section.h"
 
 namespace simulator {
 namespace {
 
 constexpr double kInfinity = std::numeric_limits<double>::infinity();
-
-/// Where in the deck something stands.
-struct Place {
-  std::string file;
-  std::uint32_t line = 1;
-
-  [[noreturn]] void fail(const std::string& message) const {
-    throw DeckError(file + ":" + std::to_string(std::max<std::uint32_t>(line, 1)) + ": " + message);
-  }
-};
 
 std::string quoted(std::string_view text) {
   return '"' + std::string(text) + '"';
@@ -56,71 +46,57 @@ std::string explain(const Range& range) {
   return range.low_excluded ? "must be positive" : "must not be negative";
 }
 
-/// One table of the deck. Every key that is asked for counts as known; finish() refuses others.
-class Section {
+/// One table of the deck, whose numbers are read in the deck's units.
+class Section : public sections::Section {
  public:
-  Section(const toml::table& table, std::string name, const Place& parent, const Units& units)
-      : table_(table), name_(std::move(name)), units_(units) {
-    place_.file = parent.file;
-    place_.line = table.source().begin.line;
-  }
+  Section(sections::Section table, std::string name, const Units& units)
+      : sections::Section(std::move(table)), name_(std::move(name)), units_(units) {}
 
-  [[nodiscard]] const Place& place() const { return place_; }
-
-  [[nodiscard]] Place place_of(std::string_view key) const {
-    const toml::node* node = table_.get(key);
-    return {place_.file, node ? node->source().begin.line : place_.line};
-  }
-
-  const toml::node* find(std::string_view key) {
-    known_.emplace(key);
-    return table_.get(key);
-  }
-
-  const toml::node& need(std::string_view key) {
-    const toml::node* node = find(key);
-    if (!node) place_.fail(name_ + " lacks " + quoted(key));
-    return *node;
+  sections::Value need(std::string_view key) {
+    auto value = Find(key);
+    if (!value) place().Fail(name_ + " lacks " + quoted(key));
+    return *std::move(value);
   }
 
   double number(std::string_view key, Quantity quantity, const Range& range) {
-    const toml::node& node = need(key);
-    const auto value = node.is_number() ? node.value<double>() : std::nullopt;
-    if (!value) place_of(key).fail(quoted(key) + " must be a number");
+    const sections::Value found = need(key);
+    const auto value = found.Number();
+    if (!value) found.place().Fail(quoted(key) + " must be a number");
     const bool low = range.low_excluded ? !(*value > range.low) : !(*value >= range.low);
     if (!std::isfinite(*value) || low || *value > range.high) {
-      place_of(key).fail(quoted(key) + " " + explain(range) + ", not " + plain(*value));
+      found.place().Fail(quoted(key) + " " + explain(range) + ", not " + plain(*value));
     }
     return units_.to_model(quantity, *value);
   }
 
   /// `otherwise` is in the model's units.
   double number(std::string_view key, Quantity quantity, const Range& range, double otherwise) {
-    return find(key) ? number(key, quantity, range) : otherwise;
+    return Find(key) ? number(key, quantity, range) : otherwise;
   }
 
   std::string text(std::string_view key) {
-    const auto value = need(key).value_exact<std::string>();
-    if (!value) place_of(key).fail(quoted(key) + " must be a text");
+    const sections::Value found = need(key);
+    const auto value = found.Text();
+    if (!value) found.place().Fail(quoted(key) + " must be a text");
     return *value;
   }
 
   std::string text(std::string_view key, const std::string& otherwise) {
-    return find(key) ? text(key) : otherwise;
+    return Find(key) ? text(key) : otherwise;
   }
 
   std::chrono::year_month_day date(std::string_view key) {
-    const auto value = need(key).value_exact<toml::date>();
-    if (!value) place_of(key).fail(quoted(key) + " must be a date such as 2020-01-31");
-    return {std::chrono::year{value->year}, std::chrono::month{value->month},
-            std::chrono::day{value->day}};
+    const sections::Value found = need(key);
+    const auto value = found.Date();
+    if (!value) found.place().Fail(quoted(key) + " must be a date such as 2020-01-31");
+    return *value;
   }
 
   std::vector<std::string> texts(std::string_view key) {
     std::vector<std::string> values;
-    for (const toml::node& each : list(key)) {
-      const auto value = each.value_exact<std::string>();
-      if (!value) at(each).fail(quoted(key) + " must be a list of texts");
+    for (const sections::Value& each : list(key)) {
+      const auto value = each.Text();
+      if (!value) each.place().Fail(quoted(key) + " must be a list of texts");
       values.push_back(*value);
     }
     return values;
@@ -128,10 +104,10 @@ class Section {
 
   std::vector<double> numbers(std::string_view key) {
     std::vector<double> values;
-    for (const toml::node& each : list(key)) {
-      const auto value = each.is_number() ? each.value<double>() : std::nullopt;
+    for (const sections::Value& each : list(key)) {
+      const auto value = each.Number();
       if (!value || !std::isfinite(*value) || *value < 0) {
-        at(each).fail(quoted(key) + " must be a list of numbers that are not negative");
+        each.place().Fail(quoted(key) + " must be a list of numbers that are not negative");
       }
       values.push_back(*value);
     }
@@ -139,90 +115,68 @@ class Section {
   }
 
   std::optional<Section> section(std::string_view key) {
-    const toml::node* node = find(key);
-    if (!node) return std::nullopt;
-    if (!node->is_table()) place_of(key).fail(quoted(key) + " must be a section");
-    return Section(*node->as_table(), "section [" + std::string(key) + "]", place_, units_);
+    const auto value = Find(key);
+    if (!value) return std::nullopt;
+    return Section(value->Table(quoted(key) + " must be a section"),
+                   "section [" + std::string(key) + "]", units_);
   }
 
   Section need_section(std::string_view key) {
     auto found = section(key);
-    if (!found) place_.fail("missing section [" + std::string(key) + "]");
+    if (!found) place().Fail("missing section [" + std::string(key) + "]");
     return *std::move(found);
   }
 
-  std::vector<Section> sections(std::string_view key) {
+  std::vector<Section> all_sections(std::string_view key) {
     std::vector<Section> all;
-    const toml::node* node = find(key);
-    if (!node) return all;
-    const toml::array* array = node->as_array();
-    if (!array || !array->is_array_of_tables()) {
-      place_of(key).fail(quoted(key) + " must be written as [[" + std::string(key) + "]] sections");
+    const auto value = Find(key);
+    if (!value) return all;
+    const std::string written = "[[" + std::string(key) + "]]";
+    const std::string complaint = quoted(key) + " must be written as " + written + " sections";
+    for (const sections::Value& each : value->List(complaint)) {
+      all.emplace_back(each.Table(complaint), written, units_);
     }
-    for (const toml::node& each : *array) {
-      all.emplace_back(*each.as_table(), "[[" + std::string(key) + "]]", place_, units_);
-    }
-    return all;
-  }
-
-  /// The names of all keys, each with its place.
-  [[nodiscard]] std::vector<std::pair<std::string, Place>> keys() const {
-    std::vector<std::pair<std::string, Place>> all;
-    for (const auto& [key, node] : table_) {
-      all.emplace_back(std::string(key.str()), Place{place_.file, key.source().begin.line});
-    }
-    // The library keeps keys in alphabetical order; the first mistake is the topmost one.
-    std::stable_sort(all.begin(), all.end(),
-                     [](const auto& a, const auto& b) { return a.second.line < b.second.line; });
+    if (all.empty()) value->place().Fail(complaint);
     return all;
   }
 
   void finish() const {
-    for (const auto& [key, where] : keys()) {
-      if (!known_.contains(key)) where.fail("unknown key " + quoted(key) + " in " + name_);
+    if (const auto unknown = Unknown()) {
+      unknown->second.Fail("unknown key " + quoted(unknown->first) + " in " + name_);
     }
   }
 
  private:
-  [[nodiscard]] Place at(const toml::node& node) const {
-    return {place_.file, node.source().begin.line};
+  std::vector<sections::Value> list(std::string_view key) {
+    return need(key).List(quoted(key) + " must be a list");
   }
 
-  const toml::array& list(std::string_view key) {
-    const toml::array* array = need(key).as_array();
-    if (!array) place_of(key).fail(quoted(key) + " must be a list");
-    return *array;
-  }
-
-  const toml::table& table_;
   std::string name_;
   Units units_;
-  Place place_;
-  std::set<std::string, std::less<>> known_;
 };
 
 Units::System unit_system(Section& run) {
   const std::string units = run.text("units");
   if (units == "FIELD") return Units::System::kField;
   if (units == "METRIC") return Units::System::kMetric;
-  run.place_of("units").fail("\"units\" must be \"FIELD\" or \"METRIC\", not " + quoted(units));
+  run.PlaceOf("units").Fail("\"units\" must be \"FIELD\" or \"METRIC\", not " + quoted(units));
 }
 
 bool is_compositional(Section& run) {
   const std::string fluid = run.text("fluid");
   if (fluid == "COMPOSITIONAL") return true;
   if (fluid == "BLACK_OIL") return false;
-  run.place_of("fluid").fail("\"fluid\" must be \"BLACK_OIL\" or \"COMPOSITIONAL\", not " +
-                             quoted(fluid));
+  run.PlaceOf("fluid").Fail("\"fluid\" must be \"BLACK_OIL\" or \"COMPOSITIONAL\", not " +
+                            quoted(fluid));
 }
 
 double end_time(Section& run, std::chrono::year_month_day start) {
-  if (!run.find("end")) return run.number("end_time", Quantity::kNone, kDays);
-  if (run.find("end_time")) {
-    run.place_of("end_time").fail("\"end_time\" and \"end\" exclude each other");
+  if (!run.Find("end")) return run.number("end_time", Quantity::kNone, kDays);
+  if (run.Find("end_time")) {
+    run.PlaceOf("end_time").Fail("\"end_time\" and \"end\" exclude each other");
   }
   const auto days = (std::chrono::sys_days{run.date("end")} - std::chrono::sys_days{start}).count();
-  if (days <= 0) run.place_of("end").fail("\"end\" must be later than \"start\"");
+  if (days <= 0) run.PlaceOf("end").Fail("\"end\" must be later than \"start\"");
   return static_cast<double>(days);
 }
 
@@ -249,8 +203,8 @@ void read_reservoir(Section section, Deck& deck) {
   deck.fracture_pressure =
       section.number("fracture_pressure", Quantity::kPressure, kPositive, 1.5 * deck.pressure);
   if (deck.fracture_pressure <= deck.pressure) {
-    section.place_of("fracture_pressure")
-        .fail("\"fracture_pressure\" must be above the reservoir's \"pressure\"");
+    section.PlaceOf("fracture_pressure")
+        .Fail("\"fracture_pressure\" must be above the reservoir's \"pressure\"");
   }
   deck.injection_temperature =
       section.number("injection_temperature", Quantity::kTemperature, kAny, 20);
@@ -295,7 +249,7 @@ void read_flow(std::optional<Section> section, Deck& deck) {
       section->number("water_viscosity", Quantity::kNone, kPositive, viscosities.water);
   viscosities.gas = section->number("gas_viscosity", Quantity::kNone, kPositive, viscosities.gas);
   if (curves.connate_water + curves.residual_oil + curves.critical_gas >= 1) {
-    section->place().fail("\"connate_water\", \"residual_oil\" and \"critical_gas\" leave no room");
+    section->place().Fail("\"connate_water\", \"residual_oil\" and \"critical_gas\" leave no room");
   }
   section->finish();
 }
@@ -306,8 +260,8 @@ void read_black_oil(Section section, Deck& deck) {
   oil.gas_gravity = section.number("gas_gravity", Quantity::kNone, {0.55, 1.5});
   oil.bubble_point = section.number("bubble_point", Quantity::kPressure, kPositive);
   if (oil.bubble_point > deck.pressure) {
-    section.place_of("bubble_point")
-        .fail("\"bubble_point\" must not be above the reservoir's \"pressure\"");
+    section.PlaceOf("bubble_point")
+        .Fail("\"bubble_point\" must not be above the reservoir's \"pressure\"");
   }
   oil.oil_compressibility = section.number("oil_compressibility", Quantity::kCompressibility,
                                            kPositive, oil.oil_compressibility);
@@ -317,7 +271,7 @@ void read_black_oil(Section section, Deck& deck) {
 Component read_component(Section section) {
   Component component;
   component.name = section.text("name");
-  if (component.name.empty()) section.place_of("name").fail("\"name\" must not be empty");
+  if (component.name.empty()) section.PlaceOf("name").Fail("\"name\" must not be empty");
   component.molecular_weight = section.number("molecular_weight", Quantity::kNone, kPositive);
   component.critical_temperature =
       section.number("critical_temperature", Quantity::kAbsolute, kPositive);
@@ -335,14 +289,14 @@ Component read_component(Section section) {
 
 std::vector<double> mole_fractions(Section& section, std::string_view key, std::size_t count) {
   std::vector<double> fractions = section.numbers(key);
-  const Place place = section.place_of(key);
+  const sections::Place place = section.PlaceOf(key);
   if (fractions.size() != count) {
-    place.fail(quoted(key) + " has " + std::to_string(fractions.size()) + " values for " +
+    place.Fail(quoted(key) + " has " + std::to_string(fractions.size()) + " values for " +
                std::to_string(count) + " components");
   }
   const double sum = std::accumulate(fractions.begin(), fractions.end(), 0.0);
   if (std::abs(sum - 1) > 0.001) {
-    place.fail(quoted(key) + " adds up to " + plain(sum) + ", not to 1");
+    place.Fail(quoted(key) + " adds up to " + plain(sum) + ", not to 1");
   }
   for (double& each : fractions) each /= sum;
   return fractions;
@@ -350,19 +304,19 @@ std::vector<double> mole_fractions(Section& section, std::string_view key, std::
 
 void read_composition(Section section, const std::vector<Component>& own, Deck& deck) {
   Composition composition;
-  const Place place = section.place_of("components");
+  const sections::Place place = section.PlaceOf("components");
   for (const std::string& name : section.texts("components")) {
     const auto same = [&](const Component& each) { return each.name == name; };
     if (std::any_of(composition.components.begin(), composition.components.end(), same)) {
-      place.fail("component " + quoted(name) + " is listed twice");
+      place.Fail("component " + quoted(name) + " is listed twice");
     }
     const auto defined = std::find_if(own.begin(), own.end(), same);
     const auto found = defined != own.end() ? std::optional(*defined) : find_component(name);
-    if (!found) place.fail("unknown component " + quoted(name));
+    if (!found) place.Fail("unknown component " + quoted(name));
     composition.components.push_back(*found);
   }
   const std::size_t count = composition.components.size();
-  if (count < 2) place.fail("\"components\" must name two components or more");
+  if (count < 2) place.Fail("\"components\" must name two components or more");
   composition.reservoir = mole_fractions(section, "composition", count);
   composition.injection_gas = mole_fractions(section, "injection_gas", count);
   section.finish();
@@ -375,15 +329,15 @@ WellType well_type(Section& section) {
        {WellType::kProducer, WellType::kWaterInjector, WellType::kGasInjector}) {
     if (type == to_string(each)) return each;
   }
-  section.place_of("type").fail(
+  section.PlaceOf("type").Fail(
       "\"type\" must be \"PRODUCER\", \"WATER_INJECTOR\" or \"GAS_INJECTOR\", not " + quoted(type));
 }
 
 bool is_open(Section& section) {
   const std::string status = section.text("status", "OPEN");
   if (status != "OPEN" && status != "SHUT") {
-    section.place_of("status").fail("\"status\" must be \"OPEN\" or \"SHUT\", not " +
-                                    quoted(status));
+    section.PlaceOf("status").Fail("\"status\" must be \"OPEN\" or \"SHUT\", not " +
+                                   quoted(status));
   }
   return status == "OPEN";
 }
@@ -404,11 +358,11 @@ bool applies(Constraint constraint, WellType type) {
 
 void read_limits(std::optional<Section> section, WellDeck& well) {
   if (!section) return;
-  for (const auto& [key, place] : section->keys()) {
+  for (const auto& [key, place] : section->Keys()) {
     const auto constraint = find_constraint(key);
-    if (!constraint) place.fail("unknown constraint " + quoted(key));
+    if (!constraint) place.Fail("unknown constraint " + quoted(key));
     if (!applies(*constraint, well.type)) {
-      place.fail(quoted(key) + " does not apply to a " + to_string(well.type));
+      place.Fail(quoted(key) + " does not apply to a " + to_string(well.type));
     }
     well.limits[static_cast<std::size_t>(*constraint)] =
         section->number(key, quantity_of(*constraint), kNotNegative);
@@ -419,7 +373,7 @@ WellDeck read_well(Section section) {
   WellDeck well;
   well.name = section.text("name");
   if (well.name.empty() || well.name == "*") {
-    section.place_of("name").fail("\"name\" must be a well name, not " + quoted(well.name));
+    section.PlaceOf("name").Fail("\"name\" must be a well name, not " + quoted(well.name));
   }
   well.type = well_type(section);
   well.open = is_open(section);
@@ -442,35 +396,34 @@ WellDeck read_well(Section section) {
 
 void read_wells(Section& root, Deck& deck) {
   std::set<std::string> names;
-  for (Section& section : root.sections("well")) {
-    const Place place = section.place_of("name");
+  for (Section& section : root.all_sections("well")) {
+    const sections::Place place = section.PlaceOf("name");
     deck.wells.push_back(read_well(std::move(section)));
     if (!names.insert(deck.wells.back().name).second) {
-      place.fail("duplicate well " + quoted(deck.wells.back().name));
+      place.Fail("duplicate well " + quoted(deck.wells.back().name));
     }
   }
-  if (deck.wells.empty()) root.place().fail("missing section [[well]]");
+  if (deck.wells.empty()) root.place().Fail("missing section [[well]]");
 }
 
-Deck read_table(const toml::table& table, const std::string& file) {
-  const Place top{file, 1};
+Deck read_top(const sections::Section& top) {
   Deck deck;
   // The units of every other number depend on this one text.
   {
-    Section root(table, "the deck", top, deck.units);
+    Section root(top, "the deck", deck.units);
     Section run = root.need_section("run");
     deck.units = Units(unit_system(run));
   }
-  Section root(table, "the deck", top, deck.units);
+  Section root(top, "the deck", deck.units);
   Section run = root.need_section("run");
-  run.find("units");
+  run.Find("units");
   const bool compositional = read_run(std::move(run), deck);
   read_reservoir(root.need_section("reservoir"), deck);
   read_water(root.section("water"), deck);
   read_flow(root.section("flow"), deck);
   if (compositional) {
     std::vector<Component> own;
-    for (Section& section : root.sections("component")) {
+    for (Section& section : root.all_sections("component")) {
       own.push_back(read_component(std::move(section)));
     }
     read_composition(root.need_section("composition"), own, deck);
@@ -526,18 +479,19 @@ Quantity quantity_of(Constraint constraint) {
 
 Deck parse_deck(std::string_view text, const std::string& file) {
   try {
-    return read_table(toml::parse(text, file), file);
-  } catch (const toml::parse_error& error) {
-    Place{file, error.source().begin.line}.fail(std::string(error.description()));
+    return read_top(sections::Section::Parse(text, file));
+  } catch (const sections::Error& error) {
+    const std::uint32_t line = std::max<std::uint32_t>(error.place().line, 1);
+    throw DeckError(file + ":" + std::to_string(line) + ": " + error.what());
   }
 }
 
 Deck read_deck(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
   if (!in) {
-    Place{path, 1}.fail("cannot be read: " + std::generic_category().message(errno));
+    throw DeckError(path + ":1: cannot be read: " + std::generic_category().message(errno));
   }
+  std::ostringstream text;
   text << in.rdbuf();
   return parse_deck(text.str(), path);
 }

@@ -7,50 +7,53 @@
 #include <stdexcept>
 #include <utility>
 
-#include <toml++/toml.h>
+#include "sections/section.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
+using sections::Section;
+using sections::Value;
 using Variables = std::map<std::string, std::string>;
 
-std::string Text(const toml::node& node) {
-  if (const auto text = node.value<std::string>()) return *text;
-  throw std::runtime_error("a text is wanted");
+const char* const kList = "a list is wanted";
+const char* const kTable = "a table is wanted";
+
+std::string Text(const Value& value) {
+  if (auto text = value.Text()) return *text;
+  value.place().Fail("a text is wanted");
 }
 
-std::vector<std::string> Texts(const toml::node& node) {
+std::vector<std::string> Texts(const Value& value) {
+  if (const auto text = value.Text()) return {*text};
   std::vector<std::string> texts;
-  if (!node.is_array()) return {Text(node)};
-  for (const toml::node& element : *node.as_array()) texts.push_back(Text(element));
+  for (const Value& each : value.List(kList)) texts.push_back(Text(each));
   return texts;
 }
 
-Variables Row(const toml::node& node) {
+Variables Row(const Value& value) {
   Variables row;
-  if (!node.is_table()) throw std::runtime_error("a table is wanted");
-  for (const auto& [key, value] : *node.as_table()) row.emplace(key.str(), Text(value));
+  Section table = value.Table(kTable);
+  for (const auto& [key, place] : table.Keys()) row.emplace(key, Text(*table.Find(key)));
   return row;
 }
 
 class File {
  public:
   explicit File(const fs::path& path)
-      : file_(path.filename().string()), root_(toml::parse_file(path.string())) {
-    for (const auto& [key, value] : root_) {
-      if (key == "let") let_ = Row(value);
-      if (key == "default") defaults_ = value.as_table();
-      static const std::set<std::string, std::less<>> known = {"let", "default", "rows", "case"};
-      if (!known.contains(key.str())) throw std::runtime_error("unknown: " + std::string(key));
-    }
+      : file_(path.filename().string()), root_(Section::ReadFile(path.string())) {
+    if (const auto let = root_.Find("let")) let_ = Row(*let);
+    if (const auto defaults = root_.Find("default")) defaults_ = defaults->Table(kTable);
+    if (const auto rows = root_.Find("rows")) rows_ = rows->Table(kTable);
   }
 
   void Read(std::vector<Case>& cases) {
-    const toml::array* tables = root_["case"].as_array();
-    if (tables == nullptr) throw std::runtime_error("no case");
-    for (const toml::node& node : *tables) {
-      const toml::table& table = *node.as_table();
+    const auto tables = root_.Find("case");
+    if (const auto unknown = root_.Unknown()) unknown->second.Fail("unknown: " + unknown->first);
+    if (!tables) root_.place().Fail("no case");
+    for (const Value& value : tables->List(kList)) {
+      Section table = value.Table(kTable);
       for (const Variables& each : Rows(table, "each")) {
         for (const Variables& with : Rows(table, "with")) cases.push_back(Make(table, each, with));
       }
@@ -59,27 +62,27 @@ class File {
 
  private:
   // The rows of a table of cases: written down in the case, or under a name for several.
-  std::vector<Variables> Rows(const toml::table& table, const std::string& key) const {
-    const toml::node* node = table.get(key);
-    if (node == nullptr) return {{}};
-    std::vector<std::string> names;
-    if (const auto name = node->value<std::string>()) {
-      node = root_["rows"][*name].node();
-      if (node == nullptr) throw std::runtime_error("no rows " + *name);
+  std::vector<Variables> Rows(Section& table, const std::string& key) {
+    auto value = table.Find(key);
+    if (!value) return {{}};
+    if (const auto name = value->Text()) {
+      const auto named = rows_ ? rows_->Find(*name) : std::nullopt;
+      if (!named) value->place().Fail("no rows " + *name);
+      value = named;
     }
     std::vector<Variables> rows;
-    for (const toml::node& row : *node->as_array()) rows.push_back(Row(row));
+    for (const Value& row : value->List(kList)) rows.push_back(Row(row));
     return rows;
   }
 
-  Case Make(const toml::table& table, const Variables& each, const Variables& with) const {
+  Case Make(Section& table, const Variables& each, const Variables& with) {
     Case made;
     made.file = file_;
     made.variables = each;
     made.variables.insert(with.begin(), with.end());
     made.variables.insert(let_.begin(), let_.end());
     try {
-      if (defaults_ != nullptr) Take(*defaults_, made);
+      if (defaults_) Take(*defaults_, made);
       Take(table, made);
     } catch (const std::exception& error) {
       throw std::runtime_error(made.name + ": " + error.what());
@@ -88,13 +91,13 @@ class File {
     return made;
   }
 
-  static void Take(const toml::table& table, Case& made) {
-    const auto resolved = [&made](const toml::node& node) {
-      return Replace(Text(node), made.variables);
+  static void Take(Section& table, Case& made) {
+    const auto resolved = [&made](const Value& value) {
+      return Replace(Text(value), made.variables);
     };
-    if (const toml::node* name = table.get("name")) made.name = resolved(*name);
-    for (const auto& [key, value] : table) {
-      const std::string member(key.str());
+    if (const auto name = table.Find("name")) made.name = resolved(*name);
+    for (const auto& [member, place] : table.Keys()) {
+      const Value value = *table.Find(member);
       if (member == "steps") {
         made.steps.clear();
         for (const std::string& step : Texts(value)) {
@@ -106,8 +109,8 @@ class File {
         for (std::string& argument : made.arguments) argument = Replace(argument, made.variables);
       } else if (member == "fields" || member == "files") {
         auto& entries = member == "fields" ? made.fields : made.files;
-        for (const auto& [name, text] : *value.as_table())
-          entries[std::string(name.str())] = resolved(text);
+        Section texts = value.Table(kTable);
+        for (const auto& [name, at] : texts.Keys()) entries[name] = resolved(*texts.Find(name));
       } else if (member == "start") {
         made.start = resolved(value);
       } else if (member == "log") {
@@ -131,20 +134,21 @@ class File {
       } else if (member == "processor") {
         made.processor = Number(value, made);
       } else if (member != "name" && member != "each" && member != "with") {
-        throw std::runtime_error("unknown: " + member);
+        place.Fail("unknown: " + member);
       }
     }
   }
 
-  static std::int64_t Number(const toml::node& node, const Case& made) {
-    if (const auto number = node.value_exact<std::int64_t>()) return *number;
-    return std::stoll(Replace(Text(node), made.variables));
+  static std::int64_t Number(const Value& value, const Case& made) {
+    if (const auto number = value.Integer()) return *number;
+    return std::stoll(Replace(Text(value), made.variables));
   }
 
   std::string file_;
-  toml::table root_;
+  Section root_;
   Variables let_;
-  const toml::table* defaults_ = nullptr;
+  std::optional<Section> defaults_;
+  std::optional<Section> rows_;
 };
 
 }  // namespace
