@@ -14,18 +14,18 @@ class BlackOilTank : public Tank {
  public:
   explicit BlackOilTank(const Deck& deck);
 
-  [[nodiscard]] Amounts produced(const Exchange& exchange) const override;
-  [[nodiscard]] Amounts in_place() const override;
-  [[nodiscard]] double oil_density(double pressure) const override;
-  [[nodiscard]] double gas_density(double pressure) const override;
-  [[nodiscard]] std::vector<double> stream_composition(double gas_mobility) const override;
+  Amounts produced(const Exchange& exchange) const override;
+  Amounts in_place() const override;
+  double oil_density(double pressure) const override;
+  double gas_density(double pressure) const override;
+  std::vector<double> stream_composition(double gas_mobility) const override;
 
  protected:
   void apply(const Exchange& exchange, double days) override;
   void save() override;
   void restore() override;
-  [[nodiscard]] double emptying_limit(const Exchange& exchange) const override;
-  [[nodiscard]] double hydrocarbon_volume(double pressure) const override;
+  double emptying_limit(const Exchange& exchange) const override;
+  double hydrocarbon_volume(double pressure) const override;
   void update_flow(double pressure) override;
 
  private:
@@ -34,11 +34,11 @@ class BlackOilTank : public Tank {
     double gas = 0;  // sm3, free and dissolved
     double water = 0;
   };
-  [[nodiscard]] double solution_ratio(double pressure) const;
-  [[nodiscard]] double bubble_point(double solution_ratio) const;
-  [[nodiscard]] double dissolved(double pressure) const;
-  [[nodiscard]] double oil_volume_factor(double pressure) const;
-  [[nodiscard]] double gas_volume_factor(double pressure) const;
+  double solution_ratio(double pressure) const;
+  double bubble_point(double solution_ratio) const;
+  double dissolved(double pressure) const;
+  double oil_volume_factor(double pressure) const;
+  double gas_volume_factor(double pressure) const;
 
   EquationOfState gas_equation_;
   double oil_gravity_;  // over water

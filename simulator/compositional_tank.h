@@ -14,26 +14,25 @@ class CompositionalTank : public Tank {
  public:
   explicit CompositionalTank(const Deck& deck);
 
-  [[nodiscard]] Amounts produced(const Exchange& exchange) const override;
-  [[nodiscard]] Amounts in_place() const override;
-  [[nodiscard]] double oil_density(double pressure) const override;
-  [[nodiscard]] double gas_density(double pressure) const override;
-  [[nodiscard]] std::vector<double> stream_composition(double gas_mobility) const override;
+  Amounts produced(const Exchange& exchange) const override;
+  Amounts in_place() const override;
+  double oil_density(double pressure) const override;
+  double gas_density(double pressure) const override;
+  std::vector<double> stream_composition(double gas_mobility) const override;
 
  protected:
   void apply(const Exchange& exchange, double days) override;
   void save() override;
   void restore() override;
-  [[nodiscard]] double emptying_limit(const Exchange& exchange) const override;
-  [[nodiscard]] double hydrocarbon_volume(double pressure) const override;
+  double emptying_limit(const Exchange& exchange) const override;
+  double hydrocarbon_volume(double pressure) const override;
   void update_flow(double pressure) override;
 
  private:
-  [[nodiscard]] double total_moles() const;
-  [[nodiscard]] std::vector<double> fractions() const;
-  [[nodiscard]] Stream surface_stream(const std::vector<double>& mixture, double moles,
-                                      double pressure) const;
-  [[nodiscard]] std::vector<double> moles_out(const Exchange& exchange) const;
+  double total_moles() const;
+  std::vector<double> fractions() const;
+  Stream surface_stream(const std::vector<double>& mixture, double moles, double pressure) const;
+  std::vector<double> moles_out(const Exchange& exchange) const;
 
   EquationOfState reservoir_equation_;
   EquationOfState surface_equation_;

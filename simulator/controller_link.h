@@ -82,10 +82,10 @@ class ControllerLink {
   void create_source(Decoder& message);
 
   /// The positions of the named wells in the model; "*" stands for all, unknown names are left out.
-  [[nodiscard]] std::vector<std::size_t> wells_named(const std::vector<std::string>& names) const;
+  std::vector<std::size_t> wells_named(const std::vector<std::string>& names) const;
 
   /// Begins a message, counts it, and lets the faults have their way with it.
-  [[nodiscard]] Builder begin(const std::string& name);
+  Builder begin(const std::string& name);
   void cut(const std::string& name);
   static void end(Builder& builder);
   void finish(Decoder& message);

@@ -27,7 +27,7 @@ struct Flash {
   double vapour_volume = 0;    ///< m3/kmol of vapour
 
   /// m3 per kmol of mixture.
-  [[nodiscard]] double volume() const {
+  double volume() const {
     return vapour_fraction * vapour_volume + (1 - vapour_fraction) * liquid_volume;
   }
 };
@@ -41,18 +41,17 @@ class EquationOfState {
   EquationOfState(const std::vector<Component>& components, double temperature);
 
   /// Splits a mixture (mole fractions that add up to 1) at `pressure` in bar.
-  [[nodiscard]] Flash flash(const std::vector<double>& mixture, double pressure) const;
+  Flash flash(const std::vector<double>& mixture, double pressure) const;
 
   /// m3/kmol of a phase; Phase chooses the root where the equation has several.
-  [[nodiscard]] double molar_volume(const std::vector<double>& x, double pressure,
-                                    Phase phase) const;
+  double molar_volume(const std::vector<double>& x, double pressure, Phase phase) const;
 
   /// The pressure in bar at which a liquid gives off its first bubble; `fallback` when none is
   /// found between 1 and 2000 bar.
-  [[nodiscard]] double bubble_point(const std::vector<double>& liquid, double fallback) const;
+  double bubble_point(const std::vector<double>& liquid, double fallback) const;
 
   /// kg/kmol.
-  [[nodiscard]] double molecular_weight(const std::vector<double>& x) const;
+  double molecular_weight(const std::vector<double>& x) const;
 
  private:
   struct Mixed {
@@ -60,12 +59,12 @@ class EquationOfState {
     double b = 0;
     std::vector<double> pair_sums;  // sum over j of x_j a_ij
   };
-  [[nodiscard]] Mixed mix(const std::vector<double>& x) const;
-  [[nodiscard]] double compressibility(const Mixed& mixed, double pressure, Phase phase) const;
+  Mixed mix(const std::vector<double>& x) const;
+  double compressibility(const Mixed& mixed, double pressure, Phase phase) const;
   void log_fugacity(const std::vector<double>& x, double pressure, Phase phase,
                     std::vector<double>& out) const;
-  [[nodiscard]] std::vector<double> wilson(double pressure) const;
-  [[nodiscard]] bool looks_liquid(const std::vector<double>& mixture) const;
+  std::vector<double> wilson(double pressure) const;
+  bool looks_liquid(const std::vector<double>& mixture) const;
 
   std::vector<Component> components_;
   double temperature_;

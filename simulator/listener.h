@@ -20,11 +20,11 @@ class Listener {
   Listener(const Listener&) = delete;
   Listener& operator=(const Listener&) = delete;
 
-  [[nodiscard]] std::uint16_t port() const;
+  std::uint16_t port() const;
 
   /// The connection of the first controller that comes within `limit`, as a descriptor that the
   /// caller owns; nothing if none came or `stop` was raised. Afterwards nobody else is let in.
-  [[nodiscard]] std::optional<int> accept(std::chrono::milliseconds limit, const StopSignal& stop);
+  std::optional<int> accept(std::chrono::milliseconds limit, const StopSignal& stop);
 
  private:
   int descriptor_;

@@ -38,14 +38,14 @@ class Reservoir {
  public:
   explicit Reservoir(Deck deck);
 
-  [[nodiscard]] const Deck& deck() const { return deck_; }
+  const Deck& deck() const { return deck_; }
 
   // Time.
 
-  [[nodiscard]] double time() const { return time_; }  ///< days since the start
-  [[nodiscard]] DateTime date() const { return date_after(deck_.start, time_); }
-  [[nodiscard]] DateTime start_date() const { return date_after(deck_.start, 0); }
-  [[nodiscard]] bool ended() const { return time_ >= end_time_; }
+  double time() const { return time_; }  ///< days since the start
+  DateTime date() const { return date_after(deck_.start, time_); }
+  DateTime start_date() const { return date_after(deck_.start, 0); }
+  bool ended() const { return time_ >= end_time_; }
 
   /// Runs to exactly `days`, or to the end of the run where that is earlier. A time that has passed
   /// already changes nothing.
@@ -56,39 +56,38 @@ class Reservoir {
 
   // The field.
 
-  [[nodiscard]] double pressure() const;
-  [[nodiscard]] FieldTotals rates() const;
-  [[nodiscard]] const FieldTotals& cumulative() const { return cumulative_; }
+  double pressure() const;
+  FieldTotals rates() const;
+  const FieldTotals& cumulative() const { return cumulative_; }
   /// What the reservoir holds, in the deck's units; kmol of each component in compositional runs.
-  [[nodiscard]] Amounts in_place() const;
+  Amounts in_place() const;
   /// kmol of each component taken out and put in since the start; empty in black-oil runs.
-  [[nodiscard]] const std::vector<double>& moles_produced() const { return moles_produced_; }
-  [[nodiscard]] const std::vector<double>& moles_injected() const { return moles_injected_; }
+  const std::vector<double>& moles_produced() const { return moles_produced_; }
+  const std::vector<double>& moles_injected() const { return moles_injected_; }
 
   // Wells. Positions count from 0 in the deck's order.
 
-  [[nodiscard]] std::size_t well_count() const { return wells_.size(); }
-  [[nodiscard]] std::optional<std::size_t> find_well(const std::string& name) const;
-  [[nodiscard]] const Well& well(std::size_t position) const { return wells_[position]; }
+  std::size_t well_count() const { return wells_.size(); }
+  std::optional<std::size_t> find_well(const std::string& name) const;
+  const Well& well(std::size_t position) const { return wells_[position]; }
 
   /// A property by name, to be looked up once for many wells.
   struct Property;
   /// The number-valued property of that name, or nullptr. See docs/stand-in-simulator.md.
-  [[nodiscard]] const Property* find_property(const std::string& name) const;
-  [[nodiscard]] double value(std::size_t well, const Property& property) const;
+  const Property* find_property(const std::string& name) const;
+  double value(std::size_t well, const Property& property) const;
   /// The text-valued property of that name ("TYPE", "STATUS", "CONTROL_MODE"), or nothing.
-  [[nodiscard]] std::optional<std::string> text(std::size_t well, const std::string& name) const;
+  std::optional<std::string> text(std::size_t well, const std::string& name) const;
 
   /// Any number of a well by its names; throws std::out_of_range for unknown ones.
-  [[nodiscard]] double well_property(const std::string& well, const std::string& property) const;
+  double well_property(const std::string& well, const std::string& property) const;
 
   /// `points` points of equal steps of the rate, crowded towards low rates by `skewness` as
   /// ((points - k) / points)^skewness, from the fully opened well down. The first item is
   /// `pressure_type`: "BOTTOM_HOLE_PRESSURE" or "TUBING_HEAD_PRESSURE"; for another text the
   /// result is empty. The well's own limits and status play no part.
-  [[nodiscard]] std::optional<InflowCurve> inflow_curve(std::size_t well,
-                                                        const std::string& pressure_type,
-                                                        int points, double skewness) const;
+  std::optional<InflowCurve> inflow_curve(std::size_t well, const std::string& pressure_type,
+                                          int points, double skewness) const;
 
   // Setters. They return false, and change nothing, where a name or a value makes no sense.
 
@@ -107,16 +106,16 @@ class Reservoir {
                               const std::vector<double>& values);
 
  private:
-  [[nodiscard]] const OperatingPoint& point(std::size_t well) const;
-  [[nodiscard]] Surroundings surroundings() const;
-  [[nodiscard]] const std::vector<double>& injected_composition(std::size_t well) const;
-  [[nodiscard]] Exchange exchange() const;
-  [[nodiscard]] double mole_fraction(std::size_t well, std::size_t component) const;
-  [[nodiscard]] std::optional<std::size_t> component_position(const std::string& name) const;
+  const OperatingPoint& point(std::size_t well) const;
+  Surroundings surroundings() const;
+  const std::vector<double>& injected_composition(std::size_t well) const;
+  Exchange exchange() const;
+  double mole_fraction(std::size_t well, std::size_t component) const;
+  std::optional<std::size_t> component_position(const std::string& name) const;
   void account(const Exchange& rates, double days);
   void forget_points();
   void build_properties();
-  [[nodiscard]] double shown(Quantity quantity, double value) const {
+  double shown(Quantity quantity, double value) const {
     return deck_.units.from_model(quantity, value);
   }
 

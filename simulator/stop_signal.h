@@ -16,7 +16,7 @@ class StopSignal {
   /// Async-signal-safe. Also cuts the watched connection, so that a read or write on it that is
   /// blocked ends.
   void raise() noexcept;
-  [[nodiscard]] bool raised() const { return raised_; }
+  bool raised() const { return raised_; }
 
   /// The connection that raise() cuts; -1 for none.
   void watch(int descriptor) { watched_ = descriptor; }
@@ -24,7 +24,7 @@ class StopSignal {
   enum class Wait { kReady, kTimeout, kStopped };
   /// Waits until `descriptor` (-1: nothing) can be read, `limit` has passed (negative: no limit)
   /// or raise() was called.
-  [[nodiscard]] Wait wait(int descriptor, std::chrono::milliseconds limit) const;
+  Wait wait(int descriptor, std::chrono::milliseconds limit) const;
 
  private:
   int event_;

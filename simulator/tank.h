@@ -54,7 +54,7 @@ class Tank {
   Tank(const Tank&) = delete;
   Tank& operator=(const Tank&) = delete;
 
-  [[nodiscard]] const FlowState& flow() const { return flow_; }
+  const FlowState& flow() const { return flow_; }
 
   /// Applies `exchange` for at most `days` and returns for how long it was applied: less than
   /// `days`, but more than 0, where the rates would have moved the pressure or emptied the tank too
@@ -62,19 +62,19 @@ class Tank {
   double advance(const Exchange& exchange, double days);
 
   /// Surface rates (sm3/d) or kmol/d that an exchange takes out, injection not counted.
-  [[nodiscard]] virtual Amounts produced(const Exchange& exchange) const = 0;
+  virtual Amounts produced(const Exchange& exchange) const = 0;
 
   /// What the tank holds. In compositional runs `oil` and `gas` are what the two phases would
   /// give at the surface now.
-  [[nodiscard]] virtual Amounts in_place() const = 0;
+  virtual Amounts in_place() const = 0;
 
   /// kg/m3 of a phase at `pressure` (bar) and reservoir temperature.
-  [[nodiscard]] virtual double oil_density(double pressure) const = 0;
-  [[nodiscard]] virtual double gas_density(double pressure) const = 0;
-  [[nodiscard]] double water_density(double pressure) const;
+  virtual double oil_density(double pressure) const = 0;
+  virtual double gas_density(double pressure) const = 0;
+  double water_density(double pressure) const;
 
   /// Mole fractions of the stream of a producer with that gas mobility; empty in black-oil runs.
-  [[nodiscard]] virtual std::vector<double> stream_composition(double gas_mobility) const = 0;
+  virtual std::vector<double> stream_composition(double gas_mobility) const = 0;
 
  protected:
   explicit Tank(const Deck& deck);
@@ -86,20 +86,20 @@ class Tank {
   virtual void restore() = 0;
 
   /// The longest time for which `exchange` leaves at least half of everything in the tank.
-  [[nodiscard]] virtual double emptying_limit(const Exchange& exchange) const = 0;
+  virtual double emptying_limit(const Exchange& exchange) const = 0;
 
   /// m3 that the contents without the water fill at `pressure`.
-  [[nodiscard]] virtual double hydrocarbon_volume(double pressure) const = 0;
+  virtual double hydrocarbon_volume(double pressure) const = 0;
 
   /// Works out flow_ at `pressure` from the contents.
   virtual void update_flow(double pressure) = 0;
 
   /// The pressure at which the contents fill the pores exactly.
-  [[nodiscard]] double find_pressure() const;
+  double find_pressure() const;
   void settle() { update_flow(find_pressure()); }
 
-  [[nodiscard]] double pore_volume(double pressure) const;
-  [[nodiscard]] double water_volume_factor(double pressure) const;
+  double pore_volume(double pressure) const;
+  double water_volume_factor(double pressure) const;
 
   /// Relative permeabilities over viscosities of the phases, from the volumes they fill.
   struct Mobilities {
@@ -107,12 +107,12 @@ class Tank {
     double gas = 0;
     double water = 0;
   };
-  [[nodiscard]] Mobilities mobilities(double pressure, double oil_volume, double gas_volume) const;
+  Mobilities mobilities(double pressure, double oil_volume, double gas_volume) const;
 
   /// Makes the liquid rate 1 per unit of drawdown term; called once, with the initial contents.
   void set_scale();
 
-  [[nodiscard]] double tubing_pressure(double pressure) const;
+  double tubing_pressure(double pressure) const;
 
   // NOLINTBEGIN(misc-non-private-member-variables-in-classes): shared by the two kinds of tank
   FlowState flow_;

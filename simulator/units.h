@@ -31,14 +31,14 @@ class Units {
   explicit Units(System system) : system_(system) {}
 
   /// The value of the deck in the model's units, and back.
-  [[nodiscard]] double to_model(Quantity quantity, double value) const;
-  [[nodiscard]] double from_model(Quantity quantity, double value) const;
+  double to_model(Quantity quantity, double value) const;
+  double from_model(Quantity quantity, double value) const;
 
   /// What UNIT_SYSTEM answers: "TOLMEN_METRIC" or "TOLMEN_FIELD".
-  [[nodiscard]] std::string name() const;
+  std::string name() const;
 
   /// The unit as people write it, for the run log: "psi", "stb", "MMscf".
-  [[nodiscard]] std::string label(Quantity quantity) const;
+  std::string label(Quantity quantity) const;
 
  private:
   System system_;

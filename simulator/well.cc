@@ -29,8 +29,8 @@ class Tightest {
       by_ = by;
     }
   }
-  [[nodiscard]] double rate() const { return rate_; }
-  [[nodiscard]] std::string_view by() const { return by_; }
+  double rate() const { return rate_; }
+  std::string_view by() const { return by_; }
 
  private:
   double rate_;

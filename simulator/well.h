@@ -44,12 +44,10 @@ class Well {
 
   explicit Well(const WellDeck& deck);
 
-  [[nodiscard]] const WellDeck& deck() const { return deck_; }
-  [[nodiscard]] bool is_open() const { return open_; }
-  [[nodiscard]] double uptime() const { return uptime_; }
-  [[nodiscard]] const std::array<std::optional<Limit>, kConstraintCount>& limits() const {
-    return limits_;
-  }
+  const WellDeck& deck() const { return deck_; }
+  bool is_open() const { return open_; }
+  double uptime() const { return uptime_; }
+  const std::array<std::optional<Limit>, kConstraintCount>& limits() const { return limits_; }
 
   void set_open(bool open) { open_ = open; }
   /// `fraction` is cut to 0 ... 1.
@@ -57,24 +55,23 @@ class Well {
   void set_limit(Constraint constraint, std::optional<Limit> limit);
 
   /// The largest allowed operating point. Constant time.
-  [[nodiscard]] OperatingPoint solve(const Surroundings& around) const;
+  OperatingPoint solve(const Surroundings& around) const;
 
   /// The operating point at this bottom-hole pressure, whatever the limits say. A producer's rates
   /// never rise with the pressure, an injector's never fall.
-  [[nodiscard]] OperatingPoint at_bottom_hole_pressure(const Surroundings& around,
-                                                       double pressure) const;
+  OperatingPoint at_bottom_hole_pressure(const Surroundings& around, double pressure) const;
 
  private:
   struct Column;  // the fluid in the tubing
   struct Mix;     // what a producer's drawdown term brings
 
-  [[nodiscard]] Column column(const Surroundings& around, const Mix& mix) const;
-  [[nodiscard]] Mix mix(const FlowState& flow) const;
-  [[nodiscard]] OperatingPoint solve_producer(const Surroundings& around) const;
-  [[nodiscard]] OperatingPoint solve_injector(const Surroundings& around) const;
-  [[nodiscard]] OperatingPoint producing(const Surroundings& around, double drawdown_term) const;
-  [[nodiscard]] OperatingPoint injecting(const Surroundings& around, double rate) const;
-  [[nodiscard]] const std::optional<Limit>& limit(Constraint constraint) const;
+  Column column(const Surroundings& around, const Mix& mix) const;
+  Mix mix(const FlowState& flow) const;
+  OperatingPoint solve_producer(const Surroundings& around) const;
+  OperatingPoint solve_injector(const Surroundings& around) const;
+  OperatingPoint producing(const Surroundings& around, double drawdown_term) const;
+  OperatingPoint injecting(const Surroundings& around, double rate) const;
+  const std::optional<Limit>& limit(Constraint constraint) const;
 
   WellDeck deck_;
   bool open_;
