@@ -11,14 +11,14 @@ class RunLog {
   /// With `details`, every step is followed by a line for each well.
   explicit RunLog(bool details) : details_(details) {}
 
-  void line(const std::string& text) const;
-  void summary(const simulator::Reservoir& run, const std::string& deck) const;
-  void step(const simulator::Reservoir& run);
-  void totals(const simulator::Reservoir& run) const;
+  void Line(const std::string& text) const;
+  void Summary(const simulator::Reservoir& run, const std::string& deck) const;
+  void Step(const simulator::Reservoir& run);
+  void Totals(const simulator::Reservoir& run) const;
 
  private:
-  void heading(const simulator::Reservoir& run) const;
-  void wells(const simulator::Reservoir& run) const;
+  void Heading(const simulator::Reservoir& run) const;
+  void Wells(const simulator::Reservoir& run) const;
 
   bool details_;
   bool headed_ = false;

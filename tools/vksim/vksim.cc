@@ -40,7 +40,7 @@ struct Options {
   simulator::Faults faults;
 };
 
-void declare(CLI::App& app, Options& options) {
+void Declare(CLI::App& app, Options& options) {
   const CLI::Range seconds(0.0, 1e6);
   app.add_option("path", options.path, "Directory of the deck")->required();
   app.add_option("root", options.root, "Name of the deck without .afi")->required();
@@ -71,16 +71,16 @@ void declare(CLI::App& app, Options& options) {
       ->check(CLI::Range(0, 3'600'000));
 }
 
-simulator::StopSignal* stop_on_signal = nullptr;
+simulator::StopSignal* g_stop = nullptr;
 
-extern "C" void handle_signal(int /*signal*/) {
-  stop_on_signal->raise();
+extern "C" void HandleSignal(int /*signal*/) {
+  g_stop->raise();
 }
 
-void stop_at_signals(simulator::StopSignal& stop) {
-  stop_on_signal = &stop;
+void StopAtSignals(simulator::StopSignal& stop) {
+  g_stop = &stop;
   struct sigaction action {};
-  action.sa_handler = handle_signal;
+  action.sa_handler = HandleSignal;
   sigaction(SIGTERM, &action, nullptr);
   sigaction(SIGINT, &action, nullptr);
   // Whoever reads the log may go; the run does not depend on it.
@@ -88,48 +88,48 @@ void stop_at_signals(simulator::StopSignal& stop) {
   sigaction(SIGPIPE, &action, nullptr);
 }
 
-std::chrono::milliseconds milliseconds(double seconds) {
+std::chrono::milliseconds Milliseconds(double seconds) {
   return std::chrono::milliseconds{std::llround(seconds * 1000)};
 }
 
-int report(ControllerLink::Ending ending, const RunLog& log) {
+int Report(ControllerLink::Ending ending, const RunLog& log) {
   switch (ending) {
     case ControllerLink::Ending::kShutdown:
-      log.line("Shut down by the controller");
+      log.Line("Shut down by the controller");
       return kOk;
     case ControllerLink::Ending::kControllerLeft:
-      log.line("The controller left");
+      log.Line("The controller left");
       return kOk;
     case ControllerLink::Ending::kStopped:
-      log.line("Stopped by a signal");
+      log.Line("Stopped by a signal");
       return kOk;
     case ControllerLink::Ending::kBroken:
     case ControllerLink::Ending::kFault:
       break;
   }
-  log.line("The connection broke");
+  log.Line("The connection broke");
   return kBrokenConnection;
 }
 
-int run(const Options& options) {
+int Run(const Options& options) {
   simulator::StopSignal stop;
-  stop_at_signals(stop);
+  StopAtSignals(stop);
   RunLog log(options.debug);
   const std::string path = simulator::deck_path(options.path, options.root);
   simulator::Reservoir reservoir(simulator::read_deck(path));
   if (options.early_end) reservoir.limit_end_time(*options.early_end);
-  log.summary(reservoir, path);
-  log.line(fmt::format("External controller {}; processes asked for: {}", options.api,
+  log.Summary(reservoir, path);
+  log.Line(fmt::format("External controller {}; processes asked for: {}", options.api,
                        options.processes));
   if (options.slow_start > 0 &&
-      stop.wait(-1, milliseconds(options.slow_start)) == simulator::StopSignal::Wait::kStopped) {
-    return report(ControllerLink::Ending::kStopped, log);
+      stop.wait(-1, Milliseconds(options.slow_start)) == simulator::StopSignal::Wait::kStopped) {
+    return Report(ControllerLink::Ending::kStopped, log);
   }
   simulator::Listener listener(options.address, options.port);
-  log.line(fmt::format("Listening on port {}", listener.port()));
-  const auto connection = listener.accept(milliseconds(options.wait_seconds), stop);
+  log.Line(fmt::format("Listening on port {}", listener.port()));
+  const auto connection = listener.accept(Milliseconds(options.wait_seconds), stop);
   if (!connection) {
-    if (stop.raised()) return report(ControllerLink::Ending::kStopped, log);
+    if (stop.raised()) return Report(ControllerLink::Ending::kStopped, log);
     fmt::print(stderr, "vksim: no controller came within {:g} s\n", options.wait_seconds);
     return kCannotRun;
   }
@@ -138,11 +138,11 @@ int run(const Options& options) {
   const auto api =
       options.api == "2016.2" ? ControllerLink::Api::k2016_2 : ControllerLink::Api::k2017_2;
   ControllerLink link(reservoir, api, faults, stop,
-                      {.stepped = [&log](const simulator::Reservoir& now) { log.step(now); },
-                       .noticed = [&log](const std::string& line) { log.line(line); }});
+                      {.stepped = [&log](const simulator::Reservoir& now) { log.Step(now); },
+                       .noticed = [&log](const std::string& line) { log.Line(line); }});
   const ControllerLink::Ending ending = link.serve(*connection);
-  log.totals(reservoir);
-  return report(ending, log);
+  log.Totals(reservoir);
+  return Report(ending, log);
 }
 
 }  // namespace
@@ -151,13 +151,13 @@ int main(int argc, char** argv) {
   try {
     CLI::App app("A stand-in for the reservoir simulator, driven by an external controller");
     Options options;
-    declare(app, options);
+    Declare(app, options);
     try {
       app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
       return app.exit(error) == 0 ? kOk : kUsage;
     }
-    return run(options);
+    return Run(options);
   } catch (const std::exception& error) {
     std::fprintf(stderr, "vksim: %s\n", error.what());
     return kCannotRun;

@@ -169,8 +169,8 @@ std::vector<Entry> MakeEntries() {
 }
 
 const std::vector<Entry>& Entries() {
-  static const std::vector<Entry> entries = MakeEntries();
-  return entries;
+  static const std::vector<Entry> kEntries = MakeEntries();
+  return kEntries;
 }
 
 const Entry& EntryOf(const std::string& name) {
@@ -197,12 +197,12 @@ std::string HelpLine(const CommandHelp& help) {
 }  // namespace
 
 const std::vector<CommandHelp>& CommandList() {
-  static const std::vector<CommandHelp> list = [] {
+  static const std::vector<CommandHelp> kList = [] {
     std::vector<CommandHelp> all;
     for (const Entry& entry : Entries()) all.push_back(entry.help);
     return all;
   }();
-  return list;
+  return kList;
 }
 
 std::string HelpText(const std::string& name) {

@@ -9,7 +9,7 @@
 namespace vkmaster {
 
 const std::vector<Quantity>& Quantities() {
-  static const std::vector<Quantity> all{
+  static const std::vector<Quantity> kAll{
       {"oil", "OIL_PRODUCTION_RATE", &Units::liquid_rate},
       {"water", "WATER_PRODUCTION_RATE", &Units::liquid_rate},
       {"liquid", "LIQUID_PRODUCTION_RATE", &Units::liquid_rate},
@@ -24,7 +24,7 @@ const std::vector<Quantity>& Quantities() {
       {"gas-density", "GAS_DENSITY", &Units::density},
       {"water-density", "WATER_DENSITY", &Units::density},
   };
-  return all;
+  return kAll;
 }
 
 std::string PropertyOf(const std::string& word) {
