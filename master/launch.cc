@@ -3,11 +3,11 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
-#include <cstdlib>
+#include <cstdint>
 #include <optional>
 #include <stdexcept>
 #include <string_view>
-#include <utility>
+#include <system_error>
 
 #include "master/errors.h"
 #include "master/request_writer.h"

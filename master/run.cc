@@ -3,7 +3,7 @@
 #include <string.h>
 
 #include <array>
-#include <utility>
+#include <optional>
 
 #include "master/errors.h"
 #include "master/reply_reader.h"

@@ -1,7 +1,6 @@
 #include "simulator/compositional_tank.h"
 
 #include <algorithm>
-#include <cmath>
 #include <limits>
 #include <numeric>
 

@@ -4,7 +4,7 @@
 
 #include <algorithm>
 #include <array>
-#include <limits>
+#include <exception>
 #include <optional>
 #include <stdexcept>
 #include <utility>

@@ -1,14 +1,17 @@
 #include "simulator/deck.h"
 
+#include <errno.h>
+
 #include <algorithm>
-#include <cerrno>
 #include <cmath>
+#include <cstdint>
 #include <fstream>
 #include <limits>
 #include <numeric>
 #include <set>
 #include <sstream>
 #include <system_error>
+#include <utility>
 
 #include "sections/section.h"
 

@@ -1,13 +1,14 @@
 #include "simulator/listener.h"
 
 #include <arpa/inet.h>
+#include <errno.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <bit>
-#include <cerrno>
 #include <stdexcept>
 #include <system_error>
 

@@ -1,5 +1,6 @@
 #include "simulator/stop_signal.h"
 
+#include <errno.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -7,7 +8,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <cstdint>
 #include <system_error>
 
@@ -40,8 +40,9 @@ StopSignal::Wait StopSignal::wait(int descriptor, std::chrono::milliseconds limi
     const auto longest = std::clamp<std::int64_t>(left, 0, 3'600'000);
     const int ready =
         poll(watched.data(), watched.size(), limit.count() < 0 ? -1 : static_cast<int>(longest));
-    if (ready < 0 && errno != EINTR)
+    if (ready < 0 && errno != EINTR) {
       throw std::system_error(errno, std::generic_category(), "poll");
+    }
     if (ready > 0 && watched[0].revents != 0) return Wait::kStopped;
     if (ready > 0) return Wait::kReady;
     if (limit.count() >= 0 && Clock::now() >= end) return Wait::kTimeout;

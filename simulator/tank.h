@@ -114,12 +114,10 @@ class Tank {
 
   double tubing_pressure(double pressure) const;
 
-  // NOLINTBEGIN(misc-non-private-member-variables-in-classes): shared by the two kinds of tank
   FlowState flow_;
   double scale_ = 1;
   double water_ = 0;  // sm3
   double fluid_temperature_;
-  // NOLINTEND(misc-non-private-member-variables-in-classes)
 
  private:
   double initial_pressure_;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <numbers>
+#include <utility>
 
 #include "simulator/equation_of_state.h"
 #include "simulator/root_finding.h"

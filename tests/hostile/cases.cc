@@ -196,8 +196,9 @@ std::vector<Case> ReadCases(const std::string& directory) {
   std::set<std::string> names;
   std::map<std::string, std::string> contents;
   for (const Case& one : cases) {
-    if (!names.insert(one.name).second)
+    if (!names.insert(one.name).second) {
       throw std::runtime_error(one.file + ": second case " + one.name);
+    }
     const auto [other, fresh] = contents.emplace(one.Content(), one.name);
     if (!fresh) throw std::runtime_error(one.name + " does what " + other->second + " does");
   }

@@ -4,7 +4,9 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
+#include <exception>
 #include <functional>
 #include <memory>
 #include <optional>

@@ -1,10 +1,12 @@
 // The stand-in simulator: runs a deck under the control of whoever connects to its port.
 
-#include <csignal>
+#include <signal.h>
+
+#include <chrono>
+#include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <exception>
-#include <limits>
 #include <optional>
 #include <string>
 

@@ -1,5 +1,6 @@
 #include "tools/vkmaster/command_line/hints.h"
 
+#include <stdexcept>
 #include <string_view>
 
 #include <fmt/format.h>

@@ -3,7 +3,6 @@
 #include <stdlib.h>
 
 #include <memory>
-#include <set>
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>

@@ -10,13 +10,16 @@
 
 #include <array>
 #include <cstdio>
+#include <exception>
 #include <filesystem>
 #include <memory>
+#include <utility>
 
 #include "tools/vkmaster/command_line/interrupt.h"
 #include "tools/vkmaster/commands/registry.h"
 #include "tools/vkmaster/session/quantities.h"
 #include "tools/vkmaster/text/usage_error.h"
+#include "tools/vkmaster/text/words.h"
 
 namespace vkmaster {
 namespace {

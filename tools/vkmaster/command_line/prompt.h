@@ -6,7 +6,6 @@
 #include <vector>
 
 #include "tools/vkmaster/command_line/input.h"
-#include "tools/vkmaster/text/words.h"
 
 namespace vkmaster {
 

@@ -1,7 +1,6 @@
 #include "tools/vkmaster/commands/advance.h"
 
-#include <algorithm>
-#include <string_view>
+#include <vector>
 
 #include <fmt/format.h>
 

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <optional>
+#include <string>
+
 #include "tools/vkmaster/commands/command.h"
 #include "tools/vkmaster/text/words.h"
 

@@ -1,8 +1,10 @@
 #include "tools/vkmaster/commands/fluid.h"
 
+#include <stdlib.h>
+
 #include <algorithm>
 #include <cmath>
-#include <cstdlib>
+#include <cstdint>
 #include <numeric>
 #include <utility>
 

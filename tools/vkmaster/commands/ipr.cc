@@ -1,7 +1,11 @@
 #include "tools/vkmaster/commands/ipr.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <map>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include <fmt/format.h>
 

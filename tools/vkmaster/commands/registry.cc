@@ -1,6 +1,8 @@
 #include "tools/vkmaster/commands/registry.h"
 
 #include <algorithm>
+#include <functional>
+#include <utility>
 
 #include <fmt/format.h>
 

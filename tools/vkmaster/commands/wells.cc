@@ -1,6 +1,9 @@
 #include "tools/vkmaster/commands/wells.h"
 
+#include <algorithm>
+#include <iterator>
 #include <map>
+#include <utility>
 
 #include <fmt/format.h>
 

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <string>
+#include <vector>
+
 #include "tools/vkmaster/commands/command.h"
 
 namespace vkmaster {

@@ -4,7 +4,10 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <system_error>
+#include <type_traits>
+#include <variant>
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
@@ -209,8 +212,9 @@ std::string FormatTable(const Table& table) {
   std::string text = table.title.empty() ? "" : table.title + "\n";
   for (const auto& cells : lines) {
     std::string line;
-    for (std::size_t i = 0; i < cells.size(); ++i)
+    for (std::size_t i = 0; i < cells.size(); ++i) {
       line += Pad(cells[i], widths[i], right[i]) + "  ";
+    }
     text += TrimRight(line) + "\n";
   }
   return text;

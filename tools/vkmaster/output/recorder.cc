@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <system_error>
 #include <utility>
+#include <vector>
 
 #include <fmt/format.h>
 

@@ -1,7 +1,9 @@
 #include "tools/vkmaster/session/session.h"
 
+#include <stdlib.h>
+
 #include <algorithm>
-#include <cstdlib>
+#include <iterator>
 #include <unordered_set>
 
 #include "tools/vkmaster/text/usage_error.h"

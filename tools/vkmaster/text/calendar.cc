@@ -1,7 +1,9 @@
 #include "tools/vkmaster/text/calendar.h"
 
 #include <charconv>
+#include <chrono>
 #include <cmath>
+#include <system_error>
 
 #include <fmt/core.h>
 

@@ -4,6 +4,8 @@
 #include <cctype>
 #include <charconv>
 #include <cmath>
+#include <system_error>
+#include <utility>
 
 #include "tools/vkmaster/text/usage_error.h"
 
