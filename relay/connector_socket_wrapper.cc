@@ -1,8 +1,10 @@
 #include "relay/connector_socket_wrapper.h"
 
 #include <malloc.h>
+#include <unistd.h>
 
 #include <array>
+#include <cstddef>
 #include <new>
 #include <stdexcept>
 #include <utility>
@@ -65,9 +67,15 @@ std::array<unsigned char, getbuf::kBufferSize> sub_request_buffer;
 // Points of an inflow table, as many as the master's tables have.
 constexpr std::size_t kTablePoints = 10;
 
-// So many bytes in the replies to one request are much: they were made from several times as many,
-// which is more than a field of 50,000 wells needs each time that it is looked at.
-constexpr std::int64_t kMuch = 4 << 20;
+// A heap that has grown by more than this since the first request holds what a large answer has
+// left there. The status of 50,000 wells, whose memory would take longer to get anew each time than
+// to fill, makes it grow by 5 MiB.
+constexpr std::ptrdiff_t kMuchGrowth = 8 << 20;
+
+// The end of the heap; it is known without asking the system.
+char* HeapEnd() {
+  return static_cast<char*>(sbrk(0));
+}
 
 // After a large answer the heap is many small freed blocks between live ones. The next request may
 // take hours, so the pages go back to the system now.
@@ -107,6 +115,7 @@ int ConnectorSocketWrapper::ProcessRequests(std::string& error) {
   std::string reason;
   reason.reserve(kReasonRoom);
   error.reserve(kReasonRoom);
+  const char* const usual_heap_end = HeapEnd();
   while (true) {
     int length = 0;
     auto* buffer = reinterpret_cast<char*>(receive_buffer.data());
@@ -118,13 +127,12 @@ int ConnectorSocketWrapper::ProcessRequests(std::string& error) {
     const auto code = UnPack<unsigned>(header);
     *log_ << "Received header: " << static_cast<unsigned long>(code)
           << "\n";  // NOLINT(google-runtime-int)
-    sent_ = 0;
     if (Handle(code, receive_buffer.data() + sizeof(code), reason) > 0) {
       Fail("Failed to handle data packet received from master: ", reason.c_str(), error);
       return 2;
     }
     if (code == kShutdown) return 0;
-    if (sent_ > kMuch) ReturnFreeMemory();
+    if (HeapEnd() - usual_heap_end > kMuchGrowth) ReturnFreeMemory();
   }
 }
 
@@ -204,7 +212,6 @@ void ConnectorSocketWrapper::RunHandler(unsigned code, const unsigned char* body
 
 int ConnectorSocketWrapper::ReturnWithAck(sendbuf& reply, int ack, int code) {
   reply.Pack(ack);
-  sent_ += reply.used();
   return reply.Send(master_, static_cast<unsigned>(code));
 }
 

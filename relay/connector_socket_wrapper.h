@@ -82,5 +82,4 @@ class ConnectorSocketWrapper {
   std::int32_t port_;
   std::int32_t timeout_;
   std::int32_t version_;
-  std::int64_t sent_ = 0;  // bytes of the replies to the present request
 };
