@@ -48,8 +48,9 @@ COMMANDS
   grep -q ' 2029-12-01 ' "$work/TENWELLS.txt"
   logged '^Host detected: '
   logged "$script: job .* is submitted"
-  grep -q 'Stopped\|finished\|Shut down\|shut down' "$work/data/TENWELLS.out"
+  # The simulator may still be writing when the master has its answer.
   all_is_quiet
+  grep -q 'Stopped\|finished\|Shut down\|shut down' "$work/data/TENWELLS.out"
   [[ $(grep -c '^HOST=' "$work/daemon.out") == 1 ]]
 }
 
