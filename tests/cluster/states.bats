@@ -99,7 +99,7 @@ fails() {
 
 @test "CommandThatHangsSaysNothingAboutTheJob" {
   behave delay 2
-  start_script JOBMILL_COMMAND_SECONDS=1
+  start_script
   submitted
   behave hang 1
   runs
