@@ -127,7 +127,7 @@ as_many_jobs_as() { (($(jobs | wc -l) == $1)); }
   # Ends neither by itself nor with its controller.
   cat >"$work/deaf" <<SIMULATOR
 #!/bin/bash
-"$programs/vksim" "\$@" &
+"$work/bin/vksim-node" "\$@" &
 while true; do sleep 0.2; done
 SIMULATOR
   chmod +x "$work/deaf"

@@ -59,8 +59,8 @@ timeout() {
     echo 'set -e'
     echo "trap 'kill \$(jobs -p)' EXIT"
     blocks ''
-    # Simulators on this machine, on its loopback interface only.
-    echo "sed -i 's/0\\.0\\.0\\.0/127.0.0.1/' $work/opt/jobmill/bin/vksim-node"
+    # Simulators on this machine, where the name of their node leads.
+    echo "sed -i 's/0\\.0\\.0\\.0/${address:-127.0.0.1}/' $work/opt/jobmill/bin/vksim-node"
     # Whoever types is slower than a daemon that starts.
     echo "work=$work"
     declare -f listens timeout

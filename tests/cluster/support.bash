@@ -11,13 +11,16 @@
 #   stop_scheduler, start_scheduler
 #   settings            lines for the environment file
 #
-# and `queues`, which is false where nothing ever waits.
+# and `queues`, which is false where nothing ever waits, and `address`, where simulators listen.
 
 root_directory=$(cd -- "$(dirname -- "${BASH_SOURCE[0]}")/../.." && pwd)
 cluster_tests=$root_directory/tests/cluster
 programs=${JOBMILL_PROGRAMS:-$root_directory/build/release/bin}
 examples=$root_directory/deploy/examples
 queues=true
+# Most schedulers tell the name of this machine as that of the node. It need not lead to 127.0.0.1:
+# Debian's installer gives it 127.0.1.1.
+address=$(getent ahostsv4 "$(uname -n)" | sed -n '1s/ .*//p')
 fake=$cluster_tests/fakes/scheduler
 settings() { :; }
 # shellcheck source=/dev/null
@@ -97,6 +100,9 @@ prepare() {
   mkdir "$work/data" "$work/bin"
   export TMPDIR=$work
   cp "$examples"/*.afi "$work/data"
+  printf '#!/bin/sh\nexec "%s" "$@" --address "%s"\n' "$programs/vksim" "${address:-127.0.0.1}" \
+    >"$work/bin/vksim-node"
+  chmod +x "$work/bin/vksim-node"
   # shellcheck disable=SC1091
   [[ ! -e $site_directory/env ]] || source "$site_directory/env"
   daemon='' launched=''
@@ -125,7 +131,7 @@ tidy_up() {
 }
 
 environment_file() {
-  printf '%s\n' "JOBMILL_SIMULATOR $programs/vksim" 'JOBMILL_POLL_SECONDS 1' \
+  printf '%s\n' "JOBMILL_SIMULATOR $work/bin/vksim-node" 'JOBMILL_POLL_SECONDS 1' \
     'JOBMILL_GRACE_SECONDS 1' 'JOBMILL_COMMAND_SECONDS 5'
   settings
 }

@@ -2,6 +2,7 @@
 # Two names for this machine, served by an sshd of our own on loopback.
 script=ssh
 queues=false
+address=127.0.0.1
 site_available() {
   if [[ ! -x /usr/sbin/sshd ]] || ! command -v ssh ssh-keygen >/dev/null; then
     echo 'not installed: openssh-server or openssh-client'
