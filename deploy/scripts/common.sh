@@ -6,7 +6,8 @@
 #
 #   needed             words: the scheduler's commands
 #   submit             submits $job_file for $slots processors, under the name $job_name; sets $job.
-#                      Not 0: nothing is known to be submitted
+#                      The file is there for this machine and until the end of the run only: the
+#                      scheduler has to take its text along. Not 0: nothing is known to be submitted
 #   refused            whether $complaint says that the same again would be refused again
 #   query              asks for $job and sets $state (waiting, held, running, ended; absent when the
 #                      scheduler does not know it), $reason, and $node, the first of its nodes.
@@ -22,6 +23,7 @@
 # Variables are shared with the scripts, and numbers are set by name:
 # shellcheck disable=SC2034,SC2154
 set -uo pipefail
+job_name=''
 
 # One line in the jobmill's log. Beyond 1,023 characters the jobmill would take it in pieces, one of
 # which could begin like a host line.
@@ -36,8 +38,8 @@ give_up() {
   exit 1
 }
 
-# The last words of file $1, in the jobmill's log.
-show_end_of() { tail -c 2000 -- "$1" 2>/dev/null | tail -n 5 | cut -c 1-300 | sed 's/^/  /'; }
+# The last words of the file that is standard input, in the jobmill's log.
+show_end() { tail -c 2000 | tail -n 5 | cut -c 1-300 | sed 's/^/  /'; }
 
 # Whether something on this machine listens on TCP port $1.
 listens() {
@@ -91,6 +93,35 @@ read_arguments() {
   (($# == 5)) || give_up "expects 5 arguments: processes, data path, root name, port, debug flag"
   processes=$1 data=$2 root=$3 port=$4 debug=$5
   output=$root.out
+}
+
+# Enters directory $1 of this one. Others may be able to write here, and to put a link or another
+# directory in its place: it has to be here, of this account, and closed to everybody else.
+enter() {
+  local above
+  above=$(stat -c %d:%i .)
+  cd -P -- "$1" && [[ -O . && $(stat -c %a .) == *700 && $(stat -c %d:%i ..) == "$above" ]]
+}
+
+# Makes and enters a directory of the run's own in the data directory. Nobody else can put anything
+# into it, or replace what is there, so what the run creates is created here, and what it reads is
+# read from here. It can be renamed by others: it is always `.`, never a path. $mark is the run's own.
+make_private() {
+  local readable=${root//[^A-Za-z0-9]/} made
+  # With what mktemp adds 15 characters, beginning with a letter: some schedulers take no more as a name.
+  if ! made=$(mktemp -d "vk_${readable:0:6}_XXXXX") || ! enter "$made" || [[ -n $(ls -A) ]]; then
+    give_up "account $(id -un) cannot make a directory of its own in '$data'"
+  fi 2>/dev/null
+  job_name=$made
+  read -r mark </proc/sys/kernel/random/uuid
+}
+
+# Removes that directory. By its name nothing is removed but what is empty.
+remove_private() {
+  [[ -n $job_name ]] || return 0
+  rm -f report out
+  cd -P .. && rmdir -- "$job_name" 2>/dev/null
+  job_name=
 }
 
 # Sets $arguments to those of the simulator.
@@ -156,9 +187,10 @@ read_settings() {
 
 # ask COMMAND...: a command of the scheduler, bounded in time. What it printed is in $answer; when it
 # fails, $complaint says why in one line. It reads $input, when that names a file. Files rather than
-# pipes: what a command leaves running in the background would keep a pipe open.
+# pipes: what a command leaves running in the background would keep a pipe open. It runs in the one
+# directory that every node has: many schedulers start the job where it was submitted.
 ask() {
-  LC_ALL=C timeout --kill-after=2 "$command_seconds" "$@" <"${input:-/dev/null}" \
+  (cd / && LC_ALL=C exec timeout --kill-after=2 "$command_seconds" "$@") <"${input:-/dev/null}" \
     >"$scratch/answer" 2>"$scratch/complaint" {never}>&-
   local status=$?
   answer=$(<"$scratch/answer")
@@ -226,7 +258,7 @@ explain() {
 
 clean_up() {
   # The report is also the job's permission to start: see write_job.
-  [[ -z ${report:-} ]] || rm -f -- "$report" "$job_file"
+  remove_private
   [[ -z ${scratch:-} ]] || rm -rf -- "$scratch"
 }
 
@@ -244,33 +276,26 @@ exported_variables() {
   done
 }
 
-# Writes the job. It reports to the script through a file beside the data: the host, its addresses,
-# why the simulator does not start, or that it listens.
+# Writes the job. It reports to the script through a file in the private directory: the host, its
+# addresses, why the simulator does not start, or that it listens.
 write_job() {
-  local characters=0123456789abcdefghijklmnopqrstuvwxyz token='' arguments
-  while ((${#token} < 5)); do token+=${characters:SRANDOM % 36:1}; done
-  # 15 characters, beginning with a letter: some schedulers take no more.
-  local readable=${root//[^A-Za-z0-9]/}
-  job_name=vk_${readable:0:6}_$token
-  job_file=${data%/}/$job_name.job
-  report=${data%/}/$job_name.host
-  # Never over a link that somebody has put there.
-  (set -C && : >"$report") 2>/dev/null || { report=; give_up "account $(id -un) cannot write to '$data'"; }
-  : >"$output" || give_up "cannot write '${data%/}/$output'"
+  local arguments
+  make_private
+  echo "$mark" >report
+  rm -f -- "../$output" 2>/dev/null || give_up "cannot write '${data%/}/$output'"
   simulator_arguments
-  # The variables are nobody else's business.
-  (set -C && umask 077 && : >"$job_file")
+  job_file=$scratch/$job_name.job
   {
     printf '#!/bin/bash\n# A run of the jobmill. Removed when it is over.\n'
     exported_variables
-    declare -f listens close_descriptors
-    printf '%s=%q\n' data "$data" output "$output" report "$report" simulator "$simulator" \
-      port "$port" listen_seconds "$listen_seconds"
+    declare -f listens close_descriptors enter
+    printf '%s=%q\n' data "$data" output "$output" job_name "$job_name" mark "$mark" \
+      simulator "$simulator" port "$port" listen_seconds "$listen_seconds"
     printf 'arguments=('
     printf '%q ' "${arguments[@]}"
     printf ')\n'
     cat <<'JOB'
-tell() { echo "$*" >>"$report"; }
+tell() { echo "$*" >>report; }
 tell_when_it_listens() {
   local pid=$1 fifths
   for ((fifths = 0; fifths < listen_seconds * 5; ++fifths)); do
@@ -282,19 +307,23 @@ tell_when_it_listens() {
     return
   done
 }
-# No file: nobody waits for this run any more. Not empty: the scheduler starts it once more.
-[[ -e $report && ! -s $report ]] || exit 0
 cd -- "$data" || exit 1
-exec </dev/null >>"$output" 2>&1
+# No report: nobody waits for this run any more. More than the mark: the scheduler starts it once more.
+{ enter "$job_name" && [[ $(<report) == "$mark" ]]; } 2>/dev/null || exit 0
+exec </dev/null >>out 2>&1
 close_descriptors
 tell node "$(uname -n)"
 for address in $(hostname -I 2>/dev/null); do
   [[ $address == *:* ]] || { tell address "$address"; break; }
 done
+# It keeps its name here, too, so that its end can be shown; where links cannot lead from directory to
+# directory, it moves. Neither follows what is there.
+{ ln -fT out "../$output" || mv -fT out "../$output"; } 2>/dev/null || { tell unwritable; exit 1; }
 program=$(command -v -- "$simulator") && [[ -x $program && ! -d $program ]] || { tell missing; exit 1; }
 if listens "$port"; then tell taken; exit 1; fi
 # A grandchild, for which the simulator need not wait.
 (tell_when_it_listens $$ </dev/null >/dev/null 2>&1 &)
+cd -P .. || exit 1
 exec "$program" "${arguments[@]}"
 JOB
   } >"$job_file" || give_up "cannot write '$job_file'"
@@ -309,9 +338,10 @@ read_report() {
     case $key in
       node) told_node=$value ;;
       address) told_address=$value ;;
+      "$mark") ;;
       *) verdict=$key ;;
     esac
-  done 2>/dev/null <"$report"
+  done <report
 }
 
 submit_job() {
@@ -360,6 +390,7 @@ explain_verdict() {
   case $verdict in
     taken) explain "port $port is taken on node $where (job $job)" ;;
     missing) explain "the simulator '$simulator' cannot be executed on node $where (job $job)" ;;
+    unwritable) explain "cannot write '${data%/}/$output' on node $where (job $job)" ;;
   esac
 }
 
@@ -371,7 +402,7 @@ explain_end() {
     ((ran)) && explain "job $job ended before it could start the simulator$after; do the nodes see '$data'?"
     explain "job $job was ended while it waited$after"
   fi
-  show_end_of "$output"
+  [[ ! -e out ]] || show_end <out
   explain "job $job ended on node $told_node before the simulator listened$after; see '${data%/}/$output'"
 }
 

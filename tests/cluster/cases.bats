@@ -184,6 +184,20 @@ nothing_of() { [[ -z $(processes_with "$1") ]]; }
   all_is_quiet
 }
 
+@test "OutputIsTheOnlyFileBesideTheDataAndFollowsNoLink" {
+  start_daemon
+  echo treasure >"$work/treasure"
+  ln -s "$work/treasure" "$work/data/TENWELLS.out"
+  local before
+  before=$(cd "$work/data" && echo *)
+  master TENWELLS --processes 2 status >"$work/TENWELLS.txt" 2>&1
+  all_is_quiet
+  grep -q 'Listening on port' "$work/data/TENWELLS.out"
+  [[ $(<"$work/treasure") == treasure ]]
+  rm -f "$work/data"/*.crvnlog
+  [[ $(cd "$work/data" && echo *) == "$before" ]]
+}
+
 @test "UnknownQueueIsExplained" {
   needs_queue
   [[ $script != htcondor ]] || skip "HTCondor has no queues"

@@ -44,7 +44,7 @@ SIMULATOR
   chmod +x "$work/curious"
 }
 
-printed() { grep -qE "$1" "$work/out"; }
+printed() { grep -qsE "$1" "$work/out"; }
 runs() { eventually 20 printed '^HOST='; }
 
 @test "WrongSettingsGiveOneLine" {
@@ -190,27 +190,198 @@ reads_and_writes_nothing() {
   never printed '.{1000}'
 }
 
-@test "VariablesOfTheRunAreNobodyElsesBusiness" {
-  "$fake" set "$site_directory" delay -1
-  start_script TENWELLS
-  eventually 10 printed 'is submitted$'
-  [[ $(stat -c %a "$work"/data/vk_TENWEL_*.job) == 700 ]]
+submitted() { eventually 10 printed ' is submitted$'; }
+# The scheduler's copy of the job.
+spooled() { echo "$site_directory/$(sed -n 's/.* job \([0-9]*\) .* is submitted$/\1/p' "$work/out").script"; }
+refused() {
+  local status=0
+  wait "$launched" || status=$?
+  ((status == 1))
+  never printed '^HOST='
+}
+ends() {
   kill "$launched"
-  "$fake" set "$site_directory" delay 0
+  eventually 10 gone "$launched"
+  eventually 10 no_jobs
+}
+
+@test "WhatIsExecutedOrHoldsVariablesIsNotBesideTheData" {
+  occupy
+  start_script TENWELLS LICENCE=1700@head
+  submitted
+  [[ $(stat -c %a "$work"/data/vk_TENWEL_*) == 700 ]]
+  never grep -rqs 1700@head "$work/data"
+  [[ -z $(find "$work/data" -type f -perm /111) ]]
+  # What the scheduler was given is nobody else's business, either.
+  local file
+  file=$(grep -rlsF 1700@head "$TMPDIR"/jobmill.*)
+  [[ $(stat -c %a "$(dirname "$file")") == 700 ]]
 }
 
 @test "JobThatNobodyWaitsForEndsAsSoonAsItStarts" {
-  "$fake" set "$site_directory" delay -1
+  occupy
   start_script TENWELLS
-  eventually 10 printed 'is submitted$'
-  local job
-  job=$(echo "$work"/data/vk_TENWEL_*.job)
-  cp "$job" "$work/job"
+  submitted
   kill "$launched"
   eventually 10 gone "$launched"
-  timeout 10 bash "$work/job"
+  timeout 10 bash "$(spooled)"
   never listens "$comms"
-  "$fake" set "$site_directory" delay 0
+}
+
+@test "JobThatIsStartedOnceMoreDoesNothing" {
+  start_script TENWELLS
+  runs
+  cp "$work"/data/vk_*/report "$work/report"
+  timeout 10 bash "$(spooled)"
+  cmp "$work"/data/vk_*/report "$work/report"
+  [[ $(simulators | wc -l) == 1 ]]
+}
+
+# plant KIND FILE: what somebody else could put there. What it leads to is checked by untouched.
+plant() {
+  echo treasure >"$work/treasure"
+  rm -rf "$2"
+  case $1 in
+    link) ln -s "$work/treasure" "$2" ;;
+    dangling) ln -s "$work/nothing" "$2" ;;
+    pipe) mkfifo "$2" ;;
+    file) ln "$work/treasure" "$2" ;;
+  esac
+}
+untouched() { [[ $(<"$work/treasure") == treasure && ! -e $work/nothing ]]; }
+has_output() { [[ -f $work/data/TENWELLS.out && ! -L $work/data/TENWELLS.out ]] && grep -q 'Listening on port' "$work/data/TENWELLS.out"; }
+
+@test "OutputTakesThePlaceOfWhatWasPlantedThere" {
+  local kind
+  for kind in link dangling pipe file; do
+    plant "$kind" "$work/data/TENWELLS.out"
+    start_script TENWELLS
+    runs
+    has_output
+    untouched
+    ends
+  done
+}
+
+@test "OutputTakesThePlaceOfWhatIsPlantedWhileTheJobWaits" {
+  local kind
+  for kind in link dangling pipe file; do
+    occupy
+    start_script TENWELLS
+    submitted
+    plant "$kind" "$work/data/TENWELLS.out"
+    release
+    runs
+    has_output
+    untouched
+    ends
+  done
+}
+
+@test "OutputThatCannotBeReplacedIsExplained" {
+  mkdir "$work/data/TENWELLS.out"
+  start_script TENWELLS
+  refused
+  printed "^slurm: cannot write '$work/data/TENWELLS.out'$"
+  rmdir "$work/data/TENWELLS.out"
+  occupy
+  start_script TENWELLS
+  submitted
+  mkdir "$work/data/TENWELLS.out"
+  release
+  refused
+  printed "^slurm: cannot write '$work/data/TENWELLS.out' on node $(uname -n) "
+  no_leftovers
+}
+
+@test "EndOfTheOutputIsNotReadThroughALink" {
+  echo treasure >"$work/treasure"
+  printf '#!/bin/bash\nln -sf "%s" TENWELLS.out\necho last words\nexit 4\n' "$work/treasure" >"$work/thief"
+  chmod +x "$work/thief"
+  start_script TENWELLS JOBMILL_SIMULATOR="$work/thief"
+  refused
+  printed '^  last words$'
+  never printed treasure
+}
+
+# Directories that a run must not take for its own: not made by it, not in the data directory, not
+# closed to others, of another account.
+impostors() { echo 'full elsewhere open'; ((EUID != 0)) || echo foreign; }
+
+# put KIND DIRECTORY: puts one in the place of a run's.
+put() {
+  mv "$2" "$2.away"
+  case $1 in
+    full)
+      mkdir -m 700 "$2"
+      echo precious >"$2/report"
+      ;;
+    elsewhere)
+      mkdir -m 700 "$work/elsewhere"
+      ln -s "$work/elsewhere" "$2"
+      ;;
+    open) mkdir -m 777 "$2" ;;
+    foreign)
+      mkdir -m 700 "$2"
+      chown 61234 "$2"
+      ;;
+  esac
+}
+
+@test "DirectoryThatIsPutInThePlaceOfTheRunsIsNotUsed" {
+  # Just when it is made.
+  cat >"$work/bin/mktemp" <<MKTEMP
+#!/bin/bash
+work="$work" made=\$($(command -v mktemp) "\$@") && echo "\$made"
+$(declare -f put)
+[[ \$made != vk_* ]] || put "\$kind" "\$made"
+MKTEMP
+  chmod +x "$work/bin/mktemp"
+  local kind
+  for kind in $(impostors); do
+    start_script TENWELLS PATH="$work/bin:$PATH" kind="$kind"
+    refused
+    printed "^slurm: account $(id -un) cannot make a directory of its own in '$work/data'$"
+    [[ $(find "$work/data" "$work/elsewhere" -type f -newer "$work/bin/mktemp" 2>/dev/null | sed 's|.*/||') == \
+      $([[ $kind != full ]] || echo report) ]]
+    [[ $kind != full || $(cat "$work"/data/vk_*/report) == precious ]]
+    rm -rf "$work"/data/vk_* "$work/elsewhere"
+  done
+}
+
+@test "JobStartsFromTheRunsOwnDirectoryOnly" {
+  local kind own
+  for kind in $(impostors) other; do
+    occupy
+    start_script TENWELLS
+    submitted
+    own=$(echo "$work"/data/vk_*)
+    if [[ $kind == other ]]; then
+      # Another run's.
+      echo mark >"$own/report"
+    else
+      put "$kind" "$own"
+      # More than whoever cannot read it could do.
+      [[ $kind == full ]] || cp "$own.away/report" "$own/report"
+    fi
+    release
+    refused
+    printed 'was ended while it waited|before it could start'
+    never listens "$comms"
+    [[ $kind != full || $(<"$own/report") == precious ]]
+    rm -rf "$work"/data/vk_* "$work/elsewhere"
+  done
+}
+
+@test "NothingButTheRunsOwnIsRemoved" {
+  start_script TENWELLS
+  runs
+  local own
+  own=$(echo "$work"/data/vk_*)
+  put full "$own"
+  ends
+  [[ $(<"$own/report") == precious ]]
+  [[ -z $(ls -A "$own.away") ]]
 }
 
 @test "SimulatorThatNeverListensIsGivenUp" {

@@ -5,7 +5,9 @@
 
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <string>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -16,6 +18,7 @@
 namespace {
 
 using testing::HasSubstr;
+using testing::Not;
 
 std::string ExampleDeck() {
   std::ifstream file(EXAMPLES_DIR "/TENWELLS.afi");
@@ -58,6 +61,53 @@ TEST(LocalScriptTest, OutputOfAFailedSimulatorIsNoHostLine) {
   EXPECT_EQ(deceived.RefusalOf("CASE"), "No host detected");
   EXPECT_THAT(deceived.daemon().Logged(), HasSubstr("  HOST=elsewhere\n"));
   EXPECT_THAT(deceived.daemon().Logged(), HasSubstr("local: the simulator ended with status 3"));
+}
+
+// What somebody else could put where the output goes; nothing of it is followed or waited for.
+TEST(LocalScriptTest, OutputTakesThePlaceOfWhatWasPlantedThere) {
+  namespace fs = std::filesystem;
+  Site site;
+  const std::string treasure = site.data().Write("treasure", "gold");
+  const std::string output = site.data().File("CASE.out");
+  const std::string nothing = site.data().File("nothing");
+  const std::vector<std::function<void()>> plants = {
+      [&] { fs::create_symlink(treasure, output); }, [&] { fs::create_symlink(nothing, output); },
+      [&] { fs::create_hard_link(treasure, output); },
+      [&] { ASSERT_EQ(mkfifo(output.c_str(), 0666), 0); }};
+  for (const auto& plant : plants) {
+    fs::remove(output);
+    plant();
+    const auto run = site.Start("CASE", ExampleDeck());
+    run->Shutdown();
+    EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(output)));
+    EXPECT_THAT(site.data().Read("CASE.out"), HasSubstr("Listening on port"));
+    EXPECT_EQ(site.data().Read("treasure"), "gold");
+    EXPECT_FALSE(fs::exists(nothing));
+  }
+  EXPECT_TRUE(site.IsQuiet("CASE"));
+  for (const auto& entry : fs::directory_iterator(site.data().path())) {
+    EXPECT_FALSE(entry.path().filename().string().starts_with("vk_")) << entry;
+  }
+}
+
+TEST(LocalScriptTest, OutputThatCannotBeReplacedIsExplained) {
+  Site site;
+  std::filesystem::create_directory(site.data().File("CASE.out"));
+  EXPECT_EQ(site.RefusalOf("CASE"), "No host detected");
+  EXPECT_THAT(site.daemon().Logged(), HasSubstr("local: cannot write '"));
+  EXPECT_THAT(site.daemon().Logged(), HasSubstr("CASE.out'\n"));
+}
+
+TEST(LocalScriptTest, EndOfTheOutputIsNotReadThroughALink) {
+  const TemporaryDirectory files;
+  const std::string treasure = files.Write("treasure", "gold\n");
+  const std::string thief = files.Write(
+      "thief", "#!/bin/bash\nln -sf \"" + treasure + "\" CASE.out\necho last words\nexit 4\n");
+  chmod(thief.c_str(), 0755);
+  Site site({"JOBMILL_SIMULATOR=" + thief});
+  EXPECT_EQ(site.RefusalOf("CASE"), "No host detected");
+  EXPECT_THAT(site.daemon().Logged(), HasSubstr("  last words\n"));
+  EXPECT_THAT(site.daemon().Logged(), Not(HasSubstr("gold")));
 }
 
 TEST(LocalScriptTest, SettingWithoutSenseIsExplained) {
