@@ -41,11 +41,47 @@ give_up() {
 # The last words of the file that is standard input, in the jobmill's log.
 show_end() { tail -c 2000 | tail -n 5 | cut -c 1-300 | sed 's/^/  /'; }
 
-# Whether something on this machine listens on TCP port $1.
-listens() {
+# Prints account and inode of each socket of this machine that listens on TCP port $1.
+listeners() {
   local port
   printf -v port '%04X' "$1"
-  grep -qsE "^ *[0-9]+: [0-9A-F]+:$port [0-9A-F]+:0000 0A " /proc/net/tcp /proc/net/tcp6
+  sed -nE "s/^ *[0-9]+: [0-9A-F]+:$port [0-9A-F]+:0000 0A [^ ]+ [^ ]+ [^ ]+ +([0-9]+) +[0-9]+ ([0-9]+) .*/\1 \2/p" \
+    /proc/net/tcp /proc/net/tcp6 2>/dev/null
+}
+
+# Whether something on this machine listens on TCP port $1.
+listens() { [[ -n $(listeners "$1") ]]; }
+
+# Whether process $1 is of this run: it has the run's mark in its environment, or descends from
+# process $2.
+of_this_run() {
+  local process=$1 stat
+  ! grep -qszxF -- "JOBMILL_RUN=$mark" "/proc/$process/environ" || return 0
+  while ((process > 1 && process != $2)); do
+    read -r stat 2>/dev/null <"/proc/$process/stat" || return
+    read -r _ process _ <<<"${stat##*) }"  # behind the name: state, parent
+  done
+  ((process == $2))
+}
+
+# Whether the run whose simulator is process $2 listens on TCP port $1: 0; 1 when nobody does. 2 when
+# it is somebody else, who would get the run: another account, which is then $stranger, or this one
+# for another purpose. Where none of the account's processes can be seen to have the socket, the
+# account is enough.
+simulator_listens() {
+  local account inode files file
+  stranger=
+  while read -r account inode; do
+    [[ -n $account ]] || return 1
+    stranger=$account
+    [[ $account == "$EUID" ]] || return 2
+    files=$(find /proc/[0-9]*/fd -lname "socket:\[$inode\]" 2>/dev/null)
+    for file in $files; do
+      file=${file#/proc/}
+      ! of_this_run "${file%%/*}" "$2" || continue 2
+    done
+    [[ -z $files ]] || return 2
+  done <<<"$(listeners "$1")"
 }
 
 # Sets $parent to the parent of this process. It changes when the parent dies, whoever gets its
@@ -288,7 +324,7 @@ write_job() {
   {
     printf '#!/bin/bash\n# A run of the jobmill. Removed when it is over.\n'
     exported_variables
-    declare -f listens close_descriptors enter
+    declare -f listeners listens of_this_run simulator_listens close_descriptors enter
     printf '%s=%q\n' data "$data" output "$output" job_name "$job_name" mark "$mark" \
       simulator "$simulator" port "$port" listen_seconds "$listen_seconds"
     printf 'arguments=('
@@ -300,11 +336,12 @@ tell_when_it_listens() {
   local pid=$1 fifths
   for ((fifths = 0; fifths < listen_seconds * 5; ++fifths)); do
     sleep 0.2
-    listens "$port" || { kill -0 "$pid" 2>/dev/null && continue; return; }
-    # Somebody else may have been faster: then the simulator is about to end.
-    sleep 0.2
-    kill -0 "$pid" 2>/dev/null && tell listening
-    return
+    simulator_listens "$port" "$pid"
+    case $? in
+      0) tell listening && return ;;
+      2) tell stranger "$(id -nu "$stranger" 2>/dev/null || echo "$stranger")" && return ;;
+    esac
+    kill -0 "$pid" 2>/dev/null || return
   done
 }
 cd -- "$data" || exit 1
@@ -324,22 +361,22 @@ if listens "$port"; then tell taken; exit 1; fi
 # A grandchild, for which the simulator need not wait.
 (tell_when_it_listens $$ </dev/null >/dev/null 2>&1 &)
 cd -P .. || exit 1
-exec "$program" "${arguments[@]}"
+JOBMILL_RUN=$mark exec "$program" "${arguments[@]}"
 JOB
   } >"$job_file" || give_up "cannot write '$job_file'"
   chmod 700 "$job_file"
 }
 
-# Sets $told_node, $told_address and $verdict from what the job has told.
+# Sets $told_node, $told_address, $verdict and $stranger from what the job has told.
 read_report() {
   local key value
-  told_node='' told_address='' verdict=''
+  told_node='' told_address='' verdict='' stranger=''
   while read -r key value; do
     case $key in
       node) told_node=$value ;;
       address) told_address=$value ;;
       "$mark") ;;
-      *) verdict=$key ;;
+      *) verdict=$key stranger=$value ;;
     esac
   done <report
 }
@@ -389,6 +426,7 @@ explain_verdict() {
   local where=${told_node:-its node}
   case $verdict in
     taken) explain "port $port is taken on node $where (job $job)" ;;
+    stranger) explain "port $port was taken on node $where by a process of account $stranger that is none of the run's (job $job)" ;;
     missing) explain "the simulator '$simulator' cannot be executed on node $where (job $job)" ;;
     unwritable) explain "cannot write '${data%/}/$output' on node $where (job $job)" ;;
   esac

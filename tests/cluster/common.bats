@@ -384,6 +384,52 @@ MKTEMP
   [[ -z $(ls -A "$own.away") ]]
 }
 
+# simulator LINE...: one that is made of these lines, in $work/simulator.
+simulator() {
+  printf '%s\n' '#!/bin/bash' "$@" >"$work/simulator"
+  chmod +x "$work/simulator"
+}
+
+@test "ListenerOfAnotherAccountIsNotTheSimulator" {
+  ((EUID == 0)) || skip "root alone can be another account"
+  cp "$programs/vksim" "$work/bin"
+  chmod 755 "$work"
+  simulator "exec setpriv --reuid 61234 --regid 61234 --clear-groups '$work/bin/vksim' \"\$@\""
+  start_script TENWELLS JOBMILL_SIMULATOR="$work/simulator"
+  refused
+  printed "^slurm: port $comms was taken on node $(uname -n) by a process of account 61234 that is none of the run's \(job "
+  eventually 10 no_jobs
+}
+
+@test "ListenerOfTheAccountThatIsNoneOfTheRunsIsNotTheSimulator" {
+  # Neither a descendant nor marked; or with the mark of another run.
+  local words
+  for words in 'env -i' 'env JOBMILL_RUN=00000000-0000-0000-0000-000000000000'; do
+    simulator "(setsid $words '$programs/vksim' \"\$@\" &)" 'exec sleep 60'
+    start_script TENWELLS JOBMILL_SIMULATOR="$work/simulator"
+    refused
+    printed "^slurm: port $comms was taken .* of account $(id -un) that is none"
+    eventually 10 no_jobs
+    kill "$(simulators)"
+    eventually 10 never listens "$comms"
+  done
+}
+
+@test "ListenerIsTheSimulatorsByDescentByMarkOrForWantOfSight" {
+  local listener sight=$PATH
+  for listener in "env -i '$programs/vksim' \"\$@\"; :" "(setsid '$programs/vksim' \"\$@\" &); sleep 60" \
+    "(env -i setsid '$programs/vksim' \"\$@\" &); sleep 60"; do
+    # The last one can only pass where no process can be seen to have the socket.
+    [[ $listener != *'(env'* ]] || { printf '#!/bin/bash\n' >"$work/bin/find"; chmod +x "$work/bin/find"; sight=$work/bin:$PATH; }
+    simulator "$listener"
+    start_script TENWELLS JOBMILL_SIMULATOR="$work/simulator" PATH="$sight"
+    runs
+    ends
+    kill "$(simulators)" 2>/dev/null || true
+    eventually 10 never listens "$comms"
+  done
+}
+
 @test "SimulatorThatNeverListensIsGivenUp" {
   printf '#!/bin/bash\nexec sleep 60\n' >"$work/mute"
   chmod +x "$work/mute"

@@ -2,6 +2,7 @@
 
 #include <signal.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -23,6 +24,14 @@ using testing::Not;
 std::string ExampleDeck() {
   std::ifstream file(EXAMPLES_DIR "/TENWELLS.afi");
   return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+// A program of these lines of bash.
+std::string Program(const TemporaryDirectory& directory, const std::string& name,
+                    const std::string& lines) {
+  std::string file = directory.Write(name, "#!/bin/bash\n" + lines + "\n");
+  chmod(file.c_str(), 0755);
+  return file;
 }
 
 TEST(LocalScriptTest, SimulatorWritesBesideTheDataAndEndsWithItsRun) {
@@ -124,6 +133,40 @@ TEST(LocalScriptTest, TakenCommsPortIsExplained) {
   site.data().Write("CASE.afi", ExampleDeck());
   EXPECT_EQ(site.RefusalOf("CASE"), "No host detected");
   EXPECT_THAT(site.daemon().Logged(), HasSubstr("local: port " + port + " is taken"));
+}
+
+TEST(LocalScriptTest, ListenerOfAnotherAccountIsNotTheSimulator) {
+  if (geteuid() != 0) GTEST_SKIP() << "root alone can be another account";
+  const TemporaryDirectory files;
+  std::filesystem::permissions(files.path(), std::filesystem::perms(0755));
+  std::filesystem::copy_file(ProgramDirectory() + "/vksim", files.File("vksim"));
+  const std::string impostor =
+      Program(files, "impostor",
+              "exec setpriv --reuid 61234 --clear-groups " + files.File("vksim") + " \"$@\"");
+  const int port = FreePort();
+  Site site({"JOBMILL_SIMULATOR=" + impostor}, {"-o", std::to_string(port), "-n", "1"});
+  site.data().Write("CASE.afi", ExampleDeck());
+  EXPECT_EQ(site.RefusalOf("CASE"), "No host detected");
+  EXPECT_THAT(site.daemon().Logged(),
+              HasSubstr("local: port " + std::to_string(port) +
+                        " was taken on this machine by a process of account 61234 that is none of "
+                        "the run's\n"));
+  EXPECT_TRUE(Eventually([&] { return ProcessesWith(impostor).empty(); }));
+}
+
+TEST(LocalScriptTest, ListenerIsTheSimulatorsWhenItHasTheMarkOfTheRun) {
+  const TemporaryDirectory files;
+  // Neither is a descendant of the simulator's first process.
+  const std::string simulator = "setsid " + ProgramDirectory() + "/vksim \"$@\" &); exec sleep 60";
+  Site other({"JOBMILL_SIMULATOR=" + Program(files, "other", "(env -i " + simulator)});
+  other.data().Write("CASE.afi", ExampleDeck());
+  EXPECT_EQ(other.RefusalOf("CASE"), "No host detected");
+  EXPECT_THAT(other.daemon().Logged(), HasSubstr(" that is none of the run's\n"));
+  for (const pid_t pid : ProcessesWith(other.data().path().string())) kill(pid, SIGKILL);
+
+  Site own({"JOBMILL_SIMULATOR=" + Program(files, "own", "(" + simulator)});
+  own.Start("CASE", ExampleDeck())->Shutdown();
+  EXPECT_TRUE(own.IsQuiet("CASE"));
 }
 
 TEST(LocalScriptTest, SimulatorOfADeadControllerIsEnded) {
