@@ -94,14 +94,27 @@ read_parent() {
 
 running() { kill -0 "$1" 2>/dev/null; }
 
-# Waits up to $2 seconds for process $1 to end.
-ends_within() {
-  local tenths
-  for ((tenths = 0; tenths < $2 * 10; ++tenths)); do
-    running "$1" || return 0
-    sleep 0.1
+# Sends signal $1 to the processes of the run: the group $group, a negative number, or none, and those
+# that have left it but have the mark of the run. Fails when there are none.
+signal_run() {
+  # shellcheck disable=SC2046,SC2086
+  kill "-$1" -- $group $(grep -lszxF -- "JOBMILL_RUN=$mark" /proc/[0-9]*/environ | tr -cd '0-9\n') 2>/dev/null
+}
+
+# Waits up to $1 seconds for all of them to end.
+run_ends_within() {
+  local fifths
+  for ((fifths = 0; fifths < $1 * 5; ++fifths)); do
+    signal_run 0 || return 0
+    sleep 0.2
   done
-  ! running "$1"
+  ! signal_run 0
+}
+
+# Ends the run. What ignores SIGTERM, be it the simulator or something that it has started, is killed.
+stop_run() {
+  signal_run TERM
+  run_ends_within 5 || signal_run KILL
 }
 
 # Closes what the shell was given beyond standard input, output and error.
@@ -324,7 +337,8 @@ write_job() {
   {
     printf '#!/bin/bash\n# A run of the jobmill. Removed when it is over.\n'
     exported_variables
-    declare -f listeners listens of_this_run simulator_listens close_descriptors enter
+    declare -f listeners listens of_this_run simulator_listens close_descriptors enter \
+      signal_run run_ends_within stop_run
     printf '%s=%q\n' data "$data" output "$output" job_name "$job_name" mark "$mark" \
       simulator "$simulator" port "$port" listen_seconds "$listen_seconds"
     printf 'arguments=('
@@ -358,8 +372,11 @@ done
 { ln -fT out "../$output" || mv -fT out "../$output"; } 2>/dev/null || { tell unwritable; exit 1; }
 program=$(command -v -- "$simulator") && [[ -x $program && ! -d $program ]] || { tell missing; exit 1; }
 if listens "$port"; then tell taken; exit 1; fi
-# A grandchild, for which the simulator need not wait.
+# Grandchildren, for which the simulator need not wait. The second ends what the simulator leaves behind;
+# not every scheduler sees what has a session of its own, and so the process has one, too.
 (tell_when_it_listens $$ </dev/null >/dev/null 2>&1 &)
+(setsid bash -c "$(declare -f signal_run run_ends_within stop_run)
+  cd /; tail --pid=$$ -s 2 -f /dev/null; group='' mark=$mark; stop_run" </dev/null >/dev/null 2>&1 &)
 cd -P .. || exit 1
 JOBMILL_RUN=$mark exec "$program" "${arguments[@]}"
 JOB

@@ -140,6 +140,34 @@ SIMULATOR
 }
 nothing_of() { [[ -z $(processes_with "$1") ]]; }
 
+# A simulator whose child ignores SIGTERM and does not end with it.
+simulator_with_a_deaf_child() {
+  cat >"$work/parent" <<SIMULATOR
+#!/bin/bash
+setsid bash -c "trap '' TERM; for i in {1..600}; do sleep 0.2; done" "$work/parent" &
+"$programs/vksim" "\$@"
+SIMULATOR
+  chmod +x "$work/parent"
+}
+
+@test "ChildThatOutlivesTheSimulatorIsEndedWithIt" {
+  simulator_with_a_deaf_child
+  start_daemon JOBMILL_SIMULATOR "$work/parent"
+  master TENWELLS status >"$work/TENWELLS.txt" 2>&1
+  all_is_quiet
+  eventually 30 nothing_of "$work/parent"
+}
+
+@test "ChildThatOutlivesTheSimulatorIsEndedWhenTheControllerDies" {
+  simulator_with_a_deaf_child
+  start_daemon JOBMILL_SIMULATOR "$work/parent"
+  launch TENWELLS
+  eventually 30 under_way TENWELLS
+  kill -KILL "$(children "$daemon")"
+  all_is_quiet
+  eventually 30 nothing_of "$work/parent"
+}
+
 @test "ScriptEndsWithItsSimulator" {
   start_daemon
   launch TENWELLS

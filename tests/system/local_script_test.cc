@@ -75,27 +75,26 @@ TEST(LocalScriptTest, OutputOfAFailedSimulatorIsNoHostLine) {
 // What somebody else could put where the output goes; nothing of it is followed or waited for.
 TEST(LocalScriptTest, OutputTakesThePlaceOfWhatWasPlantedThere) {
   namespace fs = std::filesystem;
-  Site site;
-  const std::string treasure = site.data().Write("treasure", "gold");
-  const std::string output = site.data().File("CASE.out");
-  const std::string nothing = site.data().File("nothing");
-  const std::vector<std::function<void()>> plants = {
-      [&] { fs::create_symlink(treasure, output); }, [&] { fs::create_symlink(nothing, output); },
-      [&] { fs::create_hard_link(treasure, output); },
-      [&] { ASSERT_EQ(mkfifo(output.c_str(), 0666), 0); }};
+  const TemporaryDirectory files;
+  const std::string treasure = files.Write("treasure", "gold");
+  const std::string nothing = files.File("nothing");
+  const std::vector<std::function<void(const std::string&)>> plants = {
+      [&](const std::string& output) { fs::create_symlink(treasure, output); },
+      [&](const std::string& output) { fs::create_symlink(nothing, output); },
+      [&](const std::string& output) { fs::create_hard_link(treasure, output); },
+      [&](const std::string& output) { ASSERT_EQ(mkfifo(output.c_str(), 0666), 0); }};
   for (const auto& plant : plants) {
-    fs::remove(output);
-    plant();
-    const auto run = site.Start("CASE", ExampleDeck());
-    run->Shutdown();
-    EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(output)));
+    Site site;
+    plant(site.data().File("CASE.out"));
+    site.Start("CASE", ExampleDeck())->Shutdown();
+    EXPECT_TRUE(site.IsQuiet("CASE"));
+    EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(site.data().File("CASE.out"))));
     EXPECT_THAT(site.data().Read("CASE.out"), HasSubstr("Listening on port"));
-    EXPECT_EQ(site.data().Read("treasure"), "gold");
+    EXPECT_EQ(files.Read("treasure"), "gold");
     EXPECT_FALSE(fs::exists(nothing));
-  }
-  EXPECT_TRUE(site.IsQuiet("CASE"));
-  for (const auto& entry : fs::directory_iterator(site.data().path())) {
-    EXPECT_FALSE(entry.path().filename().string().starts_with("vk_")) << entry;
+    for (const auto& entry : fs::directory_iterator(site.data().path())) {
+      EXPECT_FALSE(entry.path().filename().string().starts_with("vk_")) << entry;
+    }
   }
 }
 
@@ -143,13 +142,11 @@ TEST(LocalScriptTest, ListenerOfAnotherAccountIsNotTheSimulator) {
   const std::string impostor =
       Program(files, "impostor",
               "exec setpriv --reuid 61234 --clear-groups " + files.File("vksim") + " \"$@\"");
-  const int port = FreePort();
-  Site site({"JOBMILL_SIMULATOR=" + impostor}, {"-o", std::to_string(port), "-n", "1"});
+  Site site({"JOBMILL_SIMULATOR=" + impostor});
   site.data().Write("CASE.afi", ExampleDeck());
   EXPECT_EQ(site.RefusalOf("CASE"), "No host detected");
   EXPECT_THAT(site.daemon().Logged(),
-              HasSubstr("local: port " + std::to_string(port) +
-                        " was taken on this machine by a process of account 61234 that is none of "
+              HasSubstr(" was taken on this machine by a process of account 61234 that is none of "
                         "the run's\n"));
   EXPECT_TRUE(Eventually([&] { return ProcessesWith(impostor).empty(); }));
 }
@@ -191,6 +188,46 @@ TEST(LocalScriptTest, SimulatorThatIgnoresTheEndIsKilledWithItsChildren) {
   run->Shutdown();
   EXPECT_TRUE(obstinate.IsQuiet("CASE"));
   EXPECT_TRUE(Eventually([&] { return ProcessesWith(stubborn).empty(); }));
+}
+
+// One in the simulator's group and one that has left it, both deaf to SIGTERM.
+std::string SimulatorWithDeafChildren(const TemporaryDirectory& directory) {
+  return Program(directory, "parent",
+                 "deaf() { trap '' TERM; for i in {1..300}; do sleep 0.2; done; }\n"
+                 "export -f deaf\n"
+                 "bash -c deaf \"$0\" &\nsetsid bash -c deaf \"$0\" &\n\"" +
+                     ProgramDirectory() + "/vksim\" \"$@\"");
+}
+
+TEST(LocalScriptTest, ChildrenThatOutliveTheSimulatorAreKilledAfterTheGraceTime) {
+  const TemporaryDirectory files;
+  const std::string simulator = SimulatorWithDeafChildren(files);
+  Site site({"JOBMILL_SIMULATOR=" + simulator, "JOBMILL_GRACE_SECONDS=2"});
+  site.Start("CASE", ExampleDeck())->Shutdown();
+  EXPECT_FALSE(Eventually([&] { return ProcessesWith(simulator).size() < 2; },
+                          std::chrono::milliseconds(1500)));
+  EXPECT_TRUE(site.IsQuiet("CASE"));
+  EXPECT_TRUE(Eventually([&] { return ProcessesWith(simulator).empty(); }));
+}
+
+TEST(LocalScriptTest, ChildrenThatOutliveTheSimulatorAreKilledWithItsController) {
+  const TemporaryDirectory files;
+  const std::string simulator = SimulatorWithDeafChildren(files);
+  Site site({"JOBMILL_SIMULATOR=" + simulator, "JOBMILL_GRACE_SECONDS=0"});
+  const auto run = site.Start("CASE", ExampleDeck());
+  const std::vector<pid_t> children = ChildrenOf(site.daemon().pid());
+  ASSERT_EQ(children.size(), 1U);
+  kill(children[0], SIGKILL);
+  EXPECT_TRUE(Eventually([&] { return ProcessesWith(simulator).empty(); }));
+}
+
+TEST(LocalScriptTest, ChildrenOfASimulatorThatEndsBeforeItListensAreKilled) {
+  const TemporaryDirectory files;
+  const std::string simulator = SimulatorWithDeafChildren(files);
+  Site site({"JOBMILL_SIMULATOR=" + simulator});
+  site.data().Write("CASE.afi", "[run]\nunits = \"FURLONGS\"\n");
+  EXPECT_EQ(site.RefusalOf("CASE"), "No host detected");
+  EXPECT_TRUE(Eventually([&] { return ProcessesWith(simulator).empty(); }));
 }
 
 TEST(LocalScriptTest, ModelsOfClusterRunsAreTheirCopies) {
