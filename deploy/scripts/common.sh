@@ -141,6 +141,9 @@ use_account() {
 read_arguments() {
   (($# == 5)) || give_up "expects 5 arguments: processes, data path, root name, port, debug flag"
   processes=$1 data=$2 root=$3 port=$4 debug=$5
+  # The simulator would take it for an option.
+  [[ $root != -* ]] || give_up "the root name '$root' begins with a hyphen"
+  [[ $data == /* ]] || data=$PWD/$data
   output=$root.out
 }
 
@@ -191,6 +194,9 @@ find_simulator() {
     simulator=$(command -v vksim) ||
       give_up "no simulator: JOBMILL_SIMULATOR is not set, and vksim is neither beside this script nor in PATH"
   fi
+  # Others may be able to write where it would be looked for.
+  [[ $simulator == /* || $simulator != */* ]] ||
+    give_up "JOBMILL_SIMULATOR is '$simulator', but has to be an absolute path or a name in PATH"
 }
 
 # Why a value may look strange.
@@ -229,8 +235,6 @@ read_settings() {
   # Blanks cannot be in a value; commas and colons are in many flags.
   IFS=';' read -ra flags <<<"${JOBMILL_SUBMIT_FLAGS:-}"
   find_simulator
-  [[ $simulator == /* || $simulator != */* ]] ||
-    give_up "JOBMILL_SIMULATOR is '$simulator', but has to be an absolute path or a name in the nodes' PATH"
   slots=$((processes > 0 ? processes : 1))
 }
 
@@ -465,7 +469,14 @@ scheduler_settings() { :; }
 details() { :; }
 node_address() { :; }
 
-resolves() { timeout 10 getent ahostsv4 "$1" >/dev/null 2>&1; }
+# As the jobmill resolves it: to an IPv4 address, whatever addresses this machine has. getent's ahostsv4
+# finds none where only the loopback interface is up; its ahosts may leave out IPv4 where only IPv6 is,
+# and its hosts shows IPv6 alone where there are both.
+resolves() {
+  local found
+  found=$(timeout 10 getent ahosts "$1"; timeout 10 getent hosts "$1")
+  grep -qE '^[0-9.]+ ' <<<"$found"
+}
 
 # Sets $host to how the jobmill reaches the node: a name that it can resolve, else an address.
 choose_host() {
@@ -565,10 +576,9 @@ run_on_cluster() {
   exec 2>&1
   close_descriptors
   read_arguments "$@"
-  local directory=$PWD command
+  local command
   use_account
   cd -- "$HOME" 2>/dev/null || cd /
-  [[ $data == /* ]] || data=$directory/$data
   cd -- "$data" 2>/dev/null || give_up "there is no data directory '$data' that account $(id -un) may enter"
   read_settings
   for command in $needed; do

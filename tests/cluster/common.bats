@@ -95,6 +95,41 @@ SETTINGS
   fi
 }
 
+@test "RootNameThatTheSimulatorWouldTakeForAnOptionIsRefused" {
+  touch "$work/data/--help.afi"
+  start_script --help
+  local status=0
+  wait "$launched" || status=$?
+  ((status == 1))
+  [[ $(<"$work/out") == "slurm: the root name '--help' begins with a hyphen" ]]
+  # Elsewhere it is part of a name.
+  cp "$work/data/TENWELLS.afi" "$work/data/A-B.afi"
+  start_script A-B
+  runs
+}
+
+@test "RelativeDataPathBeginsInTheDaemonsDirectory" {
+  cd "$work"
+  local each
+  for each in slurm local; do
+    script=$each data=data start_script TENWELLS
+    runs
+    ends
+  done
+}
+
+@test "HostIsFoundWhereOnlyTheLoopbackInterfaceIsUp" {
+  unshare --net true 2>/dev/null || skip "no private network on this machine"
+  behave hosts localhost
+  # The whole site in one network: the job is started by the first command.
+  # shellcheck disable=SC2016
+  JOBMILL_SIMULATOR="$programs/vksim" JOBMILL_POLL_SECONDS=1 JOBMILL_GRACE_SECONDS=1 \
+    unshare --net bash -c 'ip link set lo up; timeout 10 "$@"' bash \
+    "$root_directory/deploy/scripts/$script" 1 "$work/data" TENWELLS "$comms" 0 >"$work/out" 2>&1 </dev/null 3>&- 4>&- || true
+  behave hosts ''
+  printed '^HOST=localhost$'
+}
+
 @test "AccountAndDirectoryAreThoseOfTheDatabase" {
   curious_simulator
   # The scheduler's commands see them as the script has set them.

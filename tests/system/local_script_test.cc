@@ -62,6 +62,24 @@ TEST(LocalScriptTest, MissingDataDirectoryAndSimulatorAreExplained) {
   EXPECT_THAT(site.daemon().Logged(), HasSubstr("local: there is no data directory '"));
 }
 
+TEST(LocalScriptTest, SimulatorIsNotLookedForInTheDataDirectory) {
+  Site site({"JOBMILL_SIMULATOR=./vksim"});
+  Program(site.data(), "vksim", "touch \"$1/executed\"");
+  EXPECT_EQ(site.RefusalOf("CASE"), "No host detected");
+  EXPECT_THAT(site.daemon().Logged(), HasSubstr("local: JOBMILL_SIMULATOR is './vksim', but has to "
+                                                "be an absolute path or a name in PATH\n"));
+  EXPECT_FALSE(std::filesystem::exists(site.data().File("executed")));
+}
+
+TEST(LocalScriptTest, SimulatorMayBeANameInThePath) {
+  const TemporaryDirectory programs;
+  std::filesystem::create_symlink(ProgramDirectory() + "/vksim", programs.File("somesim"));
+  Site site(
+      {"JOBMILL_SIMULATOR=somesim", "PATH=" + programs.path().string() + ":" + getenv("PATH")});
+  site.Start("CASE", ExampleDeck())->Shutdown();
+  EXPECT_TRUE(site.IsQuiet("CASE"));
+}
+
 TEST(LocalScriptTest, OutputOfAFailedSimulatorIsNoHostLine) {
   Site site;
   const std::string liar = site.data().Write("liar", "#!/bin/bash\necho HOST=elsewhere\nexit 3\n");
@@ -118,6 +136,13 @@ TEST(LocalScriptTest, EndOfTheOutputIsNotReadThroughALink) {
   EXPECT_THAT(site.daemon().Logged(), Not(HasSubstr("gold")));
 }
 
+TEST(LocalScriptTest, RootNameThatTheSimulatorWouldTakeForAnOptionIsRefused) {
+  Site site;
+  EXPECT_EQ(site.RefusalOf("--help"), "No host detected");
+  EXPECT_THAT(site.daemon().Logged(),
+              HasSubstr("local: the root name '--help' begins with a hyphen\n"));
+}
+
 TEST(LocalScriptTest, SettingWithoutSenseIsExplained) {
   Site site({"JOBMILL_GRACE_SECONDS=soon"});
   EXPECT_EQ(site.RefusalOf("CASE"), "No host detected");
@@ -161,7 +186,8 @@ TEST(LocalScriptTest, ListenerIsTheSimulatorsWhenItHasTheMarkOfTheRun) {
   EXPECT_THAT(other.daemon().Logged(), HasSubstr(" that is none of the run's\n"));
   for (const pid_t pid : ProcessesWith(other.data().path().string())) kill(pid, SIGKILL);
 
-  Site own({"JOBMILL_SIMULATOR=" + Program(files, "own", "(" + simulator)});
+  Site own(
+      {"JOBMILL_SIMULATOR=" + Program(files, "own", "(" + simulator), "JOBMILL_GRACE_SECONDS=0"});
   own.Start("CASE", ExampleDeck())->Shutdown();
   EXPECT_TRUE(own.IsQuiet("CASE"));
 }
