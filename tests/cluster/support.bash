@@ -23,25 +23,10 @@ queues=true
 address=$(getent ahostsv4 "$(uname -n)" | sed -n '1s/ .*//p')
 fake=$cluster_tests/fakes/scheduler
 settings() { :; }
+# shellcheck source=tests/support/eventually.bash
+source "$root_directory/tests/support/eventually.bash"
 # shellcheck source=/dev/null
 source "$cluster_tests/sites/${SITE:?which site?}.bash"
-
-# eventually SECONDS COMMAND...: tries until the command succeeds; says so when it never does. The
-# machine may have a lot else to do: three times the time that it should take.
-eventually() {
-  local end=$((SECONDS + 3 * $1))
-  shift
-  until "$@"; do
-    if ((SECONDS > end)); then
-      echo "never true: $*"
-      return 1
-    fi
-    sleep 0.3
-  done
-}
-
-# `! command` alone fails no test.
-never() { if "$@"; then return 1; fi; }
 
 listens() {
   local port
