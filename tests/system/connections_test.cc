@@ -131,6 +131,31 @@ TEST(ConnectionsTest, DeadDaemonRefusesNewMastersAndItsRunsGoOn) {
   EXPECT_EQ(running.Ask("f0 ff 00 00"), "f0 ff 00 00 00 00 00 00");
 }
 
+TEST(ConnectionsTest, IdleConnectionKeepsThePortOfADeadDaemonFromTheNext) {
+  RunningDaemon daemon(Unprivileged());
+  TestMaster idle(daemon.port());
+  ASSERT_EQ(idle.Receive(), "3");
+  daemon.process().Signal(SIGKILL);
+  daemon.process().Wait(seconds(5));
+  const std::vector<std::string> next = {daemon.directory().File("vkjobmill.exe"), "-u", "-p",
+                                         std::to_string(daemon.port())};
+  ChildProcess::Options options;
+  options.outputFile = daemon.directory().File("next");
+  EXPECT_EQ(ChildProcess(next, options).Wait(seconds(5)).value_or(-1), 1);
+  EXPECT_THAT(daemon.directory().Read("next"), HasSubstr("Error in creating socket"));
+
+  // Left by the master first, it keeps nothing for the minute of late packets.
+  idle.Leave();
+  EXPECT_TRUE(Eventually([&] {
+    const ChildProcess served(next, options);
+    return Eventually([&] {
+             return !IsRunning(served.pid()) ||
+                    daemon.directory().Read("next").find("Executable path") != std::string::npos;
+           }) &&
+           IsRunning(served.pid());
+  }));
+}
+
 TEST(ConnectionsTest, NoDescriptorForANewConnectionEndsTheDaemon) {
   RunningDaemon daemon(Unprivileged());
   rlimit limit{};
