@@ -22,7 +22,7 @@ teardown_file() {
   [[ -z $leader ]] || kill -KILL "$leader" || true
   [[ -z $container ]] || wait "$container" || true
   local group
-  for group in "${hierarchies[@]/%//$group_name}" "$tasks/$group_name"; do
+  for group in "${hierarchies[@]/%//$group_name}"; do
     [[ ! -d $group ]] || eventually 5 find "$group" -depth -type d -exec rmdir {} +
   done
 }
@@ -40,27 +40,8 @@ teardown() {
   eventually 20 no_runs
 }
 
-# Of control groups: those that systemd needs, and the first version's for tasks.
+# Where systemd may look for its control groups.
 hierarchies=(/sys/fs/cgroup{,/systemd,/unified})
-tasks=/sys/fs/cgroup/pids
-shipped=/opt/jobmill/share/jobmill
-
-make_machine() {
-  mkdir -p "$machine"/{data,dev,etc,opt,proc,root,run,sys,tmp,usr,var/log}
-  ln -s usr/{bin,sbin,lib,lib64} "$machine"
-  cp -a /etc/alternatives "$machine/etc"
-  cp /etc/os-release "$machine/etc"
-  : >"$machine/etc/machine-id"  # otherwise it would ask for the settings of a new machine
-  printf '%s\n' root:x:0:0::/root:/bin/sh alice:x:61001:61001::/data:/bin/sh \
-    nobody:x:65534:65534::/:/bin/false >"$machine/etc/passwd"
-  printf '%s\n' root:x:0: alice:x:61001: nogroup:x:65534: >"$machine/etc/group"
-  printf '%s: files\n' passwd group hosts >"$machine/etc/nsswitch.conf"
-  echo 127.0.0.1 localhost >"$machine/etc/hosts"
-  install_to "$machine" /opt/jobmill >/dev/null
-  (umask 077 && echo alice alice 1 >"$machine/opt/jobmill/bin/.vk_corvane_users")
-  cp "$root_directory"/deploy/examples/*.afi "$machine/data"
-  chown -R 61001:61001 "$machine/data"
-}
 
 boot_machine() {
   (
@@ -132,14 +113,9 @@ leave_runs() {
     inside grep -qE '^CapBnd:.00000000000000c0$' "/proc/$pid/status"
     inside grep -qE '^Groups:[[:space:]]*$' "/proc/$pid/status"
   done
-  # What this container's kernel interface or a test from outside cannot show at work.
-  diff - <(inside systemctl show jobmill -p KillMode -p OOMPolicy -p TasksMax -p LimitNOFILE -p KeyringMode \
-    -p StartLimitIntervalUSec) <<'SHOWN'
-OOMPolicy=continue
-TasksMax=32768
-LimitNOFILE=524288
+  # What nothing here shows at work.
+  diff - <(inside systemctl show jobmill -p KeyringMode -p StartLimitIntervalUSec) <<'SHOWN'
 KeyringMode=private
-KillMode=process
 StartLimitIntervalUSec=0
 SHOWN
 }
@@ -251,28 +227,4 @@ log_size() { stat -c %s "$machine/var/log/jobmill/VKJobmill_5000.log"; }
   never rotate --force
   (($(log_size) > 0))
   chmod 750 "$logs"
-}
-
-# The limit is set from outside: systemd sets none in a container on control groups of the first version.
-@test "DaemonOutlivesForksThatFail" {
-  local group=$tasks/$group_name daemon pid
-  [[ -e $tasks/cgroup.procs ]] || skip 'needs the control group for tasks in its first version'
-  daemon=$(main_pid)
-  mkdir "$group"
-  echo 1 >"$group/pids.max"
-  for pid in $(pgrep -x vkjobmill.exe --ns "$leader" --nslist pid); do
-    echo "$pid" >"$group/cgroup.procs"
-  done
-  # More than the thousand descriptors that a service has without the unit's word.
-  inside bash -c 'for i in {1..1500}; do exec 3<>/dev/tcp/127.0.0.1/5000; done'
-  eventually 10 forks_have_failed 1500
-  echo max >"$group/pids.max"
-  serves
-  [[ $(main_pid) == "$daemon" ]]
-  # The file has them all; the journal is left to others as well.
-  (($(inside journalctl --unit jobmill --output cat | grep -c "^$failed_fork") < 1500))
-}
-failed_fork='Error occurred forking controlling thread: '
-forks_have_failed() {
-  (($(grep -c "^$failed_fork" "$machine/var/log/jobmill/VKJobmill_5000.log") >= $1))
 }
