@@ -27,15 +27,10 @@ bool LoopbackUp() {
   return up;
 }
 
-bool EnterPrivateNetwork() {
-  constexpr int kNetworkAndFiles = CLONE_NEWNET | CLONE_NEWNS;
-  if (unshare(kNetworkAndFiles) != 0 && unshare(CLONE_NEWUSER | kNetworkAndFiles) != 0)
-    return false;
-  return mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 && LoopbackUp();
-}
-
 [[noreturn]] void RunChild(const std::function<std::string()>& body, int result) {
-  if (!EnterPrivateNetwork()) _exit(kNotPermitted);
+  if (!EnterPrivateNetwork() && (unshare(CLONE_NEWUSER) != 0 || !EnterPrivateNetwork())) {
+    _exit(kNotPermitted);
+  }
   std::string text;
   try {
     text = body();
@@ -46,6 +41,11 @@ bool EnterPrivateNetwork() {
 }
 
 }  // namespace
+
+bool EnterPrivateNetwork() {
+  return unshare(CLONE_NEWNET | CLONE_NEWNS) == 0 &&
+         mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 && LoopbackUp();
+}
 
 std::optional<std::string> InPrivateNetwork(const std::function<std::string()>& body) {
   std::array<int, 2> ends{};
