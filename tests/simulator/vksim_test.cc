@@ -21,6 +21,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/simulator/decks.h"
+#include "tests/support/child_process.h"
 #include "tests/support/wire_bytes.h"
 
 extern char** environ;  // NOLINT(readability-redundant-declaration): not in every unistd.h
@@ -41,12 +42,12 @@ class Program {
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, out[1], 1);
     posix_spawn_file_actions_adddup2(&actions, out[1], 2);
-    arguments.insert(arguments.begin(), VKSIM);
+    arguments.insert(arguments.begin(), ProgramDirectory() + "/vksim");
     std::vector<char*> argv;
     argv.reserve(arguments.size() + 1);
     for (std::string& each : arguments) argv.push_back(each.data());
     argv.push_back(nullptr);
-    if (posix_spawn(&pid_, VKSIM, &actions, nullptr, argv.data(), environ) != 0) std::abort();
+    if (posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), environ) != 0) std::abort();
     posix_spawn_file_actions_destroy(&actions);
     close(out[1]);
     output_ = out[0];

@@ -113,6 +113,10 @@ void ChildProcess::Signal(int signal) const {
   kill(pid_, signal);
 }
 
+std::string ProgramDirectory() {
+  return std::filesystem::read_symlink("/proc/self/exe").parent_path().string();
+}
+
 bool Eventually(const std::function<bool()>& condition, std::chrono::milliseconds limit) {
   const auto end = std::chrono::steady_clock::now() + limit;
   while (!condition()) {

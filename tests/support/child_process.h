@@ -41,6 +41,9 @@ class ChildProcess {
   std::optional<int> status_;
 };
 
+/// Where this test program is, and beside it the programs that it starts.
+std::string ProgramDirectory();
+
 /// Looks every few milliseconds whether `condition` holds; false when it does not within `limit`.
 /// For what no descriptor announces, such as the content of another process's log.
 bool Eventually(const std::function<bool()>& condition,

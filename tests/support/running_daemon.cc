@@ -15,7 +15,7 @@
 namespace fs = std::filesystem;
 
 std::string DaemonExecutable() {
-  return (fs::read_symlink("/proc/self/exe").parent_path() / "vkjobmill.exe").string();
+  return ProgramDirectory() + "/vkjobmill.exe";
 }
 
 bool HasStarted(const std::string& log) {

@@ -193,8 +193,7 @@ class ClimberTest : public PrivilegeTest {
  protected:
   std::string OutcomeOfClimbing(const std::function<bool()>& prepare = nullptr) {
     fs::permissions(programs_.path(), fs::perms(0755));
-    fs::copy_file(fs::path(DaemonExecutable()).parent_path() / "climber",
-                  programs_.File("climber"));
+    fs::copy_file(ProgramDirectory() + "/climber", programs_.File("climber"));
     options_.script.clear();
     options_.arguments = {"-s", programs_.File("climber")};
     Start(prepare);

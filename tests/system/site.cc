@@ -9,10 +9,6 @@
 
 namespace fs = std::filesystem;
 
-std::string ProgramDirectory() {
-  return fs::path(DaemonExecutable()).parent_path().string();
-}
-
 std::vector<pid_t> ProcessesWith(const std::string& text) {
   std::vector<pid_t> found;
   for (const fs::directory_entry& entry : fs::directory_iterator("/proc")) {

@@ -35,8 +35,5 @@ class Site {
   std::unique_ptr<RunningDaemon> daemon_;
 };
 
-/// The directory of the programs, as built.
-std::string ProgramDirectory();
-
 /// The processes whose command line holds `text`.
 std::vector<pid_t> ProcessesWith(const std::string& text);

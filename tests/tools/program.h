@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "tests/support/bytes.h"
+#include "tests/support/child_process.h"
 #include "tests/support/socket_pair.h"
 
 /// What a program left behind.
@@ -22,6 +23,10 @@ struct Outcome {
   std::string out;
   std::string err;
 };
+
+inline std::string VkmasterExecutable() {
+  return ProgramDirectory() + "/vkmaster";
+}
 
 /// The vkmaster program in a process of its own, with pipes for all it reads and writes.
 class VkmasterProcess {
@@ -35,7 +40,7 @@ class VkmasterProcess {
     }
     std::vector<char*> argv;
     argv.reserve(arguments.size() + 2);
-    arguments.insert(arguments.begin(), VKMASTER_PROGRAM);
+    arguments.insert(arguments.begin(), VkmasterExecutable());
     for (std::string& argument : arguments) argv.push_back(argument.data());
     argv.push_back(nullptr);
     pid_ = fork();
@@ -43,7 +48,7 @@ class VkmasterProcess {
       dup2(in[0], 0);
       dup2(out[1], 1);
       dup2(err[1], 2);
-      execv(VKMASTER_PROGRAM, argv.data());
+      execv(argv[0], argv.data());
       _exit(126);
     }
     in_ = Descriptor(in[1]);

@@ -251,8 +251,7 @@ TEST(ProgramHelpTest, HelpThatCannotBeWrittenIsAnError) {
   const TemporaryDirectory directory;
   ChildProcess::Options options;
   options.outputFile = directory.File("errors");
-  ChildProcess child({"/bin/sh", "-c", std::string(VKMASTER_PROGRAM) + " help >/dev/full"},
-                     options);
+  ChildProcess child({"/bin/sh", "-c", VkmasterExecutable() + " help >/dev/full"}, options);
   EXPECT_EQ(child.Wait(std::chrono::seconds(30)), 1);
   EXPECT_EQ(directory.Read("errors"),
             "vkmaster: The help cannot be written: No space left on device\n");
@@ -497,7 +496,7 @@ TEST(ProgramFailure, SystemWithoutADescriptorLeftIsAnInternalError) {
   ChildProcess::Options options;
   options.outputFile = directory.File("errors");
   options.inChild = [] { return RefuseCalls({{SYS_eventfd2, EMFILE}}) ? 0 : 1; };
-  ChildProcess child({VKMASTER_PROGRAM, "help"}, options);
+  ChildProcess child({VkmasterExecutable(), "help"}, options);
   EXPECT_EQ(child.Wait(std::chrono::seconds(30)), 1);
   EXPECT_EQ(directory.Read("errors"), "vkmaster: no event descriptor\n");
 }

@@ -35,7 +35,7 @@ class TerminalTest : public testing::Test {
  protected:
   void Start(const std::vector<std::string>& options) {
     std::vector<std::string> arguments = LaunchArguments(daemon_.port(), options);
-    arguments.insert(arguments.begin(), VKMASTER_PROGRAM);
+    arguments.insert(arguments.begin(), VkmasterExecutable());
     std::vector<char*> argv;
     argv.reserve(arguments.size() + 1);
     for (std::string& argument : arguments) argv.push_back(argument.data());
@@ -47,7 +47,7 @@ class TerminalTest : public testing::Test {
       unsetenv("HOME");
       if (home_variable_) setenv("HOME", home_variable_->c_str(), 1);
       setenv("TERM", "xterm", 1);
-      execv(VKMASTER_PROGRAM, argv.data());
+      execv(argv[0], argv.data());
       _exit(126);
     }
     terminal_ = Descriptor(terminal);
@@ -232,7 +232,7 @@ TEST_F(TerminalTest, TabOverALostLinkLeavesTheWordToTheCommand) {
 // A terminal that is not the one of the program's session ends like a file, without a signal.
 TEST_F(TerminalTest, EndOfAnotherSessionsTerminalShutsTheRunDown) {
   std::vector<std::string> arguments = LaunchArguments(daemon_.port(), {});
-  arguments.insert(arguments.begin(), VKMASTER_PROGRAM);
+  arguments.insert(arguments.begin(), VkmasterExecutable());
   int master = -1;
   int slave = -1;
   ASSERT_EQ(openpty(&master, &slave, nullptr, nullptr, nullptr), 0);
