@@ -223,7 +223,8 @@ struct FakeRun {
       const double base = 100 * static_cast<double>(i + 1);
       Pack record(4096);
       record.String("OPEN");
-      for (const double value : {base, base + 1, base + 2, 0.0, 0.0, 250.5, 30.25, 0.95}) {
+      for (const double value :
+           {base, base + 1, base + 2, base + 3, base + 4, 250.5, 30.25, 0.95}) {
         record.Double(value);
       }
       master.Send(record.Done());

@@ -203,6 +203,14 @@ TEST_F(PlanRunTest, EndOfTheSimulationEndsThePlan) {
   EXPECT_EQ(directory_.Read("results/events.csv"), "");
 }
 
+TEST_F(PlanRunTest, EventOfTheDayOnWhichTheSimulationEndsIsLeftOut) {
+  run_.end = 10;
+  EXPECT_EQ(Run("[advance]\nuntil = 30\n[[event]]\nat = 10\ncommands = [\"shut P1\"]\n").status, 0);
+  EXPECT_EQ(directory_.Read("results/steps.csv"),
+            "time_days,date,ended\n0,2020-01-01,false\n10,2020-01-11,true\n");
+  EXPECT_EQ(directory_.Read("results/events.csv"), "");
+}
+
 TEST_F(PlanRunTest, FailedRequestKeepsWhatWasRecorded) {
   run_.fails = {11};
   const Outcome outcome =

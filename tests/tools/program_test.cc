@@ -166,7 +166,7 @@ TEST_F(ProgramTest, RatesAreSummedOverTheWells) {
   EXPECT_EQ(outcome.out,
             "time_days,date,ended,oil_rate,water_rate,gas_rate,water_injection_rate,"
             "gas_injection_rate\n"
-            "1,2020-01-02,false,600,606,603,0,0\n");
+            "1,2020-01-02,false,600,606,603,609,612\n");
 }
 
 TEST_F(ProgramTest, EndOfTheSimulationEndsAnAdvance) {
@@ -308,6 +308,32 @@ TEST_F(ProgramTest, KeepGoingTakesTheNextCommandAfterASlip) {
             "\n"
             R"({"command":"time","time_days":0.0,"units":{"time_days":"days"}})"
             "\n");
+}
+
+TEST_F(ProgramTest, SlipAmongArgumentsIsTheStatusThoughTheNextCommandSucceeds) {
+  const Outcome outcome = Master({"--keep-going", "connect", "then", "time"});
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_EQ(outcome.out, "time  0 days\n");
+}
+
+// That one slip was tolerated says nothing about the next failure.
+TEST(ProgramKeepGoing, FailedRequestAfterAToleratedSlipEndsTheCommands) {
+  FakeRun run;
+  run.fails = {2};
+  for (const bool from_arguments : {true, false}) {
+    SCOPED_TRACE(from_arguments);
+    FakeDaemon daemon(FakeDaemon::Launching(run));
+    const Outcome outcome =
+        from_arguments
+            ? RunVkmaster(LaunchArguments(
+                  daemon.port(), {"--keep-going", "connect", "then", "date", "then", "time"}))
+            : RunVkmaster(LaunchArguments(daemon.port(), {"--keep-going"}),
+                          "connect\ndate\ntime\n");
+    EXPECT_EQ(outcome.status, 4);
+    EXPECT_THAT(outcome.err, HasSubstr("(GetDate)"));
+    EXPECT_THAT(outcome.err, Not(HasSubstr("vkmaster: The connection")));
+    EXPECT_THAT(outcome.err, Not(HasSubstr("(GetTimeDays)")));
+  }
 }
 
 TEST_F(ProgramTest, CommandsOfAFileAreUnderstoodBeforeAnythingIsLaunched) {
@@ -729,7 +755,16 @@ TEST(ProgramUsage, HelpListsCommandsAndExitStatusesWithoutADaemon) {
   EXPECT_EQ(outcome.status, 0);
   EXPECT_THAT(outcome.out, HasSubstr("  until TARGET [step STEP] [rates]"));
   EXPECT_THAT(outcome.out, HasSubstr("  4  a request failed"));
+  EXPECT_THAT(outcome.out, HasSubstr("--connect-wait INT:NONNEGATIVE=10\n"));
+  EXPECT_THAT(outcome.out, HasSubstr("--launch-wait INT:NONNEGATIVE=0\n"));
+  EXPECT_THAT(outcome.out, HasSubstr("--shutdown-wait INT:NONNEGATIVE=30\n"));
   EXPECT_THAT(RunVkmaster({"help", "until"}).out, HasSubstr("run to day 3650"));
+}
+
+TEST(ProgramUsage, CommandThatOnlyBeginsLikeRunIsNoPlan) {
+  const Outcome outcome = RunVkmaster(LaunchArguments(5000, {"runs", "plan.toml"}));
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_THAT(outcome.err, HasSubstr("No such command: runs"));
 }
 
 TEST(ProgramUsage, SlipsEndWithTwoBeforeAnythingIsLaunched) {

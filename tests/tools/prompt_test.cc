@@ -1,12 +1,16 @@
 #include "tools/vkmaster/command_line/prompt.h"
 
 #include <errno.h>
+#include <signal.h>
 #include <stdlib.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <future>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -101,6 +105,31 @@ TEST(PromptTest, InterruptedWaitGoesOn) {
   const auto text = LineWhen([] { return ++calls % 2 == 1 ? static_cast<long>(-EINTR) : 1L; });
   if (!text) GTEST_SKIP() << "system calls cannot be answered here";
   EXPECT_THAT(*text, HasSubstr("'time'"));
+}
+
+// No call of the waiting thread is interrupted then.
+TEST(PromptTest, SignalThatAnotherThreadTakesEndsTheWait) {
+  const auto text = TextOfChild([]() -> std::optional<std::string> {
+    const TemporaryDirectory directory;
+    setenv("HOME", directory.path().c_str(), 1);
+    SocketPair typed;
+    dup2(typed.ours.get(), STDIN_FILENO);
+    vkmaster::Interrupt interrupt;
+    vkmaster::Prompt prompt([] { return "> "; }, NoWells, interrupt);
+    std::promise<void> ended;
+    bool late = false;
+    std::thread other([&typed, &late, end = ended.get_future()] {
+      end.wait_for(std::chrono::milliseconds(100));  // nothing tells that the wait has begun
+      raise(SIGTERM);
+      late = end.wait_for(std::chrono::seconds(5)) != std::future_status::ready;
+      WriteAll(typed.peer.get(), "line\n");
+    });
+    const std::string line = prompt.Next().value_or("the end");
+    ended.set_value();
+    other.join();
+    return "'" + line + (late ? "' with the next key" : "' at once");
+  });
+  EXPECT_THAT(text.value_or(""), HasSubstr("'the end' at once"));
 }
 
 TEST(PromptTest, WaitThatFailsEndsTheInput) {

@@ -22,6 +22,7 @@ namespace {
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::SizeIs;
 using testing::StartsWith;
 using vkmaster::Form;
 using vkmaster::UsageError;
@@ -64,6 +65,29 @@ class WellCommandsTest : public testing::Test {
     return found;
   }
 
+  // The sizes of what a command over all wells sends: twice `count` wells with names of 200
+  // letters, and one more with a name of `last` letters behind each of these series.
+  std::vector<std::size_t> SizesOf(const std::string& line, int code, std::size_t count,
+                                   std::size_t last) {
+    run_.wells.clear();
+    for (const char series : {'A', 'B'}) {
+      for (std::size_t i = 0; i < count; ++i) {
+        run_.wells.push_back({std::to_string(1000 + i) + std::string(196, series), "", ""});
+      }
+      run_.wells.push_back({std::string(last, series), "", ""});
+    }
+    session_.Wells();
+    const std::size_t before = end_.received().size();
+    Do(line);
+    std::vector<std::size_t> sizes;
+    for (std::size_t i = before; i < end_.received().size(); ++i) {
+      const std::string& frame = end_.received()[i];
+      if (frame.starts_with(static_cast<char>(code)) && frame[1] == 0)
+        sizes.push_back(frame.size());
+    }
+    return sizes;
+  }
+
   SocketPair pair_;
   FakeRun run_;
   vkmaster::Session session_;
@@ -95,8 +119,8 @@ TEST_F(WellCommandsTest, DataIsATableOfOperatingPoints) {
   EXPECT_EQ(Do("data P2,P1"),
             "well,status,oil_rate,water_rate,gas_rate,water_injection_rate,gas_injection_rate,"
             "bottom_hole_pressure,tubing_head_pressure,uptime_fraction\n"
-            "P2,OPEN,100,102,101,0,0,250.5,30.25,0.95\n"
-            "P1,OPEN,200,202,201,0,0,250.5,30.25,0.95\n");
+            "P2,OPEN,100,102,101,103,104,250.5,30.25,0.95\n"
+            "P1,OPEN,200,202,201,203,204,250.5,30.25,0.95\n");
 }
 
 TEST_F(WellCommandsTest, UnitsFollowTheRun) {
@@ -179,7 +203,8 @@ TEST_F(WellCommandsTest, IPRIsATableOfPointsAndAPlotPerWell) {
   const std::string text = Do("ipr P1 P2 keep", Form::kText);
   EXPECT_THAT(text, HasSubstr("\nP1\n   bhp bar\n       290 |*"));
   EXPECT_THAT(text, HasSubstr("\nP2\n   bhp bar\n       290 |*"));
-  EXPECT_THAT(text, HasSubstr("liquid sm3/d"));
+  // Oil and water together, from 100 and 25 to 1000 and 250.
+  EXPECT_THAT(text, testing::ContainsRegex("\n +125 +liquid sm3/d +1250\n"));
   EXPECT_THAT(Do("ipr P1 keep no-plot", Form::kText), testing::Not(HasSubstr("liquid")));
 }
 
@@ -280,6 +305,50 @@ TEST_F(WellCommandsTest, ConstraintsOfManyWellsAreSentInSeveralRequests) {
   EXPECT_EQ(wells.back(), "11999");
   EXPECT_TRUE(std::is_sorted(wells.begin(), wells.end()));
   EXPECT_EQ(std::adjacent_find(wells.begin(), wells.end()), wells.end());
+}
+
+// A request that were a byte longer would end in an exception.
+TEST_F(WellCommandsTest, RequestsOverManyWellsAreFilledToTheirLastByte) {
+  struct Case {
+    const char* line;
+    int code;
+    std::size_t head;  // bytes of code and counts
+    std::size_t well;  // bytes of a well besides its name
+  };
+  for (const Case& each :
+       {Case{"data", 10, 8, 4}, Case{"shut all", 11, 12, 4 + 8},
+        Case{"set-status '' all", 11, 12, 4 + 4}, Case{"uptime all 0.5", 12, 12, 4 + 8},
+        Case{"constrain all bhp=1", 13, 16, 4 + 4 + 4 + 20 + 4 + 8}}) {
+    SCOPED_TRACE(each.line);
+    const std::size_t room = 65536 - each.head;
+    const std::size_t count = room / (200 + each.well) - 1;
+    const std::size_t last = room - count * (200 + each.well) - each.well;
+    EXPECT_THAT(SizesOf(each.line, each.code, count, last), ElementsAre(65536, 65536));
+    EXPECT_THAT(SizesOf(each.line, each.code, count, last + 1), SizeIs(3));
+  }
+}
+
+// As when the wells of a survey get their own statuses back.
+TEST_F(WellCommandsTest, StatusesOfSeveralRequestsStayWithTheirWells) {
+  std::vector<std::string> wells;
+  std::vector<std::string> statuses;
+  for (int i = 10000; i < 15000; ++i) {
+    wells.push_back(std::to_string(i));
+    statuses.emplace_back(i < 13000 ? "OPEN" : "SHUT");
+  }
+  SetStatuses(session_, wells, statuses);
+  std::vector<std::string> named;
+  std::vector<std::string> given;
+  for (const std::string& hex : Requests(11)) {
+    Fields fields(Bytes(hex).substr(4));
+    const int names = fields.Int();
+    const int values = fields.Int();
+    for (std::string& name : fields.Strings(names)) named.push_back(std::move(name));
+    for (std::string& value : fields.Strings(values)) given.push_back(std::move(value));
+  }
+  EXPECT_EQ(Requests(11).size(), 2U);
+  EXPECT_EQ(named, wells);
+  EXPECT_EQ(given, statuses);
 }
 
 TEST_F(WellCommandsTest, MissingVariablesBreakTheProtocol) {
