@@ -1,12 +1,15 @@
 #include "master/frame_channel.h"
 
+#include <dlfcn.h>
 #include <errno.h>
+#include <netdb.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <bit>
 #include <chrono>
 #include <functional>
 #include <optional>
@@ -24,6 +27,22 @@
 #include "tests/support/ports.h"
 #include "tests/support/socket_pair.h"
 #include "tests/support/text_of_child.h"
+
+namespace {
+
+// A host whose first address nobody listens at, and whose second is this machine.
+constexpr const char* kTwoAddresses = "two.addresses.invalid";
+
+}  // namespace
+
+// In front of the system's, which knows no host of two addresses on every machine.
+extern "C" int getaddrinfo(const char* node, const char* service, const addrinfo* hints,
+                           addrinfo** found) {
+  static const auto system = std::bit_cast<decltype(&getaddrinfo)>(dlsym(RTLD_NEXT, "getaddrinfo"));
+  if (std::string(node) != kTwoAddresses) return system(node, service, hints, found);
+  const int failed = system("127.0.0.2", service, hints, found);
+  return failed != 0 ? failed : system("127.0.0.1", service, hints, &(*found)->ai_next);
+}
 
 namespace {
 
@@ -84,6 +103,16 @@ TEST_F(FrameChannelTest, AssignedChannelTakesTheConnectionAndClosesItsOwn) {
   second = std::move(itself);
   Write("01000000 42");
   EXPECT_EQ(second.Receive(), "B");
+}
+
+TEST_F(FrameChannelTest, AssignedChannelHasTheHalfFrameThatWasReadAlready) {
+  Write("03 00 00 00 41 42");
+  EXPECT_THROW(channel_.Receive(Clock::now() + milliseconds(10)), master::TimedOut);
+  SocketPair other;
+  FrameChannel assigned(other.ours.Release());
+  assigned = std::move(channel_);
+  Write("43");
+  EXPECT_EQ(assigned.Receive(), "ABC");
 }
 
 TEST_F(FrameChannelTest, EndBetweenFramesIsNoFrame) {
@@ -171,6 +200,15 @@ TEST(ConnectTo, ReachesAListenerOnLoopback) {
   const Descriptor listener = BindFreePort(1);
   FrameChannel channel =
       FrameChannel::ConnectTo("localhost", PortOf(listener.get()), std::chrono::seconds(10));
+  const Descriptor accepted(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+  channel.Send("A");
+  EXPECT_EQ(ReadExactly(accepted.get(), 5), Frame("A"));
+}
+
+TEST(ConnectTo, NextAddressOfAHostIsTriedWhenNobodyListensAtTheFirst) {
+  const Descriptor listener = BindFreePort(1);
+  const int port = PortOf(listener.get());
+  FrameChannel channel = FrameChannel::ConnectTo(kTwoAddresses, port, std::chrono::seconds(10));
   const Descriptor accepted(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
   channel.Send("A");
   EXPECT_EQ(ReadExactly(accepted.get(), 5), Frame("A"));

@@ -1,6 +1,8 @@
 #include <sys/socket.h>
 
 #include <chrono>
+#include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -76,6 +78,13 @@ TEST_F(ShutdownTest, RecordsAlreadyAskedForAreNotAskedForAgain) {
   Reply("f0ff0000 00000000");
   EXPECT_TRUE(run_.ShutdownWithin({}));
   EXPECT_EQ(Sent(), Hex(Bytes("04000000 00100000 04000000 f0ff0000")));
+}
+
+TEST_F(ShutdownTest, RequestThatWasTooLongToBeSentLeavesNoRecordsDue) {
+  EXPECT_THROW(run_.GetWellData(std::vector<std::string>(10000, "WELL")), master::RequestTooLong);
+  Reply("f0ff0000 00000000");
+  EXPECT_TRUE(run_.ShutdownWithin({}));
+  EXPECT_EQ(Sent(), "04 00 00 00 f0 ff 00 00");
 }
 
 TEST_F(ShutdownTest, BusyDaemonIsNotWaitedForBeyondTheDeadline) {
