@@ -55,6 +55,8 @@ TEST_F(CompositionalTest, ExternalSourceChangesWhatIsInjectedAndInTimeWhatIsProd
   ASSERT_TRUE(reservoir_.set_source_composition(
       "SRC", {"TOTAL_MOLE_FRACTION[1]", "TOTAL_MOLE_FRACTION[2]"}, {3, 1}));
   EXPECT_EQ(Fractions("G1"), (std::vector<double>{0.75, 0.25, 0, 0, 0}));
+  ASSERT_TRUE(reservoir_.create_source("G1", "SRC", "GAS"));  // which is there, and stays as it is
+  EXPECT_EQ(Fractions("G1"), (std::vector<double>{0.75, 0.25, 0, 0, 0}));
   double nitrogen = Fractions("P1")[0];
   for (int n = 1; n <= 9; ++n) {
     reservoir_.advance_to(100 * n);
@@ -79,6 +81,13 @@ TEST_F(CompositionalTest, SourcesThatMakeNoSenseAreRefused) {
   EXPECT_EQ(Fractions("G1")[1], 0.90);
   EXPECT_TRUE(reservoir_.set_source_composition("SRC", {"C1"}, {0.4}));
   EXPECT_EQ(Fractions("G1")[1], 1);
+}
+
+TEST_F(CompositionalTest, LaterFractionOfAComponentNamedTwiceCounts) {
+  ASSERT_TRUE(reservoir_.create_source("G1", "SRC", "GAS"));
+  ASSERT_TRUE(
+      reservoir_.set_source_composition("SRC", {"TOTAL_MOLE_FRACTION[1]", "C1", "C1"}, {1, 5, 1}));
+  EXPECT_EQ(Fractions("G1"), (std::vector<double>{0.5, 0.5, 0, 0, 0}));
 }
 
 TEST_F(CompositionalTest, ProductionLeavesTheHeavyEndBehindBelowTheBubblePoint) {

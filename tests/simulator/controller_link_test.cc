@@ -291,6 +291,25 @@ TEST_F(ControllerLinkTest, InflowQueryAnswersACurvePerItem) {
   EXPECT_EQ(Receive(), Bytes("05 'READY' 0000000000000000 'MESS' " + kEnd));
 }
 
+TEST_F(ControllerLinkTest, InflowOfSeveralWellsIsACurveOfEachInTheirOrder) {
+  Start();
+  SetUpRun();
+  Send(wire::Mess("QUERY") + wire::Mess("QIPRDATA") + wire::Cstr("WELNAMES", {"W1", "P1"}) +
+       wire::Cstr("PRESSURETYPES", {"BOTTOM_HOLE_PRESSURE", "TUBING_HEAD_PRESSURE"}) +
+       wire::Inte("NPOINTS", {2}) + wire::Doub("SKEWNESS", {1}) + wire::Mess("END"));
+  const std::string reply = Receive();
+  const std::string names = wire::Cstr("WELLNAME", {"W1"}) + wire::Inte("NPOINTS", {2}) +
+                            wire::Cstr("ITEM", {"BOTTOM_HOLE_PRESSURE"});
+  const std::string second = wire::Cstr("WELLNAME", {"P1"}) + wire::Inte("NPOINTS", {2}) +
+                             wire::Cstr("ITEM", {"TUBING_HEAD_PRESSURE"});
+  EXPECT_THAT(reply, StartsWith(wire::Mess("REPLY") + names));
+  EXPECT_THAT(reply, HasSubstr(second));
+  // Two lists of an injector and four of a producer; nothing else.
+  const std::size_t list = 19 + 16;
+  EXPECT_EQ(reply.size(), 18 + names.size() + list + (17 + 28 + list) + second.size() + list +
+                              (17 + 27 + list) + (17 + 27 + list) + (17 + 29 + list) + 16);
+}
+
 TEST_F(ControllerLinkTest, BlackOilHasNoFluidModelsToDescribe) {
   Start();
   SetUpRun();
@@ -665,6 +684,18 @@ TEST_F(ControllerLinkTest, StopEndsAWaitForAMessage) {
   SetUpRun();
   stop_.raise();
   EXPECT_EQ(Join(), ControllerLink::Ending::kStopped);
+}
+
+TEST_F(ControllerLinkTest, StopAfterTheEndDoesNothingToAConnectionWithTheSameNumber) {
+  Start();
+  SetUpRun();
+  Leave();
+  const wire::Pair other = wire::SocketPair();  // takes the numbers that have become free
+  stop_.raise();
+  wire::WriteAll(other.ours, "A");
+  EXPECT_EQ(wire::Read(other.theirs, 1), "A");
+  close(other.ours);
+  close(other.theirs);
 }
 
 TEST_F(ControllerLinkTest, StopEndsAReadOfAHalfMessage) {

@@ -195,6 +195,12 @@ TEST_F(VksimTest, TitleAndFluidsOfTheDeckAreShown) {
   EXPECT_THAT(program.seen(), HasSubstr("\n  compositional, "));
 }
 
+TEST_F(VksimTest, WellsOfTheDeckAreCountedByTheirTypes) {
+  Program program({EXAMPLES_DIR, "TENWELLS", "--port", "0", "--wait-seconds", "0"});
+  EXPECT_EQ(program.Finish(), 1);
+  EXPECT_THAT(program.seen(), HasSubstr("6 producers, 3 water injectors, 1 gas injectors"));
+}
+
 TEST_F(VksimTest, EndsWithStatusZeroWhenTheControllerLeaves) {
   Program program(Arguments());
   SetUpRun(program);
