@@ -166,6 +166,28 @@ TEST_F(EnvCollectionTest, WordOfTheEnvironmentThatIsNoVariableIsPassedOn) {
   EXPECT_EQ(value, "1");
 }
 
+// Otherwise the rest of the name would become the beginning of another variable's value.
+TEST_F(EnvCollectionTest, NameWithAnEqualsSignSetsNothing) {
+  setenv("JT_A", "old", 1);
+  Apply("JT_A=x 1 JT_B=x 2 JT_PATH /x");
+  EXPECT_EQ(Value("JT_A"), "old");
+  EXPECT_EQ(Value("JT_B"), "unset");
+  EXPECT_EQ(Value("JT_PATH"), "/x");
+}
+
+TEST_F(EnvCollectionTest, FirstOfAVariableThatIsThereTwiceCounts) {
+  const CEnvCollection entries(directory_.Write("env", "JT_A x").c_str());
+  EXPECT_EQ(InChild([&] {
+              std::array<char*, 3> twice{const_cast<char*>("JT_A=first"),
+                                         const_cast<char*>("JT_A=last"), nullptr};
+              environ = twice.data();
+              entries.Apply(nullptr, &log_);
+              return Value("JT_A") == "x:first" ? 0 : 1;
+            }),
+            0);
+  EXPECT_EQ(directory_.Read("log"), "Setting existing environment variable JT_A to x:first\n");
+}
+
 TEST_F(EnvCollectionTest, LongerNameLeavesItsEntryOut) {
   const std::string name(256, 'N');
   Apply(name + " 1 JT_B 2");
@@ -230,6 +252,9 @@ TEST_F(EnvCollectionTest, ReadingReplacesTheFormerEntries) {
   CEnvCollection entries(directory_.Write("env", "JT_A 1").c_str());
   char error[CEnvCollection::kErrorSize] = "";
   EXPECT_EQ(entries.ReadEnvFile(directory_.Write("other", "JT_B 2").c_str(), error), 0);
+  entries.LogOut(&log_);
+  EXPECT_EQ(directory_.Read("log"), "Variable: JT_B, Value: 2\n");
+  EXPECT_EQ(entries.ReadEnvFile(directory_.File("absent").c_str(), error), 0);
   entries.LogOut(&log_);
   EXPECT_EQ(directory_.Read("log"), "Variable: JT_B, Value: 2\n");
 }

@@ -168,6 +168,13 @@ TEST_F(UserCollectionTest, LineAboveTheLimitEndsTheFileAndItsTailIsNoRecord) {
   EXPECT_EQ(Find("bob"), "none");
 }
 
+TEST_F(UserCollectionTest, LineOneCharacterAboveTheLimitEndsTheFile) {
+  EXPECT_EQ(Read("bob bob 1\nalice alice 1" + std::string(1011, ' ') + "\n* root 1\n"), 0);
+  EXPECT_EQ(Find("bob"), "bob/1");
+  EXPECT_EQ(Find("alice"), "none");
+  EXPECT_EQ(Find("mallory"), "none");
+}
+
 TEST_F(UserCollectionTest, DirectoryInPlaceOfTheFileIsAnEmptyList) {
   std::filesystem::create_directory(directory_.File(".vk_corvane_users"));
   EXPECT_EQ(ReadDirectory(directory_.path().string()), 0);

@@ -112,7 +112,7 @@ TEST_F(FrameChannelTest, AssignedChannelHasTheHalfFrameThatWasReadAlready) {
   FrameChannel assigned(other.ours.Release());
   assigned = std::move(channel_);
   Write("43");
-  EXPECT_EQ(assigned.Receive(), "ABC");
+  EXPECT_EQ(assigned.Receive(Clock::now() + std::chrono::seconds(10)), "ABC");
 }
 
 TEST_F(FrameChannelTest, EndBetweenFramesIsNoFrame) {
