@@ -505,6 +505,8 @@ TEST_F(LaunchByAnswerTest, ProgramInPlaceOfAScriptHasFreeSignals) {
       "print line >\"signals\"\n  print \"HOST=node17\"\n  exit\n}\n");
   prepareChild_ = [] {
     signal(SIGXFSZ, SIG_IGN);
+    // A shell without job control starts what is to run in the background with these ignored.
+    for (const int number : {SIGINT, SIGQUIT}) signal(number, SIG_DFL);
     sigset_t blocked;
     sigemptyset(&blocked);
     sigaddset(&blocked, SIGUSR1);
