@@ -169,6 +169,42 @@ TEST_F(HandlersTest, MissingWellRecordGetsNoReplyAtAll) {
   EXPECT_EQ(Logged().find("GetWellData for"), std::string::npos);
 }
 
+TEST_F(HandlersTest, WellRecordTooManyGetsNoReplyAtAll) {
+  stub_->operatingPoints = {OperatingPoint("OPEN", 1), OperatingPoint("SHUT", 2)};
+  MasterSends("0a 00 00 00 01 00 00 00 01 00 00 00 41");
+  MasterSends("00 10 00 00");
+  EXPECT_EQ(Serve(), 2);
+  EXPECT_EQ(replies_, "");
+  EXPECT_EQ(error_,
+            "Failed to handle data packet received from master: Exception returned from Corvane "
+            "comms: Discrepancy returned in well data from Corvane: well count in routine "
+            "VK_GETWELLDATA");
+}
+
+TEST_F(HandlersTest, WellRecordForNoNameGetsNoReplyAtAll) {
+  stub_->operatingPoints = {OperatingPoint("OPEN", 1)};
+  MasterSends("0a 00 00 00 00 00 00 00");
+  EXPECT_EQ(Serve(), 2);
+  EXPECT_EQ(replies_, "");
+}
+
+TEST_F(HandlersTest, WrongSecondSubRequestOfWellDataEndsTheRunBehindTheFirstRecord) {
+  stub_->operatingPoints = {OperatingPoint("", 1), OperatingPoint("", 2)};
+  MasterSends("0a 00 00 00 02 00 00 00 01 00 00 00 41 01 00 00 00 42");
+  MasterSends("00 10 00 00");
+  MasterSends("0a 00 00 00");
+  EXPECT_EQ(Serve(), 2);
+  EXPECT_EQ(replies_,
+            "0c 00 00 00 0a 00 00 00 02 00 00 00 00 00 00 00 "
+            "4c 00 00 00 00 10 00 00 00 00 00 00 "
+            "00 00 00 00 00 00 f0 3f 00 00 00 00 00 00 00 40 00 00 00 00 00 00 08 40 "
+            "00 00 00 00 00 00 10 40 00 00 00 00 00 00 14 40 00 00 00 00 00 00 18 40 "
+            "00 00 00 00 00 00 1c 40 00 00 00 00 00 00 20 40 00 00 00 00");
+  EXPECT_EQ(error_,
+            "Failed to handle data packet received from master: Exception returned from Corvane "
+            "comms: Unexpected data received from Corvane, routine VK_GETWELLDATA_SUB");
+}
+
 TEST_F(HandlersTest, WrongSubRequestOfWellDataEndsTheRun) {
   stub_->operatingPoints = {OperatingPoint("OPEN", 1)};
   MasterSends("0a 00 00 00 01 00 00 00 01 00 00 00 41");
@@ -308,6 +344,83 @@ TEST_F(HandlersTest, MissingMoleFractionSeriesAreSentEmpty) {
                 "00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 "
                 "00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 "
                 "00 00 00 00 00 00 00 00");
+}
+
+TEST_F(HandlersTest, TableWithoutMoleFractionsSendsTenEmptySeries) {
+  stub_->tables = {Table()};
+  MasterSends("10 00 00 00 02 00 00 00 01 00 00 00 01 00 00 00 41 00 00 00 00 00 00 00 00 40");
+  MasterSends("01 10 00 00");
+  EXPECT_EQ(Serve(), 1);
+  EXPECT_EQ(replies_,
+            "10 00 00 00 10 00 00 00 01 00 00 00 0a 00 00 00 00 00 00 00 "
+            "90 00 00 00 01 10 00 00 " +
+                kTableBytes +
+                "00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 "
+                "00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 "
+                "00 00 00 00");
+}
+
+TEST_F(HandlersTest, MoleFractionsBehindTheTenthAreNotSent) {
+  stub_->tables = {Table()};
+  stub_->tables[0].mole_fractions.assign(12, {});
+  stub_->tables[0].mole_fractions[9] = {1};
+  stub_->tables[0].mole_fractions[10] = {2};
+  stub_->tables[0].mole_fractions[11] = {3};
+  MasterSends("10 00 00 00 01 00 00 00 01 00 00 00 01 00 00 00 41 00 00 00 00 00 00 00 00 40");
+  MasterSends("01 10 00 00");
+  EXPECT_EQ(Serve(), 1);
+  EXPECT_EQ(replies_,
+            "10 00 00 00 10 00 00 00 01 00 00 00 0a 00 00 00 00 00 00 00 "
+            "98 00 00 00 01 10 00 00 " +
+                kTableBytes +
+                "00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 "
+                "00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 "
+                "01 00 00 00 00 00 00 00 00 00 f0 3f 00 00 00 00");
+}
+
+TEST_F(HandlersTest, MoleFractionsThatNobodyAskedForAreNotSent) {
+  for (const char* components : {"00 00 00 00", "ff ff ff ff"}) {
+    MasterSends(std::string("10 00 00 00 ") + components +
+                " 01 00 00 00 01 00 00 00 41 00 00 00 00 00 00 00 00 40");
+    MasterSends("01 10 00 00");
+  }
+  stub_->tables = {Table()};
+  stub_->tables[0].mole_fractions.assign(10, {1});
+  EXPECT_EQ(Serve(), 1);
+  const std::string reply =
+      "10 00 00 00 10 00 00 00 01 00 00 00 0a 00 00 00 00 00 00 00 "
+      "68 00 00 00 01 10 00 00 " +
+      kTableBytes + "00 00 00 00";
+  EXPECT_EQ(replies_, reply + " " + reply);
+}
+
+TEST_F(HandlersTest, IprTableTooManyGetsNoReplyAtAll) {
+  stub_->tables = {Table(), Table()};
+  MasterSends("10 00 00 00 00 00 00 00 01 00 00 00 01 00 00 00 41 01 00 00 00 00 00 00 00 40");
+  MasterSends("01 10 00 00");
+  EXPECT_EQ(Serve(), 2);
+  EXPECT_EQ(replies_, "");
+  EXPECT_EQ(error_,
+            "Failed to handle data packet received from master: Exception returned from Corvane "
+            "comms: Discrepancy returned in well data from Corvane: well count in routine "
+            "VK_GETWELLIPRDATA");
+}
+
+TEST_F(HandlersTest, WrongSecondSubRequestOfIprDataEndsTheRunBehindTheFirstTable) {
+  stub_->tables = {Table(), Table()};
+  MasterSends(
+      "10 00 00 00 00 00 00 00 02 00 00 00 01 00 00 00 41 01 00 00 00 42 "
+      "01 00 00 00 00 00 00 00 40");
+  MasterSends("01 10 00 00");
+  MasterSends("00 10 00 00");
+  EXPECT_EQ(Serve(), 2);
+  EXPECT_EQ(replies_,
+            "10 00 00 00 10 00 00 00 02 00 00 00 0a 00 00 00 00 00 00 00 "
+            "68 00 00 00 01 10 00 00 " +
+                kTableBytes + "00 00 00 00");
+  EXPECT_EQ(error_,
+            "Failed to handle data packet received from master: Exception returned from Corvane "
+            "comms: Unexpected data received from Corvane, routine VK_GETWELLIPRDATA_SUB");
 }
 
 TEST_F(HandlersTest, MissingIprTableGetsNoReplyAtAll) {
