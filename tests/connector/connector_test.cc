@@ -4,6 +4,8 @@
 
 #include "tests/connector/connector_fixture.h"
 #include "tests/support/leaks.h"
+#include "tests/support/ports.h"
+#include "tests/support/socket_pair.h"
 
 namespace {
 
@@ -78,6 +80,21 @@ TYPED_TEST(SteppingTest, ConnectAfterASetUpThatCouldNotBeReadBeginsAnew) {
   this->AnswerStep("BEGIN_NEWTON", 1);
   this->connector_.Newton();
   EXPECT_EQ(this->connector_.GetTimeDays(), 1);
+}
+
+// A time-out of one second is over when two have passed.
+TYPED_TEST(SteppingTest, TimeOutIsHandedOnUnchanged) {
+  const Descriptor nobody = BindFreePort();
+  const ExpectedLeaks leaks;  // the connector gives up the first client for the second
+  for (const int timeout : {0, 1}) {
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(this->FailureOf(
+                  [&] { this->connector_.Connect("127.0.0.1", PortOf(nobody.get()), timeout); }),
+              "Connection timed out.");
+    const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(elapsed.count(), timeout + 1);
+    EXPECT_LT(elapsed.count(), timeout + 1.9);
+  }
 }
 
 TYPED_TEST(SteppingTest, RefusedSetupPassesTheSimulatorsTextOn) {
@@ -340,6 +357,31 @@ TYPED_TEST(SimpleQueryTest, FieldManagementModelDecidesInAnyOrder) {
   EXPECT_FALSE(this->connector_.IsCompositional());
   EXPECT_EQ(this->Requests().front(),
             this->RunQuery("QRESVR_STR", {"FM_FLUID_MODEL", "RES_FLUID_MODEL"}));
+}
+
+TYPED_TEST(SimpleQueryTest, FirstOfTwoFieldManagementModelsDecides) {
+  this->Connect();
+  const std::string compositional = this->Item("FM_FLUID_MODEL", {"COMPOSITIONAL"});
+  const std::string blackOil = this->Item("FM_FLUID_MODEL", {"BLACK_OIL"});
+  this->AnswerQuery(compositional + blackOil);
+  EXPECT_TRUE(this->connector_.IsCompositional());
+  this->AnswerQuery(blackOil + compositional);
+  EXPECT_FALSE(this->connector_.IsCompositional());
+}
+
+// What does not fit is complained about once the simulator is ready again, as often as it comes.
+TYPED_TEST(SimpleQueryTest, QueriesGoOnAfterAnswersOfAnotherShape) {
+  this->Connect();
+  for (int again = 0; again < 2; ++again) {
+    this->AnswerQuery(this->Item("OTHER", {"1"}));
+    EXPECT_THROW(this->connector_.GetVersion(), std::runtime_error);
+    this->AnswerQuery(this->Item("OTHER", {"1"}));
+    EXPECT_THROW(this->connector_.IsMetric(), std::runtime_error);
+    this->AnswerQuery(this->Item("OTHER", {"1"}));
+    EXPECT_THROW(this->connector_.IsCompositional(), std::runtime_error);
+  }
+  this->AnswerQuery(this->Item("VK_VERSION", {"2016.2"}));
+  EXPECT_EQ(this->connector_.GetVersion(), 2016.2);
 }
 
 TYPED_TEST(SimpleQueryTest, FluidModelsOfAnotherShapeFail) {

@@ -127,6 +127,31 @@ TEST_F(Injection2017Test, CompositionIsSetSourceBySource) {
                 set("T", {1}, {"TOTAL_MOLE_FRACTION[1]"})}));
 }
 
+TEST_F(Injection2017Test, FailingSecondSourceLeavesTheFirstSetAndTheOthersUnsent) {
+  Connect();
+  AnswerSetter();
+  simulator_.AnswerNext({wire::Mess("BUSY") + End()});
+  EXPECT_THROW(connector_.SetWellInjectionComposition({"S", "T", "U"}, {{1}, {1}, {1}}),
+               std::length_error);
+  const auto sourceOf = [](const std::string& source) {
+    return wire::Mess("SET") + wire::Mess("SETWSTRE") + wire::Cstr("STNAME", {source}) +
+           wire::Doub("STCMPVALUES", {1}) + wire::Cstr("STCMPNAMES", {"TOTAL_MOLE_FRACTION[1]"}) +
+           wire::Cstr("STPHASE", {""}) + End();
+  };
+  EXPECT_EQ(Requests(), (std::vector<std::string>{sourceOf("S"), sourceOf("T")}));
+}
+
+TEST_F(Injection2017Test, SourcesOfDifferentLengthAreSetAsTheyAre) {
+  Connect();
+  AnswerSetter();
+  AnswerSetter();
+  connector_.SetWellInjectionComposition({"S", "S"}, {{}, {0.25, 0.75, 0}});
+  EXPECT_EQ(Requests()[0], wire::Mess("SET") + wire::Mess("SETWSTRE") +
+                               wire::Cstr("STNAME", {"S"}) + wire::Doub("STCMPVALUES", {}) +
+                               wire::Cstr("STCMPNAMES", {}) + wire::Cstr("STPHASE", {""}) + End());
+  EXPECT_EQ(Requests().size(), 2U);
+}
+
 TEST_F(Injection2017Test, NoSourcesSendNothing) {
   Connect();
   connector_.SetWellInjectionComposition({}, {});

@@ -267,6 +267,69 @@ TYPED_TEST(InflowTest, TypeAnswerWithoutAValueFails) {
   EXPECT_EQ(this->FailureOf([this] { this->Survey({"W"}, 1); }), kBadTypes);
 }
 
+// The well's first text is its type, whatever the simulator calls it and whatever comes with it.
+TYPED_TEST(InflowTest, TypeIsTheFirstTextOfTheAnswerUnderWhateverName) {
+  using Columns = std::vector<std::string>;
+  const std::vector<std::pair<Columns, Columns>> answers = {
+      {{"KIND"}, {"WATER_INJECTOR"}},
+      {{"TYPE", "STATUS"}, {"WATER_INJECTOR", "PRODUCER"}},
+      {{"STATUS", "TYPE"}, {"WATER_INJECTOR", "PRODUCER"}}};
+  for (const auto& [items, values] : answers) {
+    this->AnswerQuery(this->Item("UNIT_SYSTEM", {"TOLMEN_FIELD"}));
+    this->AnswerSetter();
+    this->AnswerQuery(wire::Cstr("QITEMS", items) + this->Words("W", values));
+    for (int k = 0; k < 10; ++k) {
+      this->AnswerPoint(this->kAsked, this->Row("W", this->kProducing));
+    }
+    const std::size_t sent = this->Requests().size();
+    this->tables_.clear();
+    this->Survey({"W"}, 1);
+    EXPECT_EQ(this->Requests()[sent + 3],
+              this->SetLimits(this->Limits("W", {"WATER_INJECTION_RATE"}, {100000})))
+        << items[0];
+  }
+}
+
+TYPED_TEST(InflowTest, LaterWellAbsentFromTheTypesFailsWithARecordForIt) {
+  this->AnswerStart("TOLMEN_FIELD", {{"A", "PRODUCER"}, {"C", "PRODUCER"}});
+  EXPECT_EQ(this->FailureOf([this] { this->Survey({"A", "B", "C"}, 1); }), kBadTypes);
+  ASSERT_EQ(this->tables_.size(), 2U);
+  EXPECT_TRUE(this->tables_[0].oil_rate.empty());
+  EXPECT_EQ(this->Requests().size(), 3U);  // no limits are set
+}
+
+TYPED_TEST(InflowTest, LaterWellAbsentFromAPointFailsWithThePointsOfTheWellsBefore) {
+  this->AnswerStart("TOLMEN_FIELD", {{"A", "PRODUCER"}, {"B", "PRODUCER"}, {"C", "PRODUCER"}});
+  const auto row = [this](const char* well) { return this->Row(well, this->kProducing); };
+  this->AnswerPoint(this->kAsked, row("A") + row("B") + row("C"));
+  this->AnswerPoint(this->kAsked, row("A") + row("X") + row("C"));
+  EXPECT_EQ(this->FailureOf([this] { this->Survey({"A", "B", "C"}, 1); }), kBadPoint);
+  ASSERT_EQ(this->tables_.size(), 3U);
+  EXPECT_EQ(this->tables_[0].oil_rate, std::vector<double>(2, 800));
+  EXPECT_EQ(this->tables_[0].water_density, std::vector<double>(2, 62));
+  EXPECT_EQ(this->tables_[1].oil_rate, std::vector<double>(1, 800));
+  EXPECT_EQ(this->tables_[2].oil_rate, std::vector<double>(1, 800));
+}
+
+// Nothing is left of a survey that failed, and the next one of the same wells sets its own limits.
+TYPED_TEST(InflowTest, SurveyAfterFailedOnesBeginsAnew) {
+  for (int again = 0; again < 2; ++again) {
+    this->AnswerStart("TOLMEN_FIELD", {{"W", "WATER_INJECTOR"}});
+    this->AnswerPoint(this->kAsked, this->Row("W", this->kProducing));
+    this->AnswerPoint(this->kAsked, "");
+    EXPECT_EQ(this->FailureOf([this] { this->Survey({"W"}, 1); }), kBadPoint);
+    EXPECT_EQ(this->tables_.at(0).oil_rate.size(), 1U);
+    this->tables_.clear();
+  }
+  const std::size_t sent = this->Requests().size();
+  this->AnswerSurvey("PRODUCER", this->kProducing, this->kAsked);
+  EXPECT_EQ(this->Survey({"W"}, 1), 10);
+  EXPECT_EQ(this->tables_.at(0).oil_rate, std::vector<double>(10, 800));
+  EXPECT_EQ(this->Requests()[sent + 3],
+            this->SetLimits(this->Limits("W", {"LIQUID_PRODUCTION_RATE", "GAS_PRODUCTION_RATE"},
+                                         {100000, 100000})));
+}
+
 TYPED_TEST(InflowTest, WellAbsentFromAPointFailsWithThePointsBefore) {
   this->AnswerStart("TOLMEN_FIELD", {{"W", "PRODUCER"}});
   this->AnswerPoint(this->kAsked, this->Row("W", this->kProducing));

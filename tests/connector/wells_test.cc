@@ -271,6 +271,43 @@ TYPED_TEST(WellsTest, FewerNumericRowsThanWellsFail) {
   EXPECT_EQ(this->points_.size(), 1U);  // that of the well before
 }
 
+TYPED_TEST(WellsTest, LaterWellWithoutItsStatusFailsWithThePointsBefore) {
+  EXPECT_EQ(
+      this->Ask({"A", "B", "C"},
+                this->Numeric(this->Eight("A", 1) + this->Eight("B", 2) + this->Eight("C", 3)),
+                this->Statuses(this->Words("C", {"SHUT"}) + this->Words("A", {"OPEN"}))),
+      "Unexpected answer when querying the well status data.");
+  ASSERT_EQ(this->points_.size(), 1U);
+  EXPECT_EQ(this->points_[0].oil_rate, 1);
+  EXPECT_EQ(this->points_[0].status, "OPEN");
+}
+
+TYPED_TEST(WellsTest, LaterWellWithoutItsDataFailsWithThePointsBefore) {
+  EXPECT_EQ(this->Ask({"A", "B"}, this->Numeric(this->Eight("X", 9) + this->Eight("A", 1)),
+                      this->Statuses(this->Words("A", {"OPEN"}) + this->Words("B", {"SHUT"}))),
+            "Unexpected answer when querying the well operating point data.");
+  ASSERT_EQ(this->points_.size(), 1U);
+  EXPECT_EQ(this->points_[0].oil_rate, 1);
+}
+
+// The points of an earlier question stay where they are, before and after a failure.
+TYPED_TEST(WellsTest, PointsOfFailingQuestionsAreAppendedEachTime) {
+  for (std::size_t again = 1; again <= 2; ++again) {
+    EXPECT_EQ(this->Ask({"A", "B"}, this->Numeric(this->Eight("A", 1) + this->Eight("X", 2)),
+                        this->Statuses(this->Words("A", {"OPEN"}) + this->Words("B", {"OPEN"}))),
+              "Unexpected answer when querying the well operating point data.");
+    EXPECT_EQ(this->points_.size(), again);
+  }
+  EXPECT_EQ(this->Ask({"B"}, this->Numeric(this->Eight("B", 5)),
+                      this->Statuses(this->Words("B", {"SHUT"}))),
+            "no failure");
+  ASSERT_EQ(this->points_.size(), 3U);
+  EXPECT_EQ(this->points_[0].oil_rate, 1);
+  EXPECT_EQ(this->points_[1].oil_rate, 1);
+  EXPECT_EQ(this->points_[2].oil_rate, 5);
+  EXPECT_EQ(this->points_[2].status, "SHUT");
+}
+
 TYPED_TEST(WellsTest, WellAbsentFromTheNumericAnswerFails) {
   EXPECT_EQ(this->Ask({"A"}, this->Numeric(this->Eight("X", 1)),
                       this->Statuses(this->Words("A", {"OPEN"}))),
