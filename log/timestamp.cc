@@ -7,10 +7,9 @@ std::string timestamp() {
 }
 
 std::string timestamp(time_t now) {
-  tm local{};
+  // Unlike localtime_r(), this looks each time whether the zone has changed.
+  const tm* local = localtime(&now);
   std::array<char, 64> text{};  // asctime_r() needs 26 for every year of four digits
-  if (localtime_r(&now, &local) == nullptr || asctime_r(&local, text.data()) == nullptr) {
-    return "\n";
-  }
+  if (local == nullptr || asctime_r(local, text.data()) == nullptr) return "\n";
   return text.data();
 }
