@@ -3,7 +3,6 @@
 #include <stdlib.h>
 
 #include <memory>
-#include <new>
 #include <string>
 
 #include "config/env_collection.h"
@@ -33,23 +32,13 @@ void ControlRun(const CManagerInformation& info, const RunRequest& run, const st
   }
 }
 
-// As far as there is memory for it: how the connection ends does not depend on it.
-void Tell(Socket& master, const std::string& refusal) {
-  if (refusal.empty()) return;
-  try {
-    master.SendLine(refusal);
-  } catch (const std::bad_alloc&) {
-    // The reason stands in the log; the master sees the connection end.
-  }
-}
-
 void AnswerCall(const CManagerInformation& info) {
   std::unique_ptr<CEnvCollection> environment;
   RunRequest run = ShakeHands(info, environment);
   PrepareClusterRun(run, *info.log);
   if (!StartScript(info, run)) return;
   const std::string host = AwaitHost(*info.log);
-  info.master->SendLine("OK|" + host);
+  SendLine(*info.master, "OK|" + host);
   ControlRun(info, run, host);
 }
 
@@ -62,7 +51,7 @@ int Answer(void* info) {
     AnswerCall(*connection);
     return 0;
   } catch (const Refusal& refusal) {
-    Tell(*connection->master, refusal.text);
+    if (!refusal.text.empty()) connection->master->SendLine(refusal.text);
   } catch (const char* text) {
     log << "Socket connection failed: " << text << "\n";
   } catch (...) {

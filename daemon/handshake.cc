@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <new>
 
 #include "config/env_collection.h"
 #include "config/user_collection.h"
@@ -24,16 +25,25 @@ namespace {
   throw Refusal{text};
 }
 
+// The next line. One that a broken link has lost counts as empty. One that there was no memory for
+// does not: without that field it would be another request, of another user maybe.
+std::string Receive(Socket& master, int& length) {
+  errno = 0;
+  std::string line = master.ReceiveLine(length);
+  if (line.empty() && errno == ENOMEM) throw std::bad_alloc();
+  return line;
+}
+
 std::string Receive(Socket& master) {
   int length = 0;
-  return master.ReceiveLine(length);
+  return Receive(master, length);
 }
 
 void ExchangeVersions(Socket& master, flog& log) {
   log << "Sending back version number: " << kProtocolMajor << "\n";
-  master.SendLine(std::to_string(kProtocolMajor));
+  SendLine(master, std::to_string(kProtocolMajor));
   int length = 0;
-  const std::string answer = master.ReceiveLine(length);
+  const std::string answer = Receive(master, length);
   if (answer.empty() || length == 0 || strtol(answer.c_str(), nullptr, 10) == 0) {
     log << "Incorrect response from Corvane - no controller will be launched\n";
     throw Refusal{};
@@ -124,6 +134,10 @@ void SwitchAccount(const std::string& account, flog& log) {
 }
 
 }  // namespace
+
+void SendLine(Socket& master, const std::string& line) {
+  if (master.SendLine(line) < 0 && errno == ENOMEM) throw std::bad_alloc();
+}
 
 RunRequest ShakeHands(const CManagerInformation& info,
                       std::unique_ptr<CEnvCollection>& environment) {

@@ -5,6 +5,7 @@
 
 class CEnvCollection;
 class CManagerInformation;
+class Socket;
 
 /// The end of a connection before its controller runs. Whoever throws it has logged why.
 struct Refusal {
@@ -21,6 +22,10 @@ struct RunRequest {
   std::string windowsUser;
   std::string debugFlag;
 };
+
+/// Sends one line. That a link is broken shows at the next receive; a line that there is no memory
+/// for has the master and this process wait for each other, so that throws std::bad_alloc.
+void SendLine(Socket& master, const std::string& line);
 
 /// Exchanges versions with the master, reads its run request, applies the environment file to this
 /// process and, when the daemon runs as root, switches it for good to the Linux account of the

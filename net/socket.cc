@@ -16,6 +16,7 @@
 #include <array>
 #include <limits>
 #include <memory>
+#include <new>
 
 namespace {
 
@@ -44,12 +45,28 @@ ssize_t SendOnce(int handle, const char* bytes, std::size_t size) {
   return rest < 0 && had == 0 ? rest : static_cast<ssize_t>(had) + std::max<ssize_t>(rest, 0);
 }
 
+// Empty when there is no memory for it: a frame has four bytes at least.
 std::string Frame(const char* body, std::size_t size) {
-  std::string frame(kLengthBytes + size, '\0');
-  const auto length = static_cast<std::uint32_t>(size);
-  memcpy(frame.data(), &length, kLengthBytes);
-  if (size > 0) memcpy(frame.data() + kLengthBytes, body, size);
-  return frame;
+  try {
+    std::string frame(kLengthBytes + size, '\0');
+    const auto length = static_cast<std::uint32_t>(size);
+    memcpy(frame.data(), &length, kLengthBytes);
+    if (size > 0) memcpy(frame.data() + kLengthBytes, body, size);
+    return frame;
+  } catch (const std::bad_alloc&) {
+    errno = ENOMEM;
+    return {};
+  }
+}
+
+bool Append(std::string& text, const char* bytes, std::size_t size) {
+  try {
+    text.append(bytes, size);
+    return true;
+  } catch (const std::bad_alloc&) {
+    errno = ENOMEM;
+    return false;
+  }
 }
 
 void SetOption(int handle, int option, int value) {
@@ -190,7 +207,10 @@ std::string Socket::ReceiveLine(int& length) {
       return {};
     }
     if (endless) continue;
-    text.append(block.data(), static_cast<std::size_t>(got));
+    if (!Append(text, block.data(), static_cast<std::size_t>(got))) {
+      length = 0;
+      return {};
+    }
     missing -= static_cast<std::size_t>(got);
   }
   return text;
@@ -198,11 +218,13 @@ std::string Socket::ReceiveLine(int& length) {
 
 int Socket::SendLine(const std::string& text) {
   const std::string frame = Frame(text.data(), text.size());
+  if (frame.empty()) return -1;
   return static_cast<int>(SendOnce(handle_, frame.data(), frame.size()));
 }
 
 int Socket::SendLine(const char* body, unsigned size) {
   const std::string frame = Frame(body, size);
+  if (frame.empty()) return 1;
   return SendBytes(frame.data(), static_cast<unsigned>(frame.size()));
 }
 
@@ -222,8 +244,7 @@ std::string Socket::ReceiveBytes() {
     if (ioctl(handle_, FIONREAD, &waiting) < 0 || waiting == 0) return all;
     const auto wanted = std::min(part.size(), static_cast<std::size_t>(waiting));
     const ssize_t got = recv(handle_, part.data(), wanted, 0);
-    if (got <= 0) return all;
-    all.append(part.data(), static_cast<std::size_t>(got));
+    if (got <= 0 || !Append(all, part.data(), static_cast<std::size_t>(got))) return all;
   }
 }
 

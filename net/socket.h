@@ -12,7 +12,8 @@
 ///
 /// Copies share the descriptor; it is closed when the last of them goes. All descriptors made here
 /// are closed on exec. Receives have no time limit: a silent peer blocks the caller until the
-/// connection breaks. Transfers never throw. One thread uses an object.
+/// connection breaks. Transfers never throw; without memory for what they carry they fail, with
+/// ENOMEM in errno. One thread uses an object.
 ///
 /// The process must ignore SIGPIPE; a send to a peer that has gone is then noticed at the next
 /// receive.
