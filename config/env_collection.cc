@@ -5,7 +5,6 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <memory>
@@ -15,6 +14,7 @@
 #include <utility>
 #include <vector>
 
+#include "config/regular_file.h"
 #include "log/flog.h"
 
 namespace {
@@ -36,13 +36,6 @@ bool ReadToken(FILE* in, std::string& token, std::size_t most) {
     if (token.size() < most) token += static_cast<char>(next);
   }
   return !token.empty();
-}
-
-// Only a file can be read to its end: a pipe has none before somebody writes, a device perhaps
-// never.
-bool IsFile(const char* file) {
-  struct stat status {};
-  return stat(file, &status) == 0 && S_ISREG(status.st_mode);
 }
 
 // The value that an entry gives its variable, which holds `present` or nothing. Says so in the log.
@@ -125,7 +118,7 @@ void CEnvCollection::Reset() {
 
 int CEnvCollection::ReadEnvFile(const char* file, char* /*error*/) {
   Reset();
-  if (!IsFile(file)) return 0;
+  if (!IsRegularFile(file)) return 0;
   const std::unique_ptr<FILE, int (*)(FILE*)> in(fopen(file, "re"), fclose);
   if (in) {
     ReadEntries(in.get());

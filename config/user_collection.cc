@@ -4,12 +4,12 @@
 #include <stdlib.h>
 #include <string.h>
 #include <strings.h>
-#include <sys/stat.h>
 
 #include <array>
 #include <memory>
 #include <string>
 
+#include "config/regular_file.h"
 #include "log/flog.h"
 
 namespace {
@@ -48,11 +48,6 @@ bool ReadLine(FILE* file, std::array<char, kLineSize>& line) {
   return true;
 }
 
-bool IsPipe(const std::string& path) {
-  struct stat status {};
-  return stat(path.c_str(), &status) == 0 && S_ISFIFO(status.st_mode);
-}
-
 }  // namespace
 
 CVKUserCollection::~CVKUserCollection() {
@@ -69,9 +64,8 @@ void CVKUserCollection::Reset() {
 int CVKUserCollection::ReadUserFile(const char* directory, flog* /*log*/, char* error) {
   Reset();
   const std::string path = std::string(directory) + "/./.vk_corvane_users";
-  // Opening a pipe would wait for somebody who writes to it, with the master waiting for us.
   const std::unique_ptr<FILE, int (*)(FILE*)> file(
-      IsPipe(path) ? nullptr : fopen(path.c_str(), "re"), fclose);
+      IsRegularFile(path.c_str()) ? fopen(path.c_str(), "re") : nullptr, fclose);
   if (!file) {
     snprintf(error, kErrorSize, "Could not open the user administration file: %s", path.c_str());
     return 1;
@@ -84,8 +78,7 @@ int CVKUserCollection::ReadUserFile(const char* directory, flog* /*log*/, char* 
     *last = user.release();
     last = &(*last)->next;
   }
-  // What cannot be read to its end (a directory, a failing disk) may have denied somebody there
-  // whom a "*" before it would let in.
+  // What a failing disk does not give may deny somebody whom a "*" before it would let in.
   if (ferror(file.get()) != 0) Reset();
   return 0;
 }

@@ -28,10 +28,10 @@ class CVKUserCollection {
   ~CVKUserCollection();
 
   /// Replaces the records by those of ".vk_corvane_users" in `directory`. Returns 0, or 1 with a
-  /// text in `error` (kErrorSize bytes) when the file cannot be opened or is a pipe. Reading stops,
-  /// with what was read kept, at the first line that has no three fields, that is longer than 1,023
-  /// characters or has a name longer than 255; a read that fails leaves no records at all, so
-  /// nobody has access. `log` is not written to.
+  /// text in `error` (kErrorSize bytes) when the file cannot be opened or is no regular one.
+  /// Reading stops, with what was read kept, at the first line that has no three fields, that is
+  /// longer than 1,023 characters or has a name longer than 255; a read that fails leaves no
+  /// records at all, so nobody has access. `log` is not written to.
   int ReadUserFile(const char* directory, flog* log, char* error);
 
   /// The record of `windowsUser`, in any letter case; failing that the last "*" record; null when

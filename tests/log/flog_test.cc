@@ -13,6 +13,7 @@
 #include <chrono>
 #include <filesystem>
 #include <functional>
+#include <iostream>
 #include <ostream>
 #include <string>
 
@@ -57,7 +58,9 @@ class FlogTest : public testing::Test {
 
   void SetUp() override { testing::internal::CaptureStdout(); }
   void TearDown() override {
-    if (!taken_) testing::internal::GetCapturedStdout();
+    if (taken_) return;
+    const std::string printed = testing::internal::GetCapturedStdout();
+    if (HasFailure()) std::cout << printed;  // among it why
   }
 
   // What went to standard output since the test began.
