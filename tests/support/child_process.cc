@@ -50,7 +50,11 @@ std::vector<pid_t> ProcessesMarked(const std::string& mark) {
   setpgid(0, 0);
   Redirect(options.inputFile, O_RDONLY, STDIN_FILENO);
   Redirect(options.outputFile, O_WRONLY | O_CREAT | O_APPEND, STDOUT_FILENO);
-  dup2(STDOUT_FILENO, STDERR_FILENO);
+  if (options.errorFile.empty()) {
+    dup2(STDOUT_FILENO, STDERR_FILENO);
+  } else {
+    Redirect(options.errorFile, O_WRONLY | O_CREAT | O_APPEND, STDERR_FILENO);
+  }
   if (!options.directory.empty() && chdir(options.directory.c_str()) != 0) _exit(126);
   for (const std::string& variable : options.environment) {
     const std::size_t equals = variable.find('=');

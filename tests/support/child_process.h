@@ -8,13 +8,14 @@
 #include <string>
 #include <vector>
 
-/// A process that the test started, with its standard output and standard error in a file. It has
+/// A process that the test started, with its standard output and standard error in files. It has
 /// a process group of its own; the destructor ends the whole group, by its number, and what it has
 /// executed in other ones, by a variable of its environment.
 class ChildProcess {
  public:
   struct Options {
     std::string outputFile = "/dev/null";
+    std::string errorFile;  ///< empty: standard error goes where standard output goes
     std::string inputFile = "/dev/null";
     std::string directory;                 ///< working directory; empty: the test's
     std::vector<std::string> environment;  ///< "NAME=value", on top of the test's

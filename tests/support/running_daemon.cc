@@ -33,6 +33,7 @@ RunningDaemon::RunningDaemon(const Options& options) {
   if (options.environment != "-") directory_.Write(".vk_corvane_env", options.environment);
   ChildProcess::Options process;
   process.outputFile = directory_.File("output");
+  process.errorFile = directory_.File("errors");
   process.directory = directory_.path().string();
   process.environment = options.variables;
   process.inChild = options.inChild;
@@ -59,7 +60,7 @@ RunningDaemon::RunningDaemon(const Options& options) {
     process_.reset();
     fs::remove(directory_.File("output"));
   }
-  throw std::runtime_error("the daemon did not start: " + Logged());
+  throw std::runtime_error("the daemon did not start: " + Logged() + Errors());
 }
 
 RunningDaemon::~RunningDaemon() {

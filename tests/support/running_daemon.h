@@ -36,6 +36,9 @@ class RunningDaemon {
   /// standard output.
   std::string Logged() const { return directory_.Read("output"); }
 
+  /// What they and the programs that they have started have written to standard error.
+  std::string Errors() const { return directory_.Read("errors"); }
+
   /// Waits until the log holds `text`.
   bool WaitForLog(const std::string& text) const;
 

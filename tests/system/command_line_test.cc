@@ -22,6 +22,7 @@
 namespace {
 
 using std::chrono::seconds;
+using testing::EndsWith;
 using testing::HasSubstr;
 using testing::MatchesRegex;
 using testing::StartsWith;
@@ -35,7 +36,8 @@ int BecomeNobody() {
 
 class CommandLineTest : public testing::Test {
  protected:
-  // Runs the program to its end, which must come by itself; what it printed.
+  // Runs the program to its end, which must come by itself; what it printed on standard output.
+  // Standard error has to stay empty.
   std::string Run(std::vector<std::string> arguments, int expectedStatus,
                   const std::function<int()>& inChild = nullptr) {
     std::filesystem::permissions(directory_.path(), std::filesystem::perms(0777));
@@ -45,11 +47,14 @@ class CommandLineTest : public testing::Test {
     }
     ChildProcess::Options options;
     options.outputFile = directory_.Write("output", "");
+    options.errorFile = directory_.Write("errors", "");
     chmod(options.outputFile.c_str(), 0666);
+    chmod(options.errorFile.c_str(), 0666);
     options.inChild = inChild;
     arguments.insert(arguments.begin(), executable);
     ChildProcess process(arguments, options);
     EXPECT_EQ(process.Wait(seconds(10)).value_or(-1), expectedStatus);
+    EXPECT_EQ(directory_.Read("errors"), "");
     return directory_.Read("output");
   }
 
@@ -61,6 +66,7 @@ constexpr const char* kNeedsPort =
 
 TEST_F(CommandLineTest, NoArgumentPrintsTheUsage) {
   EXPECT_THAT(Run({}, 1), StartsWith("Usage: vkjobmill.exe.\n-p <listen_port> - port on which"));
+  EXPECT_THAT(Run({}, 1), EndsWith("-v - print version information\n"));
 }
 
 TEST_F(CommandLineTest, VersionIsPrintedWithoutListeningWhereverItStands) {
@@ -87,6 +93,18 @@ TEST_F(CommandLineTest, RootIsNeededUnlessToldOtherwise) {
     EXPECT_EQ(Run({"-p", std::to_string(FreePort())}, 1, BecomeNobody),
               "The jobmill must be run as root !\n");
   }
+}
+
+// An account that may not start the daemon, and a port that is taken.
+TEST_F(CommandLineTest, FirstReasonNotToStartIsTheOneThatIsNamed) {
+  const Descriptor taken = BindFreePort(1);
+  const std::string port = std::to_string(PortOf(taken.get()));
+  const std::function<int()> unprivileged = getuid() == 0 ? BecomeNobody : [] { return 0; };
+  EXPECT_THAT(Run({}, 1, unprivileged), StartsWith("Usage: "));
+  EXPECT_THAT(Run({"-p", port, "-v"}, 1, unprivileged), StartsWith("Jobmill.\n"));
+  EXPECT_EQ(Run({"-p", "0"}, 1, unprivileged), kNeedsPort);
+  EXPECT_EQ(Run({"-p", port}, 1, unprivileged), "The jobmill must be run as root !\n");
+  EXPECT_EQ(Run({"-p", "70000"}, 1, unprivileged), "The jobmill must be run as root !\n");
 }
 
 TEST_F(CommandLineTest, TakenPortIsNamed) {

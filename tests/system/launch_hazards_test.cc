@@ -258,7 +258,7 @@ TEST(FullDiskTest, RunGoesOnWithoutItsCopyAndItsCommsLog) {
   const RunningDaemon daemon(options);
   EXPECT_EQ(ServeRun(daemon, {"3", path + "/"}), std::string("OK|port-9001 ") + kShutDown);
   // Only system() itself is judged.
-  EXPECT_THAT(daemon.Logged(), HasSubstr("No space left on device"));
+  EXPECT_THAT(daemon.Errors(), HasSubstr("No space left on device"));
   EXPECT_THAT(daemon.Logged(), HasSubstr("\nCopy succeeded\n"));
   EXPECT_THAT(daemon.Logged(), HasSubstr("\nArg 4: CASE_3\n"));
   EXPECT_EQ(ReadFile(daemon.Inside(path + "/CASE_3.crvnlog")), "");

@@ -155,12 +155,18 @@ class RefusingKernelTest : public testing::Test {
     }
   }
 
-  std::string Run(int expectedStatus, const std::vector<RefusedCall>& refused) {
+  // What it printed on standard output; on standard error it has to print `errors`.
+  std::string Run(int expectedStatus, const std::vector<RefusedCall>& refused,
+                  const std::string& errors = "", const std::vector<std::string>& more = {"-u"}) {
     ChildProcess::Options options;
     options.outputFile = directory_.Write("output", "");
+    options.errorFile = directory_.Write("errors", "");
     options.inChild = [&refused] { return RefuseCalls(refused) ? 0 : 1; };
-    ChildProcess process({DaemonExecutable(), "-u", "-p", port_}, options);
+    std::vector<std::string> words = {DaemonExecutable(), "-p", port_};
+    words.insert(words.end(), more.begin(), more.end());
+    ChildProcess process(words, options);
     EXPECT_EQ(process.Wait(seconds(10)).value_or(-1), expectedStatus);
+    EXPECT_EQ(directory_.Read("errors"), errors);
     return directory_.Read("output");
   }
 
@@ -169,7 +175,12 @@ class RefusingKernelTest : public testing::Test {
 };
 
 TEST_F(RefusingKernelTest, RefusedSignalHandlerEndsTheStartWithTheSystemsText) {
-  EXPECT_EQ(Run(1, {{SYS_rt_sigaction, EPERM, SIGCHLD}}), "Operation not permitted\n");
+  const RefusedCall handler = {SYS_rt_sigaction, EPERM, SIGCHLD};
+  EXPECT_EQ(Run(1, {handler}, "Operation not permitted\n"), "");
+  // A missing port is named before it, a taken one or missing rights would be behind it.
+  EXPECT_THAT(Run(1, {handler}, "", {"-p", "0"}), testing::StartsWith("Jobmill needs to be"));
+  EXPECT_EQ(Run(1, {handler, {SYS_socket, EMFILE}}, "Operation not permitted\n"), "");
+  EXPECT_EQ(Run(1, {handler, {SYS_getuid, EPERM}}, "Operation not permitted\n", {}), "");
 }
 
 TEST_F(RefusingKernelTest, NoSocketEndsTheStartAsATakenPortDoes) {
