@@ -6,7 +6,14 @@
 #include <string.h>
 #include <sys/socket.h>
 
+#include <cstdint>
+#include <limits>
+
 SocketClient::SocketClient(const std::string& host, int port) {
+  // Cut to 16 bits it would be another port than the one that was asked for.
+  if (port < 1 || port > std::numeric_limits<std::uint16_t>::max()) {
+    throw std::string(strerror(EINVAL));
+  }
   const hostent* found = gethostbyname(host.c_str());
   if (found == nullptr) throw std::string(strerror(errno));
   sockaddr_in address{};

@@ -27,6 +27,14 @@ TEST(SocketClientTest, RefusedConnectionThrowsTheSystemsText) {
   EXPECT_EQ(FailureOf("127.0.0.1", PortOf(bound.get())), "Connection refused");
 }
 
+TEST(SocketClientTest, PortThatDoesNotExistIsNotTakenForAnother) {
+  const Descriptor listener = BindFreePort(1);
+  const int port = PortOf(listener.get());
+  for (const int wrong : {port + 65536, port - 65536, 0}) {
+    EXPECT_EQ(FailureOf("127.0.0.1", wrong), "Invalid argument") << wrong;
+  }
+}
+
 TEST(SocketClientTest, UnknownHostThrowsAText) {
   EXPECT_NE(FailureOf("no such host", 9001), "connected");
 }

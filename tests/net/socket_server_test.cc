@@ -2,16 +2,23 @@
 
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/resource.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
+#include <fstream>
+#include <iomanip>
 #include <limits>
 #include <memory>
+#include <sstream>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -87,6 +94,75 @@ TEST(SocketServerTest, TakenPortThrowsBindResultAndReason) {
     thrown = text;
   }
   EXPECT_EQ(thrown, "INVALID SOCKET: returned from bind '-1', error = Address already in use");
+}
+
+// The states that the system shows for the local sockets of a port.
+std::string StatesOf(int port) {
+  std::ostringstream local;
+  local << ':' << std::hex << std::uppercase << std::setw(4) << std::setfill('0') << port;
+  std::ifstream file("/proc/net/tcp");
+  std::string states;
+  std::string line;
+  while (std::getline(file, line)) {
+    std::istringstream fields(line);
+    std::string number;
+    std::string from;
+    std::string to;
+    std::string state;
+    fields >> number >> from >> to >> state;
+    if (from.ends_with(local.str())) states += state + " ";
+  }
+  return states;
+}
+
+// Without a socket option the port is nobody's for a minute after its last connection.
+TEST(SocketServerTest, PortThatWaitsForLatePacketsIsTaken) {
+  int port = 0;
+  {
+    const auto server = Listen(port);
+    SocketClient client("127.0.0.1", port);
+    const std::unique_ptr<Socket> accepted(server->Accept());
+    accepted->Close();  // whoever closes first has to wait
+    int length = 0;
+    EXPECT_EQ(client.ReceiveLine(length), "");
+  }
+  // TIME_WAIT: nobody has it.
+  ASSERT_TRUE(Eventually([port] { return StatesOf(port) == "06 "; })) << StatesOf(port);
+  EXPECT_EQ(SocketServer::IsAvailablePort(port), -2);
+  std::string thrown;
+  try {
+    const SocketServer server(port, 5);
+  } catch (char* text) {
+    thrown = text;
+  }
+  EXPECT_EQ(thrown, "INVALID SOCKET: returned from bind '-1', error = Address already in use");
+}
+
+// A master's machine may sleep for a night, and find its run again.
+TEST(SocketServerTest, ConnectionHasTheOptionsOfAFreshSocket) {
+  OpenServer server(0, 5);
+  const SocketClient client("127.0.0.1", PortOf(server.handle()));
+  const Descriptor next(dup(0));
+  const std::unique_ptr<Socket> accepted(server.Accept());
+  const Descriptor fresh(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const std::vector<std::pair<int, int>> options = {
+      {SOL_SOCKET, SO_KEEPALIVE}, {SOL_SOCKET, SO_REUSEADDR},     {SOL_SOCKET, SO_REUSEPORT},
+      {SOL_SOCKET, SO_LINGER},    {SOL_SOCKET, SO_RCVTIMEO},      {SOL_SOCKET, SO_SNDTIMEO},
+      {IPPROTO_TCP, TCP_NODELAY}, {IPPROTO_TCP, TCP_USER_TIMEOUT}};
+  const auto value = [](int descriptor, int level, int option) {
+    std::array<char, 16> bytes{};
+    socklen_t size = bytes.size();
+    EXPECT_EQ(getsockopt(descriptor, level, option, bytes.data(), &size), 0);
+    return std::string(bytes.data(), size);
+  };
+  const int connection = next.get() + 1;
+  ASSERT_EQ(fcntl(connection, F_GETFL), O_RDWR);  // it blocks
+  for (const int descriptor : {server.handle(), connection}) {
+    for (const auto& [level, option] : options) {
+      EXPECT_EQ(value(descriptor, level, option), value(fresh.get(), level, option))
+          << (descriptor == connection ? "connection, " : "listener, ") << option;
+    }
+  }
 }
 
 TEST(SocketServerTest, PortThatDoesNotExistIsNotBoundAsAnother) {

@@ -16,6 +16,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -546,6 +547,47 @@ TEST_F(SocketTest, SendThatIsGivenUpInItsMiddleIsShort) {
   EXPECT_LT(sent, static_cast<int>(body.size()));
   EXPECT_EQ(ReadExactly(pair_.peer.get(), static_cast<std::size_t>(sent)).size(),
             static_cast<std::size_t>(sent));
+}
+
+// The numbers of the signals that this thread blocks.
+std::vector<int> BlockedSignals() {
+  sigset_t blocked;
+  pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+  std::vector<int> numbers;
+  for (int number = 1; number < SIGRTMIN; ++number) {
+    if (sigismember(&blocked, number) == 1) numbers.push_back(number);
+  }
+  return numbers;
+}
+
+// A signal that stays blocked would leave zombies, one that is let through cut the next send.
+TEST_F(SocketTest, SignalsAreBlockedAsBeforeAfterEverySendHoweverItEnds) {
+  sigset_t before;
+  sigset_t some;
+  sigemptyset(&some);
+  for (const bool withChild : {false, true}) {
+    SCOPED_TRACE(withChild);
+    sigaddset(&some, SIGUSR1);
+    if (withChild) sigaddset(&some, SIGCHLD);
+    pthread_sigmask(SIG_SETMASK, &some, &before);
+    const std::vector<int> blocked = BlockedSignals();
+    const timeval limit{0, 20'000};
+    setsockopt(socket_.handle(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
+    for (int round = 0; round < 2; ++round) {
+      const std::size_t filled = Fill(socket_.handle());
+      EXPECT_EQ(socket_.SendLine(std::string("given up")), -1);
+      EXPECT_EQ(BlockedSignals(), blocked);
+      auto reader = std::async(std::launch::async,
+                               [&] { return ReadExactly(pair_.peer.get(), filled + 9).size(); });
+      EXPECT_EQ(socket_.SendLine("waits", 5), 0);
+      EXPECT_EQ(reader.get(), filled + 9);
+      EXPECT_EQ(BlockedSignals(), blocked);
+      EXPECT_EQ(socket_.SendLine("at once", 7), 0);
+      EXPECT_EQ(BlockedSignals(), blocked);
+      ReadExactly(pair_.peer.get(), 11);
+    }
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  }
 }
 
 TEST_F(SocketTest, CloseClosesAtOnceAndTheDestructorDoesNotCloseTheNumberAgain) {
