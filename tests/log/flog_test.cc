@@ -172,19 +172,51 @@ TEST_F(FlogTest, NullTextSilencesFileAndStandardOutputOfEveryLog) {
   EXPECT_EQ(directory_.Read("printed"), "Arg 7: ");
 }
 
+TEST_F(FlogTest, SilencedLogWritesToItsNextFileAndToStandardOutputNoMore) {
+  const auto body = [this] {
+    flog log(directory_.File("a.log"), true);
+    const char* end = nullptr;
+    for (int i = 0; i < 2; ++i) {
+      log << end << "lost";
+      log.SetFile(directory_.File("b.log"), true);
+      log << "to the file alone";
+    }
+    return log.status();
+  };
+  EXPECT_EQ(InChild(body, directory_.File("printed")), 0);
+  EXPECT_EQ(directory_.Read("a.log"), "");
+  EXPECT_EQ(directory_.Read("b.log"), "to the file alone");
+  EXPECT_EQ(directory_.Read("printed"), "");
+}
+
+TEST_F(FlogTest, NullTextToADisabledLogSilencesNobody) {
+  const auto body = [this] {
+    flog disabled("", true);
+    const char* end = nullptr;
+    disabled << end;
+    flog log(directory_.File("a.log"), true);
+    log << "to both";
+    return 0;
+  };
+  EXPECT_EQ(InChild(body, directory_.File("printed")), 0);
+  EXPECT_EQ(directory_.Read("a.log"), "to both");
+  EXPECT_EQ(directory_.Read("printed"), "to both");
+}
+
 TEST_F(FlogTest, FailedWriteLosesThatItemOnly) {
-  // Standard output on a full disk for one item.
+  // Standard output on a full disk for two items.
   const int full = open("/dev/full", O_WRONLY | O_CLOEXEC);
   ASSERT_GE(full, 0);
   const int saved = dup(STDOUT_FILENO);
   flog log(directory_.File("a.log"), true);
   dup2(full, STDOUT_FILENO);
-  log << "to the file alone\n";
+  log << "to the file alone, "
+      << "twice\n";
   dup2(saved, STDOUT_FILENO);
   close(saved);
   close(full);
   log << "to both\n";
-  EXPECT_EQ(directory_.Read("a.log"), "to the file alone\nto both\n");
+  EXPECT_EQ(directory_.Read("a.log"), "to the file alone, twice\nto both\n");
   const std::string printed = TakePrinted();
   EXPECT_EQ(printed.substr(printed.size() - 8), "to both\n");
 }

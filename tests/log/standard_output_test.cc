@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
@@ -146,6 +147,54 @@ TEST(StandardOutputTest, ProcessesThatShareAPipeAreNotHeldByOneAnother) {
   // They wait until a reader takes a little at a time, and then no more.
   for (int i = 0; i < 6; ++i) ReadExactly(reader.get(), 4096);
   for (ChildProcess& child : children) EXPECT_EQ(child.Wait(seconds(10)), 0);
+}
+
+// Takes all that stands in a pipe.
+void Drain(int reader) {
+  fcntl(reader, F_SETFL, O_NONBLOCK);
+  std::string some(1 << 16, '\0');
+  while (read(reader, some.data(), some.size()) > 0) {
+  }
+  fcntl(reader, F_SETFL, 0);
+}
+
+TEST(StandardOutputTest, ReaderThatStopsTwiceHoldsForASecondTwice) {
+  ExpectInChild(0, [] {
+    const int reader = PipeForOutput();
+    StandardOutput output;
+    output.Inspect();
+    for (int stop = 0; stop < 2; ++stop) {
+      Fill();
+      const double held = Time([&output] { output.Print("lost"); });
+      if (held < 0.9 || held > 3) return 1;
+      const double heldAgain = Time([&output] {
+        for (int i = 0; i < 20; ++i) output.Print("lost");
+      });
+      if (heldAgain > 0.5) return 2;
+      Drain(reader);
+      output.Print("read again");
+      if (ReadExactly(reader, 10) != "read again") return 3;
+      // From now on a reader that is slow is waited for.
+      output.Print("next");
+      if (ReadExactly(reader, 4) != "next") return 4;
+    }
+    return 0;
+  });
+}
+
+TEST(StandardOutputTest, ReaderThatHasStoppedHoldsNoChildOfTheProcess) {
+  ExpectInChild(0, [] {
+    PipeForOutput();
+    StandardOutput output;
+    output.Inspect();
+    Fill();
+    output.Print("lost");
+    const pid_t child = fork();
+    if (child == 0) _exit(Time([&output] { output.Print("lost"); }) < 0.5 ? 0 : 1);
+    int status = 0;
+    waitpid(child, &status, 0);
+    return WEXITSTATUS(status);
+  });
 }
 
 TEST(StandardOutputTest, SocketThatNobodyReadsHoldsForASecondOnce) {
