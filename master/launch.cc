@@ -24,7 +24,7 @@ std::array<std::pair<const char*, const std::string*>, 7> Lines(const RunRequest
            {"data path", &request.path},
            {"root name", &request.root},
            {"process count", &request.processes},
-           {"interface version", &request.api},
+           {"interface version", &request.version},
            {"user name", &request.user},
            {"debug flag", &request.debug}}};
 }

@@ -57,10 +57,10 @@ void require_same_length(std::size_t a, std::size_t b, const std::string& what) 
 
 }  // namespace
 
-ControllerLink::ControllerLink(Reservoir& reservoir, Api api, Faults faults, StopSignal& stop,
-                               Listeners listeners)
+ControllerLink::ControllerLink(Reservoir& reservoir, Version version, Faults faults,
+                               StopSignal& stop, Listeners listeners)
     : reservoir_(reservoir),
-      api_(api),
+      version_(version),
       faults_(std::move(faults)),
       stop_(stop),
       listeners_(std::move(listeners)) {}
@@ -299,7 +299,7 @@ void ControllerLink::query_reservoir_texts(Decoder& message) {
   const auto items = message.get_header_and_data<std::string>("QITEMS");
   finish(message);
   const auto value_of = [this](const std::string& item) -> std::optional<std::string> {
-    if (item == "VK_VERSION") return api_ == Api::k2016_2 ? "2016.2" : "2017.2";
+    if (item == "VK_VERSION") return version_ == Version::k2016_2 ? "2016.2" : "2017.2";
     if (item == "UNIT_SYSTEM") return reservoir_.deck().units.name();
     if (item == "FM_FLUID_MODEL" || item == "RES_FLUID_MODEL") {
       return reservoir_.deck().composition ? "COMPOSITIONAL" : "BLACK_OIL";
@@ -396,7 +396,7 @@ void ControllerLink::set(Decoder message) {
   const auto kind = message.get_header();
   kind.check_expectation_MESS(0);
   const bool is_source = kind.name == "SETWSTRE" || kind.name == "CREATE_FLDSRCEXT";
-  if (is_source && api_ == Api::k2016_2) {
+  if (is_source && version_ == Version::k2016_2) {
     throw std::invalid_argument("Version 2016.2 has no setter " + kind.name);
   }
   if (kind.name == "SETWCONSTRAINTS") {

@@ -26,7 +26,7 @@ struct Faults {
 /// external-controller protocol from a Reservoir, until either side ends the run.
 class ControllerLink {
  public:
-  enum class Api { k2016_2, k2017_2 };
+  enum class Version { k2016_2, k2017_2 };
 
   enum class Ending {
     kShutdown,        ///< the controller asked for it and has its answer
@@ -42,7 +42,7 @@ class ControllerLink {
   };
 
   /// `reservoir` and `stop` stay the caller's and must outlive this.
-  ControllerLink(Reservoir& reservoir, Api api, Faults faults, StopSignal& stop,
+  ControllerLink(Reservoir& reservoir, Version version, Faults faults, StopSignal& stop,
                  Listeners listeners);
 
   /// Serves the controller on `descriptor`, a connected stream socket that this takes over and
@@ -95,7 +95,7 @@ class ControllerLink {
   void check(bool done, const std::string& what) const;
 
   Reservoir& reservoir_;
-  Api api_;
+  Version version_;
   Faults faults_;
   StopSignal& stop_;
   Listeners listeners_;

@@ -227,7 +227,7 @@ void Actor::ExpectFault(int simulator, const std::string& id) {
 
 void Actor::RunWhole(master::RunRequest request, std::uint32_t parameter) {
   // The 2016.2 interface for every fourth.
-  if (parameter % 4 == 0) request.api = "20162";
+  if (parameter % 4 == 0) request.version = "20162";
   auto run = site_.Launch(request, alarm_);
   simulator::Reservoir model(site_.simulators().deck());
   run->Connect();

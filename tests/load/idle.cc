@@ -142,8 +142,9 @@ class LiveRuns {
 // seven lines can be sent without a script being started.
 void Advance(const LoadSite& site, const Descriptor& connection, std::size_t stage) {
   const master::RunRequest request = site.Request("idle");
-  const Names lines = {"3",         request.cluster, request.path, request.root, request.processes,
-                       request.api, request.user};
+  const Names lines = {"3",          request.cluster,   request.path,
+                       request.root, request.processes, request.version,
+                       request.user};
   for (std::size_t i = 0; i < stage % (lines.size() + 1); ++i) {
     SendAll(connection.get(), FrameOf(lines[i]));
   }

@@ -105,7 +105,7 @@ std::string FrameOf(const std::string& body) {
 std::string HandshakeOf(const master::RunRequest& request) {
   std::string bytes = FrameOf("3");
   for (const std::string& line : {request.cluster, request.path, request.root, request.processes,
-                                  request.api, request.user, request.debug}) {
+                                  request.version, request.user, request.debug}) {
     bytes += FrameOf(line);
   }
   return bytes;

@@ -123,7 +123,7 @@ void SimulatorFarm::Serve(int descriptor, int kind, simulator::StopSignal& stop)
     close(descriptor);
   } else {
     simulator::Reservoir reservoir(deck_);
-    simulator::ControllerLink link(reservoir, simulator::ControllerLink::Api::k2017_2,
+    simulator::ControllerLink link(reservoir, simulator::ControllerLink::Version::k2017_2,
                                    FaultsOf(kind), stop, {});
     link.serve(descriptor);
   }

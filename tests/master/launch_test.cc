@@ -41,7 +41,7 @@ class LaunchTest : public testing::Test {
                             .path = "/data",
                             .root = "CASE",
                             .processes = "16",
-                            .api = "20162",
+                            .version = "20162",
                             .user = "alice",
                             .debug = "1"};
 };

@@ -35,12 +35,12 @@ class ControllerLinkTest : public testing::Test {
 
  protected:
   void Start(const std::string& deck = decks::kBlackOil, const Faults& faults = {},
-             ControllerLink::Api api = ControllerLink::Api::k2017_2) {
+             ControllerLink::Version version = ControllerLink::Version::k2017_2) {
     const wire::Pair pair = wire::SocketPair();
     ours_ = pair.ours;
     reservoir_ = std::make_unique<Reservoir>(parse_deck(deck, "X.afi"));
     link_ = std::make_unique<ControllerLink>(
-        *reservoir_, api, faults, stop_,
+        *reservoir_, version, faults, stop_,
         ControllerLink::Listeners{.stepped = nullptr, .noticed = [this](const std::string& line) {
                                     notices_ += line + "\n";
                                   }});
@@ -428,7 +428,7 @@ TEST_F(ControllerLinkTest, SourceThatCannotBeAttachedAnswersZero) {
 }
 
 TEST_F(ControllerLinkTest, OlderVersionRefusesSourcesAndNamesItself) {
-  Start(decks::kCompositional, {}, ControllerLink::Api::k2016_2);
+  Start(decks::kCompositional, {}, ControllerLink::Version::k2016_2);
   SetUpRun();
   Send(wire::Mess("QUERY") + wire::Mess("QRESVR_STR") + wire::Cstr("QITEMS", {"VK_VERSION"}) +
        wire::Mess("END"));
@@ -593,7 +593,7 @@ TEST_F(ControllerLinkTest, SecondContinueAdvancesByTheLongestStep) {
 TEST_F(ControllerLinkTest, LinkWithoutListenersServesAsWell) {
   const wire::Pair pair = wire::SocketPair();
   Reservoir reservoir(parse_deck(decks::kBlackOil, "X.afi"));
-  ControllerLink link(reservoir, ControllerLink::Api::k2017_2, {}, stop_, {});
+  ControllerLink link(reservoir, ControllerLink::Version::k2017_2, {}, stop_, {});
   ours_ = pair.ours;
   thread_ = std::thread([&] { ending_ = link.serve(pair.theirs); });
   SetUpRun();

@@ -35,23 +35,23 @@ Site::Site(std::vector<std::string> variables, std::vector<std::string> argument
   daemon_ = std::make_unique<RunningDaemon>(options);
 }
 
-master::Launch Site::Request(const std::string& root, const std::string& api) {
+master::Launch Site::Request(const std::string& root, const std::string& version) {
   master::Launch launch(
       master::FrameChannel::ConnectTo("127.0.0.1", daemon_->port(), std::chrono::seconds(5)));
   launch.ExchangeVersions();
   master::RunRequest request;
   request.path = data_.path().string() + "/";
   request.root = root;
-  request.api = api;
+  request.version = version;
   request.user = "alice";
   launch.Request(request);
   return launch;
 }
 
 std::unique_ptr<master::Run> Site::Start(const std::string& root, const std::string& deck,
-                                         const std::string& api) {
+                                         const std::string& version) {
   data_.Write(root + ".afi", deck);
-  master::Launch launch = Request(root, api);
+  master::Launch launch = Request(root, version);
   launch.AwaitHost();
   auto run = std::make_unique<master::Run>(launch.Release());
   run->Connect();

@@ -20,7 +20,7 @@ class Site {
   /// The handshake for model `root`, whose deck is written first; up to the connection with the
   /// simulator.
   std::unique_ptr<master::Run> Start(const std::string& root, const std::string& deck,
-                                     const std::string& api = "20172");
+                                     const std::string& version = "20172");
 
   /// The same up to the host; what the daemon answered when it refused.
   std::string RefusalOf(const std::string& root);
@@ -29,7 +29,7 @@ class Site {
   bool IsQuiet(const std::string& root) const;
 
  private:
-  master::Launch Request(const std::string& root, const std::string& api);
+  master::Launch Request(const std::string& root, const std::string& version);
 
   TemporaryDirectory data_;
   std::unique_ptr<RunningDaemon> daemon_;

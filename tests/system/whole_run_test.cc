@@ -71,7 +71,7 @@ std::string DeckText(bool metric, bool compositional) {
   return deck.str();
 }
 
-using Variant = std::tuple<const char*, bool, bool>;  // interface, metric, compositional
+using Variant = std::tuple<const char*, bool, bool>;  // version, metric, compositional
 
 class WholeRunTest : public testing::TestWithParam<Variant> {
  protected:
@@ -165,7 +165,7 @@ class WholeRunTest : public testing::TestWithParam<Variant> {
     }
   }
 
-  const char* api_ = std::get<0>(GetParam());
+  const char* version_ = std::get<0>(GetParam());
   const bool metric_ = std::get<1>(GetParam());
   const bool compositional_ = std::get<2>(GetParam());
   const std::string deck_ = DeckText(metric_, compositional_);
@@ -175,7 +175,7 @@ class WholeRunTest : public testing::TestWithParam<Variant> {
 };
 
 TEST_P(WholeRunTest, EveryRequestGivesTheModelsOwnValues) {
-  run_ = site_.Start("CASE", deck_, api_);
+  run_ = site_.Start("CASE", deck_, version_);
   EXPECT_EQ(run_->GetVersion(), 2017.2);
   EXPECT_EQ(run_->GetMetricFlag(), metric_);
   EXPECT_EQ(run_->GetCompFlag(), compositional_);
@@ -225,7 +225,7 @@ TEST_P(WholeRunTest, EveryRequestGivesTheModelsOwnValues) {
   }
 
   // Sources exist in the 2017.2 interface and in compositional runs.
-  const bool accepted = std::string(api_) == "20172" && compositional_;
+  const bool accepted = std::string(version_) == "20172" && compositional_;
   EXPECT_EQ(run_->SetWellInjectionSource("G1", "PLANT"), accepted ? 1 : 0);
   run_->SetWellInjectionComposition({"PLANT"}, {{0.2, 0.8, 0.0, 0.0}});
   if (accepted) {
@@ -258,7 +258,7 @@ TEST_P(WholeRunTest, EveryRequestGivesTheModelsOwnValues) {
 }
 
 std::string VariantName(const testing::TestParamInfo<Variant>& info) {
-  return std::string("Api") + std::get<0>(info.param) +
+  return std::string("Version") + std::get<0>(info.param) +
          (std::get<1>(info.param) ? "Metric" : "Field") +
          (std::get<2>(info.param) ? "Compositional" : "BlackOil");
 }

@@ -66,7 +66,7 @@ commands = []
   EXPECT_EQ(options.run.path, "/data/");
   EXPECT_EQ(options.run.root, "CASE");
   EXPECT_EQ(options.run.processes, "8");
-  EXPECT_EQ(options.run.api, "20162");
+  EXPECT_EQ(options.run.version, "20162");
   EXPECT_EQ(options.run.user, "alice");
   EXPECT_EQ(options.run.debug, "1");
   EXPECT_EQ(options.run.cluster, "2");

@@ -411,7 +411,7 @@ TEST(WellCommandsWithTheOlderInterface, SourcesAreNotedAsWithoutEffect) {
   DaemonEnd end(pair.peer.get());
   std::thread daemon([&] { run.Serve(end); });
   vkmaster::Launched launched;
-  launched.request.api = "20162";
+  launched.request.version = "20162";
   vkmaster::Session session(master::Run(master::FrameChannel(pair.ours.Release())), launched);
   session.Connect();
   const MemoryStream stream;

@@ -32,7 +32,7 @@ struct Options {
   std::string root;
   std::uint16_t port = vk_ec::detail::Transporter::default_port();
   std::string address = "127.0.0.1";
-  std::string api = "2017.2";
+  std::string version = "2017.2";
   int processes = 1;
   bool debug = false;
   double wait_seconds = 300;
@@ -50,7 +50,7 @@ void Declare(CLI::App& app, Options& options) {
       ->capture_default_str();
   app.add_option("--address", options.address, "IPv4 address to listen on; 0.0.0.0 for all")
       ->capture_default_str();
-  app.add_option("--api", options.api, "External-controller version")
+  app.add_option("--api", options.version, "External-controller version")
       ->check(CLI::IsMember({"2016.2", "2017.2"}))
       ->capture_default_str();
   app.add_option("--processes", options.processes, "Accepted and noted; one process computes")
@@ -121,7 +121,7 @@ int Run(const Options& options) {
   simulator::Reservoir reservoir(simulator::read_deck(path));
   if (options.early_end) reservoir.limit_end_time(*options.early_end);
   log.Summary(reservoir, path);
-  log.Line(fmt::format("External controller {}; processes asked for: {}", options.api,
+  log.Line(fmt::format("External controller {}; processes asked for: {}", options.version,
                        options.processes));
   if (options.slow_start > 0 &&
       stop.wait(-1, Milliseconds(options.slow_start)) == simulator::StopSignal::Wait::kStopped) {
@@ -137,9 +137,9 @@ int Run(const Options& options) {
   }
   simulator::Faults faults = options.faults;
   faults.step_delay = std::chrono::milliseconds{options.step_delay};
-  const auto api =
-      options.api == "2016.2" ? ControllerLink::Api::k2016_2 : ControllerLink::Api::k2017_2;
-  ControllerLink link(reservoir, api, faults, stop,
+  const auto version = options.version == "2016.2" ? ControllerLink::Version::k2016_2
+                                                   : ControllerLink::Version::k2017_2;
+  ControllerLink link(reservoir, version, faults, stop,
                       {.stepped = [&log](const simulator::Reservoir& now) { log.Step(now); },
                        .noticed = [&log](const std::string& line) { log.Line(line); }});
   const ControllerLink::Ending ending = link.serve(*connection);

@@ -36,7 +36,7 @@ std::string HintForFailedRequest(const std::string& text, const Launched& launch
     hint += fmt::format(
         ". On connecting: did the simulator start on {} within the daemon's time-out (-t), and is "
         "{} its interface version (--api)?",
-        launched.simulator_host, launched.request.api);
+        launched.simulator_host, launched.request.version);
   }
   return hint;
 }

@@ -76,7 +76,7 @@ void AddLaunchOptions(CLI::App& app, Options& options) {
   text("--root", options.run.root, "name of the model, without extension");
   text("--processes", options.run.processes, "processes of the simulator")
       ->check(CLI::PositiveNumber);
-  text("--api", options.run.api, "simulator interface: 20162 or 20172")
+  text("--api", options.run.version, "simulator interface: 20162 or 20172")
       ->check(CLI::NonNegativeNumber)
       ->envname("VKMASTER_API");
   text("--user", options.run.user, "Windows user name")->envname("VKMASTER_USER");
@@ -154,7 +154,7 @@ void ApplyLaunch(const Plan& plan, Options& options, const std::set<std::string>
   apply("--path", options.run.path, launch.path);
   apply("--root", options.run.root, launch.root);
   apply("--processes", options.run.processes, launch.processes);
-  apply("--api", options.run.api, launch.api);
+  apply("--api", options.run.version, launch.version);
   apply("--user", options.run.user, launch.user);
   apply("--debug", options.run.debug, launch.debug);
   apply("--cluster", options.run.cluster, launch.cluster);

@@ -76,7 +76,9 @@ Table InteractionTable(const master::EOSProps& eos) {
 
 void NoteMissingSources(const Session& session, Result& result) {
   constexpr long kWithoutSources = 20162;
-  if (std::strtol(session.launched().request.api.c_str(), nullptr, 10) != kWithoutSources) return;
+  if (std::strtol(session.launched().request.version.c_str(), nullptr, 10) != kWithoutSources) {
+    return;
+  }
   result.notes.emplace_back(
       "The 2016.2 interface (--api 20162) has no external sources: nothing was changed");
 }

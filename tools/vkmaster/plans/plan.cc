@@ -63,7 +63,7 @@ Plan::Launch ReadLaunch(Section section) {
   launch.path = Text(section, "path");
   launch.root = Text(section, "root");
   launch.processes = Text(section, "processes");
-  launch.api = Text(section, "api");
+  launch.version = Text(section, "api");
   launch.user = Text(section, "user");
   launch.debug = Text(section, "debug");
   launch.cluster = Text(section, "cluster");

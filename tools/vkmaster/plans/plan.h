@@ -19,7 +19,7 @@ struct PlanEvent {
 /// and what is recorded.
 struct Plan {
   struct Launch {
-    std::optional<std::string> host, path, root, processes, api, user, debug, cluster;
+    std::optional<std::string> host, path, root, processes, version, user, debug, cluster;
     std::optional<int> port;
   };
   Launch launch;
