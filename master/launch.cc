@@ -19,14 +19,20 @@ namespace {
 constexpr std::string_view kVersion = "3";
 constexpr std::string_view kAccepted = "OK|";
 
-std::array<std::pair<const char*, const std::string*>, 7> Lines(const RunRequest& request) {
-  return {{{"cluster number", &request.cluster},
-           {"data path", &request.path},
-           {"root name", &request.root},
-           {"process count", &request.processes},
-           {"interface version", &request.version},
-           {"user name", &request.user},
-           {"debug flag", &request.debug}}};
+// The protocol has the version as a number: 2017.2 is sent as 20172.
+std::string WithoutDot(std::string version) {
+  if (version.size() == 6 && version[4] == '.') version.erase(4, 1);
+  return version;
+}
+
+std::array<std::pair<const char*, std::string>, 7> Lines(const RunRequest& request) {
+  return {{{"cluster number", request.cluster},
+           {"data path", request.path},
+           {"root name", request.root},
+           {"process count", request.processes},
+           {"simulator version", WithoutDot(request.version)},
+           {"user name", request.user},
+           {"debug flag", request.debug}}};
 }
 
 bool IsNumberNotZero(const std::string& text) {
@@ -50,13 +56,13 @@ std::string Launch::ExchangeVersions(const Deadline& deadline) {
 void Launch::Request(const RunRequest& request) {
   const auto lines = Lines(request);
   for (const auto& [what, text] : lines) {
-    if (text->size() >= kLineLimit) {
+    if (text.size() >= kLineLimit) {
       throw std::invalid_argument("The " + std::string(what) +
-                                  " is too long: " + std::to_string(text->size()) + " characters");
+                                  " is too long: " + std::to_string(text.size()) + " characters");
     }
   }
   try {
-    for (const auto& line : lines) channel_.Send(*line.second);
+    for (const auto& line : lines) channel_.Send(line.second);
   } catch (const LinkLost&) {
     // The daemon has closed already; why is what AwaitHost() reads.
   }

@@ -8,13 +8,13 @@ namespace master {
 /// What the master asks the daemon to launch. Texts travel as they are; the daemon reads the
 /// numbers among them up to the first character that is no digit.
 struct RunRequest {
-  std::string cluster = "0";      ///< above 0: a cluster run, whose input file is copied
-  std::string path{};             ///< data directory on the daemon's side
-  std::string root{};             ///< model name, the input file's without its extension
-  std::string processes = "1";    ///< of the simulator
-  std::string version = "20172";  ///< 20162 for the 2016.2 simulator interface
-  std::string user{};             ///< Windows user name
-  std::string debug = "0";        ///< handed to the distribution script
+  std::string cluster = "0";       ///< above 0: a cluster run, whose input file is copied
+  std::string path{};              ///< data directory on the daemon's side
+  std::string root{};              ///< model name, the input file's without its extension
+  std::string processes = "1";     ///< of the simulator
+  std::string version = "2017.2";  ///< of the simulator; the number 20172 will do as well
+  std::string user{};              ///< Windows user name
+  std::string debug = "0";         ///< handed to the distribution script
 };
 
 struct Date {

@@ -98,8 +98,8 @@ class Run {
 
   double GetVersion();
 
-  /// The low 8 bits of the simulator's result; always 0 with the 2016.2 interface, which has no
-  /// external sources.
+  /// The low 8 bits of the simulator's result; always 0 with version 2016.2, which has no external
+  /// sources.
   int SetWellInjectionSource(const std::string& well, const std::string& source);
 
   /// `compositions[i]` are the mole fractions of `sources[i]`, component 1 first.

@@ -52,6 +52,19 @@ TEST_F(LaunchTest, VersionThreeIsAnsweredWithThree) {
   EXPECT_EQ(Hex(Sent()), "01 00 00 00 33");
 }
 
+TEST_F(LaunchTest, VersionOfTheSimulatorIsSentWithoutItsDot) {
+  for (const auto& [given, sent] : std::initializer_list<std::pair<const char*, const char*>>{
+           {"2016.2", "20162"}, {"2017.2", "20172"}, {"20162", "20162"}, {"1.2", "1.2"}}) {
+    SocketPair pair;
+    Launch launch{FrameChannel(pair.ours.Release())};
+    RunRequest request = request_;
+    request.version = given;
+    launch.Request(request);
+    const std::string line = Frame(sent) + Frame("alice");
+    EXPECT_NE(Arrived(pair.peer.get()).find(line), std::string::npos) << given;
+  }
+}
+
 TEST_F(LaunchTest, AnotherNumberIsTakenToo) {
   Line("4");
   EXPECT_EQ(launch_.ExchangeVersions(), "4");

@@ -279,8 +279,13 @@ TEST_F(VksimTest, SigtermEndsItBeforeItListens) {
   EXPECT_THAT(program.seen(), Not(HasSubstr("Listening on port")));
 }
 
-TEST_F(VksimTest, OlderInterfaceCallsItselfByItsName) {
-  Program program(Arguments({"--api", "2016.2"}));
+class VksimVersionTest : public VksimTest, public testing::WithParamInterface<const char*> {};
+
+INSTANTIATE_TEST_SUITE_P(WithAndWithoutDot, VksimVersionTest, testing::Values("2016.2", "20162"),
+                         [](const auto& each) { return std::to_string(each.index); });
+
+TEST_P(VksimVersionTest, OlderVersionCallsItselfByItsName) {
+  Program program(Arguments({"--api", GetParam()}));
   SetUpRun(program);
   Send(wire::Mess("QUERY") + wire::Mess("QRESVR_STR") + wire::Cstr("QITEMS", {"VK_VERSION"}) +
        wire::Mess("END"));

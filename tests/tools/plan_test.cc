@@ -275,6 +275,11 @@ TEST_F(PlanRunTest, EnvironmentWinsOverThePlansLaunch) {
   EXPECT_EQ(daemon_.Frames()[5], Hex("20162"));
 }
 
+TEST_F(PlanRunTest, VersionMayHaveItsDot) {
+  Run("[launch]\napi = 2016.2\n[advance]\nuntil = 1\n");
+  EXPECT_EQ(daemon_.Frames()[5], Hex("20162"));
+}
+
 TEST_F(PlanRunTest, DirectoryThatCannotBeMadeEndsTheRunWithItsShutdown) {
   directory_.Write("file", "");
   const Outcome outcome = Run("[advance]\nuntil = 1\n[record]\ndirectory = \"file/results\"\n");

@@ -55,6 +55,23 @@ TEST_F(ProgramTest, LaunchSendsTheRunRequestInItsOrder) {
                                   Hex("20162"), Hex("alice"), Hex("1")));
 }
 
+TEST(VersionTest, VersionGoesOutAsANumberAndIsShownWithItsDot) {
+  for (const char* version : {"2016.2", "20162"}) {
+    FakeRun run;
+    FakeDaemon daemon{FakeDaemon::Launching(run)};
+    const Outcome outcome =
+        RunVkmaster(LaunchArguments(daemon.port(), {"--api", version, "status"}));
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    EXPECT_EQ(daemon.Frames()[5], Hex("20162")) << version;
+    EXPECT_THAT(outcome.out, HasSubstr("version asked for  2016.2\n")) << version;
+  }
+}
+
+TEST_F(ProgramTest, NumberThatIsNoKnownVersionIsTheDaemonsToJudge) {
+  Master({"--api", "7", "quit"});
+  EXPECT_EQ(daemon_.Frames()[5], Hex("7"));
+}
+
 TEST_F(ProgramTest, CommandIsCarriedOutBetweenConnectAndShutdown) {
   const Outcome outcome = Master({"time"});
   EXPECT_EQ(outcome.status, 0) << outcome.err;
@@ -105,7 +122,7 @@ TEST_F(ProgramTest, StatusShowsTheRunOnOnePage) {
                              "data path          /data/\n"
                              "model              CASE\n"
                              "simulator on       node17\n"
-                             "interface          20172\n"
+                             "version asked for  2017.2\n"
                              "simulator version  2017.2\n"
                              "unit system        metric\n"
                              "compositional      yes\n"
@@ -356,13 +373,13 @@ TEST_F(ProgramTest, FailedRequestIsNamedWithTheLogToLookAt) {
   EXPECT_THAT(outcome.err, HasSubstr("comms log /data/CASE.crvnlog"));
 }
 
-TEST_F(ProgramTest, FailedConnectAsksAboutTimeOutAndInterface) {
+TEST_F(ProgramTest, FailedConnectAsksAboutTimeOutAndVersion) {
   run_.fails = {1};
   const Outcome outcome = Master({"time"});
   EXPECT_EQ(outcome.status, 4);
   EXPECT_THAT(outcome.err, HasSubstr("request 1 (Connect)"));
   EXPECT_THAT(outcome.err, HasSubstr("did the simulator start on node17 within the daemon's "
-                                     "time-out (-t), and is 20172 its interface version (--api)?"));
+                                     "time-out (-t), and is 2017.2 its version (--api)?"));
 }
 
 TEST_F(ProgramTest, SignalDuringAStepShutsTheRunDown) {

@@ -405,13 +405,13 @@ TEST_F(WellCommandsTest, UnknownComponentIsRefusedWithoutSendingTheCommand) {
   EXPECT_THAT(Requests(19), IsEmpty());
 }
 
-TEST(WellCommandsWithTheOlderInterface, SourcesAreNotedAsWithoutEffect) {
+TEST(WellCommandsWithTheOlderVersion, SourcesAreNotedAsWithoutEffect) {
   SocketPair pair;
   FakeRun run;
   DaemonEnd end(pair.peer.get());
   std::thread daemon([&] { run.Serve(end); });
   vkmaster::Launched launched;
-  launched.request.version = "20162";
+  launched.request.version = "2016.2";
   vkmaster::Session session(master::Run(master::FrameChannel(pair.ours.Release())), launched);
   session.Connect();
   const MemoryStream stream;

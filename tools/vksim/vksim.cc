@@ -42,6 +42,11 @@ struct Options {
   simulator::Faults faults;
 };
 
+std::string WithoutDot(std::string version) {
+  std::erase(version, '.');
+  return version;
+}
+
 void Declare(CLI::App& app, Options& options) {
   const CLI::Range seconds(0.0, 1e6);
   app.add_option("path", options.path, "Directory of the deck")->required();
@@ -50,8 +55,8 @@ void Declare(CLI::App& app, Options& options) {
       ->capture_default_str();
   app.add_option("--address", options.address, "IPv4 address to listen on; 0.0.0.0 for all")
       ->capture_default_str();
-  app.add_option("--api", options.version, "External-controller version")
-      ->check(CLI::IsMember({"2016.2", "2017.2"}))
+  app.add_option("--api", options.version, "Version to stand in for; also without the dot")
+      ->transform(CLI::IsMember({"2016.2", "2017.2"}, WithoutDot))
       ->capture_default_str();
   app.add_option("--processes", options.processes, "Accepted and noted; one process computes")
       ->capture_default_str();

@@ -35,7 +35,7 @@ std::string HintForFailedRequest(const std::string& text, const Launched& launch
   if (connecting && text.find("(Connect)") != std::string::npos) {
     hint += fmt::format(
         ". On connecting: did the simulator start on {} within the daemon's time-out (-t), and is "
-        "{} its interface version (--api)?",
+        "{} its version (--api)?",
         launched.simulator_host, launched.request.version);
   }
   return hint;

@@ -76,7 +76,7 @@ void AddLaunchOptions(CLI::App& app, Options& options) {
   text("--root", options.run.root, "name of the model, without extension");
   text("--processes", options.run.processes, "processes of the simulator")
       ->check(CLI::PositiveNumber);
-  text("--api", options.run.version, "simulator interface: 20162 or 20172")
+  text("--api", options.run.version, "version of the simulator: 2016.2 or 2017.2")
       ->check(CLI::NonNegativeNumber)
       ->envname("VKMASTER_API");
   text("--user", options.run.user, "Windows user name")->envname("VKMASTER_USER");
@@ -164,17 +164,21 @@ std::optional<int> ParseOptions(int argc, const char* const* argv, Options& opti
   options.run.user = DefaultUser();
   std::set<std::string> given;
   if (const auto status = Parse(argc, argv, options, given)) return status;
-  const bool planned = !options.words.empty() && options.words[0] == "run";
-  if (!planned) return std::nullopt;
-  try {
-    if (options.words.size() != 2) throw UsageError("run: Which plan? run PLAN");
-    ApplyLaunch(ReadPlan(options.words[1]), options, given);
-  } catch (const UsageError& error) {
-    Tell(stderr, fmt::format("vkmaster: {}\n", error.what()));
-    return kUsage;
+  if (!options.words.empty() && options.words[0] == "run") {
+    try {
+      if (options.words.size() != 2) throw UsageError("run: Which plan? run PLAN");
+      ApplyLaunch(ReadPlan(options.words[1]), options, given);
+    } catch (const UsageError& error) {
+      Tell(stderr, fmt::format("vkmaster: {}\n", error.what()));
+      return kUsage;
+    }
+    options.plan = options.words[1];
+    options.words.clear();
   }
-  options.plan = options.words[1];
-  options.words.clear();
+  // People read 2017.2; the protocol's number 20172 is understood as well.
+  std::string& version = options.run.version;
+  const bool number = version.find_first_not_of("0123456789") == std::string::npos;
+  if (number && version.size() == 5) version.insert(4, ".");
   return std::nullopt;
 }
 

@@ -1,7 +1,5 @@
 #include "tools/vkmaster/commands/fluid.h"
 
-#include <stdlib.h>
-
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
@@ -75,12 +73,8 @@ Table InteractionTable(const master::EOSProps& eos) {
 }
 
 void NoteMissingSources(const Session& session, Result& result) {
-  constexpr long kWithoutSources = 20162;
-  if (std::strtol(session.launched().request.version.c_str(), nullptr, 10) != kWithoutSources) {
-    return;
-  }
-  result.notes.emplace_back(
-      "The 2016.2 interface (--api 20162) has no external sources: nothing was changed");
+  if (session.launched().request.version != "2016.2") return;
+  result.notes.emplace_back("Version 2016.2 (--api) has no external sources: nothing was changed");
 }
 
 Result SourceResult(Session& session, const std::string& word, const std::string& source) {

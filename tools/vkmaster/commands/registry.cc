@@ -74,7 +74,7 @@ Result Status(Session& session) {
   add("path", "data path", launched.request.path);
   add("root", "model", launched.request.root);
   add("simulator_host", "simulator on", launched.simulator_host);
-  add("interface", "interface", launched.request.version);
+  add("interface", "version asked for", launched.request.version);
   add("version", "simulator version", run.GetVersion());
   add("units", "unit system", UnitsOf(session.Metric()).system);
   add("compositional", "compositional", run.GetCompFlag());
