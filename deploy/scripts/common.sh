@@ -403,21 +403,25 @@ read_report() {
 }
 
 submit_job() {
-  local interval=$poll_seconds attempt
+  local interval=$poll_seconds attempt missed
   for ((attempt = 1; attempt <= 4; ++attempt)); do
     submit && return
     ! refused || give_up "the job is refused: $complaint"
     ((attempt < 4)) || break
     say "the job could not be submitted ($complaint), trying again"
-    # It may have been, and must not be a second time.
-    while true; do
+    # It may have been, and must not be a second time. A scheduler may need a moment until it knows it.
+    for ((missed = 0; missed < 2;)); do
       idle "$interval"
       back_off
       ! abandoned || leave
-      find_job && break
-      ((++attempt < 4)) || break 2
+      if ! find_job; then
+        ((++attempt < 4)) || break 2
+      elif [[ -n $job ]]; then
+        return 0
+      else
+        ((++missed))
+      fi
     done
-    [[ -z $job ]] || return 0
   done
   explain "the job could not be submitted: $complaint"
 }
@@ -541,10 +545,30 @@ await_simulator() {
   done
 }
 
+# Whether a link of this account to the simulator looks alive. An end that the controller has seen, or
+# will see as soon as it looks, is another state.
+link_looks_alive() {
+  local remote
+  printf -v remote '%04X' "$port"
+  grep -qsE "^ *[0-9]+: [0-9A-F:]+ [0-9A-F]+:$remote 01 [^ ]+ [^ ]+ [^ ]+ +$EUID " /proc/net/tcp
+}
+
+# The job has ended: so does the script, by which its controller can know it. A node that died has not
+# closed the link, and the controller would wait for ever for an answer.
+follow_the_job() {
+  if [[ -z $over ]]; then
+    over=$SECONDS
+    details
+    [[ -z $reason || ! -e out ]] || say "job $job has ended: $reason" >>out
+  fi
+  if abandoned || ! link_looks_alive; then exit 0; fi
+  ((SECONDS - over < grace_seconds)) || { kill "$controller"; exit 1; }
+}
+
 # Stays with the run: without its controller the simulator would hold its node, and its licence, for
 # as long as it likes.
 watch() {
-  local orphaned=-1
+  local orphaned=-1 over=''
   absences=0 failures=0 interval=$poll_seconds next_poll=$((SECONDS + poll_seconds))
   while true; do
     idle 1
@@ -556,9 +580,11 @@ watch() {
     if ((SECONDS >= next_poll)); then
       poll_job
       case $state in
-        ended) exit 0 ;;
+        ended) follow_the_job ;;
         # Put back into the queue: its controller would not find it again.
         waiting | held) cancel_job; exit 1 ;;
+        # Some schedulers lose sight of a job for a while.
+        running) over= ;;
       esac
     fi
     if ((orphaned >= 0 && SECONDS - orphaned >= grace_seconds)); then
