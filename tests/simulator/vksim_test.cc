@@ -327,10 +327,35 @@ TEST_F(VksimTest, WrongOptionIsAUsageError) {
   EXPECT_THAT(program.seen(), HasSubstr("--api"));
 }
 
-TEST_F(VksimTest, HelpIsNotAnError) {
+// Without a deck the status tells whether the options were taken.
+TEST_F(VksimTest, NumbersOfOptionsAreTakenUpToTheirLimits) {
+  const auto status = [this](const std::string& option, const std::string& number) {
+    return Program({directory_, "NONE", option, number}).Finish();
+  };
+  for (const auto& [option, least, most] :
+       std::vector<std::array<std::string, 3>>{{"--port", "0", "65535"},
+                                               {"--wait-seconds", "0", "1e6"},
+                                               {"--slow-start", "0", "1e6"},
+                                               {"--early-end", "0", "1e300"},
+                                               {"--step-delay", "0", "3600000"}}) {
+    EXPECT_EQ(status(option, least), 1) << option;
+    EXPECT_EQ(status(option, most), 1) << option;
+    EXPECT_EQ(status(option, "-1"), 2) << option;
+  }
+  EXPECT_EQ(status("--port", "65536"), 2);
+  EXPECT_EQ(status("--wait-seconds", "1000001"), 2);
+  EXPECT_EQ(status("--step-delay", "3600001"), 2);
+}
+
+TEST_F(VksimTest, HelpIsNotAnErrorAndHasTheDefaults) {
   Program program({"--help"});
   EXPECT_EQ(program.Finish(), 0);
   EXPECT_THAT(program.seen(), HasSubstr("--wrong-header"));
+  EXPECT_THAT(program.seen(), HasSubstr("--port UINT=9001 "));
+  EXPECT_THAT(program.seen(), HasSubstr("--address TEXT=127.0.0.1 "));
+  EXPECT_THAT(program.seen(), HasSubstr("--api TEXT:{2016.2,2017.2}=2017.2\n"));
+  EXPECT_THAT(program.seen(), HasSubstr("--processes INT=1 "));
+  EXPECT_THAT(program.seen(), HasSubstr("--wait-seconds FLOAT:FLOAT in [0 - 1e+06]=300\n"));
 }
 
 }  // namespace
