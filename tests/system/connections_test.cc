@@ -6,6 +6,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
@@ -18,6 +20,7 @@
 
 namespace {
 
+namespace fs = std::filesystem;
 using std::chrono::seconds;
 using testing::HasSubstr;
 
@@ -43,6 +46,23 @@ TEST(ConnectionsTest, PortsAreHandedOutInTurnAndWrap) {
   EXPECT_EQ(ServeOne(daemon), "OK|port-9002");
   EXPECT_EQ(ServeOne(daemon), "OK|port-9001");
   EXPECT_EQ(ServeOne(daemon), "OK|port-9002");
+}
+
+// Another end of it would keep a script from noticing that nobody reads what it prints.
+TEST(ConnectionsTest, ControllerHasTheScriptsOutputOnceAsItsStandardInput) {
+  const RunningDaemon daemon(Unprivileged());
+  TestMaster master(daemon.port());
+  master.RequestRun({});
+  EXPECT_THAT(master.Receive(), HasSubstr("OK|"));
+  const std::vector<pid_t> controller = ChildrenOf(daemon.pid());
+  ASSERT_EQ(controller.size(), 1U);
+  const fs::path descriptors = "/proc/" + std::to_string(controller[0]) + "/fd";
+  const fs::path output = fs::read_symlink(descriptors / "0");
+  EXPECT_THAT(output.string(), testing::StartsWith("pipe:"));
+  const fs::directory_iterator all(descriptors);
+  EXPECT_EQ(std::count_if(begin(all), end(all),
+                          [&](const auto& each) { return fs::read_symlink(each) == output; }),
+            1);
 }
 
 TEST(ConnectionsTest, EveryConnectionIsLogged) {
