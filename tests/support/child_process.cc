@@ -17,6 +17,16 @@
 
 namespace {
 
+// In a test program that is started without standard input, or output, the first socket that a test
+// opens would have that number, and the redirection of a child would close it. So the null device
+// has it from the start.
+[[maybe_unused]] const bool kStandardDescriptorsAreOpen = [] {
+  int opened = 0;
+  do opened = open("/dev/null", O_RDWR);
+  while (opened >= 0 && opened <= STDERR_FILENO);
+  return close(opened) == 0;
+}();
+
 void Redirect(const std::string& file, int flags, int target) {
   const int opened = open(file.c_str(), flags, 0666);
   if (opened < 0) _exit(126);
