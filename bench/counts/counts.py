@@ -2,10 +2,12 @@
 
   counts.py --scenario PROGRAM --allocations LIBRARY [--told FILE] [--json FILE] KIND...
   counts.py --scenario PROGRAM --allocations LIBRARY --record --compiler NAME KIND...
+  counts.py --list KIND
 
 KIND is "calls" (system calls, counted by strace), "allocations" (by a library that is loaded in
 front) or "instructions" (by valgrind). Ends with 1 when a figure has grown by more than 5 %. One
-that has fallen by more is told, in FILE as well. With --record the figures are written anew.
+that has fallen by more is told, in FILE as well. With --record the figures are written anew. With --only NAME one figure
+of a kind is counted, of those that --list names.
 
 What is counted is the controller alone, inside bench_scenario. Every scenario runs twice, with N and
 with 2 N requests, and the difference is what N requests cost: start, set-up and end, which depend on
@@ -127,6 +129,10 @@ def label(flow, size):
     return f"{flow} {size}" if size else flow
 
 
+def names_of(kind):
+    return [label(flow, size) for flow, size, _, kinds in FLOWS if kind in kinds.split()]
+
+
 def read_figures():
     """The figures kept, by kind and label, and the lines of comment above them."""
     lines = FIGURES.read_text(encoding="utf-8").splitlines()
@@ -139,8 +145,8 @@ def read_figures():
 
 
 def write_figures(figures, comment):
-    order = [(kind, label(flow, size)) for kind in ("calls", "allocations", "instructions")
-             for flow, size, _, kinds in FLOWS if kind in kinds.split()]
+    order = [(kind, name) for kind in ("calls", "allocations", "instructions")
+             for name in names_of(kind)]
     lines = [f"{kind:<13} {figures[kind, name]:>10}  {name}" for kind, name in order]
     FIGURES.write_text("\n".join(comment + lines) + "\n", encoding="utf-8")
 
@@ -169,13 +175,20 @@ def check_tools(kinds):
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("kinds", nargs="+", choices=["calls", "allocations", "instructions"])
-    parser.add_argument("--scenario", required=True)
-    parser.add_argument("--allocations", required=True)
+    parser.add_argument("--scenario")
+    parser.add_argument("--allocations")
+    parser.add_argument("--list", action="store_true")
+    parser.add_argument("--only")
     parser.add_argument("--record", action="store_true")
     parser.add_argument("--compiler")
     parser.add_argument("--json", type=pathlib.Path)
     parser.add_argument("--told", type=pathlib.Path)
     options = parser.parse_args()
+    if options.list:
+        print(*(name for kind in options.kinds for name in names_of(kind)), sep="\n")
+        return 0
+    if not options.scenario or not options.allocations:
+        parser.error("--scenario and --allocations are needed to count")
     try:
         check_tools(options.kinds)
     except Uncountable as reason:
@@ -187,9 +200,9 @@ def main():
     found = {"grown": [], "fallen": [], "kept": []}
     for kind in options.kinds:
         for flow, size, repeats, kinds in FLOWS:
-            if kind not in kinds.split():
-                continue
             name = label(flow, size)
+            if kind not in kinds.split() or options.only not in (None, name):
+                continue
             fresh[kind, name] = measure(scenario, kind, flow, size, repeats)
             line, verdict = judge(kind, name, fresh[kind, name], kept.get((kind, name)))
             print(line, flush=True)
