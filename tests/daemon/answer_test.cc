@@ -70,8 +70,8 @@ class AnswerTest : public testing::Test {
       strcpy(GszExePath, directory_.path().c_str());
       if (!PrepareProcess()) return 124;
       flog log(directory_.File("log"), true);
-      return Answer(new CManagerInformation(script_, runAsRoot_, 5, 9005, commsLog_, &log,
-                                            new Socket(pair_.ours.Release())));
+      return Answer(new CManagerInformation(script_, runAsRoot_, startTimeout_, 9005, commsLog_,
+                                            &log, new Socket(pair_.ours.Release())));
     };
     child_ = std::make_unique<ChildProcess>(std::vector<std::string>(), options);
     pair_.ours.Reset();
@@ -116,6 +116,7 @@ class AnswerTest : public testing::Test {
 
   bool runAsRoot_ = false;
   bool commsLog_ = false;
+  std::int32_t startTimeout_ = 5;
   std::string script_;
   std::string answer_ = "3";
   std::string cluster_ = "0";
@@ -166,8 +167,13 @@ TEST_F(AnswerTest, MasterThatLeavesAtTheVersionEndsTheConnection) {
 }
 
 TEST_F(AnswerTest, AnyOtherVersionOfTheMasterIsAccepted) {
-  answer_ = "7";
-  EXPECT_THAT(Outcome(), HasSubstr("OK|"));
+  for (const char* answer : {"7", "-1", " 3", "3x"}) {
+    SCOPED_TRACE(answer);
+    pair_ = SocketPair();
+    answer_ = answer;
+    EXPECT_THAT(Outcome(), HasSubstr("OK|"));
+    EXPECT_EQ(Status(), 0);
+  }
 }
 
 TEST_F(AnswerTest, RunRequestIsLoggedInItsOrder) {
@@ -408,6 +414,21 @@ TEST_F(LaunchByAnswerTest, HostWithoutNewlineIsSentWhole) {
   EXPECT_EQ(OutcomeOfPrinting("HOST=node17"), "OK|node17");
 }
 
+// A line is read up to 1,023 bytes; what is behind them is the next one.
+TEST_F(LaunchByAnswerTest, NewlineOfAHostThatFillsTheLineIsNotItsOwn) {
+  const std::string longest(1023 - strlen("HOST=\n"), 'h');
+  EXPECT_EQ(OutcomeOfPrinting("HOST=" + longest + "\\n"), "OK|" + longest + '\0');
+  pair_ = SocketPair();
+  EXPECT_EQ(OutcomeOfPrinting("HOST=" + longest + "x\\n"), "OK|" + longest + "x");
+}
+
+// The start time-out is for the simulator; the job may be queued for days before.
+TEST_F(LaunchByAnswerTest, StartTimeoutDoesNotBoundTheWaitForTheHost) {
+  startTimeout_ = 1;
+  Script("#!/bin/sh\nsleep 1.5\necho HOST=node17\n");
+  EXPECT_EQ(Outcome(), "OK|node17\0"s);
+}
+
 TEST_F(LaunchByAnswerTest, HostLineMustBeginWithItsWord) {
   EXPECT_EQ(OutcomeOfPrinting(" HOST=a\\nhost=b\\nXHOST=c\\nHOST=d\\n"), std::string("OK|d\0", 5));
 }
@@ -622,6 +643,31 @@ TEST_F(LaunchByAnswerTest, FailedRequestEndsTheRunWithItsReasonInTheCommsLog) {
               HasSubstr("Request process loop failed: Failed to handle data packet received from "
                         "master: Exception returned from VK controller: Not connected to the "
                         "simulator\n"));
+}
+
+TEST_F(LaunchByAnswerTest, ConnectorVersionIsTheNumberThatTheTextBeginsWith) {
+  // Nothing is asked of a simulator for it in one version, in the other there is none to ask.
+  const std::string setSource = Bytes("12 00 00 00  01 00 00 00 57  01 00 00 00 53");
+  for (const auto& [version, isFirst] : {std::pair("20162", true),
+                                         {" 20162", true},
+                                         {"20162x", true},
+                                         {"\t+20162.9", true},
+                                         {"020162", true},
+                                         {"20172", false},
+                                         {"", false},
+                                         {"x20162", false},
+                                         {"2016", false},
+                                         {"201620", false},
+                                         {"20163", false},
+                                         {"-20162", false}}) {
+    SCOPED_TRACE(version);
+    pair_ = SocketPair();
+    version_ = version;
+    EXPECT_THAT(Outcome(), HasSubstr("OK|"));
+    Send(setSource);
+    EXPECT_EQ(Hex(Receive()), isFirst ? "12 00 00 00 00 00 00 00 00 00 00 00" : "");
+    EXPECT_EQ(Status(), 0);
+  }
 }
 
 TEST_F(LaunchByAnswerTest, MasterThatLeavesDuringTheRunEndsIt) {

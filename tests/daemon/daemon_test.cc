@@ -5,6 +5,8 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstring>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -15,6 +17,7 @@
 #include "tests/support/answered_call.h"
 #include "tests/support/child_process.h"
 #include "tests/support/ports.h"
+#include "tests/support/running_daemon.h"
 #include "tests/support/temporary_directory.h"
 
 namespace {
@@ -50,23 +53,67 @@ class DaemonStartTest : public testing::Test {
   std::unique_ptr<ChildProcess> child_;
 };
 
-TEST_F(DaemonStartTest, DirectoryThatCannotBeLearntIsTheWorkingDirectory) {
-  // A link that cannot be read, and one that fills the place for it.
-  for (const CallAnswer answer :
-       {CallAnswer([] { return static_cast<long>(-EACCES); }),
-        CallAnswer([] { return static_cast<long>(sizeof(GszExePath)); })}) {
-    Start(SYS_readlink, answer);
-    const bool logged = Eventually([this] {
-      return directory_.Read("output").find("Could not get Exe path - defaulting to '.'\n") !=
-             std::string::npos;
-    });
-    const auto ended = child_->Wait(std::chrono::milliseconds(0));
-    if (ended == kNotPermitted) GTEST_SKIP() << "system calls cannot be answered here";
-    EXPECT_TRUE(logged) << directory_.Read("output");
-    EXPECT_EQ(ended, std::nullopt) << "it serves all the same";
-    child_->Signal(SIGKILL);
-    child_->Wait(seconds(5));
+// The path of the executable, as the system gives it: without an end mark.
+long Link(const std::string& path) {
+  memcpy(AnsweredBuffer(), path.data(), path.size());
+  return static_cast<long>(path.size());
+}
+std::string LongDirectory() {
+  return "/" + std::string(sizeof(GszExePath) - 1 - strlen("//exe"), 'd');
+}
+
+struct ExecutablePath {
+  const char* name;
+  CallAnswer answer;
+  std::string logged;
+};
+void PrintTo(const ExecutablePath& value, std::ostream* out) {
+  *out << value.name;
+}
+
+class ExecutablePathTest : public DaemonStartTest,
+                           public testing::WithParamInterface<ExecutablePath> {};
+
+TEST_P(ExecutablePathTest, GivesTheDirectoryAndTheDaemonServesInAnyCase) {
+  Start(SYS_readlink, GetParam().answer);
+  const bool logged = Eventually([this] {
+    return directory_.Read("output").ends_with(GetParam().logged + "\n") ||
+           !IsRunning(child_->pid());
+  });
+  const auto ended = child_->Wait(std::chrono::milliseconds(0));
+  if (ended == kNotPermitted) GTEST_SKIP() << "system calls cannot be answered here";
+  EXPECT_TRUE(logged) << directory_.Read("output");
+  ASSERT_EQ(ended, std::nullopt);
+  EXPECT_EQ(TestMaster(port_).Receive(), "3");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    All, ExecutablePathTest,
+    testing::Values(ExecutablePath{"Unknown", [] { return static_cast<long>(-EACCES); },
+                                   "Could not get Exe path - defaulting to '.'"},
+                    ExecutablePath{"ThatFillsItsPlace",
+                                   [] { return static_cast<long>(sizeof(GszExePath)); },
+                                   "Could not get Exe path - defaulting to '.'"},
+                    ExecutablePath{"ThatJustFits", [] { return Link(LongDirectory() + "/exe"); },
+                                   "Executable path = " + LongDirectory()},
+                    ExecutablePath{"InTheRootDirectory", [] { return Link("/vkjobmill.exe"); },
+                                   "Executable path = "},
+                    ExecutablePath{"WithoutADirectory", [] { return Link("vkjobmill.exe"); },
+                                   "Executable path = vkjobmill.exe"}),
+    [](const auto& path) { return path.param.name; });
+
+TEST_F(DaemonStartTest, ExecutableInTheRootDirectoryHasItsFilesThere) {
+  if (getuid() != 0) GTEST_SKIP() << "users are looked up by a daemon of root's";
+  Start(SYS_readlink, [] { return Link("/vkjobmill.exe"); });
+  ASSERT_TRUE(Eventually([this] {
+    return directory_.Read("output").ends_with("Executable path = \n") || !IsRunning(child_->pid());
+  }));
+  if (child_->Wait(std::chrono::milliseconds(0)) == kNotPermitted) {
+    GTEST_SKIP() << "system calls cannot be answered here";
   }
+  TestMaster master(port_);
+  master.RequestRun({});
+  EXPECT_EQ(master.Receive(), "Could not open the user administration file: /./.vk_corvane_users");
 }
 
 TEST_F(DaemonStartTest, DaemonThatCouldNotReapItsChildrenDoesNotStart) {

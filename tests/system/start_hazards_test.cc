@@ -2,7 +2,10 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <sched.h>
 #include <signal.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -11,6 +14,7 @@
 #include <chrono>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <ostream>
 #include <sstream>
 #include <string>
@@ -242,17 +246,88 @@ TEST_F(RefusingKernelTest, FailedSystemIsLoggedAsAFailedCopyAndTheRunGoesOn) {
   EXPECT_THAT(daemon.Logged(), HasSubstr("\nArg 4: CASE_3\n"));
 }
 
+// Descriptors that the daemon has not opened itself and knows nothing of: the first that there can
+// be, one in the midst, the last.
+void PlantDescriptors() {
+  rlimit limit{};
+  getrlimit(RLIMIT_NOFILE, &limit);
+  for (const int number : {3, 7, static_cast<int>(limit.rlim_cur) - 1}) {
+    dup2(STDIN_FILENO, number);
+  }
+}
+
+// What they have open is standard input alone in the end.
+constexpr const char* kPlanted = "-> /dev/null\n";
+constexpr const char* kThree = "0 [^\n]*\n1 [^\n]*\n2 [^\n]*\n";
+
+TEST(StartHazardTest, InheritedDescriptorsDoNotReachTheScript) {
+  RunningDaemon::Options options = Unprivileged();
+  options.script = kInspectingScript;
+  options.inChild = [] {
+    PlantDescriptors();
+    return 0;
+  };
+  const RunningDaemon daemon(options);
+  EXPECT_EQ(ServeOne(daemon), "OK|node17");
+  const std::string descriptors = daemon.directory().Read("descriptors");
+  EXPECT_THAT(LowDescriptors(descriptors), testing::MatchesRegex(kThree));
+  EXPECT_EQ(descriptors.rfind(kPlanted), descriptors.find(kPlanted)) << descriptors;
+}
+
 TEST_F(RefusingKernelTest, WithoutCloseRangeTheScriptStillHasThreeDescriptors) {
   RunningDaemon::Options options = Unprivileged();
   options.script = kInspectingScript;
   options.inChild = [] {
-    // One that the daemon has not opened itself and knows nothing of.
-    return dup2(STDIN_FILENO, 7) == 7 && RefuseCalls({{SYS_close_range, ENOSYS}}) ? 0 : 1;
+    PlantDescriptors();
+    return RefuseCalls({{SYS_close_range, ENOSYS}}) ? 0 : 1;
   };
   const RunningDaemon daemon(options);
   EXPECT_EQ(ServeOne(daemon), "OK|node17");
-  EXPECT_THAT(LowDescriptors(daemon.directory().Read("descriptors")),
-              testing::MatchesRegex("0 [^\n]*\n1 [^\n]*\n2 [^\n]*\n"));
+  const std::string descriptors = daemon.directory().Read("descriptors");
+  EXPECT_THAT(LowDescriptors(descriptors), testing::MatchesRegex(kThree));
+  EXPECT_EQ(descriptors.rfind(kPlanted), descriptors.find(kPlanted)) << descriptors;
+}
+
+TEST(StartHazardTest, WithoutAnyDirectoryForItsLogTheDaemonServesInSilence) {
+  if (getuid() != 0) GTEST_SKIP() << "mounting needs root";
+  const TemporaryDirectory directory;
+  const std::string script = directory.Write("script", "#!/bin/sh\necho HOST=node17\n");
+  chmod(script.c_str(), 0755);
+  const int port = FreePort();
+  ChildProcess::Options options;
+  options.outputFile = directory.Write("output", "");
+  options.errorFile = directory.Write("errors", "");
+  options.inChild = [] {
+    const bool closed =
+        unshare(CLONE_NEWNS) == 0 &&
+        mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+        mount("none", "/var/log", "tmpfs", MS_RDONLY, nullptr) == 0 &&
+        mount("/tmp", "/tmp", nullptr, MS_BIND, nullptr) == 0 &&
+        mount(nullptr, "/tmp", nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr) == 0;
+    return closed ? 0 : 77;
+  };
+  ChildProcess daemon({DaemonExecutable(), "-u", "-p", std::to_string(port), "-s", script},
+                      options);
+  std::unique_ptr<TestMaster> master;
+  for (int run = 0; run < 2; ++run) {
+    ASSERT_TRUE(Eventually([&] {
+      try {
+        master = std::make_unique<TestMaster>(port);
+      } catch (const std::string&) {
+        return !IsRunning(daemon.pid());
+      }
+      return true;
+    }));
+    ASSERT_TRUE(IsRunning(daemon.pid()));
+    master->RequestRun({});
+    EXPECT_EQ(Text(master->Receive()), "OK|node17");
+    EXPECT_EQ(master->Ask("f0 ff 00 00"), kShutDown);
+  }
+  EXPECT_EQ(directory.Read("output"), "");
+  EXPECT_EQ(directory.Read("errors"), "");
+  const std::string name = "/VKJobmill_" + std::to_string(port) + ".log";
+  EXPECT_FALSE(std::filesystem::exists("/tmp" + name) ||
+               std::filesystem::exists("/var/log" + name));
 }
 
 }  // namespace
