@@ -187,13 +187,14 @@ TEST(ConnectionsTest, NoDescriptorForANewConnectionEndsTheDaemon) {
   EXPECT_THAT(daemon.Logged(), HasSubstr("Socket failure in accept call - exiting ... \n"));
 }
 
-// A daemon whose account may have this many processes and no more.
+// A daemon whose account may have this many processes and no more. The account is this test's
+// alone: the system counts the processes of all that run as one.
 RunningDaemon::Options WithProcesses(rlim_t most) {
   RunningDaemon::Options options = Unprivileged({"-o", "9001", "-n", "5"});
-  options.inChild = [most] {
-    static constexpr uid_t kAlone = 61998;
+  const auto alone = static_cast<uid_t>(40'000 + getpid() % 20'000);
+  options.inChild = [most, alone] {
     const rlimit limit{most, most};
-    return setgroups(0, nullptr) == 0 && setgid(kAlone) == 0 && setuid(kAlone) == 0 &&
+    return setgroups(0, nullptr) == 0 && setgid(alone) == 0 && setuid(alone) == 0 &&
                    setrlimit(RLIMIT_NPROC, &limit) == 0
                ? 0
                : 1;
