@@ -41,7 +41,7 @@ Deadline In(std::chrono::seconds wait) {
   return Clock::now() + wait;
 }
 
-/// Commands of a file, all understood before the first is carried out: a slip in line 40 must not
+/// The commands of a file. All of them are parsed before the launch: a mistake in line 40 must not
 /// cost a run.
 std::vector<Command> ReadCommandFile(const std::string& file) {
   const int descriptor = open(file.c_str(), O_RDONLY | O_CLOEXEC);
@@ -90,7 +90,8 @@ class Program {
   }
 
  private:
-  // Commands from arguments or a file are known beforehand; those of a pipe or prompt are not.
+  // Parses the commands of a plan, of the arguments or of a file, before anything is launched.
+  // Commands of a pipe or the prompt are parsed line by line, during the run.
   void ReadAhead() {
     if (!options_.plan.empty()) {
       commands_ = std::vector<Command>{PlanCommand()};
@@ -186,7 +187,7 @@ class Program {
     return status;
   }
 
-  // The run, from the launch to its end.
+  // Controls the launched run to its end.
   int Control() {
     int status = kOk;
     if (options_.connect) status = Attempt("connect", [this] { session_->Connect(); });
@@ -248,7 +249,7 @@ class Program {
       if (!GoesOn(status, forgiving) || session_->shut_down()) break;
     }
     if (interrupt_.signal() != 0) return SignalStatus();
-    // Slips at the prompt were answered there; they are no failure of the session.
+    // A mistake at the prompt was reported there and is no failure of the program.
     return at_terminal && result == kUsage ? kOk : result;
   }
 
@@ -285,7 +286,7 @@ class Program {
         interrupt_);
   }
 
-  // A run that nobody controls keeps its licence until somebody notices.
+  // Shuts the run down: a run that nobody controls keeps its licence until somebody notices.
   int Finish(int status) {
     if (session_->shut_down() || !link_usable_) return status;
     if (options_.leave) {

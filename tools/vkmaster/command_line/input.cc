@@ -23,7 +23,7 @@ std::optional<std::string> DescriptorLines::Next() {
   }
 }
 
-// False at the end of the input, or when woken: half a line is then nothing to act on.
+// False at the end of the input. Half a line that has come when woken is dropped.
 bool DescriptorLines::Fill() {
   std::array<pollfd, 2> wait{{{descriptor_, POLLIN, 0}, {wake_, POLLIN, 0}}};
   while (poll(wait.data(), wait.size(), -1) < 0) {

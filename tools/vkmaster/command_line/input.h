@@ -5,7 +5,7 @@
 
 namespace vkmaster {
 
-/// Where commands come from when they are not arguments.
+/// Lines of commands from a pipe or the prompt.
 class LineSource {
  public:
   virtual ~LineSource() = default;
@@ -17,7 +17,7 @@ class LineSource {
 /// Lines of a pipe or a file.
 class DescriptorLines : public LineSource {
  public:
-  /// Both descriptors stay the caller's. Waiting ends, as the input would, when `wake` is readable.
+  /// Both descriptors stay the caller's. The input ends early when `wake` becomes readable.
   DescriptorLines(int descriptor, int wake) : descriptor_(descriptor), wake_(wake) {}
 
   std::optional<std::string> Next() override;

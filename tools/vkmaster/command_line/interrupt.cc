@@ -18,7 +18,7 @@ void OnSignal(int number) {
   const int error = errno;
   g_signal = number;
   const std::uint64_t one = 1;
-  // A full counter is readable too; there is nothing else that can go wrong.
+  // The write fails only when the counter is full, and then the descriptor is readable already.
   [[maybe_unused]] const ssize_t put = write(g_descriptor, &one, sizeof(one));
   errno = error;
 }

@@ -42,7 +42,7 @@ class HelpFormatter : public CLI::Formatter {
   std::string make_usage(const CLI::App* /*app*/, std::string name) const override {
     return "Usage: " + name + " [OPTIONS] --port P --path DATA --root CASE [COMMAND ARGS...]\n";
   }
-  // The default one folds the lines of the footer.
+  // The base class would fold the lines of the footer.
   std::string make_footer(const CLI::App* app) const override { return app->get_footer(); }
 };
 
@@ -118,8 +118,8 @@ void AddOtherOptions(CLI::App& app, Options& options) {
              "seconds to wait for the shutdown at the end");
 }
 
-// `given` receives the names of the options that the command line, the environment or the file of
-// options has.
+// `given` receives the names of the options that the command line, the environment or the --config
+// file sets.
 std::optional<int> Parse(int argc, const char* const* argv, Options& options,
                          std::set<std::string>& given) {
   CLI::App app("Launches a run through a jobmill daemon and controls it.", "vkmaster");

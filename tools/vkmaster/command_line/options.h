@@ -1,3 +1,5 @@
+// Everything between vkmaster and the shell or the terminal that started it: options, lines of
+// commands from a pipe or the prompt, signals, and the exit status and hint for each way to fail.
 #pragma once
 
 #include <chrono>
@@ -17,7 +19,7 @@ namespace vkmaster {
 enum ExitStatus {
   kOk = 0,
   kInternal = 1,       ///< something that nobody foresaw
-  kUsage = 2,          ///< options, a command, a file of commands
+  kUsage = 2,          ///< a mistake in options, a command, a plan or a file of commands
   kNotLaunched = 3,    ///< daemon not reached, or it refused the run
   kRequestFailed = 4,  ///< the daemon ended the connection on a request
   kLinkLost = 5,       ///< the connection broke
@@ -43,12 +45,13 @@ struct Options {
   std::string plan;  ///< the file of "run PLAN"; empty for none
 };
 
-/// Fills `options` from the command line. Returns the status to end with when there is nothing
-/// further to do: after the help, the version, or an error, all of which have been printed. With
-/// "run PLAN" the plan's launch holds where the command line says nothing.
+/// Fills `options` from the command line, and for "run PLAN" from the plan where the command line
+/// says nothing. Returns the status to end with when there is nothing further to do: the help, the
+/// version or an error has been printed.
 std::optional<int> ParseOptions(int argc, const char* const* argv, Options& options);
 
-/// Sets what the plan says of the launch, except for the options `given` otherwise ("--host").
+/// Takes what the plan says about the launch, except for the options that were `given`, named as
+/// "--host".
 void ApplyLaunch(const Plan& plan, Options& options, const std::set<std::string>& given = {});
 
 }  // namespace vkmaster

@@ -26,7 +26,7 @@ namespace {
 
 constexpr int kHistoryLines = 1000;
 
-// What follows a command word, beside well names.
+// The words, other than wells, that may follow a command.
 std::vector<std::string> ArgumentsOf(const std::string& command) {
   if (command == "help") {
     std::vector<std::string> names;
@@ -69,7 +69,7 @@ Words CommandBegun(const std::string& before) {
   }
 }
 
-// The editor's callbacks carry no pointer of ours.
+// Global, because the editor's callbacks get no argument of ours.
 std::function<std::vector<std::string>()> g_wells;
 
 int g_wake = -1;
@@ -136,7 +136,7 @@ Prompt::Prompt(std::function<std::string()> text, std::function<std::vector<std:
     : text_(std::move(text)), interrupt_(interrupt), history_(HistoryFile()) {
   g_wells = std::move(wells);
   rl_readline_name = "vkmaster";
-  // Before the history, whose first call sets the editor up.
+  // These two come before using_history(), which sets the editor up.
   g_wake = interrupt.descriptor();
   rl_getc_function = GetCharacter;
   using_history();

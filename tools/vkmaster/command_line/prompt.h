@@ -11,9 +11,9 @@ namespace vkmaster {
 
 class Interrupt;
 
-/// What the word `begin` may become that ends the line `before` + `begin`: commands at the
-/// beginning of a command, and behind it what that command takes. `wells` is called for the names
-/// of the wells, only when they are wanted.
+/// The words that begin with `begin` and make sense behind the text `before`: commands where a
+/// command is due, else what the command takes. `wells` gives the wells' names; it is called only
+/// for commands that take wells.
 std::vector<std::string> Completions(const std::string& before, const std::string& begin,
                                      const std::function<std::vector<std::string>()>& wells);
 

@@ -8,8 +8,7 @@
 
 namespace vkmaster {
 
-/// Times nearer to each other than these days are the same: a step of less than a second is of no
-/// use.
+/// Times that differ by less than this, in days and about a second, count as the same.
 inline constexpr double kSameTime = 1e-5;
 
 /// Where an advance goes.
@@ -29,7 +28,7 @@ double DaysOf(const Target& target, Session& session);
 struct AdvanceRequest {
   Target target;
   std::optional<Step> step;
-  bool rates = false;  ///< the sums over all wells with every step
+  bool rates = false;  ///< every row has the sums over all wells
 };
 
 /// TARGET [step STEP] [rates]
@@ -38,8 +37,9 @@ AdvanceRequest ParseUntil(const Words& arguments);
 /// STEP until TARGET [rates]
 AdvanceRequest ParseEvery(const Words& arguments);
 
-/// Runs to the target, in the steps asked for or else in one, and writes a row for each. Takes the
-/// run to its first time step first when nobody has. Stops when the simulation ends.
+/// Runs to the target, in the request's steps, else in the context's, else in one piece, and writes
+/// a row for each. Begins with the first time step of the run unless that is done. Stops when the
+/// simulation ends.
 void Advance(Context& context, const AdvanceRequest& request);
 
 /// The row of the present state: time, date, ended, and with `rates` the sums over all wells.

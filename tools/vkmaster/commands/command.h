@@ -1,3 +1,5 @@
+// The commands: each reads its words, makes requests through the session, and writes a result. This
+// header is the vocabulary that they and all above them share; registry.h lists them.
 #pragma once
 
 #include <functional>

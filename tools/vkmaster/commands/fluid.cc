@@ -49,8 +49,8 @@ Table ComponentTable(const master::EOSProps& eos) {
   return table;
 }
 
-// The list is flat and its order the simulator's. A full square is shown as one; anything else as
-// the list that it is.
+// The simulator sends a flat list of coefficients. One that fills a square is shown as a square,
+// any other as a list.
 Table InteractionTable(const master::EOSProps& eos) {
   const std::size_t n = eos.components.size();
   Table table{"binary_interaction", "binary interaction", {}, {}};

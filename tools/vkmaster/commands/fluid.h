@@ -7,17 +7,17 @@
 
 namespace vkmaster {
 
-/// The commands on the reservoir fluid and on injected gas.
+// The commands on the reservoir fluid and on injected gas.
 
 Result EOSResult(Session& session);
 Action ParseSource(const Words& arguments);       // WELL SOURCE
 Action ParseComposition(const Words& arguments);  // SOURCE FRACTION... or SOURCE NAME=FRACTION...
 
-/// What composition understood of one source: fractions in component order, or by name.
+/// A source as it was typed behind composition, its fractions in component order or by component.
 struct SourceComposition {
   std::string source;
   std::vector<double> fractions;
-  std::vector<std::string> names;  ///< of the fractions' components; empty when in order
+  std::vector<std::string> names;  ///< the fractions' components; empty for component order
 
   double Sum() const;
 };

@@ -20,7 +20,8 @@ namespace {
 constexpr int kMostComponents = 100000;  // the daemon refuses more
 constexpr std::size_t kMostPlots = 4;
 
-// The rate limits that do not bind, which the tables begin with.
+// The rate that no well has: in field units, and what to multiply it with in a metric run. The
+// daemon begins its tables with the same limits.
 constexpr double kFreeRate = 100000;
 constexpr double kMetricLiquid = 0.158987;
 constexpr double kMetricGas = 28174;
@@ -33,7 +34,7 @@ WellsByName WellsNow(Session& session) {
   return wells;
 }
 
-// What the tables constrained a well of this type by, set to rates that no well has.
+// The limits that the tables set on a well of this type, lifted.
 master::WellConstraints FreeRates(const master::WellStatus& well, bool metric) {
   const double liquid = kFreeRate * (metric ? kMetricLiquid : 1);
   const double gas = kFreeRate * (metric ? kMetricGas : 1);
@@ -103,7 +104,7 @@ void AddRows(Table& table, const std::string& name, const master::WellIPR& ipr, 
   }
 }
 
-// Pressure over the rate that the well is there for.
+// Pressure over liquid rate, or over gas rate for a well without liquid.
 std::string PlotOf(const master::WellStatus& well, const master::WellIPR& ipr, const Units& units,
                    bool bottom_hole) {
   Plot plot{well.name, "", (bottom_hole ? "bhp " : "thp ") + units.pressure, {}, ipr.pressure};

@@ -20,9 +20,9 @@ IPROrder ParseIPROrder(const Words& arguments);
 
 Action ParseIPR(const Words& arguments);
 
-/// Builds the tables. They take the wells through ever lower rates and leave them open and cut
-/// back; unless the order says keep, the statuses from before are set again, and the rate limits
-/// to what this session set or else out of the way.
+/// Builds the tables. The daemon opens the wells for it and leaves them cut back to the rate of the
+/// last point. Unless the order says keep, the wells then get their earlier statuses and the rate
+/// limits that this session set; limits that it did not set are unknown and are lifted.
 Result BuildIPR(Session& session, const IPROrder& order);
 
 }  // namespace vkmaster

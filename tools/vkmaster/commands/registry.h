@@ -17,10 +17,11 @@ struct CommandHelp {
 
 const std::vector<CommandHelp>& CommandList();
 
-/// The help of all commands, or, when `name` is one, of that.
+/// The help of the command `name`, or of all commands when `name` is empty. Throws UsageError for
+/// an unknown name.
 std::string HelpText(const std::string& name = "");
 
-/// Throws UsageError for a command that there is not and for arguments that it cannot have.
+/// Throws UsageError for an unknown command and for arguments that it does not take.
 Command ParseCommand(const Words& words);
 
 /// All commands of a line or of the program's arguments.

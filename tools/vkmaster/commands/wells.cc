@@ -24,7 +24,7 @@ Result WellsResult(Session& session, const Words& patterns) {
   for (master::WellStatus& well : session.Wells()) by_name.emplace(well.name, well);
   Table table{
       "wells", "", {{"well", "well", ""}, {"type", "type", ""}, {"status", "status", ""}}, {}};
-  // "all" matches nothing in a model without wells, which is no slip.
+  // In a model without wells Resolve() would call "all" a mistake; the list of wells is just empty.
   if (!by_name.empty()) {
     for (const std::string& name : session.Resolve(OrAll(patterns))) {
       table.rows.push_back({name, by_name[name].type, by_name[name].status});
@@ -100,7 +100,7 @@ Result UptimeResult(Session& session, const Words& patterns, double fraction) {
   return {.command = "uptime", .tables = {std::move(table)}};
 }
 
-// The groups with their wells resolved; of a well named twice the later value of a name counts.
+// The constraints by well. Where a well is named twice, the later value of a constraint counts.
 std::vector<master::WellConstraints> Resolved(Session& session,
                                               const std::vector<ConstraintGroup>& groups) {
   std::vector<master::WellConstraints> all;

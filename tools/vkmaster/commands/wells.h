@@ -7,8 +7,8 @@
 
 namespace vkmaster {
 
-/// The commands on wells. Each takes the words behind the command's name and throws UsageError for
-/// those that it cannot have.
+// The commands on wells. Each parser gets the words behind the command's name and throws UsageError
+// when it does not take them.
 
 Action ParseWells(const Words& arguments);  // [WELLS]
 Action ParseData(const Words& arguments);   // [WELLS]
@@ -19,7 +19,7 @@ Action ParseSetStatus(const Words& arguments);  // STATUS WELLS
 Action ParseUptime(const Words& arguments);     // WELLS FRACTION
 Action ParseConstrain(const Words& arguments);  // WELLS NAME=VALUE... ...
 
-/// What constrain understood, with the wells still as they were typed.
+/// Wells as they were typed behind constrain, and the limits for each of them.
 struct ConstraintGroup {
   Words wells;
   std::vector<std::string> names;  ///< the simulator's
@@ -31,7 +31,7 @@ std::vector<ConstraintGroup> ParseConstraints(const Words& arguments);
 /// Sets the constraints in as many requests as it takes, and remembers them in the session.
 void SetConstraints(Session& session, const std::vector<master::WellConstraints>& wells);
 
-/// Sets one status each, likewise.
+/// Sets `statuses[i]` for `wells[i]`, in as many requests as it takes.
 void SetStatuses(Session& session, const std::vector<std::string>& wells,
                  const std::vector<std::string>& statuses);
 

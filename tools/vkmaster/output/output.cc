@@ -69,7 +69,7 @@ Json ToJson(const Table& table) {
   return rows;
 }
 
-// A peer's bytes that are no UTF-8 become replacement characters; a result is never lost for them.
+// JSON is UTF-8: a peer's bytes that are not become replacement characters, and no result is lost.
 std::string Dump(const Json& json) {
   return json.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
 }
@@ -112,7 +112,7 @@ std::string CsvRows(const Table& table) {
   return text;
 }
 
-// Rows that come one by one cannot know the widths of those that follow.
+// Rows that are written one by one cannot have the width of values that are yet to come.
 constexpr std::size_t kStreamWidth = 12;
 
 std::string StreamLine(const std::vector<std::string>& cells, const std::vector<Column>& columns) {
@@ -256,7 +256,7 @@ void Output::Note(const std::string& text) {
   Tell(notes_, text + "\n");
 }
 
-// True when the row goes under the header that is there already.
+// True when the result is a row of the table that the last result belonged to: no new header.
 bool Output::ContinuesRow(const Result& result) {
   if (!result.row) {
     row_header_.clear();
@@ -298,7 +298,7 @@ void Output::WriteCsv(const Result& result) {
 
 void Output::Put(const std::string& text) {
   if (before_) before_();
-  // Without a reader there is nobody to run for: days of computing would go nowhere.
+  // The run ends when nobody reads the results: days of computing would be lost.
   if (std::fwrite(text.data(), 1, text.size(), out_) != text.size() || std::fflush(out_) != 0) {
     if (errno == EINTR) throw master::Interrupted("Interrupted while writing the results");
     throw std::system_error(errno, std::generic_category(), "The results cannot be written");

@@ -1,3 +1,5 @@
+// What engineers and other programs see of vkmaster: results in three forms, the progress line,
+// plots, and the files of a plan. Commands make a Result and do not know in which form it is shown.
 #pragma once
 
 #include <cstdio>
@@ -12,8 +14,8 @@ namespace vkmaster {
 
 enum class Form { kText, kJson, kCsv };
 
-/// Writes `text` for the engineer, at once. That nobody is there to read it any more, at a terminal
-/// that was closed for example, is no error: the run has to be shut down all the same.
+/// Writes `text` for the engineer and flushes it. A failed write is ignored: when the terminal has
+/// been closed, the run still has to be shut down.
 void Tell(std::FILE* to, const std::string& text);
 
 /// Writes results to a stream, complete and flushed one by one, so that a program on the other
@@ -24,22 +26,23 @@ void Tell(std::FILE* to, const std::string& text);
 /// are one row; a blank line before the header of the next table.
 class Output {
  public:
-  /// Both streams stay the caller's. Notes go to `notes`, except that JSON has them in the object.
+  /// Both streams stay the caller's. Notes go to `notes`. With JSON the notes of a result are
+  /// part of its object instead.
   Output(Form form, std::FILE* out, std::FILE* notes) : form_(form), out_(out), notes_(notes) {}
   Output(const Output&) = delete;
   Output& operator=(const Output&) = delete;
   virtual ~Output() = default;
 
-  /// From now on `before` is called before anything is written: the place to clear a progress line.
+  /// From now on calls `before` ahead of every write, so that it can clear the progress line.
   void BeforeWriting(std::function<void()> before) { before_ = std::move(before); }
 
-  /// Throws std::system_error when the stream takes no more, a pipe that nobody reads for example,
-  /// and master::Interrupted when a signal came while a reader was slow to take it.
+  /// Throws std::system_error when the stream takes no more, as a pipe without a reader, and
+  /// master::Interrupted when a signal comes while a slow reader is waited for.
   virtual void Write(const Result& result);
 
-  /// What went wrong, and what to look at next (may be empty). Always on the notes' stream; with
-  /// JSON an object on the other one too, so that a program finds it in its place. Throws nothing
-  /// when the streams take no more.
+  /// Says what went wrong, and what to look at next unless `hint` is empty. Both go to the notes'
+  /// stream; with JSON an object goes to the result stream too, where a program waits for the
+  /// result. Failed writes are ignored.
   void WriteError(const std::string& command, const std::string& text, const std::string& hint);
 
   /// A line for the engineer.
@@ -56,10 +59,10 @@ class Output {
   std::FILE* notes_;
   std::function<void()> before_;
   bool begun_ = false;
-  std::string row_header_;  // of the table that rows go on with; empty when there is none
+  std::string row_header_;  // of the table to which the next row may belong; empty for none
 };
 
-/// The value as text: numbers to six digits, or, `exact`, so that they read back as the same.
+/// The value as text. Numbers have six digits, or with `exact` as many as read back as the same.
 std::string FormatValue(const Value& value, bool exact);
 
 /// The fields of a result as a table of one row.

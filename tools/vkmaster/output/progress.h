@@ -9,8 +9,8 @@ namespace vkmaster {
 /// A line on the terminal that shows that something is under way; overwritten in place, gone when
 /// done. Disabled it writes nothing.
 ///
-/// The protocol says nothing while a step is computed. Within a step the line therefore shows the
-/// time spent, and only what the steps reached moves the bar.
+/// The daemon says nothing while a step is computed. So the line shows the time spent, and the bar
+/// moves only when a step has ended.
 class Progress {
  public:
   Progress(bool enabled, std::FILE* terminal) : enabled_(enabled), terminal_(terminal) {}

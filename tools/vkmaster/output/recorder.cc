@@ -37,7 +37,7 @@ void Recorder::SetTime(double days, std::string date) {
 }
 
 void Recorder::Write(const Result& result) {
-  // A table speaks for the command; its fields are recorded when it has none.
+  // A result with tables is recorded by its tables, a result without any by its fields.
   for (const Table& table : result.tables) {
     const bool first = &table == &result.tables.front();
     WriteTable(first ? result.command : result.command + "_" + table.key, table);
@@ -51,7 +51,7 @@ void Recorder::Write(const Result& result) {
 void Recorder::WriteTable(const std::string& name, const Table& table) {
   std::vector<std::string> header{"time_days", "date"};
   for (const Column& column : table.columns) {
-    // A state has its own time and date, which are the same.
+    // The state at a stop has columns of its own for time and date, with the same values.
     if (column.key != "time_days" && column.key != "date") header.push_back(column.key);
   }
   std::string text;
@@ -79,7 +79,7 @@ const Recorder::File& Recorder::FileFor(const std::string& name, const std::stri
   return file;
 }
 
-// Flushed, so that a run that ends by itself leaves all rows behind.
+// Flushes at once, so that all rows are in the file however the program ends.
 void Recorder::Append(const File& file, const std::string& text) {
   std::fwrite(text.data(), 1, text.size(), file.stream.get());
   std::fflush(file.stream.get());

@@ -17,7 +17,7 @@ class Recorder : public Output {
   /// Makes the directory. Notes go to `notes`. Throws UsageError when the directory cannot be made.
   Recorder(std::string directory, std::FILE* notes);
 
-  /// Of the results to come.
+  /// The time and date of the results to come.
   void SetTime(double days, std::string date);
 
   /// Replaces files of earlier runs when it first writes to them. Throws UsageError when a file
@@ -41,7 +41,7 @@ class Recorder : public Output {
   double days_ = 0;
   std::string date_;
   std::map<std::string, File> files_;  // by name and header
-  std::map<std::string, int> count_;   // of files by name
+  std::map<std::string, int> count_;   // how many files have this name
 };
 
 }  // namespace vkmaster

@@ -7,7 +7,7 @@
 
 namespace vkmaster {
 
-/// A value to show; nothing stands for one that there is not.
+/// A value to show; std::monostate when it is missing.
 using Value = std::variant<std::monostate, bool, std::int64_t, double, std::string>;
 
 struct Field {
@@ -30,14 +30,14 @@ struct Table {
   std::vector<std::vector<Value>> rows;  ///< each as long as `columns`
 };
 
-/// What a command has to say, whatever form it is shown in.
+/// The outcome of a command, in no particular form.
 struct Result {
   std::string command{};
   std::vector<Field> fields{};
   std::vector<Table> tables{};
   std::string drawing{};             ///< for people only
   std::vector<std::string> notes{};  ///< what the engineer should know besides
-  bool row = false;  ///< the fields are one row of a table that the next results go on with
+  bool row = false;  ///< the fields are a row of a table to which later results add rows
 };
 
 }  // namespace vkmaster

@@ -1,3 +1,4 @@
+// Plans: plan.h reads one, course.h carries it out.
 #pragma once
 
 #include <optional>
@@ -9,7 +10,7 @@
 
 namespace vkmaster {
 
-/// Commands at a time.
+/// Commands that are carried out at a time of the run.
 struct PlanEvent {
   Target at;  ///< days or a date
   std::vector<Command> commands;
@@ -25,13 +26,13 @@ struct Plan {
   Launch launch;
   Target until;
   std::optional<Step> step;
-  std::vector<Command> record;  ///< at the start and at the end of every step
+  std::vector<Command> record;  ///< carried out at the start and at the end of every step
   std::vector<PlanEvent> events;
-  std::string directory;  ///< of the files recorded
+  std::string directory;  ///< for the recorded files
 };
 
-/// Reads a plan from a TOML file. Throws UsageError with file and line for all that is wrong in
-/// it, also for a key that there is not: a misspelt one must not silently leave something out.
+/// Reads a plan from a TOML file. Throws UsageError with file and line for anything wrong in it,
+/// unknown keys included.
 Plan ReadPlan(const std::string& file);
 
 }  // namespace vkmaster

@@ -16,15 +16,15 @@ struct Quantity {
 
 const std::vector<Quantity>& Quantities();
 
-/// The simulator's name for `word`: a short name, or a name of the simulator in any letter case if
-/// it is one of Quantities(), or any other in capitals, which is passed on as it is. Throws
-/// UsageError for the rest: a name that the simulator does not know ends the run.
+/// The simulator's name for `word`, which may be a short name, the name of one of Quantities() in
+/// any letter case, or another name of the simulator in capitals. Throws UsageError for the rest: a
+/// name that the simulator does not know ends the run.
 std::string PropertyOf(const std::string& word);
 
 /// The short name of a property; the property itself when it has none.
 std::string ShortName(const std::string& property);
 
-/// Empty for a property that has none or is not known.
+/// The unit of a property; empty when it has none or is none of Quantities().
 std::string UnitOf(const std::string& property, const Units& units);
 
 }  // namespace vkmaster

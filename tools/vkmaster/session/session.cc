@@ -30,7 +30,7 @@ Words SplitAtCommas(const Words& words) {
 }  // namespace
 
 std::string CommsLog(const master::RunRequest& request) {
-  // The daemon joins the two without a slash, and takes a cluster run's root name with its number.
+  // The daemon joins path and root without a slash, and adds the cluster's number to the root.
   const bool cluster = std::strtol(request.cluster.c_str(), nullptr, 10) > 0;
   return request.path + request.root + (cluster ? "_" + request.cluster : "") + ".crvnlog";
 }
@@ -61,14 +61,13 @@ void Session::Shutdown() {
 }
 
 bool Session::Metric() {
-  if (metric_ < 0) metric_ = run().GetMetricFlag() ? 1 : 0;
-  return metric_ == 1;
+  if (!metric_) metric_ = run().GetMetricFlag();
+  return *metric_;
 }
 
 master::Date Session::StartDate() {
-  if (!start_known_) start_ = run().GetStartDate();
-  start_known_ = true;
-  return start_;
+  if (!start_) start_ = run().GetStartDate();
+  return *start_;
 }
 
 double Session::TimeDays() {

@@ -1,6 +1,9 @@
+// The run as vkmaster knows it: what was launched, what the daemon has answered before, which words
+// mean which wells, and the engineers' names and units of its quantities.
 #pragma once
 
 #include <map>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -11,7 +14,7 @@
 
 namespace vkmaster {
 
-/// How the run came to be; for people.
+/// How the run was launched, for the status and for hints.
 struct Launched {
   std::string daemon_host;
   int daemon_port = 0;
@@ -20,7 +23,7 @@ struct Launched {
   master::RunRequest request;
 };
 
-/// Where the daemon writes what it exchanged with master and simulator, if it was told to.
+/// The comms log: what a daemon started with -l exchanges with master and simulator.
 std::string CommsLog(const master::RunRequest& request);
 
 /// A launched run and what is already known about it, so that nothing is asked twice and nothing
@@ -30,11 +33,10 @@ class Session {
   Session(master::Run run, Launched launched)
       : run_(std::move(run)), launched_(std::move(launched)) {}
 
-  /// For the requests that need nothing from here. Throws UsageError before Connect() and after
-  /// Shutdown().
+  /// The requests themselves. Throws UsageError before Connect() and after Shutdown().
   master::Run& run();
 
-  /// The same without the check.
+  /// The requests at any time, for a shutdown.
   master::Run& raw_run() { return run_; }
 
   const Launched& launched() const { return launched_; }
@@ -46,32 +48,32 @@ class Session {
   bool first_step_done() const { return first_step_done_; }
   bool shut_down() const { return shut_down_; }
 
-  /// Asked for once.
+  /// These ask the daemon once and then know the answer.
   bool Metric();
   master::Date StartDate();
 
-  /// Asked for each time; last_days() is the time last heard of.
+  /// Asks the daemon each time; last_days() is its last answer.
   double TimeDays();
   double last_days() const { return last_days_; }
 
-  /// Asked for each time; has_ended() is what was last heard.
+  /// Asks the daemon each time; has_ended() is its last answer.
   bool Ended();
   bool has_ended() const { return has_ended_; }
 
-  /// The wells as they are now.
+  /// The wells as they are now. Asks the daemon each time.
   std::vector<master::WellStatus> Wells();
 
-  /// The wells' names, asked for once; those() that Wells() heard of last.
+  /// The wells as Wells() found them last; calls it when that never was.
   const std::vector<master::WellStatus>& KnownWells();
 
-  /// Takes names, patterns with * and ?, "all", and lists of them with commas. A name in another
-  /// letter case is understood when it is unique. In the order given, each well once. Throws
-  /// UsageError for what is no well of the model; for a name not known the wells are asked for
-  /// again first, since a model may add wells.
+  /// The wells that `patterns` mean, in that order and each once. A pattern is a name, has * and ?
+  /// in it, is "all", or is a list of such with commas. A name in another letter case is understood
+  /// when only one well has it. Throws UsageError for what means no well; before that it asks for
+  /// the wells anew, since a model may add wells.
   std::vector<std::string> Resolve(const Words& patterns);
 
-  /// Keeps what was set of a well's constraints, which no request can ask for; a later value of
-  /// a name replaces the earlier one.
+  /// Keeps the constraints that were set on a well, since no request can ask for them. A later
+  /// value of a constraint replaces the earlier one.
   void Remember(const master::WellConstraints& constraints);
   master::WellConstraints Remembered(const std::string& well) const;
 
@@ -86,9 +88,8 @@ class Session {
   bool connected_ = false;
   bool first_step_done_ = false;
   bool shut_down_ = false;
-  int metric_ = -1;  // not yet asked for
-  bool start_known_ = false;
-  master::Date start_;
+  std::optional<bool> metric_;
+  std::optional<master::Date> start_;
   double last_days_ = 0;
   bool has_ended_ = false;
   bool wells_known_ = false;
@@ -99,8 +100,8 @@ class Session {
 /// Sets `name` to `value` among the constraints of `well`, replacing what it was.
 void SetConstraint(master::WellConstraints& well, const std::string& name, double value);
 
-/// Splits `names` so that no request with the names of a part, `extra` bytes more for each, and
-/// `head` bytes besides is longer than the daemon reads.
+/// Splits `names` into parts for requests that the daemon can read. A request takes `head` bytes
+/// and for each name its length, its text and `extra` bytes.
 std::vector<std::vector<std::string>> Parts(const std::vector<std::string>& names, std::size_t head,
                                             std::size_t extra);
 

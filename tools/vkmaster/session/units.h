@@ -4,7 +4,7 @@
 
 namespace vkmaster {
 
-/// Units of what a run reports, which come as they are in the simulator's unit system.
+/// The names of units. Values are shown as they come, in the unit system of the run.
 struct Units {
   std::string system;
   std::string liquid_rate;

@@ -7,10 +7,10 @@
 
 namespace vkmaster {
 
-/// The date that "2026-01-31" is; nothing for any other text, also one of a day that no month has.
+/// The date written as "2026-01-31". Nothing for any other text and for a day that the month lacks.
 std::optional<master::Date> ParseDate(const std::string& text);
 
-/// "2026-01-31"; whatever the numbers are, they are shown.
+/// The date as "2026-01-31". Numbers that are no date are shown all the same.
 std::string FormatDate(const master::Date& date);
 
 /// Whole days from `start` to `date`.
@@ -20,7 +20,7 @@ double DaysBetween(const master::Date& start, const master::Date& date);
 struct Step {
   enum class Kind { kDays, kMonthly, kQuarterly, kYearly };
   Kind kind = Kind::kDays;
-  double days = 0;  ///< of kDays; positive
+  double days = 0;  ///< positive with kDays, else without meaning
 
   bool operator==(const Step&) const = default;
 };
@@ -28,8 +28,9 @@ struct Step {
 /// "30", "daily", "weekly", "monthly", "quarterly", "yearly". Throws UsageError.
 Step ParseStep(const std::string& word);
 
-/// The time, in days since `start`, at which the step that begins at `days` ends. Months, quarters
-/// and years end on their firsts, where production is reported, not after so many days.
+/// When the step that begins at `days` ends, both in days since `start`. Monthly, quarterly and
+/// yearly steps end on the first day of the next month, quarter or year, where production is
+/// reported, however near that is.
 double EndOfStep(const Step& step, const master::Date& start, double days);
 
 }  // namespace vkmaster

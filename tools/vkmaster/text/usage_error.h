@@ -4,7 +4,8 @@
 
 namespace vkmaster {
 
-/// Something in what the engineer typed. Nothing was sent for it; the run is as it was.
+/// The engineer typed something that cannot be understood or done. Nothing was sent for it, and the
+/// run goes on as before.
 class UsageError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;

@@ -20,7 +20,7 @@ bool IsSeparator(const std::string& word) {
   return word == "then" || word == "," || word == ";";
 }
 
-// Splits one line; the state is the word being read and whether there is one (it may be "").
+// Splits one line. `begun_` tells a word that is empty so far, as after a quote, from no word.
 class Splitter {
  public:
   Words Split(std::string_view line) {
@@ -97,7 +97,7 @@ std::vector<Words> SplitCommands(const Words& words) {
 }
 
 bool Matches(std::string_view pattern, std::string_view name) {
-  // The last star seen takes one character more whenever the rest does not fit.
+  // Whenever the pattern behind the last star does not fit, the star takes one character more.
   std::size_t p = 0;
   std::size_t n = 0;
   std::size_t star = std::string_view::npos;

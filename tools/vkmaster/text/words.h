@@ -1,3 +1,4 @@
+// What the engineer types as words, numbers, dates and steps. The other folders take values.
 #pragma once
 
 #include <string>
@@ -27,10 +28,10 @@ bool Matches(std::string_view pattern, std::string_view name);
 /// True when `one` equals `other` but for the case of ASCII letters.
 bool EqualIgnoringCase(std::string_view one, std::string_view other);
 
-/// The number that `word` is as a whole; throws UsageError, which says `what` was wanted.
+/// The number that the whole of `word` spells. Throws UsageError saying that `what` was wanted.
 double ParseNumber(const std::string& word, const std::string& what);
 
-/// `text` without what a terminal would act on: control characters become '?'.
+/// `text` with a '?' for every control character, which a terminal would act on.
 std::string Printable(std::string_view text);
 
 }  // namespace vkmaster
