@@ -6,8 +6,8 @@
 
 namespace master {
 
-/// What can go wrong on the way to the daemon. After any of these but Interrupted the link is of
-/// no further use: the protocol has no error reply and no way to find the next frame again.
+/// A failure of the link or the daemon. After any of these but TimedOut and Interrupted the link is
+/// of no further use: the protocol has no error reply, and no way to find the next frame again.
 class Error : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
@@ -46,8 +46,7 @@ class LinkLost : public Error {
   using Error::Error;
 };
 
-/// The answer is not what the request has as its answer: another code, too short, too long, a
-/// negative count.
+/// The answer does not fit the request: another code, too short, too long, a negative count.
 class ProtocolError : public Error {
  public:
   using Error::Error;

@@ -24,7 +24,7 @@ namespace {
 using std::chrono::milliseconds;
 
 constexpr std::size_t kLengthBytes = 4;
-// Read in pieces, so that memory grows with the bytes that came and not with the length announced.
+// Frames are read in pieces: memory grows with the bytes that have come, not with those announced.
 constexpr std::size_t kPiece = 262144;
 constexpr milliseconds kSendLimit{30000};
 
@@ -68,7 +68,7 @@ Readiness WaitFor(int descriptor, short events, int wake, const Deadline& deadli
   }
 }
 
-// 0, or the error of the attempt.
+// Returns 0 or the error number of the failed attempt.
 int ConnectOnce(int descriptor, const addrinfo& address, const Deadline& deadline, int wake) {
   if (connect(descriptor, address.ai_addr, address.ai_addrlen) == 0) return 0;
   if (errno != EINPROGRESS && errno != EINTR) return errno;
@@ -196,8 +196,8 @@ void FrameChannel::FinishSending() {
   shutdown(descriptor_, SHUT_WR);
 }
 
-// Bytes missing from the length field, or else from the frame. Never more: what follows belongs to
-// whoever reads next.
+// How many bytes the length field still lacks, or the frame once its length is known. No more are
+// read, so that the next frame stays in the socket.
 std::size_t FrameChannel::Wanted() const {
   if (pending_.size() < kLengthBytes) return kLengthBytes - pending_.size();
   const std::int32_t length = LengthOf(pending_);

@@ -11,7 +11,7 @@ namespace master {
 
 using Clock = std::chrono::steady_clock;
 
-/// The moment at which waiting ends; none waits for ever.
+/// The moment at which waiting ends; nothing for waiting as long as it takes.
 using Deadline = std::optional<Clock::time_point>;
 
 /// The master's end of a connection to the daemon: whole frames of a 32-bit little-endian length
@@ -22,7 +22,7 @@ using Deadline = std::optional<Clock::time_point>;
 /// master has to tell a closed connection from a broken one and to be able to give up waiting.
 class FrameChannel {
  public:
-  /// A longer reply is taken for a lost place in the byte stream.
+  /// A longer frame is not believed: its length field must be something else.
   static constexpr std::int32_t kMaxReply = 1 << 30;
 
   /// Owns `descriptor`, a connected stream socket.

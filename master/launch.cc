@@ -64,7 +64,7 @@ void Launch::Request(const RunRequest& request) {
   try {
     for (const auto& line : lines) channel_.Send(line.second);
   } catch (const LinkLost&) {
-    // The daemon has closed already; why is what AwaitHost() reads.
+    // The daemon has closed the connection already. AwaitHost() reads its reason.
   }
 }
 
@@ -79,7 +79,7 @@ std::string Launch::AwaitHost(const Deadline& deadline) {
   if (!answer) throw LaunchRefused("");
   if (!answer->starts_with(kAccepted)) throw LaunchRefused(*answer);
   std::string host = answer->substr(kAccepted.size());
-  // The newline of the script's host line arrives as a zero byte; without a newline there is none.
+  // The daemon sends the newline of the script's host line, if it had one, as a zero byte.
   host.resize(std::min(host.size(), host.find('\0')));
   return host;
 }

@@ -5,12 +5,12 @@
 
 namespace master {
 
-/// What the master asks the daemon to launch. Texts travel as they are; the daemon reads the
-/// numbers among them up to the first character that is no digit.
+/// What the master asks the daemon to launch. Texts are sent as they are, but for the version's
+/// dot. The daemon reads a number up to the first character that is no digit.
 struct RunRequest {
   std::string cluster = "0";       ///< above 0: a cluster run, whose input file is copied
   std::string path{};              ///< data directory on the daemon's side
-  std::string root{};              ///< model name, the input file's without its extension
+  std::string root{};              ///< name of the model: its input file without the extension
   std::string processes = "1";     ///< of the simulator
   std::string version = "2017.2";  ///< of the simulator; the number 20172 will do as well
   std::string user{};              ///< Windows user name
@@ -78,7 +78,7 @@ struct WellIPR {
 struct IPRRequest {
   std::vector<std::string> wells;
   int components = 0;       ///< how many components' mole fractions; 0 for none
-  bool bottom_hole = true;  ///< else the tables' pressure is that of the tubing head
+  bool bottom_hole = true;  ///< whether the tables have bottom-hole or tubing-head pressures
   double skewness = 1;      ///< above 1 crowds the points towards low rates
 };
 

@@ -7,15 +7,15 @@
 
 namespace master {
 
-/// Reads the values of a reply in their order. Nothing is read past the reply's end, and no list is
-/// made room for that the bytes left cannot hold.
+/// Reads the values of a reply in their order. Nothing is read past the reply's end, and no memory
+/// is taken for a list that the bytes left cannot hold.
 ///
 /// Every call throws ProtocolError, whose text begins with what the reply answers, when the reply
 /// is too short for the value or a count is negative.
 class ReplyReader {
  public:
-  /// `reply` is a frame's body and stays the caller's; `request` names what it answers in errors.
-  /// The reply has to begin with `code`.
+  /// `reply` is a frame's body, stays the caller's, and has to begin with `code`. Errors say that
+  /// it answers `request`.
   ReplyReader(std::string_view reply, std::uint32_t code, std::string request);
 
   int Int();
@@ -26,8 +26,7 @@ class ReplyReader {
 
   std::string String();
 
-  /// An int that is not negative, and of whose elements, `size` bytes each at the least, the rest
-  /// of the reply has room.
+  /// A count of elements of at least `size` bytes each, for which the rest of the reply has room.
   std::size_t Count(std::size_t size);
 
   std::vector<std::string> Strings(std::size_t count);

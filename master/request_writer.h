@@ -8,19 +8,18 @@ namespace master {
 
 /// A request's body under construction: its code, then the values in the order of the calls.
 ///
-/// sendbuf is the daemon's side: it owns the sending, and it cannot pack the one-byte flag that
-/// requests have.
+/// The daemon's sendbuf would not do: it sends as well, and cannot pack a request's one-byte flag.
 class RequestWriter {
  public:
   explicit RequestWriter(std::uint32_t code);
 
-  /// Four bytes. Throws RequestTooLong for a size that no 32-bit count can hold.
+  /// Both take four bytes. Count() throws RequestTooLong for more than an int can hold.
   void Int(int value);
   void Count(std::size_t count);
 
   void Double(double value);
 
-  /// One byte, 0 or 1: requests carry flags so, replies as an int.
+  /// One byte, 0 or 1. In replies a flag is an int.
   void FlagByte(bool value);
 
   /// A 32-bit length and the bytes.

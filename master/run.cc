@@ -14,7 +14,7 @@ namespace {
 
 // The tables always have ten points on the wire, whatever count the first reply announces.
 constexpr std::size_t kTablePoints = 10;
-// Two strings of three in a status record may be empty: each is at least its length field.
+// The bytes of an empty string, the least that a string takes.
 constexpr std::size_t kLengthField = 4;
 
 std::uint32_t Number(Code code) {
@@ -60,8 +60,8 @@ WellIPR ReadWellIPR(const std::string& body, bool with_components) {
   return table;
 }
 
-// The number of records that will follow, which the daemon promises to be that of the wells asked
-// for. Another number would leave both sides waiting for each other.
+// The daemon announces as many records as there were wells in the request. With another number both
+// sides would wait for each other.
 void CheckRecordCount(int got, std::size_t wanted, Code code) {
   if (got < 0 || static_cast<std::size_t>(got) != wanted) {
     throw ProtocolError("Bad answer to " + NameOf(code) + ": " + std::to_string(got) +
@@ -298,8 +298,8 @@ void Run::Shutdown() {
 }
 
 bool Run::ShutdownWithin(const Deadline& deadline) {
-  // In the middle of a record exchange the daemon takes nothing but the record requests. They are
-  // sent ahead; it finds each of them, and at last the shutdown, when it comes to read it.
+  // In the middle of a record exchange the daemon takes nothing but record requests. All that are
+  // due are sent at once; the daemon reads them one by one, and at last the shutdown.
   for (; records_due_ > 0; --records_due_) Send(record_code_, Request(record_code_));
   Send(Code::kShutdown, Request(Code::kShutdown));
   try {

@@ -1,3 +1,7 @@
+// The master's side of the link as a library. A Launch makes the handshake on a connection, and a
+// Run has a call for every request. FrameChannel moves whole frames for both and does all the
+// waiting, so that each wait has its limits and can be interrupted. RequestWriter and ReplyReader
+// lay values out.
 #pragma once
 
 #include <cstdint>
@@ -110,10 +114,10 @@ class Run {
   /// Shuts the simulator down. The daemon then closes the connection.
   void Shutdown();
 
-  /// Shuts down whatever is under way: also after Interrupted, where the answer of a request is
-  /// still due. The shutdown request queues behind it, and what the daemon yet answers is read and
-  /// dropped. True when the shutdown was acknowledged before the deadline; false when the time
-  /// passed, and then the daemon serves the shutdown when it gets to it. Throws as the others do.
+  /// Shuts down also after Interrupted, when the answer of a request is still due. The shutdown
+  /// request waits behind that one, whose answer is read and dropped. Returns whether the shutdown
+  /// was acknowledged before the deadline; if not, the daemon still serves it when it gets there.
+  /// Throws as the other calls do.
   bool ShutdownWithin(const Deadline& deadline);
 
  private:
@@ -126,7 +130,7 @@ class Run {
   double DoubleOf(Code code);
 
   FrameChannel channel_;
-  // Sub-requests that the daemon still has to be sent before it reads a request again.
+  // How many sub-requests of this code the daemon waits for. Until then it serves nothing else.
   Code record_code_ = Code::kWellDataRecord;
   std::size_t records_due_ = 0;
 };

@@ -54,7 +54,7 @@ double BlackOilTank::solution_ratio(double pressure) const {
   return kField.to_model(Quantity::kGasOilRatio, gas_gravity_ * std::pow(base, kStandingExponent));
 }
 
-// The same relation solved for the pressure.
+// Standing's relation solved for the pressure.
 double BlackOilTank::bubble_point(double solution_ratio) const {
   const double ratio = kField.from_model(Quantity::kGasOilRatio, solution_ratio);
   const double degrees = kField.from_model(Quantity::kTemperature, fluid_temperature_ - 273.15);

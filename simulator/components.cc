@@ -30,7 +30,7 @@ const std::array<Component, 12>& library() {
   return kComponents;
 }
 
-// Of each non-hydrocarbon with the components of library() in their order.
+// The coefficients of a non-hydrocarbon with each component of library(), in that order.
 struct Interactions {
   std::string_view name;
   std::array<double, 12> with;

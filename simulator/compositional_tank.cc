@@ -33,8 +33,8 @@ double CompositionalTank::hydrocarbon_volume(double pressure) const {
   return total_moles() * reservoir_equation_.flash(fractions(), pressure).volume();
 }
 
-// What `moles` of a reservoir phase become at the surface, and half way up the tubing, where the
-// reservoir's temperature still holds.
+// What `moles` of a reservoir phase become at the surface, and half way up the tubing, which is
+// taken to be as hot as the reservoir.
 Stream CompositionalTank::surface_stream(const std::vector<double>& mixture, double moles,
                                          double pressure) const {
   if (moles <= 0) return {};
@@ -49,7 +49,7 @@ void CompositionalTank::update_flow(double pressure) {
   phases_ = reservoir_equation_.flash(fractions(), pressure);
   const double total = total_moles();
   const double v = phases_.vapour_fraction;
-  // Far from saturation no second phase is in sight. Its properties are still asked for: they are
+  // Far from saturation no second phase can form, but its properties may be asked for. They are
   // then those of what separates at the surface.
   const Flash surface =
       surface_equation_.flash(v > 0 ? phases_.vapour : phases_.liquid, kStandardPressure);

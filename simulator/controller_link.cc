@@ -14,7 +14,7 @@ namespace {
 
 constexpr int kMostInflowPoints = 1000;
 
-// A member of Component and the word by which the link calls it.
+// A member of Component and its name on the link.
 struct ComponentColumn {
   const char* name;
   double Component::*member;
@@ -96,7 +96,7 @@ ControllerLink::Ending ControllerLink::serve(int descriptor) {
 
 void ControllerLink::converse(int descriptor) {
   constexpr std::chrono::milliseconds kNoLimit{-1};
-  // Looking ahead tells a controller that left between messages from one that broke off in one.
+  // Peeking tells a controller that left between two messages from one that broke off within one.
   unsigned char next = 0;
   while (stop_.wait(descriptor, kNoLimit) == StopSignal::Wait::kReady &&
          recv(descriptor, &next, 1, MSG_PEEK) > 0) {
@@ -439,7 +439,7 @@ void ControllerLink::set_constraints(Decoder& message) {
 }
 
 void ControllerLink::set_status(Decoder& message) {
-  // The closure mode says how a real well is shut in; a tank has no cross-flow to tell apart.
+  // The closure mode says whether layers flow into each other through a shut well. A tank has none.
   message.get_header_and_data<std::string>("WCLOSURE", 1);
   const auto item = message.get_header_and_data<std::string>("SETITEM", 1)[0];
   const auto names = message.get_header_and_data<std::string>("WELNAMES");

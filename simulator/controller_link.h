@@ -46,7 +46,7 @@ class ControllerLink {
                  Listeners listeners);
 
   /// Serves the controller on `descriptor`, a connected stream socket that this takes over and
-  /// closes. Blocks until the run ends. Failures are endings, told to `noticed`.
+  /// closes. Blocks until the run ends. A failure is an ending, and `noticed` gets its text.
   Ending serve(int descriptor);
 
  private:
@@ -57,7 +57,7 @@ class ControllerLink {
   enum class Position { kUnconnected, kModelDefinition, kBeginNewton, kEndSimulate };
 
   struct Shutdown {};  // thrown to leave the conversation once FINISHED is out
-  struct Cut {};
+  struct Cut {};       // thrown to leave it once the connection has been cut
 
   void converse(int descriptor);
   void answer(Decoder message);
@@ -84,7 +84,7 @@ class ControllerLink {
   /// The positions of the named wells in the model; "*" stands for all, unknown names are left out.
   std::vector<std::size_t> wells_named(const std::vector<std::string>& names) const;
 
-  /// Begins a message, counts it, and lets the faults have their way with it.
+  /// Begins a message and counts it. The one that a fault names is cut or gets a wrong header.
   Builder begin(const std::string& name);
   void cut(const std::string& name);
   static void end(Builder& builder);

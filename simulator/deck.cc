@@ -411,7 +411,7 @@ void read_wells(Section& root, Deck& deck) {
 
 Deck read_top(const sections::Section& top) {
   Deck deck;
-  // The units of every other number depend on this one text.
+  // The text "units" comes first: every number is read in these units.
   {
     Section root(top, "the deck", deck.units);
     Section run = root.need_section("run");

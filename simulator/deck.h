@@ -53,12 +53,12 @@ struct WellDeck {
   WellType type = WellType::kProducer;
   bool open = true;
   double uptime = 1;
-  double index = 0;  ///< sm3/d/bar: of liquid, injected water or injected gas
+  double index = 0;  ///< of productivity or injectivity: liquid, water or gas, sm3/d/bar
   double depth = 0;
   double tubing_diameter = 0;
   double lift = 0;            ///< pressure that a pump adds in the tubing, bar
-  double water_mobility = 1;  ///< the well's share of the field's water and gas mobility: wells
-  double gas_mobility = 1;    ///< near the injectors see their fluid earlier
+  double water_mobility = 1;  ///< times the field's; more for a well near water injectors
+  double gas_mobility = 1;    ///< times the field's; more for a well near gas injectors
   std::array<std::optional<double>, kConstraintCount> limits;
 };
 
@@ -114,7 +114,7 @@ struct Deck {
 
   RelativePermeability relative_permeability;
   Viscosities viscosities;
-  BlackOil black_oil;                      ///< of black-oil decks
+  BlackOil black_oil;                      ///< has a meaning in black-oil decks only
   std::optional<Composition> composition;  ///< present in compositional decks
   std::vector<WellDeck> wells;
 };

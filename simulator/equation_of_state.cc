@@ -59,8 +59,8 @@ Roots real_roots(double c2, double c1, double c0) {
   return {root, root};
 }
 
-// Vapour fraction of the Rachford-Rice equation; below 0 or above 1 for one phase, whose
-// equilibrium values then still converge.
+// The vapour fraction that solves the Rachford-Rice equation. Below 0 or above 1 there is one phase
+// only; the iteration goes on with such fractions, since the equilibrium values still converge.
 double vapour_fraction(const std::vector<double>& z, const std::vector<double>& k) {
   const auto [least, most] = std::minmax_element(k.begin(), k.end());
   if (*most <= 1 + 1e-12) return -1e6;
@@ -100,7 +100,8 @@ void split(const std::vector<double>& z, const std::vector<double>& k, double v,
   normalise(y);
 }
 
-// Moves the equilibrium values to the phases' fugacities; the squared step tells convergence.
+// Sets the equilibrium values by the phases' fugacities. Returns the sum of the squared changes, by
+// which the caller sees convergence.
 double update(std::vector<double>& k, const std::vector<double>& in_liquid,
               const std::vector<double>& in_vapour) {
   double change = 0;
@@ -155,7 +156,8 @@ double EquationOfState::compressibility(const Mixed& mixed, double pressure, Pha
   const double a = mixed.a * pressure / (rt * rt);
   const double b = mixed.b * pressure / rt;
   const Roots roots = real_roots(b - 1, a - b * (3 * b + 2), -b * (a - b * (1 + b)));
-  // A root within the co-volume has no meaning; the other one is then the only phase there is.
+  // A root below the co-volume is no volume of a fluid. There is then only the largest root's
+  // phase.
   if (phase == Phase::kLiquid && roots.smallest > b) return roots.smallest;
   return roots.largest;
 }
@@ -208,7 +210,8 @@ Flash EquationOfState::flash(const std::vector<double>& mixture, double pressure
   double v = 0;
   for (int iteration = 0; iteration < kMostIterations; ++iteration) {
     v = vapour_fraction(mixture, k);
-    // The starting estimate may see one phase where there are two: hold it inside for a while.
+    // The first estimates may see one phase where there are two, so the fraction is held within 0
+    // and 1 for some iterations.
     if (iteration < 10) v = std::clamp(v, 0.0, 1.0);
     if (std::abs(v) > 1e5) break;
     split(mixture, k, v, result.liquid, result.vapour);

@@ -17,8 +17,8 @@ inline constexpr double kStandardTemperature = 288.70555555555556;
 /// Standard cubic metres that a kmol of ideal gas fills.
 inline constexpr double kStandardVolume = kGasConstant * kStandardTemperature / kStandardPressure;
 
-/// What a mixture becomes at a pressure. With one phase the composition of the other is the one
-/// that would form first, or the mixture's own where no second phase exists.
+/// How a mixture splits at a pressure. Where there is only one phase, the composition of the other
+/// is the one in which it would first appear, or the mixture's own when it can never appear.
 struct Flash {
   double vapour_fraction = 0;  ///< moles of vapour per mole of mixture, 0 to 1
   std::vector<double> liquid;  ///< mole fractions

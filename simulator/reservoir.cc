@@ -41,7 +41,7 @@ void Reservoir::advance_to(double days) {
     cumulative_.gas += shown(Quantity::kGas, out.gas * taken);
     cumulative_.water += shown(Quantity::kLiquid, out.water * taken);
     account(rates, taken);
-    // The last step lands on the asked time itself, not next to it.
+    // The last step ends on `target` itself; a sum of steps would miss it by its rounding.
     time_ = taken < target - time_ ? time_ + taken : target;
     forget_points();
   }

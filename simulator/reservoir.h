@@ -1,3 +1,7 @@
+// The stand-in simulator as a library. A Deck describes a model, and a Reservoir runs it: a Tank,
+// of black oil or of components, and its Wells. ControllerLink answers a controller from a
+// Reservoir; the model itself knows nothing of the link. docs/stand-in-simulator.md has the
+// equations' sources.
 #pragma once
 
 #include <cstddef>
@@ -78,13 +82,13 @@ class Reservoir {
   /// The text-valued property of that name ("TYPE", "STATUS", "CONTROL_MODE"), or nothing.
   std::optional<std::string> text(std::size_t well, const std::string& name) const;
 
-  /// Any number of a well by its names; throws std::out_of_range for unknown ones.
+  /// The property of a well, both by name. Throws std::out_of_range for an unknown name.
   double well_property(const std::string& well, const std::string& property) const;
 
-  /// `points` points of equal steps of the rate, crowded towards low rates by `skewness` as
-  /// ((points - k) / points)^skewness, from the fully opened well down. The first item is
-  /// `pressure_type`: "BOTTOM_HOLE_PRESSURE" or "TUBING_HEAD_PRESSURE"; for another text the
-  /// result is empty. The well's own limits and status play no part.
+  /// The curve in `points` points from the fully opened well down: point k, from 0, has the share
+  /// ((points - k) / points)^skewness of the open well's rate. The first item is `pressure_type`,
+  /// "BOTTOM_HOLE_PRESSURE" or "TUBING_HEAD_PRESSURE"; for another text there is no curve. The
+  /// well's limits and status play no part.
   std::optional<InflowCurve> inflow_curve(std::size_t well, const std::string& pressure_type,
                                           int points, double skewness) const;
 
@@ -131,8 +135,8 @@ class Reservoir {
   std::map<std::string, std::vector<double>> sources_;
   std::unordered_map<std::size_t, std::string> attached_;  // well to source
 
-  // Operating points are worked out when they are first asked for, well by well: an inflow table
-  // changes a few wells of thousands and asks for those.
+  // An operating point is worked out when it is first asked for: a controller that builds inflow
+  // tables changes a few wells of thousands and asks for these only.
   mutable std::vector<std::optional<OperatingPoint>> points_;
 };
 

@@ -25,7 +25,7 @@ void StopSignal::raise() noexcept {
   const int saved = errno;
   raised_ = true;
   const std::uint64_t one = 1;
-  // Fails only when it has been raised often enough already.
+  // The write fails only when the counter is full, and then wait() sees it already.
   [[maybe_unused]] const ssize_t written = write(event_, &one, sizeof one);
   if (const int connection = watched_; connection >= 0) shutdown(connection, SHUT_RDWR);
   errno = saved;

@@ -14,8 +14,8 @@ namespace {
 constexpr double kLowestPressure = 0.5;      // bar
 constexpr double kHighestPressure = 3000.0;  // bar
 
-// Rates are computed at the start of a step. A larger change of pressure within it would make
-// them stale, and large enough steps would swing.
+// Rates are computed at the start of a step. With a larger change of pressure within the step they
+// would be wrong at its end, and the pressure would swing from step to step.
 constexpr double kMostPressureChange = 5.0;  // bar
 constexpr double kShortestStep = 1e-6;       // days
 

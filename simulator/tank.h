@@ -79,8 +79,8 @@ class Tank {
  protected:
   explicit Tank(const Deck& deck);
 
-  /// Moves the amounts of `days` in and out. advance() tries a step, and takes it back with the
-  /// copy that save() made where the pressure came out too far away.
+  /// Moves the amounts that `exchange` brings and takes in `days`. advance() tries steps this way:
+  /// it calls save() first, and restore() when a step has moved the pressure too far.
   virtual void apply(const Exchange& exchange, double days) = 0;
   virtual void save() = 0;
   virtual void restore() = 0;

@@ -16,8 +16,8 @@ struct Row {
   const char* field_label;
 };
 
-// Gas counts in millions of cubic feet: controllers open a well up with the same number, 100,000,
-// for both phases, which is out of reach of a gas well only in this unit.
+// Field gas is counted in millions of cubic feet: controllers open a well up with a limit of
+// 100,000 for liquid and gas alike, and only in this unit no well produces as much gas.
 constexpr double kGasUnit = 1e6 * kCubicMetresPerCubicFoot;
 
 Row row(Quantity quantity) {
@@ -54,7 +54,7 @@ Row row(Quantity quantity) {
   return {1, 1, "", ""};
 }
 
-// Only temperatures on the everyday scales have a zero of their own.
+// Of all units only degrees Fahrenheit begin elsewhere than the model's.
 double offset(Units::System system, Quantity quantity) {
   return quantity == Quantity::kTemperature && system == Units::System::kField ? 32 : 0;
 }

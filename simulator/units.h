@@ -30,7 +30,7 @@ class Units {
 
   explicit Units(System system) : system_(system) {}
 
-  /// The value of the deck in the model's units, and back.
+  /// Converts a value from the deck's units to the model's, and back.
   double to_model(Quantity quantity, double value) const;
   double from_model(Quantity quantity, double value) const;
 

@@ -21,8 +21,8 @@ struct OperatingPoint {
   double gas_injection = 0;
   double bottom_hole_pressure = 0;
   double tubing_head_pressure = 0;
-  std::string_view limited_by;  ///< name of the binding constraint, "SHUT", or "RESERVOIR" where no
-                                ///< limit was given but the simulator's own
+  /// The name of the binding constraint, "SHUT", or "RESERVOIR" when no constraint binds.
+  std::string_view limited_by;
 };
 
 /// What all wells need to know about the reservoir to find their operating point.
@@ -63,7 +63,7 @@ class Well {
 
  private:
   struct Column;  // the fluid in the tubing
-  struct Mix;     // what a producer's drawdown term brings
+  struct Mix;     // what flows per unit of a producer's drawdown term
 
   Column column(const Surroundings& around, const Mix& mix) const;
   Mix mix(const FlowState& flow) const;
@@ -79,8 +79,8 @@ class Well {
   std::array<std::optional<Limit>, kConstraintCount> limits_;
 };
 
-/// Drawdown over which a well of index 1 produces, with Vogel's curve below the bubble point and a
-/// straight line above. Falls as `bottom_hole` rises; 0 from the reservoir pressure on.
+/// The drawdown term of a producer with index 1: a straight line above the bubble point, Vogel's
+/// curve below. Falls as `bottom_hole` rises; 0 from the reservoir pressure on.
 double inflow(double reservoir, double bubble_point, double bottom_hole);
 
 /// The bottom-hole pressure that gives this inflow.

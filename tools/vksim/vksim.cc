@@ -90,7 +90,7 @@ void StopAtSignals(simulator::StopSignal& stop) {
   action.sa_handler = HandleSignal;
   sigaction(SIGTERM, &action, nullptr);
   sigaction(SIGINT, &action, nullptr);
-  // Whoever reads the log may go; the run does not depend on it.
+  // The run goes on when nobody reads the log any more.
   action.sa_handler = SIG_IGN;
   sigaction(SIGPIPE, &action, nullptr);
 }
