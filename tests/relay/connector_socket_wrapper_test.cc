@@ -178,6 +178,17 @@ TEST_F(DispatcherTest, HandleReturnsZeroForUnknownCodesAndTheReasonOfAFailure) {
   EXPECT_EQ(error, "Exception returned from VK controller: gone");
 }
 
+TEST_F(DispatcherTest, ReasonIsThatOfTheLatestFailure) {
+  const std::string body(65532, '\0');
+  const auto* bytes = reinterpret_cast<const unsigned char*>(body.data());
+  std::string error = "before";
+  stub_->fail = [] { throw corvane_comms_exception("a longer reason, and the first"); };
+  EXPECT_EQ(controller_->Handle(7, bytes, error), 1);
+  stub_->fail = [] { throw std::runtime_error("gone"); };
+  EXPECT_EQ(controller_->Handle(7, bytes, error), 1);
+  EXPECT_EQ(error, "Exception returned from VK controller: gone");
+}
+
 TEST_F(DispatcherTest, ReturnWithAckEndsAndSendsTheReply) {
   sendbuf reply;
   reply.Pack(5);
