@@ -107,7 +107,7 @@ void ControllerLink::converse(int descriptor) {
 void ControllerLink::answer(Decoder message) {
   const auto header = message.get_header();
   header.check_expectation_MESS(0);
-  if (header.name == "SETUP") return set_up(message);
+  if (header.name == "SETUP") return set_up(std::move(message));
   if (position_ == Position::kUnconnected) {
     throw std::invalid_argument("Message before SETUP: " + header.name);
   }
@@ -119,9 +119,9 @@ void ControllerLink::answer(Decoder message) {
   if (header.name == "CONTINUE_UNTIL") {
     return advance(message, message.get_header_and_data<double>("TIME", 1)[0]);
   }
-  if (header.name == "SHUTDOWN") return shut_down(message);
-  if (header.name == "QUERY") return query(message);
-  if (header.name == "SET") return set(message);
+  if (header.name == "SHUTDOWN") return shut_down(std::move(message));
+  if (header.name == "QUERY") return query(std::move(message));
+  if (header.name == "SET") return set(std::move(message));
   throw std::invalid_argument("Unknown message: " + header.name);
 }
 

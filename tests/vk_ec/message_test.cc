@@ -251,13 +251,27 @@ TEST_F(MessageTest, FinishedDecoderHasNothingMore) {
     EXPECT_THAT(decoder.get_data<std::string>(0), IsEmpty());
     EXPECT_THAT([&] { decoder.get_text(); }, not_enough);
     EXPECT_FALSE(decoder.skip_header(Mess("READY")));
-    EXPECT_THROW(decoder.finalize(), std::length_error);
   };
   expectNothing();
-  WriteAsPeer(Mess("READY") + Mess("END") + Doub("VALUES", std::vector<double>(100)));
-  auto next = manager().createMessageDecoder();
-  expectNothing();
-  EXPECT_EQ(next.get_header().name, "READY");
+  for (const std::string& more : {std::string(), Doub("VALUES", std::vector<double>(100))}) {
+    WriteAsPeer(Mess("READY") + Mess("END") + more);
+    auto next = manager().createMessageDecoder();
+    expectNothing();
+    EXPECT_THROW(decoder.finalize(), std::length_error);
+    EXPECT_EQ(next.get_header().name, "READY");
+    EXPECT_EQ(next.get_header().name, "END");
+    if (more.empty()) next.finalize();
+  }
+}
+
+TEST_F(DecoderTest, MessageGoesOnWhereTheDecoderWasMovedTo) {
+  auto first = Decode(Mess("READY") + Mess("END"));
+  first.get_header();
+  auto second = std::move(first);
+  EXPECT_THROW(first.get_header(), std::length_error);  // NOLINT(bugprone-use-after-move): is empty
+  EXPECT_EQ(second.get_header().name, "END");
+  second.finalize();
+  EXPECT_THAT(message_, IsEmpty());
 }
 
 TEST_F(MessageTest, EmptyMessageHoldsNothingAndRefusesNothing) {

@@ -326,7 +326,7 @@ void MessageMgr::MessageDecoder::finalize() {
         "Received message is longer than expected (received: " + std::to_string(buffer_.size()) +
         " vs expected: " + std::to_string(position_) + ")");
   empty(buffer_);
-  position_ = finished;
+  position_ = end_ = 0;
 }
 
 }  // namespace vk_ec::detail

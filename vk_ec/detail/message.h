@@ -3,9 +3,9 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <limits>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "vk_ec/detail/transport.h"
@@ -150,7 +150,13 @@ class MessageMgr::MessageBuilder {
 class MessageMgr::MessageDecoder {
  public:
   /// Keeps a reference to the message.
-  explicit MessageDecoder(std::vector<unsigned char>& message) : buffer_(message) {}
+  explicit MessageDecoder(std::vector<unsigned char>& message)
+      : buffer_(message), end_(message.size()) {}
+  MessageDecoder(MessageDecoder&& other) noexcept
+      : buffer_(other.buffer_),
+        position_(std::exchange(other.position_, 0)),
+        end_(std::exchange(other.end_, 0)) {}
+  MessageDecoder& operator=(MessageDecoder&&) = delete;
 
   /// The next header. `std::invalid_argument` for an unknown type tag.
   Header get_header();
@@ -196,11 +202,10 @@ class MessageMgr::MessageDecoder {
   std::vector<T> get_header_and_data(std::string_view name, std::uint64_t count);
 
   /// Bytes that have not been read yet; none when the message is finished.
-  std::uint64_t remaining() const {
-    return position_ < buffer_.size() ? buffer_.size() - position_ : 0;
-  }
+  std::uint64_t remaining() const { return end_ - position_; }
 
-  /// Finishes the message. `std::length_error` if bytes are left, or a second time.
+  /// Finishes the message. `std::length_error` if bytes are left, or if another message has come
+  /// since it was finished.
   void finalize();
 
  private:
@@ -213,11 +218,9 @@ class MessageMgr::MessageDecoder {
   std::string_view take_text();
   static void check_type(const Header& header, HeaderType expected_type);
 
-  // Behind every message that the buffer may hold later.
-  static constexpr std::uint64_t finished = std::numeric_limits<std::uint64_t>::max();
-
   std::vector<unsigned char>& buffer_;
   std::uint64_t position_ = 0;
+  std::uint64_t end_;  // 0 when the message is finished, like the position
 };
 
 template <>
