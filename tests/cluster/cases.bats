@@ -145,7 +145,7 @@ simulator_with_a_deaf_child() {
   cat >"$work/parent" <<SIMULATOR
 #!/bin/bash
 setsid bash -c "trap '' TERM; for i in {1..600}; do sleep 0.2; done" "$work/parent" &
-"$programs/vksim" "\$@"
+"$work/bin/vksim-node" "\$@"
 SIMULATOR
   chmod +x "$work/parent"
 }
