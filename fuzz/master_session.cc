@@ -170,6 +170,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   // the end of its process, which here does not come.
   memoryStream.Begin({});
   controller.Shutdown();
-  if (!made.empty()) made.back().release();
+  if (!made.empty()) static_cast<void>(made.back().release());
   return 0;
 }

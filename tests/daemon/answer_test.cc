@@ -40,6 +40,7 @@
 namespace {
 
 using std::chrono::seconds;
+// NOLINTNEXTLINE(misc-unused-using-decls): clang-tidy 14 does not see that literals use it
 using std::string_literals::operator""s;
 using testing::HasSubstr;
 using testing::Not;

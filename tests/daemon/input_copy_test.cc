@@ -28,6 +28,7 @@
 namespace {
 
 namespace fs = std::filesystem;
+// NOLINTNEXTLINE(misc-unused-using-decls): clang-tidy 14 does not see that literals use it
 using std::string_literals::operator""s;
 
 constexpr const char* kCopied = "Copy succeeded";

@@ -79,8 +79,9 @@ TEST_F(ClusterRunTest, StrangeTextsAreOnlyNames) {
     SCOPED_TRACE(text);
     directory_.Write(text + ".afi", "deck");
     Prepare("1" + text, text);
-    EXPECT_EQ(run_.root, text + "_1" + text);
-    EXPECT_EQ(directory_.Read(text + "_1" + text + ".afi"), "deck");
+    const std::string extended = std::string(text).append("_1").append(text);
+    EXPECT_EQ(run_.root, extended);
+    EXPECT_EQ(directory_.Read(extended + ".afi"), "deck");
   }
   EXPECT_FALSE(std::filesystem::exists(directory_.File("x")));
   EXPECT_FALSE(std::filesystem::exists("x.afi"));

@@ -36,6 +36,7 @@ constexpr const char* kTwoAddresses = "two.addresses.invalid";
 }  // namespace
 
 // In front of the system's, which knows no host of two addresses on every machine.
+// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name): the system's are reserved
 extern "C" int getaddrinfo(const char* node, const char* service, const addrinfo* hints,
                            addrinfo** found) {
   static const auto system = std::bit_cast<decltype(&getaddrinfo)>(dlsym(RTLD_NEXT, "getaddrinfo"));

@@ -33,6 +33,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using std::chrono::seconds;
+// NOLINTNEXTLINE(misc-unused-using-decls): clang-tidy 14 does not see that literals use it
 using std::string_literals::operator""s;
 using testing::HasSubstr;
 using testing::Not;
@@ -267,7 +268,7 @@ TEST_F(PrivilegeTest, CopyNeitherReadsNorWritesThroughWhatAStrangerHasPlanted) {
   const std::string elsewhere = "1/../../" + victims.path().filename().string() + "/written";
   for (const auto& [root, cluster] :
        {std::pair("LEAK"s, "3"s), {"CASE", "3"}, {"HOLD", "3"}, {"CASE", elsewhere + "\0"s}}) {
-    SCOPED_TRACE(root + " " + cluster);
+    SCOPED_TRACE(testing::Message() << root << " " << cluster);
     ASSERT_EQ(Outcome("alice", cluster, root), kHost);
     EXPECT_EQ(master_->Ask(kShutdown), kShutDown);
   }

@@ -579,11 +579,11 @@ TEST_F(MessageTest, MessageOfManyItemsLeavesWithoutTheRoomBehindThem) {
     expected += Cstr(name, {"ab"}) + Mess("SET");
   }
   EXPECT_EQ(builder.size(), expected.size());
-  auto moved = std::move(builder);
-  moved.add_data("VALUES", std::vector<double>{1.5});
+  MessageMgr::MessageBuilder copy = builder;
+  copy.add_data("VALUES", std::vector<double>{1.5});
   expected += Doub("VALUES", {1.5});
-  moved.send();
-  EXPECT_EQ(moved.size(), 0U);
+  copy.send();
+  EXPECT_EQ(copy.size(), 0U);
   EXPECT_EQ(ReadAsPeer(16 + expected.size()), Framed(expected));
 }
 
