@@ -54,6 +54,9 @@ boot_machine() {
       [[ ! -e $hierarchy/cgroup.procs ]] ||
         { mkdir "$hierarchy/$group_name" && echo "$BASHPID" >"$hierarchy/$group_name/cgroup.procs"; }
     done
+    # systemd-nspawn looks into --directory for a systemd that knows unified control groups, finds an
+    # empty /usr there, and would make groups of the old kind that nobody sees to remove.
+    [[ ! -e /sys/fs/cgroup/cgroup.procs ]] || export SYSTEMD_NSPAWN_UNIFIED_HIERARCHY=1
     exec timeout 200 systemd-nspawn --quiet --keep-unit --register=no --directory="$machine" \
       --bind-ro=/usr --private-network --machine="$group_name" --resolv-conf=off --timezone=off \
       --link-journal=no --boot systemd.unit=basic.target
