@@ -1,51 +1,7 @@
 #!/usr/bin/env bats
-# What does not depend on the scheduler, over one of the stand-ins.
+# What does not depend on the scheduler.
 # shellcheck disable=SC2154  # variables of support.bash
-
-setup_file() {
-  load support.bash
-  site_up
-}
-
-teardown_file() {
-  load support.bash
-  site_down
-}
-
-setup() {
-  load support.bash
-  prepare
-  comms=$(free_ports)
-}
-
-teardown() {
-  [[ -n $BATS_TEST_COMPLETED ]] || cat "$work/out" "$work"/data/*.out 2>/dev/null || true
-  tidy_up
-}
-
-# start_script ROOT [SETTING=VALUE]...
-start_script() {
-  rm -f "$work/out"
-  env HOME=/nowhere USER=nobody LOGNAME=nobody JOBMILL_SIMULATOR="$programs/vksim" \
-    JOBMILL_POLL_SECONDS=1 JOBMILL_GRACE_SECONDS=1 "${@:2}" \
-    "$root_directory/deploy/scripts/$script" 2 "${data:-$work/data}" "$1" "$comms" "${debug:-0}" \
-    >"$work/out" 2>"$work/err" </dev/null &
-  launched=$!
-}
-
-# A simulator that notes what it was started with.
-curious_simulator() {
-  cat >"$work/curious" <<SIMULATOR
-#!/bin/bash
-{ printf '%s\n' "\$@"; echo "cwd \$PWD"; env; } >"$work/seen"
-ls -l "/proc/\$\$/fd" >"$work/descriptors"
-exec "$programs/vksim" "\$@"
-SIMULATOR
-  chmod +x "$work/curious"
-}
-
-printed() { grep -qsE "$1" "$work/out"; }
-runs() { eventually 20 printed '^HOST='; }
+load alone.bash
 
 @test "WrongSettingsGiveOneLine" {
   local setting status
@@ -225,32 +181,136 @@ reads_and_writes_nothing() {
   never printed '.{1000}'
 }
 
-submitted() { eventually 10 printed ' is submitted$'; }
-# The scheduler's copy of the job.
-spooled() { echo "$site_directory/$(sed -n 's/.* job \([0-9]*\) .* is submitted$/\1/p' "$work/out").script"; }
-refused() {
-  local status=0
-  wait "$launched" || status=$?
-  ((status == 1))
-  never printed '^HOST='
+@test "TimeInTheQueueCountsNeitherAsSilenceNorForTheSimulator" {
+  occupy
+  start_script TENWELLS JOBMILL_LISTEN_SECONDS=4 JOBMILL_SILENCE_SECONDS=4
+  submitted
+  sleep 6
+  release
+  runs
 }
-ends() {
+
+@test "JobOfAScriptThatIsEndedIsCancelledWhateverTheSchedulerKnowsOfIt" {
+  # Taken, but not acknowledged.
+  behave lost 1
+  start_script TENWELLS
+  eventually 10 printed 'could not be submitted .*, trying again$'
   kill "$launched"
+  eventually 10 gone "$launched"
+  eventually 10 no_jobs
+  # Out of reach for a while.
+  start_script TENWELLS
+  runs
+  behave down 1
+  kill "$launched"
+  sleep 3
+  never gone "$launched"
+  behave down 0
   eventually 10 gone "$launched"
   eventually 10 no_jobs
 }
 
-@test "WhatIsExecutedOrHoldsVariablesIsNotBesideTheData" {
-  occupy
-  start_script TENWELLS LICENCE=1700@head
-  submitted
-  [[ $(stat -c %a "$work"/data/vk_TENWEL_*) == 700 ]]
-  never grep -rqs 1700@head "$work/data"
-  [[ -z $(find "$work/data" -type f -perm /111) ]]
-  # What the scheduler was given is nobody else's business, either.
-  local file
-  file=$(grep -rlsF 1700@head "$TMPDIR"/jobmill.*)
-  [[ $(stat -c %a "$(dirname "$file")") == 700 ]]
+@test "LastWordsOfTheSchedulerAreAtTheEndOfTheOutput" {
+  start_script TENWELLS
+  runs
+  kill -KILL "$(simulators)"
+  eventually 10 gone "$launched"
+  [[ $(tail -n 1 "$work/data/TENWELLS.out") == 'slurm: job '*' has ended: FAILED, NonZeroExitCode, signal 9' ]]
+}
+
+@test "SimulatorIsAskedToEndBeforeItIsKilled" {
+  simulator "trap 'echo ends; exit' TERM" "'$programs/vksim' \"\$@\" &" 'while true; do sleep 0.1; done'
+  local each
+  for each in slurm local; do
+    script=$each start_script TENWELLS JOBMILL_SIMULATOR="$work/simulator"
+    runs
+    ends
+    grep -qx ends "$work/data/TENWELLS.out"
+  done
+}
+
+# A controller that has connected, and a simulator that then does as told: what a node does that dies
+# (the link stays open: it goes to a process that the run does not know), a simulator that ends, one
+# that goes on.
+connect() {
+  cat >"$work/simulator" <<'SIMULATOR'
+#!/usr/bin/python3
+import os, socket, sys, time
+server = socket.create_server(("127.0.0.1", int(sys.argv[sys.argv.index("--port") + 1])))
+link, _ = server.accept()
+fate = os.path.basename(os.path.realpath(sys.argv[0] + ".fate"))
+print("connected", flush=True)
+if fate == "dies" and os.fork() == 0:
+    os.setsid()
+    link.set_inheritable(True)
+    os.execve(sys.executable, [sys.executable, "-c", "import time; time.sleep(100)"], {})
+time.sleep(100 if fate == "lives" else 0)
+SIMULATOR
+  cat >"$work/controller" <<'CONTROLLER'
+#!/usr/bin/python3
+import socket, subprocess, sys, time
+script = subprocess.Popen(sys.argv[2:], stdout=subprocess.PIPE, text=True)
+for line in script.stdout:
+    if line.startswith("HOST="):
+        break
+link = socket.create_connection(("127.0.0.1", int(sys.argv[1])))
+time.sleep(100)
+CONTROLLER
+  chmod +x "$work/simulator" "$work/controller"
+  ln -s "$1" "$work/simulator.fate"
+  JOBMILL_SIMULATOR=$work/simulator JOBMILL_POLL_SECONDS=1 JOBMILL_GRACE_SECONDS=4 "$work/controller" "$comms" \
+    "$root_directory/deploy/scripts/$script" 1 "$work/data" TENWELLS "$comms" 0 >"$work/out" 2>&1 </dev/null 3>&- 4>&- &
+  launched=$!
+  eventually 20 grep -qs connected "$work/data/TENWELLS.out"
+}
+script_has_ended() { no_children "$launched" || grep -q '^State:.Z' "/proc/$(children "$launched")/status"; }
+
+@test "ControllerThatWaitsForADeadNodeIsEndedAfterTheGraceTime" {
+  connect dies
+  eventually 10 no_jobs
+  local since=$SECONDS
+  is_child "$launched"
+  sleep 2
+  is_child "$launched"
+  never gone "$launched"
+  eventually 20 gone "$launched"
+  ((SECONDS - since >= 3))
+  eventually 10 no_leftovers
+}
+
+@test "ControllerThatCanSeeTheEndOfItsSimulatorIsLeftAlone" {
+  connect ends
+  eventually 10 script_has_ended
+  sleep 6
+  never gone "$launched"
+  no_leftovers
+}
+
+three_queries_since() { (($("$fake" count "$site_directory") >= $1 + 3)); }
+
+@test "ControllerIsLeftAloneWhenTheSchedulerHasOnlyLostSightOfItsJob" {
+  connect lives
+  local before
+  for _ in 1 2; do
+    before=$("$fake" count "$site_directory")
+    # Enough for an end to be believed in; then the job is seen again.
+    behave late 2
+    eventually 10 three_queries_since "$before"
+    # The second time is a case of its own, which does not wait since the first.
+    sleep 5
+  done
+  never gone "$launched"
+  never script_has_ended
+  one_job
+}
+
+@test "SimulatorThatNeverListensIsGivenUp" {
+  printf '#!/bin/bash\nexec sleep 60\n' >"$work/mute"
+  chmod +x "$work/mute"
+  start_script TENWELLS JOBMILL_SIMULATOR="$work/mute" JOBMILL_LISTEN_SECONDS=2
+  wait "$launched" || true
+  printed "did not listen on port $comms within 2 s"
+  eventually 10 no_jobs
 }
 
 @test "JobThatNobodyWaitsForEndsAsSoonAsItStarts" {
@@ -270,206 +330,4 @@ ends() {
   timeout 10 bash "$(spooled)"
   cmp "$work"/data/vk_*/report "$work/report"
   [[ $(simulators | wc -l) == 1 ]]
-}
-
-# plant KIND FILE: what somebody else could put there. What it leads to is checked by untouched.
-plant() {
-  echo treasure >"$work/treasure"
-  rm -rf "$2"
-  case $1 in
-    link) ln -s "$work/treasure" "$2" ;;
-    dangling) ln -s "$work/nothing" "$2" ;;
-    pipe) mkfifo "$2" ;;
-    file) ln "$work/treasure" "$2" ;;
-  esac
-}
-untouched() { [[ $(<"$work/treasure") == treasure && ! -e $work/nothing ]]; }
-has_output() { [[ -f $work/data/TENWELLS.out && ! -L $work/data/TENWELLS.out ]] && grep -q 'Listening on port' "$work/data/TENWELLS.out"; }
-
-@test "OutputTakesThePlaceOfWhatWasPlantedThere" {
-  local kind
-  for kind in link dangling pipe file; do
-    plant "$kind" "$work/data/TENWELLS.out"
-    start_script TENWELLS
-    runs
-    has_output
-    untouched
-    ends
-  done
-}
-
-@test "OutputTakesThePlaceOfWhatIsPlantedWhileTheJobWaits" {
-  local kind
-  for kind in link dangling pipe file; do
-    occupy
-    start_script TENWELLS
-    submitted
-    plant "$kind" "$work/data/TENWELLS.out"
-    release
-    runs
-    has_output
-    untouched
-    ends
-  done
-}
-
-@test "OutputThatCannotBeReplacedIsExplained" {
-  mkdir "$work/data/TENWELLS.out"
-  start_script TENWELLS
-  refused
-  printed "^slurm: cannot write '$work/data/TENWELLS.out'$"
-  rmdir "$work/data/TENWELLS.out"
-  occupy
-  start_script TENWELLS
-  submitted
-  mkdir "$work/data/TENWELLS.out"
-  release
-  refused
-  printed "^slurm: cannot write '$work/data/TENWELLS.out' on node $(uname -n) "
-  no_leftovers
-}
-
-@test "EndOfTheOutputIsNotReadThroughALink" {
-  echo treasure >"$work/treasure"
-  printf '#!/bin/bash\nln -sf "%s" TENWELLS.out\necho last words\nexit 4\n' "$work/treasure" >"$work/thief"
-  chmod +x "$work/thief"
-  start_script TENWELLS JOBMILL_SIMULATOR="$work/thief"
-  refused
-  printed '^  last words$'
-  never printed treasure
-}
-
-# Directories that a run must not take for its own: not made by it, not in the data directory, not
-# closed to others, of another account.
-impostors() { echo 'full elsewhere open'; ((EUID != 0)) || echo foreign; }
-
-# put KIND DIRECTORY: puts one in the place of a run's.
-put() {
-  mv "$2" "$2.away"
-  case $1 in
-    full)
-      mkdir -m 700 "$2"
-      echo precious >"$2/report"
-      ;;
-    elsewhere)
-      mkdir -m 700 "$work/elsewhere"
-      ln -s "$work/elsewhere" "$2"
-      ;;
-    open) mkdir -m 777 "$2" ;;
-    foreign)
-      mkdir -m 700 "$2"
-      chown 61234 "$2"
-      ;;
-  esac
-}
-
-@test "DirectoryThatIsPutInThePlaceOfTheRunsIsNotUsed" {
-  # Just when it is made.
-  cat >"$work/bin/mktemp" <<MKTEMP
-#!/bin/bash
-work="$work" made=\$($(command -v mktemp) "\$@") && echo "\$made"
-$(declare -f put)
-[[ \$made != vk_* ]] || put "\$kind" "\$made"
-MKTEMP
-  chmod +x "$work/bin/mktemp"
-  local kind
-  for kind in $(impostors); do
-    start_script TENWELLS PATH="$work/bin:$PATH" kind="$kind"
-    refused
-    printed "^slurm: account $(id -un) cannot make a directory of its own in '$work/data'$"
-    [[ $(find "$work/data" "$work/elsewhere" -type f -newer "$work/bin/mktemp" 2>/dev/null | sed 's|.*/||') == \
-      $([[ $kind != full ]] || echo report) ]]
-    [[ $kind != full || $(cat "$work"/data/vk_*/report) == precious ]]
-    rm -rf "$work"/data/vk_* "$work/elsewhere"
-  done
-}
-
-@test "JobStartsFromTheRunsOwnDirectoryOnly" {
-  local kind own
-  for kind in $(impostors) other; do
-    occupy
-    start_script TENWELLS
-    submitted
-    own=$(echo "$work"/data/vk_*)
-    if [[ $kind == other ]]; then
-      # Another run's.
-      echo mark >"$own/report"
-    else
-      put "$kind" "$own"
-      # More than whoever cannot read it could do.
-      [[ $kind == full ]] || cp "$own.away/report" "$own/report"
-    fi
-    release
-    refused
-    printed 'was ended while it waited|before it could start'
-    never listens "$comms"
-    [[ $kind != full || $(<"$own/report") == precious ]]
-    rm -rf "$work"/data/vk_* "$work/elsewhere"
-  done
-}
-
-@test "NothingButTheRunsOwnIsRemoved" {
-  start_script TENWELLS
-  runs
-  local own
-  own=$(echo "$work"/data/vk_*)
-  put full "$own"
-  ends
-  [[ $(<"$own/report") == precious ]]
-  [[ -z $(ls -A "$own.away") ]]
-}
-
-# simulator LINE...: one that is made of these lines, in $work/simulator.
-simulator() {
-  printf '%s\n' '#!/bin/bash' "$@" >"$work/simulator"
-  chmod +x "$work/simulator"
-}
-
-@test "ListenerOfAnotherAccountIsNotTheSimulator" {
-  ((EUID == 0)) || skip "root alone can be another account"
-  cp "$programs/vksim" "$work/bin"
-  chmod 755 "$work"
-  simulator "exec setpriv --reuid 61234 --regid 61234 --clear-groups '$work/bin/vksim' \"\$@\""
-  start_script TENWELLS JOBMILL_SIMULATOR="$work/simulator"
-  refused
-  printed "^slurm: port $comms was taken on node $(uname -n) by a process of account 61234 that is none of the run's \(job "
-  eventually 10 no_jobs
-}
-
-@test "ListenerOfTheAccountThatIsNoneOfTheRunsIsNotTheSimulator" {
-  # Neither a descendant nor marked; or with the mark of another run.
-  local words
-  for words in 'env -i' 'env JOBMILL_RUN=00000000-0000-0000-0000-000000000000'; do
-    simulator "(setsid $words '$programs/vksim' \"\$@\" &)" 'exec sleep 60'
-    start_script TENWELLS JOBMILL_SIMULATOR="$work/simulator"
-    refused
-    printed "^slurm: port $comms was taken .* of account $(id -un) that is none"
-    eventually 10 no_jobs
-    kill "$(simulators)"
-    eventually 10 never listens "$comms"
-  done
-}
-
-@test "ListenerIsTheSimulatorsByDescentByMarkOrForWantOfSight" {
-  local listener sight=$PATH
-  for listener in "env -i '$programs/vksim' \"\$@\"; :" "(setsid '$programs/vksim' \"\$@\" &); sleep 60" \
-    "(env -i setsid '$programs/vksim' \"\$@\" &); sleep 60"; do
-    # The last one can only pass where no process can be seen to have the socket.
-    [[ $listener != *'(env'* ]] || { printf '#!/bin/bash\n' >"$work/bin/find"; chmod +x "$work/bin/find"; sight=$work/bin:$PATH; }
-    simulator "$listener"
-    start_script TENWELLS JOBMILL_SIMULATOR="$work/simulator" PATH="$sight"
-    runs
-    ends
-    kill "$(simulators)" 2>/dev/null || true
-    eventually 10 never listens "$comms"
-  done
-}
-
-@test "SimulatorThatNeverListensIsGivenUp" {
-  printf '#!/bin/bash\nexec sleep 60\n' >"$work/mute"
-  chmod +x "$work/mute"
-  start_script TENWELLS JOBMILL_SIMULATOR="$work/mute" JOBMILL_LISTEN_SECONDS=2
-  wait "$launched" || true
-  printed "did not listen on port $comms within 2 s"
-  eventually 10 no_jobs
 }

@@ -133,16 +133,22 @@ fails() {
 }
 
 @test "JobThatIsNotKnownYetIsWaitedFor" {
-  behave delay 6
+  occupy
   start_script
   submitted
-  behave late 1
-  sleep 3
-  # Not the second time in a row.
-  behave late 1
+  local before
+  # Never two times in a row.
+  for _ in 1 2; do
+    before=$("$fake" count "$site_directory")
+    behave late 1
+    eventually 10 two_queries_since "$before"
+  done
+  release
   runs
   [[ $(jobs | wc -l) == 1 ]]
 }
+
+two_queries_since() { (($("$fake" count "$site_directory") >= $1 + 2)); }
 
 submissions() { grep -o '"number"' "$site_directory/jobs" | wc -l; }
 
@@ -247,73 +253,6 @@ host_lists() {
     # No address from the scheduler: the name that the node bears.
     *) [[ $(host) == "$(uname -n)" ]] ;;
   esac
-}
-
-# A controller that has connected, and a simulator that then does as told: what a node does that dies
-# (the link stays open: it goes to a process that the run does not know), a simulator that ends, one
-# that goes on.
-connect() {
-  cat >"$work/simulator" <<'SIMULATOR'
-#!/usr/bin/python3
-import os, socket, sys, time
-server = socket.create_server(("127.0.0.1", int(sys.argv[sys.argv.index("--port") + 1])))
-link, _ = server.accept()
-fate = os.path.basename(os.path.realpath(sys.argv[0] + ".fate"))
-print("connected", flush=True)
-if fate == "dies" and os.fork() == 0:
-    os.setsid()
-    link.set_inheritable(True)
-    os.execve(sys.executable, [sys.executable, "-c", "import time; time.sleep(100)"], {})
-time.sleep(60 if fate == "lives" else 0)
-SIMULATOR
-  cat >"$work/controller" <<'CONTROLLER'
-#!/usr/bin/python3
-import socket, subprocess, sys, time
-script = subprocess.Popen(sys.argv[2:], stdout=subprocess.PIPE, text=True)
-for line in script.stdout:
-    if line.startswith("HOST="):
-        break
-link = socket.create_connection(("127.0.0.1", int(sys.argv[1])))
-time.sleep(100)
-CONTROLLER
-  chmod +x "$work/simulator" "$work/controller"
-  ln -s "$1" "$work/simulator.fate"
-  JOBMILL_SIMULATOR=$work/simulator JOBMILL_POLL_SECONDS=1 JOBMILL_GRACE_SECONDS=4 "$work/controller" "$comms" \
-    "$root_directory/deploy/scripts/$script" 1 "$work/data" TENWELLS "$comms" 0 >"$work/out" 2>&1 </dev/null 3>&- 4>&- &
-  launched=$!
-  eventually 20 grep -qs connected "$work/data/TENWELLS.out"
-}
-script_has_ended() { no_children "$launched" || grep -q '^State:.Z' "/proc/$(children "$launched")/status"; }
-
-@test "ControllerThatWaitsForADeadNodeIsEndedAfterTheGraceTime" {
-  connect dies
-  eventually 10 no_jobs
-  local since=$SECONDS
-  is_child "$launched"
-  sleep 2
-  is_child "$launched"
-  never gone "$launched"
-  ends
-  ((SECONDS - since >= 3))
-  eventually 10 no_leftovers
-}
-
-@test "ControllerThatCanSeeTheEndOfItsSimulatorIsLeftAlone" {
-  connect ends
-  eventually 10 script_has_ended
-  sleep 6
-  never gone "$launched"
-  no_leftovers
-}
-
-@test "ControllerIsLeftAloneWhenTheSchedulerHasOnlyLostSightOfItsJob" {
-  connect lives
-  # Enough for an end to be believed in.
-  behave late 3
-  sleep 9
-  never gone "$launched"
-  never script_has_ended
-  one_job
 }
 
 @test "ScriptDiesWithoutItsControllerAndTakesTheJobAlong" {

@@ -8,6 +8,7 @@
 #include <fstream>
 #include <functional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -190,6 +191,27 @@ TEST(LocalScriptTest, ListenerIsTheSimulatorsWhenItHasTheMarkOfTheRun) {
       {"JOBMILL_SIMULATOR=" + Program(files, "own", "(" + simulator), "JOBMILL_GRACE_SECONDS=0"});
   own.Start("CASE", ExampleDeck())->Shutdown();
   EXPECT_TRUE(own.IsQuiet("CASE"));
+}
+
+TEST(LocalScriptTest, SimulatorThatNeverListensIsGivenUp) {
+  const TemporaryDirectory files;
+  const std::string mute = Program(files, "mute", "sleep 60; :");
+  Site site({"JOBMILL_SIMULATOR=" + mute, "JOBMILL_LISTEN_SECONDS=1"});
+  EXPECT_EQ(site.RefusalOf("CASE"), "No host detected");
+  EXPECT_THAT(site.daemon().Logged(), HasSubstr("local: the simulator did not listen on port "));
+  EXPECT_THAT(site.daemon().Logged(), HasSubstr(" within 1 s; see '"));
+  EXPECT_TRUE(Eventually([&] { return ProcessesWith(mute).empty(); }));
+}
+
+TEST(LocalScriptTest, SimulatorThatDoesNotListenYetEndsWithItsController) {
+  const TemporaryDirectory files;
+  const std::string mute = Program(files, "mute", "sleep 60; :");
+  Site site({"JOBMILL_SIMULATOR=" + mute});
+  std::thread master([&] { EXPECT_NE(site.RefusalOf("CASE"), "launched"); });
+  EXPECT_TRUE(Eventually([&] { return !ProcessesWith(mute).empty(); }));
+  for (const pid_t child : ChildrenOf(site.daemon().pid())) kill(child, SIGKILL);
+  master.join();
+  EXPECT_TRUE(Eventually([&] { return ProcessesWith(mute).empty(); }));
 }
 
 TEST(LocalScriptTest, SimulatorOfADeadControllerIsEnded) {
