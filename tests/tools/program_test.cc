@@ -778,6 +778,18 @@ TEST(ProgramUsage, HelpListsCommandsAndExitStatusesWithoutADaemon) {
   EXPECT_THAT(RunVkmaster({"help", "until"}).out, HasSubstr("run to day 3650"));
 }
 
+TEST(ProgramUsage, WhatTheLaunchLacksIsNamed) {
+  const auto complaint = [](const std::vector<std::string>& arguments) {
+    return RunVkmaster(arguments).err;
+  };
+  EXPECT_EQ(complaint({"--path", "/data", "--root", "CASE", "time"}),
+            "vkmaster: The daemon's port is missing: --port\n");
+  EXPECT_EQ(complaint({"--port", "5000", "--root", "CASE", "time"}),
+            "vkmaster: The run's data directory is missing: --path\n");
+  EXPECT_EQ(complaint({"--port", "5000", "--path", "/data", "time"}),
+            "vkmaster: The model's name is missing: --root\n");
+}
+
 TEST(ProgramUsage, CommandThatOnlyBeginsLikeRunIsNoPlan) {
   const Outcome outcome = RunVkmaster(LaunchArguments(5000, {"runs", "plan.toml"}));
   EXPECT_EQ(outcome.status, 2);
