@@ -140,6 +140,21 @@ TEST_F(FlogTest, SetFileMakesADisabledLogUsableAgain) {
   EXPECT_EQ(directory_.Read("a.log"), "here");
 }
 
+TEST_F(FlogTest, SetFileAndTheEndCloseTheFileBefore) {
+  const auto before = OpenDescriptors(getpid());
+  {
+    flog log(directory_.File("a.log"), true);
+    const auto open = OpenDescriptors(getpid());
+    log.SetFile(directory_.File("b.log"), true);
+    EXPECT_EQ(OpenDescriptors(getpid()), open);
+    log.SetFile("", true);
+    EXPECT_EQ(OpenDescriptors(getpid()), open - 1);
+    log.SetFile(directory_.File("b.log"), true);
+  }
+  // Standard output may have been opened again, for all logs and once.
+  EXPECT_LE(OpenDescriptors(getpid()), before + 1);
+}
+
 TEST_F(FlogTest, SetFileToNothingDisablesAUsableLog) {
   flog log(directory_.File("a.log"), true);
   log.SetFile("", true);
