@@ -18,6 +18,7 @@ TEST(CommsLog, IsPathAndRootWithoutASlashBetween) {
 
 TEST(CommsLog, HasTheClusterNumberInItsName) {
   EXPECT_EQ(CommsLog({.cluster = "3", .path = "/data/", .root = "CASE"}), "/data/CASE_3.crvnlog");
+  EXPECT_EQ(CommsLog({.cluster = "9", .path = "/data/", .root = "CASE"}), "/data/CASE_9.crvnlog");
   EXPECT_EQ(CommsLog({.cluster = "0", .path = "/data/", .root = "CASE"}), "/data/CASE.crvnlog");
 }
 

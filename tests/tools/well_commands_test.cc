@@ -235,6 +235,15 @@ TEST_F(WellCommandsTest, IPRPutsStatusesAndRateLimitsBack) {
                                     "04000000 53485554 04000000 4f50454e"))));
 }
 
+TEST_F(WellCommandsTest, IPRInFieldUnitsFreesAWellToTheFieldsRate) {
+  run_.metric = false;
+  Do("ipr I1 no-plot");
+  EXPECT_THAT(Requests(13),
+              ElementsAre(Hex(Bytes("0d000000 01000000 02000000 4931 01000000 01000000"
+                                    "14000000 57415445525f494e4a454354494f4e5f52415445"
+                                    "01000000 01000000 00000000006af840"))));
+}
+
 TEST_F(WellCommandsTest, IPRWithKeepLeavesTheWellsAsTheyAre) {
   EXPECT_THAT(Do("ipr P1 keep"), HasSubstr("note: The wells are open and limited"));
   EXPECT_THAT(Requests(13), IsEmpty());
