@@ -14,6 +14,8 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
+#include <cstdint>
 #include <limits>
 #include <memory>
 #include <new>
@@ -168,8 +170,7 @@ int Socket::ReceiveLine(char* buffer, int capacity, int& length) {
   const auto had = static_cast<std::size_t>(got);
   if (!ReceiveRest(handle_, field.data() + had, field.size() - had)) return 1;
 
-  std::int32_t size = 0;
-  memcpy(&size, field.data(), sizeof(size));
+  const auto size = std::bit_cast<std::int32_t>(field);
   if (size > kMaxFrame) return 1;
   length = size;
   if (size <= 0) return -1;
@@ -192,7 +193,7 @@ std::string Socket::ReceiveLine(int& length) {
       return {};
     }
     had += static_cast<std::size_t>(got);
-    memcpy(&length, field.data(), sizeof(length));
+    length = std::bit_cast<int>(field);
   }
   // A length beyond this never completes. Handshake lines are short, and a stranger's long ones
   // cost no memory: they are dropped as they come, a block at a time.
