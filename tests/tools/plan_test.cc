@@ -93,6 +93,10 @@ TEST_F(PlanTest, WhatIsWrongIsNamedWithItsLine) {
   EXPECT_THAT(Refusal("x ="), HasSubstr("plan.toml, line 1: "));
   EXPECT_THAT(Refusal("[advance]\nunitl = 30\n"),
               EndsWith("plan.toml, line 2: there is no key 'unitl' here"));
+  for (const char* other : {"[launch]\n", "[record]\n", "[[event]]\nat = 1\ncommands = []\n", ""}) {
+    const std::string plan = std::string("[advance]\nuntil = 30\n") + other + "wehn = 3\n";
+    EXPECT_THAT(Refusal(plan), EndsWith(": there is no key 'wehn' here")) << other;
+  }
   EXPECT_THAT(Refusal("[advance]\nstep = 30\n"), EndsWith("line 1: [advance] has no until"));
   EXPECT_THAT(Refusal("[advance]\nuntil = \"soon\"\n"),
               HasSubstr("plan.toml, line 2: Days, +days"));
