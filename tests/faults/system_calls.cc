@@ -68,6 +68,7 @@ const std::vector<SystemCall>& Calls() {
       {SYS_prlimit64, "prlimit64", {EPERM}},
       {SYS_read, "read", {EINTR, EIO}, 2},
       {SYS_readlink, "readlink", {ENOENT, EACCES, EIO, ENOMEM, ENAMETOOLONG}},
+      {SYS_readlinkat, "readlinkat", {ENOENT, EACCES, EIO, ENOMEM, EINVAL}},
       {SYS_recvfrom, "recvfrom", {EINTR, ECONNRESET, ETIMEDOUT, ENOMEM}, 2},
       {SYS_recvmsg,
        "recvmsg",

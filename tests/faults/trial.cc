@@ -184,7 +184,9 @@ void Trial::Prepare(const std::string& executable) {
   directory_.Write(".vk_corvane_env", "JOBMILL_SWEPT yes\n");
   fs::create_directory(directory_.path() / "data");
   fs::permissions(directory_.path() / "data", fs::perms(0777));
-  directory_.Write("data/CASE.afi", "a model\n");
+  // A link to a file that nobody may write to: the longest way that the copy of it can take.
+  chmod(directory_.Write("data/model", "a model\n").c_str(), 0444);
+  fs::create_symlink("model", directory_.File("data/CASE.afi"));
   if (!Is("noexec")) WriteScript();
   simulators_.LeaveOnStep(Is("simulator"));
   if (Is("pipe")) OpenPipe();
@@ -440,8 +442,9 @@ bool Trial::MustBeServed() const {
     return !IsOneOf(point_.call, {SYS_accept4, SYS_clone, SYS_clone3, SYS_socket, SYS_bind,
                                   SYS_listen, SYS_rt_sigaction, SYS_brk, SYS_mmap, SYS_mremap});
   }
-  return IsOneOf(point_.call, {SYS_write, SYS_close, SYS_fchmod, SYS_setgid, SYS_renameat,
-                               SYS_getrandom, SYS_close_range, SYS_keyctl});
+  return IsOneOf(point_.call,
+                 {SYS_write, SYS_close, SYS_fchmod, SYS_setgid, SYS_renameat, SYS_getrandom,
+                  SYS_close_range, SYS_keyctl, SYS_readlinkat, SYS_fcntl});
 }
 
 Result Trial::Undisturbed() const {
@@ -749,13 +752,14 @@ void Trial::JudgeFiles() {
 void Trial::JudgeDirectory() {
   for (const auto& entry : fs::recursive_directory_iterator(directory_.path())) {
     const std::string name = fs::relative(entry.path(), directory_.path()).string();
-    constexpr std::array<const char*, 11> known = {"vkjobmill.exe",
+    constexpr std::array<const char*, 12> known = {"vkjobmill.exe",
                                                    ".vk_corvane_users",
                                                    ".vk_corvane_env",
                                                    "script",
                                                    "output",
                                                    "wrong",
                                                    "data",
+                                                   "data/model",
                                                    "data/CASE.afi",
                                                    "data/CASE_1.afi",
                                                    "data/CASE.crvnlog",
