@@ -255,6 +255,30 @@ host_lists() {
   esac
 }
 
+@test "NodeWithoutAKnownNameIsReachedByItsFirstAddressOfTheRightKind" {
+  printf '#!/bin/sh\necho no-such-node.invalid\n' >"$work/bin/uname"
+  printf '#!/bin/sh\necho fe80::1 127.0.0.2 127.0.0.3\n' >"$work/bin/hostname"
+  chmod +x "$work"/bin/*
+  case $dialect in
+    gridengine) behave hosts all.q@no-such-node.invalid ;;
+    *) behave hosts no-such-node.invalid ;;
+  esac
+  start_script PATH="$work/bin:$PATH"
+  runs
+  [[ $(host) == 127.0.0.2 ]]
+}
+
+@test "CancellationIsRepeatedUntilTheSchedulerAnswers" {
+  start_script
+  runs
+  behave down 1
+  kill "$launched"
+  sleep 3
+  behave down 0
+  ends
+  no_jobs
+}
+
 @test "ScriptDiesWithoutItsControllerAndTakesTheJobAlong" {
   # The stand-in for the controller.
   cat >"$work/controller" <<'CONTROLLER'
