@@ -45,7 +45,7 @@ int OpenSource(const FilePlace& place, int links) {
   struct stat status {};
   if (entry.get() < 0 || fstat(entry.get(), &status) != 0) return -1;
   // What was looked at, whatever has the name by now.
-  if (S_ISREG(status.st_mode)) return open(entry.Path().c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  if (S_ISREG(status.st_mode)) return open(entry.Path().c_str(), O_RDONLY | O_CLOEXEC);
   // A link of somebody else's may have been put there to have the file that it leads to read.
   const bool ours = status.st_uid == geteuid() || status.st_uid == 0;
   if (!S_ISLNK(status.st_mode) || !ours) return Refuse();

@@ -1,8 +1,12 @@
 // The copy of a cluster run's input, in directories that others have filled.
 
+#include "daemon/input_copy.h"
+
 #include <errno.h>
+#include <fcntl.h>
 #include <grp.h>
 #include <sched.h>
+#include <signal.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -216,6 +220,7 @@ TEST_F(InputCopyTest, FileIsNotCopiedToItself) {
   chmod(precious.c_str(), 0606);
   // Cut at the zero byte, source and target have one name.
   EXPECT_EQ(Prepare("precious\0"s), kCopied);
+  EXPECT_EQ(Prepare("precious\0/x"s), kCopied);
   EXPECT_EQ(Mode("precious"), 0606U | S_IFREG);
   data_.Write("CASE.afi", "deck");
   fs::create_hard_link(data_.File("CASE.afi"), data_.File("CASE_1.afi"));
@@ -235,6 +240,39 @@ TEST_F(InputCopyTest, CopyElsewhereThanBesideItsSourceIsRefused) {
   }
   EXPECT_EQ(other_.Read("victim"), "precious");
   EXPECT_FALSE(fs::exists(victim + ".afi"));
+}
+
+TEST_F(InputCopyTest, OtherDirectoryWithAsLongANameIsAnotherOne) {
+  for (const char* name : {"a", "b"}) fs::create_directory(data_.path() / name);
+  data_.Write("a/CASE.afi", "deck");
+  EXPECT_FALSE(CopyInput(data_.File("a/CASE.afi"), data_.File("b/CASE.afi")));
+  EXPECT_TRUE(fs::is_empty(data_.path() / "b"));
+}
+
+// As a file server has one for a machine that has the file open.
+TEST_F(InputCopyTest, LeaseOnTheSourceIsWaitedFor) {
+  data_.Write("CASE.afi", "deck");
+  ChildProcess::Options options;
+  options.inChild = [this] {
+    sigset_t breaking;
+    sigemptyset(&breaking);
+    sigaddset(&breaking, SIGIO);
+    sigprocmask(SIG_BLOCK, &breaking, nullptr);
+    const int file = open(data_.File("CASE.afi").c_str(), O_RDWR | O_CLOEXEC);
+    if (fcntl(file, F_SETLEASE, F_WRLCK) != 0) return 77;
+    other_.Write("leased", "");
+    int number = 0;
+    sigwait(&breaking, &number);
+    usleep(50'000);
+    return fcntl(file, F_SETLEASE, F_UNLCK);
+  };
+  ChildProcess server({}, options);
+  ASSERT_TRUE(
+      Eventually([&] { return fs::exists(other_.File("leased")) || !IsRunning(server.pid()); }));
+  if (!fs::exists(other_.File("leased"))) GTEST_SKIP() << "no leases on this machine";
+  EXPECT_EQ(Prepare(), kCopied);
+  EXPECT_EQ(data_.Read("CASE_1.afi"), "deck");
+  EXPECT_EQ(server.Wait(std::chrono::seconds(10)), 0);
 }
 
 TEST_F(InputCopyTest, RootNameMayLeadIntoADirectory) {

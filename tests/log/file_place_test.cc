@@ -78,6 +78,22 @@ TEST_F(FilePlaceTest, FreshFileNeedsNoRandomNumber) {
   EXPECT_THAT(Names(), testing::ElementsAre("a"));
 }
 
+// Somebody has guessed it. Without random numbers it is known.
+TEST_F(FilePlaceTest, LinkUnderTheTemporaryNameIsNotFollowed) {
+  const std::string victim = directory_.Write("victim", "precious");
+  ChildProcess::Options options;
+  options.inChild = [&] {
+    fs::create_symlink(victim, directory_.File(".jobmill-" + std::to_string(getpid())));
+    if (!AnswerCall(SYS_getrandom, [] { return static_cast<long>(-ENOSYS); })) return 77;
+    const int fresh = FilePlace(directory_.File("a")).CreateFresh(0, 0644);
+    return fresh == -1 && errno == EEXIST ? 0 : 1;
+  };
+  const int result = ChildProcess({}, options).Wait(std::chrono::seconds(10)).value_or(-1);
+  if (result == 77) GTEST_SKIP() << "system calls cannot be answered here";
+  EXPECT_EQ(result, 0);
+  EXPECT_FALSE(fs::exists(fs::symlink_status(directory_.path() / "a")));
+}
+
 TEST_F(FilePlaceTest, DirectoryInTheWayIsAnErrorThatLeavesNothingBehind) {
   fs::create_directory(directory_.path() / "a");
   EXPECT_EQ(FilePlace(directory_.File("a")).CreateFresh(0, 0644), -1);
