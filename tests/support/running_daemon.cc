@@ -45,6 +45,8 @@ RunningDaemon::RunningDaemon(const Options& options) {
   // Between choosing a port and listening on it somebody else may take it.
   for (int attempt = 0; attempt < 20; ++attempt) {
     port_ = FreePort();
+    // One that a daemon of the same port has left would look as if this one had started.
+    RemoveLogFile();
     std::vector<std::string> arguments = {executable, "-p", std::to_string(port_)};
     arguments.insert(arguments.end(), script.begin(), script.end());
     arguments.insert(arguments.end(), options.arguments.begin(), options.arguments.end());
@@ -64,13 +66,20 @@ RunningDaemon::RunningDaemon(const Options& options) {
 }
 
 RunningDaemon::~RunningDaemon() {
+  // As long as the port is taken: behind that it may be the log of the next daemon that has it.
+  RemoveLogFile();
   process_.reset();
-  std::error_code ignored;
-  fs::remove(LogFile(), ignored);
 }
 
 bool RunningDaemon::WaitForLog(const std::string& text) const {
   return Eventually([&] { return Logged().find(text) != std::string::npos; });
+}
+
+void RunningDaemon::RemoveLogFile() const {
+  for (const char* directory : {"/var/log", "/tmp"}) {
+    std::error_code ignored;
+    fs::remove(directory + ("/VKJobmill_" + std::to_string(port_) + ".log"), ignored);
+  }
 }
 
 std::string RunningDaemon::LogFile() const {

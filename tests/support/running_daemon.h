@@ -52,6 +52,9 @@ class RunningDaemon {
   std::string Inside(const std::string& file) const;
 
  private:
+  // That of this port in each place that a daemon may choose.
+  void RemoveLogFile() const;
+
   TemporaryDirectory directory_;
   int port_ = 0;
   std::unique_ptr<ChildProcess> process_;
