@@ -23,8 +23,6 @@ std::vector<Component> pseudo_gas(double gravity) {
   gas.critical_pressure =
       kField.to_model(Quantity::kPressure, 756.8 - 131.0 * gravity - 3.6 * gravity * gravity);
   gas.acentric_factor = 0.02;
-  gas.omega_a = 0.45724;
-  gas.omega_b = 0.07780;
   gas.volume_shift = -0.15;  // near methane's
   return {gas};
 }

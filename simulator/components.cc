@@ -7,9 +7,6 @@
 namespace simulator {
 namespace {
 
-constexpr double kOmegaA = 0.45724;
-constexpr double kOmegaB = 0.07780;
-
 const std::array<Component, 12>& library() {
   // Molecular weight, TCrit, PCrit, VCrit, acentric factor, boiling point, volume shift, omegas,
   // parachor. C7+ stands for the single-carbon-number group C13.

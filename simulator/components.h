@@ -5,6 +5,10 @@
 
 namespace simulator {
 
+/// The constants of the Peng-Robinson equation.
+inline constexpr double kOmegaA = 0.45724;
+inline constexpr double kOmegaB = 0.07780;
+
 /// One component of an equation of state. Temperatures in K, pressure in bar, critical volume in
 /// m3/kmol.
 struct Component {
@@ -16,8 +20,8 @@ struct Component {
   double acentric_factor = 0;
   double boiling_point = 0;
   double volume_shift = 0;  ///< shift of the molar volume over the co-volume, dimensionless
-  double omega_a = 0;
-  double omega_b = 0;
+  double omega_a = kOmegaA;
+  double omega_b = kOmegaB;
   double parachor = 0;
 };
 

@@ -6,6 +6,8 @@
 #include <cmath>
 #include <cstdint>
 #include <fstream>
+#include <initializer_list>
+#include <iterator>
 #include <limits>
 #include <numeric>
 #include <set>
@@ -88,6 +90,19 @@ class Section : public sections::Section {
     return Find(key) ? text(key) : otherwise;
   }
 
+  /// What the text at `key` stands for. It must be one of `choices`.
+  template <typename T>
+  T choice(std::string_view key, std::initializer_list<std::pair<std::string_view, T>> choices) {
+    const std::string given = text(key);
+    std::string names;
+    for (const auto& [name, value] : choices) {
+      if (given == name) return value;
+      const bool last = name == std::prev(choices.end())->first;
+      names += (names.empty() ? "" : last ? " or " : ", ") + quoted(name);
+    }
+    PlaceOf(key).Fail(quoted(key) + " must be " + names + ", not " + quoted(given));
+  }
+
   std::chrono::year_month_day date(std::string_view key) {
     const sections::Value found = need(key);
     const auto value = found.Date();
@@ -158,21 +173,6 @@ class Section : public sections::Section {
   Units units_;
 };
 
-Units::System unit_system(Section& run) {
-  const std::string units = run.text("units");
-  if (units == "FIELD") return Units::System::kField;
-  if (units == "METRIC") return Units::System::kMetric;
-  run.PlaceOf("units").Fail("\"units\" must be \"FIELD\" or \"METRIC\", not " + quoted(units));
-}
-
-bool is_compositional(Section& run) {
-  const std::string fluid = run.text("fluid");
-  if (fluid == "COMPOSITIONAL") return true;
-  if (fluid == "BLACK_OIL") return false;
-  run.PlaceOf("fluid").Fail("\"fluid\" must be \"BLACK_OIL\" or \"COMPOSITIONAL\", not " +
-                            quoted(fluid));
-}
-
 double end_time(Section& run, std::chrono::year_month_day start) {
   if (!run.Find("end")) return run.number("end_time", Quantity::kNone, kDays);
   if (run.Find("end_time")) {
@@ -184,7 +184,8 @@ double end_time(Section& run, std::chrono::year_month_day start) {
 }
 
 bool read_run(Section run, Deck& deck) {
-  const bool compositional = is_compositional(run);
+  const bool compositional =
+      run.choice<bool>("fluid", {{"BLACK_OIL", false}, {"COMPOSITIONAL", true}});
   deck.title = run.text("title", "");
   deck.start = run.date("start");
   deck.end_time = end_time(run, deck.start);
@@ -215,9 +216,6 @@ void read_reservoir(Section section, Deck& deck) {
 }
 
 void read_water(std::optional<Section> section, Deck& deck) {
-  deck.water_density = 1030;
-  deck.water_volume_factor = 1.02;
-  deck.water_compressibility = 4.5e-5;
   if (!section) return;
   deck.water_density =
       section->number("density", Quantity::kDensity, kPositive, deck.water_density);
@@ -233,24 +231,20 @@ void read_flow(std::optional<Section> section, Deck& deck) {
   RelativePermeability& curves = deck.relative_permeability;
   Viscosities& viscosities = deck.viscosities;
   constexpr Range kExponent{1, 10};
-  const auto fraction = [&](const char* key, double& value) {
-    value = section->number(key, Quantity::kNone, kFraction, value);
+  const auto read = [&](const char* key, const Range& range, double& value) {
+    value = section->number(key, Quantity::kNone, range, value);
   };
-  fraction("connate_water", curves.connate_water);
-  fraction("residual_oil", curves.residual_oil);
-  fraction("critical_gas", curves.critical_gas);
-  fraction("water_end_point", curves.water_end_point);
-  fraction("gas_end_point", curves.gas_end_point);
-  curves.oil_exponent =
-      section->number("oil_exponent", Quantity::kNone, kExponent, curves.oil_exponent);
-  curves.water_exponent =
-      section->number("water_exponent", Quantity::kNone, kExponent, curves.water_exponent);
-  curves.gas_exponent =
-      section->number("gas_exponent", Quantity::kNone, kExponent, curves.gas_exponent);
-  viscosities.oil = section->number("oil_viscosity", Quantity::kNone, kPositive, viscosities.oil);
-  viscosities.water =
-      section->number("water_viscosity", Quantity::kNone, kPositive, viscosities.water);
-  viscosities.gas = section->number("gas_viscosity", Quantity::kNone, kPositive, viscosities.gas);
+  read("connate_water", kFraction, curves.connate_water);
+  read("residual_oil", kFraction, curves.residual_oil);
+  read("critical_gas", kFraction, curves.critical_gas);
+  read("water_end_point", kFraction, curves.water_end_point);
+  read("gas_end_point", kFraction, curves.gas_end_point);
+  read("oil_exponent", kExponent, curves.oil_exponent);
+  read("water_exponent", kExponent, curves.water_exponent);
+  read("gas_exponent", kExponent, curves.gas_exponent);
+  read("oil_viscosity", kPositive, viscosities.oil);
+  read("water_viscosity", kPositive, viscosities.water);
+  read("gas_viscosity", kPositive, viscosities.gas);
   if (curves.connate_water + curves.residual_oil + curves.critical_gas >= 1) {
     section->place().Fail("\"connate_water\", \"residual_oil\" and \"critical_gas\" leave no room");
   }
@@ -283,8 +277,8 @@ Component read_component(Section section) {
   component.acentric_factor = section.number("acentric_factor", Quantity::kNone, {-0.5, 2});
   component.boiling_point = section.number("boiling_point", Quantity::kAbsolute, kPositive);
   component.volume_shift = section.number("volume_shift", Quantity::kNone, {-0.5, 0.5}, 0);
-  component.omega_a = section.number("omega_a", Quantity::kNone, kPositive, 0.45724);
-  component.omega_b = section.number("omega_b", Quantity::kNone, kPositive, 0.07780);
+  component.omega_a = section.number("omega_a", Quantity::kNone, kPositive, kOmegaA);
+  component.omega_b = section.number("omega_b", Quantity::kNone, kPositive, kOmegaB);
   component.parachor = section.number("parachor", Quantity::kNone, kNotNegative, 0);
   section.finish();
   return component;
@@ -326,25 +320,6 @@ void read_composition(Section section, const std::vector<Component>& own, Deck& 
   deck.composition = std::move(composition);
 }
 
-WellType well_type(Section& section) {
-  const std::string type = section.text("type");
-  for (const WellType each :
-       {WellType::kProducer, WellType::kWaterInjector, WellType::kGasInjector}) {
-    if (type == to_string(each)) return each;
-  }
-  section.PlaceOf("type").Fail(
-      "\"type\" must be \"PRODUCER\", \"WATER_INJECTOR\" or \"GAS_INJECTOR\", not " + quoted(type));
-}
-
-bool is_open(Section& section) {
-  const std::string status = section.text("status", "OPEN");
-  if (status != "OPEN" && status != "SHUT") {
-    section.PlaceOf("status").Fail("\"status\" must be \"OPEN\" or \"SHUT\", not " +
-                                   quoted(status));
-  }
-  return status == "OPEN";
-}
-
 bool applies(Constraint constraint, WellType type) {
   switch (constraint) {
     case Constraint::kWaterInjectionRate:
@@ -378,8 +353,11 @@ WellDeck read_well(Section section) {
   if (well.name.empty() || well.name == "*") {
     section.PlaceOf("name").Fail("\"name\" must be a well name, not " + quoted(well.name));
   }
-  well.type = well_type(section);
-  well.open = is_open(section);
+  well.type = section.choice<WellType>("type", {{"PRODUCER", WellType::kProducer},
+                                                {"WATER_INJECTOR", WellType::kWaterInjector},
+                                                {"GAS_INJECTOR", WellType::kGasInjector}});
+  well.open =
+      !section.Find("status") || section.choice<bool>("status", {{"OPEN", true}, {"SHUT", false}});
   well.uptime = section.number("uptime", Quantity::kNone, kFraction, 1);
   const bool producer = well.type == WellType::kProducer;
   const bool gas = well.type == WellType::kGasInjector;
@@ -415,7 +393,8 @@ Deck read_top(const sections::Section& top) {
   {
     Section root(top, "the deck", deck.units);
     Section run = root.need_section("run");
-    deck.units = Units(unit_system(run));
+    deck.units = Units(run.choice<Units::System>(
+        "units", {{"FIELD", Units::System::kField}, {"METRIC", Units::System::kMetric}}));
   }
   Section root(top, "the deck", deck.units);
   Section run = root.need_section("run");

@@ -108,9 +108,9 @@ struct Deck {
   double fracture_pressure = 0;  ///< no injector's bottom-hole pressure goes above
   double injection_temperature = 0;
 
-  double water_density = 0;  ///< at standard conditions
-  double water_volume_factor = 1;
-  double water_compressibility = 0;
+  double water_density = 1030;  ///< at standard conditions
+  double water_volume_factor = 1.02;
+  double water_compressibility = 4.5e-5;
 
   RelativePermeability relative_permeability;
   Viscosities viscosities;

@@ -2,6 +2,7 @@
 
 #include <stdlib.h>
 
+#include <map>
 #include <memory>
 
 #include <CLI/CLI.hpp>
@@ -145,19 +146,15 @@ std::optional<int> Parse(int argc, const char* const* argv, Options& options,
 }  // namespace
 
 void ApplyLaunch(const Plan& plan, Options& options, const std::set<std::string>& given) {
-  const auto apply = [&given](const char* option, auto& to, const auto& from) {
-    if (from && !given.contains(option)) to = *from;
-  };
-  const Plan::Launch& launch = plan.launch;
-  apply("--host", options.host, launch.host);
-  apply("--port", options.port, launch.port);
-  apply("--path", options.run.path, launch.path);
-  apply("--root", options.run.root, launch.root);
-  apply("--processes", options.run.processes, launch.processes);
-  apply("--api", options.run.version, launch.version);
-  apply("--user", options.run.user, launch.user);
-  apply("--debug", options.run.debug, launch.debug);
-  apply("--cluster", options.run.cluster, launch.cluster);
+  master::RunRequest& run = options.run;
+  const std::map<std::string, std::string*> targets{
+      {"host", &options.host}, {"path", &run.path},      {"root", &run.root},
+      {"user", &run.user},     {"api", &run.version},    {"processes", &run.processes},
+      {"debug", &run.debug},   {"cluster", &run.cluster}};
+  for (const auto& [name, text] : plan.launch.texts) {
+    if (!given.contains("--" + name)) *targets.at(name) = text;
+  }
+  if (plan.launch.port && !given.contains("--port")) options.port = *plan.launch.port;
 }
 
 std::optional<int> ParseOptions(int argc, const char* const* argv, Options& options) {

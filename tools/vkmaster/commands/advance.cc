@@ -26,37 +26,23 @@ void TakeOptions(const Words& arguments, std::size_t at, AdvanceRequest& request
   }
 }
 
-struct Sums {
-  double oil = 0;
-  double gas = 0;
-  double water = 0;
-  double water_injection = 0;
-  double gas_injection = 0;
-};
-
-Sums SumsOfWells(Session& session) {
-  std::vector<std::string> names;
-  for (const master::WellStatus& well : session.Wells()) names.push_back(well.name);
-  Sums sums;
-  for (const master::WellData& well : session.Data(names)) {
-    sums.oil += well.oil_rate;
-    sums.gas += well.gas_rate;
-    sums.water += well.water_rate;
-    sums.water_injection += well.water_injection_rate;
-    sums.gas_injection += well.gas_injection_rate;
-  }
-  return sums;
-}
-
 void AddSums(Session& session, Result& result) {
   const Units& units = UnitsOf(session.Metric());
-  const Sums sums = SumsOfWells(session);
-  result.fields.push_back({"oil_rate", "oil", sums.oil, units.liquid_rate});
-  result.fields.push_back({"water_rate", "water", sums.water, units.liquid_rate});
-  result.fields.push_back({"gas_rate", "gas", sums.gas, units.gas_rate});
-  result.fields.push_back(
-      {"water_injection_rate", "water in", sums.water_injection, units.liquid_rate});
-  result.fields.push_back({"gas_injection_rate", "gas in", sums.gas_injection, units.gas_rate});
+  std::vector<std::string> names;
+  for (const master::WellStatus& well : session.Wells()) names.push_back(well.name);
+  const std::vector<master::WellData> wells = session.Data(names);
+  const auto add = [&](const char* key, const char* label, double master::WellData::*rate,
+                       const std::string& unit) {
+    double sum = 0;
+    for (const master::WellData& well : wells) sum += well.*rate;
+    result.fields.push_back({key, label, sum, unit});
+  };
+  using Data = master::WellData;
+  add("oil_rate", "oil", &Data::oil_rate, units.liquid_rate);
+  add("water_rate", "water", &Data::water_rate, units.liquid_rate);
+  add("gas_rate", "gas", &Data::gas_rate, units.gas_rate);
+  add("water_injection_rate", "water in", &Data::water_injection_rate, units.liquid_rate);
+  add("gas_injection_rate", "gas in", &Data::gas_injection_rate, units.gas_rate);
 }
 
 }  // namespace

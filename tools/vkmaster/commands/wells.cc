@@ -81,13 +81,18 @@ Result VarsResult(Session& session, const Words& patterns,
   return {.command = "vars", .tables = {std::move(table)}};
 }
 
+Table SameForAll(const Words& wells, const Column& column, const Value& value) {
+  Table table{"wells", "", {{"well", "well", ""}, column}, {}};
+  for (const std::string& well : wells) table.rows.push_back({well, value});
+  return table;
+}
+
 Result StatusResult(Session& session, const std::string& command, const std::string& status,
                     const Words& patterns) {
   const std::vector<std::string> wells = session.Resolve(patterns);
   SetStatuses(session, wells, std::vector<std::string>(wells.size(), status));
-  Table table{"wells", "", {{"well", "well", ""}, {"status", "status asked for", ""}}, {}};
-  for (const std::string& well : wells) table.rows.push_back({well, status});
-  return {.command = command, .tables = {std::move(table)}};
+  return {.command = command,
+          .tables = {SameForAll(wells, {"status", "status asked for", ""}, status)}};
 }
 
 Result UptimeResult(Session& session, const Words& patterns, double fraction) {
@@ -95,9 +100,8 @@ Result UptimeResult(Session& session, const Words& patterns, double fraction) {
   for (const auto& part : Parts(wells, 12, 8)) {
     session.run().SetWellUptime(part, std::vector<double>(part.size(), fraction));
   }
-  Table table{"wells", "", {{"well", "well", ""}, {"uptime_fraction", "uptime", ""}}, {}};
-  for (const std::string& well : wells) table.rows.push_back({well, fraction});
-  return {.command = "uptime", .tables = {std::move(table)}};
+  return {.command = "uptime",
+          .tables = {SameForAll(wells, {"uptime_fraction", "uptime", ""}, fraction)}};
 }
 
 // The constraints by well. Where a well is named twice, the later value of a constraint counts.

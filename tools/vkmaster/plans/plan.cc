@@ -59,14 +59,9 @@ Target TargetOf(const Value& value) {
 
 Plan::Launch ReadLaunch(Section section) {
   Plan::Launch launch;
-  launch.host = Text(section, "host");
-  launch.path = Text(section, "path");
-  launch.root = Text(section, "root");
-  launch.processes = Text(section, "processes");
-  launch.version = Text(section, "api");
-  launch.user = Text(section, "user");
-  launch.debug = Text(section, "debug");
-  launch.cluster = Text(section, "cluster");
+  for (const char* key : {"host", "path", "root", "processes", "api", "user", "debug", "cluster"}) {
+    if (const auto text = Text(section, key)) launch.texts.emplace(key, *text);
+  }
   if (const auto port = section.Find("port")) {
     const auto number = port->Integer();
     if (!number || *number < 1 || *number > 65535) {

@@ -1,6 +1,7 @@
 // Plans: plan.h reads one, course.h carries it out.
 #pragma once
 
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -20,7 +21,7 @@ struct PlanEvent {
 /// and what is recorded.
 struct Plan {
   struct Launch {
-    std::optional<std::string> host, path, root, processes, version, user, debug, cluster;
+    std::map<std::string, std::string> texts;  ///< by the names of the options, without "--"
     std::optional<int> port;
   };
   Launch launch;
