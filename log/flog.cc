@@ -20,35 +20,42 @@ namespace {
 
 constexpr mode_t kPublic = 0666;
 
-// What stands there may have been put there by somebody else, to be written to; where others cannot
-// put files, it has not.
-bool IsTrusted(const FilePlace& place, const struct stat& file) {
-  return file.st_uid == geteuid() || !place.IsOpenToOthers();
+int Publish(int descriptor) {
+  if (descriptor >= 0) fchmod(descriptor, kPublic);  // whatever the umask
+  return descriptor;
 }
 
-int OpenRegular(const FilePlace& place, int extraFlags) {
+int OpenStanding(const FilePlace& place) {
   struct stat status {};
-  const int descriptor = place.OpenSole(O_APPEND | extraFlags, kPublic, status);
-  if (descriptor < 0 || IsTrusted(place, status)) return descriptor;
+  const int descriptor = place.OpenSole(O_APPEND, 0, status);
+  if (descriptor < 0) return -1;
+  if (!place.IsOpenToOthers()) return Publish(descriptor);
+  // Somebody else may have put there what stands there, to have it written to: a file of his own,
+  // or one of ours, moved there, that only we may read. Ours is written to, but not opened to all.
+  if (status.st_uid == geteuid()) return descriptor;
   close(descriptor);
   return -1;
 }
 
+int Create(const FilePlace& place) {
+  struct stat status {};
+  return Publish(place.OpenSole(O_APPEND | O_CREAT | O_EXCL, kPublic, status));
+}
+
 int CreateFresh(const FilePlace& place) {
   const int fresh = place.CreateFresh(O_APPEND, kPublic);
-  if (fresh >= 0 || errno != EISDIR || !place.Remove(AT_REMOVEDIR)) return fresh;
+  if (fresh >= 0 || errno != EISDIR || !place.Remove(AT_REMOVEDIR)) return Publish(fresh);
   // An empty directory goes the way it would with remove().
-  return place.CreateFresh(O_APPEND, kPublic);
+  return Publish(place.CreateFresh(O_APPEND, kPublic));
 }
 
 int OpenLog(const FilePlace& place, bool removeOld) {
-  if (!removeOld) return OpenRegular(place, O_CREAT);
-  const int fresh = CreateFresh(place);
+  const int fresh = removeOld ? CreateFresh(place) : Create(place);
   if (fresh >= 0) return fresh;
   // There may be room for one file only, the old one.
-  if (place.Remove(0)) return OpenRegular(place, O_CREAT | O_EXCL);
+  if (removeOld && place.Remove(0)) return Create(place);
   // A file may be writable in a directory that is not.
-  return OpenRegular(place, 0);
+  return OpenStanding(place);
 }
 
 // Values as a standard stream writes them by default, in `room` where they need any: what is
@@ -101,7 +108,6 @@ void flog::SetFile(const std::string& file, bool removeOld) {
     // As the system sees the name.
     const std::string name = file.substr(0, file.find('\0'));
     if (!name.empty()) descriptor_ = OpenLog(FilePlace(name), removeOld);
-    if (descriptor_ >= 0) fchmod(descriptor_, kPublic);  // whatever the umask
   } catch (const std::bad_alloc&) {
     // Disabled, as without a file.
   }

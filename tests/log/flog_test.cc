@@ -370,6 +370,28 @@ INSTANTIATE_TEST_SUITE_P(
                     Standing{"OfUsInAStrangersDirectory", kStranger, 0755, kUs, true}),
     [](const auto& standing) { return standing.param.name; });
 
+// Whoever owns the directory can move a file of ours there that only we may read.
+TEST_F(FlogTest, OwnFileMovedThereByAStrangerIsNotOpenedToAll) {
+  if (getuid() != 0) GTEST_SKIP() << "giving files away needs root";
+  for (const auto& [owner, mode] : {std::pair(kStranger, 0600), std::pair(kUs, 0666)}) {
+    const TemporaryDirectory directory;
+    const std::string file = directory.Write("a.log", "secret ");
+    ASSERT_EQ(chmod(file.c_str(), 0600), 0);
+    ASSERT_EQ(chown(file.c_str(), kUs, 0), 0);
+    ASSERT_EQ(chmod(directory.path().c_str(), 0555), 0);
+    ASSERT_EQ(chown(directory.path().c_str(), owner, 0), 0);
+    for (const bool removeOld : {true, false}) {
+      ASSERT_EQ(chmod(file.c_str(), 0600), 0);
+      EXPECT_EQ(InChild([&] {
+                  if (setgid(kUs) != 0 || setuid(kUs) != 0) return 9;
+                  return static_cast<int>(flog(file, removeOld).status());
+                }),
+                0);
+      EXPECT_EQ(static_cast<int>(fs::status(file).permissions()), mode);
+    }
+  }
+}
+
 TEST_F(FlogTest, FileOfTwoNamesInADirectoryThatRefusesANewFileIsNotAppendedTo) {
   directory_.Write("victim", "precious");
   fs::permissions(directory_.File("victim"), fs::perms(0666));
