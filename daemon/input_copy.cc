@@ -72,9 +72,12 @@ int OpenTarget(const FilePlace& place, const struct stat& source) {
   if (fresh >= 0 || !exists) return fresh;
   if (!S_ISREG(present.st_mode)) return Refuse();
   const int old = place.OpenSole(0, 0, present);
-  // Somebody else's file would show him what he may not read himself.
+  // Somebody else's file would show him what he may not read himself, and so would one of ours that
+  // he may read and has moved there.
   const bool ours = present.st_uid == geteuid() || present.st_uid == source.st_uid;
-  if (old < 0 || ours) return old;
+  const bool shown = (present.st_mode & (S_IRGRP | S_IROTH)) != 0 &&
+                     (source.st_mode & S_IROTH) == 0 && place.IsOpenToOthers();
+  if (old < 0 || (ours && !shown)) return old;
   close(old);
   return Refuse();
 }

@@ -471,6 +471,19 @@ TEST_F(ClosedDirectoryTest, StrangersFileDoesNotGetWhatOnlyTheAccountMayRead) {
   EXPECT_EQ(OwnerAndText("LEAK_1.afi"), "61236 ");
 }
 
+// The stranger can have moved both there from a directory where he may write.
+TEST_F(ClosedDirectoryTest, OpenFileOfTheAccountDoesNotGetWhatOnlyTheAccountMayRead) {
+  Write("LEAK.afi", "secret", kAccount, 0640);
+  for (const mode_t mode : {0604U, 0640U}) {
+    Write("LEAK_1.afi", "", kAccount, mode);
+    EXPECT_EQ(PrepareAsVictim("LEAK"), kRefused);
+    EXPECT_EQ(OwnerAndText("LEAK_1.afi"), "61234 ");
+  }
+  Give(data_.path().string(), kAccount, 0555);
+  EXPECT_EQ(PrepareAsVictim("LEAK"), kCopied);
+  EXPECT_EQ(OwnerAndText("LEAK_1.afi"), "61234 secret");
+}
+
 TEST_F(ClosedDirectoryTest, StrangersFileInATemporaryDirectoryIsWrittenToForHisOwnDeckOnly) {
   Give(data_.path().string(), 0, 01777);
   Write("CASE_1.afi", "former", kStranger, 0666);
