@@ -1,10 +1,12 @@
 #include "daemon/handshake.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <linux/keyctl.h>
 #include <pwd.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/ioctl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -118,12 +120,23 @@ void JoinOwnKeyring() {
   syscall(SYS_keyctl, KEYCTL_JOIN_SESSION_KEYRING, nullptr);
 }
 
+// Leaves the terminal from which the daemon was started: what the account executes could type at it
+// in root's name, and any process of the account can make cp do so. The session stays, so that
+// Ctrl-C there still ends this process.
+void LeaveTerminal() {
+  const int terminal = open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC);
+  if (terminal < 0) return;
+  ioctl(terminal, TIOCNOTTY);
+  close(terminal);
+}
+
 // Group before user: once the user id has changed, the group id no longer can. The supplementary
 // groups stay those of the daemon, which sites rely on.
 void SwitchAccount(const std::string& account, flog& log) {
   const passwd* entry = getpwnam(account.c_str());
   if (entry == nullptr) Refuse(log, Quoted("Failed to get password entry for", account));
   JoinOwnKeyring();
+  LeaveTerminal();
   if (setgid(entry->pw_gid) != 0) {
     log << (errno == EPERM ? "Failed to set the group ID - 1\n"
                            : "Failed to set the group ID - 2\n");

@@ -1,11 +1,13 @@
 // The daemon as root, and the accounts to which it switches its runs.
 
 #include <errno.h>
+#include <fcntl.h>
 #include <grp.h>
 #include <linux/capability.h>
 #include <linux/keyctl.h>
 #include <sched.h>
 #include <signal.h>
+#include <stdlib.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
@@ -51,6 +53,16 @@ std::string StatusLine(pid_t pid, const std::string& name) {
       return line.substr(line.find_first_not_of("\t ", name.size() + 1));
   }
   return "no " + name;
+}
+
+// The number of the terminal that controls a process; 0: none.
+int TerminalOf(pid_t pid) {
+  std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
+  std::string text;
+  std::getline(file, text, ')');
+  int terminal = -1;
+  file >> text >> text >> text >> text >> terminal;  // state, parent, group, session
+  return terminal;
 }
 
 // "UID:GID MODE" of a file.
@@ -231,6 +243,35 @@ TEST_F(ClimberTest, ScriptDoesNotGetTheKeysOfTheDaemonsSession) {
 
 TEST_F(ClimberTest, KernelWithoutKeyringsIsNoReasonToRefuseARun) {
   EXPECT_EQ(OutcomeOfClimbing([] { return RefuseCalls({{SYS_keyctl, ENOSYS}}); }), kHost);
+}
+
+// What has a terminal can type at it, and any process of the account can make cp do so.
+TEST_F(PrivilegeTest, CopyHasNoTerminal) {
+  const int terminal = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+  if (terminal < 0 || grantpt(terminal) != 0 || unlockpt(terminal) != 0) {
+    GTEST_SKIP() << "no terminal on this machine";
+  }
+  const std::string line = ptsname(terminal);
+  const TemporaryDirectory programs;
+  fs::permissions(programs.path(), fs::perms(0755));
+  programs.Write("cp", "#!/bin/sh\n(: </dev/tty) 2>/dev/null && echo terminal || echo none\n");
+  fs::permissions(programs.File("cp"), fs::perms(0755));
+  options_.environment = "PATH " + programs.path().string();
+  data_.Write("CASE.afi", "deck");
+  Start([&line] {
+    // What leads a group cannot begin a session, and the parent may still make this process lead
+    // one.
+    while (setsid() < 0 && setpgid(0, getpgid(getppid())) == 0) {
+    }
+    return close(open(line.c_str(), O_RDWR)) == 0;
+  });
+  ASSERT_NE(TerminalOf(daemon_->pid()), 0);
+  ASSERT_EQ(Outcome("alice", "3"), kHost);
+  EXPECT_EQ(TerminalOf(Controller()), 0);
+  EXPECT_THAT(daemon_->Logged(), HasSubstr("\nnone\nCopy succeeded\n"));
+  EXPECT_EQ(master_->Ask(kShutdown), kShutDown);
+  daemon_.reset();
+  close(terminal);
 }
 
 TEST_F(PrivilegeTest, WhatTheRunWritesBelongsToTheAccountAndTheDaemonsLogToRoot) {
