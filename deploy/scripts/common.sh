@@ -137,6 +137,21 @@ use_account() {
   fi
 }
 
+# Leaves only absolute directories in the search paths. Anything else, such as the nothing beside a
+# colon too many, has programs and libraries looked for in the data directory, where others may write.
+use_absolute_paths() {
+  local variable text directory kept
+  for variable in PATH LD_LIBRARY_PATH; do
+    text=${!variable:-}
+    [[ $variable == PATH ]] || text=${text//;/:}
+    kept=
+    while IFS= read -rd : directory; do
+      [[ $directory != /* ]] || kept+=${kept:+:}$directory
+    done <<<"$text:"
+    [[ -z $text ]] || printf -v "$variable" %s "${kept:-/}"
+  done
+}
+
 # read_arguments "$@": what the jobmill passes.
 read_arguments() {
   (($# == 5)) || give_up "expects 5 arguments: processes, data path, root name, port, debug flag"
@@ -145,6 +160,7 @@ read_arguments() {
   [[ $root != -* ]] || give_up "the root name '$root' begins with a hyphen"
   [[ $data == /* ]] || data=$PWD/$data
   output=$root.out
+  use_absolute_paths
 }
 
 # Enters directory $1 of this one. Others may be able to write here, and to put a link or another

@@ -72,6 +72,18 @@ TEST(LocalScriptTest, SimulatorIsNotLookedForInTheDataDirectory) {
   EXPECT_FALSE(std::filesystem::exists(site.data().File("executed")));
 }
 
+// A colon too many, as an empty variable in a profile leaves it, stands for the working directory.
+TEST(LocalScriptTest, ProgramsAndLibrariesAreNotLookedForInTheDataDirectory) {
+  Site site({"PATH=.:" + std::string(getenv("PATH")) + ":", "LD_LIBRARY_PATH=/none:.;"});
+  for (const char* name : {"ls", "mktemp", "sed", "vksim"}) {
+    Program(site.data(), name, "touch '" + site.data().File("executed") + "'");
+  }
+  site.data().Write("libc.so.6", "no library");
+  site.Start("CASE", ExampleDeck())->Shutdown();
+  EXPECT_TRUE(site.IsQuiet("CASE"));
+  EXPECT_FALSE(std::filesystem::exists(site.data().File("executed")));
+}
+
 TEST(LocalScriptTest, SimulatorMayBeANameInThePath) {
   const TemporaryDirectory programs;
   std::filesystem::create_symlink(ProgramDirectory() + "/vksim", programs.File("somesim"));
