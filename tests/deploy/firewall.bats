@@ -183,6 +183,29 @@ give_back() {
   never reaches daemon 127.0.0.1 5000 setpriv --reuid 65533 --regid 65533 --clear-groups
 }
 
+# Some sockets send without anybody whom the filter could ask for, as this one does when its program has
+# gone before all that it wrote was read.
+@test "PacketsOfNobodyAreKeptFromTheMastersPort" {
+  left_over() { [[ -n $(on daemon ss -Htn state fin-wait-1 dport = :5050) ]]; }
+  on daemon python3 -c '
+import os, socket, time
+server = socket.create_server(("127.0.0.1", 5050))
+if os.fork() == 0:
+    os.setresuid(65534, 65534, 65534)
+    client = socket.create_connection(("127.0.0.1", 5050))
+    client.setblocking(False)
+    try:
+        while True:
+            client.send(bytes(65536))
+    except BlockingIOError:
+        os._exit(0)
+connection, _ = server.accept()
+time.sleep(60)' 3>&- 4>&- &
+  eventually 5 left_over
+  load_filter master_port 5050
+  eventually 5 never left_over
+}
+
 @test "CommsPortsAreForThisMachine" {
   reaches alice 192.0.2.1 9001
   reaches alice 2001:db8::1 9001
