@@ -88,6 +88,6 @@ class Socket {
   int handle_;                ///< -1 after Close()
   std::int32_t* references_;  ///< shared by all copies
 
- private:
-  static std::int32_t nofSockets_;  // for diagnostics
+  static std::int32_t
+      nofSockets_;  ///< sockets that are alive, and brackets of use, for diagnostics
 };

@@ -177,6 +177,7 @@ reads_and_writes_nothing() {
   never printed '^HOST='
   printed '^  HOST=evil$'
   printed 'exit status 4'
+  never printed 'signal'
   # The jobmill takes longer ones in pieces.
   never printed '.{1000}'
 }

@@ -168,7 +168,7 @@ TEST_F(AnswerTest, MasterThatLeavesAtTheVersionEndsTheConnection) {
 }
 
 TEST_F(AnswerTest, AnyOtherVersionOfTheMasterIsAccepted) {
-  for (const char* answer : {"7", "-1", " 3", "3x"}) {
+  for (const char* answer : {"7", "9", "-1", " 3", "3x"}) {
     SCOPED_TRACE(answer);
     pair_ = SocketPair();
     answer_ = answer;

@@ -604,6 +604,26 @@ TEST_F(SocketTest, CloseClosesAtOnceAndTheDestructorDoesNotCloseTheNumberAgain) 
   EXPECT_TRUE(IsOpen(number));
 }
 
+struct CountedSocket : Socket {
+  using Socket::nofSockets_;
+};
+
+TEST_F(SocketTest, AliveAreCounted) {
+  const int before = CountedSocket::nofSockets_;
+  {
+    Socket own;
+    EXPECT_EQ(CountedSocket::nofSockets_, before + 1);
+    Socket accepted(dup(0));
+    EXPECT_EQ(CountedSocket::nofSockets_, before + 2);
+    const Socket copy(own);
+    EXPECT_EQ(CountedSocket::nofSockets_, before + 3);
+  }
+  EXPECT_EQ(CountedSocket::nofSockets_, before);
+  Socket::Start();
+  Socket::End();
+  EXPECT_EQ(CountedSocket::nofSockets_, before + 1);
+}
+
 TEST_F(SocketTest, CopiesShareTheDescriptorUntilTheLastGoes) {
   SocketPair pair;
   const int number = pair.ours.get();

@@ -184,6 +184,7 @@ TEST(Output, FullDiskIsAnErrorForOneLineAndForMany) {
 
 TEST(FormatValue, LargeRatesAreNotShownInPowersOfTen) {
   EXPECT_EQ(vkmaster::FormatValue(2817400000.0, false), "2817400000");
+  EXPECT_EQ(vkmaster::FormatValue(1000000.0, false), "1000000");
   EXPECT_EQ(vkmaster::FormatValue(123456.7, false), "123457");
   EXPECT_EQ(vkmaster::FormatValue(1e15, false), "1e+15");
   EXPECT_EQ(vkmaster::FormatValue(0.00012345678, false), "0.000123457");

@@ -39,6 +39,7 @@ TEST_F(ProgressTest, OtherWorkShowsTheTimeSpent) {
   Progress progress(true, terminal_);
   progress.Begin("shutting down");
   EXPECT_EQ(progress.Line(seconds(61)), "shutting down (0:01:01)");
+  EXPECT_EQ(progress.Line(seconds(3600)), "shutting down (1:00:00)");
 }
 
 TEST_F(ProgressTest, LineIsOverwrittenAndRemoved) {

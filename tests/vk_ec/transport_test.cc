@@ -8,6 +8,7 @@
 #include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -16,6 +17,7 @@
 #include <cstring>
 #include <exception>
 #include <new>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -25,7 +27,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "tests/support/answered_call.h"
 #include "tests/support/socket_pair.h"
+#include "tests/support/text_of_child.h"
 #include "tests/support/wire_bytes.h"
 
 namespace {
@@ -82,6 +86,27 @@ TEST_F(TransportTest, EmptyMessageIsTheInitialHeaderAlone) {
   Send("");
   EXPECT_EQ(wire::Read(peer_, 16), Bytes("00 00 00 00 00 00 00 00  00 00 00 00 00 00 00 00"));
   EXPECT_THAT(wire::ReadPending(peer_), IsEmpty());
+}
+
+// The second send of the message that is sent in the child.
+std::size_t left_to_send = 0;
+long SendAllButOneByte() {
+  const auto* message = static_cast<const msghdr*>(AnsweredBuffer());
+  std::size_t size = 0;
+  for (std::size_t i = 0; i < message->msg_iovlen; ++i) size += message->msg_iov[i].iov_len;
+  if (left_to_send == 0) return static_cast<long>(left_to_send = size) - 1;
+  left_to_send = size;
+  return static_cast<long>(size);
+}
+
+TEST_F(TransportTest, LastByteThatTheSystemDoesNotTakeAtOnceFollows) {
+  const auto left = TextOfChild([this]() -> std::optional<std::string> {
+    if (!AnswerCall(SYS_sendmsg, SendAllButOneByte)) return std::nullopt;
+    Send("hello");
+    return std::to_string(left_to_send);
+  });
+  if (!left) GTEST_SKIP() << "system calls cannot be answered here";
+  EXPECT_EQ(*left, "1");
 }
 
 TEST_F(TransportTest, MessageOf65536BytesIsOneChunk) {
