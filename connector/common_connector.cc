@@ -11,9 +11,9 @@
 
 #include "connector/inflow_survey.h"
 #include "connector/name_lookup.h"
-#include "vk_ec/detail/constraint_setter.h"
-#include "vk_ec/detail/position_info.h"
-#include "vk_ec/detail/results.h"
+#include "vk_ec/constraint_setter.h"
+#include "vk_ec/position_info.h"
+#include "vk_ec/results.h"
 
 namespace connector {
 namespace {

@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "connector/connector_base.h"
-#include "vk_ec/detail/client.h"
+#include "vk_ec/client.h"
 
 namespace connector {
 

@@ -5,7 +5,7 @@
 
 #include "connector/name_lookup.h"
 #include "connector/records.h"
-#include "vk_ec/detail/results.h"
+#include "vk_ec/results.h"
 
 namespace connector {
 

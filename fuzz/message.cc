@@ -1,7 +1,7 @@
 // Messages of the simulator: the decoder reads exactly the items that the bytes hold, whatever
 // they are, and refuses the rest without reading past the end.
 
-#include "vk_ec/detail/message.h"
+#include "vk_ec/message.h"
 
 #include <cstdint>
 #include <cstring>

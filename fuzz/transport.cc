@@ -1,7 +1,7 @@
 // Chunks from the simulator: a message is put together from chunks of any length that fit, and
 // everything else is refused with its sentence, as soon as it shows.
 
-#include "vk_ec/detail/transport.h"
+#include "vk_ec/transport.h"
 
 #include <sys/socket.h>
 #include <unistd.h>

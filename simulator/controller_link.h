@@ -9,7 +9,7 @@
 
 #include "simulator/reservoir.h"
 #include "simulator/stop_signal.h"
-#include "vk_ec/detail/message.h"
+#include "vk_ec/message.h"
 
 namespace simulator {
 

@@ -11,7 +11,7 @@
 
 #include "bench/micro/table.h"
 #include "tests/support/socket_pair.h"
-#include "vk_ec/detail/message.h"
+#include "vk_ec/message.h"
 
 namespace bench {
 namespace {

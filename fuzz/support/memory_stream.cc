@@ -6,7 +6,7 @@
 #include <boost/asio/error.hpp>
 #include <boost/system/system_error.hpp>
 
-#include "vk_ec/detail/stream_socket.h"
+#include "vk_ec/stream_socket.h"
 
 MemoryStream memoryStream;
 
@@ -16,7 +16,7 @@ void AppendFramed(std::string& stream, std::string_view message) {
   stream.append(message);
 }
 
-// The same class as that of vk_ec/detail/stream_socket.cc, which the linker leaves out when it
+// The same class as that of vk_ec/stream_socket.cc, which the linker leaves out when it
 // finds these.
 namespace vk_ec::detail {
 

@@ -8,7 +8,7 @@
 
 #include "tests/support/generators.h"
 #include "tests/support/wire_bytes.h"
-#include "vk_ec/detail/message.h"
+#include "vk_ec/message.h"
 
 // Messages of any shape, for properties of the codec and of the transport.
 

@@ -8,7 +8,7 @@
 
 #include "tests/support/wire_bytes.h"
 #include "tests/vk_ec/client_fixture.h"
-#include "vk_ec/detail/constraint_setter.h"
+#include "vk_ec/constraint_setter.h"
 
 namespace {
 

@@ -32,7 +32,7 @@
 #include "tests/support/private_network.h"
 #include "tests/support/text_of_child.h"
 #include "tests/support/wire_bytes.h"
-#include "vk_ec/detail/transport.h"
+#include "vk_ec/transport.h"
 
 namespace {
 

@@ -9,8 +9,8 @@
 #include "tests/support/generators.h"
 #include "tests/support/wire_bytes.h"
 #include "tests/vk_ec/any_message.h"
-#include "vk_ec/detail/message.h"
-#include "vk_ec/detail/transport.h"
+#include "vk_ec/message.h"
+#include "vk_ec/transport.h"
 
 namespace {
 

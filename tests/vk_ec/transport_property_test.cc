@@ -12,7 +12,7 @@
 
 #include "tests/support/generators.h"
 #include "tests/support/wire_bytes.h"
-#include "vk_ec/detail/transport.h"
+#include "vk_ec/transport.h"
 
 namespace {
 

@@ -19,7 +19,7 @@
 #include "simulator/reservoir.h"
 #include "simulator/stop_signal.h"
 #include "tools/vksim/run_log.h"
-#include "vk_ec/detail/transport.h"
+#include "vk_ec/transport.h"
 
 namespace {
 

@@ -1,10 +1,10 @@
 #pragma once
 
-#include "vk_ec/detail/client.h"
-#include "vk_ec/detail/message.h"
-#include "vk_ec/detail/position_info.h"
-#include "vk_ec/detail/results.h"
-#include "vk_ec/detail/transport.h"
+#include "vk_ec/client.h"
+#include "vk_ec/message.h"
+#include "vk_ec/position_info.h"
+#include "vk_ec/results.h"
+#include "vk_ec/transport.h"
 
 namespace v2016_2::vk_ec {
 

@@ -4,11 +4,11 @@
 #include <string>
 #include <vector>
 
-#include "vk_ec/detail/message.h"
-#include "vk_ec/detail/position_info.h"
-#include "vk_ec/detail/results.h"
-#include "vk_ec/detail/transport.h"
-#include "vk_ec/detail/well_rows.h"
+#include "vk_ec/message.h"
+#include "vk_ec/position_info.h"
+#include "vk_ec/results.h"
+#include "vk_ec/transport.h"
+#include "vk_ec/well_rows.h"
 
 namespace vk_ec::detail {
 

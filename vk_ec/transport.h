@@ -5,7 +5,7 @@
 #include <utility>
 #include <vector>
 
-#include "vk_ec/detail/stream_socket.h"
+#include "vk_ec/stream_socket.h"
 
 namespace vk_ec::detail {
 

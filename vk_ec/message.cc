@@ -1,4 +1,4 @@
-#include "vk_ec/detail/message.h"
+#include "vk_ec/message.h"
 
 #include <algorithm>
 #include <bit>

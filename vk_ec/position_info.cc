@@ -1,4 +1,4 @@
-#include "vk_ec/detail/position_info.h"
+#include "vk_ec/position_info.h"
 
 #include <stdexcept>
 

@@ -1,4 +1,4 @@
-#include "vk_ec/detail/stream_socket.h"
+#include "vk_ec/stream_socket.h"
 
 #include <fcntl.h>
 #include <sys/socket.h>

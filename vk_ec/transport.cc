@@ -1,4 +1,4 @@
-#include "vk_ec/detail/transport.h"
+#include "vk_ec/transport.h"
 
 #include <algorithm>
 #include <array>

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "vk_ec/detail/message.h"
+#include "vk_ec/message.h"
 
 namespace vk_ec::detail {
 

@@ -8,7 +8,7 @@
 #include <utility>
 #include <vector>
 
-#include "vk_ec/detail/transport.h"
+#include "vk_ec/transport.h"
 
 namespace vk_ec::detail {
 

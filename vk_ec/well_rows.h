@@ -5,7 +5,7 @@
 #include <utility>
 #include <vector>
 
-#include "vk_ec/detail/message.h"
+#include "vk_ec/message.h"
 
 namespace vk_ec::detail {
 

@@ -2,8 +2,8 @@
 #include <cstring>
 #include <stdexcept>
 
-#include "vk_ec/detail/client.h"
-#include "vk_ec/detail/constraint_setter.h"
+#include "vk_ec/client.h"
+#include "vk_ec/constraint_setter.h"
 
 namespace vk_ec::detail {
 namespace {

@@ -1,4 +1,4 @@
-#include "vk_ec/detail/client.h"
+#include "vk_ec/client.h"
 
 #include <algorithm>
 #include <stdexcept>

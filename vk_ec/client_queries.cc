@@ -3,7 +3,7 @@
 #include <type_traits>
 #include <utility>
 
-#include "vk_ec/detail/client.h"
+#include "vk_ec/client.h"
 
 namespace vk_ec::detail {
 namespace {
