@@ -19,9 +19,9 @@ namespace connector {
 namespace {
 
 using ::vk_ec::AlgPos;
+using ::vk_ec::ConstraintSetter;
 using ::vk_ec::ReservoirQueryResults;
-using ::vk_ec::detail::ConstraintSetter;
-using ::vk_ec::detail::WellRows;
+using ::vk_ec::WellRows;
 using Names = std::vector<std::string>;
 
 // The words that go with every control that the master sets: who set it, and how a well is closed.
@@ -117,7 +117,7 @@ std::vector<DynWellOpPt> InOrder(std::vector<DynWellOpPt>&& points, const NameLo
 
 }  // namespace
 
-::vk_ec::detail::Client& CommonConnector::client() const {
+::vk_ec::Client& CommonConnector::client() const {
   Require(client_ != nullptr, "Not connected to the simulator");
   return *client_;
 }

@@ -49,15 +49,15 @@ class CommonConnector : public ConnectorBase {
   CommonConnector() = default;
 
   /// A client of the version, unconnected; the caller's.
-  virtual ::vk_ec::detail::Client* NewClient() = 0;
+  virtual ::vk_ec::Client* NewClient() = 0;
 
   /// The client of Connect(). Throws "Not connected to the simulator" when there is none.
-  ::vk_ec::detail::Client& client() const;
+  ::vk_ec::Client& client() const;
 
  private:
   // Owned from Connect() to Shutdown() only. The client of an earlier Connect() is nobody's: only
   // Shutdown() ends a connection.
-  ::vk_ec::detail::Client* client_ = nullptr;
+  ::vk_ec::Client* client_ = nullptr;
 };
 
 }  // namespace connector

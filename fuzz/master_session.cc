@@ -110,7 +110,7 @@ bool IsReason(std::string_view error, int result) {
          error == "Unknown exception";
 }
 
-using Clients = std::vector<std::unique_ptr<vk_ec::detail::Client>>;
+using Clients = std::vector<std::unique_ptr<vk_ec::Client>>;
 
 // A connector that tells which clients it has made.
 template <class Connector, class Client>
@@ -119,7 +119,7 @@ class Recorded : public Connector {
   explicit Recorded(Clients& made) : made_(made) {}
 
  private:
-  vk_ec::detail::Client* NewClient() override {
+  vk_ec::Client* NewClient() override {
     return made_.emplace_back(std::make_unique<Client>()).get();
   }
 

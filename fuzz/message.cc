@@ -15,7 +15,7 @@
 
 namespace {
 
-using vk_ec::detail::MessageMgr;
+using vk_ec::MessageMgr;
 
 constexpr std::string_view kTooShort = "Not enough data read from network";
 

@@ -22,8 +22,8 @@
 
 namespace {
 
-using vk_ec::detail::RecvMessage;
-using vk_ec::detail::StreamSocket;
+using vk_ec::RecvMessage;
+using vk_ec::StreamSocket;
 
 // The socket asks the system to watch over its descriptor, so it has to be one. Each execution has
 // a socket of its own: what one has taken ahead is not for the next.

@@ -74,7 +74,7 @@ void ControllerLink::check(bool done, const std::string& what) const {
 }
 
 ControllerLink::Ending ControllerLink::serve(int descriptor) {
-  vk_ec::detail::Transporter transporter(descriptor);
+  vk_ec::Transporter transporter(descriptor);
   manager_ = std::make_unique<Manager>(transporter);
   descriptor_ = descriptor;
   stop_.watch(descriptor);

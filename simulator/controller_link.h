@@ -50,7 +50,7 @@ class ControllerLink {
   Ending serve(int descriptor);
 
  private:
-  using Manager = vk_ec::detail::MessageMgr;
+  using Manager = vk_ec::MessageMgr;
   using Decoder = Manager::MessageDecoder;
   using Builder = Manager::MessageBuilder;
 

@@ -4,7 +4,7 @@
 #include <stdexcept>
 #include <vector>
 
-namespace vk_ec::detail {
+namespace vk_ec {
 
 using Strings = std::vector<std::string>;
 
@@ -90,4 +90,4 @@ void Client::throw_invalid_argument(const std::string& function, int a, int b, u
                               std::to_string(size_b) + ")");
 }
 
-}  // namespace vk_ec::detail
+}  // namespace vk_ec

@@ -10,7 +10,7 @@
 #include "vk_ec/transport.h"
 #include "vk_ec/well_rows.h"
 
-namespace vk_ec::detail {
+namespace vk_ec {
 
 /// What distinguishes the protocol versions inside the common operations.
 struct ProtocolTraits {
@@ -178,4 +178,4 @@ template <>
 ReservoirQueryResults<std::string> Client::get_reservoir_properties<std::string>(
     const std::vector<std::string>& items);
 
-}  // namespace vk_ec::detail
+}  // namespace vk_ec

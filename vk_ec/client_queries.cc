@@ -5,7 +5,7 @@
 
 #include "vk_ec/client.h"
 
-namespace vk_ec::detail {
+namespace vk_ec {
 namespace {
 
 using Strings = std::vector<std::string>;
@@ -282,4 +282,4 @@ std::vector<ReservoirFluidModelDescription> Client::get_reservoir_fluid_model_de
   return models;
 }
 
-}  // namespace vk_ec::detail
+}  // namespace vk_ec

@@ -5,7 +5,7 @@
 #include "vk_ec/client.h"
 #include "vk_ec/constraint_setter.h"
 
-namespace vk_ec::detail {
+namespace vk_ec {
 namespace {
 
 using Strings = std::vector<std::string>;
@@ -121,4 +121,4 @@ void Client::set_uptime_fractions_for_wells(const Strings& wells,
   read_READY_answer();
 }
 
-}  // namespace vk_ec::detail
+}  // namespace vk_ec

@@ -6,7 +6,7 @@
 
 #include "vk_ec/message.h"
 
-namespace vk_ec::detail {
+namespace vk_ec {
 
 class Client;
 
@@ -48,4 +48,4 @@ class ConstraintSetter {
   std::vector<Place> places_;
 };
 
-}  // namespace vk_ec::detail
+}  // namespace vk_ec

@@ -7,7 +7,7 @@
 #include <stdexcept>
 #include <utility>
 
-namespace vk_ec::detail {
+namespace vk_ec {
 namespace {
 
 constexpr std::size_t kLongestName = std::numeric_limits<unsigned char>::max();
@@ -329,4 +329,4 @@ void MessageMgr::MessageDecoder::finalize() {
   position_ = end_ = 0;
 }
 
-}  // namespace vk_ec::detail
+}  // namespace vk_ec

@@ -10,7 +10,7 @@
 
 #include "vk_ec/transport.h"
 
-namespace vk_ec::detail {
+namespace vk_ec {
 
 /// The messages of one connection. A message is a sequence of headers, each followed by its data:
 ///
@@ -287,4 +287,4 @@ std::vector<T> MessageMgr::MessageDecoder::get_header_and_data(std::string_view 
   return get_data<T>(count);
 }
 
-}  // namespace vk_ec::detail
+}  // namespace vk_ec

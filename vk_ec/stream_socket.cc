@@ -14,7 +14,7 @@
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 
-namespace vk_ec::detail {
+namespace vk_ec {
 namespace {
 
 namespace asio = boost::asio;
@@ -188,4 +188,4 @@ void StreamSocket::read(unsigned char* bytes, std::size_t length) {
   }
 }
 
-}  // namespace vk_ec::detail
+}  // namespace vk_ec

@@ -5,7 +5,7 @@
 #include <memory>
 #include <string>
 
-namespace vk_ec::detail {
+namespace vk_ec {
 
 /// One TCP stream with blocking transfers. Owns its descriptor, which is close-on-exec: a process
 /// that is started later must not keep the simulator's connection open.
@@ -65,4 +65,4 @@ class StreamSocket {
   std::unique_ptr<Impl> impl_;
 };
 
-}  // namespace vk_ec::detail
+}  // namespace vk_ec

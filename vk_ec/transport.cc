@@ -9,7 +9,7 @@
 #include <stdexcept>
 #include <thread>
 
-namespace vk_ec::detail {
+namespace vk_ec {
 namespace {
 
 using std::chrono::milliseconds;
@@ -144,4 +144,4 @@ void ClientTransporter::connect(const std::string& host, unsigned port, unsigned
   socket().set_keep_alive();
 }
 
-}  // namespace vk_ec::detail
+}  // namespace vk_ec

@@ -7,7 +7,7 @@
 
 #include "vk_ec/stream_socket.h"
 
-namespace vk_ec::detail {
+namespace vk_ec {
 
 /// The bytes of one message on their way out. They are not owned and must outlive the sending.
 ///
@@ -102,4 +102,4 @@ class ClientTransporter : public Transporter {
   void connect(const std::string& host, unsigned port, unsigned timeout);
 };
 
-}  // namespace vk_ec::detail
+}  // namespace vk_ec

@@ -7,7 +7,7 @@
 
 #include "vk_ec/message.h"
 
-namespace vk_ec::detail {
+namespace vk_ec {
 
 class Client;
 
@@ -62,4 +62,4 @@ class WellRows {
   bool empty_ = false;  // the answer has neither items nor rows, which is still to be told
 };
 
-}  // namespace vk_ec::detail
+}  // namespace vk_ec

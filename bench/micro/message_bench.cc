@@ -16,8 +16,8 @@
 namespace bench {
 namespace {
 
-using vk_ec::detail::MessageMgr;
-using vk_ec::detail::Transporter;
+using vk_ec::MessageMgr;
+using vk_ec::Transporter;
 
 // A message leaves its buffer by being sent. Here it is built again and again in the memory that it
 // had, as it is between sends; so the buffer, which is private, is emptied from outside. An

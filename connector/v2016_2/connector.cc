@@ -4,7 +4,7 @@
 
 namespace v2016_2 {
 
-::vk_ec::detail::Client* Connector::NewClient() {
+::vk_ec::Client* Connector::NewClient() {
   return new vk_ec::VarnokClient;
 }
 

@@ -15,7 +15,7 @@ class Connector : public ::connector::CommonConnector {
                                    const std::vector<std::vector<double>>& compositions) override;
 
  private:
-  ::vk_ec::detail::Client* NewClient() override;
+  ::vk_ec::Client* NewClient() override;
 };
 
 }  // namespace v2016_2

@@ -6,7 +6,7 @@
 
 namespace v2017_2 {
 
-::vk_ec::detail::Client* Connector::NewClient() {
+::vk_ec::Client* Connector::NewClient() {
   return new vk_ec::VarnokClient;
 }
 

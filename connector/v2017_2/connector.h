@@ -19,7 +19,7 @@ class Connector : public ::connector::CommonConnector {
                                    const std::vector<std::vector<double>>& compositions) override;
 
  private:
-  ::vk_ec::detail::Client* NewClient() override;
+  ::vk_ec::Client* NewClient() override;
   vk_ec::VarnokClient& own_client() const;
 };
 

@@ -18,7 +18,7 @@ void AppendFramed(std::string& stream, std::string_view message) {
 
 // The same class as that of vk_ec/stream_socket.cc, which the linker leaves out when it
 // finds these.
-namespace vk_ec::detail {
+namespace vk_ec {
 
 struct StreamSocket::Impl {};
 
@@ -49,4 +49,4 @@ void StreamSocket::read(unsigned char* bytes, std::size_t length) {
   incoming.remove_prefix(length);
 }
 
-}  // namespace vk_ec::detail
+}  // namespace vk_ec

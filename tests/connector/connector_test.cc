@@ -48,7 +48,7 @@ TYPED_TEST(SteppingTest, SecondConnectLeavesTheFirstConnectionAlone) {
   Exposed<TypeParam> connector;
   this->AnswerSetUp();
   connector.Connect("127.0.0.1", static_cast<int>(this->simulator_.Port()), 5);
-  const std::unique_ptr<vk_ec::detail::Client> first(&connector.client());
+  const std::unique_ptr<vk_ec::Client> first(&connector.client());
 
   ScriptedSimulator second(ScriptedSimulator::Link::kLoopback);
   second.AnswerNext({this->Started(), this->Step("MODEL_DEFINITION", 7, {2026, 1, 8, 0, 0, 0})});
@@ -229,7 +229,7 @@ TYPED_TEST(SteppingTest, DestructionWithoutShutdownLeavesTheConnectionAlone) {
   auto connector = std::make_unique<Exposed<TypeParam>>();
   this->AnswerSetUp();
   connector->Connect("127.0.0.1", static_cast<int>(this->simulator_.Port()), 5);
-  vk_ec::detail::Client* const client = &connector->client();
+  vk_ec::Client* const client = &connector->client();
   const std::set<int> open = this->OpenDescriptors();
   connector.reset();
   ASSERT_EQ(this->OpenDescriptors(), open);  // so that the client is still there

@@ -49,7 +49,7 @@ inline std::ostream& operator<<(std::ostream& out, const Item& item) {
 }
 
 /// Appends the item as the program does.
-inline void Add(vk_ec::detail::MessageMgr::MessageBuilder& builder, const Item& item) {
+inline void Add(vk_ec::MessageMgr::MessageBuilder& builder, const Item& item) {
   if (const auto* count = std::get_if<std::uint64_t>(&item.data)) {
     builder.add_MESS_header(item.name, *count);
   } else if (const auto* doubles = std::get_if<std::vector<double>>(&item.data)) {

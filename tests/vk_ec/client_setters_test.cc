@@ -15,7 +15,7 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::ThrowsMessage;
-using ::vk_ec::detail::ConstraintSetter;
+using ::vk_ec::ConstraintSetter;
 using wire::Bytes;
 using wire::Cstr;
 using wire::Inte;

@@ -42,8 +42,8 @@ using ::testing::Lt;
 using ::testing::SizeIs;
 using ::testing::StartsWith;
 using ::testing::ThrowsMessage;
-using vk_ec::detail::ClientTransporter;
-using vk_ec::detail::SendMessage;
+using vk_ec::ClientTransporter;
+using vk_ec::SendMessage;
 using Seconds = std::chrono::duration<double>;
 
 // A port that is taken on `address`; nobody listens there before `Listen`.
@@ -202,7 +202,7 @@ TEST(ConnectTest, AdoptedTcpSocketSendsWithoutDelayToo) {
   client.connect("127.0.0.1", simulator.port(), 5);
   const int accepted = simulator.Accept();
   ASSERT_FALSE(HasNoDelay(accepted));
-  const vk_ec::detail::Transporter server(accepted);
+  const vk_ec::Transporter server(accepted);
   EXPECT_TRUE(HasNoDelay(accepted));
 }
 
@@ -402,7 +402,7 @@ std::optional<int> InChild(const std::function<int()>& body) {
   return status == kNotPermitted ? std::nullopt : std::optional(status.value_or(-1));
 }
 
-using vk_ec::detail::StreamSocket;
+using vk_ec::StreamSocket;
 
 constexpr std::chrono::seconds kAmple{5};
 

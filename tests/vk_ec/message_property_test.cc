@@ -14,8 +14,8 @@
 
 namespace {
 
-using ::vk_ec::detail::MessageMgr;
-using ::vk_ec::detail::Transporter;
+using ::vk_ec::MessageMgr;
+using ::vk_ec::Transporter;
 using Decoder = MessageMgr::MessageDecoder;
 
 constexpr const char* kTooShort = "Not enough data read from network";

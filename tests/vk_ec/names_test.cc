@@ -105,27 +105,27 @@ concept Steps = requires(Client client) {
 };
 
 // A namespace cannot be a template argument.
-#define CHECK_NAMES_OF(version)                                                              \
-  static_assert(Steps<version::vk_ec::VarnokClient>);                                        \
-  static_assert(std::is_default_constructible_v<version::vk_ec::VarnokClient>);              \
-  static_assert(FivePositions<version::vk_ec::AlgPos>);                                      \
-  static_assert(Position<version::vk_ec::PositionInfo>);                                     \
-  static_assert(WellRows<version::vk_ec::WellQueryResults<double>>);                         \
-  static_assert(WellRows<version::vk_ec::WellQueryResults<std::string>>);                    \
-  static_assert(RunRows<version::vk_ec::ReservoirQueryResults<int>>);                        \
-  static_assert(RunRows<version::vk_ec::ReservoirQueryResults<std::string>>);                \
-  static_assert(Constraints<version::vk_ec::WellConstraintResults>);                         \
-  static_assert(WellRows<version::vk_ec::IPRDataResults>);                                   \
-  static_assert(FluidModel<version::vk_ec::ReservoirFluidModelDescription>);                 \
-  static_assert(FivePositions<version::vk_ec::detail::AlgPos>);                              \
-  static_assert(Position<version::vk_ec::detail::PositionInfo>);                             \
-  static_assert(Messages<version::vk_ec::detail::MessageMgr>);                               \
-  static_assert(Builds<version::vk_ec::detail::MessageMgr>);                                 \
-  static_assert(Decodes<version::vk_ec::detail::MessageMgr>);                                \
-  static_assert(Sends<version::vk_ec::detail::SendMessage, vk_ec::detail::StreamSocket>);    \
-  static_assert(Receives<version::vk_ec::detail::RecvMessage, vk_ec::detail::StreamSocket>); \
-  static_assert(version::vk_ec::detail::Transporter::default_port() == 9001);                \
-  static_assert(std::derived_from<version::vk_ec::detail::ClientTransporter,                 \
+#define CHECK_NAMES_OF(version)                                                      \
+  static_assert(Steps<version::vk_ec::VarnokClient>);                                \
+  static_assert(std::is_default_constructible_v<version::vk_ec::VarnokClient>);      \
+  static_assert(FivePositions<version::vk_ec::AlgPos>);                              \
+  static_assert(Position<version::vk_ec::PositionInfo>);                             \
+  static_assert(WellRows<version::vk_ec::WellQueryResults<double>>);                 \
+  static_assert(WellRows<version::vk_ec::WellQueryResults<std::string>>);            \
+  static_assert(RunRows<version::vk_ec::ReservoirQueryResults<int>>);                \
+  static_assert(RunRows<version::vk_ec::ReservoirQueryResults<std::string>>);        \
+  static_assert(Constraints<version::vk_ec::WellConstraintResults>);                 \
+  static_assert(WellRows<version::vk_ec::IPRDataResults>);                           \
+  static_assert(FluidModel<version::vk_ec::ReservoirFluidModelDescription>);         \
+  static_assert(FivePositions<version::vk_ec::detail::AlgPos>);                      \
+  static_assert(Position<version::vk_ec::detail::PositionInfo>);                     \
+  static_assert(Messages<version::vk_ec::detail::MessageMgr>);                       \
+  static_assert(Builds<version::vk_ec::detail::MessageMgr>);                         \
+  static_assert(Decodes<version::vk_ec::detail::MessageMgr>);                        \
+  static_assert(Sends<version::vk_ec::detail::SendMessage, vk_ec::StreamSocket>);    \
+  static_assert(Receives<version::vk_ec::detail::RecvMessage, vk_ec::StreamSocket>); \
+  static_assert(version::vk_ec::detail::Transporter::default_port() == 9001);        \
+  static_assert(std::derived_from<version::vk_ec::detail::ClientTransporter,         \
                                   version::vk_ec::detail::Transporter>)
 
 CHECK_NAMES_OF(v2016_2);

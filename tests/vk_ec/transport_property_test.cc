@@ -16,8 +16,8 @@
 
 namespace {
 
-using ::vk_ec::detail::SendMessage;
-using ::vk_ec::detail::Transporter;
+using ::vk_ec::SendMessage;
+using ::vk_ec::Transporter;
 
 std::string Number(std::uint64_t number) {
   std::string bytes(sizeof(number), '\0');

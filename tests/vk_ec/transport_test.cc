@@ -37,10 +37,10 @@ namespace {
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
 using ::testing::ThrowsMessage;
-using vk_ec::detail::RecvMessage;
-using vk_ec::detail::SendMessage;
-using vk_ec::detail::StreamSocket;
-using vk_ec::detail::Transporter;
+using vk_ec::RecvMessage;
+using vk_ec::SendMessage;
+using vk_ec::StreamSocket;
+using vk_ec::Transporter;
 using wire::Bytes;
 using Buffer = std::vector<unsigned char>;
 
@@ -367,7 +367,7 @@ TEST_F(TransportTest, WriteToAClosedPeerIsABrokenPipeAndNoSignal) {
 }
 
 TEST_F(TransportTest, UnopenedClientHasABadDescriptor) {
-  vk_ec::detail::ClientTransporter transporter;
+  vk_ec::ClientTransporter transporter;
   Buffer buffer;
   EXPECT_THAT([&] { transporter.send(SendMessage(nullptr, 0)); },
               ThrowsMessage<std::runtime_error>("write: Bad file descriptor"));

@@ -13,7 +13,7 @@
 
 namespace {
 
-using ::vk_ec::detail::Client;
+using ::vk_ec::Client;
 using Strings = std::vector<std::string>;
 using Numbers = std::vector<double>;
 

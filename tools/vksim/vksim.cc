@@ -30,7 +30,7 @@ enum ExitStatus { kOk = 0, kCannotRun = 1, kUsage = 2, kBrokenConnection = 3 };
 struct Options {
   std::string path;
   std::string root;
-  std::uint16_t port = vk_ec::detail::Transporter::default_port();
+  std::uint16_t port = vk_ec::Transporter::default_port();
   std::string address = "127.0.0.1";
   std::string version = "2017.2";
   int processes = 1;

@@ -19,20 +19,10 @@ using ::vk_ec::ReservoirQueryResults;
 using ::vk_ec::WellConstraintResults;
 using ::vk_ec::WellQueryResults;
 
-namespace detail {
-
-using ::vk_ec::AlgPos;
-using ::vk_ec::PositionInfo;
-using ::vk_ec::detail::ClientTransporter;
-using ::vk_ec::detail::MessageMgr;
-using ::vk_ec::detail::RecvMessage;
-using ::vk_ec::detail::SendMessage;
-using ::vk_ec::detail::Transporter;
-
-}  // namespace detail
+namespace detail = ::vk_ec;
 
 /// The client of protocol version 2017.2.
-class VarnokClient : public ::vk_ec::detail::Client {
+class VarnokClient : public ::vk_ec::Client {
  public:
   /// Opens nothing; `connect` comes first.
   VarnokClient() : Client(kTraits) {}
@@ -52,7 +42,7 @@ class VarnokClient : public ::vk_ec::detail::Client {
   explicit VarnokClient(int connected_descriptor) : Client(kTraits, connected_descriptor) {}
 
  private:
-  static constexpr ::vk_ec::detail::ProtocolTraits kTraits{.names_component_count = true};
+  static constexpr ::vk_ec::ProtocolTraits kTraits{.names_component_count = true};
 };
 
 }  // namespace v2017_2::vk_ec
