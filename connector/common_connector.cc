@@ -11,6 +11,7 @@
 
 #include "connector/inflow_survey.h"
 #include "connector/name_lookup.h"
+#include "connector/well_table.h"
 #include "vk_ec/constraint_setter.h"
 #include "vk_ec/position_info.h"
 #include "vk_ec/results.h"
@@ -228,7 +229,7 @@ void CommonConnector::GetWellStatus(std::vector<StaticWellDef>& wells) {
 }
 
 void CommonConnector::GetWellStatus() {
-  client().get_well_table<std::string>({kAllWells}, {"STATUS"});
+  client().get_properties_for_wells<std::string>({kAllWells}, {"STATUS"});
 }
 
 void CommonConnector::GetWellConstraints() {
@@ -237,7 +238,7 @@ void CommonConnector::GetWellConstraints() {
 
 void CommonConnector::GetWellVariables(const std::string& well, const Names& properties,
                                        std::vector<double>& values) {
-  const auto answer = client().get_well_table<double>({well}, properties);
+  const auto answer = TakeTable(client().query_wells<double>({well}, properties));
   Require(!answer.wells.empty(), kBadWellData);
   const std::vector<std::size_t> positions = NameLookup(properties).PositionsIn(answer.items);
   const bool complete =
@@ -290,11 +291,11 @@ int CommonConnector::GetWellIPRData(int ncomponents, const Names& wells, bool bo
                                     double skewness, std::vector<DynWellIPR>& tables) {
   InflowSurvey survey(wells, ncomponents, bottom_hole, IsMetric());
   SetWellStatus(wells, Names(wells.size(), "OPEN"));
-  survey.TakeTypes(client().get_well_table<std::string>(wells, {"TYPE"}), tables);
+  survey.TakeTypes(TakeTable(client().query_wells<std::string>(wells, {"TYPE"})), tables);
   ConstraintSetter setter(client(), wells, survey.constraints(), survey.limits(), survey.setters());
   for (int point = 1; point <= InflowSurvey::kPoints; ++point) {
     setter.send();
-    survey.TakePoint(client().get_well_table<double>(wells, survey.properties()), tables);
+    survey.TakePoint(TakeTable(client().query_wells<double>(wells, survey.properties())), tables);
     survey.LowerLimits(point, skewness);
     setter.change(survey.limits());
   }

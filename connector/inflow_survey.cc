@@ -98,8 +98,7 @@ void InflowSurvey::ReservePoints(DynWellIPR& table) {
   }
 }
 
-void InflowSurvey::TakeTypes(const ::vk_ec::WellTable<std::string>& types,
-                             std::vector<DynWellIPR>& tables) {
+void InflowSurvey::TakeTypes(const WellTable<std::string>& types, std::vector<DynWellIPR>& tables) {
   const std::vector<std::size_t> rows = well_lookup_.PositionsIn(types.wells);
   for (std::size_t i = 0; i < wells_.size(); ++i) {
     ReservePoints(tables.emplace_back());
@@ -112,8 +111,7 @@ void InflowSurvey::TakeTypes(const ::vk_ec::WellTable<std::string>& types,
   }
 }
 
-void InflowSurvey::TakePoint(const ::vk_ec::WellTable<double>& answer,
-                             std::vector<DynWellIPR>& tables) {
+void InflowSurvey::TakePoint(const WellTable<double>& answer, std::vector<DynWellIPR>& tables) {
   const std::vector<std::size_t> rows = well_lookup_.PositionsIn(answer.wells);
   const std::vector<std::size_t> columns = property_lookup_.PositionsIn(answer.items);
   const bool complete =

@@ -5,7 +5,7 @@
 
 #include "connector/name_lookup.h"
 #include "connector/records.h"
-#include "vk_ec/results.h"
+#include "connector/well_table.h"
 
 namespace connector {
 
@@ -28,7 +28,7 @@ class InflowSurvey {
 
   /// Learns the wells' types and appends an empty table for each of them. Throws "Unexpected
   /// answer when querying the well status data."
-  void TakeTypes(const ::vk_ec::WellTable<std::string>& types, std::vector<DynWellIPR>& tables);
+  void TakeTypes(const WellTable<std::string>& types, std::vector<DynWellIPR>& tables);
 
   /// Per well the names of its limits, the limits of the next point, and who sets them.
   const std::vector<std::vector<std::string>>& constraints() const { return constraints_; }
@@ -40,7 +40,7 @@ class InflowSurvey {
 
   /// Appends one point to the tables, the first of which is that of the first well. Throws
   /// "Unexpected answer when querying the well IPR data."
-  void TakePoint(const ::vk_ec::WellTable<double>& answer, std::vector<DynWellIPR>& tables);
+  void TakePoint(const WellTable<double>& answer, std::vector<DynWellIPR>& tables);
 
   /// Sets the limits of point `taken` + 1.
   void LowerLimits(int taken, double skewness);

@@ -68,12 +68,8 @@ class Client {
   WellQueryResults<T> get_properties_for_wells(const std::vector<std::string>& wells,
                                                const std::vector<std::string>& items);
 
-  /// The same as a table.
-  template <typename T>
-  WellTable<T> get_well_table(const std::vector<std::string>& wells,
-                              const std::vector<std::string>& items);
-
-  /// The same, row by row. Blocks until the reply is there.
+  /// Asks as `get_properties_for_wells` does, for a caller who takes the answer row by row. Blocks
+  /// until the reply is there.
   template <typename T>
   WellRows<T> query_wells(const std::vector<std::string>& wells,
                           const std::vector<std::string>& items);
@@ -117,6 +113,21 @@ class Client {
   /// What the last step answer said.
   const PositionInfo& position_info() const { return position_info_; }
 
+  /// The stages of one exchange, from which every query and setter is made. A message that changes
+  /// something begins with `begin_set`, a query with `begin_query`; `kind` is the word by which the
+  /// simulator knows it. The caller adds the data and END, and sends.
+  MessageMgr::MessageBuilder begin_set(const std::string& kind);
+  MessageMgr::MessageBuilder begin_query(const std::string& kind);
+
+  /// Sends a whole message that a builder has released, as `MessageMgr::resend` does, and blocks
+  /// until the simulator is ready again.
+  void repeat_set(MessageMgr::Buffer& message);
+
+  /// `begin_reply` blocks until the reply to a query is there; the caller reads it up to and
+  /// including END. `end_reply` then blocks until the simulator is ready again.
+  MessageMgr::MessageDecoder begin_reply();
+  void end_reply(MessageMgr::MessageDecoder& reply);
+
  protected:
   explicit Client(ProtocolTraits traits) : traits_(traits) {}
 
@@ -130,21 +141,7 @@ class Client {
   /// The part of `connect` that follows the opening of the connection.
   void set_up();
 
-  /// Stages of one exchange. A message that changes something begins with `begin_set`, a query
-  /// with `begin_query`; `kind` is the word by which the simulator knows it. The caller adds the
-  /// data and END, and sends.
-  MessageMgr::MessageBuilder begin_set(const std::string& kind);
-  MessageMgr::MessageBuilder begin_query(const std::string& kind);
-
-  /// Blocks until the reply is there; the caller reads it up to and including END.
-  MessageMgr::MessageDecoder begin_reply();
-  void end_reply(MessageMgr::MessageDecoder& reply);
-
  private:
-  template <typename T>
-  friend class WellRows;
-  friend class ConstraintSetter;
-
   void read_STEP_answer(MessageMgr::MessageDecoder& answer);
 
   // `kind` is the word by which the simulator knows the query.
@@ -164,18 +161,5 @@ class Client {
   MessageMgr messages_{transporter_};
   PositionInfo position_info_;
 };
-
-template <>
-WellQueryResults<double> Client::get_properties_for_wells<double>(
-    const std::vector<std::string>& wells, const std::vector<std::string>& items);
-template <>
-WellQueryResults<std::string> Client::get_properties_for_wells<std::string>(
-    const std::vector<std::string>& wells, const std::vector<std::string>& items);
-template <>
-ReservoirQueryResults<int> Client::get_reservoir_properties<int>(
-    const std::vector<std::string>& items);
-template <>
-ReservoirQueryResults<std::string> Client::get_reservoir_properties<std::string>(
-    const std::vector<std::string>& items);
 
 }  // namespace vk_ec

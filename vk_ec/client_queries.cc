@@ -11,14 +11,11 @@ namespace {
 using Strings = std::vector<std::string>;
 using Header = MessageMgr::Header;
 
-constexpr std::string_view kEnd = "END";
-
-constexpr const char* kNumbersOfWells = "QWELLS";
-constexpr const char* kTextsOfWells = "QWELLS_STR";
-
-bool is_end(const Header& header) {
-  return header.name == kEnd && header.count == 0 && header.type == MessageMgr::MESS;
-}
+// The words by which the simulator knows a query for values of type T.
+template <typename T>
+constexpr const char* kWellQuery = std::is_same_v<T, double> ? "QWELLS" : "QWELLS_STR";
+template <typename T>
+constexpr const char* kReservoirQuery = std::is_same_v<T, int> ? "QRESVR" : "QRESVR_STR";
 
 // The one string of a header that has been read already.
 std::string single_string(MessageMgr::MessageDecoder& reply, const Header& header,
@@ -66,78 +63,13 @@ void Client::send_QRESVR_query(const Strings& items, const std::string& kind) {
 }
 
 template <typename T>
-WellRows<T>::WellRows(Client& client) : client_(client), reply_(client.begin_reply()) {
-  const Header header = reply_.get_header();
-  empty_ = is_end(header);
-  if (empty_) return;
-  header.check_expectation("QITEMS", header.count);
-  items_ = reply_.get_data<std::string>(header);
-  well_header_ = MessageMgr::MessageDecoder::encode_header("WELLNAME", 1, MessageMgr::CSTR);
-  values_header_ = MessageMgr::MessageDecoder::encode_header("VALUES", items_.size(),
-                                                             MessageMgr::headerType_for<T>());
-  size_of_rows_ = reply_.remaining();
-}
-
-// Reads the well's name, unless the rows are at their end.
-template <typename T>
-bool WellRows<T>::begin_row() {
-  if (!reply_.skip_header(well_header_)) {
-    const Header header = reply_.get_header();
-    if (is_end(header)) return false;
-    // It is another header then, or the right one of a wrong type.
-    header.check_expectation("WELLNAME", 1);
-    well_ = reply_.get_string(header);
-  } else {
-    well_ = reply_.get_text();
-  }
-  return true;
-}
-
-template <typename T>
-bool WellRows<T>::next(std::vector<T>& values) {
-  if (std::exchange(empty_, false) || !begin_row()) {
-    client_.end_reply(reply_);
-    return false;
-  }
-  if (!reply_.skip_header(values_header_)) {
-    reply_.get_header().check_expectation("VALUES", items_.size(), MessageMgr::headerType_for<T>());
-  }
-  reply_.append(items_.size(), values);
-  if (estimated_count_ == 0) {
-    estimated_count_ = size_of_rows_ / (size_of_rows_ - reply_.remaining());
-  }
-  return true;
-}
-
-template class WellRows<double>;
-template class WellRows<std::string>;
-
-template <typename T>
 WellRows<T> Client::query_wells(const Strings& wells, const Strings& items) {
-  send_QWELLS_query(wells, items, std::is_same_v<T, double> ? kNumbersOfWells : kTextsOfWells);
+  send_QWELLS_query(wells, items, kWellQuery<T>);
   return WellRows<T>(*this);
 }
 
 template WellRows<double> Client::query_wells(const Strings& wells, const Strings& items);
 template WellRows<std::string> Client::query_wells(const Strings& wells, const Strings& items);
-
-template <typename T>
-WellTable<T> Client::get_well_table(const Strings& wells, const Strings& items) {
-  WellTable<T> table;
-  auto rows = query_wells<T>(wells, items);
-  while (rows.next(table.values)) {
-    if (table.wells.empty()) {
-      table.wells.reserve(rows.estimated_count());
-      table.values.reserve(rows.estimated_count() * rows.items().size());
-    }
-    table.wells.push_back(std::move(rows.well()));
-  }
-  table.items = rows.release_items();
-  return table;
-}
-
-template WellTable<double> Client::get_well_table(const Strings& wells, const Strings& items);
-template WellTable<std::string> Client::get_well_table(const Strings& wells, const Strings& items);
 
 template <typename T>
 WellQueryResults<T> Client::get_properties_for_wells_impl(const Strings& wells,
@@ -158,17 +90,15 @@ WellQueryResults<T> Client::get_properties_for_wells_impl(const Strings& wells,
   return results;
 }
 
-template <>
-WellQueryResults<double> Client::get_properties_for_wells<double>(const Strings& wells,
-                                                                  const Strings& items) {
-  return get_properties_for_wells_impl<double>(wells, items, kNumbersOfWells);
+template <typename T>
+WellQueryResults<T> Client::get_properties_for_wells(const Strings& wells, const Strings& items) {
+  return get_properties_for_wells_impl<T>(wells, items, kWellQuery<T>);
 }
 
-template <>
-WellQueryResults<std::string> Client::get_properties_for_wells<std::string>(const Strings& wells,
-                                                                            const Strings& items) {
-  return get_properties_for_wells_impl<std::string>(wells, items, kTextsOfWells);
-}
+template WellQueryResults<double> Client::get_properties_for_wells(const Strings& wells,
+                                                                   const Strings& items);
+template WellQueryResults<std::string> Client::get_properties_for_wells(const Strings& wells,
+                                                                        const Strings& items);
 
 template <typename T>
 ReservoirQueryResults<T> Client::get_reservoir_properties_impl(const Strings& items,
@@ -176,7 +106,7 @@ ReservoirQueryResults<T> Client::get_reservoir_properties_impl(const Strings& it
   send_QRESVR_query(items, kind);
   ReservoirQueryResults<T> results;
   auto reply = begin_reply();
-  for (auto header = reply.get_header(); !is_end(header); header = reply.get_header()) {
+  for (auto header = reply.get_header(); !header.is_end(); header = reply.get_header()) {
     results.items.push_back(single_string(reply, header, "QITEM"));
     results.values.push_back(reply.get_header_and_data<T>("VALUES"));
   }
@@ -184,22 +114,19 @@ ReservoirQueryResults<T> Client::get_reservoir_properties_impl(const Strings& it
   return results;
 }
 
-template <>
-ReservoirQueryResults<int> Client::get_reservoir_properties<int>(const Strings& items) {
-  return get_reservoir_properties_impl<int>(items, "QRESVR");
+template <typename T>
+ReservoirQueryResults<T> Client::get_reservoir_properties(const Strings& items) {
+  return get_reservoir_properties_impl<T>(items, kReservoirQuery<T>);
 }
 
-template <>
-ReservoirQueryResults<std::string> Client::get_reservoir_properties<std::string>(
-    const Strings& items) {
-  return get_reservoir_properties_impl<std::string>(items, "QRESVR_STR");
-}
+template ReservoirQueryResults<int> Client::get_reservoir_properties(const Strings& items);
+template ReservoirQueryResults<std::string> Client::get_reservoir_properties(const Strings& items);
 
 WellConstraintResults Client::get_constraints_for_wells(const Strings& wells) {
   begin_query("QWCONSTRAINTS").add_data("WELNAMES", wells).add_MESS_header("END", 0).send();
   WellConstraintResults results;
   auto reply = begin_reply();
-  for (auto header = reply.get_header(); !is_end(header); header = reply.get_header()) {
+  for (auto header = reply.get_header(); !header.is_end(); header = reply.get_header()) {
     results.wells.push_back(single_string(reply, header, "WELLNAME"));
     results.items.push_back(reply.get_header_and_data<std::string>("ITEMS"));
     const auto count = results.items.back().size();
@@ -231,7 +158,7 @@ IPRDataResults Client::get_ipr_data_for_wells(const Strings& wells, const String
   results.values.reserve(wells.size());
   auto reply = begin_reply();
   auto header = reply.get_header();
-  while (!is_end(header)) {
+  while (!header.is_end()) {
     results.wells.push_back(single_string(reply, header, "WELLNAME"));
     const int points = reply.get_header_and_data<int>("NPOINTS", 1).front();
     auto& items = results.items.emplace_back();
@@ -252,7 +179,7 @@ std::vector<std::string> Client::get_field_management_fluid_model_description() 
   Strings components;
   auto reply = begin_reply();
   const auto header = reply.get_header();
-  if (!is_end(header)) {
+  if (!header.is_end()) {
     if (traits_.names_component_count) header.check_expectation("NCOMPS", header.count);
     components = reply.get_data<std::string>(header);
     reply.get_header().check_expectation_MESS("END", 0);
@@ -266,7 +193,7 @@ std::vector<ReservoirFluidModelDescription> Client::get_reservoir_fluid_model_de
   std::vector<ReservoirFluidModelDescription> models;
   auto reply = begin_reply();
   auto header = reply.get_header();
-  while (!is_end(header)) {
+  while (!header.is_end()) {
     auto& model = models.emplace_back();
     model.fluid_model_name = single_string(reply, header, "FLUIDMODELDNAME");
     model.eos_name = read_single_string(reply, "EOSNAME");

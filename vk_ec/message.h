@@ -66,6 +66,9 @@ class MessageMgr {
     void check_expectation_MESS(std::string_view expected_name, std::uint64_t expected_count) const;
     /// Accepts any name: that of the first header says which message this is.
     void check_expectation_MESS(std::uint64_t expected_count) const;
+
+    /// Whether this is the header that ends a message.
+    bool is_end() const { return name == "END" && count == 0 && type == MESS; }
   };
 
   /// Keeps a reference to the transporter, which must outlive this.

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <cstddef>
-#include <span>
 #include <string>
 #include <vector>
 
@@ -15,20 +13,6 @@ struct WellQueryResults {
   std::vector<std::string> items;
   /// A row per well, with a value per item.
   std::vector<std::vector<T>> values;
-};
-
-/// The same with the rows back to back, for callers with thousands of wells: a table takes a few
-/// pieces of memory, whatever its size.
-template <typename T>
-struct WellTable {
-  std::vector<std::string> wells;
-  std::vector<std::string> items;
-  std::vector<T> values;
-
-  /// The values of `wells[well]`, one per item.
-  std::span<const T> row(std::size_t well) const {
-    return std::span(values).subspan(well * items.size(), items.size());
-  }
 };
 
 /// Properties of the whole run, `int` or `std::string`.

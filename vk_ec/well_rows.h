@@ -23,6 +23,9 @@ class Client;
 template <typename T>
 class WellRows {
  public:
+  /// Blocks for the reply to a query of wells that `client` has just sent; `Client::query_wells`
+  /// does both. The client must outlive the object.
+  explicit WellRows(Client& client);
   WellRows(const WellRows&) = delete;
   WellRows& operator=(const WellRows&) = delete;
 
@@ -46,9 +49,6 @@ class WellRows {
   std::size_t estimated_count() const { return estimated_count_; }
 
  private:
-  friend class Client;
-  explicit WellRows(Client& client);
-
   bool begin_row();
 
   Client& client_;

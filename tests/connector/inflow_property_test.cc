@@ -6,11 +6,13 @@
 
 #include "connector/inflow_survey.h"
 #include "connector/records.h"
+#include "connector/well_table.h"
 #include "tests/support/generators.h"
 
 namespace {
 
 using connector::InflowSurvey;
+using connector::WellTable;
 using Names = std::vector<std::string>;
 
 // One well, with its type and its rates at the first point.
@@ -47,7 +49,7 @@ Names NamesOf(const std::vector<Well>& wells) {
 
 void TakeTypes(InflowSurvey& survey, const std::vector<Well>& wells,
                std::vector<DynWellIPR>& tables) {
-  ::vk_ec::WellTable<std::string> types;
+  WellTable<std::string> types;
   types.wells = NamesOf(wells);
   types.items = {"TYPE"};
   for (const Well& well : wells) types.values.push_back(well.type);
@@ -57,7 +59,7 @@ void TakeTypes(InflowSurvey& survey, const std::vector<Well>& wells,
 // A point of which only the rates matter, in the order in which they are asked for.
 void TakePoint(InflowSurvey& survey, const std::vector<Well>& wells,
                std::vector<DynWellIPR>& tables) {
-  ::vk_ec::WellTable<double> answer;
+  WellTable<double> answer;
   answer.wells = NamesOf(wells);
   answer.items = survey.properties();
   for (const Well& well : wells) {

@@ -153,18 +153,6 @@ TYPED_TEST(ClientQueriesTest, RowsDroppedHalfWayRefuseEveryLaterMessage) {
   }
 }
 
-TYPED_TEST(ClientQueriesTest, TableHasTheRowsBackToBack) {
-  this->AnswerWith(Cstr("QITEMS", {"TYPE", "STATUS"}) + Cstr("WELLNAME", {"P1"}) +
-                   Cstr("VALUES", {"PRODUCER", "OPEN"}) + Cstr("WELLNAME", {"P2"}) +
-                   Cstr("VALUES", {"", "SHUT"}));
-  const auto table = this->client_.template get_well_table<std::string>({"*"}, {"TYPE", "STATUS"});
-  EXPECT_THAT(table.items, ElementsAre("TYPE", "STATUS"));
-  EXPECT_THAT(table.wells, ElementsAre("P1", "P2"));
-  EXPECT_THAT(table.values, ElementsAre("PRODUCER", "OPEN", "", "SHUT"));
-  EXPECT_THAT(table.row(1), ElementsAre("", "SHUT"));
-  this->ExpectUsable();
-}
-
 TYPED_TEST(ClientQueriesTest, WellNameOfAnotherTypeIsRefused) {
   this->AnswerWith(Cstr("QITEMS", {"QOP"}) + Doub("WELLNAME", {1}) + Doub("VALUES", {1}));
   EXPECT_THAT(
