@@ -12,6 +12,7 @@
 #include "connector/inflow_survey.h"
 #include "connector/name_lookup.h"
 #include "connector/well_table.h"
+#include "net/master_link.h"
 #include "vk_ec/constraint_setter.h"
 #include "vk_ec/position_info.h"
 #include "vk_ec/results.h"
@@ -293,13 +294,13 @@ int CommonConnector::GetWellIPRData(int ncomponents, const Names& wells, bool bo
   SetWellStatus(wells, Names(wells.size(), "OPEN"));
   survey.TakeTypes(TakeTable(client().query_wells<std::string>(wells, {"TYPE"})), tables);
   ConstraintSetter setter(client(), wells, survey.constraints(), survey.limits(), survey.setters());
-  for (int point = 1; point <= InflowSurvey::kPoints; ++point) {
+  for (int point = 1; point <= master_link::kTablePoints; ++point) {
     setter.send();
     survey.TakePoint(TakeTable(client().query_wells<double>(wells, survey.properties())), tables);
     survey.LowerLimits(point, skewness);
     setter.change(survey.limits());
   }
-  return InflowSurvey::kPoints;
+  return master_link::kTablePoints;
 }
 
 void CommonConnector::SetWellStatus(const Names& wells, const Names& statuses) {

@@ -5,6 +5,8 @@
 #include <cstddef>
 #include <stdexcept>
 
+#include "net/master_link.h"
+
 namespace connector {
 namespace {
 
@@ -94,7 +96,7 @@ void InflowSurvey::ReservePoints(DynWellIPR& table) {
   for (auto* series :
        {&table.pressure, &table.oil_rate, &table.water_rate, &table.gas_rate, &table.temperature,
         &table.gas_density, &table.oil_density, &table.water_density}) {
-    series->reserve(kPoints);
+    series->reserve(master_link::kTablePoints);
   }
 }
 
@@ -146,7 +148,8 @@ void InflowSurvey::TakePoint(const WellTable<double>& answer, std::vector<DynWel
 }
 
 void InflowSurvey::LowerLimits(int taken, double skewness) {
-  const double fraction = std::pow((10.0 - taken) / 10.0, skewness);
+  constexpr double kPoints = master_link::kTablePoints;
+  const double fraction = std::pow((kPoints - taken) / kPoints, skewness);
   for (std::size_t i = 0; i < limits_.size(); ++i) {
     SetLimits(types_[i], {base_[i].liquid * fraction, base_[i].gas * fraction}, limits_[i]);
   }

@@ -17,7 +17,6 @@ namespace connector {
 /// and gas together, water injectors in water, all other wells in gas.
 class InflowSurvey {
  public:
-  static constexpr int kPoints = 10;
   static constexpr int kMostComponents = 100000;
 
   /// `wells` stays the caller's and must outlive the object. No mole fractions are surveyed when

@@ -20,16 +20,17 @@
 #include "fuzz/support/memory_link.h"
 #include "fuzz/support/promise.h"
 #include "log/flog.h"
-#include "net/getbuf.h"
+#include "net/master_link.h"
 #include "net/socket.h"
 #include "relay/connector_socket_wrapper.h"
 
 namespace {
 
+using master_link::Code;
 using Texts = std::vector<std::string>;
 using Numbers = std::vector<double>;
 
-constexpr std::size_t kFields = getbuf::kBufferSize - sizeof(unsigned);
+constexpr std::size_t kFields = master_link::kMaxFrame - sizeof(unsigned);
 
 // What a request says, in the members that its handler passes on.
 struct Fields {
@@ -68,40 +69,40 @@ class Reader {
 
   void Read(unsigned code) {
     switch (code) {
-      case 8:
+      case Code::kRunUntil:
         return Take(fields_.number);
-      case 10:
+      case Code::kGetWellData:
         return TakeTexts(Count(), fields_.texts);
-      case 11: {
+      case Code::kSetWellStatus: {
         const int n = Count();
         const int m = Count();
         TakeTexts(n, fields_.texts);
         return TakeTexts(m, fields_.otherTexts);
       }
-      case 12: {
+      case Code::kSetWellUptime: {
         const int n = Count();
         const int m = Count();
         TakeTexts(n, fields_.texts);
         return TakeNumbers(m, fields_.numbers);
       }
-      case 13:
+      case Code::kSetWellConstraints:
         TakeTexts(Count(), fields_.texts);
         for (int g = Count(); g > 0 && !fields_.past; --g) {
           TakeTexts(Count(), fields_.textGroups.emplace_back());
         }
         return TakeNumberGroups();
-      case 15:
+      case Code::kGetWellVariables:
         TakeText(fields_.text);
         return TakeTexts(Count(), fields_.texts);
-      case 16:
+      case Code::kGetWellIPRData:
         fields_.count = Count();
         TakeTexts(Count(), fields_.texts);
         TakeFlag();
         return Take(fields_.number);
-      case 18:
+      case Code::kSetWellInjectionSource:
         TakeText(fields_.text);
         return TakeText(fields_.otherText);
-      case 19:
+      case Code::kSetWellInjectionComposition:
         TakeTexts(Count(), fields_.texts);
         return TakeNumberGroups();
       default:
@@ -286,7 +287,12 @@ class Stub : public ConnectorBase {
 };
 
 bool IsKnown(unsigned code) {
-  return (code >= 1 && code <= 20) || code == 65520;
+  return (code >= Code::kConnect && code <= Code::kGetStartDate) || code == Code::kShutdown;
+}
+
+// The code by which the records of a request for wells are asked for.
+Code RecordCode(unsigned code) {
+  return code == Code::kGetWellData ? Code::kWellDataRecord : Code::kWellIPRRecord;
 }
 
 // How many of the frames that the master has sent are sub-requests of this code, up to the first
@@ -298,7 +304,7 @@ std::size_t SubRequests(std::string_view bytes, std::uint32_t code, std::size_t 
     if (bytes.size() < sizeof(length)) return good;
     std::memcpy(&length, bytes.data(), sizeof(length));
     bytes.remove_prefix(sizeof(length));
-    if (length <= 0 || length > Socket::kMaxFrame) return good;
+    if (length <= 0 || length > master_link::kMaxFrame) return good;
     const auto size = static_cast<std::size_t>(length);
     if (bytes.size() < size) return good;
     std::uint32_t received = 0;  // a shorter body ends in zeros
@@ -342,14 +348,14 @@ Outcome Expected(unsigned code, const Fields& fields, std::size_t records, Stub:
   if (failure == Stub::Failure::kRuntime) {
     return {0, "Exception returned from VK controller: stub"};
   }
-  if (code != 10 && code != 16) return {1, {}};
-  const std::string routine = code == 10 ? "VK_GETWELLDATA" : "VK_GETWELLIPRDATA";
+  if (code != Code::kGetWellData && code != Code::kGetWellIPRData) return {1, {}};
+  const std::string routine = code == Code::kGetWellData ? "VK_GETWELLDATA" : "VK_GETWELLIPRDATA";
   const std::string comms = "Exception returned from Corvane comms: ";
   if (records != fields.texts.size()) {
     return {0, comms + "Discrepancy returned in well data from Corvane: well count in routine " +
                    routine};
   }
-  const std::size_t served = SubRequests(subRequests, code == 10 ? 4096 : 4097, records);
+  const std::size_t served = SubRequests(subRequests, RecordCode(code), records);
   if (served == records) return {1 + records, {}};
   return {1 + served, comms + "Unexpected data received from Corvane, routine " + routine + "_SUB"};
 }
@@ -379,8 +385,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   Input input(data, size);
   const std::uint8_t selector = input.Byte();
   unsigned code = selector % 32;  // 0 and some others nobody knows
-  if (code == 31) code = 65520;
-  if (code == 30) code = 4096;
+  if (code == 31) code = Code::kShutdown;
+  if (code == 30) code = Code::kWellDataRecord;
   const std::uint8_t mode = input.Byte();
   std::size_t records = mode & 7;
   const unsigned trouble = mode >> 3;
@@ -407,7 +413,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   PROMISE(result == (expected.error.empty() ? 0 : 1));
   PROMISE(error == expected.error);
   // That nobody gets a reply is only noticed at the next receive.
-  const std::size_t replies = Replies(memoryLink.sent, code, code == 10 ? 4096 : 4097);
+  const std::size_t replies = Replies(memoryLink.sent, code, RecordCode(code));
   PROMISE(replies == (gone ? 0 : expected.replies));
   PROMISE(!MemoryLink::HoldsChildrenBack());
   PROMISE(stub->calls == (IsKnown(code) && !fields.past ? 1 : 0));

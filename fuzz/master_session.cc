@@ -18,6 +18,7 @@
 #include "fuzz/support/memory_stream.h"
 #include "fuzz/support/promise.h"
 #include "log/flog.h"
+#include "net/master_link.h"
 #include "net/socket.h"
 #include "relay/connector_socket_wrapper.h"
 #include "vk_ec/v2016_2/varnok_client.h"
@@ -25,8 +26,7 @@
 
 namespace {
 
-constexpr std::uint32_t kInflow = 16;
-constexpr std::uint32_t kShutdown = 65520;
+using master_link::Code;
 
 void AppendNumber(std::string& bytes, std::uint32_t number) {
   bytes.append(reinterpret_cast<const char*>(&number), sizeof(number));
@@ -50,15 +50,16 @@ void WriteRequests(std::string_view script, std::string& frames) {
   while (!input.empty()) {
     const std::uint8_t selector = input.Byte();
     std::uint32_t code = selector % 32;
-    if (code == 31) code = kShutdown;
-    if (code == 30) code = 4096;
-    if (code == 29) code = 4097;
+    if (code == 31) code = Code::kShutdown;
+    if (code == 30) code = Code::kWellDataRecord;
+    if (code == 29) code = Code::kWellIPRRecord;
     const std::string_view fields = input.Take(input.Byte());
     AppendNumber(frames, static_cast<std::uint32_t>(sizeof(code) + fields.size() + kStop.size()));
     AppendNumber(frames, code);
     frames += fields;
     frames += kStop;
-    if (code == kInflow) TameComponents(frames, frames.size() - kStop.size() - fields.size());
+    if (code == Code::kGetWellIPRData)
+      TameComponents(frames, frames.size() - kStop.size() - fields.size());
   }
 }
 
@@ -90,10 +91,11 @@ void CheckReplies(const std::vector<std::uint32_t>& requests, std::size_t served
   std::size_t next = 0;
   for (std::size_t i = 0; i < served; ++i) {
     const bool last = i + 1 == served;
-    const bool isMain = (requests[i] >= 1 && requests[i] <= 20) || requests[i] == kShutdown;
+    const bool isMain = (requests[i] >= Code::kConnect && requests[i] <= Code::kGetStartDate) ||
+                        requests[i] == Code::kShutdown;
     const bool answered = next < replies.size() && replies[next] == requests[i];
     PROMISE(answered || !isMain || (last && result == 2));
-    PROMISE((answered && requests[i] == kShutdown) == (last && result == 0));
+    PROMISE((answered && requests[i] == Code::kShutdown) == (last && result == 0));
     if (answered) ++next;
   }
   PROMISE(next == replies.size());

@@ -15,6 +15,7 @@
 #include "fuzz/support/memory_link.h"
 #include "fuzz/support/promise.h"
 #include "net/getbuf.h"
+#include "net/master_link.h"
 #include "net/socket.h"
 
 namespace {
@@ -138,7 +139,7 @@ Frame Expected(std::string_view bytes) {
   if (bytes.size() < sizeof(length)) return {1, {}, bytes.size()};
   std::memcpy(&length, bytes.data(), sizeof(length));
   bytes.remove_prefix(sizeof(length));
-  if (length > Socket::kMaxFrame) return {1, {}, sizeof(length)};
+  if (length > master_link::kMaxFrame) return {1, {}, sizeof(length)};
   if (length <= 0) return {-1, {}, sizeof(length)};
   const auto size = static_cast<std::size_t>(length);
   if (bytes.size() < size) return {1, {}, sizeof(length) + bytes.size()};
@@ -149,7 +150,7 @@ Frame Expected(std::string_view bytes) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static Socket master(-1);
-  static std::vector<char> buffer(Socket::kMaxFrame);
+  static std::vector<char> buffer(master_link::kMaxFrame);
   static const std::vector<char> zeros(kCleared);
   Input input(data, size);
   const std::uint8_t mode = input.Byte();

@@ -12,8 +12,6 @@
 namespace master {
 namespace {
 
-// The tables always have ten points on the wire, whatever count the first reply announces.
-constexpr std::size_t kTablePoints = 10;
 // The bytes of an empty string, the least that a string takes.
 constexpr std::size_t kLengthField = 4;
 
@@ -52,7 +50,7 @@ WellIPR ReadWellIPR(const std::string& body, bool with_components) {
     *list = reply.Series();
   }
   if (with_components) {
-    for (std::size_t point = 0; point < kTablePoints; ++point) {
+    for (int point = 0; point < master_link::kTablePoints; ++point) {
       table.mole_fractions.push_back(reply.Series());
     }
   }
@@ -326,11 +324,11 @@ std::string Run::Exchange(Code code, const RequestWriter& request) {
 }
 
 void Run::Send(Code code, const RequestWriter& request) {
-  if (request.body().size() > kMaxRequest) {
+  if (request.body().size() > master_link::kMaxFrame) {
     records_due_ = 0;
     throw RequestTooLong(NameOf(code) + " would be " + std::to_string(request.body().size()) +
                          " bytes long; the daemon reads no more than " +
-                         std::to_string(kMaxRequest));
+                         std::to_string(master_link::kMaxFrame));
   }
   channel_.Send(request.body());
 }

@@ -4,45 +4,21 @@
 // lay values out.
 #pragma once
 
-#include <cstdint>
+#include <cstddef>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "master/frame_channel.h"
 #include "master/records.h"
+#include "net/master_link.h"
 
 namespace master {
 
 class ReplyReader;
 class RequestWriter;
 
-/// Request codes, the first four bytes of every request and of its reply.
-enum class Code : std::uint32_t {
-  kConnect = 1,
-  kGetDate = 2,
-  kGetMetricFlag = 3,
-  kGetTimeDays = 4,
-  kGetCompFlag = 5,
-  kGetWellStatus = 6,
-  kNewton = 7,
-  kRunUntil = 8,
-  kGetTermFlag = 9,
-  kGetWellData = 10,
-  kSetWellStatus = 11,
-  kSetWellUptime = 12,
-  kSetWellConstraints = 13,
-  kGetEOSProps = 14,
-  kGetWellVariables = 15,
-  kGetWellIPRData = 16,
-  kGetVersion = 17,
-  kSetWellInjectionSource = 18,
-  kSetWellInjectionComposition = 19,
-  kGetStartDate = 20,
-  kWellDataRecord = 4096,  ///< one well's record within kGetWellData
-  kWellIPRRecord = 4097,   ///< one well's table within kGetWellIPRData
-  kShutdown = 65520,
-};
+using master_link::Code;
 
 /// For example "request 8 (RunUntil)".
 std::string NameOf(Code code);
@@ -53,16 +29,13 @@ std::string NameOf(Code code);
 /// A request that the daemon cannot serve ends the run: the daemon reports it by closing the
 /// connection, which here is RequestFailed with the request's name. Every call may also throw
 /// LinkLost and ProtocolError, after which the link is of no use either, and Interrupted, after
-/// which only ShutdownWithin() may be called. Lists too long for the daemon's 65,536-byte buffer
-/// throw RequestTooLong before anything is sent.
+/// which only ShutdownWithin() may be called. Lists too long for the daemon's buffer
+/// (master_link::kMaxFrame) throw RequestTooLong before anything is sent.
 ///
 /// Well names, statuses and property names are the simulator's; values are in the run's units,
 /// times in days since the start date.
 class Run {
  public:
-  /// The longest request that the daemon reads.
-  static constexpr std::size_t kMaxRequest = 65536;
-
   /// `channel` is the connection after a launch.
   explicit Run(FrameChannel channel) : channel_(std::move(channel)) {}
 

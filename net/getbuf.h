@@ -3,6 +3,8 @@
 #include <cstdint>
 #include <string>
 
+#include "net/master_link.h"
+
 /// Reads the values of a frame's body in their order; the format has no tags. Numbers are in host
 /// byte order. Every call copies from the present position and moves it on.
 ///
@@ -12,11 +14,9 @@
 /// where it was.
 class getbuf {
  public:
-  /// The bytes of a whole receive buffer.
-  static constexpr std::int64_t kBufferSize = 65536;
-
-  /// Reads from `data`, which stays the caller's and has `size` bytes to the end of its buffer.
-  explicit getbuf(const unsigned char* data, std::int64_t size = kBufferSize);
+  /// Reads from `data`, which stays the caller's and has `size` bytes to the end of its buffer:
+  /// those of a whole receive buffer, unless something else is said.
+  explicit getbuf(const unsigned char* data, std::int64_t size = master_link::kMaxFrame);
 
   /// One byte, 0 or not.
   void UnPack(bool& value);

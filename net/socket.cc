@@ -20,6 +20,8 @@
 #include <memory>
 #include <new>
 
+#include "net/master_link.h"
+
 namespace {
 
 constexpr std::size_t kLengthBytes = 4;
@@ -171,7 +173,7 @@ int Socket::ReceiveLine(char* buffer, int capacity, int& length) {
   if (!ReceiveRest(handle_, field.data() + had, field.size() - had)) return 1;
 
   const auto size = std::bit_cast<std::int32_t>(field);
-  if (size > kMaxFrame) return 1;
+  if (size > master_link::kMaxFrame) return 1;
   length = size;
   if (size <= 0) return -1;
   if (!ReceiveRest(handle_, buffer, static_cast<std::size_t>(size))) {

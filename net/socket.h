@@ -19,10 +19,6 @@
 /// receive.
 class Socket {
  public:
-  /// The largest frame body that the buffer form of ReceiveLine() accepts; its callers' buffers
-  /// have this size.
-  static constexpr int kMaxFrame = 65536;
-
   /// A new, unconnected TCP socket. Throws the `const char*` "INVALID_SOCKET" when there is none.
   Socket();
 
@@ -45,12 +41,12 @@ class Socket {
   /// Closes the descriptor at once, whatever other copies there are. The object then holds none.
   void Close();
 
-  /// Receives one frame into `buffer`, which must hold kMaxFrame bytes; only the first `capacity`
-  /// of them are cleared before. Blocks until the frame is whole.
+  /// Receives one frame into `buffer`, which must hold master_link::kMaxFrame bytes; only the first
+  /// `capacity` of them are cleared before. Blocks until the frame is whole.
   ///
   /// Returns 0 with the size of the body in `length`; -1 when the length field was 0 or negative,
   /// or the peer had closed before a frame began; 1, with `length` 0, on a receive error or when
-  /// the frame is larger than kMaxFrame. A peer that only stops sending in mid-frame is waited
+  /// the frame is larger than that. A peer that only stops sending in mid-frame is waited
   /// for until the connection breaks or the peer has closed for good, which is such an error.
   int ReceiveLine(char* buffer, int capacity, int& length);
 

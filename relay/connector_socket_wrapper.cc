@@ -14,6 +14,7 @@
 #include "connector/v2017_2/connector.h"
 #include "log/flog.h"
 #include "net/getbuf.h"
+#include "net/master_link.h"
 #include "net/sendbuf.h"
 #include "net/socket.h"
 #include "relay/corvane_comms_exception.h"
@@ -21,37 +22,13 @@
 
 namespace {
 
+using master_link::Code;
+
 // Room for the usual reasons of a failure, taken while there is memory.
 constexpr std::size_t kReasonRoom = 512;
 
 // How much of a receive buffer is cleared before each frame.
 constexpr int kCleared = 2048;
-
-enum Code : unsigned {
-  kConnect = 1,
-  kGetDate = 2,
-  kGetMetricFlag = 3,
-  kGetTimeDays = 4,
-  kGetCompFlag = 5,
-  kGetWellStatus = 6,
-  kNewton = 7,
-  kRunUntil = 8,
-  kGetTermFlag = 9,
-  kGetWellData = 10,
-  kSetWellStatus = 11,
-  kSetWellUptime = 12,
-  kSetWellConstraints = 13,
-  kGetEOSProps = 14,
-  kGetWellVariables = 15,
-  kGetWellIPRData = 16,
-  kGetVersion = 17,
-  kSetWellInjectionSource = 18,
-  kSetWellInjectionComposition = 19,
-  kGetStartDate = 20,
-  kWellDataSub = 4096,
-  kWellIPRDataSub = 4097,
-  kShutdown = 65520
-};
 
 std::unique_ptr<ConnectorBase> NewConnector(int version) {
   if (version == 20162) return std::make_unique<v2016_2::Connector>();
@@ -61,11 +38,8 @@ std::unique_ptr<ConnectorBase> NewConnector(int version) {
 // Where requests are received, and the frames that ask for the records of one. They belong to the
 // program's image, so that their pages are taken as they are used: most requests are short, and
 // there may be many controllers that wait.
-std::array<unsigned char, getbuf::kBufferSize> receive_buffer;
-std::array<unsigned char, getbuf::kBufferSize> sub_request_buffer;
-
-// Points of an inflow table, as many as the master's tables have.
-constexpr std::size_t kTablePoints = 10;
+std::array<unsigned char, master_link::kMaxFrame> receive_buffer;
+std::array<unsigned char, master_link::kMaxFrame> sub_request_buffer;
 
 // A heap that has grown by more than this since the first request holds what a large answer has
 // left there. The status of 50,000 wells, whose memory would take longer to get anew each time than
@@ -87,7 +61,7 @@ void ReturnFreeMemory() {
 
 // Fields of a request: behind the code, to the end of the receive buffer.
 getbuf FieldsOf(const unsigned char* body) {
-  return getbuf(body, getbuf::kBufferSize - static_cast<std::int64_t>(sizeof(unsigned)));
+  return getbuf(body, master_link::kMaxFrame - static_cast<std::int64_t>(sizeof(unsigned)));
 }
 
 }  // namespace
@@ -131,7 +105,7 @@ int ConnectorSocketWrapper::ProcessRequests(std::string& error) {
       Fail("Failed to handle data packet received from master: ", reason.c_str(), error);
       return 2;
     }
-    if (code == kShutdown) return 0;
+    if (code == Code::kShutdown) return 0;
     if (HeapEnd() - usual_heap_end > kMuchGrowth) ReturnFreeMemory();
   }
 }
@@ -163,47 +137,47 @@ void ConnectorSocketWrapper::Fail(const char* text, const char* reason, std::str
 
 void ConnectorSocketWrapper::RunHandler(unsigned code, const unsigned char* body) {
   switch (code) {
-    case kConnect:
+    case Code::kConnect:
       return Connect(body);
-    case kGetDate:
+    case Code::kGetDate:
       return GetDate(body);
-    case kGetMetricFlag:
+    case Code::kGetMetricFlag:
       return GetMetricFlag(body);
-    case kGetTimeDays:
+    case Code::kGetTimeDays:
       return GetTimeDays(body);
-    case kGetCompFlag:
+    case Code::kGetCompFlag:
       return GetCompFlag(body);
-    case kGetWellStatus:
+    case Code::kGetWellStatus:
       return GetWellStatus(body);
-    case kNewton:
+    case Code::kNewton:
       return Newton(body);
-    case kRunUntil:
+    case Code::kRunUntil:
       return RunUntil(body);
-    case kGetTermFlag:
+    case Code::kGetTermFlag:
       return GetTermFlag(body);
-    case kGetWellData:
+    case Code::kGetWellData:
       return GetWellData(body);
-    case kSetWellStatus:
+    case Code::kSetWellStatus:
       return SetWellStatus(body);
-    case kSetWellUptime:
+    case Code::kSetWellUptime:
       return SetWellUptime(body);
-    case kSetWellConstraints:
+    case Code::kSetWellConstraints:
       return SetWellConstraints(body);
-    case kGetEOSProps:
+    case Code::kGetEOSProps:
       return GetEOSProps(body);
-    case kGetWellVariables:
+    case Code::kGetWellVariables:
       return GetWellVariables(body);
-    case kGetWellIPRData:
+    case Code::kGetWellIPRData:
       return GetWellIPRData(body);
-    case kGetVersion:
+    case Code::kGetVersion:
       return GetVersion(body);
-    case kSetWellInjectionSource:
+    case Code::kSetWellInjectionSource:
       return SetWellInjectionSource(body);
-    case kSetWellInjectionComposition:
+    case Code::kSetWellInjectionComposition:
       return SetWellInjectionComposition(body);
-    case kGetStartDate:
+    case Code::kGetStartDate:
       return GetStartDate(body);
-    case kShutdown:
+    case Code::kShutdown:
       return Shutdown();
     default:
       return;  // the master expects no answer to a code that nobody knows
@@ -227,34 +201,34 @@ void ConnectorSocketWrapper::Acknowledge(int code) {
 void ConnectorSocketWrapper::Connect(const unsigned char* /*body*/) {
   *log_ << "Connect on host: " << host_ << ", port: " << port_ << ", timeout: " << timeout_ << "\n";
   connector_->Connect(host_, port_, timeout_);
-  Acknowledge(kConnect);
+  Acknowledge(Code::kConnect);
 }
 
 void ConnectorSocketWrapper::Shutdown() {
   *log_ << "Shutting down\n";
   connector_->Shutdown();
-  Acknowledge(kShutdown);
+  Acknowledge(Code::kShutdown);
 }
 
 void ConnectorSocketWrapper::GetVersion(const unsigned char* /*body*/) {
   const double simulator = connector_->GetVersion();
   sendbuf reply;
   reply.Pack(simulator);
-  ReturnWithAck(reply, 0, kGetVersion);
+  ReturnWithAck(reply, 0, Code::kGetVersion);
 }
 
 void ConnectorSocketWrapper::GetMetricFlag(const unsigned char* /*body*/) {
   const bool metric = connector_->IsMetric();
   sendbuf reply;
   reply.Pack(metric ? 1 : 0);
-  ReturnWithAck(reply, 0, kGetMetricFlag);
+  ReturnWithAck(reply, 0, Code::kGetMetricFlag);
 }
 
 void ConnectorSocketWrapper::GetCompFlag(const unsigned char* /*body*/) {
   const bool compositional = connector_->IsCompositional();
   sendbuf reply;
   reply.Pack(compositional ? 1 : 0);
-  ReturnWithAck(reply, 0, kGetCompFlag);
+  ReturnWithAck(reply, 0, Code::kGetCompFlag);
 }
 
 void ConnectorSocketWrapper::GetStartDate(const unsigned char* /*body*/) {
@@ -263,7 +237,7 @@ void ConnectorSocketWrapper::GetStartDate(const unsigned char* /*body*/) {
   int year = 0;
   connector_->GetStartDate(day, month, year);
   *log_ << "Getting start date: " << day << ", " << month << ", " << year << "\n";
-  ReturnDate(day, month, year, kGetStartDate);
+  ReturnDate(day, month, year, Code::kGetStartDate);
 }
 
 void ConnectorSocketWrapper::GetDate(const unsigned char* /*body*/) {
@@ -272,7 +246,7 @@ void ConnectorSocketWrapper::GetDate(const unsigned char* /*body*/) {
   int year = 0;
   connector_->GetDate(day, month, year);
   *log_ << "Getting date: " << day << ", " << month << ", " << year << "\n";
-  ReturnDate(day, month, year, kGetDate);
+  ReturnDate(day, month, year, Code::kGetDate);
 }
 
 void ConnectorSocketWrapper::ReturnDate(int day, int month, int year, int code) {
@@ -288,13 +262,13 @@ void ConnectorSocketWrapper::GetTimeDays(const unsigned char* /*body*/) {
   *log_ << "GetTimeDays: " << days << "\n";
   sendbuf reply;
   reply.Pack(days);
-  ReturnWithAck(reply, 0, kGetTimeDays);
+  ReturnWithAck(reply, 0, Code::kGetTimeDays);
 }
 
 void ConnectorSocketWrapper::Newton(const unsigned char* /*body*/) {
   *log_ << "Newton\n";
   connector_->Newton();
-  Acknowledge(kNewton);
+  Acknowledge(Code::kNewton);
 }
 
 void ConnectorSocketWrapper::RunUntil(const unsigned char* body) {
@@ -302,20 +276,20 @@ void ConnectorSocketWrapper::RunUntil(const unsigned char* body) {
   const auto time = UnPack<double>(fields);
   *log_ << "Running until " << time << "\n";
   connector_->RunUntil(time);
-  Acknowledge(kRunUntil);
+  Acknowledge(Code::kRunUntil);
 }
 
 void ConnectorSocketWrapper::GetTermFlag(const unsigned char* /*body*/) {
   const bool ended = connector_->SimulationEnded();
   sendbuf reply;
   reply.Pack(ended ? 1 : 0);
-  ReturnWithAck(reply, 0, kGetTermFlag);
+  ReturnWithAck(reply, 0, Code::kGetTermFlag);
 }
 
 void ConnectorSocketWrapper::GetWellStatus(const unsigned char* /*body*/) {
   std::vector<StaticWellDef> wells;
   connector_->GetWellStatus(wells);
-  std::int64_t size = kPackedSize<int> + kAckSize;
+  std::int64_t size = kPackedSize<int> + master_link::kAckSize;
   const bool logged = log_->status() == 0;
   for (const StaticWellDef& well : wells) {
     if (logged) {
@@ -331,7 +305,7 @@ void ConnectorSocketWrapper::GetWellStatus(const unsigned char* /*body*/) {
     reply.Pack(well.type);
     reply.Pack(well.status);
   }
-  ReturnWithAck(reply, 0, kGetWellStatus);
+  ReturnWithAck(reply, 0, Code::kGetWellStatus);
 }
 
 void ConnectorSocketWrapper::GetWellData(const unsigned char* body) {
@@ -345,14 +319,14 @@ void ConnectorSocketWrapper::GetWellData(const unsigned char* body) {
   }
   sendbuf count;
   count.Pack(static_cast<int>(points.size()));
-  ReturnWithAck(count, 0, kGetWellData);
+  ReturnWithAck(count, 0, Code::kGetWellData);
   *log_ << "GetWellData for " << static_cast<int>(points.size()) << " wells"
         << "\n";
   for (const DynWellOpPt& point : points) {
-    AwaitSubRequest(kWellDataSub,
+    AwaitSubRequest(Code::kWellDataRecord,
                     "Unexpected data received from Corvane, routine VK_GETWELLDATA_SUB");
     sendbuf reply;
-    MakeRoom(reply, PackedSize(point.status) + 8 * kPackedSize<double> + kAckSize);
+    MakeRoom(reply, PackedSize(point.status) + 8 * kPackedSize<double> + master_link::kAckSize);
     reply.Pack(point.status);
     for (const double value :
          {point.oil_rate, point.gas_rate, point.water_rate, point.water_injection_rate,
@@ -360,7 +334,7 @@ void ConnectorSocketWrapper::GetWellData(const unsigned char* body) {
           point.uptime_fraction}) {
       reply.Pack(value);
     }
-    ReturnWithAck(reply, 0, kWellDataSub);
+    ReturnWithAck(reply, 0, Code::kWellDataRecord);
   }
 }
 
@@ -380,9 +354,9 @@ void ConnectorSocketWrapper::GetWellIPRData(const unsigned char* body) {
   sendbuf counts;
   counts.Pack(static_cast<int>(tables.size()));
   counts.Pack(points);
-  ReturnWithAck(counts, 0, kGetWellIPRData);
+  ReturnWithAck(counts, 0, Code::kGetWellIPRData);
   for (const DynWellIPR& table : tables) {
-    AwaitSubRequest(kWellIPRDataSub,
+    AwaitSubRequest(Code::kWellIPRRecord,
                     "Unexpected data received from Corvane, routine VK_GETWELLIPRDATA_SUB");
     ReturnTable(table, components > 0);
   }
@@ -395,16 +369,16 @@ void ConnectorSocketWrapper::ReturnTable(const DynWellIPR& table, bool withMoleF
   if (withMoleFractions) {
     // The master reads this many, whatever the table holds.
     static const std::vector<double> none;
-    for (std::size_t point = 0; point < kTablePoints; ++point) {
+    for (std::size_t point = 0; point < master_link::kTablePoints; ++point) {
       series.push_back(point < table.mole_fractions.size() ? &table.mole_fractions[point] : &none);
     }
   }
-  std::int64_t size = kAckSize;
+  std::int64_t size = master_link::kAckSize;
   for (const std::vector<double>* values : series) size += PackedSize(*values);
   sendbuf reply;
   MakeRoom(reply, size);
   for (const std::vector<double>* values : series) PackSeries(reply, *values);
-  ReturnWithAck(reply, 0, kWellIPRDataSub);
+  ReturnWithAck(reply, 0, Code::kWellIPRRecord);
 }
 
 // Receives the frame with which the master asks for the next well's record. It leaves the buffer of
@@ -427,7 +401,7 @@ void ConnectorSocketWrapper::SetWellStatus(const unsigned char* body) {
   const std::vector<std::string> wells = UnPackTexts(fields, n);
   const std::vector<std::string> statuses = UnPackTexts(fields, m);
   connector_->SetWellStatus(wells, statuses);
-  Acknowledge(kSetWellStatus);
+  Acknowledge(Code::kSetWellStatus);
 }
 
 void ConnectorSocketWrapper::SetWellUptime(const unsigned char* body) {
@@ -437,7 +411,7 @@ void ConnectorSocketWrapper::SetWellUptime(const unsigned char* body) {
   const std::vector<std::string> wells = UnPackTexts(fields, n);
   const std::vector<double> fractions = UnPackNumbers(fields, m);
   connector_->SetWellUptime(wells, fractions);
-  Acknowledge(kSetWellUptime);
+  Acknowledge(Code::kSetWellUptime);
 }
 
 void ConnectorSocketWrapper::SetWellConstraints(const unsigned char* body) {
@@ -446,7 +420,7 @@ void ConnectorSocketWrapper::SetWellConstraints(const unsigned char* body) {
   const auto properties = UnPackGroups(fields, UnPackTexts);
   const auto values = UnPackGroups(fields, UnPackNumbers);
   connector_->SetWellConstraints(wells, properties, values);
-  Acknowledge(kSetWellConstraints);
+  Acknowledge(Code::kSetWellConstraints);
 }
 
 void ConnectorSocketWrapper::GetEOSProps(const unsigned char* /*body*/) {
@@ -460,7 +434,7 @@ void ConnectorSocketWrapper::GetEOSProps(const unsigned char* /*body*/) {
       &eos.boiling_point,     &eos.volume_shift,
       &eos.omega_a,           &eos.omega_b,
       &eos.parachor,          &eos.binary_interaction};
-  std::int64_t size = PackedSize(eos.name) + kPackedSize<int> + kAckSize;
+  std::int64_t size = PackedSize(eos.name) + kPackedSize<int> + master_link::kAckSize;
   for (const std::string& component : eos.components) size += PackedSize(component);
   for (const auto* values : lists) size += PackedSize(*values);
   sendbuf reply;
@@ -469,7 +443,7 @@ void ConnectorSocketWrapper::GetEOSProps(const unsigned char* /*body*/) {
   reply.Pack(static_cast<int>(eos.components.size()));
   for (const std::string& component : eos.components) reply.Pack(component);
   for (const auto* values : lists) PackSeries(reply, *values);
-  ReturnWithAck(reply, 0, kGetEOSProps);
+  ReturnWithAck(reply, 0, Code::kGetEOSProps);
 }
 
 void ConnectorSocketWrapper::GetWellVariables(const unsigned char* body) {
@@ -479,9 +453,9 @@ void ConnectorSocketWrapper::GetWellVariables(const unsigned char* body) {
   std::vector<double> values;
   connector_->GetWellVariables(well, names, values);
   sendbuf reply;
-  MakeRoom(reply, PackedSize(values) + kAckSize);
+  MakeRoom(reply, PackedSize(values) + master_link::kAckSize);
   PackSeries(reply, values);
-  ReturnWithAck(reply, 0, kGetWellVariables);
+  ReturnWithAck(reply, 0, Code::kGetWellVariables);
 }
 
 void ConnectorSocketWrapper::SetWellInjectionSource(const unsigned char* body) {
@@ -494,7 +468,7 @@ void ConnectorSocketWrapper::SetWellInjectionSource(const unsigned char* body) {
   const int result = connector_->SetWellInjectionSource(well, source);
   sendbuf reply;
   reply.Pack(result & 0xff);  // the master's field has one byte's worth
-  ReturnWithAck(reply, 0, kSetWellInjectionSource);
+  ReturnWithAck(reply, 0, Code::kSetWellInjectionSource);
 }
 
 void ConnectorSocketWrapper::SetWellInjectionComposition(const unsigned char* body) {
@@ -503,5 +477,5 @@ void ConnectorSocketWrapper::SetWellInjectionComposition(const unsigned char* bo
   const auto compositions = UnPackGroups(fields, UnPackNumbers);
   *log_ << "SetWellInjectionComposition\n";
   connector_->SetWellInjectionComposition(sources, compositions);
-  Acknowledge(kSetWellInjectionComposition);
+  Acknowledge(Code::kSetWellInjectionComposition);
 }

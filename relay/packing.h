@@ -9,9 +9,6 @@
 
 // The shapes that requests and replies are made of, beyond single values.
 
-/// Bytes of the acknowledgement that ends every reply.
-constexpr std::int64_t kAckSize = 4;
-
 /// Bytes that a value takes in a reply, to size the reply before it is packed.
 template <class Number>
 constexpr std::int64_t kPackedSize = sizeof(Number);

@@ -11,6 +11,7 @@
 #include "bench/micro/table.h"
 #include "connector/name_lookup.h"
 #include "net/getbuf.h"
+#include "net/master_link.h"
 #include "net/sendbuf.h"
 
 namespace bench {
@@ -65,7 +66,7 @@ std::vector<unsigned char> Request(const Table& table) {
     body.insert(body.end(), bytes, bytes + sizeof(size));
     body.insert(body.end(), well.begin(), well.end());
   }
-  body.resize(getbuf::kBufferSize);
+  body.resize(master_link::kMaxFrame);
   return body;
 }
 

@@ -6,6 +6,7 @@
 #include <stdexcept>
 
 #include "bench/whole/plan.h"
+#include "net/master_link.h"
 #include "tests/support/wire_bytes.h"
 
 namespace bench {
@@ -72,7 +73,7 @@ Step SetUp() {
   using wire::Mess;
   const std::string end = Mess("END");
   Step step;
-  step.request = Frame(Number(1));
+  step.request = Frame(Number(master_link::kConnect));
   step.exchanges.push_back(
       {"", Framed(Mess("STARTED") + Cstr("ERRORS", {}) + end) +
                Framed(Mess("STEP") + Cstr("POSITION", {"MODEL_DEFINITION"}) + Doub("TIME", {0}) +

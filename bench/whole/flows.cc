@@ -4,11 +4,13 @@
 
 #include <fmt/format.h>
 
+#include "net/master_link.h"
 #include "tests/support/wire_bytes.h"
 
 namespace bench {
 namespace {
 
+using master_link::Code;
 using wire::Cstr;
 using wire::Doub;
 using wire::Framed;
@@ -16,21 +18,8 @@ using wire::Inte;
 using wire::Mess;
 using Names = std::vector<std::string>;
 
-enum Code : int {
-  kGetTimeDays = 4,
-  kGetWellStatus = 6,
-  kRunUntil = 8,
-  kGetTermFlag = 9,
-  kGetWellData = 10,
-  kGetWellVariables = 15,
-  kGetWellIPRData = 16,
-  kGetVersion = 17,
-  kWellDataSub = 4096,
-  kWellIPRDataSub = 4097
-};
-
-std::string Request(int code, const std::string& fields = {}) {
-  return Frame(Number(code) + fields);
+std::string Request(Code code, const std::string& fields = {}) {
+  return Frame(Number(static_cast<int>(code)) + fields);
 }
 
 std::string Double(double value) {
@@ -82,7 +71,7 @@ int RepeatsFor(int wells) {
   return std::max(2, 1000 / std::max(1, wells));
 }
 
-void AddRecords(Flow& flow, int code, int n) {
+void AddRecords(Flow& flow, Code code, int n) {
   for (int i = 0; i < n; ++i) flow.steps.push_back({Request(code), {}, {}});
 }
 
@@ -93,10 +82,10 @@ Flow WellDataOf(const Names& wells, const Names& answered) {
                        "BOTTOM_HOLE_PRESSURE", "TUBING_HEAD_PRESSURE"};
   const int n = static_cast<int>(wells.size());
   Flow flow{fmt::format("GetWellData, {} wells", n), {}, RepeatsFor(n)};
-  flow.steps.push_back({Request(kGetWellData, Texts(wells)),
+  flow.steps.push_back({Request(Code::kGetWellData, Texts(wells)),
                         {{"", Rows(items, answered)}, {"", Words({"STATUS"}, answered, {"OPEN"})}},
                         {}});
-  AddRecords(flow, kWellDataSub, n);
+  AddRecords(flow, Code::kWellDataRecord, n);
   return flow;
 }
 
@@ -109,22 +98,24 @@ Names WellNames(int n) {
 }
 
 Flow TimeDays() {
-  return {"GetTimeDays", {{Request(kGetTimeDays), {}, {}}}, 500};
+  return {"GetTimeDays", {{Request(Code::kGetTimeDays), {}, {}}}, 500};
 }
 
 Flow TermFlag() {
-  return {"GetTermFlag", {{Request(kGetTermFlag), {}, {}}}, 500};
+  return {"GetTermFlag", {{Request(Code::kGetTermFlag), {}, {}}}, 500};
 }
 
 Flow Version() {
-  return {"GetVersion", {{Request(kGetVersion), {{"", RunWide("VK_VERSION", "2017.2")}}, {}}}, 300};
+  return {"GetVersion",
+          {{Request(Code::kGetVersion), {{"", RunWide("VK_VERSION", "2017.2")}}, {}}},
+          300};
 }
 
 Flow RunUntil() {
   const std::string step =
       Framed(Mess("STEP") + Cstr("POSITION", {"BEGIN_NEWTON"}) + Doub("TIME", {31}) +
              Inte("DATE", {2026, 2, 1, 0, 0, 0}) + Mess("END"));
-  return {"RunUntil", {{Request(kRunUntil, Double(31)), {{"", step}}, {}}}, 300};
+  return {"RunUntil", {{Request(Code::kRunUntil, Double(31)), {{"", step}}, {}}}, 300};
 }
 
 Flow Variables(int n) {
@@ -133,16 +124,17 @@ Flow Variables(int n) {
                      "BOTTOM_HOLE_PRESSURE", "TUBING_HEAD_PRESSURE"};
   const Names items(all.begin(), all.begin() + n);
   const std::string well = WellNames(1).front();
-  return {
-      fmt::format("GetWellVariables, {}", n),
-      {{Request(kGetWellVariables, Text(well) + Texts(items)), {{"", Rows(items, {well})}}, {}}},
-      300};
+  return {fmt::format("GetWellVariables, {}", n),
+          {{Request(Code::kGetWellVariables, Text(well) + Texts(items)),
+            {{"", Rows(items, {well})}},
+            {}}},
+          300};
 }
 
 Flow WellStatus(int n) {
   const std::string answer = Words({"TYPE", "STATUS"}, WellNames(n), {"PRODUCER", "OPEN"});
   return {fmt::format("GetWellStatus, {} wells", n),
-          {{Request(kGetWellStatus), {{"", answer}}, {}}},
+          {{Request(Code::kGetWellStatus), {{"", answer}}, {}}},
           std::max(2, 20000 / std::max(100, n))};
 }
 
@@ -165,7 +157,8 @@ Flow InflowTables(int n) {
   Flow flow{fmt::format("GetWellIPRData, {} wells", n), {}, RepeatsFor(n)};
   Step first;
   const std::string bottom_hole(1, '\1');
-  first.request = Request(kGetWellIPRData, Number(0) + Texts(wells) + bottom_hole + Double(1));
+  first.request =
+      Request(Code::kGetWellIPRData, Number(0) + Texts(wells) + bottom_hole + Double(1));
   first.exchanges = {{"", RunWide("UNIT_SYSTEM", "TOLMEN_METRIC")},
                      {"", Ready()},
                      {"", Words({"TYPE"}, wells, {"PRODUCER"})}};
@@ -175,7 +168,7 @@ Flow InflowTables(int n) {
     first.exchanges.push_back({"", point});
   }
   flow.steps.push_back(first);
-  AddRecords(flow, kWellIPRDataSub, n);
+  AddRecords(flow, Code::kWellIPRRecord, n);
   return flow;
 }
 

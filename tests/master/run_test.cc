@@ -208,8 +208,8 @@ TEST_F(RunTest, BrokenConnectionIsLinkLost) {
 }
 
 TEST(NameOf, CodeIsNamedByItsNumberAndWhatItAsksFor) {
-  EXPECT_EQ(NameOf(master::Code::kRunUntil), "request 8 (RunUntil)");
-  EXPECT_EQ(NameOf(static_cast<master::Code>(99)), "request 99");
+  EXPECT_EQ(master::NameOf(master::Code::kRunUntil), "request 8 (RunUntil)");
+  EXPECT_EQ(master::NameOf(static_cast<master::Code>(99)), "request 99");
 }
 
 }  // namespace

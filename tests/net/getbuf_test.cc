@@ -137,7 +137,7 @@ TEST_F(GetbufTest, ArrayPastTheBufferThrowsWhateverItsSizeInBytes) {
 }
 
 TEST_F(GetbufTest, ReadingPastTheBodyReadsWhatTheBufferHolds) {
-  std::array<unsigned char, getbuf::kBufferSize> buffer{};
+  std::array<unsigned char, 65536> buffer{};
   buffer[0] = 1;
   getbuf body(buffer.data());
   int number = 5;

@@ -41,9 +41,7 @@ struct OpenSocket : Socket {
 
 class SocketTest : public testing::Test {
  protected:
-  SocketTest() : socket_(pair_.ours.Release()), buffer_(Socket::kMaxFrame, '\x7e') {
-    signal(SIGPIPE, SIG_IGN);
-  }
+  SocketTest() : socket_(pair_.ours.Release()), buffer_(65536, '\x7e') { signal(SIGPIPE, SIG_IGN); }
 
   void PeerSends(const std::string& bytes) { WriteAll(pair_.peer.get(), bytes); }
   void PeerCloses() { pair_.peer.Reset(); }
@@ -119,14 +117,14 @@ TEST_F(SocketTest, OnlyTheCapacityIsCleared) {
   PeerSends(Bytes("01 00 00 00 61"));
   EXPECT_EQ(Receive(2048), 0);
   EXPECT_EQ(buffer_.substr(0, 2048), "a" + std::string(2047, '\0'));
-  EXPECT_EQ(buffer_.substr(2048), std::string(Socket::kMaxFrame - 2048, '\x7e'));
+  EXPECT_EQ(buffer_.substr(2048), std::string(65536 - 2048, '\x7e'));
 }
 
 TEST_F(SocketTest, CapacityThatIsNotPositiveClearsNothing) {
   for (const int capacity : {0, -1}) {
     PeerSends(Bytes("00 00 00 00"));
     EXPECT_EQ(Receive(capacity), -1);
-    EXPECT_EQ(buffer_, std::string(Socket::kMaxFrame, '\x7e'));
+    EXPECT_EQ(buffer_, std::string(65536, '\x7e'));
   }
 }
 
@@ -196,7 +194,7 @@ class SocketOverTcpTest : public testing::Test {
 
   TcpPair pair_;
   OpenSocket socket_{pair_.ours.Release()};
-  std::string buffer_ = std::string(Socket::kMaxFrame, '\0');
+  std::string buffer_ = std::string(65536, '\0');
   int length_ = 99;
   double processorSeconds_ = 0;
 };
@@ -274,7 +272,7 @@ TEST(SocketFailureTest, WaitThatFailsIsAReceiveError) {
     Socket socket(pair.ours.Release());
     WriteAll(pair.peer.get(), Bytes("05 00 00 00 61"));
     shutdown(pair.peer.get(), SHUT_WR);
-    std::string buffer(Socket::kMaxFrame, '\0');
+    std::string buffer(65536, '\0');
     int length = 99;
     if (!AnswerCall(SYS_poll, [] { return static_cast<long>(-ENOMEM); })) return 77;
     const int received = socket.ReceiveLine(buffer.data(), 2048, length);

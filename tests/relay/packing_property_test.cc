@@ -58,7 +58,7 @@ RC_GTEST_PROP(PackingProperty, RoomThatWasMadeHoldsTheReplyWithoutGrowing, ()) {
   const Numbers series = *any::Doubles();
   const std::string text = *any::Bytes();
   sendbuf reply;
-  MakeRoom(reply, PackedSize(series) + PackedSize(text) + kAckSize);
+  MakeRoom(reply, PackedSize(series) + PackedSize(text) + 4);
   const auto capacity = reply.capacity();
   PackSeries(reply, series);
   reply.Pack(text);

@@ -8,6 +8,7 @@
 #include <fmt/format.h>
 
 #include "master/errors.h"
+#include "net/master_link.h"
 #include "tools/vkmaster/session/quantities.h"
 #include "tools/vkmaster/session/units.h"
 #include "tools/vkmaster/text/usage_error.h"
@@ -72,7 +73,7 @@ Result VarsResult(Session& session, const Words& patterns,
     const std::vector<double> values = session.run().GetWellVariables(well, properties);
     if (values.size() != properties.size()) {
       throw master::ProtocolError(fmt::format("Bad answer to {}: {} values for {} names",
-                                              NameOf(master::Code::kGetWellVariables),
+                                              master::NameOf(master::Code::kGetWellVariables),
                                               values.size(), properties.size()));
     }
     table.rows.push_back({well});
@@ -221,7 +222,7 @@ void SetConstraints(Session& session, const std::vector<master::WellConstraints>
   std::vector<master::WellConstraints> part;
   std::size_t size = 16;
   for (const master::WellConstraints& well : wells) {
-    if (!part.empty() && size + SizeOf(well) > master::Run::kMaxRequest) {
+    if (!part.empty() && size + SizeOf(well) > master_link::kMaxFrame) {
       session.run().SetWellConstraints(part);
       part.clear();
       size = 16;

@@ -6,6 +6,7 @@
 #include <iterator>
 #include <unordered_set>
 
+#include "net/master_link.h"
 #include "tools/vkmaster/text/usage_error.h"
 
 namespace vkmaster {
@@ -164,7 +165,7 @@ std::vector<std::vector<std::string>> Parts(const std::vector<std::string>& name
   std::size_t size = 0;
   for (const std::string& name : names) {
     const std::size_t more = 4 + name.size() + extra;
-    if (parts.empty() || size + more > master::Run::kMaxRequest) {
+    if (parts.empty() || size + more > master_link::kMaxFrame) {
       parts.emplace_back();
       size = head;
     }
