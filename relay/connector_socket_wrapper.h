@@ -1,3 +1,7 @@
+// The folder serves the requests of one run: it turns the master's packed requests into calls of a
+// connector and the results into replies. connector_socket_wrapper.cc has the loop, handlers.cc a
+// function per request, packing.h the shapes that requests and replies are made of. A new request
+// gets a code in net/master_link.h, a handler, and a line in the table of handlers.
 #pragma once
 
 #include <cstdint>
@@ -68,12 +72,17 @@ class ConnectorSocketWrapper {
   void SetWellInjectionComposition(const unsigned char* body);
 
  private:
+  /// Receives one frame into `buffer` of master_link::kMaxFrame bytes. False when none came.
+  bool ReceiveFrame(unsigned char* buffer);
   void Fail(const char* text, const char* reason, std::string& error);
   void RunHandler(unsigned code, const unsigned char* body);
+
+  /// Receives the frame by which the master asks for the next well's record. Throws `complaint` as
+  /// a corvane_comms_exception when that does not come or has another code.
   void AwaitSubRequest(unsigned code, const char* complaint);
   void Acknowledge(int code);
   void ReturnDate(int day, int month, int year, int code);
-  void ReturnTable(const DynWellIPR& table, bool withMoleFractions);
+  void ReturnTable(const DynWellIPR& table, bool with_mole_fractions);
 
   std::string host_;
   Socket* master_;
@@ -81,5 +90,4 @@ class ConnectorSocketWrapper {
   flog* log_;
   std::int32_t port_;
   std::int32_t timeout_;
-  std::int32_t version_;
 };
