@@ -124,8 +124,14 @@ std::vector<DynWellOpPt> InOrder(std::vector<DynWellOpPt>&& points, const NameLo
   return *client_;
 }
 
+// Only Shutdown() ends a connection. A client that was not shut down is given up, here and when
+// another one takes its place: its memory and its connection last to the end of the process.
+CommonConnector::~CommonConnector() {
+  static_cast<void>(client_.release());
+}
+
 void CommonConnector::Connect(const std::string& host, int port, int timeout) {
-  client_ = NewClient();
+  static_cast<void>(std::exchange(client_, NewClient()).release());
   client_->connect(host, static_cast<unsigned>(port), static_cast<unsigned>(timeout));
   Require(client_->position_info().position == AlgPos::MODEL_DEFINITION,
           "Incorrect algorithmic position after connection");
@@ -136,10 +142,10 @@ int CommonConnector::Shutdown() {
   try {
     client_->do_shutdown();
   } catch (const std::exception&) {
-    // The simulator has gone by itself, or says what no longer matters: the connection is released
-    // all the same.
+    // The simulator has gone by itself, or its answer makes no sense. Either way the connection is
+    // closed now.
   }
-  delete std::exchange(client_, nullptr);
+  client_.reset();
   return 0;
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -12,9 +13,9 @@ namespace connector {
 /// sources, over the client of their version.
 class CommonConnector : public ConnectorBase {
  public:
-  /// Does not shut the simulator down and does not release the connection: only Shutdown() does.
-  /// A controller that ends on an error leaves the connection to the end of its process.
-  ~CommonConnector() override = default;
+  /// Does not shut the simulator down and does not close the connection: only Shutdown() does. A
+  /// controller that ends on an error leaves the connection to the end of its process.
+  ~CommonConnector() override;
 
   void Connect(const std::string& host, int port, int timeout) override;
   int Shutdown() override;
@@ -48,16 +49,14 @@ class CommonConnector : public ConnectorBase {
  protected:
   CommonConnector() = default;
 
-  /// A client of the version, unconnected; the caller's.
-  virtual ::vk_ec::Client* NewClient() = 0;
+  /// A client of the version, unconnected.
+  virtual std::unique_ptr<::vk_ec::Client> NewClient() = 0;
 
   /// The client of Connect(). Throws "Not connected to the simulator" when there is none.
   ::vk_ec::Client& client() const;
 
  private:
-  // Owned from Connect() to Shutdown() only. The client of an earlier Connect() is nobody's: only
-  // Shutdown() ends a connection.
-  ::vk_ec::Client* client_ = nullptr;
+  std::unique_ptr<::vk_ec::Client> client_;
 };
 
 }  // namespace connector

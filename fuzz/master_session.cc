@@ -112,7 +112,7 @@ bool IsReason(std::string_view error, int result) {
          error == "Unknown exception";
 }
 
-using Clients = std::vector<std::unique_ptr<vk_ec::Client>>;
+using Clients = std::vector<vk_ec::Client*>;
 
 // A connector that tells which clients it has made.
 template <class Connector, class Client>
@@ -121,8 +121,10 @@ class Recorded : public Connector {
   explicit Recorded(Clients& made) : made_(made) {}
 
  private:
-  vk_ec::Client* NewClient() override {
-    return made_.emplace_back(std::make_unique<Client>()).get();
+  std::unique_ptr<vk_ec::Client> NewClient() override {
+    auto client = std::make_unique<Client>();
+    made_.push_back(client.get());
+    return client;
   }
 
   Clients& made_;
@@ -172,6 +174,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   // the end of its process, which here does not come.
   memoryStream.Begin({});
   controller.Shutdown();
-  if (!made.empty()) static_cast<void>(made.back().release());
+  if (!made.empty()) made.pop_back();
+  for (const vk_ec::Client* given_up : made) delete given_up;
   return 0;
 }

@@ -1,8 +1,6 @@
 #include "vk_ec/stream_socket.h"
 
 #include <fcntl.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -26,6 +24,12 @@ using boost::system::system_error;
 // is just over could not even learn that it succeeded.
 constexpr std::chrono::milliseconds kShortestAttempt{100};
 
+// Cannot fail for an open descriptor. Asio's own open() takes no SOCK_CLOEXEC; no other thread
+// forks before the flag is set.
+void close_on_exec(int descriptor) {
+  fcntl(descriptor, F_SETFD, FD_CLOEXEC);
+}
+
 void throw_unless_interrupted(const error_code& error, const char* operation) {
   if (error && error != asio::error::interrupted) throw system_error(error, operation);
 }
@@ -34,7 +38,6 @@ void throw_unless_interrupted(const error_code& error, const char* operation) {
 
 struct StreamSocket::Impl {
   bool open();
-  void adopt(int descriptor, error_code& error);
   void close();
   void abort();
   bool connect(const tcp::endpoint& endpoint, Clock::time_point give_up);
@@ -51,26 +54,14 @@ struct StreamSocket::Impl {
   asio::const_buffer ahead;
 };
 
-// Asio's own open() knows no SOCK_CLOEXEC.
 bool StreamSocket::Impl::open() {
   close();
   ahead = {};  // came over the connection before this one
-  const int descriptor = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP);
-  if (descriptor < 0) return false;
   error_code error;
-  adopt(descriptor, error);
-  if (error) ::close(descriptor);
-  return !error;
-}
-
-// Only a socket that has the descriptor closes it.
-void StreamSocket::Impl::adopt(int descriptor, error_code& error) {
-  try {
-    socket.assign(tcp::v4(), descriptor, error);
-  } catch (...) {  // no memory to watch it with
-    ::close(descriptor);
-    throw;
-  }
+  socket.open(tcp::v4(), error);
+  if (error) return false;
+  close_on_exec(socket.native_handle());
+  return true;
 }
 
 void StreamSocket::Impl::close() {
@@ -125,8 +116,7 @@ StreamSocket::StreamSocket() : impl_(std::make_unique<Impl>()) {}
 
 StreamSocket::StreamSocket(int connected_descriptor) : StreamSocket() {
   impl_->socket.assign(tcp::v4(), connected_descriptor);
-  // Cannot fail for a descriptor that has just been found to be one.
-  fcntl(connected_descriptor, F_SETFD, FD_CLOEXEC);
+  close_on_exec(connected_descriptor);
 }
 
 StreamSocket::~StreamSocket() = default;

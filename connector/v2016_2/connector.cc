@@ -4,8 +4,8 @@
 
 namespace v2016_2 {
 
-::vk_ec::Client* Connector::NewClient() {
-  return new vk_ec::VarnokClient;
+std::unique_ptr<::vk_ec::Client> Connector::NewClient() {
+  return std::make_unique<vk_ec::VarnokClient>();
 }
 
 // The protocol of this version has no external fluid sources. The master asks for them whatever

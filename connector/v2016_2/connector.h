@@ -1,5 +1,6 @@
 #pragma once
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -15,7 +16,7 @@ class Connector : public ::connector::CommonConnector {
                                    const std::vector<std::vector<double>>& compositions) override;
 
  private:
-  ::vk_ec::Client* NewClient() override;
+  std::unique_ptr<::vk_ec::Client> NewClient() override;
 };
 
 }  // namespace v2016_2

@@ -6,11 +6,11 @@
 
 namespace v2017_2 {
 
-::vk_ec::Client* Connector::NewClient() {
-  return new vk_ec::VarnokClient;
+std::unique_ptr<::vk_ec::Client> Connector::NewClient() {
+  return std::make_unique<vk_ec::VarnokClient>();
 }
 
-// What NewClient() made.
+// The client is always one that NewClient() has made.
 vk_ec::VarnokClient& Connector::own_client() const {
   return static_cast<vk_ec::VarnokClient&>(client());
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -19,7 +20,7 @@ class Connector : public ::connector::CommonConnector {
                                    const std::vector<std::vector<double>>& compositions) override;
 
  private:
-  ::vk_ec::Client* NewClient() override;
+  std::unique_ptr<::vk_ec::Client> NewClient() override;
   vk_ec::VarnokClient& own_client() const;
 };
 
