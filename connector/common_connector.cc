@@ -64,47 +64,33 @@ const std::vector<T>& OnlyValues(const ReservoirQueryResults<T>& answer, const c
   return answer.values[0];
 }
 
-// All values of an answer, row behind row; `wells` learns whose they are. Fails with `complaint`,
-// once the simulator is ready again, unless the items are those asked for.
-template <class T>
-std::vector<T> TakeRows(WellRows<T>&& rows, const Names& asked, NameLookup::Answer& wells,
-                        const char* complaint) {
-  std::vector<T> values;
-  while (rows.next(values)) {
-    if (values.size() == rows.items().size()) {
-      values.reserve(rows.estimated_count() * rows.items().size());
-    }
-    wells.Add(std::move(rows.well()));
-  }
-  Require(rows.items() == asked, complaint);
-  return values;
-}
-
 // Still without its status. Asked sixth, the uptime is the last member.
 DynWellOpPt PointOf(const std::vector<double>& row) {
   return {{}, row[0], row[1], row[2], row[3], row[4], row[6], row[7], row[5]};
 }
 
-// The points of all wells of an answer, made as its rows come, since both together would be most of
-// what a controller needs for a large field. `wells` learns whose they are. Fails, once the
-// simulator is ready again, unless the items are those asked for.
-std::vector<DynWellOpPt> TakePoints(WellRows<double>&& rows, const Names& asked,
-                                    NameLookup::Answer& wells) {
+// The points of all wells of an answer, and in `wells` whose they are. They are made row by row,
+// since the answer and the points together would be most of what a controller needs for a large
+// field. Fails, once the simulator is ready again, unless the items are those asked for.
+std::vector<DynWellOpPt> TakePoints(WellRows<double> rows, const Names& asked, Names& wells) {
   const bool expected = rows.items() == asked;
   std::vector<DynWellOpPt> points;
   for (std::vector<double> row; rows.next(row); row.clear()) {
     if (!expected) continue;
-    if (points.empty()) points.reserve(rows.estimated_count());
+    if (points.empty()) {
+      points.reserve(rows.estimated_count());
+      wells.reserve(rows.estimated_count());
+    }
     points.push_back(PointOf(row));
-    wells.Add(std::move(rows.well()));
+    wells.push_back(std::move(rows.well()));
   }
   Require(expected, kBadWellData);
   return points;
 }
 
 // The first `count` points in the order of `rows`, which is mostly their own.
-std::vector<DynWellOpPt> InOrder(std::vector<DynWellOpPt>&& points, const NameLookup::Places& rows,
-                                 std::size_t count) {
+std::vector<DynWellOpPt> InOrder(std::vector<DynWellOpPt>&& points,
+                                 const std::vector<std::size_t>& rows, std::size_t count) {
   std::size_t same = 0;
   while (same < count && rows[same] == same) ++same;
   if (same == count) {
@@ -261,31 +247,31 @@ void CommonConnector::GetWellVariables(const std::string& well, const Names& pro
 }
 
 void CommonConnector::GetWellOpPtData(const Names& wells, std::vector<DynWellOpPt>& points) {
-  const NameLookup lookup(wells);
-  const Names asked = {"OIL_PRODUCTION_RATE",  "GAS_PRODUCTION_RATE", "WATER_PRODUCTION_RATE",
-                       "WATER_INJECTION_RATE", "GAS_INJECTION_RATE",  "UPTIME_FRACTION",
-                       "BOTTOM_HOLE_PRESSURE", "TUBING_HEAD_PRESSURE"};
-  NameLookup::Answer dataWells(lookup);
+  static const Names asked = {"OIL_PRODUCTION_RATE",   "GAS_PRODUCTION_RATE",
+                              "WATER_PRODUCTION_RATE", "WATER_INJECTION_RATE",
+                              "GAS_INJECTION_RATE",    "UPTIME_FRACTION",
+                              "BOTTOM_HOLE_PRESSURE",  "TUBING_HEAD_PRESSURE"};
+  Names answered_wells;
   std::vector<DynWellOpPt> answered =
-      TakePoints(client().query_wells<double>(wells, asked), asked, dataWells);
-  NameLookup::Answer statusWells(lookup);
-  const Names statuses = TakeRows(client().query_wells<std::string>(wells, {"STATUS"}), {"STATUS"},
-                                  statusWells, kBadWellStatuses);
+      TakePoints(client().query_wells<double>(wells, asked), asked, answered_wells);
+  const auto statuses = TakeTable(client().query_wells<std::string>(wells, {"STATUS"}));
+  Require(statuses.items == Names{"STATUS"}, kBadWellStatuses);
 
-  const NameLookup::Places dataRows = dataWells.Positions();
-  const NameLookup::Places statusRows = statusWells.Positions();
+  const NameLookup lookup(wells);
+  const std::vector<std::size_t> rows = lookup.PositionsIn(answered_wells);
+  const std::vector<std::size_t> status_rows = lookup.PositionsIn(statuses.wells);
   const auto missing = [&](std::size_t i) -> const char* {
     if (i >= answered.size()) return kBadWellData;
-    if (dataRows[i] == NameLookup::npos) return kBadPointData;
-    if (statusRows[i] == NameLookup::npos) return kBadStatusData;
+    if (rows[i] == NameLookup::npos) return kBadPointData;
+    if (status_rows[i] == NameLookup::npos) return kBadStatusData;
     return nullptr;
   };
   std::size_t complete = 0;
   while (complete < wells.size() && missing(complete) == nullptr) ++complete;
   const char* complaint = complete < wells.size() ? missing(complete) : nullptr;
 
-  std::vector<DynWellOpPt> ordered = InOrder(std::move(answered), dataRows, complete);
-  for (std::size_t i = 0; i < complete; ++i) ordered[i].status = statuses[statusRows[i]];
+  std::vector<DynWellOpPt> ordered = InOrder(std::move(answered), rows, complete);
+  for (std::size_t i = 0; i < complete; ++i) ordered[i].status = statuses.values[status_rows[i]];
   if (points.empty()) {
     points = std::move(ordered);
   } else {

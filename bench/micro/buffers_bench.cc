@@ -99,17 +99,13 @@ BENCHMARK(CopyNames)->Name("unpack names, copy of the bytes")->Apply(Sizes);
 BENCHMARK(CopyNames)->Name("look up, copy of the bytes")->Apply(Sizes);
 BENCHMARK(CopyNames)->Name("look up, other order, copy of the bytes")->Apply(Sizes);
 
-// The answered names arrive one by one, as strings that may be moved.
 void LookUp(benchmark::State& state, bool reverse) {
   const Table table = MakeTable(state);
   std::vector<std::string> answered = table.wells;
   if (reverse) std::reverse(answered.begin(), answered.end());
-  connector::NameLookup::Places places;
+  std::vector<std::size_t> places;
   for (auto _ : state) {
-    const connector::NameLookup lookup(table.wells);
-    connector::NameLookup::Answer answer(lookup);
-    for (const std::string& name : answered) answer.Add(std::string(name));
-    places = answer.Positions();
+    places = connector::NameLookup(table.wells).PositionsIn(answered);
     benchmark::DoNotOptimize(&places);
   }
   for (std::size_t i = 0; i < table.wells.size(); ++i) {
