@@ -136,18 +136,18 @@ int CommonConnector::Shutdown() {
 }
 
 double CommonConnector::GetVersion() {
-  constexpr const char* complaint = "Unexpected answer when querying the VARNOK version.";
+  constexpr const char* kComplaint = "Unexpected answer when querying the VARNOK version.";
   const auto answer = client().get_reservoir_properties<std::string>({"VK_VERSION"});
-  const Names& values = OnlyValues(answer, "VK_VERSION", complaint);
-  Require(!values.empty(), complaint);
+  const Names& values = OnlyValues(answer, "VK_VERSION", kComplaint);
+  Require(!values.empty(), kComplaint);
   return strtod(values[0].c_str(), nullptr);
 }
 
 bool CommonConnector::IsMetric() {
-  constexpr const char* complaint = "Unexpected answer when querying the unit system.";
+  constexpr const char* kComplaint = "Unexpected answer when querying the unit system.";
   const auto answer = client().get_reservoir_properties<std::string>({"UNIT_SYSTEM"});
-  const Names& values = OnlyValues(answer, "UNIT_SYSTEM", complaint);
-  Require(values.size() == 1, complaint);
+  const Names& values = OnlyValues(answer, "UNIT_SYSTEM", kComplaint);
+  Require(values.size() == 1, kComplaint);
   return values[0] == "TOLMEN_METRIC";
 }
 
@@ -163,24 +163,24 @@ void CommonConnector::GetDate(int& day, int& month, int& year) {
 }
 
 void CommonConnector::GetStartDate(int& day, int& month, int& year) {
-  constexpr const char* complaint = "Unexpected answer when querying the VARNOK start date.";
+  constexpr const char* kComplaint = "Unexpected answer when querying the VARNOK start date.";
   const auto answer = client().get_reservoir_properties<int>({"START_DATE"});
-  const std::vector<int>& date = OnlyValues(answer, "START_DATE", complaint);
-  Require(date.size() == 6, complaint);
+  const std::vector<int>& date = OnlyValues(answer, "START_DATE", kComplaint);
+  Require(date.size() == 6, kComplaint);
   day = date[2];
   month = date[1];
   year = date[0];
 }
 
 bool CommonConnector::IsCompositional() {
-  constexpr const char* complaint = "Unexpected answer when querying the fluid models.";
+  constexpr const char* kComplaint = "Unexpected answer when querying the fluid models.";
   const auto answer =
       client().get_reservoir_properties<std::string>({"FM_FLUID_MODEL", "RES_FLUID_MODEL"});
   Require(answer.items.size() == 2 && answer.values.size() == 2 && answer.values[0].size() == 1 &&
               answer.values[1].size() == 1,
-          complaint);
+          kComplaint);
   const auto found = std::find(answer.items.begin(), answer.items.end(), "FM_FLUID_MODEL");
-  Require(found != answer.items.end(), complaint);
+  Require(found != answer.items.end(), kComplaint);
   // Field management alone decides; the reservoir's model is asked for its shape only.
   return answer.values[static_cast<std::size_t>(found - answer.items.begin())][0] ==
          "COMPOSITIONAL";
@@ -247,13 +247,13 @@ void CommonConnector::GetWellVariables(const std::string& well, const Names& pro
 }
 
 void CommonConnector::GetWellOpPtData(const Names& wells, std::vector<DynWellOpPt>& points) {
-  static const Names asked = {"OIL_PRODUCTION_RATE",   "GAS_PRODUCTION_RATE",
-                              "WATER_PRODUCTION_RATE", "WATER_INJECTION_RATE",
-                              "GAS_INJECTION_RATE",    "UPTIME_FRACTION",
-                              "BOTTOM_HOLE_PRESSURE",  "TUBING_HEAD_PRESSURE"};
+  static const Names kAsked = {"OIL_PRODUCTION_RATE",   "GAS_PRODUCTION_RATE",
+                               "WATER_PRODUCTION_RATE", "WATER_INJECTION_RATE",
+                               "GAS_INJECTION_RATE",    "UPTIME_FRACTION",
+                               "BOTTOM_HOLE_PRESSURE",  "TUBING_HEAD_PRESSURE"};
   Names answered_wells;
   std::vector<DynWellOpPt> answered =
-      TakePoints(client().query_wells<double>(wells, asked), asked, answered_wells);
+      TakePoints(client().query_wells<double>(wells, kAsked), kAsked, answered_wells);
   const auto statuses = TakeTable(client().query_wells<std::string>(wells, {"STATUS"}));
   Require(statuses.items == Names{"STATUS"}, kBadWellStatuses);
 
@@ -307,14 +307,14 @@ void CommonConnector::SetWellUptime(const Names& wells, const std::vector<double
 
 void CommonConnector::SetWellConstraints(const Names& wells, const std::vector<Names>& properties,
                                          const std::vector<std::vector<double>>& values) {
-  constexpr const char* complaint = "Incorrect argument dimensions passed to SetWellConstraints";
+  constexpr const char* kComplaint = "Incorrect argument dimensions passed to SetWellConstraints";
   if (wells.empty()) return;
-  Require(properties.size() == wells.size(), complaint);
-  Require(values.size() == wells.size(), complaint);
+  Require(properties.size() == wells.size(), kComplaint);
+  Require(values.size() == wells.size(), kComplaint);
   std::vector<Names> setters;
   setters.reserve(wells.size());
   for (std::size_t i = 0; i < wells.size(); ++i) {
-    Require(properties[i].size() == values[i].size(), complaint);
+    Require(properties[i].size() == values[i].size(), kComplaint);
     setters.emplace_back(properties[i].size(), kUser);
   }
   client().set_constraints_for_wells(wells, properties, values, setters);

@@ -52,11 +52,11 @@ std::vector<std::string> PropertiesWith(int components) {
 
 }  // namespace
 
-InflowSurvey::InflowSurvey(const std::vector<std::string>& wells, int components, bool bottomHole,
+InflowSurvey::InflowSurvey(const std::vector<std::string>& wells, int components, bool bottom_hole,
                            bool metric)
     : wells_(wells),
       well_lookup_(wells),
-      bottom_hole_(bottomHole),
+      bottom_hole_(bottom_hole),
       first_limits_{(metric ? kMetricLiquid : 1.0) * kFirstLimit,
                     (metric ? kMetricGas : 1.0) * kFirstLimit},
       properties_(PropertiesWith(components)),
@@ -118,7 +118,7 @@ void InflowSurvey::TakePoint(const WellTable<double>& answer, std::vector<DynWel
   const std::vector<std::size_t> columns = property_lookup_.PositionsIn(answer.items);
   const bool complete =
       std::find(columns.begin(), columns.end(), NameLookup::npos) == columns.end();
-  const bool firstPoint = base_.empty();
+  const bool first_point = base_.empty();
   for (std::size_t i = 0; i < wells_.size(); ++i) {
     if (rows[i] == NameLookup::npos || !complete) throw std::runtime_error(kBadPoint);
     const auto values = answer.row(rows[i]);
@@ -143,7 +143,7 @@ void InflowSurvey::TakePoint(const WellTable<double>& answer, std::vector<DynWel
         fractions.push_back(values[columns[k]]);
       }
     }
-    if (firstPoint) base_.push_back({producer ? water + oil : water, gas});
+    if (first_point) base_.push_back({producer ? water + oil : water, gas});
   }
 }
 

@@ -21,7 +21,8 @@ class InflowSurvey {
 
   /// `wells` stays the caller's and must outlive the object. No mole fractions are surveyed when
   /// `components` is not positive. Throws `std::length_error` above kMostComponents.
-  InflowSurvey(const std::vector<std::string>& wells, int components, bool bottomHole, bool metric);
+  InflowSurvey(const std::vector<std::string>& wells, int components, bool bottom_hole,
+               bool metric);
   InflowSurvey(const InflowSurvey&) = delete;
   InflowSurvey& operator=(const InflowSurvey&) = delete;
 

@@ -35,14 +35,14 @@ std::vector<std::string> UnPackTexts(getbuf& fields, int n);
 std::vector<double> UnPackNumbers(getbuf& fields, int n);
 
 /// Reads a count, then as many groups, each of which is a count and as many elements, read by
-/// `unPack`.
+/// `unpack`.
 template <class List>
-std::vector<List> UnPackGroups(getbuf& fields, List (*unPack)(getbuf&, int)) {
+std::vector<List> UnPackGroups(getbuf& fields, List (*unpack)(getbuf&, int)) {
   const auto groups = UnPack<int>(fields);
   std::vector<List> lists;
   for (int group = 0; group < groups; ++group) {
     const auto n = UnPack<int>(fields);
-    lists.push_back(unPack(fields, n));
+    lists.push_back(unpack(fields, n));
   }
   return lists;
 }

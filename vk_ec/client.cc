@@ -9,8 +9,9 @@ namespace vk_ec {
 using Strings = std::vector<std::string>;
 
 void Client::connect(const std::string& host, unsigned port, unsigned timeout) {
-  if (position_info_.position != AlgPos::UNCONNECTED)
+  if (position_info_.position != AlgPos::UNCONNECTED) {
     throw std::invalid_argument("Already connected to VARNOK.");
+  }
   transporter_.connect(host, port, timeout);
   set_up();
 }

@@ -139,9 +139,10 @@ WellConstraintResults Client::get_constraints_for_wells(const Strings& wells) {
 
 IPRDataResults Client::get_ipr_data_for_wells(const Strings& wells, const Strings& pressure_types,
                                               unsigned npoints, double skewness) {
-  if (wells.size() != pressure_types.size())
+  if (wells.size() != pressure_types.size()) {
     throw_invalid_argument("VarnokClient::get_ipr_data_for_wells", 1, 2, wells.size(),
                            pressure_types.size());
+  }
   IPRDataResults results;
   if (npoints == 0 || wells.empty()) return results;
 

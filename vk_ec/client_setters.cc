@@ -24,9 +24,10 @@ void Client::set_constraints_for_wells(const Strings& wells, const std::vector<S
 
 void Client::set_status_for_wells(const Strings& wells, const Strings& statuses,
                                   const std::string& closure) {
-  if (wells.size() != statuses.size())
+  if (wells.size() != statuses.size()) {
     throw_invalid_argument("VarnokClient::set_status_for_wells", 1, 2, wells.size(),
                            statuses.size());
+  }
   begin_set("SETWSTATUS")
       .add_string("WCLOSURE", closure)
       .add_string("SETITEM", "STATUS")
@@ -39,9 +40,10 @@ void Client::set_status_for_wells(const Strings& wells, const Strings& statuses,
 
 void Client::set_uptime_fractions_for_wells(const Strings& wells,
                                             const std::vector<double>& fractions) {
-  if (wells.size() != fractions.size())
+  if (wells.size() != fractions.size()) {
     throw_invalid_argument("VarnokClient::set_uptime_fractions_for_wells", 1, 2, wells.size(),
                            fractions.size());
+  }
   begin_set("SETWELLS")
       .add_string("SETITEM", "UPTIME_FRACTION")
       .add_data("WELNAMES", wells)

@@ -18,14 +18,17 @@ void check_constraints(const Strings& wells, const std::vector<Strings>& items,
   const auto count = wells.size();
   if (items.size() != count) Client::throw_invalid_argument(function, 1, 2, count, items.size());
   if (values.size() != count) Client::throw_invalid_argument(function, 1, 3, count, values.size());
-  if (setters.size() != count)
+  if (setters.size() != count) {
     Client::throw_invalid_argument(function, 1, 4, count, setters.size());
+  }
   // Inside a well it is the number of wells that is printed, twice: the established text.
   for (std::size_t well = 0; well < count; ++well) {
-    if (values[well].size() != items[well].size())
+    if (values[well].size() != items[well].size()) {
       Client::throw_invalid_argument(function, 2, 3, count, count);
-    if (setters[well].size() != items[well].size())
+    }
+    if (setters[well].size() != items[well].size()) {
       Client::throw_invalid_argument(function, 2, 4, count, count);
+    }
   }
 }
 
@@ -56,12 +59,14 @@ void ConstraintSetter::change(const std::vector<std::vector<double>>& values) {
   const auto fits = [](const Place& place, const std::vector<double>& of_well) {
     return place.count == of_well.size();
   };
-  if (!std::equal(places_.begin(), places_.end(), values.begin(), values.end(), fits))
+  if (!std::equal(places_.begin(), places_.end(), values.begin(), values.end(), fits)) {
     throw std::invalid_argument("ConstraintSetter::change: other constraints than before");
+  }
   for (std::size_t well = 0; well < values.size(); ++well) {
     const auto [offset, count] = places_[well];
-    if (count > 0)
+    if (count > 0) {
       std::memcpy(message_.data() + offset, values[well].data(), count * sizeof(double));
+    }
   }
 }
 

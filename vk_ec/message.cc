@@ -56,15 +56,17 @@ std::string MessageMgr::to_string(HeaderType type) {
 void MessageMgr::Header::check_expectation(std::string_view expected_name,
                                            std::uint64_t expected_count,
                                            HeaderType expected_type) const {
-  if (name != expected_name || count != expected_count || type != expected_type)
+  if (name != expected_name || count != expected_count || type != expected_type) {
     throw_unexpected(*this, describe({std::string(expected_name), expected_count, expected_type}));
+  }
 }
 
 void MessageMgr::Header::check_expectation(std::string_view expected_name,
                                            std::uint64_t expected_count) const {
-  if (name != expected_name || count != expected_count)
+  if (name != expected_name || count != expected_count) {
     throw_unexpected(*this,
                      std::string(expected_name) + "-" + std::to_string(expected_count) + "-...");
+  }
 }
 
 void MessageMgr::Header::check_expectation_MESS(std::string_view expected_name,
@@ -77,9 +79,10 @@ void MessageMgr::Header::check_expectation_MESS(std::uint64_t expected_count) co
 }
 
 void MessageMgr::check_empty() const {
-  if (!buffer_.empty())
+  if (!buffer_.empty()) {
     throw std::logic_error(
         "Cannot create a new out-going message as the previous message is still on going.");
+  }
 }
 
 MessageMgr::MessageBuilder MessageMgr::createMessageBuilder() {
@@ -102,7 +105,7 @@ MessageMgr::MessageDecoder MessageMgr::createMessageDecoder() {
 
 void MessageMgr::empty(Buffer& buffer) {
   buffer.clear();
-  if (buffer.capacity() > kept_capacity) buffer.shrink_to_fit();
+  if (buffer.capacity() > kKeptCapacity) buffer.shrink_to_fit();
 }
 
 // Nothing is built where a received message lies.
@@ -115,10 +118,10 @@ MessageMgr::Buffer& MessageMgr::MessageBuilder::buffer() {
 // to write them: so it makes room for more than the next item. It keeps the buffer growing
 // geometrically as well, so that a long message is not copied for every item.
 unsigned char* MessageMgr::MessageBuilder::grow(std::size_t size) {
-  constexpr std::size_t most_ahead = 4096;
+  constexpr std::size_t kMostAhead = 4096;
   Buffer& room = buffer();
   std::size_t& built = manager_.built_;
-  if (room.size() - built < size) room.resize(built + size + std::min(built, most_ahead));
+  if (room.size() - built < size) room.resize(built + size + std::min(built, kMostAhead));
   return room.data() + std::exchange(built, built + size);
 }
 
@@ -131,9 +134,10 @@ MessageMgr::Buffer& MessageMgr::MessageBuilder::whole() {
 // Appends a header and returns where its data go, for which there is room then.
 unsigned char* MessageMgr::MessageBuilder::begin_item(std::string_view name, std::uint64_t count,
                                                       const ztyp& tag, std::size_t data_size) {
-  if (name.size() > kLongestName)
+  if (name.size() > kLongestName) {
     throw std::logic_error("Size of header name (" + std::to_string(name.size()) +
                            ") exceeds the allowed limit (" + std::to_string(kLongestName) + ").");
+  }
   unsigned char* target = grow(1 + name.size() + kCountAndTag + data_size);
   *target++ = static_cast<unsigned char>(name.size());
   target = put(target, name.data(), name.size());
@@ -232,8 +236,9 @@ std::string MessageMgr::MessageDecoder::encode_header(std::string_view name, std
 
 bool MessageMgr::MessageDecoder::skip_header(std::string_view encoded) {
   if (encoded.size() > remaining() ||
-      std::memcmp(buffer_.data() + position_, encoded.data(), encoded.size()) != 0)
+      std::memcmp(buffer_.data() + position_, encoded.data(), encoded.size()) != 0) {
     return false;
+  }
   position_ += encoded.size();
   return true;
 }
@@ -254,8 +259,9 @@ void MessageMgr::MessageDecoder::check_length(std::uint64_t length) const {
 
 // A count times a width may not fit 64 bits; a quotient always does.
 void MessageMgr::MessageDecoder::check_count(std::uint64_t count, std::uint64_t least_width) const {
-  if (count > remaining() / least_width)
+  if (count > remaining() / least_width) {
     throw std::length_error("Not enough data read from network");
+  }
 }
 
 template <typename T>
@@ -315,16 +321,18 @@ std::string_view MessageMgr::MessageDecoder::take_text() {
 
 void MessageMgr::MessageDecoder::check_type(const Header& header, HeaderType expected_type) {
   // The blank before the last parenthesis is part of the established text.
-  if (header.type != expected_type)
+  if (header.type != expected_type) {
     throw std::invalid_argument("Incorrect header (received: " + to_string(header.type) +
                                 " vs expected: " + to_string(expected_type) + " )");
+  }
 }
 
 void MessageMgr::MessageDecoder::finalize() {
-  if (position_ != buffer_.size())
+  if (position_ != buffer_.size()) {
     throw std::length_error(
         "Received message is longer than expected (received: " + std::to_string(buffer_.size()) +
         " vs expected: " + std::to_string(position_) + ")");
+  }
   empty(buffer_);
   position_ = end_ = 0;
 }

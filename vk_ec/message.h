@@ -94,7 +94,7 @@ class MessageMgr {
   // What the buffer keeps between messages: enough for the status of 50,000 wells, whose memory
   // would cost more to take anew each time than to fill. One huge answer must not hold its memory
   // for the rest of a run that lasts for days.
-  static constexpr std::size_t kept_capacity = 8 << 20;
+  static constexpr std::size_t kKeptCapacity = 8 << 20;
   static void empty(Buffer& buffer);
   void check_empty() const;
 

@@ -38,11 +38,11 @@ std::array<std::uint64_t, N> read_numbers(StreamSocket& socket) {
 // A length and the chunk that it announces leave in one call: a segment of its own for the length
 // costs a small exchange a third of its time.
 void SendMessage::send(StreamSocket& socket) const {
-  std::uint64_t chunk = std::min(size_, chunk_size);
+  std::uint64_t chunk = std::min(size_, kChunkSize);
   const std::array<std::uint64_t, 2> initial{size_, chunk};
   socket.write(piece_of(initial), {bytes_, chunk});
   for (std::uint64_t offset = chunk; offset < size_; offset += chunk) {
-    chunk = std::min(size_ - offset, chunk_size);
+    chunk = std::min(size_ - offset, kChunkSize);
     const std::array<std::uint64_t, 1> header{chunk};
     socket.write(piece_of(header), {bytes_ + offset, chunk});
   }
@@ -66,21 +66,23 @@ void SendMessage::send_buffer(const unsigned char* bytes, std::uint64_t length,
 
 RecvMessage::RecvMessage(StreamSocket& socket, std::vector<unsigned char>& buffer)
     : buffer_(buffer) {
-  if (!buffer_.empty())
+  if (!buffer_.empty()) {
     throw std::logic_error("Cannot receive a message as the previous message is still on going.");
+  }
   buffer_.reserve(1);
   auto [total, chunk] = read_initial_header(socket);
   try {
-    buffer_.resize(total <= trusted_total ? total : SendMessage::chunk_size);
+    buffer_.resize(total <= kTrustedTotal ? total : SendMessage::kChunkSize);
   } catch (...) {
     buffer_.resize(1);  // refuses what would be read from the middle of this message
     throw;
   }
   std::uint64_t offset = 0;
   while (offset < total) {
-    if (chunk > total - offset)
+    if (chunk > total - offset) {
       throw std::length_error("Incorrect length in header (received: " + std::to_string(chunk) +
                               " vs allowed:" + std::to_string(total - offset) + ")");
+    }
     receive_chunk(offset, chunk, total, socket);
     offset += chunk;
     if (offset >= total) return;
@@ -93,8 +95,9 @@ void RecvMessage::receive_chunk(std::uint64_t offset, std::uint64_t length, std:
                                 StreamSocket& socket) {
   const std::uint64_t end = offset + length;
   while (offset < end) {
-    if (offset == buffer_.size())
+    if (offset == buffer_.size()) {
       buffer_.resize(std::min<std::uint64_t>(total, 2 * buffer_.size()));
+    }
     const std::uint64_t part = std::min<std::uint64_t>(end, buffer_.size()) - offset;
     read_payload(buffer_.data() + offset, part, socket);
     offset += part;
@@ -134,8 +137,9 @@ void ClientTransporter::connect(const std::string& host, unsigned port, unsigned
   auto last = start;
   while (!socket().connect_before(give_up)) {
     const auto now = Clock::now();
-    if (std::chrono::duration_cast<seconds>(now - start).count() > timeout)
+    if (std::chrono::duration_cast<seconds>(now - start).count() > timeout) {
       throw std::runtime_error("Connection timed out.");
+    }
     const auto since_last = std::chrono::duration_cast<milliseconds>(now - last);
     if (since_last < kPace) std::this_thread::sleep_for(kPace - since_last);
     last = Clock::now();

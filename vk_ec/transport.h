@@ -13,10 +13,10 @@ namespace vk_ec {
 ///
 /// On the wire (all numbers unsigned 64-bit, little-endian) a message is its total length, the
 /// length of the first chunk, the chunk; then, while bytes remain, the length of the next chunk
-/// and the chunk. Every chunk but the last has `chunk_size` bytes. An empty message is two zeros.
+/// and the chunk. Every chunk but the last has `kChunkSize` bytes. An empty message is two zeros.
 class SendMessage {
  public:
-  static constexpr std::uint64_t chunk_size = 65536;
+  static constexpr std::uint64_t kChunkSize = 65536;
 
   SendMessage(const unsigned char* bytes, std::uint64_t size) : bytes_(bytes), size_(size) {}
 
@@ -41,7 +41,7 @@ class RecvMessage {
   /// Up to this length the buffer is sized once, from the announced total. That of a longer message
   /// has room for one usual chunk at first and doubles as the bytes arrive: a peer's number alone
   /// must not take the memory.
-  static constexpr std::uint64_t trusted_total = 64ULL << 20;
+  static constexpr std::uint64_t kTrustedTotal = 64ULL << 20;
 
   /// Blocks until one whole message is in `buffer`, which must be empty: otherwise
   /// `std::logic_error`, with nothing read. `std::length_error` if a chunk is longer than what is

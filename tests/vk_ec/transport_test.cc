@@ -343,7 +343,7 @@ TEST_F(TransportTest, NothingIsReadFromTheMiddleOfAMessageThereWasNoMemoryFor) {
 #endif
 
 TEST_F(TransportTest, MessageAboveTheTrustedLengthArrivesWhole) {
-  const std::string message = Pattern(RecvMessage::trusted_total + 100001);
+  const std::string message = Pattern(RecvMessage::kTrustedTotal + 100001);
   std::thread writer([&] { wire::WriteAll(peer_, wire::Framed(message)); });
   const std::string received = Receive();
   writer.join();

@@ -8,9 +8,10 @@ void VarnokClient::set_composition_of_fluid_source_external(const std::string& n
                                                             const std::vector<double>& values,
                                                             const Strings& component_names,
                                                             const std::string& phase) {
-  if (values.size() != component_names.size())
+  if (values.size() != component_names.size()) {
     throw_invalid_argument("VarnokClient::set_composition_of_fluid_source_external", 2, 3,
                            values.size(), component_names.size());
+  }
   begin_set("SETWSTRE")
       .add_data("STNAME", Strings{name})
       .add_data("STCMPVALUES", values)
