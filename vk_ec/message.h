@@ -183,10 +183,6 @@ class MessageMgr::MessageDecoder {
   template <typename T>
   std::vector<T> get_data(const Header& header);
 
-  /// The same, appended to `values`: the rows of a table need no memory of their own.
-  template <typename T>
-  void append_data(const Header& header, std::vector<T>& values);
-
   /// The first string of `header`, which must announce one at least.
   std::string get_string(const Header& header);
 
@@ -267,12 +263,6 @@ template <typename T>
 std::vector<T> MessageMgr::MessageDecoder::get_data(const Header& header) {
   check_type(header, headerType_for<T>());
   return get_data<T>(header.count);
-}
-
-template <typename T>
-void MessageMgr::MessageDecoder::append_data(const Header& header, std::vector<T>& values) {
-  check_type(header, headerType_for<T>());
-  append(header.count, values);
 }
 
 template <typename T>

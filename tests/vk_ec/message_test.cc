@@ -548,21 +548,10 @@ TEST_F(DecoderTest, EncodedHeaderIsTheOneThatTravels) {
 }
 
 TEST_F(DecoderTest, DataAreAppended) {
-  const std::string message = Doub("A", {1, 2}) + Doub("A", {3});
-  auto decoder = Decode(message);
+  auto decoder = Decode(Doub("A", {1, 2}));
   std::vector<double> values = {0};
-  decoder.append_data(decoder.get_header(), values);
-  decoder.append_data(decoder.get_header(), values);
-  EXPECT_THAT(values, ElementsAre(0, 1, 2, 3));
-}
-
-TEST_F(DecoderTest, DataOfAnotherTypeAreNotAppended) {
-  auto decoder = Decode(Doub("A", {1}));
-  const Header header = decoder.get_header();
-  std::vector<int> values;
-  EXPECT_THAT(
-      [&] { decoder.append_data(header, values); },
-      ThrowsMessage<std::invalid_argument>("Incorrect header (received: DOUB vs expected: INTE )"));
+  decoder.append(decoder.get_header().count, values);
+  EXPECT_THAT(values, ElementsAre(0, 1, 2));
 }
 
 TEST_F(MessageTest, AbandonedMessageStaysInProgress) {
