@@ -26,7 +26,8 @@ using ::vk_ec::ReservoirQueryResults;
 using ::vk_ec::WellRows;
 using Names = std::vector<std::string>;
 
-// The words that go with every control that the master sets: who set it, and how a well is closed.
+// The word that goes with everything that the master sets. It says who has set a constraint, and it
+// is the mode in which a well is closed.
 constexpr const char* kUser = "USER";
 constexpr const char* kAllWells = "*";
 
@@ -36,8 +37,8 @@ constexpr const char* kBadPointData =
     "Unexpected answer when querying the well operating point data.";
 constexpr const char* kBadStatusData = "Unexpected answer when querying the well status data.";
 
-// The simulator's words for the component properties that the master knows. Their mixed case is the
-// simulator's.
+// The component properties that the master knows, by the simulator's words for them, which are not
+// all in one case.
 constexpr std::array<std::pair<std::string_view, std::vector<double> EOS::*>, 10> kFluidProperties{{
     {"Molecular weight", &EOS::molecular_weight},
     {"TCrit", &EOS::critical_temperature},
@@ -55,7 +56,7 @@ void Require(bool condition, const char* complaint) {
   if (!condition) throw std::runtime_error(complaint);
 }
 
-// The values of the only item that was asked for.
+// The values in the answer to a query that asked for `item` alone.
 template <class T>
 const std::vector<T>& OnlyValues(const ReservoirQueryResults<T>& answer, const char* item,
                                  const char* complaint) {
@@ -64,14 +65,16 @@ const std::vector<T>& OnlyValues(const ReservoirQueryResults<T>& answer, const c
   return answer.values[0];
 }
 
-// Still without its status. Asked sixth, the uptime is the last member.
+// Makes a point, but for its status, of the values of GetWellOpPtData's properties in their order.
+// The uptime is asked for as the sixth of them and is the last member.
 DynWellOpPt PointOf(const std::vector<double>& row) {
   return {{}, row[0], row[1], row[2], row[3], row[4], row[6], row[7], row[5]};
 }
 
-// The points of all wells of an answer, and in `wells` whose they are. They are made row by row,
-// since the answer and the points together would be most of what a controller needs for a large
-// field. Fails, once the simulator is ready again, unless the items are those asked for.
+// Makes the points of all wells of an answer and appends the wells' names to `wells`. Each row
+// becomes a point at once: for a large field, to hold all values and all points side by side would
+// take most of a controller's memory. An answer with other items than those asked for is read to
+// its end before it is refused, so that the simulator is ready again.
 std::vector<DynWellOpPt> TakePoints(WellRows<double> rows, const Names& asked, Names& wells) {
   const bool expected = rows.items() == asked;
   std::vector<DynWellOpPt> points;
@@ -88,7 +91,8 @@ std::vector<DynWellOpPt> TakePoints(WellRows<double> rows, const Names& asked, N
   return points;
 }
 
-// The first `count` points in the order of `rows`, which is mostly their own.
+// The points at the first `count` positions of `rows`. Mostly these are 0, 1, 2 and so on, and then
+// the points stay where they are.
 std::vector<DynWellOpPt> InOrder(std::vector<DynWellOpPt>&& points,
                                  const std::vector<std::size_t>& rows, std::size_t count) {
   std::size_t same = 0;
@@ -181,7 +185,7 @@ bool CommonConnector::IsCompositional() {
           kComplaint);
   const auto found = std::find(answer.items.begin(), answer.items.end(), "FM_FLUID_MODEL");
   Require(found != answer.items.end(), kComplaint);
-  // Field management alone decides; the reservoir's model is asked for its shape only.
+  // Only the fluid model of field management decides; the reservoir's is not looked at.
   return answer.values[static_cast<std::size_t>(found - answer.items.begin())][0] ==
          "COMPOSITIONAL";
 }
@@ -208,12 +212,12 @@ void CommonConnector::GetStaticComposition(EOS* eos) {
 
 void CommonConnector::GetWellStatus(std::vector<StaticWellDef>& wells) {
   wells.clear();
-  std::vector<StaticWellDef> answered;  // only what has come to its end is an answer
+  std::vector<StaticWellDef> answered;  // becomes the result only when the answer is complete
   const Names asked = {"TYPE", "STATUS"};
   auto rows = client().query_wells<std::string>({kAllWells}, asked);
   const bool expected = rows.items() == asked;
   for (Names row; rows.next(row); row.clear()) {
-    if (!expected) continue;  // complained about when the simulator is ready again
+    if (!expected) continue;  // the rest is read all the same, until the simulator is ready again
     if (answered.empty()) answered.reserve(rows.estimated_count());
     answered.push_back({std::move(rows.well()), std::move(row[0]), std::move(row[1])});
   }

@@ -9,8 +9,8 @@
 
 namespace connector {
 
-/// What the connectors of all protocol versions have in common: everything but the injection
-/// sources, over the client of their version.
+/// The operations that the connectors of both protocol versions have in common: all but those on
+/// injection sources.
 class CommonConnector : public ConnectorBase {
  public:
   /// Does not shut the simulator down and does not close the connection: only Shutdown() does. A
@@ -49,10 +49,11 @@ class CommonConnector : public ConnectorBase {
  protected:
   CommonConnector() = default;
 
-  /// A client of the version, unconnected.
+  /// A new client of the connector's protocol version, not connected yet.
   virtual std::unique_ptr<::vk_ec::Client> NewClient() = 0;
 
-  /// The client of Connect(). Throws "Not connected to the simulator" when there is none.
+  /// The client that Connect() has made. Throws "Not connected to the simulator" when there is
+  /// none.
   ::vk_ec::Client& client() const;
 
  private:

@@ -10,7 +10,7 @@
 namespace connector {
 namespace {
 
-// Positions in the list of properties.
+// The properties by their positions in the list that PropertiesWith() makes.
 enum Property : std::size_t {
   kOilProduction,
   kGasProduction,
@@ -26,8 +26,9 @@ enum Property : std::size_t {
   kFirstMoleFraction
 };
 
-// Far above any well's rate. The metric factors are those that the master's tables were built
-// with; the one of gas is not the usual conversion from cubic feet, and stays.
+// The limit of the first point, far above any well's rate, and its factors in a metric run. The
+// factor of gas is not the usual conversion from cubic feet. It stays, since masters have tables
+// that were built with it.
 constexpr double kFirstLimit = 100000.0;
 constexpr double kMetricLiquid = 0.158987;
 constexpr double kMetricGas = 28174.0;

@@ -9,12 +9,13 @@
 
 namespace connector {
 
-/// The working state of one survey of the inflow of wells: what to ask the simulator next, and
-/// what its answers mean. It talks to nobody itself.
+/// The state of one survey that builds the inflow tables of wells: what to ask the simulator next,
+/// and what its answers mean. The caller does the asking.
 ///
-/// Ten points are taken. At the first the rate limits are so high that they do not bind; at point
-/// k they are ((11 - k) / 10)^skewness of the rates of the first. Producers are limited in liquid
-/// and gas together, water injectors in water, all other wells in gas.
+/// Ten points are taken. At the first point the rate limits are so high that no well reaches them;
+/// at point k the limits are ((11 - k) / 10)^skewness of the rates that the wells had at the first.
+/// Producers are limited in liquid and gas together, water injectors in water, all other wells in
+/// gas.
 class InflowSurvey {
  public:
   static constexpr int kMostComponents = 100000;
@@ -30,7 +31,8 @@ class InflowSurvey {
   /// answer when querying the well status data."
   void TakeTypes(const WellTable<std::string>& types, std::vector<DynWellIPR>& tables);
 
-  /// Per well the names of its limits, the limits of the next point, and who sets them.
+  /// The limits of the next point: per well the names of its constraints, their values, and the
+  /// words for who sets them.
   const std::vector<std::vector<std::string>>& constraints() const { return constraints_; }
   const std::vector<std::vector<double>>& limits() const { return limits_; }
   const std::vector<std::vector<std::string>>& setters() const { return setters_; }
@@ -38,17 +40,17 @@ class InflowSurvey {
   /// The properties to ask of every well at every point.
   const std::vector<std::string>& properties() const { return properties_; }
 
-  /// Appends one point to the tables, the first of which is that of the first well. Throws
-  /// "Unexpected answer when querying the well IPR data."
+  /// Appends one point to every table. The tables are those of the wells, in the wells' order.
+  /// Throws "Unexpected answer when querying the well IPR data."
   void TakePoint(const WellTable<double>& answer, std::vector<DynWellIPR>& tables);
 
-  /// Sets the limits of point `taken` + 1.
+  /// Sets the limits for the point that follows `taken` points.
   void LowerLimits(int taken, double skewness);
 
  private:
   enum class Type { kProducer, kWaterInjector, kOther };
 
-  // Rates in surface volumes per day: oil and water together, or water injected; gas.
+  // Surface volumes per day. The liquid is oil and water of a producer, water of an injector.
   struct Rates {
     double liquid;
     double gas;

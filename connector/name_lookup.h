@@ -20,7 +20,7 @@ class NameLookup {
 
  private:
   const std::vector<std::string>& asked_;
-  bool distinct_;  // no asked name occurs twice
+  bool distinct_;  // whether no asked name occurs twice
 };
 
 }  // namespace connector

@@ -36,7 +36,7 @@ struct DynWellIPR {
   std::vector<double> pressure;    ///< bottom-hole or tubing-head, as asked
   std::vector<double> oil_rate;    ///< produced
   std::vector<double> water_rate;  ///< produced by a producer, injected by any other well
-  std::vector<double> gas_rate;    ///< likewise
+  std::vector<double> gas_rate;    ///< produced by a producer, injected by any other well
   std::vector<double> temperature;
   std::vector<double> gas_density;
   std::vector<double> oil_density;

@@ -20,9 +20,10 @@ class sendbuf;
 /// learns of a failure by the end of the connection, and of its reason from the log.
 class ConnectorSocketWrapper {
  public:
-  /// Will drive the simulator that listens on `port` of `host`, giving it `timeout` seconds to do
-  /// so. `version` 20162 chooses the simulator's protocol of version 2016.2, every other value
-  /// that of 2017.2. `master` and `log` stay the caller's and must outlive the object.
+  /// The controller will drive the simulator that listens on `port` of `host`; Connect() gives the
+  /// simulator `timeout` seconds to begin to listen. `version` 20162 chooses version 2016.2 of the
+  /// simulator's protocol, every other value version 2017.2. `master` and `log` stay the caller's
+  /// and must outlive the object.
   ConnectorSocketWrapper(int version, const std::string& host, Socket* master, int port,
                          int timeout, flog& log);
 
@@ -34,17 +35,18 @@ class ConnectorSocketWrapper {
   ConnectorSocketWrapper& operator=(const ConnectorSocketWrapper&) = delete;
   virtual ~ConnectorSocketWrapper();
 
-  /// The request loop. A process has one controller at work. Returns 0 after the shutdown request
-  /// was served, 1 when no frame could be received, 2 when a request failed; `error` holds the
-  /// reason of 1 and 2.
+  /// The request loop. Only one controller of a process may be at work, since all share one receive
+  /// buffer. Returns 0 after the shutdown request was served, 1 when no frame could be received, 2
+  /// when a request failed; `error` holds the reason of 1 and 2.
   int ProcessRequests(std::string& error);
 
-  /// Serves one request. `body` points behind its code, into a receive buffer of getbuf's size.
-  /// Returns 0 when it was served or its code is unknown (unknown codes are not answered), 1 with
-  /// the reason in `error` when it failed with a `std::exception`; others pass through.
+  /// Serves one request. `body` points behind the request's code, into a receive buffer of
+  /// master_link::kMaxFrame bytes. Returns 0 when the request was served or nobody knows its code,
+  /// which gets no answer; 1 with the reason in `error` when the request failed with a
+  /// `std::exception`. Other exceptions pass through.
   int Handle(unsigned code, const unsigned char* body, std::string& error);
 
-  /// Ends `reply` with the acknowledgement and sends it; the result is that of sendbuf::Send().
+  /// Ends `reply` with the acknowledgement and sends it. Returns what sendbuf::Send() returns.
   int ReturnWithAck(sendbuf& reply, int ack, int code);
 
   // The handlers, one per request code. Each unpacks the request's fields in the order in which

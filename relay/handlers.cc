@@ -1,6 +1,5 @@
-// The handlers, one per request code, in the order of the protocol's description. A reply that
-// could not be sent is noticed when the next request is received, so nobody looks at what
-// ReturnWithAck() returns.
+// The handlers, one per request code. A reply that could not be sent is noticed when the next
+// request is received, so nobody looks at what ReturnWithAck() returns.
 
 #include <array>
 #include <cstddef>
@@ -22,9 +21,9 @@ namespace {
 using master_link::Code;
 using master_link::kAckSize;
 
-// Where the master's frames that ask for the record of one well are received. They have a buffer of
-// their own because a request that is too short is read on into what the frames before it have left
-// in the buffer of the requests, and these frames leave nothing there.
+// Where the master's frames that ask for the record of one well are received. This is not the
+// buffer of the requests: the fields of a request that is too short are read from what earlier
+// requests have left there, and these frames must not change that.
 std::array<unsigned char, master_link::kMaxFrame> sub_request_buffer;
 
 // The fields of a request. `body` points behind the code, and the receive buffer ends where a

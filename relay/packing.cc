@@ -7,7 +7,7 @@
 
 namespace {
 
-// How many elements of at least `size` bytes to make room for when `n` are announced.
+// For how many elements, of at least `size` bytes each, to make room when the master announces `n`.
 std::size_t Room(const getbuf& fields, int n, std::int64_t size) {
   return static_cast<std::size_t>(std::clamp<std::int64_t>(n, 0, fields.remaining() / size));
 }

@@ -1,6 +1,10 @@
+// The folder speaks the simulator's external-controller protocol from the controller's side, bottom
+// up: stream_socket moves bytes, transport cuts messages into chunks, message lays typed fields out
+// and reads them, and the client here makes the protocol's exchanges of them. Both versions of the
+// protocol share all of it; v2016_2/ and v2017_2/ state what differs, so that nobody asks for the
+// version of a client that exists.
 #pragma once
 
-#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -14,21 +18,21 @@ namespace vk_ec {
 
 /// What distinguishes the protocol versions inside the common operations.
 struct ProtocolTraits {
-  /// The component list of the field-management fluid model is announced as "NCOMPS"; otherwise
-  /// under a name that says nothing.
+  /// Whether the header with the components of the field-management fluid model has to be named
+  /// "NCOMPS". If not, any name will do.
   bool names_component_count;
 };
 
 /// The controller's handle on one running simulation; what the protocol versions have in common.
 ///
 /// Every operation sends one request and blocks until the simulator has answered, however long
-/// that takes: a step of the simulation may take hours. None checks whether the simulator is at a
-/// position that allows it; the simulator is the judge of that.
+/// that takes: a step of the simulation may take hours. No operation looks at the simulator's
+/// position first; a simulator that stands at the wrong one refuses the request itself.
 ///
 /// Exceptions: `boost::system::system_error` when the connection fails ("read: End of file"),
-/// `std::length_error` and `std::invalid_argument` when an answer is not the expected one. After
-/// either the client is of no more use: it refuses further messages with `std::logic_error`, unless
-/// nothing of an answer had arrived. Not for use by two threads at once.
+/// `std::length_error` and `std::invalid_argument` when an answer is not the expected one. Once a
+/// part of an answer has arrived, a failure makes the client useless: it refuses every further
+/// message with `std::logic_error`. Not for use by two threads at once.
 class Client {
  public:
   virtual ~Client() = default;
@@ -37,8 +41,9 @@ class Client {
 
   /// Opens the connection as `ClientTransporter::connect` does (`timeout` in seconds), performs
   /// the set-up exchange and waits for the simulator's first step answer, which gives the
-  /// position. `std::invalid_argument` "Already connected to VARNOK." before anything else if
-  /// there is a position already; the simulator's first error as text if it refuses.
+  /// position. Throws `std::invalid_argument` with the text "Already connected to VARNOK.", before
+  /// anything else, if there is a position already; with the simulator's first error as its text,
+  /// if the simulator refuses.
   void connect(const std::string& host, unsigned port, unsigned timeout);
 
   /// Runs to the simulator's next stopping point.
@@ -50,11 +55,12 @@ class Client {
   /// Asks the simulator to end. The connection stays open until the client is destroyed.
   void do_shutdown();
 
-  /// The message that follows the answer to every query and setter.
+  /// Reads READY, the message by which the simulator ends its answer to every query and setter.
   void read_READY_answer();
 
-  /// The answer to everything that moves the simulation. The fields of the position are set as
-  /// they are decoded: after a failure the earlier ones are new.
+  /// Reads the simulator's answer to a set-up, a continuation or a shutdown, and takes the position
+  /// from it. The fields of the position are set as they are decoded, so that a failure in the
+  /// middle of an answer leaves some of them new.
   void read_vk_answer();
 
   /// Throws `std::invalid_argument` for two argument lists that should be of the same length. `a`
@@ -80,29 +86,29 @@ class Client {
 
   WellConstraintResults get_constraints_for_wells(const std::vector<std::string>& wells);
 
-  /// Inflow-performance curves, with one pressure type per well (otherwise
-  /// `std::invalid_argument`, and nothing is sent). The simulator may choose another number of
-  /// points for a well. Without wells or points the result is empty and nothing is sent.
+  /// Inflow-performance curves of `npoints` points, though the simulator may choose another number
+  /// for a well. There has to be one pressure type per well, otherwise `std::invalid_argument` is
+  /// thrown. Without wells or points the result is empty. In both cases nothing is sent.
   IPRDataResults get_ipr_data_for_wells(const std::vector<std::string>& wells,
                                         const std::vector<std::string>& pressure_types,
                                         unsigned npoints, double skewness);
 
-  /// The component names of the field-management fluid model; none if it has none.
+  /// The component names of the field-management fluid model; none if the model has none.
   std::vector<std::string> get_field_management_fluid_model_description();
 
   /// One description per fluid model of the reservoir.
   std::vector<ReservoirFluidModelDescription> get_reservoir_fluid_model_description();
 
-  /// Gives each well its constraints. Per well, `items`, `values` and `setters` (who sets it:
-  /// "USER", ...) are of the same length. Lists that do not fit are `std::invalid_argument`, here
-  /// as in the other setters, and then nothing is sent.
+  /// Gives each well its constraints. Per well there are as many `items` (the constraints' names)
+  /// as `values` and `setters` (the word for who sets the constraint, for example "USER"). Lists of
+  /// different lengths are `std::invalid_argument`, here as in the other setters, and then nothing
+  /// is sent.
   void set_constraints_for_wells(const std::vector<std::string>& wells,
                                  const std::vector<std::vector<std::string>>& items,
                                  const std::vector<std::vector<double>>& values,
                                  const std::vector<std::vector<std::string>>& setters);
 
-  /// Opens or shuts wells: one status per well. `closure` says how a well is closed (the
-  /// well-closure mode).
+  /// Opens or shuts wells: one status per well. `closure` is the mode in which a well is closed.
   void set_status_for_wells(const std::vector<std::string>& wells,
                             const std::vector<std::string>& statuses, const std::string& closure);
 
@@ -110,7 +116,7 @@ class Client {
   void set_uptime_fractions_for_wells(const std::vector<std::string>& wells,
                                       const std::vector<double>& fractions);
 
-  /// What the last step answer said.
+  /// Where the simulator stands, as its last step answer said.
   const PositionInfo& position_info() const { return position_info_; }
 
   /// The stages of one exchange, from which every query and setter is made. A message that changes
@@ -131,7 +137,8 @@ class Client {
  protected:
   explicit Client(ProtocolTraits traits) : traits_(traits) {}
 
-  /// Speaks over a connected descriptor, which it owns from now on; `set_up` comes next.
+  /// For a client that is connected already: speaks over `connected_descriptor` and closes it in
+  /// the end. `set_up` comes next.
   Client(ProtocolTraits traits, int connected_descriptor)
       : traits_(traits), transporter_(connected_descriptor) {}
 
@@ -144,7 +151,6 @@ class Client {
  private:
   void read_STEP_answer(MessageMgr::MessageDecoder& answer);
 
-  // `kind` is the word by which the simulator knows the query.
   template <typename T>
   WellQueryResults<T> get_properties_for_wells_impl(const std::vector<std::string>& wells,
                                                     const std::vector<std::string>& items,

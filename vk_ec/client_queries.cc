@@ -1,4 +1,4 @@
-#include <cstddef>
+#include <cstdint>
 #include <string_view>
 #include <type_traits>
 #include <utility>
@@ -17,7 +17,7 @@ constexpr const char* kWellQuery = std::is_same_v<T, double> ? "QWELLS" : "QWELL
 template <typename T>
 constexpr const char* kReservoirQuery = std::is_same_v<T, int> ? "QRESVR" : "QRESVR_STR";
 
-// The one string of a header that has been read already.
+// The one string of `header`, which has been read already.
 std::string single_string(MessageMgr::MessageDecoder& reply, const Header& header,
                           std::string_view name) {
   header.check_expectation(name, 1);
@@ -166,7 +166,7 @@ IPRDataResults Client::get_ipr_data_for_wells(const Strings& wells, const String
     auto& curves = results.values.emplace_back();
     for (header = reply.get_header(); header.name == "ITEM"; header = reply.get_header()) {
       items.push_back(single_string(reply, header, "ITEM"));
-      // A negative number becomes a count that no message can hold.
+      // A negative number becomes a count that no message can hold, which is refused.
       curves.push_back(
           reply.get_header_and_data<double>("VALUES", static_cast<std::uint64_t>(points)));
     }

@@ -21,7 +21,7 @@ void check_constraints(const Strings& wells, const std::vector<Strings>& items,
   if (setters.size() != count) {
     Client::throw_invalid_argument(function, 1, 4, count, setters.size());
   }
-  // Inside a well it is the number of wells that is printed, twice: the established text.
+  // For lists inside a well the established text has the number of wells, twice.
   for (std::size_t well = 0; well < count; ++well) {
     if (values[well].size() != items[well].size()) {
       Client::throw_invalid_argument(function, 2, 3, count, count);

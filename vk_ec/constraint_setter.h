@@ -10,8 +10,9 @@ namespace vk_ec {
 
 class Client;
 
-/// `Client::set_constraints_for_wells` for callers who set the same constraints several times: what
-/// stays the same is put into the message once.
+/// Sets the same constraints of the same wells several times, with other values each time. The
+/// message is built once, and only the values in it change. `Client::set_constraints_for_wells` is
+/// one that is sent once.
 ///
 ///   ConstraintSetter setter(client, wells, items, values, setters);
 ///   setter.send();
@@ -28,16 +29,16 @@ class ConstraintSetter {
   ConstraintSetter(const ConstraintSetter&) = delete;
   ConstraintSetter& operator=(const ConstraintSetter&) = delete;
 
-  /// The values of the next request: of as many wells, and per well as many, as there were, else
-  /// `std::invalid_argument`. There is none after a request that could not be sent:
-  /// `std::logic_error`.
+  /// Gives the next `send` other values. There have to be as many wells as before, and as many
+  /// values for each of them, otherwise `std::invalid_argument` is thrown. After a request that
+  /// could not be sent no other can follow: `std::logic_error`.
   void change(const std::vector<std::vector<double>>& values);
 
   /// Blocks until the simulator is ready again.
   void send();
 
  private:
-  // Where the values of a well stand in the message.
+  // The values of one well, by the offset of their first byte in the message.
   struct Place {
     std::size_t offset;
     std::size_t count;

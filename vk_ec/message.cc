@@ -15,7 +15,8 @@ constexpr std::size_t kLongestName = std::numeric_limits<unsigned char>::max();
 // What follows the name in a header.
 constexpr std::size_t kCountAndTag = sizeof(std::uint64_t) + sizeof(MessageMgr::ztyp);
 
-// Copies `size` bytes and returns where the next ones go. An empty list may have no address.
+// Copies `size` bytes and returns where the next ones go. The source of no bytes may be a null
+// pointer, which memcpy() must not get.
 unsigned char* put(unsigned char* target, const void* source, std::size_t size) {
   if (size > 0) std::memcpy(target, source, size);
   return target + size;
@@ -90,7 +91,7 @@ MessageMgr::MessageBuilder MessageMgr::createMessageBuilder() {
   return MessageBuilder(*this);
 }
 
-// While the message is on its way it is the one in progress, and stays that after a failure.
+// While it is being sent, the message is the one in progress. If that fails, it stays so.
 void MessageMgr::resend(Buffer& message) {
   check_empty();
   buffer_.swap(message);
@@ -108,15 +109,15 @@ void MessageMgr::empty(Buffer& buffer) {
   if (buffer.capacity() > kKeptCapacity) buffer.shrink_to_fit();
 }
 
-// Nothing is built where a received message lies.
+// The buffer to build in, unless a received message lies there.
 MessageMgr::Buffer& MessageMgr::MessageBuilder::buffer() {
   if (manager_.built_ == 0) manager_.check_empty();
   return manager_.buffer_;
 }
 
-// resize() zeroes what it adds, which for every few bytes of a long message would take longer than
-// to write them: so it makes room for more than the next item. It keeps the buffer growing
-// geometrically as well, so that a long message is not copied for every item.
+// Lengthens the message by `size` bytes and returns where they go. The buffer is resized ahead of
+// the message, by as much as is built but at most kMostAhead: resize() clears what it adds, and to
+// call it for every few bytes of a long message would take longer than to write them.
 unsigned char* MessageMgr::MessageBuilder::grow(std::size_t size) {
   constexpr std::size_t kMostAhead = 4096;
   Buffer& room = buffer();
@@ -125,13 +126,13 @@ unsigned char* MessageMgr::MessageBuilder::grow(std::size_t size) {
   return room.data() + std::exchange(built, built + size);
 }
 
-// The message without the room behind it.
+// Cuts off the room behind the message, and returns the buffer.
 MessageMgr::Buffer& MessageMgr::MessageBuilder::whole() {
   buffer().resize(manager_.built_);
   return manager_.buffer_;
 }
 
-// Appends a header and returns where its data go, for which there is room then.
+// Appends a header and room for `data_size` bytes of data, and returns where the data go.
 unsigned char* MessageMgr::MessageBuilder::begin_item(std::string_view name, std::uint64_t count,
                                                       const ztyp& tag, std::size_t data_size) {
   if (name.size() > kLongestName) {
@@ -244,7 +245,7 @@ bool MessageMgr::MessageDecoder::skip_header(std::string_view encoded) {
 }
 
 MessageMgr::HeaderType MessageMgr::MessageDecoder::decode_type(const ztyp& tag) {
-  // As numbers, since this is done for every header of a long answer.
+  // Tags are compared as numbers, since a long answer has thousands of them.
   const auto number = [](const ztyp& letters) { return std::bit_cast<std::uint32_t>(letters); };
   if (number(tag) == number(tDOUB)) return DOUB;
   if (number(tag) == number(tCSTR)) return CSTR;
@@ -257,7 +258,7 @@ void MessageMgr::MessageDecoder::check_length(std::uint64_t length) const {
   if (length > remaining()) throw std::length_error("Not enough data read from network");
 }
 
-// A count times a width may not fit 64 bits; a quotient always does.
+// Compares quotients, since a hostile count times the width may not fit 64 bits.
 void MessageMgr::MessageDecoder::check_count(std::uint64_t count, std::uint64_t least_width) const {
   if (count > remaining() / least_width) {
     throw std::length_error("Not enough data read from network");
@@ -297,7 +298,7 @@ std::string MessageMgr::MessageDecoder::get_string(const Header& header) {
   return std::string(take_text());
 }
 
-// The callers have checked the length.
+// take() and take_bytes() rely on their callers to have checked the length.
 template <typename T>
 T MessageMgr::MessageDecoder::take() {
   T value{};

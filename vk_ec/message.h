@@ -20,12 +20,12 @@ namespace vk_ec {
 ///   4 bytes   type tag
 ///   data      MESS: none; DOUB: 8 bytes each; INTE: 4 bytes each; CSTR: 8 bytes length, bytes
 ///
-/// All numbers are little-endian. The one buffer holds either the message being built or the one
-/// being decoded, and is empty between messages; that emptiness is what refuses a new message
-/// while another is in progress. A message abandoned because of an exception leaves it non-empty
-/// for good: both ends no longer agree where the conversation stands.
+/// All numbers are little-endian. One buffer holds either the message being built or the message
+/// being decoded, and is empty between messages. While it is not empty, a new message is refused.
+/// After an exception in the middle of a message the buffer is never emptied: the two ends no
+/// longer agree where the conversation stands, so that all further messages have to be refused.
 ///
-/// Serves either end of a connection. Not for use by two threads at once.
+/// The class serves either end of a connection. Not for use by two threads at once.
 class MessageMgr {
  public:
   class MessageBuilder;
@@ -64,48 +64,47 @@ class MessageMgr {
     /// Accepts any type; the typed read of the data checks it.
     void check_expectation(std::string_view expected_name, std::uint64_t expected_count) const;
     void check_expectation_MESS(std::string_view expected_name, std::uint64_t expected_count) const;
-    /// Accepts any name: that of the first header says which message this is.
+    /// Accepts any name: the name of a message's first header says which message it is.
     void check_expectation_MESS(std::uint64_t expected_count) const;
 
     /// Whether this is the header that ends a message.
     bool is_end() const { return name == "END" && count == 0 && type == MESS; }
   };
 
-  /// Keeps a reference to the transporter, which must outlive this.
+  /// Keeps a reference to the transporter, which must outlive this object.
   explicit MessageMgr(Transporter& transporter) : transporter_(transporter) {}
 
   MessageMgr(const MessageMgr&) = delete;
   MessageMgr& operator=(const MessageMgr&) = delete;
 
   /// Begins an out-going message. `std::logic_error` if another message is in progress. The
-  /// builder refers to this; all builders of this append to the same message.
+  /// builder keeps a reference to this object; all its builders append to the same message.
   MessageBuilder createMessageBuilder();
 
-  /// Sends a message that a builder has released. It stays the caller's, to be sent again, but for
-  /// one that could not be sent: that stays in progress, and `message` is empty. Throws as
-  /// `createMessageBuilder` and `MessageBuilder::send`.
+  /// Sends a message that a builder has released. `message` stays the caller's and can be sent
+  /// again. A message that could not be sent stays in progress instead, and leaves `message` empty.
+  /// Throws as `createMessageBuilder` and `MessageBuilder::send`.
   void resend(Buffer& message);
 
-  /// Blocks until a whole message has arrived; throws as `RecvMessage`. The decoder refers to
-  /// this. Without its `finalize` no further message can be sent or received.
+  /// Blocks until a whole message has arrived; throws as `RecvMessage`. The decoder keeps a
+  /// reference to this object. Until its `finalize` no further message can be sent or received.
   MessageDecoder createMessageDecoder();
 
  private:
-  // What the buffer keeps between messages: enough for the status of 50,000 wells, whose memory
-  // would cost more to take anew each time than to fill. One huge answer must not hold its memory
-  // for the rest of a run that lasts for days.
+  // The most memory that the buffer keeps between messages. It is enough for the status of 50,000
+  // wells: to get that memory from the system for every answer would take longer than to fill it.
+  // But one huge answer must not hold its memory for the rest of a run that lasts for days.
   static constexpr std::size_t kKeptCapacity = 8 << 20;
   static void empty(Buffer& buffer);
   void check_empty() const;
 
   Transporter& transporter_;
   Buffer buffer_;
-  std::size_t built_ = 0;  // of the message being built; the buffer has room behind it
+  std::size_t built_ = 0;  // bytes of the message being built; the buffer has room behind them
 };
 
 /// Appends to an out-going message. Nothing travels before `send`; a message that is not sent stays
-/// in progress. Everything throws `std::logic_error` while a message that was received is in
-/// progress.
+/// in progress. Every call throws `std::logic_error` while a received message is in progress.
 class MessageMgr::MessageBuilder {
  public:
   explicit MessageBuilder(MessageMgr& manager) : manager_(manager) {}
@@ -125,8 +124,8 @@ class MessageMgr::MessageBuilder {
   /// The sum of the strings' lengths, without their length fields.
   static std::uint64_t get_total_size(const std::vector<std::string>& values);
 
-  /// Hands the message over and makes room for the next one. Blocks and throws as
-  /// `SendMessage::send`; after a failure the message stays in progress.
+  /// Sends the message, so that the next one can begin. Blocks and throws as `SendMessage::send`;
+  /// after a failure the message stays in progress.
   void send();
 
   /// Takes the message out, for `resend`, instead of sending it.
@@ -147,12 +146,12 @@ class MessageMgr::MessageBuilder {
   MessageMgr& manager_;
 };
 
-/// Walks a received message header by header. Every length is compared with what is left before
-/// anything is allocated for it; where the message is too short, and when it is finished,
-/// `std::length_error` "Not enough data read from network".
+/// Walks a received message header by header. Every length and count of the peer is compared with
+/// the bytes that are left before memory is taken for it. Every read throws `std::length_error`
+/// "Not enough data read from network" when the message is too short, or is finished.
 class MessageMgr::MessageDecoder {
  public:
-  /// Keeps a reference to the message.
+  /// Keeps a reference to `message`, which must outlive the object.
   explicit MessageDecoder(std::vector<unsigned char>& message)
       : buffer_(message), end_(message.size()) {}
   MessageDecoder(MessageDecoder&& other) noexcept
@@ -165,11 +164,11 @@ class MessageMgr::MessageDecoder {
   Header get_header();
   static HeaderType decode_type(const ztyp& tag);
 
-  /// A header as it travels, for `skip_header`.
+  /// The bytes of a header, for `skip_header`.
   static std::string encode_header(std::string_view name, std::uint64_t count, HeaderType type);
 
-  /// Passes over the next header if it is exactly this one: in the rows of a long answer that is
-  /// cheaper than to decode each header and to look at it.
+  /// Passes over the next header if it is exactly the given one, else returns false. In the rows of
+  /// a long answer that is cheaper than to decode every header and compare its parts.
   bool skip_header(std::string_view encoded);
 
   /// Throws unless `length` more bytes are there.
@@ -186,21 +185,24 @@ class MessageMgr::MessageDecoder {
   /// The first string of `header`, which must announce one at least.
   std::string get_string(const Header& header);
 
-  /// The data of a header that was passed over. Refers to the message.
+  /// The next string, of a header that `skip_header` has passed over. It lies in the message.
   std::string_view get_text() { return take_text(); }
+
+  /// Appends the next `count` elements to `values`. Rows that are read into one list take no memory
+  /// of their own.
   template <typename T>
   void append(std::uint64_t count, std::vector<T>& values);
 
-  /// A header of that name and of the type of T, with any count, and its data. Throws as
-  /// `Header::check_expectation`.
+  /// Reads a header, which has to be named `name` and to be of the type of T, and returns its data,
+  /// however many. Throws as `Header::check_expectation`.
   template <typename T>
   std::vector<T> get_header_and_data(std::string_view name);
 
-  /// The same, with exactly `count` elements.
+  /// The same for a header that has to announce exactly `count` elements.
   template <typename T>
   std::vector<T> get_header_and_data(std::string_view name, std::uint64_t count);
 
-  /// Bytes that have not been read yet; none when the message is finished.
+  /// The bytes that have not been read yet; 0 when the message is finished.
   std::uint64_t remaining() const { return end_ - position_; }
 
   /// Finishes the message. `std::length_error` if bytes are left, or if another message has come
@@ -219,7 +221,7 @@ class MessageMgr::MessageDecoder {
 
   std::vector<unsigned char>& buffer_;
   std::uint64_t position_ = 0;
-  std::uint64_t end_;  // 0 when the message is finished, like the position
+  std::uint64_t end_;  // the message's size; 0, like the position, when it is finished
 };
 
 template <>

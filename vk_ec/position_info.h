@@ -23,8 +23,8 @@ struct PositionInfo {
   /// Year, month, day; the other three are kept as received.
   std::array<int, 6> date{1900, 1, 1, 0, 0, 0};
 
-  /// The name of the position; `std::invalid_argument` "Incorrect algorithmic position" if it has
-  /// none.
+  /// The name of the position; `std::invalid_argument` "Incorrect algorithmic position" for a value
+  /// that has none.
   std::string display_algorithmic_position() const;
 
   /// Knows only the positions that the simulator names: "MODEL_DEFINITION", "BEGIN_NEWTON" and

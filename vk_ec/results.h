@@ -5,17 +5,17 @@
 
 namespace vk_ec {
 
-/// Properties of wells, `double` or `std::string`.
+/// Properties of wells; T is `double` or `std::string`.
 template <typename T>
 struct WellQueryResults {
   std::vector<std::string> wells;
-  /// As the simulator has echoed them.
+  /// The names of the properties, as the simulator has repeated them.
   std::vector<std::string> items;
   /// A row per well, with a value per item.
   std::vector<std::vector<T>> values;
 };
 
-/// Properties of the whole run, `int` or `std::string`.
+/// Properties of the whole run; T is `int` or `std::string`.
 template <typename T>
 struct ReservoirQueryResults {
   std::vector<std::string> items;

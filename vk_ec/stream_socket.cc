@@ -20,8 +20,8 @@ using asio::ip::tcp;
 using boost::system::error_code;
 using boost::system::system_error;
 
-// Loopback and local networks answer within this; without it an attempt that begins when the time
-// is just over could not even learn that it succeeded.
+// The least time that an attempt gets. Loopback and local networks answer within it, so that even
+// an attempt that begins when the time is just over can succeed.
 constexpr std::chrono::milliseconds kShortestAttempt{100};
 
 // Cannot fail for an open descriptor. Asio's own open() takes no SOCK_CLOEXEC; no other thread
@@ -48,15 +48,15 @@ struct StreamSocket::Impl {
   tcp::socket socket{io};
   tcp::resolver::results_type endpoints;
 
-  // What was received behind the bytes that were asked for: the length of the next chunk, or a
-  // whole small message. A chunk that is larger goes straight to its place.
+  // Bytes that were received behind those asked for, mostly the length of the next chunk or a whole
+  // small message. Larger chunks are received straight into the caller's memory.
   std::array<unsigned char, 4096> ahead_bytes{};
   asio::const_buffer ahead;
 };
 
 bool StreamSocket::Impl::open() {
   close();
-  ahead = {};  // came over the connection before this one
+  ahead = {};  // these bytes came over an earlier connection
   error_code error;
   socket.open(tcp::v4(), error);
   if (error) return false;
@@ -69,7 +69,7 @@ void StreamSocket::Impl::close() {
   socket.close(ignored);
 }
 
-// Without the usual farewell: the port must not stay busy afterwards.
+// Closes without TCP's orderly end, which would keep the local port busy for a minute.
 void StreamSocket::Impl::abort() {
   error_code ignored;
   socket.set_option(tcp::socket::linger(true, 0), ignored);
@@ -83,7 +83,7 @@ bool StreamSocket::Impl::connect(const tcp::endpoint& endpoint, Clock::time_poin
     abort();
     return false;
   }
-  // The timed connect has made the descriptor non-blocking; each read would then need a poll.
+  // The timed connect has made the descriptor non-blocking. Left so, each read would need a poll().
   error_code error;
   socket.native_non_blocking(false, error);
   return !error;
@@ -122,7 +122,7 @@ StreamSocket::StreamSocket(int connected_descriptor) : StreamSocket() {
 StreamSocket::~StreamSocket() = default;
 
 void StreamSocket::resolve(const std::string& host, unsigned port) {
-  // The system's look-up cuts it to 16 bits and would lead to whoever listens on that port.
+  // The system's look-up would cut the number to 16 bits, which are somebody else's port.
   if (port > std::numeric_limits<std::uint16_t>::max()) {
     throw system_error(asio::error::service_not_found, "resolve");
   }

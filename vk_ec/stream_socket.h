@@ -35,29 +35,28 @@ class StreamSocket {
   StreamSocket& operator=(const StreamSocket&) = delete;
 
   /// Looks up the IPv4 endpoints of `host` for `connect_before`. Blocks as long as the system's
-  /// resolver does; throws `boost::system::system_error` ("resolve: ...") if it finds none.
+  /// resolver does; throws `boost::system::system_error` ("resolve: ...") if there are none.
   void resolve(const std::string& host, unsigned port);
 
   /// Tries the endpoints found by `resolve` in order, each on a fresh socket, until one connects.
-  /// Those still to be tried share the time up to `give_up`, so that an endpoint that swallows
-  /// everything leaves time for the next; even when the time is over, each gets a moment. False
-  /// if none connected.
+  /// The endpoints that are left share the time up to `give_up`, so that one which never answers
+  /// leaves time for the next; even when the time is over, each gets a moment. False if none
+  /// connected.
   bool connect_before(Clock::time_point give_up);
 
   /// Lets small messages leave at once. Throws `boost::system::system_error`.
   void set_no_delay();
 
-  /// Has the system ask a silent peer, at its own times, whether it is still there: a transfer
-  /// fails when the peer's machine has gone without a word. Does nothing where that is not
-  /// possible.
+  /// Has the system probe a silent peer, at the system's own intervals, so that a transfer fails
+  /// when the peer's machine has gone without a word. Does nothing where that is not possible.
   void set_keep_alive();
 
-  /// Returns when all bytes of `head`, then all of `body`, are handed to the system, which gets
-  /// both in one call as long as it takes them.
+  /// Returns when all bytes of `head`, then all of `body`, are handed to the system; in one call if
+  /// the system takes them all.
   void write(Piece head, Piece body = {nullptr, 0});
 
-  /// Returns when exactly `length` bytes have arrived. What has arrived behind them may be taken
-  /// from the system in the same call; it is kept for the next read.
+  /// Returns when exactly `length` bytes have arrived. Further bytes that have arrived by then may
+  /// be taken from the system in the same call, and are kept for the next read.
   void read(unsigned char* bytes, std::size_t length);
 
  private:

@@ -35,8 +35,8 @@ std::array<std::uint64_t, N> read_numbers(StreamSocket& socket) {
 
 }  // namespace
 
-// A length and the chunk that it announces leave in one call: a segment of its own for the length
-// costs a small exchange a third of its time.
+// Each length leaves in one call with the chunk that it announces: in a segment of its own the
+// length would cost a small exchange a third of its time.
 void SendMessage::send(StreamSocket& socket) const {
   std::uint64_t chunk = std::min(size_, kChunkSize);
   const std::array<std::uint64_t, 2> initial{size_, chunk};
@@ -69,12 +69,12 @@ RecvMessage::RecvMessage(StreamSocket& socket, std::vector<unsigned char>& buffe
   if (!buffer_.empty()) {
     throw std::logic_error("Cannot receive a message as the previous message is still on going.");
   }
-  buffer_.reserve(1);
+  buffer_.reserve(1);  // for the resize(1) below, which must not fail
   auto [total, chunk] = read_initial_header(socket);
   try {
     buffer_.resize(total <= kTrustedTotal ? total : SendMessage::kChunkSize);
   } catch (...) {
-    buffer_.resize(1);  // refuses what would be read from the middle of this message
+    buffer_.resize(1);  // not empty: the next read would begin in the middle of this message
     throw;
   }
   std::uint64_t offset = 0;

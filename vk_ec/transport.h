@@ -24,7 +24,8 @@ class SendMessage {
   /// `StreamSocket::write`; nothing is retried.
   void send(StreamSocket& socket) const;
 
-  /// The parts of `send`, each a write of its own.
+  /// The parts of a framed message, one write each. `send` does not use them, since it writes each
+  /// length together with its chunk.
   static void send_initial_header(std::uint64_t total, std::uint64_t first_chunk_length,
                                   StreamSocket& socket);
   static void send_header(std::uint64_t chunk_length, StreamSocket& socket);
@@ -38,21 +39,21 @@ class SendMessage {
 /// One message on its way in. Chunks may have any length that does not exceed what is still due.
 class RecvMessage {
  public:
-  /// Up to this length the buffer is sized once, from the announced total. That of a longer message
-  /// has room for one usual chunk at first and doubles as the bytes arrive: a peer's number alone
-  /// must not take the memory.
+  /// Up to this announced total the buffer is sized once. For a longer message it begins with the
+  /// room for one usual chunk and doubles as the bytes arrive: a peer's number alone must not take
+  /// the memory.
   static constexpr std::uint64_t kTrustedTotal = 64ULL << 20;
 
-  /// Blocks until one whole message is in `buffer`, which must be empty: otherwise
-  /// `std::logic_error`, with nothing read. `std::length_error` if a chunk is longer than what is
-  /// due or, after the first, of length 0; `boost::system::system_error` if the read fails. After
-  /// a failure behind the initial header, `buffer` stays non-empty.
+  /// Blocks until one whole message is in `buffer`. A buffer that is not empty is
+  /// `std::logic_error`, and nothing is read. `std::length_error` if a chunk is longer than what is
+  /// due or, after the first, of length 0; `boost::system::system_error` if a read fails. A failure
+  /// after the initial header leaves `buffer` non-empty.
   RecvMessage(StreamSocket& socket, std::vector<unsigned char>& buffer);
 
   /// Empties the buffer.
   void finalize() { buffer_.clear(); }
 
-  /// The parts of the reception. The initial header is (total length, first chunk length).
+  /// The steps of the reception. The initial header is (total length, first chunk length).
   static std::pair<std::uint64_t, std::uint64_t> read_initial_header(StreamSocket& socket);
   static std::uint64_t read_header(StreamSocket& socket);
   static void read_payload(unsigned char* bytes, std::uint64_t length, StreamSocket& socket);
@@ -71,7 +72,7 @@ class Transporter {
   /// Takes over a connected stream descriptor (TCP or a socket pair) and closes it in the end.
   explicit Transporter(int connected_descriptor);
 
-  /// Both block and throw as `SendMessage::send` and the constructor of `RecvMessage`.
+  /// `send` blocks and throws as `SendMessage::send`, `recv` as the constructor of `RecvMessage`.
   void send(const SendMessage& message) { message.send(socket_); }
   void recv(std::vector<unsigned char>& buffer) { RecvMessage(socket_, buffer); }
 
@@ -97,8 +98,8 @@ class ClientTransporter : public Transporter {
   /// a second, since the simulator begins to listen only some time after its launch. Gives up with
   /// `std::runtime_error` "Connection timed out." when the elapsed seconds, truncated, exceed
   /// `timeout`: 0 still tries for a second. A failed host look-up is thrown at once, as
-  /// `boost::system::system_error`. A step may take hours without a byte, so the connection asks by
-  /// itself whether the simulator's machine is still there.
+  /// `boost::system::system_error`. The connection gets keep-alive probes: during a step of hours
+  /// without a byte they find out that the simulator's machine has gone.
   void connect(const std::string& host, unsigned port, unsigned timeout);
 };
 

@@ -17,13 +17,12 @@ WellRows<T>::WellRows(Client& client) : client_(client), reply_(client.begin_rep
   size_of_rows_ = reply_.remaining();
 }
 
-// Reads the well's name, unless the rows are at their end.
 template <typename T>
 bool WellRows<T>::begin_row() {
   if (!reply_.skip_header(well_header_)) {
     const MessageMgr::Header header = reply_.get_header();
     if (header.is_end()) return false;
-    // It is another header then, or the right one of a wrong type.
+    // This is another header, or the right one with a wrong type.
     header.check_expectation("WELLNAME", 1);
     well_ = reply_.get_string(header);
   } else {

@@ -35,10 +35,10 @@ class WellRows {
   /// one.
   bool next(std::vector<T>& values);
 
-  /// The items as the simulator has echoed them.
+  /// The items as the simulator has repeated them.
   const std::vector<std::string>& items() const { return items_; }
 
-  /// The same, moved out; for after the last row, since the rows are checked against them.
+  /// The items, moved out. Only after the last row: the rows are checked against them.
   std::vector<std::string> release_items() { return std::move(items_); }
 
   /// The present well; the caller may move from it.
@@ -49,17 +49,18 @@ class WellRows {
   std::size_t estimated_count() const { return estimated_count_; }
 
  private:
+  // Reads the name of the next well. False at the end of the answer.
   bool begin_row();
 
   Client& client_;
   MessageMgr::MessageDecoder reply_;
   std::vector<std::string> items_;
   std::string well_;
-  std::string well_header_;  // as they travel
+  std::string well_header_;  // the bytes of the two headers that every row should have
   std::string values_header_;
   std::size_t size_of_rows_ = 0;
   std::size_t estimated_count_ = 0;
-  bool empty_ = false;  // the answer has neither items nor rows, which is still to be told
+  bool empty_ = false;  // the answer has neither items nor rows, and next() has not said so yet
 };
 
 }  // namespace vk_ec

@@ -8,8 +8,8 @@ std::unique_ptr<::vk_ec::Client> Connector::NewClient() {
   return std::make_unique<vk_ec::VarnokClient>();
 }
 
-// The protocol of this version has no external fluid sources. The master asks for them whatever
-// the version is and goes on without them.
+// This version of the protocol has no external fluid sources. The master asks for them in any
+// version, and goes on when it gets none.
 int Connector::SetWellInjectionSource(const std::string& /*well*/, const std::string& /*source*/) {
   return 0;
 }

@@ -16,6 +16,7 @@ using ::vk_ec::ReservoirQueryResults;
 using ::vk_ec::WellConstraintResults;
 using ::vk_ec::WellQueryResults;
 
+// The layers below the client (MessageMgr, Transporter, ...) are reached under this name.
 namespace detail = ::vk_ec;
 
 /// The client of protocol version 2016.2.
