@@ -84,6 +84,6 @@ class Socket {
   int handle_;                ///< -1 after Close()
   std::int32_t* references_;  ///< shared by all copies
 
-  static std::int32_t
-      nofSockets_;  ///< sockets that are alive, and brackets of use, for diagnostics
+  /// Sockets that are alive, and brackets of use. Nothing but diagnostics reads it.
+  static std::int32_t nofSockets_;
 };

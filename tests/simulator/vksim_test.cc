@@ -175,14 +175,14 @@ TEST_F(VksimTest, RunsADeckFromSetupToShutdown) {
   SetUpRun(program);
   Send(wire::Mess("CONTINUE") + wire::Mess("END"));
   Expect(Step("BEGIN_NEWTON", 0, {2020, 2, 27, 0, 0, 0}));
-  Send(wire::Mess("CONTINUE_UNTIL") + wire::Doub("TIME", {31}) + wire::Mess("END"));
-  Expect(Step("BEGIN_NEWTON", 31, {2020, 3, 29, 0, 0, 0}));
+  Send(wire::Mess("CONTINUE_UNTIL") + wire::Doub("TIME", {31.015625}) + wire::Mess("END"));
+  Expect(Step("BEGIN_NEWTON", 31.015625, {2020, 3, 29, 0, 22, 30}));
   Send(wire::Mess("SHUTDOWN") + wire::Mess("END"));
   Expect(wire::Framed(wire::Mess("FINISHED") + wire::Mess("END")));
   EXPECT_EQ(program.Finish(), 0);
   EXPECT_THAT(program.seen(), HasSubstr("1 producers, 1 water injectors, 1 gas injectors"));
   EXPECT_THAT(program.seen(), HasSubstr("processes asked for: 8"));
-  EXPECT_THAT(program.seen(), HasSubstr("2020-03-29 00:00:00      31.00"));
+  EXPECT_THAT(program.seen(), HasSubstr("2020-03-29 00:22:30      31.02"));
   EXPECT_THAT(program.seen(), HasSubstr("limited by BOTTOM_HOLE_PRESSURE"));
   EXPECT_THAT(program.seen(), HasSubstr("Shut down by the controller"));
 }

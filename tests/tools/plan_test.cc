@@ -108,6 +108,7 @@ TEST_F(PlanTest, WhatIsWrongIsNamedWithItsLine) {
     EXPECT_THAT(Refusal(std::string("[launch]\nport = ") + port + "\n[advance]\nuntil = 3\n"),
                 EndsWith("line 2: a port is a number 1 to 65535"));
   }
+  EXPECT_EQ(Read("[launch]\nport = 65535\n[advance]\nuntil = 3\n").launch.port, 65535);
   EXPECT_THAT(Refusal("[advance]\nuntil = 3\n[[event]]\ncommands = []\n"),
               EndsWith("line 3: an event has at and commands"));
   EXPECT_THAT(Refusal("launch = 3\n[advance]\nuntil = 3\n"), EndsWith("line 1: a table wanted"));
