@@ -71,33 +71,48 @@ DynWellOpPt PointOf(const std::vector<double>& row) {
   return {{}, row[0], row[1], row[2], row[3], row[4], row[6], row[7], row[5]};
 }
 
-// Makes the points of all wells of an answer and appends the wells' names to `wells`. Each row
+// Takes the values of all wells of an answer, one for each, and adds the wells' names to `wells`.
+// An answer with another item than the asked one is read to its end before it is refused, so that
+// the simulator is ready again.
+Names TakeWords(WellRows<std::string> rows, const std::string& item, NameLookup::Answer& wells,
+                const char* complaint) {
+  Names words;
+  while (rows.next(words)) {
+    if (words.size() == 1) words.reserve(rows.estimated_count());
+    wells.Add(std::move(rows.well()));
+  }
+  Require(rows.items() == Names{item}, complaint);
+  return words;
+}
+
+// Makes the points of all wells of an answer and adds the wells' names to `wells`. Each row
 // becomes a point at once: for a large field, to hold all values and all points side by side would
 // take most of a controller's memory. An answer with other items than those asked for is read to
 // its end before it is refused, so that the simulator is ready again.
-std::vector<DynWellOpPt> TakePoints(WellRows<double> rows, const Names& asked, Names& wells) {
+std::vector<DynWellOpPt> TakePoints(WellRows<double> rows, const Names& asked,
+                                    NameLookup::Answer& wells) {
   const bool expected = rows.items() == asked;
   std::vector<DynWellOpPt> points;
   for (std::vector<double> row; rows.next(row); row.clear()) {
     if (!expected) continue;
-    if (points.empty()) {
-      points.reserve(rows.estimated_count());
-      wells.reserve(rows.estimated_count());
-    }
+    if (points.empty()) points.reserve(rows.estimated_count());
     points.push_back(PointOf(row));
-    wells.push_back(std::move(rows.well()));
+    wells.Add(std::move(rows.well()));
   }
   Require(expected, kBadWellData);
   return points;
 }
 
-// The points at the first `count` positions of `rows`. Mostly these are 0, 1, 2 and so on, and then
-// the points stay where they are.
+// Where the well at place `i` of a question stands in the answer. `rows` is what
+// NameLookup::Answer::Positions() returned.
+std::size_t RowOf(const std::vector<std::size_t>& rows, std::size_t i) {
+  return rows.empty() ? i : rows[i];
+}
+
+// The points of the first `count` wells of the question.
 std::vector<DynWellOpPt> InOrder(std::vector<DynWellOpPt>&& points,
                                  const std::vector<std::size_t>& rows, std::size_t count) {
-  std::size_t same = 0;
-  while (same < count && rows[same] == same) ++same;
-  if (same == count) {
+  if (rows.empty()) {
     points.resize(count);
     return std::move(points);
   }
@@ -255,19 +270,20 @@ void CommonConnector::GetWellOpPtData(const Names& wells, std::vector<DynWellOpP
                                "WATER_PRODUCTION_RATE", "WATER_INJECTION_RATE",
                                "GAS_INJECTION_RATE",    "UPTIME_FRACTION",
                                "BOTTOM_HOLE_PRESSURE",  "TUBING_HEAD_PRESSURE"};
-  Names answered_wells;
-  std::vector<DynWellOpPt> answered =
-      TakePoints(client().query_wells<double>(wells, kAsked), kAsked, answered_wells);
-  const auto statuses = TakeTable(client().query_wells<std::string>(wells, {"STATUS"}));
-  Require(statuses.items == Names{"STATUS"}, kBadWellStatuses);
-
   const NameLookup lookup(wells);
-  const std::vector<std::size_t> rows = lookup.PositionsIn(answered_wells);
-  const std::vector<std::size_t> status_rows = lookup.PositionsIn(statuses.wells);
+  NameLookup::Answer point_wells(lookup);
+  std::vector<DynWellOpPt> answered =
+      TakePoints(client().query_wells<double>(wells, kAsked), kAsked, point_wells);
+  NameLookup::Answer status_wells(lookup);
+  const Names statuses = TakeWords(client().query_wells<std::string>(wells, {"STATUS"}), "STATUS",
+                                   status_wells, kBadWellStatuses);
+
+  const std::vector<std::size_t> rows = point_wells.Positions();
+  const std::vector<std::size_t> status_rows = status_wells.Positions();
   const auto missing = [&](std::size_t i) -> const char* {
     if (i >= answered.size()) return kBadWellData;
-    if (rows[i] == NameLookup::npos) return kBadPointData;
-    if (status_rows[i] == NameLookup::npos) return kBadStatusData;
+    if (RowOf(rows, i) == NameLookup::npos) return kBadPointData;
+    if (RowOf(status_rows, i) == NameLookup::npos) return kBadStatusData;
     return nullptr;
   };
   std::size_t complete = 0;
@@ -275,7 +291,7 @@ void CommonConnector::GetWellOpPtData(const Names& wells, std::vector<DynWellOpP
   const char* complaint = complete < wells.size() ? missing(complete) : nullptr;
 
   std::vector<DynWellOpPt> ordered = InOrder(std::move(answered), rows, complete);
-  for (std::size_t i = 0; i < complete; ++i) ordered[i].status = statuses.values[status_rows[i]];
+  for (std::size_t i = 0; i < complete; ++i) ordered[i].status = statuses[RowOf(status_rows, i)];
   if (points.empty()) {
     points = std::move(ordered);
   } else {

@@ -6,6 +6,7 @@
 #include <numeric>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
 
 namespace connector {
 namespace {
@@ -53,6 +54,28 @@ std::vector<std::size_t> NameLookup::PositionsIn(const std::vector<std::string>&
   const FirstPositions first(answered);
   std::transform(asked_.begin(), asked_.end(), positions.begin(),
                  [&](const std::string& name) { return first.Find(name); });
+  return positions;
+}
+
+void NameLookup::Answer::Add(std::string&& name) {
+  const std::vector<std::string>& asked = lookup_.asked_;
+  if (names_.empty()) {
+    if (as_asked_ < asked.size() && name == asked[as_asked_]) {
+      ++as_asked_;
+      return;
+    }
+    names_.assign(asked.begin(), asked.begin() + static_cast<std::ptrdiff_t>(as_asked_));
+  }
+  names_.push_back(std::move(name));
+}
+
+std::vector<std::size_t> NameLookup::Answer::Positions() const {
+  if (!names_.empty()) return lookup_.PositionsIn(names_);
+  if (lookup_.distinct_ && as_asked_ == lookup_.asked_.size()) return {};
+  std::vector<std::size_t> positions = lookup_.PositionsIn(lookup_.asked_);
+  for (std::size_t& position : positions) {
+    if (position >= as_asked_) position = npos;
+  }
   return positions;
 }
 

@@ -1,3 +1,4 @@
+#include <numeric>
 #include <string>
 #include <utility>
 #include <vector>
@@ -29,6 +30,14 @@ RC_GTEST_PROP(NameLookupProperty, FindsWhatALinearSearchFindsFirst, ()) {
   const NameLookup lookup(asked);
   const Names answered = *rc::gen::oneOf(any::Names(), rc::gen::just(asked));
   RC_ASSERT(lookup.PositionsIn(answered) == LinearSearch(asked, answered));
+  NameLookup::Answer answer(lookup);
+  for (std::string name : answered) answer.Add(std::move(name));
+  std::vector<std::size_t> positions = answer.Positions();
+  if (positions.empty()) {
+    positions.resize(asked.size());
+    std::iota(positions.begin(), positions.end(), 0);
+  }
+  RC_ASSERT(positions == LinearSearch(asked, answered));
   RC_ASSERT(lookup.PositionsIn(asked) == LinearSearch(asked, asked));
 }
 

@@ -1,6 +1,8 @@
 #include "connector/name_lookup.h"
 
+#include <numeric>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -12,7 +14,24 @@ using Names = std::vector<std::string>;
 using Positions = std::vector<std::size_t>;
 
 Positions Find(const Names& asked, const Names& answered) {
-  return NameLookup(asked).PositionsIn(answered);
+  const NameLookup lookup(asked);
+  NameLookup::Answer answer(lookup);
+  for (std::string name : answered) answer.Add(std::move(name));
+  Positions one_by_one = answer.Positions();
+  if (one_by_one.empty()) {
+    one_by_one.resize(asked.size());
+    std::iota(one_by_one.begin(), one_by_one.end(), 0);
+  }
+  EXPECT_EQ(lookup.PositionsIn(answered), one_by_one);
+  return one_by_one;
+}
+
+TEST(NameLookupTest, AnswerAsAskedHasNoList) {
+  const Names asked = {"B", "A"};
+  const NameLookup lookup(asked);
+  NameLookup::Answer answer(lookup);
+  for (std::string name : asked) answer.Add(std::move(name));
+  EXPECT_EQ(answer.Positions(), Positions{});
 }
 
 TEST(NameLookupTest, SameNamesInTheSameOrder) {
