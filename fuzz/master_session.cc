@@ -21,16 +21,13 @@
 #include "net/master_link.h"
 #include "net/socket.h"
 #include "relay/connector_socket_wrapper.h"
+#include "tests/support/bytes.h"
 #include "vk_ec/v2016_2/varnok_client.h"
 #include "vk_ec/v2017_2/varnok_client.h"
 
 namespace {
 
 using master_link::Code;
-
-void AppendNumber(std::string& bytes, std::uint32_t number) {
-  bytes.append(reinterpret_cast<const char*>(&number), sizeof(number));
-}
 
 // Ends what a hostile count goes on reading behind the fields: as the length of a text it fits into
 // no buffer. The zeros that a receive buffer holds otherwise would be read as texts to its very end
@@ -54,12 +51,10 @@ void WriteRequests(std::string_view script, std::string& frames) {
     if (code == 30) code = Code::kWellDataRecord;
     if (code == 29) code = Code::kWellIPRRecord;
     const std::string_view fields = input.Take(input.Byte());
-    AppendNumber(frames, static_cast<std::uint32_t>(sizeof(code) + fields.size() + kStop.size()));
-    AppendNumber(frames, code);
-    frames += fields;
-    frames += kStop;
-    if (code == Code::kGetWellIPRData)
+    frames += Frame(Image(code).append(fields).append(kStop));
+    if (code == Code::kGetWellIPRData) {
       TameComponents(frames, frames.size() - kStop.size() - fields.size());
+    }
   }
 }
 

@@ -28,25 +28,22 @@ const Texts kWells = {"P1", "P2"};
 const Texts kItems = {"STATUS", "TYPE"};
 
 std::string Begin() {
-  std::string message;
-  wire::AppendMess(message, "REPLY");
-  return message;
+  return wire::Mess("REPLY");
 }
 
-std::string End(std::string message) {
-  wire::AppendMess(message, "END");
-  return message;
+std::string End(const std::string& message) {
+  return message + wire::Mess("END");
 }
 
 template <class T>
 std::string Written(const vk_ec::WellQueryResults<T>& results) {
   PROMISE(results.values.size() == results.wells.size());
   std::string message = Begin();
-  wire::Append(message, "QITEMS", results.items);
+  message += wire::Data("QITEMS", results.items);
   for (std::size_t i = 0; i < results.wells.size(); ++i) {
     PROMISE(results.values[i].size() == results.items.size());
-    wire::AppendText(message, "WELLNAME", results.wells[i]);
-    wire::Append(message, "VALUES", results.values[i]);
+    message += wire::Text("WELLNAME", results.wells[i]);
+    message += wire::Data("VALUES", results.values[i]);
   }
   return End(message);
 }
@@ -56,8 +53,8 @@ std::string Written(const vk_ec::ReservoirQueryResults<T>& results) {
   PROMISE(results.values.size() == results.items.size());
   std::string message = Begin();
   for (std::size_t i = 0; i < results.items.size(); ++i) {
-    wire::AppendText(message, "QITEM", results.items[i]);
-    wire::Append(message, "VALUES", results.values[i]);
+    message += wire::Text("QITEM", results.items[i]);
+    message += wire::Data("VALUES", results.values[i]);
   }
   return End(message);
 }
@@ -70,10 +67,10 @@ std::string Written(const vk_ec::WellConstraintResults& results) {
   for (std::size_t i = 0; i < results.wells.size(); ++i) {
     PROMISE(results.values[i].size() == results.items[i].size());
     PROMISE(results.setters[i].size() == results.items[i].size());
-    wire::AppendText(message, "WELLNAME", results.wells[i]);
-    wire::Append(message, "ITEMS", results.items[i]);
-    wire::Append(message, "VALUES", results.values[i]);
-    wire::Append(message, "SETTERS", results.setters[i]);
+    message += wire::Text("WELLNAME", results.wells[i]);
+    message += wire::Data("ITEMS", results.items[i]);
+    message += wire::Data("VALUES", results.values[i]);
+    message += wire::Data("SETTERS", results.setters[i]);
   }
   return End(message);
 }
@@ -85,14 +82,14 @@ std::string Written(const vk_ec::IPRDataResults& results, std::string_view answe
   std::string message = Begin();
   for (std::size_t i = 0; i < results.wells.size(); ++i) {
     PROMISE(results.values[i].size() == results.items[i].size());
-    wire::AppendText(message, "WELLNAME", results.wells[i]);
-    wire::AppendHeader(message, "NPOINTS", 1, "INTE");
+    message += wire::Text("WELLNAME", results.wells[i]);
+    message += wire::Head("NPOINTS", 1, "INTE");
     PROMISE(answer.size() >= message.size() + sizeof(int));
     message += answer.substr(message.size(), sizeof(int));
     for (std::size_t curve = 0; curve < results.items[i].size(); ++curve) {
       PROMISE(results.values[i][curve].size() == results.values[i].front().size());
-      wire::AppendText(message, "ITEM", results.items[i][curve]);
-      wire::Append(message, "VALUES", results.values[i][curve]);
+      message += wire::Text("ITEM", results.items[i][curve]);
+      message += wire::Data("VALUES", results.values[i][curve]);
     }
   }
   return End(message);
@@ -102,14 +99,14 @@ std::string Written(const std::vector<vk_ec::ReservoirFluidModelDescription>& mo
   std::string message = Begin();
   for (const auto& model : models) {
     PROMISE(model.eos_property_values.size() == model.eos_property_names.size());
-    wire::AppendText(message, "FLUIDMODELDNAME", model.fluid_model_name);
-    wire::AppendText(message, "EOSNAME", model.eos_name);
-    wire::Append(message, "NCOMPS", model.component_names);
-    wire::Append(message, "BIC", model.bic);
+    message += wire::Text("FLUIDMODELDNAME", model.fluid_model_name);
+    message += wire::Text("EOSNAME", model.eos_name);
+    message += wire::Data("NCOMPS", model.component_names);
+    message += wire::Data("BIC", model.bic);
     for (std::size_t i = 0; i < model.eos_property_names.size(); ++i) {
       PROMISE(model.eos_property_values[i].size() == model.component_names.size());
-      wire::AppendText(message, "EOSPROPNAME", model.eos_property_names[i]);
-      wire::Append(message, "VALUES", model.eos_property_values[i]);
+      message += wire::Text("EOSPROPNAME", model.eos_property_names[i]);
+      message += wire::Data("VALUES", model.eos_property_values[i]);
     }
   }
   return End(message);
@@ -133,7 +130,7 @@ bool TellsComponents(const Texts& components, std::string_view answer, bool anyN
   behind.remove_prefix(std::min(Begin().size(), behind.size()));
   if (anyName && wire::Take(behind, header)) name = header.name;
   std::string message = Begin();
-  wire::Append(message, name, components);
+  message += wire::Data(name, components);
   return End(message) == answer;
 }
 
@@ -178,7 +175,7 @@ bool SetSource(PairedClient<v2017_2::vk_ec::VarnokClient>& client, int operation
   }
   const bool accepted = client.create_attached_fluid_source_external("G1", "S", "GAS");
   std::string message = Begin();
-  wire::AppendHeader(message, "STRET", 1, "INTE");
+  message += wire::Head("STRET", 1, "INTE");
   PROMISE(answer.size() >= message.size() + sizeof(int));
   const std::string_view code = answer.substr(message.size(), sizeof(int));
   message += code;
@@ -194,7 +191,7 @@ bool HasReply(int operation) {
 
 std::string Ready() {
   std::string message;
-  wire::AppendMess(message, "READY");
+  message += wire::Mess("READY");
   return End(message);
 }
 
@@ -234,8 +231,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (!HasReply(operation) && !ownReady) ready = answer;
 
   stream.clear();
-  if (HasReply(operation)) AppendFramed(stream, answer);
-  AppendFramed(stream, ready);
+  if (HasReply(operation)) stream += wire::Framed(answer);
+  stream += wire::Framed(ready);
   memoryStream.Begin(stream);
 
   std::optional<bool> told;

@@ -125,10 +125,10 @@ bool Succeeds(Client& client, int operation) {
 const std::string& Finished() {
   static const std::string framed = [] {
     std::string message;
-    wire::AppendMess(message, "FINISHED");
-    wire::AppendMess(message, "END");
+    message += wire::Mess("FINISHED");
+    message += wire::Mess("END");
     std::string stream;
-    AppendFramed(stream, message);
+    stream += wire::Framed(message);
     return stream;
   }();
   return framed;
@@ -150,8 +150,8 @@ template <class Version>
 void Converse(int operation, std::string_view first, std::string_view second) {
   static std::string stream;
   stream.clear();
-  if (operation == 0) AppendFramed(stream, first);
-  AppendFramed(stream, second);
+  if (operation == 0) stream += wire::Framed(first);
+  stream += wire::Framed(second);
   memoryStream.Begin(stream);
 
   PositionInfo expected;

@@ -19,6 +19,7 @@
 #include "fuzz/support/memory_link.h"
 #include "fuzz/support/promise.h"
 #include "fuzz/support/wire.h"
+#include "tests/support/socket_pair.h"
 
 namespace {
 
@@ -27,13 +28,9 @@ using vk_ec::StreamSocket;
 
 // The socket asks the system to watch over its descriptor, so it has to be one. Each execution has
 // a socket of its own: what one has taken ahead is not for the next.
-int Descriptor() {
-  static const int kept = [] {
-    int ends[2];
-    PROMISE(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) == 0);
-    return ends[0];
-  }();
-  return dup(kept);
+int SocketOfItsOwn() {
+  static const SocketPair kept;
+  return dup(kept.ours.get());
 }
 
 // A total takes memory before the first chunk shows that it is a lie. Most executions have to do
@@ -90,7 +87,7 @@ std::string Receive(StreamSocket& socket, std::vector<unsigned char>& buffer) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  StreamSocket socket(Descriptor());
+  StreamSocket socket(SocketOfItsOwn());
   static std::string bytes;
   Input input(data, size);
   const std::size_t piece = input.Byte();

@@ -32,7 +32,7 @@ template struct Opened<&MessageMgr::buffer_>;
 class Messages {
  public:
   // Nothing is sent, so the other end may go.
-  Messages() : transporter_(MakePair()), messages_(transporter_) {}
+  Messages() : transporter_(SocketPair().ours.Release()), messages_(transporter_) {}
 
   MessageMgr::MessageBuilder Build(const Table& table) {
     BufferOf(messages_).clear();
@@ -50,13 +50,6 @@ class Messages {
   auto& bytes() { return BufferOf(messages_); }
 
  private:
-  static int MakePair() {
-    int ends[2];
-    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) return -1;
-    Descriptor other(ends[1]);
-    return ends[0];
-  }
-
   Transporter transporter_;
   MessageMgr messages_;
 };

@@ -7,6 +7,7 @@
 
 #include "bench/whole/plan.h"
 #include "net/master_link.h"
+#include "tests/support/bytes.h"
 #include "tests/support/wire_bytes.h"
 
 namespace bench {
@@ -51,20 +52,6 @@ std::vector<Exchange> Flow::Exchanges() const {
   return all;
 }
 
-std::string Number(int value) {
-  std::string bytes(sizeof(value), '\0');
-  std::memcpy(bytes.data(), &value, sizeof(value));
-  return bytes;
-}
-
-std::string Frame(const std::string& body) {
-  return Number(static_cast<int>(body.size())) + body;
-}
-
-std::string Text(const std::string& text) {
-  return Frame(text);
-}
-
 Step SetUp() {
   using wire::Cstr;
   using wire::Doub;
@@ -73,7 +60,7 @@ Step SetUp() {
   using wire::Mess;
   const std::string end = Mess("END");
   Step step;
-  step.request = Frame(Number(master_link::kConnect));
+  step.request = Frame(Image(master_link::kConnect));
   step.exchanges.push_back(
       {"", Framed(Mess("STARTED") + Cstr("ERRORS", {}) + end) +
                Framed(Mess("STEP") + Cstr("POSITION", {"MODEL_DEFINITION"}) + Doub("TIME", {0}) +

@@ -29,11 +29,6 @@ struct Flow {
   std::vector<Exchange> Exchanges() const;
 };
 
-/// A frame of the link to the master.
-std::string Frame(const std::string& body);
-std::string Number(int value);
-std::string Text(const std::string& text);
-
 /// The set-up that comes before every flow: the request that connects to the simulator.
 Step SetUp();
 

@@ -5,6 +5,7 @@
 #include <fmt/format.h>
 
 #include "net/master_link.h"
+#include "tests/support/bytes.h"
 #include "tests/support/wire_bytes.h"
 
 namespace bench {
@@ -19,16 +20,12 @@ using wire::Mess;
 using Names = std::vector<std::string>;
 
 std::string Request(Code code, const std::string& fields = {}) {
-  return Frame(Number(static_cast<int>(code)) + fields);
-}
-
-std::string Double(double value) {
-  return {reinterpret_cast<const char*>(&value), sizeof(value)};
+  return Frame(Image(static_cast<int>(code)) + fields);
 }
 
 std::string Texts(const Names& texts) {
-  std::string bytes = Number(static_cast<int>(texts.size()));
-  for (const std::string& text : texts) bytes += Text(text);
+  std::string bytes = Image(static_cast<int>(texts.size()));
+  for (const std::string& text : texts) bytes += PackedText(text);
   return bytes;
 }
 
@@ -115,7 +112,7 @@ Flow RunUntil() {
   const std::string step =
       Framed(Mess("STEP") + Cstr("POSITION", {"BEGIN_NEWTON"}) + Doub("TIME", {31}) +
              Inte("DATE", {2026, 2, 1, 0, 0, 0}) + Mess("END"));
-  return {"RunUntil", {{Request(Code::kRunUntil, Double(31)), {{"", step}}, {}}}, 300};
+  return {"RunUntil", {{Request(Code::kRunUntil, Image(31.0)), {{"", step}}, {}}}, 300};
 }
 
 Flow Variables(int n) {
@@ -125,7 +122,7 @@ Flow Variables(int n) {
   const Names items(all.begin(), all.begin() + n);
   const std::string well = WellNames(1).front();
   return {fmt::format("GetWellVariables, {}", n),
-          {{Request(Code::kGetWellVariables, Text(well) + Texts(items)),
+          {{Request(Code::kGetWellVariables, PackedText(well) + Texts(items)),
             {{"", Rows(items, {well})}},
             {}}},
           300};
@@ -158,7 +155,7 @@ Flow InflowTables(int n) {
   Step first;
   const std::string bottom_hole(1, '\1');
   first.request =
-      Request(Code::kGetWellIPRData, Number(0) + Texts(wells) + bottom_hole + Double(1));
+      Request(Code::kGetWellIPRData, Image(0) + Texts(wells) + bottom_hole + Image(1.0));
   first.exchanges = {{"", RunWide("UNIT_SYSTEM", "TOLMEN_METRIC")},
                      {"", Ready()},
                      {"", Words({"TYPE"}, wells, {"PRODUCER"})}};

@@ -17,6 +17,7 @@
 #include "bench/whole/flows.h"
 #include "bench/whole/peer.h"
 #include "bench/whole/rig.h"
+#include "tests/support/bytes.h"
 #include "tests/support/ports.h"
 
 namespace bench {

@@ -100,20 +100,15 @@ int Integer(std::uint8_t byte) {
 void WriteData(Input& input, unsigned type, std::string_view name, std::string& message) {
   const std::size_t count = input.Byte() & 15U;
   constexpr std::array<std::string_view, 4> tags = {"MESS", "DOUB", "INTE", "CSTR"};
-  wire::AppendHeader(message, name, count, tags[type]);
+  message += wire::Head(name, count, tags[type]);
   for (std::size_t i = 0; i < count; ++i) {
     const std::uint8_t byte = input.Byte();
     if (type == 1) {
-      const double value = Number(byte);
-      message.append(reinterpret_cast<const char*>(&value), sizeof(value));
+      message += Image(Number(byte));
     } else if (type == 2) {
-      const int value = Integer(byte);
-      message.append(reinterpret_cast<const char*>(&value), sizeof(value));
+      message += Image(Integer(byte));
     } else {
-      const std::string_view word = Word(byte);
-      const std::uint64_t length = word.size();
-      message.append(reinterpret_cast<const char*>(&length), sizeof(length));
-      message += word;
+      message += wire::LongText(Word(byte));
     }
   }
 }
@@ -125,7 +120,7 @@ void WriteItem(std::uint8_t byte, Input& input, std::string& message) {
   if (byte == 60) {
     message += input.Take(input.Byte());
   } else if (type == 0) {
-    wire::AppendMess(message, name);
+    message += wire::Mess(name);
   } else {
     WriteData(input, type, name, message);
   }
@@ -143,8 +138,8 @@ void WriteAnswers(Input& input, std::string& stream) {
   message.clear();
   std::size_t repeatFrom = std::string::npos;
   const auto endMessage = [&] {
-    wire::AppendMess(message, "END");
-    AppendFramed(stream, message);
+    message += wire::Mess("END");
+    stream += wire::Framed(message);
     message.clear();
   };
   while (!input.empty() && stream.size() < kMost) {
@@ -154,13 +149,13 @@ void WriteAnswers(Input& input, std::string& stream) {
     } else if (byte == 62) {
       endMessage();
     } else if (byte == 63) {
-      wire::AppendMess(message, "READY");
+      message += wire::Mess("READY");
       endMessage();
     } else {
       WriteItem(byte, input, message);
     }
   }
-  if (!message.empty()) AppendFramed(stream, message);
+  if (!message.empty()) stream += wire::Framed(message);
   if (repeatFrom >= stream.size()) return;
   const std::string again = stream.substr(repeatFrom);
   while (stream.size() + again.size() < kMost) stream += again;

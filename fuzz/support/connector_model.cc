@@ -129,8 +129,8 @@ class Simulator {
       : answers_(answers), requests_(requests) {}
 
   void Ask(std::string&& request) {
-    wire::AppendMess(request, "END");
-    AppendFramed(requests_, request);
+    request += wire::Mess("END");
+    requests_ += wire::Framed(request);
   }
   Message Hear() {
     std::array<std::uint64_t, 2> lengths{};
@@ -198,15 +198,15 @@ class Simulator {
 
 std::string Begin(std::string_view kind, std::string_view name) {
   std::string request;
-  wire::AppendMess(request, kind);
-  if (!name.empty()) wire::AppendMess(request, name);
+  request += wire::Mess(kind);
+  if (!name.empty()) request += wire::Mess(name);
   return request;
 }
 
 template <class T>
 Table<T> QueryRun(Simulator& simulator, std::string_view kind, const Texts& items) {
   std::string query = Begin("QUERY", kind);
-  wire::Append(query, "QITEMS", items);
+  query += wire::Data("QITEMS", items);
   simulator.Ask(std::move(query));
   return simulator.HearRunItems<T>();
 }
@@ -215,8 +215,8 @@ template <class T>
 Table<T> QueryWells(Simulator& simulator, std::string_view kind, const Texts& wells,
                     const Texts& items) {
   std::string query = Begin("QUERY", kind);
-  wire::Append(query, "QITEMS", items);
-  wire::Append(query, "WELNAMES", wells);
+  query += wire::Data("QITEMS", items);
+  query += wire::Data("WELNAMES", wells);
   simulator.Ask(std::move(query));
   return simulator.HearWells<T>();
 }
@@ -366,10 +366,10 @@ void SetConstraints(Simulator& simulator, const Texts& wells, const std::vector<
                     const std::vector<Numbers>& values) {
   std::string request = Begin("SET", "SETWCONSTRAINTS");
   for (std::size_t i = 0; i < wells.size(); ++i) {
-    wire::AppendText(request, "WELLNAME", wells[i]);
-    wire::Append(request, "ITEMS", items[i]);
-    wire::Append(request, "VALUES", values[i]);
-    wire::Append(request, "SETTERS", Texts(items[i].size(), "USER"));
+    request += wire::Text("WELLNAME", wells[i]);
+    request += wire::Data("ITEMS", items[i]);
+    request += wire::Data("VALUES", values[i]);
+    request += wire::Data("SETTERS", Texts(items[i].size(), "USER"));
   }
   simulator.Ask(std::move(request));
   simulator.HearReady();
@@ -386,10 +386,10 @@ void SetStatuses(Simulator& simulator, const Texts& wells, const Texts& statuses
     Refuse(WrongSizes("set_status_for_wells", wells.size(), statuses.size()));
   }
   std::string request = Begin("SET", "SETWSTATUS");
-  wire::AppendText(request, "WCLOSURE", "USER");
-  wire::AppendText(request, "SETITEM", "STATUS");
-  wire::Append(request, "WELNAMES", wells);
-  wire::Append(request, "VALUES", statuses);
+  request += wire::Text("WCLOSURE", "USER");
+  request += wire::Text("SETITEM", "STATUS");
+  request += wire::Data("WELNAMES", wells);
+  request += wire::Data("VALUES", statuses);
   simulator.Ask(std::move(request));
   simulator.HearReady();
 }
@@ -400,9 +400,9 @@ void SetUptimes(Simulator& simulator, const Texts& wells, const Numbers& fractio
     Refuse(WrongSizes("set_uptime_fractions_for_wells", wells.size(), fractions.size()));
   }
   std::string request = Begin("SET", "SETWELLS");
-  wire::AppendText(request, "SETITEM", "UPTIME_FRACTION");
-  wire::Append(request, "WELNAMES", wells);
-  wire::Append(request, "VALUES", fractions);
+  request += wire::Text("SETITEM", "UPTIME_FRACTION");
+  request += wire::Data("WELNAMES", wells);
+  request += wire::Data("VALUES", fractions);
   simulator.Ask(std::move(request));
   simulator.HearReady();
 }
@@ -517,7 +517,7 @@ void Inflow(Simulator& simulator, const ConnectorCall& call, ConnectorOutcome& o
 // What the wells' constraints are is the simulator's affair, but it has to be told soundly.
 void AllConstraints(Simulator& simulator) {
   std::string query = Begin("QUERY", "QWCONSTRAINTS");
-  wire::Append(query, "WELNAMES", Texts{"*"});
+  query += wire::Data("WELNAMES", Texts{"*"});
   simulator.Ask(std::move(query));
   Message reply = simulator.HearReply();
   while (reply.Next()) {
@@ -538,9 +538,9 @@ void AttachSource(Simulator& simulator, bool is2016, ConnectorOutcome& outcome) 
   bool accepted = false;
   if (!is2016) {
     std::string request = Begin("SET", "CREATE_FLDSRCEXT");
-    wire::AppendText(request, "WELLNAME", "I1");
-    wire::AppendText(request, "STNAME", "S");
-    wire::AppendText(request, "STPHASE", "GAS");
+    request += wire::Text("WELLNAME", "I1");
+    request += wire::Text("STNAME", "S");
+    request += wire::Text("STPHASE", "GAS");
     simulator.Ask(std::move(request));
     Message reply = simulator.HearReply();
     reply.Expect("STRET", 1, "INTE");
@@ -561,10 +561,10 @@ void SetCompositions(Simulator& simulator, const ConnectorCall& call) {
       names.push_back(Component(static_cast<int>(k)));
     }
     std::string request = Begin("SET", "SETWSTRE");
-    wire::AppendText(request, "STNAME", call.wells[i]);
-    wire::Append(request, "STCMPVALUES", call.values[i]);
-    wire::Append(request, "STCMPNAMES", names);
-    wire::AppendText(request, "STPHASE", "");
+    request += wire::Text("STNAME", call.wells[i]);
+    request += wire::Data("STCMPVALUES", call.values[i]);
+    request += wire::Data("STCMPNAMES", names);
+    request += wire::Text("STPHASE", "");
     simulator.Ask(std::move(request));
     simulator.HearReady();
   }
@@ -609,7 +609,7 @@ void Newton(Simulator& simulator, ConnectorOutcome& outcome) {
 
 void RunUntil(Simulator& simulator, double time, ConnectorOutcome& outcome) {
   std::string request = Begin("CONTINUE_UNTIL", {});
-  wire::Append(request, "TIME", Numbers{time});
+  request += wire::Data("TIME", Numbers{time});
   simulator.Ask(std::move(request));
   Step(simulator, outcome);
 }
@@ -702,18 +702,18 @@ const std::string& ConnectionAnswers() {
   static const std::string answers = [] {
     const ConnectorOutcome fresh;
     std::string started;
-    wire::AppendMess(started, "STARTED");
-    wire::AppendHeader(started, "ERRORS", 0, "CSTR");
-    wire::AppendMess(started, "END");
+    started += wire::Mess("STARTED");
+    started += wire::Head("ERRORS", 0, "CSTR");
+    started += wire::Mess("END");
     std::string step;
-    wire::AppendMess(step, "STEP");
-    wire::AppendText(step, "POSITION", "MODEL_DEFINITION");
-    wire::Append(step, "TIME", Numbers{fresh.time});
-    wire::Append(step, "DATE", std::vector<int>{fresh.year, fresh.month, fresh.day, 0, 0, 0});
-    wire::AppendMess(step, "END");
+    step += wire::Mess("STEP");
+    step += wire::Text("POSITION", "MODEL_DEFINITION");
+    step += wire::Data("TIME", Numbers{fresh.time});
+    step += wire::Data("DATE", std::vector<int>{fresh.year, fresh.month, fresh.day, 0, 0, 0});
+    step += wire::Mess("END");
     std::string stream;
-    AppendFramed(stream, started);
-    AppendFramed(stream, step);
+    stream += wire::Framed(started);
+    stream += wire::Framed(step);
     return stream;
   }();
   return answers;
@@ -722,11 +722,11 @@ const std::string& ConnectionAnswers() {
 const std::string& ConnectionRequest() {
   static const std::string request = [] {
     std::string setUp;
-    wire::AppendMess(setUp, "SETUP");
-    wire::AppendText(setUp, "VERSION", "V2");
-    wire::AppendMess(setUp, "END");
+    setUp += wire::Mess("SETUP");
+    setUp += wire::Text("VERSION", "V2");
+    setUp += wire::Mess("END");
     std::string stream;
-    AppendFramed(stream, setUp);
+    stream += wire::Framed(setUp);
     return stream;
   }();
   return request;

@@ -1,6 +1,5 @@
 #include "fuzz/support/memory_stream.h"
 
-#include <cstdint>
 #include <cstring>
 
 #include <boost/asio/error.hpp>
@@ -9,12 +8,6 @@
 #include "vk_ec/stream_socket.h"
 
 MemoryStream memoryStream;
-
-void AppendFramed(std::string& stream, std::string_view message) {
-  const std::uint64_t lengths[2] = {message.size(), message.size()};
-  stream.append(reinterpret_cast<const char*>(lengths), sizeof(lengths));
-  stream.append(message);
-}
 
 // The same class as that of vk_ec/stream_socket.cc, which the linker leaves out when it
 // finds these.

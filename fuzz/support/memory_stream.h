@@ -18,6 +18,3 @@ struct MemoryStream {
 };
 
 extern MemoryStream memoryStream;
-
-/// Appends `message` as it travels, in one chunk.
-void AppendFramed(std::string& stream, std::string_view message);

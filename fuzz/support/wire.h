@@ -2,53 +2,13 @@
 
 #include <cstdint>
 #include <cstring>
-#include <string>
 #include <string_view>
-#include <vector>
 
-// The simulator's messages written and read without the code under test.
+#include "tests/support/wire_bytes.h"
+
+// The simulator's messages read without the code under test; tests/support/wire_bytes.h writes
+// them.
 namespace wire {
-
-inline void AppendHeader(std::string& message, std::string_view name, std::uint64_t count,
-                         std::string_view tag) {
-  message += static_cast<char>(name.size());
-  message += name;
-  message.append(reinterpret_cast<const char*>(&count), sizeof(count));
-  message += tag;
-}
-
-inline void AppendMess(std::string& message, std::string_view name) {
-  AppendHeader(message, name, 0, "MESS");
-}
-
-inline void Append(std::string& message, std::string_view name, const std::vector<double>& values) {
-  AppendHeader(message, name, values.size(), "DOUB");
-  if (values.empty()) return;
-  message.append(reinterpret_cast<const char*>(values.data()), values.size() * sizeof(double));
-}
-
-inline void Append(std::string& message, std::string_view name, const std::vector<int>& values) {
-  AppendHeader(message, name, values.size(), "INTE");
-  if (values.empty()) return;
-  message.append(reinterpret_cast<const char*>(values.data()), values.size() * sizeof(int));
-}
-
-inline void Append(std::string& message, std::string_view name,
-                   const std::vector<std::string>& values) {
-  AppendHeader(message, name, values.size(), "CSTR");
-  for (const std::string& value : values) {
-    const std::uint64_t length = value.size();
-    message.append(reinterpret_cast<const char*>(&length), sizeof(length));
-    message += value;
-  }
-}
-
-inline void AppendText(std::string& message, std::string_view name, std::string_view value) {
-  const std::uint64_t length = value.size();
-  AppendHeader(message, name, 1, "CSTR");
-  message.append(reinterpret_cast<const char*>(&length), sizeof(length));
-  message += value;
-}
 
 /// Takes a number from the front of `bytes`; false, with nothing taken, when they are too few.
 template <typename Number>

@@ -12,6 +12,7 @@
 
 #include "tests/allocation/failing_allocations.h"
 #include "tests/support/child_process.h"
+#include "tests/support/socket_pair.h"
 #include "tests/support/wire_bytes.h"
 #include "vk_ec/v2017_2/varnok_client.h"
 
@@ -47,13 +48,13 @@ Outcome Run(const std::function<void(Client&)>& operation, const std::string& he
   const auto descriptors = static_cast<long>(OpenDescriptors(getpid()));
   const long live = LiveAllocations();
   {
-    const wire::Pair pair = wire::SocketPair();
+    SocketPair pair;
     const std::string reply = wire::Mess("REPLY").append(headers).append(kEnd);
     for (const std::string& message : {reply, kReady, wire::Mess("FINISHED").append(kEnd)}) {
-      wire::WriteAll(pair.theirs, wire::Framed(message));
+      WriteAll(pair.peer.get(), wire::Framed(message));
     }
-    shutdown(pair.theirs, SHUT_WR);
-    Client client(pair.ours);
+    shutdown(pair.peer.get(), SHUT_WR);
+    Client client(pair.ours.Release());
     {
       const FailingAllocations failures(failing, mode);
       try {
@@ -70,7 +71,6 @@ Outcome Run(const std::function<void(Client&)>& operation, const std::string& he
     } catch (const std::logic_error& refusal) {
       outcome.result.append(", ").append(refusal.what());
     }
-    close(pair.theirs);
   }
   outcome.leaked = LiveAllocations() - live;
   outcome.leakedDescriptors = static_cast<long>(OpenDescriptors(getpid())) - descriptors;

@@ -43,16 +43,6 @@ constexpr long kUndisturbed = 1'000'000'000;
 const std::string kNorth = "PRODUCER-OF-THE-NORTH-FLANK";
 const std::string kSouth = "INJECTOR-OF-THE-SOUTH-FLANK";
 
-template <class T>
-std::string Image(T value) {
-  std::string bytes(sizeof(value), '\0');
-  memcpy(bytes.data(), &value, sizeof(value));
-  return bytes;
-}
-std::string Text(const std::string& text) {
-  return Image(static_cast<int>(text.size())) + text;
-}
-
 const std::string kEnd = wire::Mess("END");
 const std::string kReady = wire::Mess("READY") + kEnd;
 
@@ -94,11 +84,12 @@ Request GetWellData() {
                          "WATER_INJECTION_RATE", "GAS_INJECTION_RATE",  "UPTIME_FRACTION",
                          "BOTTOM_HOLE_PRESSURE", "TUBING_HEAD_PRESSURE"};
   const std::vector<double> values = {1, 2, 3, 4, 5, 6, 7, 8};
-  return {"GetWellData",
-          {Image(10) + Image(2) + Text(kNorth) + Text(kSouth), Image(4096), Image(4096)},
-          {Reply(wire::Cstr("QITEMS", asked) + Row(kSouth, values) + Row(kNorth, values)),
-           Reply(wire::Cstr("QITEMS", {"STATUS"}) + Words(kSouth, {"OPEN"}) +
-                 Words(kNorth, {"OPEN"}))}};
+  return {
+      "GetWellData",
+      {Image(10) + Image(2) + PackedText(kNorth) + PackedText(kSouth), Image(4096), Image(4096)},
+      {Reply(wire::Cstr("QITEMS", asked) + Row(kSouth, values) + Row(kNorth, values)),
+       Reply(wire::Cstr("QITEMS", {"STATUS"}) + Words(kSouth, {"OPEN"}) +
+             Words(kNorth, {"OPEN"}))}};
 }
 
 Request GetWellIPRData() {
@@ -117,7 +108,7 @@ Request GetWellIPRData() {
                             Row(kNorth, {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13})));
   }
   return {"GetWellIPRData",
-          {Image(16) + Image(2) + Image(1) + Text(kNorth) + std::string(1, '\1') + Image(1.0),
+          {Image(16) + Image(2) + Image(1) + PackedText(kNorth) + std::string(1, '\1') + Image(1.0),
            Image(4097)},
           answers};
 }
@@ -134,7 +125,7 @@ Request GetEOSProps() {
 }
 
 std::vector<Request> Requests() {
-  const std::string twoWells = Text(kNorth) + Text(kSouth);
+  const std::string twoWells = PackedText(kNorth) + PackedText(kSouth);
   return {
       {"GetDate", {Image(2)}, {}},
       {"GetMetricFlag",
@@ -154,30 +145,30 @@ std::vector<Request> Requests() {
       {"GetTermFlag", {Image(9)}, {}},
       GetWellData(),
       {"SetWellStatus",
-       {Image(11) + Image(2) + Image(2) + twoWells + Text("OPEN") + Text("SHUT")},
+       {Image(11) + Image(2) + Image(2) + twoWells + PackedText("OPEN") + PackedText("SHUT")},
        {{kReady}}},
       {"SetWellUptime",
        {Image(12) + Image(2) + Image(2) + twoWells + Image(0.5) + Image(1.0)},
        {{kReady}}},
       {"SetWellConstraints",
-       {Image(13) + Image(2) + twoWells + Image(2) + Image(1) + Text("OIL_PRODUCTION_RATE") +
-        Image(1) + Text("WATER_INJECTION_RATE") + Image(2) + Image(1) + Image(100.0) + Image(1) +
-        Image(200.0)},
+       {Image(13) + Image(2) + twoWells + Image(2) + Image(1) + PackedText("OIL_PRODUCTION_RATE") +
+        Image(1) + PackedText("WATER_INJECTION_RATE") + Image(2) + Image(1) + Image(100.0) +
+        Image(1) + Image(200.0)},
        {{kReady}}},
       GetEOSProps(),
       {"GetWellVariables",
-       {Image(15) + Text(kNorth) + Image(1) + Text("OIL_PRODUCTION_RATE")},
+       {Image(15) + PackedText(kNorth) + Image(1) + PackedText("OIL_PRODUCTION_RATE")},
        {Reply(wire::Cstr("QITEMS", {"OIL_PRODUCTION_RATE"}) + Row(kNorth, {7}))}},
       GetWellIPRData(),
       {"GetVersion",
        {Image(17)},
        {Reply(wire::Cstr("QITEM", {"VK_VERSION"}) + wire::Cstr("VALUES", {"2017.2"}))}},
       {"SetWellInjectionSource",
-       {Image(18) + Text(kSouth) + Text("THE-SOURCE-OF-THE-GAS")},
+       {Image(18) + PackedText(kSouth) + PackedText("THE-SOURCE-OF-THE-GAS")},
        {Reply(wire::Inte("STRET", {1}))}},
       {"SetWellInjectionComposition",
-       {Image(19) + Image(1) + Text("THE-SOURCE-OF-THE-GAS") + Image(1) + Image(2) + Image(0.9) +
-        Image(0.1)},
+       {Image(19) + Image(1) + PackedText("THE-SOURCE-OF-THE-GAS") + Image(1) + Image(2) +
+        Image(0.9) + Image(0.1)},
        {{kReady}}},
       {"GetStartDate",
        {Image(20)},

@@ -436,7 +436,7 @@ TYPED_TEST(SimpleQueryTest, ClientErrorsPassThroughUnchanged) {
 
 TYPED_TEST(SimpleQueryTest, SimulatorThatHangsUpInMidMessageIsASystemError) {
   this->Connect();
-  this->simulator_.AnswerNextAndHangUp(wire::Bytes("40 00 00 00 00 00 00 00"));
+  this->simulator_.AnswerNextAndHangUp(Bytes("40 00 00 00 00 00 00 00"));
   EXPECT_EQ(this->FailureOf([this] { this->connector_.GetVersion(); }), "read: End of file");
 }
 

@@ -6,7 +6,6 @@
 
 #include <array>
 #include <cstdint>
-#include <cstring>
 #include <vector>
 
 #include "tests/support/bytes.h"
@@ -55,9 +54,8 @@ std::string AnswerTo(const std::string& name) {
 
 // The name of the first whole message in `pending`, which loses it; all of ours fit in one chunk.
 std::string TakeName(std::string& pending) {
-  std::uint64_t total = 0;
+  const auto total = NumberAt<std::uint64_t>(pending);
   if (pending.size() <= kHeader) return {};
-  std::memcpy(&total, pending.data(), sizeof(total));
   if (pending.size() < kHeader + total) return {};
   const auto size = static_cast<unsigned char>(pending[kHeader]);
   std::string name = pending.substr(kHeader + 1, size);
@@ -122,8 +120,7 @@ bool Simulators::Serve(int client, std::string& pending) {
   pending.append(part.data(), static_cast<std::size_t>(got));
   for (std::string name = TakeName(pending); !name.empty(); name = TakeName(pending)) {
     if (name == "CONTINUE" && leaveOnStep_) return false;
-    const std::string answer = AnswerTo(name);
-    send(client, answer.data(), answer.size(), MSG_NOSIGNAL);
+    WriteAll(client, AnswerTo(name));
   }
   return true;
 }
@@ -180,12 +177,7 @@ void Master::Connect(int port) {
 }
 
 void Master::Send(const std::string& body) const {
-  const auto size = static_cast<std::uint32_t>(body.size());
-  std::string frame(sizeof(size), '\0');
-  std::memcpy(frame.data(), &size, sizeof(size));
-  frame += body;
-  // A daemon that has closed is noticed at the next answer.
-  send(link_.get(), frame.data(), frame.size(), MSG_NOSIGNAL);
+  WriteAll(link_.get(), Frame(body));  // a daemon that has closed is noticed at the next answer
 }
 
 std::string Master::ReceiveBytes(std::size_t size, const char* what) {
@@ -206,16 +198,13 @@ std::string Master::ReceiveBytes(std::size_t size, const char* what) {
 }
 
 std::string Master::Receive(const char* what) {
-  std::uint32_t size = 0;
-  std::memcpy(&size, ReceiveBytes(sizeof(size), what).data(), sizeof(size));
+  const auto size = NumberAt<std::uint32_t>(ReceiveBytes(4, what));
   if (size > 4096) throw Ended(Session::Result::kWrong, std::string(what) + " of some length");
   return ReceiveBytes(size, what);
 }
 
 void Master::Ask(unsigned code, const std::string& reply, const char* what) {
-  std::string request(sizeof(code), '\0');
-  std::memcpy(request.data(), &code, sizeof(code));
-  Send(request);
+  Send(Image(code));
   const std::string came = Receive(what);
   if (came != Bytes(reply)) {
     throw Ended(Session::Result::kWrong, std::string(what) + " answered with " + Hex(came));

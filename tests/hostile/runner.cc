@@ -19,7 +19,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <regex>
@@ -27,7 +26,7 @@
 #include <stdexcept>
 #include <utility>
 
-#include "tests/hostile/notation.h"
+#include "tests/support/bytes.h"
 #include "tests/support/child_process.h"
 #include "tests/support/ports.h"
 #include "tests/support/socket_pair.h"
@@ -249,7 +248,7 @@ class Conversation {
  private:
   // --- files ---
 
-  std::string Bytes(const std::string& text) const { return Notated(Replace(text, variables_)); }
+  std::string Said(const std::string& text) const { return Bytes(Replace(text, variables_)); }
 
   // A text with variables, and with notation in ${}.
   std::string Filled(const std::string& templ) const {
@@ -261,7 +260,7 @@ class Conversation {
       if (begin == std::string::npos) break;
       const std::size_t end = text.find('}', begin);
       filled += text.substr(at, begin - at);
-      filled += Notated(text.substr(begin + 2, end - begin - 2));
+      filled += Bytes(text.substr(begin + 2, end - begin - 2));
       at = end + 1;
     }
     return filled + text.substr(at);
@@ -399,7 +398,7 @@ class Conversation {
                     [](const std::string& step) { return step.starts_with("sim-"); });
     if (withSimulator) listener_ = Listen(port_);
     master_ = Connect(daemon_.daemon().port());
-    master_.Hear(Notated("text('3')"), "the version");
+    master_.Hear(Frame("3"), "the version");
     if (wanted_.start != "raw") Launch();
     if (wanted_.start == "connected") ConnectSimulator();
     for (const std::string& step : wanted_.steps) {
@@ -413,26 +412,24 @@ class Conversation {
   }
 
   void Launch() {
-    std::string all = Notated("text('3')");
+    std::string all = Frame("3");
     for (const char* name : {"cluster", "path", "root", "processes", "version", "user", "flag"}) {
-      const std::string text = Field(name);
-      const auto length = static_cast<std::uint32_t>(text.size());
-      all.append(reinterpret_cast<const char*>(&length), sizeof(length)).append(text);
+      all += Frame(Field(name));
     }
     master_.Send(all, false);
     if (wanted_.start == "run" || wanted_.start == "connected")
-      master_.Hear(Notated("text('OK|127.0.0.1' 00)"), "the host");
+      master_.Hear(Bytes("text('OK|127.0.0.1' 00)"), "the host");
   }
 
   void ConnectSimulator() {
-    master_.Send(Notated("ask(1)"), false);
+    master_.Send(Bytes("ask(1)"), false);
     Accept();
-    simulator_.Hear(Notated("message(mess(SETUP) cstr(VERSION, 'V2') mess(END))"), "the set-up");
-    simulator_.Send(Notated("message(mess(STARTED) cstr(ERRORS) mess(END))"
-                            "message(mess(STEP) cstr(POSITION, 'MODEL_DEFINITION') doub(TIME, 0)"
-                            "        inte(DATE, 2026, 1, 1, 0, 0, 0) mess(END))"),
+    simulator_.Hear(Bytes("message(mess(SETUP) cstr(VERSION, 'V2') mess(END))"), "the set-up");
+    simulator_.Send(Bytes("message(mess(STARTED) cstr(ERRORS) mess(END))"
+                          "message(mess(STEP) cstr(POSITION, 'MODEL_DEFINITION') doub(TIME, 0)"
+                          "        inte(DATE, 2026, 1, 1, 0, 0, 0) mess(END))"),
                     false);
-    master_.Hear(Notated("reply(1)"), "the reply to the connection");
+    master_.Hear(Bytes("reply(1)"), "the reply to the connection");
   }
 
   void Accept() {
@@ -447,10 +444,8 @@ class Conversation {
     const auto limit = Clock::now() + kPatience;
     const auto number = [&] {
       const std::string bytes = simulator_.Receive(8, limit, ended);
-      std::uint64_t value = 0;
-      if (bytes.size() != sizeof(value)) throw Failure("no request to the simulator");
-      std::memcpy(&value, bytes.data(), sizeof(value));
-      return value;
+      if (bytes.size() != 8) throw Failure("no request to the simulator");
+      return NumberAt<std::uint64_t>(bytes);
     };
     std::uint64_t left = number();
     do {
@@ -466,8 +461,8 @@ class Conversation {
     std::string verb = step.substr(0, blank);
     const std::string rest = step.substr(blank);
     if (verb == "pause") return static_cast<void>(usleep(Milliseconds(rest) * 1000));
-    if (verb == "write-users") return Feed(daemon_.File(".vk_corvane_users"), Bytes(rest));
-    if (verb == "write-environment") return Feed(daemon_.File(".vk_corvane_env"), Bytes(rest));
+    if (verb == "write-users") return Feed(daemon_.File(".vk_corvane_users"), Said(rest));
+    if (verb == "write-environment") return Feed(daemon_.File(".vk_corvane_env"), Said(rest));
     if (verb == "sim-accept") return Accept();
     if (verb == "sim-skip") return SkipMessage();
     const bool simulator = verb.starts_with("sim-");
@@ -478,13 +473,13 @@ class Conversation {
   void TakeOn(Link& link, const std::string& verb, const std::string& rest,
               const std::string& who) {
     if (verb == "say") {
-      link.Send(Bytes(rest), false);
+      link.Send(Said(rest), false);
     } else if (verb == "flood") {
-      link.Send(Bytes(rest), true);
+      link.Send(Said(rest), true);
     } else if (verb == "drip") {
       Drip(link, rest);
     } else if (verb == "hear") {
-      link.Hear(Bytes(rest), "what the " + who + " hears");
+      link.Hear(Said(rest), "what the " + who + " hears");
     } else if (verb == "hear-end") {
       link.HearEnd("what the " + who + " hears");
     } else if (verb == "silence") {
@@ -508,7 +503,7 @@ class Conversation {
   void Drip(const Link& link, const std::string& rest) const {
     std::size_t used = 0;
     const auto pause = static_cast<unsigned>(std::stoul(rest, &used));
-    for (const char byte : Bytes(rest.substr(used))) {
+    for (const char byte : Said(rest.substr(used))) {
       link.Send({&byte, 1}, false);
       usleep(pause * 1000);
     }
@@ -531,9 +526,7 @@ class Conversation {
     if (wanted_.end == "left") {
       master_.Close();
     } else if (!wanted_.refusal.empty()) {
-      const std::string text = Filled(wanted_.refusal);
-      const auto length = static_cast<std::uint32_t>(text.size());
-      master_.Hear(std::string(reinterpret_cast<const char*>(&length), 4) + text, "the refusal");
+      master_.Hear(Frame(Filled(wanted_.refusal)), "the refusal");
     }
     if (master_.open()) master_.HearEnd("what the master hears at the end");
     simulator_.Close();

@@ -12,6 +12,7 @@
 #include "master/errors.h"
 #include "master/launch.h"
 #include "simulator/reservoir.h"
+#include "tests/support/bytes.h"
 
 namespace load {
 namespace {
@@ -20,24 +21,9 @@ using Names = std::vector<std::string>;
 
 const Names kWells = {"P1", "P2", "P3", "P4", "P5", "P6"};
 
-// A request without fields.
-std::string RequestOf(std::uint32_t code) {
-  std::string bytes(sizeof(code), '\0');
-  memcpy(bytes.data(), &code, sizeof(code));
-  return bytes;
-}
-
-std::string Number(std::int32_t value) {
-  std::string bytes(sizeof(value), '\0');
-  memcpy(bytes.data(), &value, sizeof(value));
-  return bytes;
-}
-
 std::string WellDataRequest(const Names& wells) {
-  std::string bytes = RequestOf(10) + Number(static_cast<std::int32_t>(wells.size()));
-  for (const std::string& well : wells) {
-    bytes += Number(static_cast<std::int32_t>(well.size())) + well;
-  }
+  std::string bytes = Image(10) + Image(static_cast<std::int32_t>(wells.size()));
+  for (const std::string& well : wells) bytes += PackedText(well);
   return bytes;
 }
 
@@ -164,7 +150,7 @@ void Actor::LeaveInHandshake(std::uint32_t parameter, bool reset) {
   const std::string bytes = HandshakeOf(site_.Request("unfinished"));
   const std::string part = bytes.substr(0, parameter % bytes.size());
   if (parameter % 3 != 0) Check(ReadFrame(connection.get()) == "3", "no version");
-  SendAll(connection.get(), part);
+  WriteAll(connection.get(), part);
   if (reset) CloseWithReset(connection);
 }
 
@@ -172,7 +158,7 @@ void Actor::RefuseVersion(std::uint32_t parameter) {
   static const Names kAnswers = {"0", "abc", ""};
   const Descriptor connection = site_.Connect();
   Check(ReadFrame(connection.get()) == "3", "no version");
-  SendAll(connection.get(), FrameOf(kAnswers[parameter % kAnswers.size()]));
+  WriteAll(connection.get(), Frame(kAnswers[parameter % kAnswers.size()]));
   Check(ReadFrame(connection.get()).empty(), "an answer to a refused version");
 }
 
@@ -180,13 +166,13 @@ void Actor::SendStrangersBytes(std::uint32_t parameter) {
   static const Names kTexts = {"GET / HTTP/1.0\r\n\r\n", std::string(1000, '\xff'),
                                std::string(1000, '\0'), "\x16\x03\x01\x02"};
   const Descriptor connection = site_.Connect();
-  SendAll(connection.get(), kTexts[parameter % kTexts.size()]);
+  WriteAll(connection.get(), kTexts[parameter % kTexts.size()]);
 }
 
 void Actor::ExpectRefusal(const master::RunRequest& request, const std::string& text) {
   const Descriptor connection = site_.Connect();
   Check(ReadFrame(connection.get()) == "3", "no version");
-  SendAll(connection.get(), HandshakeOf(request));
+  WriteAll(connection.get(), HandshakeOf(request));
   const std::string answer = ReadFrame(connection.get());
   Check(answer == text, "'" + answer + "' instead of '" + text + "'");
   Check(ReadFrame(connection.get()).empty(), "more behind a refusal");
@@ -198,7 +184,7 @@ void Actor::ExpectNoHost(const std::string& root) {
 
 void Actor::LeaveInLaunch(const std::string& id) {
   const Descriptor connection = site_.Connect();
-  SendAll(connection.get(), HandshakeOf(site_.Request("slow-" + id)));
+  WriteAll(connection.get(), HandshakeOf(site_.Request("slow-" + id)));
 }
 
 void Actor::ExpectEndOfConnect(int simulator, const std::string& id) {
@@ -260,57 +246,56 @@ void Actor::LeaveRun(const std::string& id, std::uint32_t parameter) {
 
 Descriptor Actor::Connected(const std::string& id) {
   Descriptor connection = site_.Connect();
-  SendAll(connection.get(), HandshakeOf(site_.Request(LoadSite::Root(SimulatorFarm::kGood, id))));
+  WriteAll(connection.get(), HandshakeOf(site_.Request(LoadSite::Root(SimulatorFarm::kGood, id))));
   Check(ReadFrame(connection.get()) == "3", "no version");
   Check(ReadFrame(connection.get()).starts_with("OK|"), "no host");
-  SendAll(connection.get(), FrameOf(RequestOf(1)));
-  Check(ReadFrame(connection.get()) == RequestOf(1) + Number(0), "no connection");
+  WriteAll(connection.get(), Frame(Image(1)));
+  Check(ReadFrame(connection.get()) == Image(1) + Image(0), "no connection");
   return connection;
 }
 
 void Actor::ResetRun(const std::string& id, std::uint32_t parameter) {
   Descriptor connection = Connected(id);
   std::string requests;
-  for (unsigned i = 0; i <= parameter % 64; ++i)
-    requests += FrameOf(RequestOf(i % 2 == 0 ? 6 : 17));
-  SendAll(connection.get(), requests);
+  for (unsigned i = 0; i <= parameter % 64; ++i) requests += Frame(Image(i % 2 == 0 ? 6 : 17));
+  WriteAll(connection.get(), requests);
   CloseWithReset(connection);
 }
 
 void Actor::LeaveRequest(const std::string& id, std::uint32_t parameter, bool reset) {
   Descriptor connection = Connected(id);
-  const std::string request = FrameOf(WellDataRequest(kWells));
-  SendAll(connection.get(), request.substr(0, 1 + parameter % (request.size() - 1)));
+  const std::string request = Frame(WellDataRequest(kWells));
+  WriteAll(connection.get(), request.substr(0, 1 + parameter % (request.size() - 1)));
   if (reset) CloseWithReset(connection);
 }
 
 void Actor::LeaveRecords(const std::string& id, std::uint32_t parameter) {
   const Descriptor connection = Connected(id);
-  SendAll(connection.get(), FrameOf(WellDataRequest(kWells)));
+  WriteAll(connection.get(), Frame(WellDataRequest(kWells)));
   Check(ReadFrame(connection.get()) ==
-            RequestOf(10) + Number(static_cast<std::int32_t>(kWells.size())) + Number(0),
+            Image(10) + Image(static_cast<std::int32_t>(kWells.size())) + Image(0),
         "another count of records");
   for (unsigned i = 0; i < parameter % kWells.size(); ++i) {
-    SendAll(connection.get(), FrameOf(RequestOf(4096)));
-    Check(ReadFrame(connection.get()).starts_with(RequestOf(4096)), "no record");
+    WriteAll(connection.get(), Frame(Image(4096)));
+    Check(ReadFrame(connection.get()).starts_with(Image(4096)), "no record");
   }
 }
 
 void Actor::SendHostileRequest(const std::string& id, std::uint32_t parameter) {
   const std::vector<std::string> requests = {
-      FrameOf(RequestOf(10) + Number(0x7fffffff)),  // a count beyond the buffer
-      FrameOf(RequestOf(15) + Number(0x7fffffff)),  // a text beyond it
-      FrameOf(RequestOf(16) + Number(0x7fffffff) + std::string(64, 0)),  // components
-      Number(0x7fffffff) + "x",                                          // a frame beyond it
-      FrameOf(WellDataRequest({"NO_SUCH_WELL"})),
-      FrameOf(""),
+      Frame(Image(10) + Image(0x7fffffff)),                       // a count beyond the buffer
+      Frame(Image(15) + Image(0x7fffffff)),                       // a text beyond it
+      Frame(Image(16) + Image(0x7fffffff) + std::string(64, 0)),  // components
+      Image(0x7fffffff) + "x",                                    // a frame beyond it
+      Frame(WellDataRequest({"NO_SUCH_WELL"})),
+      Frame(""),
   };
   const Descriptor connection = Connected(id);
-  SendAll(connection.get(), requests[parameter % requests.size()]);
+  WriteAll(connection.get(), requests[parameter % requests.size()]);
   try {
     const std::string answer = ReadFrame(connection.get());
     // No wells are asked for: the number of components alone does no harm.
-    Check(answer.empty() || answer.starts_with(RequestOf(16)), "an answer to a hostile request");
+    Check(answer.empty() || answer.starts_with(Image(16)), "an answer to a hostile request");
   } catch (const std::runtime_error& error) {
     // A reset is an end as well.
     if (std::string(error.what()).find("broke") == std::string::npos) throw;
@@ -319,8 +304,8 @@ void Actor::SendHostileRequest(const std::string& id, std::uint32_t parameter) {
 
 void Actor::SendUnknownRequest(const std::string& id, std::uint32_t parameter) {
   const Descriptor connection = Connected(id);
-  SendAll(connection.get(), FrameOf(RequestOf(21 + parameter % 1000)) + FrameOf(RequestOf(65520)));
-  Check(ReadFrame(connection.get()) == RequestOf(65520) + Number(0), "no shutdown");
+  WriteAll(connection.get(), Frame(Image(21 + parameter % 1000)) + Frame(Image(65520)));
+  Check(ReadFrame(connection.get()) == Image(65520) + Image(0), "no shutdown");
   Check(ReadFrame(connection.get()).empty(), "more behind a shutdown");
 }
 

@@ -12,6 +12,7 @@
 #include "tests/load/bare_server.h"
 #include "tests/load/load_site.h"
 #include "tests/load/scenarios.h"
+#include "tests/support/bytes.h"
 #include "tests/support/child_process.h"
 
 namespace load {
@@ -146,7 +147,7 @@ void Advance(const LoadSite& site, const Descriptor& connection, std::size_t sta
                        request.root, request.processes, request.version,
                        request.user};
   for (std::size_t i = 0; i < stage % (lines.size() + 1); ++i) {
-    SendAll(connection.get(), FrameOf(lines[i]));
+    WriteAll(connection.get(), Frame(lines[i]));
   }
 }
 

@@ -12,6 +12,7 @@
 
 #include "master/launch.h"
 #include "simulator/deck.h"
+#include "tests/support/bytes.h"
 
 namespace load {
 namespace {
@@ -95,18 +96,11 @@ std::unique_ptr<master::Run> LoadSite::Launch(const master::RunRequest& request,
   return std::make_unique<master::Run>(launch.Release());
 }
 
-std::string FrameOf(const std::string& body) {
-  const auto length = static_cast<std::uint32_t>(body.size());
-  std::string frame(sizeof(length), '\0');
-  memcpy(frame.data(), &length, sizeof(length));
-  return frame + body;
-}
-
 std::string HandshakeOf(const master::RunRequest& request) {
-  std::string bytes = FrameOf("3");
+  std::string bytes = Frame("3");
   for (const std::string& line : {request.cluster, request.path, request.root, request.processes,
                                   request.version, request.user, request.debug}) {
-    bytes += FrameOf(line);
+    bytes += Frame(line);
   }
   return bytes;
 }
@@ -130,25 +124,13 @@ bool Read(int descriptor, std::string& bytes) {
 }  // namespace
 
 std::string ReadFrame(int descriptor) {
-  std::uint32_t length = 0;
-  std::string field(sizeof(length), '\0');
+  std::string field(4, '\0');
   if (!Read(descriptor, field)) return {};
-  memcpy(&length, field.data(), sizeof(length));
+  const auto length = NumberAt<std::uint32_t>(field);
   Check(length < (1U << 30), "the daemon announced a frame of " + std::to_string(length));
   std::string body(length, '\0');
   Check(Read(descriptor, body), "the daemon closed the connection in the middle of a frame");
   return body;
-}
-
-bool SendAll(int descriptor, const std::string& bytes) {
-  std::size_t sent = 0;
-  while (sent < bytes.size()) {
-    const ssize_t now = send(descriptor, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
-    if (now < 0 && errno == EINTR) continue;
-    if (now < 0) return false;
-    sent += static_cast<std::size_t>(now);
-  }
-  return true;
 }
 
 }  // namespace load

@@ -46,18 +46,12 @@ class LoadSite {
   std::unique_ptr<RunningDaemon> daemon_;
 };
 
-/// The frame of `body`.
-std::string FrameOf(const std::string& body);
-
 /// The bytes that a master sends from its first to the script's start.
 std::string HandshakeOf(const master::RunRequest& request);
 
 /// Reads one frame; empty at the end of the connection. Throws std::runtime_error when it breaks,
 /// or when nothing comes for kPatience.
 std::string ReadFrame(int descriptor);
-
-/// Sends all; false when the peer is gone.
-bool SendAll(int descriptor, const std::string& bytes);
 
 /// Throws std::runtime_error with `complaint`.
 void Check(bool holds, const std::string& complaint);

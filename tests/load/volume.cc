@@ -87,7 +87,7 @@ class BulkSimulator {
       for (const auto& [word, answer] : answers_) {
         if (request.find(word) == std::string::npos) continue;
         try {
-          wire::WriteAll(descriptor, answer);
+          WriteAll(descriptor, answer);
         } catch (const std::system_error&) {
           return;
         }

@@ -21,7 +21,6 @@
 #include <gtest/gtest.h>
 
 #include "master/errors.h"
-#include "tests/master/frames.h"
 #include "tests/support/answered_call.h"
 #include "tests/support/bytes.h"
 #include "tests/support/ports.h"

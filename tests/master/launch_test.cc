@@ -9,7 +9,6 @@
 #include <gtest/gtest.h>
 
 #include "master/errors.h"
-#include "tests/master/frames.h"
 #include "tests/support/bytes.h"
 #include "tests/support/socket_pair.h"
 

@@ -8,7 +8,6 @@
 
 #include "master/errors.h"
 #include "master/run.h"
-#include "tests/master/frames.h"
 #include "tests/support/bytes.h"
 #include "tests/support/socket_pair.h"
 

@@ -57,12 +57,7 @@ void PackValue(sendbuf& buffer, const Characters& value) {
 }
 
 // The bytes of a value on the wire, written without the code under test.
-template <class T>
-std::string Image(const T& value) {
-  std::string bytes(sizeof(value), '\0');
-  memcpy(bytes.data(), &value, sizeof(value));
-  return bytes;
-}
+using ::Image;
 template <class T>
 std::string Image(const std::vector<T>& values) {
   std::string bytes;
@@ -73,7 +68,7 @@ std::string Image(const Characters& value) {
   return value.bytes;
 }
 std::string Image(const std::string& value) {
-  return Image(static_cast<int>(value.size())) + value;
+  return PackedText(value);
 }
 
 std::string Image(const std::vector<Value>& values) {
@@ -199,9 +194,7 @@ std::int64_t BytesOf(Read read, std::int64_t n, const std::string& rest) {
     case Read::kText:
       break;
   }
-  std::int32_t length = 0;
-  memcpy(&length, rest.data(), std::min(rest.size(), sizeof(length)));
-  return 4 + (rest.size() < 4 ? 0 : std::max(length, 0));
+  return 4 + std::max<std::int32_t>(NumberAt<std::int32_t>(rest), 0);
 }
 
 template <class T>

@@ -4,8 +4,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cstdint>
-#include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
@@ -18,13 +16,6 @@
 #include "tests/support/socket_pair.h"
 
 namespace {
-
-std::string Frame(const std::string& body) {
-  const auto size = static_cast<std::int32_t>(body.size());
-  std::string frame(sizeof(size), '\0');
-  memcpy(frame.data(), &size, sizeof(size));
-  return frame + body;
-}
 
 // Sends pieces so that each receive finds no more than one of them: the next goes when the last has
 // been taken.

@@ -3,8 +3,6 @@
 #include <sys/socket.h>
 
 #include <csignal>
-#include <cstdint>
-#include <cstring>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -36,13 +34,7 @@ class ControllerTest : public testing::Test {
   void TearDown() override { testing::internal::GetCapturedStdout(); }
 
   /// Puts one frame on the link: its length, then `hex`, which begins with the request code.
-  void MasterSends(std::string_view hex) {
-    const std::string body = Bytes(hex);
-    const auto size = static_cast<std::uint32_t>(body.size());
-    std::string frame(sizeof(size), '\0');
-    std::memcpy(frame.data(), &size, sizeof(size));
-    WriteAll(pair_.peer.get(), frame + body);
-  }
+  void MasterSends(std::string_view hex) { WriteAll(pair_.peer.get(), Frame(Bytes(hex))); }
 
   /// Lets the controller serve what was sent until it ends; the result of its loop.
   int Serve() {

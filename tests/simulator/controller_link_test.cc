@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/simulator/decks.h"
+#include "tests/support/socket_pair.h"
 #include "tests/support/wire_bytes.h"
 
 namespace simulator {
@@ -20,7 +21,6 @@ namespace {
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::StartsWith;
-using wire::Bytes;
 
 // Headers as they travel: length of the name, name, count, type.
 const std::string kEnd = "03 'END' 0000000000000000 'MESS' ";
@@ -36,21 +36,18 @@ class ControllerLinkTest : public testing::Test {
  protected:
   void Start(const std::string& deck = decks::kBlackOil, const Faults& faults = {},
              ControllerLink::Version version = ControllerLink::Version::k2017_2) {
-    const wire::Pair pair = wire::SocketPair();
-    ours_ = pair.ours;
     reservoir_ = std::make_unique<Reservoir>(parse_deck(deck, "X.afi"));
     link_ = std::make_unique<ControllerLink>(
         *reservoir_, version, faults, stop_,
         ControllerLink::Listeners{.stepped = nullptr, .noticed = [this](const std::string& line) {
                                     notices_ += line + "\n";
                                   }});
-    thread_ = std::thread([this, theirs = pair.theirs] { ending_ = link_->serve(theirs); });
+    thread_ = std::thread([this] { ending_ = link_->serve(pair_.peer.Release()); });
   }
 
   /// Ends the controller's side, and tells how the link ended.
   ControllerLink::Ending Leave() {
-    if (ours_ >= 0) close(ours_);
-    ours_ = -1;
+    pair_.ours.Reset();
     return Join();
   }
   ControllerLink::Ending Join() {
@@ -58,23 +55,23 @@ class ControllerLinkTest : public testing::Test {
     return ending_;
   }
 
-  void SendBytes(const std::string& hex) { wire::WriteAll(ours_, Bytes(hex)); }
-  void Send(const std::string& message) { wire::WriteAll(ours_, wire::Framed(message)); }
-  /// What comes, compared with bytes written as in wire::Bytes.
+  void SendBytes(const std::string& hex) { WriteAll(pair_.ours.get(), Bytes(hex)); }
+  void Send(const std::string& message) { WriteAll(pair_.ours.get(), wire::Framed(message)); }
+  /// What comes, compared with bytes written as for Bytes().
   void Expect(const std::string& hex) {
     const std::string expected = Bytes(hex);
-    EXPECT_EQ(Hex(wire::Read(ours_, expected.size())), Hex(expected));
+    EXPECT_EQ(Hex(ReadExactly(pair_.ours.get(), expected.size())), Hex(expected));
   }
 
   /// The first 16 bytes of the next message tell its length; here it is the rest.
   std::string Receive() {
-    const std::string lengths = wire::Read(ours_, 16);
+    const std::string lengths = ReadExactly(pair_.ours.get(), 16);
     if (lengths.size() < 16) return "closed";
     std::size_t size = 0;
     for (int i = 7; i >= 0; --i) {
       size = size * 256 + static_cast<unsigned char>(lengths[static_cast<std::size_t>(i)]);
     }
-    return wire::Read(ours_, size);
+    return ReadExactly(pair_.ours.get(), size);
   }
 
   void SetUpRun() {
@@ -100,7 +97,7 @@ class ControllerLinkTest : public testing::Test {
   std::string notices_;  // read after Join
   std::thread thread_;
   ControllerLink::Ending ending_ = ControllerLink::Ending::kBroken;
-  int ours_ = -1;
+  SocketPair pair_;
 };
 
 TEST_F(ControllerLinkTest, SetupIsAnsweredByStartedAndTheModelDefinition) {
@@ -173,7 +170,7 @@ TEST_F(ControllerLinkTest, ShutdownIsAnsweredByFinishedAndEndsTheRun) {
   SetUpRun();
   SendBytes("2500000000000000 2500000000000000 08 'SHUTDOWN' 0000000000000000 'MESS' " + kEnd);
   Expect("2500000000000000 2500000000000000 08 'FINISHED' 0000000000000000 'MESS' " + kEnd);
-  EXPECT_EQ(wire::Read(ours_, 1), "");
+  EXPECT_EQ(ReadExactly(pair_.ours.get(), 1), "");
   EXPECT_EQ(Join(), ControllerLink::Ending::kShutdown);
 }
 
@@ -478,7 +475,7 @@ TEST_F(ControllerLinkTest, AnswerAboveAChunkIsCutAt65536Bytes) {
   const std::size_t names = 10 * 2 + 90 * 3 + 900 * 4 + 1000 * 5;
   const std::size_t total = 18 + 19 + 14 + 2000 * 60 + names + 16;
   ASSERT_EQ(total, 128957U);
-  const std::string bytes = wire::Read(ours_, 16 + 65536 + 8 + total - 65536);
+  const std::string bytes = ReadExactly(pair_.ours.get(), 16 + 65536 + 8 + total - 65536);
   EXPECT_EQ(Hex(bytes.substr(0, 16)), Hex(Bytes("bdf7010000000000 0000010000000000")));
   EXPECT_EQ(Hex(bytes.substr(16 + 65536, 8)), Hex(Bytes("bdf7000000000000")));
   EXPECT_THAT(bytes, EndsWith(Bytes(kEnd)));
@@ -506,7 +503,7 @@ TEST_F(ControllerLinkTest, CutComesInTheMiddleOfTheChosenMessage) {
   SetUpRun();  // messages 1 and 2
   Send(wire::Mess("CONTINUE") + wire::Mess("END"));
   Expect("e803000000000000 e803000000000000 04 'STEP' 0000000000000000 'MESS'");
-  EXPECT_EQ(wire::Read(ours_, 1), "");
+  EXPECT_EQ(ReadExactly(pair_.ours.get(), 1), "");
   EXPECT_EQ(Join(), ControllerLink::Ending::kFault);
 }
 
@@ -591,11 +588,9 @@ TEST_F(ControllerLinkTest, SecondContinueAdvancesByTheLongestStep) {
 }
 
 TEST_F(ControllerLinkTest, LinkWithoutListenersServesAsWell) {
-  const wire::Pair pair = wire::SocketPair();
   Reservoir reservoir(parse_deck(decks::kBlackOil, "X.afi"));
   ControllerLink link(reservoir, ControllerLink::Version::k2017_2, {}, stop_, {});
-  ours_ = pair.ours;
-  thread_ = std::thread([&] { ending_ = link.serve(pair.theirs); });
+  thread_ = std::thread([&] { ending_ = link.serve(pair_.peer.Release()); });
   SetUpRun();
   Send(wire::Mess("SHUTDOWN") + wire::Mess("END"));
   EXPECT_EQ(Hex(Receive()), Hex(wire::Mess("FINISHED") + wire::Mess("END")));
@@ -690,12 +685,10 @@ TEST_F(ControllerLinkTest, StopAfterTheEndDoesNothingToAConnectionWithTheSameNum
   Start();
   SetUpRun();
   Leave();
-  const wire::Pair other = wire::SocketPair();  // takes the numbers that have become free
+  const SocketPair other;  // takes the numbers that have become free
   stop_.raise();
-  wire::WriteAll(other.ours, "A");
-  EXPECT_EQ(wire::Read(other.theirs, 1), "A");
-  close(other.ours);
-  close(other.theirs);
+  WriteAll(other.ours.get(), "A");
+  EXPECT_EQ(ReadExactly(other.peer.get(), 1), "A");
 }
 
 TEST_F(ControllerLinkTest, StopEndsAReadOfAHalfMessage) {

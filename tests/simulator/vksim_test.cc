@@ -150,11 +150,9 @@ class VksimTest : public testing::Test {
     return all;
   }
 
-  void Send(const std::string& message) const {
-    wire::WriteAll(connection_, wire::Framed(message));
-  }
+  void Send(const std::string& message) const { WriteAll(connection_, wire::Framed(message)); }
   void Expect(const std::string& bytes) const {
-    EXPECT_EQ(wire::Read(connection_, bytes.size()), bytes);
+    EXPECT_EQ(ReadExactly(connection_, bytes.size()), bytes);
   }
   void SetUpRun(Program& program) {
     const std::uint16_t port = program.Port();
@@ -298,7 +296,7 @@ TEST_F(VksimTest, ControllerThatIsCutInAMessageBrokeTheConnection) {
   Program program(Arguments());
   SetUpRun(program);
   const std::string message = wire::Framed(wire::Mess("CONTINUE") + wire::Mess("END"));
-  wire::WriteAll(connection_, message.substr(0, message.size() - 1));
+  WriteAll(connection_, message.substr(0, message.size() - 1));
   close(connection_);
   connection_ = -1;
   EXPECT_EQ(program.Finish(), 3);
@@ -310,7 +308,7 @@ TEST_F(VksimTest, ConnectionThatItWasToldToCutEndsWithStatusThree) {
   SetUpRun(program);
   Send(wire::Mess("CONTINUE") + wire::Mess("END"));
   const std::string due = Step("BEGIN_NEWTON", 0, {2020, 2, 27, 0, 0, 0});
-  EXPECT_LT(wire::Read(connection_, due.size()).size(), due.size());
+  EXPECT_LT(ReadExactly(connection_, due.size()).size(), due.size());
   EXPECT_EQ(program.Finish(), 3);
   EXPECT_THAT(program.seen(), EndsWith("The connection broke\n"));
 }

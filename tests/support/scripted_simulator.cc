@@ -7,11 +7,11 @@
 
 #include <cerrno>
 #include <cstdint>
-#include <cstring>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
 
+#include "tests/support/socket_pair.h"
 #include "tests/support/wire_bytes.h"
 
 namespace {
@@ -20,33 +20,15 @@ void Require(bool succeeded, const char* what) {
   if (!succeeded) throw std::system_error(errno, std::generic_category(), what);
 }
 
-bool ReadWhole(int descriptor, char* bytes, std::size_t size) {
-  while (size > 0) {
-    const ssize_t got = recv(descriptor, bytes, size, 0);
-    if (got < 0 && errno == EINTR) continue;
-    if (got <= 0) return false;
-    bytes += got;
-    size -= static_cast<std::size_t>(got);
-  }
-  return true;
-}
-
-bool ReadNumber(int descriptor, std::uint64_t& number) {
-  std::string bytes(sizeof(number), '\0');
-  if (!ReadWhole(descriptor, bytes.data(), bytes.size())) return false;
-  std::memcpy(&number, bytes.data(), sizeof(number));
-  return true;
-}
-
 }  // namespace
 
 ScriptedSimulator::ScriptedSimulator(Link link) {
   if (link == Link::kLoopback) {
     Listen();
   } else {
-    const wire::Pair pair = wire::SocketPair();
-    connection_ = pair.ours;
-    client_ = pair.theirs;
+    SocketPair pair;
+    connection_ = pair.peer.Release();
+    client_ = pair.ours.Release();
   }
   thread_ = std::thread([this] { Run(); });
 }
@@ -120,26 +102,26 @@ void ScriptedSimulator::Serve() {
   std::string request;
   while (ReadRequest(request)) {
     const Answer answer = TakeAnswer(std::move(request));
-    try {
-      wire::WriteAll(connection_, answer.bytes);
-    } catch (const std::system_error&) {
-      return;  // The client has gone; what it sent is kept.
-    }
+    // A client that has gone takes no answer; what it sent is kept.
+    if (!WriteAll(connection_, answer.bytes)) return;
     if (answer.hang_up) break;
   }
   shutdown(connection_, SHUT_RDWR);
 }
 
 bool ScriptedSimulator::ReadRequest(std::string& message) const {
-  std::uint64_t total = 0;
-  std::uint64_t chunk = 0;
+  constexpr int kForEver = -1;  // the destructor ends the connection
   message.clear();
-  if (!ReadNumber(connection_, total)) return false;
+  const std::string head = ReadExactly(connection_, 8, kForEver);
+  if (head.size() != 8) return false;
+  const auto total = NumberAt<std::uint64_t>(head);
   do {
-    if (!ReadNumber(connection_, chunk) || chunk > total - message.size()) return false;
-    const std::size_t offset = message.size();
-    message.resize(offset + chunk);
-    if (!ReadWhole(connection_, message.data() + offset, chunk)) return false;
+    const std::string length = ReadExactly(connection_, 8, kForEver);
+    const auto chunk = NumberAt<std::uint64_t>(length);
+    if (length.size() != 8 || chunk > total - message.size()) return false;
+    const std::string part = ReadExactly(connection_, chunk, kForEver);
+    if (part.size() != chunk) return false;
+    message += part;
   } while (message.size() < total);
   return true;
 }

@@ -34,11 +34,6 @@ namespace {
 using std::chrono::milliseconds;
 using testing::HasSubstr;
 
-std::string Frame(const std::string& body) {
-  const auto size = static_cast<std::uint32_t>(body.size());
-  return std::string(reinterpret_cast<const char*>(&size), sizeof(size)) + body;
-}
-
 // Everything that a master says up to the debug flag.
 std::string RunRequest(const std::string& path = "PATH") {
   std::string bytes = Frame("3");

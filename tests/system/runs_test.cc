@@ -87,7 +87,7 @@ TEST_F(RunTest, SimulatorThatNeverListensEndsTheRunAfterTheStartTimeout) {
 
 TEST_F(RunTest, SimulatorThatDiesInMidMessageEndsTheRun) {
   Connect();
-  simulator_.AnswerNextAndHangUp(wire::Bytes("40 00 00 00 00 00 00 00 40 00 00 00"));
+  simulator_.AnswerNextAndHangUp(Bytes("40 00 00 00 00 00 00 00 40 00 00 00"));
   EXPECT_EQ(OutcomeOfAsking("11 00 00 00"), Failed("read: End of file"));
   ExpectNextMasterServed();
 }
@@ -101,7 +101,7 @@ TEST_F(RunTest, SimulatorThatAnswersNonsenseEndsTheRun) {
 
 TEST_F(RunTest, SimulatorThatAnnouncesTooMuchEndsTheRun) {
   Connect();
-  simulator_.AnswerNextAndHangUp(wire::Bytes("0a 00 00 00 00 00 00 00 14 00 00 00 00 00 00 00"));
+  simulator_.AnswerNextAndHangUp(Bytes("0a 00 00 00 00 00 00 00 14 00 00 00 00 00 00 00"));
   EXPECT_EQ(OutcomeOfAsking("07 00 00 00"), kUnknown);
   ExpectNextMasterServed();
 }
@@ -117,7 +117,7 @@ TEST_F(RunTest, AnswerOfAnotherShapeEndsTheRunWithItsSentence) {
 TEST_F(RunTest, MasterSeesTheEndWithinASecondAlthoughScriptAndSimulatorRunOn) {
   Connect();
   simulator_.AnswerNext({wire::Mess("FINISHED") + wire::Mess("END")});
-  master_->Send(wire::Bytes("07 00 00 00"));
+  master_->Send(Bytes("07 00 00 00"));
   EXPECT_TRUE(master_->SeesEndWithin(1.0));
   EXPECT_EQ(Outcome(), Failed("Incorrect algorithmic position after advancing to first timestep"));
 }

@@ -24,25 +24,16 @@ class DaemonEnd {
  public:
   explicit DaemonEnd(int descriptor) : descriptor_(descriptor) {}
 
-  void Send(const std::string& body) {
-    const auto length = static_cast<std::uint32_t>(body.size());
-    std::string frame(sizeof(length), '\0');
-    memcpy(frame.data(), &length, sizeof(length));
-    SendRaw(frame + body);
-  }
+  void Send(const std::string& body) { SendRaw(Frame(body)); }
 
   /// Bytes without a frame.
-  void SendRaw(const std::string& bytes) {
-    send(descriptor_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-  }
+  void SendRaw(const std::string& bytes) { WriteAll(descriptor_, bytes); }
 
   /// The next frame's body, also kept in received(); nothing at the end of the connection.
   std::optional<std::string> Receive() {
     const std::string field = ReadExactly(descriptor_, 4);
     if (field.size() < 4) return std::nullopt;
-    std::uint32_t length = 0;
-    memcpy(&length, field.data(), sizeof(length));
-    received_.push_back(ReadExactly(descriptor_, length));
+    received_.push_back(ReadExactly(descriptor_, NumberAt<std::uint32_t>(field)));
     return received_.back();
   }
 
@@ -56,13 +47,10 @@ class DaemonEnd {
 /// Packs a reply as the daemon does.
 class Pack {
  public:
-  explicit Pack(std::uint32_t code) { Raw(&code, sizeof(code)); }
-  Pack& Int(int value) { return Raw(&value, sizeof(value)); }
-  Pack& Double(double value) { return Raw(&value, sizeof(value)); }
-  Pack& String(const std::string& text) {
-    Int(static_cast<int>(text.size()));
-    return Raw(text.data(), text.size());
-  }
+  explicit Pack(std::uint32_t code) : body_(Image(code)) {}
+  Pack& Int(int value) { return Add(Image(value)); }
+  Pack& Double(double value) { return Add(Image(value)); }
+  Pack& String(const std::string& text) { return Add(PackedText(text)); }
   Pack& Series(const std::vector<double>& values) {
     Int(static_cast<int>(values.size()));
     for (const double value : values) Double(value);
@@ -75,8 +63,8 @@ class Pack {
   }
 
  private:
-  Pack& Raw(const void* bytes, std::size_t size) {
-    body_.append(static_cast<const char*>(bytes), size);
+  Pack& Add(const std::string& bytes) {
+    body_ += bytes;
     return *this;
   }
   std::string body_;
@@ -105,8 +93,7 @@ class Fields {
  private:
   template <typename T>
   T Take() {
-    T value{};
-    memcpy(&value, rest_.data(), sizeof(value));
+    const T value = NumberAt<T>(rest_);
     rest_.erase(0, sizeof(value));
     return value;
   }
@@ -139,8 +126,7 @@ struct FakeRun {
   /// Serves requests until the shutdown, a failure or the end of the connection.
   void Serve(DaemonEnd& master) {
     while (const auto request = master.Receive()) {
-      std::uint32_t code = 0;
-      memcpy(&code, request->data(), sizeof(code));
+      const auto code = NumberAt<std::uint32_t>(*request);
       if (before) before(code);
       if (fails.contains(code)) return;
       Answer(master, code, request->substr(4));

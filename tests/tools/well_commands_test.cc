@@ -58,9 +58,7 @@ class WellCommandsTest : public testing::Test {
   std::vector<std::string> Requests(int code) {
     std::vector<std::string> found;
     for (const std::string& frame : end_.received()) {
-      std::uint32_t got = 0;
-      memcpy(&got, frame.data(), sizeof(got));
-      if (static_cast<int>(got) == code) found.push_back(Hex(frame));
+      if (NumberAt<int>(frame) == code) found.push_back(Hex(frame));
     }
     return found;
   }

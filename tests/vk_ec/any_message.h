@@ -21,11 +21,7 @@ struct Item {
 /// An item as it travels, written without the code under test.
 inline std::string Encoded(const Item& item) {
   if (const auto* count = std::get_if<std::uint64_t>(&item.data)) {
-    std::string bytes = wire::Mess(item.name);
-    for (std::size_t i = 0; i < 8; ++i) {
-      bytes[1 + item.name.size() + i] = static_cast<char>(*count >> (8 * i));
-    }
-    return bytes;
+    return wire::Head(item.name, *count, "MESS");
   }
   if (const auto* doubles = std::get_if<std::vector<double>>(&item.data)) {
     return wire::Doub(item.name, *doubles);

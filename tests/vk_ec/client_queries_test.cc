@@ -14,7 +14,6 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
 using ::testing::ThrowsMessage;
-using wire::Bytes;
 using wire::Cstr;
 using wire::Doub;
 using wire::Inte;

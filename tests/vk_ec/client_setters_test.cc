@@ -16,7 +16,6 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::ThrowsMessage;
 using ::vk_ec::ConstraintSetter;
-using wire::Bytes;
 using wire::Cstr;
 using wire::Inte;
 using wire::Mess;

@@ -17,7 +17,6 @@ using ::testing::ElementsAre;
 using ::testing::ThrowsMessage;
 using vk_ec::AlgPos;
 using vk_ec::PositionInfo;
-using wire::Bytes;
 using wire::Cstr;
 using wire::Doub;
 using wire::Inte;

@@ -164,8 +164,8 @@ TEST(ConnectTest, MessagesTravelOverAConnection) {
   const int accepted = simulator.Accept();
   const unsigned char byte = 'x';
   transporter.send(SendMessage(&byte, 1));
-  EXPECT_EQ(wire::Read(accepted, 17), wire::Framed("x"));
-  wire::WriteAll(accepted, wire::Framed("answer"));
+  EXPECT_EQ(ReadExactly(accepted, 17), wire::Framed("x"));
+  WriteAll(accepted, wire::Framed("answer"));
   std::vector<unsigned char> buffer;
   transporter.recv(buffer);
   EXPECT_EQ(std::string(buffer.begin(), buffer.end()), "answer");
@@ -320,7 +320,7 @@ TEST(ConnectTest, ListenerThatAppearsLateIsFoundAmongSeveralAddresses) {
     const unsigned char byte = 'x';
     transporter.send(SendMessage(&byte, 1));
     const int accepted = simulator.Accept();
-    const bool arrived = wire::Read(accepted, 17) == wire::Framed("x");
+    const bool arrived = ReadExactly(accepted, 17) == wire::Framed("x");
     close(accepted);
     return std::to_string(elapsed.count()) + (arrived ? "" : " to another address");
   });

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/support/generators.h"
+#include "tests/support/socket_pair.h"
 #include "tests/support/wire_bytes.h"
 #include "tests/vk_ec/any_message.h"
 #include "vk_ec/message.h"
@@ -52,11 +53,11 @@ bool AllComeBack(Decoder& decoder, const std::vector<Item>& items) {
 
 RC_GTEST_PROP(MessageProperty, WhatWasBuiltComesBackAndHasTheBytesOfTheFormat, ()) {
   const std::vector<Item> items = *any::MessageItems();
-  const wire::Pair pair = wire::SocketPair();
+  SocketPair pair;
   const int large = 1 << 22;
-  setsockopt(pair.ours, SOL_SOCKET, SO_SNDBUF, &large, sizeof(large));
-  Transporter sender(pair.ours);
-  Transporter echo(pair.theirs);
+  setsockopt(pair.ours.get(), SOL_SOCKET, SO_SNDBUF, &large, sizeof(large));
+  Transporter sender(pair.ours.Release());
+  Transporter echo(pair.peer.Release());
 
   MessageMgr out(sender);
   auto builder = out.createMessageBuilder();

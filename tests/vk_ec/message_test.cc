@@ -13,6 +13,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "tests/support/socket_pair.h"
 #include "tests/support/wire_bytes.h"
 
 namespace {
@@ -23,7 +24,6 @@ using ::testing::Throws;
 using ::testing::ThrowsMessage;
 using vk_ec::MessageMgr;
 using vk_ec::Transporter;
-using wire::Bytes;
 using wire::Cstr;
 using wire::Doub;
 using wire::Framed;
@@ -34,22 +34,18 @@ using Strings = std::vector<std::string>;
 
 class MessageTest : public ::testing::Test {
  protected:
-  void TearDown() override { HangUp(); }
+  void HangUp() { pair_.peer.Reset(); }
 
-  void HangUp() {
-    if (peer_ >= 0) close(peer_);
-    peer_ = -1;
+  std::string ReadAsPeer(std::size_t size) const { return ReadExactly(pair_.peer.get(), size); }
+  void WriteAsPeer(const std::string& message) const {
+    WriteAll(pair_.peer.get(), Framed(message));
   }
-
-  std::string ReadAsPeer(std::size_t size) const { return wire::Read(peer_, size); }
-  void WriteAsPeer(const std::string& message) const { wire::WriteAll(peer_, Framed(message)); }
 
   MessageMgr& manager() { return manager_; }
 
  private:
-  wire::Pair pair_ = wire::SocketPair();
-  int peer_ = pair_.ours;
-  Transporter transporter_{pair_.theirs};
+  SocketPair pair_;
+  Transporter transporter_{pair_.ours.Release()};
   MessageMgr manager_{transporter_};
 };
 

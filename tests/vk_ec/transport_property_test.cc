@@ -2,7 +2,6 @@
 #include <unistd.h>
 
 #include <cstdint>
-#include <cstring>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -11,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/support/generators.h"
+#include "tests/support/socket_pair.h"
 #include "tests/support/wire_bytes.h"
 #include "vk_ec/transport.h"
 
@@ -18,12 +18,6 @@ namespace {
 
 using ::vk_ec::SendMessage;
 using ::vk_ec::Transporter;
-
-std::string Number(std::uint64_t number) {
-  std::string bytes(sizeof(number), '\0');
-  memcpy(bytes.data(), &number, sizeof(number));
-  return bytes;
-}
 
 // Small messages, and those around one and several chunks.
 rc::Gen<std::string> AnyMessage() {
@@ -57,21 +51,21 @@ std::vector<std::string> Chunks(const std::string& message) {
 }
 
 std::string Framed(const std::string& message, const std::vector<std::string>& chunks) {
-  std::string bytes = Number(message.size());
-  if (chunks.empty()) bytes += Number(0);
-  for (const std::string& chunk : chunks) bytes += Number(chunk.size()) + chunk;
+  std::string bytes = Image(std::uint64_t{message.size()});
+  if (chunks.empty()) bytes += wire::LongText("");
+  for (const std::string& chunk : chunks) bytes += wire::LongText(chunk);
   return bytes;
 }
 
 // A peer that sends these bytes in pieces of this size and leaves.
 class Peer {
  public:
-  Peer(int descriptor, std::string bytes, std::size_t piece)
-      : thread_([descriptor, all = std::move(bytes), piece] {
+  Peer(Descriptor link, std::string bytes, std::size_t piece)
+      : thread_([link = std::move(link), all = std::move(bytes), piece]() mutable {
           for (std::size_t at = 0; at < all.size(); at += piece) {
-            wire::WriteAll(descriptor, all.substr(at, piece));
+            WriteAll(link.get(), all.substr(at, piece));
           }
-          close(descriptor);
+          link.Reset();
         }) {}
   Peer(const Peer&) = delete;
   Peer& operator=(const Peer&) = delete;
@@ -84,11 +78,11 @@ class Peer {
 RC_GTEST_PROP(TransportProperty, ChunkingOfAMessageDoesNotMatter, ()) {
   const std::string message = *AnyMessage();
   const std::string next = *any::Bytes();
-  const wire::Pair pair = wire::SocketPair();
-  Transporter receiver(pair.ours);
+  SocketPair pair;
+  Transporter receiver(pair.ours.Release());
   const std::string bytes = Framed(message, Chunks(message)) + Framed(next, Chunks(next));
   const auto piece = *rc::gen::element<std::size_t>(13, 1'000, 65'536, 1 << 20);
-  const Peer peer(pair.theirs, bytes, piece);
+  const Peer peer(std::move(pair.peer), bytes, piece);
   for (const std::string& expected : {message, next}) {
     std::vector<unsigned char> received;
     receiver.recv(received);
@@ -99,26 +93,20 @@ RC_GTEST_PROP(TransportProperty, ChunkingOfAMessageDoesNotMatter, ()) {
 RC_GTEST_PROP(TransportProperty, SenderCutsAtEveryChunkSizeAndTheReceiverTakesIt, ()) {
   const std::string message = *AnyMessage();
   const auto* data = reinterpret_cast<const unsigned char*>(message.data());
-  std::string expected = Number(message.size());
-  std::size_t at = 0;
-  do {
-    const std::string chunk = message.substr(at, 65'536);
-    expected += Number(chunk.size()) + chunk;
-    at += chunk.size();
-  } while (at < message.size());
+  const std::string expected = wire::Framed(message);
 
-  const wire::Pair pair = wire::SocketPair();
-  const wire::Pair echo = wire::SocketPair();
-  Transporter sender(pair.ours);
+  SocketPair pair;
+  SocketPair echo;
+  Transporter sender(pair.ours.Release());
   std::thread reader([&sender, data, &message] { sender.send(SendMessage(data, message.size())); });
-  const std::string bytes = wire::Read(pair.theirs, expected.size());
+  const std::string bytes = ReadExactly(pair.peer.get(), expected.size());
   reader.join();
   RC_ASSERT(bytes == expected);
-  RC_ASSERT(wire::ReadPending(pair.theirs).empty());
-  close(pair.theirs);
+  RC_ASSERT(Arrived(pair.peer.get()).empty());
+  pair.peer.Reset();
 
-  Transporter receiver(echo.ours);
-  const Peer peer(echo.theirs, bytes, 1 << 20);
+  Transporter receiver(echo.ours.Release());
+  const Peer peer(std::move(echo.peer), bytes, 1 << 20);
   std::vector<unsigned char> received;
   receiver.recv(received);
   RC_ASSERT(std::string(received.begin(), received.end()) == message);
@@ -136,14 +124,14 @@ RC_GTEST_PROP(TransportProperty, FramingThatDoesNotAddUpIsRefused, ()) {
     const std::string& last = chunks.back();
     const std::size_t excess =
         *rc::gen::element<std::size_t>(1, 1000, ~std::size_t{0} - last.size());
-    bytes.replace(bytes.size() - last.size() - 8, 8, Number(last.size() + excess));
+    bytes.replace(bytes.size() - last.size() - 8, 8, Image(last.size() + excess));
   } else {  // a chunk of nothing before the last
     bytes.insert(bytes.size() - chunks.back().size() - 8,
-                 chunks.size() == 1 ? Number(message.size() + 1) : Number(0));
+                 chunks.size() == 1 ? Image(message.size() + 1) : Image(std::size_t{0}));
   }
-  const wire::Pair pair = wire::SocketPair();
-  Transporter receiver(pair.ours);
-  const Peer peer(pair.theirs, bytes, 1 << 20);
+  SocketPair pair;
+  Transporter receiver(pair.ours.Release());
+  const Peer peer(std::move(pair.peer), bytes, 1 << 20);
   std::vector<unsigned char> received;
   RC_ASSERT_THROWS_AS(receiver.recv(received), std::exception);
 }

@@ -41,17 +41,11 @@ using vk_ec::RecvMessage;
 using vk_ec::SendMessage;
 using vk_ec::StreamSocket;
 using vk_ec::Transporter;
-using wire::Bytes;
 using Buffer = std::vector<unsigned char>;
 
 class TransportTest : public ::testing::Test {
  protected:
-  void TearDown() override { HangUp(); }
-
-  void HangUp() {
-    if (peer_ >= 0) close(peer_);
-    peer_ = -1;
-  }
+  void HangUp() { pair_.peer.Reset(); }
 
   void Send(const std::string& message) {
     const Buffer bytes(message.begin(), message.end());
@@ -64,9 +58,10 @@ class TransportTest : public ::testing::Test {
     return {buffer.begin(), buffer.end()};
   }
 
-  wire::Pair pair_ = wire::SocketPair();
-  int peer_ = pair_.ours;
-  Transporter transporter_{pair_.theirs};
+  SocketPair pair_;
+  int peer_ = pair_.peer.get();
+  int descriptor_ = pair_.ours.Release();
+  Transporter transporter_{descriptor_};
 };
 
 std::string Pattern(std::size_t size) {
@@ -77,15 +72,15 @@ std::string Pattern(std::size_t size) {
 
 TEST_F(TransportTest, ShortMessageIsTotalThenLengthThenBytes) {
   Send("hello");
-  EXPECT_EQ(wire::Read(peer_, 21),
+  EXPECT_EQ(ReadExactly(peer_, 21),
             Bytes("05 00 00 00 00 00 00 00  05 00 00 00 00 00 00 00  'hello'"));
-  EXPECT_THAT(wire::ReadPending(peer_), IsEmpty());
+  EXPECT_THAT(Arrived(peer_), IsEmpty());
 }
 
 TEST_F(TransportTest, EmptyMessageIsTheInitialHeaderAlone) {
   Send("");
-  EXPECT_EQ(wire::Read(peer_, 16), Bytes("00 00 00 00 00 00 00 00  00 00 00 00 00 00 00 00"));
-  EXPECT_THAT(wire::ReadPending(peer_), IsEmpty());
+  EXPECT_EQ(ReadExactly(peer_, 16), Bytes("00 00 00 00 00 00 00 00  00 00 00 00 00 00 00 00"));
+  EXPECT_THAT(Arrived(peer_), IsEmpty());
 }
 
 // The second send of the message that is sent in the child.
@@ -112,24 +107,24 @@ TEST_F(TransportTest, LastByteThatTheSystemDoesNotTakeAtOnceFollows) {
 TEST_F(TransportTest, MessageOf65536BytesIsOneChunk) {
   const std::string message = Pattern(65536);
   Send(message);
-  EXPECT_EQ(wire::Read(peer_, 16 + 65536),
+  EXPECT_EQ(ReadExactly(peer_, 16 + 65536),
             Bytes("00 00 01 00 00 00 00 00  00 00 01 00 00 00 00 00") + message);
-  EXPECT_THAT(wire::ReadPending(peer_), IsEmpty());
+  EXPECT_THAT(Arrived(peer_), IsEmpty());
 }
 
 TEST_F(TransportTest, MessageOf65537BytesHasASecondChunkOfOneByte) {
   const std::string message = Pattern(65537);
   Send(message);
-  EXPECT_EQ(wire::Read(peer_, 16 + 65536 + 8 + 1),
+  EXPECT_EQ(ReadExactly(peer_, 16 + 65536 + 8 + 1),
             Bytes("01 00 01 00 00 00 00 00  00 00 01 00 00 00 00 00") + message.substr(0, 65536) +
                 Bytes("01 00 00 00 00 00 00 00") + message.substr(65536));
-  EXPECT_THAT(wire::ReadPending(peer_), IsEmpty());
+  EXPECT_THAT(Arrived(peer_), IsEmpty());
 }
 
 TEST_F(TransportTest, EveryChunkButTheLastIsFull) {
   const std::string message = Pattern(196608);
   std::string received;
-  std::thread reader([&] { received = wire::Read(peer_, 16 + 196608 + 16); });
+  std::thread reader([&] { received = ReadExactly(peer_, 16 + 196608 + 16); });
   Send(message);
   reader.join();
   const std::string full = Bytes("00 00 01 00 00 00 00 00");
@@ -138,19 +133,19 @@ TEST_F(TransportTest, EveryChunkButTheLastIsFull) {
 }
 
 TEST_F(TransportTest, PartsOfASendCanBeWrittenAlone) {
-  StreamSocket socket(dup(pair_.theirs));
+  StreamSocket socket(dup(descriptor_));
   SendMessage::send_initial_header(3, 2, socket);
   SendMessage::send_header(1, socket);
   const Buffer bytes{'a', 'b'};
   SendMessage::send_buffer(bytes.data(), bytes.size(), socket);
-  EXPECT_EQ(wire::Read(peer_, 26), Bytes("03 00 00 00 00 00 00 00  02 00 00 00 00 00 00 00"
-                                         "01 00 00 00 00 00 00 00  'ab'"));
+  EXPECT_EQ(ReadExactly(peer_, 26), Bytes("03 00 00 00 00 00 00 00  02 00 00 00 00 00 00 00"
+                                          "01 00 00 00 00 00 00 00  'ab'"));
 }
 
 TEST_F(TransportTest, PartsOfAReceptionCanBeReadAlone) {
-  StreamSocket socket(dup(pair_.theirs));
-  wire::WriteAll(peer_, Bytes("03 00 00 00 00 00 00 00  02 00 00 00 00 00 00 00"
-                              "01 00 00 00 00 00 00 00  'abcd'"));
+  StreamSocket socket(dup(descriptor_));
+  WriteAll(peer_, Bytes("03 00 00 00 00 00 00 00  02 00 00 00 00 00 00 00"
+                        "01 00 00 00 00 00 00 00  'abcd'"));
   EXPECT_EQ(RecvMessage::read_initial_header(socket),
             std::make_pair(std::uint64_t{3}, std::uint64_t{2}));
   EXPECT_EQ(RecvMessage::read_header(socket), 1U);
@@ -162,19 +157,19 @@ TEST_F(TransportTest, PartsOfAReceptionCanBeReadAlone) {
 
 TEST_F(TransportTest, MessageIsAssembledFromChunksOfAnyLength) {
   const std::string message = Pattern(250);
-  wire::WriteAll(peer_, Bytes("fa 00 00 00 00 00 00 00  64 00 00 00 00 00 00 00") +
-                            message.substr(0, 100) + Bytes("64 00 00 00 00 00 00 00") +
-                            message.substr(100, 100) + Bytes("32 00 00 00 00 00 00 00") +
-                            message.substr(200));
+  WriteAll(peer_, Bytes("fa 00 00 00 00 00 00 00  64 00 00 00 00 00 00 00") +
+                      message.substr(0, 100) + Bytes("64 00 00 00 00 00 00 00") +
+                      message.substr(100, 100) + Bytes("32 00 00 00 00 00 00 00") +
+                      message.substr(200));
   EXPECT_EQ(Receive(), message);
 }
 
 TEST_F(TransportTest, ByteThatComesAloneIsAwaited) {
-  wire::WriteAll(peer_, Bytes("01 00 00 00 00 00 00 00  01 00 00 00 00 00 00 00"));
+  WriteAll(peer_, Bytes("01 00 00 00 00 00 00 00  01 00 00 00 00 00 00 00"));
   std::thread writer([&] {
     int waiting = 1;
-    while (ioctl(pair_.theirs, FIONREAD, &waiting) == 0 && waiting > 0) std::this_thread::yield();
-    wire::WriteAll(peer_, "x");
+    while (ioctl(descriptor_, FIONREAD, &waiting) == 0 && waiting > 0) std::this_thread::yield();
+    WriteAll(peer_, "x");
   });
   EXPECT_EQ(Receive(), "x");
   writer.join();
@@ -182,20 +177,18 @@ TEST_F(TransportTest, ByteThatComesAloneIsAwaited) {
 
 TEST_F(TransportTest, ChunkMayBeLongerThanASenderWouldCutIt) {
   const std::string message = Pattern(100000);
-  wire::WriteAll(peer_, Bytes("a0 86 01 00 00 00 00 00  a0 86 01 00 00 00 00 00") + message);
+  WriteAll(peer_, Bytes("a0 86 01 00 00 00 00 00  a0 86 01 00 00 00 00 00") + message);
   EXPECT_EQ(Receive(), message);
 }
 
 TEST_F(TransportTest, TotalOfZeroIsAnEmptyMessage) {
-  wire::WriteAll(peer_,
-                 Bytes("00 00 00 00 00 00 00 00  00 00 00 00 00 00 00 00") + wire::Framed("next"));
+  WriteAll(peer_, Bytes("00 00 00 00 00 00 00 00  00 00 00 00 00 00 00 00") + wire::Framed("next"));
   EXPECT_EQ(Receive(), "");
   EXPECT_EQ(Receive(), "next");
 }
 
 TEST_F(TransportTest, TotalOfZeroIsAnEmptyMessageWhateverFirstChunkItAnnounces) {
-  wire::WriteAll(peer_,
-                 Bytes("00 00 00 00 00 00 00 00  05 00 00 00 00 00 00 00") + wire::Framed("next"));
+  WriteAll(peer_, Bytes("00 00 00 00 00 00 00 00  05 00 00 00 00 00 00 00") + wire::Framed("next"));
   EXPECT_EQ(Receive(), "");
   EXPECT_EQ(Receive(), "next");
 }
@@ -224,15 +217,15 @@ TEST(TransportOverTcpTest, HeaderTravelsWithItsChunkAndAnEmptyMessageAtOnce) {
 }
 
 TEST_F(TransportTest, FirstChunkLongerThanTheTotalIsRefused) {
-  wire::WriteAll(peer_, Bytes("0a 00 00 00 00 00 00 00  14 00 00 00 00 00 00 00"));
+  WriteAll(peer_, Bytes("0a 00 00 00 00 00 00 00  14 00 00 00 00 00 00 00"));
   HangUp();
   EXPECT_THAT([&] { Receive(); }, ThrowsMessage<std::length_error>(
                                       "Incorrect length in header (received: 20 vs allowed:10)"));
 }
 
 TEST_F(TransportTest, LaterChunkLongerThanWhatIsDueIsRefusedAndTheBufferStaysFilled) {
-  wire::WriteAll(peer_, Bytes("0a 00 00 00 00 00 00 00  04 00 00 00 00 00 00 00  'abcd'"
-                              "ff ff ff ff ff ff ff ff"));
+  WriteAll(peer_, Bytes("0a 00 00 00 00 00 00 00  04 00 00 00 00 00 00 00  'abcd'"
+                        "ff ff ff ff ff ff ff ff"));
   HangUp();
   Buffer buffer;
   EXPECT_THAT([&] { transporter_.recv(buffer); },
@@ -242,16 +235,16 @@ TEST_F(TransportTest, LaterChunkLongerThanWhatIsDueIsRefusedAndTheBufferStaysFil
 }
 
 TEST_F(TransportTest, LaterChunkIsComparedWithWhatIsDueRatherThanWithTheTotal) {
-  wire::WriteAll(peer_, Bytes("0a 00 00 00 00 00 00 00  04 00 00 00 00 00 00 00  'abcd'"
-                              "07 00 00 00 00 00 00 00"));
+  WriteAll(peer_, Bytes("0a 00 00 00 00 00 00 00  04 00 00 00 00 00 00 00  'abcd'"
+                        "07 00 00 00 00 00 00 00"));
   HangUp();
   EXPECT_THAT([&] { Receive(); }, ThrowsMessage<std::length_error>(
                                       "Incorrect length in header (received: 7 vs allowed:6)"));
 }
 
 TEST_F(TransportTest, ZeroChunkAfterAShortFirstOneIsRefused) {
-  wire::WriteAll(peer_, Bytes("0a 00 00 00 00 00 00 00  04 00 00 00 00 00 00 00  'abcd'"
-                              "00 00 00 00 00 00 00 00"));
+  WriteAll(peer_, Bytes("0a 00 00 00 00 00 00 00  04 00 00 00 00 00 00 00  'abcd'"
+                        "00 00 00 00 00 00 00 00"));
   HangUp();
   EXPECT_THAT([&] { Receive(); },
               ThrowsMessage<std::length_error>("Incorrect zero chunk length received."));
@@ -259,13 +252,13 @@ TEST_F(TransportTest, ZeroChunkAfterAShortFirstOneIsRefused) {
 
 // Only the length of a later chunk is compared with 0.
 TEST_F(TransportTest, FirstChunkOfLengthZeroIsFollowedByTheNextOne) {
-  wire::WriteAll(peer_, Bytes("02 00 00 00 00 00 00 00  00 00 00 00 00 00 00 00"
-                              "02 00 00 00 00 00 00 00  'ab'"));
+  WriteAll(peer_, Bytes("02 00 00 00 00 00 00 00  00 00 00 00 00 00 00 00"
+                        "02 00 00 00 00 00 00 00  'ab'"));
   EXPECT_EQ(Receive(), "ab");
 }
 
 TEST_F(TransportTest, NothingIsReadIntoAFilledBuffer) {
-  wire::WriteAll(peer_, wire::Framed("kept"));
+  WriteAll(peer_, wire::Framed("kept"));
   Buffer buffer{'x'};
   EXPECT_THAT([&] { transporter_.recv(buffer); },
               ThrowsMessage<std::logic_error>(
@@ -275,8 +268,8 @@ TEST_F(TransportTest, NothingIsReadIntoAFilledBuffer) {
 }
 
 TEST_F(TransportTest, FinalizeEmptiesTheBuffer) {
-  StreamSocket socket(dup(pair_.theirs));
-  wire::WriteAll(peer_, wire::Framed("ab"));
+  StreamSocket socket(dup(descriptor_));
+  WriteAll(peer_, wire::Framed("ab"));
   Buffer buffer;
   RecvMessage message(socket, buffer);
   EXPECT_THAT(buffer, SizeIs(2));
@@ -288,12 +281,9 @@ TEST_F(TransportTest, FinalizeEmptiesTheBuffer) {
 class EarnedMemoryTest : public TransportTest {
  protected:
   std::size_t CapacityAfter(std::uint64_t total, std::size_t arriving) {
-    std::string bytes(16, '\0');
-    std::memcpy(bytes.data(), &total, sizeof(total));
-    std::memcpy(bytes.data() + 8, &total, sizeof(total));
-    bytes += Pattern(arriving);
+    const std::string bytes = Image(total) + Image(total) + Pattern(arriving);
     std::thread writer([&] {
-      wire::WriteAll(peer_, bytes);
+      WriteAll(peer_, bytes);
       HangUp();
     });
     Buffer buffer;
@@ -330,7 +320,7 @@ TEST_F(EarnedMemoryTest, BufferAtMostDoublesWhatHasArrivedBeyondTheTrustedLength
 
 #if !defined(__SANITIZE_ADDRESS__)  // which needs more addresses than a limit leaves
 TEST_F(TransportTest, NothingIsReadFromTheMiddleOfAMessageThereWasNoMemoryFor) {
-  wire::WriteAll(peer_, Bytes("00 00 00 04 00 00 00 00  00 00 00 04 00 00 00 00  'few'"));
+  WriteAll(peer_, Bytes("00 00 00 04 00 00 00 00  00 00 00 04 00 00 00 00  'few'"));
   rlimit before{};
   getrlimit(RLIMIT_AS, &before);
   const rlimit tight{32U << 20, before.rlim_max};
@@ -344,7 +334,7 @@ TEST_F(TransportTest, NothingIsReadFromTheMiddleOfAMessageThereWasNoMemoryFor) {
 
 TEST_F(TransportTest, MessageAboveTheTrustedLengthArrivesWhole) {
   const std::string message = Pattern(RecvMessage::kTrustedTotal + 100001);
-  std::thread writer([&] { wire::WriteAll(peer_, wire::Framed(message)); });
+  std::thread writer([&] { WriteAll(peer_, wire::Framed(message)); });
   const std::string received = Receive();
   writer.join();
   EXPECT_TRUE(received == message);
@@ -356,7 +346,7 @@ TEST_F(TransportTest, ReadFromAClosedPeerIsEndOfFile) {
 }
 
 TEST_F(TransportTest, MessageCutByThePeerIsEndOfFile) {
-  wire::WriteAll(peer_, wire::Framed("hello").substr(0, 18));
+  WriteAll(peer_, wire::Framed("hello").substr(0, 18));
   HangUp();
   EXPECT_THAT([&] { Receive(); }, ThrowsMessage<std::runtime_error>("read: End of file"));
 }
@@ -377,17 +367,17 @@ TEST_F(TransportTest, UnopenedClientHasABadDescriptor) {
 
 // A program that is started later must not keep the simulator's connection open.
 TEST_F(TransportTest, DescriptorThatIsTakenOverIsClosedOnExec) {
-  const int descriptor = dup(pair_.theirs);
+  const int descriptor = dup(descriptor_);
   ASSERT_EQ(fcntl(descriptor, F_GETFD) & FD_CLOEXEC, 0);
   const StreamSocket socket(descriptor);
   EXPECT_EQ(fcntl(descriptor, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
 }
 
 TEST_F(TransportTest, DescriptorIsClosedWithTheTransporter) {
-  const wire::Pair pair = wire::SocketPair();
-  { const Transporter transporter(pair.theirs); }
-  EXPECT_EQ(fcntl(pair.theirs, F_GETFD), -1);
-  close(pair.ours);
+  SocketPair pair;
+  const int descriptor = pair.ours.Release();
+  { const Transporter transporter(descriptor); }
+  EXPECT_EQ(fcntl(descriptor, F_GETFD), -1);
 }
 
 std::atomic<int> signals_seen{0};
@@ -445,9 +435,9 @@ TEST_F(InterruptedTransportTest, SignalDoesNotEndAReception) {
   std::string received;
   Begin([&] { received = Receive(); });
   // The message is completed only then.
-  wire::WriteAll(peer_, wire::Framed("hello").substr(0, 18));
+  WriteAll(peer_, wire::Framed("hello").substr(0, 18));
   Interrupt();
-  wire::WriteAll(peer_, wire::Framed("hello").substr(18));
+  WriteAll(peer_, wire::Framed("hello").substr(18));
   Join();
   EXPECT_EQ(received, "hello");
 }
@@ -455,11 +445,11 @@ TEST_F(InterruptedTransportTest, SignalDoesNotEndAReception) {
 TEST_F(InterruptedTransportTest, SignalDoesNotEndASend) {
   const std::string message = Pattern(4 << 20);  // more than the sockets hold
   Begin([&] { Send(message); });
-  pollfd room{pair_.theirs, POLLOUT, 0};
+  pollfd room{descriptor_, POLLOUT, 0};
   while (poll(&room, 1, 0) > 0 && !over()) std::this_thread::yield();
   Interrupt();
   const std::string expected = wire::Framed(message);
-  EXPECT_TRUE(wire::Read(peer_, expected.size()) == expected);
+  EXPECT_TRUE(ReadExactly(peer_, expected.size()) == expected);
   Join();
 }
 

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/support/generators.h"
+#include "tests/support/socket_pair.h"
 #include "tests/vk_ec/client_fixture.h"
 
 namespace {
@@ -285,22 +286,21 @@ struct Outcome {
 // asks.
 template <class Version>
 Outcome Run(const Operation& operation, const Strings& answers) {
-  const wire::Pair pair = wire::SocketPair();
+  SocketPair pair;
   const int large = 1 << 22;
-  setsockopt(pair.theirs, SOL_SOCKET, SO_SNDBUF, &large, sizeof(large));
-  for (const std::string& answer : answers) wire::WriteAll(pair.theirs, wire::Framed(answer));
-  shutdown(pair.theirs, SHUT_WR);
+  setsockopt(pair.peer.get(), SOL_SOCKET, SO_SNDBUF, &large, sizeof(large));
+  for (const std::string& answer : answers) WriteAll(pair.peer.get(), wire::Framed(answer));
+  shutdown(pair.peer.get(), SHUT_WR);
   Outcome outcome;
   {
-    PairedClient<Version> client(pair.ours);
+    PairedClient<Version> client(pair.ours.Release());
     try {
       outcome.result = operation.run(client);
     } catch (const std::exception& failure) {
       outcome.result = std::string("failed: ") + failure.what();
     }
   }
-  outcome.written = wire::ReadPending(pair.theirs);
-  close(pair.theirs);
+  outcome.written = Arrived(pair.peer.get());
   return outcome;
 }
 

@@ -1,45 +1,24 @@
-#include "tests/hostile/notation.h"
+#include "tests/support/bytes.h"
 
-#include <algorithm>
 #include <cctype>
-#include <cstdint>
+#include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <stdexcept>
-#include <vector>
 
 #include "tests/support/wire_bytes.h"
 
 namespace {
 
-template <class T>
-std::string Image(T value) {
-  std::string bytes(sizeof(value), '\0');
-  std::memcpy(bytes.data(), &value, sizeof(value));
-  return bytes;
-}
-
-std::string Prefixed(const std::string& bytes) {
-  return Image(static_cast<std::uint32_t>(bytes.size())) + bytes;
-}
-
-std::string Header(const std::string& name, std::uint64_t count, const std::string& tag) {
-  return Image(static_cast<std::uint8_t>(name.size())) + name + Image(count) + tag;
-}
-
-std::string Chunked(std::uint64_t size, const std::string& message) {
-  std::string bytes = Image<std::uint64_t>(message.size());
-  std::uint64_t offset = 0;
-  do {
-    const std::uint64_t chunk = std::min<std::uint64_t>(size, message.size() - offset);
-    bytes += Image(chunk) + message.substr(offset, chunk);
-    offset += chunk;
-  } while (offset < message.size());
-  return bytes;
-}
-
+// Reads one text in the notation.
 class Reader {
  public:
+  // What stands in the parentheses behind a word, as bytes.
+  struct Function {
+    const char* word;
+    std::string (*read)(Reader& in);
+  };
+  static const std::vector<Function>& Functions();
+
   explicit Reader(std::string_view text) : text_(text) {}
 
   std::string Whole() {
@@ -112,7 +91,7 @@ class Reader {
     if (word.empty()) Fail("unexpected character");
     if (Take('*')) return Repeated(std::stoull(word));
     if (at_ < text_.size() && text_[at_] == '(') return Call(word);
-    return wire::Bytes(word);
+    return Digits(word);
   }
 
   std::string Quoted() {
@@ -126,6 +105,17 @@ class Reader {
       bytes += '\'';
       ++at_;
     }
+  }
+
+  std::string Digits(const std::string& word) const {
+    std::string bytes;
+    for (std::size_t i = 0; i < word.size(); i += 2) {
+      char* end = nullptr;
+      const std::string two = word.substr(i, 2);
+      bytes += static_cast<char>(std::strtol(two.c_str(), &end, 16));
+      if (two.size() != 2 || end != two.c_str() + 2) Fail("no hexadecimal byte: '" + two + "'");
+    }
+    return bytes;
   }
 
   static std::string SixDigits(std::uint64_t number) {
@@ -158,67 +148,50 @@ class Reader {
 
   std::string Call(const std::string& function) {
     Expect('(');
-    std::string bytes = Result(function);
-    Expect(')');
-    return bytes;
+    for (const Function& one : Functions()) {
+      if (function != one.word) continue;
+      std::string bytes = one.read(*this);
+      Expect(')');
+      return bytes;
+    }
+    Fail("unknown function " + function);
   }
 
   std::string Rest() { return Take(',') ? Items() : std::string(); }
 
-  std::string Result(const std::string& function) {
-    if (function == "i") return Image(static_cast<std::uint32_t>(Signed()));
-    if (function == "u64") return Image(Unsigned());
-    if (function == "d") return Image(Real());
-    if (function == "each") return Numbered(Unsigned());
-    if (function == "text") return Prefixed(Items());
-    if (function == "long") {
-      const std::string bytes = Items();
-      return Image<std::uint64_t>(bytes.size()) + bytes;
-    }
-    if (function == "ask" || function == "reply") {
-      std::string body = Image(static_cast<std::uint32_t>(Signed()));
-      body += Rest();
-      if (function == "reply") body += Image<std::uint32_t>(0);
-      return Prefixed(body);
-    }
-    if (function == "message") return wire::Framed(Items());
-    if (function == "chunks") {
-      const std::uint64_t size = Unsigned();
-      return Chunked(size, Rest());
-    }
-    if (function == "query" || function == "set") {
-      const std::string kind = Word();
-      const std::string first = function == "query" ? "QUERY" : "SET";
-      return wire::Framed(wire::Mess(first) + wire::Mess(kind) + Rest() + wire::Mess("END"));
-    }
-    return HeaderResult(function);
+  std::string Code() {
+    const std::string code = Image(static_cast<std::uint32_t>(Signed()));
+    return code + Rest();
   }
 
-  std::string HeaderResult(const std::string& function) {
-    const std::string name = Word();
-    if (function == "mess") return wire::Mess(name);
-    if (function == "head") {
-      Expect(',');
-      const std::uint64_t count = Unsigned();
-      Expect(',');
-      return Header(name, count, Word());
-    }
-    if (function == "cstr") {
-      std::vector<std::string> values;
-      while (Take(',')) values.push_back(Items());
-      return wire::Cstr(name, values);
-    }
-    if (function == "doub") {
-      std::vector<double> values;
-      while (Take(',')) values.push_back(Real());
-      return wire::Doub(name, values);
-    }
-    if (function == "inte") {
-      std::vector<int> values;
-      while (Take(',')) values.push_back(static_cast<int>(Signed()));
-      return wire::Inte(name, values);
-    }
-    Fail("unknown function " + function);
+  std::string Texts(const std::string& name) {
+    std::vector<std::string> values;
+    while (Take(',')) values.push_back(Items());
+    return wire::Cstr(name, values);
+  }
+
+  template <class T, class Read>
+  std::vector<T> Numbers(Read read) {
+    std::vector<T> values;
+    while (Take(',')) values.push_back(static_cast<T>(read()));
+    return values;
+  }
+
+  std::string HeaderOf(const std::string& name) {
+    Expect(',');
+    const std::uint64_t count = Unsigned();
+    Expect(',');
+    return wire::Head(name, count, Word());
+  }
+
+  std::string Chunked() {
+    const std::uint64_t size = Unsigned();
+    return wire::Framed(Rest(), size);
+  }
+
+  std::string Exchange(const char* first) {
+    const std::string kind = wire::Mess(Word());
+    return wire::Framed(wire::Mess(first) + kind + Rest() + wire::Mess("END"));
   }
 
   std::string_view text_;
@@ -226,10 +199,60 @@ class Reader {
   std::uint64_t index_ = 0;
 };
 
+// A word of the notation is one row here and one in the table of tests/hostile/README.md.
+const std::vector<Reader::Function>& Reader::Functions() {
+  static const std::vector<Function> functions = {
+      {"i", [](Reader& in) { return Image(static_cast<std::uint32_t>(in.Signed())); }},
+      {"u64", [](Reader& in) { return Image(in.Unsigned()); }},
+      {"d", [](Reader& in) { return Image(in.Real()); }},
+      {"each", [](Reader& in) { return in.Numbered(in.Unsigned()); }},
+      {"text", [](Reader& in) { return PackedText(in.Items()); }},
+      {"long", [](Reader& in) { return wire::LongText(in.Items()); }},
+      {"ask", [](Reader& in) { return Frame(in.Code()); }},
+      {"reply", [](Reader& in) { return Frame(in.Code() + Image(0)); }},
+      {"head", [](Reader& in) { return in.HeaderOf(in.Word()); }},
+      {"mess", [](Reader& in) { return wire::Mess(in.Word()); }},
+      {"cstr", [](Reader& in) { return in.Texts(in.Word()); }},
+      {"doub",
+       [](Reader& in) {
+         const std::string name = in.Word();
+         return wire::Doub(name, in.Numbers<double>([&in] { return in.Real(); }));
+       }},
+      {"inte",
+       [](Reader& in) {
+         const std::string name = in.Word();
+         return wire::Inte(name, in.Numbers<int>([&in] { return in.Signed(); }));
+       }},
+      {"message", [](Reader& in) { return wire::Framed(in.Items()); }},
+      {"chunks", [](Reader& in) { return in.Chunked(); }},
+      {"query", [](Reader& in) { return in.Exchange("QUERY"); }},
+      {"set", [](Reader& in) { return in.Exchange("SET"); }},
+  };
+  return functions;
+}
+
 }  // namespace
 
-std::string Notated(std::string_view text) {
-  return Reader(text).Whole();
+std::string Bytes(std::string_view notation) {
+  return Reader(notation).Whole();
+}
+
+std::vector<std::string> NotationWords() {
+  std::vector<std::string> words;
+  for (const Reader::Function& one : Reader::Functions()) words.emplace_back(one.word);
+  return words;
+}
+
+std::string Hex(std::string_view bytes) {
+  std::string hex;
+  for (const char c : bytes) {
+    char pair[4];
+    std::snprintf(pair, sizeof(pair), "%02x ",
+                  static_cast<unsigned>(static_cast<unsigned char>(c)));
+    hex += pair;
+  }
+  if (!hex.empty()) hex.pop_back();
+  return hex;
 }
 
 std::string Readable(std::string_view bytes) {
