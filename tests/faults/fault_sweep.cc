@@ -28,6 +28,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "tests/faults/scenario.h"
 #include "tests/faults/system_calls.h"
 #include "tests/faults/trial.h"
 
@@ -269,7 +270,7 @@ std::vector<Point> Sweep::Record() {
   std::vector<Point> points;
   for (const Scenario& scenario : Scenarios()) {
     if (!options_.only.empty() && scenario.name != options_.only) continue;
-    if (scenario.asRoot && geteuid() != 0) {
+    if (scenario.as_root && geteuid() != 0) {
       printf("%-10s %s: left out, it takes root\n", scenario.name.c_str(), scenario.what.c_str());
       continue;
     }
@@ -423,17 +424,11 @@ void Sweep::Print() const {
   if (!failures_.empty()) puts("Replay one with: scripts/fault-sweep --replay POINT");
 }
 
-bool TakesRoot(const std::string& scenario) {
-  return std::any_of(Scenarios().begin(), Scenarios().end(), [&scenario](const Scenario& one) {
-    return one.name == scenario && one.asRoot;
-  });
-}
-
 int Replay(const Options& options) {
   int failed = 0;
   for (const std::string& text : options.replay) {
     const Point point = Point::Parse(text);
-    if (TakesRoot(point.scenario) && geteuid() != 0) {
+    if (ScenarioNamed(point.scenario).as_root && geteuid() != 0) {
       printf("%s: left out, it takes root\n", text.c_str());
       return failed == 0 ? kSkipped : 1;
     }

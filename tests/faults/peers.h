@@ -62,7 +62,7 @@ class Master {
   struct Plan {
     std::string version = "3";
     std::string cluster = "0";
-    std::string path;
+    std::string path{};
     std::string root = "CASE";
     std::string user = "alice";
     bool leaveAfterConnecting = false;  ///< cut the connection once the run is under control

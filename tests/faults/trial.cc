@@ -19,6 +19,7 @@
 #include <thread>
 
 #include "tests/faults/peers.h"
+#include "tests/faults/scenario.h"
 #include "tests/faults/system_calls.h"
 #include "tests/support/child_process.h"
 #include "tests/support/ports.h"
@@ -111,7 +112,6 @@ class Trial {
   void WriteScript() const;
   void OpenPipe();
   void DrainPipe() const;
-  bool IsAsRoot() const;
   [[noreturn]] void ExecDaemon() const;
   void Conduct();
   void ConductSecond(std::size_t descriptors);
@@ -120,7 +120,6 @@ class Trial {
   bool IsSentLater() const;
   bool MayLeaveWaiting() const;
   bool MustBeServed() const;
-  Result Undisturbed() const;
   bool IsDemandedRefusal(const std::string& text) const;
   bool ForkFailed() const;
   void ExpectDescriptors(std::size_t expected);
@@ -147,12 +146,12 @@ class Trial {
   bool IsExpectedFile(const fs::path& file) const;
   void Fail(const std::string& text);
   std::string LogFile() const;
-  bool Is(const char* scenario) const { return point_.scenario == scenario; }
   bool Kills(Role role) const {
     return point_.kind == Point::Kind::kKill && point_.role == role && tracer_.fired();
   }
 
   const Point point_;
+  const Scenario& scenario_;
   TemporaryDirectory directory_;
   Simulators simulators_;
   SocketPair terminal_;    // nobody types at it
@@ -170,7 +169,8 @@ class Trial {
   std::vector<std::string> failures_;
 };
 
-Trial::Trial(const Point& point, const std::string& executable) : point_(point), tracer_(point) {
+Trial::Trial(const Point& point, const std::string& executable)
+    : point_(point), scenario_(ScenarioNamed(point.scenario)), tracer_(point) {
   Prepare(executable);
 }
 
@@ -187,9 +187,9 @@ void Trial::Prepare(const std::string& executable) {
   // A link to a file that nobody may write to: the longest way that the copy of it can take.
   chmod(directory_.Write("data/model", "a model\n").c_str(), 0444);
   fs::create_symlink("model", directory_.File("data/CASE.afi"));
-  if (!Is("noexec")) WriteScript();
-  simulators_.LeaveOnStep(Is("simulator"));
-  if (Is("pipe")) OpenPipe();
+  if (scenario_.executable) WriteScript();
+  simulators_.LeaveOnStep(scenario_.simulator_leaves);
+  if (scenario_.into_a_pipe) OpenPipe();
   do port_ = FreePort();
   while (port_ == simulators_.port() + 1);
 }
@@ -212,13 +212,8 @@ void Trial::DrainPipe() const {
 }
 
 void Trial::WriteScript() const {
-  const std::string text = kScript + std::string(IsAsRoot() ? kAccountCheck : "") + kPrint;
+  const std::string text = kScript + std::string(scenario_.as_root ? kAccountCheck : "") + kPrint;
   chmod(directory_.Write("script", text).c_str(), 0755);
-}
-
-bool Trial::IsAsRoot() const {
-  return std::any_of(Scenarios().begin(), Scenarios().end(),
-                     [this](const auto& one) { return one.name == point_.scenario && one.asRoot; });
 }
 
 void Trial::ExecDaemon() const {
@@ -226,9 +221,9 @@ void Trial::ExecDaemon() const {
   const rlimit core{0, 0};
   setrlimit(RLIMIT_NOFILE, &descriptors);
   setrlimit(RLIMIT_CORE, &core);
-  const int output =
-      Is("pipe") ? pipeWriter_.get()
-                 : open(directory_.File("output").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+  const int output = scenario_.into_a_pipe ? pipeWriter_.get()
+                                           : open(directory_.File("output").c_str(),
+                                                  O_WRONLY | O_CREAT | O_APPEND, 0644);
   if (output < 0 || chdir(directory_.path().c_str()) != 0) _exit(kNotExecuted);
   dup2(terminal_.ours.get(), STDIN_FILENO);
   dup2(output, STDOUT_FILENO);
@@ -238,7 +233,7 @@ void Trial::ExecDaemon() const {
   clearenv();
   setenv("PATH", "/usr/bin:/bin", 1);
   setenv("LC_ALL", "C", 1);
-  if (Is("memory")) {
+  if (scenario_.every_allocation) {
     // Nothing is taken from memory that is there already.
     setenv("MALLOC_MMAP_THRESHOLD_", "1", 1);
     setenv("MALLOC_MMAP_MAX_", "1000000", 1);
@@ -251,7 +246,7 @@ void Trial::ExecDaemon() const {
   std::vector<const char*> arguments = {
       executable.c_str(), "-p", port.c_str(), "-o", comms.c_str(), "-n", "2", "-t", "5", "-l", "-s",
       script.c_str()};
-  if (!IsAsRoot()) arguments.push_back("-u");
+  if (!scenario_.as_root) arguments.push_back("-u");
   arguments.push_back(nullptr);
   execv(executable.c_str(), const_cast<char* const*>(arguments.data()));
   _exit(kNotExecuted);
@@ -261,7 +256,7 @@ Verdict Trial::Run() {
   tracer_.Start([this] { ExecDaemon(); });
   pipeWriter_.Reset();
   std::thread reader([this] {
-    if (Is("pipe")) DrainPipe();
+    if (scenario_.into_a_pipe) DrainPipe();
   });
   std::thread peers([this] { Conduct(); });
   tracer_.Run();
@@ -300,17 +295,13 @@ std::string Trial::LogFile() const {
 Master::Plan Trial::WholeRun() const {
   Master::Plan plan;
   plan.path = directory_.File("data") + "/";
-  if (Is("run")) plan.cluster = "1";
+  plan.cluster = scenario_.plan.cluster;
   return plan;
 }
 
 Master::Plan Trial::FirstPlan() const {
-  Master::Plan plan = WholeRun();
-  if (Is("version")) plan.version = "abc";
-  if (Is("user")) plan.user = "mallory";
-  if (Is("denied")) plan.user = "bob";
-  if (Is("nohost")) plan.root = "NOHOST";
-  if (Is("master")) plan.leaveAfterConnecting = true;
+  Master::Plan plan = scenario_.plan;
+  plan.path = WholeRun().path;
   return plan;
 }
 
@@ -353,13 +344,13 @@ void Trial::ReadLogs() {
   log_.assign(std::istreambuf_iterator<char>(file), {});
   output_ = directory_.Read("output");
   comms_ =
-      directory_.Read(FirstPlan().cluster == "0" ? "data/CASE.crvnlog" : "data/CASE_1.crvnlog");
+      directory_.Read(scenario_.plan.cluster == "0" ? "data/CASE.crvnlog" : "data/CASE_1.crvnlog");
 }
 
 // The next master finds the fault gone and has to be served as if nothing had been.
 void Trial::ConductSecond(std::size_t descriptors) {
   ExpectDescriptors(descriptors);
-  if (Is("noexec")) WriteScript();
+  if (!scenario_.executable) WriteScript();
   simulators_.LeaveOnStep(false);
   Master next([](auto waited) { return waited > kHang; });
   const Session second = next.Hold(port_, WholeRun());
@@ -447,44 +438,37 @@ bool Trial::MustBeServed() const {
                   SYS_close_range, SYS_keyctl, SYS_readlinkat, SYS_fcntl});
 }
 
-Result Trial::Undisturbed() const {
-  if (Is("version") || Is("simulator")) return Result::kClosed;
-  if (Is("user") || Is("denied") || Is("noexec") || Is("nohost")) return Result::kRefused;
-  return Result::kServed;
-}
-
 // A file that cannot be read ends before its first record. What was received of a name may be a
 // line of the request before it, when an interrupted one was taken for empty.
 bool Trial::MayUserBeUnknown() const {
-  if (Is("user")) return true;
   return tracer_.fired() && point_.role == Role::kChild && IsError() &&
          (IsOneOf(point_.call, {SYS_read, SYS_newfstatat, SYS_recvfrom}) || IsMemory(point_.call));
 }
 
 bool Trial::IsDemandedRefusal(const std::string& text) const {
-  if (text == "No host detected") return !Is("user") && !Is("denied") && !Is("version");
-  if (!IsAsRoot()) return false;
+  if (text == "No host detected") return scenario_.let_in;
+  if (!scenario_.as_root) return false;
   const std::string users = directory_.path().string() + "/./.vk_corvane_users";
   if (text == "Could not open the user administration file: " + users) return IsError();
   const bool shifted = point_.call == SYS_recvfrom && IsError();
-  const std::string who = "Windows user '" + FirstPlan().user + "'";
-  if (text.starts_with(who) || (shifted && text.starts_with("Windows user '"))) {
-    if (text.ends_with("' not found in administration file")) return MayUserBeUnknown();
-    return Is("denied") && text == who + " does not have permissions to run Varnok";
+  const std::string who = "Windows user '" + scenario_.plan.user;
+  if (!scenario_.refusal.empty() && text == who + scenario_.refusal) return true;
+  if (text.starts_with(who + "'") || (shifted && text.starts_with("Windows user '"))) {
+    return text.ends_with("' not found in administration file") && MayUserBeUnknown();
   }
-  if (!Is("run") || !IsError()) return false;
+  if (!scenario_.let_in || !IsError()) return false;
   return text == "Failed to get password entry for 'nobody'" ||
          text == "Failed to set user ID for Tolmen job - error = " + std::to_string(point_.error);
 }
 
 // No failure lets anybody in, nor makes a run of what is none.
 void Trial::JudgeAdmission() {
-  const bool refused = Is("version") || Is("user") || Is("denied");
-  if (refused && first_->admitted) Fail("the master was let in");
-  if (refused && tracer_.forkedScript()) Fail("a script was started for a master to be refused");
-  if (first_->result == Result::kServed && Undisturbed() != Result::kServed) {
+  if (!scenario_.let_in && first_->admitted) Fail("the master was let in");
+  if (!scenario_.let_in && tracer_.forkedScript())
+    Fail("a script was started for a master to be refused");
+  if (first_->result == Result::kServed && scenario_.result != Result::kServed) {
     Fail("the master was served although it had to be " +
-         std::string(Undisturbed() == Result::kRefused ? "refused" : "cut off"));
+         std::string(scenario_.result == Result::kRefused ? "refused" : "cut off"));
   }
 }
 
@@ -524,12 +508,12 @@ void Trial::JudgeSession() {
       break;
   }
   // A script that cannot be started leaves its run without a host, and nothing else.
-  if (point_.role == Role::kScript && first_->result != Undisturbed() &&
+  if (point_.role == Role::kScript && first_->result != scenario_.result &&
       first_->text != "No host detected") {
     Fail("the master was " + SessionText(*first_) + " for a script that did not start");
   }
   JudgeDemanded();
-  if (MustBeServed() && first_->result != Undisturbed()) {
+  if (MustBeServed() && first_->result != scenario_.result) {
     Fail("the master was " + SessionText(*first_) + " although it could have been served");
   }
 }
@@ -555,7 +539,7 @@ void Trial::JudgeDemanded() {
     demand(SYS_pipe2, "Error: pipe failed", Result::kClosed);
     demand(SYS_setgid,
            std::string("Failed to set the group ID - ") + (point_.error == EPERM ? "1" : "2"),
-           Undisturbed());
+           scenario_.result);
     // The first one is the switch. There may be more, to see that it cannot be undone.
     if (point_.occurrence == 1) {
       demand(SYS_setuid,
@@ -563,7 +547,7 @@ void Trial::JudgeDemanded() {
              Result::kRefused);
     }
   }
-  if (Is("run") && point_.role == Role::kChild && point_.call == SYS_clone3) {
+  if (scenario_.plan.cluster == "1" && point_.role == Role::kChild && point_.call == SYS_clone3) {
     // Not every C library has system() report that it found no process.
     if (!IsLogged("Copy failed - run will probably fail\n")) log("Copy succeeded\n");
   }
@@ -633,7 +617,7 @@ void Trial::JudgeCommsLog() {
   const auto has = [this](const std::string& text) {
     return comms_.find(text) != std::string::npos || output_.find(text) != std::string::npos;
   };
-  if (first_->result == Result::kServed && !Is("master")) {
+  if (first_->result == Result::kServed && !scenario_.plan.leaveAfterConnecting) {
     if (!comms_.ends_with(naturally) && !(point_.call == SYS_write && has(naturally))) {
       Fail("the comms log does not say that the run is over");
     }
@@ -775,112 +759,6 @@ void Trial::JudgeDirectory() {
 }
 
 }  // namespace
-
-bool Scenario::Sweeps(const Met& met) const {
-  // Those of the signal handler are in no recording but in HandledCalls(): they come when they
-  // come.
-  if (met.call == SYS_rt_sigreturn || met.call == SYS_wait4) return false;
-  if (calls == Calls::kMemory && !IsMemory(met.call)) return false;
-  if (calls == Calls::kOutput && !met.output) return false;
-  switch (met.role) {
-    case Role::kDaemon:
-      return met.stage >= daemon;
-    case Role::kChild:
-      return met.stage >= child;
-    default:
-      return script;
-  }
-}
-
-std::vector<Handled> Scenario::HandledCalls() const {
-  std::vector<Handled> handled;
-  const auto add = [&handled](Role role, long call, int times) {
-    for (int time = 1; time <= times; ++time) handled.push_back({role, call, time});
-  };
-  if (calls != Calls::kAll) return handled;
-  add(Role::kDaemon, SYS_wait4, 2);
-  add(Role::kDaemon, SYS_rt_sigreturn, 1);
-  add(Role::kChild, SYS_wait4, ended.waits);
-  add(Role::kChild, SYS_rt_sigreturn, ended.returns);
-  return handled;
-}
-
-bool IsMemory(long call) {
-  return IsOneOf(call, {SYS_brk, SYS_mmap, SYS_mremap});
-}
-
-const std::vector<Scenario>& Scenarios() {
-  static const std::vector<Scenario> scenarios = {
-      {"run",
-       "a whole cluster run with a mapped account",
-       true,
-       Stage::kLoading,
-       Stage::kHandshake,
-       true,
-       {4, 2}},
-      {"own",
-       "a whole run with the daemon's own account",
-       false,
-       Stage::kStarting,
-       Stage::kHandshake,
-       true,
-       {2, 1}},
-      {"version",
-       "a master that is no master",
-       false,
-       Stage::kServing,
-       Stage::kHandshake,
-       false,
-       {0, 0}},
-      {"user", "an unknown user", true, Stage::kServing, Stage::kHandshake, false, {0, 0}},
-      {"denied", "a user who may not", true, Stage::kServing, Stage::kHandshake, false, {0, 0}},
-      {"noexec",
-       "a script that cannot be executed",
-       false,
-       Stage::kServing,
-       Stage::kLaunch,
-       true,
-       {2, 1}},
-      {"nohost",
-       "a script that names no host",
-       false,
-       Stage::kServing,
-       Stage::kLaunch,
-       false,
-       {2, 1}},
-      {"simulator",
-       "a simulator that leaves in mid-run",
-       false,
-       Stage::kServing,
-       Stage::kStep,
-       false,
-       {0, 0}},
-      {"master",
-       "a master that leaves in mid-run",
-       false,
-       Stage::kServing,
-       Stage::kAnswered,
-       false,
-       {0, 0}},
-      {"pipe",
-       "a whole run that prints into a pipe",
-       false,
-       Stage::kStarting,
-       Stage::kHandshake,
-       true,
-       {0, 0},
-       Scenario::Calls::kOutput},
-      {"memory",
-       "a whole run that asks the system for every allocation",
-       false,
-       Stage::kStarting,
-       Stage::kHandshake,
-       true,
-       {0, 0},
-       Scenario::Calls::kMemory},
-  };
-  return scenarios;
-}
 
 std::string NameOf(Verdict::Kind kind) {
   constexpr std::array<const char*, 9> names = {"served",        "refused",      "closed",
