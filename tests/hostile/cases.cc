@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <functional>
 #include <set>
 #include <sstream>
 #include <stdexcept>
@@ -92,56 +93,69 @@ class File {
   }
 
   static void Take(Section& table, Case& made) {
-    const auto resolved = [&made](const Value& value) {
-      return Replace(Text(value), made.variables);
-    };
-    if (const auto name = table.Find("name")) made.name = resolved(*name);
+    if (const auto name = table.Find("name")) made.name = Resolved(*name, made);
     for (const auto& [member, place] : table.Keys()) {
-      const Value value = *table.Find(member);
-      if (member == "steps") {
-        made.steps.clear();
-        for (const std::string& step : Texts(value)) {
-          const std::string line = Replace(step, made.variables);
-          if (!line.empty()) made.steps.push_back(line);
-        }
-      } else if (member == "arguments") {
-        made.arguments = Texts(value);
-        for (std::string& argument : made.arguments) argument = Replace(argument, made.variables);
-      } else if (member == "fields" || member == "files") {
-        auto& entries = member == "fields" ? made.fields : made.files;
-        Section texts = value.Table(kTable);
-        for (const auto& [name, at] : texts.Keys()) entries[name] = resolved(*texts.Find(name));
-      } else if (member == "start") {
-        made.start = resolved(value);
-      } else if (member == "log") {
-        made.log = resolved(value);
-      } else if (member == "comms") {
-        made.comms = resolved(value);
-      } else if (member == "comms_file") {
-        made.commsFile = resolved(value);
-      } else if (member == "end") {
-        made.end = resolved(value);
-      } else if (member == "refusal") {
-        made.refusal = resolved(value);
-      } else if (member == "exit") {
-        made.exit = static_cast<int>(Number(value, made));
-      } else if (member == "script_exit") {
-        made.scriptExit = static_cast<int>(Number(value, made));
-      } else if (member == "user") {
-        made.user = Number(value, made);
-      } else if (member == "memory") {
-        made.memory = Number(value, made);
-      } else if (member == "processor") {
-        made.processor = Number(value, made);
-      } else if (member != "name" && member != "each" && member != "with") {
-        place.Fail("unknown: " + member);
-      }
+      if (member == "name" || member == "each" || member == "with") continue;
+      const auto read = Members().find(member);
+      if (read == Members().end()) place.Fail("unknown: " + member);
+      read->second(*table.Find(member), made);
     }
   }
 
-  static std::int64_t Number(const Value& value, const Case& made) {
-    if (const auto number = value.Integer()) return *number;
-    return std::stoll(Replace(Text(value), made.variables));
+  // How each member of a case is read; README.md says what it is for.
+  using Reading = std::function<void(const Value&, Case&)>;
+  static const std::map<std::string, Reading>& Members() {
+    static const std::map<std::string, Reading> members = {
+        {"arguments", Lines(&Case::arguments, true)},
+        {"steps", Lines(&Case::steps, false)},
+        {"fields", Entries(&Case::fields)},
+        {"files", Entries(&Case::files)},
+        {"start", Line(&Case::start)},
+        {"log", Line(&Case::log)},
+        {"comms", Line(&Case::comms)},
+        {"comms_file", Line(&Case::commsFile)},
+        {"end", Line(&Case::end)},
+        {"refusal", Line(&Case::refusal)},
+        {"exit", Count(&Case::exit)},
+        {"script_exit", Count(&Case::scriptExit)},
+        {"user", Count(&Case::user)},
+        {"memory", Count(&Case::memory)},
+        {"processor", Count(&Case::processor)},
+    };
+    return members;
+  }
+
+  static std::string Resolved(const Value& value, const Case& made) {
+    return Replace(Text(value), made.variables);
+  }
+  template <class Member>
+  static Reading Line(Member Case::*member) {
+    return [member](const Value& value, Case& made) { made.*member = Resolved(value, made); };
+  }
+  template <class Member>
+  static Reading Count(Member Case::*member) {
+    return [member](const Value& value, Case& made) {
+      const auto number = value.Integer();
+      made.*member = number ? *number : std::stoll(Resolved(value, made));
+    };
+  }
+  // Each of the texts, those that are empty only with `all`.
+  static Reading Lines(std::vector<std::string> Case::*member, bool all) {
+    return [member, all](const Value& value, Case& made) {
+      (made.*member).clear();
+      for (const std::string& text : Texts(value)) {
+        const std::string line = Replace(text, made.variables);
+        if (all || !line.empty()) (made.*member).push_back(line);
+      }
+    };
+  }
+  static Reading Entries(std::map<std::string, std::string> Case::*member) {
+    return [member](const Value& value, Case& made) {
+      Section texts = value.Table(kTable);
+      for (const auto& [name, place] : texts.Keys()) {
+        (made.*member)[name] = Resolved(*texts.Find(name), made);
+      }
+    };
   }
 
   std::string file_;

@@ -25,8 +25,8 @@ struct Case {
   std::string commsFile;
   std::string end;
   std::string refusal;
-  int exit = 0;
-  std::optional<int> scriptExit;
+  std::int64_t exit = 0;
+  std::optional<std::int64_t> scriptExit;
   std::optional<std::int64_t> user;
   std::int64_t memory = 0;     ///< MiB
   std::int64_t processor = 0;  ///< milliseconds

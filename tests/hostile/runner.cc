@@ -22,8 +22,8 @@
 #include <filesystem>
 #include <fstream>
 #include <regex>
-#include <set>
 #include <stdexcept>
+#include <thread>
 #include <utility>
 
 #include "tests/support/bytes.h"
@@ -168,8 +168,9 @@ Descriptor Listen(std::int64_t port) {
 Link Connect(int port) {
   Descriptor master(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
   const sockaddr_in address = Loopback(port);
-  if (connect(master.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0)
+  if (connect(master.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
     throw Failure(std::string("no connection to the daemon: ") + strerror(errno));
+  }
   return Link(std::move(master));
 }
 
@@ -217,6 +218,60 @@ void Put(const std::string& file, const std::string& content, mode_t mode) {
   std::ofstream(file, std::ios::binary | std::ios::trunc) << content;
   chmod(file.c_str(), mode);
 }
+
+// The fields of a run request in their order, with what they usually hold; of `path` the test's
+// directory.
+struct RequestField {
+  const char* name;
+  const char* usual;
+};
+constexpr RequestField kRequestFields[] = {
+    {"cluster", "0"},     {"path", nullptr}, {"root", "CASE"}, {"processes", "1"},
+    {"version", "20172"}, {"user", "alice"}, {"flag", "0"}};
+
+Descriptor OpenToWrite(const std::string& file) {
+  return Descriptor(open(file.c_str(), O_WRONLY | O_CLOEXEC));
+}
+
+void BindLocal(const std::string& file) {
+  const Descriptor local(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  file.copy(address.sun_path, sizeof(address.sun_path) - 1);
+  if (bind(local.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
+    throw Failure("cannot place a socket");
+  }
+}
+
+// What may stand in the place of a file. Whatever is there goes first, but for a file that stays
+// and is only changed.
+struct Kind {
+  const char* name;
+  bool stays;
+  void (*place)(const std::string& file, Descriptor& open);
+};
+const Kind kKinds[] = {
+    {"absent", false, [](const auto&, auto&) {}},
+    {"directory", false, [](const auto& file, auto&) { fs::create_directory(file); }},
+    {"pipe", false, [](const auto& file, auto&) { mkfifo(file.c_str(), 0644); }},
+    {"socket", false, [](const auto& file, auto&) { BindLocal(file); }},
+    {"loop", false, [](const auto& file, auto&) { fs::create_symlink(file, file); }},
+    {"unreadable", true, [](const auto& file, auto&) { chmod(file.c_str(), 0); }},
+    {"not executable", true, [](const auto& file, auto&) { chmod(file.c_str(), 0644); }},
+    {"busy", true, [](const auto& file, auto& open) { open = OpenToWrite(file); }},
+};
+
+// How a run ends that does not end of itself: what `end` begins with, and what the comms log says
+// before the text that follows it.
+struct FailedEnd {
+  std::string_view begin;
+  std::string_view reason;
+};
+constexpr FailedEnd kFailedEnds[] = {
+    {"controller: ", "Exception returned from VK controller: "},
+    {"master: ", "Exception returned from Corvane comms: "},
+    {"unknown", "Unknown exception"},
+};
 
 // One case at work.
 class Conversation {
@@ -269,10 +324,9 @@ class Conversation {
   std::string Field(const std::string& name) const {
     const auto field = wanted_.fields.find(name);
     if (field != wanted_.fields.end()) return Filled(field->second);
-    static const std::map<std::string, std::string> usual = {
-        {"cluster", "0"},     {"root", "CASE"},  {"processes", "1"},
-        {"version", "20172"}, {"user", "alice"}, {"flag", "0"}};
-    return name == "path" ? directory_ + "/" : usual.at(name);
+    const auto* usual = std::find_if(std::begin(kRequestFields), std::end(kRequestFields),
+                                     [&name](const auto& one) { return name == one.name; });
+    return usual->usual == nullptr ? directory_ + "/" : usual->usual;
   }
 
   void PlaceFile(const std::string& key, const std::string& name, mode_t mode) {
@@ -286,38 +340,19 @@ class Conversation {
   void PlaceKind(const std::string& key, const std::string& name) {
     const auto kind = wanted_.files.find(key + "_is");
     if (kind == wanted_.files.end()) return;
-    std::error_code ignored;
-    static const std::set<std::string> present = {"unreadable", "busy", "not executable"};
-    if (!present.contains(kind->second)) fs::remove_all(name, ignored);
     placed_.push_back(name);
-    if (kind->second == "directory") {
-      fs::create_directory(name);
-    } else if (kind->second == "pipe") {
-      mkfifo(name.c_str(), 0644);
-    } else if (kind->second == "loop") {
-      fs::create_symlink(name, name);
-    } else if (kind->second == "socket") {
-      BindLocal(name);
-    } else if (kind->second == "unreadable") {
-      chmod(name.c_str(), 0);
-    } else if (kind->second == "not executable") {
-      chmod(name.c_str(), 0644);
-    } else if (kind->second == "busy") {
-      busy_ = Descriptor(open(name.c_str(), O_WRONLY | O_CLOEXEC));
-    } else if (kind->second.starts_with("link to ")) {
-      fs::create_symlink(Replace(kind->second.substr(8), variables_), name);
-    } else if (kind->second != "absent") {
-      throw Failure("unknown kind of file " + kind->second);
+    std::error_code ignored;
+    constexpr std::string_view kLink = "link to ";
+    if (kind->second.starts_with(kLink)) {
+      fs::remove_all(name, ignored);
+      return fs::create_symlink(Replace(kind->second.substr(kLink.size()), variables_), name);
     }
-  }
-
-  static void BindLocal(const std::string& name) {
-    const Descriptor local(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    name.copy(address.sun_path, sizeof(address.sun_path) - 1);
-    if (bind(local.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0)
-      throw Failure("cannot place a socket");
+    for (const Kind& one : kKinds) {
+      if (kind->second != one.name) continue;
+      if (!one.stays) fs::remove_all(name, ignored);
+      return one.place(name, busy_);
+    }
+    throw Failure("unknown kind of file " + kind->second);
   }
 
   void Prepare() {
@@ -340,9 +375,7 @@ class Conversation {
                   {"ENV", std::string("env PATH=") + kPath + "\n" + sanitizer},
                   {"SANITIZER", sanitizer},
                   {"REQUEST", ""}};
-    for (const char* name : {"cluster", "path", "root", "processes", "version", "user", "flag"}) {
-      variables_[name] = Field(name);
-    }
+    for (const RequestField& field : kRequestFields) variables_[field.name] = Field(field.name);
     commsFile_ = directory_ + "/CASE.crvnlog";
     if (!wanted_.commsFile.empty()) commsFile_ = Filled(wanted_.commsFile);
     std::error_code ignored;
@@ -413,12 +446,11 @@ class Conversation {
 
   void Launch() {
     std::string all = Frame("3");
-    for (const char* name : {"cluster", "path", "root", "processes", "version", "user", "flag"}) {
-      all += Frame(Field(name));
-    }
+    for (const RequestField& field : kRequestFields) all += Frame(Field(field.name));
     master_.Send(all, false);
-    if (wanted_.start == "run" || wanted_.start == "connected")
+    if (wanted_.start == "run" || wanted_.start == "connected") {
       master_.Hear(Bytes("text('OK|127.0.0.1' 00)"), "the host");
+    }
   }
 
   void ConnectSimulator() {
@@ -450,62 +482,68 @@ class Conversation {
     std::uint64_t left = number();
     do {
       const std::uint64_t chunk = number();
-      if (simulator_.Receive(chunk, limit, ended).size() != chunk)
+      if (simulator_.Receive(chunk, limit, ended).size() != chunk) {
         throw Failure("half a request to the simulator");
+      }
       left -= chunk;
     } while (left > 0);
   }
 
-  void Take(const std::string& step) {
-    const std::size_t blank = std::min(step.find(' '), step.size());
-    std::string verb = step.substr(0, blank);
-    const std::string rest = step.substr(blank);
-    if (verb == "pause") return static_cast<void>(usleep(Milliseconds(rest) * 1000));
-    if (verb == "write-users") return Feed(daemon_.File(".vk_corvane_users"), Said(rest));
-    if (verb == "write-environment") return Feed(daemon_.File(".vk_corvane_env"), Said(rest));
-    if (verb == "sim-accept") return Accept();
-    if (verb == "sim-skip") return SkipMessage();
+  // One step: its verb acts on the master's link, or with "sim-" before it on the simulator's.
+  struct Step {
+    Conversation& all;
+    Link& link;
+    std::string rest;  // of its line
+    std::string heard;
+
+    std::string Said() const { return all.Said(rest); }
+    void Feed(const char* file) const { Conversation::Feed(all.daemon_.File(file), Said()); }
+  };
+  struct Verb {
+    const char* name;
+    void (*take)(const Step& step);
+  };
+  static const std::vector<Verb>& Verbs() {
+    static const std::vector<Verb> verbs = {
+        {"pause", [](const Step& step) { std::this_thread::sleep_for(Pause(step.rest)); }},
+        {"sim-accept", [](const Step& step) { step.all.Accept(); }},
+        {"sim-skip", [](const Step& step) { step.all.SkipMessage(); }},
+        {"write-users", [](const Step& step) { step.Feed(".vk_corvane_users"); }},
+        {"write-environment", [](const Step& step) { step.Feed(".vk_corvane_env"); }},
+        {"say", [](const Step& step) { step.link.Send(step.Said(), false); }},
+        {"flood", [](const Step& step) { step.link.Send(step.Said(), true); }},
+        {"drip", [](const Step& step) { step.all.Drip(step.link, step.rest); }},
+        {"hear", [](const Step& step) { step.link.Hear(step.Said(), step.heard); }},
+        {"hear-end", [](const Step& step) { step.link.HearEnd(step.heard); }},
+        {"silence", [](const Step& step) { step.link.HearNothing(Pause(step.rest), step.heard); }},
+        {"half-close", [](const Step& step) { step.link.HalfClose(); }},
+        {"leave", [](const Step& step) { step.link.Close(); }},
+        {"reset", [](const Step& step) { step.link.Reset(); }},
+    };
+    return verbs;
+  }
+
+  void Take(const std::string& text) {
+    const std::size_t blank = std::min(text.find(' '), text.size());
+    const std::string verb = text.substr(0, blank);
     const bool simulator = verb.starts_with("sim-");
-    if (simulator) verb.erase(0, 4);
-    TakeOn(simulator ? simulator_ : master_, verb, rest, simulator ? "simulator" : "master");
-  }
-
-  void TakeOn(Link& link, const std::string& verb, const std::string& rest,
-              const std::string& who) {
-    if (verb == "say") {
-      link.Send(Said(rest), false);
-    } else if (verb == "flood") {
-      link.Send(Said(rest), true);
-    } else if (verb == "drip") {
-      Drip(link, rest);
-    } else if (verb == "hear") {
-      link.Hear(Said(rest), "what the " + who + " hears");
-    } else if (verb == "hear-end") {
-      link.HearEnd("what the " + who + " hears");
-    } else if (verb == "silence") {
-      link.HearNothing(milliseconds(Milliseconds(rest)), "what the " + who + " hears");
-    } else if (verb == "half-close") {
-      link.HalfClose();
-    } else if (verb == "leave") {
-      link.Close();
-    } else if (verb == "reset") {
-      link.Reset();
-    } else {
-      throw Failure("unknown step");
+    const Step step{*this, simulator ? simulator_ : master_, text.substr(blank),
+                    simulator ? "what the simulator hears" : "what the master hears"};
+    for (const Verb& one : Verbs()) {
+      if (verb == one.name || (simulator && verb.substr(4) == one.name)) return one.take(step);
     }
+    throw Failure("unknown step");
   }
 
-  static unsigned Milliseconds(const std::string& text) {
-    return static_cast<unsigned>(std::stoul(text));
-  }
+  static milliseconds Pause(const std::string& text) { return milliseconds(std::stoul(text)); }
 
   // One byte a segment, with a pause behind each.
   void Drip(const Link& link, const std::string& rest) const {
     std::size_t used = 0;
-    const auto pause = static_cast<unsigned>(std::stoul(rest, &used));
+    const milliseconds pause(std::stoul(rest, &used));
     for (const char byte : Said(rest.substr(used))) {
       link.Send({&byte, 1}, false);
-      usleep(pause * 1000);
+      std::this_thread::sleep_for(pause);
     }
   }
 
@@ -518,8 +556,9 @@ class Conversation {
       usleep(2000);
     }
     const Descriptor writer(descriptor);
-    if (write(writer.get(), bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size()))
+    if (write(writer.get(), bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size())) {
       throw Failure("nobody takes what is written");
+    }
   }
 
   void EndTalk() {
@@ -575,22 +614,24 @@ class Conversation {
     std::string complaint;
     const auto compare = [&complaint](const std::string& what, const auto& wanted,
                                       const auto& came) {
-      if (wanted != came)
+      if (wanted != came) {
         complaint +=
             what + ": expected " + std::to_string(wanted) + ", came " + std::to_string(came) + "\n";
+      }
     };
     const auto bound = [&complaint](const std::string& what, std::int64_t most, std::int64_t came) {
-      if (came > most)
+      if (came > most) {
         complaint +=
             what + ": at most " + std::to_string(most) + ", came " + std::to_string(came) + "\n";
+      }
     };
-    compare("exit status", wanted_.exit, ended->status);
+    compare("exit status", wanted_.exit, std::int64_t{ended->status});
     if (wanted_.user) compare("account", *wanted_.user, static_cast<std::int64_t>(ended->user));
     if (wanted_.scriptExit) {
       // The two end in any order.
       if (!script_) script_ = daemon_.watcher().Next(Clock::now() + kPatience);
       compare("exit status of the script process", *wanted_.scriptExit,
-              script_ ? script_->status : -1);
+              std::int64_t{script_ ? script_->status : -1});
     }
     if (!kSanitized) bound("resident memory in KiB", wanted_.memory * 1024, ended->memory);
     bound("processor time in microseconds", wanted_.processor * 1000 * kPatienceFactor,
@@ -635,21 +676,20 @@ class Conversation {
   }
 
   std::string Outcome() const {
-    if (wanted_.end == "shut down")
+    if (wanted_.end == "shut down") {
       return "Process loop has exited naturally, going to sleep again ... \n";
+    }
     const std::string last = "Request process loop failed: ";
     if (wanted_.end == "left" || wanted_.end == "no frame") {
       const std::string reason = "No or unexpected data received from Corvane\n";
       return reason + last + reason;
     }
-    std::string reason = "Unknown exception";
-    if (wanted_.end.starts_with("controller: ")) {
-      reason = "Exception returned from VK controller: " + Filled(wanted_.end.substr(12));
-    } else if (wanted_.end.starts_with("master: ")) {
-      reason = "Exception returned from Corvane comms: " + Filled(wanted_.end.substr(8));
-    } else if (wanted_.end != "unknown") {
-      throw Failure("unknown end " + wanted_.end);
-    }
+    const auto* kind =
+        std::find_if(std::begin(kFailedEnds), std::end(kFailedEnds),
+                     [this](const auto& one) { return wanted_.end.starts_with(one.begin); });
+    if (kind == std::end(kFailedEnds)) throw Failure("unknown end " + wanted_.end);
+    const std::string reason =
+        std::string(kind->reason) + Filled(wanted_.end.substr(kind->begin.size()));
     const std::string failed = "Failed to handle data packet received from master: " + reason;
     return reason + "\n" + failed + "\n" + last + failed + "\n";
   }

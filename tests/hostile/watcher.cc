@@ -94,8 +94,9 @@ std::optional<Ended> Watcher::Next(std::chrono::steady_clock::time_point limit) 
   const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
       limit - std::chrono::steady_clock::now());
   pollfd report{reports_, POLLIN, 0};
-  if (poll(&report, 1, static_cast<int>(std::max<std::int64_t>(left.count(), 0))) != 1)
+  if (poll(&report, 1, static_cast<int>(std::max<std::int64_t>(left.count(), 0))) != 1) {
     return std::nullopt;
+  }
   Ended ended;
   if (read(reports_, &ended, sizeof(ended)) != sizeof(ended)) return std::nullopt;
   return ended;
