@@ -69,6 +69,16 @@ class FlogTest : public testing::Test {
     return testing::internal::GetCapturedStdout();
   }
 
+  // What `body`, run in a process of its own, leaves in two files and on standard output.
+  template <class Body>
+  void ExpectOfChild(const Body& body, const std::string& a, const std::string& b,
+                     const std::string& printed) const {
+    EXPECT_EQ(InChild(body, directory_.File("printed")), 0);
+    EXPECT_EQ(directory_.Read("a.log"), a);
+    EXPECT_EQ(directory_.Read("b.log"), b);
+    EXPECT_EQ(directory_.Read("printed"), printed);
+  }
+
   TemporaryDirectory directory_;
   bool taken_ = false;
 };
@@ -181,10 +191,7 @@ TEST_F(FlogTest, NullTextSilencesFileAndStandardOutputOfEveryLog) {
     other << "to its file alone";
     return log.status();
   };
-  EXPECT_EQ(InChild(body, directory_.File("printed")), 0);
-  EXPECT_EQ(directory_.Read("a.log"), "Arg 7: ");
-  EXPECT_EQ(directory_.Read("b.log"), "to its file alone");
-  EXPECT_EQ(directory_.Read("printed"), "Arg 7: ");
+  ExpectOfChild(body, "Arg 7: ", "to its file alone", "Arg 7: ");
 }
 
 TEST_F(FlogTest, SilencedLogWritesToItsNextFileAndToStandardOutputNoMore) {
@@ -198,10 +205,7 @@ TEST_F(FlogTest, SilencedLogWritesToItsNextFileAndToStandardOutputNoMore) {
     }
     return log.status();
   };
-  EXPECT_EQ(InChild(body, directory_.File("printed")), 0);
-  EXPECT_EQ(directory_.Read("a.log"), "");
-  EXPECT_EQ(directory_.Read("b.log"), "to the file alone");
-  EXPECT_EQ(directory_.Read("printed"), "");
+  ExpectOfChild(body, "", "to the file alone", "");
 }
 
 TEST_F(FlogTest, NullTextToADisabledLogSilencesNobody) {
@@ -213,9 +217,7 @@ TEST_F(FlogTest, NullTextToADisabledLogSilencesNobody) {
     log << "to both";
     return 0;
   };
-  EXPECT_EQ(InChild(body, directory_.File("printed")), 0);
-  EXPECT_EQ(directory_.Read("a.log"), "to both");
-  EXPECT_EQ(directory_.Read("printed"), "to both");
+  ExpectOfChild(body, "to both", "", "to both");
 }
 
 TEST_F(FlogTest, FailedWriteLosesThatItemOnly) {

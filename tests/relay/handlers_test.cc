@@ -9,7 +9,18 @@
 
 namespace {
 
-using HandlersTest = ControllerTest;
+class HandlersTest : public ControllerTest {
+ protected:
+  // Serves what was sent; after `replies` the run ends with this failure of the master's link.
+  void ExpectCommsFailure(const std::string& replies, const std::string& failure) {
+    EXPECT_EQ(Serve(), 2);
+    EXPECT_EQ(replies_, replies);
+    EXPECT_EQ(error_,
+              "Failed to handle data packet received from master: Exception returned from Corvane "
+              "comms: " +
+                  failure);
+  }
+};
 using Calls = std::vector<std::string>;
 
 TEST_F(HandlersTest, ConnectPassesHostPortAndTimeout) {
@@ -160,12 +171,9 @@ TEST_F(HandlersTest, WellDataOfNoWellsAwaitsNoSubRequest) {
 TEST_F(HandlersTest, MissingWellRecordGetsNoReplyAtAll) {
   stub_->operatingPoints = {OperatingPoint("OPEN", 1)};
   MasterSends("0a 00 00 00 02 00 00 00 01 00 00 00 41 01 00 00 00 42");
-  EXPECT_EQ(Serve(), 2);
-  EXPECT_EQ(replies_, "");
-  EXPECT_EQ(error_,
-            "Failed to handle data packet received from master: Exception returned from Corvane "
-            "comms: Discrepancy returned in well data from Corvane: well count in routine "
-            "VK_GETWELLDATA");
+  ExpectCommsFailure("",
+                     "Discrepancy returned in well data from Corvane: well count in routine "
+                     "VK_GETWELLDATA");
   EXPECT_EQ(Logged().find("GetWellData for"), std::string::npos);
 }
 
@@ -173,12 +181,9 @@ TEST_F(HandlersTest, WellRecordTooManyGetsNoReplyAtAll) {
   stub_->operatingPoints = {OperatingPoint("OPEN", 1), OperatingPoint("SHUT", 2)};
   MasterSends("0a 00 00 00 01 00 00 00 01 00 00 00 41");
   MasterSends("00 10 00 00");
-  EXPECT_EQ(Serve(), 2);
-  EXPECT_EQ(replies_, "");
-  EXPECT_EQ(error_,
-            "Failed to handle data packet received from master: Exception returned from Corvane "
-            "comms: Discrepancy returned in well data from Corvane: well count in routine "
-            "VK_GETWELLDATA");
+  ExpectCommsFailure("",
+                     "Discrepancy returned in well data from Corvane: well count in routine "
+                     "VK_GETWELLDATA");
 }
 
 TEST_F(HandlersTest, WellRecordForNoNameGetsNoReplyAtAll) {
@@ -193,27 +198,21 @@ TEST_F(HandlersTest, WrongSecondSubRequestOfWellDataEndsTheRunBehindTheFirstReco
   MasterSends("0a 00 00 00 02 00 00 00 01 00 00 00 41 01 00 00 00 42");
   MasterSends("00 10 00 00");
   MasterSends("0a 00 00 00");
-  EXPECT_EQ(Serve(), 2);
-  EXPECT_EQ(replies_,
-            "0c 00 00 00 0a 00 00 00 02 00 00 00 00 00 00 00 "
-            "4c 00 00 00 00 10 00 00 00 00 00 00 "
-            "00 00 00 00 00 00 f0 3f 00 00 00 00 00 00 00 40 00 00 00 00 00 00 08 40 "
-            "00 00 00 00 00 00 10 40 00 00 00 00 00 00 14 40 00 00 00 00 00 00 18 40 "
-            "00 00 00 00 00 00 1c 40 00 00 00 00 00 00 20 40 00 00 00 00");
-  EXPECT_EQ(error_,
-            "Failed to handle data packet received from master: Exception returned from Corvane "
-            "comms: Unexpected data received from Corvane, routine VK_GETWELLDATA_SUB");
+  ExpectCommsFailure(
+      "0c 00 00 00 0a 00 00 00 02 00 00 00 00 00 00 00 "
+      "4c 00 00 00 00 10 00 00 00 00 00 00 "
+      "00 00 00 00 00 00 f0 3f 00 00 00 00 00 00 00 40 00 00 00 00 00 00 08 40 "
+      "00 00 00 00 00 00 10 40 00 00 00 00 00 00 14 40 00 00 00 00 00 00 18 40 "
+      "00 00 00 00 00 00 1c 40 00 00 00 00 00 00 20 40 00 00 00 00",
+      "Unexpected data received from Corvane, routine VK_GETWELLDATA_SUB");
 }
 
 TEST_F(HandlersTest, WrongSubRequestOfWellDataEndsTheRun) {
   stub_->operatingPoints = {OperatingPoint("OPEN", 1)};
   MasterSends("0a 00 00 00 01 00 00 00 01 00 00 00 41");
   MasterSends("01 10 00 00");
-  EXPECT_EQ(Serve(), 2);
-  EXPECT_EQ(replies_, "0c 00 00 00 0a 00 00 00 01 00 00 00 00 00 00 00");
-  EXPECT_EQ(error_,
-            "Failed to handle data packet received from master: Exception returned from Corvane "
-            "comms: Unexpected data received from Corvane, routine VK_GETWELLDATA_SUB");
+  ExpectCommsFailure("0c 00 00 00 0a 00 00 00 01 00 00 00 00 00 00 00",
+                     "Unexpected data received from Corvane, routine VK_GETWELLDATA_SUB");
 }
 
 TEST_F(HandlersTest, MasterThatLeavesInTheSubExchangeEndsTheRun) {
@@ -398,12 +397,9 @@ TEST_F(HandlersTest, IprTableTooManyGetsNoReplyAtAll) {
   stub_->tables = {Table(), Table()};
   MasterSends("10 00 00 00 00 00 00 00 01 00 00 00 01 00 00 00 41 01 00 00 00 00 00 00 00 40");
   MasterSends("01 10 00 00");
-  EXPECT_EQ(Serve(), 2);
-  EXPECT_EQ(replies_, "");
-  EXPECT_EQ(error_,
-            "Failed to handle data packet received from master: Exception returned from Corvane "
-            "comms: Discrepancy returned in well data from Corvane: well count in routine "
-            "VK_GETWELLIPRDATA");
+  ExpectCommsFailure("",
+                     "Discrepancy returned in well data from Corvane: well count in routine "
+                     "VK_GETWELLIPRDATA");
 }
 
 TEST_F(HandlersTest, WrongSecondSubRequestOfIprDataEndsTheRunBehindTheFirstTable) {
@@ -413,14 +409,11 @@ TEST_F(HandlersTest, WrongSecondSubRequestOfIprDataEndsTheRunBehindTheFirstTable
       "01 00 00 00 00 00 00 00 40");
   MasterSends("01 10 00 00");
   MasterSends("00 10 00 00");
-  EXPECT_EQ(Serve(), 2);
-  EXPECT_EQ(replies_,
-            "10 00 00 00 10 00 00 00 02 00 00 00 0a 00 00 00 00 00 00 00 "
-            "68 00 00 00 01 10 00 00 " +
-                kTableBytes + "00 00 00 00");
-  EXPECT_EQ(error_,
-            "Failed to handle data packet received from master: Exception returned from Corvane "
-            "comms: Unexpected data received from Corvane, routine VK_GETWELLIPRDATA_SUB");
+  ExpectCommsFailure(
+      "10 00 00 00 10 00 00 00 02 00 00 00 0a 00 00 00 00 00 00 00 "
+      "68 00 00 00 01 10 00 00 " +
+          kTableBytes + "00 00 00 00",
+      "Unexpected data received from Corvane, routine VK_GETWELLIPRDATA_SUB");
 }
 
 TEST_F(HandlersTest, MissingIprTableGetsNoReplyAtAll) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "tests/support/scripted_simulator.h"
@@ -30,6 +31,17 @@ class ClientTest : public ::testing::Test {
     EXPECT_NO_THROW(client_.do_continue());
     ASSERT_EQ(Requests().size(), sent + 1);
     EXPECT_EQ(Requests().back(), wire::Mess("CONTINUE") + wire::Mess("END"));
+  }
+
+  // Neither way: a message that was left half read stands in the way of all later ones.
+  void ExpectUnusable() {
+    EXPECT_THAT([this] { client_.do_continue(); },
+                testing::ThrowsMessage<std::logic_error>(
+                    "Cannot create a new out-going message as the previous message is still on "
+                    "going."));
+    EXPECT_THAT([this] { client_.read_READY_answer(); },
+                testing::ThrowsMessage<std::logic_error>(
+                    "Cannot receive a message as the previous message is still on going."));
   }
 
   ScriptedSimulator simulator_{ScriptedSimulator::Link::kSocketPair};
