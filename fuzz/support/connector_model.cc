@@ -657,7 +657,7 @@ void Carry(const ConnectorCall& call, Simulator& simulator, ConnectorOutcome& ou
 
 const std::vector<Texts> kLists = {{},           {"P1"},       {"P1", "P2"},
                                    {"P2", "P1"}, {"P1", "P1"}, {"I1", "P1", "P2"}};
-constexpr std::array<double, 6> kSkewnesses = {1.5, 1, 2, 0, -1, 0.1};
+constexpr std::array<double, 6> kSkewnesses = {1.5, 1, 3, 0, -1, 0.1};
 
 }  // namespace
 

@@ -120,20 +120,28 @@ TYPED_TEST(InflowTest, LimitsAreFractionsOfTheFirstPointAndEveryPointIsAnEntry) 
   EXPECT_EQ(table.pressure, columns[9]);
 }
 
-TYPED_TEST(InflowTest, SkewnessTwoSquaresTheFractions) {
-  this->AnswerSurvey("WATER_INJECTOR", {7, 300, 40, 1000, 60, 180, 6, 62, 50, 2500, 900},
-                     this->kAsked);
-  this->Survey({"W"}, 2);
-  const std::vector<std::string> requests = this->Requests();
-  ASSERT_EQ(requests.size(), 23U);
+TYPED_TEST(InflowTest, SkewnessIsThePowerOfTheFractionsWhateverTheRate) {
   const std::vector<std::string> items = {"WATER_INJECTION_RATE"};
-  EXPECT_EQ(requests[3], this->SetLimits(this->Limits("W", items, {100000})));
-  // As the decimal fractions below, to the last bit but one.
-  const std::array<double, 9> fractions = {0.81, 0.64, 0.49, 0.36, 0.25, 0.16, 0.09, 0.04, 0.01};
-  for (std::size_t k = 0; k < fractions.size(); ++k) {
-    const double fraction = std::pow((9.0 - static_cast<double>(k)) / 10.0, 2.0);
-    EXPECT_DOUBLE_EQ(fraction, fractions[k]);
-    EXPECT_EQ(requests[5 + 2 * k], this->SetLimits(this->Limits("W", items, {1000 * fraction})));
+  for (const double skewness : {2.0, 3.0, 0.5, 0.0, -1.0}) {
+    for (const double rate : {1000.0, -1000.0}) {
+      const std::size_t sent = this->Requests().size();
+      this->AnswerSurvey("WATER_INJECTOR", {7, 300, 40, rate, 60, 180, 6, 62, 50, 2500, 900},
+                         this->kAsked);
+      this->Survey({"W"}, skewness);
+      const std::vector<std::string> requests = this->Requests();
+      ASSERT_EQ(requests.size(), sent + 23);
+      EXPECT_EQ(requests[sent + 3], this->SetLimits(this->Limits("W", items, {100000})));
+      for (std::size_t k = 0; k < 9; ++k) {
+        const double fraction = std::pow((9.0 - static_cast<double>(k)) / 10.0, skewness);
+        EXPECT_EQ(requests[sent + 5 + 2 * k],
+                  this->SetLimits(this->Limits("W", items, {rate * fraction})));
+      }
+    }
+  }
+  // As these decimal fractions, to the last bit but one.
+  const std::array<double, 9> squares = {0.81, 0.64, 0.49, 0.36, 0.25, 0.16, 0.09, 0.04, 0.01};
+  for (std::size_t k = 0; k < squares.size(); ++k) {
+    EXPECT_DOUBLE_EQ(std::pow((9.0 - static_cast<double>(k)) / 10.0, 2.0), squares[k]);
   }
 }
 
@@ -187,7 +195,7 @@ TYPED_TEST(InflowTest, WaterInjectorTableHoldsWhatItInjects) {
 }
 
 TYPED_TEST(InflowTest, TableOfAnyOtherWellHoldsWhatItInjects) {
-  for (const char* type : {"GAS_INJECTOR", "SOMETHING_ELSE"}) {
+  for (const char* type : {"GAS_INJECTOR", "SOMETHING_ELSE", "", "producer", "PRODUCER2"}) {
     this->tables_.clear();
     const std::size_t sent = this->Requests().size();
     this->AnswerSurvey(type, {11, 12, 13, 3, 4, 180, 6, 62, 50, 2500, 900}, this->kAsked);

@@ -1,6 +1,14 @@
+#include <bit>
+#include <cstdint>
+#include <limits>
+
+#include <gmock/gmock.h>
+
 #include "tests/connector/connector_fixture.h"
 
 namespace {
+
+using testing::HasSubstr;
 
 template <class Connector>
 class WellsTest : public ConnectorTest<Connector> {
@@ -28,6 +36,12 @@ class WellsTest : public ConnectorTest<Connector> {
     this->AnswerQuery(numeric);
     this->AnswerQuery(statuses);
     return this->FailureOf([&] { this->connector_.GetWellOpPtData(wells, points_); });
+  }
+
+  void ExpectPoint(std::size_t place, double oilRate, const std::string& status) const {
+    ASSERT_LT(place, points_.size());
+    EXPECT_EQ(points_[place].oil_rate, oilRate);
+    EXPECT_EQ(points_[place].status, status);
   }
 
   void SetUp() override { this->Connect(); }
@@ -214,10 +228,8 @@ TYPED_TEST(WellsTest, OperatingPointsComeInTheOrderAskedWhateverTheAnswers) {
                 this->Statuses(this->Words("A", {"OPEN"}) + this->Words("B", {"SHUT"}))),
       "no failure");
   ASSERT_EQ(this->points_.size(), 2U);
-  EXPECT_EQ(this->points_[0].oil_rate, 10);
-  EXPECT_EQ(this->points_[0].status, "OPEN");
-  EXPECT_EQ(this->points_[1].oil_rate, 20);
-  EXPECT_EQ(this->points_[1].status, "SHUT");
+  this->ExpectPoint(0, 10, "OPEN");
+  this->ExpectPoint(1, 20, "SHUT");
 }
 
 TYPED_TEST(WellsTest, WellsBehindThoseAskedForAreLeftOut) {
@@ -233,8 +245,7 @@ TYPED_TEST(WellsTest, WellAskedTwiceGetsItsFirstRowTwice) {
                       this->Statuses(this->Words("A", {"OPEN"}) + this->Words("A", {"SHUT"}))),
             "no failure");
   ASSERT_EQ(this->points_.size(), 2U);
-  EXPECT_EQ(this->points_[1].oil_rate, 1);
-  EXPECT_EQ(this->points_[1].status, "OPEN");
+  this->ExpectPoint(1, 1, "OPEN");
 }
 
 TYPED_TEST(WellsTest, OperatingPointsAreAppended) {
@@ -278,8 +289,7 @@ TYPED_TEST(WellsTest, LaterWellWithoutItsStatusFailsWithThePointsBefore) {
                 this->Statuses(this->Words("C", {"SHUT"}) + this->Words("A", {"OPEN"}))),
       "Unexpected answer when querying the well status data.");
   ASSERT_EQ(this->points_.size(), 1U);
-  EXPECT_EQ(this->points_[0].oil_rate, 1);
-  EXPECT_EQ(this->points_[0].status, "OPEN");
+  this->ExpectPoint(0, 1, "OPEN");
 }
 
 TYPED_TEST(WellsTest, LaterWellWithoutItsDataFailsWithThePointsBefore) {
@@ -304,8 +314,7 @@ TYPED_TEST(WellsTest, PointsOfFailingQuestionsAreAppendedEachTime) {
   ASSERT_EQ(this->points_.size(), 3U);
   EXPECT_EQ(this->points_[0].oil_rate, 1);
   EXPECT_EQ(this->points_[1].oil_rate, 1);
-  EXPECT_EQ(this->points_[2].oil_rate, 5);
-  EXPECT_EQ(this->points_[2].status, "SHUT");
+  this->ExpectPoint(2, 5, "SHUT");
 }
 
 TYPED_TEST(WellsTest, WellAbsentFromTheNumericAnswerFails) {
@@ -358,6 +367,34 @@ TYPED_TEST(WellsTest, ConstraintsAreTheUsers) {
                 this->End()});
 }
 
+// Neither the simulator's numbers nor the master's are ours to judge: a not-a-number that signals
+// comes through as well.
+TYPED_TEST(WellsTest, NumbersKeepEveryBitOnTheirWay) {
+  using Limits = std::numeric_limits<double>;
+  const std::vector<double> odd = {std::bit_cast<double>(0x7ff0'0000'0000'0123),
+                                   -0.0,
+                                   Limits::infinity(),
+                                   -Limits::infinity(),
+                                   Limits::denorm_min(),
+                                   -1,
+                                   2,
+                                   Limits::lowest()};
+  this->AnswerSetter();
+  this->connector_.SetWellUptime({"1", "2", "3", "4", "5", "6", "7", "8"}, odd);
+  EXPECT_THAT(this->Requests().back(), HasSubstr(wire::Doub("VALUES", odd) + this->End()));
+  this->AnswerSetter();
+  this->connector_.SetWellConstraints({"A"}, {std::vector<std::string>(8, "X")}, {odd});
+  EXPECT_THAT(this->Requests().back(), HasSubstr(wire::Doub("VALUES", odd)));
+  EXPECT_EQ(this->Ask({"A"}, this->Numeric(this->Row("A", odd)),
+                      this->Statuses(this->Words("A", {"OPEN"}))),
+            "no failure");
+  const DynWellOpPt& point = this->points_.at(0);
+  const auto bits = [](double number) { return std::bit_cast<std::uint64_t>(number); };
+  EXPECT_EQ(bits(point.oil_rate), bits(odd[0]));
+  EXPECT_EQ(bits(point.gas_rate), bits(odd[1]));
+  EXPECT_EQ(bits(point.tubing_head_pressure), bits(odd[7]));
+}
+
 TYPED_TEST(WellsTest, SettersOfNoWellsSendNothingWhateverTheRest) {
   this->connector_.SetWellStatus({}, {"OPEN"});
   this->connector_.SetWellUptime({}, {1});
@@ -368,8 +405,11 @@ TYPED_TEST(WellsTest, SettersOfNoWellsSendNothingWhateverTheRest) {
 TYPED_TEST(WellsTest, ConstraintsThatDoNotMatchFailBeforeAnythingIsSent) {
   using Properties = std::vector<std::vector<std::string>>;
   using Values = std::vector<std::vector<double>>;
-  const std::vector<std::pair<Properties, Values>> cases = {
-      {{{"X"}}, {{1}, {2}}}, {{{"X"}, {"Y"}}, {{1}}}, {{{"X"}, {"Y"}}, {{1}, {2, 3}}}};
+  const std::vector<std::pair<Properties, Values>> cases = {{{{"X"}}, {{1}, {2}}},
+                                                            {{{"X"}, {"Y"}}, {{1}}},
+                                                            {{{"X"}, {"Y"}}, {{1}, {2, 3}}},
+                                                            {{{"X"}, {"Y"}, {}}, {{1}, {2}}},
+                                                            {{{"X"}, {"Y"}}, {{1}, {2}, {}}}};
   for (const auto& [properties, values] : cases) {
     EXPECT_EQ(this->FailureOf([&, &names = properties, &numbers = values] {
       this->connector_.SetWellConstraints({"A", "B"}, names, numbers);
