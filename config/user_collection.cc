@@ -1,7 +1,6 @@
 #include "config/user_collection.h"
 
 #include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
 #include <strings.h>
 
@@ -9,6 +8,7 @@
 #include <memory>
 #include <string>
 
+#include "base/number.h"
 #include "config/regular_file.h"
 #include "log/flog.h"
 
@@ -31,7 +31,7 @@ bool Parse(char* line, CVKUser& user) {
   if (!Assign(user.linuxName, strtok_r(nullptr, " ", &rest))) return false;
   const char* allow = strtok_r(nullptr, "\n", &rest);
   if (allow == nullptr) return false;
-  user.allow = static_cast<std::int32_t>(strtol(allow, nullptr, 10));
+  user.allow = static_cast<std::int32_t>(NumberIn(allow));
   return true;
 }
 

@@ -1,10 +1,9 @@
 #include "daemon/options.h"
 
-#include <stdlib.h>
-
 #include <algorithm>
 #include <string_view>
 
+#include "base/number.h"
 #include "daemon/globals.h"
 
 namespace {
@@ -13,10 +12,6 @@ constexpr std::int32_t kLeastStartTimeout = 5;
 constexpr std::int32_t kLeastCommsBasePort = 2048;
 constexpr std::int32_t kLeastCommsPorts = 2;
 
-std::int32_t Number(const char* text) {
-  return static_cast<std::int32_t>(strtol(text, nullptr, 10));
-}
-
 }  // namespace
 
 Options ParseOptions(int argc, const char* const* argv) {
@@ -24,6 +19,7 @@ Options ParseOptions(int argc, const char* const* argv) {
   for (int i = 1; i < argc; ++i) {
     const std::string_view option = argv[i];
     const char* value = i + 1 < argc ? argv[i + 1] : argv[i];
+    const auto number = static_cast<std::int32_t>(NumberIn(value));
     const auto is = [option](std::string_view lower, std::string_view upper) {
       return option == lower || option == upper;
     };
@@ -32,10 +28,10 @@ Options ParseOptions(int argc, const char* const* argv) {
       break;
     }
     if (is("-u", "-U")) options.runAsRoot = false;
-    if (is("-p", "-P")) options.listenPort = Number(value);
-    if (is("-t", "-T")) options.startTimeout = std::max(Number(value), kLeastStartTimeout);
-    if (is("-o", "-O")) options.commsBasePort = std::max(Number(value), kLeastCommsBasePort);
-    if (is("-n", "-N")) options.commsPorts = std::max(Number(value), kLeastCommsPorts);
+    if (is("-p", "-P")) options.listenPort = number;
+    if (is("-t", "-T")) options.startTimeout = std::max(number, kLeastStartTimeout);
+    if (is("-o", "-O")) options.commsBasePort = std::max(number, kLeastCommsBasePort);
+    if (is("-n", "-N")) options.commsPorts = std::max(number, kLeastCommsPorts);
     if (is("-l", "-L")) options.commsLog = true;
     if (option == "-s") options.script = value;
   }

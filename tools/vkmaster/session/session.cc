@@ -1,11 +1,10 @@
 #include "tools/vkmaster/session/session.h"
 
-#include <stdlib.h>
-
 #include <algorithm>
 #include <iterator>
 #include <unordered_set>
 
+#include "base/number.h"
 #include "net/master_link.h"
 #include "tools/vkmaster/text/usage_error.h"
 
@@ -32,7 +31,7 @@ Words SplitAtCommas(const Words& words) {
 
 std::string CommsLog(const master::RunRequest& request) {
   // The daemon joins path and root without a slash, and adds the cluster's number to the root.
-  const bool cluster = std::strtol(request.cluster.c_str(), nullptr, 10) > 0;
+  const bool cluster = NumberIn(request.cluster.c_str()) > 0;
   return request.path + request.root + (cluster ? "_" + request.cluster : "") + ".crvnlog";
 }
 
