@@ -5,10 +5,11 @@
 #include <memory>
 #include <string>
 
-#include "config/env_collection.h"
+#include "base/number.h"
 #include "daemon/handshake.h"
 #include "daemon/launch.h"
 #include "daemon/manager_information.h"
+#include "daemon/refusal.h"
 #include "log/flog.h"
 #include "net/socket.h"
 #include "relay/connector_socket_wrapper.h"
@@ -16,12 +17,13 @@
 namespace {
 
 // Serves the master's requests until the run ends. The outcome stands in the comms log.
-void ControlRun(const CManagerInformation& info, const RunRequest& run, const std::string& host) {
-  const std::string name = run.path + run.root + ".crvnlog";
+void ControlRun(const CManagerInformation& info, const RunRequest& run, const std::string& root,
+                const std::string& host) {
+  const std::string name = run.path + root + ".crvnlog";
   // The system ends a name at a zero byte: any file of the account would be replaced by the log.
   const bool wanted = info.commsLog && name.find('\0') == std::string::npos;
   flog log(wanted ? name : std::string(), true);
-  const auto version = static_cast<int>(strtol(run.version.c_str(), nullptr, 10));
+  const auto version = static_cast<int>(NumberIn(run.version.c_str()));
   ConnectorSocketWrapper controller(version, host, info.master, info.commsPort, info.startTimeout,
                                     log);
   std::string error;
@@ -33,13 +35,12 @@ void ControlRun(const CManagerInformation& info, const RunRequest& run, const st
 }
 
 void AnswerCall(const CManagerInformation& info) {
-  std::unique_ptr<CEnvCollection> environment;
-  RunRequest run = ShakeHands(info, environment);
-  PrepareClusterRun(run, *info.log);
-  if (!StartScript(info, run)) return;
+  const RunRequest run = ShakeHands(info);
+  const std::string root = PrepareClusterRun(run, *info.log);
+  if (!StartScript(info, run, root)) return;
   const std::string host = AwaitHost(*info.log);
   SendLine(*info.master, "OK|" + host);
-  ControlRun(info, run, host);
+  ControlRun(info, run, root, host);
 }
 
 }  // namespace

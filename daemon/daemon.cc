@@ -15,7 +15,7 @@
 #include "daemon/globals.h"
 #include "daemon/manager_information.h"
 #include "daemon/options.h"
-#include "daemon/signals.h"
+#include "daemon/process.h"
 #include "log/flog.h"
 #include "log/timestamp.h"
 #include "net/socket.h"
@@ -26,7 +26,8 @@ namespace {
 constexpr const char* kDefaultScript = "./vkmpi_dir.sh";
 constexpr int kBacklog = 500;
 
-int Fail(const std::string& text) {
+// Returns the exit status of a daemon that has served nobody, for a reason or on request.
+int PrintAndEnd(const std::string& text) {
   fputs(text.c_str(), stdout);
   fflush(stdout);
   return 1;
@@ -158,11 +159,11 @@ int AcceptLoop(const Options& options, flog& log) {
 
 int RunDaemon(int argc, char** argv) {
   std::set_new_handler(EndWithoutMemory);
-  if (argc <= 1) return Fail(UsageText());
+  if (argc <= 1) return PrintAndEnd(UsageText());
   Options options = ParseOptions(argc, argv);
-  if (options.version) return Fail(VersionText());
+  if (options.version) return PrintAndEnd(VersionText());
   if (options.listenPort == 0) {
-    return Fail(
+    return PrintAndEnd(
         "Jobmill needs to be supplied with a port on which to listen for Corvane requests\n");
   }
   if (options.script.empty()) options.script = kDefaultScript;
@@ -170,10 +171,11 @@ int RunDaemon(int argc, char** argv) {
     perror(nullptr);
     exit(1);
   }
-  if (options.runAsRoot && getuid() != 0) return Fail("The jobmill must be run as root !\n");
+  if (options.runAsRoot && getuid() != 0) return PrintAndEnd("The jobmill must be run as root !\n");
   if (!Listen(options.listenPort)) {
-    return Fail("Error in creating socket to listen on port " + std::to_string(options.listenPort) +
-                ": check netstat to see if the port is already in use\n");
+    return PrintAndEnd("Error in creating socket to listen on port " +
+                       std::to_string(options.listenPort) +
+                       ": check netstat to see if the port is already in use\n");
   }
   const bool pathFound = FindExecutableDirectory();
   const std::unique_ptr<flog> log = OpenLog(options.listenPort);

@@ -1,16 +1,9 @@
 #pragma once
 
-#include <memory>
 #include <string>
 
-class CEnvCollection;
 class CManagerInformation;
 class Socket;
-
-/// The end of a connection before its controller runs. Whoever throws it has logged why.
-struct Refusal {
-  std::string text;  ///< for the master; nothing is sent when it is empty
-};
 
 /// The master's run request, as received and unchecked.
 struct RunRequest {
@@ -23,13 +16,12 @@ struct RunRequest {
   std::string debugFlag;
 };
 
-/// Sends one line. That a link is broken shows at the next receive; a line that there is no memory
-/// for has the master and this process wait for each other, so that throws std::bad_alloc.
+/// Sends one line. A broken link is no failure here: it shows at the next receive. Without memory
+/// for the line this throws std::bad_alloc, since the master and this process would wait for each
+/// other.
 void SendLine(Socket& master, const std::string& line);
 
 /// Exchanges versions with the master, reads its run request, applies the environment file to this
-/// process and, when the daemon runs as root, switches it for good to the Linux account of the
-/// Windows user. `environment` receives the entries of the environment file. Blocks for the
-/// master. Throws Refusal.
-RunRequest ShakeHands(const CManagerInformation& info,
-                      std::unique_ptr<CEnvCollection>& environment);
+/// process and, when the daemon runs as root, changes it for good to the Linux account of the
+/// Windows user. Blocks for the master. Throws Refusal.
+RunRequest ShakeHands(const CManagerInformation& info);

@@ -1,14 +1,8 @@
 #include "daemon/launch.h"
 
-#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
-#include <linux/close_range.h>
-#include <signal.h>
 #include <stdio.h>
-#include <stdlib.h>
-#include <string.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -16,45 +10,18 @@
 #include <string_view>
 #include <vector>
 
+#include "base/number.h"
 #include "daemon/handshake.h"
 #include "daemon/input_copy.h"
 #include "daemon/manager_information.h"
+#include "daemon/process.h"
+#include "daemon/refusal.h"
 #include "log/flog.h"
 
 namespace {
 
 constexpr int kLineSize = 1024;
 constexpr std::string_view kHostPrefix = "HOST=";
-
-int Number(const std::string& text) {
-  return static_cast<int>(strtol(text.c_str(), nullptr, 10));
-}
-
-// For what this process executes. A simulator may outlive its script: with a descriptor of ours it
-// would hold the master's connection, and the master would never learn that its controller has
-// died.
-void CloseOthersOnExec() {
-  constexpr int first = STDERR_FILENO + 1;
-  if (syscall(SYS_close_range, first, ~0U, CLOSE_RANGE_CLOEXEC) == 0) return;
-  // An older kernel.
-  DIR* open = opendir("/proc/self/fd");
-  if (open == nullptr) return;
-  while (const dirent* other = readdir(open)) {
-    const long number = strtol(other->d_name, nullptr, 10);
-    if (number >= first) fcntl(static_cast<int>(number), F_SETFD, FD_CLOEXEC);
-  }
-  closedir(open);
-}
-
-// Signals as a program expects them; the blocked and the ignored ones would survive the exec.
-void ResetSignals() {
-  signal(SIGPIPE, SIG_DFL);
-  signal(SIGXFSZ, SIG_DFL);
-  signal(SIGCHLD, SIG_DFL);
-  sigset_t none;
-  sigemptyset(&none);
-  sigprocmask(SIG_SETMASK, &none, nullptr);
-}
 
 // The arguments as execv() takes them, with its end mark. They stay where they are.
 std::vector<char*> VectorOf(const std::vector<std::string>& arguments) {
@@ -94,10 +61,10 @@ bool IsMissing(std::string_view host) {
 
 }  // namespace
 
-void PrepareClusterRun(RunRequest& run, flog& log) {
-  if (strtol(run.cluster.c_str(), nullptr, 10) <= 0) return;
+std::string PrepareClusterRun(const RunRequest& run, flog& log) {
+  if (NumberIn(run.cluster.c_str()) <= 0) return run.root;
   log << "Dealing with cluster run now ...\n";
-  const std::string extended = run.root + "_" + run.cluster;
+  std::string extended = run.root + "_" + run.cluster;
   const std::string source = run.path + "/" + run.root + ".afi";
   const std::string target = run.path + "/" + extended + ".afi";
   log << "Copying " << source << " to " << target << "\n";
@@ -106,14 +73,15 @@ void PrepareClusterRun(RunRequest& run, flog& log) {
   // better than cp does.
   log << (CopyInput(source, target) ? "Copy succeeded\n"
                                     : "Copy failed - run will probably fail\n");
-  run.root = extended;
+  return extended;
 }
 
-bool StartScript(const CManagerInformation& info, const RunRequest& run) {
+bool StartScript(const CManagerInformation& info, const RunRequest& run, const std::string& root) {
   flog& log = *info.log;
+  const auto processes = static_cast<int>(NumberIn(run.processes.c_str()));
   const std::vector<std::string> arguments = {
-      info.script, std::to_string(Number(run.processes)), run.path,
-      run.root,    std::to_string(info.commsPort),        run.debugFlag};
+      info.script, std::to_string(processes),      run.path,
+      root,        std::to_string(info.commsPort), run.debugFlag};
   const std::vector<char*> vector = VectorOf(arguments);
   std::array<int, 2> ends{};
   if (pipe2(ends.data(), O_CLOEXEC) != 0) {

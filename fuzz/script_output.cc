@@ -13,8 +13,8 @@
 #include <string>
 #include <string_view>
 
-#include "daemon/handshake.h"
 #include "daemon/launch.h"
+#include "daemon/refusal.h"
 #include "fuzz/support/input.h"
 #include "fuzz/support/promise.h"
 #include "log/flog.h"

@@ -19,7 +19,7 @@
 #include "daemon/daemon.h"
 #include "daemon/globals.h"
 #include "daemon/manager_information.h"
-#include "daemon/signals.h"
+#include "daemon/process.h"
 #include "log/flog.h"
 #include "net/socket.h"
 #include "tests/allocation/failing_allocations.h"

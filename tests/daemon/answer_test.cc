@@ -28,7 +28,7 @@
 
 #include "daemon/globals.h"
 #include "daemon/manager_information.h"
-#include "daemon/signals.h"
+#include "daemon/process.h"
 #include "log/flog.h"
 #include "net/socket.h"
 #include "tests/support/answered_call.h"
