@@ -12,6 +12,7 @@
 
 #include <array>
 
+#include "base/descriptor.h"
 #include "config/user_collection.h"
 #include "daemon/globals.h"
 #include "daemon/refusal.h"
@@ -62,10 +63,8 @@ bool CanBecomeRoot(uid_t user) {
 // Gives up the terminal from which the daemon was started. The session stays the same, so that
 // Ctrl-C at the terminal still ends this process.
 void LeaveTerminal() {
-  const int terminal = open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC);
-  if (terminal < 0) return;
-  ioctl(terminal, TIOCNOTTY);
-  close(terminal);
+  const Descriptor terminal(open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC));
+  if (terminal) ioctl(terminal.get(), TIOCNOTTY);
 }
 
 // The order of the steps matters:

@@ -10,6 +10,7 @@
 #include <string_view>
 #include <vector>
 
+#include "base/descriptor.h"
 #include "base/number.h"
 #include "daemon/handshake.h"
 #include "daemon/input_copy.h"
@@ -88,20 +89,19 @@ bool StartScript(const CManagerInformation& info, const RunRequest& run, const s
     log << "Error: pipe failed\n";
     throw Refusal{};
   }
-  const auto [readEnd, writeEnd] = ends;
+  const Descriptor readEnd(ends[0]);
+  const Descriptor writeEnd(ends[1]);
   const pid_t script = fork();
   if (script < 0) {
     log << "Error: fork failed\n";
     throw Refusal{};
   }
   if (script == 0) {
-    ExecuteScript(vector, writeEnd, log);
+    ExecuteScript(vector, writeEnd.get(), log);
     return false;
   }
   // Whatever stands there otherwise, a terminal maybe, is not the script's output.
-  if (dup2(readEnd, STDIN_FILENO) < 0) close(STDIN_FILENO);
-  close(writeEnd);
-  close(readEnd);
+  if (dup2(readEnd.get(), STDIN_FILENO) < 0) close(STDIN_FILENO);
   return true;
 }
 

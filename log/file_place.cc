@@ -27,53 +27,49 @@ std::string TemporaryName() {
 FilePlace::FilePlace(const std::string& file) : FilePlace(file, AT_FDCWD) {}
 
 FilePlace::FilePlace(const std::string& file, const FilePlace& beside)
-    : FilePlace(file, beside.directory_) {}
+    : FilePlace(file, beside.directory_.get()) {}
 
-FilePlace::FilePlace(const std::string& file, int from) : name_(file.substr(file.rfind('/') + 1)) {
-  directory_ = openat(from, DirectoryOf(file).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
-}
+FilePlace::FilePlace(const std::string& file, int from)
+    : directory_(openat(from, DirectoryOf(file).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)),
+      name_(file.substr(file.rfind('/') + 1)) {}
 
-FilePlace::~FilePlace() {
-  if (directory_ >= 0) close(directory_);
-}
-
-int FilePlace::CreateFresh(int flags, mode_t mode) const {
+Descriptor FilePlace::CreateFresh(int flags, mode_t mode) const {
   const std::string temporary = TemporaryName();
-  const int descriptor =
-      openat(directory_, temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | flags, mode);
-  if (descriptor < 0) return -1;
-  if (renameat(directory_, temporary.c_str(), directory_, name_.c_str()) == 0) return descriptor;
-  const int error = errno;
-  unlinkat(directory_, temporary.c_str(), 0);
-  close(descriptor);
-  errno = error;
-  return -1;
-}
-
-int FilePlace::OpenSole(int flags, mode_t mode, struct stat& status) const {
-  // A pipe without a reader is refused by O_NONBLOCK instead of waited for.
-  const int descriptor = openat(directory_, name_.c_str(),
-                                O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | flags, mode);
-  if (descriptor < 0) return -1;
-  if (fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode) && status.st_nlink == 1) {
-    return descriptor;
+  Descriptor fresh(openat(directory_.get(), temporary.c_str(),
+                          O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | flags, mode));
+  if (!fresh ||
+      renameat(directory_.get(), temporary.c_str(), directory_.get(), name_.c_str()) == 0) {
+    return fresh;
   }
-  close(descriptor);
-  errno = EPERM;
-  return -1;
+  const int error = errno;
+  unlinkat(directory_.get(), temporary.c_str(), 0);
+  errno = error;
+  return {};
 }
 
-int FilePlace::Look() const {
-  return openat(directory_, name_.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC);
+Descriptor FilePlace::OpenSole(int flags, mode_t mode, struct stat& status) const {
+  // A pipe without a reader is refused by O_NONBLOCK instead of waited for.
+  Descriptor file(openat(directory_.get(), name_.c_str(),
+                         O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | flags, mode));
+  if (!file) return file;
+  if (fstat(file.get(), &status) == 0 && S_ISREG(status.st_mode) && status.st_nlink == 1) {
+    return file;
+  }
+  errno = EPERM;
+  return {};
+}
+
+Descriptor FilePlace::Look() const {
+  return Descriptor(openat(directory_.get(), name_.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
 }
 
 bool FilePlace::Remove(int flags) const {
-  return unlinkat(directory_, name_.c_str(), flags) == 0;
+  return unlinkat(directory_.get(), name_.c_str(), flags) == 0;
 }
 
 bool FilePlace::IsOpenToOthers() const {
   struct stat status {};
-  if (fstat(directory_, &status) != 0) return true;
+  if (fstat(directory_.get(), &status) != 0) return true;
   return (status.st_uid != geteuid() && status.st_uid != 0) ||
          (status.st_mode & (S_IWGRP | S_IWOTH)) != 0;
 }

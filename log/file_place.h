@@ -4,12 +4,14 @@
 
 #include <string>
 
+#include "base/descriptor.h"
+
 /// The place of a file that this process writes in a directory where others may write too. Whoever
 /// guesses the name can put a link, a pipe or a file of his own there, so nothing that exists is
 /// opened by its name before it is known for what it is, and no link is followed.
 ///
 /// The directory is looked up once and held open: whoever exchanges it meanwhile does not part what
-/// happens here. Operations fail with -1 and errno, among them for a directory that there is not.
+/// happens here. A descriptor that cannot be had is none, with the reason in errno.
 class FilePlace {
  public:
   /// The place named `file`.
@@ -18,23 +20,19 @@ class FilePlace {
   /// The same; a name that does not begin at the root begins in the directory of `beside`.
   FilePlace(const std::string& file, const FilePlace& beside);
 
-  FilePlace(const FilePlace&) = delete;
-  FilePlace& operator=(const FilePlace&) = delete;
-  ~FilePlace();
-
   /// Puts a fresh, empty file there and opens it to write. The file, link or pipe that was there is
   /// replaced and never opened; a directory is not. `flags` are further ones of open(); the umask
   /// applies to `mode`. Fails, with everything as it was, where the directory takes no new file.
-  int CreateFresh(int flags, mode_t mode) const;
+  Descriptor CreateFresh(int flags, mode_t mode) const;
 
   /// Opens the regular file that stands there to write. One with another name besides fails with
   /// EPERM: it may be none of this process's business, linked here by whoever guessed the name.
   /// Never waits. `flags` are further ones of open(), `mode` is that of a file which they create.
-  int OpenSole(int flags, mode_t mode, struct stat& status) const;
+  Descriptor OpenSole(int flags, mode_t mode, struct stat& status) const;
 
   /// What stands there, a link itself included, to look at: a descriptor that neither reads nor
   /// writes.
-  int Look() const;
+  Descriptor Look() const;
 
   /// Removes what stands there; with AT_REMOVEDIR an empty directory.
   bool Remove(int flags) const;
@@ -45,6 +43,6 @@ class FilePlace {
  private:
   FilePlace(const std::string& file, int from);
 
-  int directory_;
+  Descriptor directory_;
   std::string name_;
 };

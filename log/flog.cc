@@ -11,6 +11,7 @@
 #include <new>
 #include <string_view>
 #include <type_traits>
+#include <utility>
 
 #include "log/file_place.h"
 #include "log/standard_output.h"
@@ -20,38 +21,36 @@ namespace {
 
 constexpr mode_t kPublic = 0666;
 
-int Publish(int descriptor) {
-  if (descriptor >= 0) fchmod(descriptor, kPublic);  // whatever the umask
-  return descriptor;
+Descriptor Publish(Descriptor file) {
+  if (file) fchmod(file.get(), kPublic);  // whatever the umask
+  return file;
 }
 
-int OpenStanding(const FilePlace& place) {
+Descriptor OpenStanding(const FilePlace& place) {
   struct stat status {};
-  const int descriptor = place.OpenSole(O_APPEND, 0, status);
-  if (descriptor < 0) return -1;
-  if (!place.IsOpenToOthers()) return Publish(descriptor);
+  Descriptor file = place.OpenSole(O_APPEND, 0, status);
+  if (file && !place.IsOpenToOthers()) return Publish(std::move(file));
   // Somebody else may have put there what stands there, to have it written to: a file of his own,
   // or one of ours, moved there, that only we may read. Ours is written to, but not opened to all.
-  if (status.st_uid == geteuid()) return descriptor;
-  close(descriptor);
-  return -1;
+  if (status.st_uid != geteuid()) file.Reset();
+  return file;
 }
 
-int Create(const FilePlace& place) {
+Descriptor Create(const FilePlace& place) {
   struct stat status {};
   return Publish(place.OpenSole(O_APPEND | O_CREAT | O_EXCL, kPublic, status));
 }
 
-int CreateFresh(const FilePlace& place) {
-  const int fresh = place.CreateFresh(O_APPEND, kPublic);
-  if (fresh >= 0 || errno != EISDIR || !place.Remove(AT_REMOVEDIR)) return Publish(fresh);
+Descriptor CreateFresh(const FilePlace& place) {
+  Descriptor fresh = place.CreateFresh(O_APPEND, kPublic);
+  if (fresh || errno != EISDIR || !place.Remove(AT_REMOVEDIR)) return Publish(std::move(fresh));
   // An empty directory goes the way it would with remove().
   return Publish(place.CreateFresh(O_APPEND, kPublic));
 }
 
-int OpenLog(const FilePlace& place, bool removeOld) {
-  const int fresh = removeOld ? CreateFresh(place) : Create(place);
-  if (fresh >= 0) return fresh;
+Descriptor OpenLog(const FilePlace& place, bool removeOld) {
+  Descriptor fresh = removeOld ? CreateFresh(place) : Create(place);
+  if (fresh) return fresh;
   // There may be room for one file only, the old one.
   if (removeOld && place.Remove(0)) return Create(place);
   // A file may be writable in a directory that is not.
@@ -92,26 +91,17 @@ flog::flog(const std::string& file, bool removeOld) {
   SetFile(file, removeOld);
 }
 
-flog::~flog() {
-  Close();
-}
-
-void flog::Close() {
-  if (descriptor_ >= 0) close(descriptor_);
-  descriptor_ = -1;
-}
-
 void flog::SetFile(const std::string& file, bool removeOld) {
-  Close();
+  file_.Reset();
   silent_ = false;
   try {
     // As the system sees the name.
     const std::string name = file.substr(0, file.find('\0'));
-    if (!name.empty()) descriptor_ = OpenLog(FilePlace(name), removeOld);
+    if (!name.empty()) file_ = OpenLog(FilePlace(name), removeOld);
   } catch (const std::bad_alloc&) {
     // Disabled, as without a file.
   }
-  disabled_ = descriptor_ < 0 ? 1 : 0;
+  disabled_ = file_ ? 0 : 1;
   if (disabled_ == 0) output.Inspect();
 }
 
@@ -127,7 +117,7 @@ flog& flog::operator<<(T value) {
   }
   Room room;
   const std::string_view text = Text(value, room);
-  if (!silent_) WriteAll(descriptor_, text);
+  if (!silent_) WriteAll(file_.get(), text);
   output.Print(text);
   return *this;
 }

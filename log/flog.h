@@ -3,6 +3,8 @@
 #include <cstdint>
 #include <string>
 
+#include "base/descriptor.h"
+
 /// A log that survives a crash at any point: every item goes to the file and to standard output
 /// and is flushed in both before the call returns. There are no levels, prefixes or line ends of
 /// its own; callers stream a line together and end it with "\n".
@@ -16,7 +18,6 @@ class flog {
   flog(const std::string& file, bool removeOld);
   flog(const flog&) = delete;
   flog& operator=(const flog&) = delete;
-  ~flog();
 
   /// Redirects the log to `file`, which ends with mode 0666 whatever the umask says: the daemon
   /// runs as root, and the owners of the runs have to read and remove their logs. With
@@ -45,9 +46,7 @@ class flog {
   flog& operator<<(T value);
 
  private:
-  void Close();
-
-  int descriptor_ = -1;  ///< of the file; -1 when there is none
+  Descriptor file_;
   std::int32_t disabled_ = 0;
   bool silent_ = false;  ///< no more goes to the file
 };

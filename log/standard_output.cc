@@ -61,11 +61,10 @@ void StandardOutput::Inspect() {
 
 // As a description of its own, unless there is one of the same already.
 void StandardOutput::Reopen(const struct stat& status) {
-  if (!IsSame(reopened_, status)) {
-    if (reopened_ >= 0) close(reopened_);
-    reopened_ = open("/proc/self/fd/1", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+  if (!IsSame(reopened_.get(), status)) {
+    reopened_ = Descriptor(open("/proc/self/fd/1", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
   }
-  kind_ = reopened_ >= 0 ? Kind::kReopened : Kind::kHolding;
+  kind_ = reopened_ ? Kind::kReopened : Kind::kHolding;
 }
 
 void StandardOutput::Print(std::string_view text) {
@@ -92,7 +91,7 @@ void StandardOutput::Print(std::string_view text) {
 
 // As write(), but EAGAIN in place of waiting.
 ssize_t StandardOutput::Try(std::string_view text) const {
-  if (kind_ == Kind::kReopened) return write(reopened_, text.data(), text.size());
+  if (kind_ == Kind::kReopened) return write(reopened_.get(), text.data(), text.size());
   if (kind_ == Kind::kSocket)
     return send(STDOUT_FILENO, text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
   if (!IsAnnounced(milliseconds(0))) {

@@ -6,6 +6,8 @@
 #include <chrono>
 #include <string_view>
 
+#include "base/descriptor.h"
+
 /// Standard output of all logs of a process: what it is, and whether it may still be written to.
 ///
 /// A terminal that nobody empties or a pipe whose reader has stopped would hold daemon and
@@ -39,5 +41,5 @@ class StandardOutput {
   bool silent_ = false;
   bool stuck_ = false;
   Kind kind_ = Kind::kHolding;
-  int reopened_ = -1;
+  Descriptor reopened_;
 };

@@ -9,7 +9,6 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -85,35 +84,7 @@ int ConnectOnce(int descriptor, const addrinfo& address, const Deadline& deadlin
 
 FrameChannel::FrameChannel(int descriptor) : descriptor_(descriptor) {
   // Every wait is in poll(), which also sees the wake-up descriptor.
-  fcntl(descriptor_, F_SETFL, fcntl(descriptor_, F_GETFL) | O_NONBLOCK);
-}
-
-FrameChannel::FrameChannel(FrameChannel&& other) noexcept
-    : descriptor_(std::exchange(other.descriptor_, -1)),
-      wake_(other.wake_),
-      pending_(std::move(other.pending_)),
-      interval_(other.interval_),
-      tick_(std::move(other.tick_)) {}
-
-FrameChannel& FrameChannel::operator=(FrameChannel&& other) noexcept {
-  if (this != &other) {
-    Close();
-    descriptor_ = std::exchange(other.descriptor_, -1);
-    wake_ = other.wake_;
-    pending_ = std::move(other.pending_);
-    interval_ = other.interval_;
-    tick_ = std::move(other.tick_);
-  }
-  return *this;
-}
-
-FrameChannel::~FrameChannel() {
-  Close();
-}
-
-void FrameChannel::Close() {
-  if (descriptor_ >= 0) close(descriptor_);
-  descriptor_ = -1;
+  fcntl(descriptor, F_SETFL, fcntl(descriptor, F_GETFL) | O_NONBLOCK);
 }
 
 FrameChannel FrameChannel::ConnectTo(const std::string& host, int port, milliseconds limit,
@@ -164,11 +135,11 @@ void FrameChannel::Send(std::string_view body) {
 
   std::string_view rest = frame;
   while (!rest.empty()) {
-    const ssize_t sent = send(descriptor_, rest.data(), rest.size(), MSG_NOSIGNAL);
+    const ssize_t sent = send(descriptor_.get(), rest.data(), rest.size(), MSG_NOSIGNAL);
     if (sent >= 0) {
       rest.remove_prefix(static_cast<std::size_t>(sent));
     } else if (errno == EAGAIN) {
-      if (!WaitFor(descriptor_, POLLOUT, -1, Clock::now() + kSendLimit).ready) {
+      if (!WaitFor(descriptor_.get(), POLLOUT, -1, Clock::now() + kSendLimit).ready) {
         throw LinkLost("The daemon takes no more data");
       }
     } else if (errno != EINTR) {
@@ -193,7 +164,7 @@ std::optional<std::string> FrameChannel::Receive(const Deadline& deadline) {
 }
 
 void FrameChannel::FinishSending() {
-  shutdown(descriptor_, SHUT_WR);
+  shutdown(descriptor_.get(), SHUT_WR);
 }
 
 // How many bytes the length field still lacks, or the frame once its length is known. No more are
@@ -212,7 +183,7 @@ bool FrameChannel::ReadSome() {
   const std::size_t had = pending_.size();
   const std::size_t piece = std::min(Wanted(), kPiece);
   pending_.resize(had + piece);
-  const ssize_t got = recv(descriptor_, pending_.data() + had, piece, 0);
+  const ssize_t got = recv(descriptor_.get(), pending_.data() + had, piece, 0);
   const int error = errno;
   pending_.resize(had + static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
   if (got < 0 && error != EAGAIN && error != EINTR) {
@@ -224,7 +195,7 @@ bool FrameChannel::ReadSome() {
 void FrameChannel::WaitReadable(const Deadline& deadline) {
   while (true) {
     const Deadline tick = tick_ ? Deadline(Clock::now() + interval_) : Deadline();
-    const Readiness now = WaitFor(descriptor_, POLLIN, wake_, Sooner(deadline, tick));
+    const Readiness now = WaitFor(descriptor_.get(), POLLIN, wake_, Sooner(deadline, tick));
     if (now.woken) throw Interrupted("Interrupted while waiting for the daemon");
     if (now.ready) return;
     if (deadline && Clock::now() >= *deadline) throw TimedOut("The daemon did not answer in time");

@@ -7,6 +7,8 @@
 #include <string>
 #include <string_view>
 
+#include "base/descriptor.h"
+
 namespace master {
 
 using Clock = std::chrono::steady_clock;
@@ -27,9 +29,6 @@ class FrameChannel {
 
   /// Owns `descriptor`, a connected stream socket.
   explicit FrameChannel(int descriptor);
-  FrameChannel(FrameChannel&& other) noexcept;
-  FrameChannel& operator=(FrameChannel&& other) noexcept;
-  ~FrameChannel();
 
   /// Connects to the first reachable IPv4 address of `host`, the family the daemon listens on.
   /// Throws ConnectError, or Interrupted when `wake` (-1 for none) becomes readable.
@@ -60,9 +59,8 @@ class FrameChannel {
   std::size_t Wanted() const;
   bool ReadSome();
   void WaitReadable(const Deadline& deadline);
-  void Close();
 
-  int descriptor_;
+  Descriptor descriptor_;
   int wake_ = -1;
   std::string pending_;  // the frame being received, its length field included
   std::chrono::milliseconds interval_{0};

@@ -6,11 +6,12 @@
 #include <string.h>
 #include <sys/select.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <array>
 #include <cstdint>
 #include <limits>
+
+#include "base/descriptor.h"
 
 namespace {
 
@@ -60,23 +61,18 @@ SocketServer::SocketServer(int port, int backlog) {
 }
 
 int SocketServer::IsAvailablePort(int port) {
-  const int handle = NewSocket();
-  if (handle < 0) return -1;
-  const int bound = Bind(handle, port);
-  close(handle);
-  return bound == 0 ? 0 : -2;
+  const Descriptor probe(NewSocket());
+  if (!probe) return -1;
+  return Bind(probe.get(), port) == 0 ? 0 : -2;
 }
 
 Socket* SocketServer::Accept() {
-  const int connection = accept4(handle_, nullptr, nullptr, SOCK_CLOEXEC);
+  Descriptor connection(accept4(handle_, nullptr, nullptr, SOCK_CLOEXEC));
   // NOLINTNEXTLINE(misc-throw-by-value-catch-by-reference): callers catch texts
-  if (connection < 0) throw static_cast<const char*>("Invalid Socket");
-  try {
-    return new Socket(connection);
-  } catch (...) {
-    close(connection);  // nobody else knows of it
-    throw;
-  }
+  if (!connection) throw static_cast<const char*>("Invalid Socket");
+  auto* master = new Socket(connection.get());
+  connection.Release();
+  return master;
 }
 
 Socket* SocketServer::Accept(int seconds, int* ready) {

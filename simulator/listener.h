@@ -2,9 +2,9 @@
 
 #include <chrono>
 #include <cstdint>
-#include <optional>
 #include <string>
 
+#include "base/descriptor.h"
 #include "simulator/stop_signal.h"
 
 namespace simulator {
@@ -16,18 +16,15 @@ class Listener {
   /// takes a free one. Throws std::system_error "cannot listen on <address>:<port>: ...", or
   /// std::invalid_argument for an address of another form.
   Listener(const std::string& address, std::uint16_t port);
-  ~Listener();
-  Listener(const Listener&) = delete;
-  Listener& operator=(const Listener&) = delete;
 
   std::uint16_t port() const;
 
-  /// The connection of the first controller that comes within `limit`, as a descriptor that the
-  /// caller owns; nothing if none came or `stop` was raised. Afterwards nobody else is let in.
-  std::optional<int> accept(std::chrono::milliseconds limit, const StopSignal& stop);
+  /// The connection of the first controller that comes within `limit`; none if nobody came or
+  /// `stop` was raised. Afterwards nobody else is let in.
+  Descriptor accept(std::chrono::milliseconds limit, const StopSignal& stop);
 
  private:
-  int descriptor_;
+  Descriptor descriptor_;
 };
 
 }  // namespace simulator

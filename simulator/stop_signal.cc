@@ -14,11 +14,7 @@
 namespace simulator {
 
 StopSignal::StopSignal() : event_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-  if (event_ < 0) throw std::system_error(errno, std::generic_category(), "eventfd");
-}
-
-StopSignal::~StopSignal() {
-  close(event_);
+  if (!event_) throw std::system_error(errno, std::generic_category(), "eventfd");
 }
 
 void StopSignal::raise() noexcept {
@@ -26,7 +22,7 @@ void StopSignal::raise() noexcept {
   raised_ = true;
   const std::uint64_t one = 1;
   // The write fails only when the counter is full, and then wait() sees it already.
-  [[maybe_unused]] const ssize_t written = write(event_, &one, sizeof one);
+  [[maybe_unused]] const ssize_t written = write(event_.get(), &one, sizeof one);
   if (const int connection = watched_; connection >= 0) shutdown(connection, SHUT_RDWR);
   errno = saved;
 }
@@ -35,7 +31,7 @@ StopSignal::Wait StopSignal::wait(int descriptor, std::chrono::milliseconds limi
   using Clock = std::chrono::steady_clock;
   const auto end = Clock::now() + limit;
   for (;;) {
-    std::array<pollfd, 2> watched{{{event_, POLLIN, 0}, {descriptor, POLLIN, 0}}};
+    std::array<pollfd, 2> watched{{{event_.get(), POLLIN, 0}, {descriptor, POLLIN, 0}}};
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now()).count();
     const auto longest = std::clamp<std::int64_t>(left, 0, 3'600'000);
     const int ready =

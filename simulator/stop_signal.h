@@ -3,13 +3,14 @@
 #include <atomic>
 #include <chrono>
 
+#include "base/descriptor.h"
+
 namespace simulator {
 
 /// Asks a running simulator to end, from a signal handler or another thread.
 class StopSignal {
  public:
   StopSignal();  ///< Throws std::system_error if the system has no descriptor left.
-  ~StopSignal();
   StopSignal(const StopSignal&) = delete;
   StopSignal& operator=(const StopSignal&) = delete;
 
@@ -27,7 +28,7 @@ class StopSignal {
   Wait wait(int descriptor, std::chrono::milliseconds limit) const;
 
  private:
-  int event_;
+  Descriptor event_;
   std::atomic<int> watched_ = -1;
   std::atomic<bool> raised_ = false;
 };

@@ -29,8 +29,8 @@ class FilePlaceTest : public testing::Test {
   // "OPENED", or the error's text.
   std::string OpenSole(const std::string& name) const {
     struct stat status {};
-    const Descriptor opened(FilePlace(directory_.File(name)).OpenSole(0, 0, status));
-    return opened.get() >= 0 ? "OPENED" : strerror(errno);
+    const Descriptor opened = FilePlace(directory_.File(name)).OpenSole(0, 0, status);
+    return opened ? "OPENED" : strerror(errno);
   }
 
   std::vector<std::string> Names() const {
@@ -47,7 +47,7 @@ class FilePlaceTest : public testing::Test {
 TEST_F(FilePlaceTest, FreshFileTakesTheNameAndLeavesWhatHadItAsItWas) {
   directory_.Write("a", "old");
   const Descriptor old(open(directory_.File("a").c_str(), O_RDONLY | O_CLOEXEC));
-  const Descriptor fresh(FilePlace(directory_.File("a")).CreateFresh(0, 0644));
+  const Descriptor fresh = FilePlace(directory_.File("a")).CreateFresh(0, 0644);
   ASSERT_EQ(write(fresh.get(), "new", 3), 3);
   EXPECT_EQ(directory_.Read("a"), "new");
   std::string text(10, '\0');
@@ -57,7 +57,7 @@ TEST_F(FilePlaceTest, FreshFileTakesTheNameAndLeavesWhatHadItAsItWas) {
 
 TEST_F(FilePlaceTest, FreshFileHasTheModeThatTheUmaskLeavesAndIsClosedOnExec) {
   const mode_t old = umask(0027);
-  const Descriptor fresh(FilePlace(directory_.File("a")).CreateFresh(O_APPEND, 0646));
+  const Descriptor fresh = FilePlace(directory_.File("a")).CreateFresh(O_APPEND, 0646);
   umask(old);
   struct stat status {};
   ASSERT_EQ(fstat(fresh.get(), &status), 0);
@@ -70,7 +70,7 @@ TEST_F(FilePlaceTest, FreshFileNeedsNoRandomNumber) {
   ChildProcess::Options options;
   options.inChild = [this] {
     if (!AnswerCall(SYS_getrandom, [] { return static_cast<long>(-ENOSYS); })) return 77;
-    return FilePlace(directory_.File("a")).CreateFresh(0, 0644) >= 0 ? 0 : 1;
+    return FilePlace(directory_.File("a")).CreateFresh(0, 0644) ? 0 : 1;
   };
   const int result = ChildProcess({}, options).Wait(std::chrono::seconds(10)).value_or(-1);
   if (result == 77) GTEST_SKIP() << "system calls cannot be answered here";
@@ -85,8 +85,8 @@ TEST_F(FilePlaceTest, LinkUnderTheTemporaryNameIsNotFollowed) {
   options.inChild = [&] {
     fs::create_symlink(victim, directory_.File(".jobmill-" + std::to_string(getpid())));
     if (!AnswerCall(SYS_getrandom, [] { return static_cast<long>(-ENOSYS); })) return 77;
-    const int fresh = FilePlace(directory_.File("a")).CreateFresh(0, 0644);
-    return fresh == -1 && errno == EEXIST ? 0 : 1;
+    const Descriptor fresh = FilePlace(directory_.File("a")).CreateFresh(0, 0644);
+    return !fresh && errno == EEXIST ? 0 : 1;
   };
   const int result = ChildProcess({}, options).Wait(std::chrono::seconds(10)).value_or(-1);
   if (result == 77) GTEST_SKIP() << "system calls cannot be answered here";
@@ -96,7 +96,7 @@ TEST_F(FilePlaceTest, LinkUnderTheTemporaryNameIsNotFollowed) {
 
 TEST_F(FilePlaceTest, DirectoryInTheWayIsAnErrorThatLeavesNothingBehind) {
   fs::create_directory(directory_.path() / "a");
-  EXPECT_EQ(FilePlace(directory_.File("a")).CreateFresh(0, 0644), -1);
+  EXPECT_FALSE(FilePlace(directory_.File("a")).CreateFresh(0, 0644));
   EXPECT_EQ(errno, EISDIR);
   EXPECT_THAT(Names(), testing::ElementsAre("a"));
 }
@@ -104,9 +104,9 @@ TEST_F(FilePlaceTest, DirectoryInTheWayIsAnErrorThatLeavesNothingBehind) {
 TEST_F(FilePlaceTest, DirectoryThatThereIsNotIsAnError) {
   struct stat status {};
   const FilePlace place(directory_.File("absent/a"));
-  EXPECT_EQ(place.CreateFresh(0, 0644), -1);
-  EXPECT_EQ(place.OpenSole(O_CREAT, 0644, status), -1);
-  EXPECT_EQ(place.Look(), -1);
+  EXPECT_FALSE(place.CreateFresh(0, 0644));
+  EXPECT_FALSE(place.OpenSole(O_CREAT, 0644, status));
+  EXPECT_FALSE(place.Look());
   EXPECT_FALSE(place.Remove(0));
   EXPECT_TRUE(place.IsOpenToOthers());
 }
@@ -116,7 +116,7 @@ TEST_F(FilePlaceTest, DirectoryThatIsExchangedStaysTheOneThatWasFound) {
   const FilePlace place(directory_.File("here/a"));
   fs::rename(directory_.path() / "here", directory_.path() / "moved");
   fs::create_directory(directory_.path() / "here");
-  const Descriptor fresh(place.CreateFresh(0, 0644));
+  const Descriptor fresh = place.CreateFresh(0, 0644);
   EXPECT_TRUE(fs::exists(directory_.path() / "moved" / "a"));
   EXPECT_FALSE(fs::exists(directory_.path() / "here" / "a"));
 }
@@ -124,12 +124,12 @@ TEST_F(FilePlaceTest, DirectoryThatIsExchangedStaysTheOneThatWasFound) {
 TEST_F(FilePlaceTest, NameWithoutADirectoryBeginsInTheWorkingDirectoryOrBesideTheOther) {
   directory_.Write("a", "");
   const FilePlace other(directory_.File("other"));
-  EXPECT_GE(Descriptor(FilePlace("a", other).Look()).get(), 0);
-  EXPECT_GE(Descriptor(FilePlace("./a", other).Look()).get(), 0);
-  EXPECT_GE(Descriptor(FilePlace(directory_.File("a"), other).Look()).get(), 0);
+  EXPECT_TRUE(FilePlace("a", other).Look());
+  EXPECT_TRUE(FilePlace("./a", other).Look());
+  EXPECT_TRUE(FilePlace(directory_.File("a"), other).Look());
   ChildProcess::Options options;
   options.directory = directory_.path().string();
-  options.inChild = [] { return FilePlace("a").Look() >= 0 ? 0 : 1; };
+  options.inChild = [] { return FilePlace("a").Look() ? 0 : 1; };
   EXPECT_EQ(ChildProcess({}, options).Wait(std::chrono::seconds(10)), 0);
 }
 
@@ -155,7 +155,7 @@ TEST_F(FilePlaceTest, PipeIsNotOpenedWhetherOrNotSomebodyReadsFromIt) {
 
 TEST_F(FilePlaceTest, LookSeesTheLinkAndNotWhatItLeadsTo) {
   fs::create_symlink(directory_.Write("target", ""), directory_.File("link"));
-  const Descriptor link(FilePlace(directory_.File("link")).Look());
+  const Descriptor link = FilePlace(directory_.File("link")).Look();
   struct stat status {};
   ASSERT_EQ(fstat(link.get(), &status), 0);
   EXPECT_TRUE(S_ISLNK(status.st_mode));

@@ -2,36 +2,10 @@
 
 #include <netinet/in.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <stdexcept>
-#include <utility>
 
-/// A descriptor with one owner.
-class Descriptor {
- public:
-  Descriptor() = default;
-  explicit Descriptor(int descriptor) : descriptor_(descriptor) {}
-  Descriptor(Descriptor&& other) noexcept : descriptor_(std::exchange(other.descriptor_, -1)) {}
-  Descriptor& operator=(Descriptor&& other) noexcept {
-    if (this != &other) {
-      Reset();
-      descriptor_ = std::exchange(other.descriptor_, -1);
-    }
-    return *this;
-  }
-  ~Descriptor() { Reset(); }
-
-  int get() const { return descriptor_; }
-  int Release() { return std::exchange(descriptor_, -1); }
-  void Reset() {
-    if (descriptor_ >= 0) close(descriptor_);
-    descriptor_ = -1;
-  }
-
- private:
-  int descriptor_ = -1;
-};
+#include "base/descriptor.h"
 
 /// Two connected stream sockets without a port: `ours` for the code under test, `peer` for the
 /// test.

@@ -17,6 +17,7 @@
 
 #include <fmt/format.h>
 
+#include "base/descriptor.h"
 #include "master/errors.h"
 #include "master/launch.h"
 #include "tools/vkmaster/command_line/hints.h"
@@ -44,9 +45,9 @@ Deadline In(std::chrono::seconds wait) {
 /// The commands of a file. All of them are parsed before the launch: a mistake in line 40 must not
 /// cost a run.
 std::vector<Command> ReadCommandFile(const std::string& file) {
-  const int descriptor = open(file.c_str(), O_RDONLY | O_CLOEXEC);
-  if (descriptor < 0) throw UsageError("Cannot read the file '" + file + "'");
-  DescriptorLines lines(descriptor, -1);
+  const Descriptor input(open(file.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!input) throw UsageError("Cannot read the file '" + file + "'");
+  DescriptorLines lines(input.get(), -1);
   std::vector<Command> commands;
   int number = 0;
   try {
@@ -57,10 +58,8 @@ std::vector<Command> ReadCommandFile(const std::string& file) {
       }
     }
   } catch (const UsageError& error) {
-    close(descriptor);
     throw UsageError(fmt::format("{}, line {}: {}", file, number, error.what()));
   }
-  close(descriptor);
   return commands;
 }
 

@@ -134,7 +134,7 @@ int Run(const Options& options) {
   }
   simulator::Listener listener(options.address, options.port);
   log.Line(fmt::format("Listening on port {}", listener.port()));
-  const auto connection = listener.accept(Milliseconds(options.wait_seconds), stop);
+  Descriptor connection = listener.accept(Milliseconds(options.wait_seconds), stop);
   if (!connection) {
     if (stop.raised()) return Report(ControllerLink::Ending::kStopped, log);
     fmt::print(stderr, "vksim: no controller came within {:g} s\n", options.wait_seconds);
@@ -147,7 +147,7 @@ int Run(const Options& options) {
   ControllerLink link(reservoir, version, faults, stop,
                       {.stepped = [&log](const simulator::Reservoir& now) { log.Step(now); },
                        .noticed = [&log](const std::string& line) { log.Line(line); }});
-  const ControllerLink::Ending ending = link.serve(*connection);
+  const ControllerLink::Ending ending = link.serve(connection.Release());
   log.Totals(reservoir);
   return Report(ending, log);
 }
