@@ -5,14 +5,10 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <unistd.h>
 
 #include <memory>
 #include <new>
 #include <string>
-#include <unordered_map>
-#include <utility>
-#include <vector>
 
 #include "config/regular_file.h"
 #include "log/flog.h"
@@ -38,66 +34,18 @@ bool ReadToken(FILE* in, std::string& token, std::size_t most) {
   return !token.empty();
 }
 
-// The value that an entry gives its variable, which holds `present` or nothing. Says so in the log.
-std::string Extended(const CEnv& entry, const char* present, flog* log) {
-  std::string wanted = entry.value;
-  if (present != nullptr) wanted.append(":").append(present);
-  *log << std::string(present != nullptr ? "Setting existing environment variable "
-                                         : "Setting non-existing environment variable ") +
-              entry.name + " to " + wanted + "\n";
-  return wanted;
-}
-
-// The environment of this process while many entries are applied to it. setenv() looks through all
-// of it each time, and a file of a hundred thousand pairs would take a minute.
-class Environment {
- public:
-  Environment() {
-    for (char** variable = environ; variable != nullptr && *variable != nullptr; ++variable) {
-      const char* equals = strchr(*variable, '=');
-      if (equals != nullptr)
-        positions_.try_emplace(std::string(static_cast<const char*>(*variable), equals),
-                               variables_.size());
-      variables_.emplace_back(*variable);
-    }
-  }
-
-  // As getenv() and setenv().
-  const char* Get(const std::string& name) const {
-    const auto found = positions_.find(name);
-    if (found == positions_.end()) return nullptr;
-    return variables_[found->second].c_str() + name.size() + 1;
-  }
-  void Set(const std::string& name, const std::string& value) {
-    if (name.find('=') != std::string::npos) return;
-    const auto [place, fresh] = positions_.try_emplace(name, variables_.size());
-    if (fresh) variables_.emplace_back();
-    variables_[place->second] = name + "=" + value;
-  }
-
-  // Makes it the process's own, up to the next one. Never destroyed: what runs at the process's end
-  // may still look at a variable.
-  void Install() && {
-    static auto& variables = *new std::vector<std::string>();
-    static auto& pointers = *new std::vector<char*>();
-    std::vector<char*> fresh;
-    fresh.reserve(variables_.size() + 1);
-    for (std::string& variable : variables_) fresh.push_back(variable.data());
-    fresh.push_back(nullptr);
-    environ = fresh.data();
-    variables.swap(variables_);
-    pointers.swap(fresh);
-  }
-
- private:
-  std::vector<std::string> variables_;
-  std::unordered_map<std::string, std::size_t> positions_;
-};
-
 }  // namespace
 
 int CEnv::Apply(char* /*error*/, flog* log) const {
-  setenv(name, Extended(*this, getenv(name), log).c_str(), 1);
+  const char* present = getenv(name);
+  std::string wanted = value;
+  if (present != nullptr) wanted.append(":").append(present);
+  *log << std::string(present != nullptr ? "Setting existing environment variable "
+                                         : "Setting non-existing environment variable ") +
+              name + " to " + wanted + "\n";
+  // A name with an equals sign is refused and sets nothing. A variable that there is no memory for
+  // must not be missing from a run that goes on.
+  if (setenv(name, wanted.c_str(), 1) != 0 && errno == ENOMEM) throw std::bad_alloc();
   return 0;
 }
 
@@ -144,13 +92,8 @@ void CEnvCollection::ReadEntries(FILE* in) {
   }
 }
 
-int CEnvCollection::Apply(char* /*error*/, flog* log) const {
-  if (first_ == nullptr) return 0;
-  Environment variables;
-  for (const CEnv* entry = first_; entry != nullptr; entry = entry->next) {
-    variables.Set(entry->name, Extended(*entry, variables.Get(entry->name), log));
-  }
-  std::move(variables).Install();
+int CEnvCollection::Apply(char* error, flog* log) const {
+  for (const CEnv* entry = first_; entry != nullptr; entry = entry->next) entry->Apply(error, log);
   return 0;
 }
 

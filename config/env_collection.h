@@ -11,6 +11,7 @@ class flog;
 struct CEnv {
   /// Sets the variable in this process; one that exists already gets `value` and ":" in front of
   /// what it holds, since most of what sites set are search paths. Says so in the log. Returns 0.
+  /// Throws std::bad_alloc.
   int Apply(char* error, flog* log) const;
 
   char name[256] = {};
@@ -44,8 +45,7 @@ class CEnvCollection {
   int ReadEnvFile(const char* file, char* error);
 
   /// Applies the entries in the order of the file, each as CEnv::Apply() does. Returns 0; 1 with a
-  /// text in `error` is kept for an entry that fails. Replaces the list of this process's
-  /// variables, so no other thread may use them meanwhile.
+  /// text in `error` is kept for an entry that fails.
   int Apply(char* error, flog* log) const;
 
   /// Lists the entries in the log.

@@ -5,7 +5,6 @@
 #include <string.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <array>
@@ -23,15 +22,6 @@
 #include "tests/support/temporary_directory.h"
 
 namespace {
-
-// What a process does at its very end, after everything that a function keeps has gone.
-class AtTheEnd {
- public:
-  ~AtTheEnd() {
-    if (act) act();
-  }
-  std::function<void()> act;
-} atTheEnd;
 
 int InChild(const std::function<int()>& body) {
   ChildProcess::Options options;
@@ -226,20 +216,6 @@ TEST_F(EnvCollectionTest, PipeOrDeviceInPlaceOfTheFileIsAnEmptyList) {
   }
 }
 
-TEST_F(EnvCollectionTest, ManyVariablesAreSetInLittleTime) {
-  std::string text;
-  for (int i = 0; i < 50000; ++i) text += "JT_MANY_" + std::to_string(i) + " 1\n";
-  const std::string before = Value("PATH");
-  const clock_t start = clock();
-  Apply(text);
-  EXPECT_LT(static_cast<double>(clock() - start) / CLOCKS_PER_SEC, 3.0);
-  EXPECT_EQ(Value("JT_MANY_0"), "1");
-  EXPECT_EQ(Value("JT_MANY_49999"), "1");
-  EXPECT_EQ(Value("PATH"), before);
-  clearenv();
-  setenv("PATH", before.c_str(), 1);
-}
-
 TEST_F(EnvCollectionTest, ListingShowsNamesAndValues) {
   const CEnvCollection entries(directory_.Write("env", "JT_A 1\nJT_B").c_str());
   entries.LogOut(&log_);
@@ -257,16 +233,6 @@ TEST_F(EnvCollectionTest, ReadingReplacesTheFormerEntries) {
   EXPECT_EQ(entries.ReadEnvFile(directory_.File("absent").c_str(), error), 0);
   entries.LogOut(&log_);
   EXPECT_EQ(directory_.Read("log"), "Variable: JT_B, Value: 2\n");
-}
-
-TEST_F(EnvCollectionTest, VariablesAreThereUntilTheProcessHasEnded) {
-  const int result = InChild([this] {
-    Apply("JT_A 1");
-    atTheEnd.act = [] { _exit(Value("JT_A") == "1" && Value("JT_B") == "unset" ? 0 : 1); };
-    exit(2);
-    return 3;
-  });
-  EXPECT_EQ(result, 0);
 }
 
 TEST_F(EnvCollectionTest, FileThatMayNotBeReadIsAnEmptyList) {
