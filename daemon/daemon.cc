@@ -33,7 +33,9 @@ int PrintAndEnd(const std::string& text) {
   return 1;
 }
 
-// Without memory there is not even room for an exception.
+// Every start that fails says why and ends with status 1. An exception cannot bring that about when
+// there is no memory: there is none for the exception either, and the process would end by a
+// signal.
 [[noreturn]] void EndWithoutMemory() {
   fputs("The jobmill has no memory to start with\n", stdout);
   fflush(stdout);
@@ -90,18 +92,9 @@ void LogStart(flog& log, int argc, char** argv, bool pathFound) {
   }
 }
 
-// A line with the time; without it when there is no memory for it.
-void LogTime(flog& log, const char* event) {
-  log << event;
-  try {
-    log << timestamp();
-  } catch (const std::bad_alloc&) {
-    log << "\n";
-  }
-}
-
-// What the next connection's child needs to know. Null when there was no memory for it: that costs
-// the one connection, which its master sees end, and not the daemon.
+// Accepts the next connection; what its child needs to know. Null when there was no memory for
+// that: then this one connection ends, and the daemon accepts the next. Without a usable listening
+// socket the daemon ends.
 std::unique_ptr<CManagerInformation> AcceptOrExit(const Options& options, std::int32_t port,
                                                   flog& log) {
   try {
@@ -112,7 +105,7 @@ std::unique_ptr<CManagerInformation> AcceptOrExit(const Options& options, std::i
     static_cast<void>(master.release());
     return info;
   } catch (const std::bad_alloc&) {
-    LogTime(log, "Error occurred accepting connection: ");
+    log << "Error occurred accepting connection: " << timestamp();
     return nullptr;
   } catch (const char*) {
     log << "Socket failure in accept call - exiting ... \n";
@@ -121,16 +114,16 @@ std::unique_ptr<CManagerInformation> AcceptOrExit(const Options& options, std::i
   }
 }
 
-// The connection child: everything that the daemon alone needs goes first, so that a dead daemon
-// refuses new masters instead of leaving them in the queue of a socket that nobody serves.
+// The connection child. It closes the listening socket before all else: while it had that open, the
+// masters that come after the daemon's death would wait in a queue that nobody serves.
 int AnswerInChild(std::unique_ptr<CManagerInformation> info, flog& log) {
   Gps->Close();
-  LogTime(log, "Answering call in child process: ");
+  log << "Answering call in child process: " << timestamp();
   return Answer(info.release());
 }
 
 std::int32_t CommsPort(const Options& options, std::uint64_t counter) {
-  // In 64 bits: nothing keeps a base port from being given that does not fit behind itself.
+  // The sum is made in 64 bits: with the largest base port it does not fit into 32.
   return static_cast<std::int32_t>(
       options.commsBasePort +
       static_cast<std::int64_t>(counter % static_cast<std::uint64_t>(options.commsPorts)));
@@ -139,19 +132,20 @@ std::int32_t CommsPort(const Options& options, std::uint64_t counter) {
 // Serves connections for ever in the daemon; returns in each connection child.
 int AcceptLoop(const Options& options, flog& log) {
   for (std::uint64_t counter = 0;;) {
-    // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDeleteLeaks): what a failed fork leaves is kept
+    // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDeleteLeaks): kept after a failed fork, see below
     auto info = AcceptOrExit(options, CommsPort(options, counter), log);
     if (!info) continue;
-    LogTime(log, "Accepted incoming connection: ");
+    log << "Accepted incoming connection: " << timestamp();
     const pid_t child = fork();
     if (child == 0) return AnswerInChild(std::move(info), log);
     ++counter;
     if (child < 0) {
-      LogTime(log, "Error occurred forking controlling thread: ");
-      // The master is left waiting rather than cut off: its socket stays open, with its record.
+      log << "Error occurred forking controlling thread: " << timestamp();
+      // The master is left waiting rather than cut off: the record is kept for good, and with it
+      // the open socket.
       static_cast<void>(info.release());
     }
-    // Otherwise the record goes, and with it the daemon's copy of the socket.
+    // Here the record ends, and with it the daemon's copy of the socket.
   }
 }
 

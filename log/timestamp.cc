@@ -1,6 +1,7 @@
 #include "log/timestamp.h"
 
 #include <array>
+#include <new>
 
 std::string timestamp() {
   return timestamp(time(nullptr));
@@ -11,5 +12,9 @@ std::string timestamp(time_t now) {
   const tm* local = localtime(&now);
   std::array<char, 64> text{};  // asctime_r() needs 26 for every year of four digits
   if (local == nullptr || asctime_r(local, text.data()) == nullptr) return "\n";
-  return text.data();
+  try {
+    return text.data();
+  } catch (const std::bad_alloc&) {
+    return "\n";
+  }
 }

@@ -10,5 +10,5 @@
 std::string timestamp();
 
 /// The same for another time. A time that has no such form, from the year 10000 on, is the newline
-/// alone.
+/// alone, and so is one that there is no memory for: never throws.
 std::string timestamp(time_t now);
