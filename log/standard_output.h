@@ -1,21 +1,24 @@
 #pragma once
 
-#include <sys/stat.h>
 #include <sys/types.h>
 
-#include <chrono>
 #include <string_view>
 
 #include "base/descriptor.h"
 
-/// Standard output of all logs of a process: what it is, and whether it may still be written to.
+struct stat;
+
+/// Standard output of all logs of a process, which must never hold a run: a terminal that nobody
+/// empties or a pipe whose reader has stopped would otherwise hold the daemon and its controllers
+/// for good, although everything stands in the files as well.
 ///
-/// A terminal that nobody empties or a pipe whose reader has stopped would hold daemon and
-/// controllers for good, although everything stands in the files as well. Their readiness says
-/// little: a terminal announces room for a single byte, and another process may fill a pipe first.
-/// So what may hold the caller is written to without blocking; terminals and pipes through a
-/// description of their own, since this property of standard output itself is shared with whoever
-/// started the daemon. A child inherits all of it with fork().
+/// Waiting until poll() announces room and then writing would not keep that promise: a terminal
+/// announces room as soon as there is some for a single byte, and another process may fill a pipe
+/// between the two calls; the write then blocks. So it must not block in itself. For sockets a flag
+/// of send() sees to that. Terminals and pipes are opened again: the flag belongs to the open file,
+/// which this process otherwise shares with whoever started the daemon. Regular files are
+/// never full, and keep the one position that they share with others. A child inherits all of it
+/// with fork().
 class StandardOutput {
  public:
   /// Looks at what standard output is now.
@@ -24,22 +27,21 @@ class StandardOutput {
   /// No more is written for the rest of the process.
   void Silence() { silent_ = true; }
 
-  /// Writes `text`; never throws. Blocks for a second at most, and only once, by this process or
-  /// the one that it was forked from, until what has stopped reading reads again; what there is no
-  /// room for is dropped. Where standard output may not be opened again (somebody else's terminal,
-  /// to a daemon without root's rights) it relies on announced room.
+  /// Writes `text`; never throws. Waits for a reader that takes nothing for a second at most. Then
+  /// the rest of the text is dropped, and so is all that there is no room for, without waiting,
+  /// until a whole text has been taken again. Where standard output may not be opened again
+  /// (somebody else's terminal, to a daemon without root's rights) this relies on announced room
+  /// after all.
   void Print(std::string_view text);
 
  private:
-  using Clock = std::chrono::steady_clock;
-
-  enum class Kind { kFile, kSocket, kReopened, kHolding };
+  enum class Kind { kNeverFull, kSocket, kReopened, kShared };
 
   void Reopen(const struct stat& status);
   ssize_t Try(std::string_view text) const;
 
   bool silent_ = false;
-  bool stuck_ = false;
-  Kind kind_ = Kind::kHolding;
+  bool stuck_ = false;  ///< a second was waited in vain, and no whole text has been taken since
+  Kind kind_ = Kind::kShared;
   Descriptor reopened_;
 };

@@ -252,29 +252,6 @@ TEST(StandardOutputTest, SlowReaderGetsEverything) {
   EXPECT_EQ(child.Wait(seconds(10)), 0);
 }
 
-// The other end of standard output in the tests below, and what was asked of the system.
-int theReader = -1;
-int polls = 0;
-
-TEST(StandardOutputTest, InterruptedWaitGoesOn) {
-  ExpectInChild(13, [] {
-    theReader = PipeForOutput();
-    const auto answer = [] {
-      if (++polls < 3) return static_cast<long>(-EINTR);
-      std::string all(1 << 20, '\0');  // now there is room
-      const iovec room{all.data(), all.size()};
-      return readv(theReader, &room, 1) > 0 ? 1L : 0L;
-    };
-    Fill();
-    StandardOutput output;
-    output.Inspect();
-    if (!AnswerCall(SYS_poll, answer)) return kNotPermitted;
-    output.Print("item");
-    std::string item(4, '\0');  // read without a wait by poll(), which is answered here
-    return read(theReader, item.data(), 4) == 4 && item == "item" ? 10 + polls : 1;
-  });
-}
-
 TEST(StandardOutputTest, RoomThatIsAnnouncedAndNeverThereHoldsForASecondOnce) {
   ExpectInChild(0, [] {
     PipeForOutput();
@@ -291,7 +268,7 @@ TEST(StandardOutputTest, RoomThatIsAnnouncedAndNeverThereHoldsForASecondOnce) {
 
 TEST(StandardOutputTest, InterruptedWriteGoesOn) {
   ExpectInChild(13, [] {
-    theReader = PipeForOutput();
+    const int reader = PipeForOutput();
     const int own = NextDescriptor();  // of the log's
     StandardOutput output;
     output.Inspect();
@@ -303,7 +280,7 @@ TEST(StandardOutputTest, InterruptedWriteGoesOn) {
     };
     if (!AnswerCall(SYS_write, answer, own)) return kNotPermitted;
     output.Print("item");
-    return ReadExactly(theReader, 4) == "item" ? 10 + writes : 1;
+    return ReadExactly(reader, 4) == "item" ? 10 + writes : 1;
   });
 }
 
