@@ -27,8 +27,8 @@ bool Assign(char (&field)[Size], const char* token) {
 // Only the blank separates: a tab belongs to the name that it stands in.
 bool Parse(char* line, CVKUser& user) {
   char* rest = nullptr;
-  if (!Assign(user.windowsName, strtok_r(line, " ", &rest))) return false;
-  if (!Assign(user.linuxName, strtok_r(nullptr, " ", &rest))) return false;
+  if (!Assign(user.windows_name, strtok_r(line, " ", &rest))) return false;
+  if (!Assign(user.linux_name, strtok_r(nullptr, " ", &rest))) return false;
   const char* allow = strtok_r(nullptr, "\n", &rest);
   if (allow == nullptr) return false;
   user.allow = static_cast<std::int32_t>(NumberIn(allow));
@@ -83,11 +83,11 @@ int CVKUserCollection::ReadUserFile(const char* directory, flog* /*log*/, char* 
   return 0;
 }
 
-CVKUser* CVKUserCollection::GetUser(const char* windowsUser) {
+CVKUser* CVKUserCollection::GetUser(const char* windows_user) {
   CVKUser* everybody = nullptr;
   for (CVKUser* user = first_; user != nullptr; user = user->next) {
-    if (strcmp(user->windowsName, "*") == 0) everybody = user;
-    if (strcasecmp(user->windowsName, windowsUser) == 0) return user;
+    if (strcmp(user->windows_name, "*") == 0) everybody = user;
+    if (strcasecmp(user->windows_name, windows_user) == 0) return user;
   }
   return everybody;
 }
@@ -97,8 +97,8 @@ void CVKUserCollection::LogOut(flog* log) const {
   int number = 0;
   for (const CVKUser* user = first_; user != nullptr; user = user->next) {
     *log << "User " << ++number << ":\n";
-    *log << "Windows: " << static_cast<const char*>(user->windowsName)
-         << ", Linux: " << static_cast<const char*>(user->linuxName) << ", allow: " << user->allow
+    *log << "Windows: " << static_cast<const char*>(user->windows_name)
+         << ", Linux: " << static_cast<const char*>(user->linux_name) << ", allow: " << user->allow
          << "\n";
   }
 }

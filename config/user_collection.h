@@ -6,8 +6,8 @@ class flog;
 
 /// One line of the user administration file.
 struct CVKUser {
-  char windowsName[256] = {};
-  char linuxName[256] = {};
+  char windows_name[256] = {};
+  char linux_name[256] = {};
   std::int32_t allow = 0;  ///< 0 denies
   CVKUser* next = nullptr;
 };
@@ -34,9 +34,9 @@ class CVKUserCollection {
   /// records at all, so nobody has access. `log` is not written to.
   int ReadUserFile(const char* directory, flog* log, char* error);
 
-  /// The record of `windowsUser`, in any letter case; failing that the last "*" record; null when
+  /// The record of `windows_user`, in any letter case; failing that the last "*" record; null when
   /// there is neither. The collection keeps it.
-  CVKUser* GetUser(const char* windowsUser);
+  CVKUser* GetUser(const char* windows_user);
 
   /// Lists the records in the log.
   void LogOut(flog* log) const;

@@ -31,7 +31,7 @@ std::string Quoted(const char* text, const std::string& name) {
 }
 
 // The Linux account of a Windows user who may start runs.
-std::string LinuxAccount(const std::string& windowsUser, flog& log) {
+std::string LinuxAccount(const std::string& windows_user, flog& log) {
   CVKUserCollection users;
   std::array<char, CVKUserCollection::kErrorSize> error{};
   if (users.ReadUserFile(GszExePath, &log, error.data()) != 0) {
@@ -39,15 +39,15 @@ std::string LinuxAccount(const std::string& windowsUser, flog& log) {
     throw Refusal{error.data()};
   }
   users.LogOut(&log);
-  const CVKUser* user = users.GetUser(windowsUser.c_str());
+  const CVKUser* user = users.GetUser(windows_user.c_str());
   if (user == nullptr) {
-    Refuse(log, Quoted("Windows user", windowsUser) + " not found in administration file");
+    Refuse(log, Quoted("Windows user", windows_user) + " not found in administration file");
   }
   if (user->allow == 0) {
-    Refuse(log, Quoted("Windows user", windowsUser) + " does not have permissions to run Varnok");
+    Refuse(log, Quoted("Windows user", windows_user) + " does not have permissions to run Varnok");
   }
   std::string account =
-      strcmp(user->linuxName, "*") == 0 ? windowsUser : std::string(user->linuxName);
+      strcmp(user->linux_name, "*") == 0 ? windows_user : std::string(user->linux_name);
   log << "Linux user required: " << account << "\n";
   return account;
 }
@@ -95,6 +95,6 @@ void ChangeAccount(const std::string& account, flog& log) {
 
 }  // namespace
 
-void ChangeToAccountOf(const std::string& windowsUser, flog& log) {
-  ChangeAccount(LinuxAccount(windowsUser, log), log);
+void ChangeToAccountOf(const std::string& windows_user, flog& log) {
+  ChangeAccount(LinuxAccount(windows_user, log), log);
 }

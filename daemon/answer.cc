@@ -21,10 +21,10 @@ void ControlRun(const CManagerInformation& info, const RunRequest& run, const st
                 const std::string& host) {
   const std::string name = run.path + root + ".crvnlog";
   // The system ends a name at a zero byte: any file of the account would be replaced by the log.
-  const bool wanted = info.commsLog && name.find('\0') == std::string::npos;
+  const bool wanted = info.comms_log && name.find('\0') == std::string::npos;
   flog log(wanted ? name : std::string(), true);
   const auto version = static_cast<int>(NumberIn(run.version.c_str()));
-  ConnectorSocketWrapper controller(version, host, info.master, info.commsPort, info.startTimeout,
+  ConnectorSocketWrapper controller(version, host, info.master, info.comms_port, info.start_timeout,
                                     log);
   std::string error;
   if (controller.ProcessRequests(error) == 0) {

@@ -78,14 +78,14 @@ std::unique_ptr<flog> OpenLog(int port) {
   return log;
 }
 
-void LogStart(flog& log, int argc, char** argv, bool pathFound) {
+void LogStart(flog& log, int argc, char** argv, bool path_found) {
   log << "\n";
   log << "Daemon started: " << timestamp();
   log << "Version information: " << kProtocolMajor << " (" << GsZRMVersion << ")\n";
   log << "Arguments: ";
   for (int i = 1; i < argc; ++i) log << argv[i] << " ";
   log << "\n";
-  if (pathFound) {
+  if (path_found) {
     log << "Executable path = " << static_cast<const char*>(GszExePath) << "\n";
   } else {
     log << "Could not get Exe path - defaulting to '.'\n";
@@ -99,9 +99,9 @@ std::unique_ptr<CManagerInformation> AcceptOrExit(const Options& options, std::i
                                                   flog& log) {
   try {
     std::unique_ptr<Socket> master(Gps->Accept());
-    auto info = std::make_unique<CManagerInformation>(options.script, options.runAsRoot,
-                                                      options.startTimeout, port, options.commsLog,
-                                                      &log, master.get());
+    auto info = std::make_unique<CManagerInformation>(options.script, options.run_as_root,
+                                                      options.start_timeout, port,
+                                                      options.comms_log, &log, master.get());
     static_cast<void>(master.release());
     return info;
   } catch (const std::bad_alloc&) {
@@ -125,8 +125,8 @@ int AnswerInChild(std::unique_ptr<CManagerInformation> info, flog& log) {
 std::int32_t CommsPort(const Options& options, std::uint64_t counter) {
   // The sum is made in 64 bits: with the largest base port it does not fit into 32.
   return static_cast<std::int32_t>(
-      options.commsBasePort +
-      static_cast<std::int64_t>(counter % static_cast<std::uint64_t>(options.commsPorts)));
+      options.comms_base_port +
+      static_cast<std::int64_t>(counter % static_cast<std::uint64_t>(options.comms_ports)));
 }
 
 // Serves connections for ever in the daemon; returns in each connection child.
@@ -156,7 +156,7 @@ int RunDaemon(int argc, char** argv) {
   if (argc <= 1) return PrintAndEnd(UsageText());
   Options options = ParseOptions(argc, argv);
   if (options.version) return PrintAndEnd(VersionText());
-  if (options.listenPort == 0) {
+  if (options.listen_port == 0) {
     return PrintAndEnd(
         "Jobmill needs to be supplied with a port on which to listen for Corvane requests\n");
   }
@@ -165,15 +165,16 @@ int RunDaemon(int argc, char** argv) {
     perror(nullptr);
     exit(1);
   }
-  if (options.runAsRoot && getuid() != 0) return PrintAndEnd("The jobmill must be run as root !\n");
-  if (!Listen(options.listenPort)) {
+  if (options.run_as_root && getuid() != 0)
+    return PrintAndEnd("The jobmill must be run as root !\n");
+  if (!Listen(options.listen_port)) {
     return PrintAndEnd("Error in creating socket to listen on port " +
-                       std::to_string(options.listenPort) +
+                       std::to_string(options.listen_port) +
                        ": check netstat to see if the port is already in use\n");
   }
-  const bool pathFound = FindExecutableDirectory();
-  const std::unique_ptr<flog> log = OpenLog(options.listenPort);
-  LogStart(*log, argc, argv, pathFound);
+  const bool path_found = FindExecutableDirectory();
+  const std::unique_ptr<flog> log = OpenLog(options.listen_port);
+  LogStart(*log, argc, argv, path_found);
   std::set_new_handler(nullptr);
   return AcceptLoop(options, *log);
 }

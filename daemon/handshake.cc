@@ -74,10 +74,10 @@ RunRequest ShakeHands(const CManagerInformation& info) {
   ExchangeVersions(master, log);
   RunRequest run = ReceiveRun(master, log);
   ApplyEnvironment(log);
-  run.windowsUser = Receive(master);
-  log << "Windows user received: " << run.windowsUser << "\n";
-  run.debugFlag = Receive(master);
-  log << "Debug flag received: " << run.debugFlag << "\n";
-  if (info.runAsRoot) ChangeToAccountOf(run.windowsUser, log);
+  run.windows_user = Receive(master);
+  log << "Windows user received: " << run.windows_user << "\n";
+  run.debug_flag = Receive(master);
+  log << "Debug flag received: " << run.debug_flag << "\n";
+  if (info.run_as_root) ChangeToAccountOf(run.windows_user, log);
   return run;
 }

@@ -12,8 +12,8 @@ struct RunRequest {
   std::string root;       ///< name of the model's files, without extension
   std::string processes;  ///< number of processes
   std::string version;    ///< connector version
-  std::string windowsUser;
-  std::string debugFlag;
+  std::string windows_user;
+  std::string debug_flag;
 };
 
 /// Sends one line. A broken link is no failure here: it shows at the next receive. Without memory

@@ -81,27 +81,27 @@ bool StartScript(const CManagerInformation& info, const RunRequest& run, const s
   flog& log = *info.log;
   const auto processes = static_cast<int>(NumberIn(run.processes.c_str()));
   const std::vector<std::string> arguments = {
-      info.script, std::to_string(processes),      run.path,
-      root,        std::to_string(info.commsPort), run.debugFlag};
+      info.script, std::to_string(processes),       run.path,
+      root,        std::to_string(info.comms_port), run.debug_flag};
   const std::vector<char*> vector = VectorOf(arguments);
   std::array<int, 2> ends{};
   if (pipe2(ends.data(), O_CLOEXEC) != 0) {
     log << "Error: pipe failed\n";
     throw Refusal{};
   }
-  const Descriptor readEnd(ends[0]);
-  const Descriptor writeEnd(ends[1]);
+  const Descriptor read_end(ends[0]);
+  const Descriptor write_end(ends[1]);
   const pid_t script = fork();
   if (script < 0) {
     log << "Error: fork failed\n";
     throw Refusal{};
   }
   if (script == 0) {
-    ExecuteScript(vector, writeEnd.get(), log);
+    ExecuteScript(vector, write_end.get(), log);
     return false;
   }
   // Whatever stands there otherwise, a terminal maybe, is not the script's output.
-  if (dup2(readEnd.get(), STDIN_FILENO) < 0) close(STDIN_FILENO);
+  if (dup2(read_end.get(), STDIN_FILENO) < 0) close(STDIN_FILENO);
   return true;
 }
 

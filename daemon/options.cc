@@ -27,12 +27,12 @@ Options ParseOptions(int argc, const char* const* argv) {
       options.version = true;
       break;
     }
-    if (is("-u", "-U")) options.runAsRoot = false;
-    if (is("-p", "-P")) options.listenPort = number;
-    if (is("-t", "-T")) options.startTimeout = std::max(number, kLeastStartTimeout);
-    if (is("-o", "-O")) options.commsBasePort = std::max(number, kLeastCommsBasePort);
-    if (is("-n", "-N")) options.commsPorts = std::max(number, kLeastCommsPorts);
-    if (is("-l", "-L")) options.commsLog = true;
+    if (is("-u", "-U")) options.run_as_root = false;
+    if (is("-p", "-P")) options.listen_port = number;
+    if (is("-t", "-T")) options.start_timeout = std::max(number, kLeastStartTimeout);
+    if (is("-o", "-O")) options.comms_base_port = std::max(number, kLeastCommsBasePort);
+    if (is("-n", "-N")) options.comms_ports = std::max(number, kLeastCommsPorts);
+    if (is("-l", "-L")) options.comms_log = true;
     if (option == "-s") options.script = value;
   }
   return options;

@@ -5,13 +5,13 @@
 
 /// The command line of the daemon.
 struct Options {
-  std::int32_t listenPort = 0;  ///< 0: none given
-  std::int32_t startTimeout = 60;
-  std::int32_t commsBasePort = 9001;
-  std::int32_t commsPorts = 100;
+  std::int32_t listen_port = 0;  ///< 0: none given
+  std::int32_t start_timeout = 60;
+  std::int32_t comms_base_port = 9001;
+  std::int32_t comms_ports = 100;
   std::string script;  ///< empty: none given
-  bool runAsRoot = true;
-  bool commsLog = false;
+  bool run_as_root = true;
+  bool comms_log = false;
   bool version = false;  ///< print the version and nothing else
 };
 

@@ -71,12 +71,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const Options options = ParseOptions(argc, argv.data());
   const Arguments expected(arguments);
   PROMISE(options.version == expected.Version());
-  PROMISE(options.runAsRoot == !expected.Has('u'));
-  PROMISE(options.commsLog == expected.Has('l'));
-  PROMISE(options.listenPort == expected.NumberOf('p', 0, lowest));
-  PROMISE(options.startTimeout == expected.NumberOf('t', 60, 5));
-  PROMISE(options.commsBasePort == expected.NumberOf('o', 9001, 2048));
-  PROMISE(options.commsPorts == expected.NumberOf('n', 100, 2));
+  PROMISE(options.run_as_root == !expected.Has('u'));
+  PROMISE(options.comms_log == expected.Has('l'));
+  PROMISE(options.listen_port == expected.NumberOf('p', 0, lowest));
+  PROMISE(options.start_timeout == expected.NumberOf('t', 60, 5));
+  PROMISE(options.comms_base_port == expected.NumberOf('o', 9001, 2048));
+  PROMISE(options.comms_ports == expected.NumberOf('n', 100, 2));
   PROMISE(options.script == expected.TextOf('s'));
   return 0;
 }

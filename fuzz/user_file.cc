@@ -62,7 +62,7 @@ const Record* Find(const std::vector<Record>& records, const char* wanted) {
 }
 
 bool Same(const CVKUser& user, const Record& record) {
-  return user.windowsName == record.windows && user.linuxName == record.account &&
+  return user.windows_name == record.windows && user.linux_name == record.account &&
          user.allow == record.allow;
 }
 

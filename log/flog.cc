@@ -48,11 +48,11 @@ Descriptor CreateFresh(const FilePlace& place) {
   return Publish(place.CreateFresh(O_APPEND, kPublic));
 }
 
-Descriptor OpenLog(const FilePlace& place, bool removeOld) {
-  Descriptor fresh = removeOld ? CreateFresh(place) : Create(place);
+Descriptor OpenLog(const FilePlace& place, bool remove_old) {
+  Descriptor fresh = remove_old ? CreateFresh(place) : Create(place);
   if (fresh) return fresh;
   // There may be room for one file only, the old one.
-  if (removeOld && place.Remove(0)) return Create(place);
+  if (remove_old && place.Remove(0)) return Create(place);
   // A file may be writable in a directory that is not.
   return OpenStanding(place);
 }
@@ -87,17 +87,17 @@ StandardOutput output;
 
 }  // namespace
 
-flog::flog(const std::string& file, bool removeOld) {
-  SetFile(file, removeOld);
+flog::flog(const std::string& file, bool remove_old) {
+  SetFile(file, remove_old);
 }
 
-void flog::SetFile(const std::string& file, bool removeOld) {
+void flog::SetFile(const std::string& file, bool remove_old) {
   file_.Reset();
   silent_ = false;
   try {
     // As the system sees the name.
     const std::string name = file.substr(0, file.find('\0'));
-    if (!name.empty()) file_ = OpenLog(FilePlace(name), removeOld);
+    if (!name.empty()) file_ = OpenLog(FilePlace(name), remove_old);
   } catch (const std::bad_alloc&) {
     // Disabled, as without a file.
   }

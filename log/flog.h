@@ -15,13 +15,13 @@
 class flog {
  public:
   /// As SetFile() on a log without a file.
-  flog(const std::string& file, bool removeOld);
+  flog(const std::string& file, bool remove_old);
   flog(const flog&) = delete;
   flog& operator=(const flog&) = delete;
 
   /// Redirects the log to `file`, which ends with mode 0666 whatever the umask says: the daemon
   /// runs as root, and the owners of the runs have to read and remove their logs. With
-  /// `removeOld` the log starts in a fresh file, otherwise it appends to the present one.
+  /// `remove_old` the log starts in a fresh file, otherwise it appends to the present one.
   ///
   /// Never throws. The log is disabled when `file` is empty or cannot be created or opened, and
   /// when there is no memory for it. A file that is there and cannot be replaced is only written to
@@ -29,7 +29,7 @@ class flog {
   /// nobody else can put files. Links are never followed: in a directory that everybody may write
   /// to, whoever guesses the name could otherwise aim root's log at any file. A disabled log
   /// becomes usable again by the next successful SetFile().
-  void SetFile(const std::string& file, bool removeOld);
+  void SetFile(const std::string& file, bool remove_old);
 
   /// 0 while the log is usable, 1 when it is disabled.
   std::int32_t status() const { return disabled_; }

@@ -1,8 +1,9 @@
 #pragma once
 
+#include <string.h>
+
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 #include <memory>
 #include <string>
 
@@ -46,7 +47,7 @@ class sendbuf {
   void Append(const void* bytes, std::int64_t size) {
     if (size <= 0) return;
     if (size > capacity_ - used_) Grow(size);
-    std::memcpy(values() + used_, bytes, static_cast<std::size_t>(size));
+    memcpy(values() + used_, bytes, static_cast<std::size_t>(size));
     used_ += static_cast<std::int32_t>(size);
   }
   void Grow(std::int64_t more);

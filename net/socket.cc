@@ -251,9 +251,9 @@ std::string Socket::ReceiveBytes() {
   }
 }
 
-int Socket::GetIPAddr(const char* hostName, char* address) {
+int Socket::GetIPAddr(const char* host_name, char* address) {
   address[0] = '\0';
-  const hostent* host = gethostbyname(hostName);
+  const hostent* host = gethostbyname(host_name);
   if (host == nullptr) return 1;
   in_addr first{};
   memcpy(&first, host->h_addr_list[0], sizeof(first));

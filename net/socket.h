@@ -73,9 +73,9 @@ class Socket {
   /// What has arrived and was not yet read, without a frame; empty when there is nothing.
   std::string ReceiveBytes();
 
-  /// Writes the first IPv4 address of `hostName` in dotted form, at least 16 bytes. Returns 0, or
+  /// Writes the first IPv4 address of `host_name` in dotted form, at least 16 bytes. Returns 0, or
   /// 1 with an empty `address` when the name is unknown. Blocks for the look-up.
-  static int GetIPAddr(const char* hostName, char* address);
+  static int GetIPAddr(const char* host_name, char* address);
 
   /// The same for this machine's own name.
   static int GetIPAddr(char* address);

@@ -14,8 +14,8 @@
 namespace {
 
 struct User {
-  std::string windowsName;
-  std::string linuxName;
+  std::string windows_name;
+  std::string linux_name;
   std::int32_t allow;
 };
 
@@ -45,11 +45,11 @@ std::optional<User> Record(const std::string& line) {
     rest.erase(0, word.size() + 1);
     return word;
   };
-  const std::string windowsName = token();
-  const std::string linuxName = token();
-  if (windowsName.empty() || linuxName.empty() || rest.empty()) return std::nullopt;
-  if (windowsName.size() > 255 || linuxName.size() > 255) return std::nullopt;
-  return User{windowsName, linuxName, Number(rest)};
+  const std::string windows_name = token();
+  const std::string linux_name = token();
+  if (windows_name.empty() || linux_name.empty() || rest.empty()) return std::nullopt;
+  if (windows_name.size() > 255 || linux_name.size() > 255) return std::nullopt;
+  return User{windows_name, linux_name, Number(rest)};
 }
 
 std::vector<User> Model(std::string text) {
@@ -72,8 +72,8 @@ std::string Lower(std::string text) {
 const User* Find(const std::vector<User>& users, const std::string& name) {
   const User* everybody = nullptr;
   for (const User& user : users) {
-    if (Lower(user.windowsName) == Lower(name)) return &user;
-    if (user.windowsName == "*") everybody = &user;
+    if (Lower(user.windows_name) == Lower(name)) return &user;
+    if (user.windows_name == "*") everybody = &user;
   }
   return everybody;
 }
@@ -132,8 +132,8 @@ RC_GTEST_PROP(UserFileProperty, RecordsAndLookUpsAreThoseOfTheModel, ()) {
   const std::vector<User> model = Model(text);
   std::string expected = "Contents of user administration file:\n";
   for (std::size_t i = 0; i < model.size(); ++i) {
-    expected += "User " + std::to_string(i + 1) + ":\nWindows: " + model[i].windowsName +
-                ", Linux: " + model[i].linuxName + ", allow: " + std::to_string(model[i].allow) +
+    expected += "User " + std::to_string(i + 1) + ":\nWindows: " + model[i].windows_name +
+                ", Linux: " + model[i].linux_name + ", allow: " + std::to_string(model[i].allow) +
                 "\n";
   }
   testing::internal::CaptureStdout();
@@ -148,8 +148,8 @@ RC_GTEST_PROP(UserFileProperty, RecordsAndLookUpsAreThoseOfTheModel, ()) {
     const User* wanted = Find(model, name);
     RC_ASSERT((found != nullptr) == (wanted != nullptr));
     if (found == nullptr) continue;
-    RC_ASSERT(found->windowsName == wanted->windowsName);
-    RC_ASSERT(found->linuxName == wanted->linuxName);
+    RC_ASSERT(found->windows_name == wanted->windows_name);
+    RC_ASSERT(found->linux_name == wanted->linux_name);
     RC_ASSERT(found->allow == wanted->allow);
   }
 }

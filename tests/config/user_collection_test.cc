@@ -32,9 +32,9 @@ class UserCollectionTest : public testing::Test {
   }
 
   // "linux/allow" of the record that the look-up finds.
-  std::string Find(const char* windowsUser) {
-    const CVKUser* user = users_.GetUser(windowsUser);
-    return user == nullptr ? "none" : user->linuxName + ("/" + std::to_string(user->allow));
+  std::string Find(const char* windows_user) {
+    const CVKUser* user = users_.GetUser(windows_user);
+    return user == nullptr ? "none" : user->linux_name + ("/" + std::to_string(user->allow));
   }
 
   std::string Listing() {

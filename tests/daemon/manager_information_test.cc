@@ -20,10 +20,10 @@ TEST(ManagerInformationTest, DestructionClosesTheMastersConnection) {
   auto info = std::make_unique<CManagerInformation>("script", false, 60, 9001, true, nullptr,
                                                     new Socket(pair.ours.Release()));
   EXPECT_EQ(info->script, "script");
-  EXPECT_EQ(info->startTimeout, 60);
-  EXPECT_EQ(info->commsPort, 9001);
-  EXPECT_FALSE(info->runAsRoot);
-  EXPECT_TRUE(info->commsLog);
+  EXPECT_EQ(info->start_timeout, 60);
+  EXPECT_EQ(info->comms_port, 9001);
+  EXPECT_FALSE(info->run_as_root);
+  EXPECT_TRUE(info->comms_log);
   info.reset();
   EXPECT_EQ(fcntl(number, F_GETFD), -1);
 }
