@@ -6,39 +6,40 @@
 #
 #   needed             words: the scheduler's commands
 #   submit             submits $job_file for $slots processors, under the name $job_name; sets $job.
-#                      The file is there for this machine and until the end of the run only: the
-#                      scheduler has to take its text along. Not 0: nothing is known to be submitted
+#                      The scheduler has to take a copy: only this machine sees the file, and only
+#                      until the end of the run. Fails when it is not known to be submitted
 #   refused            whether $complaint says that the same again would be refused again
 #   query              asks for $job and sets $state (waiting, held, running, ended; absent when the
 #                      scheduler does not know it), $reason, and $node, the first of its nodes.
-#                      Not 0: unknown
-#   find_job           sets $job to the job named $job_name, or to nothing. Not 0: unknown
-#   cancel             cancels $job. 0 also when there is nothing left to cancel
+#                      Fails when the state cannot be learnt
+#   find_job           sets $job to the job named $job_name, or to nothing when there is none. Fails
+#                      when that cannot be learnt
+#   cancel             cancels $job. Succeeds when there is nothing left to cancel, too
 #   scheduler_settings reads further settings
 #   details            may say more in $reason about a job that has ended
 #   node_address       may print the address of $node as the scheduler knows it
 #
-# All of them call the scheduler by `ask`. The last three may be left out.
+# All of them call the scheduler by `ask`. A script may leave out the last three.
 
 # Variables are shared with the scripts, and numbers are set by name:
 # shellcheck disable=SC2034,SC2154
 set -uo pipefail
 job_name=''
 
-# One line in the jobmill's log. Beyond 1,023 characters the jobmill would take it in pieces, one of
-# which could begin like a host line.
+# Prints one line for the jobmill's log. It is cut short: a line of more than 1,023 characters is
+# read in pieces, one of which could begin like a host line.
 say() {
   local text=$*
   printf '%s: %.500s\n' "$name" "${text//[[:cntrl:]]/ }"
 }
 
-# What went wrong, in the jobmill's log; no host line follows.
+# Ends the script without a host line; the jobmill's log says why.
 give_up() {
   say "$*"
   exit 1
 }
 
-# The last words of the file that is standard input, in the jobmill's log.
+# Prints the last lines of standard input, which has to be a file, for the jobmill's log.
 show_end() { tail -c 2000 | tail -n 5 | cut -c 1-300 | sed 's/^/  /'; }
 
 # Prints account and inode of each socket of this machine that listens on TCP port $1.
@@ -64,10 +65,10 @@ of_this_run() {
   ((process == $2))
 }
 
-# Whether the run whose simulator is process $2 listens on TCP port $1: 0; 1 when nobody does. 2 when
-# it is somebody else, who would get the run: another account, which is then $stranger, or this one
-# for another purpose. Where none of the account's processes can be seen to have the socket, the
-# account is enough.
+# Who listens on TCP port $1. 0: the run whose simulator is process $2. 1: nobody. 2: somebody else,
+# to whom the controller would connect; it is another account, which $stranger names, or a process of
+# this account that is not of the run. A socket of this account for which no process can be found
+# counts as the run's.
 simulator_listens() {
   local account inode files file
   stranger=
@@ -84,8 +85,8 @@ simulator_listens() {
   done <<<"$(listeners "$1")"
 }
 
-# Sets $parent to the parent of this process. It changes when the parent dies, whoever gets its
-# number afterwards.
+# Sets $parent to the number of this process's parent. When the parent dies the number becomes another
+# one for good, even if a new process gets the old one.
 read_parent() {
   local stat
   read -r stat <"/proc/$$/stat"
@@ -94,14 +95,14 @@ read_parent() {
 
 running() { kill -0 "$1" 2>/dev/null; }
 
-# Sends signal $1 to the processes of the run: the group $group, a negative number, or none, and those
-# that have left it but have the mark of the run. Fails when there are none.
+# Sends signal $1 to the processes of the run: to the process group $group (a negative number, or
+# nothing) and to those that have left it but carry the mark of the run. Fails when there are none.
 signal_run() {
   # shellcheck disable=SC2046,SC2086
   kill "-$1" -- $group $(grep -lszxF -- "JOBMILL_RUN=$mark" /proc/[0-9]*/environ | tr -cd '0-9\n') 2>/dev/null
 }
 
-# Waits up to $1 seconds for all of them to end.
+# Waits up to $1 seconds for all processes of the run to end.
 run_ends_within() {
   local fifths
   for ((fifths = 0; fifths < $1 * 5; ++fifths)); do
@@ -111,7 +112,8 @@ run_ends_within() {
   ! signal_run 0
 }
 
-# Ends the run. What ignores SIGTERM, be it the simulator or something that it has started, is killed.
+# Ends the processes of the run, and kills those that ignore SIGTERM, be it the simulator or something
+# that it has started.
 stop_run() {
   signal_run TERM
   run_ends_within 5 || signal_run KILL
@@ -127,7 +129,8 @@ close_descriptors() {
   done
 }
 
-# The jobmill changes its account, not these.
+# Sets USER, HOME and LOGNAME to the account of the run: the jobmill changes its account and leaves
+# these variables as they were.
 use_account() {
   local entry
   if entry=$(getent passwd "$(id -u)"); then
@@ -152,31 +155,34 @@ use_absolute_paths() {
   done
 }
 
-# read_arguments "$@": what the jobmill passes.
+# read_arguments "$@": takes over what the jobmill passes.
 read_arguments() {
   (($# == 5)) || give_up "expects 5 arguments: processes, data path, root name, port, debug flag"
   processes=$1 data=$2 root=$3 port=$4 debug=$5
-  # The simulator would take it for an option.
+  # The simulator would take such a root name for an option.
   [[ $root != -* ]] || give_up "the root name '$root' begins with a hyphen"
   [[ $data == /* ]] || data=$PWD/$data
   output=$root.out
   use_absolute_paths
 }
 
-# Enters directory $1 of this one. Others may be able to write here, and to put a link or another
-# directory in its place: it has to be here, of this account, and closed to everybody else.
+# Enters directory $1, which is in the current one. Where others may write here, too, they may have put
+# a link or another directory in its place. So it has to be here, to belong to this account, and to be
+# closed to everybody else.
 enter() {
   local above
   above=$(stat -c %d:%i .)
   cd -P -- "$1" && [[ -O . && $(stat -c %a .) == *700 && $(stat -c %d:%i ..) == "$above" ]]
 }
 
-# Makes and enters a directory of the run's own in the data directory. Nobody else can put anything
-# into it, or replace what is there, so what the run creates is created here, and what it reads is
-# read from here. It can be renamed by others: it is always `.`, never a path. $mark is the run's own.
+# Makes and enters a private directory of the run in the data directory. Nobody else can put anything
+# into it or replace what is there, so the run makes its files here and reads them from here. Others
+# may rename the directory, so it is always `.`, never a path. Sets $mark to a text that no other run
+# has.
 make_private() {
   local readable=${root//[^A-Za-z0-9]/} made
-  # With what mktemp adds 15 characters, beginning with a letter: some schedulers take no more as a name.
+  # The directory's name is the job's as well. It has 15 characters and begins with a letter: some
+  # schedulers take no other names.
   if ! made=$(mktemp -d "vk_${readable:0:6}_XXXXX") || ! enter "$made" || [[ -n $(ls -A) ]]; then
     give_up "account $(id -un) cannot make a directory of its own in '$data'"
   fi 2>/dev/null
@@ -184,7 +190,8 @@ make_private() {
   read -r mark </proc/sys/kernel/random/uuid
 }
 
-# Removes that directory. By its name nothing is removed but what is empty.
+# Removes the private directory. What has its name by now may be another one: it is removed only if it
+# is empty.
 remove_private() {
   [[ -n $job_name ]] || return 0
   rm -f report out
@@ -210,12 +217,12 @@ find_simulator() {
     simulator=$(command -v vksim) ||
       give_up "no simulator: JOBMILL_SIMULATOR is not set, and vksim is neither beside this script nor in PATH"
   fi
-  # Others may be able to write where it would be looked for.
+  # A relative path would be looked for in the data directory, where others may be able to write.
   [[ $simulator == /* || $simulator != */* ]] ||
     give_up "JOBMILL_SIMULATOR is '$simulator', but has to be an absolute path or a name in PATH"
 }
 
-# Why a value may look strange.
+# Prints a hint for the message that $1 cannot be the value of a setting.
 prepended() {
   [[ $1 != *:* ]] || echo "; the environment file puts its values in front of those that are set already"
 }
@@ -229,7 +236,7 @@ number() {
   printf -v "$1" %d "$((10#$text))"
 }
 
-# word VARIABLE SETTING: the same for a name.
+# word VARIABLE SETTING: sets VARIABLE to the name that SETTING gives.
 word() {
   local text=${!2:-}
   [[ $text =~ ^[A-Za-z0-9_.@,+/-]*$ ]] || give_up "$2 is '$text', which is not a name$(prepended "$text")"
@@ -248,16 +255,17 @@ read_settings() {
   wall_time=${JOBMILL_WALL_TIME:-}
   [[ -z $wall_time || $wall_time =~ ^[0-9]{1,4}:[0-5][0-9]:[0-5][0-9]$ ]] ||
     give_up "JOBMILL_WALL_TIME is '$wall_time', but has to be hours:minutes:seconds, such as 12:00:00"
-  # Blanks cannot be in a value; commas and colons are in many flags.
+  # Semicolons separate the flags: no value can have blanks, and many flags have commas or colons.
   IFS=';' read -ra flags <<<"${JOBMILL_SUBMIT_FLAGS:-}"
   find_simulator
   slots=$((processes > 0 ? processes : 1))
 }
 
-# ask COMMAND...: a command of the scheduler, bounded in time. What it printed is in $answer; when it
-# fails, $complaint says why in one line. It reads $input, when that names a file. Files rather than
-# pipes: what a command leaves running in the background would keep a pipe open. It runs in the one
-# directory that every node has: many schedulers start the job where it was submitted.
+# ask COMMAND...: runs a command of the scheduler, bounded in time. What it printed is in $answer; when
+# it fails, $complaint says why in one line. Its standard input is the file $input, if that is set. It
+# prints into files rather than pipes: what it leaves running in the background would keep a pipe open.
+# It runs in /, which every node has: many schedulers start a job in the directory that it was
+# submitted from.
 ask() {
   (cd / && LC_ALL=C exec timeout --kill-after=2 "$command_seconds" "$@") <"${input:-/dev/null}" \
     >"$scratch/answer" 2>"$scratch/complaint" {never}>&-
@@ -277,33 +285,33 @@ ask() {
 # Waits $1 seconds or until a signal comes, without starting a process.
 idle() { read -rt "$1" -u "$never" _ || true; }
 
-# Whether nobody waits for this run any more.
+# Whether the run's controller has gone, or a signal has asked the script to end.
 abandoned() {
   [[ -z $signalled ]] || return 0
   read_parent
   [[ $parent != "$controller" ]]
 }
 
-# The next interval of a series of failures.
+# Doubles $interval after a failure, up to five minutes or, if that is longer, the interval of polls.
 back_off() {
   local longest=$((poll_seconds > 300 ? poll_seconds : 300))
   interval=$((interval * 2 > longest ? longest : interval * 2))
 }
 
-# Cancels the job, for as long as the scheduler may be silent.
+# Cancels the job. Tries it again for as long as the scheduler may be silent.
 cancel_job() {
-  # The controller waits until this output is closed, and for nothing else.
+  # Closes this output: until that the controller waits, and for nothing else.
   exec </dev/null >/dev/null 2>&1
   [[ $state != ended ]] || return
   local since=$SECONDS interval=$poll_seconds
   while true; do
     if [[ -z $job ]]; then
-      # The submission may have gone through though it failed.
+      # The submission has failed, but the scheduler may have the job all the same.
       if find_job && [[ -z $job ]]; then return; fi
     fi
     if [[ -n $job ]]; then
       ! cancel || return
-      # Some fail for a job that has just ended.
+      # Some schedulers fail to cancel a job that has just ended.
       if query && [[ $state == absent || $state == ended ]]; then return; fi
     fi
     ((SECONDS - since < silence_seconds)) || return
@@ -326,13 +334,14 @@ explain() {
 }
 
 clean_up() {
-  # The report is also the job's permission to start: see write_job.
+  # This removes the report, without which the job does not start any more: see write_job.
   remove_private
   [[ -z ${scratch:-} ]] || rm -rf -- "$scratch"
 }
 
-# The variables of the jobmill and its environment file, for the job: schedulers differ in what they
-# pass on. Left out are those that belong to a machine, a session or a scheduler.
+# Prints commands that set the variables of the jobmill and its environment file, for the job, because
+# schedulers differ in what they pass on. Leaves out the variables of a machine, a session or a
+# scheduler.
 exported_variables() {
   local variable
   for variable in $(compgen -e); do
@@ -379,7 +388,8 @@ tell_when_it_listens() {
   done
 }
 cd -- "$data" || exit 1
-# No report: nobody waits for this run any more. More than the mark: the scheduler starts it once more.
+# Without a report nobody waits for this run any more. With more in it than the mark, the scheduler is
+# starting the job a second time.
 { enter "$job_name" && [[ $(<report) == "$mark" ]]; } 2>/dev/null || exit 0
 exec </dev/null >>out 2>&1
 close_descriptors
@@ -387,13 +397,14 @@ tell node "$(uname -n)"
 for address in $(hostname -I 2>/dev/null); do
   [[ $address == *:* ]] || { tell address "$address"; break; }
 done
-# It keeps its name here, too, so that its end can be shown; where links cannot lead from directory to
-# directory, it moves. Neither follows what is there.
+# Gives the output its name in the data directory. It keeps its name here, too, for the script to show
+# its last lines; on a file system without such links it moves. Neither follows a link of that name.
 { ln -fT out "../$output" || mv -fT out "../$output"; } 2>/dev/null || { tell unwritable; exit 1; }
 program=$(command -v -- "$simulator") && [[ -x $program && ! -d $program ]] || { tell missing; exit 1; }
 if listens "$port"; then tell taken; exit 1; fi
-# Grandchildren, for which the simulator need not wait. The second ends what the simulator leaves behind;
-# not every scheduler sees what has a session of its own, and so the process has one, too.
+# Two processes beside the simulator. They are grandchildren, because it would not wait for children
+# that it does not know. The second ends what the simulator leaves behind in sessions that not every
+# scheduler sees; it has a session of its own, so that the scheduler does not end it before that.
 (tell_when_it_listens $$ </dev/null >/dev/null 2>&1 &)
 (setsid bash -c "$(declare -f signal_run run_ends_within stop_run)
   cd /; tail --pid=$$ -s 2 -f /dev/null; group='' mark=$mark; stop_run" </dev/null >/dev/null 2>&1 &)
@@ -425,7 +436,8 @@ submit_job() {
     ! refused || give_up "the job is refused: $complaint"
     ((attempt < 4)) || break
     say "the job could not be submitted ($complaint), trying again"
-    # It may have been, and must not be a second time. A scheduler may need a moment until it knows it.
+    # The job may have been submitted all the same, and must not be a second time. A scheduler may need
+    # a moment until it knows a new job, so the job has to be missing twice.
     for ((missed = 0; missed < 2;)); do
       idle "$interval"
       back_off
@@ -442,7 +454,7 @@ submit_job() {
   explain "the job could not be submitted: $complaint"
 }
 
-# Asks for the job when it is time to. Sets $state; 'unknown' when nothing is known.
+# Asks for the job and says when to ask next. Sets $state; 'unknown' when nothing is known.
 poll_job() {
   state=unknown reason=
   if query; then
@@ -462,7 +474,7 @@ poll_job() {
   next_poll=$((SECONDS + interval))
 }
 
-# Why the simulator does not run, when the job has told so.
+# Ends the script with the reason, if the job has told why the simulator does not run.
 explain_verdict() {
   local where=${told_node:-its node}
   case $verdict in
@@ -489,9 +501,9 @@ scheduler_settings() { :; }
 details() { :; }
 node_address() { :; }
 
-# As the jobmill resolves it: to an IPv4 address, whatever addresses this machine has. getent's ahostsv4
-# finds none where only the loopback interface is up; its ahosts may leave out IPv4 where only IPv6 is,
-# and its hosts shows IPv6 alone where there are both.
+# Whether $1 has an IPv4 address here, which is all that the jobmill looks for. None of getent's look-ups
+# is enough: ahostsv4 finds nothing where only the loopback interface is up, ahosts may leave out IPv4
+# where this machine has IPv6 only, and hosts shows IPv6 alone for a name that has both.
 resolves() {
   local found
   found=$(timeout 10 getent ahosts "$1"; timeout 10 getent hosts "$1")
@@ -501,14 +513,15 @@ resolves() {
 # Sets $host to how the jobmill reaches the node: a name that it can resolve, else an address.
 choose_host() {
   for host in "$node" "$(node_address)" "$told_node" "$told_address"; do
-    # Every machine is localhost to itself.
+    # Every node calls itself localhost. That leads to the node only if it is this machine.
     [[ $host != localhost* || $told_node == "$(uname -n)" ]] || continue
     [[ -z $host ]] || ! resolves "$host" || return 0
   done
   explain "neither a name nor an address of node ${node:-$told_node} is known here (job $job)"
 }
 
-# Waits until the simulator listens. Queue time is nothing to the jobmill before the host line.
+# Waits until the simulator listens. That may take as long as the queue does: the jobmill waits for the
+# host line without limit.
 await_simulator() {
   local waiting_since=$SECONDS running_since=-1 shown='' asked_last
   answered=$SECONDS next_poll=$SECONDS interval=$poll_seconds failures=0 absences=0 ran=0 node=
@@ -521,7 +534,7 @@ await_simulator() {
       poll_job
       asked_last=true
     fi
-    # Told by the job itself; the scheduler may be down just now.
+    # The job itself has told that, so the scheduler need not answer just now.
     if [[ $verdict == listening && $state != ended ]]; then
       choose_host
       return
@@ -561,16 +574,16 @@ await_simulator() {
   done
 }
 
-# Whether a link of this account to the simulator looks alive. An end that the controller has seen, or
-# will see as soon as it looks, is another state.
+# Whether a connection of this account to the simulator's port is established (01). It is in another
+# state as soon as the controller has seen its end, or can see it.
 link_looks_alive() {
   local remote
   printf -v remote '%04X' "$port"
   grep -qsE "^ *[0-9]+: [0-9A-F:]+ [0-9A-F]+:$remote 01 [^ ]+ [^ ]+ [^ ]+ +$EUID " /proc/net/tcp
 }
 
-# The job has ended: so does the script, by which its controller can know it. A node that died has not
-# closed the link, and the controller would wait for ever for an answer.
+# The job has ended, and so the script does. When the node has died, nothing has closed the connection,
+# and the controller would wait for an answer for ever: it is ended after the grace time.
 follow_the_job() {
   if [[ -z $over ]]; then
     over=$SECONDS
@@ -581,8 +594,8 @@ follow_the_job() {
   ((SECONDS - over < grace_seconds)) || { kill "$controller"; exit 1; }
 }
 
-# Stays with the run: without its controller the simulator would hold its node, and its licence, for
-# as long as it likes.
+# Stays until the run has ended. Without this, a simulator whose controller has gone would hold its
+# node and its licence for as long as it likes.
 watch() {
   local orphaned=-1 over=''
   absences=0 failures=0 interval=$poll_seconds next_poll=$((SECONDS + poll_seconds))
@@ -597,7 +610,7 @@ watch() {
       poll_job
       case $state in
         ended) follow_the_job ;;
-        # Put back into the queue: its controller would not find it again.
+        # The job was put back into the queue. Its controller would not find it again.
         waiting | held) cancel_job; exit 1 ;;
         # Some schedulers lose sight of a job for a while.
         running) over= ;;
@@ -613,7 +626,7 @@ watch() {
 run_on_cluster() {
   read_parent
   controller=$parent
-  # It was gone before it could be looked at.
+  # The controller was gone before this script could look at it.
   ((controller != 1)) || exit 1
   exec 2>&1
   close_descriptors
@@ -631,17 +644,19 @@ run_on_cluster() {
   signalled='' job='' complaint='' answer='' state='' reason=''
   trap clean_up EXIT
   trap 'signalled=yes' TERM INT HUP
-  # A closed pipe is noticed by the controller that is gone. Not ignored: programs would inherit that.
+  # When nobody reads this output, the controller has gone, and that is noticed by its number. SIGPIPE is
+  # caught rather than ignored: the programs that are started here would inherit ignoring it.
   trap : PIPE
   scratch=$(mktemp -d "${TMPDIR:-/tmp}/jobmill.XXXXXX") || give_up "cannot write to ${TMPDIR:-/tmp}"
-  # Nothing is ever written there: something to wait on.
+  # A pipe to which nothing is ever written, for `idle` to wait on.
   mkfifo "$scratch/never" && exec {never}<>"$scratch/never"
   write_job
   submit_job
   say "job $job ($job_name) is submitted"
   await_simulator
   echo "HOST=$host"
-  # Nothing is read behind the host line: whoever goes on writing there stops for ever.
+  # Nobody reads on behind the host line: a process that goes on printing would fill the pipe and stop
+  # for ever.
   exec </dev/null >/dev/null 2>&1
   watch
 }
