@@ -22,8 +22,8 @@ bool Assign(char (&field)[Size], const std::string& token) {
   return true;
 }
 
-// The next token, of which at most `most` characters are kept: a file that is one long token is no
-// reason to hold it. False when there is none.
+// Reads the next token and keeps its first `most` characters, since a whole file may be one token.
+// False when there is none.
 bool ReadToken(FILE* in, std::string& token, std::size_t most) {
   token.clear();
   int next = getc(in);
@@ -80,7 +80,7 @@ void CEnvCollection::ReadEntries(FILE* in) {
   CEnv** last = &first_;
   std::string name;
   std::string value;
-  // One character more than fits, so that a token that is too long is known for one.
+  // One character more than a field takes is kept: it shows that the token is too long.
   while (ReadToken(in, name, sizeof(CEnv::name))) {
     ReadToken(in, value, sizeof(CEnv::value));
     if (name[0] == '\0') break;

@@ -38,10 +38,10 @@ class CEnvCollection {
   std::int32_t status() const { return status_; }
   const char* error() const { return error_.data(); }
 
-  /// Replaces the entries by those of `file`, up to a name that a zero byte ends before it begins.
-  /// Returns 0, also when there is no such file: a site need not have one. What is no regular file
-  /// counts as none. A last name without a value has an empty one. An entry whose name or value is
-  /// longer than 255 characters is left out.
+  /// Replaces the entries by those of `file`. A name that begins with a zero byte ends the reading.
+  /// Returns 0, also when there is no such file: a site need not have one. A pipe, a device or a
+  /// directory counts as no file. A last name without a value has an empty one. An entry whose name
+  /// or value is longer than 255 characters is left out.
   int ReadEnvFile(const char* file, char* error);
 
   /// Applies the entries in the order of the file, each as CEnv::Apply() does. Returns 0; 1 with a

@@ -20,7 +20,7 @@ constexpr std::size_t kLineSize = 1024;
 template <std::size_t Size>
 bool Assign(char (&field)[Size], const char* token) {
   if (token == nullptr || strlen(token) >= Size) return false;
-  strcpy(field, token);  // NOLINT(clang-analyzer-security.insecureAPI.strcpy): size checked above
+  memcpy(field, token, strlen(token) + 1);
   return true;
 }
 
@@ -78,7 +78,8 @@ int CVKUserCollection::ReadUserFile(const char* directory, flog* /*log*/, char* 
     *last = user.release();
     last = &(*last)->next;
   }
-  // What a failing disk does not give may deny somebody whom a "*" before it would let in.
+  // The part that a failing disk did not give may deny a user whom a "*" in the part before it lets
+  // in. So nobody is let in.
   if (ferror(file.get()) != 0) Reset();
   return 0;
 }

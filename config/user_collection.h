@@ -1,5 +1,10 @@
 #pragma once
 
+// This folder reads the two files that the administrator writes beside the executable: who may
+// start runs (this one) and which environment the runs get (env_collection). Every connection child
+// reads them afresh. They are apart from the daemon because what they let in decides about access:
+// each is tried and fuzzed by itself.
+
 #include <cstdint>
 
 class flog;

@@ -16,11 +16,13 @@
 
 namespace {
 
-// Serves the master's requests until the run ends. The outcome stands in the comms log.
+// This process becomes the controller of the run: it serves the master's requests until the run
+// ends and writes the outcome into the comms log.
 void ControlRun(const CManagerInformation& info, const RunRequest& run, const std::string& root,
                 const std::string& host) {
   const std::string name = run.path + root + ".crvnlog";
-  // The system ends a name at a zero byte: any file of the account would be replaced by the log.
+  // The system ends a file's name at the first zero byte. With one in the path or in the root name
+  // the master could have the log replace any file of the account.
   const bool wanted = info.comms_log && name.find('\0') == std::string::npos;
   flog log(wanted ? name : std::string(), true);
   const auto version = static_cast<int>(NumberIn(run.version.c_str()));

@@ -56,7 +56,7 @@ bool FindExecutableDirectory() {
   const std::string link = "/proc/" + std::to_string(getpid()) + "/exe";
   const ssize_t size = readlink(link.c_str(), GszExePath, sizeof(GszExePath));
   if (size < 0 || size >= static_cast<ssize_t>(sizeof(GszExePath))) {
-    strcpy(GszExePath, ".");  // NOLINT(clang-analyzer-security.insecureAPI.strcpy): fits
+    strcpy(GszExePath, ".");  // NOLINT(clang-analyzer-security.insecureAPI.strcpy): there is room
     return false;
   }
   GszExePath[size] = '\0';
@@ -165,8 +165,9 @@ int RunDaemon(int argc, char** argv) {
     perror(nullptr);
     exit(1);
   }
-  if (options.run_as_root && getuid() != 0)
+  if (options.run_as_root && getuid() != 0) {
     return PrintAndEnd("The jobmill must be run as root !\n");
+  }
   if (!Listen(options.listen_port)) {
     return PrintAndEnd("Error in creating socket to listen on port " +
                        std::to_string(options.listen_port) +

@@ -16,14 +16,15 @@
 
 namespace {
 
-// As many as the system follows.
+// The system itself follows no longer chain of links.
 constexpr int kMostLinks = 40;
 
-// A name for what `descriptor` has open, in this process and in one that inherits it.
+// A name that opens what `descriptor` has open, in this process and in a child that inherits it.
 std::string PathOf(const Descriptor& descriptor) {
   return "/proc/self/fd/" + std::to_string(descriptor.get());
 }
 
+// EPERM stands for what is refused for safety: see Explain().
 Descriptor Refuse(int error = EPERM) {
   errno = error;
   return {};
@@ -33,11 +34,12 @@ Descriptor OpenSource(const FilePlace& place, int links) {
   const Descriptor entry = place.Look();
   struct stat status {};
   if (!entry || fstat(entry.get(), &status) != 0) return {};
-  // What was looked at, whatever has the name by now.
+  // Opens the file that was looked at: another one may have the name by now.
   if (S_ISREG(status.st_mode)) {
     return Descriptor(open(PathOf(entry).c_str(), O_RDONLY | O_CLOEXEC));
   }
-  // A link of somebody else's may have been put there to have the file that it leads to read.
+  // A link that somebody else has made may lead to a file that only this account may read: its
+  // maker would find the content in the copy.
   const bool ours = status.st_uid == geteuid() || status.st_uid == 0;
   if (!S_ISLNK(status.st_mode) || !ours) return Refuse();
   if (links == kMostLinks) return Refuse(ELOOP);
@@ -53,14 +55,15 @@ Descriptor OpenTarget(const FilePlace& place, const struct stat& source) {
   struct stat present {};
   const bool exists = entry && fstat(entry.get(), &present) == 0;
   if (exists && present.st_dev == source.st_dev && present.st_ino == source.st_ino) {
-    return Refuse(EEXIST);  // a file is not copied to itself, by cp neither
+    return Refuse(EEXIST);  // source and target are one file, which cp refuses as well
   }
   Descriptor fresh = place.CreateFresh(0, source.st_mode & 0777U);
   if (fresh || !exists) return fresh;
   if (!S_ISREG(present.st_mode)) return Refuse();
   Descriptor old = place.OpenSole(0, 0, present);
-  // Somebody else's file would show him what he may not read himself, and so would one of ours that
-  // he may read and has moved there.
+  // The copy must not show the source to people who may not read it. A file of somebody else's
+  // would show it to its owner. A file of ours may have been moved there by somebody who may read
+  // it.
   const bool ours = present.st_uid == geteuid() || present.st_uid == source.st_uid;
   const bool shown = (present.st_mode & (S_IRGRP | S_IROTH)) != 0 &&
                      (source.st_mode & S_IROTH) == 0 && place.IsOpenToOthers();
@@ -71,16 +74,18 @@ bool RunCp(const Descriptor& source, const Descriptor& target) {
   const std::string command = "cp " + PathOf(source) + " " + PathOf(target);
   struct stat status {};
   fstat(target.get(), &status);
-  // The copy of a file that nobody may write to is closed, too, and cp has to open it once more.
+  // The copy of a write-protected file is write-protected, too. cp has to open it once more, so the
+  // protection waits until cp has ended.
   const bool closed = (status.st_mode & S_IWUSR) == 0;
   if (closed) fchmod(target.get(), (status.st_mode & 07777U) | S_IWUSR);
   for (const int descriptor : {source.get(), target.get()}) fcntl(descriptor, F_SETFD, 0);
-  const int result = system(command.c_str());  // NOLINT(cert-env33-c): no word of it is a peer's
+  const int result = system(command.c_str());  // no word of the command comes from a peer
   if (closed) fchmod(target.get(), status.st_mode & 07777U);
   return result >= 0;
 }
 
-// Says why there will be no copy. False when it was refused.
+// Prints why there will be no copy. False when that was refused for safety. Any other reason is one
+// that cp would have failed for, and what cp fails for is not judged.
 bool Explain(const std::string& file) {
   const bool refused = errno == EPERM;
   perror(file.c_str());
@@ -90,11 +95,12 @@ bool Explain(const std::string& file) {
 }  // namespace
 
 bool CopyInput(const std::string& source, const std::string& target) {
-  // As the system sees them.
+  // The system ends names at the first zero byte.
   const std::string from = source.substr(0, source.find('\0'));
   const std::string to = target.substr(0, target.find('\0'));
   const std::size_t name = from.rfind('/') + 1;
-  // Elsewhere it could be a file of the account's, to be replaced by what a stranger has written.
+  // The target has to be in the source's directory. A root name of the master's could lead
+  // elsewhere, and the copy of what a stranger has written would replace a file of the account.
   const bool beside = to.rfind('/') + 1 == name && to.compare(0, name, from, 0, name) == 0;
   const FilePlace place(from);
   const Descriptor in = beside ? OpenSource(place, 0) : Refuse();

@@ -24,7 +24,7 @@ namespace {
 constexpr int kLineSize = 1024;
 constexpr std::string_view kHostPrefix = "HOST=";
 
-// The arguments as execv() takes them, with its end mark. They stay where they are.
+// The arguments as execv() takes them: pointers to the texts in `arguments`, and null at the end.
 std::vector<char*> VectorOf(const std::vector<std::string>& arguments) {
   std::vector<char*> vector;
   vector.reserve(arguments.size() + 1);
@@ -35,21 +35,22 @@ std::vector<char*> VectorOf(const std::vector<std::string>& arguments) {
   return vector;
 }
 
-// The script process from its first to its last instruction of ours. Returns when the script could
-// not be executed. Takes no memory that it could not do without and throws nothing: this process
-// must not go on as a second connection child.
+// What the script process does before it becomes the script. Returns when the script could not be
+// executed. Does not depend on memory and throws nothing: the handlers of exceptions would take
+// this process for the connection child.
 void ExecuteScript(const std::vector<char*>& vector, int output, flog& log) {
   log << "Argument list\n";
-  // The last entry is the end mark. Writing it silences the log: from here on standard output is
-  // the script's.
+  // The null at the end is logged, too. It silences this process's log: from here on standard
+  // output is the script's.
   for (std::size_t k = 0; k < vector.size(); ++k) {
     log << "Arg " << static_cast<int>(k + 1) << ": " << vector[k] << "\n";
   }
-  // Nobody would read its host line.
+  // Without the pipe nobody would read the script's host line.
   if (dup2(output, STDOUT_FILENO) < 0) return;
   ResetSignals();
   CloseOthersOnExec();
-  // Without the daemon's terminal, at which the script could type in root's name.
+  // In a session of its own the script does not have the daemon's terminal, where it could type
+  // commands in root's name.
   setsid();
   execv(vector[0], vector.data());
   log << "Error from execv: " << errno << "\n";
@@ -70,8 +71,8 @@ std::string PrepareClusterRun(const RunRequest& run, flog& log) {
   const std::string target = run.path + "/" + extended + ".afi";
   log << "Copying " << source << " to " << target << "\n";
   CloseOthersOnExec();
-  // What cp says is not judged. A model may have no input file to copy; the simulator says so
-  // better than cp does.
+  // cp's exit status is not judged: a model may have no input file to copy, and the simulator says
+  // so better than cp does.
   log << (CopyInput(source, target) ? "Copy succeeded\n"
                                     : "Copy failed - run will probably fail\n");
   return extended;
@@ -100,7 +101,8 @@ bool StartScript(const CManagerInformation& info, const RunRequest& run, const s
     ExecuteScript(vector, write_end.get(), log);
     return false;
   }
-  // Whatever stands there otherwise, a terminal maybe, is not the script's output.
+  // Where the pipe cannot become standard input, nothing stays there: the lines of a terminal would
+  // be taken for the script's.
   if (dup2(read_end.get(), STDIN_FILENO) < 0) close(STDIN_FILENO);
   return true;
 }

@@ -17,7 +17,8 @@ std::string PrepareClusterRun(const RunRequest& run, flog& log);
 /// connection child. Returns false in the script process when the script could not be executed;
 /// that process then has nothing left to do but to end. Throws Refusal when there is no process to
 /// be had.
-bool StartScript(const CManagerInformation& info, const RunRequest& run, const std::string& root);
+[[nodiscard]] bool StartScript(const CManagerInformation& info, const RunRequest& run,
+                               const std::string& root);
 
 /// Copies the script's output to the log up to the host line and returns the host's name. The name
 /// keeps a zero byte in the place of its newline: the master expects it. Blocks as long as the

@@ -15,8 +15,8 @@ struct Options {
   bool version = false;  ///< print the version and nothing else
 };
 
-/// Reads the arguments from argv[1] on. Every position is looked at, the values of options too;
-/// what is no option is passed over. An option at the very end is its own value. Numbers below
+/// Reads the arguments from argv[1] on. Every argument is looked at, the values of options too, and
+/// passed over when it is no option. An option at the very end is its own value. Numbers below
 /// their lower bound are raised to it, texts without digits read as 0. Stops at the version
 /// option.
 Options ParseOptions(int argc, const char* const* argv);

@@ -4,7 +4,7 @@
 /// started from: descriptors 0 to 2 open, SIGPIPE ignored (a master that has gone shows at the
 /// next receive), SIGCHLD unblocked and handled. False, with errno set, when the SIGCHLD handler
 /// cannot be installed.
-bool PrepareProcess();
+[[nodiscard]] bool PrepareProcess();
 
 /// Gives the signals back the state that a program expects at its start. Blocked and ignored ones
 /// would survive an exec.

@@ -14,8 +14,9 @@ std::string DirectoryOf(const std::string& file) {
   return name == 0 ? "." : file.substr(0, name);
 }
 
-// Short, whatever the length of the file's own name: names have a limit. That nobody can guess it
-// keeps others from standing in the way; nothing else depends on that.
+// A name for a file on its way to its own name. It is short, because names have a limit that the
+// own one may have reached. It is random, because whoever guessed it could keep the file from being
+// made, though do nothing worse.
 std::string TemporaryName() {
   std::uint64_t number = 0;
   if (getrandom(&number, sizeof(number), 0) < 0) number = static_cast<std::uint64_t>(getpid());

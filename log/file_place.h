@@ -6,38 +6,40 @@
 
 #include "base/descriptor.h"
 
-/// The place of a file that this process writes in a directory where others may write too. Whoever
-/// guesses the name can put a link, a pipe or a file of his own there, so nothing that exists is
-/// opened by its name before it is known for what it is, and no link is followed.
+/// A directory and a name in it, for a file that this process writes although others may write to
+/// the directory too. Whoever guesses the name can put a link, a pipe or a file of his own there.
+/// So no link is followed, and a file that is there already is written to only after it has been
+/// checked.
 ///
-/// The directory is looked up once and held open: whoever exchanges it meanwhile does not part what
-/// happens here. A descriptor that cannot be had is none, with the reason in errno.
+/// The directory is looked up once and held open. All operations work in that one, even when
+/// somebody renames it meanwhile and puts another one in its place. A descriptor that cannot be had
+/// is none, with the reason in errno.
 class FilePlace {
  public:
-  /// The place named `file`.
+  /// The place that the path `file` leads to.
   explicit FilePlace(const std::string& file);
 
-  /// The same; a name that does not begin at the root begins in the directory of `beside`.
+  /// The same, but a path that does not begin with a slash begins in the directory of `beside`.
   FilePlace(const std::string& file, const FilePlace& beside);
 
-  /// Puts a fresh, empty file there and opens it to write. The file, link or pipe that was there is
-  /// replaced and never opened; a directory is not. `flags` are further ones of open(); the umask
-  /// applies to `mode`. Fails, with everything as it was, where the directory takes no new file.
+  /// Makes a fresh, empty file and opens it to write. It replaces a file, link or pipe of the name,
+  /// which is never opened; a directory of the name is EISDIR. `flags` are further ones of open();
+  /// the umask applies to `mode`. A failure leaves everything as it was.
   Descriptor CreateFresh(int flags, mode_t mode) const;
 
-  /// Opens the regular file that stands there to write. One with another name besides fails with
-  /// EPERM: it may be none of this process's business, linked here by whoever guessed the name.
-  /// Never waits. `flags` are further ones of open(), `mode` is that of a file which they create.
+  /// Opens the regular file of the name to write, and gives its `status`. A file that has a second
+  /// name fails with EPERM: whoever guessed the name may have linked any file here. Never waits.
+  /// `flags` are further ones of open(), `mode` is for a file that they create.
   Descriptor OpenSole(int flags, mode_t mode, struct stat& status) const;
 
-  /// What stands there, a link itself included, to look at: a descriptor that neither reads nor
-  /// writes.
+  /// Opens whatever has the name, a link rather than what it leads to, with a descriptor that can
+  /// only be looked at.
   Descriptor Look() const;
 
-  /// Removes what stands there; with AT_REMOVEDIR an empty directory.
+  /// Removes the file of the name; with AT_REMOVEDIR an empty directory.
   bool Remove(int flags) const;
 
-  /// Whether anybody but this process's user and root may put files there.
+  /// Whether anybody but this process's user and root may put files into the directory.
   bool IsOpenToOthers() const;
 
  private:

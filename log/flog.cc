@@ -21,17 +21,20 @@ namespace {
 
 constexpr mode_t kPublic = 0666;
 
+// Opens a log to all, whatever the umask has left of its mode.
 Descriptor Publish(Descriptor file) {
-  if (file) fchmod(file.get(), kPublic);  // whatever the umask
+  if (file) fchmod(file.get(), kPublic);
   return file;
 }
 
+// Opens the log that is there already.
 Descriptor OpenStanding(const FilePlace& place) {
   struct stat status {};
   Descriptor file = place.OpenSole(O_APPEND, 0, status);
   if (file && !place.IsOpenToOthers()) return Publish(std::move(file));
-  // Somebody else may have put there what stands there, to have it written to: a file of his own,
-  // or one of ours, moved there, that only we may read. Ours is written to, but not opened to all.
+  // Somebody else can have put the file there to have it written to: a file of his own, or one of
+  // this user's that nobody else may read and that he has moved there. The latter is written to,
+  // but not opened to all.
   if (status.st_uid != geteuid()) file.Reset();
   return file;
 }
@@ -44,21 +47,21 @@ Descriptor Create(const FilePlace& place) {
 Descriptor CreateFresh(const FilePlace& place) {
   Descriptor fresh = place.CreateFresh(O_APPEND, kPublic);
   if (fresh || errno != EISDIR || !place.Remove(AT_REMOVEDIR)) return Publish(std::move(fresh));
-  // An empty directory goes the way it would with remove().
+  // An empty directory is removed like a file.
   return Publish(place.CreateFresh(O_APPEND, kPublic));
 }
 
 Descriptor OpenLog(const FilePlace& place, bool remove_old) {
   Descriptor fresh = remove_old ? CreateFresh(place) : Create(place);
   if (fresh) return fresh;
-  // There may be room for one file only, the old one.
+  // A full disk may have no room for a second file, but for one in place of the first.
   if (remove_old && place.Remove(0)) return Create(place);
-  // A file may be writable in a directory that is not.
+  // Where the directory takes no new files, the old one may still be written to.
   return OpenStanding(place);
 }
 
-// Values as a standard stream writes them by default, in `room` where they need any: what is
-// logged may be that there is no memory left.
+// The text of a value as a standard stream writes it by default. Numbers are written into `room`
+// rather than into memory that is asked for: the line may be about memory that is not there.
 using Room = std::array<char, 32>;
 
 std::string_view Text(const std::string& value, Room& /*room*/) {
@@ -75,7 +78,7 @@ std::string_view IntegerText(Integer value, Room& room) {
 std::string_view Text(int value, Room& room) {
   return IntegerText(value, room);
 }
-std::string_view Text(unsigned long value, Room& room) {  // NOLINT(google-runtime-int)
+std::string_view Text(unsigned long value, Room& room) {
   return IntegerText(value, room);
 }
 std::string_view Text(double value, Room& room) {
@@ -95,7 +98,7 @@ void flog::SetFile(const std::string& file, bool remove_old) {
   file_.Reset();
   silent_ = false;
   try {
-    // As the system sees the name.
+    // The system ends the name at the first zero byte.
     const std::string name = file.substr(0, file.find('\0'));
     if (!name.empty()) file_ = OpenLog(FilePlace(name), remove_old);
   } catch (const std::bad_alloc&) {
@@ -126,5 +129,5 @@ template flog& flog::operator<<(std::string);
 template flog& flog::operator<<(const char*);
 template flog& flog::operator<<(char*);
 template flog& flog::operator<<(int);
-template flog& flog::operator<<(unsigned long);  // NOLINT(google-runtime-int): the request code
+template flog& flog::operator<<(unsigned long);  // request codes
 template flog& flog::operator<<(double);

@@ -1,5 +1,10 @@
 #pragma once
 
+// This folder is the log of daemon and controllers. flog is what callers know. Under it, file_place
+// puts a file safely into a directory that others may write to, and standard_output writes to what
+// may be full without being held by it; both are apart because each has one promise to keep and is
+// tried without the other. timestamp() is the only time in a log.
+
 #include <cstdint>
 #include <string>
 

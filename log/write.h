@@ -5,8 +5,7 @@
 
 #include <string_view>
 
-/// Writes all of `text`, blocking. What could not be written is dropped and not tried again with
-/// the next item, by this process or by a child that inherited the descriptor.
+/// Writes all of `text`, blocking. When a write fails the rest is dropped.
 inline void WriteAll(int descriptor, std::string_view text) {
   while (!text.empty()) {
     const ssize_t written = write(descriptor, text.data(), text.size());

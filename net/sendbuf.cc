@@ -4,6 +4,7 @@
 
 #include <limits>
 #include <stdexcept>
+#include <utility>
 
 #include "net/socket.h"
 
@@ -19,7 +20,7 @@ void sendbuf::PrePack(int n) {
   if (n > capacity_ - used_) Grow(n);
 }
 
-// Makes room for `more` bytes than there are.
+// Makes room for `more` bytes behind the used ones.
 void sendbuf::Grow(std::int64_t more) {
   const std::int64_t needed = used_ + more;
   const std::int64_t grown = (needed + kStep - 1) / kStep * kStep;
@@ -50,7 +51,7 @@ void sendbuf::Pack(const char* bytes, int n) {
 }
 
 void sendbuf::Pack(const std::string& text) {
-  // Before the length is cut to the 32 bits that it has on the wire.
+  // Grow() refuses a text that is too long, before its length is cut to 32 bits for the wire.
   const auto size = static_cast<std::int64_t>(sizeof(int) + text.size());
   if (size > capacity_ - used_) Grow(size);
   const auto length = static_cast<int>(text.size());
@@ -59,7 +60,7 @@ void sendbuf::Pack(const std::string& text) {
 }
 
 int sendbuf::Send(Socket* socket, unsigned code) const {
-  // An empty reply has the code in the place of its values, too; there is always room for that.
+  // A reply without values has the code a second time in their place; there is always room for it.
   if (used_ == 0) memcpy(values(), &code, sizeof(code));
   const auto size = used_ == 0 ? std::uint32_t{sizeof(code)} : static_cast<std::uint32_t>(used_);
   const std::uint32_t body = size + static_cast<std::uint32_t>(sizeof(code));

@@ -43,7 +43,7 @@ class sendbuf {
   std::int32_t capacity() const { return capacity_; }
 
  private:
-  // In the header, since thousands of values go through it in a reply.
+  // Inline: a long reply is packed by thousands of these calls.
   void Append(const void* bytes, std::int64_t size) {
     if (size <= 0) return;
     if (size > capacity_ - used_) Grow(size);
@@ -53,8 +53,8 @@ class sendbuf {
   void Grow(std::int64_t more);
   char* values() const { return data_.get() + kHead; }
 
-  // Before the values there is room for the frame's length and the code, so that a reply leaves
-  // from where it was packed.
+  // In front of the values there is room for the frame's length and the code, so that the frame is
+  // sent from where the values were packed.
   static constexpr std::size_t kHead = 8;
 
   std::unique_ptr<char[]> data_;

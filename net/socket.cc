@@ -30,9 +30,10 @@ constexpr std::size_t kBlockBytes = 4096;
 // The longest line of the handshake.
 constexpr int kMaxLine = std::numeric_limits<std::int16_t>::max();
 
-// Sends as one blocking send() would that no finished child can cut short: an interrupted send
-// reports what had left by then, and short sends are not retried. What the system takes at once is
-// not interrupted; only for the rest the signal has to wait.
+// Sends `size` bytes, blocking, and returns what send() does. A child that ends meanwhile must not
+// interrupt that: send() would report the part that has left, and short sends are not retried. So
+// SIGCHLD waits while this blocks. The first attempt does not block, and is all that most frames
+// need; they are spared the two calls that change the signal mask.
 ssize_t SendOnce(int handle, const char* bytes, std::size_t size) {
   const ssize_t taken = send(handle, bytes, size, MSG_DONTWAIT);
   if (taken == static_cast<ssize_t>(size) || (taken < 0 && errno != EAGAIN)) return taken;
@@ -49,7 +50,7 @@ ssize_t SendOnce(int handle, const char* bytes, std::size_t size) {
   return rest < 0 && had == 0 ? rest : static_cast<ssize_t>(had) + std::max<ssize_t>(rest, 0);
 }
 
-// Empty when there is no memory for it: a frame has four bytes at least.
+// The frame around `body`. Empty, which no frame is, with ENOMEM in errno, when there is no memory.
 std::string Frame(const char* body, std::size_t size) {
   try {
     std::string frame(kLengthBytes + size, '\0');
@@ -63,6 +64,7 @@ std::string Frame(const char* body, std::size_t size) {
   }
 }
 
+// False, with ENOMEM in errno, when there is no memory for more.
 bool Append(std::string& text, const char* bytes, std::size_t size) {
   try {
     text.append(bytes, size);
@@ -77,9 +79,9 @@ void SetOption(int handle, int option, int value) {
   setsockopt(handle, IPPROTO_TCP, option, &value, sizeof(value));
 }
 
-// The peer has stopped sending in the middle of a frame. Receiving would return at once for ever,
-// so wait for what ends the connection. A peer that has closed for good sends nothing more by
-// itself; asking it with keep-alive probes tells it from one that only stopped sending.
+// The peer has stopped sending in the middle of a frame, and every further recv() would return 0 at
+// once. This waits until the connection has ended. Keep-alive probes tell a peer that has closed
+// for good, which answers them with a reset, from one that has only stopped sending.
 void WaitForHangUp(int handle) {
   const int on = 1;
   setsockopt(handle, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof(on));
@@ -112,7 +114,7 @@ std::int32_t Socket::nofSockets_ = 0;
 
 Socket::Socket() : handle_(-1), references_(nullptr) {
   ++nofSockets_;
-  auto references = std::make_unique<std::int32_t>(1);  // before there is a descriptor to lose
+  auto references = std::make_unique<std::int32_t>(1);  // may throw: before the descriptor
   handle_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   // NOLINTNEXTLINE(misc-throw-by-value-catch-by-reference): callers catch texts
   if (handle_ < 0) throw static_cast<const char*>("INVALID_SOCKET");
@@ -132,8 +134,8 @@ Socket::Socket(const Socket& other) : handle_(other.handle_), references_(other.
 Socket& Socket::operator=(Socket& other) {
   if (&other == this) return *this;
   ++*other.references_;
-  // Without its last object the counter is of no more use. One that copies share keeps counting
-  // this object, so that none of them closes the descriptor.
+  // The counter of the former descriptor goes if no copy uses it. If copies do, it goes on counting
+  // this object, so that none of them closes that descriptor.
   if (references_ != other.references_ && *references_ == 1) delete references_;
   handle_ = other.handle_;
   references_ = other.references_;
@@ -156,8 +158,8 @@ void Socket::Start() {
 void Socket::End() {}
 
 void Socket::Close() {
-  // The number may be somebody else's as soon as it is closed; the destructor must not close it
-  // a second time.
+  // Another descriptor may get the number as soon as this one is closed. The destructor must not
+  // close that one.
   if (handle_ >= 0) close(handle_);
   handle_ = -1;
 }
@@ -197,8 +199,8 @@ std::string Socket::ReceiveLine(int& length) {
     had += static_cast<std::size_t>(got);
     length = std::bit_cast<int>(field);
   }
-  // A length beyond this never completes. Handshake lines are short, and a stranger's long ones
-  // cost no memory: they are dropped as they come, a block at a time.
+  // A line that is too long never completes. Its bytes are dropped as they come, a block at a time,
+  // so that a stranger's line costs no memory.
   const bool endless = length > kMaxLine;
   std::array<char, kBlockBytes> block{};
   auto missing = static_cast<std::size_t>(std::max(length, 0));

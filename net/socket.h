@@ -3,6 +3,11 @@
 #include <cstdint>
 #include <string>
 
+// This folder is the link to the master: blocking sockets that carry frames (this header and its
+// two kinds, socket_server and socket_client), and the values packed in a frame's body (sendbuf,
+// getbuf). Sockets know nothing of values, and buffers no more of sockets than what a reply leaves
+// by, so the bytes of either can be tried without the other.
+
 /// A blocking IPv4 TCP stream socket whose messages are frames:
 ///
 ///     offset 0  4 bytes  length N of the body, signed 32-bit, host byte order
@@ -38,7 +43,7 @@ class Socket {
   static void Start();
   static void End();
 
-  /// Closes the descriptor at once, whatever other copies there are. The object then holds none.
+  /// Closes the descriptor at once, even while copies share it. The object then holds none.
   void Close();
 
   /// Receives one frame into `buffer`, which must hold master_link::kMaxFrame bytes; only the first
@@ -66,7 +71,8 @@ class Socket {
   /// all of the frame left, else 1.
   int SendLine(const char* body, unsigned size);
 
-  /// Sends bytes without a frame, likewise. Returns 0 when all of them left, else 1.
+  /// Sends bytes without a frame in one piece, not retried when they leave short. Returns 0 when
+  /// all of them left, else 1.
   int SendBytes(const std::string& bytes);
   int SendBytes(const char* bytes, unsigned size);
 

@@ -10,7 +10,7 @@
 #include <limits>
 
 SocketClient::SocketClient(const std::string& host, int port) {
-  // Cut to 16 bits it would be another port than the one that was asked for.
+  // Cut to 16 bits, the number would be that of another port.
   if (port < 1 || port > std::numeric_limits<std::uint16_t>::max()) {
     throw std::string(strerror(EINVAL));
   }

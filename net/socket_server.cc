@@ -15,7 +15,7 @@
 
 namespace {
 
-// Static: a pointer into it is thrown.
+// The text of the last failure. Constructors throw a pointer to it, so it outlives them.
 std::array<char, 256> failure;
 
 sockaddr_in AnyAddress(int port) {
@@ -31,7 +31,7 @@ int NewSocket() {
 }
 
 int Bind(int handle, int port) {
-  // Cut to 16 bits it would be another port than the one that was asked for.
+  // Cut to 16 bits, the number would be that of another port.
   if (port < 0 || port > std::numeric_limits<std::uint16_t>::max()) {
     errno = EINVAL;
     return -1;
@@ -76,7 +76,7 @@ Socket* SocketServer::Accept() {
 }
 
 Socket* SocketServer::Accept(int seconds, int* ready) {
-  if (handle_ < 0 || handle_ >= FD_SETSIZE) {  // a set has no place for it
+  if (handle_ < 0 || handle_ >= FD_SETSIZE) {  // an fd_set has no place for it
     *ready = -1;
     return nullptr;
   }

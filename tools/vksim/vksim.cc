@@ -13,6 +13,7 @@
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
+#include "base/descriptor.h"
 #include "simulator/controller_link.h"
 #include "simulator/deck.h"
 #include "simulator/listener.h"
