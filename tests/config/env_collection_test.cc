@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -13,6 +14,7 @@
 #include <functional>
 #include <new>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -264,5 +266,32 @@ TEST_F(EnvCollectionTest, FileThatThereIsNoMemoryToOpenThrows) {
   if (result == 77) GTEST_SKIP() << "system calls cannot be answered here";
   EXPECT_EQ(result, 0);
 }
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // which need more addresses
+TEST_F(EnvCollectionTest, VariableThatThereIsNoMemoryForThrows) {
+  const CEnvCollection entries(directory_.Write("env", "JT_A 1").c_str());
+  EXPECT_EQ(InChild([&] {
+              // One variable more takes a list of its own, of eight megabytes.
+              std::vector<char*> many(1 << 20, const_cast<char*>("JT_MANY=1"));
+              many.back() = nullptr;
+              environ = many.data();
+              rlimit usual{};
+              getrlimit(RLIMIT_AS, &usual);
+              const rlimit none{0, usual.rlim_max};
+              if (setrlimit(RLIMIT_AS, &none) != 0) return 1;
+              int result = 2;
+              try {
+                entries.Apply(nullptr, &log_);
+              } catch (const std::bad_alloc&) {
+                result = 0;
+              }
+              setrlimit(RLIMIT_AS, &usual);
+              return result;
+            }),
+            0);
+  // The line before that did not lack memory.
+  EXPECT_EQ(directory_.Read("log"), "Setting non-existing environment variable JT_A to 1\n");
+}
+#endif
 
 }  // namespace
