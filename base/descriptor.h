@@ -12,11 +12,8 @@ class Descriptor {
   Descriptor() = default;
   explicit Descriptor(int descriptor) : descriptor_(descriptor) {}
   Descriptor(Descriptor&& other) noexcept : descriptor_(other.Release()) {}
-  Descriptor& operator=(Descriptor&& other) noexcept {
-    if (this != &other) {
-      Reset();
-      descriptor_ = other.Release();
-    }
+  Descriptor& operator=(Descriptor other) noexcept {
+    std::swap(descriptor_, other.descriptor_);  // and `other` closes the former one
     return *this;
   }
   ~Descriptor() { Reset(); }
