@@ -232,21 +232,6 @@ TEST(SocketServerTest, PortIsTriedWithTheFirstNumberToo) {
   EXPECT_EQ(child.Wait(std::chrono::seconds(10)).value_or(-1), 0);
 }
 
-TEST(SocketServerTest, AcceptWithALimitWaitsOnTheFirstNumberToo) {
-  ChildProcess::Options options;
-  options.inChild = [] {
-    close(0);
-    int port = 0;
-    const auto server = Listen(port);
-    const SocketClient client("127.0.0.1", port);
-    int ready = 0;
-    const std::unique_ptr<Socket> accepted(server->Accept(5, &ready));
-    return fcntl(0, F_GETFD) >= 0 && ready == 1 && accepted != nullptr ? 0 : 1;
-  };
-  ChildProcess child({}, options);
-  EXPECT_EQ(child.Wait(std::chrono::seconds(10)).value_or(-1), 0);
-}
-
 // Leaves this process `more` descriptors to open.
 class DescriptorLimit {
  public:
