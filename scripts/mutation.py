@@ -1,14 +1,14 @@
-"""The body of scripts/mutate: finds the mutants, builds and tests them one by one."""
+"""The body of scripts/mutate: builds and tests the mutants one by one."""
 import argparse
 import concurrent.futures
-import difflib
+import functools
 import hashlib
 import json
 import os
 import pathlib
-import random
 import re
 import resource
+import secrets
 import shlex
 import shutil
 import signal
@@ -17,233 +17,58 @@ import sys
 import tempfile
 import threading
 
-from clang import cindex
-from clang.cindex import CursorKind as Kind
-from clang.cindex import TypeKind
+from mutants import find_mutants
 
-FOLDERS = ["net", "relay", "config", "vk_ec", "connector"]
 WORK = pathlib.Path.cwd() / "build" / "mutation"
 # A copy of the sources: those in the tree may change while this runs.
 ROOT = WORK / "tree"
-WORKERS = 2
-WANTED = 0.9
+WANTED = 0.95
+
+# What is looked at, by its folder in the report.
+FOLDERS = {"base": "base", "net": "net", "relay": "relay", "config": "config", "vk_ec": "vk_ec",
+           "connector": "connector", "log": "log", "sections": "sections", "daemon": "daemon",
+           "tools": "tools", "deploy": "deploy/scripts"}
+
+# What tries a file: the longest beginning of its name counts. PROGRAM:FILTER is a test program with
+# the tests of it that matter, SITE.SUITE the cases of a cluster over a stand-in for its scheduler.
+# The programs for which somebody waits, or a site that needs an account, are left to scripts/test.
+TRIED_BY = {
+    "base/": ["base_test"],
+    "net/": ["net_test"],
+    "relay/": ["relay_test"],
+    "config/": ["config_test"],
+    "vk_ec/": ["vk_ec_test"],
+    "connector/": ["connector_test"],
+    "log/": ["log_test"],
+    "sections/": ["sections_test"],
+    "daemon/": ["daemon_test", "system_test", "hazard_test"],
+    "tools/vkmaster/": ["tools_test"],
+    "tools/vksim/": ["simulator_test:Vksim*"],
+    "deploy/scripts/common.sh": ["whole_run_test:LocalScriptTest.*", "fake-slurm.common",
+                                 "fake-slurm.hostile", "fake-slurm.states", "fake-slurm.cases"],
+    "deploy/scripts/local": ["whole_run_test:LocalScriptTest.*"],
+    "deploy/scripts/gridengine": ["fake-gridengine.states", "fake-gridengine.cases"],
+    "deploy/scripts/htcondor": ["fake-htcondor.states", "fake-htcondor.cases"],
+    "deploy/scripts/lsf": ["fake-lsf.states", "fake-lsf.cases"],
+    "deploy/scripts/pbs": ["fake-openpbs.states", "fake-torque.states", "fake-openpbs.cases",
+                           "fake-torque.cases"],
+    "deploy/scripts/slurm": ["fake-slurm.states", "fake-slurm.common", "fake-slurm.cases"],
+    "deploy/scripts/ssh": ["ssh.cases"],
+}
+# The programs that tests start. Those of these folders hold the change as well.
+STARTED_BY_TESTS = {"vkjobmill.exe", "vkmaster", "vksim", "climber"}
+STARTED = {"daemon/": "vkjobmill.exe", "tools/vkmaster/": "vkmaster", "tools/vksim/": "vksim"}
 
 # A test that takes longer than this waits for something; those run last, side by side.
 SLOW_SECONDS = 0.25
-
-COMPARISONS = {"<": ["<=", ">="], "<=": ["<", ">"], ">": [">=", "<"], ">=": [">", "<="],
-               "==": ["!="], "!=": ["=="]}
-SWAPS = {**COMPARISONS, "+": ["-"], "-": ["+"], "*": ["/"], "/": ["*"], "%": ["*"],
-         "&&": ["||"], "||": ["&&"], "+=": ["-="], "-=": ["+="]}
-
-# What makes a comparison a length check, and the functions that are one as a whole.
-LENGTH_WORDS = re.compile(
-    r"size|length|count|remaining|capacity|total|chunk|width|offset|used_|needed|grown|npos"
-    r"|kMax|kMost|kBuffer|kLengthBytes|position_|components|\bn\b|\bmore\b|\bend\b|\bgot\b|index",
-    re.IGNORECASE)
-LENGTH_FUNCTIONS = re.compile(
-    r"^(check_length|check_count|Copy|ReceiveLine|ReceiveRest|receive_chunk|RecvMessage|UnPack.*"
-    r"|Reserve|Room|MakeRoom|take|take_string|remaining|finalize)$")
-
-# Nobody can see these: room made ahead of time, and the words of a log line.
-UNSEEN_CALLS = re.compile(r"(\.|->)reserve\(|^\*?log_?\b\s*<<|^log\b\s*<<")
+SIDE_BY_SIDE = 6
+# A change of a script takes a minute to judge: in a sample of all folders there is one of so many.
+SCRIPT_SHARE = 4
 
 
-class Mutant:
-    def __init__(self, file, begin, end, kind, replacement, source, length_check):
-        self.file = file
-        self.begin, self.end = begin, end
-        self.kind = kind
-        self.replacement = replacement
-        self.original = source[begin:end].decode()
-        self.line = source[:begin].count(b"\n") + 1
-        self.length_check = length_check
-        column = begin - source.rfind(b"\n", 0, begin)
-        # Lines above may come and go: the text around tells the place.
-        around = source[max(0, begin - 60):end + 60]
-        self.place = f"{file}:{self.line}:{column}"
-        self.id = hashlib.sha1(
-            f"{file}|{kind}|{replacement}|".encode() + around).hexdigest()[:10]
-
-    @property
-    def folder(self):
-        return self.file.split("/")[0]
-
-    def apply(self, source):
-        return source[:self.begin] + self.replacement.encode() + source[self.end:]
-
-    def diff(self):
-        source = (ROOT / self.file).read_bytes()
-        before, after = source.decode(), self.apply(source).decode()
-        lines = list(difflib.unified_diff(before.splitlines(), after.splitlines(),
-                                          lineterm="", n=0))[2:]
-        return "\n".join(f"    {line}" for line in lines)
-
-
-class Finder:
-    """Walks one file and collects what can be changed in it."""
-
-    def __init__(self, file):
-        self.file = file
-        self.source = (ROOT / file).read_bytes()
-        self.mutants = {}
-
-    def find(self, index):
-        unit = index.parse(str(ROOT / self.file),
-                           args=["-x", "c++", "-std=c++20", f"-I{ROOT}", "-w",
-                                 "-DBOOST_ASIO_DISABLE_CO_AWAIT"])
-        errors = [d for d in unit.diagnostics if d.severity >= cindex.Diagnostic.Error]
-        if errors:
-            sys.exit(f"{self.file}: {errors[0].spelling}")
-        for cursor in unit.cursor.get_children():
-            self.visit(cursor, [], False, "")
-        return list(self.mutants.values())
-
-    def here(self, cursor):
-        start = cursor.extent.start
-        return start.file and os.path.samefile(start.file.name, ROOT / self.file)
-
-    def text(self, cursor):
-        return self.source[cursor.extent.start.offset:cursor.extent.end.offset].decode()
-
-    def add(self, begin, end, kind, replacement, length_check):
-        mutant = Mutant(self.file, begin, end, kind, replacement, self.source, length_check)
-        if mutant.original != replacement:
-            self.mutants.setdefault((begin, end, replacement), mutant)
-
-    def visit(self, cursor, parents, length, function):
-        if parents == [] and not self.here(cursor):
-            return
-        if cursor.kind in (Kind.STATIC_ASSERT, Kind.INCLUSION_DIRECTIVE):
-            return
-        if cursor.kind in (Kind.CXX_METHOD, Kind.FUNCTION_DECL, Kind.CONSTRUCTOR,
-                           Kind.FUNCTION_TEMPLATE, Kind.DESTRUCTOR):
-            function = cursor.spelling
-        text = self.text(cursor)
-        if cursor.kind == Kind.CALL_EXPR and UNSEEN_CALLS.search(text) and (
-                cursor.spelling in ("reserve", "operator<<")):
-            return
-        operator = self.operator(cursor)
-        if operator and operator[0] in COMPARISONS and LENGTH_WORDS.search(text):
-            length = True
-        length = length or bool(LENGTH_FUNCTIONS.match(function))
-        if operator:
-            self.swap(operator, length)
-        self.literal(cursor, text, length)
-        self.negation(cursor, text, length)
-        self.condition(cursor, length)
-        self.statement(cursor, text, parents, length)
-        self.returned(cursor, length, parents)
-        for child in cursor.get_children():
-            self.visit(child, parents + [cursor], length, function)
-
-    def operator(self, cursor):
-        """(operator, offset) of a binary expression, built in or overloaded."""
-        children = list(cursor.get_children())
-        if cursor.kind == Kind.CALL_EXPR and cursor.spelling.startswith("operator"):
-            operands = [c for c in children if c.spelling != cursor.spelling]
-            if len(operands) != 2:
-                return None
-            children = operands
-        elif cursor.kind not in (Kind.BINARY_OPERATOR, Kind.COMPOUND_ASSIGNMENT_OPERATOR,
-                                 Kind.UNEXPOSED_EXPR):
-            return None
-        if len(children) != 2:
-            return None
-        children.sort(key=lambda c: c.extent.start.offset)
-        begin, end = children[0].extent.end.offset, children[1].extent.start.offset
-        between = self.source[begin:end].decode()
-        operator = between.strip()
-        if operator not in SWAPS:
-            return None
-        return operator, begin + between.index(operator)
-
-    def swap(self, operator, length):
-        word, offset = operator
-        kind = ("comparison" if word in COMPARISONS else
-                "logic" if word in ("&&", "||") else "arithmetic")
-        for other in SWAPS[word]:
-            self.add(offset, offset + len(word), kind, other, length)
-
-    def literal(self, cursor, text, length):
-        begin, end = cursor.extent.start.offset, cursor.extent.end.offset
-        if cursor.kind == Kind.INTEGER_LITERAL:
-            match = re.fullmatch(r"(0[xX][0-9a-fA-F]+|[0-9]+)([uUlL]*)", text)
-            if match:
-                value = int(match[1], 8 if re.fullmatch(r"0[0-7]+", match[1]) else 0)
-                self.add(begin, end, "literal", f"{value + 1}{match[2]}", length)
-                if value > 0:
-                    self.add(begin, end, "literal", f"{value - 1}{match[2]}", length)
-        elif cursor.kind == Kind.FLOATING_LITERAL and re.fullmatch(r"[0-9.]+", text):
-            self.add(begin, end, "literal", f"{float(text) + 1}", length)
-        elif cursor.kind == Kind.CXX_BOOL_LITERAL_EXPR and text in ("true", "false"):
-            self.add(begin, end, "literal", "false" if text == "true" else "true", length)
-
-    def negation(self, cursor, text, length):
-        if cursor.kind == Kind.UNARY_OPERATOR:
-            begin, end = cursor.extent.start.offset, cursor.extent.end.offset
-            if text.startswith("!"):
-                self.add(begin, begin + 1, "logic", "", length)
-            for word, other in (("++", "--"), ("--", "++")):
-                if text.startswith(word):
-                    self.add(begin, begin + 2, "arithmetic", other, length)
-                elif text.endswith(word):
-                    self.add(end - 2, end, "arithmetic", other, length)
-
-    def condition(self, cursor, length):
-        """The condition of an `if` or a loop that is no comparison: its opposite."""
-        if cursor.kind not in (Kind.IF_STMT, Kind.WHILE_STMT):
-            return
-        first = next(iter(cursor.get_children()), None)
-        if first is None or not first.kind.is_expression() or self.operator(first):
-            return
-        text = self.text(first)
-        if text in ("true", "false") or text.startswith("!"):
-            return
-        self.add(first.extent.start.offset, first.extent.end.offset, "logic", f"!({text})", length)
-
-    def statement(self, cursor, text, parents, length):
-        """A call or an assignment that stands alone: left out."""
-        if not parents:
-            return
-        while cursor.kind == Kind.UNEXPOSED_EXPR and text == self.text(cursor):
-            children = list(cursor.get_children())
-            if len(children) != 1 or self.text(children[0]) != text:
-                break
-            cursor = children[0]
-        alone = parents[-1].kind == Kind.COMPOUND_STMT or (
-            parents[-1].kind in (Kind.IF_STMT, Kind.FOR_STMT, Kind.CXX_FOR_RANGE_STMT)
-            and self.source[cursor.extent.end.offset:cursor.extent.end.offset + 1] == b";"
-            and self.source[:cursor.extent.start.offset].rstrip()[-1:] in (b")", b"e"))
-        assignment = cursor.kind in (Kind.BINARY_OPERATOR, Kind.COMPOUND_ASSIGNMENT_OPERATOR)
-        if alone and (assignment or cursor.kind in (Kind.CALL_EXPR, Kind.UNARY_OPERATOR)):
-            if not UNSEEN_CALLS.search(text):
-                self.add(cursor.extent.start.offset, cursor.extent.end.offset, "statement",
-                         "(void)0", length)
-
-    def returned(self, cursor, length, parents):
-        if cursor.kind != Kind.RETURN_STMT:
-            return
-        value = next(iter(cursor.get_children()), None)
-        if value is None or self.operator(value):
-            return
-        text = self.text(value)
-        kind = value.type.get_canonical().kind
-        if kind == TypeKind.BOOL and text not in ("true", "false") and not text.startswith("!"):
-            other = f"!({text})"
-        elif kind in (TypeKind.INT, TypeKind.UINT, TypeKind.LONG, TypeKind.ULONG,
-                      TypeKind.LONGLONG) and not re.fullmatch(r"-?[0-9]+", text):
-            other = f"({text}) + 1"
-        elif kind == TypeKind.DOUBLE:
-            other = f"({text}) + 1"
-        elif kind == TypeKind.RECORD and text != "{}" and not text.startswith("*"):
-            other = "{}"
-        elif kind == TypeKind.POINTER and text != "nullptr":
-            other = "nullptr"
-        else:
-            return
-        self.add(value.extent.start.offset, value.extent.end.offset, "returned value", other,
-                 length)
+def of_longest_beginning(table, file, default=None):
+    key = max((key for key in table if file.startswith(key)), key=len, default=None)
+    return table.get(key, default)
 
 
 def copy_tree():
@@ -262,252 +87,379 @@ def copy_tree():
             shutil.copy(name, target)
 
 
-def find_mutants(folders):
-    index = cindex.Index.create()
-    mutants = []
-    for folder in folders:
-        for file in sorted(ROOT.joinpath(folder).rglob("*")):
-            if file.suffix in (".cc", ".h"):
-                mutants += Finder(str(file.relative_to(ROOT))).find(index)
-    return mutants
+class Build:
+    """How the objects are made and the programs linked, and how both are made with a change."""
 
-
-class Program:
-    """One folder's test program: how its objects are made, how it is linked and run."""
-
-    def __init__(self, folder, build):
-        self.folder, self.build = folder, build
-        name = f"{folder}_test"
-        self.test = build / "bin" / name
-        with open(build / "compile_commands.json", encoding="utf-8") as file:
-            commands = {entry["file"]: entry["command"] for entry in json.load(file)}
-        link = subprocess.run(["ninja", "-C", build, "-t", "commands", "-s",
-                               f"bin/{name}"],
-                              check=True, capture_output=True, text=True).stdout
-        link = next(line for line in link.splitlines() if f"-o bin/{name}" in line)
-        self.link = re.search(r"(?:^|&& )(\S*(?:clang\+\+|g\+\+)\S* .*?)(?: && |$)", link)[1]
-        self.link = self.link.replace(f"-o bin/{name}", "-o {output}")
-        self.units = {}  # source → (object, command)
-        for source, command in commands.items():
-            path = str(pathlib.Path(source).relative_to(ROOT))
-            if path.startswith((f"{folder}/", f"tests/{folder}/")):
-                self.units[path] = (re.search(r" -o (\S+)", command)[1], command)
+    def __init__(self, directory, programs):
+        self.directory = directory
+        with open(directory / "compile_commands.json", encoding="utf-8") as file:
+            self.units = {  # source: (object, command)
+                os.path.relpath(entry["file"], ROOT):
+                (re.search(r" -o (\S+)", entry["command"])[1], entry["command"])
+                for entry in json.load(file)}
+        self.links = {program: self.link_command(program) for program in programs}
         self.needs = self.read_dependencies()
+
+    def link_command(self, program):
+        lines = subprocess.run(["ninja", "-C", self.directory, "-t", "commands", "-s",
+                                f"bin/{program}"],
+                               check=True, capture_output=True, text=True).stdout.splitlines()
+        line = next(line for line in lines if f"-o bin/{program}" in line)
+        link = re.search(r"(?:^|&& )(\S*(?:clang\+\+|g\+\+)\S* .*?)(?: && |$)", line)[1]
+        return link.replace(f"-o bin/{program}", "-o {output}")
 
     def read_dependencies(self):
         """{object: files it is made of}"""
-        out = subprocess.run(["ninja", "-C", self.build, "-t", "deps"], check=True,
+        out = subprocess.run(["ninja", "-C", self.directory, "-t", "deps"], check=True,
                              capture_output=True, text=True).stdout
         needs, current = {}, None
         for line in out.splitlines():
             if line and not line.startswith(" "):
                 current = needs.setdefault(line.split(":")[0], set())
             elif line.strip():
-                path = os.path.normpath(self.build / line.strip())
+                path = os.path.normpath(self.directory / line.strip())
                 if path.startswith(str(ROOT)):
                     current.add(os.path.relpath(path, ROOT))
         return needs
 
-    def measure(self):
-        """Sorts the tests into quick and slow ones."""
-        with tempfile.TemporaryDirectory(dir=WORK) as scratch:
-            report = pathlib.Path(scratch) / "report.json"
-            run = subprocess.run([self.test, "--gtest_brief=1", f"--gtest_output=json:{report}"],
-                                 cwd=scratch, capture_output=True, text=True, timeout=300)
-            if run.returncode != 0:
-                sys.exit(f"{self.test.name} fails without any change:\n{run.stdout}")
-            suites = json.loads(report.read_text())["testsuites"]
-        seconds = {f"{suite['name']}.{test['name']}": float(test["time"].rstrip("s"))
-                   for suite in suites for test in suite["testsuite"]}
-        self.slow = {name: time for name, time in seconds.items() if time > SLOW_SECONDS}
-        self.quick_seconds = sum(seconds.values()) - sum(self.slow.values())
+    def make(self, mutant, programs, scratch):
+        """Whether the mutant could be built: into scratch/bin, with all other programs beside."""
+        tree, target = scratch / "tree", scratch / "bin"
+        script = mutant.folder == "deploy"
+        target.mkdir()
+        for built in (self.directory / "bin").iterdir():
+            if (script or built.name not in programs) and not built.is_symlink():
+                os.link(built, target / built.name)
+        if script:
+            for folder in ("deploy", "tests/cluster", "tests/support"):
+                shutil.copytree(ROOT / folder, tree / folder)
+        changed = tree / mutant.file
+        changed.parent.mkdir(parents=True, exist_ok=True)
+        changed.write_bytes(mutant.changed())
+        changed.chmod((ROOT / mutant.file).stat().st_mode)
+        (target / "vkmpi_dir.sh").symlink_to((tree if script else ROOT) / "deploy/scripts/local")
+        if script:
+            return self.passes_shellcheck(changed, tree)
+        objects = self.compile_all(mutant, programs, changed, scratch)
+        return objects is not None and all(
+            self.link(program, objects, target / program) for program in programs)
 
-    def compile(self, source, path, include, output):
-        """Compiles `path`, which stands for `source`, looking into `include` first."""
-        command = self.units[source][1]
-        command = command.replace(f" -o {self.units[source][0]}", f" -o {output}")
-        command = command.replace(f" -c {ROOT / source}", f" -I{include} -c {path}")
-        # The own includes come first on the command line; what is in `include` has to win.
-        command = command.replace(f" -I{ROOT} ", f" -I{include} -I{ROOT} ", 1)
-        return subprocess.run(shlex.split(command), cwd=self.build, capture_output=True).returncode
+    @staticmethod
+    def passes_shellcheck(script, tree):
+        """What shellcheck refuses is no mutant: it would not be committed either."""
+        return subprocess.run(["shellcheck", "--external-sources", script.relative_to(tree)],
+                              cwd=tree, capture_output=True).returncode == 0
 
-    def make(self, mutant, scratch):
-        """Builds the program with the change; None when it does not compile."""
-        changed = scratch / "tree" / mutant.file
-        changed.parent.mkdir(parents=True)
-        changed.write_bytes(mutant.apply((ROOT / mutant.file).read_bytes()))
+    def compile_all(self, mutant, programs, changed, scratch):
+        """{object: its replacement}; None when something does not compile."""
         if mutant.file.endswith(".cc"):
             sources = [mutant.file]
         else:
             sources = [source for source, (made, _) in self.units.items()
-                       if mutant.file in self.needs.get(made, ())]
-        link, extra = self.link, []
+                       if mutant.file in self.needs.get(made, ()) and (
+                           source.startswith(f"{mutant.folder}/") or
+                           any(f" {made} " in self.links[program] for program in programs))]
+        objects = {}
         # The product's own files first: they show soonest that a change does not compile.
         for number, source in enumerate(sorted(sources, key=lambda s: s.startswith("tests/"))):
-            made = scratch / f"{number}.o"
+            output = scratch / f"{number}.o"
             path = changed if source == mutant.file else ROOT / source
-            if self.compile(source, path, scratch / "tree", made) != 0:
+            if not self.compile(source, path, scratch / "tree", output):
                 return None
-            if source.startswith("tests/"):
-                link = link.replace(f" {self.units[source][0]} ", f" {made} ")
-            else:
-                extra.append(str(made))  # before the library, which then does not give its own
-        output = scratch / self.test.name
-        link = link.replace("-o {output}", " ".join(extra) + f" -o {output}")
-        made = subprocess.run(link, shell=True, cwd=self.build, capture_output=True)
-        return output if made.returncode == 0 else None
+            objects[self.units[source][0]] = output
+        return objects
 
-    def judge(self, program, scratch):
-        """What kills the program, or None."""
-        verdict = self.kills(program, "-" + ":".join(self.slow), self.quick_seconds, scratch)
-        if verdict or not self.slow:
-            return verdict
-        with concurrent.futures.ThreadPoolExecutor(len(self.slow)) as pool:
-            verdicts = pool.map(
-                lambda item: self.kills(program, item[0], item[1], scratch), self.slow.items())
-        return next((verdict for verdict in verdicts if verdict), None)
+    def compile(self, source, path, include, output):
+        """Compiles `path`, which stands for `source`, looking into `include` first."""
+        made, command = self.units[source]
+        command = command.replace(f" -o {made}", f" -o {output}")
+        command = command.replace(f" -c {ROOT / source}", f" -I{include} -c {path}")
+        # The own includes come first on the command line; what is in `include` has to win.
+        command = command.replace(f" -I{ROOT} ", f" -I{include} -I{ROOT} ", 1)
+        return subprocess.run(shlex.split(command), cwd=self.directory,
+                              capture_output=True).returncode == 0
 
-    def kills(self, program, chosen, seconds, scratch):
-        """The verdict of the chosen tests.
+    def link(self, program, objects, output):
+        link, ahead = self.links[program], ""
+        for made, other in objects.items():
+            # tools/vkmaster/CMakeFiles/jobmill_vkmaster.dir/ipr.cc.o
+            library = re.sub(r"CMakeFiles/(\w+)\.dir/.*", r"lib\1.a", made)
+            if f" {made} " in link:
+                link = link.replace(f" {made} ", f" {other} ")
+            elif f" {library} " in f"{link} ":
+                ahead += f" {other}"  # before the library, which then does not give its own
+        link = link.replace("-o {output}", f"{ahead} -o {output}")
+        return subprocess.run(link, shell=True, cwd=self.directory,
+                              capture_output=True).returncode == 0
 
-        Some look at clocks, on a machine that others use too: a test counts only when it fails
-        again by itself and, at the same time, passes without the change.
+
+class TestProgram:
+    """The tests of one program, or those that a filter leaves."""
+
+    def __init__(self, name, build):
+        self.program, _, chosen = name.partition(":")
+        self.chosen = chosen or "*"
+        self.directory = build / "bin"
+        # What ctest allows a single test. Nothing else notices one that hangs.
+        listed = json.loads(subprocess.run(["ctest", "--show-only=json-v1"], cwd=build, check=True,
+                                           capture_output=True).stdout)
+        self.bound = max(value["value"] for test in listed["tests"]
+                         for value in test.get("properties", ())
+                         if value["name"] == "TIMEOUT" and
+                         test.get("command", ["none"])[0].endswith(f"/bin/{self.program}"))
+        self.seconds = self.measure()
+        self.slow = [test for test, seconds in self.seconds.items() if seconds > SLOW_SECONDS]
+        self.quick = [test for test in self.seconds if test not in self.slow]
+
+    def measure(self):
+        with tempfile.TemporaryDirectory(dir=WORK) as scratch:
+            report = pathlib.Path(scratch) / "report.json"
+            run = subprocess.run([self.directory / self.program, f"--gtest_filter={self.chosen}",
+                                  f"--gtest_output=json:{report}"],
+                                 cwd=scratch, capture_output=True, text=True, timeout=1200)
+            if run.returncode != 0:
+                sys.exit(f"{self.program} fails without any change:\n{run.stdout}")
+            suites = json.loads(report.read_text())["testsuites"]
+        return {f"{suite['name']}.{test['name']}": float(test["time"].rstrip("s"))
+                for suite in suites for test in suite["testsuite"]}
+
+    def run(self, directory, tests, scratch):
+        """The first of `tests` that fails or hangs and what it does; (None, None) without any.
+
+        A test that seems to hang, by three times the usual processor time and five seconds or by
+        ten times the usual time and twenty, is run again by itself with all the time that ctest
+        allows it; when that is enough, it passes.
         """
-        for _ in range(3):
-            verdict, failed = run_test(program, chosen, seconds, scratch)
-            if verdict is None or not failed:
-                return verdict
-            again, _ = run_test(program, failed, seconds, scratch)
-            unchanged, _ = run_test(self.test, failed, seconds, scratch)
-            if again and not unchanged:
-                return verdict
-        return None
+        seconds = sum(self.seconds[test] for test in tests)
+        result, test = run_program(directory / self.program, tests, 3 * seconds + 5,
+                                   10 * seconds + 20, scratch)
+        if result == "hangs" and test:
+            result, _ = run_program(directory / self.program, [test], self.bound, self.bound,
+                                    scratch)
+            if result is None:
+                return self.run(directory, [other for other in tests if other != test], scratch)
+        return result, test
 
 
-def limits(seconds):
-    """The limits of a test that takes so long without the change."""
+def run_program(program, tests, busy, wait, scratch):
+    """("test" or "hangs", the test that was running), or (None, None) when all pass."""
+    if not tests:
+        return None, None
+
     def set_limits():
         resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
         resource.setrlimit(resource.RLIMIT_FSIZE, (1 << 30, 1 << 30))
-        busy = int(3 * seconds + 5)
-        resource.setrlimit(resource.RLIMIT_CPU, (busy, busy + 1))
+        resource.setrlimit(resource.RLIMIT_CPU, (int(busy), int(busy) + 1))
         if not SANITIZE:  # whose shadow takes any amount of addresses
             resource.setrlimit(resource.RLIMIT_AS, (4 << 30, 4 << 30))
-    return set_limits
 
-
-def run_test(program, chosen, seconds, scratch):
-    """(verdict, name of the failed test): "test" or "timeout", or None when the tests pass.
-
-    A loop ends by the processor time that it takes. Waiting costs nobody anything, so it has a
-    generous limit: where many share a machine, everything takes its time.
-    """
     with tempfile.TemporaryFile(dir=scratch) as output:
-        process = subprocess.Popen(
-            [program, "--gtest_brief=1", "--gtest_fail_fast", f"--gtest_filter={chosen}"],
-            cwd=scratch, stdin=subprocess.DEVNULL, stdout=output, stderr=subprocess.DEVNULL,
-            start_new_session=True, preexec_fn=limits(seconds))
-        try:
-            status = process.wait(10 * seconds + 60)
-        except subprocess.TimeoutExpired:
-            return "timeout", None
-        finally:
-            try:  # what it has started goes with it
-                os.killpg(process.pid, signal.SIGKILL)
-            except ProcessLookupError:
-                pass
-            process.wait()
+        status = run_bounded([program, "--gtest_fail_fast", f"--gtest_filter={':'.join(tests)}"],
+                             wait, scratch, output, set_limits)
         if status == 0:
             return None, None
-        if status in (-signal.SIGXCPU, -signal.SIGKILL):
-            return "timeout", None
         output.seek(0)
-        failed = re.search(rb"\[  FAILED  \] ([^\s,]+)", output.read())
-        return "test", failed[1].decode() if failed and status == 1 else None
+        text = output.read()
+        failed = re.findall(rb"\[  FAILED  \] ([^\s,]+)", text)[:1] or \
+            re.findall(rb"\[ RUN      \] (\S+)", text)[-1:]
+        hangs = status in (None, -signal.SIGXCPU, -signal.SIGKILL)
+        return "hangs" if hangs else "test", failed[0].decode() if failed else None
+
+
+def run_bounded(command, wait, directory, output, set_limits=None, environment=None):
+    """The exit status; None when the command was still running."""
+    mark = f"MUTATION_RUN={secrets.token_hex(8)}"
+    name, value = mark.split("=")
+    process = subprocess.Popen(command, cwd=directory, stdin=subprocess.DEVNULL, stdout=output,
+                               stderr=subprocess.DEVNULL, start_new_session=True,
+                               preexec_fn=set_limits,
+                               env={**(environment or os.environ), name: value})
+    try:
+        return process.wait(wait)
+    except subprocess.TimeoutExpired:
+        return None
+    finally:
+        end_marked(mark.encode())
+        process.kill()
+        process.wait()
+
+
+def end_marked(mark):
+    """Ends what a run has started, in groups and sessions of its own; also what still starts more."""
+    found = True
+    while found:
+        found = False
+        for process in pathlib.Path("/proc").glob("[0-9]*"):
+            try:
+                if mark in (process / "environ").read_bytes().split(b"\0"):
+                    os.kill(int(process.name), signal.SIGKILL)
+                    found = True
+            except OSError:  # it has just ended, or belongs to somebody else
+                pass
+
+
+class ClusterCases:
+    """The cases of one suite over one site, each by itself with a site of its own."""
+
+    # Each case looks for ports of its own, below those that the kernel hands out.
+    first_port = 10000
+    lock = threading.Lock()
+
+    def __init__(self, name, build):
+        self.site, self.suite = name.split(".")
+        self.directory = build / "bin"
+        text = (ROOT / f"tests/cluster/{self.suite}.bats").read_text()
+        cases = re.findall(r'^@test "(.*)"', text, re.MULTILINE)
+        self.quick = []
+        self.slow = cases
+
+    def run(self, directory, tests, scratch):
+        """As that of a test program. A case has its own bound, which makes it fail."""
+        with self.lock:
+            ClusterCases.first_port = 10000 + (self.first_port - 10000 + 700) % 21000
+            port = self.first_port
+        tree = scratch / "tree" if directory == scratch / "bin" else ROOT
+        if not tests:
+            return None, None
+        [case] = tests
+        with tempfile.TemporaryDirectory(dir="/tmp") as state, open(os.devnull, "wb") as nowhere:
+            environment = {**os.environ, "SITE": self.site, "site_directory": f"{state}/site",
+                           "first_port": str(port), "BATS_TEST_TIMEOUT": "100", "TMPDIR": state,
+                           "JOBMILL_PROGRAMS": str(directory)}
+            cases = f"{tree}/tests/cluster/{self.suite}.bats"
+            status = run_bounded(["bats", "-f", f"^{case}$", cases], 400, scratch, nowhere,
+                                 environment=environment)
+        return ("hangs", case) if status is None else ("test", case) if status else (None, None)
+
+
+@functools.cache
+def suite(name, build):
+    return (ClusterCases if "." in name.split(":")[0] else TestProgram)(name, build)
+
+
+def judge(suites, made, scratch):
+    """What kills the programs, or None."""
+    for tests in suites:
+        verdict = kills(tests, made, tests.quick, scratch) if tests.quick else None
+        if verdict:
+            return verdict
+    for tests in suites:
+        with concurrent.futures.ThreadPoolExecutor(SIDE_BY_SIDE) as pool:
+            tries = [pool.submit(kills, tests, made, [test], scratch) for test in tests.slow]
+            for tried in concurrent.futures.as_completed(tries):
+                if tried.result():
+                    pool.shutdown(cancel_futures=True)
+                    return tried.result()
+    return None
+
+
+def kills(suite_of_tests, made, tests, scratch):
+    """The verdict of the tests.
+
+    Some look at clocks, on a machine that others use too: a test counts only when it fails again by
+    itself and, at the same time, passes without the change.
+    """
+    for _ in range(4):
+        result, test = suite_of_tests.run(made, tests, scratch)
+        if result is None:
+            return None
+        if test is None:
+            return f"{result}: before the first test"
+        # One that hangs has been run by itself already.
+        again, _ = (result, test) if result == "hangs" else \
+            suite_of_tests.run(made, [test], scratch)
+        unchanged, _ = suite_of_tests.run(suite_of_tests.directory, [test], scratch)
+        if again and not unchanged:
+            return f"{again}: {test}"
+        if unchanged:
+            tests = [other for other in tests if other != test]
+    return None
 
 
 SANITIZE = False
 
 
-def build_programs(folders):
-    build = WORK / ("sanitized" if SANITIZE else "plain")
+def build_programs(mutants, jobs):
+    """The build without a change, with all programs that the mutants need."""
+    directory = WORK / ("sanitized" if SANITIZE else "plain")
     flags = "-O0 -w -D_GLIBCXX_ASSERTIONS"
     if SANITIZE:
         flags += (" -fsanitize=address,undefined -fno-sanitize=vptr -fno-sanitize-recover=all"
                   " -fno-omit-frame-pointer")
+    programs = {name.partition(":")[0] for mutant in mutants
+                for name in of_longest_beginning(TRIED_BY, mutant.file)}
+    programs = {name for name in programs if "." not in name} | STARTED_BY_TESTS
     with open(WORK / "build.txt", "w", encoding="utf-8") as log:
-        subprocess.run(["cmake", "-S", ROOT, "-B", build, "-G", "Ninja",
+        subprocess.run(["cmake", "-S", ROOT, "-B", directory, "-G", "Ninja",
                         "-DCMAKE_CXX_COMPILER=clang++", "-DCMAKE_BUILD_TYPE=None",
                         f"-DCMAKE_CXX_FLAGS={flags}", "-DJOBMILL_TESTS=ON",
                         *(["-DCMAKE_EXE_LINKER_FLAGS=-fuse-ld=lld"]
                           if shutil.which("ld.lld") else [])],
                        check=True, stdout=log, stderr=log)
-        subprocess.run(["ninja", "-C", build, "-j", str(WORKERS),
-                        *[f"{folder}_test" for folder in folders]],
+        subprocess.run(["ninja", "-C", directory, "-j", str(jobs),
+                        *[f"bin/{name}" for name in programs]],
                        check=True, stdout=log, stderr=log)
-    programs = {}
-    for folder in folders:
-        programs[folder] = Program(folder, build)
-        programs[folder].measure()
-    return programs
+    return Build(directory, programs)
 
 
-def try_mutant(mutant, programs):
+def try_mutant(mutant, build):
+    suites = [suite(name, build.directory) for name in of_longest_beginning(TRIED_BY, mutant.file)]
+    programs = [tests.program for tests in suites if isinstance(tests, TestProgram)]
+    if of_longest_beginning(STARTED, mutant.file):
+        programs.append(of_longest_beginning(STARTED, mutant.file))
     with tempfile.TemporaryDirectory(dir=WORK) as scratch:
         scratch = pathlib.Path(scratch)
-        program = programs[mutant.folder]
-        made = program.make(mutant, scratch)
-        if made is None:
+        if not build.make(mutant, programs, scratch):
             return "does not compile"
-        return program.judge(made, scratch) or "survived"
+        return judge(suites, scratch / "bin", scratch) or "survived"
 
 
 class KeptVerdicts:
     """What earlier runs have found, so that one that was cut short can be continued.
 
-    Held for as long as the changed folder stays as it is. Survivors are always tried again: there
-    may be a test for them by now.
+    Held for as long as the changed file stays as it is, but for what it includes. Survivors are
+    always tried again: there may be a test for them by now.
     """
 
     def __init__(self, fresh, again):
         self.path = WORK / ("kept-sanitized.jsonl" if SANITIZE else "kept.jsonl")
-        self.folders = {folder: self.state_of(folder) for folder in FOLDERS}
         self.known = {}
         if fresh or not self.path.exists():
             self.path.write_text("")
         for line in self.path.read_text().splitlines():
             kept = json.loads(line)
-            if (not again and kept["verdict"] != "survived"
-                    and kept["folder"] in self.folders.values()):
-                self.known[kept["id"]] = kept["verdict"]
+            if not again and kept["verdict"] != "survived":
+                self.known[kept["id"], kept["file"]] = kept["verdict"]
 
     @staticmethod
-    def state_of(folder):
-        state = hashlib.sha1(folder.encode())
-        for file in sorted((ROOT / folder).rglob("*")):
-            if file.is_file():
-                state.update(file.read_bytes())
-        return state.hexdigest()
+    @functools.cache
+    def state_of(file):
+        lines = (ROOT / file).read_bytes().splitlines()
+        return hashlib.sha1(b"\n".join(
+            line for line in lines if not line.startswith(b"#include"))).hexdigest()
+
+    def verdict_of(self, mutant):
+        return self.known.get((mutant.id, self.state_of(mutant.file)))
 
     def add(self, mutant, verdict):
         with open(self.path, "a", encoding="utf-8") as file:
-            file.write(json.dumps({"id": mutant.id, "folder": self.folders[mutant.folder],
+            file.write(json.dumps({"id": mutant.id, "file": self.state_of(mutant.file),
                                    "verdict": verdict}) + "\n")
 
 
 class Sample:
     """Tries mutants in their order until `count` of them have compiled."""
 
-    def __init__(self, mutants, count, programs, kept):
-        self.mutants, self.count, self.programs, self.kept = mutants, count, programs, kept
+    def __init__(self, mutants, count, build, kept):
+        self.mutants, self.count, self.build, self.kept = mutants, count, build, kept
         self.verdicts = {}
         self.next = 0
         self.valid = 0
         self.lock = threading.Lock()
 
-    def run(self):
-        with concurrent.futures.ThreadPoolExecutor(WORKERS) as pool:
-            for worker in [pool.submit(self.work) for _ in range(WORKERS)]:
+    def run(self, jobs):
+        with concurrent.futures.ThreadPoolExecutor(jobs) as pool:
+            for worker in [pool.submit(self.work) for _ in range(jobs)]:
                 worker.result()
         tried = [(mutant, self.verdicts[mutant.id]) for mutant in self.mutants
                  if mutant.id in self.verdicts]
@@ -520,9 +472,9 @@ class Sample:
                     return
                 mutant = self.mutants[self.next]
                 self.next += 1
-            verdict = self.kept.known.get(mutant.id)
+            verdict = self.kept.verdict_of(mutant)
             if verdict is None:
-                verdict = try_mutant(mutant, self.programs)
+                verdict = try_mutant(mutant, self.build)
                 with self.lock:
                     self.kept.add(mutant, verdict)
             with self.lock:
@@ -548,8 +500,8 @@ def print_result(results):
     for kind in kinds:
         row = [verdict for mutant, verdict in results if mutant.kind == kind]
         print(f"{kind:<15} {len(row):>4}, killed {sum(v != 'survived' for v in row)}")
-    timeouts = sum(verdict == "timeout" for _, verdict in results)
-    print(f"by a test: {sum(v == 'test' for _, v in results)}, by the time limit: {timeouts}")
+    for how, name in (("by a test", "test:"), ("by a test's time limit", "hangs:")):
+        print(f"{how}: {sum(verdict.startswith(name) for _, verdict in results)}")
     print("\nSurvivors:")
     for mutant, verdict in results:
         if verdict == "survived":
@@ -562,7 +514,8 @@ def main():
     parser = argparse.ArgumentParser(prog="scripts/mutate")
     parser.add_argument("--count", type=int, default=300)
     parser.add_argument("--seed", type=int, default=1)
-    parser.add_argument("--folder", choices=FOLDERS)
+    parser.add_argument("--folder", choices=FOLDERS, action="append")
+    parser.add_argument("--jobs", type=int, default=2)
     parser.add_argument("--replay", metavar="ID", action="append")
     parser.add_argument("--lengths", action="store_true")
     parser.add_argument("--list", action="store_true")
@@ -571,17 +524,19 @@ def main():
     options = parser.parse_args()
     SANITIZE = options.sanitize
 
-    folders = [options.folder] if options.folder else FOLDERS
+    folders = {folder: FOLDERS[folder] for folder in options.folder or FOLDERS}
     WORK.mkdir(parents=True, exist_ok=True)
     copy_tree()
-    mutants = find_mutants(folders)
+    mutants = find_mutants(ROOT, folders, WORK / "found.json")
     if options.lengths:
         mutants = [mutant for mutant in mutants if mutant.length_check]
     if options.replay:
         mutants = [mutant for mutant in mutants if mutant.id in options.replay]
         if not mutants:
             sys.exit("mutate: no such mutant")
-        folders = sorted({mutant.folder for mutant in mutants})
+    elif len(folders) > 1:
+        mutants = [mutant for mutant in mutants
+                   if mutant.folder != "deploy" or int(mutant.id, 16) % SCRIPT_SHARE == 0]
     if options.list:
         for mutant in mutants:
             print(f"{mutant.id}  {mutant.place}  {mutant.kind}: {mutant.original[:60]!r} -> "
@@ -590,11 +545,12 @@ def main():
         return 0
 
     whole = options.lengths or options.replay
-    random.Random(options.seed).shuffle(mutants)
-    programs = build_programs(folders)
-    sample = Sample(mutants, len(mutants) if whole else options.count, programs,
+    # An order that mutants elsewhere, which come and go, do not change.
+    mutants.sort(key=lambda m: hashlib.sha1(f"{options.seed} {m.id}".encode()).digest())
+    count = len(mutants) if whole else options.count
+    sample = Sample(mutants, count, build_programs(mutants, options.jobs),
                     KeptVerdicts(options.fresh, bool(options.replay)))
-    results = sample.run()
+    results = sample.run(options.jobs)
     with open(WORK / "verdicts.json", "w", encoding="utf-8") as file:
         json.dump([{"id": m.id, "place": m.place, "kind": m.kind, "original": m.original,
                     "replacement": m.replacement, "length_check": m.length_check, "verdict": v}
