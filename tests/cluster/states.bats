@@ -137,18 +137,18 @@ fails() {
   start_script
   submitted
   local before
-  # Never two times in a row.
+  # Never two times in a row: when the third query has begun, the second has had its answer.
   for _ in 1 2; do
     before=$("$fake" count "$site_directory")
     behave late 1
-    eventually 10 two_queries_since "$before"
+    eventually 10 three_queries_since "$before"
   done
   release
   runs
   [[ $(jobs | wc -l) == 1 ]]
 }
 
-two_queries_since() { (($("$fake" count "$site_directory") >= $1 + 2)); }
+three_queries_since() { (($("$fake" count "$site_directory") >= $1 + 3)); }
 
 submissions() { grep -o '"number"' "$site_directory/jobs" | wc -l; }
 
@@ -210,10 +210,11 @@ submissions() { grep -o '"number"' "$site_directory/jobs" | wc -l; }
   behave delay -1
   start_script
   submitted
-  local before
+  local before since=$SECONDS
   before=$("$fake" count "$site_directory")
   sleep 4
-  (($("$fake" count "$site_directory") - before <= 5))
+  # Waking up may take longer where others compute.
+  (($("$fake" count "$site_directory") - before <= SECONDS - since + 1))
 }
 
 @test "FirstNodeOfEveryHostListIsTaken" {

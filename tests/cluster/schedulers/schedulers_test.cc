@@ -218,7 +218,7 @@ class Instance {
     return text.substr(0, text.find('\n'));
   }
 
-  bool Becomes(const std::string& id, const std::string& state, seconds limit = seconds(20)) {
+  bool Becomes(const std::string& id, const std::string& state, seconds limit = seconds(40)) {
     return Eventually([&] { return State(id) == state; }, limit + kind_.back);
   }
 
