@@ -12,14 +12,19 @@ teardown() { rm -rf "$work"; }
 @test "TreeHasProgramsScriptsAndMeasures" {
   install_to "$work" /opt/jobmill >"$work/install.txt"
   cd "$work/opt/jobmill"
-  find . ! -type d -printf '%P\n' | sort >"$work/files"
+  find . ! -type d ! -path './share/doc/*' -printf '%P\n' | sort >"$work/files"
   diff - "$work/files" <<'FILES'
 bin/vkjobmill.exe
 bin/vkmaster
 bin/vkmpi_dir.sh
 bin/vksim
+share/jobmill/before-start
+share/jobmill/describe.sh
+share/jobmill/examples/COMP.afi
+share/jobmill/examples/TENWELLS.afi
 share/jobmill/logrotate/jobmill
 share/jobmill/nftables/jobmill.nft
+share/jobmill/nftables/successor.nft
 share/jobmill/scripts/common.sh
 share/jobmill/scripts/gridengine
 share/jobmill/scripts/htcondor
@@ -28,7 +33,10 @@ share/jobmill/scripts/lsf
 share/jobmill/scripts/pbs
 share/jobmill/scripts/slurm
 share/jobmill/scripts/ssh
+share/jobmill/systemd/confined.conf
+share/jobmill/systemd/jobmill-logrotate.timer
 share/jobmill/systemd/jobmill.service
+share/jobmill/systemd/jobmill@.service
 FILES
   [[ $(readlink -f bin/vkmpi_dir.sh) == "$PWD/share/jobmill/scripts/local" ]]
   # Readable by everybody, writable by their owner alone.
@@ -38,21 +46,40 @@ FILES
 @test "UnitNamesWhatIsInstalled" {
   install_to '' "$work/jobmill" >"$work/install.txt"
   local unit=$work/jobmill/share/jobmill/systemd/jobmill.service
-  grep -qx "ExecStart=$work/jobmill/bin/vkjobmill.exe -p 5000 -s $work/jobmill/bin/vkmpi_dir.sh" "$unit"
+  grep -qxF "Environment=\"OPTIONS=-p 5000 -s $work/jobmill/bin/vkmpi_dir.sh\"" "$unit"
+  # shellcheck disable=SC2016  # for systemd
+  grep -qxF 'ExecStart=/usr/bin/env -u OPTIONS '"$work/jobmill/bin/vkjobmill.exe"' $OPTIONS' "$unit"
   grep -qxF "#   systemctl enable --now $unit" "$unit"
-  never grep -n '@' "$unit"
+  grep -qxF "#   systemctl enable --now ${unit%.service}@NAME.service" "${unit%.service}@.service"
+  grep -qxF 'EnvironmentFile=/etc/jobmill/%i.conf' "${unit%.service}@.service"
+  never grep -nE '@[a-z_]+@' "$unit" "${unit%.service}@.service"
 }
 
 @test "UnitIsFreeOfMistakes" {
   command -v systemd-analyze >/dev/null || skip 'needs systemd'
   install_to '' "$work/jobmill" >"$work/install.txt"
   local unit=$work/jobmill/share/jobmill/systemd/jobmill.service
-  systemd-analyze verify --man=no "$unit" >"$work/findings" 2>&1
+  systemd-analyze verify --man=no "$unit" "${unit%.service}@.service" >"$work/findings" 2>&1
   [[ ! -s $work/findings ]]
   # It would be found.
   sed -i 's/^KillMode=process$/KillMode=processes/' "$unit"
   systemd-analyze verify --man=no "$unit" >"$work/findings" 2>&1 || true
   grep -q 'kill mode specification' "$work/findings"
+}
+
+@test "ExposureIsWhatTheUnitSays" {
+  command -v systemd-analyze >/dev/null || skip 'needs systemd'
+  install_to '' "$work/jobmill" >"$work/install.txt"
+  local units=$work/jobmill/share/jobmill/systemd
+  exposure() { systemd-analyze security --offline=yes --no-pager "$1" | sed -n 's/.*level for .*: \([0-9.]*\) .*/\1/p'; }
+  [[ $(exposure "$units/jobmill.service") == 8.8 ]]
+  # As systemd reads both: an empty assignment takes back what was set before.
+  mkdir "$work/confined"
+  { grep -v '^CapabilityBoundingSet=' "$units/jobmill.service" && cat "$units/confined.conf"; } \
+    >"$work/confined/jobmill.service"
+  [[ $(exposure "$work/confined/jobmill.service") == 3.9 ]]
+  grep -qF '8.8' "$units/jobmill.service"
+  grep -qF '3.9' "$units/jobmill.service"
 }
 
 @test "ThereAreFarMoreDescriptorsThanTasks" {

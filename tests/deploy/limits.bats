@@ -10,8 +10,19 @@ setup_file() {
   cannot=$(cannot_start linux.uml unshare)
   [[ -z $cannot ]] || return 0
   make_machine
-  # A simulator that takes memory without end.
-  printf '#!/bin/sh\necho HOST=nowhere\nexec tail /dev/zero\n' >"$machine/opt/greedy"
+  # Does what runs may do, and then takes memory without end.
+  install -m 4755 /usr/bin/id "$machine/opt/root-id"
+  cat >"$machine/opt/greedy" <<'SCRIPT'
+#!/bin/sh
+{
+  /opt/root-id -u
+  unshare --user --map-root-user --pid --fork --mount-proc echo container
+  mkdir /dev/shm/project && chmod g+s /dev/shm/project && stat -c %A /dev/shm/project
+  setarch -R echo personality
+} >/data/allowed 2>&1
+echo HOST=nowhere
+exec tail /dev/zero
+SCRIPT
   { echo '#!/bin/bash' && declare -f tries && echo tries; } >"$machine/opt/tries"
   chmod 755 "$machine"/opt/{greedy,tries}
   mkdir -p "$results" "$machine/etc/systemd/system"
@@ -69,6 +80,7 @@ tries() {
     --no-progress status >/results/run 2>&1
   eventually was_killed
   is_served && unit MainPID >/results/after-memory
+  cp /data/allowed /results
 }
 
 @test "DescriptorsAreThoseOfTheUnit" {
@@ -80,6 +92,15 @@ tries() {
   [[ $(cat failed) == 1100 ]]
   (($(cat open) > 1100))
   diff first after-forks
+}
+
+@test "RunMayUseSetUserIdProgramsAndContainers" {
+  diff - allowed <<'ALLOWED'
+0
+container
+drwxr-sr-x
+personality
+ALLOWED
 }
 
 @test "FloodLeavesTheJournalToOthers" {

@@ -5,6 +5,8 @@ root_directory=$(cd -- "$(dirname -- "${BASH_SOURCE[0]}")/../.." && pwd)
 programs=${JOBMILL_PROGRAMS:-$root_directory/build/release/bin}
 # shellcheck source=tests/support/eventually.bash
 source "$root_directory/tests/support/eventually.bash"
+# shellcheck source=tests/support/machine.bash
+source "$root_directory/tests/support/machine.bash"
 
 # install_to DIRECTORY PREFIX
 install_to() { DESTDIR=$1 cmake --install "$programs/.." --prefix "$2"; }
