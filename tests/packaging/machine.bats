@@ -1,0 +1,304 @@
+#!/usr/bin/env bats
+# The Debian packages in a Debian of the suite's own, booted, from the installation to the purge: the
+# commands of docs/install.md, in their order, and what has to hold meanwhile. The cases build on each
+# other. What needs control groups (limits, OOMPolicy=) is tried by tests/deploy/limits.bats.
+# shellcheck disable=SC2016,SC2154  # texts for other shells; variables of setup_file
+
+# What the packages depend on, and what else install.md uses.
+needed=(systemd systemd-sysv iproute2 logrotate nftables procps libedit2 libfmt9 libtomlplusplus3)
+
+setup_file() {
+  load support.bash
+  export vkmaster=vkmaster data=/srv/runs machine_seconds=350 cannot=''
+  cannot=$(cannot_package debootstrap slirp4netns systemd-nspawn nsenter)
+  [[ -z $cannot ]] || return 0
+  make_debian || {
+    cannot="cannot make a Debian: $(tail -n 1 "$BATS_FILE_TMPDIR/debian")"
+    return 0
+  }
+  make_newer_packages
+  # What is written is gone with the machine.
+  boot_machine --directory="$debian" --volatile=overlay --bind-ro="$packages:/packages" \
+    --bind-ro="$BATS_FILE_TMPDIR/newer:/newer" --bind-ro="$root_directory/deploy:/deploy" || {
+    cannot="cannot boot a machine: $(tail -n 1 "$BATS_FILE_TMPDIR/console")"
+    return 0
+  }
+  inside ip link set lo up
+  inside useradd --uid 61001 --no-create-home alice
+  inside useradd --uid 61002 --no-create-home --groups adm carol
+  inside sh -c 'mkdir -p /srv/runs && cp /deploy/examples/*.afi /srv/runs && chown -R alice /srv/runs'
+  files >"$BATS_FILE_TMPDIR/files"
+}
+
+teardown_file() {
+  load support.bash
+  end_machine
+}
+
+setup() {
+  load support.bash
+  [[ -z $cannot ]] || skip "$cannot"
+}
+
+teardown() {
+  [[ -z $cannot ]] || return 0
+  [[ -n $BATS_TEST_COMPLETED ]] || {
+    inside systemctl --no-pager --lines 20 status jobmill
+    inside ss --tcp --all --numeric --processes
+    tail -n 20 "$BATS_TEST_TMPDIR"/{said,*.out} 2>/dev/null
+  } || true
+  leave_runs
+}
+
+# The Debian is made once, by scripts/clean-room, and kept for the next time.
+make_debian() {
+  local name
+  name=packaging-$(sha256sum <<<"${needed[*]}" | cut -c -8)
+  export debian=${XDG_CACHE_HOME:-$HOME/.cache}/jobmill/clean-room/rooms/$name/root
+  [[ ! -e $debian/made ]] || return 0
+  "$root_directory/scripts/clean-room" --keep "$name" sh -c "apt-get update -qq &&
+    DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends ${needed[*]} &&
+    apt-get clean && touch /made" >"$BATS_FILE_TMPDIR/debian" 2>&1
+}
+
+# The packages of a later version, whose programs differ.
+make_newer_packages() {
+  local tree=$BATS_FILE_TMPDIR/tree
+  mkdir "$BATS_FILE_TMPDIR/newer"
+  dpkg-deb -R "$(deb jobmill)" "$tree"
+  sed -i "s/^Version: .*/Version: $version-2/" "$tree/DEBIAN/control"
+  echo >>"$tree/usr/lib/jobmill/vkjobmill.exe"
+  dpkg-deb --root-owner-group -b "$tree" "$BATS_FILE_TMPDIR/newer" >/dev/null
+}
+
+# All files but those that the package manager, the journal and the runs keep.
+files() {
+  inside find / -xdev \( -path /proc -o -path /sys -o -path /dev -o -path /run -o -path /tmp -o -path /srv \
+    -o -path /var/lib/dpkg -o -path /var/lib/apt -o -path /var/cache -o -path /var/log/apt \
+    -o -path /var/log/dpkg.log -o -path /var/log/journal -o -path /var/lib/logrotate \
+    -o -path /var/lib/systemd/timers -o -path /var/lib/systemd/deb-systemd-helper-enabled \) -prune -o -print |
+    sort
+}
+
+# follow SECTION [DIRECTORY]: gives the commands of a section of install.md, one block after the other.
+follow() {
+  sed -n "/^## $1\$/,/^## /p" "$root_directory/docs/install.md" | sed -n 's/^    //p' >"$BATS_TEST_TMPDIR/commands"
+  [[ -s $BATS_TEST_TMPDIR/commands ]]
+  echo "$1" >>"$BATS_FILE_TMPDIR/followed"
+  run_commands "${2:-/}"
+}
+run_commands() {
+  # A command that fails under a redirection would end the case without a word.
+  inside sh -c "cd $1 && DEBIAN_FRONTEND=noninteractive exec sh -ex" <"$BATS_TEST_TMPDIR/commands" \
+    >"$BATS_TEST_TMPDIR/said" 2>&1 3>&- 4>&- || return
+}
+
+main_pid() { inside systemctl show --property MainPID --value "${1:-jobmill}"; }
+as() { inside setpriv --reuid "$1" --regid "$1" --init-groups "${@:2}"; }
+journal_has() { inside journalctl --unit jobmill --output cat | grep -q "$1"; }
+
+@test "InstallationStartsNothing" {
+  follow Install /packages
+  [[ $(inside systemctl is-active jobmill) == inactive ]]
+  [[ $(inside systemctl is-enabled jobmill) == disabled ]]
+  [[ -z $(pids_of vkjobmill.exe) ]]
+  [[ $(inside readlink /etc/jobmill/script) == /usr/share/jobmill/scripts/local ]]
+  [[ $(inside stat -c '%U:%G %a %s' /etc/jobmill/users) == 'root:root 600 0' ]]
+  [[ $(inside stat -c '%U:%G %a %s' /etc/jobmill/environment) == 'root:root 600 0' ]]
+  [[ $(inside readlink -f /usr/sbin/vkjobmill.exe) == /usr/lib/jobmill/vkjobmill.exe ]]
+  [[ $(inside vkmaster --version) == "vkmaster $version" ]]
+}
+
+@test "FreshInstallationLetsNobodyIn" {
+  inside systemctl start jobmill
+  eventually 20 serves
+  local user
+  for user in alice root '*' ''; do
+    never inside vkmaster --port 5000 --path /srv/runs/ --root TENWELLS --user "$user" until +30 \
+      >"$BATS_TEST_TMPDIR/out" 2>&1
+  done
+  journal_has "^Windows user 'alice' not found in administration file"
+  inside systemctl stop jobmill
+  [[ -z $(pids_of vkjobmill.exe) ]]
+}
+
+@test "FirstRunAfterThePage" {
+  follow 'Say who may run'
+  follow 'Keep others away'
+  inside ss --kill --tcp state time-wait sport = :5000 >/dev/null
+  follow Start
+  eventually 20 comes_back
+  follow 'First run'
+  [[ $(inside stat -c %U /srv/first/TENWELLS.out) == alice ]]
+  grep -qE '^ *30 +20' "$BATS_TEST_TMPDIR/said"
+  grep -q "^Daemon started: " "$BATS_TEST_TMPDIR/said"
+  [[ $(inside systemctl is-enabled jobmill) == enabled ]]
+  # The shipped filter is in force: an ordinary account does not reach the port.
+  never as 61002 timeout 2 bash -c 'exec 3<>/dev/tcp/127.0.0.1/5000' 2>/dev/null
+}
+
+@test "LogIsReadByItsGroupAlone" {
+  as 61002 grep -q '^Daemon started: ' /var/log/jobmill/VKJobmill_5000.log
+  never as 61001 cat /var/log/jobmill/VKJobmill_5000.log
+  [[ $(inside stat -c '%U:%G %a' /var/log/jobmill) == 'root:adm 750' ]]
+}
+
+@test "RunGoesOnThroughARestart" {
+  launch TENWELLS
+  local simulator daemon
+  simulator=$(pids_of vksim)
+  daemon=$(main_pid)
+  inside systemctl restart jobmill || true
+  eventually 10 journal_has '^Port 5000 is not free: a connection from 127.0.0.1:.* of alice since .*/etc/jobmill/script .* TENWELLS'
+  goes_on TENWELLS 31
+  [[ $(pids_of vksim) == "$simulator" ]]
+  [[ $(main_pid) != "$daemon" ]]
+  goes_on TENWELLS 3650
+  finish TENWELLS
+  eventually 25 comes_back
+}
+
+@test "UpgradeEndsNoRunAndTurnsNoMasterAway" {
+  # What an administrator changes.
+  inside sed -i 's/ -n 100/ -n 99/' /etc/jobmill/jobmill.conf
+  inside ln -sfT ../../usr/share/jobmill/scripts/local /etc/jobmill/script
+  launch TENWELLS
+  local daemon simulator
+  daemon=$(main_pid)
+  simulator=$(pids_of vksim)
+  # Masters come all the time.
+  inside sh -c 'until [ -e /run/upgraded ]; do
+    timeout 2 bash -c "exec 3<>/dev/tcp/127.0.0.1/5000 && read -r -N 1 <&3" || echo refused; echo asked; done' \
+    >"$BATS_TEST_TMPDIR/asked" 2>&1 3>&- 4>&- &
+  local asker=$!
+  sed -n '/^## Install$/,/^## /s/^    //p' "$root_directory/docs/install.md" |
+    sed 's: \./jobmill-[^ ]*::g' >"$BATS_TEST_TMPDIR/commands"
+  run_commands /newer
+  inside touch /run/upgraded
+  wait "$asker"
+  grep -q asked "$BATS_TEST_TMPDIR/asked"
+  never grep refused "$BATS_TEST_TMPDIR/asked"
+  [[ $(inside dpkg-query -W -f '${Version}' jobmill) == "$version-2" ]]
+  grep -qF "jobmill: jobmill.service goes on with the older program that it was started with (process $daemon)." \
+    "$BATS_TEST_TMPDIR/said"
+  [[ $(main_pid) == "$daemon" ]]
+  [[ $(inside readlink "/proc/$daemon/exe") == '/usr/lib/jobmill/vkjobmill.exe (deleted)' ]]
+  goes_on TENWELLS 31
+  [[ $(pids_of vksim) == "$simulator" ]]
+  launch COMP
+  finish COMP
+  [[ $(inside readlink /etc/jobmill/script) == ../../usr/share/jobmill/scripts/local ]]
+  inside grep -q -- '-n 99' /etc/jobmill/jobmill.conf
+  [[ $(inside cat /etc/jobmill/users) == 'alice alice 1' ]]
+  finish TENWELLS
+}
+
+@test "NewDaemonBesideTheOldTakesTheNewMasters" {
+  local old new
+  old=$(main_pid)
+  launch TENWELLS
+  # Up to where the old daemon's last run has ended.
+  sed -n '/^## A new daemon/,/^When the old/s/^    //p' "$root_directory/docs/install.md" >"$BATS_TEST_TMPDIR/commands"
+  run_commands /
+  new=$(main_pid jobmill@next)
+  [[ $(inside readlink "/proc/$new/exe") == /usr/lib/jobmill/vkjobmill.exe ]]
+  eventually 20 serves
+  launch COMP
+  # Its process belongs to the new daemon, the first run goes on in the old.
+  [[ $(inside pgrep -P "$new" -x vkjobmill.exe | wc -l) == 1 ]]
+  [[ $(inside pgrep -P "$old" -x vkjobmill.exe | wc -l) == 1 ]]
+  goes_on TENWELLS 31
+  goes_on COMP 31
+  # The packet filter guards the new port as it did the old.
+  never as 61002 timeout 2 bash -c 'exec 3<>/dev/tcp/127.0.0.1/5001' 2>/dev/null
+  never as 61002 timeout 2 bash -c 'exec 3<>/dev/tcp/127.0.0.1/5000' 2>/dev/null
+  finish TENWELLS
+  inside ss --kill --tcp state time-wait sport = :5000 >/dev/null
+  sed -n '/^When the old/,/^Runs of the other/s/^    //p' "$root_directory/docs/install.md" >"$BATS_TEST_TMPDIR/commands"
+  run_commands /
+  eventually 25 comes_back
+  [[ $(inside readlink "/proc/$(main_pid)/exe") == /usr/lib/jobmill/vkjobmill.exe ]]
+  serves
+  goes_on COMP 61
+  finish COMP
+  sed -n '/^Runs of the other/,/^## Remove/s/^    //p' "$root_directory/docs/install.md" >"$BATS_TEST_TMPDIR/commands"
+  run_commands /
+  never inside nft list table ip jobmill_successor 2>/dev/null
+  echo 'A new daemon beside the old one' >>"$BATS_FILE_TMPDIR/followed"
+}
+
+@test "KilledDaemonComesBack" {
+  local daemon
+  daemon=$(main_pid)
+  inside kill -KILL "$daemon"
+  eventually 25 comes_back
+  [[ $(main_pid) != "$daemon" ]]
+}
+
+@test "RotationBoundsTheLog" {
+  [[ $(inside systemctl is-active jobmill-logrotate.timer) == active ]]
+  [[ $(inside systemctl show --property Unit --value jobmill-logrotate.timer) == logrotate.service ]]
+  inside systemctl start logrotate.service
+  inside truncate --size=51M /var/log/jobmill/VKJobmill_5000.log
+  inside systemctl start logrotate.service
+  [[ $(inside stat -c %s /var/log/jobmill/VKJobmill_5000.log) == 0 ]]
+  inside test -s /var/log/jobmill/VKJobmill_5000.log.1.gz
+  inside test -s /var/log/jobmill/VKJobmill_5000.previous.log
+  serves
+  inside grep -q '^Accepted incoming connection' /var/log/jobmill/VKJobmill_5000.log
+}
+
+# The commands of the section up to those for the purge, or these.
+removal() { sed -n '/^## Remove$/,/^## In another/s/^    //p' "$root_directory/docs/install.md" | grep "$1"; }
+
+@test "RemovalLetsRunsGoOn" {
+  follow Upgrade
+  eventually 25 comes_back
+  launch TENWELLS
+  removal 'apt-get remove' >"$BATS_TEST_TMPDIR/commands"
+  run_commands /
+  grep -qE '^jobmill: a run goes on and is left alone: process [0-9]+ of alice since .* TENWELLS' \
+    "$BATS_TEST_TMPDIR/said"
+  refuses
+  never inside test -e /usr/lib/jobmill/vkjobmill.exe
+  inside test -e /etc/jobmill/users
+  inside test -e /var/log/jobmill/VKJobmill_5000.log
+  goes_on TENWELLS 31
+  removal 'apt-get purge' >"$BATS_TEST_TMPDIR/commands"
+  run_commands /
+  grep -qE '^jobmill: a run goes on and is left alone: process [0-9]+ of alice since .* TENWELLS' \
+    "$BATS_TEST_TMPDIR/said"
+  never inside test -e /var/log/jobmill
+  goes_on TENWELLS 61
+  finish TENWELLS
+  inside test -s /srv/runs/TENWELLS.out
+  echo Remove >>"$BATS_FILE_TMPDIR/followed"
+}
+
+@test "PurgeLeavesNothing" {
+  sed -n '/^## Install$/,/^## /s/^    //p' "$root_directory/docs/install.md" >"$BATS_TEST_TMPDIR/commands"
+  run_commands /packages
+  inside cp /etc/jobmill/jobmill.conf /etc/jobmill/next.conf
+  inside sed -i 's/-p 5000/-p 5001/' /etc/jobmill/next.conf
+  inside ss --kill --tcp state time-wait '( sport = :5000 or sport = :5001 )' >/dev/null
+  inside systemctl enable --quiet --now jobmill jobmill@next
+  eventually 20 comes_back
+  inside apt-get purge -y jobmill jobmill-client jobmill-simulator >"$BATS_TEST_TMPDIR/said" 2>&1
+  never grep 'left alone' "$BATS_TEST_TMPDIR/said"
+  [[ -z $(pids_of vkjobmill.exe) ]]
+  # That was installed in addition, with commands of install.md.
+  inside rm -f /etc/jobmill/jobmill.nft
+  inside rmdir --ignore-fail-on-non-empty /etc/jobmill
+  files | diff "$BATS_FILE_TMPDIR/files" -
+  [[ -z $(inside systemctl list-units --all --plain --no-legend 'jobmill*') ]]
+  [[ -z $(inside systemctl list-unit-files --no-legend 'jobmill*') ]]
+  [[ -z $(inside find /run -name '*jobmill*') ]]
+  never inside getent passwd jobmill
+}
+
+@test "PageHasNoCommandThatWasNotTried" {
+  local sections
+  sections=$(awk '/^## / { section = substr($0, 4) } /^    / { print section }' \
+    "$root_directory/docs/install.md" | sort -u)
+  diff <(echo "$sections") <(sort -u "$BATS_FILE_TMPDIR/followed")
+}
