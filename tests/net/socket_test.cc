@@ -613,7 +613,7 @@ TEST_F(SocketTest, AliveAreCounted) {
     EXPECT_EQ(CountedSocket::nofSockets_, before + 1);
     Socket accepted(dup(0));
     EXPECT_EQ(CountedSocket::nofSockets_, before + 2);
-    const Socket copy(own);
+    const auto copy = std::make_unique<Socket>(own);
     EXPECT_EQ(CountedSocket::nofSockets_, before + 3);
   }
   EXPECT_EQ(CountedSocket::nofSockets_, before);
