@@ -224,7 +224,7 @@ TEST_F(UserCollectionTest, ReadThatFailsLetsNobodyIn) {
   while (text.size() < 100'000) text += "filler filler 1\n";
   directory_.Write(".vk_corvane_users", text + "mallory mallory 0\n");
   ChildProcess::Options options;
-  options.inChild = [this] {
+  options.inChild = [this]() -> int {
     userFile = dup(STDOUT_FILENO);  // the number that the file's descriptor will get
     close(userFile);
     const auto answer = [] {
@@ -233,8 +233,12 @@ TEST_F(UserCollectionTest, ReadThatFailsLetsNobodyIn) {
       return static_cast<long>(readv(userFile, &room, 1));
     };
     if (!AnswerCall(SYS_read, answer, userFile)) return 77;
-    if (ReadDirectory(directory_.path().string()) != 0 || reads != 2) return 1;
-    return Find("mallory") == "none" && Find("alice") == "none" ? 0 : 2;
+    int status = 1;
+    if (ReadDirectory(directory_.path().string()) == 0 && reads == 2) {
+      status = Find("mallory") == "none" && Find("alice") == "none" ? 0 : 2;
+    }
+    // Without what a sanitizer does at the end: its reads would be answered here, too.
+    _exit(status);
   };
   const auto result = ChildProcess({}, options).Wait(std::chrono::seconds(10));
   if (result == 77) GTEST_SKIP() << "system calls cannot be answered here";

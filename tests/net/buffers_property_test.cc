@@ -194,7 +194,7 @@ std::int64_t BytesOf(Read read, std::int64_t n, const std::string& rest) {
     case Read::kText:
       break;
   }
-  return 4 + std::max<std::int32_t>(NumberAt<std::int32_t>(rest), 0);
+  return 4 + std::max<std::int64_t>(NumberAt<std::int32_t>(rest), 0);
 }
 
 template <class T>
