@@ -41,7 +41,6 @@ teardown() {
 
 as_alice=(setpriv --reuid 61001 --regid 61001 --clear-groups)
 
-main_pid() { inside systemctl show --property MainPID --value jobmill; }
 
 @test "RunGoesThroughTheService" {
   launch TENWELLS
@@ -106,11 +105,7 @@ has_tried_thrice() {
 journal_has() { inside journalctl --unit jobmill --output cat | grep -q "$1"; }
 
 @test "KilledDaemonComesBack" {
-  local daemon
-  daemon=$(main_pid)
-  inside kill -KILL "$daemon"
-  eventually 25 comes_back
-  [[ $(main_pid) != "$daemon" ]]
+  killed_daemon_comes_back
 }
 
 @test "LogOfTheLastStartIsKept" {

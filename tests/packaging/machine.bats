@@ -93,7 +93,6 @@ run_commands() {
     >"$BATS_TEST_TMPDIR/said" 2>&1 3>&- 4>&- || return
 }
 
-main_pid() { inside systemctl show --property MainPID --value "${1:-jobmill}"; }
 as() { inside setpriv --reuid "$1" --regid "$1" --init-groups "${@:2}"; }
 journal_has() { inside journalctl --unit jobmill --output cat | grep -q "$1"; }
 
@@ -228,11 +227,7 @@ journal_has() { inside journalctl --unit jobmill --output cat | grep -q "$1"; }
 }
 
 @test "KilledDaemonComesBack" {
-  local daemon
-  daemon=$(main_pid)
-  inside kill -KILL "$daemon"
-  eventually 25 comes_back
-  [[ $(main_pid) != "$daemon" ]]
+  killed_daemon_comes_back
 }
 
 @test "RotationBoundsTheLog" {

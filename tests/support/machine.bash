@@ -54,6 +54,16 @@ comes_back() {
   serves
 }
 
+# main_pid [UNIT]
+main_pid() { inside systemctl show --property MainPID --value "${1:-jobmill}"; }
+killed_daemon_comes_back() {
+  local daemon
+  daemon=$(main_pid jobmill)
+  inside kill -KILL "$daemon"
+  eventually 25 comes_back
+  [[ $(main_pid jobmill) != "$daemon" ]]
+}
+
 # The processes of a program, with their numbers inside.
 pids_of() { inside pgrep -x "$1"; }
 no_runs() { [[ $(pids_of vkjobmill.exe | wc -l) -le 1 ]] && ! pids_of vksim; }
