@@ -12,6 +12,7 @@
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
@@ -259,10 +260,19 @@ TEST_F(PrivilegeTest, CopyHasNoTerminal) {
   options_.environment = "PATH " + programs.path().string();
   data_.Write("CASE.afi", "deck");
   Start([&line] {
-    // What leads a group cannot begin a session, and the parent may still make this process lead
-    // one.
-    while (setsid() < 0 && setpgid(0, getpgid(getppid())) == 0) {
+    // What leads a group cannot begin a session, so this process leaves its own for another one.
+    // The parent may still make it lead one.
+    const pid_t other = fork();
+    if (other < 0) return false;
+    if (other == 0) {
+      pause();
+      _exit(0);
     }
+    setpgid(other, other);
+    while (setsid() < 0 && setpgid(0, other) == 0) {
+    }
+    kill(other, SIGKILL);
+    waitpid(other, nullptr, 0);
     return close(open(line.c_str(), O_RDWR)) == 0;
   });
   ASSERT_NE(TerminalOf(daemon_->pid()), 0);
