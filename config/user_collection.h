@@ -1,9 +1,10 @@
 #pragma once
 
-// This folder reads the two files that the administrator writes beside the executable: who may
-// start runs (this one) and which environment the runs get (env_collection). Every connection child
-// reads them afresh. They are apart from the daemon because what they let in decides about access:
-// each is tried and fuzzed by itself.
+// This folder reads what the administrator writes: the two files beside the executable, who may
+// start runs (this one) and which environment the runs get (env_collection), which every connection
+// child reads afresh, and the daemon's command line (options). It is apart from the daemon because
+// what is let in here decides about access, so that each is tried and fuzzed by itself, and because
+// what judges an installation from outside has to read as the daemon does.
 
 #include <cstdint>
 

@@ -11,11 +11,12 @@
 #include <string>
 #include <utility>
 
+#include "config/options.h"
 #include "daemon/answer.h"
 #include "daemon/globals.h"
 #include "daemon/manager_information.h"
-#include "daemon/options.h"
 #include "daemon/process.h"
+#include "daemon/texts.h"
 #include "log/flog.h"
 #include "log/timestamp.h"
 #include "net/socket.h"

@@ -9,7 +9,7 @@
 #include <string_view>
 #include <vector>
 
-#include "daemon/options.h"
+#include "config/options.h"
 #include "fuzz/support/input.h"
 #include "fuzz/support/promise.h"
 

@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <string>
 
-/// The command line of the daemon.
+/// The command line of the daemon. What looks at the daemon from outside reads it here, too.
 struct Options {
   std::int32_t listen_port = 0;  ///< 0: none given
   std::int32_t start_timeout = 60;
@@ -20,7 +20,3 @@ struct Options {
 /// their lower bound are raised to it, texts without digits read as 0. Stops at the version
 /// option.
 Options ParseOptions(int argc, const char* const* argv);
-
-/// The usage and version texts, as printed.
-std::string UsageText();
-std::string VersionText();
