@@ -27,7 +27,7 @@ WANTED = 0.95
 # What is looked at, by its folder in the report.
 FOLDERS = {"base": "base", "net": "net", "relay": "relay", "config": "config", "vk_ec": "vk_ec",
            "connector": "connector", "log": "log", "sections": "sections", "daemon": "daemon",
-           "tools": "tools", "deploy": "deploy/scripts"}
+           "inspect": "inspect", "tools": "tools", "deploy": "deploy/scripts"}
 
 # What tries a file: the longest beginning of its name counts. PROGRAM:FILTER is a test program with
 # the tests of it that matter, SITE.SUITE the cases of a cluster over a stand-in for its scheduler.
@@ -42,6 +42,8 @@ TRIED_BY = {
     "log/": ["log_test"],
     "sections/": ["sections_test"],
     "daemon/": ["daemon_test", "system_test", "hazard_test"],
+    "inspect/": ["inspect_test"],
+    "tools/jobmillctl/": ["jobmillctl_test"],
     "tools/vkmaster/": ["tools_test"],
     "tools/vksim/": ["simulator_test:Vksim*"],
     "deploy/scripts/common.sh": ["whole_run_test:LocalScriptTest.*", "fake-slurm.common",
@@ -56,8 +58,9 @@ TRIED_BY = {
     "deploy/scripts/ssh": ["ssh.cases"],
 }
 # The programs that tests start. Those of these folders hold the change as well.
-STARTED_BY_TESTS = {"vkjobmill.exe", "vkmaster", "vksim", "climber"}
-STARTED = {"daemon/": "vkjobmill.exe", "tools/vkmaster/": "vkmaster", "tools/vksim/": "vksim"}
+STARTED_BY_TESTS = {"vkjobmill.exe", "vkmaster", "vksim", "jobmillctl", "climber"}
+STARTED = {"daemon/": "vkjobmill.exe", "tools/jobmillctl/": "jobmillctl",
+           "tools/vkmaster/": "vkmaster", "tools/vksim/": "vksim"}
 
 # A test that takes longer than this waits for something; those run last, side by side.
 SLOW_SECONDS = 0.25

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <functional>
+#include <stdexcept>
+
+namespace CLI {
+class App;
+}
+
+namespace jobmillctl {
+
+/// Exit statuses, the same for all commands.
+enum Status {
+  kOk = 0,
+  kNotGood = 1,  ///< an error was found, or what was asked for could not be done
+  kUsage = 2,    ///< the command line is not as it has to be
+};
+
+/// What was asked for could not be done; the text says why. The program prints it and ends with
+/// kNotGood.
+class Failed : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+/// The action of the subcommand that the command line names: writes to standard output, returns the
+/// exit status.
+using Action = std::function<int()>;
+
+/// Each command lies in a file of its own, which declares its subcommands and options with such a
+/// function and sets `chosen` when one of them is named. program.cc lists them.
+using Declare = void (*)(CLI::App& app, Action& chosen);
+
+}  // namespace jobmillctl

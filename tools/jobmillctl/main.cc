@@ -1,0 +1,5 @@
+#include "tools/jobmillctl/program.h"
+
+int main(int argc, char** argv) {
+  return jobmillctl::RunProgram(argc, argv);
+}

@@ -1,0 +1,37 @@
+#include "tools/jobmillctl/program.h"
+
+#include <array>
+#include <cstdio>
+#include <exception>
+
+#include <CLI/CLI.hpp>
+
+#include "tools/jobmillctl/command.h"
+
+namespace jobmillctl {
+namespace {
+
+constexpr std::array<Declare, 0> kCommands{};
+
+}  // namespace
+
+int RunProgram(int argc, const char* const* argv) {
+  try {
+    CLI::App app("Looks at the jobmills of this machine, their configuration and their runs");
+    app.set_version_flag("--version", "jobmillctl " JOBMILL_VERSION);
+    app.require_subcommand(1);
+    Action chosen;
+    for (const Declare declare : kCommands) declare(app, chosen);
+    try {
+      app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+      return app.exit(error) == 0 ? kOk : kUsage;
+    }
+    return chosen();
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "jobmillctl: %s\n", error.what());
+    return kNotGood;
+  }
+}
+
+}  // namespace jobmillctl
