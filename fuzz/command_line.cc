@@ -39,11 +39,11 @@ class Arguments {
 
  private:
   // The value of the last option of that letter: what follows it, or at the end itself.
-  const char* ValueOf(char letter, bool upperToo) const {
+  const char* ValueOf(char letter, bool upper_too) const {
     for (std::size_t i = last_; i-- > 0;) {
       const std::string_view option = arguments_[i];
       if (option.size() != 2 || option[0] != '-') continue;
-      const bool upper = upperToo && option[1] == letter - 'a' + 'A';
+      const bool upper = upper_too && option[1] == letter - 'a' + 'A';
       if (option[1] == letter || upper) return arguments_[std::min(i + 1, arguments_.size() - 1)];
     }
     return nullptr;

@@ -219,13 +219,13 @@ void Converse(ConnectorBase& connector, bool is2016, Input& input) {
   const ConnectorOutcome expected =
       ModelOf(call, std::string_view(stream).substr(ConnectionAnswers().size()), requests);
 
-  memoryStream.Begin(stream);
+  memory_stream.Begin(stream);
   connector.Connect("host", 9001, 60);
-  PROMISE(memoryStream.sent == ConnectionRequest());
-  memoryStream.sent.clear();
+  PROMISE(memory_stream.sent == ConnectionRequest());
+  memory_stream.sent.clear();
   Compare(OutcomeOf(connector, call), expected);
-  PROMISE(SameRequests(memoryStream.sent, requests));
-  memoryStream.Begin({});
+  PROMISE(SameRequests(memory_stream.sent, requests));
+  memory_stream.Begin({});
   PROMISE(connector.Shutdown() == 0);
 }
 

@@ -38,19 +38,20 @@ struct Fields {
   int count = 0;
   bool flag = false;
   double number = 0;
-  std::string text, otherText;
-  Texts texts, otherTexts;
+  std::string text, other_text;
+  Texts texts, other_texts;
   Numbers numbers;
-  std::vector<Texts> textGroups;
-  std::vector<Numbers> numberGroups;
+  std::vector<Texts> text_groups;
+  std::vector<Numbers> number_groups;
 
   bool operator==(const Fields& other) const {
     return past == other.past && count == other.count && flag == other.flag &&
            Bits(number) == Bits(other.number) && text == other.text &&
-           otherText == other.otherText && texts == other.texts && otherTexts == other.otherTexts &&
-           Same(numbers, other.numbers) && textGroups == other.textGroups &&
-           std::equal(numberGroups.begin(), numberGroups.end(), other.numberGroups.begin(),
-                      other.numberGroups.end(), Same);
+           other_text == other.other_text && texts == other.texts &&
+           other_texts == other.other_texts && Same(numbers, other.numbers) &&
+           text_groups == other.text_groups &&
+           std::equal(number_groups.begin(), number_groups.end(), other.number_groups.begin(),
+                      other.number_groups.end(), Same);
   }
 
  private:
@@ -77,7 +78,7 @@ class Reader {
         const int n = Count();
         const int m = Count();
         TakeTexts(n, fields_.texts);
-        return TakeTexts(m, fields_.otherTexts);
+        return TakeTexts(m, fields_.other_texts);
       }
       case Code::kSetWellUptime: {
         const int n = Count();
@@ -88,7 +89,7 @@ class Reader {
       case Code::kSetWellConstraints:
         TakeTexts(Count(), fields_.texts);
         for (int g = Count(); g > 0 && !fields_.past; --g) {
-          TakeTexts(Count(), fields_.textGroups.emplace_back());
+          TakeTexts(Count(), fields_.text_groups.emplace_back());
         }
         return TakeNumberGroups();
       case Code::kGetWellVariables:
@@ -101,7 +102,7 @@ class Reader {
         return Take(fields_.number);
       case Code::kSetWellInjectionSource:
         TakeText(fields_.text);
-        return TakeText(fields_.otherText);
+        return TakeText(fields_.other_text);
       case Code::kSetWellInjectionComposition:
         TakeTexts(Count(), fields_.texts);
         return TakeNumberGroups();
@@ -150,7 +151,7 @@ class Reader {
   }
   void TakeNumberGroups() {
     for (int g = Count(); g > 0 && !fields_.past; --g) {
-      TakeNumbers(Count(), fields_.numberGroups.emplace_back());
+      TakeNumbers(Count(), fields_.number_groups.emplace_back());
     }
   }
 
@@ -210,14 +211,14 @@ class Stub : public ConnectorBase {
   }
   int SetWellInjectionSource(const std::string& well, const std::string& source) override {
     called.text = well;
-    called.otherText = source;
+    called.other_text = source;
     Call();
     return -1;
   }
   void SetWellInjectionComposition(const Texts& sources,
                                    const std::vector<Numbers>& compositions) override {
     called.texts = sources;
-    called.numberGroups = compositions;
+    called.number_groups = compositions;
     Call();
   }
   void GetWellStatus(std::vector<StaticWellDef>& wells) override {
@@ -255,14 +256,14 @@ class Stub : public ConnectorBase {
   }
   void SetWellStatus(const Texts& wells, const Texts& statuses) override {
     called.texts = wells;
-    called.otherTexts = statuses;
+    called.other_texts = statuses;
     Call();
   }
   void SetWellConstraints(const Texts& wells, const std::vector<Texts>& properties,
                           const std::vector<Numbers>& values) override {
     called.texts = wells;
-    called.textGroups = properties;
-    called.numberGroups = values;
+    called.text_groups = properties;
+    called.number_groups = values;
     Call();
   }
   void Newton() override { Call(); }
@@ -316,8 +317,8 @@ std::size_t SubRequests(std::string_view bytes, std::uint32_t code, std::size_t 
   return good;
 }
 
-// Takes the replies apart: the first has `code`, the others `subCode`. Their number.
-std::size_t Replies(std::string_view sent, std::uint32_t code, std::uint32_t subCode) {
+// Takes the replies apart: the first has `code`, the others `sub_code`. Their number.
+std::size_t Replies(std::string_view sent, std::uint32_t code, std::uint32_t sub_code) {
   std::size_t replies = 0;
   while (!sent.empty()) {
     std::uint32_t head[2] = {};
@@ -326,7 +327,7 @@ std::size_t Replies(std::string_view sent, std::uint32_t code, std::uint32_t sub
     std::memcpy(head, sent.data(), sizeof(head));
     sent.remove_prefix(sizeof(head[0]));
     PROMISE(head[0] <= sent.size() && head[0] >= sizeof(head[1]) + sizeof(acknowledgement));
-    PROMISE(head[1] == (replies == 0 ? code : subCode));
+    PROMISE(head[1] == (replies == 0 ? code : sub_code));
     std::memcpy(&acknowledgement, sent.data() + head[0] - sizeof(acknowledgement),
                 sizeof(acknowledgement));
     PROMISE(acknowledgement == 0);
@@ -342,7 +343,7 @@ struct Outcome {
 };
 
 Outcome Expected(unsigned code, const Fields& fields, std::size_t records, Stub::Failure failure,
-                 std::string_view subRequests) {
+                 std::string_view sub_requests) {
   if (!IsKnown(code)) return {};
   if (fields.past || failure == Stub::Failure::kOther) return {0, "Unknown exception"};
   if (failure == Stub::Failure::kRuntime) {
@@ -355,7 +356,7 @@ Outcome Expected(unsigned code, const Fields& fields, std::size_t records, Stub:
     return {0, comms + "Discrepancy returned in well data from Corvane: well count in routine " +
                    routine};
   }
-  const std::size_t served = SubRequests(subRequests, RecordCode(code), records);
+  const std::size_t served = SubRequests(sub_requests, RecordCode(code), records);
   if (served == records) return {1 + records, {}};
   return {1 + served, comms + "Unexpected data received from Corvane, routine " + routine + "_SUB"};
 }
@@ -405,15 +406,15 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const Outcome expected = Expected(code, fields, records, failure, frames);
 
   stub->Begin(records, failure);
-  memoryLink.Begin(frames);
-  if (failure == Stub::Failure::kNone) memoryLink.room = MemoryLink::Room(trouble);
-  if (gone) memoryLink.send_error = EPIPE;
+  memory_link.Begin(frames);
+  if (failure == Stub::Failure::kNone) memory_link.room = MemoryLink::Room(trouble);
+  if (gone) memory_link.send_error = EPIPE;
   std::string error;
   const int result = controller.Handle(code, buffer, error);
   PROMISE(result == (expected.error.empty() ? 0 : 1));
   PROMISE(error == expected.error);
   // That nobody gets a reply is only noticed at the next receive.
-  const std::size_t replies = Replies(memoryLink.sent, code, RecordCode(code));
+  const std::size_t replies = Replies(memory_link.sent, code, RecordCode(code));
   PROMISE(replies == (gone ? 0 : expected.replies));
   PROMISE(!MemoryLink::HoldsChildrenBack());
   PROMISE(stub->calls == (IsKnown(code) && !fields.past ? 1 : 0));

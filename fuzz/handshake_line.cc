@@ -50,7 +50,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   Input input(data, size);
   const int error = errors[input.Byte() % 4];
   std::string_view bytes = input.Rest();
-  memoryLink.Begin(bytes, 0, error);
+  memory_link.Begin(bytes, 0, error);
   while (!bytes.empty()) {
     const Line expected = Expected(bytes, error == EAGAIN);
     int length = 0;
@@ -58,8 +58,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     bytes.remove_prefix(expected.taken);
     PROMISE(text == expected.text);
     PROMISE(length == expected.length);
-    PROMISE(memoryLink.incoming == bytes);
+    PROMISE(memory_link.incoming == bytes);
   }
-  PROMISE(memoryLink.sent.empty());
+  PROMISE(memory_link.sent.empty());
   return 0;
 }

@@ -86,10 +86,10 @@ void CheckReplies(const std::vector<std::uint32_t>& requests, std::size_t served
   std::size_t next = 0;
   for (std::size_t i = 0; i < served; ++i) {
     const bool last = i + 1 == served;
-    const bool isMain = (requests[i] >= Code::kConnect && requests[i] <= Code::kGetStartDate) ||
-                        requests[i] == Code::kShutdown;
+    const bool is_main = (requests[i] >= Code::kConnect && requests[i] <= Code::kGetStartDate) ||
+                         requests[i] == Code::kShutdown;
     const bool answered = next < replies.size() && replies[next] == requests[i];
-    PROMISE(answered || !isMain || (last && result == 2));
+    PROMISE(answered || !is_main || (last && result == 2));
     PROMISE((answered && requests[i] == Code::kShutdown) == (last && result == 0));
     if (answered) ++next;
   }
@@ -146,9 +146,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   WriteRequests(input.Take(input.Short()), frames);
   answers.clear();
   WriteAnswers(input, answers);
-  memoryLink.Begin(frames);
-  memoryLink.room = MemoryLink::Room(mode >> 1 & 31U);
-  memoryStream.Begin(answers);
+  memory_link.Begin(frames);
+  memory_link.room = MemoryLink::Room(mode >> 1 & 31U);
+  memory_stream.Begin(answers);
 
   Clients made;
   ConnectorSocketWrapper controller(NewConnector(is2016, made), "host", &master, 9001, 60, log);
@@ -158,16 +158,16 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   PROMISE(result >= 0 && result <= 2);
   PROMISE(IsReason(error, result));
 
-  const std::size_t left = memoryLink.incoming.size();
+  const std::size_t left = memory_link.incoming.size();
   const std::vector<std::uint32_t> requests = Codes(frames, false);
-  const std::size_t served = requests.size() - Codes(memoryLink.incoming, false).size();
+  const std::size_t served = requests.size() - Codes(memory_link.incoming, false).size();
   PROMISE(result != 1 || left == 0);
   PROMISE(result == 1 || served > 0);
-  CheckReplies(requests, served, Codes(memoryLink.sent, true), result);
+  CheckReplies(requests, served, Codes(memory_link.sent, true), result);
 
   // Only a shutdown releases a connection, and only the latest; the controller leaves the others to
   // the end of its process, which here does not come.
-  memoryStream.Begin({});
+  memory_stream.Begin({});
   controller.Shutdown();
   if (!made.empty()) made.pop_back();
   for (const vk_ec::Client* given_up : made) delete given_up;

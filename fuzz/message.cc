@@ -68,9 +68,9 @@ void ReadData(MessageMgr::MessageDecoder& decoder, const MessageMgr::Header& dec
 
 // Why the bytes hold no header.
 std::string Complaint(std::string_view bytes) {
-  const std::size_t behindName = bytes.empty() ? 1 : 1U + static_cast<std::uint8_t>(bytes[0]);
-  if (bytes.size() < behindName + 12) return std::string(kTooShort);
-  return "Unknown type: " + std::string(bytes.substr(behindName + 8, 4));
+  const std::size_t behind_name = bytes.empty() ? 1 : 1U + static_cast<std::uint8_t>(bytes[0]);
+  if (bytes.size() < behind_name + 12) return std::string(kTooShort);
+  return "Unknown type: " + std::string(bytes.substr(behind_name + 8, 4));
 }
 
 void ReadItem(MessageMgr::MessageDecoder& decoder, std::string_view& bytes) {

@@ -122,13 +122,13 @@ bool Tells(const Results& results, std::string_view answer) {
   return Written(results) == answer || (results.wells.empty() && answer == Empty());
 }
 
-bool TellsComponents(const Texts& components, std::string_view answer, bool anyName) {
+bool TellsComponents(const Texts& components, std::string_view answer, bool any_name) {
   if (components.empty() && answer == Empty()) return true;
   std::string_view name = "NCOMPS";
   wire::Header header;
   std::string_view behind = answer;
   behind.remove_prefix(std::min(Begin().size(), behind.size()));
-  if (anyName && wire::Take(behind, header)) name = header.name;
+  if (any_name && wire::Take(behind, header)) name = header.name;
   std::string message = Begin();
   message += wire::Data(name, components);
   return End(message) == answer;
@@ -219,21 +219,21 @@ std::optional<bool> Outcome(Operation operation) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static std::string stream;
-  static const std::string properReady = Ready();
+  static const std::string proper_ready = Ready();
   Input input(data, size);
   const std::uint8_t mode = input.Byte();
   const int operation = (mode & 15) % kOperations;
   // A READY that is as it has to be leaves the input to the answer.
-  const bool ownReady = (mode & 16) != 0;
+  const bool own_ready = (mode & 16) != 0;
   const bool is2016 = (mode & 32) != 0;
-  std::string_view ready = ownReady ? input.Take(input.Byte()) : std::string_view(properReady);
+  std::string_view ready = own_ready ? input.Take(input.Byte()) : std::string_view(proper_ready);
   const std::string_view answer = Answer(input, (mode & 64) != 0);
-  if (!HasReply(operation) && !ownReady) ready = answer;
+  if (!HasReply(operation) && !own_ready) ready = answer;
 
   stream.clear();
   if (HasReply(operation)) stream += wire::Framed(answer);
   stream += wire::Framed(ready);
-  memoryStream.Begin(stream);
+  memory_stream.Begin(stream);
 
   std::optional<bool> told;
   if (is2016 && operation <= 10) {
@@ -248,6 +248,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
   PROMISE(told.value_or(true));
   // What was answered was read, to the end of the READY that has to be one.
-  PROMISE(!told || (memoryStream.incoming.empty() && ready == properReady));
+  PROMISE(!told || (memory_stream.incoming.empty() && ready == proper_ready));
   return 0;
 }

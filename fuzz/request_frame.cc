@@ -157,7 +157,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const int error = (mode & 1) != 0 ? ECONNRESET : 0;
   const std::string_view plan = input.Take(input.Byte() % 32);
   std::string_view bytes = input.Rest();
-  memoryLink.Begin(bytes, mode >> 1, error);
+  memory_link.Begin(bytes, mode >> 1, error);
   while (true) {
     Frame expected = Expected(bytes);
     if (bytes.empty() && error != 0) expected.result = 1;
@@ -165,7 +165,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const int result = master.ReceiveLine(buffer.data(), kCleared, length);
     bytes.remove_prefix(expected.taken);
     PROMISE(result == expected.result);
-    PROMISE(memoryLink.incoming == bytes);
+    PROMISE(memory_link.incoming == bytes);
     if (result != 0) {
       PROMISE(length <= 0);
       break;

@@ -136,7 +136,7 @@ const std::string& Finished() {
 
 template <class Client>
 bool RefusesMessages(Client& client) {
-  memoryStream.Begin(Finished());
+  memory_stream.Begin(Finished());
   try {
     client.do_continue();
   } catch (const std::logic_error& error) {
@@ -152,16 +152,16 @@ void Converse(int operation, std::string_view first, std::string_view second) {
   stream.clear();
   if (operation == 0) stream += wire::Framed(first);
   stream += wire::Framed(second);
-  memoryStream.Begin(stream);
+  memory_stream.Begin(stream);
 
   PositionInfo expected;
-  const SetUp setUp = operation == 0 ? ExpectStarted(first) : SetUp::kStarted;
-  if (operation == 0 && setUp == SetUp::kStarted) expected.position = AlgPos::STARTING;
-  const bool succeeds = setUp == SetUp::kStarted && Expect(second, expected);
+  const SetUp set_up = operation == 0 ? ExpectStarted(first) : SetUp::kStarted;
+  if (operation == 0 && set_up == SetUp::kStarted) expected.position = AlgPos::STARTING;
+  const bool succeeds = set_up == SetUp::kStarted && Expect(second, expected);
   // Only a message that was begun and not read to its end stands in the way of the next.
-  const bool stuck = setUp == SetUp::kBroken
+  const bool stuck = set_up == SetUp::kBroken
                          ? !first.empty()
-                         : setUp == SetUp::kStarted && !succeeds && !second.empty();
+                         : set_up == SetUp::kStarted && !succeeds && !second.empty();
 
   PairedClient<Version> client;
   PROMISE(Succeeds(client, operation) == succeeds);

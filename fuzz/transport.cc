@@ -37,12 +37,12 @@ int SocketOfItsOwn() {
 // with little of it; any total comes once in a while.
 std::uint64_t Tamed(std::uint64_t total, std::string_view input) {
   constexpr std::uint64_t little = 1U << 10;
-  constexpr std::uint64_t twoChunks = 1U << 17;
+  constexpr std::uint64_t two_chunks = 1U << 17;
   std::uint32_t hash = 2166136261U;
   for (const char byte : input) hash = (hash ^ static_cast<std::uint8_t>(byte)) * 16777619U;
   hash >>= 16;
   if (hash % 32768 == 0) return total;
-  return total % (hash % 64 == 0 ? twoChunks : little);
+  return total % (hash % 64 == 0 ? two_chunks : little);
 }
 
 struct Reception {
@@ -99,7 +99,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     std::memcpy(bytes.data(), &total, sizeof(total));
   }
   const Reception expected = Expected(bytes);
-  memoryLink.Begin(bytes, piece);
+  memory_link.Begin(bytes, piece);
   std::vector<unsigned char> buffer;
   const std::string failure = Receive(socket, buffer);
   PROMISE(failure == expected.failure);
@@ -108,18 +108,18 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   PROMISE(buffer.empty() ||
           std::memcmp(buffer.data(), expected.message.data(), buffer.size()) == 0);
   // At least the message's own bytes.
-  const std::size_t chunks = bytes.size() - memoryLink.incoming.size();
+  const std::size_t chunks = bytes.size() - memory_link.incoming.size();
   PROMISE(chunks >= 2 * sizeof(total) + buffer.size());
 
   // A buffer in use is refused before anything is read.
   if (buffer.empty()) return 0;
-  const std::string_view left = memoryLink.incoming;
+  const std::string_view left = memory_link.incoming;
   bool refused = false;
   try {
     RecvMessage again(socket, buffer);
   } catch (const std::logic_error&) {
     refused = true;
   }
-  PROMISE(refused && memoryLink.incoming == left);
+  PROMISE(refused && memory_link.incoming == left);
   return 0;
 }

@@ -269,7 +269,7 @@ double CountSystemCalls(Daemon::Kind kind, const Flow& flow, const Step& set_up,
   run.Block(once);
   const pid_t child = daemon.Child();
   ChildProcess::Options process;
-  process.outputFile = said;
+  process.output_file = said;
   ChildProcess strace({"/usr/bin/strace", "-c", "-o", summary, "-p", std::to_string(child)},
                       process);
   if (!Eventually([&] { return StatusValue(child, "TracerPid") > 0; })) {

@@ -118,7 +118,7 @@ Daemon::Daemon(Kind kind, const Options& options) {
   port_ = FreePort();
   std::vector<std::string> arguments;
   ChildProcess::Options process;
-  process.outputFile = directory_.File("output");
+  process.output_file = directory_.File("output");
   process.directory = directory_.path().string();
   if (kind == Kind::kReal) {
     directory_.Write(".vk_corvane_env", "");

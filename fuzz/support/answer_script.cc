@@ -136,8 +136,8 @@ void WriteMessage(Input& input, std::string& message) {
 void WriteAnswers(Input& input, std::string& stream) {
   static std::string message;
   message.clear();
-  std::size_t repeatFrom = std::string::npos;
-  const auto endMessage = [&] {
+  std::size_t repeat_from = std::string::npos;
+  const auto end_message = [&] {
     message += wire::Mess("END");
     stream += wire::Framed(message);
     message.clear();
@@ -145,18 +145,18 @@ void WriteAnswers(Input& input, std::string& stream) {
   while (!input.empty() && stream.size() < kMost) {
     const std::uint8_t byte = input.Byte();
     if (byte == 61) {
-      repeatFrom = stream.size();
+      repeat_from = stream.size();
     } else if (byte == 62) {
-      endMessage();
+      end_message();
     } else if (byte == 63) {
       message += wire::Mess("READY");
-      endMessage();
+      end_message();
     } else {
       WriteItem(byte, input, message);
     }
   }
   if (!message.empty()) stream += wire::Framed(message);
-  if (repeatFrom >= stream.size()) return;
-  const std::string again = stream.substr(repeatFrom);
+  if (repeat_from >= stream.size()) return;
+  const std::string again = stream.substr(repeat_from);
   while (stream.size() + again.size() < kMost) stream += again;
 }

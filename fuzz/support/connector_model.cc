@@ -320,12 +320,12 @@ void AllStatuses(Simulator& simulator, ConnectorOutcome& outcome) {
 
 void Variables(Simulator& simulator, const Texts& properties, ConnectorOutcome& outcome) {
   const auto table = QueryWells<double>(simulator, "QWELLS", {"P1"}, properties);
-  const std::string badData = "Unexpected answer when querying the well data.";
-  Require(!table.names.empty(), badData);
-  const bool leftOut = std::any_of(properties.begin(), properties.end(), [&](const auto& property) {
-    return Find(table.items, property) == kNowhere;
-  });
-  Require(leftOut || Same(table.items, properties), badData);
+  const std::string bad_data = "Unexpected answer when querying the well data.";
+  Require(!table.names.empty(), bad_data);
+  const bool left_out =
+      std::any_of(properties.begin(), properties.end(),
+                  [&](const auto& property) { return Find(table.items, property) == kNowhere; });
+  Require(left_out || Same(table.items, properties), bad_data);
   for (const std::string& property : properties) {
     const std::size_t column = Find(table.items, property);
     Require(column != kNowhere, "Unexpected answer when querying " + property);
@@ -337,13 +337,13 @@ void Points(Simulator& simulator, const Texts& wells, ConnectorOutcome& outcome)
   const Texts items = {"OIL_PRODUCTION_RATE",  "GAS_PRODUCTION_RATE", "WATER_PRODUCTION_RATE",
                        "WATER_INJECTION_RATE", "GAS_INJECTION_RATE",  "UPTIME_FRACTION",
                        "BOTTOM_HOLE_PRESSURE", "TUBING_HEAD_PRESSURE"};
-  const std::string badData = "Unexpected answer when querying the well data.";
+  const std::string bad_data = "Unexpected answer when querying the well data.";
   const auto data = QueryWells<double>(simulator, "QWELLS", wells, items);
-  Require(Same(data.items, items), badData);
+  Require(Same(data.items, items), bad_data);
   const auto statuses = QueryWells<std::string_view>(simulator, "QWELLS_STR", wells, {"STATUS"});
   Require(Same(statuses.items, {"STATUS"}), "Unexpected answer when querying the well statuses.");
   for (std::size_t i = 0; i < wells.size(); ++i) {
-    Require(i < data.values.size(), badData);
+    Require(i < data.values.size(), bad_data);
     const Numbers* row = data.Row(wells[i]);
     Require(row != nullptr, "Unexpected answer when querying the well operating point data.");
     const Views* status = statuses.Row(wells[i]);
@@ -451,31 +451,31 @@ void TakePoint(const ConnectorCall& call, const Table<double>& answer, const Num
     return (*row)[column];
   };
   const double oil = value("OIL_PRODUCTION_RATE");
-  const double producedGas = value("GAS_PRODUCTION_RATE");
-  const double injectedGas = value("GAS_INJECTION_RATE");
-  const double producedWater = value("WATER_PRODUCTION_RATE");
-  const double injectedWater = value("WATER_INJECTION_RATE");
-  const double bottomHole = value("BOTTOM_HOLE_PRESSURE");
-  const double tubingHead = value("TUBING_HEAD_PRESSURE");
+  const double produced_gas = value("GAS_PRODUCTION_RATE");
+  const double injected_gas = value("GAS_INJECTION_RATE");
+  const double produced_water = value("WATER_PRODUCTION_RATE");
+  const double injected_water = value("WATER_INJECTION_RATE");
+  const double bottom_hole = value("BOTTOM_HOLE_PRESSURE");
+  const double tubing_head = value("TUBING_HEAD_PRESSURE");
   const double temperature = value("TEMPERATURE");
-  const double oilDensity = value("OIL_DENSITY");
-  const double gasDensity = value("GAS_DENSITY");
-  const double waterDensity = value("WATER_DENSITY");
+  const double oil_density = value("OIL_DENSITY");
+  const double gas_density = value("GAS_DENSITY");
+  const double water_density = value("WATER_DENSITY");
   Numbers fractions;
   for (int i = 1; i <= call.components; ++i) fractions.push_back(value(Component(i)));
 
   table.oil_rate.push_back(oil);
-  table.gas_rate.push_back(survey.producer ? producedGas : injectedGas);
-  table.water_rate.push_back(survey.producer ? producedWater : injectedWater);
-  table.pressure.push_back(call.bottom_hole ? bottomHole : tubingHead);
+  table.gas_rate.push_back(survey.producer ? produced_gas : injected_gas);
+  table.water_rate.push_back(survey.producer ? produced_water : injected_water);
+  table.pressure.push_back(call.bottom_hole ? bottom_hole : tubing_head);
   table.temperature.push_back(temperature);
-  table.oil_density.push_back(oilDensity);
-  table.gas_density.push_back(gasDensity);
-  table.water_density.push_back(waterDensity);
+  table.oil_density.push_back(oil_density);
+  table.gas_density.push_back(gas_density);
+  table.water_density.push_back(water_density);
   if (call.components > 0) table.mole_fractions.push_back(std::move(fractions));
   if (!first) return;
-  survey.base_gas = survey.producer ? producedGas : injectedGas;
-  survey.base_liquid = survey.producer ? producedWater + oil : injectedWater;
+  survey.base_gas = survey.producer ? produced_gas : injected_gas;
+  survey.base_liquid = survey.producer ? produced_water + oil : injected_water;
 }
 
 void Inflow(Simulator& simulator, const ConnectorCall& call, ConnectorOutcome& outcome) {
@@ -668,12 +668,12 @@ ConnectorCall::ConnectorCall(int chosen, std::uint8_t mode, bool earlier)
       components(mode % 4 - 1),
       bottom_hole((mode & 4) != 0),
       skewness(kSkewnesses[(mode >> 3) / kLists.size()]) {
-  const bool asMany = (mode & 1) != 0;
-  if (operation == 10) statuses = asMany ? Texts(wells.size(), "SHUT") : Texts{"OPEN", "SHUT"};
+  const bool as_many = (mode & 1) != 0;
+  if (operation == 10) statuses = as_many ? Texts(wells.size(), "SHUT") : Texts{"OPEN", "SHUT"};
   if (operation == 11) {
     properties = {{"A"}, {}};
     values = {{1}, {}};
-    if (asMany) {
+    if (as_many) {
       properties[1] = {"B", "C"};
       values[1] = {2, 3};
     }
@@ -683,10 +683,10 @@ ConnectorCall::ConnectorCall(int chosen, std::uint8_t mode, bool earlier)
   }
   if (operation == 13) {
     values = {{0.5, 0.25}, {1}};
-    if (asMany) values.assign(wells.size(), {0.75, 0.25});
+    if (as_many) values.assign(wells.size(), {0.75, 0.25});
   }
   if (operation == 15) fractions = {365.25 + mode};
-  if (operation == 16) fractions = asMany ? Numbers(wells.size(), 0.75) : Numbers{0.5, 1};
+  if (operation == 16) fractions = as_many ? Numbers(wells.size(), 0.75) : Numbers{0.5, 1};
 }
 
 EOS ConnectorOutcome::OldFluid() {
@@ -721,12 +721,12 @@ const std::string& ConnectionAnswers() {
 
 const std::string& ConnectionRequest() {
   static const std::string request = [] {
-    std::string setUp;
-    setUp += wire::Mess("SETUP");
-    setUp += wire::Text("VERSION", "V2");
-    setUp += wire::Mess("END");
+    std::string set_up;
+    set_up += wire::Mess("SETUP");
+    set_up += wire::Text("VERSION", "V2");
+    set_up += wire::Mess("END");
     std::string stream;
-    stream += wire::Framed(setUp);
+    stream += wire::Framed(set_up);
     return stream;
   }();
   return request;

@@ -9,12 +9,12 @@
 
 #include <algorithm>
 
-MemoryLink memoryLink;
+MemoryLink memory_link;
 
 namespace {
 
 ssize_t Receive(void* target, std::size_t size) {
-  MemoryLink& link = memoryLink;
+  MemoryLink& link = memory_link;
   if (link.incoming.empty() && link.error != 0) {
     errno = link.error;
     return -1;
@@ -32,7 +32,7 @@ ssize_t Fail(int error) {
 }
 
 ssize_t Send(const void* bytes, std::size_t size, int flags) {
-  MemoryLink& link = memoryLink;
+  MemoryLink& link = memory_link;
   if (link.send_error != 0) return Fail(link.send_error);
   std::size_t taken = std::min(size, link.room);
   if (taken < size) {

@@ -22,10 +22,10 @@ struct MemoryLink {
   std::string sent;             ///< what was sent to the peer
 
   /// Starts a new connection, with any room; keeps the memory of `sent`.
-  void Begin(std::string_view bytes, std::size_t pieces = 0, int errorAtEnd = 0) {
+  void Begin(std::string_view bytes, std::size_t pieces = 0, int error_at_end = 0) {
     incoming = bytes;
     piece = pieces;
-    error = errorAtEnd;
+    error = error_at_end;
     room = kAnyRoom;
     send_error = 0;
     sent.clear();
@@ -42,4 +42,4 @@ struct MemoryLink {
   static bool HoldsChildrenBack();
 };
 
-extern MemoryLink memoryLink;
+extern MemoryLink memory_link;

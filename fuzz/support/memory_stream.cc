@@ -7,7 +7,7 @@
 
 #include "vk_ec/stream_socket.h"
 
-MemoryStream memoryStream;
+MemoryStream memory_stream;
 
 // The same class as that of vk_ec/stream_socket.cc, which the linker leaves out when it
 // finds these.
@@ -28,12 +28,12 @@ void StreamSocket::set_keep_alive() {}
 
 void StreamSocket::write(Piece head, Piece body) {
   for (const Piece piece : {head, body}) {
-    memoryStream.sent.append(reinterpret_cast<const char*>(piece.bytes), piece.length);
+    memory_stream.sent.append(reinterpret_cast<const char*>(piece.bytes), piece.length);
   }
 }
 
 void StreamSocket::read(unsigned char* bytes, std::size_t length) {
-  std::string_view& incoming = memoryStream.incoming;
+  std::string_view& incoming = memory_stream.incoming;
   if (length > incoming.size()) {
     incoming = {};
     throw boost::system::system_error(boost::asio::error::eof, "read");

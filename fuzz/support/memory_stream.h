@@ -17,4 +17,4 @@ struct MemoryStream {
   }
 };
 
-extern MemoryStream memoryStream;
+extern MemoryStream memory_stream;

@@ -24,8 +24,9 @@ struct Header {
   std::uint64_t count = 0;
   std::string_view tag;
 
-  bool Is(std::string_view otherName, std::uint64_t otherCount, std::string_view otherTag) const {
-    return name == otherName && count == otherCount && tag == otherTag;
+  bool Is(std::string_view other_name, std::uint64_t other_count,
+          std::string_view other_tag) const {
+    return name == other_name && count == other_count && tag == other_tag;
   }
 };
 

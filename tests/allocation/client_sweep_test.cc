@@ -37,7 +37,7 @@ struct Outcome {
   std::string result;
   bool reached = false;
   long leaked = 0;
-  long leakedDescriptors = 0;
+  long leaked_descriptors = 0;
 };
 
 // Runs `operation`, then asks whether the simulator is still understood.
@@ -73,7 +73,7 @@ Outcome Run(const std::function<void(Client&)>& operation, const std::string& he
     }
   }
   outcome.leaked = LiveAllocations() - live;
-  outcome.leakedDescriptors = static_cast<long>(OpenDescriptors(getpid())) - descriptors;
+  outcome.leaked_descriptors = static_cast<long>(OpenDescriptors(getpid())) - descriptors;
   return outcome;
 }
 
@@ -86,7 +86,7 @@ void Sweep(const std::function<void(Client&)>& operation, const std::string& hea
       const Outcome outcome = Run(operation, headers, failing, mode);
       SCOPED_TRACE(testing::Message() << "allocation " << failing << " fails " << mode);
       EXPECT_EQ(outcome.leaked, 0);
-      EXPECT_EQ(outcome.leakedDescriptors, 0);
+      EXPECT_EQ(outcome.leaked_descriptors, 0);
       if (!outcome.reached) {
         EXPECT_EQ(outcome.result, "done, in step");
         EXPECT_GT(failing, 4);

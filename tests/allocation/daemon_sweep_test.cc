@@ -49,7 +49,7 @@ class AnswerSweep : public testing::Test {
     int status = -1;
     Strings frames;
     std::string log;
-    std::string commsLog;
+    std::string comms_log;
   };
 
   void SetUp() override {
@@ -74,8 +74,8 @@ class AnswerSweep : public testing::Test {
     const FailingAllocations none(kUndisturbed, mode);  // clears what was reached
     ChildProcess::Options options;
     options.directory = directory_.path().string();
-    options.outputFile = directory_.File("output");
-    options.inChild = [&] {
+    options.output_file = directory_.File("output");
+    options.in_child = [&] {
       pair.peer.Reset();
       strcpy(GszExePath, directory_.path().c_str());
       if (!PrepareProcess()) return 124;
@@ -91,7 +91,7 @@ class AnswerSweep : public testing::Test {
     outcome.frames = FramesOf(ReadExactly(pair.peer.get(), 1 << 16));
     outcome.status = child.Wait(seconds(20)).value_or(-1);
     outcome.log = directory_.Read("log");
-    outcome.commsLog = directory_.Read("CASE-WITH-A-LONG-NAME_3.crvnlog");
+    outcome.comms_log = directory_.Read("CASE-WITH-A-LONG-NAME_3.crvnlog");
     return outcome;
   }
 
@@ -110,7 +110,7 @@ class AnswerSweep : public testing::Test {
         SCOPED_TRACE(testing::Message()
                      << "allocation " << failing << " fails " << mode << "\nlogged:\n"
                      << outcome.log << "\ncomms log:\n"
-                     << outcome.commsLog << "\noutput:\n"
+                     << outcome.comms_log << "\noutput:\n"
                      << directory_.Read("output"));
         check(outcome, mode);
       }
@@ -142,7 +142,7 @@ TEST_F(AnswerSweep, FailedAllocationEndsTheConnectionWithALineOrIsServed) {
     EXPECT_THAT(outcome.log, HasSubstr("Host detected: the-host-where-the-simulator-runs"));
     EXPECT_TRUE(IsBeginningOf(outcome.frames, undisturbed.frames));
     EXPECT_GE(outcome.frames.size(), 2U);
-    EXPECT_THAT(outcome.commsLog,
+    EXPECT_THAT(outcome.comms_log,
                 AnyOf("", HasSubstr("Process loop has exited naturally"),
                       HasSubstr("Request process loop failed: Failed to handle data packet "
                                 "received from master: Unknown exception\n")));
@@ -175,9 +175,9 @@ class DaemonSweep : public testing::Test {
     port_ = FreePort();
     const FailingAllocations none(kUndisturbed, mode);
     ChildProcess::Options options;
-    options.outputFile = directory_.File("output");
-    std::filesystem::remove(options.outputFile);
-    options.inChild = [&] {
+    options.output_file = directory_.File("output");
+    std::filesystem::remove(options.output_file);
+    options.in_child = [&] {
       GsLogFileDir = directory_.path().string();
       Strings arguments = {"vkjobmill.exe",       "-u", "-p",
                            std::to_string(port_), "-s", "/a/distribution/script/with/a/long/name"};
@@ -244,11 +244,11 @@ TEST_F(DaemonSweep, FailedAllocationEndsTheStartWithStatusOneOrCostsAConnectionA
         EXPECT_THAT(directory_.Read("output"), Not(HasSubstr("Accepted incoming connection")));
         continue;
       }
-      bool servedAgain = mode == Failing::kForGood;
-      for (int connection = 0; connection < 8 && !servedAgain; ++connection) {
-        servedAgain = FirstFrame().has_value();
+      bool served_again = mode == Failing::kForGood;
+      for (int connection = 0; connection < 8 && !served_again; ++connection) {
+        served_again = FirstFrame().has_value();
       }
-      EXPECT_TRUE(servedAgain) << directory_.Read("output");
+      EXPECT_TRUE(served_again) << directory_.Read("output");
       if (!FailingAllocations::Reached()) {
         EXPECT_EQ(served, 8);
         break;

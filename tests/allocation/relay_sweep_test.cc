@@ -125,7 +125,7 @@ Request GetEOSProps() {
 }
 
 std::vector<Request> Requests() {
-  const std::string twoWells = PackedText(kNorth) + PackedText(kSouth);
+  const std::string two_wells = PackedText(kNorth) + PackedText(kSouth);
   return {
       {"GetDate", {Image(2)}, {}},
       {"GetMetricFlag",
@@ -145,13 +145,13 @@ std::vector<Request> Requests() {
       {"GetTermFlag", {Image(9)}, {}},
       GetWellData(),
       {"SetWellStatus",
-       {Image(11) + Image(2) + Image(2) + twoWells + PackedText("OPEN") + PackedText("SHUT")},
+       {Image(11) + Image(2) + Image(2) + two_wells + PackedText("OPEN") + PackedText("SHUT")},
        {{kReady}}},
       {"SetWellUptime",
-       {Image(12) + Image(2) + Image(2) + twoWells + Image(0.5) + Image(1.0)},
+       {Image(12) + Image(2) + Image(2) + two_wells + Image(0.5) + Image(1.0)},
        {{kReady}}},
       {"SetWellConstraints",
-       {Image(13) + Image(2) + twoWells + Image(2) + Image(1) + PackedText("OIL_PRODUCTION_RATE") +
+       {Image(13) + Image(2) + two_wells + Image(2) + Image(1) + PackedText("OIL_PRODUCTION_RATE") +
         Image(1) + PackedText("WATER_INJECTION_RATE") + Image(2) + Image(1) + Image(100.0) +
         Image(1) + Image(200.0)},
        {{kReady}}},
@@ -184,7 +184,7 @@ struct Outcome {
   std::string replies;  ///< all that the master received
   bool reached = false;
   long leaked = 0;
-  long leakedDescriptors = 0;
+  long leaked_descriptors = 0;
 };
 
 // The controller's whole loop, with the request and then the shutdown of the run in it. With
@@ -234,7 +234,7 @@ Outcome Serve(const Request& request, bool connected, long failing, Failing mode
     outcome.replies.assign(ReadExactly(pair.peer.get(), kRoom));
   }
   outcome.leaked = LiveAllocations() - live;
-  outcome.leakedDescriptors = static_cast<long>(OpenDescriptors(getpid())) - descriptors;
+  outcome.leaked_descriptors = static_cast<long>(OpenDescriptors(getpid())) - descriptors;
   return outcome;
 }
 
@@ -245,7 +245,7 @@ void Check(const Outcome& outcome, const Outcome& undisturbed, long failing, Fai
                                   << outcome.result << " " << outcome.error << "\nlogged:\n"
                                   << outcome.log);
   EXPECT_EQ(outcome.leaked, 0);
-  EXPECT_EQ(outcome.leakedDescriptors, 0);
+  EXPECT_EQ(outcome.leaked_descriptors, 0);
   const Strings replies = FramesOf(outcome.replies);
   const Strings all = FramesOf(undisturbed.replies);
   switch (outcome.result) {

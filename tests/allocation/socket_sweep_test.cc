@@ -68,16 +68,16 @@ TEST_F(SocketWithoutMemory, BytesThatCannotBeKeptAreNotReceived) {
 TEST_F(SocketWithoutMemory, LineThatCannotBeBuiltIsAFailedSend) {
   const std::string line(1000, 'x');
   int result = 0;
-  int resultOfBytes = 0;
+  int result_of_bytes = 0;
   int error = 0;
   WithoutMemory(1, [&] {
     result = socket_.SendLine(line);
     error = errno;
-    resultOfBytes = socket_.SendLine(line.data(), 1000);
+    result_of_bytes = socket_.SendLine(line.data(), 1000);
   });
   EXPECT_EQ(result, -1);
   EXPECT_EQ(error, ENOMEM);
-  EXPECT_EQ(resultOfBytes, 1);
+  EXPECT_EQ(result_of_bytes, 1);
   EXPECT_EQ(socket_.SendLine("next"), 8);
   EXPECT_EQ(Sent(), Frame("next"));
 }

@@ -21,12 +21,12 @@ using Entries = std::vector<std::pair<std::string, std::string>>;
 // Names that nothing else uses, few enough to come twice; values; tokens at and above the limit of
 // 255; and whatever separates them.
 rc::Gen<std::string> AnyFile() {
-  const auto longToken = rc::gen::map(rc::gen::inRange<std::size_t>(253, 259),
-                                      [](std::size_t size) { return std::string(size, 'L'); });
+  const auto long_token = rc::gen::map(rc::gen::inRange<std::size_t>(253, 259),
+                                       [](std::size_t size) { return std::string(size, 'L'); });
   const auto token = rc::gen::weightedOneOf<std::string>(
       {{6, rc::gen::element<std::string>("JM_A", "JM_B", "JM_C")},
        {4, rc::gen::nonEmpty(any::TextOf("ab/:=#\"\x01\xff"))},
-       {1, longToken}});
+       {1, long_token}});
   const auto blank = rc::gen::nonEmpty(any::TextOf(" \t\n\r\v\f"));
   return rc::gen::map(
       rc::gen::pair(rc::gen::container<std::vector<std::pair<std::string, std::string>>>(
@@ -43,10 +43,10 @@ rc::Gen<std::string> AnyFile() {
 // The model: tokens in pairs, those that fit.
 Entries Model(const std::string& text) {
   std::vector<std::string> tokens;
-  const auto isBlank = [](char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; };
+  const auto is_blank = [](char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; };
   for (auto at = text.begin(); at != text.end();) {
-    at = std::find_if_not(at, text.end(), isBlank);
-    const auto end = std::find_if(at, text.end(), isBlank);
+    at = std::find_if_not(at, text.end(), is_blank);
+    const auto end = std::find_if(at, text.end(), is_blank);
     if (at != end) tokens.emplace_back(at, end);
     at = end;
   }

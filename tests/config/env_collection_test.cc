@@ -27,7 +27,7 @@ namespace {
 
 int InChild(const std::function<int()>& body) {
   ChildProcess::Options options;
-  options.inChild = body;
+  options.in_child = body;
   return ChildProcess({}, options).Wait(std::chrono::seconds(10)).value_or(-1);
 }
 
@@ -118,8 +118,8 @@ TEST_F(EnvCollectionTest, TokensOf255CharactersFit) {
 }
 
 TEST_F(EnvCollectionTest, EntryWithALongerTokenIsLeftOutAndTheOthersStayPaired) {
-  const std::string longToken(256, 'v');
-  Apply("JT_A " + longToken + " " + longToken + " 1 JT_B 2");
+  const std::string long_token(256, 'v');
+  Apply("JT_A " + long_token + " " + long_token + " 1 JT_B 2");
   EXPECT_EQ(Value("JT_A"), "unset");
   EXPECT_EQ(Value("JT_B"), "2");
 }

@@ -98,16 +98,16 @@ rc::Gen<std::string> AnyLine() {
                    [](const auto& parts) {
                      return std::apply([](const auto&... part) { return (part + ...); }, parts);
                    });
-  const auto atTheLimits = rc::gen::map(rc::gen::tuple(rc::gen::inRange<std::size_t>(253, 258),
-                                                       rc::gen::inRange<std::size_t>(253, 258),
-                                                       rc::gen::inRange<std::size_t>(1, 515)),
-                                        [](const auto& sizes) {
-                                          return std::string(std::get<0>(sizes), 'a') + " " +
-                                                 std::string(std::get<1>(sizes), 'b') + " " +
-                                                 std::string(std::get<2>(sizes), '1');
-                                        });
+  const auto at_the_limits = rc::gen::map(rc::gen::tuple(rc::gen::inRange<std::size_t>(253, 258),
+                                                         rc::gen::inRange<std::size_t>(253, 258),
+                                                         rc::gen::inRange<std::size_t>(1, 515)),
+                                          [](const auto& sizes) {
+                                            return std::string(std::get<0>(sizes), 'a') + " " +
+                                                   std::string(std::get<1>(sizes), 'b') + " " +
+                                                   std::string(std::get<2>(sizes), '1');
+                                          });
   return rc::gen::weightedOneOf<std::string>(
-      {{20, record}, {2, atTheLimits}, {1, any::TextOf("a *")}});
+      {{20, record}, {2, at_the_limits}, {1, any::TextOf("a *")}});
 }
 
 rc::Gen<std::string> AnyFile() {

@@ -215,7 +215,7 @@ TEST_F(UserCollectionTest, ReadingWritesNothingToTheLog) {
 }
 
 // The descriptor of the user file in the test below, and the reads of it.
-int userFile = 0;
+int user_file = 0;
 int reads = 0;
 
 // The denial stands behind what the first read brings.
@@ -224,15 +224,15 @@ TEST_F(UserCollectionTest, ReadThatFailsLetsNobodyIn) {
   while (text.size() < 100'000) text += "filler filler 1\n";
   directory_.Write(".vk_corvane_users", text + "mallory mallory 0\n");
   ChildProcess::Options options;
-  options.inChild = [this]() -> int {
-    userFile = dup(STDOUT_FILENO);  // the number that the file's descriptor will get
-    close(userFile);
+  options.in_child = [this]() -> int {
+    user_file = dup(STDOUT_FILENO);  // the number that the file's descriptor will get
+    close(user_file);
     const auto answer = [] {
       if (++reads > 1) return static_cast<long>(-EIO);
       const iovec room{AnsweredBuffer(), 4096};
-      return static_cast<long>(readv(userFile, &room, 1));
+      return static_cast<long>(readv(user_file, &room, 1));
     };
-    if (!AnswerCall(SYS_read, answer, userFile)) return 77;
+    if (!AnswerCall(SYS_read, answer, user_file)) return 77;
     int status = 1;
     if (ReadDirectory(directory_.path().string()) == 0 && reads == 2) {
       status = Find("mallory") == "none" && Find("alice") == "none" ? 0 : 2;

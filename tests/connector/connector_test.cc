@@ -362,10 +362,10 @@ TYPED_TEST(SimpleQueryTest, FieldManagementModelDecidesInAnyOrder) {
 TYPED_TEST(SimpleQueryTest, FirstOfTwoFieldManagementModelsDecides) {
   this->Connect();
   const std::string compositional = this->Item("FM_FLUID_MODEL", {"COMPOSITIONAL"});
-  const std::string blackOil = this->Item("FM_FLUID_MODEL", {"BLACK_OIL"});
-  this->AnswerQuery(compositional + blackOil);
+  const std::string black_oil = this->Item("FM_FLUID_MODEL", {"BLACK_OIL"});
+  this->AnswerQuery(compositional + black_oil);
   EXPECT_TRUE(this->connector_.IsCompositional());
-  this->AnswerQuery(blackOil + compositional);
+  this->AnswerQuery(black_oil + compositional);
   EXPECT_FALSE(this->connector_.IsCompositional());
 }
 

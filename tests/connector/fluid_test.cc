@@ -133,12 +133,12 @@ TEST_F(Injection2017Test, FailingSecondSourceLeavesTheFirstSetAndTheOthersUnsent
   simulator_.AnswerNext({wire::Mess("BUSY") + End()});
   EXPECT_THROW(connector_.SetWellInjectionComposition({"S", "T", "U"}, {{1}, {1}, {1}}),
                std::length_error);
-  const auto sourceOf = [](const std::string& source) {
+  const auto source_of = [](const std::string& source) {
     return wire::Mess("SET") + wire::Mess("SETWSTRE") + wire::Cstr("STNAME", {source}) +
            wire::Doub("STCMPVALUES", {1}) + wire::Cstr("STCMPNAMES", {"TOTAL_MOLE_FRACTION[1]"}) +
            wire::Cstr("STPHASE", {""}) + End();
   };
-  EXPECT_EQ(Requests(), (std::vector<std::string>{sourceOf("S"), sourceOf("T")}));
+  EXPECT_EQ(Requests(), (std::vector<std::string>{source_of("S"), source_of("T")}));
 }
 
 TEST_F(Injection2017Test, SourcesOfDifferentLengthAreSetAsTheyAre) {

@@ -43,8 +43,8 @@ class InflowTest : public ConnectorTest<Connector> {
     for (int k = 0; k < 10; ++k) AnswerPoint(items, this->Row("W", point));
   }
 
-  int Survey(const Names& wells, double skewness, int components = 0, bool bottomHole = true) {
-    return this->connector_.GetWellIPRData(components, wells, bottomHole, skewness, tables_);
+  int Survey(const Names& wells, double skewness, int components = 0, bool bottom_hole = true) {
+    return this->connector_.GetWellIPRData(components, wells, bottom_hole, skewness, tables_);
   }
 
   static std::string SetLimits(const std::string& wells) {

@@ -38,9 +38,9 @@ class WellsTest : public ConnectorTest<Connector> {
     return this->FailureOf([&] { this->connector_.GetWellOpPtData(wells, points_); });
   }
 
-  void ExpectPoint(std::size_t place, double oilRate, const std::string& status) const {
+  void ExpectPoint(std::size_t place, double oil_rate, const std::string& status) const {
     ASSERT_LT(place, points_.size());
-    EXPECT_EQ(points_[place].oil_rate, oilRate);
+    EXPECT_EQ(points_[place].oil_rate, oil_rate);
     EXPECT_EQ(points_[place].status, status);
   }
 

@@ -64,8 +64,8 @@ class AnswerTest : public testing::Test {
   void Start() {
     ChildProcess::Options options;
     options.directory = directory_.path().string();
-    options.outputFile = directory_.File("output");
-    options.inChild = [this] {
+    options.output_file = directory_.File("output");
+    options.in_child = [this] {
       if (prepareChild_ && !prepareChild_()) return 125;
       pair_.peer.Reset();
       strcpy(GszExePath, directory_.path().c_str());
@@ -268,7 +268,7 @@ class AccountTest : public AnswerTest {
   void SetUp() override {
     if (getuid() != 0) GTEST_SKIP() << "switching accounts needs root";
     ChildProcess::Options options;
-    options.inChild = [] { return unshare(CLONE_NEWNS) == 0 ? 0 : 1; };
+    options.in_child = [] { return unshare(CLONE_NEWNS) == 0 ? 0 : 1; };
     ChildProcess probe({}, options);
     if (probe.Wait(seconds(10)) != 0) GTEST_SKIP() << "no private mounts on this machine";
     runAsRoot_ = true;
@@ -648,25 +648,25 @@ TEST_F(LaunchByAnswerTest, FailedRequestEndsTheRunWithItsReasonInTheCommsLog) {
 
 TEST_F(LaunchByAnswerTest, ConnectorVersionIsTheNumberThatTheTextBeginsWith) {
   // Nothing is asked of a simulator for it in one version, in the other there is none to ask.
-  const std::string setSource = Bytes("12 00 00 00  01 00 00 00 57  01 00 00 00 53");
-  for (const auto& [version, isFirst] : {std::pair("20162", true),
-                                         {" 20162", true},
-                                         {"20162x", true},
-                                         {"\t+20162.9", true},
-                                         {"020162", true},
-                                         {"20172", false},
-                                         {"", false},
-                                         {"x20162", false},
-                                         {"2016", false},
-                                         {"201620", false},
-                                         {"20163", false},
-                                         {"-20162", false}}) {
+  const std::string set_source = Bytes("12 00 00 00  01 00 00 00 57  01 00 00 00 53");
+  for (const auto& [version, is_first] : {std::pair("20162", true),
+                                          {" 20162", true},
+                                          {"20162x", true},
+                                          {"\t+20162.9", true},
+                                          {"020162", true},
+                                          {"20172", false},
+                                          {"", false},
+                                          {"x20162", false},
+                                          {"2016", false},
+                                          {"201620", false},
+                                          {"20163", false},
+                                          {"-20162", false}}) {
     SCOPED_TRACE(version);
     pair_ = SocketPair();
     version_ = version;
     EXPECT_THAT(Outcome(), HasSubstr("OK|"));
-    Send(setSource);
-    EXPECT_EQ(Hex(Receive()), isFirst ? "12 00 00 00 00 00 00 00 00 00 00 00" : "");
+    Send(set_source);
+    EXPECT_EQ(Hex(Receive()), is_first ? "12 00 00 00 00 00 00 00 00 00 00 00" : "");
     EXPECT_EQ(Status(), 0);
   }
 }

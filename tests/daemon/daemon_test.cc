@@ -29,13 +29,13 @@ constexpr int kNotPermitted = 77;
 // The daemon in a child of the test, in which a system call is answered before it starts.
 class DaemonStartTest : public testing::Test {
  protected:
-  void Start(int call, CallAnswer answer, int firstArgument = -1) {
+  void Start(int call, CallAnswer answer, int first_argument = -1) {
     ChildProcess::Options options;
-    options.outputFile = directory_.Write("output", "");
-    options.errorFile = directory_.Write("errors", "");
-    options.inChild = [=, this] {
+    options.output_file = directory_.Write("output", "");
+    options.error_file = directory_.Write("errors", "");
+    options.in_child = [=, this] {
       GsLogFileDir = directory_.path().string();
-      if (!AnswerCall(call, answer, firstArgument)) return kNotPermitted;
+      if (!AnswerCall(call, answer, first_argument)) return kNotPermitted;
       // Without -u where the tests run as root, as sites start it.
       std::vector<std::string> words = {"vkjobmill.exe", "-p", std::to_string(port_)};
       if (getuid() != 0) words.emplace_back("-u");

@@ -56,8 +56,8 @@ class InputCopyTest : public testing::Test {
     run.root = root;
     run.cluster = cluster;
     ChildProcess::Options options;
-    options.outputFile = other_.File("output");
-    options.inChild = [&] {
+    options.output_file = other_.File("output");
+    options.in_child = [&] {
       flog log(other_.File("log"), true);
       if (before && !before()) return 1;
       PrepareClusterRun(run, log);
@@ -253,7 +253,7 @@ TEST_F(InputCopyTest, OtherDirectoryWithAsLongANameIsAnotherOne) {
 TEST_F(InputCopyTest, LeaseOnTheSourceIsWaitedFor) {
   data_.Write("CASE.afi", "deck");
   ChildProcess::Options options;
-  options.inChild = [this] {
+  options.in_child = [this] {
     sigset_t breaking;
     sigemptyset(&breaking);
     sigaddset(&breaking, SIGIO);
@@ -292,7 +292,7 @@ TEST_F(InputCopyTest, CpGetsTwoDescriptorsAndNoOtherOfThisProcess) {
   chmod(cp.c_str(), 0755);
   ChildProcess::Options options;
   options.environment = {"PATH=" + other_.path().string() + ":" + getenv("PATH")};
-  options.inChild = [this] {
+  options.in_child = [this] {
     // The first one that can be inherited, and one in the midst.
     for (const int inherited : {3, 8}) dup2(STDIN_FILENO, inherited);
     flog log(other_.File("log"), true);

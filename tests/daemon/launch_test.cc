@@ -61,7 +61,7 @@ TEST_F(ClusterRunTest, CopyWhoseOutcomeCannotBeLearntIsLoggedAsFailed) {
   directory_.Write("CASE.afi", "deck");
   constexpr int kNotPermitted = 77;
   ChildProcess::Options options;
-  options.inChild = [this]() -> int {
+  options.in_child = [this]() -> int {
     if (!AnswerCall(SYS_wait4, [] { return static_cast<long>(-ECHILD); })) return kNotPermitted;
     Prepare("3");
     _exit(0);  // nothing that waits for processes, as a leak check does, can end well here

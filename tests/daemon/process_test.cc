@@ -20,7 +20,7 @@ namespace {
 // The exit status of a child that runs `body`.
 int InChild(const std::function<int()>& body) {
   ChildProcess::Options options;
-  options.inChild = body;
+  options.in_child = body;
   ChildProcess child({}, options);
   return child.Wait(std::chrono::seconds(10)).value_or(-1);
 }

@@ -18,7 +18,7 @@ namespace {
 
 TEST(SignalsTest, FinishedChildrenAreReapedAndErrnoKept) {
   ChildProcess::Options options;
-  options.inChild = [] {
+  options.in_child = [] {
     for (int i = 0; i < 3; ++i) {
       if (fork() == 0) _exit(1);
     }

@@ -291,13 +291,13 @@ std::vector<Point> Sweep::Record() {
 
 // A point that only comes up now and then would be swept only now and then.
 bool Sweep::RecordsTheSame(const std::vector<Point>& points) {
-  const auto textsOf = [](const std::vector<Point>& some) {
+  const auto texts_of = [](const std::vector<Point>& some) {
     std::set<std::string> texts;
     for (const Point& point : some) texts.insert(point.Text());
     return texts;
   };
-  const std::set<std::string> first = textsOf(points);
-  const std::set<std::string> second = textsOf(Record());
+  const std::set<std::string> first = texts_of(points);
+  const std::set<std::string> second = texts_of(Record());
   std::vector<std::string> once;
   std::set_symmetric_difference(first.begin(), first.end(), second.begin(), second.end(),
                                 std::back_inserter(once));
@@ -322,7 +322,7 @@ int Sweep::Run() {
 
 void Sweep::TryAll(const std::vector<Point>& points) {
   auto next = points.begin();
-  const auto isOver = [this] {
+  const auto is_over = [this] {
     return !options_.complete && options_.points == 0 &&
            std::chrono::duration<double>(Clock::now() - start_).count() > options_.seconds;
   };
@@ -332,7 +332,7 @@ void Sweep::TryAll(const std::vector<Point>& points) {
         const Point point = again_.back();
         again_.pop_back();
         Start(point);
-      } else if (next != points.end() && !isOver()) {
+      } else if (next != points.end() && !is_over()) {
         Start(*next++);
       } else {
         break;

@@ -134,8 +134,8 @@ Session Master::Hold(int port, const Plan& plan) {
   }
   session.admitted = admitted_;
   if (session.result == Session::Result::kWaiting) {
-    const linger atOnce{1, 0};
-    setsockopt(link_.get(), SOL_SOCKET, SO_LINGER, &atOnce, sizeof(atOnce));
+    const linger at_once{1, 0};
+    setsockopt(link_.get(), SOL_SOCKET, SO_LINGER, &at_once, sizeof(at_once));
   }
   link_.Reset();
   return session;
@@ -158,7 +158,7 @@ void Master::Converse(int port, const Plan& plan) {
     throw Ended(Result::kWrong, "host " + Hex(host));
   }
   Ask(1, "01 00 00 00 00 00 00 00", "connect");
-  if (plan.leaveAfterConnecting) return;
+  if (plan.leave_after_connecting) return;
   Ask(7, "07 00 00 00 00 00 00 00", "step");
   Ask(3, "03 00 00 00 01 00 00 00 00 00 00 00", "query");
   Ask(65520, "f0 ff 00 00 00 00 00 00", "shutdown");

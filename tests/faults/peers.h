@@ -51,7 +51,7 @@ struct Session {
   bool admitted = false;  ///< the master was told a host
 };
 
-/// A master of one session. It waits for each answer until `isEnough`, which is asked again and
+/// A master of one session. It waits for each answer until `is_enough`, which is asked again and
 /// again with the time waited, says that there is nothing more to wait for.
 class Master {
  public:
@@ -65,10 +65,10 @@ class Master {
     std::string path{};
     std::string root = "CASE";
     std::string user = "alice";
-    bool leaveAfterConnecting = false;  ///< cut the connection once the run is under control
+    bool leave_after_connecting = false;  ///< cut the connection once the run is under control
   };
 
-  explicit Master(IsEnough isEnough) : isEnough_(std::move(isEnough)) {}
+  explicit Master(IsEnough is_enough) : isEnough_(std::move(is_enough)) {}
 
   /// Holds one session with the daemon at `port`, and closes the connection. One that has waited
   /// for nothing cuts it off: after a mere close() in what the child takes for the middle of a

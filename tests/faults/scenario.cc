@@ -68,7 +68,7 @@ const std::vector<Scenario>& Scenarios() {
       {.name = "master",
        .what = "a master that leaves in mid-run",
        .child = Stage::kAnswered,
-       .plan = {.leaveAfterConnecting = true}},
+       .plan = {.leave_after_connecting = true}},
       {.name = "pipe",
        .what = "a whole run that prints into a pipe",
        .daemon = Stage::kStarting,

@@ -13,7 +13,7 @@ struct SystemCall {
   /// the list where a program is expected to look at the result all the same.
   std::vector<int> errors;
   /// Which argument is the number of bytes to transfer; -1 when none is.
-  int sizeArgument = -1;
+  int size_argument = -1;
   /// Whether the kernel does the work and reports an error nevertheless, as close() does.
   bool performed = false;
   /// How its second argument describes the pieces of a scattered transfer.

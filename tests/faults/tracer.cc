@@ -81,7 +81,7 @@ unsigned long long LengthOf(pid_t pid, const Pieces& pieces, unsigned long long 
 }
 
 unsigned long SizeOf(pid_t pid, const SystemCall& call, const unsigned long long* arguments) {
-  if (call.sizeArgument >= 0) return arguments[call.sizeArgument];
+  if (call.size_argument >= 0) return arguments[call.size_argument];
   if (call.pieces == SystemCall::Pieces::kNone) return 0;
   const Pieces pieces = PiecesOf(pid, call, arguments[1], arguments[2]);
   unsigned long size = 0;
@@ -187,7 +187,7 @@ int Tracer::others() const {
   return count;
 }
 
-bool Tracer::daemonEnded() const {
+bool Tracer::daemon_ended() const {
   return !processes_.contains(daemon_);
 }
 
@@ -247,7 +247,7 @@ void Tracer::HandleStop(pid_t pid, int signal, int event) {
   }
 }
 
-void Tracer::HandleFork(pid_t pid, bool sharesMemory) {
+void Tracer::HandleFork(pid_t pid, bool shares_memory) {
   unsigned long message = 0;
   Ptrace(PTRACE_GETEVENTMSG, pid, 0, &message);
   const auto child = static_cast<pid_t>(message);
@@ -258,7 +258,7 @@ void Tracer::HandleFork(pid_t pid, bool sharesMemory) {
     process.role = Role::kChild;
     process.later = !seen_.insert(Role::kChild).second;
   } else {
-    process.role = sharesMemory ? Role::kCopy : Role::kScript;
+    process.role = shares_memory ? Role::kCopy : Role::kScript;
     process.later = parent.later;
     if (!process.later) seen_.insert(process.role);
   }
@@ -355,7 +355,7 @@ void Tracer::Spoil(pid_t pid, Process& process) {
   if (Ptrace(PTRACE_GETREGS, pid, 0, &registers) != 0) return;
   process.saved = registers;
   process.spoiled = true;
-  process.setResult = false;
+  process.set_result = false;
   const SystemCall& call = *FindCall(process.call);
   if (point_.kind == Point::Kind::kShort) {
     Shorten(pid, process, registers);
@@ -363,7 +363,7 @@ void Tracer::Spoil(pid_t pid, Process& process) {
     // It reports no error: the break is where it was.
     registers.rdi = 0;
   } else {
-    process.setResult = true;
+    process.set_result = true;
     process.result = -point_.error;
     if (!call.performed) registers.orig_rax = static_cast<unsigned long long>(-1);
   }
@@ -381,8 +381,8 @@ void Tracer::Overwrite(pid_t pid, Process& process, unsigned long long address,
 void Tracer::Shorten(pid_t pid, Process& process, user_regs_struct& registers) {
   constexpr unsigned long long little = 3;
   const SystemCall& call = *FindCall(process.call);
-  if (call.sizeArgument >= 0) {
-    unsigned long long& size = Argument(registers, call.sizeArgument);
+  if (call.size_argument >= 0) {
+    unsigned long long& size = Argument(registers, call.size_argument);
     if (size > 1) size = call.number == SYS_read ? std::min(little, size - 1) : size / 2;
     return;
   }
@@ -416,7 +416,7 @@ void Tracer::LeaveCall(pid_t pid, Process& process, long result) {
     registers.rdi = process.saved.rdi;
     registers.rsi = process.saved.rsi;
     registers.rdx = process.saved.rdx;
-    if (process.setResult) registers.rax = static_cast<unsigned long long>(process.result);
+    if (process.set_result) registers.rax = static_cast<unsigned long long>(process.result);
     Ptrace(PTRACE_SETREGS, pid, 0, &registers);
     for (const auto& [address, word] : process.overwritten) {
       Ptrace(PTRACE_POKEDATA, pid, address, word);

@@ -68,13 +68,13 @@ class Tracer {
   bool WaitFor(const std::function<bool()>& condition, std::chrono::milliseconds limit);
 
   /// The daemon waits for a master, and has accepted so many.
-  bool hasAccepted(int masters) const { return accepting_ && accepted_ == masters; }
+  bool has_accepted(int masters) const { return accepting_ && accepted_ == masters; }
   /// The point was reached.
   bool fired() const { return fired_; }
   /// So many processes of our code are alive besides the daemon.
   int others() const;
-  bool daemonEnded() const;
-  bool allEnded() const { return allEnded_; }
+  bool daemon_ended() const;
+  bool all_ended() const { return allEnded_; }
 
   /// An error that lasts is over.
   void Lift();
@@ -88,14 +88,14 @@ class Tracer {
   /// The daemon has come to its main function.
   bool started() const { return stage_ != Stage::kLoading; }
   /// How far the process had come that the point was reached in.
-  Stage firedAt() const { return firedAt_; }
+  Stage fired_at() const { return firedAt_; }
   /// The first argument of the call that it was, if any.
-  unsigned long firedOn() const { return firedOn_; }
+  unsigned long fired_on() const { return firedOn_; }
   /// That was the connection with the first master.
-  bool firedOnMaster() const { return fired_ && firedOn_ == master_; }
+  bool fired_on_master() const { return fired_ && firedOn_ == master_; }
   /// The first master's connection child has come to fork a process for its script.
-  bool forkedScript() const { return seen_.contains(Role::kScript); }
-  bool firedWhileLoading() const { return fired_ && firedAt_ == Stage::kLoading; }
+  bool forked_script() const { return seen_.contains(Role::kScript); }
+  bool fired_while_loading() const { return fired_ && firedAt_ == Stage::kLoading; }
 
   /// Where each living process stands, for a report of a hang.
   std::string Standing() const;
@@ -108,11 +108,11 @@ class Tracer {
     Role role = Role::kNone;
     bool later = false;
     Stage stage = Stage::kHandshake;
-    bool inCall = false;
+    bool in_call = false;
     long call = -1;
     long restarted = -1;   // a call that a signal handler has interrupted, to be made once more
     bool spoiled = false;  // the call under way gets `result` and its registers back
-    bool setResult = false;
+    bool set_result = false;
     long result = 0;
     user_regs_struct saved{};
     std::vector<std::pair<unsigned long long, unsigned long long>> overwritten;  // where, by what
@@ -121,7 +121,7 @@ class Tracer {
 
   void Handle(pid_t pid, int status);
   void HandleStop(pid_t pid, int signal, int event);
-  void HandleFork(pid_t pid, bool sharesMemory);
+  void HandleFork(pid_t pid, bool shares_memory);
   void HandleExec(pid_t pid);
   void EnterCall(pid_t pid, Process& process, unsigned long first);
   void LeaveCall(pid_t pid, Process& process, long result);

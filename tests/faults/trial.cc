@@ -307,10 +307,10 @@ Master::Plan Trial::FirstPlan() const {
 
 // Both sides of the conversation with the daemon, from its start to its end.
 void Trial::Conduct() {
-  const auto ready = [this] { return tracer_.hasAccepted(0) || tracer_.daemonEnded(); };
+  const auto ready = [this] { return tracer_.has_accepted(0) || tracer_.daemon_ended(); };
   if (!tracer_.WaitFor(ready, kHang)) {
     Fail("the daemon neither listens nor ends:" + tracer_.Standing());
-  } else if (!tracer_.WaitFor([this] { return tracer_.daemonEnded(); }, milliseconds(0))) {
+  } else if (!tracer_.WaitFor([this] { return tracer_.daemon_ended(); }, milliseconds(0))) {
     const std::size_t descriptors = DescriptorsOf(tracer_.daemon());
     Master master([this](auto waited) {
       return waited > kHang || (waited > kLeftWaiting && MayLeaveWaiting());
@@ -320,14 +320,14 @@ void Trial::Conduct() {
     AwaitAccepting();
     ReadLogs();
     tracer_.Lift();
-    if (!tracer_.WaitFor([this] { return tracer_.daemonEnded(); }, milliseconds(0))) {
+    if (!tracer_.WaitFor([this] { return tracer_.daemon_ended(); }, milliseconds(0))) {
       ConductSecond(descriptors + (ForkFailed() ? 1 : 0));
     }
   }
-  if (!tracer_.WaitFor([this] { return tracer_.allEnded(); }, kHang)) {
+  if (!tracer_.WaitFor([this] { return tracer_.all_ended(); }, kHang)) {
     Fail("left behind:" + tracer_.Standing());
   }
-  while (!tracer_.WaitFor([this] { return tracer_.allEnded(); }, milliseconds(20))) {
+  while (!tracer_.WaitFor([this] { return tracer_.all_ended(); }, milliseconds(20))) {
     tracer_.KillAll();
   }
 }
@@ -367,7 +367,7 @@ void Trial::ConductSecond(std::size_t descriptors) {
 // Until the daemon accepts again, or has ended, and no other process of ours is left.
 void Trial::AwaitOthers(int masters) {
   const auto quiet = [this, masters] {
-    return (tracer_.hasAccepted(masters) || tracer_.daemonEnded()) && tracer_.others() == 0;
+    return (tracer_.has_accepted(masters) || tracer_.daemon_ended()) && tracer_.others() == 0;
   };
   if (!tracer_.WaitFor(quiet, kHang)) {
     Fail("not at rest after the master has left:" + tracer_.Standing());
@@ -397,7 +397,7 @@ bool Trial::ForkFailed() const {
 
 // An answer that the connection does not take at once is sent when it does.
 bool Trial::IsSentLater() const {
-  return point_.call == SYS_sendto && point_.error == EAGAIN && tracer_.firedOnMaster();
+  return point_.call == SYS_sendto && point_.error == EAGAIN && tracer_.fired_on_master();
 }
 
 // A master whose connection could not get a process is left waiting. So is one whose answer could
@@ -409,9 +409,9 @@ bool Trial::MayLeaveWaiting() const {
     return false;
   }
   if (point_.call == SYS_recvfrom && point_.kind == Point::Kind::kError) {
-    return tracer_.firedAt() < Stage::kControl;
+    return tracer_.fired_at() < Stage::kControl;
   }
-  return IsSend(point_.call) && IsError() && tracer_.firedOnMaster() && !IsSentLater();
+  return IsSend(point_.call) && IsError() && tracer_.fired_on_master() && !IsSentLater();
 }
 
 // The call failed, once or from there on.
@@ -424,7 +424,7 @@ bool Trial::IsError() const {
 // need its daemon, and the daemon itself needs little to start one.
 bool Trial::MustBeServed() const {
   if (point_.kind == Point::Kind::kUndisturbed) return true;
-  if (tracer_.firedWhileLoading()) return false;
+  if (tracer_.fired_while_loading()) return false;
   if (point_.role == Role::kCopy) return true;
   if (point_.kind == Point::Kind::kKill) return point_.role == Role::kDaemon && tracer_.forked();
   if (point_.kind == Point::Kind::kShort) return true;
@@ -464,7 +464,7 @@ bool Trial::IsDemandedRefusal(const std::string& text) const {
 // No failure lets anybody in, nor makes a run of what is none.
 void Trial::JudgeAdmission() {
   if (!scenario_.let_in && first_->admitted) Fail("the master was let in");
-  if (!scenario_.let_in && tracer_.forkedScript())
+  if (!scenario_.let_in && tracer_.forked_script())
     Fail("a script was started for a master to be refused");
   if (first_->result == Result::kServed && scenario_.result != Result::kServed) {
     Fail("the master was served although it had to be " +
@@ -556,8 +556,8 @@ void Trial::JudgeDemanded() {
 // These end the daemon, whatever the reason, and after the first master too.
 void Trial::JudgeDaemonFault() {
   if (point_.role != Role::kDaemon || !tracer_.fired() || !IsError()) return;
-  if (tracer_.firedAt() == Stage::kLoading) return;
-  const bool handler = point_.call == SYS_rt_sigaction && tracer_.firedOn() == SIGCHLD;
+  if (tracer_.fired_at() == Stage::kLoading) return;
+  const bool handler = point_.call == SYS_rt_sigaction && tracer_.fired_on() == SIGCHLD;
   if (!handler && !IsOneOf(point_.call, {SYS_accept4, SYS_socket, SYS_bind})) return;
   if (verdict_.kind != Verdict::Kind::kDaemonEnded) Fail("the daemon went on");
 }
@@ -572,7 +572,7 @@ bool Trial::IsLogged(const std::string& text) const {
 bool Trial::LacksLog() const {
   if (point_.kind != Point::Kind::kLasting || !tracer_.fired()) return false;
   return point_.call == SYS_write ||
-         (point_.role == Role::kDaemon && tracer_.firedAt() == Stage::kStarting);
+         (point_.role == Role::kDaemon && tracer_.fired_at() == Stage::kStarting);
 }
 
 // What the first connection child has written about its end.
@@ -611,13 +611,13 @@ void Trial::JudgeCommsLog() {
   constexpr const char* failed = "Request process loop failed: ";
   constexpr const char* lost = "No or unexpected data received from Corvane\n";
   constexpr const char* packet = "Failed to handle data packet received from master: ";
-  const bool ofChild = tracer_.fired() && point_.role == Role::kChild;
+  const bool of_child = tracer_.fired() && point_.role == Role::kChild;
   // One that could not be made is written nowhere.
-  if (comms_.empty() && ofChild && IsError()) return;
+  if (comms_.empty() && of_child && IsError()) return;
   const auto has = [this](const std::string& text) {
     return comms_.find(text) != std::string::npos || output_.find(text) != std::string::npos;
   };
-  if (first_->result == Result::kServed && !scenario_.plan.leaveAfterConnecting) {
+  if (first_->result == Result::kServed && !scenario_.plan.leave_after_connecting) {
     if (!comms_.ends_with(naturally) && !(point_.call == SYS_write && has(naturally))) {
       Fail("the comms log does not say that the run is over");
     }
@@ -626,16 +626,16 @@ void Trial::JudgeCommsLog() {
   // The answer to the request that ends the run may have been the one that was lost.
   if (has("Shutting down\n") && has(naturally)) return;
   if (!has(failed)) return Fail("the comms log does not say that the run has failed");
-  if (ofChild && IsMemory(point_.call)) return;  // there may be none for the reason
-  const bool link = IsOneOf(point_.call, {SYS_recvfrom, SYS_sendto}) && tracer_.firedOnMaster();
-  const bool byMaster = (ofChild && IsError() && link) || first_->result == Result::kServed;
+  if (of_child && IsMemory(point_.call)) return;  // there may be none for the reason
+  const bool link = IsOneOf(point_.call, {SYS_recvfrom, SYS_sendto}) && tracer_.fired_on_master();
+  const bool by_master = (of_child && IsError() && link) || first_->result == Result::kServed;
   const std::string controller = "Exception returned from VK controller: ";
-  const bool saysLost = has(lost) && has(failed + std::string(lost));
-  const bool saysPacket =
+  const bool says_lost = has(lost) && has(failed + std::string(lost));
+  const bool says_packet =
       has(controller) && has(packet + controller) && has(failed + std::string(packet) + controller);
-  if (byMaster ? !saysLost : !saysPacket) {
+  if (by_master ? !says_lost : !says_packet) {
     Fail(std::string("the comms log does not say that the ") +
-         (byMaster ? "master was lost" : "controller failed"));
+         (by_master ? "master was lost" : "controller failed"));
   }
 }
 
@@ -676,7 +676,7 @@ void Trial::JudgeEnds() {
 // Before the main function the program is in the hands of the system's loader, which does not look
 // whether it got the first memory that it asks for.
 bool Trial::IsFailedLoad(const Tracer::End& end) const {
-  return end.pid == tracer_.daemon() && tracer_.firedWhileLoading() && !tracer_.started() &&
+  return end.pid == tracer_.daemon() && tracer_.fired_while_loading() && !tracer_.started() &&
          IsMemory(point_.call) && WIFSIGNALED(end.status) && WTERMSIG(end.status) == SIGSEGV;
 }
 
@@ -691,7 +691,7 @@ void Trial::JudgeDaemonEnd(int status) {
   const bool exited = WIFEXITED(status);
   const bool refused = exited && WEXITSTATUS(status) == 127 && !output.empty();
   const bool crashed = IsFailedLoad({tracer_.daemon(), Role::kDaemon, false, status});
-  if (tracer_.firedWhileLoading() && !tracer_.started() && (refused || crashed)) {
+  if (tracer_.fired_while_loading() && !tracer_.started() && (refused || crashed)) {
     verdict_.kind = Verdict::Kind::kNotStarted;
     return;
   }

@@ -22,11 +22,11 @@ struct Case {
 
   std::optional<std::string> log;
   std::string comms;
-  std::string commsFile;
+  std::string comms_file;
   std::string end;
   std::string refusal;
   std::int64_t exit = 0;
-  std::optional<std::int64_t> scriptExit;
+  std::optional<std::int64_t> script_exit;
   std::optional<std::int64_t> user;
   std::int64_t memory = 0;     ///< MiB
   std::int64_t processor = 0;  ///< milliseconds

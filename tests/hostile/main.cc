@@ -30,8 +30,8 @@ struct Family {
 
   WatchedDaemon& Daemon(const std::vector<std::string>& arguments) {
     auto& daemon = daemons[arguments];
-    const bool asRoot = std::find(arguments.begin(), arguments.end(), "-u") == arguments.end();
-    if (!daemon) daemon = std::make_unique<WatchedDaemon>(arguments, asRoot);
+    const bool as_root = std::find(arguments.begin(), arguments.end(), "-u") == arguments.end();
+    if (!daemon) daemon = std::make_unique<WatchedDaemon>(arguments, as_root);
     return *daemon;
   }
 };
@@ -46,9 +46,9 @@ class CaseTest : public testing::Test {
   CaseTest(Family& family, const Case& wanted) : family_(family), wanted_(wanted) {}
 
   void TestBody() override {
-    const bool asRoot = std::find(wanted_.arguments.begin(), wanted_.arguments.end(), "-u") ==
-                        wanted_.arguments.end();
-    if (asRoot && getuid() != 0) GTEST_SKIP() << "accounts are switched by root only";
+    const bool as_root = std::find(wanted_.arguments.begin(), wanted_.arguments.end(), "-u") ==
+                         wanted_.arguments.end();
+    if (as_root && getuid() != 0) GTEST_SKIP() << "accounts are switched by root only";
     Figures figures;
     const std::string complaint = RunCase(wanted_, family_.Daemon(wanted_.arguments), figures);
     family_.most.memory = std::max(family_.most.memory, figures.memory);

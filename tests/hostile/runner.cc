@@ -377,7 +377,7 @@ class Conversation {
                   {"REQUEST", ""}};
     for (const RequestField& field : kRequestFields) variables_[field.name] = Field(field.name);
     commsFile_ = directory_ + "/CASE.crvnlog";
-    if (!wanted_.commsFile.empty()) commsFile_ = Filled(wanted_.commsFile);
+    if (!wanted_.comms_file.empty()) commsFile_ = Filled(wanted_.comms_file);
     std::error_code ignored;
     fs::remove(commsFile_, ignored);
     PlaceFile("users", daemon_.File(".vk_corvane_users"), 0644);
@@ -425,11 +425,11 @@ class Conversation {
   // --- the talk ---
 
   void Talk() {
-    const bool withSimulator =
+    const bool with_simulator =
         wanted_.start == "connected" ||
         std::any_of(wanted_.steps.begin(), wanted_.steps.end(),
                     [](const std::string& step) { return step.starts_with("sim-"); });
-    if (withSimulator) listener_ = Listen(port_);
+    if (with_simulator) listener_ = Listen(port_);
     master_ = Connect(daemon_.daemon().port());
     master_.Hear(Frame("3"), "the version");
     if (wanted_.start != "raw") Launch();
@@ -627,10 +627,10 @@ class Conversation {
     };
     compare("exit status", wanted_.exit, std::int64_t{ended->status});
     if (wanted_.user) compare("account", *wanted_.user, static_cast<std::int64_t>(ended->user));
-    if (wanted_.scriptExit) {
+    if (wanted_.script_exit) {
       // The two end in any order.
       if (!script_) script_ = daemon_.watcher().Next(Clock::now() + kPatience);
-      compare("exit status of the script process", *wanted_.scriptExit,
+      compare("exit status of the script process", *wanted_.script_exit,
               std::int64_t{script_ ? script_->status : -1});
     }
     if (!kSanitized) bound("resident memory in KiB", wanted_.memory * 1024, ended->memory);
@@ -665,7 +665,7 @@ class Conversation {
   }
 
   std::string WantedComms() const {
-    if (wanted_.end.empty() || wanted_.commsFile == "none") return {};
+    if (wanted_.end.empty() || wanted_.comms_file == "none") return {};
     std::string text;
     if (wanted_.start == "connected") {
       const std::string timeout = ArgumentOf(wanted_.arguments, "-t", "60");
@@ -716,7 +716,7 @@ class Conversation {
 
 }  // namespace
 
-WatchedDaemon::WatchedDaemon(const std::vector<std::string>& arguments, bool asRoot) {
+WatchedDaemon::WatchedDaemon(const std::vector<std::string>& arguments, bool as_root) {
   commsBase_ = std::stoll(ArgumentOf(arguments, "-o", "0"));
   RunningDaemon::Options options;
   options.arguments = arguments;
@@ -737,9 +737,9 @@ WatchedDaemon::WatchedDaemon(const std::vector<std::string>& arguments, bool asR
                                                "bob:x:61002:61002::/:/bin/sh\n"
                                                "runner:x:61003:61003::/:/bin/sh\n");
   fs::permissions(passwords, fs::perms(0644));
-  options.inChild = [passwords, asRoot] {
+  options.in_child = [passwords, as_root] {
     CleanEnvironment();
-    if (asRoot && !UseOwnAccounts(passwords)) _exit(125);
+    if (as_root && !UseOwnAccounts(passwords)) _exit(125);
     return 0;
   };
   daemon_ = std::make_unique<RunningDaemon>(options);

@@ -15,8 +15,8 @@
 class WatchedDaemon {
  public:
   /// `arguments` besides the port, the script and the ports of the simulators, unless they have a
-  /// "-o" themselves. With `asRoot` accounts of the test's own exist for it.
-  WatchedDaemon(const std::vector<std::string>& arguments, bool asRoot);
+  /// "-o" themselves. With `as_root` accounts of the test's own exist for it.
+  WatchedDaemon(const std::vector<std::string>& arguments, bool as_root);
 
   RunningDaemon& daemon() { return *daemon_; }
   Watcher& watcher() { return *watcher_; }

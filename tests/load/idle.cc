@@ -219,18 +219,18 @@ void Idle(const IdleSize& size, Report& report) {
   ReportWaits("first byte, idle connections as they came", waits, report);
 
   std::vector<double> probes;
-  std::vector<double> bareProbes;
+  std::vector<double> bare_probes;
   const Clock::time_point start = Clock::now();
   while (Clock::now() - start < size.load) {
     Greeted(site, probes);
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    Greeted(bare.port(), bareProbes);
+    Greeted(bare.port(), bare_probes);
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
   ReportWaits("first byte, new connections among all", probes, report);
-  ReportWaits("the same of a server that only forks and sends it", bareProbes, report);
+  ReportWaits("the same of a server that only forks and sends it", bare_probes, report);
   if (size.limit_ms > 0) {
-    JudgeWaits(Percentile(probes, 0.99), Percentile(bareProbes, 0.99), size.limit_ms, report);
+    JudgeWaits(Percentile(probes, 0.99), Percentile(bare_probes, 0.99), size.limit_ms, report);
   }
 
   report.Require(AreAllQuiet(idle), "an idle connection was answered or cut");

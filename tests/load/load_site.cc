@@ -43,14 +43,14 @@ bool LoadSite::MapsUsers() {
   return getuid() == 0;
 }
 
-LoadSite::LoadSite(bool commsLog, SimulatorFarm::Server volume) {
+LoadSite::LoadSite(bool comms_log, SimulatorFarm::Server volume) {
   std::filesystem::permissions(data_.path(), std::filesystem::perms(0777));
   simulators_ = std::make_unique<SimulatorFarm>(
       simulator::read_deck(std::string(EXAMPLES_DIR) + "/TENWELLS.afi"), std::move(volume));
   RunningDaemon::Options options;
   // Two ports for all runs: it is the addresses that tell the simulators apart.
   options.arguments = {"-t", "5", "-n", "2", "-o", std::to_string(simulators_->base_port())};
-  if (commsLog) options.arguments.emplace_back("-l");
+  if (comms_log) options.arguments.emplace_back("-l");
   if (!MapsUsers()) options.arguments.emplace_back("-u");
   options.users = kUsers;
   options.script = kScript;

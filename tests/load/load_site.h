@@ -16,7 +16,7 @@ namespace load {
 /// with "-u".
 class LoadSite {
  public:
-  explicit LoadSite(bool commsLog, SimulatorFarm::Server volume = {});
+  explicit LoadSite(bool comms_log, SimulatorFarm::Server volume = {});
 
   /// Longer than this nothing takes that is not broken.
   static constexpr std::chrono::seconds kPatience{60};

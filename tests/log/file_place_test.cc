@@ -68,7 +68,7 @@ TEST_F(FilePlaceTest, FreshFileHasTheModeThatTheUmaskLeavesAndIsClosedOnExec) {
 
 TEST_F(FilePlaceTest, FreshFileNeedsNoRandomNumber) {
   ChildProcess::Options options;
-  options.inChild = [this] {
+  options.in_child = [this] {
     if (!AnswerCall(SYS_getrandom, [] { return static_cast<long>(-ENOSYS); })) return 77;
     return FilePlace(directory_.File("a")).CreateFresh(0, 0644) ? 0 : 1;
   };
@@ -82,7 +82,7 @@ TEST_F(FilePlaceTest, FreshFileNeedsNoRandomNumber) {
 TEST_F(FilePlaceTest, LinkUnderTheTemporaryNameIsNotFollowed) {
   const std::string victim = directory_.Write("victim", "precious");
   ChildProcess::Options options;
-  options.inChild = [&] {
+  options.in_child = [&] {
     fs::create_symlink(victim, directory_.File(".jobmill-" + std::to_string(getpid())));
     if (!AnswerCall(SYS_getrandom, [] { return static_cast<long>(-ENOSYS); })) return 77;
     const Descriptor fresh = FilePlace(directory_.File("a")).CreateFresh(0, 0644);
@@ -129,7 +129,7 @@ TEST_F(FilePlaceTest, NameWithoutADirectoryBeginsInTheWorkingDirectoryOrBesideTh
   EXPECT_TRUE(FilePlace(directory_.File("a"), other).Look());
   ChildProcess::Options options;
   options.directory = directory_.path().string();
-  options.inChild = [] { return FilePlace("a").Look() ? 0 : 1; };
+  options.in_child = [] { return FilePlace("a").Look() ? 0 : 1; };
   EXPECT_EQ(ChildProcess({}, options).Wait(std::chrono::seconds(10)), 0);
 }
 

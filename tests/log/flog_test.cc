@@ -36,8 +36,8 @@ constexpr int kNotPermitted = 77;
 // not permitted. What it prints goes to `output`, when that is given.
 int InChild(const std::function<int()>& body, const std::string& output = {}) {
   ChildProcess::Options options;
-  if (!output.empty()) options.outputFile = output;
-  options.inChild = body;
+  if (!output.empty()) options.output_file = output;
+  options.in_child = body;
   ChildProcess child({}, options);
   return child.Wait(std::chrono::seconds(10)).value_or(-1);
 }
@@ -272,7 +272,7 @@ TEST_F(FlogTest, StandardOutputThatNobodyReadsHoldsTheLogForASecondAndOnceOnly) 
 TEST_F(FlogTest, WhatAFullDiskRefusedIsNotWrittenLater) {
   // A file that may not grow beyond twelve bytes, until it may.
   ChildProcess::Options options;
-  options.inChild = [this] {
+  options.in_child = [this] {
     signal(SIGXFSZ, SIG_IGN);
     rlimit limit{};
     getrlimit(RLIMIT_FSIZE, &limit);
@@ -302,7 +302,7 @@ TEST_F(FlogTest, LongestNameIsPossible) {
 int StatusInClosedDirectory(const TemporaryDirectory& directory, const std::string& file) {
   fs::permissions(directory.path(), fs::perms(0555));
   ChildProcess::Options options;
-  options.inChild = [&] {
+  options.in_child = [&] {
     if (getuid() == 0 && setuid(61997) != 0) return 9;
     flog log(directory.File(file), true);
     log << "appended";
@@ -324,9 +324,9 @@ TEST_F(FlogTest, DirectoryThatRefusesANewFileLeavesTheOldOneToAppendTo) {
 // A file that stands where the log shall be, and cannot be replaced.
 struct Standing {
   const char* name;
-  uid_t directoryOwner;
-  mode_t directoryMode;
-  uid_t fileOwner;
+  uid_t directory_owner;
+  mode_t directory_mode;
+  uid_t file_owner;
   bool written;
 };
 void PrintTo(const Standing& value, std::ostream* out) {
@@ -343,15 +343,15 @@ TEST_P(StandingFileTest, IsWrittenToWhereNobodyElseCanHavePutIt) {
   const TemporaryDirectory directory;
   const std::string file = directory.Write("a.log", "old ");
   fs::permissions(file, fs::perms(0666));
-  ASSERT_EQ(chown(file.c_str(), GetParam().fileOwner, 0), 0);
-  ASSERT_EQ(chmod(directory.path().c_str(), GetParam().directoryMode), 0);
-  ASSERT_EQ(chown(directory.path().c_str(), GetParam().directoryOwner, 0), 0);
-  for (const bool removeOld : {true, false}) {
-    SCOPED_TRACE(removeOld);
+  ASSERT_EQ(chown(file.c_str(), GetParam().file_owner, 0), 0);
+  ASSERT_EQ(chmod(directory.path().c_str(), GetParam().directory_mode), 0);
+  ASSERT_EQ(chown(directory.path().c_str(), GetParam().directory_owner, 0), 0);
+  for (const bool remove_old : {true, false}) {
+    SCOPED_TRACE(remove_old);
     directory.Write("a.log", "old ");
     const int status = InChild([&] {
       if (setgid(kUs) != 0 || setuid(kUs) != 0) return 9;
-      flog log(file, removeOld);
+      flog log(file, remove_old);
       log << "new";
       return static_cast<int>(log.status());
     });
@@ -382,11 +382,11 @@ TEST_F(FlogTest, OwnFileMovedThereByAStrangerIsNotOpenedToAll) {
     ASSERT_EQ(chown(file.c_str(), kUs, 0), 0);
     ASSERT_EQ(chmod(directory.path().c_str(), 0555), 0);
     ASSERT_EQ(chown(directory.path().c_str(), owner, 0), 0);
-    for (const bool removeOld : {true, false}) {
+    for (const bool remove_old : {true, false}) {
       ASSERT_EQ(chmod(file.c_str(), 0600), 0);
       EXPECT_EQ(InChild([&] {
                   if (setgid(kUs) != 0 || setuid(kUs) != 0) return 9;
-                  return static_cast<int>(flog(file, removeOld).status());
+                  return static_cast<int>(flog(file, remove_old).status());
                 }),
                 0);
       EXPECT_EQ(static_cast<int>(fs::status(file).permissions()), mode);

@@ -36,7 +36,7 @@ constexpr int kNotPermitted = 77;
 // answer. Its result is `expected`; -1 when it does not come back.
 void ExpectInChild(int expected, const std::function<int()>& body) {
   ChildProcess::Options options;
-  options.inChild = body;
+  options.in_child = body;
   const int result = ChildProcess({}, options).Wait(seconds(10)).value_or(-1);
   if (result == kNotPermitted) GTEST_SKIP() << "not permitted on this system";
   EXPECT_EQ(result, expected);
@@ -135,7 +135,7 @@ TEST(StandardOutputTest, ProcessesThatShareAPipeAreNotHeldByOneAnother) {
   const Descriptor reader(pipe[0]);
   const Descriptor writer(pipe[1]);
   ChildProcess::Options options;
-  options.inChild = [&pipe] {
+  options.in_child = [&pipe] {
     dup2(pipe[1], STDOUT_FILENO);
     StandardOutput output;
     output.Inspect();
@@ -167,10 +167,10 @@ TEST(StandardOutputTest, ReaderThatStopsTwiceHoldsForASecondTwice) {
       Fill();
       const double held = Time([&output] { output.Print("lost"); });
       if (held < 0.9 || held > 3) return 1;
-      const double heldAgain = Time([&output] {
+      const double held_again = Time([&output] {
         for (int i = 0; i < 20; ++i) output.Print("lost");
       });
-      if (heldAgain > 0.5) return 2;
+      if (held_again > 0.5) return 2;
       Drain(reader);
       output.Print("read again");
       if (ReadExactly(reader, 10) != "read again") return 3;
@@ -233,7 +233,7 @@ TEST(StandardOutputTest, SlowReaderGetsEverything) {
   const Descriptor reader(pipe[0]);
   Descriptor writer(pipe[1]);
   ChildProcess::Options options;
-  options.inChild = [&pipe] {
+  options.in_child = [&pipe] {
     dup2(pipe[1], STDOUT_FILENO);
     StandardOutput output;
     output.Inspect();

@@ -86,7 +86,7 @@ TEST(TimestampTest, ZoneOfTheMachineIsThatOfEachCall) {
   }
   const TemporaryDirectory directory;
   ChildProcess::Options options;
-  options.inChild = [&directory] {
+  options.in_child = [&directory] {
     unsetenv("TZ");
     if (unshare(CLONE_NEWNS) != 0 ||
         mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {

@@ -99,8 +99,8 @@ TEST_F(GetbufTest, TextMayReachToTheEndOfTheBufferButNotPastIt) {
   exact.UnPack(text);
   EXPECT_EQ(text, "AB");
   EXPECT_EQ(exact.remaining(), 0);
-  getbuf tooLong = Over("03 00 00 00 41 42");
-  EXPECT_THROW(tooLong.UnPack(text), std::out_of_range);
+  getbuf too_long = Over("03 00 00 00 41 42");
+  EXPECT_THROW(too_long.UnPack(text), std::out_of_range);
 }
 
 TEST_F(GetbufTest, NegativeLengthIsAnEmptyText) {

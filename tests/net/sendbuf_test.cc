@@ -21,14 +21,14 @@
 
 namespace {
 
-thread_local bool memoryIsShort = false;
-thread_local bool sendingRaises = false;
+thread_local bool memory_is_short = false;
+thread_local bool sending_raises = false;
 
 }  // namespace
 
 // The whole program's, so that an allocation can be refused.
 void* operator new(std::size_t size) {
-  void* memory = memoryIsShort ? nullptr : malloc(size == 0 ? 1 : size);
+  void* memory = memory_is_short ? nullptr : malloc(size == 0 ? 1 : size);
   if (memory == nullptr) throw std::bad_alloc();
   return memory;
 }
@@ -42,7 +42,7 @@ void operator delete(void* memory, std::size_t /*size*/) noexcept {
 // The whole program's, too, so that the socket layer can be left by an exception.
 // NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name): the system's are reserved
 ssize_t send(int socket, const void* bytes, std::size_t size, int flags) {
-  if (sendingRaises) throw std::runtime_error("send");
+  if (sending_raises) throw std::runtime_error("send");
   return sendto(socket, bytes, size, flags, nullptr, 0);
 }
 
@@ -53,8 +53,8 @@ class SendbufTest : public testing::Test {
   SendbufTest() : child_(pair_.ours.Release()) {}
 
   // The whole frame that Send() gave to the master.
-  std::string Sent(unsigned code, int expectedResult = 0) {
-    EXPECT_EQ(reply_.Send(&child_, code), expectedResult);
+  std::string Sent(unsigned code, int expected_result = 0) {
+    EXPECT_EQ(reply_.Send(&child_, code), expected_result);
     child_.Close();
     return Hex(ReadExactly(pair_.peer.get(), 100'000));
   }
@@ -159,9 +159,9 @@ TEST_F(SendbufTest, SendKeepsTheContent) {
 
 TEST_F(SendbufTest, PackedReplyNeedsNoMemoryToLeave) {
   reply_.Pack(0);
-  memoryIsShort = true;
+  memory_is_short = true;
   const int result = reply_.Send(&child_, 9);
-  memoryIsShort = false;
+  memory_is_short = false;
   EXPECT_EQ(result, 0);
   child_.Close();
   EXPECT_EQ(Hex(ReadExactly(pair_.peer.get(), 100)), "08 00 00 00 09 00 00 00 00 00 00 00");
@@ -180,9 +180,9 @@ TEST_F(SendbufTest, TextTakesTheRoomThatItsPartsWould) {
 
 TEST_F(SendbufTest, ExceptionWhileSendingReturnsThreeAndKeepsTheContent) {
   reply_.Pack(7);
-  sendingRaises = true;
+  sending_raises = true;
   const int result = reply_.Send(&child_, 9);
-  sendingRaises = false;
+  sending_raises = false;
   EXPECT_EQ(result, 3);
   EXPECT_EQ(Sent(9), "08 00 00 00 09 00 00 00 07 00 00 00");
 }
@@ -205,13 +205,13 @@ int ResultWithMemory(std::size_t more) {
   constexpr int size = 64'000'000;
   SocketPair pair;
   ChildProcess::Options reading;
-  reading.inChild = [&pair] {
+  reading.in_child = [&pair] {
     pair.ours.Reset();
     return ReadExactly(pair.peer.get(), size + 8).empty() ? 1 : 0;
   };
   const ChildProcess master({}, reading);
   ChildProcess::Options sending;
-  sending.inChild = [&pair, more] {
+  sending.in_child = [&pair, more] {
     pair.peer.Reset();
     Socket socket(pair.ours.Release());
     sendbuf reply;

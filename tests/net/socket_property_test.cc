@@ -111,8 +111,8 @@ RC_GTEST_PROP(SocketProperty, WhatOneEndSendsAsAFrameIsWhatTheOtherReceives, ())
   SocketPair pair;
   Socket sender(pair.peer.Release());
   BorrowedSocket receiver(pair);
-  const bool asText = *rc::gen::arbitrary<bool>();
-  if (asText) {
+  const bool as_text = *rc::gen::arbitrary<bool>();
+  if (as_text) {
     RC_ASSERT(sender.SendLine(body) == static_cast<int>(body.size() + 4));
   } else {
     RC_ASSERT(sender.SendLine(body.data(), static_cast<unsigned>(body.size())) == 0);

@@ -69,7 +69,7 @@ struct OpenServer : SocketServer {
 
 TEST(SocketServerTest, ConnectionThatGetsTheFirstNumberIsServedToo) {
   ChildProcess::Options options;
-  options.inChild = [] {
+  options.in_child = [] {
     OpenServer server(0, 5);
     const SocketClient client("127.0.0.1", PortOf(server.handle()));
     close(0);
@@ -223,7 +223,7 @@ TEST(SocketServerTest, AcceptWithALimitReportsAnError) {
 
 TEST(SocketServerTest, PortIsTriedWithTheFirstNumberToo) {
   ChildProcess::Options options;
-  options.inChild = [] {
+  options.in_child = [] {
     close(0);
     const int available = SocketServer::IsAvailablePort(FreePort());
     return available == 0 && fcntl(0, F_GETFD) == -1 ? 0 : 1;

@@ -260,7 +260,7 @@ TEST_F(SocketOverTcpTest, SignalDoesNotEndTheWaitForThePeer) {
 std::optional<int> InChild(const std::function<int()>& body) {
   constexpr int kNotPermitted = 77;
   ChildProcess::Options options;
-  options.inChild = body;
+  options.in_child = body;
   ChildProcess child({}, options);
   const auto status = child.Wait(std::chrono::seconds(10));
   return status == kNotPermitted ? std::nullopt : std::optional(status.value_or(-1));
@@ -563,10 +563,10 @@ TEST_F(SocketTest, SignalsAreBlockedAsBeforeAfterEverySendHoweverItEnds) {
   sigset_t before;
   sigset_t some;
   sigemptyset(&some);
-  for (const bool withChild : {false, true}) {
-    SCOPED_TRACE(withChild);
+  for (const bool with_child : {false, true}) {
+    SCOPED_TRACE(with_child);
     sigaddset(&some, SIGUSR1);
-    if (withChild) sigaddset(&some, SIGCHLD);
+    if (with_child) sigaddset(&some, SIGCHLD);
     pthread_sigmask(SIG_SETMASK, &some, &before);
     const std::vector<int> blocked = BlockedSignals();
     const timeval limit{0, 20'000};
@@ -636,9 +636,9 @@ TEST_F(SocketTest, CopiesShareTheDescriptorUntilTheLastGoes) {
 
 TEST_F(SocketTest, AssignmentSharesAndLeavesTheFormerDescriptorOpen) {
   SocketPair pair;
-  SocketPair formerPair;
+  SocketPair former_pair;
   const int number = pair.ours.get();
-  const Descriptor former(formerPair.ours.Release());
+  const Descriptor former(former_pair.ours.Release());
   {
     Socket target(former.get());
     Socket source(pair.ours.Release());
@@ -652,8 +652,8 @@ TEST_F(SocketTest, AssignmentSharesAndLeavesTheFormerDescriptorOpen) {
 
 TEST_F(SocketTest, AssignmentToACopyLeavesTheSharedDescriptorOpenForEver) {
   SocketPair pair;
-  SocketPair sharedPair;
-  const Descriptor shared(sharedPair.ours.Release());
+  SocketPair shared_pair;
+  const Descriptor shared(shared_pair.ours.Release());
   {
     const ExpectedLeaks counter;  // which counts an object that is no more
     Socket copy(-1);
@@ -705,14 +705,14 @@ TEST_F(SocketTest, SecondCloseLeavesTheNumbersNextOwnerAlone) {
 
 TEST(SocketDescriptorTest, FirstNumberIsADescriptorLikeAnyOther) {
   ChildProcess::Options options;
-  options.inChild = [] {
-    const auto makeFirst = [] {
+  options.in_child = [] {
+    const auto make_first = [] {
       close(0);
       return open("/dev/null", O_RDWR | O_CLOEXEC) == 0;
     };
-    if (!makeFirst()) return 1;
+    if (!make_first()) return 1;
     { const Socket socket(0); }
-    if (IsOpen(0) || !makeFirst()) return 2;
+    if (IsOpen(0) || !make_first()) return 2;
     Socket socket(0);
     socket.Close();
     return IsOpen(0) ? 3 : 0;

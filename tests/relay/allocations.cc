@@ -10,7 +10,7 @@ namespace {
 
 thread_local std::size_t largest = 0;
 thread_local std::array<std::size_t, 64> arrays;
-thread_local std::size_t arrayCount = 0;
+thread_local std::size_t array_count = 0;
 
 void* Allocate(std::size_t size) {
   largest = std::max(largest, size);
@@ -25,7 +25,7 @@ void* operator new(std::size_t size) {
   return Allocate(size);
 }
 void* operator new[](std::size_t size) {
-  if (arrayCount < arrays.size()) arrays[arrayCount++] = size;
+  if (array_count < arrays.size()) arrays[array_count++] = size;
   return Allocate(size);
 }
 void operator delete(void* memory) noexcept {
@@ -43,7 +43,7 @@ void operator delete[](void* memory, std::size_t /*size*/) noexcept {
 
 void Allocations::Forget() {
   largest = 0;
-  arrayCount = 0;
+  array_count = 0;
 }
 
 std::size_t Allocations::Largest() {
@@ -51,5 +51,5 @@ std::size_t Allocations::Largest() {
 }
 
 std::vector<std::size_t> Allocations::Arrays() {
-  return {arrays.begin(), arrays.begin() + static_cast<std::ptrdiff_t>(arrayCount)};
+  return {arrays.begin(), arrays.begin() + static_cast<std::ptrdiff_t>(array_count)};
 }

@@ -48,9 +48,9 @@ TEST_F(HandlersTest, DatesAreDayMonthYear) {
 }
 
 TEST_F(HandlersTest, StartDateIsDayMonthYear) {
-  stub_->startDate[0] = 1;
-  stub_->startDate[1] = 2;
-  stub_->startDate[2] = 2000;
+  stub_->start_date[0] = 1;
+  stub_->start_date[1] = 2;
+  stub_->start_date[2] = 2000;
   EXPECT_EQ(ReplyTo("14 00 00 00"),
             "14 00 00 00 14 00 00 00 01 00 00 00 02 00 00 00 d0 07 00 00 00 00 00 00");
   EXPECT_NE(Logged().find("\nGetting start date: 1, 2, 2000\n"), std::string::npos);
@@ -145,7 +145,7 @@ DynWellOpPt OperatingPoint(const std::string& status, double first) {
 }
 
 TEST_F(HandlersTest, WellDataSendsOneRecordPerSubRequestInTheMastersOrder) {
-  stub_->operatingPoints = {OperatingPoint("OPEN", 1), OperatingPoint("S", 2)};
+  stub_->operating_points = {OperatingPoint("OPEN", 1), OperatingPoint("S", 2)};
   MasterSends("0a 00 00 00 02 00 00 00 01 00 00 00 41 01 00 00 00 42");
   MasterSends("00 10 00 00 99");
   MasterSends("00 10 00 00");
@@ -169,7 +169,7 @@ TEST_F(HandlersTest, WellDataOfNoWellsAwaitsNoSubRequest) {
 }
 
 TEST_F(HandlersTest, MissingWellRecordGetsNoReplyAtAll) {
-  stub_->operatingPoints = {OperatingPoint("OPEN", 1)};
+  stub_->operating_points = {OperatingPoint("OPEN", 1)};
   MasterSends("0a 00 00 00 02 00 00 00 01 00 00 00 41 01 00 00 00 42");
   ExpectCommsFailure("",
                      "Discrepancy returned in well data from Corvane: well count in routine "
@@ -178,7 +178,7 @@ TEST_F(HandlersTest, MissingWellRecordGetsNoReplyAtAll) {
 }
 
 TEST_F(HandlersTest, WellRecordTooManyGetsNoReplyAtAll) {
-  stub_->operatingPoints = {OperatingPoint("OPEN", 1), OperatingPoint("SHUT", 2)};
+  stub_->operating_points = {OperatingPoint("OPEN", 1), OperatingPoint("SHUT", 2)};
   MasterSends("0a 00 00 00 01 00 00 00 01 00 00 00 41");
   MasterSends("00 10 00 00");
   ExpectCommsFailure("",
@@ -187,14 +187,14 @@ TEST_F(HandlersTest, WellRecordTooManyGetsNoReplyAtAll) {
 }
 
 TEST_F(HandlersTest, WellRecordForNoNameGetsNoReplyAtAll) {
-  stub_->operatingPoints = {OperatingPoint("OPEN", 1)};
+  stub_->operating_points = {OperatingPoint("OPEN", 1)};
   MasterSends("0a 00 00 00 00 00 00 00");
   EXPECT_EQ(Serve(), 2);
   EXPECT_EQ(replies_, "");
 }
 
 TEST_F(HandlersTest, WrongSecondSubRequestOfWellDataEndsTheRunBehindTheFirstRecord) {
-  stub_->operatingPoints = {OperatingPoint("", 1), OperatingPoint("", 2)};
+  stub_->operating_points = {OperatingPoint("", 1), OperatingPoint("", 2)};
   MasterSends("0a 00 00 00 02 00 00 00 01 00 00 00 41 01 00 00 00 42");
   MasterSends("00 10 00 00");
   MasterSends("0a 00 00 00");
@@ -208,7 +208,7 @@ TEST_F(HandlersTest, WrongSecondSubRequestOfWellDataEndsTheRunBehindTheFirstReco
 }
 
 TEST_F(HandlersTest, WrongSubRequestOfWellDataEndsTheRun) {
-  stub_->operatingPoints = {OperatingPoint("OPEN", 1)};
+  stub_->operating_points = {OperatingPoint("OPEN", 1)};
   MasterSends("0a 00 00 00 01 00 00 00 01 00 00 00 41");
   MasterSends("01 10 00 00");
   ExpectCommsFailure("0c 00 00 00 0a 00 00 00 01 00 00 00 00 00 00 00",
@@ -216,7 +216,7 @@ TEST_F(HandlersTest, WrongSubRequestOfWellDataEndsTheRun) {
 }
 
 TEST_F(HandlersTest, MasterThatLeavesInTheSubExchangeEndsTheRun) {
-  stub_->operatingPoints = {OperatingPoint("OPEN", 1)};
+  stub_->operating_points = {OperatingPoint("OPEN", 1)};
   MasterSends("0a 00 00 00 01 00 00 00 01 00 00 00 41");
   EXPECT_EQ(Serve(), 2);
   EXPECT_NE(error_.find("VK_GETWELLDATA_SUB"), std::string::npos);
@@ -435,7 +435,7 @@ TEST_F(HandlersTest, WrongSubRequestOfIprDataEndsTheRun) {
 }
 
 TEST_F(HandlersTest, InjectionSourceRepliesTheLowByteOfTheResult) {
-  stub_->sourceResult = 0x1ff;
+  stub_->source_result = 0x1ff;
   EXPECT_EQ(ReplyTo("12 00 00 00 01 00 00 00 57 02 00 00 00 53 31"),
             "0c 00 00 00 12 00 00 00 ff 00 00 00 00 00 00 00");
   EXPECT_EQ(stub_->calls, Calls{"SetWellInjectionSource(W,S1)"});
@@ -457,9 +457,9 @@ class ReplyRoomTest : public ControllerTest {
  protected:
   using Sizes = std::vector<std::size_t>;
 
-  Sizes RoomsFor(std::string_view request, std::string_view subRequest = {}) {
+  Sizes RoomsFor(std::string_view request, std::string_view sub_request = {}) {
     MasterSends(request);
-    if (!subRequest.empty()) MasterSends(subRequest);
+    if (!sub_request.empty()) MasterSends(sub_request);
     Allocations::Forget();
     EXPECT_EQ(Serve(), 1) << error_;
     return Allocations::Arrays();
@@ -477,7 +477,7 @@ TEST_F(ReplyRoomTest, WellStatusOfAnOddByteMore) {
 }
 
 TEST_F(ReplyRoomTest, WellData) {
-  stub_->operatingPoints = {OperatingPoint("IN-WORK-1", 1)};
+  stub_->operating_points = {OperatingPoint("IN-WORK-1", 1)};
   EXPECT_EQ(RoomsFor("0a 00 00 00 01 00 00 00 01 00 00 00 41", "00 10 00 00"),
             (Sizes{18, 18, 98}));  // 81 bytes
 }
@@ -527,7 +527,7 @@ TEST_F(HandlersTest, SubRequestsLeaveTheBufferOfTheRequestsAlone) {
     zeros += "00 ";
     ones += "01 ";
   }
-  stub_->operatingPoints = {OperatingPoint("OPEN", 1)};
+  stub_->operating_points = {OperatingPoint("OPEN", 1)};
   stub_->tables = {DynWellIPR()};
   const std::string properties = "0f 00 00 00 f5 07 00 00";  // whose number begins at byte 2,045
   MasterSends(ones);                                         // of an unknown code

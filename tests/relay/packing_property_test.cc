@@ -70,19 +70,19 @@ RC_GTEST_PROP(PackingProperty, RoomThatWasMadeHoldsTheReplyWithoutGrowing, ()) {
 RC_GTEST_PROP(PackingProperty, TextsNumbersAndGroupsComeBack, ()) {
   const Texts texts = *AnyTexts();
   const Numbers numbers = *any::Doubles();
-  const auto textGroups = *rc::gen::resize(12, rc::gen::container<std::vector<Texts>>(AnyTexts()));
-  const auto numberGroups =
+  const auto text_groups = *rc::gen::resize(12, rc::gen::container<std::vector<Texts>>(AnyTexts()));
+  const auto number_groups =
       *rc::gen::resize(12, rc::gen::container<std::vector<Numbers>>(any::Doubles()));
   sendbuf request;
   for (const std::string& text : texts) request.Pack(text);
   request.Pack(numbers.data(), static_cast<int>(numbers.size()));
-  request.Pack(static_cast<int>(textGroups.size()));
-  for (const Texts& group : textGroups) {
+  request.Pack(static_cast<int>(text_groups.size()));
+  for (const Texts& group : text_groups) {
     request.Pack(static_cast<int>(group.size()));
     for (const std::string& text : group) request.Pack(text);
   }
-  request.Pack(static_cast<int>(numberGroups.size()));
-  for (const Numbers& group : numberGroups) PackSeries(request, group);
+  request.Pack(static_cast<int>(number_groups.size()));
+  for (const Numbers& group : number_groups) PackSeries(request, group);
 
   const std::string body = BytesOf(request);
   const GuardedBytes bytes(body);
@@ -92,17 +92,17 @@ RC_GTEST_PROP(PackingProperty, TextsNumbersAndGroupsComeBack, ()) {
   RC_ASSERT(UnPackTexts(fields, static_cast<int>(texts.size())) == expected);
   RC_ASSERT(any::Bits(UnPackNumbers(fields, static_cast<int>(numbers.size()))) ==
             any::Bits(numbers));
-  const auto gotTexts = UnPackGroups(fields, UnPackTexts);
-  RC_ASSERT(gotTexts.size() == textGroups.size());
-  for (std::size_t i = 0; i < gotTexts.size(); ++i) {
+  const auto got_texts = UnPackGroups(fields, UnPackTexts);
+  RC_ASSERT(got_texts.size() == text_groups.size());
+  for (std::size_t i = 0; i < got_texts.size(); ++i) {
     Texts group;
-    for (const std::string& text : textGroups[i]) group.push_back(UpToZero(text));
-    RC_ASSERT(gotTexts[i] == group);
+    for (const std::string& text : text_groups[i]) group.push_back(UpToZero(text));
+    RC_ASSERT(got_texts[i] == group);
   }
-  const auto gotNumbers = UnPackGroups(fields, UnPackNumbers);
-  RC_ASSERT(gotNumbers.size() == numberGroups.size());
-  for (std::size_t i = 0; i < gotNumbers.size(); ++i) {
-    RC_ASSERT(any::Bits(gotNumbers[i]) == any::Bits(numberGroups[i]));
+  const auto got_numbers = UnPackGroups(fields, UnPackNumbers);
+  RC_ASSERT(got_numbers.size() == number_groups.size());
+  for (std::size_t i = 0; i < got_numbers.size(); ++i) {
+    RC_ASSERT(any::Bits(got_numbers[i]) == any::Bits(number_groups[i]));
   }
   RC_ASSERT(fields.remaining() == 0);
 }

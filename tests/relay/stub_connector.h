@@ -16,12 +16,12 @@ struct StubConnector : ConnectorBase {
   bool ended = false;
   double days = 0;
   int date[3] = {0, 0, 0};
-  int startDate[3] = {0, 0, 0};
-  int sourceResult = 0;
+  int start_date[3] = {0, 0, 0};
+  int source_result = 0;
   int points = 10;
   EOS eos;
   std::vector<StaticWellDef> wells;
-  std::vector<DynWellOpPt> operatingPoints;
+  std::vector<DynWellOpPt> operating_points;
   std::vector<DynWellIPR> tables;
   std::vector<double> variables;
   std::function<void()> fail = [] {};  ///< called by every operation
@@ -56,9 +56,9 @@ struct StubConnector : ConnectorBase {
   }
   void GetStartDate(int& day, int& month, int& year) override {
     Call("GetStartDate()");
-    day = startDate[0];
-    month = startDate[1];
-    year = startDate[2];
+    day = start_date[0];
+    month = start_date[1];
+    year = start_date[2];
   }
   bool IsCompositional() override {
     Call("IsCompositional()");
@@ -70,7 +70,7 @@ struct StubConnector : ConnectorBase {
   }
   int SetWellInjectionSource(const std::string& well, const std::string& source) override {
     Call("SetWellInjectionSource(" + well + "," + source + ")");
-    return sourceResult;
+    return source_result;
   }
   void SetWellInjectionComposition(const std::vector<std::string>& sources,
                                    const std::vector<std::vector<double>>& compositions) override {
@@ -88,7 +88,7 @@ struct StubConnector : ConnectorBase {
   void GetWellOpPtData(const std::vector<std::string>& names,
                        std::vector<DynWellOpPt>& target) override {
     Call("GetWellOpPtData(" + Text(names) + ")");
-    target = operatingPoints;
+    target = operating_points;
   }
   int GetWellIPRData(int ncomponents, const std::vector<std::string>& names, bool bottom_hole,
                      double skewness, std::vector<DynWellIPR>& target) override {

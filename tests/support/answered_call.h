@@ -39,9 +39,9 @@ inline void* AnsweredBuffer() {
   return answered_call_detail::buffer;
 }
 
-/// False when the system does not permit it. `firstArgument` restricts it to calls with that
+/// False when the system does not permit it. `first_argument` restricts it to calls with that
 /// argument, a descriptor for example; -1 stands for all.
-inline bool AnswerCall(int number, CallAnswer answer, int firstArgument = -1) {
+inline bool AnswerCall(int number, CallAnswer answer, int first_argument = -1) {
   answered_call_detail::answer = answer;
   struct sigaction action {};
   action.sa_sigaction = answered_call_detail::OnCall;
@@ -50,14 +50,14 @@ inline bool AnswerCall(int number, CallAnswer answer, int firstArgument = -1) {
   constexpr auto kLoad = static_cast<unsigned short>(BPF_LD | BPF_W | BPF_ABS);
   constexpr auto kEqual = static_cast<unsigned short>(BPF_JMP | BPF_JEQ | BPF_K);
   constexpr auto kReturn = static_cast<unsigned short>(BPF_RET | BPF_K);
-  const bool any = firstArgument < 0;
+  const bool any = first_argument < 0;
   constexpr auto kNumber = static_cast<unsigned>(offsetof(seccomp_data, nr));
   constexpr auto kArgument = static_cast<unsigned>(offsetof(seccomp_data, args));
   std::array<sock_filter, 6> filter{{
       {kLoad, 0, 0, kNumber},
       {kEqual, 0, 3, static_cast<unsigned>(number)},
       {kLoad, 0, 0, any ? kNumber : kArgument},
-      {kEqual, 0, 1, static_cast<unsigned>(any ? number : firstArgument)},
+      {kEqual, 0, 1, static_cast<unsigned>(any ? number : first_argument)},
       {kReturn, 0, 0, SECCOMP_RET_TRAP},
       {kReturn, 0, 0, SECCOMP_RET_ALLOW},
   }};

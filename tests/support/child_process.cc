@@ -58,12 +58,12 @@ std::vector<pid_t> ProcessesMarked(const std::string& mark) {
 [[noreturn]] void RunChild(const std::vector<std::string>& arguments,
                            const ChildProcess::Options& options) {
   setpgid(0, 0);
-  Redirect(options.inputFile, O_RDONLY, STDIN_FILENO);
-  Redirect(options.outputFile, O_WRONLY | O_CREAT | O_APPEND, STDOUT_FILENO);
-  if (options.errorFile.empty()) {
+  Redirect(options.input_file, O_RDONLY, STDIN_FILENO);
+  Redirect(options.output_file, O_WRONLY | O_CREAT | O_APPEND, STDOUT_FILENO);
+  if (options.error_file.empty()) {
     dup2(STDOUT_FILENO, STDERR_FILENO);
   } else {
-    Redirect(options.errorFile, O_WRONLY | O_CREAT | O_APPEND, STDERR_FILENO);
+    Redirect(options.error_file, O_WRONLY | O_CREAT | O_APPEND, STDERR_FILENO);
   }
   if (!options.directory.empty() && chdir(options.directory.c_str()) != 0) _exit(126);
   for (const std::string& variable : options.environment) {
@@ -71,8 +71,8 @@ std::vector<pid_t> ProcessesMarked(const std::string& mark) {
     setenv(variable.substr(0, equals).c_str(), variable.substr(equals + 1).c_str(), 1);
   }
   setenv(kMark, MarkOf(getppid(), getpid()).c_str(), 1);
-  if (options.inChild) {
-    const int status = options.inChild();
+  if (options.in_child) {
+    const int status = options.in_child();
     if (arguments.empty()) exit(status);
   }
   std::vector<char*> vector;

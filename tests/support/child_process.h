@@ -14,14 +14,14 @@
 class ChildProcess {
  public:
   struct Options {
-    std::string outputFile = "/dev/null";
-    std::string errorFile;  ///< empty: standard error goes where standard output goes
-    std::string inputFile = "/dev/null";
+    std::string output_file = "/dev/null";
+    std::string error_file;  ///< empty: standard error goes where standard output goes
+    std::string input_file = "/dev/null";
     std::string directory;                 ///< working directory; empty: the test's
     std::vector<std::string> environment;  ///< "NAME=value", on top of the test's
     /// Runs in the child just before the exec, or in place of it when `arguments` are empty; its
     /// result is then the exit status.
-    std::function<int()> inChild;
+    std::function<int()> in_child;
   };
 
   ChildProcess(const std::vector<std::string>& arguments, const Options& options);

@@ -13,8 +13,8 @@ namespace {
 TEST(ChildProcessTest, PrintsNothingOfWhatTheTestHasPrintedBefore) {
   const TemporaryDirectory directory;
   ChildProcess::Options options;
-  options.outputFile = directory.File("output");
-  options.inChild = [] { return 0; };
+  options.output_file = directory.File("output");
+  options.in_child = [] { return 0; };
   printf("Stays in the buffer of the test: ");
   ChildProcess child({}, options);
   EXPECT_EQ(child.Wait(std::chrono::seconds(10)), 0);

@@ -32,11 +32,11 @@ RunningDaemon::RunningDaemon(const Options& options) {
   if (options.users != "-") directory_.Write(".vk_corvane_users", options.users);
   if (options.environment != "-") directory_.Write(".vk_corvane_env", options.environment);
   ChildProcess::Options process;
-  process.outputFile = directory_.File("output");
-  process.errorFile = directory_.File("errors");
+  process.output_file = directory_.File("output");
+  process.error_file = directory_.File("errors");
   process.directory = directory_.path().string();
   process.environment = options.variables;
-  process.inChild = options.inChild;
+  process.in_child = options.in_child;
   std::vector<std::string> script;
   if (!options.script.empty()) {
     script = {"-s", directory_.Write("script", options.script)};

@@ -19,8 +19,8 @@ class RunningDaemon {
     std::string users;        ///< the user administration file; "-": none
     std::string environment;  ///< the environment file; "-": none
     std::vector<std::string> variables;
-    std::function<int()> inChild;
-    /// `inChild` gives it another standard output: its log's file is looked at instead.
+    std::function<int()> in_child;
+    /// `in_child` gives it another standard output: its log's file is looked at instead.
     bool quiet = false;
   };
 

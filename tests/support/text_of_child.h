@@ -18,8 +18,8 @@ inline std::optional<std::string> TextOfChild(
   constexpr int kNothing = 77;
   const TemporaryDirectory directory;
   ChildProcess::Options options;
-  options.outputFile = directory.Write("text", "");
-  options.inChild = [&body] {
+  options.output_file = directory.Write("text", "");
+  options.in_child = [&body] {
     std::string text;
     try {
       const std::optional<std::string> given = body();

@@ -106,7 +106,7 @@ int Watch(pid_t ancestor, const std::string& notes) {
 ExitStatuses::ExitStatuses(pid_t ancestor) {
   ChildProcess::Options options;
   const std::string notes = directory_.File("notes");
-  options.inChild = [ancestor, notes] { return Watch(ancestor, notes); };
+  options.in_child = [ancestor, notes] { return Watch(ancestor, notes); };
   watcher_ = std::make_unique<ChildProcess>(std::vector<std::string>(), options);
   Eventually([&] { return watching() || !IsRunning(watcher_->pid()); });
 }

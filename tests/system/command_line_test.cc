@@ -38,22 +38,22 @@ class CommandLineTest : public testing::Test {
  protected:
   // Runs the program to its end, which must come by itself; what it printed on standard output.
   // Standard error has to stay empty.
-  std::string Run(std::vector<std::string> arguments, int expectedStatus,
-                  const std::function<int()>& inChild = nullptr) {
+  std::string Run(std::vector<std::string> arguments, int expected_status,
+                  const std::function<int()>& in_child = nullptr) {
     std::filesystem::permissions(directory_.path(), std::filesystem::perms(0777));
     const std::string executable = directory_.File("vkjobmill.exe");
     if (!std::filesystem::exists(executable)) {
       std::filesystem::copy_file(DaemonExecutable(), executable);
     }
     ChildProcess::Options options;
-    options.outputFile = directory_.Write("output", "");
-    options.errorFile = directory_.Write("errors", "");
-    chmod(options.outputFile.c_str(), 0666);
-    chmod(options.errorFile.c_str(), 0666);
-    options.inChild = inChild;
+    options.output_file = directory_.Write("output", "");
+    options.error_file = directory_.Write("errors", "");
+    chmod(options.output_file.c_str(), 0666);
+    chmod(options.error_file.c_str(), 0666);
+    options.in_child = in_child;
     arguments.insert(arguments.begin(), executable);
     ChildProcess process(arguments, options);
-    EXPECT_EQ(process.Wait(seconds(10)).value_or(-1), expectedStatus);
+    EXPECT_EQ(process.Wait(seconds(10)).value_or(-1), expected_status);
     EXPECT_EQ(directory_.Read("errors"), "");
     return directory_.Read("output");
   }
@@ -148,7 +148,7 @@ TEST(StartTest, LogFileHoldsWhatIsPrintedAndIsOpenToEverybody) {
 TEST(StartTest, LogGoesToTmpWhereVarLogIsNotWritable) {
   RunningDaemon::Options options;
   options.arguments = {"-u"};
-  if (getuid() == 0) options.inChild = BecomeNobody;
+  if (getuid() == 0) options.in_child = BecomeNobody;
   if (getuid() != 0 && access("/var/log", W_OK) == 0) GTEST_SKIP() << "/var/log is writable";
   const RunningDaemon daemon(options);
   EXPECT_EQ(daemon.LogFile(), "/tmp/VKJobmill_" + std::to_string(daemon.port()) + ".log");

@@ -160,7 +160,7 @@ TEST(ConnectionsTest, IdleConnectionKeepsThePortOfADeadDaemonFromTheNext) {
   const std::vector<std::string> next = {daemon.directory().File("vkjobmill.exe"), "-u", "-p",
                                          std::to_string(daemon.port())};
   ChildProcess::Options options;
-  options.outputFile = daemon.directory().File("next");
+  options.output_file = daemon.directory().File("next");
   EXPECT_EQ(ChildProcess(next, options).Wait(seconds(5)).value_or(-1), 1);
   EXPECT_THAT(daemon.directory().Read("next"), HasSubstr("Error in creating socket"));
 
@@ -192,7 +192,7 @@ TEST(ConnectionsTest, NoDescriptorForANewConnectionEndsTheDaemon) {
 RunningDaemon::Options WithProcesses(rlim_t most) {
   RunningDaemon::Options options = Unprivileged({"-o", "9001", "-n", "5"});
   const auto alone = static_cast<uid_t>(40'000 + getpid() % 20'000);
-  options.inChild = [most, alone] {
+  options.in_child = [most, alone] {
     const rlimit limit{most, most};
     return setgroups(0, nullptr) == 0 && setgid(alone) == 0 && setuid(alone) == 0 &&
                    setrlimit(RLIMIT_NPROC, &limit) == 0

@@ -169,8 +169,8 @@ TEST_P(PlantedLogTest, DaemonsLogTouchesNothingElseOrGoesToTmp) {
   const int port = FreePort();
   const std::string name = "/VKJobmill_" + std::to_string(port) + ".log";
   ChildProcess::Options options;
-  options.outputFile = directory.File("output");
-  options.inChild = [&] {
+  options.output_file = directory.File("output");
+  options.in_child = [&] {
     if (unshare(CLONE_NEWNS) != 0 ||
         mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
         mount("none", "/var/log", "tmpfs", 0, "size=64k") != 0) {
@@ -215,7 +215,7 @@ void Fill(const std::string& file, std::size_t bytes) {
 TEST(FullDiskTest, DaemonServesOnAndLogsAgainWhenThereIsRoom) {
   if (getuid() != 0) GTEST_SKIP() << "mounting needs root";
   RunningDaemon::Options options = Unprivileged();
-  options.inChild = [] {
+  options.in_child = [] {
     if (!MountFullDisk("/var/log", "size=8k")) return 1;
     Fill("/var/log/filler", 4096);
     return 0;
@@ -236,7 +236,7 @@ TEST(FullDiskTest, DaemonWhoseLogMayNotGrowServesOn) {
   if (KeepsCounters()) GTEST_SKIP() << "the file of the counters may not grow either";
   RunningDaemon::Options options = Unprivileged();
   options.quiet = true;
-  options.inChild = [] {
+  options.in_child = [] {
     const rlimit small{4096, 4096};
     return setrlimit(RLIMIT_FSIZE, &small);
   };
@@ -250,7 +250,7 @@ TEST(FullDiskTest, RunGoesOnWithoutItsCopyAndItsCommsLog) {
   const TemporaryDirectory data;
   const std::string path = data.path().string();
   RunningDaemon::Options options = Unprivileged({"-l"});
-  options.inChild = [&path] {
+  options.in_child = [&path] {
     if (!MountFullDisk(path, "size=4k")) return 1;
     Fill(path + "/CASE.afi", 4096);
     return 0;

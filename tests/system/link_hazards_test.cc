@@ -146,12 +146,12 @@ TEST_F(SimulatedRunTest, ReplyThatWaitsForItsReaderIsWholeAlthoughTheScriptEndsM
                          wire::Mess("READY") + End()});
   master_->Send(Bytes("06 00 00 00"));
   const pid_t controller = OnlyChild(*daemon_);
-  const auto isSending = [&] {
+  const auto is_sending = [&] {
     std::ifstream file("/proc/" + std::to_string(controller) + "/syscall");
     long call = -1;
     return file >> call && call == SYS_sendto;
   };
-  ASSERT_TRUE(Eventually(isSending));
+  ASSERT_TRUE(Eventually(is_sending));
   const std::vector<pid_t> scripts = ChildrenOf(controller);
   ASSERT_EQ(scripts.size(), 1U);
   static_cast<void>(daemon_->directory().Write("go", ""));
@@ -276,8 +276,8 @@ TEST(LinkHazardTest, FiveHundredMastersCanWaitWhileTheDaemonIsHeldUp) {
     masters.push_back(Begin(daemon.port()));
     ASSERT_TRUE(IsAccepted(masters.back(), std::chrono::seconds(2))) << i;
   }
-  const Descriptor tooMuch = Begin(daemon.port());
-  EXPECT_FALSE(IsAccepted(tooMuch, milliseconds(300)));
+  const Descriptor too_much = Begin(daemon.port());
+  EXPECT_FALSE(IsAccepted(too_much, milliseconds(300)));
   daemon.process().Signal(SIGKILL);  // rather than to have it serve them all
   daemon.process().Wait(std::chrono::seconds(5));
 }

@@ -93,7 +93,7 @@ class PrivilegeTest : public testing::Test {
   void SetUp() override {
     if (getuid() != 0) GTEST_SKIP() << "switching accounts needs root";
     ChildProcess::Options options;
-    options.inChild = [] { return unshare(CLONE_NEWNS) == 0 ? 0 : 1; };
+    options.in_child = [] { return unshare(CLONE_NEWNS) == 0 ? 0 : 1; };
     if (ChildProcess({}, options).Wait(seconds(10)) != 0) {
       GTEST_SKIP() << "no private mounts on this machine";
     }
@@ -109,7 +109,7 @@ class PrivilegeTest : public testing::Test {
 
   // Starts the daemon as root, after `prepare`.
   void Start(const std::function<bool()>& prepare = nullptr) {
-    options_.inChild = [this, prepare] {
+    options_.in_child = [this, prepare] {
       umask(022);
       return ShowAccounts() && (!prepare || prepare()) ? 0 : 1;
     };
@@ -234,7 +234,7 @@ bool AddSessionKey() {
 
 TEST_F(ClimberTest, ScriptDoesNotGetTheKeysOfTheDaemonsSession) {
   ChildProcess::Options probe;
-  probe.inChild = [] { return AddSessionKey() ? 0 : 1; };
+  probe.in_child = [] { return AddSessionKey() ? 0 : 1; };
   if (ChildProcess({}, probe).Wait(seconds(10)) != 0) {
     GTEST_SKIP() << "no keyrings on this machine";
   }

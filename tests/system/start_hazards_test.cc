@@ -65,7 +65,7 @@ TEST(StartHazardTest, NoStandardDescriptorAndStrangeSignalsDoNotReachTheScript) 
   RunningDaemon::Options options = Unprivileged();
   options.script = kInspectingScript;
   options.quiet = true;
-  options.inChild = [] {
+  options.in_child = [] {
     for (int descriptor = 0; descriptor <= 2; ++descriptor) close(descriptor);
     sigset_t blocked;
     sigemptyset(&blocked);
@@ -126,7 +126,7 @@ class OutputHazardTest : public testing::TestWithParam<Output> {};
 TEST_P(OutputHazardTest, DaemonServesAndItsFileHasEverything) {
   RunningDaemon::Options options = Unprivileged();
   options.quiet = true;
-  options.inChild = GetParam().prepare;
+  options.in_child = GetParam().prepare;
   const RunningDaemon daemon(options);
   const auto start = std::chrono::steady_clock::now();
   for (int run = 0; run < 3; ++run) {
@@ -160,16 +160,16 @@ class RefusingKernelTest : public testing::Test {
   }
 
   // What it printed on standard output; on standard error it has to print `errors`.
-  std::string Run(int expectedStatus, const std::vector<RefusedCall>& refused,
+  std::string Run(int expected_status, const std::vector<RefusedCall>& refused,
                   const std::string& errors = "", const std::vector<std::string>& more = {"-u"}) {
     ChildProcess::Options options;
-    options.outputFile = directory_.Write("output", "");
-    options.errorFile = directory_.Write("errors", "");
-    options.inChild = [&refused] { return RefuseCalls(refused) ? 0 : 1; };
+    options.output_file = directory_.Write("output", "");
+    options.error_file = directory_.Write("errors", "");
+    options.in_child = [&refused] { return RefuseCalls(refused) ? 0 : 1; };
     std::vector<std::string> words = {DaemonExecutable(), "-p", port_};
     words.insert(words.end(), more.begin(), more.end());
     ChildProcess process(words, options);
-    EXPECT_EQ(process.Wait(seconds(10)).value_or(-1), expectedStatus);
+    EXPECT_EQ(process.Wait(seconds(10)).value_or(-1), expected_status);
     EXPECT_EQ(directory_.Read("errors"), errors);
     return directory_.Read("output");
   }
@@ -203,7 +203,7 @@ TEST_F(RefusingKernelTest, FailedAcceptEndsTheDaemon) {
 
 RunningDaemon::Options WithRefused(const std::vector<RefusedCall>& calls) {
   RunningDaemon::Options options = Unprivileged();
-  options.inChild = [calls] { return RefuseCalls(calls) ? 0 : 1; };
+  options.in_child = [calls] { return RefuseCalls(calls) ? 0 : 1; };
   return options;
 }
 
@@ -263,7 +263,7 @@ constexpr const char* kThree = "0 [^\n]*\n1 [^\n]*\n2 [^\n]*\n";
 TEST(StartHazardTest, InheritedDescriptorsDoNotReachTheScript) {
   RunningDaemon::Options options = Unprivileged();
   options.script = kInspectingScript;
-  options.inChild = [] {
+  options.in_child = [] {
     PlantDescriptors();
     return 0;
   };
@@ -277,7 +277,7 @@ TEST(StartHazardTest, InheritedDescriptorsDoNotReachTheScript) {
 TEST_F(RefusingKernelTest, WithoutCloseRangeTheScriptStillHasThreeDescriptors) {
   RunningDaemon::Options options = Unprivileged();
   options.script = kInspectingScript;
-  options.inChild = [] {
+  options.in_child = [] {
     PlantDescriptors();
     return RefuseCalls({{SYS_close_range, ENOSYS}}) ? 0 : 1;
   };
@@ -295,9 +295,9 @@ TEST(StartHazardTest, WithoutAnyDirectoryForItsLogTheDaemonServesInSilence) {
   chmod(script.c_str(), 0755);
   const int port = FreePort();
   ChildProcess::Options options;
-  options.outputFile = directory.Write("output", "");
-  options.errorFile = directory.Write("errors", "");
-  options.inChild = [] {
+  options.output_file = directory.Write("output", "");
+  options.error_file = directory.Write("errors", "");
+  options.in_child = [] {
     const bool closed =
         unshare(CLONE_NEWNS) == 0 &&
         mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&

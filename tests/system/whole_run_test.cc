@@ -110,9 +110,9 @@ class WholeRunTest : public testing::TestWithParam<Variant> {
   }
 
   // The tables are those that the model gives under the same limits.
-  void ExpectSameTables(int components, bool bottomHole, double skewness) {
+  void ExpectSameTables(int components, bool bottom_hole, double skewness) {
     const master::IPRTables tables =
-        run_->GetWellIPRData({kWells, components, bottomHole, skewness});
+        run_->GetWellIPRData({kWells, components, bottom_hole, skewness});
     ASSERT_EQ(tables.points, 10);
     ASSERT_EQ(tables.wells.size(), kWells.size());
     const double liquid = (metric_ ? 0.158987 : 1.0) * 100000.0;
@@ -123,14 +123,14 @@ class WholeRunTest : public testing::TestWithParam<Variant> {
       for (std::size_t i = 0; i < kWells.size(); ++i) {
         if (point == 0) model_.set_status(kWells[i], "OPEN");
         const double most = point == 0 ? liquid : base[i].first * fraction;
-        const double mostGas = point == 0 ? gas : base[i].second * fraction;
+        const double most_gas = point == 0 ? gas : base[i].second * fraction;
         if (i < 2) {
           model_.set_constraint(kWells[i], "LIQUID_PRODUCTION_RATE", most, "USER");
-          model_.set_constraint(kWells[i], "GAS_PRODUCTION_RATE", mostGas, "USER");
+          model_.set_constraint(kWells[i], "GAS_PRODUCTION_RATE", most_gas, "USER");
         } else if (i == 2) {
           model_.set_constraint(kWells[i], "WATER_INJECTION_RATE", most, "USER");
         } else {
-          model_.set_constraint(kWells[i], "GAS_INJECTION_RATE", mostGas, "USER");
+          model_.set_constraint(kWells[i], "GAS_INJECTION_RATE", most_gas, "USER");
         }
       }
       for (std::size_t i = 0; i < kWells.size(); ++i) {
@@ -138,12 +138,12 @@ class WholeRunTest : public testing::TestWithParam<Variant> {
         const master::WellIPR& table = tables.wells[i];
         const std::string& well = kWells[i];
         const char* water = i < 2 ? "WATER_PRODUCTION_RATE" : "WATER_INJECTION_RATE";
-        const char* gasName = i < 2 ? "GAS_PRODUCTION_RATE" : "GAS_INJECTION_RATE";
+        const char* gas_name = i < 2 ? "GAS_PRODUCTION_RATE" : "GAS_INJECTION_RATE";
         EXPECT_EQ(table.oil_rate.at(point), Value(well, "OIL_PRODUCTION_RATE"));
         EXPECT_EQ(table.water_rate.at(point), Value(well, water));
-        EXPECT_EQ(table.gas_rate.at(point), Value(well, gasName));
+        EXPECT_EQ(table.gas_rate.at(point), Value(well, gas_name));
         EXPECT_EQ(table.pressure.at(point),
-                  Value(well, bottomHole ? "BOTTOM_HOLE_PRESSURE" : "TUBING_HEAD_PRESSURE"));
+                  Value(well, bottom_hole ? "BOTTOM_HOLE_PRESSURE" : "TUBING_HEAD_PRESSURE"));
         EXPECT_EQ(table.temperature.at(point), Value(well, "TEMPERATURE"));
         EXPECT_EQ(table.oil_density.at(point), Value(well, "OIL_DENSITY"));
         EXPECT_EQ(table.gas_density.at(point), Value(well, "GAS_DENSITY"));
@@ -158,7 +158,7 @@ class WholeRunTest : public testing::TestWithParam<Variant> {
         }
         if (point == 0) {
           base.emplace_back(table.water_rate[0] + table.oil_rate[0], table.gas_rate[0]);
-        } else if (bottomHole && i < 2) {
+        } else if (bottom_hole && i < 2) {
           EXPECT_GT(table.pressure[point], table.pressure[point - 1]);
         }
       }
@@ -322,7 +322,7 @@ class ManyWellsRun {
   }
 
   // The controller's processor time for the cheapest survey.
-  double leastSeconds() const { return leastSeconds_; }
+  double least_seconds() const { return leastSeconds_; }
 
   void Shutdown() { run_->Shutdown(); }
 
@@ -349,11 +349,11 @@ TEST(ManyWellsTest, FiveThousandAreRightAndDoublingThemDoublesTheWorkAtMost) {
     half.ExpectTheModelsValues();
     whole.ExpectTheModelsValues();
   }
-  std::cout << "controller: " << half.leastSeconds() << " s for 2,500 wells, "
-            << whole.leastSeconds() << " s for 5,000\n";
+  std::cout << "controller: " << half.least_seconds() << " s for 2,500 wells, "
+            << whole.least_seconds() << " s for 5,000\n";
   // Twice, with room for what else runs on the machine; a search per name would take four times.
-  EXPECT_GT(half.leastSeconds(), 0);
-  EXPECT_LT(whole.leastSeconds(), 2 * half.leastSeconds() * 1.4);
+  EXPECT_GT(half.least_seconds(), 0);
+  EXPECT_LT(whole.least_seconds(), 2 * half.least_seconds() * 1.4);
   half.Shutdown();
   whole.Shutdown();
 }

@@ -267,7 +267,7 @@ TEST(ProgramHelpTest, HelpWithoutACommandListsThemAll) {
 TEST(ProgramHelpTest, HelpThatCannotBeWrittenIsAnError) {
   const TemporaryDirectory directory;
   ChildProcess::Options options;
-  options.outputFile = directory.File("errors");
+  options.output_file = directory.File("errors");
   ChildProcess child({"/bin/sh", "-c", VkmasterExecutable() + " help >/dev/full"}, options);
   EXPECT_EQ(child.Wait(std::chrono::seconds(30)), 1);
   EXPECT_EQ(directory.Read("errors"),
@@ -537,8 +537,8 @@ TEST(ProgramUser, NameIsThatOfTheEnvironment) {
 TEST(ProgramFailure, SystemWithoutADescriptorLeftIsAnInternalError) {
   const TemporaryDirectory directory;
   ChildProcess::Options options;
-  options.outputFile = directory.File("errors");
-  options.inChild = [] { return RefuseCalls({{SYS_eventfd2, EMFILE}}) ? 0 : 1; };
+  options.output_file = directory.File("errors");
+  options.in_child = [] { return RefuseCalls({{SYS_eventfd2, EMFILE}}) ? 0 : 1; };
   ChildProcess child({VkmasterExecutable(), "help"}, options);
   EXPECT_EQ(child.Wait(std::chrono::seconds(30)), 1);
   EXPECT_EQ(directory.Read("errors"), "vkmaster: no event descriptor\n");

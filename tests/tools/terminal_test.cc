@@ -239,7 +239,7 @@ TEST_F(TerminalTest, EndOfAnotherSessionsTerminalShutsTheRunDown) {
   terminal_ = Descriptor(master);
   fcntl(master, F_SETFD, FD_CLOEXEC);
   ChildProcess::Options options;
-  options.inChild = [slave] {
+  options.in_child = [slave] {
     for (const int stream : {0, 1, 2}) dup2(slave, stream);
     setsid();
     close(slave);

@@ -396,7 +396,7 @@ TEST(ConnectTest, AttemptThatTookLongerThanThePaceIsRepeatedAtOnce) {
 std::optional<int> InChild(const std::function<int()>& body) {
   constexpr int kNotPermitted = 77;
   ChildProcess::Options options;
-  options.inChild = body;
+  options.in_child = body;
   ChildProcess child({}, options);
   const auto status = child.Wait(std::chrono::seconds(10));
   return status == kNotPermitted ? std::nullopt : std::optional(status.value_or(-1));

@@ -234,7 +234,7 @@ TEST_F(MessageTest, FinishedDecoderHasNothingMore) {
   decoder.get_header();
   decoder.get_header();
   decoder.finalize();
-  const auto expectNothing = [&decoder] {
+  const auto expect_nothing = [&decoder] {
     const auto not_enough = ThrowsMessage<std::length_error>("Not enough data read from network");
     EXPECT_EQ(decoder.remaining(), 0U);
     EXPECT_NO_THROW(decoder.check_length(0));
@@ -248,11 +248,11 @@ TEST_F(MessageTest, FinishedDecoderHasNothingMore) {
     EXPECT_THAT([&] { decoder.get_text(); }, not_enough);
     EXPECT_FALSE(decoder.skip_header(Mess("READY")));
   };
-  expectNothing();
+  expect_nothing();
   for (const std::string& more : {std::string(), Doub("VALUES", std::vector<double>(100))}) {
     WriteAsPeer(Mess("READY") + Mess("END") + more);
     auto next = manager().createMessageDecoder();
-    expectNothing();
+    expect_nothing();
     EXPECT_THROW(decoder.finalize(), std::length_error);
     EXPECT_EQ(next.get_header().name, "READY");
     EXPECT_EQ(next.get_header().name, "END");
@@ -574,7 +574,7 @@ TEST_F(MessageTest, MessageOfManyItemsLeavesWithoutTheRoomBehindThem) {
 
 TEST_F(MessageTest, SendKeepsAUsualBufferAndGivesBackAHugeOne) {
   // What the next message is built in after one of this size.
-  const auto capacityBehind = [this](std::size_t size) {
+  const auto capacity_behind = [this](std::size_t size) {
     const std::string text(size, 'x');
     const std::string expected = Framed(Cstr("TEXT", {text}));
     std::string received;
@@ -584,8 +584,8 @@ TEST_F(MessageTest, SendKeepsAUsualBufferAndGivesBackAHugeOne) {
     EXPECT_TRUE(received == expected) << size;
     return manager().createMessageBuilder().add_MESS_header("END", 0).release().capacity();
   };
-  EXPECT_GE(capacityBehind(1 << 20), 1U << 20);
-  EXPECT_LT(capacityBehind(9 << 20), 1U << 20);
+  EXPECT_GE(capacity_behind(1 << 20), 1U << 20);
+  EXPECT_LT(capacity_behind(9 << 20), 1U << 20);
 }
 
 TEST_F(MessageTest, StringIsAListOfOne) {

@@ -118,7 +118,7 @@ std::string List(const std::string& name, const std::vector<int>& values) {
 }
 
 template <class T, class MakeRow>
-Operation WellProperties(const MakeRow& makeRow) {
+Operation WellProperties(const MakeRow& make_row) {
   const Strings wells = AnyStrings();
   const Strings items = AnyStrings();
   ::vk_ec::WellQueryResults<T> results;
@@ -128,7 +128,7 @@ Operation WellProperties(const MakeRow& makeRow) {
     headers = wire::Cstr("QITEMS", results.items);
     results.wells = AnyStrings();
     for (const std::string& well : results.wells) {
-      results.values.push_back(makeRow(results.items.size()));
+      results.values.push_back(make_row(results.items.size()));
       headers += wire::Cstr("WELLNAME", {well}) + List("VALUES", results.values.back());
     }
   }
@@ -328,8 +328,8 @@ RC_GTEST_PROP(VersionsProperty, BothMakeTheSameOfADamagedAnswer, ()) {
   }
   const Outcome older = Run<v2016_2::vk_ec::VarnokClient>(operation, answers);
   const Outcome newer = Run<v2017_2::vk_ec::VarnokClient>(operation, answers);
-  const bool namesDiffer = newer.result.find("vs expected: NCOMPS-") != std::string::npos;
-  RC_ASSERT(newer.result == older.result || namesDiffer);
+  const bool names_differ = newer.result.find("vs expected: NCOMPS-") != std::string::npos;
+  RC_ASSERT(newer.result == older.result || names_differ);
   RC_ASSERT(newer.written == older.written);
 }
 

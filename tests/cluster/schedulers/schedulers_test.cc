@@ -142,7 +142,7 @@ std::vector<Process> ProcessesWith(const std::string& text) {
 Outcome Shell(const std::string& command) {
   const TemporaryDirectory output;
   ChildProcess::Options options;
-  options.outputFile = output.File("text");
+  options.output_file = output.File("text");
   ChildProcess shell({"/bin/bash", "-c", command}, options);
   const int status = shell.Wait(seconds(150)).value_or(-1);
   return {status, output.Read("text")};
