@@ -80,7 +80,7 @@ class AnswerSweep : public testing::Test {
       strcpy(GszExePath, directory_.path().c_str());
       if (!PrepareProcess()) return 124;
       flog log(directory_.File("log"), true);
-      auto* info = new CManagerInformation(script_, runAsRoot_, 5, 9005, true, &log,
+      auto* info = new CManagerInformation(script_, run_as_root_, 5, 9005, true, &log,
                                            new Socket(pair.ours.Release()));
       const FailingAllocations failures(failing, mode);
       return ::Answer(info);
@@ -120,7 +120,7 @@ class AnswerSweep : public testing::Test {
   TemporaryDirectory directory_;
   std::string script_;
   std::string user_ = "a-user-with-a-long-name";
-  bool runAsRoot_ = false;
+  bool run_as_root_ = false;
 };
 
 TEST_F(AnswerSweep, FailedAllocationEndsTheConnectionWithALineOrIsServed) {
@@ -150,7 +150,7 @@ TEST_F(AnswerSweep, FailedAllocationEndsTheConnectionWithALineOrIsServed) {
 }
 
 TEST_F(AnswerSweep, FailedAllocationNeverLetsARefusedUserIn) {
-  runAsRoot_ = true;
+  run_as_root_ = true;
   directory_.Write(".vk_corvane_users", "* root 1\n" + user_ + " root 0\n");
   const std::string refusal =
       "Windows user '" + user_ + "' does not have permissions to run Varnok";

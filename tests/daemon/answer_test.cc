@@ -66,12 +66,12 @@ class AnswerTest : public testing::Test {
     options.directory = directory_.path().string();
     options.output_file = directory_.File("output");
     options.in_child = [this] {
-      if (prepareChild_ && !prepareChild_()) return 125;
+      if (prepare_child_ && !prepare_child_()) return 125;
       pair_.peer.Reset();
       strcpy(GszExePath, directory_.path().c_str());
       if (!PrepareProcess()) return 124;
       flog log(directory_.File("log"), true);
-      return Answer(new CManagerInformation(script_, runAsRoot_, startTimeout_, 9005, commsLog_,
+      return Answer(new CManagerInformation(script_, run_as_root_, start_timeout_, 9005, comms_log_,
                                             &log, new Socket(pair_.ours.Release())));
     };
     child_ = std::make_unique<ChildProcess>(std::vector<std::string>(), options);
@@ -113,11 +113,11 @@ class AnswerTest : public testing::Test {
   SocketPair pair_;
   std::unique_ptr<ChildProcess> child_;
   std::unique_ptr<Socket> master_;
-  std::function<bool()> prepareChild_;
+  std::function<bool()> prepare_child_;
 
-  bool runAsRoot_ = false;
-  bool commsLog_ = false;
-  std::int32_t startTimeout_ = 5;
+  bool run_as_root_ = false;
+  bool comms_log_ = false;
+  std::int32_t start_timeout_ = 5;
   std::string script_;
   std::string answer_ = "3";
   std::string cluster_ = "0";
@@ -130,7 +130,7 @@ class AnswerTest : public testing::Test {
 };
 
 TEST_F(AnswerTest, ScriptThatGetsNoPipeEndsTheConnectionWithoutAWord) {
-  prepareChild_ = [] { return AnswerCall(SYS_pipe2, [] { return static_cast<long>(-EMFILE); }); };
+  prepare_child_ = [] { return AnswerCall(SYS_pipe2, [] { return static_cast<long>(-EMFILE); }); };
   EXPECT_EQ(Outcome(), "");
   const int status = Status();
   if (status == 125) GTEST_SKIP() << "system calls cannot be answered here";
@@ -203,7 +203,7 @@ TEST_F(AnswerTest, WithoutRootModeNoUserIsChecked) {
 }
 
 TEST_F(AnswerTest, MissingUserFileIsReportedWithItsPath) {
-  runAsRoot_ = true;
+  run_as_root_ = true;
   const std::string text =
       "Could not open the user administration file: " + directory_.path().string() +
       "/./.vk_corvane_users";
@@ -213,7 +213,7 @@ TEST_F(AnswerTest, MissingUserFileIsReportedWithItsPath) {
 }
 
 TEST_F(AnswerTest, UnknownUserIsRefusedByName) {
-  runAsRoot_ = true;
+  run_as_root_ = true;
   directory_.Write(".vk_corvane_users", "bob bob 1\n");
   EXPECT_EQ(Outcome(), "Windows user 'alice' not found in administration file");
   EXPECT_EQ(Status(), 1);
@@ -222,14 +222,14 @@ TEST_F(AnswerTest, UnknownUserIsRefusedByName) {
 }
 
 TEST_F(AnswerTest, UserWithoutPermissionIsRefusedAlthoughACatchAllWouldAllow) {
-  runAsRoot_ = true;
+  run_as_root_ = true;
   directory_.Write(".vk_corvane_users", "* * 1\nalice alice 0\n");
   EXPECT_EQ(Outcome(), "Windows user 'alice' does not have permissions to run Varnok");
   EXPECT_EQ(Status(), 1);
 }
 
 TEST_F(AnswerTest, AccountThatDoesNotExistIsRefusedByName) {
-  runAsRoot_ = true;
+  run_as_root_ = true;
   directory_.Write(".vk_corvane_users", "alice no_such_account 1\n");
   EXPECT_EQ(Outcome(), "Failed to get password entry for 'no_such_account'");
   EXPECT_EQ(Status(), 1);
@@ -238,21 +238,21 @@ TEST_F(AnswerTest, AccountThatDoesNotExistIsRefusedByName) {
 }
 
 TEST_F(AnswerTest, StarAccountIsTheWindowsNameInItsReceivedCase) {
-  runAsRoot_ = true;
+  run_as_root_ = true;
   user_ = "No_Such_Account";
   directory_.Write(".vk_corvane_users", "no_such_account * 1\n");
   EXPECT_EQ(Outcome(), "Failed to get password entry for 'No_Such_Account'");
 }
 
 TEST_F(AnswerTest, LongAndStrangeUserNamesAreOnlyText) {
-  runAsRoot_ = true;
+  run_as_root_ = true;
   user_ = std::string(30'000, 'u') + "%n%s";
   directory_.Write(".vk_corvane_users", "bob bob 1\n");
   EXPECT_EQ(Outcome(), "Windows user '" + user_ + "' not found in administration file");
 }
 
 TEST_F(AnswerTest, NameInARefusalEndsAtItsZeroByteAsItDoesForTheLookUp) {
-  runAsRoot_ = true;
+  run_as_root_ = true;
   user_ = std::string("ali\0ce", 6);
   directory_.Write(".vk_corvane_users", "bob bob 1\n");
   EXPECT_EQ(Outcome(), "Windows user 'ali' not found in administration file");
@@ -271,13 +271,13 @@ class AccountTest : public AnswerTest {
     options.in_child = [] { return unshare(CLONE_NEWNS) == 0 ? 0 : 1; };
     ChildProcess probe({}, options);
     if (probe.Wait(seconds(10)) != 0) GTEST_SKIP() << "no private mounts on this machine";
-    runAsRoot_ = true;
+    run_as_root_ = true;
     directory_.Write("passwd",
                      "root:x:0:0::/root:/bin/sh\n"
                      "runner:x:61234:61235::/:/bin/sh\n"
                      "ownid:x:61234:1::/:/bin/sh\n"
                      "badgroup:x:61234:4294967295::/:/bin/sh\n");
-    prepareChild_ = [this] { return HidePasswords(); };
+    prepare_child_ = [this] { return HidePasswords(); };
     Script("#!/bin/sh\ngrep -E '^(Uid|Gid|Groups):' /proc/self/status >ids\necho HOST=node17\n");
   }
 
@@ -289,7 +289,7 @@ class AccountTest : public AnswerTest {
 
   // The child is then not root, whatever the daemon's options say.
   void DropRootBefore() {
-    prepareChild_ = [this] {
+    prepare_child_ = [this] {
       return HidePasswords() && setgroups(0, nullptr) == 0 && setgid(kGroup) == 0 &&
              setuid(kUser) == 0;
     };
@@ -323,7 +323,7 @@ TEST_F(AccountTest, CatchAllWithStarMapsToTheSameName) {
 }
 
 TEST_F(AccountTest, SupplementaryGroupsStayThoseOfTheDaemon) {
-  prepareChild_ = [this] {
+  prepare_child_ = [this] {
     const std::array<gid_t, 2> groups = {5, 7};
     return HidePasswords() && setgroups(groups.size(), groups.data()) == 0;
   };
@@ -335,7 +335,7 @@ TEST_F(AccountTest, SupplementaryGroupsStayThoseOfTheDaemon) {
 TEST_F(AccountTest, CommsLogAndClusterCopyBelongToTheAccount) {
   directory_.Write(".vk_corvane_users", "alice runner 1\n");
   directory_.Write("CASE.afi", "deck");
-  commsLog_ = true;
+  comms_log_ = true;
   cluster_ = "3";
   EXPECT_THAT(Outcome(), HasSubstr("OK|"));
   EXPECT_EQ(Status(), 0);
@@ -371,7 +371,7 @@ TEST_F(AccountTest, RefusedUserChangeIsReportedWithItsNumber) {
 constexpr const char* kNotSwitched = "Failed to set user ID for Tolmen job - error = 1";
 
 TEST_F(AccountTest, RealIdOfRootThatStaysBehindIsARefusal) {
-  prepareChild_ = [this] { return HidePasswords() && setresuid(0, kUser, kUser) == 0; };
+  prepare_child_ = [this] { return HidePasswords() && setresuid(0, kUser, kUser) == 0; };
   directory_.Write(".vk_corvane_users", "alice runner 1\n");
   EXPECT_EQ(Outcome(), kNotSwitched);
   EXPECT_EQ(Status(), 1);
@@ -379,7 +379,7 @@ TEST_F(AccountTest, RealIdOfRootThatStaysBehindIsARefusal) {
 }
 
 TEST_F(AccountTest, CapabilitiesThatOutliveTheSwitchAreARefusal) {
-  prepareChild_ = [this] {
+  prepare_child_ = [this] {
     return HidePasswords() && prctl(PR_SET_SECUREBITS, SECBIT_NO_SETUID_FIXUP) == 0;
   };
   directory_.Write(".vk_corvane_users", "alice runner 1\n");
@@ -425,7 +425,7 @@ TEST_F(LaunchByAnswerTest, NewlineOfAHostThatFillsTheLineIsNotItsOwn) {
 
 // The start time-out is for the simulator; the job may be queued for days before.
 TEST_F(LaunchByAnswerTest, StartTimeoutDoesNotBoundTheWaitForTheHost) {
-  startTimeout_ = 1;
+  start_timeout_ = 1;
   Script("#!/bin/sh\nsleep 1.5\necho HOST=node17\n");
   EXPECT_EQ(Outcome(), "OK|node17\0"s);
 }
@@ -499,7 +499,7 @@ TEST_F(LaunchByAnswerTest, ScriptHasThreeDescriptorsAndFreeSignals) {
       "#!/bin/sh\nls /proc/$$/fd >descriptors\ngrep ^Sig /proc/self/status >signals\n"
       "echo HOST=node17\n");
   // As started by something careless: a signal blocked, a descriptor left open.
-  prepareChild_ = [] {
+  prepare_child_ = [] {
     sigset_t blocked;
     sigemptyset(&blocked);
     sigaddset(&blocked, SIGUSR1);
@@ -525,7 +525,7 @@ TEST_F(LaunchByAnswerTest, ProgramInPlaceOfAScriptHasFreeSignals) {
   Script(
       "#!/usr/bin/awk -f\nBEGIN {\n  while ((getline line <\"/proc/self/status\") > 0) "
       "print line >\"signals\"\n  print \"HOST=node17\"\n  exit\n}\n");
-  prepareChild_ = [] {
+  prepare_child_ = [] {
     // Whoever has started the tests, in the background for example, may have had some ignored.
     for (int number = 1; number < SIGRTMIN; ++number) signal(number, SIG_DFL);
     signal(SIGXFSZ, SIG_IGN);
@@ -542,7 +542,7 @@ TEST_F(LaunchByAnswerTest, ProgramInPlaceOfAScriptHasFreeSignals) {
 
 TEST_F(LaunchByAnswerTest, ScriptHasThreeDescriptorsOnAKernelThatCannotCloseARange) {
   Script("#!/bin/sh\nls /proc/$$/fd >descriptors\necho HOST=node17\n");
-  prepareChild_ = [] {
+  prepare_child_ = [] {
     return dup2(0, 7) == 7 &&
            AnswerCall(SYS_close_range, [] { return static_cast<long>(-ENOSYS); });
   };
@@ -558,7 +558,7 @@ TEST_F(LaunchByAnswerTest, ScriptHasASessionOfItsOwnWithoutTheDaemonsTerminal) {
   Script(
       "#!/bin/sh\ncut -d' ' -f1,5,6,7 /proc/$$/stat >session\n"
       "(: </dev/tty) 2>/dev/null && echo terminal >>session\necho HOST=node17\n");
-  prepareChild_ = [] {
+  prepare_child_ = [] {
     const pid_t daemon = fork();  // what leads a group cannot begin a session
     if (daemon > 0) {
       syscall(SYS_close_range, 3, ~0U, 0);  // the master's end, above all
@@ -598,7 +598,7 @@ TEST_F(LaunchByAnswerTest, FinishedScriptLeavesNoZombie) {
 }
 
 TEST_F(LaunchByAnswerTest, ShutdownEndsTheRunNaturally) {
-  commsLog_ = true;
+  comms_log_ = true;
   path_ = directory_.path().string() + "/run";
   EXPECT_THAT(Outcome(), HasSubstr("OK|"));
   Send(Bytes("f0 ff 00 00"));
@@ -611,7 +611,7 @@ TEST_F(LaunchByAnswerTest, ShutdownEndsTheRunNaturally) {
 }
 
 TEST_F(LaunchByAnswerTest, NameWithAZeroByteHasNoCommsLog) {
-  commsLog_ = true;
+  comms_log_ = true;
   const std::string victim = directory_.Write("victim", "precious");
   const std::string directory = path_;
   for (const auto& [path, cluster, root] :
@@ -635,7 +635,7 @@ TEST_F(LaunchByAnswerTest, NameWithAZeroByteHasNoCommsLog) {
 }
 
 TEST_F(LaunchByAnswerTest, FailedRequestEndsTheRunWithItsReasonInTheCommsLog) {
-  commsLog_ = true;
+  comms_log_ = true;
   EXPECT_THAT(Outcome(), HasSubstr("OK|"));
   Send(Bytes("11 00 00 00"));
   EXPECT_EQ(Receive(), "");
@@ -672,7 +672,7 @@ TEST_F(LaunchByAnswerTest, ConnectorVersionIsTheNumberThatTheTextBeginsWith) {
 }
 
 TEST_F(LaunchByAnswerTest, MasterThatLeavesDuringTheRunEndsIt) {
-  commsLog_ = true;
+  comms_log_ = true;
   EXPECT_THAT(Outcome(), HasSubstr("OK|"));
   EXPECT_EQ(Status(), 0);
   EXPECT_EQ(directory_.Read("CASE.crvnlog"),

@@ -75,8 +75,8 @@ Session Ended(Session::Result result, const std::string& text) {
 Simulators::Simulators() {
   std::array<int, 2> ends{};
   if (pipe(ends.data()) != 0) throw std::runtime_error("pipe failed");
-  wakeReader_ = Descriptor(ends[0]);
-  wakeWriter_ = Descriptor(ends[1]);
+  wake_reader_ = Descriptor(ends[0]);
+  wake_writer_ = Descriptor(ends[1]);
   do {
     listeners_[0] = BindFreePort(8);
     port_ = PortOf(listeners_[0].get());
@@ -86,13 +86,13 @@ Simulators::Simulators() {
 }
 
 Simulators::~Simulators() {
-  wakeWriter_.Reset();
+  wake_writer_.Reset();
   thread_.join();
 }
 
 void Simulators::Run() {
   while (true) {
-    std::vector<pollfd> waited = {{wakeReader_.get(), POLLIN, 0},
+    std::vector<pollfd> waited = {{wake_reader_.get(), POLLIN, 0},
                                   {listeners_[0].get(), POLLIN, 0},
                                   {listeners_[1].get(), POLLIN, 0}};
     for (const auto& [client, pending] : clients_) waited.push_back({client, POLLIN, 0});
@@ -119,7 +119,7 @@ bool Simulators::Serve(int client, std::string& pending) {
   if (got <= 0) return false;
   pending.append(part.data(), static_cast<std::size_t>(got));
   for (std::string name = TakeName(pending); !name.empty(); name = TakeName(pending)) {
-    if (name == "CONTINUE" && leaveOnStep_) return false;
+    if (name == "CONTINUE" && leave_on_step_) return false;
     WriteAll(client, AnswerTo(name));
   }
   return true;
@@ -186,7 +186,7 @@ std::string Master::ReceiveBytes(std::size_t size, const char* what) {
   while (bytes.size() < size) {
     pollfd readable{link_.get(), POLLIN, 0};
     if (poll(&readable, 1, static_cast<int>(kGlance.count())) == 0) {
-      if (isEnough_(Clock::now() - start)) throw Ended(Session::Result::kWaiting, what);
+      if (is_enough_(Clock::now() - start)) throw Ended(Session::Result::kWaiting, what);
       continue;
     }
     std::string part(size - bytes.size(), '\0');

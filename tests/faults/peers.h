@@ -22,7 +22,7 @@ class Simulators {
   int port() const { return port_; }
 
   /// From now on (or no longer) a simulator leaves when it is asked to step.
-  void LeaveOnStep(bool leave) { leaveOnStep_ = leave; }
+  void LeaveOnStep(bool leave) { leave_on_step_ = leave; }
 
  private:
   void Run();
@@ -30,9 +30,9 @@ class Simulators {
 
   int port_ = 0;
   Descriptor listeners_[2];
-  Descriptor wakeReader_;
-  Descriptor wakeWriter_;
-  std::atomic<bool> leaveOnStep_ = false;
+  Descriptor wake_reader_;
+  Descriptor wake_writer_;
+  std::atomic<bool> leave_on_step_ = false;
   std::map<int, std::string> clients_;
   std::thread thread_;
 };
@@ -68,7 +68,7 @@ class Master {
     bool leave_after_connecting = false;  ///< cut the connection once the run is under control
   };
 
-  explicit Master(IsEnough is_enough) : isEnough_(std::move(is_enough)) {}
+  explicit Master(IsEnough is_enough) : is_enough_(std::move(is_enough)) {}
 
   /// Holds one session with the daemon at `port`, and closes the connection. One that has waited
   /// for nothing cuts it off: after a mere close() in what the child takes for the middle of a
@@ -84,7 +84,7 @@ class Master {
   void Converse(int port, const Plan& plan);
   void ExpectEnd();
 
-  IsEnough isEnough_;
+  IsEnough is_enough_;
   bool admitted_ = false;
   Descriptor link_;
 };

@@ -172,7 +172,7 @@ void Tracer::Run() {
     changed_.notify_all();
   }
   const std::scoped_lock lock(mutex_);
-  allEnded_ = true;
+  all_ended_ = true;
   changed_.notify_all();
 }
 
@@ -337,8 +337,8 @@ bool Tracer::IsDue(const Process& process) {
 void Tracer::EnterCall(pid_t pid, Process& process, unsigned long first) {
   if (point_.kind != Point::Kind::kUndisturbed && IsDue(process)) {
     if (!fired_) {
-      firedAt_ = pid == daemon_ ? stage_ : process.stage;
-      firedOn_ = first;
+      fired_at_ = pid == daemon_ ? stage_ : process.stage;
+      fired_on_ = first;
     }
     fired_ = true;
     if (point_.kind == Point::Kind::kKill) {

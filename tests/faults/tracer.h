@@ -74,7 +74,7 @@ class Tracer {
   /// So many processes of our code are alive besides the daemon.
   int others() const;
   bool daemon_ended() const;
-  bool all_ended() const { return allEnded_; }
+  bool all_ended() const { return all_ended_; }
 
   /// An error that lasts is over.
   void Lift();
@@ -88,14 +88,14 @@ class Tracer {
   /// The daemon has come to its main function.
   bool started() const { return stage_ != Stage::kLoading; }
   /// How far the process had come that the point was reached in.
-  Stage fired_at() const { return firedAt_; }
+  Stage fired_at() const { return fired_at_; }
   /// The first argument of the call that it was, if any.
-  unsigned long fired_on() const { return firedOn_; }
+  unsigned long fired_on() const { return fired_on_; }
   /// That was the connection with the first master.
-  bool fired_on_master() const { return fired_ && firedOn_ == master_; }
+  bool fired_on_master() const { return fired_ && fired_on_ == master_; }
   /// The first master's connection child has come to fork a process for its script.
   bool forked_script() const { return seen_.contains(Role::kScript); }
-  bool fired_while_loading() const { return fired_ && firedAt_ == Stage::kLoading; }
+  bool fired_while_loading() const { return fired_ && fired_at_ == Stage::kLoading; }
 
   /// Where each living process stands, for a report of a hang.
   std::string Standing() const;
@@ -152,9 +152,9 @@ class Tracer {
   bool accepting_ = false;
   Stage stage_ = Stage::kLoading;  // of the daemon
   std::atomic<bool> fired_ = false;
-  std::atomic<Stage> firedAt_ = Stage::kNever;
-  std::atomic<unsigned long> firedOn_ = kNoDescriptor;
+  std::atomic<Stage> fired_at_ = Stage::kNever;
+  std::atomic<unsigned long> fired_on_ = kNoDescriptor;
   std::atomic<unsigned long> master_ = kNoDescriptor - 1;
   bool lifted_ = false;
-  bool allEnded_ = false;
+  bool all_ended_ = false;
 };

@@ -154,9 +154,9 @@ class Trial {
   const Scenario& scenario_;
   TemporaryDirectory directory_;
   Simulators simulators_;
-  SocketPair terminal_;    // nobody types at it
-  Descriptor pipeReader_;  // of standard output, in the scenario that has one
-  Descriptor pipeWriter_;
+  SocketPair terminal_;     // nobody types at it
+  Descriptor pipe_reader_;  // of standard output, in the scenario that has one
+  Descriptor pipe_writer_;
   Tracer tracer_;
   int port_ = 0;
   bool terminated_ = false;
@@ -198,8 +198,8 @@ void Trial::Prepare(const std::string& executable) {
 void Trial::OpenPipe() {
   std::array<int, 2> ends{};
   if (pipe2(ends.data(), O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
-  pipeReader_ = Descriptor(ends[0]);
-  pipeWriter_ = Descriptor(ends[1]);
+  pipe_reader_ = Descriptor(ends[0]);
+  pipe_writer_ = Descriptor(ends[1]);
 }
 
 void Trial::DrainPipe() const {
@@ -207,7 +207,7 @@ void Trial::DrainPipe() const {
   output << std::unitbuf;
   std::array<char, 4096> part{};
   ssize_t got = 0;
-  while ((got = read(pipeReader_.get(), part.data(), part.size())) > 0)
+  while ((got = read(pipe_reader_.get(), part.data(), part.size())) > 0)
     output.write(part.data(), got);
 }
 
@@ -221,7 +221,7 @@ void Trial::ExecDaemon() const {
   const rlimit core{0, 0};
   setrlimit(RLIMIT_NOFILE, &descriptors);
   setrlimit(RLIMIT_CORE, &core);
-  const int output = scenario_.into_a_pipe ? pipeWriter_.get()
+  const int output = scenario_.into_a_pipe ? pipe_writer_.get()
                                            : open(directory_.File("output").c_str(),
                                                   O_WRONLY | O_CREAT | O_APPEND, 0644);
   if (output < 0 || chdir(directory_.path().c_str()) != 0) _exit(kNotExecuted);
@@ -254,7 +254,7 @@ void Trial::ExecDaemon() const {
 
 Verdict Trial::Run() {
   tracer_.Start([this] { ExecDaemon(); });
-  pipeWriter_.Reset();
+  pipe_writer_.Reset();
   std::thread reader([this] {
     if (scenario_.into_a_pipe) DrainPipe();
   });

@@ -360,7 +360,7 @@ class Conversation {
       // what an earlier case did not ask for
     }
     const std::string script = daemon_.File("script");
-    logBegin_ = fs::file_size(daemon_.daemon().LogFile());
+    log_begin_ = fs::file_size(daemon_.daemon().LogFile());
     port_ = daemon_.TakeCommsPort();
     std::string sanitizer =
         kSanitized ? std::string("env ASAN_OPTIONS=") + kSanitizer + "\n" : std::string();
@@ -376,10 +376,10 @@ class Conversation {
                   {"SANITIZER", sanitizer},
                   {"REQUEST", ""}};
     for (const RequestField& field : kRequestFields) variables_[field.name] = Field(field.name);
-    commsFile_ = directory_ + "/CASE.crvnlog";
-    if (!wanted_.comms_file.empty()) commsFile_ = Filled(wanted_.comms_file);
+    comms_file_ = directory_ + "/CASE.crvnlog";
+    if (!wanted_.comms_file.empty()) comms_file_ = Filled(wanted_.comms_file);
     std::error_code ignored;
-    fs::remove(commsFile_, ignored);
+    fs::remove(comms_file_, ignored);
     PlaceFile("users", daemon_.File(".vk_corvane_users"), 0644);
     PlaceFile("environment", daemon_.File(".vk_corvane_env"), 0644);
     PlaceFile("script", script, 0755);
@@ -419,7 +419,7 @@ class Conversation {
       fs::remove_all(daemon_.File("script"), ignored);
       Put(daemon_.File("script"), kUsualScript, 0755);
     }
-    fs::remove(commsFile_, ignored);
+    fs::remove(comms_file_, ignored);
   }
 
   // --- the talk ---
@@ -600,12 +600,12 @@ class Conversation {
 
   std::string DaemonLog() const {
     std::ifstream file(daemon_.daemon().LogFile(), std::ios::binary);
-    file.seekg(static_cast<std::streamoff>(logBegin_));
+    file.seekg(static_cast<std::streamoff>(log_begin_));
     return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
   }
 
   std::string CommsLog() const {
-    std::ifstream file(commsFile_, std::ios::binary);
+    std::ifstream file(comms_file_, std::ios::binary);
     return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
   }
 
@@ -703,9 +703,9 @@ class Conversation {
   std::string directory_;
   std::map<std::string, std::string> variables_;
   std::vector<std::string> placed_;
-  std::string commsFile_;
+  std::string comms_file_;
   std::int64_t port_ = 0;
-  std::uintmax_t logBegin_ = 0;
+  std::uintmax_t log_begin_ = 0;
   Descriptor busy_;
   Descriptor listener_;
   Link master_;
@@ -717,15 +717,15 @@ class Conversation {
 }  // namespace
 
 WatchedDaemon::WatchedDaemon(const std::vector<std::string>& arguments, bool as_root) {
-  commsBase_ = std::stoll(ArgumentOf(arguments, "-o", "0"));
+  comms_base_ = std::stoll(ArgumentOf(arguments, "-o", "0"));
   RunningDaemon::Options options;
   options.arguments = arguments;
-  if (commsBase_ == 0) {
-    commsBase_ = FreeCommsPorts();
+  if (comms_base_ == 0) {
+    comms_base_ = FreeCommsPorts();
     options.arguments.insert(options.arguments.end(),
-                             {"-o", std::to_string(commsBase_), "-n", "2"});
+                             {"-o", std::to_string(comms_base_), "-n", "2"});
   } else {
-    commsPorts_ = std::stoll(ArgumentOf(arguments, "-n", "100"));
+    comms_ports_ = std::stoll(ArgumentOf(arguments, "-n", "100"));
   }
   options.script = Conversation::kUsualScript;
   options.users = "-";
@@ -747,7 +747,7 @@ WatchedDaemon::WatchedDaemon(const std::vector<std::string>& arguments, bool as_
 }
 
 std::int64_t WatchedDaemon::TakeCommsPort() {
-  return commsBase_ + connections_++ % commsPorts_;
+  return comms_base_ + connections_++ % comms_ports_;
 }
 
 std::string RunCase(const Case& wanted, WatchedDaemon& daemon, Figures& figures) {

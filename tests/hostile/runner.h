@@ -29,8 +29,8 @@ class WatchedDaemon {
  private:
   std::unique_ptr<RunningDaemon> daemon_;
   std::unique_ptr<Watcher> watcher_;
-  std::int64_t commsBase_ = 0;
-  std::int64_t commsPorts_ = 2;
+  std::int64_t comms_base_ = 0;
+  std::int64_t comms_ports_ = 2;
   std::int64_t connections_ = 0;
 };
 

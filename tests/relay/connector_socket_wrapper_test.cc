@@ -70,7 +70,7 @@ class FreeMemoryTest : public ControllerTest {
         taken.push_back(std::make_unique<char[]>(1000));
         std::fill_n(taken.back().get(), 1000, 'x');
       }
-      inUse_.push_back(std::move(taken.back()));
+      in_use_.push_back(std::move(taken.back()));
     };
   }
 
@@ -88,10 +88,10 @@ class FreeMemoryTest : public ControllerTest {
   // nothing of that kind.
   void FillHoles() {
     const void* end = sbrk(0);
-    while (sbrk(0) == end) inUse_.push_back(std::make_unique<char[]>(1000));
+    while (sbrk(0) == end) in_use_.push_back(std::make_unique<char[]>(1000));
   }
 
-  std::vector<std::unique_ptr<char[]>> inUse_;
+  std::vector<std::unique_ptr<char[]>> in_use_;
 };
 
 #if !defined(__SANITIZE_ADDRESS__)  // whose allocator is another

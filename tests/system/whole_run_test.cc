@@ -306,7 +306,7 @@ class ManyWellsRun {
     const double before = ProcessorSeconds(controller_);
     data_ = run_->GetWellData(wells_);
     tables_ = run_->GetWellIPRData({wells_, 0, true, 1.0}).wells;
-    leastSeconds_ = std::min(leastSeconds_, ProcessorSeconds(controller_) - before);
+    least_seconds_ = std::min(least_seconds_, ProcessorSeconds(controller_) - before);
   }
 
   void ExpectTheModelsValues() const {
@@ -322,7 +322,7 @@ class ManyWellsRun {
   }
 
   // The controller's processor time for the cheapest survey.
-  double least_seconds() const { return leastSeconds_; }
+  double least_seconds() const { return least_seconds_; }
 
   void Shutdown() { run_->Shutdown(); }
 
@@ -334,7 +334,7 @@ class ManyWellsRun {
   Names wells_;
   std::vector<master::WellData> data_;
   std::vector<master::WellIPR> tables_;
-  double leastSeconds_ = std::numeric_limits<double>::infinity();
+  double least_seconds_ = std::numeric_limits<double>::infinity();
 };
 
 TEST(ManyWellsTest, FiveThousandAreRightAndDoublingThemDoublesTheWorkAtMost) {
