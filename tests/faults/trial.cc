@@ -124,7 +124,7 @@ class Trial {
   bool ForkFailed() const;
   void ExpectDescriptors(std::size_t expected);
   void AwaitOthers(int masters);
-  void AwaitAccepting() const;
+  void AwaitAccepting();
   void JudgeSession();
   void JudgeDemanded();
   void JudgeAdmission();
@@ -375,10 +375,19 @@ void Trial::AwaitOthers(int masters) {
   }
 }
 
-// It has come to accept(); whether it stays there shows when it sleeps, or has ended instead.
-void Trial::AwaitAccepting() const {
-  Eventually([this] { return StateOf(tracer_.daemon()) == 'S' || !IsRunning(tracer_.daemon()); },
-             kHang);
+// It has come to accept(); whether it stays there shows when it sleeps, or has ended instead. As
+// long as the point has not been reached, the finished child has to be reaped as well: the system
+// tells the daemon of its end a moment later than the tracer.
+void Trial::AwaitAccepting() {
+  const auto fired = [this] { return tracer_.fired(); };
+  Eventually(
+      [&] {
+        if (!IsRunning(tracer_.daemon())) return true;
+        const bool reaped = ChildrenOf(tracer_.daemon()).empty();
+        return StateOf(tracer_.daemon()) == 'S' &&
+               (reaped || tracer_.WaitFor(fired, milliseconds(0)));
+      },
+      kHang);
 }
 
 void Trial::ExpectDescriptors(std::size_t expected) {
