@@ -82,9 +82,9 @@ int ConnectOnce(int descriptor, const addrinfo& address, const Deadline& deadlin
 
 }  // namespace
 
-FrameChannel::FrameChannel(int descriptor) : descriptor_(descriptor) {
+FrameChannel::FrameChannel(Descriptor connection) : descriptor_(std::move(connection)) {
   // Every wait is in poll(), which also sees the wake-up descriptor.
-  fcntl(descriptor, F_SETFL, fcntl(descriptor, F_GETFL) | O_NONBLOCK);
+  fcntl(descriptor_.get(), F_SETFL, fcntl(descriptor_.get(), F_GETFL) | O_NONBLOCK);
 }
 
 FrameChannel FrameChannel::ConnectTo(const std::string& host, int port, milliseconds limit,
@@ -104,17 +104,17 @@ FrameChannel FrameChannel::ConnectTo(const std::string& host, int port, millisec
   const Deadline deadline = Clock::now() + limit;
   int error = 0;
   for (const addrinfo* address = addresses.get(); address != nullptr; address = address->ai_next) {
-    const int descriptor = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (descriptor < 0) throw ConnectError("No socket: " + ErrorText(errno));
-    FrameChannel channel(descriptor);
-    error = ConnectOnce(descriptor, *address, deadline, wake);
+    Descriptor connection(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!connection) throw ConnectError("No socket: " + ErrorText(errno));
+    error = ConnectOnce(connection.get(), *address, deadline, wake);
     if (error == 0) {
       // Requests are small and each waits for its answer.
       const int on = 1;
-      setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+      setsockopt(connection.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
       // A step may take hours without a byte; probes keep the connection known to firewalls, and
       // notice a dead host.
-      setsockopt(descriptor, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof(on));
+      setsockopt(connection.get(), SOL_SOCKET, SO_KEEPALIVE, &on, sizeof(on));
+      FrameChannel channel(std::move(connection));
       channel.WakeOn(wake);
       return channel;
     }

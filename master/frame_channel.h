@@ -27,8 +27,8 @@ class FrameChannel {
   /// A longer frame is not believed: its length field must be something else.
   static constexpr std::int32_t kMaxReply = 1 << 30;
 
-  /// Owns `descriptor`, a connected stream socket.
-  explicit FrameChannel(int descriptor);
+  /// `connection` is a connected stream socket.
+  explicit FrameChannel(Descriptor connection);
 
   /// Connects to the first reachable IPv4 address of `host`, the family the daemon listens on.
   /// Throws ConnectError, or Interrupted when `wake` (-1 for none) becomes readable.

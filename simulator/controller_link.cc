@@ -73,8 +73,9 @@ void ControllerLink::check(bool done, const std::string& what) const {
   if (!done) notice("Ignored: " + what);
 }
 
-ControllerLink::Ending ControllerLink::serve(int descriptor) {
-  vk_ec::Transporter transporter(descriptor);
+ControllerLink::Ending ControllerLink::serve(Descriptor connection) {
+  const int descriptor = connection.get();
+  vk_ec::Transporter transporter(connection.Release());
   manager_ = std::make_unique<Manager>(transporter);
   descriptor_ = descriptor;
   stop_.watch(descriptor);

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "base/descriptor.h"
 #include "simulator/reservoir.h"
 #include "simulator/stop_signal.h"
 #include "vk_ec/message.h"
@@ -45,9 +46,9 @@ class ControllerLink {
   ControllerLink(Reservoir& reservoir, Version version, Faults faults, StopSignal& stop,
                  Listeners listeners);
 
-  /// Serves the controller on `descriptor`, a connected stream socket that this takes over and
-  /// closes. Blocks until the run ends. A failure is an ending, and `noticed` gets its text.
-  Ending serve(int descriptor);
+  /// Serves the controller on `connection`, a connected stream socket, and closes it. Blocks until
+  /// the run ends. A failure is an ending, and `noticed` gets its text.
+  Ending serve(Descriptor connection);
 
  private:
   using Manager = vk_ec::MessageMgr;

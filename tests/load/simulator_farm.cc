@@ -8,6 +8,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "base/descriptor.h"
 #include "simulator/reservoir.h"
 #include "tests/support/ports.h"
 
@@ -125,7 +126,7 @@ void SimulatorFarm::Serve(int descriptor, int kind, simulator::StopSignal& stop)
     simulator::Reservoir reservoir(deck_);
     simulator::ControllerLink link(reservoir, simulator::ControllerLink::Version::k2017_2,
                                    FaultsOf(kind), stop, {});
-    link.serve(descriptor);
+    link.serve(Descriptor(descriptor));
   }
 }
 

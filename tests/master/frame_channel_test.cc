@@ -15,6 +15,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -56,7 +57,7 @@ class FrameChannelTest : public testing::Test {
   void Write(const std::string& hex) { WriteAll(pair_.peer.get(), Bytes(hex)); }
 
   SocketPair pair_;
-  FrameChannel channel_{pair_.ours.Release()};
+  FrameChannel channel_{std::move(pair_.ours)};
 };
 
 TEST_F(FrameChannelTest, SendsLengthThenBody) {
@@ -93,7 +94,7 @@ TEST_F(FrameChannelTest, FrameOfTenMegabytesIsReadWhole) {
 
 TEST_F(FrameChannelTest, AssignedChannelTakesTheConnectionAndClosesItsOwn) {
   SocketPair other;
-  FrameChannel second(other.ours.Release());
+  FrameChannel second(std::move(other.ours));
   Write("01000000 41");
   second = std::move(channel_);
   EXPECT_EQ(second.Receive(), "A");
@@ -109,7 +110,7 @@ TEST_F(FrameChannelTest, AssignedChannelHasTheHalfFrameThatWasReadAlready) {
   Write("03 00 00 00 41 42");
   EXPECT_THROW(channel_.Receive(Clock::now() + milliseconds(10)), master::TimedOut);
   SocketPair other;
-  FrameChannel assigned(other.ours.Release());
+  FrameChannel assigned(std::move(other.ours));
   assigned = std::move(channel_);
   Write("43");
   EXPECT_EQ(assigned.Receive(Clock::now() + std::chrono::seconds(10)), "ABC");
@@ -127,7 +128,7 @@ TEST_F(FrameChannelTest, EndInTheLengthOrTheBodyIsLinkLost) {
     SocketPair pair;
     WriteAll(pair.peer.get(), Bytes(part));
     pair.peer.Reset();
-    FrameChannel channel(pair.ours.Release());
+    FrameChannel channel(std::move(pair.ours));
     EXPECT_THROW(channel.Receive(), master::LinkLost) << part;
   }
 }
@@ -136,7 +137,7 @@ TEST_F(FrameChannelTest, NegativeOrGiganticLengthIsRefusedAtOnce) {
   for (const char* length : {"ffffffff", "00000080", "01000040"}) {
     SocketPair pair;
     WriteAll(pair.peer.get(), Bytes(length));
-    FrameChannel channel(pair.ours.Release());
+    FrameChannel channel(std::move(pair.ours));
     EXPECT_THROW(channel.Receive(), master::ProtocolError) << length;
   }
 }
@@ -331,7 +332,7 @@ std::optional<std::string> Using(int call, CallAnswer answer,
   return TextOfChild([=]() -> std::optional<std::string> {
     SocketPair pair;
     WriteAll(pair.peer.get(), Bytes("02000000 41"));
-    FrameChannel channel(pair.ours.Release());
+    FrameChannel channel(std::move(pair.ours));
     if (!AnswerCall(call, answer)) return std::nullopt;
     use(channel);
     return "done";

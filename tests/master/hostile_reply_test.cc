@@ -1,5 +1,7 @@
 #include <sys/socket.h>
 
+#include <utility>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -19,7 +21,7 @@ void Play(const Exchange& exchange, const std::string& stream, const Check& chec
   SocketPair pair;
   WriteAll(pair.peer.get(), stream);
   shutdown(pair.peer.get(), SHUT_WR);
-  master::Run run{master::FrameChannel(pair.ours.Release())};
+  master::Run run{master::FrameChannel(std::move(pair.ours))};
   check(run, exchange);
 }
 

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <stdexcept>
+#include <utility>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -35,7 +36,7 @@ class LaunchTest : public testing::Test {
   }
 
   SocketPair pair_;
-  Launch launch_{FrameChannel(pair_.ours.Release())};
+  Launch launch_{FrameChannel(std::move(pair_.ours))};
   const RunRequest request_{.cluster = "3",
                             .path = "/data",
                             .root = "CASE",
@@ -55,7 +56,7 @@ TEST_F(LaunchTest, VersionOfTheSimulatorIsSentWithoutItsDot) {
   for (const auto& [given, sent] : std::initializer_list<std::pair<const char*, const char*>>{
            {"2016.2", "20162"}, {"2017.2", "20172"}, {"20162", "20162"}, {"1.2", "1.2"}}) {
     SocketPair pair;
-    Launch launch{FrameChannel(pair.ours.Release())};
+    Launch launch{FrameChannel(std::move(pair.ours))};
     RunRequest request = request_;
     request.version = given;
     launch.Request(request);
@@ -74,7 +75,7 @@ TEST_F(LaunchTest, GreetingThatIsNoVersionIsNoDaemon) {
   for (const char* greeting : {"", "0", "SSH-2.0", "3 or so", "99999999999999999999"}) {
     SocketPair pair;
     WriteAll(pair.peer.get(), Frame(greeting));
-    Launch launch{FrameChannel(pair.ours.Release())};
+    Launch launch{FrameChannel(std::move(pair.ours))};
     EXPECT_THROW(launch.ExchangeVersions(), master::ProtocolError) << greeting;
     EXPECT_EQ(Arrived(pair.peer.get()), "") << greeting;
   }
@@ -162,7 +163,7 @@ TEST_F(LaunchTest, EarlyRefusalIsFoundThoughTheRequestCannotBeSent) {
 TEST(LaunchOverTcp, RefusalIsReadAlthoughTheDaemonLeftLinesUnread) {
   // Closing with unread bytes resets the connection; the refusal sent before is still delivered.
   TcpPair pair;
-  Launch launch{FrameChannel(pair.ours.Release())};
+  Launch launch{FrameChannel(std::move(pair.ours))};
   launch.Request({.path = "/data", .root = "CASE", .user = "alice"});
   WriteAll(pair.peer.get(), Frame("Failed to read main environment file"));
   pair.peer.Reset();
@@ -176,7 +177,7 @@ TEST(LaunchOverTcp, RefusalIsReadAlthoughTheDaemonLeftLinesUnread) {
 
 TEST(LaunchOverTcp, ResetWithoutATextIsARefusalWithoutText) {
   TcpPair pair;
-  Launch launch{FrameChannel(pair.ours.Release())};
+  Launch launch{FrameChannel(std::move(pair.ours))};
   launch.Request({.path = "/data", .root = "CASE", .user = "alice"});
   pair.peer.Reset();
   EXPECT_THROW(launch.AwaitHost(), master::LaunchRefused);

@@ -2,6 +2,7 @@
 
 #include <stdexcept>
 #include <thread>
+#include <utility>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -26,7 +27,7 @@ class RunTest : public testing::Test {
   std::string Sent() { return Arrived(pair_.peer.get()); }
 
   SocketPair pair_;
-  master::Run run_{master::FrameChannel(pair_.ours.Release())};
+  master::Run run_{master::FrameChannel(std::move(pair_.ours))};
 };
 
 class EveryRequest : public RunTest, public testing::WithParamInterface<Exchange> {};
@@ -189,7 +190,7 @@ TEST_F(RunTest, EndOfConnectionNamesTheRequestThatFailed) {
   pair_.peer.Reset();
   // A socket pair refuses to send once the peer is closed; a daemon that fails has read before.
   SocketPair pair;
-  master::Run run{master::FrameChannel(pair.ours.Release())};
+  master::Run run{master::FrameChannel(std::move(pair.ours))};
   shutdown(pair.peer.get(), SHUT_WR);
   try {
     run.RunUntil(30);

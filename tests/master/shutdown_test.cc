@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -32,7 +33,7 @@ class ShutdownTest : public testing::Test {
   }
 
   SocketPair pair_;
-  master::Run run_{master::FrameChannel(pair_.ours.Release())};
+  master::Run run_{master::FrameChannel(std::move(pair_.ours))};
 };
 
 TEST_F(ShutdownTest, IdleRunIsShutDown) {

@@ -6,6 +6,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -42,7 +43,7 @@ class ControllerLinkTest : public testing::Test {
         ControllerLink::Listeners{.stepped = nullptr, .noticed = [this](const std::string& line) {
                                     notices_ += line + "\n";
                                   }});
-    thread_ = std::thread([this] { ending_ = link_->serve(pair_.peer.Release()); });
+    thread_ = std::thread([this] { ending_ = link_->serve(std::move(pair_.peer)); });
   }
 
   /// Ends the controller's side, and tells how the link ended.
@@ -590,7 +591,7 @@ TEST_F(ControllerLinkTest, SecondContinueAdvancesByTheLongestStep) {
 TEST_F(ControllerLinkTest, LinkWithoutListenersServesAsWell) {
   Reservoir reservoir(parse_deck(decks::kBlackOil, "X.afi"));
   ControllerLink link(reservoir, ControllerLink::Version::k2017_2, {}, stop_, {});
-  thread_ = std::thread([&] { ending_ = link.serve(pair_.peer.Release()); });
+  thread_ = std::thread([&] { ending_ = link.serve(std::move(pair_.peer)); });
   SetUpRun();
   Send(wire::Mess("SHUTDOWN") + wire::Mess("END"));
   EXPECT_EQ(Hex(Receive()), Hex(wire::Mess("FINISHED") + wire::Mess("END")));

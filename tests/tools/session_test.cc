@@ -1,6 +1,7 @@
 #include "tools/vkmaster/session/session.h"
 
 #include <thread>
+#include <utility>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -23,7 +24,7 @@ using vkmaster::UsageError;
 class SessionTest : public testing::Test {
  protected:
   SessionTest()
-      : session_(master::Run(master::FrameChannel(pair_.ours.Release())), {}),
+      : session_(master::Run(master::FrameChannel(std::move(pair_.ours))), {}),
         end_(pair_.peer.get()) {
     daemon_ = std::thread([this] { run_.Serve(end_); });
     session_.Connect();

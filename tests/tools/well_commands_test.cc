@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -32,7 +33,7 @@ using vkmaster::UsageError;
 class WellCommandsTest : public testing::Test {
  protected:
   WellCommandsTest()
-      : session_(master::Run(master::FrameChannel(pair_.ours.Release())), {}),
+      : session_(master::Run(master::FrameChannel(std::move(pair_.ours))), {}),
         end_(pair_.peer.get()) {
     daemon_ = std::thread([this] { run_.Serve(end_); });
     session_.Connect();
@@ -419,7 +420,7 @@ TEST(WellCommandsWithTheOlderVersion, SourcesAreNotedAsWithoutEffect) {
   std::thread daemon([&] { run.Serve(end); });
   vkmaster::Launched launched;
   launched.request.version = "2016.2";
-  vkmaster::Session session(master::Run(master::FrameChannel(pair.ours.Release())), launched);
+  vkmaster::Session session(master::Run(master::FrameChannel(std::move(pair.ours))), launched);
   session.Connect();
   const MemoryStream stream;
   vkmaster::Output output(Form::kCsv, stream.get(), stream.get());

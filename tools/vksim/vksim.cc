@@ -9,6 +9,7 @@
 #include <exception>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
@@ -148,7 +149,7 @@ int Run(const Options& options) {
   ControllerLink link(reservoir, version, faults, stop,
                       {.stepped = [&log](const simulator::Reservoir& now) { log.Step(now); },
                        .noticed = [&log](const std::string& line) { log.Line(line); }});
-  const ControllerLink::Ending ending = link.serve(connection.Release());
+  const ControllerLink::Ending ending = link.serve(std::move(connection));
   log.Totals(reservoir);
   return Report(ending, log);
 }
