@@ -85,7 +85,7 @@ void CEnvCollection::ReadEntries(FILE* in) {
     ReadToken(in, value, sizeof(CEnv::value));
     if (name[0] == '\0') break;
     auto entry = std::make_unique<CEnv>();
-    // Both tokens are taken before either is judged, so that the pairs behind stay pairs.
+    // Both tokens are taken before either is judged, so that the pairs after it stay pairs.
     if (!Assign(entry->name, name) || !Assign(entry->value, value)) continue;
     *last = entry.release();
     last = &(*last)->next;

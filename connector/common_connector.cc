@@ -71,9 +71,9 @@ DynWellOpPt PointOf(const std::vector<double>& row) {
   return {{}, row[0], row[1], row[2], row[3], row[4], row[6], row[7], row[5]};
 }
 
-// Takes the values of all wells of an answer, one for each, and adds the wells' names to `wells`.
-// An answer with another item than the asked one is read to its end before it is refused, so that
-// the simulator is ready again.
+// Returns the words of an answer that has one word for each well, and adds the wells' names to
+// `wells`. An answer that names another item than `item` is refused, but is read to its end first,
+// so that the simulator is ready for the next request.
 Names TakeWords(WellRows<std::string> rows, const std::string& item, NameLookup::Answer& wells,
                 const char* complaint) {
   Names words;
@@ -87,8 +87,8 @@ Names TakeWords(WellRows<std::string> rows, const std::string& item, NameLookup:
 
 // Makes the points of all wells of an answer and adds the wells' names to `wells`. Each row
 // becomes a point at once: for a large field, to hold all values and all points side by side would
-// take most of a controller's memory. An answer with other items than those asked for is read to
-// its end before it is refused, so that the simulator is ready again.
+// take most of a controller's memory. An answer that names other items than `asked` is refused by
+// the caller, but is read to its end first, so that the simulator is ready for the next request.
 std::vector<DynWellOpPt> TakePoints(WellRows<double> rows, const Names& asked,
                                     NameLookup::Answer& wells) {
   const bool expected = rows.items() == asked;

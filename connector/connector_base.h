@@ -18,7 +18,8 @@
 /// and blocks until it has answered.
 ///
 /// Failures are exceptions. An answer that has not the expected shape is a `std::runtime_error`
-/// with the sentence that is given at the operation; what the client throws passes unchanged.
+/// with the sentence that stands in quotes at the operation; what the client throws passes
+/// unchanged.
 /// Before Connect() an operation that needs the client throws `std::runtime_error` "Not connected
 /// to the simulator". Integers that are returned are never error codes. Nothing converts units.
 class ConnectorBase {

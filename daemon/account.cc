@@ -52,8 +52,9 @@ std::string LinuxAccount(const std::string& windows_user, flog& log) {
   return account;
 }
 
-// Whether this process, which has just become that of `user`, can still become root. errno is
-// EPERM afterwards, for the text of the refusal.
+// Whether this process, which has just become that of `user`, can still become root. For an account
+// that is root itself the answer is no: the administrator has mapped somebody to root, and nothing
+// is left to be gained. errno is EPERM afterwards, for the text of the refusal.
 bool CanBecomeRoot(uid_t user) {
   const bool possible = user != 0 && setuid(0) == 0;
   errno = EPERM;

@@ -30,9 +30,9 @@ class Launch {
     channel_.OnWait(interval, std::move(tick));
   }
 
-  /// Reads the daemon's version and answers it. Returns the version's text. Throws LaunchRefused
-  /// when the daemon closes the connection, ProtocolError when its text is no number or 0,
-  /// LinkLost, TimedOut, Interrupted.
+  /// Reads the daemon's version, sends the master's, and returns the daemon's as it came. Throws
+  /// LaunchRefused when the daemon closes the connection, ProtocolError when the daemon's version
+  /// is no number or 0, LinkLost, TimedOut, Interrupted.
   std::string ExchangeVersions(const Deadline& deadline = {});
 
   /// Sends the seven lines. Throws std::invalid_argument, before anything is sent, when a text
@@ -45,9 +45,9 @@ class Launch {
   /// host that it runs on. Throws LaunchRefused, LinkLost, TimedOut, Interrupted.
   std::string AwaitHost(const Deadline& deadline = {});
 
-  /// Gives up a launch whose host is not known yet: leaves behind the requests to connect to the
-  /// simulator and to shut it down, which the daemon finds as soon as the simulator runs, and ends
-  /// the connection's sending side. Never throws.
+  /// Gives up a launch whose host is not known yet: sends the requests to connect to the simulator
+  /// and to shut it down, which the daemon reads as soon as the simulator runs, and ends the
+  /// connection's sending side. Never throws.
   void GiveUp();
 
   /// The connection, for Run.

@@ -9,7 +9,7 @@
 /// byte order. Every call copies from the present position and moves it on.
 ///
 /// The body's own length is not looked at: the reader of a request knows its layout, and a request
-/// that is too short is read on into what the receive buffer holds behind it. The buffer's end is
+/// that is too short is read on into what the receive buffer holds after it. The buffer's end is
 /// a border: a value that would reach past it throws std::out_of_range and leaves the position
 /// where it was.
 class getbuf {

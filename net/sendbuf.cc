@@ -20,7 +20,7 @@ void sendbuf::PrePack(int n) {
   if (n > capacity_ - used_) Grow(n);
 }
 
-// Makes room for `more` bytes behind the used ones.
+// Makes room for `more` bytes after the used ones.
 void sendbuf::Grow(std::int64_t more) {
   const std::int64_t needed = used_ + more;
   const std::int64_t grown = (needed + kStep - 1) / kStep * kStep;

@@ -40,9 +40,9 @@ class ConnectorSocketWrapper {
   /// when a request failed; `error` holds the reason of 1 and 2.
   int ProcessRequests(std::string& error);
 
-  /// Serves one request. `body` points behind the request's code, into a receive buffer of
-  /// master_link::kMaxFrame bytes. Returns 0 when the request was served or nobody knows its code,
-  /// which gets no answer; 1 with the reason in `error` when the request failed with a
+  /// Serves one request. `body` points to the bytes after the request's code, in a receive buffer
+  /// of master_link::kMaxFrame bytes. Returns 0 when the request was served or nobody knows its
+  /// code, which gets no answer; 1 with the reason in `error` when the request failed with a
   /// `std::exception`. Other exceptions pass through.
   int Handle(unsigned code, const unsigned char* body, std::string& error);
 

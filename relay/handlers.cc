@@ -26,8 +26,8 @@ using master_link::kAckSize;
 // requests have left there, and these frames must not change that.
 std::array<unsigned char, master_link::kMaxFrame> sub_request_buffer;
 
-// The fields of a request. `body` points behind the code, and the receive buffer ends where a
-// getbuf must not read on.
+// The fields of a request. `body` points to the bytes after the code, and the receive buffer ends
+// where a getbuf must not read on.
 getbuf FieldsOf(const unsigned char* body) {
   return getbuf(body, master_link::kMaxFrame - static_cast<std::int64_t>(sizeof(unsigned)));
 }

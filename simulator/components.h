@@ -29,8 +29,8 @@ struct Component {
 /// nothing. The sources of the constants are in docs/stand-in-simulator.md.
 std::optional<Component> find_component(const std::string& name);
 
-/// Binary interaction coefficient of two components, in either order; 0 for two hydrocarbons and
-/// for names that are not built in.
+/// Binary interaction coefficient of two components, in either order. It is 0 for a pair that has
+/// no entry in the table: two hydrocarbons, or a component that is not built in.
 double binary_interaction(const std::string& a, const std::string& b);
 
 }  // namespace simulator

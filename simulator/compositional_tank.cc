@@ -49,8 +49,8 @@ void CompositionalTank::update_flow(double pressure) {
   phases_ = reservoir_equation_.flash(fractions(), pressure);
   const double total = total_moles();
   const double v = phases_.vapour_fraction;
-  // Far from saturation no second phase can form, but its properties may be asked for. They are
-  // then those of what separates at the surface.
+  // Far from saturation the reservoir holds one phase, but the properties of the other may be asked
+  // for. The phase that is missing then has the composition of what separates at the surface.
   const Flash surface =
       surface_equation_.flash(v > 0 ? phases_.vapour : phases_.liquid, kStandardPressure);
   if (v <= 0 && phases_.vapour == phases_.liquid) phases_.vapour = surface.vapour;

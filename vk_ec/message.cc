@@ -126,7 +126,7 @@ unsigned char* MessageMgr::MessageBuilder::grow(std::size_t size) {
   return room.data() + std::exchange(built, built + size);
 }
 
-// Cuts off the room behind the message, and returns the buffer.
+// Cuts off the room after the message, and returns the buffer.
 MessageMgr::Buffer& MessageMgr::MessageBuilder::whole() {
   buffer().resize(manager_.built_);
   return manager_.buffer_;

@@ -100,7 +100,7 @@ class MessageMgr {
 
   Transporter& transporter_;
   Buffer buffer_;
-  std::size_t built_ = 0;  // bytes of the message being built; the buffer has room behind them
+  std::size_t built_ = 0;  // bytes of the message being built; the buffer has room after them
 };
 
 /// Appends to an out-going message. Nothing travels before `send`; a message that is not sent stays
@@ -193,8 +193,8 @@ class MessageMgr::MessageDecoder {
   template <typename T>
   void append(std::uint64_t count, std::vector<T>& values);
 
-  /// Reads a header, which has to be named `name` and to be of the type of T, and returns its data,
-  /// however many. Throws as `Header::check_expectation`.
+  /// Reads a header and returns its data, however many. Throws as `Header::check_expectation` does
+  /// when the header has another name than `name` or another type than T.
   template <typename T>
   std::vector<T> get_header_and_data(std::string_view name);
 

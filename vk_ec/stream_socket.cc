@@ -24,8 +24,8 @@ using boost::system::system_error;
 // an attempt that begins when the time is just over can succeed.
 constexpr std::chrono::milliseconds kShortestAttempt{100};
 
-// Cannot fail for an open descriptor. Asio's own open() takes no SOCK_CLOEXEC; no other thread
-// forks before the flag is set.
+// Asio's open() has no way to ask for SOCK_CLOEXEC. Setting the flag afterwards is as good: it
+// cannot fail for an open descriptor, and nothing in this process forks in between.
 void close_on_exec(int descriptor) {
   fcntl(descriptor, F_SETFD, FD_CLOEXEC);
 }
@@ -48,8 +48,8 @@ struct StreamSocket::Impl {
   tcp::socket socket{io};
   tcp::resolver::results_type endpoints;
 
-  // Bytes that were received behind those asked for, mostly the length of the next chunk or a whole
-  // small message. Larger chunks are received straight into the caller's memory.
+  // Bytes that were received beyond those asked for: mostly the length of the next chunk, or a
+  // whole small message. Larger chunks are received straight into the caller's memory.
   std::array<unsigned char, 4096> ahead_bytes{};
   asio::const_buffer ahead;
 };

@@ -17,7 +17,7 @@ struct Table {
 /// The same content for every way to carry it. `state` has the numbers of wells and items.
 Table MakeTable(const benchmark::State& state);
 
-/// What a receiver keeps of it: the values of all rows, one behind the other.
+/// What a receiver keeps of it: the values of all rows, one after the other.
 struct Received {
   std::vector<std::string> wells;
   std::vector<double> values;

@@ -32,7 +32,7 @@ struct Flow {
 /// The set-up that comes before every flow: the request that connects to the simulator.
 Step SetUp();
 
-/// The handshake as the master sends it, behind the daemon's version, for a run in `path`.
+/// The handshake as the master sends it, after the daemon's version, for a run in `path`.
 std::string RunRequest(const std::string& path);
 
 /// Writes what bench_floor does for its one connection: `set_up` once, then the flow's steps for

@@ -195,7 +195,7 @@ double PageFaults(pid_t pid) {
   std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
   std::string line;
   std::getline(in, line);
-  // Behind the name, which may hold anything: state, six numbers, flags, and these.
+  // After the name, which may hold anything: state, six numbers, flags, and these.
   std::istringstream fields(line.substr(line.rfind(')') + 1));
   std::string field;
   for (int i = 0; i < 8; ++i) fields >> field;

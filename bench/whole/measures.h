@@ -62,7 +62,7 @@ FlowCounts CountFlow(const Flow& learned, const Step& set_up, int repeats);
 
 /// In KiB.
 struct Memory {
-  long idle = 0;            ///< proportional set size behind the launch, as one of twenty
+  long idle = 0;            ///< proportional set size after the launch, as one of twenty
   long idle_private = 0;    ///< of that, what is not shared
   long worked_private = 0;  ///< private memory after the flow
 };

@@ -60,7 +60,7 @@ of_this_run() {
   ! grep -qszxF -- "JOBMILL_RUN=$mark" "/proc/$process/environ" || return 0
   while ((process > 1 && process != $2)); do
     read -r stat 2>/dev/null <"/proc/$process/stat" || return
-    read -r _ process _ <<<"${stat##*) }"  # behind the name: state, parent
+    read -r _ process _ <<<"${stat##*) }"  # after the name: state, parent
   done
   ((process == $2))
 }
@@ -90,7 +90,7 @@ simulator_listens() {
 read_parent() {
   local stat
   read -r stat <"/proc/$$/stat"
-  read -r _ parent _ <<<"${stat##*) }"  # behind the name: state, parent
+  read -r _ parent _ <<<"${stat##*) }"  # after the name: state, parent
 }
 
 running() { kill -0 "$1" 2>/dev/null; }
@@ -655,7 +655,7 @@ run_on_cluster() {
   say "job $job ($job_name) is submitted"
   await_simulator
   echo "HOST=$host"
-  # Nobody reads on behind the host line: a process that goes on printing would fill the pipe and stop
+  # Nobody reads on after the host line: a process that goes on printing would fill the pipe and stop
   # for ever.
   exec </dev/null >/dev/null 2>&1
   watch

@@ -11,7 +11,7 @@ namespace vkmaster {
 
 class Interrupt;
 
-/// The words that begin with `begin` and make sense behind the text `before`: commands where a
+/// The words that begin with `begin` and make sense after the text `before`: commands where a
 /// command is due, else what the command takes. `wells` gives the wells' names; it is called only
 /// for commands that take wells.
 std::vector<std::string> Completions(const std::string& before, const std::string& begin,

@@ -13,7 +13,7 @@ Result EOSResult(Session& session);
 Action ParseSource(const Words& arguments);       // WELL SOURCE
 Action ParseComposition(const Words& arguments);  // SOURCE FRACTION... or SOURCE NAME=FRACTION...
 
-/// A source as it was typed behind composition, its fractions in component order or by component.
+/// A source as it was typed after composition, its fractions in component order or by component.
 struct SourceComposition {
   std::string source;
   std::vector<double> fractions;

@@ -7,7 +7,7 @@
 
 namespace vkmaster {
 
-// The commands on wells. Each parser gets the words behind the command's name and throws UsageError
+// The commands on wells. Each parser gets the words after the command's name and throws UsageError
 // when it does not take them.
 
 Action ParseWells(const Words& arguments);  // [WELLS]
@@ -19,7 +19,7 @@ Action ParseSetStatus(const Words& arguments);  // STATUS WELLS
 Action ParseUptime(const Words& arguments);     // WELLS FRACTION
 Action ParseConstrain(const Words& arguments);  // WELLS NAME=VALUE... ...
 
-/// Wells as they were typed behind constrain, and the limits for each of them.
+/// Wells as they were typed after constrain, and the limits for each of them.
 struct ConstraintGroup {
   Words wells;
   std::vector<std::string> names;  ///< the simulator's

@@ -14,8 +14,9 @@ namespace vkmaster {
 
 enum class Form { kText, kJson, kCsv };
 
-/// Writes `text` for the engineer and flushes it. A failed write is ignored: when the terminal has
-/// been closed, the run still has to be shut down.
+/// Writes `text` and flushes it. A failed write is ignored, because the run has to be shut down
+/// even when nobody reads any more: the terminal has been closed, or the other end of the pipe is
+/// gone.
 void Tell(std::FILE* to, const std::string& text);
 
 /// Writes results to a stream, complete and flushed one by one, so that a program on the other

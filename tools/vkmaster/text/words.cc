@@ -97,7 +97,7 @@ std::vector<Words> SplitCommands(const Words& words) {
 }
 
 bool Matches(std::string_view pattern, std::string_view name) {
-  // Whenever the pattern behind the last star does not fit, the star takes one character more.
+  // Whenever the pattern after the last star does not fit, the star takes one character more.
   std::size_t p = 0;
   std::size_t n = 0;
   std::size_t star = std::string_view::npos;
