@@ -53,8 +53,12 @@ TEST_F(LaunchTest, VersionThreeIsAnsweredWithThree) {
 }
 
 TEST_F(LaunchTest, VersionOfTheSimulatorIsSentWithoutItsDot) {
-  for (const auto& [given, sent] : std::initializer_list<std::pair<const char*, const char*>>{
-           {"2016.2", "20162"}, {"2017.2", "20172"}, {"20162", "20162"}, {"1.2", "1.2"}}) {
+  for (const auto& [given, sent] :
+       std::initializer_list<std::pair<const char*, const char*>>{{"2016.2", "20162"},
+                                                                  {"2017.2", "20172"},
+                                                                  {"20162", "20162"},
+                                                                  {"1.2", "1.2"},
+                                                                  {"201722", "201722"}}) {
     SocketPair pair;
     Launch launch{FrameChannel(std::move(pair.ours))};
     RunRequest request = request_;

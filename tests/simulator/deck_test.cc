@@ -169,6 +169,8 @@ INSTANTIATE_TEST_SUITE_P(
                 "[well]\n[black_oil]", "X.afi:17: \"well\" must be written as [[well]] sections"},
         BadDeck{"WellsThatAreNumbers", decks::kBlackOilHead, "[run]", "well = [1]\n[run]",
                 "X.afi:1: \"well\" must be written as [[well]] sections"},
+        BadDeck{"WellsThatAreNone", decks::kBlackOilHead, "[run]", "well = []\n[run]",
+                "X.afi:1: \"well\" must be written as [[well]] sections"},
         BadDeck{"TwoEnds", kBlackOil, "end_time = 3650", "end_time = 3650\nend = 2021-02-27",
                 "X.afi:5: \"end_time\" and \"end\" exclude each other"},
         BadDeck{"EndBeforeTheStart", kBlackOil, "end_time = 3650", "end = 2020-02-27",
