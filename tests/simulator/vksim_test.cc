@@ -345,6 +345,12 @@ TEST_F(VksimTest, NumbersOfOptionsAreTakenUpToTheirLimits) {
   EXPECT_EQ(status("--step-delay", "3600001"), 2);
 }
 
+TEST_F(VksimTest, VersionIsThatOfTheProject) {
+  Program program({"--version"});
+  EXPECT_EQ(program.Finish(), 0);
+  EXPECT_EQ(program.seen(), "vksim " JOBMILL_VERSION "\n");
+}
+
 TEST_F(VksimTest, HelpIsNotAnErrorAndHasTheDefaults) {
   Program program({"--help"});
   EXPECT_EQ(program.Finish(), 0);

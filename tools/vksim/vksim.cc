@@ -161,6 +161,7 @@ int main(int argc, char** argv) {
     CLI::App app("A stand-in for the reservoir simulator, driven by an external controller");
     Options options;
     Declare(app, options);
+    app.set_version_flag("--version", "vksim " JOBMILL_VERSION);
     try {
       app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
