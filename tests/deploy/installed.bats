@@ -12,8 +12,9 @@ teardown() { rm -rf "$work"; }
 @test "TreeHasProgramsScriptsAndMeasures" {
   install_to "$work" /opt/jobmill >"$work/install.txt"
   cd "$work/opt/jobmill"
-  find . ! -type d ! -path './share/doc/*' -printf '%P\n' | sort >"$work/files"
+  find . ! -type d ! -path './share/doc/*' ! -path './share/man/*' -printf '%P\n' | sort >"$work/files"
   diff - "$work/files" <<'FILES'
+bin/jobmillctl
 bin/vkjobmill.exe
 bin/vkmaster
 bin/vkmpi_dir.sh
