@@ -7,13 +7,17 @@
 include(GNUInstallDirs)
 set(JOBMILL_UNITS lib/systemd/system CACHE STRING
   "Where the units are installed with JOBMILL_PACKAGE")
+set(JOBMILL_ZSH_COMPLETIONS share/zsh/site-functions CACHE STRING
+  "Where the completion of zsh is installed with JOBMILL_PACKAGE")
 set(jobmill_shared ${CMAKE_INSTALL_DATADIR}/jobmill)
 if(JOBMILL_PACKAGE)
   set(jobmill_programs lib/jobmill)
   set(jobmill_units ${JOBMILL_UNITS})
+  set(jobmill_zsh ${JOBMILL_ZSH_COMPLETIONS})
 else()
   set(jobmill_programs ${CMAKE_INSTALL_BINDIR})
   set(jobmill_units ${jobmill_shared}/systemd)
+  set(jobmill_zsh ${CMAKE_INSTALL_DATADIR}/zsh/site-functions)
 endif()
 
 # jobmill_install_link(DIRECTORY NAME TARGET COMPONENT)
@@ -35,4 +39,15 @@ function(jobmill_install_program target component directory)
     endif()
     jobmill_install_link(${directory} ${name} ../lib/jobmill/${name} ${component})
   endif()
+endfunction()
+
+# jobmill_install_completion(PROGRAM COMPONENT): for a program that says by --complete what may come
+# next on its command line.
+function(jobmill_install_completion program component)
+  set(completion ${CMAKE_CURRENT_BINARY_DIR}/completion)
+  configure_file(${PROJECT_SOURCE_DIR}/deploy/completion/bash.in ${completion}/${program} @ONLY)
+  configure_file(${PROJECT_SOURCE_DIR}/deploy/completion/zsh.in ${completion}/_${program} @ONLY)
+  install(FILES ${completion}/${program}
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT ${component})
+  install(FILES ${completion}/_${program} DESTINATION ${jobmill_zsh} COMPONENT ${component})
 endfunction()

@@ -43,6 +43,7 @@ TRIED_BY = {
     "sections/": ["sections_test"],
     "daemon/": ["daemon_test", "system_test", "hazard_test"],
     "inspect/": ["inspect_test"],
+    "tools/completion/": ["tools_test"],
     "tools/jobmillctl/": ["jobmillctl_test"],
     "tools/vkmaster/": ["tools_test"],
     "tools/vksim/": ["simulator_test:Vksim*"],
@@ -59,8 +60,8 @@ TRIED_BY = {
 }
 # The programs that tests start. Those of these folders hold the change as well.
 STARTED_BY_TESTS = {"vkjobmill.exe", "vkmaster", "vksim", "jobmillctl", "climber"}
-STARTED = {"daemon/": "vkjobmill.exe", "tools/jobmillctl/": "jobmillctl",
-           "tools/vkmaster/": "vkmaster", "tools/vksim/": "vksim"}
+STARTED = {"daemon/": "vkjobmill.exe", "tools/completion/": "vkmaster",
+           "tools/jobmillctl/": "jobmillctl", "tools/vkmaster/": "vkmaster", "tools/vksim/": "vksim"}
 
 # A test that takes longer than this waits for something; those run last, side by side.
 SLOW_SECONDS = 0.25

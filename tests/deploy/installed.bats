@@ -12,13 +12,16 @@ teardown() { rm -rf "$work"; }
 @test "TreeHasProgramsScriptsAndMeasures" {
   install_to "$work" /opt/jobmill >"$work/install.txt"
   cd "$work/opt/jobmill"
-  find . ! -type d ! -path './share/doc/*' ! -path './share/man/*' -printf '%P\n' | sort >"$work/files"
+  find . ! -type d ! -path './share/doc/*' ! -path './share/man/*' \
+    -printf '%P\n' | sort >"$work/files"
   diff - "$work/files" <<'FILES'
 bin/jobmillctl
 bin/vkjobmill.exe
 bin/vkmaster
 bin/vkmpi_dir.sh
 bin/vksim
+share/bash-completion/completions/jobmillctl
+share/bash-completion/completions/vkmaster
 share/jobmill/before-start
 share/jobmill/describe.sh
 share/jobmill/examples/COMP.afi
@@ -38,6 +41,8 @@ share/jobmill/systemd/confined.conf
 share/jobmill/systemd/jobmill-logrotate.timer
 share/jobmill/systemd/jobmill.service
 share/jobmill/systemd/jobmill@.service
+share/zsh/site-functions/_jobmillctl
+share/zsh/site-functions/_vkmaster
 FILES
   [[ $(readlink -f bin/vkmpi_dir.sh) == "$PWD/share/jobmill/scripts/local" ]]
   # Readable by everybody, writable by their owner alone.

@@ -42,7 +42,8 @@ names=(jobmill jobmill-client jobmill-simulator)
 # What a Debian package and an RPM put where, but for the places on which the systems do not agree.
 tree() {
   (cd "$1" && find . -mindepth 1 \( -type l -printf '%p -> %l\n' -o -type f -printf '%p %m\n' \)) |
-    sed -e 's:^\./lib/systemd:./usr/lib/systemd:' -e '\:/usr/share/\(doc\|lintian\)/:d' | sort
+    sed -e 's:^\./lib/systemd:./usr/lib/systemd:' -e 's:/zsh/vendor-completions/:/zsh/site-functions/:' \
+      -e '\:/usr/share/\(doc\|lintian\)/:d' | sort
 }
 
 @test "RpmsHoldWhatTheDebianPackagesHold" {

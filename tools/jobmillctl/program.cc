@@ -6,6 +6,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "tools/completion/completion.h"
 #include "tools/jobmillctl/command.h"
 
 namespace jobmillctl {
@@ -22,6 +23,10 @@ int RunProgram(int argc, const char* const* argv) {
     app.require_subcommand(1);
     Action chosen;
     for (const Declare declare : kCommands) declare(app, chosen);
+    if (const auto words = completion::Asked(argc, argv)) {
+      completion::Print(completion::Complete(app, *words));
+      return kOk;
+    }
     try {
       app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

@@ -4,10 +4,13 @@
 
 #include <map>
 #include <memory>
+#include <string_view>
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
+#include "tools/completion/completion.h"
+#include "tools/vkmaster/command_line/prompt.h"
 #include "tools/vkmaster/commands/registry.h"
 #include "tools/vkmaster/plans/plan.h"
 #include "tools/vkmaster/text/usage_error.h"
@@ -73,11 +76,13 @@ void AddLaunchOptions(CLI::App& app, Options& options) {
       ->group(group)
       ->check(CLI::Range(1, 65535))
       ->envname("VKMASTER_PORT");
-  text("--path", options.run.path, "data directory of the run, on the daemon's side");
+  text("--path", options.run.path, "data directory of the run, on the daemon's side")
+      ->type_name("DIR");
   text("--root", options.run.root, "name of the model, without extension");
   text("--processes", options.run.processes, "processes of the simulator")
       ->check(CLI::PositiveNumber);
-  text("--api", options.run.version, "version of the simulator: 2016.2 or 2017.2")
+  text("--api", options.run.version, "version of the simulator")
+      ->type_name("{2016.2,2017.2}")
       ->check(CLI::NonNegativeNumber)
       ->envname("VKMASTER_API");
   text("--user", options.run.user, "Windows user name")->envname("VKMASTER_USER");
@@ -87,22 +92,24 @@ void AddLaunchOptions(CLI::App& app, Options& options) {
 }
 
 void AddOtherOptions(CLI::App& app, Options& options) {
-  app.add_option("--file", options.file, "read the commands from a file; - is standard input");
+  app.add_option("--file", options.file, "read the commands from a file; - is standard input")
+      ->type_name("FILE");
   app.add_flag_callback(
       "--json", [&options] { options.form = Form::kJson; },
       "one JSON object a result, a line each");
   app.add_flag_callback(
       "--csv", [&options] { options.form = Form::kCsv; }, "results as CSV");
   app.add_option_function<std::string>(
-      "--step",
-      [&options](const std::string& word) {
-        try {
-          options.step = ParseStep(word);
-        } catch (const UsageError& error) {
-          throw CLI::ValidationError("--step", error.what());
-        }
-      },
-      "step of advances that name none: days, daily, weekly, monthly, quarterly, yearly");
+         "--step",
+         [&options](const std::string& word) {
+           try {
+             options.step = ParseStep(word);
+           } catch (const UsageError& error) {
+             throw CLI::ValidationError("--step", error.what());
+           }
+         },
+         "step of advances that name none")
+      ->type_name("DAYS|{daily,weekly,monthly,quarterly,yearly}");
   app.add_flag_callback(
       "--no-connect", [&options] { options.connect = false; },
       "leave connecting to the simulator to the command connect");
@@ -119,6 +126,28 @@ void AddOtherOptions(CLI::App& app, Options& options) {
              "seconds to wait for the shutdown at the end");
 }
 
+// The commands after the options are completed as at the prompt, but without the wells: there is
+// no run yet.
+completion::Answer CompleteCommands(const Words& words) {
+  if (words.size() == 2 && words[0] == "run") return {{}, "files"};
+  const Words before(words.begin(), words.end() - 1);
+  completion::Answer answer;
+  for (const std::string& word :
+       Completions(Join(before), words.back(), [] { return std::vector<std::string>(); })) {
+    answer.candidates.push_back({word, ""});
+  }
+  if (!before.empty() && before.back() != "then") return answer;
+  for (completion::Candidate& candidate : answer.candidates) {
+    for (const CommandHelp& help : CommandList()) {
+      if (help.name == candidate.word) candidate.help = help.help;
+    }
+  }
+  if (before.empty() && std::string_view("run").starts_with(words.back())) {
+    answer.candidates.push_back({"run", "carry out a plan"});
+  }
+  return answer;
+}
+
 // `given` receives the names of the options that the command line, the environment or the --config
 // file sets.
 std::optional<int> Parse(int argc, const char* const* argv, Options& options,
@@ -127,10 +156,15 @@ std::optional<int> Parse(int argc, const char* const* argv, Options& options,
   AddLaunchOptions(app, options);
   AddOtherOptions(app, options);
   app.set_version_flag("--version", "vkmaster " JOBMILL_VERSION);
-  app.set_config("--config", "", "read options from a file of lines like port=5000");
+  app.set_config("--config", "", "read options from a file of lines like port=5000")
+      ->type_name("FILE");
   app.prefix_command();
   app.formatter(std::make_shared<HelpFormatter>());
   app.footer(HelpText() + kPlanHelp + "\n" + kFooter);
+  if (const auto words = completion::Asked(argc, argv)) {
+    completion::Print(completion::Complete(app, *words, CompleteCommands));
+    return kOk;
+  }
   try {
     app.parse(argc, argv);
     options.words = app.remaining();
