@@ -142,6 +142,36 @@ journal_has() { inside journalctl --unit jobmill --output cat | grep -q "$1"; }
   [[ $(inside stat -c '%U:%G %a' /var/log/jobmill) == 'root:adm 750' ]]
 }
 
+# The process that listens on a port.
+listener_of() { inside ss --listening --tcp --numeric --processes sport = ":$1" | grep -oP 'pid=\K[0-9]+'; }
+
+@test "OperationsPageIsCarriedOut" {
+  local block said=$BATS_TEST_TMPDIR/said
+  awk -v file="$BATS_TEST_TMPDIR/block" '
+    sub(/^    /, "") { if (!inside) count++; inside = 1; print >(file count); next }
+    { inside = 0 }' "$root_directory/docs/operations.md"
+  for block in $(find "$BATS_TEST_TMPDIR" -name 'block*' | sort --version-sort); do
+    echo "${block##*/}"
+    if grep -q vkjobmill.exe "$block"; then
+      inside sh -ex <"$block" >"$said" 2>&1 3>&- 4>&- &
+      eventually 10 listener_of 5002
+      inside kill "$(listener_of 5002)"
+      wait $! || true
+      grep -q '^Daemon started: ' "$said"
+      inside rm /var/log/VKJobmill_5002.log
+    else
+      cp "$block" "$BATS_TEST_TMPDIR/commands"
+      run_commands /
+    fi
+    cat "$said" >>"$BATS_TEST_TMPDIR/all"
+  done
+  [[ $block == */block6 ]]
+  grep -qE 'Active: active \(running\)' "$BATS_TEST_TMPDIR/all"
+  grep -qE '^Arguments: .*-p 5000 -s /etc/jobmill/script' "$BATS_TEST_TMPDIR/all"
+  # The last lines of the comms log of the first run.
+  grep -q '^Process loop has exited naturally' "$said"
+}
+
 @test "RunGoesOnThroughARestart" {
   launch TENWELLS
   local simulator daemon
