@@ -31,4 +31,6 @@ using Action = std::function<int()>;
 /// function and sets `chosen` when one of them is named. program.cc lists them.
 using Declare = void (*)(CLI::App& app, Action& chosen);
 
+void DeclareCheck(CLI::App& app, Action& chosen);
+
 }  // namespace jobmillctl

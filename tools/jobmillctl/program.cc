@@ -1,6 +1,5 @@
 #include "tools/jobmillctl/program.h"
 
-#include <array>
 #include <cstdio>
 #include <exception>
 
@@ -12,7 +11,7 @@
 namespace jobmillctl {
 namespace {
 
-constexpr std::array<Declare, 0> kCommands{};
+constexpr Declare kCommands[] = {DeclareCheck};
 
 }  // namespace
 

@@ -1,0 +1,28 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace inspect {
+
+/// What a regular file holds. Nothing, with errno set, when it cannot be read: EINVAL when it is no
+/// regular file, EFBIG above 16 MiB. Waits for no pipe and touches no device.
+std::optional<std::string> ReadFile(const std::string& name);
+
+/// The lines of a text, without their ends. A last line needs none.
+std::vector<std::string_view> Lines(std::string_view text);
+
+/// The name of a file after all links in it, or the name as it is where there is nothing.
+std::string RealName(const std::string& name);
+
+/// `text` with everything but printable ASCII as \xNN. What files hold must not command a terminal.
+std::string Printable(std::string_view text);
+
+/// Whether somebody but root and this process's account can change what `name`, a file without
+/// links in its path, holds, or put another file in its place. Says how: "has the mode 0666",
+/// "belongs to account 1000"; empty when nobody can.
+std::string WritableBy(const std::string& name, bool own_account);
+
+}  // namespace inspect

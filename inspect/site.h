@@ -1,0 +1,58 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "config/options.h"
+#include "inspect/finding.h"
+
+namespace inspect {
+
+/// What a daemon started with certain options would use. Names of files are absolute.
+struct Site {
+  std::string name;           ///< "jobmill" for jobmill.conf; empty: the options are given directly
+  std::string configuration;  ///< the file that the options are read from; empty: given directly
+  std::int64_t line = 0;      ///< where they stand in it; 0 where it has none
+  int error = 0;              ///< why it could not be read, as in errno; all below is empty then
+
+  std::vector<std::string> words;  ///< what the daemon gets behind its own name
+  Options options;                 ///< as the daemon understands them
+  std::string script;              ///< the one that it starts; relative as it is given
+
+  std::string program;    ///< the daemon's executable, without links
+  std::string directory;  ///< its working directory
+
+  /// What its environment has at its start, as far as that is known.
+  std::map<std::string, std::string> environment;
+
+  /// The file that the daemon looks for under `file` beside its executable.
+  std::string BesideProgram(const std::string& file) const;
+
+  /// The script's name from the root directory on.
+  std::string ScriptFile() const;
+};
+
+/// Where the units' configuration files lie.
+inline constexpr const char* kConfigurationDirectory = "/etc/jobmill";
+
+/// The site of a daemon that is started by hand, here and now: with this process's environment
+/// and working directory.
+Site SiteOf(const std::vector<std::string>& words, const std::string& program);
+
+/// The site of a daemon that the unit starts with `directory`/`name`.conf, read as systemd reads
+/// it.
+Site SiteOf(const std::string& directory, const std::string& name, const std::string& program);
+
+/// The variables that an environment file of systemd sets, each with the line on which it begins.
+struct Assignment {
+  std::string value;
+  std::int64_t line = 0;
+};
+std::map<std::string, Assignment> ReadAssignments(const std::string& text);
+
+/// The words that systemd makes of a variable that stands as "$NAME" in a command.
+std::vector<std::string> SplitWords(const std::string& value);
+
+}  // namespace inspect

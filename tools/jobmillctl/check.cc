@@ -1,0 +1,163 @@
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <iterator>
+#include <memory>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+#include "inspect/file.h"
+#include "inspect/options.h"
+#include "inspect/site.h"
+#include "tools/jobmillctl/command.h"
+#include "tools/jobmillctl/site_options.h"
+
+namespace jobmillctl {
+namespace {
+
+using inspect::Finding;
+using inspect::Findings;
+using inspect::Severity;
+using inspect::Site;
+
+using Area = Findings (*)(const Site& site);
+
+/// What is judged of each site.
+constexpr Area kAreas[] = {inspect::CheckOptions};
+
+constexpr Severity kSeverities[] = {Severity::kError, Severity::kWarning, Severity::kUnchecked};
+
+/// What is wrong at all `sites`, the worst first. What is wrong with a file that several of them
+/// use is told once.
+Findings Judge(const std::vector<Site>& sites) {
+  Findings findings;
+  for (const Site& site : sites) {
+    for (const Area area : kAreas) std::ranges::move(area(site), std::back_inserter(findings));
+  }
+  const auto key = [](const Finding& finding) {
+    return std::tie(finding.severity, finding.file, finding.line, finding.id, finding.what);
+  };
+  std::ranges::stable_sort(findings, {}, key);
+  const auto same = std::ranges::unique(findings, {}, key);
+  findings.erase(same.begin(), same.end());
+  return findings;
+}
+
+std::ptrdiff_t Count(const Findings& findings, Severity severity) {
+  return std::ranges::count(findings, severity, &Finding::severity);
+}
+
+/// The counts in words: "2 errors, 1 warning".
+std::string Summary(const Findings& findings) {
+  std::vector<std::string> counts;
+  for (const Severity severity : kSeverities) {
+    const auto count = Count(findings, severity);
+    const char* plural = count == 1 || severity == Severity::kUnchecked ? "" : "s";
+    if (count > 0) counts.push_back(fmt::format("{} {}{}", count, Name(severity), plural));
+  }
+  return counts.empty() ? "nothing found" : fmt::format("{}", fmt::join(counts, ", "));
+}
+
+/// What was judged, with the options as the daemon understands them.
+std::string Described(const Site& site) {
+  const Options& options = site.options;
+  std::string text = site.configuration.empty() ? "the given options" : site.configuration;
+  if (site.error != 0) return text;
+  text += fmt::format(" (port {}, script {}, comms ports {} to {}, {} s to start",
+                      options.listen_port, site.script, options.comms_base_port,
+                      std::int64_t{options.comms_base_port} + options.comms_ports - 1,
+                      options.start_timeout);
+  if (options.comms_log) text += ", comms logs";
+  if (!options.run_as_root) text += ", runs under the daemon's account";
+  return text + ")";
+}
+
+void Print(const std::string& line) {
+  fmt::print("{}\n", inspect::Printable(line));
+}
+
+void PrintLines(const std::vector<Site>& sites, const Findings& findings) {
+  for (const Finding& finding : findings) {
+    std::string place = finding.file;
+    if (finding.line > 0) place += fmt::format(":{}", finding.line);
+    if (!place.empty()) place += ": ";
+    Print(fmt::format("{}: {}{}; {}; {} [{}]", Name(finding.severity), place, finding.what,
+                      finding.consequence, finding.remedy, finding.id));
+  }
+  std::vector<std::string> judged;
+  std::ranges::transform(sites, std::back_inserter(judged), Described);
+  Print(fmt::format("{} in {}", Summary(findings), fmt::join(judged, " and ")));
+}
+
+void PrintJson(const std::vector<Site>& sites, const Findings& findings) {
+  using Json = nlohmann::ordered_json;
+  Json document{{"schema", 1}, {"version", JOBMILL_VERSION}};
+  document["sites"] = Json::array();
+  for (const Site& site : sites) {
+    const Options& options = site.options;
+    Json judged{{"name", site.name}, {"configuration", site.configuration}};
+    if (site.error == 0) {
+      judged["words"] = site.words;
+      judged["port"] = options.listen_port;
+      judged["script"] = site.script;
+      judged["comms_base_port"] = options.comms_base_port;
+      judged["comms_ports"] = options.comms_ports;
+      judged["start_timeout"] = options.start_timeout;
+      judged["comms_log"] = options.comms_log;
+      judged["as_root"] = options.run_as_root;
+    }
+    document["sites"].push_back(std::move(judged));
+  }
+  for (const Severity severity : kSeverities) {
+    document["counts"][Name(severity)] = Count(findings, severity);
+  }
+  document["findings"] = Json::array();
+  for (const Finding& finding : findings) {
+    document["findings"].push_back({{"id", finding.id},
+                                    {"severity", Name(finding.severity)},
+                                    {"file", finding.file},
+                                    {"line", finding.line},
+                                    {"what", finding.what},
+                                    {"consequence", finding.consequence},
+                                    {"remedy", finding.remedy}});
+  }
+  // ASCII alone: no byte of a file commands a terminal, and none makes the document invalid.
+  fmt::print("{}\n", document.dump(2, ' ', true, Json::error_handler_t::replace));
+}
+
+int Check(const SiteOptions& given, bool json) {
+  const std::vector<Site> sites = given.Sites();
+  const Findings findings = Judge(sites);
+  if (json) {
+    PrintJson(sites, findings);
+  } else {
+    PrintLines(sites, findings);
+  }
+  return Count(findings, Severity::kError) == 0 ? kOk : kNotGood;
+}
+
+}  // namespace
+
+void DeclareCheck(CLI::App& app, Action& chosen) {
+  struct Given {
+    SiteOptions site;
+    bool json = false;
+  };
+  const auto given = std::make_shared<Given>();
+  CLI::App* command = app.add_subcommand(
+      "check", "Say what is wrong with the configuration of a daemon, and change nothing");
+  given->site.Declare(*command);
+  command->add_flag("--json", given->json, "Print one JSON document");
+  command->callback([given, &chosen] {
+    given->site.Validate();
+    chosen = [given] { return Check(given->site, given->json); };
+  });
+}
+
+}  // namespace jobmillctl

@@ -1,0 +1,57 @@
+#include "tools/jobmillctl/site_options.h"
+
+#include <algorithm>
+#include <filesystem>
+
+#include <CLI/CLI.hpp>
+
+#include "inspect/file.h"
+
+namespace jobmillctl {
+namespace {
+
+bool IsOption(const std::string& word) {
+  return word.starts_with('-');
+}
+
+}  // namespace
+
+void SiteOptions::Declare(CLI::App& command) {
+  command.add_option(
+      "NAME", words_,
+      "Daemons, by their configuration files NAME.conf (default: jobmill); or, behind "
+      "\"--\", the options of a daemon that would be started here");
+  command.add_option("--program", program_,
+                     "The daemon's executable (default: vkjobmill.exe beside this program)");
+  command.add_option("--configuration", directory_, "Where the configuration files lie")
+      ->capture_default_str();
+}
+
+void SiteOptions::Validate() const {
+  if (OptionsAreGiven()) return;
+  for (const std::string& word : words_) {
+    if (IsOption(word))
+      throw CLI::ValidationError(word, "options stand behind \"--\", without names");
+    if (word.empty() || word.find('/') != std::string::npos) {
+      throw CLI::ValidationError(word, "a name is what stands before .conf");
+    }
+  }
+}
+
+std::vector<inspect::Site> SiteOptions::Sites() const {
+  const std::string beside =
+      std::filesystem::path(inspect::RealName("/proc/self/exe")).parent_path() / "vkjobmill.exe";
+  const std::string program = program_.empty() ? beside : program_;
+  if (OptionsAreGiven()) return {inspect::SiteOf(words_, program)};
+  std::vector<inspect::Site> sites;
+  for (const std::string& name : words_.empty() ? std::vector<std::string>{"jobmill"} : words_) {
+    sites.push_back(inspect::SiteOf(directory_, name, program));
+  }
+  return sites;
+}
+
+bool SiteOptions::OptionsAreGiven() const {
+  return !words_.empty() && IsOption(words_.front());
+}
+
+}  // namespace jobmillctl

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "inspect/site.h"
+
+namespace CLI {
+class App;
+}
+
+namespace jobmillctl {
+
+/// The part of a command line that says which daemons are meant.
+class SiteOptions {
+ public:
+  void Declare(CLI::App& command);
+
+  /// Throws CLI::ValidationError when what was given has no meaning.
+  void Validate() const;
+
+  /// One for each NAME, jobmill without any; or the one of the options behind "--".
+  std::vector<inspect::Site> Sites() const;
+
+ private:
+  bool OptionsAreGiven() const;
+
+  std::vector<std::string> words_;
+  std::string program_;
+  std::string directory_ = inspect::kConfigurationDirectory;
+};
+
+}  // namespace jobmillctl
