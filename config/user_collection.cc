@@ -103,3 +103,17 @@ void CVKUserCollection::LogOut(flog* log) const {
          << "\n";
   }
 }
+
+std::string NotFoundText(const std::string& windows_user) {
+  return std::string("Windows user '") + windows_user.c_str() +
+         "' not found in administration file";
+}
+
+std::string NotAllowedText(const std::string& windows_user) {
+  return std::string("Windows user '") + windows_user.c_str() +
+         "' does not have permissions to run Varnok";
+}
+
+std::string NoAccountText(const std::string& account) {
+  return std::string("Failed to get password entry for '") + account.c_str() + "'";
+}

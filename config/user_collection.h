@@ -7,6 +7,7 @@
 // what judges an installation from outside has to read as the daemon does.
 
 #include <cstdint>
+#include <string>
 
 class flog;
 
@@ -44,6 +45,10 @@ class CVKUserCollection {
   /// there is neither. The collection keeps it.
   CVKUser* GetUser(const char* windows_user);
 
+  /// The record of the file's first line, and through `next` those of the lines below it, one each;
+  /// null when there is none. The collection keeps them.
+  const CVKUser* first() const { return first_; }
+
   /// Lists the records in the log.
   void LogOut(flog* log) const;
 
@@ -52,3 +57,9 @@ class CVKUserCollection {
  private:
   CVKUser* first_ = nullptr;
 };
+
+/// What a master is told whose user the file does not let in, or whose account is none of this
+/// machine's. Names end at their first zero byte, as for the look-ups.
+std::string NotFoundText(const std::string& windows_user);
+std::string NotAllowedText(const std::string& windows_user);
+std::string NoAccountText(const std::string& account);

@@ -25,11 +25,6 @@ namespace {
   throw Refusal{text};
 }
 
-// `text` and the name in quotes. The look-ups end a name at its first zero byte, and so does this.
-std::string Quoted(const char* text, const std::string& name) {
-  return std::string(text) + " '" + name.substr(0, name.find('\0')) + "'";
-}
-
 // The Linux account of a Windows user who may start runs.
 std::string LinuxAccount(const std::string& windows_user, flog& log) {
   CVKUserCollection users;
@@ -40,12 +35,8 @@ std::string LinuxAccount(const std::string& windows_user, flog& log) {
   }
   users.LogOut(&log);
   const CVKUser* user = users.GetUser(windows_user.c_str());
-  if (user == nullptr) {
-    Refuse(log, Quoted("Windows user", windows_user) + " not found in administration file");
-  }
-  if (user->allow == 0) {
-    Refuse(log, Quoted("Windows user", windows_user) + " does not have permissions to run Varnok");
-  }
+  if (user == nullptr) Refuse(log, NotFoundText(windows_user));
+  if (user->allow == 0) Refuse(log, NotAllowedText(windows_user));
   std::string account =
       strcmp(user->linux_name, "*") == 0 ? windows_user : std::string(user->linux_name);
   log << "Linux user required: " << account << "\n";
@@ -82,7 +73,7 @@ void LeaveTerminal() {
 //    root's own or with capabilities that outlive the change. Such a run is refused.
 void ChangeAccount(const std::string& account, flog& log) {
   const passwd* entry = getpwnam(account.c_str());
-  if (entry == nullptr) Refuse(log, Quoted("Failed to get password entry for", account));
+  if (entry == nullptr) Refuse(log, NoAccountText(account));
   syscall(SYS_keyctl, KEYCTL_JOIN_SESSION_KEYRING, nullptr);
   LeaveTerminal();
   if (setgid(entry->pw_gid) != 0) {

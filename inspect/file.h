@@ -11,7 +11,7 @@ namespace inspect {
 /// regular file, EFBIG above 16 MiB. Waits for no pipe and touches no device.
 std::optional<std::string> ReadFile(const std::string& name);
 
-/// The lines of a text, without their ends. A last line needs none.
+/// The lines of a text, without their ends; they lie in `text`. A last line needs no end.
 std::vector<std::string_view> Lines(std::string_view text);
 
 /// The name of a file after all links in it, or the name as it is where there is nothing.

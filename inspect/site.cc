@@ -101,8 +101,12 @@ void ReadOptions(Site& site) {
 
 }  // namespace
 
+std::string Site::ProgramDirectory() const {
+  return fs::path(program).parent_path();
+}
+
 std::string Site::BesideProgram(const std::string& file) const {
-  return fs::path(program).parent_path() / file;
+  return ProgramDirectory() + "/" + file;
 }
 
 std::string Site::ScriptFile() const {

@@ -27,6 +27,9 @@ struct Site {
   /// What its environment has at its start, as far as that is known.
   std::map<std::string, std::string> environment;
 
+  /// Where the daemon's executable lies.
+  std::string ProgramDirectory() const;
+
   /// The file that the daemon looks for under `file` beside its executable.
   std::string BesideProgram(const std::string& file) const;
 

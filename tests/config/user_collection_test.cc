@@ -136,6 +136,16 @@ TEST_F(UserCollectionTest, AllowIsTheLeadingNumberOfTheRest) {
   EXPECT_EQ(Find("grace"), "grace/-1");
 }
 
+TEST_F(UserCollectionTest, RecordsAreReachedInTheOrderOfTheirLines) {
+  EXPECT_EQ(users_.first(), nullptr);
+  Read("bob runner 1\nalice alice 0\n\ncarol carol 1\n");
+  ASSERT_NE(users_.first(), nullptr);
+  EXPECT_STREQ(users_.first()->windows_name, "bob");
+  ASSERT_NE(users_.first()->next, nullptr);
+  EXPECT_STREQ(users_.first()->next->windows_name, "alice");
+  EXPECT_EQ(users_.first()->next->next, nullptr);
+}
+
 TEST_F(UserCollectionTest, LastLineNeedsNoNewline) {
   Read("alice alice 1\nbob bob 1");
   EXPECT_EQ(Find("bob"), "bob/1");

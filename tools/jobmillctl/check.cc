@@ -15,6 +15,7 @@
 #include "inspect/file.h"
 #include "inspect/options.h"
 #include "inspect/site.h"
+#include "inspect/user_file.h"
 #include "tools/jobmillctl/command.h"
 #include "tools/jobmillctl/site_options.h"
 
@@ -29,7 +30,7 @@ using inspect::Site;
 using Area = Findings (*)(const Site& site);
 
 /// What is judged of each site.
-constexpr Area kAreas[] = {inspect::CheckOptions};
+constexpr Area kAreas[] = {inspect::CheckOptions, inspect::CheckUserFile};
 
 constexpr Severity kSeverities[] = {Severity::kError, Severity::kWarning, Severity::kUnchecked};
 

@@ -1,0 +1,46 @@
+#include "inspect/account.h"
+
+#include <errno.h>
+#include <pwd.h>
+
+#include <sstream>
+#include <stdexcept>
+
+#include "inspect/probe.h"
+
+namespace inspect {
+namespace {
+
+// "1 USER GROUP", or "0 0 0" where there is no such account.
+std::string LookUp(const std::string& name) {
+  errno = 0;
+  const passwd* entry = getpwnam(name.c_str());
+  if (entry != nullptr) {
+    return "1 " + std::to_string(entry->pw_uid) + " " + std::to_string(entry->pw_gid) + "\n";
+  }
+  // These say that there is no such account, too (getpwnam(3)).
+  if (errno != 0 && errno != ENOENT && errno != ESRCH && errno != EBADF && errno != EPERM) {
+    throw std::runtime_error("the name service failed");
+  }
+  return "0 0 0\n";
+}
+
+}  // namespace
+
+std::optional<std::map<std::string, Account>> FindAccounts(const std::set<std::string>& names) {
+  const auto answer = Ask([&names] {
+    std::string lines;
+    for (const std::string& name : names) lines += LookUp(name);
+    return lines;
+  });
+  if (!answer) return std::nullopt;
+  std::istringstream lines(*answer);
+  std::map<std::string, Account> accounts;
+  for (const std::string& name : names) {
+    Account& account = accounts[name];
+    lines >> account.exists >> account.user >> account.group;
+  }
+  return accounts;
+}
+
+}  // namespace inspect

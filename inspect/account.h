@@ -1,0 +1,23 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+
+namespace inspect {
+
+/// What this machine knows about a name, as the daemon asks for it.
+struct Account {
+  bool exists = false;
+  uid_t user = 0;
+  gid_t group = 0;
+};
+
+/// The accounts of these names; nothing when the name services do not answer in time or say that
+/// they cannot.
+std::optional<std::map<std::string, Account>> FindAccounts(const std::set<std::string>& names);
+
+}  // namespace inspect

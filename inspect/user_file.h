@@ -1,0 +1,56 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "config/user_collection.h"
+#include "inspect/site.h"
+
+namespace inspect {
+
+/// The user administration file, as the daemon reads it.
+class UserFile {
+ public:
+  /// Reads the one in `directory`.
+  explicit UserFile(const std::string& directory);
+
+  /// The file's name without links.
+  const std::string& name() const { return name_; }
+
+  /// Why it could not be read, as in errno, EINVAL when it is no regular file; 0 when it was.
+  int error() const { return error_; }
+
+  /// What a master is told then.
+  const std::string& refusal() const { return refusal_; }
+
+  /// The lines of the file, those that are not read too. The first ones are the records.
+  const std::vector<std::string>& lines() const { return lines_; }
+
+  /// The records, in the order of their lines; the first stands on line 1.
+  const std::vector<const CVKUser*>& records() const { return records_; }
+
+  /// The index of the record that decides about a Windows user, if one does.
+  std::optional<std::size_t> Deciding(const std::string& windows_user);
+
+ private:
+  std::string name_;
+  int error_ = 0;
+  std::string refusal_;
+  std::vector<std::string> lines_;
+  CVKUserCollection users_;
+  std::vector<const CVKUser*> records_;
+};
+
+/// What keeps `name` from being the name of a Windows user: "a tab", "'\\'". Empty when nothing
+/// does.
+std::string Unsendable(const std::string& name);
+
+/// Whether nothing but blanks stands in a line.
+bool IsBlank(const std::string& line);
+
+/// What is wrong with the user administration file of a site.
+Findings CheckUserFile(const Site& site);
+
+}  // namespace inspect
