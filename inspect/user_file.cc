@@ -339,7 +339,7 @@ UserFile::UserFile(const std::string& directory) {
   const auto text = ReadFile(file);
   if (!text) error_ = errno;
   std::array<char, CVKUserCollection::kErrorSize> refusal{};
-  if (users_.ReadUserFile(directory.c_str(), nullptr, refusal.data()) != 0 && error_ == 0) {
+  if (users_->ReadUserFile(directory.c_str(), nullptr, refusal.data()) != 0 && error_ == 0) {
     error_ = errno;
   }
   refusal_ = refusal.data();
@@ -347,13 +347,13 @@ UserFile::UserFile(const std::string& directory) {
     for (const std::string_view line : Lines(*text)) lines_.emplace_back(line);
   }
   // A record for each line, and none behind. There would be more if the file had just grown.
-  for (const CVKUser* user = users_.first(); user != nullptr; user = user->next) {
+  for (const CVKUser* user = users_->first(); user != nullptr; user = user->next) {
     if (records_.size() < lines_.size()) records_.push_back(user);
   }
 }
 
-std::optional<std::size_t> UserFile::Deciding(const std::string& windows_user) {
-  const auto found = std::ranges::find(records_, users_.GetUser(windows_user.c_str()));
+std::optional<std::size_t> UserFile::Deciding(const std::string& windows_user) const {
+  const auto found = std::ranges::find(records_, users_->GetUser(windows_user.c_str()));
   if (found == records_.end()) return std::nullopt;
   return static_cast<std::size_t>(found - records_.begin());
 }

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -32,14 +32,14 @@ class UserFile {
   const std::vector<const CVKUser*>& records() const { return records_; }
 
   /// The index of the record that decides about a Windows user, if one does.
-  std::optional<std::size_t> Deciding(const std::string& windows_user);
+  std::optional<std::size_t> Deciding(const std::string& windows_user) const;
 
  private:
   std::string name_;
   int error_ = 0;
   std::string refusal_;
   std::vector<std::string> lines_;
-  CVKUserCollection users_;
+  std::unique_ptr<CVKUserCollection> users_ = std::make_unique<CVKUserCollection>();
   std::vector<const CVKUser*> records_;
 };
 

@@ -32,5 +32,6 @@ using Action = std::function<int()>;
 using Declare = void (*)(CLI::App& app, Action& chosen);
 
 void DeclareCheck(CLI::App& app, Action& chosen);
+void DeclareUsers(CLI::App& app, Action& chosen);
 
 }  // namespace jobmillctl

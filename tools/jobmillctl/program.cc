@@ -11,7 +11,7 @@
 namespace jobmillctl {
 namespace {
 
-constexpr Declare kCommands[] = {DeclareCheck};
+constexpr Declare kCommands[] = {DeclareCheck, DeclareUsers};
 
 }  // namespace
 

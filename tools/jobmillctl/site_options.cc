@@ -16,13 +16,22 @@ bool IsOption(const std::string& word) {
 
 }  // namespace
 
+void DeclareProgram(CLI::App& command, std::string& program) {
+  command.add_option("--program", program,
+                     "The daemon's executable (default: vkjobmill.exe beside this program)");
+}
+
+std::string DaemonProgram(const std::string& given) {
+  const std::filesystem::path self = inspect::RealName("/proc/self/exe");
+  return inspect::RealName(given.empty() ? (self.parent_path() / "vkjobmill.exe").string() : given);
+}
+
 void SiteOptions::Declare(CLI::App& command) {
   command.add_option(
       "NAME", words_,
       "Daemons, by their configuration files NAME.conf (default: jobmill); or, behind "
       "\"--\", the options of a daemon that would be started here");
-  command.add_option("--program", program_,
-                     "The daemon's executable (default: vkjobmill.exe beside this program)");
+  DeclareProgram(command, program_);
   command.add_option("--configuration", directory_, "Where the configuration files lie")
       ->capture_default_str();
 }
@@ -39,9 +48,7 @@ void SiteOptions::Validate() const {
 }
 
 std::vector<inspect::Site> SiteOptions::Sites() const {
-  const std::string beside =
-      std::filesystem::path(inspect::RealName("/proc/self/exe")).parent_path() / "vkjobmill.exe";
-  const std::string program = program_.empty() ? beside : program_;
+  const std::string program = DaemonProgram(program_);
   if (OptionsAreGiven()) return {inspect::SiteOf(words_, program)};
   std::vector<inspect::Site> sites;
   for (const std::string& name : words_.empty() ? std::vector<std::string>{"jobmill"} : words_) {

@@ -11,6 +11,13 @@ class App;
 
 namespace jobmillctl {
 
+/// Declares the option that names the daemon's executable.
+void DeclareProgram(CLI::App& command, std::string& program);
+
+/// The daemon's executable: what was given, or else vkjobmill.exe beside this program, without
+/// links.
+std::string DaemonProgram(const std::string& given);
+
 /// The part of a command line that says which daemons are meant.
 class SiteOptions {
  public:
