@@ -163,8 +163,10 @@ std::vector<std::string> SplitWords(const std::string& value) {
   return words;
 }
 
-Site SiteOf(const std::vector<std::string>& words, const std::string& program) {
+Site SiteOf(const std::vector<std::string>& words, const std::string& program,
+            const std::string& directory) {
   Site site;
+  site.others = directory;
   site.words = words;
   site.program = RealName(program);
   site.directory = fs::current_path();
@@ -182,6 +184,7 @@ Site SiteOf(const std::string& directory, const std::string& name, const std::st
   Site site;
   site.name = name;
   site.configuration = directory + "/" + name + ".conf";
+  site.others = directory;
   site.program = RealName(program);
   site.directory = "/";
   site.environment = {

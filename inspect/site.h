@@ -14,6 +14,7 @@ namespace inspect {
 struct Site {
   std::string name;           ///< "jobmill" for jobmill.conf; empty: the options are given directly
   std::string configuration;  ///< the file that the options are read from; empty: given directly
+  std::string others;         ///< the directory of all configuration files
   std::int64_t line = 0;      ///< where they stand in it; 0 where it has none
   int error = 0;              ///< why it could not be read, as in errno; all below is empty then
 
@@ -41,8 +42,9 @@ struct Site {
 inline constexpr const char* kConfigurationDirectory = "/etc/jobmill";
 
 /// The site of a daemon that is started by hand, here and now: with this process's environment
-/// and working directory.
-Site SiteOf(const std::vector<std::string>& words, const std::string& program);
+/// and working directory, beside those of the configuration files in `directory`.
+Site SiteOf(const std::vector<std::string>& words, const std::string& program,
+            const std::string& directory = kConfigurationDirectory);
 
 /// The site of a daemon that the unit starts with `directory`/`name`.conf, read as systemd reads
 /// it.

@@ -15,7 +15,10 @@ using testing::StartsWith;
 
 class CheckTest : public testing::Test {
  protected:
-  CheckTest() { directory_.Write(".vk_corvane_users", "alice daemon 1\n"); }
+  CheckTest() {
+    directory_.Write("vkjobmill.exe", "");
+    directory_.Write(".vk_corvane_users", "alice daemon 1\n");
+  }
 
   Outcome Check(std::vector<std::string> arguments) const {
     arguments.insert(arguments.begin(), {"check", "--configuration", directory_.path().string(),

@@ -30,7 +30,10 @@ using inspect::Site;
 using Area = Findings (*)(const Site& site);
 
 /// What is judged of each site.
-constexpr Area kAreas[] = {inspect::CheckOptions, inspect::CheckUserFile};
+constexpr Area kAreas[] = {
+    [](const Site& site) { return inspect::CheckOptions(site); },
+    inspect::CheckUserFile,
+};
 
 constexpr Severity kSeverities[] = {Severity::kError, Severity::kWarning, Severity::kUnchecked};
 

@@ -49,7 +49,7 @@ void SiteOptions::Validate() const {
 
 std::vector<inspect::Site> SiteOptions::Sites() const {
   const std::string program = DaemonProgram(program_);
-  if (OptionsAreGiven()) return {inspect::SiteOf(words_, program)};
+  if (OptionsAreGiven()) return {inspect::SiteOf(words_, program, directory_)};
   std::vector<inspect::Site> sites;
   for (const std::string& name : words_.empty() ? std::vector<std::string>{"jobmill"} : words_) {
     sites.push_back(inspect::SiteOf(directory_, name, program));
