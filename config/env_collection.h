@@ -44,6 +44,10 @@ class CEnvCollection {
   /// or value is longer than 255 characters is left out.
   int ReadEnvFile(const char* file, char* error);
 
+  /// The first entry, and through `next` the others; null when there is none. The collection keeps
+  /// them.
+  const CEnv* first() const { return first_; }
+
   /// Applies the entries in the order of the file, each as CEnv::Apply() does. Returns 0; 1 with a
   /// text in `error` is kept for an entry that fails.
   int Apply(char* error, flog* log) const;

@@ -65,6 +65,15 @@ TEST_F(EnvCollectionTest, MissingFileSetsAndLogsNothing) {
   EXPECT_EQ(directory_.Read("log"), "");
 }
 
+TEST_F(EnvCollectionTest, EntriesAreReachedInTheOrderOfTheFile) {
+  const CEnvCollection entries(directory_.Write("env", "JT_B 1 JT_A 2\n").c_str());
+  ASSERT_NE(entries.first(), nullptr);
+  EXPECT_STREQ(entries.first()->name, "JT_B");
+  ASSERT_NE(entries.first()->next, nullptr);
+  EXPECT_STREQ(entries.first()->next->value, "2");
+  EXPECT_EQ(CEnvCollection(directory_.File("absent").c_str()).first(), nullptr);
+}
+
 TEST_F(EnvCollectionTest, PairsOnOneLineAreAllSet) {
   EXPECT_EQ(Apply("JT_A 1 JT_B 2"),
             "Setting non-existing environment variable JT_A to 1\n"

@@ -12,6 +12,7 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include "inspect/environment_file.h"
 #include "inspect/file.h"
 #include "inspect/options.h"
 #include "inspect/site.h"
@@ -33,6 +34,7 @@ using Area = Findings (*)(const Site& site);
 constexpr Area kAreas[] = {
     [](const Site& site) { return inspect::CheckOptions(site); },
     inspect::CheckUserFile,
+    inspect::CheckEnvironmentFile,
 };
 
 constexpr Severity kSeverities[] = {Severity::kError, Severity::kWarning, Severity::kUnchecked};
