@@ -1,4 +1,11 @@
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <set>
 #include <string>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -10,14 +17,28 @@
 namespace {
 
 using nlohmann::json;
+using testing::ContainsRegex;
+using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::StartsWith;
 
+// A good site, for the account daemon, which every machine has.
 class CheckTest : public testing::Test {
  protected:
   CheckTest() {
+    chmod(directory_.path().c_str(), 0755);
+    chmod(directory_.Write("script", "#!/bin/sh\n").c_str(), 0755);
+    directory_.Write("jobmill.conf", "OPTIONS='-p 5000 -l -s " + Script() + "'\n");
     directory_.Write("vkjobmill.exe", "");
     directory_.Write(".vk_corvane_users", "alice daemon 1\n");
+    directory_.Write(".vk_corvane_env", "SIM_HOME /opt/sim\n");
+  }
+
+  std::string Script() const { return directory_.File("script"); }
+
+  // All areas look for owners, and some need root's rights to look at all.
+  void SetUp() override {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root";
   }
 
   Outcome Check(std::vector<std::string> arguments) const {
@@ -29,24 +50,101 @@ class CheckTest : public testing::Test {
   TemporaryDirectory directory_;
 };
 
+TEST_F(CheckTest, GoodSiteIsOneLine) {
+  const Outcome outcome = Check({});
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.out, "nothing found in " + directory_.File("jobmill.conf") +
+                             " (port 5000, script " + Script() +
+                             ", comms ports 9001 to 9100, 60 s to start, comms logs)\n");
+  EXPECT_EQ(outcome.err, "");
+}
+
+TEST_F(CheckTest, OptionsAreJudgedAsTheyAreGiven) {
+  const Outcome good = Check({"--", "-p", "5001", "-s", Script(), "-o", "9101"});
+  EXPECT_EQ(good.status, 0);
+  EXPECT_THAT(good.out, StartsWith("nothing found in the given options (port 5001, "));
+  const Outcome bad = Check({"--", "-s", Script(), "-o", "9101"});
+  EXPECT_EQ(bad.status, 1);
+  EXPECT_THAT(bad.out, StartsWith("error: there is no port to listen on; "));
+}
+
 TEST_F(CheckTest, ErrorIsOneLineAndGivesOne) {
   const Outcome outcome = Check({"nix"});
   const std::string file = directory_.File("nix.conf");
   EXPECT_EQ(outcome.status, 1);
-  EXPECT_THAT(outcome.out, StartsWith("error: " + file + ": cannot be read: "));
-  EXPECT_THAT(outcome.out, HasSubstr(" [options.unreadable]\n"));
+  EXPECT_EQ(outcome.out, "error: " + file +
+                             ": cannot be read: No such file or directory; its service does not "
+                             "start; write OPTIONS=\"-p PORT -s SCRIPT\" into it "
+                             "[options.unreadable]\n1 error in " +
+                             file + "\n");
   EXPECT_EQ(outcome.err, "");
 }
 
+TEST_F(CheckTest, WarningGivesNoError) {
+  directory_.Write(".vk_corvane_users", "alice daemon 1 x\n");
+  const Outcome outcome = Check({});
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_THAT(outcome.out, StartsWith("warning: " + directory_.File(".vk_corvane_users") + ":1: "));
+  EXPECT_THAT(outcome.out, HasSubstr("\n1 warning in "));
+}
+
+TEST_F(CheckTest, WorstIsFirstAndWhatSitesShareIsToldOnce) {
+  directory_.Write("next.conf", "OPTIONS='-p 5001 -s " + Script() + " -o 9101 x'\n");
+  directory_.Write(".vk_corvane_users", "alice daemon 1 x\nbob root 1\n");
+  const json document = json::parse(Check({"--json", "next", "jobmill"}).out);
+  std::vector<std::string> ids;
+  for (const json& finding : document.at("findings")) ids.push_back(finding.at("id"));
+  EXPECT_THAT(ids, ElementsAre("users.root", "users.ignored-text", "options.ignored"));
+  EXPECT_EQ(document.at("counts"), json::parse(R"({"error": 1, "warning": 2, "unchecked": 0})"));
+}
+
 TEST_F(CheckTest, JsonIsOneDocument) {
-  const Outcome outcome = Check({"--json", "nix"});
+  directory_.Write(".vk_corvane_users", "alice daemon 1\nbob root 1\n");
+  const Outcome outcome = Check({"--json"});
   EXPECT_EQ(outcome.status, 1);
   const json document = json::parse(outcome.out);
   EXPECT_EQ(document.at("schema"), 1);
-  EXPECT_EQ(document.at("sites").at(0).at("name"), "nix");
-  EXPECT_EQ(document.at("findings").at(0).at("id"), "options.unreadable");
-  EXPECT_EQ(document.at("findings").at(0).at("severity"), "error");
-  EXPECT_GE(document.at("counts").at("error"), 1);
+  EXPECT_THAT(document.at("version").get<std::string>(), ContainsRegex("^[0-9]+[.]"));
+  EXPECT_EQ(document.at("sites"), json::parse(R"([{
+    "name": "jobmill", "configuration": ")" + directory_.File("jobmill.conf") +
+                                              R"(",
+    "words": ["-p", "5000", "-l", "-s", ")" + Script() +
+                                              R"("],
+    "port": 5000, "script": ")" + Script() + R"(", "comms_base_port": 9001, "comms_ports": 100,
+    "start_timeout": 60, "comms_log": true, "as_root": true}])"));
+  ASSERT_EQ(document.at("findings").size(), 1U);
+  const json& finding = document.at("findings").at(0);
+  EXPECT_EQ(finding.at("id"), "users.root");
+  EXPECT_EQ(finding.at("severity"), "error");
+  EXPECT_EQ(finding.at("file"), directory_.File(".vk_corvane_users"));
+  EXPECT_EQ(finding.at("line"), 2);
+  for (const char* text : {"what", "consequence", "remedy"}) EXPECT_NE(finding.at(text), "");
+}
+
+TEST_F(CheckTest, NothingOfAFileCommandsATerminal) {
+  directory_.Write(".vk_corvane_users", "a\x1b[31m\xff root 1\n");
+  const Outcome lines = Check({});
+  EXPECT_THAT(lines.out, HasSubstr("'a\\x1b[31m\\xff'"));
+  const Outcome document = Check({"--json"});
+  for (const std::string& out : {lines.out, document.out}) {
+    EXPECT_EQ(std::ranges::count_if(out, [](char c) { return c != '\n' && (c < ' ' || c > '~'); }),
+              0);
+  }
+  EXPECT_EQ(json::parse(document.out).at("findings").at(0).at("line"), 1);
+}
+
+TEST_F(CheckTest, NothingIsChanged) {
+  std::filesystem::remove(directory_.File(".vk_corvane_users"));
+  const auto names = [this] {
+    std::set<std::string> found;
+    for (const auto& entry : std::filesystem::directory_iterator(directory_.path())) {
+      found.insert(entry.path());
+    }
+    return found;
+  };
+  const auto before = names();
+  EXPECT_EQ(Check({}).status, 1);
+  EXPECT_EQ(names(), before);
 }
 
 TEST_F(CheckTest, CommandLineWithoutMeaningGivesTwo) {

@@ -15,6 +15,7 @@
 #include "inspect/environment_file.h"
 #include "inspect/file.h"
 #include "inspect/options.h"
+#include "inspect/script.h"
 #include "inspect/site.h"
 #include "inspect/user_file.h"
 #include "tools/jobmillctl/command.h"
@@ -35,6 +36,7 @@ constexpr Area kAreas[] = {
     [](const Site& site) { return inspect::CheckOptions(site); },
     inspect::CheckUserFile,
     inspect::CheckEnvironmentFile,
+    inspect::CheckScript,
 };
 
 constexpr Severity kSeverities[] = {Severity::kError, Severity::kWarning, Severity::kUnchecked};

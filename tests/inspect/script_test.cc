@@ -1,0 +1,205 @@
+#include "inspect/script.h"
+
+#include <grp.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "inspect/probe.h"
+#include "tests/inspect/findings.h"
+#include "tests/support/temporary_directory.h"
+
+namespace inspect {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+// As a package lays it out. The account daemon is one of every machine.
+class ScriptTest : public testing::Test {
+ protected:
+  ScriptTest() {
+    chmod(directory_.path().c_str(), 0755);
+    fs::create_directories(directory_.File("lib/jobmill"));
+    fs::create_directories(directory_.File("share/jobmill"));
+    fs::copy(SOURCES "/deploy/scripts", directory_.File("share/jobmill/scripts"));
+    Users("alice daemon 1\n");
+    Use("share/jobmill/scripts/local");
+  }
+
+  void Users(const std::string& text) const {
+    directory_.Write("lib/jobmill/.vk_corvane_users", text);
+  }
+  void Environment(const std::string& text) const {
+    directory_.Write("lib/jobmill/.vk_corvane_env", text);
+  }
+  void Use(const std::string& script) const {
+    directory_.Write("jobmill.conf", "OPTIONS='-p 5000 -s " + directory_.File(script) + "'\n");
+  }
+  // A script of this text.
+  void UseText(const std::string& text, mode_t mode = 0755) const {
+    chmod(directory_.Write("script", text).c_str(), mode);
+    Use("script");
+  }
+
+  Findings Check() const {
+    Findings findings = CheckScript(
+        SiteOf(directory_.path(), "jobmill", directory_.File("lib/jobmill/vkjobmill.exe")));
+    // Where another account than root runs the tests, their files are its own, and it cannot ask
+    // what others may do.
+    if (geteuid() != 0) {
+      std::erase_if(findings, [](auto& finding) {
+        return finding.id == "script.writable" || finding.id == "script.accounts-unchecked";
+      });
+    }
+    return findings;
+  }
+  std::vector<std::string> IdsOf() const { return Ids(Check()); }
+  std::vector<std::string> IdsOf(const std::string& text) const {
+    UseText(text);
+    return IdsOf();
+  }
+
+  TemporaryDirectory directory_;
+};
+
+TEST_F(ScriptTest, NothingIsFoundInTheShippedOnes) {
+  for (const char* name : {"local", "slurm", "pbs", "lsf", "gridengine", "htcondor", "ssh"}) {
+    Use("share/jobmill/scripts/" + std::string(name));
+    EXPECT_THAT(IdsOf(), IsEmpty()) << name;
+  }
+}
+
+TEST_F(ScriptTest, LinksToTheShippedOnesAreGood) {
+  fs::create_symlink("share/jobmill/scripts/slurm", directory_.File("script"));
+  Use("script");
+  EXPECT_THAT(IdsOf(), IsEmpty());
+}
+
+TEST_F(ScriptTest, ScriptThatIsNoneIsFound) {
+  Use("nowhere");
+  EXPECT_THAT(IdsOf(), ElementsAre("error script.missing"));
+  Use("share/jobmill/scripts/local/x");
+  EXPECT_THAT(IdsOf(), ElementsAre("error script.missing"));
+  Use("share");
+  EXPECT_THAT(IdsOf(), ElementsAre("error script.no-file"));
+  ASSERT_EQ(mkfifo(directory_.File("pipe").c_str(), 0755), 0);
+  Use("pipe");
+  EXPECT_THAT(IdsOf(), ElementsAre("error script.no-file"));
+}
+
+TEST_F(ScriptTest, NothingIsSaidAboutTheScriptOfUnknownOptions) {
+  directory_.Write("jobmill.conf", "");
+  EXPECT_THAT(IdsOf(), IsEmpty());
+}
+
+TEST_F(ScriptTest, ScriptThatAccountsCannotExecuteIsFound) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root";
+  Users("alice daemon 1\nbob bin 1\nguest nobody 0\nx no-such-account 1\nroot root 1\n");
+  UseText("#!/bin/sh\n", 0700);
+  const Findings findings = Check();
+  ASSERT_THAT(Ids(findings), ElementsAre("error script.not-executable"));
+  EXPECT_EQ(findings[0].what, "cannot be executed by bin, daemon");
+  Users("alice daemon 1\n");
+  UseText("#!/bin/sh\n", 0754);
+  EXPECT_THAT(IdsOf(), ElementsAre("error script.not-executable"));
+  UseText("#!/bin/sh\n");
+  chmod(directory_.path().c_str(), 0700);
+  EXPECT_THAT(IdsOf(), ElementsAre("error script.not-executable"));
+}
+
+TEST_F(ScriptTest, ScriptThatTheDaemonsOwnAccountCannotExecuteIsFound) {
+  UseText("#!/bin/sh\n", 0644);
+  directory_.Write("jobmill.conf", "OPTIONS='-u -p 5000 -s " + directory_.File("script") + "'\n");
+  EXPECT_THAT(IdsOf(), ElementsAre("error script.not-executable"));
+}
+
+TEST_F(ScriptTest, WhatOnlyRootFindsOutIsNotCalledGood) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root";
+  const auto ids = Ask([this] {
+    if (setgroups(0, nullptr) != 0 || setuid(61234) != 0) return std::string();
+    return Ids(CheckScript(SiteOf(directory_.path(), "jobmill",
+                                  directory_.File("lib/jobmill/vkjobmill.exe"))))
+        .at(0);
+  });
+  EXPECT_EQ(ids, "unchecked script.accounts-unchecked");
+  UseText("#!/bin/sh\n", 0700);
+  const auto unreadable =
+      Ask([this] { return setgroups(0, nullptr) == 0 && setuid(61234) == 0 ? IdsOf().at(0) : ""; });
+  EXPECT_EQ(unreadable, "unchecked script.unchecked");
+}
+
+TEST_F(ScriptTest, ScriptThatOthersCanWriteIsFound) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root";
+  UseText("#!/bin/sh\n", 0775);
+  EXPECT_THAT(IdsOf(), ElementsAre("error script.writable"));
+}
+
+TEST_F(ScriptTest, InterpreterThatIsMissingIsFound) {
+  EXPECT_THAT(IdsOf("#!/bin/sh\n"), IsEmpty());
+  EXPECT_THAT(IdsOf("#! /bin/sh -e\n"), IsEmpty());
+  EXPECT_THAT(IdsOf("#!/no/such/shell\n"), ElementsAre("error script.interpreter-missing:1"));
+  EXPECT_THAT(IdsOf("#!bash\n"), ElementsAre("error script.interpreter-missing:1"));
+  EXPECT_THAT(IdsOf("#!\n"), ElementsAre("error script.interpreter-missing:1"));
+  EXPECT_THAT(IdsOf("#!/usr/bin/env sh\n"), IsEmpty());
+  EXPECT_THAT(IdsOf("#!/usr/bin/env no-such-shell\n"),
+              ElementsAre("error script.interpreter-missing:1"));
+}
+
+TEST_F(ScriptTest, TextThatTheSystemCannotExecuteIsFound) {
+  EXPECT_THAT(IdsOf("echo HOST=x\n"), ElementsAre("error script.no-interpreter:1"));
+  EXPECT_THAT(IdsOf(""), ElementsAre("error script.no-interpreter:1"));
+  EXPECT_THAT(IdsOf("\x7f"
+                    "ELF"),
+              IsEmpty());
+}
+
+TEST_F(ScriptTest, CarriageReturnsAreFound) {
+  EXPECT_THAT(IdsOf("#!/bin/sh\r\necho\r\n"), ElementsAre("error script.carriage-return:1"));
+  EXPECT_THAT(IdsOf("#!/bin/sh\necho\r\n"), ElementsAre("error script.carriage-return:2"));
+}
+
+TEST_F(ScriptTest, CopyWithoutItsCommonFileIsFound) {
+  UseText(directory_.Read("share/jobmill/scripts/slurm"));
+  EXPECT_THAT(IdsOf(), ElementsAre("error script.no-common"));
+  directory_.Write("common.sh", "of another version");
+  EXPECT_THAT(IdsOf(), ElementsAre("warning script.other-common"));
+  directory_.Write("common.sh", directory_.Read("share/jobmill/scripts/common.sh"));
+  EXPECT_THAT(IdsOf(), IsEmpty());
+}
+
+TEST_F(ScriptTest, SimulatorThatIsNoneIsFound) {
+  Environment("JOBMILL_SIMULATOR /bin/true\n");
+  EXPECT_THAT(IdsOf(), IsEmpty());
+  for (const char* simulator : {"/no/such/program", "/etc/passwd", "/etc", "bin/x",
+                                "/bin/true JOBMILL_SIMULATOR /bin/true"}) {
+    Environment(std::string("JOBMILL_SIMULATOR ") + simulator);
+    EXPECT_THAT(IdsOf(), ElementsAre("error script.no-simulator")) << simulator;
+  }
+  Environment("JOBMILL_SIMULATOR in-path\n");
+  EXPECT_THAT(IdsOf(), IsEmpty());
+  Environment("JOBMILL_SIMULATOR /on/the/nodes\n");
+  Use("share/jobmill/scripts/slurm");
+  EXPECT_THAT(IdsOf(), IsEmpty());
+}
+
+TEST_F(ScriptTest, EnvironmentOfARunIsTheDaemonsWithTheFileApplied) {
+  Environment("PATH /sim/bin A 1\n");
+  const auto answer = Ask([this] {
+    TakeEnvironment(SiteOf(directory_.path(), "jobmill", directory_.File("lib/jobmill/x")));
+    return std::string(getenv("PATH")) + " " + getenv("A") + (getenv("HOME") != nullptr ? "!" : "");
+  });
+  EXPECT_EQ(answer, "/sim/bin:/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin 1");
+}
+
+}  // namespace
+}  // namespace inspect
