@@ -1,5 +1,6 @@
 #include "inspect/probe.h"
 
+#include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -36,7 +37,10 @@ std::optional<std::string> ReadAll(int input, Clock::time_point end) {
   while (true) {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
     pollfd wait{.fd = input, .events = POLLIN, .revents = 0};
-    if (left.count() <= 0 || poll(&wait, 1, static_cast<int>(left.count())) <= 0) return {};
+    if (left.count() <= 0) return {};
+    const int ready = poll(&wait, 1, static_cast<int>(left.count()));
+    if (ready < 0 && errno == EINTR) continue;
+    if (ready <= 0) return {};
     std::array<char, 4096> part{};
     const ssize_t size = read(input, part.data(), part.size());
     if (size <= 0) return text;

@@ -19,6 +19,7 @@
 #include "inspect/site.h"
 #include "inspect/user_file.h"
 #include "tools/jobmillctl/command.h"
+#include "tools/jobmillctl/dry_run.h"
 #include "tools/jobmillctl/site_options.h"
 
 namespace jobmillctl {
@@ -156,15 +157,34 @@ void DeclareCheck(CLI::App& app, Action& chosen) {
   struct Given {
     SiteOptions site;
     bool json = false;
+    DryRun dry_run;
   };
   const auto given = std::make_shared<Given>();
   CLI::App* command = app.add_subcommand(
       "check", "Say what is wrong with the configuration of a daemon, and change nothing");
   given->site.Declare(*command);
-  command->add_flag("--json", given->json, "Print one JSON document");
+  CLI::Option* json = command->add_flag("--json", given->json, "Print one JSON document");
+  CLI::Option* dry_run =
+      command
+          ->add_option("--dry-run", given->dry_run.account,
+                       "Start the distribution script as this account instead, with the "
+                       "stand-in simulator, and show what the daemon would read")
+          ->excludes(json);
+  command->add_option("--in", given->dry_run.beside, "Where the data of the dry run are made")
+      ->needs(dry_run)
+      ->capture_default_str();
+  command->add_option("--wait", given->dry_run.seconds, "Seconds until its host line")
+      ->needs(dry_run)
+      ->check(CLI::Range(1, 86400))
+      ->capture_default_str();
   command->callback([given, &chosen] {
     given->site.Validate();
-    chosen = [given] { return Check(given->site, given->json); };
+    if (given->dry_run.account.empty()) {
+      chosen = [given] { return Check(given->site, given->json); };
+      return;
+    }
+    if (given->site.Sites().size() > 1) throw CLI::ValidationError("--dry-run", "is of one daemon");
+    chosen = [given] { return RunDry(given->site.Sites().front(), given->dry_run); };
   });
 }
 
