@@ -146,8 +146,8 @@ class EnvironmentFileCheck {
       const Word& name = words[i];
       const bool alone = i + 1 == words.size();
       const std::string value = alone ? "" : words[i + 1].text;
-      if (entry != nullptr && name.text.c_str() == std::string(entry->name) &&
-          value.c_str() == std::string(entry->value)) {
+      if (entry != nullptr && strcmp(name.text.c_str(), entry->name) == 0 &&
+          strcmp(value.c_str(), entry->value) == 0) {
         CheckEntry(name, value);
         entry = entry->next;
       } else if (name.text[0] == '\0') {

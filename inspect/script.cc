@@ -196,7 +196,8 @@ class ScriptCheck {
     if (path == site_.environment.end()) return program;  // there is no telling
     std::istringstream directories(path->second);
     for (std::string directory; std::getline(directories, directory, ':');) {
-      std::string file = directory + "/" + program;
+      std::string file = directory;
+      file.append("/").append(program);
       if (access(file.c_str(), X_OK) == 0) return file;
     }
     return "";

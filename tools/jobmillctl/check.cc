@@ -53,8 +53,8 @@ Findings Judge(const std::vector<Site>& sites) {
     return std::tie(finding.severity, finding.file, finding.line, finding.id, finding.what);
   };
   std::ranges::stable_sort(findings, {}, key);
-  const auto same = std::ranges::unique(findings, {}, key);
-  findings.erase(same.begin(), same.end());
+  const auto same = [&key](const Finding& a, const Finding& b) { return key(a) == key(b); };
+  findings.erase(std::unique(findings.begin(), findings.end(), same), findings.end());
   return findings;
 }
 

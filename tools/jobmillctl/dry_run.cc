@@ -126,7 +126,7 @@ class Data {
 
 std::string Simulator() {
   const fs::path self = inspect::RealName("/proc/self/exe");
-  const std::string simulator = self.parent_path() / "vksim";
+  std::string simulator = self.parent_path() / "vksim";
   if (access(simulator.c_str(), X_OK) == 0) return simulator;
   throw Failed("the stand-in simulator is missing, " + simulator + ": install jobmill-simulator");
 }
@@ -159,6 +159,7 @@ int FreePort() {
     Become(account);
     setsid();
     std::vector<char*> vector;
+    vector.reserve(arguments.size() + 1);
     for (std::string& argument : arguments) vector.push_back(argument.data());
     vector.push_back(nullptr);
     execv(vector[0], vector.data());
@@ -278,7 +279,7 @@ void EndAll(pid_t script) {
 // none.
 std::optional<std::string> Resolve(const std::string& host, std::string& error) {
   error = "the name services do not answer";
-  const auto answer = inspect::Ask([&host] {
+  auto answer = inspect::Ask([&host] {
     addrinfo hints{};
     hints.ai_family = AF_INET;
     hints.ai_socktype = SOCK_STREAM;
