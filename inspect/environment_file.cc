@@ -57,7 +57,7 @@ const char* SpecialReader(const std::string& name) {
   static const std::set<std::string> shell = {"BASHOPTS",   "BASH_ENV", "CDPATH", "ENV",
                                               "GLOBIGNORE", "IFS",      "PS4",    "SHELLOPTS"};
   static const std::set<std::string> loader = {"GCONV_PATH", "GLIBC_TUNABLES", "LOCPATH"};
-  static const std::set<std::string> account = {"HOME", "LOGNAME", "SHELL", "TMPDIR", "USER"};
+  static const std::set<std::string> account = {"HOME", "LOGNAME", "SHELL", "USER"};
   if (shell.contains(name) || name.starts_with("BASH_FUNC_")) return "every shell of a run";
   if (loader.contains(name) || (name.starts_with("LD_") && name != "LD_LIBRARY_PATH")) {
     return "the loader of every program of a run";

@@ -177,7 +177,7 @@ class ScriptCheck {
     words >> interpreter >> argument;
     CheckProgram(interpreter);
     if (fs::path(interpreter).filename() != "env" || argument.empty() || argument[0] == '-') return;
-    if (FindInPath(argument).empty()) {
+    if (!IsInPath(argument)) {
       Add("script.interpreter-missing", Severity::kError, 1,
           "needs " + argument + ", which is not in the daemon's PATH", kRefused,
           "install it, or name it with its path");
@@ -185,22 +185,20 @@ class ScriptCheck {
   }
 
   void CheckProgram(const std::string& interpreter) {
-    if (interpreter.starts_with('/') && access(interpreter.c_str(), X_OK) == 0) return;
+    if (IsProgram(interpreter)) return;
     Add("script.interpreter-missing", Severity::kError, 1,
         "needs the interpreter '" + interpreter + "', which cannot be executed", kRefused,
         "install it, or correct the first line");
   }
 
-  std::string FindInPath(const std::string& program) const {
+  bool IsInPath(const std::string& program) const {
     const auto path = site_.environment.find("PATH");
-    if (path == site_.environment.end()) return program;  // there is no telling
+    if (path == site_.environment.end()) return true;  // there is no telling
     std::istringstream directories(path->second);
     for (std::string directory; std::getline(directories, directory, ':');) {
-      std::string file = directory;
-      file.append("/").append(program);
-      if (access(file.c_str(), X_OK) == 0) return file;
+      if (IsProgram(directory.append("/").append(program))) return true;
     }
-    return "";
+    return false;
   }
 
   static bool IsPackaged(const std::string& text) {
@@ -229,20 +227,40 @@ class ScriptCheck {
   // Those for clusters start it elsewhere, where it may be and is not here.
   void CheckSimulator(const std::string& text) {
     if (!IsPackaged(text) || fs::path(file_).filename() != "local") return;
-    const auto simulator = Ask([this] {
-      TakeEnvironment(site_);
-      const char* value = getenv("JOBMILL_SIMULATOR");
-      return std::string(value == nullptr ? "" : value);
-    });
-    if (!simulator || simulator->find('/') == std::string::npos) return;
-    std::error_code error;
-    if (access(simulator->c_str(), X_OK) == 0 && !fs::is_directory(*simulator, error) &&
-        simulator->starts_with('/')) {
-      return;
+    const auto missing = Ask([this] { return MissingSimulator(); });
+    if (!missing || missing->empty()) return;
+    Add("script.no-simulator", Severity::kError, 0, "has no simulator to start: " + *missing,
+        kRefused, "set JOBMILL_SIMULATOR in the environment file to the path of a program");
+  }
+
+  // Why the script for a single machine finds no simulator; empty when it finds one.
+  std::string MissingSimulator() const {
+    TakeEnvironment(site_);
+    const char* value = getenv("JOBMILL_SIMULATOR");
+    if (value != nullptr && *value == '\0') value = nullptr;
+    if (value != nullptr && strchr(value, '/') != nullptr) {
+      return IsProgram(value) ? "" : "JOBMILL_SIMULATOR is no absolute path of a program";
     }
-    Add("script.no-simulator", Severity::kError, 0,
-        "starts JOBMILL_SIMULATOR, which is no absolute path of a program", kRefused,
-        "correct it in the environment file");
+    const char* path = getenv("PATH");
+    std::string places = path == nullptr ? "" : path;
+    if (value == nullptr) {
+      const fs::path here = fs::path(file_).parent_path();
+      places += ":" + fs::path(site_.ScriptFile()).parent_path().string() + ":" + here.string() +
+                ":" + (here / "../../../bin").string();
+    }
+    const std::string name = value == nullptr ? "vksim" : value;
+    std::istringstream directories(places);
+    for (std::string directory; std::getline(directories, directory, ':');) {
+      if (IsProgram(directory.append("/").append(name))) return "";
+    }
+    return value == nullptr ? "JOBMILL_SIMULATOR is not set, and there is no vksim"
+                            : "JOBMILL_SIMULATOR is not in PATH";
+  }
+
+  static bool IsProgram(const std::string& file) {
+    std::error_code error;
+    return file.starts_with('/') && fs::is_regular_file(file, error) &&
+           access(file.c_str(), X_OK) == 0;
   }
 
   const Site& site_;

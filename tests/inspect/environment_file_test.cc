@@ -114,7 +114,7 @@ TEST_F(EnvironmentFileTest, ValueThatIsJoinedToAFormerOneIsFound) {
 
 TEST_F(EnvironmentFileTest, NamesThatLoadersAndShellsHeedAreFound) {
   for (const char* name : {"LD_PRELOAD", "LD_AUDIT", "GLIBC_TUNABLES", "BASH_ENV", "ENV", "IFS",
-                           "SHELLOPTS", "BASH_FUNC_x", "PS4", "HOME", "USER", "TMPDIR"}) {
+                           "SHELLOPTS", "BASH_FUNC_x", "PS4", "HOME", "USER", "SHELL"}) {
     EXPECT_THAT(IdsOf(name + std::string(" x\n")), ElementsAre("warning environment.special:1"))
         << name;
   }

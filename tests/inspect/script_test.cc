@@ -32,6 +32,8 @@ class ScriptTest : public testing::Test {
     fs::create_directories(directory_.File("lib/jobmill"));
     fs::create_directories(directory_.File("share/jobmill"));
     fs::copy(SOURCES "/deploy/scripts", directory_.File("share/jobmill/scripts"));
+    fs::create_directory(directory_.File("bin"));
+    chmod(directory_.Write("bin/vksim", "").c_str(), 0755);
     Users("alice daemon 1\n");
     Use("share/jobmill/scripts/local");
   }
@@ -185,11 +187,27 @@ TEST_F(ScriptTest, SimulatorThatIsNoneIsFound) {
     Environment(std::string("JOBMILL_SIMULATOR ") + simulator);
     EXPECT_THAT(IdsOf(), ElementsAre("error script.no-simulator")) << simulator;
   }
-  Environment("JOBMILL_SIMULATOR in-path\n");
+  Environment("JOBMILL_SIMULATOR sh\n");
   EXPECT_THAT(IdsOf(), IsEmpty());
+  Environment("JOBMILL_SIMULATOR not-in-path\n");
+  EXPECT_THAT(IdsOf(), ElementsAre("error script.no-simulator"));
   Environment("JOBMILL_SIMULATOR /on/the/nodes\n");
   Use("share/jobmill/scripts/slurm");
   EXPECT_THAT(IdsOf(), IsEmpty());
+}
+
+TEST_F(ScriptTest, StandInSimulatorIsLookedForAsTheScriptDoes) {
+  fs::remove(directory_.File("bin/vksim"));
+  fs::create_directory(directory_.File("path"));
+  chmod(directory_.Write("path/bash", "").c_str(), 0755);
+  const std::string options = directory_.Read("jobmill.conf");
+  directory_.Write("jobmill.conf", options + "PATH=" + directory_.File("path") + "\n");
+  EXPECT_THAT(IdsOf(), ElementsAre("error script.no-simulator"));
+  for (const char* place : {"path/vksim", "share/jobmill/scripts/vksim", "bin/vksim"}) {
+    chmod(directory_.Write(place, "").c_str(), 0755);
+    EXPECT_THAT(IdsOf(), IsEmpty()) << place;
+    fs::remove(directory_.File(place));
+  }
 }
 
 TEST_F(ScriptTest, EnvironmentOfARunIsTheDaemonsWithTheFileApplied) {
