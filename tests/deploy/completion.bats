@@ -56,6 +56,8 @@ lists() { "$BATS_TEST_DIRNAME/press_tab" --list "$@" >"$work/listed"; }
 
 @test "JobmillctlIsCompleted" {
   becomes $'jobmillctl --vers\t' '[jobmillctl][--version]'
+  becomes $'jobmillctl us\tad\t' '[jobmillctl][users][add]'
+  becomes $'jobmillctl check --js\t--prog\tpl\t' '[jobmillctl][check][--json][--program][plan one.toml]'
 }
 
 @test "WhatMayFollowIsListed" {

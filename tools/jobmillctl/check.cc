@@ -169,13 +169,16 @@ void DeclareCheck(CLI::App& app, Action& chosen) {
           ->add_option("--dry-run", given->dry_run.account,
                        "Start the distribution script as this account instead, with the "
                        "stand-in simulator, and show what the daemon would read")
+          ->type_name("ACCOUNT")
           ->excludes(json);
   command->add_option("--in", given->dry_run.beside, "Where the data of the dry run are made")
+      ->type_name("DIR")
       ->needs(dry_run)
       ->capture_default_str();
-  command->add_option("--wait", given->dry_run.seconds, "Seconds until its host line")
+  command->add_option("--wait", given->dry_run.seconds, "How long its host line may take")
       ->needs(dry_run)
       ->check(CLI::Range(1, 86400))
+      ->type_name("SECONDS")
       ->capture_default_str();
   command->callback([given, &chosen] {
     given->site.Validate();

@@ -17,8 +17,10 @@ bool IsOption(const std::string& word) {
 }  // namespace
 
 void DeclareProgram(CLI::App& command, std::string& program) {
-  command.add_option("--program", program,
-                     "The daemon's executable (default: vkjobmill.exe beside this program)");
+  command
+      .add_option("--program", program,
+                  "The daemon's executable (default: vkjobmill.exe beside this program)")
+      ->type_name("FILE");
 }
 
 std::string DaemonProgram(const std::string& given) {
@@ -33,6 +35,7 @@ void SiteOptions::Declare(CLI::App& command) {
       "\"--\", the options of a daemon that would be started here");
   DeclareProgram(command, program_);
   command.add_option("--configuration", directory_, "Where the configuration files lie")
+      ->type_name("DIR")
       ->capture_default_str();
 }
 
