@@ -3,9 +3,11 @@
 #include <errno.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <optional>
 #include <string_view>
+#include <system_error>
 #include <utility>
 
 #include "inspect/file.h"
@@ -92,6 +94,43 @@ std::string ReadValue(Cursor& in) {
   return value;
 }
 
+// The parts of a text that each end with a zero byte, as the kernel shows arguments and variables.
+std::vector<std::string> Parts(const std::string& text) {
+  std::vector<std::string> parts;
+  for (std::size_t begin = 0; begin < text.size();) {
+    const std::size_t end = std::min(text.find('\0', begin), text.size());
+    parts.push_back(text.substr(begin, end - begin));
+    begin = end + 1;
+  }
+  return parts;
+}
+
+// Adds the variables of "NAME=VALUE".
+void AddVariables(const std::vector<std::string>& texts, std::map<std::string, std::string>& to) {
+  for (const std::string& text : texts) {
+    const std::size_t equals = text.find('=');
+    if (equals != std::string::npos) to.emplace(text.substr(0, equals), text.substr(equals + 1));
+  }
+}
+
+// Where a daemon of this site runs, its environment is known, if this process may see it.
+void TakeEnvironmentOfDaemon(Site& site) {
+  std::error_code ignored;
+  for (const auto& entry : fs::directory_iterator("/proc", ignored)) {
+    const std::string executable = fs::read_symlink(entry.path() / "exe", ignored);
+    // Behind the name of a file that an upgrade has replaced stands " (deleted)".
+    if (ignored || !executable.starts_with(site.program)) continue;
+    auto words = Parts(ReadFile(entry.path() / "cmdline").value_or(""));
+    if (words.empty()) continue;
+    words.erase(words.begin());
+    const auto environment = ReadFile(entry.path() / "environ");
+    if (words != site.words || !environment) continue;
+    site.environment.clear();
+    AddVariables(Parts(*environment), site.environment);
+    return;
+  }
+}
+
 void ReadOptions(Site& site) {
   std::vector<const char*> arguments{"vkjobmill.exe"};
   for (const std::string& word : site.words) arguments.push_back(word.c_str());
@@ -170,12 +209,11 @@ Site SiteOf(const std::vector<std::string>& words, const std::string& program,
   site.words = words;
   site.program = RealName(program);
   site.directory = fs::current_path();
+  std::vector<std::string> variables;
   for (char** variable = environ; variable != nullptr && *variable != nullptr; ++variable) {
-    const std::string_view text = *variable;
-    const std::size_t equals = text.find('=');
-    if (equals == std::string_view::npos) continue;
-    site.environment.emplace(text.substr(0, equals), text.substr(equals + 1));
+    variables.emplace_back(*variable);
   }
+  AddVariables(variables, site.environment);
   ReadOptions(site);
   return site;
 }
@@ -209,6 +247,7 @@ Site SiteOf(const std::string& directory, const std::string& name, const std::st
     }
   }
   ReadOptions(site);
+  if (!site.words.empty()) TakeEnvironmentOfDaemon(site);
   return site;
 }
 

@@ -47,7 +47,8 @@ Site SiteOf(const std::vector<std::string>& words, const std::string& program,
             const std::string& directory = kConfigurationDirectory);
 
 /// The site of a daemon that the unit starts with `directory`/`name`.conf, read as systemd reads
-/// it.
+/// it. Its environment is that of such a daemon where one runs and this process may see that,
+/// otherwise what systemd gives to every service and that file sets.
 Site SiteOf(const std::string& directory, const std::string& name, const std::string& program);
 
 /// The variables that an environment file of systemd sets, each with the line on which it begins.

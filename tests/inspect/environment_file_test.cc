@@ -99,7 +99,7 @@ TEST_F(EnvironmentFileTest, OverLongEntryIsFoundAndTheOnesBehindAreLookedAt) {
 }
 
 TEST_F(EnvironmentFileTest, ZeroByteThatEndsTheFileIsFound) {
-  EXPECT_THAT(IdsOf(std::string("A 1\n\0B 2\nIFS 3\n", 16)),
+  EXPECT_THAT(IdsOf(std::string("A 1\n\0B 2\nIFS 3\n", 15)),
               ElementsAre("error environment.zero-byte:2"));
 }
 

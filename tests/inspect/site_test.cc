@@ -11,6 +11,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "tests/support/child_process.h"
 #include "tests/support/temporary_directory.h"
 
 namespace inspect {
@@ -87,6 +88,24 @@ TEST(SiteTest, OptionsAreReadFromTheConfigurationFile) {
   EXPECT_EQ(site.environment.at("PATH"), "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin");
   EXPECT_FALSE(site.environment.contains("OPTIONS"));
   EXPECT_EQ(site.BesideProgram(".vk_corvane_users"), "/usr/lib/jobmill/.vk_corvane_users");
+}
+
+TEST(SiteTest, EnvironmentIsThatOfTheDaemonWhereOneRuns) {
+  const TemporaryDirectory directory;
+  const std::string program = directory.File("vkjobmill.exe");
+  std::filesystem::copy("/bin/sleep", program);
+  directory.Write("jobmill.conf", "OPTIONS='1000 0'\nA=1\n");
+  ChildProcess::Options options;
+  options.environment = {"JOBMILL_SITE_TEST=of the daemon"};
+  const ChildProcess daemon({program, "1000", "0"}, options);
+  const auto environment = [&] { return SiteOf(directory.path(), "jobmill", program).environment; };
+  ASSERT_TRUE(Eventually([&] { return !environment().contains("A"); }));
+  EXPECT_EQ(environment().at("JOBMILL_SITE_TEST"), "of the daemon");
+  std::filesystem::remove(program);  // as an upgrade does
+  std::filesystem::copy("/bin/sleep", program);
+  EXPECT_FALSE(environment().contains("A"));
+  directory.Write("jobmill.conf", "OPTIONS='1000'\nA=1\n");
+  EXPECT_TRUE(environment().contains("A"));
 }
 
 TEST(SiteTest, MissingConfigurationFileIsAnError) {
