@@ -21,7 +21,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using testing::ElementsAre;
-using testing::HasSubstr;
 using testing::IsEmpty;
 
 // As a package lays it out. The account daemon is one of every machine.

@@ -19,10 +19,8 @@
 namespace inspect {
 namespace {
 
-using testing::Each;
 using testing::ElementsAre;
 using testing::EndsWith;
-using testing::HasSubstr;
 using testing::IsEmpty;
 
 // The accounts daemon and root are those of every machine.
@@ -147,10 +145,7 @@ TEST_F(UserFileTest, TabInANameIsFound) {
 
 TEST_F(UserFileTest, NameThatNoMasterCanSendIsFound) {
   for (const char* name : {"CORP\\alice", "a/b", "a[", "a;", "a|", "a=", "a+", "a,", "a?", "a*",
-                           "a<", "a>", "a:", "a\"", "a\x01",
-                           "\xef\xbb\xbf"
-                           "alice",
-                           "a\x7f"}) {
+                           "a<", "a>", "a:", "a\"", "a\x01", "\xef\xbb\xbfzoe", "a\x7f"}) {
     EXPECT_THAT(IdsOf(name + std::string(" daemon 1\n")),
                 ElementsAre("warning users.unsendable-name:1"))
         << name;

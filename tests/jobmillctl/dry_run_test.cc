@@ -19,7 +19,6 @@
 namespace {
 
 namespace fs = std::filesystem;
-using testing::ContainsRegex;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::Not;
@@ -44,7 +43,7 @@ class DryRunTest : public testing::Test {
   }
 
   // Nothing is left of the data.
-  ~DryRunTest() override { EXPECT_TRUE(fs::is_empty(directory_.File("data"))); }
+  void TearDown() override { EXPECT_TRUE(fs::is_empty(directory_.File("data"))); }
 
   std::vector<std::string> Arguments(const std::string& script, const std::string& wait = "30") {
     return {directory_.File("jobmillctl"),

@@ -59,7 +59,7 @@ class UsersTest : public testing::Test {
   }
 
   // No drafts are left over.
-  ~UsersTest() override {
+  void TearDown() override {
     const std::filesystem::directory_iterator entries(directory_.File("etc"));
     EXPECT_EQ(std::distance(begin(entries), end(entries)), 1);
   }
