@@ -1,0 +1,128 @@
+#include "inspect/sockets.h"
+
+#include <arpa/inet.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <functional>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/support/child_process.h"
+#include "tests/support/ports.h"
+
+namespace inspect {
+namespace {
+
+std::uint64_t InodeOf(int descriptor) {
+  struct stat status {};
+  fstat(descriptor, &status);
+  return status.st_ino;
+}
+
+std::optional<TcpSocket> Find(const std::function<bool(const TcpSocket&)>& wanted) {
+  const TcpSockets sockets = ReadSockets();
+  EXPECT_EQ(sockets.error, "");
+  for (const TcpSocket& socket : sockets.all) {
+    if (wanted(socket)) return socket;
+  }
+  return std::nullopt;
+}
+
+std::optional<TcpSocket> FindInode(std::uint64_t inode) {
+  return Find([&](const TcpSocket& socket) { return socket.inode == inode; });
+}
+
+// The two ends of a connection over loopback.
+class Connection {
+ public:
+  explicit Connection(int family = AF_INET) : near(socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    sockaddr_in6 mapped{};
+    mapped.sin6_family = AF_INET6;
+    mapped.sin6_port = htons(static_cast<std::uint16_t>(port));
+    inet_pton(AF_INET6, "::ffff:127.0.0.1", &mapped.sin6_addr);
+    sockaddr_in plain{};
+    plain.sin_family = AF_INET;
+    plain.sin_port = mapped.sin6_port;
+    plain.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const bool wide = family == AF_INET6;
+    EXPECT_EQ(
+        connect(near.get(),
+                wide ? reinterpret_cast<sockaddr*>(&mapped) : reinterpret_cast<sockaddr*>(&plain),
+                wide ? sizeof(mapped) : sizeof(plain)),
+        0);
+    far = Descriptor(accept(listener.get(), nullptr, nullptr));
+  }
+
+  Descriptor listener = BindFreePort(3);
+  int port = PortOf(listener.get());
+  Descriptor near;
+  Descriptor far;
+};
+
+TEST(SocketsTest, ConnectionHasOwnerQueueAndAges) {
+  const Connection link;
+  EXPECT_EQ(send(link.near.get(), "12345", 5, 0), 5);
+  const auto far = FindInode(InodeOf(link.far.get()));
+  ASSERT_TRUE(far);
+  EXPECT_EQ(far->state, TCP_ESTABLISHED);
+  EXPECT_EQ(Text(far->local), "127.0.0.1:" + std::to_string(link.port));
+  EXPECT_EQ(far->receive_queue, 5U);
+  EXPECT_EQ(far->user, getuid());
+  ASSERT_TRUE(far->since_received);
+  EXPECT_LT(*far->since_received, 5);
+  const auto near = FindInode(InodeOf(link.near.get()));
+  ASSERT_TRUE(near);
+  EXPECT_EQ(near->remote, far->local);
+  EXPECT_EQ(near->local, far->remote);
+  usleep(300'000);
+  EXPECT_GE(FindInode(InodeOf(link.near.get()))->since_sent.value_or(0), 0.25);
+}
+
+TEST(SocketsTest, ListenerCountsWhomNobodyHasAccepted) {
+  const Connection link;
+  const Descriptor waiting(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_in address{};
+  socklen_t size = sizeof(address);
+  getsockname(link.listener.get(), reinterpret_cast<sockaddr*>(&address), &size);
+  ASSERT_EQ(connect(waiting.get(), reinterpret_cast<sockaddr*>(&address), size), 0);
+  const auto listener = FindInode(InodeOf(link.listener.get()));
+  ASSERT_TRUE(listener);
+  EXPECT_EQ(listener->state, TCP_LISTEN);
+  EXPECT_EQ(listener->receive_queue, 1U);
+  EXPECT_EQ(listener->send_queue, 3U);
+  EXPECT_FALSE(listener->since_received);
+}
+
+TEST(SocketsTest, MappedAddressIsWrittenAsIPv4) {
+  const Connection link(AF_INET6);
+  const auto near = FindInode(InodeOf(link.near.get()));
+  ASSERT_TRUE(near);
+  EXPECT_EQ(Text(near->remote), "127.0.0.1:" + std::to_string(link.port));
+}
+
+TEST(SocketsTest, EndedConnectionBelongsToNobodyForTheSecondsThatAreLeft) {
+  Connection link;
+  link.far.Reset();
+  link.near.Reset();
+  std::optional<TcpSocket> waiting;
+  EXPECT_TRUE(Eventually([&] {
+    waiting = Find([&](const TcpSocket& socket) {
+      return socket.state == TCP_TIME_WAIT && socket.local.port == link.port;
+    });
+    return waiting.has_value();
+  }));
+  ASSERT_TRUE(waiting);
+  EXPECT_EQ(waiting->inode, 0U);
+  EXPECT_GT(waiting->seconds_left, 40);
+  EXPECT_LE(waiting->seconds_left, 60);
+}
+
+TEST(SocketsTest, IPv6AddressStandsInBrackets) {
+  EXPECT_EQ(Text({"2001:db8::1", 80}), "[2001:db8::1]:80");
+}
+
+}  // namespace
+}  // namespace inspect
