@@ -1,0 +1,41 @@
+#pragma once
+
+#include <sys/stat.h>
+#include <sys/types.h>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "base/descriptor.h"
+
+namespace inspect {
+
+/// A file that somebody else writes, a log for example. The directory may be anybody's, so no link
+/// of the name is followed, and only a regular file is read: opening a pipe could wait for ever.
+/// A file system that does not answer can still make every call wait.
+class RunFile {
+ public:
+  /// When that fails, `error()` says why.
+  explicit RunFile(const std::string& path);
+
+  /// The same, for a file that has to belong to `owner`.
+  RunFile(const std::string& path, uid_t owner);
+
+  const std::string& error() const { return error_; }
+  std::int64_t size() const { return size_; }
+
+  /// Up to `most` bytes from `offset` on; fewer at the end or when that fails.
+  std::string Read(std::int64_t offset, std::size_t most) const;
+
+  /// The last bytes, `most` at most. Where they do not begin with the file's beginning, the line in
+  /// the middle of which they begin is left out.
+  std::string Tail(std::size_t most) const;
+
+ private:
+  Descriptor file_;
+  std::int64_t size_ = 0;
+  std::string error_;
+};
+
+}  // namespace inspect
