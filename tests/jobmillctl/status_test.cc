@@ -1,0 +1,231 @@
+// What jobmillctl says about runs, beside what the test has done with them.
+
+#include <signal.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <map>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "inspect/process.h"
+#include "tests/jobmillctl/jobmillctl.h"
+#include "tests/jobmillctl/runs_site.h"
+#include "tests/support/bytes.h"
+
+namespace {
+
+using nlohmann::json;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+constexpr const char* kHandshake = "handshake";
+constexpr const char* kScript = "waiting for the script";
+constexpr const char* kListens = "waiting for the simulator to listen";
+constexpr const char* kMaster = "waiting for the master";
+constexpr const char* kSimulator = "waiting for the simulator";
+
+// Fifty runs, ten in each state, at the same time.
+class FiftyRuns {
+ public:
+  FiftyRuns() {
+    for (int i = 0; i < 10; ++i) {
+      const std::string number = std::to_string(i);
+      site.Greet();
+      site.Request("QUEUED" + number);
+      site.Connect("ABSENT" + number);
+      site.Connect("IDLE" + number);
+      site.Connect("STEP" + number).Send(Bytes("07 00 00 00"));
+      states["QUEUED" + number] = kScript;
+      states["ABSENT" + number] = kListens;
+      states["IDLE" + number] = kMaster;
+      states["STEP" + number] = kSimulator;
+    }
+  }
+
+  RunsSite site;
+  std::map<std::string, std::string> states;  // by root name
+};
+
+// What is said, with "" for the root name of those that have none yet.
+std::multimap<std::string, std::string> StatesOf(const std::vector<json>& runs) {
+  std::multimap<std::string, std::string> states;
+  for (const json& run : runs) {
+    states.emplace(run.at("root").is_string() ? run.at("root").get<std::string>() : "",
+                   run.at("state").get<std::string>());
+  }
+  return states;
+}
+
+TEST(StatusTest, FiftyRunsAreInTheStatesIntoWhichTheyWerePut) {
+  FiftyRuns fifty;
+  std::multimap<std::string, std::string> expected(fifty.states.begin(), fifty.states.end());
+  for (int i = 0; i < 10; ++i) expected.emplace("", kHandshake);
+  EXPECT_TRUE(Eventually([&] { return StatesOf(fifty.site.Runs()) == expected; }));
+  EXPECT_EQ(StatesOf(fifty.site.Runs()), expected);
+
+  // Without rights it may be unknown what they wait for, and is never wrong.
+  if (getuid() == 0) {
+    const auto runs = fifty.site.RunsForNobody();
+    EXPECT_EQ(runs.size(), 50U);
+    for (const json& run : runs) {
+      if (!run.at("root").is_string()) continue;
+      if (run.at("state") != "unknown") {
+        EXPECT_EQ(run.at("state"), fifty.states.at(run.at("root").get<std::string>())) << run;
+      } else {
+        EXPECT_TRUE(run.at("unknown").contains("state")) << run;
+      }
+    }
+  }
+
+  // The daemon is killed: its runs go on, and are found.
+  fifty.site.daemon().process().Signal(SIGKILL);
+  fifty.site.daemon().process().Wait(std::chrono::seconds(10));
+  const auto orphans = fifty.site.Runs();
+  EXPECT_EQ(StatesOf(orphans), expected);
+  for (const json& run : orphans) EXPECT_TRUE(run.at("daemon").is_null()) << run;
+
+  // A controller is killed in each state. What its run leaves behind is lost.
+  for (const json& run : orphans) {
+    const std::string root = run.at("root").is_string() ? run.at("root").get<std::string>() : "";
+    if (root.empty() || root.ends_with("7")) kill(run.at("id").get<pid_t>(), SIGKILL);
+  }
+  expected.erase("");
+  expected.erase("IDLE7");  // its simulator sees the end of the link, and the script ends with it
+  for (const char* root : {"QUEUED7", "ABSENT7", "STEP7"}) expected.find(root)->second = "lost";
+  EXPECT_TRUE(Eventually([&] { return StatesOf(fifty.site.Runs()) == expected; }));
+  EXPECT_EQ(StatesOf(fifty.site.Runs()), expected);
+}
+
+TEST(StatusTest, RunIsDescribedInFull) {
+  RunsSite site;
+  site.Request("QUEUED1", "bob");
+  ASSERT_TRUE(site.WaitForState("QUEUED1", kScript));  // lines of launches at once are mixed
+  TestMaster& master = site.Connect("CASE");
+  master.Ask("04 00 00 00");
+  master.Ask("02 00 00 00");
+  const json run = site.Run("CASE");
+  ASSERT_TRUE(run.is_object());
+  EXPECT_EQ(run.at("state"), kMaster);
+  EXPECT_EQ(run.at("windows_user"), "alice");
+  EXPECT_EQ(run.at("path"), site.data().path().string() + "/");
+  EXPECT_EQ(run.at("processes"), 1);
+  EXPECT_EQ(run.at("version"), "20172");
+  EXPECT_EQ(run.at("daemon"), site.daemon().pid());
+  EXPECT_EQ(run.at("host"), "127.0.0.1");
+  EXPECT_EQ(run.at("last_request"), "date");
+  EXPECT_EQ(run.at("requests"), 3);
+  EXPECT_EQ(run.at("day"), 0.0);
+  EXPECT_EQ(run.at("date"), "2020-01-01");
+  EXPECT_LT(run.at("state_seconds"), 10);
+  EXPECT_LT(run.at("last_heard_seconds"), 10);
+  EXPECT_TRUE(run.at("unknown").empty()) << run.at("unknown");
+  const auto simulator = run.at("simulator").get<pid_t>();
+  EXPECT_EQ(inspect::Process::Open(simulator)->stat().name, "vksim");
+  const json queued = site.Run("QUEUED1");
+  EXPECT_EQ(queued.at("windows_user"), "bob");
+  EXPECT_EQ(queued.at("scheduler"), "somescheduler");
+  EXPECT_EQ(queued.at("job"), "471");
+  EXPECT_EQ(queued.at("waits_for"), "job 471 of somescheduler");
+}
+
+// A master may send what commands a terminal, looks like another column, or is no text at all.
+TEST(StatusTest, HostileTextsAreEscapedAndWhole) {
+  RunsSite site;
+  const std::string hostile = "QUEUED\x1b[2J \xff\n<b>" + std::string(3000, 'x');
+  std::filesystem::create_directory(site.data().File("\x1b]0;title\a"));
+  TestMaster master(site.daemon().port());
+  master.RequestRun(
+      {"0", site.data().File("\x1b]0;title\a"), "QUEUED\xff", "1", "20172", hostile, "0"});
+  ASSERT_TRUE(
+      Eventually([&] { return !site.Runs().empty() && site.Runs()[0].at("path").is_string(); }));
+  const Outcome table = Jobmillctl({"status"});
+  EXPECT_EQ(table.status, 0);
+  EXPECT_THAT(table.out, HasSubstr("\\x1b]0;title\\x07/QUEUED\\xff"));
+  EXPECT_THAT(table.out, HasSubstr("QUEUED\\x1b[2J \\xff"));
+  for (const char c : table.out) EXPECT_TRUE(c == '\n' || (c >= ' ' && c < '\x7f')) << int{c};
+  const Outcome document = Jobmillctl({"status", "--json"});
+  EXPECT_EQ(document.out.find('\x1b'), std::string::npos);
+  EXPECT_TRUE(json::accept(document.out));
+}
+
+TEST(StatusTest, OneRunIsShownWithItsLogs) {
+  RunsSite site;
+  site.Connect("CASE");
+  const std::string id = site.Run("CASE").at("id").dump();
+  const Outcome shown = Jobmillctl({"status", id});
+  EXPECT_EQ(shown.status, 0);
+  EXPECT_THAT(shown.out, HasSubstr("state                  waiting for the master\n"));
+  EXPECT_THAT(shown.out, HasSubstr("\n  Received header: 1\n"));
+  EXPECT_THAT(shown.out, HasSubstr("\n  Controller connected\n"));
+  const json document = json::parse(Jobmillctl({"status", id, "--json"}).out);
+  EXPECT_EQ(document.at("schema"), 1);
+  EXPECT_EQ(document.at("runs").size(), 1U);
+  EXPECT_EQ(document.at("runs").at(0).at("root"), "CASE");
+  const Outcome log = Jobmillctl({"log", id});
+  EXPECT_THAT(log.out, StartsWith("Received header: 1\nConnect on host: 127.0.0.1\\x00, port: "));
+}
+
+TEST(StatusTest, LogIsFollowedUntilTheRunEnds) {
+  RunsSite site;
+  TestMaster& master = site.Connect("CASE");
+  const std::string id = site.Run("CASE").at("id").dump();
+  const TemporaryDirectory directory;
+  ChildProcess::Options options;
+  options.output_file = directory.File("out");
+  ChildProcess follower({ProgramDirectory() + "/jobmillctl", "log", "-f", id}, options);
+  EXPECT_TRUE(
+      Eventually([&] { return directory.Read("out").starts_with("Received header: 1\n"); }));
+  master.Ask("04 00 00 00");
+  EXPECT_TRUE(Eventually([&] { return directory.Read("out").ends_with("GetTimeDays: 0\n"); }));
+  master.Ask("f0 ff 00 00");
+  EXPECT_EQ(follower.Wait(std::chrono::seconds(10)), 0);
+  EXPECT_THAT(directory.Read("out"), HasSubstr("\nProcess loop has exited naturally"));
+}
+
+TEST(StatusTest, WhatIsNoRunIsSaidToBeNone) {
+  const Outcome outcome = Jobmillctl({"status", "1"});
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_EQ(outcome.err,
+            "jobmillctl: '1' is no run of a jobmill on this machine; see jobmillctl status\n");
+  EXPECT_EQ(Jobmillctl({"log", "no such\x1b"}).status, 1);
+}
+
+TEST(StatusTest, NameOfTwoRunsIsNotGuessed) {
+  RunsSite site;
+  site.Request("QUEUED1");
+  ASSERT_TRUE(site.WaitForState("QUEUED1", kScript));
+  std::filesystem::remove(site.data().File("vk_QUEUED1"));
+  site.Request("QUEUED1");
+  ASSERT_TRUE(Eventually([&] { return site.Runs().size() == 2; }));
+  ASSERT_TRUE(Eventually([&] { return Jobmillctl({"status", "QUEUED1"}).status == 1; }));
+  EXPECT_THAT(Jobmillctl({"status", "QUEUED1"}).err, HasSubstr(": name it by its number"));
+}
+
+// What 2,000 idle connections and 50 runs cost, with fewer of them: the cost grows with their
+// number.
+TEST(StatusTest, ManyConnectionsAreCheap) {
+  RunsSite site;
+  for (int i = 0; i < 200; ++i) site.Greet();
+  ASSERT_TRUE(Eventually([&] { return site.Runs().size() == 200; }));
+  double least = 1e9;
+  for (int turn = 0; turn < 3; ++turn) {
+    rusage before{};
+    rusage after{};
+    getrusage(RUSAGE_CHILDREN, &before);
+    EXPECT_EQ(Jobmillctl({"status"}).status, 0);
+    getrusage(RUSAGE_CHILDREN, &after);
+    const auto seconds = [](const rusage& usage) {
+      return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+             static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+    };
+    least = std::min(least, seconds(after) - seconds(before));
+  }
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // with which all costs more
+  EXPECT_LT(least, 0.25);
+#endif
+}
+
+}  // namespace

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "inspect/run_file.h"
+#include "inspect/runs.h"
+
+namespace jobmillctl {
+
+/// A log that a run writes.
+struct RunLog {
+  std::string title;
+  std::string file;
+  uid_t owner = 0;
+};
+
+/// The comms log and the simulator's output, as far as there are any.
+std::vector<RunLog> LogsOf(const inspect::Run& run);
+
+/// The last lines, printable; in place of them one that says why they cannot be read.
+std::vector<std::string> LastLines(const RunLog& log, std::size_t count);
+
+/// Prints the whole first log of the run.
+int PrintLog(const inspect::Run& run);
+
+/// The same, and then what is added until the run's processes have ended.
+int FollowLog(const inspect::Run& run);
+
+}  // namespace jobmillctl

@@ -1,0 +1,90 @@
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <memory>
+#include <string>
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+#include "inspect/runs.h"
+#include "tools/jobmillctl/command.h"
+#include "tools/jobmillctl/run_logs.h"
+#include "tools/jobmillctl/run_view.h"
+#include "tools/jobmillctl/watch.h"
+
+namespace jobmillctl {
+namespace {
+
+constexpr std::size_t kLastLines = 10;
+
+struct Given {
+  std::string run;
+  bool json = false;
+  bool watch = false;
+};
+
+// In a pipe lines are whole; a terminal would break them and the table with them.
+void Print(const std::string& line) {
+  winsize size{};
+  const bool narrow = ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
+  fmt::print("{}\n", narrow ? line.substr(0, size.ws_col) : line);
+}
+
+int PrintStatus(const Given& given) {
+  inspect::Runs found = inspect::FindRuns();
+  const double now = Now();
+  if (!given.run.empty()) {
+    inspect::Run run = Choose(found, given.run);
+    found.runs = {std::move(run)};
+  }
+  if (given.json) {
+    // ASCII alone: no text of a run commands a terminal, and none makes the document invalid.
+    using Handler = nlohmann::ordered_json::error_handler_t;
+    fmt::print("{}\n", JsonOf(found, now).dump(2, ' ', true, Handler::replace));
+  } else if (given.run.empty()) {
+    for (const std::string& line : LinesOf(found, now)) Print(line);
+  } else {
+    const inspect::Run& run = found.runs.front();
+    for (const std::string& line : DetailsOf(run, now)) fmt::print("{}\n", line);
+    for (const RunLog& log : LogsOf(run)) {
+      fmt::print("\n{}\n", log.title);
+      for (const std::string& line : LastLines(log, kLastLines)) fmt::print("  {}\n", line);
+    }
+  }
+  return kOk;
+}
+
+int PrintLogOf(const std::string& name, bool follow) {
+  const inspect::Runs found = inspect::FindRuns();
+  return follow ? FollowLog(Choose(found, name)) : PrintLog(Choose(found, name));
+}
+
+}  // namespace
+
+void DeclareStatus(CLI::App& app, Action& chosen) {
+  const auto given = std::make_shared<Given>();
+  CLI::App* status = app.add_subcommand("status", "Say what runs, for whom, and what it waits for");
+  status->add_option("RUN", given->run, "Everything about one run: its number, root name or job");
+  auto* json = status->add_flag("--json", given->json, "Print one JSON document");
+  status->add_flag("--watch", given->watch, "Go on saying it, until q or Ctrl-C")->excludes(json);
+  status->callback([given, &chosen] {
+    chosen = [given] { return given->watch ? Watch(given->run) : PrintStatus(*given); };
+  });
+
+  struct LogGiven {
+    std::string run;
+    bool follow = false;
+  };
+  const auto log_given = std::make_shared<LogGiven>();
+  CLI::App* log = app.add_subcommand("log", "Print the log of a run");
+  log->add_option("RUN", log_given->run, "Its number, root name or job")->required();
+  log->add_flag("-f,--follow", log_given->follow, "Go on until the run ends");
+  log->callback([log_given, &chosen] {
+    chosen = [log_given] { return PrintLogOf(log_given->run, log_given->follow); };
+  });
+}
+
+}  // namespace jobmillctl
