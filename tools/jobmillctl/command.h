@@ -34,5 +34,6 @@ using Declare = void (*)(CLI::App& app, Action& chosen);
 void DeclareCheck(CLI::App& app, Action& chosen);
 void DeclareUsers(CLI::App& app, Action& chosen);
 void DeclareStatus(CLI::App& app, Action& chosen);
+void DeclareEnd(CLI::App& app, Action& chosen);
 
 }  // namespace jobmillctl
