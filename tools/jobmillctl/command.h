@@ -35,5 +35,6 @@ void DeclareCheck(CLI::App& app, Action& chosen);
 void DeclareUsers(CLI::App& app, Action& chosen);
 void DeclareStatus(CLI::App& app, Action& chosen);
 void DeclareEnd(CLI::App& app, Action& chosen);
+void DeclareRestart(CLI::App& app, Action& chosen);
 
 }  // namespace jobmillctl

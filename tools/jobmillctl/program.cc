@@ -11,7 +11,7 @@
 namespace jobmillctl {
 namespace {
 
-constexpr Declare kCommands[] = {DeclareCheck, DeclareUsers, DeclareStatus, DeclareEnd};
+constexpr Declare kCommands[] = {DeclareCheck, DeclareUsers, DeclareStatus, DeclareEnd, DeclareRestart};
 
 }  // namespace
 
