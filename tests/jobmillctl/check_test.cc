@@ -42,8 +42,9 @@ class CheckTest : public testing::Test {
   }
 
   Outcome Check(std::vector<std::string> arguments) const {
-    arguments.insert(arguments.begin(), {"check", "--configuration", directory_.path().string(),
-                                         "--program", directory_.File("vkjobmill.exe")});
+    arguments.insert(arguments.begin(),
+                     {"check", "--files", "--configuration", directory_.path().string(),
+                      "--program", directory_.File("vkjobmill.exe")});
     return Jobmillctl(arguments);
   }
 

@@ -14,7 +14,9 @@
 
 #include "inspect/environment_file.h"
 #include "inspect/file.h"
+#include "inspect/host.h"
 #include "inspect/options.h"
+#include "inspect/port.h"
 #include "inspect/script.h"
 #include "inspect/site.h"
 #include "inspect/user_file.h"
@@ -40,14 +42,21 @@ constexpr Area kAreas[] = {
     inspect::CheckScript,
 };
 
+/// What is judged of the machine for each of them.
+constexpr Area kMachineAreas[] = {inspect::CheckPort, inspect::CheckHost};
+
 constexpr Severity kSeverities[] = {Severity::kError, Severity::kWarning, Severity::kUnchecked};
 
 /// What is wrong at all `sites`, the worst first. What is wrong with a file that several of them
 /// use is told once.
-Findings Judge(const std::vector<Site>& sites) {
+Findings Judge(const std::vector<Site>& sites, bool files_only) {
   Findings findings;
   for (const Site& site : sites) {
     for (const Area area : kAreas) std::ranges::move(area(site), std::back_inserter(findings));
+    if (files_only || site.error != 0) continue;
+    for (const Area area : kMachineAreas) {
+      std::ranges::move(area(site), std::back_inserter(findings));
+    }
   }
   const auto key = [](const Finding& finding) {
     return std::tie(finding.severity, finding.file, finding.line, finding.id, finding.what);
@@ -140,9 +149,9 @@ void PrintJson(const std::vector<Site>& sites, const Findings& findings) {
   fmt::print("{}\n", document.dump(2, ' ', true, Json::error_handler_t::replace));
 }
 
-int Check(const SiteOptions& given, bool json) {
+int Check(const SiteOptions& given, bool files_only, bool json) {
   const std::vector<Site> sites = given.Sites();
-  const Findings findings = Judge(sites);
+  const Findings findings = Judge(sites, files_only);
   if (json) {
     PrintJson(sites, findings);
   } else {
@@ -157,6 +166,7 @@ void DeclareCheck(CLI::App& app, Action& chosen) {
   struct Given {
     SiteOptions site;
     bool json = false;
+    bool files_only = false;
     DryRun dry_run;
   };
   const auto given = std::make_shared<Given>();
@@ -164,6 +174,7 @@ void DeclareCheck(CLI::App& app, Action& chosen) {
       "check", "Say what is wrong with the configuration of a daemon, and change nothing");
   given->site.Declare(*command);
   CLI::Option* json = command->add_flag("--json", given->json, "Print one JSON document");
+  command->add_flag("--files", given->files_only, "Judge options and files only, not this machine");
   CLI::Option* dry_run =
       command
           ->add_option("--dry-run", given->dry_run.account,
@@ -183,7 +194,7 @@ void DeclareCheck(CLI::App& app, Action& chosen) {
   command->callback([given, &chosen] {
     given->site.Validate();
     if (given->dry_run.account.empty()) {
-      chosen = [given] { return Check(given->site, given->json); };
+      chosen = [given] { return Check(given->site, given->files_only, given->json); };
       return;
     }
     if (given->site.Sites().size() > 1) throw CLI::ValidationError("--dry-run", "is of one daemon");

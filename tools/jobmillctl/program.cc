@@ -11,7 +11,8 @@
 namespace jobmillctl {
 namespace {
 
-constexpr Declare kCommands[] = {DeclareCheck, DeclareUsers, DeclareStatus, DeclareEnd, DeclareRestart};
+constexpr Declare kCommands[] = {DeclareCheck, DeclareUsers, DeclareStatus, DeclareEnd,
+                                 DeclareRestart};
 
 }  // namespace
 
