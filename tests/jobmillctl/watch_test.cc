@@ -1,0 +1,110 @@
+// What is shown again and again.
+
+#include <poll.h>
+#include <pty.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/jobmillctl/jobmillctl.h"
+#include "tests/jobmillctl/runs_site.h"
+
+namespace {
+
+using testing::HasSubstr;
+
+TEST(WatchTest, EachChangeIsALineWhereThereIsNoTerminal) {
+  RunsSite site;
+  site.Connect("CASE");
+  const std::string id = site.Run("CASE").at("id").dump();
+  const TemporaryDirectory directory;
+  ChildProcess::Options options;
+  options.output_file = directory.File("out");
+  ChildProcess watch({ProgramDirectory() + "/jobmillctl", "status", "--watch", id}, options);
+  const auto has = [&](const std::string& text) {
+    return directory.Read("out").find(text) != std::string::npos;
+  };
+  EXPECT_TRUE(Eventually([&] { return has("/CASE): waiting for the master\n"); }));
+  EXPECT_EQ(Jobmillctl({"end", "--yes", id}).status, 0);
+  EXPECT_EQ(watch.Wait(std::chrono::seconds(20)), 0);
+  EXPECT_TRUE(has("/CASE): ended\n"));
+}
+
+// A terminal with jobmillctl in it.
+class Terminal {
+ public:
+  Terminal() {
+    winsize size{};
+    size.ws_row = 30;
+    size.ws_col = 120;
+    pid_ = forkpty(&master_, nullptr, nullptr, &size);
+    if (pid_ == 0) {
+      const std::string program = ProgramDirectory() + "/jobmillctl";
+      execl(program.c_str(), program.c_str(), "status", "--watch", nullptr);
+      _exit(127);
+    }
+  }
+  Terminal(const Terminal&) = delete;
+  Terminal& operator=(const Terminal&) = delete;
+  ~Terminal() {
+    kill(pid_, SIGKILL);
+    waitpid(pid_, nullptr, 0);
+    close(master_);
+  }
+
+  void Press(const std::string& keys) const {
+    EXPECT_EQ(write(master_, keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
+  }
+
+  // Waits until `text` is shown since the last call.
+  bool Shows(const std::string& text) {
+    const bool shown = Eventually([&] {
+      pollfd readable{master_, POLLIN, 0};
+      std::array<char, 4096> part{};
+      while (poll(&readable, 1, 0) == 1) {
+        const ssize_t size = read(master_, part.data(), part.size());
+        if (size <= 0) break;
+        shown_.append(part.data(), static_cast<std::size_t>(size));
+      }
+      return shown_.find(text) != std::string::npos;
+    });
+    EXPECT_TRUE(shown) << text;
+    if (shown) shown_.erase(0, shown_.find(text) + text.size());
+    return shown;
+  }
+
+ private:
+  int master_ = -1;
+  pid_t pid_ = -1;
+  std::string shown_;
+};
+
+TEST(WatchTest, KeysSortFilterOpenAndEnd) {
+  RunsSite site;
+  site.Connect("CASE");
+  site.Greet();
+  const std::string id = site.Run("CASE").at("id").dump();
+  Terminal terminal;
+  EXPECT_TRUE(terminal.Shows("\x1b[?1049h"));
+  EXPECT_TRUE(terminal.Shows("sort (by port and start)"));
+  terminal.Press("s");
+  EXPECT_TRUE(terminal.Shows("sort (by state)"));
+  terminal.Press("/");
+  EXPECT_TRUE(terminal.Shows("Filter: _"));
+  terminal.Press(site.data().path().string() + "/CASE\r");
+  EXPECT_TRUE(terminal.Shows("/CASE)"));
+  EXPECT_TRUE(terminal.Shows(">" + id + " "));
+  terminal.Press("\r");
+  EXPECT_TRUE(terminal.Shows("root                   CASE"));
+  terminal.Press("q");
+  EXPECT_TRUE(terminal.Shows("sort (by state)"));
+  terminal.Press("q");
+  EXPECT_TRUE(terminal.Shows("\x1b[?25h\x1b[?1049l"));  // the terminal is as it was
+}
+
+}  // namespace
