@@ -15,7 +15,7 @@ struct LaunchKey {
   std::optional<std::string> path;   ///< unknown: any
   std::optional<std::string> root;   ///< as the script got it
   std::optional<int> port;           ///< the comms port
-  std::optional<std::string> model;  ///< path and root name, one behind the other
+  std::optional<std::string> model;  ///< path and root name, one after the other
 };
 
 /// A launch as the log tells it.

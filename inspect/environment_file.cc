@@ -152,8 +152,8 @@ class EnvironmentFileCheck {
         entry = entry->next;
       } else if (name.text[0] == '\0') {
         Add("environment.zero-byte", Severity::kError, name.line,
-            "has a name that begins with a zero byte",
-            "it ends the file: nothing behind it is read", "write the file anew as plain text");
+            "has a name that begins with a zero byte", "it ends the file: nothing after it is read",
+            "write the file anew as plain text");
         return;
       } else {
         const std::string shown =

@@ -67,7 +67,7 @@ void CheckName(const std::string& name, const std::string& whose, Findings& find
   }
 }
 
-// The first word behind `begin` at the start of a line of a script, without its quotes.
+// The first word after `begin` at the start of a line of a script, without its quotes.
 std::string SettingIn(const std::string& script, const std::string& begin) {
   const std::string text = "\n" + script;
   const std::size_t found = text.find("\n" + begin + "'");

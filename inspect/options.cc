@@ -171,7 +171,7 @@ class OptionsCheck {
       Add("options.no-value", Severity::kError, word + " has no value",
           value == nullptr ? "the option itself is taken as its value"
                            : "the next option, " + *value + ", is taken as its value",
-          "write the value behind it");
+          "write the value after it");
       return;
     }
     if (option == 's') return;

@@ -45,7 +45,7 @@ class Cursor {
   std::int64_t line_ = 1;
 };
 
-// A comment goes on behind a line end that a backslash stands before.
+// A comment goes on after a line end that a backslash stands before.
 void SkipComment(Cursor& in) {
   while (!in.AtEnd()) {
     const char c = in.Next();
@@ -67,11 +67,11 @@ void AppendQuoted(Cursor& in, char quote, std::string& value) {
   }
 }
 
-// Quotes count at the beginning of the value and behind a quoted part, blanks at its ends do not.
+// Quotes count at the beginning of the value and after a quoted part, blanks at its ends do not.
 std::string ReadValue(Cursor& in) {
   std::string value;
   bool bare = false;       // in a part without quotes
-  std::size_t counts = 0;  // so many characters; the blanks behind them only if more follows
+  std::size_t counts = 0;  // so many characters; the blanks after them only if more follows
   while (!in.AtEnd()) {
     const char c = in.Next();
     if (IsOneOf(c, kLineEnds)) break;
@@ -118,7 +118,7 @@ void TakeEnvironmentOfDaemon(Site& site) {
   std::error_code ignored;
   for (const auto& entry : fs::directory_iterator("/proc", ignored)) {
     const std::string executable = fs::read_symlink(entry.path() / "exe", ignored);
-    // Behind the name of a file that an upgrade has replaced stands " (deleted)".
+    // After the name of a file that an upgrade has replaced comes " (deleted)".
     if (ignored || !executable.starts_with(site.program)) continue;
     auto words = Parts(ReadFile(entry.path() / "cmdline").value_or(""));
     if (words.empty()) continue;

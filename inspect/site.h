@@ -18,7 +18,7 @@ struct Site {
   std::int64_t line = 0;      ///< where they stand in it; 0 where it has none
   int error = 0;              ///< why it could not be read, as in errno; all below is empty then
 
-  std::vector<std::string> words;  ///< what the daemon gets behind its own name
+  std::vector<std::string> words;  ///< what the daemon gets after its own name
   Options options;                 ///< as the daemon understands them
   std::string script;              ///< the one that it starts; relative as it is given
 

@@ -30,7 +30,7 @@ std::string Quoted(const std::string& text) {
   return "'" + text + "'";
 }
 
-// The fields of a line; the third is all that stands behind the blank after the second.
+// The fields of a line; the third is all that follows the blank after the second.
 std::array<std::string, 3> Fields(const std::string& line) {
   std::array<std::string, 3> fields;
   std::string_view rest = line.c_str();
@@ -160,7 +160,7 @@ class UserFileCheck {
     } else if (const std::size_t end = text.find_first_not_of("0123456789", digits);
                end != std::string::npos) {
       Add("users.ignored-text", Severity::kWarning, index + 1,
-          "has more behind the number: " + Quoted(text.substr(end)), "nothing reads that",
+          "has more after the number: " + Quoted(text.substr(end)), "nothing reads that",
           "remove it");
     }
   }
@@ -197,7 +197,7 @@ class UserFileCheck {
              "convert the file, with 'sed -i \"s/\\r$//\" FILE'",
              [](const std::string& line) { return line.ends_with('\r'); });
     CheckEnd("users.blanks", "blanks at the ends of lines",
-             "a blank behind the account stands for the number when that is forgotten, and denies",
+             "a blank after the account stands for the number when that is forgotten, and denies",
              "remove them",
              [](const std::string& line) { return line.starts_with(' ') || line.ends_with(' '); });
   }
@@ -285,24 +285,24 @@ class UserFileCheck {
         "remove the line that lets the user in, or put this one in front");
   }
 
-  // The line that ended the reading, if one did, and what stands behind it.
+  // The line that ended the reading, if one did, and what follows it.
   void CheckEndOfReading() {
     const std::size_t index = file_.records().size();
     if (index >= file_.lines().size()) return;
     const std::string& line = file_.lines()[index];
-    std::size_t behind = 0;
+    std::size_t after = 0;
     for (std::size_t i = index + 1; i < file_.lines().size(); ++i) {
       if (IsBlank(file_.lines()[i])) continue;
-      ++behind;
+      ++after;
       CheckLostDenial(i);
     }
-    const std::string lost = "it ends the file: " + Counted(behind, "line") + " behind it " +
-                             (behind == 1 ? "is" : "are") + " never read";
-    const Severity severity = behind == 0 && IsBlank(line) ? Severity::kWarning : Severity::kError;
+    const std::string lost = "it ends the file: " + Counted(after, "line") + " after it " +
+                             (after == 1 ? "is" : "are") + " never read";
+    const Severity severity = after == 0 && IsBlank(line) ? Severity::kWarning : Severity::kError;
     const auto fields = Fields(line);
     if (IsBlank(line)) {
       Add("users.empty-line", severity, index + 1, "is empty",
-          behind > 0 ? lost : "it ends the file: a record that is added behind it is never read",
+          after > 0 ? lost : "it ends the file: a record that is added after it is never read",
           "remove the line");
     } else if (line.size() > kLongestLine) {
       Add("users.long-line", severity, index + 1,
@@ -346,7 +346,7 @@ UserFile::UserFile(const std::string& directory) {
   if (text) {
     for (const std::string_view line : Lines(*text)) lines_.emplace_back(line);
   }
-  // A record for each line, and none behind. There would be more if the file had just grown.
+  // A record for each line, and none after them. There would be more if the file had just grown.
   for (const CVKUser* user = users_->first(); user != nullptr; user = user->next) {
     if (records_.size() < lines_.size()) records_.push_back(user);
   }

@@ -95,7 +95,7 @@ TEST(DaemonLogTest, UserOfMixedLinesIsNotGuessed) {
   EXPECT_EQ(launch->version, "20172");
 }
 
-// A master may put line ends into its path, and lines behind them.
+// A master may put line ends into its path, and lines after them.
 TEST(DaemonLogTest, LinesWithinAFieldAreTakenForNobodys) {
   LaunchLines liar = kOther;
   liar.path = "/other/\n" + kOurs.Request() + "Windows user received: mallory\n" + kOurs.Script();

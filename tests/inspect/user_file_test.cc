@@ -52,7 +52,7 @@ TEST_F(UserFileTest, FindingSaysWhereAndWhatFollowsAndWhatToDo) {
   EXPECT_EQ(findings[0].file, std::filesystem::canonical(directory_.File(".vk_corvane_users")));
   EXPECT_EQ(findings[0].line, 2);
   EXPECT_EQ(findings[0].what, "is empty");
-  EXPECT_EQ(findings[0].consequence, "it ends the file: 1 line behind it is never read");
+  EXPECT_EQ(findings[0].consequence, "it ends the file: 1 line after it is never read");
   EXPECT_EQ(findings[0].remedy, "remove the line");
 }
 
@@ -135,7 +135,7 @@ TEST_F(UserFileTest, EmptyLinesAtTheEndHideOnlyWhatWillBeAdded) {
   const Findings findings = Check("alice daemon 1\n\n \n");
   EXPECT_THAT(Ids(findings), ElementsAre("warning users.empty-line:2"));
   EXPECT_EQ(findings[0].consequence,
-            "it ends the file: a record that is added behind it is never read");
+            "it ends the file: a record that is added after it is never read");
 }
 
 TEST_F(UserFileTest, TabInANameIsFound) {

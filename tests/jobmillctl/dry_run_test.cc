@@ -80,7 +80,7 @@ class DryRunTest : public testing::Test {
     return Run(Arguments(Script(lines), wait));
   }
 
-  // The number behind "pid " in what the script printed.
+  // The number after "pid " in what the script printed.
   static pid_t PidIn(const std::string& text) {
     return std::stoi(text.substr(text.find("pid ") + 4));
   }

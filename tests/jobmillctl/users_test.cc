@@ -77,7 +77,7 @@ TEST_F(UsersTest, ListIsWhatTheDaemonReads) {
             "guest         no       2       guest\n"
             "Alice         yes      3       bin (does not count: line 1 does)\n"
             "*             yes      4       (the name that is sent)\n" +
-                Place(5) + "ends the file; it and what stands behind it is not read\n");
+                Place(5) + "ends the file; neither it nor what follows is read\n");
 }
 
 TEST_F(UsersTest, NamesOfAFileCommandNoTerminal) {

@@ -230,7 +230,7 @@ std::set<pid_t> Descendants() {
     std::ifstream file(entry.path() / "stat");
     std::string text;
     if (pid <= 0 || !std::getline(file, text)) continue;
-    // Behind the name, which may hold anything: state, parent.
+    // After the name, which may hold anything: state, parent.
     const std::size_t name = text.rfind(')');
     if (name == std::string::npos || name + 4 > text.size()) continue;
     children.emplace(static_cast<pid_t>(NumberIn(text.c_str() + name + 4)), pid);

@@ -31,7 +31,7 @@ std::string DaemonProgram(const std::string& given) {
 void SiteOptions::Declare(CLI::App& command) {
   command.add_option(
       "NAME", words_,
-      "Daemons, by their configuration files NAME.conf (default: jobmill); or, behind "
+      "Daemons, by their configuration files NAME.conf (default: jobmill); or, after "
       "\"--\", the options of a daemon that would be started here");
   DeclareProgram(command, program_);
   command.add_option("--configuration", directory_, "Where the configuration files lie")
@@ -43,7 +43,7 @@ void SiteOptions::Validate() const {
   if (OptionsAreGiven()) return;
   for (const std::string& word : words_) {
     if (IsOption(word))
-      throw CLI::ValidationError(word, "options stand behind \"--\", without names");
+      throw CLI::ValidationError(word, "options come after \"--\", without names");
     if (word.empty() || word.find('/') != std::string::npos) {
       throw CLI::ValidationError(word, "a name is what stands before .conf");
     }

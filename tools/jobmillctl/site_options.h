@@ -26,7 +26,7 @@ class SiteOptions {
   /// Throws CLI::ValidationError when what was given has no meaning.
   void Validate() const;
 
-  /// One for each NAME, jobmill without any; or the one of the options behind "--".
+  /// One for each NAME, jobmill without any; or the one of the options after "--".
   std::vector<inspect::Site> Sites() const;
 
  private:

@@ -75,7 +75,7 @@ void PrintEndOfReading(const UserFile& file) {
   const std::size_t records = file.records().size();
   const auto begin = file.lines().begin() + static_cast<std::ptrdiff_t>(records);
   if (std::all_of(begin, file.lines().end(), inspect::IsBlank)) return;
-  Print(fmt::format("{}:{}: ends the file; it and what stands behind it is not read", file.name(),
+  Print(fmt::format("{}:{}: ends the file; neither it nor what follows is read", file.name(),
                     records + 1));
 }
 
