@@ -48,6 +48,11 @@ bool ReadLine(FILE* file, std::array<char, kLineSize>& line) {
   return true;
 }
 
+// A name that a master has sent, as far as the system reads it.
+std::string UpToZero(const std::string& name) {
+  return name.substr(0, name.find('\0'));
+}
+
 }  // namespace
 
 CVKUserCollection::~CVKUserCollection() {
@@ -105,15 +110,13 @@ void CVKUserCollection::LogOut(flog* log) const {
 }
 
 std::string NotFoundText(const std::string& windows_user) {
-  return std::string("Windows user '") + windows_user.c_str() +
-         "' not found in administration file";
+  return "Windows user '" + UpToZero(windows_user) + "' not found in administration file";
 }
 
 std::string NotAllowedText(const std::string& windows_user) {
-  return std::string("Windows user '") + windows_user.c_str() +
-         "' does not have permissions to run Varnok";
+  return "Windows user '" + UpToZero(windows_user) + "' does not have permissions to run Varnok";
 }
 
 std::string NoAccountText(const std::string& account) {
-  return std::string("Failed to get password entry for '") + account.c_str() + "'";
+  return "Failed to get password entry for '" + UpToZero(account) + "'";
 }

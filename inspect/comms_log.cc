@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstdio>
+#include <sstream>
 #include <utility>
 
 #include "base/number.h"
@@ -43,10 +44,12 @@ void AddLine(std::string_view line, CommsLog& log) {
   } else if (const auto until = After(line, "Running until ")) {
     log.until = strtod(until->c_str(), nullptr);
   } else if (const auto date = After(line, "Getting date: ")) {
+    std::istringstream fields(*date);
     int day = 0;
     int month = 0;
     int year = 0;
-    if (sscanf(date->c_str(), "%d, %d, %d", &day, &month, &year) != 3) return;
+    char comma = 0;
+    if (!(fields >> day >> comma >> month >> comma >> year)) return;
     std::array<char, 40> text{};
     snprintf(text.data(), text.size(), "%04d-%02d-%02d", year, month, day);
     log.date = text.data();
