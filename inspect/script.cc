@@ -202,7 +202,7 @@ class ScriptCheck {
   }
 
   static bool IsPackaged(const std::string& text) {
-    return text.find("\nsource \"$here/common.sh\"\n") != std::string::npos;
+    return text.find("\nsource \"$here/common.sh\"") != std::string::npos;
   }
 
   // The shipped scripts share a file, which lies beside the script itself, not beside links to it.

@@ -94,3 +94,12 @@ FILES
   descriptors=$(sed -n 's/^LimitNOFILE=//p' "$unit")
   ((tasks >= 4096 && descriptors >= 10 * tasks))
 }
+
+@test "ScriptWithoutWhatTheScriptsShareEndsAtOnce" {
+  for script in local slurm pbs lsf gridengine htcondor ssh; do
+    cp "$root_directory/deploy/scripts/$script" "$work"
+    run timeout 10 "$work/$script" 1 "$work" CASE 9001 0 2>/dev/null </dev/null
+    ((status != 0 && status != 124))
+    [[ $output == *common.sh:\ No\ such\ file* && $output != *HOST=* ]]
+  done
+}
