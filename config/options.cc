@@ -36,3 +36,10 @@ Options ParseOptions(int argc, const char* const* argv) {
   }
   return options;
 }
+
+Options ParseOptions(const std::vector<std::string>& words) {
+  std::vector<const char*> pointers;
+  pointers.reserve(words.size());
+  for (const std::string& word : words) pointers.push_back(word.c_str());
+  return ParseOptions(static_cast<int>(pointers.size()), pointers.data());
+}

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 /// The command line of the daemon. What looks at the daemon from outside reads it here, too.
 struct Options {
@@ -20,3 +21,6 @@ struct Options {
 /// their lower bound are raised to it, texts without digits read as 0. Stops at the version
 /// option.
 Options ParseOptions(int argc, const char* const* argv);
+
+/// The same for the words of a command line, the program's own name included.
+Options ParseOptions(const std::vector<std::string>& words);

@@ -90,8 +90,9 @@ std::string PathOf(const Site& site) {
 std::string CommandIn(const std::string& path, const std::string& command) {
   std::istringstream directories(path);
   for (std::string directory; std::getline(directories, directory, ':');) {
-    const std::string file = directory + "/" + command;
-    if (directory.starts_with('/') && access(file.c_str(), X_OK) == 0) return file;
+    if (!directory.starts_with('/')) continue;
+    std::string file = directory.append("/").append(command);
+    if (access(file.c_str(), X_OK) == 0) return file;
   }
   return {};
 }
@@ -106,8 +107,9 @@ const std::map<std::string, std::string> kQuestions = {
 
 // Runs a command that is bounded in time and prints nothing. 0: it said yes.
 int StatusOf(const std::string& path, const std::string& command) {
-  const std::string line = "cd / && PATH='" + path + "' LC_ALL=C timeout --kill-after=2 10 " +
-                           command + " </dev/null >/dev/null 2>&1";
+  std::string line = "cd / && PATH='";
+  line.append(path).append("' LC_ALL=C timeout --kill-after=2 10 ").append(command);
+  line.append(" </dev/null >/dev/null 2>&1");
   const int status = system(line.c_str());  // NOLINT(cert-env33-c): the words are this file's own
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
@@ -204,11 +206,7 @@ void CheckLimits(const Site& site, Findings& findings) {
   for (const ProcessStat& stat : AllProcesses()) {
     if (stat.name != "vkjobmill.exe") continue;
     const auto process = Process::Open(stat.id);
-    const std::vector<std::string> words =
-        process ? process->Arguments() : std::vector<std::string>();
-    std::vector<const char*> pointers;
-    for (const std::string& word : words) pointers.push_back(word.c_str());
-    const Options options = ParseOptions(static_cast<int>(pointers.size()), pointers.data());
+    const Options options = process ? ParseOptions(process->Arguments()) : Options();
     if (options.listen_port != site.options.listen_port) continue;
     const std::string file = "/proc/" + std::to_string(stat.id.pid) + "/limits";
     const std::string limits = ReadFile(file).value_or("");

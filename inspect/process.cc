@@ -131,9 +131,10 @@ std::optional<uid_t> Process::User() const {
   const std::optional<std::string> status = Read("status");
   const std::size_t line = status ? status->find("\nUid:\t") : std::string::npos;
   if (line == std::string::npos) return std::nullopt;
-  unsigned real = 0;
-  unsigned effective = 0;
-  if (sscanf(status->c_str() + line, "\nUid: %u %u", &real, &effective) != 2) return std::nullopt;
+  std::istringstream fields(status->substr(line + std::string_view("\nUid:").size()));
+  uid_t real = 0;
+  uid_t effective = 0;
+  if (!(fields >> real >> effective)) return std::nullopt;
   return effective;
 }
 
@@ -168,10 +169,11 @@ std::optional<std::vector<Process::OpenFile>> Process::Files() const {
 std::optional<Process::Call> Process::WaitsIn() const {
   const std::optional<std::string> text = Read("syscall");
   Call call;
+  // A process that computes has "running" there; one that waits, the call and its arguments.
+  std::istringstream fields(text.value_or(""));
   unsigned long long first = 0;
-  if (!text || sscanf(text->c_str(), "%ld %llx", &call.number, &first) < 1 || call.number < 0) {
-    return std::nullopt;
-  }
+  if (!(fields >> call.number) || call.number < 0) return std::nullopt;
+  fields >> std::hex >> first;
   if (kCallsOnDescriptor.contains(call.number)) call.descriptor = static_cast<int>(first);
   return call;
 }

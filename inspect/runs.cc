@@ -53,12 +53,6 @@ std::string_view BaseName(std::string_view path) {
   return path.substr(path.rfind('/') + 1);
 }
 
-std::vector<const char*> Pointers(const std::vector<std::string>& arguments) {
-  std::vector<const char*> pointers;
-  for (const std::string& argument : arguments) pointers.push_back(argument.c_str());
-  return pointers;
-}
-
 // A process of the jobmill's program, in which no other program has been started since.
 struct Jobmill {
   ProcessStat stat;
@@ -240,9 +234,7 @@ std::optional<Jobmill> Survey::ReadJobmill(const ProcessStat& stat) const {
     return std::nullopt;
   }
   jobmill.files = process->Files();
-  const std::vector<std::string> arguments = process->Arguments();
-  const std::vector<const char*> pointers = Pointers(arguments);
-  jobmill.options = ParseOptions(static_cast<int>(pointers.size()), pointers.data());
+  jobmill.options = ParseOptions(process->Arguments());
   return jobmill;
 }
 
@@ -514,7 +506,7 @@ std::string Survey::LogOf(const Jobmill& jobmill, Run& run) const {
     return "/proc/" + std::to_string(reader) + "/root" + target;
   }
   for (const char* directory : {"/var/log/jobmill/", "/var/log/", "/tmp/"}) {
-    const std::string file = directory + name + "log";
+    std::string file = directory + name + "log";
     // In /tmp anybody may put a file of the name.
     if (jobmill.user &&
         RunFile(file, jobmill.options.run_as_root ? 0 : *jobmill.user).error().empty()) {

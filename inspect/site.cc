@@ -132,9 +132,9 @@ void TakeEnvironmentOfDaemon(Site& site) {
 }
 
 void ReadOptions(Site& site) {
-  std::vector<const char*> arguments{"vkjobmill.exe"};
-  for (const std::string& word : site.words) arguments.push_back(word.c_str());
-  site.options = ParseOptions(static_cast<int>(arguments.size()), arguments.data());
+  std::vector<std::string> words{"vkjobmill.exe"};
+  words.insert(words.end(), site.words.begin(), site.words.end());
+  site.options = ParseOptions(words);
   site.script = site.options.script.empty() ? kDefaultScript : site.options.script;
 }
 

@@ -16,8 +16,6 @@
 
 namespace {
 
-using testing::HasSubstr;
-
 TEST(WatchTest, EachChangeIsALineWhereThereIsNoTerminal) {
   RunsSite site;
   site.Connect("CASE");
