@@ -178,7 +178,7 @@ class EnvironmentFileCheck {
     const std::string& name = word.text;
     if (name.find('=') != std::string::npos) {
       Add("environment.equals-sign", Severity::kError, word.line,
-          "has an equals sign in the name " + Shown(name.substr(0, name.find('='))),
+          "has an equals sign in the name of " + Shown(name.substr(0, name.find('='))),
           "nothing is set by it, and the next word counts as its value",
           "write a blank in place of the equals sign");
       return;

@@ -13,7 +13,7 @@ namespace vkmaster {
 namespace {
 
 const char* const kDaemonLog =
-    "the daemon's log (VKJobmill_PORT.log in /var/log or /tmp on its host)";
+    "the daemon's log (VKJobmill_PORT.log in /var/log/jobmill, /var/log or /tmp on its host)";
 
 std::string HintForConnect(const std::string& text, const Launched& launched) {
   if (text.find("refused") != std::string::npos) {
@@ -61,7 +61,8 @@ std::string HintForRefusal(const std::string& text, const master::RunRequest& re
   if (begins("Windows user") && text.ends_with("not found in administration file")) {
     return fmt::format(
         "Give another --user, or have a line \"{} LINUX_ACCOUNT 1\" added to .vk_corvane_users "
-        "beside the daemon's program; it counts from the next launch on. An empty or incomplete "
+        "beside the daemon's program (from a package /etc/jobmill/users); it counts from the next "
+        "launch on. An empty or incomplete "
         "line ends that file: users below it are not found",
         request.user);
   }
@@ -79,7 +80,7 @@ std::string HintForRefusal(const std::string& text, const master::RunRequest& re
   }
   if (begins("No host detected")) {
     return fmt::format(
-        "The distribution script ended without a line HOST=name. {} has all that it printed. Is "
+        "The distribution script ended without a line HOST=name; {} has all that it printed. Is "
         "the daemon's script (-s) executable, do {} and the model {} exist on the daemon's host, "
         "and may the account read and write there?",
         kDaemonLog, request.path, request.root);
@@ -106,9 +107,10 @@ Failure Explain(const std::exception& error, const Launched& launched, bool conn
     return {kRequestFailed, text, HintForFailedRequest(text, launched, connecting)};
   }
   if (dynamic_cast<const master::LinkLost*>(&error) != nullptr) {
-    return {kLinkLost, text,
-            fmt::format("Is the daemon's host up? {} and the comms log {} tell what it last did",
-                        kDaemonLog, CommsLog(launched.request))};
+    return {
+        kLinkLost, text,
+        fmt::format("Is the daemon's host up? What it last did is in {} and in the comms log {}",
+                    kDaemonLog, CommsLog(launched.request))};
   }
   if (dynamic_cast<const master::ProtocolError*>(&error) != nullptr) {
     return {kBadAnswer, text,
