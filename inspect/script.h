@@ -1,5 +1,7 @@
 #pragma once
 
+#include <string>
+
 #include "inspect/site.h"
 
 namespace inspect {
@@ -11,5 +13,8 @@ Findings CheckScript(const Site& site);
 /// Gives this process the environment of a run: that in which the daemon starts, with the
 /// environment file applied as the daemon does.
 void TakeEnvironment(const Site& site);
+
+/// What a variable is in the environment of a run; empty when it is not set.
+std::string RunVariable(const Site& site, const char* name);
 
 }  // namespace inspect

@@ -1,7 +1,9 @@
 #include "inspect/script.h"
 
 #include <grp.h>
+#include <sched.h>
 #include <stdlib.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -32,11 +34,15 @@ class ScriptTest : public testing::Test {
     fs::create_directories(directory_.File("share/jobmill"));
     fs::copy(SOURCES "/deploy/scripts", directory_.File("share/jobmill/scripts"));
     fs::create_directory(directory_.File("bin"));
-    chmod(directory_.Write("bin/vksim", "").c_str(), 0755);
+    Program("bin/vksim");
     Users("alice daemon 1\n");
     Use("share/jobmill/scripts/local");
   }
 
+  void Program(const std::string& name, const std::string& text = "#!/bin/sh\n",
+               mode_t mode = 0755) const {
+    chmod(directory_.Write(name, text).c_str(), mode);
+  }
   void Users(const std::string& text) const {
     directory_.Write("lib/jobmill/.vk_corvane_users", text);
   }
@@ -116,6 +122,105 @@ TEST_F(ScriptTest, ScriptThatAccountsCannotExecuteIsFound) {
   UseText("#!/bin/sh\n");
   chmod(directory_.path().c_str(), 0700);
   EXPECT_THAT(IdsOf(), ElementsAre("error script.not-executable"));
+}
+
+TEST_F(ScriptTest, DirectoryOnTheWayByTheNameInTheOptionsCounts) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root";
+  fs::create_directory(directory_.File("etc"));
+  fs::create_symlink("../share/jobmill/scripts/local", directory_.File("etc/script"));
+  Use("etc/script");
+  EXPECT_THAT(IdsOf(), IsEmpty());
+  chmod(directory_.File("etc").c_str(), 0700);
+  const Findings findings = Check();
+  ASSERT_THAT(Ids(findings), ElementsAre("error script.not-executable"));
+  EXPECT_EQ(findings[0].what, "cannot be executed by daemon: the directory " +
+                                  directory_.File("etc") + " cannot be entered");
+}
+
+TEST_F(ScriptTest, ScriptThatItsInterpreterCannotReadIsFound) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root";
+  UseText("#!/bin/sh\n", 0711);
+  EXPECT_THAT(IdsOf(), ElementsAre("error script.not-executable"));
+}
+
+TEST_F(ScriptTest, WhatTheScriptOpensHasToBeOpenToTheAccounts) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root";
+  fs::copy("/bin/sh", directory_.File("shell"));
+  const std::string shell = directory_.File("shell");
+  chmod(shell.c_str(), 0700);
+  UseText("#!" + shell + "\n");
+  const Findings interpreter = Check();
+  ASSERT_THAT(Ids(interpreter), ElementsAre("error script.interpreter-missing:1"));
+  EXPECT_EQ(interpreter[0].what,
+            "needs the interpreter " + shell + ", which cannot be executed by daemon");
+
+  Use("share/jobmill/scripts/slurm");
+  chmod(directory_.File("share/jobmill/scripts/common.sh").c_str(), 0600);
+  const Findings common = Check();
+  ASSERT_THAT(Ids(common), ElementsAre("error script.no-common"));
+  EXPECT_EQ(common[0].what, "has a common.sh beside it that cannot be read by daemon");
+}
+
+TEST_F(ScriptTest, SimulatorThatAccountsCannotExecuteIsFound) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root";
+  fs::create_directory(directory_.File("sim"));
+  Program("sim/x");
+  Environment("JOBMILL_SIMULATOR " + directory_.File("sim/x"));
+  EXPECT_THAT(IdsOf(), IsEmpty());
+  const std::string what = "has a simulator to start, " + directory_.File("sim/x") +
+                           ", that cannot be executed by daemon";
+  for (const mode_t mode : {0644, 0700}) {
+    Program("sim/x", "#!/bin/sh\n", mode);
+    const Findings findings = Check();
+    ASSERT_THAT(Ids(findings), ElementsAre("error script.no-simulator"));
+    EXPECT_EQ(findings[0].what, what);
+  }
+  Program("sim/x");
+  chmod(directory_.File("sim").c_str(), 0700);
+  const Findings closed = Check();
+  ASSERT_THAT(Ids(closed), ElementsAre("error script.no-simulator"));
+  EXPECT_EQ(closed[0].what,
+            what + ": the directory " + directory_.File("sim") + " cannot be entered");
+}
+
+TEST_F(ScriptTest, SimulatorOnAFileSystemWithoutProgramsIsFound) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root";
+  fs::create_directory(directory_.File("sim"));
+  Environment("JOBMILL_SIMULATOR " + directory_.File("sim/x"));
+  const auto what = Ask([this] {
+    // The mount is of this process alone.
+    if (unshare(CLONE_NEWNS) != 0 ||
+        mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        mount("none", directory_.File("sim").c_str(), "tmpfs", MS_NOEXEC, "mode=0755") != 0) {
+      return std::string("no mount");
+    }
+    Program("sim/x");
+    const Findings findings = Check();
+    return findings.empty() ? std::string() : findings[0].what;
+  });
+  if (what == "no mount") GTEST_SKIP() << "no file system can be mounted here";
+  EXPECT_EQ(what, "has a simulator to start, " + directory_.File("sim/x") +
+                      ", that cannot be executed by daemon: its file system is mounted noexec");
+}
+
+TEST_F(ScriptTest, SimulatorThatTheSystemCannotStartIsFound) {
+  Environment("JOBMILL_SIMULATOR " + directory_.File("bin/x"));
+  for (const char* text : {"", "PK\3\4", "#!/no/such/shell\n", "#!/bin/sh\r\n", "#!\n", "#!",
+                           "#!/usr/bin/env no-such-python\n"}) {
+    Program("bin/x", text);
+    EXPECT_THAT(IdsOf(), ElementsAre("error script.no-simulator")) << text;
+  }
+  Program("bin/x", "#!/usr/bin/env sh\n");
+  EXPECT_THAT(IdsOf(), IsEmpty());
+}
+
+TEST_F(ScriptTest, InterpreterIsLookedForInThePathOfTheEnvironmentFile) {
+  fs::create_directory(directory_.File("path"));
+  Program("path/shell-of-the-site");
+  UseText("#!/usr/bin/env shell-of-the-site\n");
+  EXPECT_THAT(IdsOf(), ElementsAre("error script.interpreter-missing:1"));
+  Environment("PATH " + directory_.File("path"));
+  EXPECT_THAT(IdsOf(), IsEmpty());
 }
 
 TEST_F(ScriptTest, ScriptThatTheDaemonsOwnAccountCannotExecuteIsFound) {
@@ -198,12 +303,12 @@ TEST_F(ScriptTest, SimulatorThatIsNoneIsFound) {
 TEST_F(ScriptTest, StandInSimulatorIsLookedForAsTheScriptDoes) {
   fs::remove(directory_.File("bin/vksim"));
   fs::create_directory(directory_.File("path"));
-  chmod(directory_.Write("path/bash", "").c_str(), 0755);
+  Program("path/bash");
   const std::string options = directory_.Read("jobmill.conf");
   directory_.Write("jobmill.conf", options + "PATH=" + directory_.File("path") + "\n");
   EXPECT_THAT(IdsOf(), ElementsAre("error script.no-simulator"));
   for (const char* place : {"path/vksim", "share/jobmill/scripts/vksim", "bin/vksim"}) {
-    chmod(directory_.Write(place, "").c_str(), 0755);
+    Program(place);
     EXPECT_THAT(IdsOf(), IsEmpty()) << place;
     fs::remove(directory_.File(place));
   }
