@@ -3,9 +3,11 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <grp.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/statvfs.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -14,6 +16,7 @@
 #include <fstream>
 #include <map>
 #include <optional>
+#include <regex>
 #include <set>
 #include <sstream>
 #include <stdexcept>
@@ -21,6 +24,7 @@
 #include <utility>
 #include <vector>
 
+#include "base/number.h"
 #include "config/env_collection.h"
 #include "inspect/account.h"
 #include "inspect/file.h"
@@ -110,6 +114,7 @@ std::optional<Excluded> Try(const std::vector<Need>& needs,
                             const std::string& own) {
   const auto answer = Ask([&] {
     std::vector<std::vector<std::string>> directories;
+    directories.reserve(needs.size());
     for (const Need& need : needs) directories.push_back(DirectoriesTo(need.files[0]));
     if (accounts.empty()) return Refused(needs, directories, own);
     std::string refused;
@@ -132,6 +137,36 @@ std::optional<Excluded> Try(const std::vector<Need>& needs,
     names.append(names.empty() ? "" : ", ").append(name);
   }
   return excluded;
+}
+
+// What the machine's own `shell`, "bash" or "sh", says against the syntax of `file`; empty when it
+// says nothing. It reads the commands and executes none.
+std::string SyntaxError(const std::string& shell, const std::string& file) {
+  const auto answer = Ask([&] {
+    // Nothing in the environment, such as a file that the shell reads first, has a say.
+    clearenv();
+    setenv("PATH", "/usr/bin:/bin", 1);
+    setenv("LC_ALL", "C", 1);
+    setenv("SHELL_TO_ASK", shell.c_str(), 1);
+    // A script can turn these patterns on, which is not executed here either.
+    setenv("PATTERNS", shell == "bash" ? "-O extglob" : "", 1);
+    setenv("FILE_TO_READ", file.c_str(), 1);
+    FILE* output = popen(
+        "exec timeout --kill-after=1 5 \"$SHELL_TO_ASK\" $PATTERNS -n \"$FILE_TO_READ\" 2>&1 "
+        "</dev/null",
+        "r");
+    if (output == nullptr) throw std::runtime_error("no process");
+    std::array<char, 1024> line{};
+    std::string first;
+    while (fgets(line.data(), line.size(), output) != nullptr) {
+      if (first.empty()) first = line.data();
+    }
+    const int status = pclose(output);
+    // More says timeout, of itself.
+    const bool refused = WIFEXITED(status) && WEXITSTATUS(status) > 0 && WEXITSTATUS(status) < 124;
+    return refused ? first : std::string();
+  });
+  return answer.value_or("");
 }
 
 // The program that the first line of a script names and the argument that stands there, as the
@@ -281,6 +316,20 @@ class ScriptCheck {
       return;
     }
     CheckProgram("script.interpreter-missing", 1, "", text);
+    CheckSyntax(text);
+  }
+
+  void CheckSyntax(const std::string& text) {
+    const auto [interpreter, argument] = InterpreterIn(text);
+    std::string shell = fs::path(interpreter).filename();
+    if (shell == "env") shell = argument;
+    if (shell != "bash" && shell != "sh") return;
+    std::smatch found;
+    const std::string error = SyntaxError(shell, file_);
+    // "FILE: line 4: syntax error near ..." says bash, without "line" the others.
+    if (!std::regex_search(error, found, std::regex(R"(: (?:line )?([0-9]+): (.*))"))) return;
+    Add("script.syntax", Severity::kError, NumberIn(found[1].str().c_str()),
+        "is not understood by " + shell + ": " + found[2].str(), kRefused, "correct it");
   }
 
   // Whether what the first line of `text` names is there and can be executed.

@@ -274,6 +274,22 @@ TEST_F(ScriptTest, CarriageReturnsAreFound) {
   EXPECT_THAT(IdsOf("#!/bin/sh\necho\r\n"), ElementsAre("error script.carriage-return:2"));
 }
 
+TEST_F(ScriptTest, SyntaxErrorIsFoundWithItsLineAndNothingIsExecuted) {
+  const std::string made = directory_.File("made");
+  for (const char* first : {"#!/bin/bash\n", "#!/usr/bin/env bash\n", "#!/bin/sh\n"}) {
+    EXPECT_THAT(IdsOf(first + ("touch " + made + "\n") + "if true; then\n  echo )\nfi\n"),
+                ElementsAre("error script.syntax:4"))
+        << first;
+    EXPECT_THAT(IdsOf(first + ("touch " + made + "\n")), IsEmpty()) << first;
+  }
+  EXPECT_FALSE(fs::exists(made));
+  EXPECT_THAT(IdsOf("#!/bin/bash\nshopt -s extglob\n[[ $1 == @(a|b) ]]\necho ${1##+(x)}\n"
+                    "case $1 in !(a|b)) ;; esac\n"),
+              IsEmpty());
+  EXPECT_THAT(IdsOf("#!/usr/bin/env -S bash\nif\n"), IsEmpty());
+  EXPECT_THAT(IdsOf("#!/bin/cat\nif\n"), IsEmpty());
+}
+
 TEST_F(ScriptTest, CopyWithoutItsCommonFileIsFound) {
   UseText(directory_.Read("share/jobmill/scripts/slurm"));
   EXPECT_THAT(IdsOf(), ElementsAre("error script.no-common"));
