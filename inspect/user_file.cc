@@ -21,6 +21,7 @@ namespace {
 constexpr std::size_t kLongestLine = 1023;
 constexpr std::size_t kLongestName = sizeof(CVKUser::windows_name) - 1;
 constexpr const char* kEverybody = "*";
+constexpr std::string_view kByteOrderMark = "\xef\xbb\xbf";
 
 std::string Counted(std::size_t count, const std::string& what) {
   return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
@@ -65,6 +66,7 @@ class UserFileCheck {
       Add("users.empty", Severity::kWarning, 0, "holds no record", "nobody is let in",
           "add users with 'jobmillctl users add'");
     }
+    CheckBegin();
     for (std::size_t i = 0; i < file_.records().size(); ++i) {
       CheckNames(i);
       CheckAllow(i);
@@ -119,6 +121,18 @@ class UserFileCheck {
         "whoever can write it can run as anybody", "give it to root, with the mode 0600");
   }
 
+  bool HasMark() const {
+    return !file_.lines().empty() && file_.lines()[0].starts_with(kByteOrderMark);
+  }
+
+  void CheckBegin() {
+    if (!HasMark()) return;
+    Add("users.byte-order-mark", Severity::kError, 1, "begins with a byte order mark",
+        "the mark belongs to the first name: the user of that line is not found",
+        "save it as plain text, or take the mark away with "
+        "'sed -i \"1s/^\\xEF\\xBB\\xBF//\" FILE'");
+  }
+
   void CheckNames(std::size_t index) {
     const std::string name = Record(index).windows_name;
     if (name.starts_with('#')) {
@@ -136,7 +150,7 @@ class UserFileCheck {
       return;
     }
     const std::string character = name == kEverybody ? "" : Unsendable(name);
-    if (character.empty()) return;
+    if (character.empty() || (index == 0 && HasMark())) return;
     Add("users.unsendable-name", Severity::kWarning, index + 1,
         "has " + character + " in the name " + Quoted(name),
         "no Windows user has such a name, so no master sends it",
@@ -313,7 +327,10 @@ class UserFileCheck {
           "has a name of more than " + std::to_string(kLongestName) + " characters", lost,
           "shorten the name");
     } else {
-      Add("users.incomplete-line", severity, index + 1, "has not three fields separated by blanks",
+      const bool tab = line.find('\t') != std::string::npos;
+      Add("users.incomplete-line", severity, index + 1,
+          std::string("has not three fields separated by blanks") +
+              (tab ? ": a tab does not separate, and it has one" : ""),
           lost, "write Windows user, Linux account, and 1 or 0");
     }
   }
@@ -359,7 +376,7 @@ std::optional<std::size_t> UserFile::Deciding(const std::string& windows_user) c
 }
 
 std::string Unsendable(const std::string& name) {
-  if (name.starts_with("\xef\xbb\xbf")) return "a byte order mark";
+  if (name.starts_with(kByteOrderMark)) return "a byte order mark";
   for (const char c : name) {
     if (c == '\t') return "a tab";
     if (std::iscntrl(static_cast<unsigned char>(c)) != 0) return "a control character";

@@ -145,12 +145,35 @@ TEST_F(UserFileTest, TabInANameIsFound) {
 
 TEST_F(UserFileTest, NameThatNoMasterCanSendIsFound) {
   for (const char* name : {"CORP\\alice", "a/b", "a[", "a;", "a|", "a=", "a+", "a,", "a?", "a*",
-                           "a<", "a>", "a:", "a\"", "a\x01", "\xef\xbb\xbfzoe", "a\x7f"}) {
+                           "a<", "a>", "a:", "a\"", "a\x01", "a\x7f"}) {
     EXPECT_THAT(IdsOf(name + std::string(" daemon 1\n")),
                 ElementsAre("warning users.unsendable-name:1"))
         << name;
   }
   EXPECT_THAT(IdsOf("a.b-c_d@e'f daemon 1\nm\xc3\xbcller daemon 1\n"), IsEmpty());
+}
+
+TEST_F(UserFileTest, ByteOrderMarkIsFound) {
+  const std::string mark = "\xef\xbb\xbf";
+  const Findings findings = Check(mark + "zoe daemon 1\nbob daemon 1\n");
+  ASSERT_THAT(Ids(findings), ElementsAre("error users.byte-order-mark:1"));
+  EXPECT_EQ(findings[0].remedy,
+            "save it as plain text, or take the mark away with "
+            "'sed -i \"1s/^\\xEF\\xBB\\xBF//\" FILE'");
+  EXPECT_THAT(IdsOf(mark + "#zoe\tx daemon 1\n"),
+              ElementsAre("error users.byte-order-mark:1", "error users.tab:1"));
+  EXPECT_THAT(IdsOf(mark),
+              ElementsAre("error users.byte-order-mark:1", "error users.incomplete-line:1"));
+  EXPECT_THAT(IdsOf("bob daemon 1\n" + mark + "zoe daemon 1\n"),
+              ElementsAre("warning users.unsendable-name:2"));
+}
+
+TEST_F(UserFileTest, TabsThatLeaveALineWithoutThreeFieldsAreNamed) {
+  const Findings tabs = Check("bob\tdaemon\t1\n");
+  ASSERT_THAT(Ids(tabs), ElementsAre("error users.incomplete-line:1"));
+  EXPECT_EQ(tabs[0].what,
+            "has not three fields separated by blanks: a tab does not separate, and it has one");
+  EXPECT_EQ(Check("bob daemon\n")[0].what, "has not three fields separated by blanks");
 }
 
 TEST_F(UserFileTest, CommentIsARecord) {
