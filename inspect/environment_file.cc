@@ -183,7 +183,11 @@ class EnvironmentFileCheck {
           "write a blank in place of the equals sign");
       return;
     }
-    if (!Matches(name, "^[A-Z_][A-Z0-9_]*$") || name == "export") {
+    if (name == "export") {
+      Add("environment.odd-name", Severity::kError, word.line, "sets a variable named export",
+          "nothing uses that, and the variable that is meant is not set",
+          "export is no command here: write NAME VALUE");
+    } else if (!Matches(name, "^[A-Z_][A-Z0-9_]*$")) {
       Add("environment.odd-name", Severity::kWarning, word.line, "has a name that no shell can use",
           "there are no comments and no quotes; names and values may be interchanged from here on",
           "write names and values in turn");

@@ -153,7 +153,9 @@ TEST_F(EnvironmentFileTest, AssignmentsOfAShellAreFound) {
   const Findings findings = Check("PASSWORD=hunter2\nB=2\n");
   ASSERT_THAT(Ids(findings), ElementsAre("error environment.equals-sign:1"));
   EXPECT_THAT(findings[0].what, Not(HasSubstr("hunter2")));
-  EXPECT_THAT(IdsOf("export A=1\n"), ElementsAre("warning environment.odd-name:1"));
+  const Findings exports = Check("export A=1\n");
+  ASSERT_THAT(Ids(exports), ElementsAre("error environment.odd-name:1"));
+  EXPECT_EQ(exports[0].remedy, "export is no command here: write NAME VALUE");
   EXPECT_THAT(IdsOf("# comment\nA 1\n"), ElementsAre("warning environment.odd-name:1"));
   EXPECT_THAT(IdsOf("A 'x\n"), ElementsAre("warning environment.quotes:1"));
   EXPECT_THAT(IdsOf("A \"x\"\n"), ElementsAre("warning environment.quotes:1"));
