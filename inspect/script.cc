@@ -297,18 +297,22 @@ class ScriptCheck {
                                       ", and the directories above it x for all");
   }
 
+  // In a file that the shell reads.
+  bool HasCarriageReturns(const std::string& file, const std::string& text) {
+    const auto lines = Lines(text);
+    const auto first = std::ranges::find_if(lines, [](auto line) { return line.ends_with('\r'); });
+    if (first == lines.end()) return false;
+    Add("script.carriage-return", Severity::kError, first - lines.begin() + 1,
+        "has a carriage return at the end of a line",
+        "it is part of the interpreter's name on the first line, of a word further down",
+        "convert the file, with 'sed -i \"s/\\r$//\" FILE'");
+    findings_.back().file = file;
+    return true;
+  }
+
   void CheckInterpreter(const std::string& text) {
     if (text.starts_with(kProgramMark)) return;
-    const auto lines = Lines(text);
-    const auto returns =
-        std::ranges::find_if(lines, [](auto line) { return line.ends_with('\r'); });
-    if (returns != lines.end()) {
-      Add("script.carriage-return", Severity::kError, returns - lines.begin() + 1,
-          "has a carriage return at the end of a line",
-          "it is part of the interpreter's name on the first line, of a word further down",
-          "convert the file, with 'sed -i \"s/\\r$//\" FILE'");
-      return;
-    }
+    if (HasCarriageReturns(file_, text)) return;
     if (!text.starts_with("#!")) {
       Add("script.no-interpreter", Severity::kError, 1, "does not begin with #!",
           "the system cannot execute it, and " + std::string(kRefused),
@@ -401,6 +405,7 @@ class ScriptCheck {
       return;
     }
     needs_.push_back({"script.no-common", 0, "has a common.sh beside it that ", {common}, R_OK});
+    HasCarriageReturns(RealName(common), *beside);
     const std::string packaged = PackagedScripts(site_);
     if (packaged.empty() || *beside == ReadFile(packaged + "/common.sh")) return;
     Add("script.other-common", Severity::kWarning, 0,

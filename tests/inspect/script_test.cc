@@ -297,6 +297,11 @@ TEST_F(ScriptTest, CopyWithoutItsCommonFileIsFound) {
   EXPECT_THAT(IdsOf(), ElementsAre("warning script.other-common"));
   directory_.Write("common.sh", directory_.Read("share/jobmill/scripts/common.sh"));
   EXPECT_THAT(IdsOf(), IsEmpty());
+  directory_.Write("common.sh", "set -u\r\n");
+  const Findings findings = Check();
+  EXPECT_THAT(Ids(findings),
+              ElementsAre("error script.carriage-return:1", "warning script.other-common"));
+  EXPECT_EQ(findings[0].file, fs::canonical(directory_.File("common.sh")));
 }
 
 TEST_F(ScriptTest, SimulatorThatIsNoneIsFound) {
