@@ -20,6 +20,7 @@
 #include "inspect/file.h"
 #include "inspect/probe.h"
 #include "inspect/process.h"
+#include "inspect/script.h"
 
 namespace inspect {
 namespace {
@@ -44,7 +45,9 @@ std::string HasAddress(const std::string& name) {
   return "1";
 }
 
-void CheckName(const std::string& name, const std::string& whose, Findings& findings) {
+// `severity` is that of a name without an address.
+void CheckName(const std::string& name, const std::string& whose, Severity severity,
+               Findings& findings) {
   const auto begin = Clock::now();
   const auto answer = Ask([&] { return HasAddress(name); }, kPatience);
   const auto taken = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - begin);
@@ -55,8 +58,7 @@ void CheckName(const std::string& name, const std::string& whose, Findings& find
          what + " was not resolved within " + std::to_string(kPatience.count()) + " s",
          "a run on that host waits, and fails", "see to the name service"});
   } else if (*answer != "1") {
-    findings.push_back({"host.no-address", Severity::kWarning, "", 0,
-                        what + " has no IPv4 address here",
+    findings.push_back({"host.no-address", severity, "", 0, what + " has no IPv4 address here",
                         "a run whose script names that host ends when its master connects",
                         "add the host to /etc/hosts or the name service"});
   } else if (taken >= kSlow) {
@@ -76,14 +78,9 @@ std::string SettingIn(const std::string& script, const std::string& begin) {
   return text.substr(start, text.find('\'', start) - start);
 }
 
-std::string VariableOf(const Site& site, const std::string& name) {
-  const auto variable = site.environment.find(name);
-  return variable == site.environment.end() ? "" : variable->second;
-}
-
 // Where runs look for commands; a unit that sets no PATH gets systemd's.
 std::string PathOf(const Site& site) {
-  const std::string path = VariableOf(site, "PATH");
+  const std::string path = RunVariable(site, "PATH");
   return path.empty() ? "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin" : path;
 }
 
@@ -142,10 +139,11 @@ void CheckScheduler(const Site& site, Findings& findings) {
            "no run starts until the scheduler answers", "see to the scheduler"});
     }
   }
-  std::istringstream nodes(VariableOf(site, "JOBMILL_NODES"));
+  std::istringstream nodes(RunVariable(site, "JOBMILL_NODES"));
   if (!file.ends_with("/ssh")) return;
   for (std::string node; std::getline(nodes, node, ',');) {
-    if (!node.empty()) CheckName(node, "of JOBMILL_NODES", findings);
+    // The configuration of ssh may know such a name all the same.
+    if (!node.empty()) CheckName(node, "of JOBMILL_NODES", Severity::kWarning, findings);
   }
 }
 
@@ -297,8 +295,10 @@ bool Guards(const std::string& rules, int port) {
 
 Findings CheckHost(const Site& site) {
   Findings findings;
-  CheckName("localhost", "which the script for a single machine gives", findings);
-  CheckName(OwnName(), "that of this machine", findings);
+  const bool single = RealName(site.ScriptFile()).ends_with("/local");
+  CheckName("localhost", "which the script for a single machine gives",
+            single ? Severity::kError : Severity::kWarning, findings);
+  CheckName(OwnName(), "that of this machine", Severity::kWarning, findings);
   CheckScheduler(site, findings);
   CheckClock(site, findings);
   CheckLogRoom(findings);

@@ -1,14 +1,20 @@
 #include "inspect/host.h"
 
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <utime.h>
 
+#include <chrono>
 #include <filesystem>
 #include <set>
+#include <string>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "inspect/probe.h"
 #include "tests/support/temporary_directory.h"
 
 namespace inspect {
@@ -20,6 +26,7 @@ using testing::Not;
 class HostTest : public testing::Test {
  protected:
   void Write(const std::string& name, const std::string& text) {
+    std::filesystem::create_directories(std::filesystem::path(directory_.File(name)).parent_path());
     chmod(directory_.Write(name, text).c_str(), 0755);
   }
 
@@ -65,6 +72,51 @@ TEST_F(HostTest, NodeWithoutAnAddressIsFound) {
   EXPECT_THAT(Found("ssh", "localhost"), Not(Contains("host.no-address")));
   // A label of more than 63 characters is no name that anybody is asked for.
   EXPECT_THAT(Found("ssh", std::string(64, 'x')), Contains("host.no-address"));
+}
+
+TEST_F(HostTest, VariablesOfTheEnvironmentFileCount) {
+  Write("ssh", "#!/bin/bash\nneeded='command-of-the-site'\n");
+  Write("sim/command-of-the-site", "#!/bin/sh\n");
+  EXPECT_THAT(Found("ssh"), Contains("host.no-command"));
+  directory_.Write(".vk_corvane_env", "JOBMILL_NODES " + std::string(64, 'x') + "\nPATH " +
+                                          directory_.File("sim") + "\n");
+  const auto found = Found("ssh");
+  EXPECT_THAT(found, Not(Contains("host.no-command")));
+  EXPECT_THAT(found, Contains("host.no-address"));
+}
+
+// The script for a single machine gives that name, so none of its runs finds its host.
+TEST_F(HostTest, LocalhostWithoutAnAddressIsAnErrorWhereRunsNeedIt) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root";
+  Write("local", "#!/bin/bash\n");
+  Write("own", "#!/bin/bash\n");
+  const std::string hosts = directory_.Write("hosts", "192.0.2.1 nowhere\n");
+  const std::string services = directory_.Write("nsswitch.conf", "hosts: files\n");
+  const auto severity = [&](const std::string& script) {
+    return Ask(
+        [&] {
+          // The mounts are of this process alone.
+          if (unshare(CLONE_NEWNS) != 0 ||
+              mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+              mount(hosts.c_str(), "/etc/hosts", nullptr, MS_BIND, nullptr) != 0 ||
+              mount(services.c_str(), "/etc/nsswitch.conf", nullptr, MS_BIND, nullptr) != 0) {
+            return std::string("no mount");
+          }
+          const Findings findings = CheckHost(SiteOf({"-p", "5000", "-s", directory_.File(script)},
+                                                     directory_.File("vkjobmill.exe")));
+          for (const Finding& finding : findings) {
+            if (finding.what.starts_with("the name 'localhost'")) {
+              return Name(finding.severity) + (" " + finding.id);
+            }
+          }
+          return std::string();
+        },
+        std::chrono::minutes(1));
+  };
+  const auto local = severity("local");
+  if (local == "no mount") GTEST_SKIP() << "nothing can be mounted here";
+  EXPECT_EQ(local, "error host.no-address");
+  EXPECT_EQ(severity("own"), "warning host.no-address");
 }
 
 TEST_F(HostTest, FileFromTheFutureIsFound) {
