@@ -91,6 +91,13 @@ class EnvironmentFileCheck {
         findings_(findings) {}
 
   void All() {
+    const std::string edited = site_.NotLinked(".vk_corvane_env", "environment");
+    if (!edited.empty()) {
+      Add("environment.not-linked", Severity::kWarning, 0, "is not " + edited,
+          "the daemon reads this file, if it is there, and what is changed in the other has no "
+          "effect",
+          "put a link to that file beside the daemon's executable");
+    }
     const auto text = Read();
     if (!text) return;
     CheckWriters();

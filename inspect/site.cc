@@ -148,6 +148,17 @@ std::string Site::BesideProgram(const std::string& file) const {
   return ProgramDirectory() + "/" + file;
 }
 
+std::string Site::NotLinked(const std::string& file, const std::string& configured) const {
+  if (configuration.empty()) return "";
+  const fs::path edited = fs::path(configuration).parent_path() / configured;
+  std::error_code ignored;
+  if (!fs::is_regular_file(edited, ignored) ||
+      fs::equivalent(BesideProgram(file), edited, ignored)) {
+    return "";
+  }
+  return edited;
+}
+
 std::string Site::ScriptFile() const {
   return (fs::path(directory) / script).lexically_normal();
 }

@@ -34,6 +34,11 @@ struct Site {
   /// The file that the daemon looks for under `file` beside its executable.
   std::string BesideProgram(const std::string& file) const;
 
+  /// The file `configured` beside the configuration file that the daemon is started with, when
+  /// there is one and the daemon's `file` beside its executable does not lead there; otherwise
+  /// empty.
+  std::string NotLinked(const std::string& file, const std::string& configured) const;
+
   /// The script's name from the root directory on.
   std::string ScriptFile() const;
 };

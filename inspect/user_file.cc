@@ -57,11 +57,18 @@ std::string Lower(std::string name) {
 class UserFileCheck {
  public:
   UserFileCheck(const Site& site, Findings& findings)
-      : file_(site.ProgramDirectory()), findings_(findings) {}
+      : file_(site.ProgramDirectory()),
+        not_linked_(site.NotLinked(".vk_corvane_users", "users")),
+        findings_(findings) {}
 
   void All() {
     if (!CanBeRead()) return;
     CheckWriters();
+    if (!not_linked_.empty()) {
+      Add("users.not-linked", Severity::kWarning, 0, "is not " + not_linked_,
+          "the daemon reads this file, and what is changed there has no effect",
+          "put a link to that file in the place of the one beside the daemon's executable");
+    }
     if (file_.lines().empty()) {
       Add("users.empty", Severity::kWarning, 0, "holds no record", "nobody is let in",
           "add users with 'jobmillctl users add'");
@@ -345,6 +352,7 @@ class UserFileCheck {
   }
 
   UserFile file_;
+  std::string not_linked_;
   Findings& findings_;
 };
 

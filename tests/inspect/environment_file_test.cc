@@ -59,6 +59,15 @@ TEST_F(EnvironmentFileTest, SiteNeedsNone) {
   EXPECT_THAT(Ids(Check()), IsEmpty());
 }
 
+TEST_F(EnvironmentFileTest, FileThatIsNotTheOneOfTheConfigurationIsFound) {
+  const std::string configured = directory_.Write("environment", "A 1\n");
+  EXPECT_THAT(Ids(Check()), ElementsAre("warning environment.not-linked"));
+  EXPECT_THAT(IdsOf("A 1\n"), ElementsAre("warning environment.not-linked"));
+  std::filesystem::remove(directory_.File(".vk_corvane_env"));
+  std::filesystem::create_symlink("environment", directory_.File(".vk_corvane_env"));
+  EXPECT_THAT(Ids(Check()), IsEmpty());
+}
+
 TEST_F(EnvironmentFileTest, FileThatIsTakenForNoneIsFound) {
   const std::string file = directory_.File(".vk_corvane_env");
   std::filesystem::create_symlink("nothing", file);

@@ -104,6 +104,21 @@ TEST_F(UserFileTest, DirectoryOfTheRealFileIsLookedAt) {
   EXPECT_THAT(Ids(CheckUserFile(site_)), ElementsAre("error users.writable"));
 }
 
+TEST_F(UserFileTest, FileThatIsNotTheOneOfTheConfigurationIsFound) {
+  std::filesystem::create_directory(directory_.File("etc"));
+  directory_.Write("etc/jobmill.conf", "OPTIONS='-p 5000'\n");
+  directory_.Write(".vk_corvane_users", "alice daemon 1\n");
+  site_ = SiteOf(directory_.File("etc"), "jobmill", directory_.File("vkjobmill.exe"));
+  EXPECT_THAT(Ids(Check()), IsEmpty());
+  const std::string users = directory_.Write("etc/users", "bob daemon 1\n");
+  const Findings findings = Check();
+  ASSERT_THAT(Ids(findings), ElementsAre("warning users.not-linked"));
+  EXPECT_EQ(findings[0].what, "is not " + users);
+  std::filesystem::remove(directory_.File(".vk_corvane_users"));
+  std::filesystem::create_symlink("etc/users", directory_.File(".vk_corvane_users"));
+  EXPECT_THAT(Ids(Check()), IsEmpty());
+}
+
 TEST_F(UserFileTest, EmptyFileLetsNobodyIn) {
   EXPECT_THAT(IdsOf(""), ElementsAre("warning users.empty"));
 }
