@@ -122,7 +122,10 @@ void CheckScheduler(const Site& site, Findings& findings) {
     if (!CommandIn(path, command).empty()) continue;
     complete = false;
     findings.push_back({"host.no-command", Severity::kError, file, 0,
-                        "the command " + command + ", which it needs, is not in " + path,
+                        std::string("the command ")
+                            .append(command)
+                            .append(", which it needs, is not in ")
+                            .append(path),
                         "every run is refused with 'No host detected'",
                         "install it, or set PATH in the environment file"});
   }
