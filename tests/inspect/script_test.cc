@@ -169,7 +169,7 @@ TEST_F(ScriptTest, SimulatorThatAccountsCannotExecuteIsFound) {
   EXPECT_THAT(IdsOf(), IsEmpty());
   const std::string what = "has a simulator to start, " + directory_.File("sim/x") +
                            ", that cannot be executed by daemon";
-  for (const mode_t mode : {0644, 0700}) {
+  for (const mode_t mode : {0644U, 0700U}) {
     Program("sim/x", "#!/bin/sh\n", mode);
     const Findings findings = Check();
     ASSERT_THAT(Ids(findings), ElementsAre("error script.no-simulator"));
