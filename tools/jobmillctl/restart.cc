@@ -18,6 +18,7 @@
 #include <fmt/format.h>
 
 #include "base/descriptor.h"
+#include "base/number.h"
 #include "inspect/runs.h"
 #include "inspect/sockets.h"
 #include "tools/jobmillctl/command.h"
@@ -51,6 +52,7 @@ std::string Systemctl(const std::vector<std::string>& arguments) {
   std::vector<std::string> words = {"systemctl"};
   words.insert(words.end(), arguments.begin(), arguments.end());
   std::vector<char*> vector;
+  vector.reserve(words.size() + 1);
   for (std::string& word : words) vector.push_back(word.data());
   vector.push_back(nullptr);
   pid_t pid = 0;
@@ -116,7 +118,7 @@ int Restart(const Given& given) {
   const std::string unit =
       given.name.empty() ? "jobmill.service" : "jobmill@" + given.name + ".service";
   const std::string main = Systemctl({"show", "--property", "MainPID", "--value", unit});
-  const pid_t pid = std::atoi(main.c_str());
+  const auto pid = static_cast<pid_t>(NumberIn(main.c_str()));
   if (pid > 0) {
     const int port = PortOf(pid, unit);
     std::vector<std::string> held = HoldersOf(port);

@@ -133,7 +133,7 @@ std::vector<std::string> Lines(Runs& found, View& view) {
         for (const std::string& line : LastLines(log, kLastLines)) lines.push_back("  " + line);
       }
     } catch (const Failed&) {
-      lines.push_back("The run has ended");
+      lines.emplace_back("The run has ended");
     }
     return lines;
   }
