@@ -107,13 +107,7 @@ class EnvironmentFileCheck {
  private:
   void Add(const char* id, Severity severity, std::int64_t line, const std::string& what,
            const std::string& consequence, const std::string& remedy) {
-    findings_.push_back({.id = id,
-                         .severity = severity,
-                         .file = name_,
-                         .line = line,
-                         .what = what,
-                         .consequence = consequence,
-                         .remedy = remedy});
+    findings_.push_back({id, severity, name_, line, what, consequence, remedy});
   }
 
   // The text; nothing, with the reason among the findings, when there is none.

@@ -100,13 +100,7 @@ class OptionsCheck {
  private:
   void Add(const char* id, Severity severity, const std::string& what,
            const std::string& consequence, const std::string& remedy) {
-    findings_.push_back({.id = id,
-                         .severity = severity,
-                         .file = site_.configuration,
-                         .line = site_.line,
-                         .what = what,
-                         .consequence = consequence,
-                         .remedy = remedy});
+    findings_.push_back({id, severity, site_.configuration, site_.line, what, consequence, remedy});
   }
 
   void CheckProgram() {

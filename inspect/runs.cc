@@ -38,12 +38,6 @@ constexpr std::size_t kEndOfCommsLog = 64 << 10;
 
 constexpr std::chrono::seconds kPatience{2};
 
-double Now() {
-  timespec now{};
-  clock_gettime(CLOCK_REALTIME, &now);
-  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
-}
-
 std::string WithoutDeleted(std::string path) {
   if (path.ends_with(kDeleted)) path.resize(path.size() - kDeleted.size());
   return path;
@@ -828,6 +822,12 @@ const char* Name(RunState state) {
       break;
   }
   return "unknown";
+}
+
+double Now() {
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
 }
 
 Runs FindRuns() {

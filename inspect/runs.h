@@ -85,6 +85,9 @@ struct Runs {
   std::vector<std::string> missing;  ///< what of all this could not be looked at
 };
 
+/// The time, in seconds since 1970.
+double Now();
+
 /// Looks. Takes a moment, and two seconds more when a file system does not answer.
 Runs FindRuns();
 

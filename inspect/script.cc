@@ -225,13 +225,7 @@ class ScriptCheck {
  private:
   void Add(const char* id, Severity severity, std::int64_t line, const std::string& what,
            const std::string& consequence, const std::string& remedy) {
-    findings_.push_back({.id = id,
-                         .severity = severity,
-                         .file = file_,
-                         .line = line,
-                         .what = what,
-                         .consequence = consequence,
-                         .remedy = remedy});
+    findings_.push_back({id, severity, file_, line, what, consequence, remedy});
   }
 
   std::optional<std::string> Read() {

@@ -88,13 +88,8 @@ class UserFileCheck {
  private:
   void Add(const char* id, Severity severity, std::size_t line, const std::string& what,
            const std::string& consequence, const std::string& remedy) {
-    findings_.push_back({.id = id,
-                         .severity = severity,
-                         .file = file_.name(),
-                         .line = static_cast<std::int64_t>(line),
-                         .what = what,
-                         .consequence = consequence,
-                         .remedy = remedy});
+    findings_.push_back(
+        {id, severity, file_.name(), static_cast<std::int64_t>(line), what, consequence, remedy});
   }
 
   const CVKUser& Record(std::size_t index) const { return *file_.records()[index]; }

@@ -96,10 +96,6 @@ std::string Described(const Site& site) {
   return text + ")";
 }
 
-void Print(const std::string& line) {
-  fmt::print("{}\n", inspect::Printable(line));
-}
-
 void PrintLines(const std::vector<Site>& sites, const Findings& findings) {
   for (const Finding& finding : findings) {
     std::string place = finding.file;

@@ -2,6 +2,7 @@
 
 #include <functional>
 #include <stdexcept>
+#include <string>
 
 namespace CLI {
 class App;
@@ -22,6 +23,9 @@ class Failed : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
+
+/// Prints a line for the administrator at once. What is not printable ASCII is shown as `\xNN`.
+void Print(const std::string& line);
 
 /// The action of the subcommand that the command line names: writes to standard output, returns the
 /// exit status.

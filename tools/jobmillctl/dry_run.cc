@@ -78,11 +78,6 @@ constexpr std::size_t kLongestPiece = 1023;  // what the daemon reads at once
 
 volatile sig_atomic_t interrupted = 0;
 
-void Print(const std::string& line) {
-  fmt::print("{}\n", inspect::Printable(line));
-  fflush(stdout);
-}
-
 // Makes this process one of the account, without further groups, as those of the unit are. Throws
 // std::runtime_error.
 void Become(const inspect::Account& account) {

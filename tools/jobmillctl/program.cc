@@ -4,7 +4,9 @@
 #include <exception>
 
 #include <CLI/CLI.hpp>
+#include <fmt/format.h>
 
+#include "inspect/file.h"
 #include "tools/completion/completion.h"
 #include "tools/jobmillctl/command.h"
 
@@ -15,6 +17,11 @@ constexpr Declare kCommands[] = {DeclareCheck, DeclareUsers, DeclareStatus, Decl
                                  DeclareRestart};
 
 }  // namespace
+
+void Print(const std::string& line) {
+  fmt::print("{}\n", inspect::Printable(line));
+  std::fflush(stdout);
+}
 
 int RunProgram(int argc, const char* const* argv) {
   try {

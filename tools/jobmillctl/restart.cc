@@ -132,9 +132,9 @@ int Restart(const Given& given) {
                         unit, held.size() == 1 ? "connection" : "connections"));
       }
     }
-    const double deadline = Now() + given.timeout;
+    const double deadline = inspect::Now() + given.timeout;
     while (!held.empty() && !given.now) {
-      if (given.timeout > 0 && Now() >= deadline) {
+      if (given.timeout > 0 && inspect::Now() >= deadline) {
         throw Failed(
             fmt::format("port {} was held all the time; {} was not restarted", port, unit));
       }

@@ -173,12 +173,6 @@ Row RowOf(const Run& run, double now) {
 
 }  // namespace
 
-double Now() {
-  timespec now{};
-  clock_gettime(CLOCK_REALTIME, &now);
-  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
-}
-
 std::string AccountName(uid_t user) {
   static std::map<uid_t, std::string> names;
   const auto [entry, fresh] = names.try_emplace(user);

@@ -39,6 +39,4 @@ std::string TimeText(double time);
 /// "7s", "12m", "3h04m", "2d03h".
 std::string DurationText(double seconds);
 
-double Now();
-
 }  // namespace jobmillctl

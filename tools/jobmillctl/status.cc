@@ -27,7 +27,7 @@ struct Given {
 };
 
 // In a pipe lines are whole; a terminal would break them and the table with them.
-void Print(const std::string& line) {
+void PrintCut(const std::string& line) {
   winsize size{};
   const bool narrow = ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
   fmt::print("{}\n", narrow ? line.substr(0, size.ws_col) : line);
@@ -35,7 +35,7 @@ void Print(const std::string& line) {
 
 int PrintStatus(const Given& given) {
   inspect::Runs found = inspect::FindRuns();
-  const double now = Now();
+  const double now = inspect::Now();
   if (!given.run.empty()) {
     inspect::Run run = Choose(found, given.run);
     found.runs = {std::move(run)};
@@ -45,7 +45,7 @@ int PrintStatus(const Given& given) {
     using Handler = nlohmann::ordered_json::error_handler_t;
     fmt::print("{}\n", JsonOf(found, now).dump(2, ' ', true, Handler::replace));
   } else if (given.run.empty()) {
-    for (const std::string& line : LinesOf(found, now)) Print(line);
+    for (const std::string& line : LinesOf(found, now)) PrintCut(line);
   } else {
     const inspect::Run& run = found.runs.front();
     for (const std::string& line : DetailsOf(run, now)) fmt::print("{}\n", line);

@@ -36,10 +36,6 @@ struct Given {
   }
 };
 
-void Print(const std::string& line) {
-  fmt::print("{}\n", inspect::Printable(line));
-}
-
 bool IsNamed(const CVKUser& user, const std::string& name) {
   return strcasecmp(user.windows_name, name.c_str()) == 0;
 }

@@ -121,7 +121,7 @@ void Arrange(Runs& found, const View& view) {
 }
 
 std::vector<std::string> Lines(Runs& found, View& view) {
-  const double now = Now();
+  const double now = inspect::Now();
   if (!view.open.empty()) {
     std::vector<std::string> lines = {"q: back to all runs"};
     try {
@@ -211,7 +211,7 @@ int WatchInLines(const std::string& name) {
   std::map<pid_t, std::string> before;
   while (interrupted == 0) {
     const Runs found = inspect::FindRuns();
-    const std::string time = TimeText(Now());
+    const std::string time = TimeText(inspect::Now());
     std::map<pid_t, std::string> now;
     for (const Run& run : found.runs) {
       if (!name.empty() && std::to_string(run.id.pid) != name) continue;
