@@ -26,6 +26,7 @@ share/jobmill/before-start
 share/jobmill/describe.sh
 share/jobmill/examples/COMP.afi
 share/jobmill/examples/TENWELLS.afi
+share/jobmill/examples/TWOWELLS.afi
 share/jobmill/logrotate/jobmill
 share/jobmill/nftables/jobmill.nft
 share/jobmill/nftables/successor.nft
