@@ -33,11 +33,17 @@ std::optional<std::string> After(std::string_view line, std::string_view begin) 
 }
 
 void AddLine(std::string_view line, CommsLog& log) {
+  ++log.lines;
   if (const auto header = After(line, "Received header: ")) {
     ++log.requests;
     log.last_request = static_cast<unsigned>(NumberIn(header->c_str()));
   } else if (const auto connect = After(line, "Connect on host: ")) {
-    log.host = connect->substr(0, connect->find(", port: "));
+    constexpr std::string_view port = ", port: ";
+    const std::size_t end = connect->find(port);
+    log.host = connect->substr(0, end);
+    if (end != std::string::npos) {
+      log.port = static_cast<int>(NumberIn(connect->c_str() + end + port.size()));
+    }
     if (const auto zero = log.host->find('\0'); zero != std::string::npos) log.host->resize(zero);
   } else if (const auto days = After(line, "GetTimeDays: ")) {
     log.day = strtod(days->c_str(), nullptr);
@@ -55,8 +61,11 @@ void AddLine(std::string_view line, CommsLog& log) {
     log.date = text.data();
   } else if (line.starts_with(kEnd)) {
     log.cause = After(line, kEnd);
+    log.cause_line = log.lines;
   } else if (line.starts_with(kNaturalEnd)) {
     log.cause = "the master shut it down";
+    log.shut_down = true;
+    log.cause_line = log.lines;
   }
 }
 

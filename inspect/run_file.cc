@@ -11,20 +11,15 @@ namespace inspect {
 
 RunFile::RunFile(const std::string& path)
     : file_(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW | O_CLOEXEC)) {
-  struct stat status {};
-  if (!file_ || fstat(file_.get(), &status) != 0) {
+  if (!file_ || fstat(file_.get(), &status_) != 0) {
     error_ = errno == ELOOP ? "it is a link" : strerror(errno);
-  } else if (!S_ISREG(status.st_mode)) {
+  } else if (!S_ISREG(status_.st_mode)) {
     error_ = "it is no regular file";
   }
-  size_ = status.st_size;
 }
 
 RunFile::RunFile(const std::string& path, uid_t owner) : RunFile(path) {
-  struct stat status {};
-  if (error_.empty() && (fstat(file_.get(), &status) != 0 || status.st_uid != owner)) {
-    error_ = "it belongs to another account";
-  }
+  if (error_.empty() && status_.st_uid != owner) error_ = "it belongs to another account";
 }
 
 std::string RunFile::Read(std::int64_t offset, std::size_t most) const {
@@ -42,7 +37,7 @@ std::string RunFile::Read(std::int64_t offset, std::size_t most) const {
 }
 
 std::string RunFile::Tail(std::size_t most) const {
-  const std::int64_t offset = std::max<std::int64_t>(0, size_ - static_cast<std::int64_t>(most));
+  const std::int64_t offset = std::max<std::int64_t>(0, size() - static_cast<std::int64_t>(most));
   std::string text = Read(offset, most);
   if (offset > 0) text.erase(0, text.find('\n') + 1);
   return text;

@@ -23,7 +23,11 @@ class RunFile {
   RunFile(const std::string& path, uid_t owner);
 
   const std::string& error() const { return error_; }
-  std::int64_t size() const { return size_; }
+  std::int64_t size() const { return status_.st_size; }
+  const struct stat& status() const { return status_; }
+
+  /// Its descriptor, which stays this object's. It reads from the beginning.
+  int descriptor() const { return file_.get(); }
 
   /// Up to `most` bytes from `offset` on; fewer at the end or when that fails.
   std::string Read(std::int64_t offset, std::size_t most) const;
@@ -34,7 +38,7 @@ class RunFile {
 
  private:
   Descriptor file_;
-  std::int64_t size_ = 0;
+  struct stat status_ {};
   std::string error_;
 };
 

@@ -40,5 +40,6 @@ void DeclareUsers(CLI::App& app, Action& chosen);
 void DeclareStatus(CLI::App& app, Action& chosen);
 void DeclareEnd(CLI::App& app, Action& chosen);
 void DeclareRestart(CLI::App& app, Action& chosen);
+void DeclareHistory(CLI::App& app, Action& chosen);
 
 }  // namespace jobmillctl

@@ -13,8 +13,8 @@
 namespace jobmillctl {
 namespace {
 
-constexpr Declare kCommands[] = {DeclareCheck, DeclareUsers, DeclareStatus, DeclareEnd,
-                                 DeclareRestart};
+constexpr Declare kCommands[] = {DeclareCheck, DeclareUsers,   DeclareStatus,
+                                 DeclareEnd,   DeclareRestart, DeclareHistory};
 
 }  // namespace
 

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <iterator>
 #include <map>
 
 #include <fmt/format.h>
@@ -14,6 +15,8 @@
 #include "inspect/comms_log.h"
 #include "inspect/file.h"
 #include "tools/jobmillctl/command.h"
+#include "tools/jobmillctl/json_values.h"
+#include "tools/jobmillctl/table.h"
 
 namespace jobmillctl {
 namespace {
@@ -23,12 +26,6 @@ using inspect::Printable;
 using inspect::Run;
 using inspect::Runs;
 using inspect::RunState;
-using Json = nlohmann::ordered_json;
-
-template <typename Value>
-Json OrNull(const std::optional<Value>& value) {
-  return value ? Json(*value) : Json(nullptr);
-}
 
 Json TimeOrNull(const std::optional<double>& time) {
   return time ? Json(TimeText(*time)) : Json(nullptr);
@@ -39,17 +36,8 @@ Json AgeOrNull(const std::optional<double>& time, double now) {
   return time ? Json(std::max(0.0, std::round((now - *time) * 10) / 10)) : Json(nullptr);
 }
 
-Json TextOrNull(const std::string& text) {
-  return text.empty() ? Json(nullptr) : Json(text);
-}
-
 Json NumberOrNull(int number) {
   return number == 0 ? Json(nullptr) : Json(number);
-}
-
-// A day without needless digits. Simulators may send what is no number.
-Json DayOrNull(const std::optional<double>& day) {
-  return day && std::isfinite(*day) ? Json(*day) : Json(nullptr);
 }
 
 Json JsonOf(const Daemon& daemon, double now) {
@@ -151,8 +139,6 @@ std::string NoteOf(const Run& run) {
   return reason == run.unknown.end() ? run.waits_for : reason->second;
 }
 
-using Row = std::vector<std::string>;
-
 Row RowOf(const Run& run, double now) {
   return {std::to_string(run.id.pid),
           Name(run.state),
@@ -234,16 +220,7 @@ std::vector<std::string> LinesOf(const Runs& found, double now) {
                                              : "No run");
     return lines;
   }
-  for (const Row& row : rows) {
-    std::string line;
-    for (std::size_t column = 0; column < row.size(); ++column) {
-      std::size_t width = 0;
-      for (const Row& other : rows) width = std::max(width, other[column].size());
-      const bool last = column + 1 == row.size();
-      line += last ? row[column] : fmt::format("{:<{}}  ", row[column], width);
-    }
-    lines.push_back(std::move(line));
-  }
+  std::ranges::move(Aligned(rows), std::back_inserter(lines));
   return lines;
 }
 

@@ -7,10 +7,10 @@
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
-#include <nlohmann/json.hpp>
 
 #include "inspect/runs.h"
 #include "tools/jobmillctl/command.h"
+#include "tools/jobmillctl/json_values.h"
 #include "tools/jobmillctl/run_logs.h"
 #include "tools/jobmillctl/run_view.h"
 #include "tools/jobmillctl/watch.h"
@@ -41,9 +41,7 @@ int PrintStatus(const Given& given) {
     found.runs = {std::move(run)};
   }
   if (given.json) {
-    // ASCII alone: no text of a run commands a terminal, and none makes the document invalid.
-    using Handler = nlohmann::ordered_json::error_handler_t;
-    fmt::print("{}\n", JsonOf(found, now).dump(2, ' ', true, Handler::replace));
+    PrintDocument(JsonOf(found, now));
   } else if (given.run.empty()) {
     for (const std::string& line : LinesOf(found, now)) PrintCut(line);
   } else {

@@ -1,0 +1,168 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <ctime>
+#include <deque>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "config/options.h"
+#include "inspect/comms_log.h"
+#include "inspect/history.h"
+
+namespace inspect {
+
+/// How far a connection has come, by the last of its lines.
+enum class Step {
+  kAccepted,
+  kAnswered,
+  kGreeted,
+  kCluster,
+  kPath,
+  kRoot,
+  kProcesses,
+  kVersion,
+  kUser,
+  kDebug,
+  kUsers,
+  kAccount,
+  kCopying,
+  kCopied,
+  kArguments,
+  kArgument1,
+  kArgument2,
+  kArgument3,
+  kArgument4,
+  kArgument5,
+  kArgument6,
+  kScript,    ///< the script runs and has named no host
+  kLaunched,  ///< the master was told the host: the log says nothing more
+  kEnded,     ///< before that
+};
+
+/// What the log of a daemon tells of one connection.
+struct Connection {
+  std::time_t began = 0;
+  Step step = Step::kAccepted;
+  std::string reason;  ///< of its end, see End; empty: it was launched, or the log does not tell
+  std::string text;    ///< the line that tells the end, as far as it follows the known words
+  LogPlace first;      ///< its first line
+  LogPlace last;       ///< the last that is its own
+
+  // Texts as the log has them.
+  std::optional<std::string> cluster;
+  std::optional<std::string> path;
+  std::optional<std::string> root;
+  std::optional<std::string> processes;
+  std::optional<std::string> version;
+  std::optional<std::string> windows_user;
+  std::optional<std::string> account;
+  std::optional<std::string> script_processes;
+  std::optional<std::string> script_path;
+  std::optional<std::string> script_root;
+  std::optional<std::string> port;
+  std::optional<std::string> host;
+
+  std::optional<std::string> scheduler;
+  std::optional<std::string> job;
+  std::deque<std::string> output;  ///< the last lines of its script, cut to a readable length
+
+  bool mixed = false;  ///< lines of others stand between those of its start
+  bool guessed =
+      false;  ///< several that had asked for nothing might have asked: its time is unsure
+  bool doubtful = false;  ///< the log contradicts itself here, see ConnectionLog
+  bool unproven = false;  ///< began while scripts could write into the log; nothing confirms it
+
+  bool unheard = false;    ///< scripts have said what cannot be told from what this one's says
+  bool undecided = false;  ///< several scripts have ended, or named hosts: which one is not known
+
+  // What others have found out: see ConnectionLog::Settle().
+  bool alive = false;
+  bool has_host = false;  ///< and is launched, therefore
+};
+
+/// The time with which daemons begin the lines that have one; none when `text` is no such time.
+std::optional<std::time_t> TimeIn(std::string_view text);
+
+/// Reads the log that one start of a daemon has begun. The lines of a log carry no sign of the
+/// connection that they belong to, those of connections at the same time are mixed, and masters can
+/// put line ends, and whole lines that look like the daemon's, into their texts. What does not give
+/// it away is taken as it is; these do:
+///
+///   - A line that looks like the daemon's and that no connection could have come to.
+///   - Lines of others between those of a request or of a script's arguments, which are written
+///     together.
+///   - Comms ports that do not go on by one from connection to connection. They do in the daemon,
+///   so
+///     a connection that somebody has made up is one too many.
+class ConnectionLog {
+ public:
+  /// Further lines are of this file. `number` counts them from 1.
+  void BeginFile(const std::string& file);
+  void AddLine(std::string_view line);
+
+  /// All that have begun so far. What is told of them changes with further lines.
+  std::deque<Connection>& connections() { return connections_; }
+
+  /// The options of the daemon; none when the log does not begin with its start.
+  const std::optional<Options>& options() const { return options_; }
+
+  /// To be called last, when `alive` and `has_host` are known. Gives the lines that end the wait
+  /// for a script to the connections that they can only belong to, where several waited.
+  void Settle();
+
+ private:
+  struct Rule;
+  // The end of a wait for a script, when more than one waited.
+  struct Answer {
+    std::optional<std::string> host;  // none: the script has named none
+    LogPlace place;
+    std::vector<Connection*> candidates;
+  };
+
+  static const std::vector<Rule>& Rules();
+  bool AddDaemonLine(std::string_view line);
+  bool AddConnectionLine(std::string_view line);
+  void Apply(const Rule& rule, std::string_view line, Connection& connection);
+  Connection& Choose(const Rule& rule, const std::vector<Connection*>& candidates) const;
+  void Move(Connection& connection, Step step);
+  void MarkOthersInStart(Connection& speaker);
+  void AddScriptLine(std::string_view line);
+  Connection* ScriptOf(std::string_view line);
+  void AddAnswer(const std::optional<std::string>& host);
+  void EndWait(Connection& connection, const Answer& answer);
+  void CheckPort(Connection* launched);
+  Connection* RightOne(Connection* guessed, int port);
+  void Doubt(std::size_t first);
+  void DoubtAll(std::string_view line);
+  static bool LooksLikeOurs(std::string_view line);
+  std::size_t IndexOf(const Connection& connection) const;
+  std::optional<int> ExpectedPort(const Connection& connection) const;
+
+  std::deque<Connection> connections_;
+  std::map<Step, std::vector<Connection*>> open_;
+  Connection* speaker_ = nullptr;      // of the last line
+  Connection* last_script_ = nullptr;  // whose script has printed a line last, and which
+  std::size_t last_script_line_ = 0;
+  std::vector<Answer> answers_;
+  LogPlace here_;
+  std::size_t lines_ = 0;  // of the whole log
+  bool starts_ = false;    // the log begins with a start of the daemon
+  std::optional<Options> options_;
+
+  // The last connection whose port is as expected.
+  std::optional<std::size_t> confirmed_;
+  int confirmed_port_ = 0;
+};
+
+/// How a connection ended that was not launched.
+End EndOfStart(const Connection& connection);
+
+/// How a run ended whose comms log this is.
+End EndOfRun(const CommsLog& log, const Connection& connection);
+
+}  // namespace inspect

@@ -1,0 +1,101 @@
+#include "inspect/history.h"
+
+#include <sys/ioctl.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <array>
+#include <memory>
+#include <string>
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+
+#include "inspect/runs.h"
+#include "tools/jobmillctl/command.h"
+#include "tools/jobmillctl/history_view.h"
+#include "tools/jobmillctl/json_values.h"
+
+namespace jobmillctl {
+namespace {
+
+struct Given {
+  std::string run;
+  std::string since;
+  std::string user;
+  bool failed = false;
+  bool all = false;
+  bool json = false;
+};
+
+// "2d", "90m", "2026-11-21", "2026-11-21 14:00" as seconds since 1970; none for other texts.
+std::optional<double> TimeOf(const std::string& text) {
+  char* end = nullptr;
+  const double number = strtod(text.c_str(), &end);
+  const std::string_view unit = end;
+  constexpr std::pair<std::string_view, double> units[] = {
+      {"m", 60}, {"h", 3600}, {"d", 86400}, {"w", 604800}};
+  for (const auto& [name, seconds] : units) {
+    if (unit == name && number > 0) return inspect::Now() - number * seconds;
+  }
+  for (const char* format : {"%Y-%m-%d", "%Y-%m-%d %H:%M", "%Y-%m-%dT%H:%M", "%Y-%m-%dT%H:%M:%S"}) {
+    tm local{};
+    local.tm_isdst = -1;
+    const char* rest = strptime(text.c_str(), format, &local);
+    if (rest != nullptr && *rest == '\0') return static_cast<double>(mktime(&local));
+  }
+  return std::nullopt;
+}
+
+std::string ComplaintAbout(const std::string& text) {
+  return TimeOf(text) ? "" : "such as 2d, 12h or 2026-11-21";
+}
+
+bool IsMeant(const inspect::EndedRun& run, const Given& given) {
+  if (!given.user.empty() && run.windows_user != given.user && run.account != given.user) {
+    return false;
+  }
+  if (given.failed) return IsFailure(run.end.ending);
+  return given.all || run.end.ending != inspect::Ending::kNoRequest;
+}
+
+int PrintHistory(const Given& given) {
+  const double since = given.since.empty() ? 0 : TimeOf(given.since).value_or(0);
+  inspect::History history = inspect::ReadHistory(inspect::FindRuns(), since);
+  if (!given.run.empty()) {
+    const inspect::EndedRun* run = Find(history, given.run);
+    if (run == nullptr) {
+      throw Failed(fmt::format("'{}' is no run that has ended and that a log tells of", given.run));
+    }
+    history.runs = {inspect::EndedRun(*run)};
+  } else {
+    std::erase_if(history.runs, [&](const inspect::EndedRun& run) { return !IsMeant(run, given); });
+  }
+  if (given.json) {
+    PrintDocument(JsonOf(history, inspect::Now()));
+  } else if (given.run.empty()) {
+    for (const std::string& line : LinesOf(history)) fmt::print("{}\n", line);
+  } else {
+    for (const std::string& line : DetailsOf(history.runs.front())) fmt::print("{}\n", line);
+  }
+  return kOk;
+}
+
+}  // namespace
+
+void DeclareHistory(CLI::App& app, Action& chosen) {
+  const auto given = std::make_shared<Given>();
+  CLI::App* command = app.add_subcommand("history", "Say which runs have ended, and how");
+  command->add_option("RUN", given->run, "Everything about one: its id, root name or job");
+  command->add_option("--since", given->since, "Only those that began then or later")
+      ->type_name("TIME")
+      ->check(ComplaintAbout);
+  command->add_option("--user", given->user, "Only those of this Windows user or account")
+      ->type_name("NAME");
+  command->add_flag("--failed", given->failed, "Only those that went wrong");
+  command->add_flag("--all", given->all, "Connections that asked for no run as well");
+  command->add_flag("--json", given->json, "Print one JSON document");
+  command->callback([given, &chosen] { chosen = [given] { return PrintHistory(*given); }; });
+}
+
+}  // namespace jobmillctl

@@ -1,0 +1,13 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace jobmillctl {
+
+using Row = std::vector<std::string>;
+
+/// Rows as lines, with the columns one below the other. The last column is as long as it is.
+std::vector<std::string> Aligned(const std::vector<Row>& rows);
+
+}  // namespace jobmillctl
