@@ -1,7 +1,9 @@
 #include "inspect/account.h"
 
 #include <errno.h>
+#include <grp.h>
 #include <pwd.h>
+#include <unistd.h>
 
 #include <sstream>
 #include <stdexcept>
@@ -41,6 +43,13 @@ std::optional<std::map<std::string, Account>> FindAccounts(const std::set<std::s
     lines >> account.exists >> account.user >> account.group;
   }
   return accounts;
+}
+
+void Become(const Account& account) {
+  if (geteuid() == account.user) return;
+  if (setgroups(0, nullptr) != 0 || setgid(account.group) != 0 || setuid(account.user) != 0) {
+    throw std::runtime_error("cannot become the account");
+  }
 }
 
 }  // namespace inspect

@@ -20,4 +20,8 @@ struct Account {
 /// they cannot.
 std::optional<std::map<std::string, Account>> FindAccounts(const std::set<std::string>& names);
 
+/// Makes this process one of the account for good, without further groups, as the daemon does.
+/// Throws std::runtime_error when that is refused.
+void Become(const Account& account);
+
 }  // namespace inspect

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 #include "inspect/site.h"
 
@@ -9,6 +10,9 @@ namespace inspect {
 /// What is wrong with the distribution script of a site, and with the simulator that the one for a
 /// single machine is told to start.
 Findings CheckScript(const Site& site);
+
+/// Whether a script of this text is one of the shipped ones, or was made from one.
+bool IsPackagedScript(std::string_view text);
 
 /// Gives this process the environment of a run: that in which the daemon starts, with the
 /// environment file applied as the daemon does.

@@ -8,6 +8,9 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/child_process.h"
+#include "tests/support/temporary_directory.h"
+
 namespace inspect {
 namespace {
 
@@ -34,6 +37,26 @@ TEST(ProbeTest, WhatItChangesStaysInItsProcess) {
   int value = 1;
   EXPECT_EQ(Ask([&] { return std::to_string(++value); }), "2");
   EXPECT_EQ(value, 1);
+}
+
+TEST(RunCommandTest, OutputAndStatusAreTheAnswer) {
+  const auto answer = RunCommand({"sh", "-c", "pwd; cat; echo complaint >&2; exit 3"});
+  ASSERT_TRUE(answer);
+  EXPECT_EQ(answer->status, 3);
+  EXPECT_EQ(answer->output, "/\n");
+  EXPECT_EQ(RunCommand({"sh", "-c", "echo complaint >&2"}, Complaints::kIncluded)->output,
+            "complaint\n");
+  EXPECT_EQ(RunCommand({"/no/such/program"})->status, 127);
+  EXPECT_EQ(RunCommand({"sh", "-c", "kill -KILL $$"})->status, -1);
+}
+
+TEST(RunCommandTest, WhatTakesTooLongIsEndedWithAllThatItHasStarted) {
+  const TemporaryDirectory directory;
+  const std::string file = directory.File("pid");
+  EXPECT_FALSE(RunCommand({"sh", "-c", "sleep 100 & echo $! >" + file + "; wait"},
+                          Complaints::kLeftOut, std::chrono::seconds(2)));
+  const pid_t started = std::stoi(directory.Read("pid"));
+  EXPECT_TRUE(Eventually([&] { return !IsRunning(started); }));
 }
 
 }  // namespace

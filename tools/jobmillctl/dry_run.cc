@@ -3,7 +3,6 @@
 #include <arpa/inet.h>
 #include <errno.h>
 #include <fcntl.h>
-#include <grp.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -78,22 +77,13 @@ constexpr std::size_t kLongestPiece = 1023;  // what the daemon reads at once
 
 volatile sig_atomic_t interrupted = 0;
 
-// Makes this process one of the account, without further groups, as those of the unit are. Throws
-// std::runtime_error.
-void Become(const inspect::Account& account) {
-  if (geteuid() == account.user) return;
-  if (setgroups(0, nullptr) != 0 || setgid(account.group) != 0 || setuid(account.user) != 0) {
-    throw std::runtime_error("cannot become the account");
-  }
-}
-
 // A directory with a deck, the account's own and closed to others. It is made and removed by the
 // account: what the script leaves in it must not lead root anywhere.
 class Data {
  public:
   Data(const std::string& beside, const inspect::Account& account) : account_(account) {
     const auto made = inspect::Ask([&] {
-      Become(account);
+      inspect::Become(account);
       std::string directory = beside + "/jobmill-dry-run-XXXXXX";
       if (mkdtemp(directory.data()) == nullptr) throw std::runtime_error("mkdtemp");
       std::ofstream(directory + "/" + kRoot + ".afi") << kDeck;
@@ -106,7 +96,7 @@ class Data {
   Data& operator=(const Data&) = delete;
   ~Data() {
     inspect::Ask([this] {
-      Become(account_);
+      inspect::Become(account_);
       fs::remove_all(directory_);
       return std::string();
     });
@@ -151,7 +141,7 @@ int FreePort() {
         dup2(output, STDOUT_FILENO) < 0) {
       throw std::runtime_error("cannot set up its descriptors");
     }
-    Become(account);
+    inspect::Become(account);
     setsid();
     std::vector<char*> vector;
     vector.reserve(arguments.size() + 1);
