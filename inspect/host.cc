@@ -1,11 +1,9 @@
 #include "inspect/host.h"
 
+#include <errno.h>
 #include <netdb.h>
-#include <stdlib.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/statvfs.h>
-#include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -17,6 +15,7 @@
 #include <sstream>
 
 #include "base/number.h"
+#include "inspect/access.h"
 #include "inspect/file.h"
 #include "inspect/probe.h"
 #include "inspect/process.h"
@@ -30,7 +29,7 @@ using Clock = std::chrono::steady_clock;
 constexpr std::chrono::seconds kPatience(10);
 constexpr std::chrono::seconds kSlow(2);
 constexpr int kClockTolerance = 60;
-constexpr unsigned long kLeastRoom = 100UL << 20;
+constexpr std::size_t kMostAccounts = 16;
 constexpr long kLeastDescriptors = 4096;
 constexpr long kLeastProcesses = 4096;
 
@@ -45,108 +44,102 @@ std::string HasAddress(const std::string& name) {
   return "1";
 }
 
-// `severity` is that of a name without an address.
-void CheckName(const std::string& name, const std::string& whose, Severity severity,
+// A name that has to have an address.
+struct HostName {
+  std::string name;
+  std::string whose;
+  Severity severity;  // of its having none
+};
+
+// What the resolver reads. An account that may not resolves nothing, or only part of it.
+constexpr std::array kResolverFiles = {"/etc/nsswitch.conf", "/etc/hosts", "/etc/host.conf",
+                                       "/etc/resolv.conf"};
+
+// The same as an account sees it: the controller of a run has changed its account when it looks for
+// the host. After a "0" come the files that the account cannot read.
+std::string HasAddressAs(const Account& account, const std::string& name) {
+  Become(account);
+  std::string answer = HasAddress(name);
+  for (const char* file : kResolverFiles) {
+    if (answer[0] == '0' && access(file, R_OK) != 0 && errno == EACCES)
+      answer.append(" ").append(file);
+  }
+  return answer;
+}
+
+void CheckNameAs(const std::map<std::string, Account>& accounts, const HostName& name,
+                 Findings& findings) {
+  std::string without;
+  std::string files;
+  std::size_t asked = 0;
+  for (const auto& [account, ids] : accounts) {
+    if (++asked > kMostAccounts) break;
+    const auto answer =
+        Ask([&ids = ids, &name] { return HasAddressAs(ids, name.name); }, kPatience);
+    if (answer == "1") continue;
+    without.append(without.empty() ? "" : ", ").append(account);
+    files = answer.value_or("0").substr(1);
+    if (!answer) break;
+  }
+  if (without.empty()) return;
+  findings.push_back({"host.no-address", name.severity, "", 0,
+                      "the name '" + name.name + "', " + name.whose +
+                          ", has an IPv4 address for root, and none for " + without +
+                          (files.empty() ? "" : ", who cannot read" + files),
+                      "a run of that account whose script names that host ends when its master "
+                      "connects",
+                      "let all accounts read the files of the resolver, and ask the name service"});
+}
+
+void CheckName(const std::map<std::string, Account>& accounts, const HostName& name,
                Findings& findings) {
   const auto begin = Clock::now();
-  const auto answer = Ask([&] { return HasAddress(name); }, kPatience);
+  const auto answer = Ask([&] { return HasAddress(name.name); }, kPatience);
   const auto taken = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - begin);
-  const std::string what = "the name '" + name + "', " + whose + ",";
+  const std::string what = "the name '" + name.name + "', " + name.whose + ",";
   if (!answer) {
     findings.push_back(
         {"host.name-silent", Severity::kError, "", 0,
          what + " was not resolved within " + std::to_string(kPatience.count()) + " s",
          "a run on that host waits, and fails", "see to the name service"});
-  } else if (*answer != "1") {
-    findings.push_back({"host.no-address", severity, "", 0, what + " has no IPv4 address here",
+    return;
+  }
+  if (*answer != "1") {
+    findings.push_back({"host.no-address", name.severity, "", 0, what + " has no IPv4 address here",
                         "a run whose script names that host ends when its master connects",
                         "add the host to /etc/hosts or the name service"});
-  } else if (taken >= kSlow) {
+    return;
+  }
+  if (taken >= kSlow) {
     findings.push_back({"host.name-slow", Severity::kWarning, "", 0,
                         what + " took " + std::to_string(taken.count()) + " s to resolve",
                         "each start of a run on that host takes as long",
                         "see to the name service"});
   }
+  CheckNameAs(accounts, name, findings);
 }
 
-// The first word after `begin` at the start of a line of a script, without its quotes.
-std::string SettingIn(const std::string& script, const std::string& begin) {
-  const std::string text = "\n" + script;
-  const std::size_t found = text.find("\n" + begin + "'");
-  if (found == std::string::npos) return {};
-  const std::size_t start = found + begin.size() + 2;
-  return text.substr(start, text.find('\'', start) - start);
+std::string OwnName() {
+  std::array<char, 256> name{};
+  return gethostname(name.data(), name.size() - 1) == 0 ? name.data() : "localhost";
 }
 
-// Where runs look for commands; a unit that sets no PATH gets systemd's.
-std::string PathOf(const Site& site) {
-  const std::string path = RunVariable(site, "PATH");
-  return path.empty() ? "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin" : path;
-}
-
-std::string CommandIn(const std::string& path, const std::string& command) {
-  std::istringstream directories(path);
-  for (std::string directory; std::getline(directories, directory, ':');) {
-    if (!directory.starts_with('/')) continue;
-    std::string file = directory.append("/").append(command);
-    if (access(file.c_str(), X_OK) == 0) return file;
-  }
-  return {};
-}
-
-// What asks a scheduler something small, by the name of its script.
-const std::map<std::string, std::string> kQuestions = {
-    {"slurm", "squeue --noheader --states=pending"},
-    {"pbs", "qstat -B"},
-    {"lsf", "lsid"},
-    {"gridengine", "qstat"},
-    {"htcondor", "condor_q -totals"}};
-
-// Runs a command that is bounded in time and prints nothing. 0: it said yes.
-int StatusOf(const std::string& path, const std::string& command) {
-  std::string line = "cd / && PATH='";
-  line.append(path).append("' LC_ALL=C timeout --kill-after=2 10 ").append(command);
-  line.append(" </dev/null >/dev/null 2>&1");
-  const int status = system(line.c_str());  // NOLINT(cert-env33-c): the words are this file's own
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-void CheckScheduler(const Site& site, Findings& findings) {
-  const std::string file = RealName(site.ScriptFile());
-  const std::string script = ReadFile(file).value_or("");
-  const std::string path = PathOf(site);
-  if (path.find('\'') != std::string::npos) return;
-  std::istringstream needed(SettingIn(script, "needed="));
-  bool complete = true;
-  for (std::string command; needed >> command;) {
-    if (!CommandIn(path, command).empty()) continue;
-    complete = false;
-    findings.push_back({"host.no-command", Severity::kError, file, 0,
-                        std::string("the command ")
-                            .append(command)
-                            .append(", which it needs, is not in ")
-                            .append(path),
-                        "every run is refused with 'No host detected'",
-                        "install it, or set PATH in the environment file"});
-  }
-  const auto question = kQuestions.find(file.substr(file.rfind('/') + 1));
-  if (complete && question != kQuestions.end() && !SettingIn(script, "needed=").empty()) {
-    const auto status = Ask([&] { return std::to_string(StatusOf(path, question->second)); },
-                            std::chrono::seconds(15));
-    if (!status || *status != "0") {
-      const bool late = !status || *status == "124" || *status == "137";
-      findings.push_back(
-          {"host.scheduler-silent", Severity::kError, file, 0,
-           "'" + question->second + "' " +
-               (late ? "did not answer within 10 s" : "ended with status " + *status),
-           "no run starts until the scheduler answers", "see to the scheduler"});
-    }
-  }
+void CheckNames(const Site& site, Findings& findings) {
+  const std::string script = RealName(site.ScriptFile());
+  const bool single = script.ends_with("/local");
+  const bool mapped = site.options.run_as_root && geteuid() == 0;
+  const auto accounts = mapped ? AccountsOf(site) : std::map<std::string, Account>();
+  CheckName(accounts,
+            {"localhost", "which the script for a single machine gives",
+             single ? Severity::kError : Severity::kWarning},
+            findings);
+  CheckName({}, {OwnName(), "that of this machine", Severity::kWarning}, findings);
+  if (!script.ends_with("/ssh")) return;
   std::istringstream nodes(RunVariable(site, "JOBMILL_NODES"));
-  if (!file.ends_with("/ssh")) return;
   for (std::string node; std::getline(nodes, node, ',');) {
     // The configuration of ssh may know such a name all the same.
-    if (!node.empty()) CheckName(node, "of JOBMILL_NODES", Severity::kWarning, findings);
+    if (!node.empty())
+      CheckName(accounts, {node, "of JOBMILL_NODES", Severity::kWarning}, findings);
   }
 }
 
@@ -170,25 +163,6 @@ void CheckClock(const Site& site, Findings& findings) {
                           "times in the logs of this machine and of others do not fit together",
                           "set the clock, here or where the file lies"});
     }
-  }
-}
-
-void CheckLogRoom(Findings& findings) {
-  const bool unit = access("/var/log/jobmill", F_OK) == 0;
-  const std::string directory = unit ? "/var/log/jobmill" : "/var/log";
-  const auto room = Ask([&] {
-    struct statvfs status {};
-    if (statvfs(directory.c_str(), &status) != 0) return std::string("-1");
-    const bool inodes = status.f_files == 0 || status.f_favail > 0;
-    return std::to_string(inodes ? status.f_bavail * status.f_frsize : 0);
-  });
-  if (!room || *room == "-1") {
-    findings.push_back({"host.no-log-directory", Severity::kWarning, directory, 0,
-                        "it cannot be reached", "the log goes to /tmp", "make the directory"});
-  } else if (std::stoul(*room) < kLeastRoom) {
-    findings.push_back({"host.log-room", Severity::kWarning, directory, 0,
-                        "only " + std::to_string(std::stoul(*room) >> 20) + " MiB are free",
-                        "lines of the log are lost when there is no room", "make room"});
   }
 }
 
@@ -245,69 +219,14 @@ void CheckKernel(Findings& findings) {
   }
 }
 
-void CheckFirewall(const Site& site, Findings& findings) {
-  const std::string nft = CommandIn("/usr/sbin:/sbin:/usr/bin", "nft");
-  const int port = site.options.listen_port;
-  const auto rules = geteuid() != 0 || nft.empty() ? std::nullopt : Ask([&] {
-    std::string text = "+";
-    FILE* output = popen(("timeout 5 " + nft + " list ruleset 2>/dev/null").c_str(), "r");
-    std::array<char, 4096> part{};
-    while (output != nullptr && fgets(part.data(), part.size(), output) != nullptr) {
-      text += part.data();
-    }
-    return output != nullptr && pclose(output) == 0 ? text : std::string();
-  });
-  if (!rules || rules->empty()) {
-    findings.push_back({"host.firewall-unchecked", Severity::kUnchecked, "", 0,
-                        nft.empty() ? "there is no nft, and other packet filters are not looked at"
-                                    : "the packet filter can be read by root alone",
-                        "everybody may reach port " + std::to_string(port), "check as root"});
-  } else if (!Guards(*rules, port)) {
-    findings.push_back({"host.open", Severity::kWarning, "", 0,
-                        "no rule of the packet filter names port " + std::to_string(port),
-                        "whoever reaches it can claim to be any user",
-                        "load a packet filter; docs/security.md has one"});
-  }
-}
-
-std::string OwnName() {
-  std::array<char, 256> name{};
-  return gethostname(name.data(), name.size() - 1) == 0 ? name.data() : "localhost";
-}
-
 }  // namespace
-
-bool Guards(const std::string& rules, int port) {
-  const std::string number = std::to_string(port);
-  bool input = false;
-  for (const std::string_view line : Lines(rules)) {
-    if (line.find("hook input") != std::string_view::npos) {
-      input = true;
-      if (line.find("policy drop") != std::string_view::npos) return true;
-    }
-    for (std::size_t at = line.find(number); at != std::string_view::npos;
-         at = line.find(number, at + 1)) {
-      const auto digit = [&](std::size_t index) {
-        return index < line.size() && line[index] >= '0' && line[index] <= '9';
-      };
-      if (input && (at == 0 || !digit(at - 1)) && !digit(at + number.size())) return true;
-    }
-  }
-  return false;
-}
 
 Findings CheckHost(const Site& site) {
   Findings findings;
-  const bool single = RealName(site.ScriptFile()).ends_with("/local");
-  CheckName("localhost", "which the script for a single machine gives",
-            single ? Severity::kError : Severity::kWarning, findings);
-  CheckName(OwnName(), "that of this machine", Severity::kWarning, findings);
-  CheckScheduler(site, findings);
+  CheckNames(site, findings);
   CheckClock(site, findings);
-  CheckLogRoom(findings);
   CheckLimits(site, findings);
   CheckKernel(findings);
-  CheckFirewall(site, findings);
   return findings;
 }
 

@@ -6,7 +6,7 @@
 #include <cmath>
 #include <optional>
 
-#include "inspect/process.h"
+#include "inspect/listener.h"
 #include "inspect/sockets.h"
 
 namespace inspect {
@@ -14,24 +14,6 @@ namespace {
 
 constexpr std::string_view kProgram = "vkjobmill.exe";
 constexpr std::size_t kMostHolders = 3;
-
-std::optional<Process> OwnerOf(const TcpSocket& socket) {
-  const std::string target = "socket:[" + std::to_string(socket.inode) + "]";
-  for (const ProcessStat& stat : AllProcesses()) {
-    std::optional<Process> process = Process::Open(stat.id);
-    const auto files = process ? process->Files() : std::nullopt;
-    if (!files) continue;
-    const bool has =
-        std::ranges::any_of(*files, [&](const auto& file) { return file.target == target; });
-    if (has) return process;
-  }
-  return std::nullopt;
-}
-
-std::string Described(const std::optional<Process>& process) {
-  if (!process) return "a process that only root can see";
-  return "process " + std::to_string(process->stat().id.pid) + " (" + process->stat().name + ")";
-}
 
 Finding Held(const Site& site, const TcpSocket& socket, const std::string& by) {
   return {"port.held",

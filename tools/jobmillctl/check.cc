@@ -12,9 +12,12 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include "inspect/commands.h"
 #include "inspect/environment_file.h"
 #include "inspect/file.h"
+#include "inspect/firewall.h"
 #include "inspect/host.h"
+#include "inspect/log_directory.h"
 #include "inspect/options.h"
 #include "inspect/port.h"
 #include "inspect/script.h"
@@ -43,7 +46,11 @@ constexpr Area kAreas[] = {
 };
 
 /// What is judged of the machine for each of them.
-constexpr Area kMachineAreas[] = {inspect::CheckPort, inspect::CheckHost};
+constexpr Area kMachineAreas[] = {
+    inspect::CheckPort,     [](const Site& site) { return inspect::CheckLogDirectory(site); },
+    inspect::CheckCommands, inspect::CheckHost,
+    inspect::CheckFirewall,
+};
 
 constexpr Severity kSeverities[] = {Severity::kError, Severity::kWarning, Severity::kUnchecked};
 

@@ -1,0 +1,171 @@
+#include "inspect/firewall.h"
+
+#include <string>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "inspect/probe.h"
+#include "tests/inspect/findings.h"
+#include "tests/support/private_network.h"
+#include "tests/support/temporary_directory.h"
+
+namespace inspect {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+AddressRanges Ranges(const std::string& text) {
+  return MastersIn("define masters = { " + text + " }\n");
+}
+
+TEST(AddressRangesTest, TextsAreReadAndShown) {
+  for (const char* text : {"192.0.2.0/28", "192.0.2.1", "192.0.2.1-192.0.2.9", "0.0.0.0/0",
+                           "10.0.0.0/8, 192.168.1.1"}) {
+    EXPECT_EQ(Text(Ranges(text)), text);
+  }
+  EXPECT_EQ(Text(Ranges("10.0.0.0/9, 10.128.0.0/9, 10.3.0.0/16")), "10.0.0.0/8");
+  for (const char* text : {"x", "10.0.0.1-10.0.0.0", "10.0.0.0/33", "10.0.0.0/", "10.0.0"}) {
+    EXPECT_THAT(Ranges(text), IsEmpty()) << text;
+  }
+}
+
+TEST(AddressRangesTest, WhatIsLeftAndWhatIsShared) {
+  EXPECT_EQ(Text(Minus(Ranges("10.0.0.0/8"), Ranges("10.0.0.0/9, 10.192.0.0/10"))),
+            "10.128.0.0/10");
+  EXPECT_THAT(Minus(Ranges("10.0.0.0/8"), Ranges("0.0.0.0/0")), IsEmpty());
+  EXPECT_EQ(Text(Minus(Ranges("255.0.0.0/8"), {})), "255.0.0.0/8");
+  EXPECT_EQ(Text(Common(Ranges("10.0.0.0/8"), Ranges("10.3.0.0/16, 11.0.0.0/8"))), "10.3.0.0/16");
+  EXPECT_EQ(Size(Ranges("0.0.0.0/0")), std::uint64_t{1} << 32);
+}
+
+TEST(MastersTest, NetworksOfTheFileAreRead) {
+  EXPECT_EQ(Text(MastersIn("# define masters = { 10.0.0.0/8 }\n  define masters = {\n"
+                           "  192.0.2.0/28, # the office\n  198.51.100.7\n}\n")),
+            "192.0.2.0/28, 198.51.100.7");
+  EXPECT_EQ(Text(MastersIn("define masters = 192.0.2.0/28\n")), "192.0.2.0/28");
+  EXPECT_THAT(MastersIn("define masters = { 192.0.2.0/28, $others }\n"), IsEmpty());
+  EXPECT_THAT(MastersIn("define daemons = { 192.0.2.0/28 }\n"), IsEmpty());
+}
+
+// Rules are loaded into a network of the test's own, and judged as nft lists them.
+class FirewallTest : public testing::Test {
+ protected:
+  std::vector<std::string> Judged(const std::string& rules, int port = 5000) {
+    text_ = "";
+    const std::string file = directory_.Write("rules", rules);
+    const auto listed = InPrivateNetwork([&] {
+      const auto loaded = RunCommand({"nft", "--file", file}, Complaints::kIncluded);
+      if (!loaded || loaded->status != 0) return "no nft: " + (loaded ? loaded->output : "");
+      const auto answer = RunCommand({"nft", "-j", "list", "ruleset"});
+      return answer && answer->status == 0 ? answer->output : std::string("no nft");
+    });
+    if (!listed || listed->starts_with("no nft")) return {listed.value_or("no network")};
+    Site site = SiteOf({"-p", std::to_string(port)}, "/none/vkjobmill.exe", directory_.path());
+    const Findings findings = JudgeFirewall(site, *listed);
+    for (const Finding& finding : findings) text_ += finding.what + "\n";
+    return Ids(findings);
+  }
+  // The rules of one chain of a base.
+  std::vector<std::string> JudgedChain(const std::string& policy, const std::string& lines) {
+    return Judged(
+        "table inet filter {\n set office { type ipv4_addr; flags interval;\n"
+        "  elements = { 10.1.0.0/16, 192.168.7.1-192.168.7.9 } }\n chain ours {\n"
+        "  ip saddr 10.0.0.0/8 accept\n }\n chain input {\n"
+        "  type filter hook input priority 0; policy " +
+        policy + ";\n" + lines + " }\n}\n");
+  }
+  void SetUp() override {
+    const auto ids = Judged("");
+    if (ids.size() == 1 && ids[0].starts_with("no n")) GTEST_SKIP() << ids[0];
+  }
+  std::string Shipped() const {
+    const auto text = RunCommand({"cat", SOURCES "/deploy/nftables/jobmill.nft"});
+    return text->output;
+  }
+  // That file, for another network of masters.
+  std::string ShippedFor(const std::string& masters) const {
+    std::string text = Shipped();
+    const std::string example = "192.0.2.0/28";
+    return text.replace(text.find(example), example.size(), masters);
+  }
+
+  TemporaryDirectory directory_;
+  std::string text_;
+};
+
+TEST_F(FirewallTest, NoRulesAreOpen) {
+  EXPECT_THAT(Judged(""), ElementsAre("warning host.open"));
+}
+
+TEST_F(FirewallTest, ShippedFileIsGood) {
+  directory_.Write("jobmill.nft", ShippedFor("10.1.0.0/16"));
+  EXPECT_THAT(Judged(ShippedFor("10.1.0.0/16")), IsEmpty());
+}
+
+TEST_F(FirewallTest, PortThatTheFileDoesNotNameIsOpen) {
+  directory_.Write("jobmill.nft", ShippedFor("10.1.0.0/16"));
+  EXPECT_THAT(Judged(ShippedFor("10.1.0.0/16"), 5001), ElementsAre("warning host.open"));
+}
+
+TEST_F(FirewallTest, OtherNetworksThanThoseOfTheFileAreNamed) {
+  directory_.Write("jobmill.nft", ShippedFor("10.1.0.0/16"));
+  EXPECT_THAT(Judged(ShippedFor("10.0.0.0/14, 192.168.3.0/24")),
+              ElementsAre("warning host.other-networks"));
+  EXPECT_THAT(text_, HasSubstr("lets 10.0.0.0/16, 10.2.0.0/15, 192.168.3.0/24 reach port 5000"));
+}
+
+TEST_F(FirewallTest, MastersOfTheFileThatAreKeptAwayAreNamed) {
+  directory_.Write("jobmill.nft", ShippedFor("10.0.0.0/15"));
+  EXPECT_THAT(Judged(ShippedFor("10.1.0.0/16")), ElementsAre("error host.closed"));
+  EXPECT_THAT(text_, HasSubstr("keeps 10.0.0.0/16, which this file names, from port 5000"));
+  // Another table drops what this one lets through.
+  EXPECT_THAT(
+      Judged(ShippedFor("10.0.0.0/15") + "table ip site { chain input {\n"
+                                         " type filter hook input priority 5; policy drop;\n"
+                                         " tcp dport 22 accept\n}\n}\n"),
+      ElementsAre("error host.closed"));
+}
+
+TEST_F(FirewallTest, NetworkOfTheExampleIsFound) {
+  directory_.Write("jobmill.nft", Shipped());
+  EXPECT_THAT(Judged(Shipped()), ElementsAre("warning host.example-network"));
+}
+
+TEST_F(FirewallTest, RulesOfTheSiteItself) {
+  EXPECT_THAT(JudgedChain("accept", "tcp dport 5000 accept\n"), ElementsAre("warning host.open"));
+  EXPECT_THAT(JudgedChain("accept", "tcp dport 15000 drop\n"), ElementsAre("warning host.open"));
+  EXPECT_THAT(JudgedChain("accept", "ip saddr 203.0.113.0/24 drop\n"),
+              ElementsAre("warning host.open"));
+  EXPECT_THAT(JudgedChain("drop", "tcp dport 5000 accept\n"), ElementsAre("warning host.open"));
+  EXPECT_THAT(JudgedChain("drop",
+                          "ct state established,related accept\n"
+                          "tcp dport { 22, 4000-6000 } ip saddr @office accept\n"),
+              IsEmpty());
+  EXPECT_THAT(JudgedChain("accept", "tcp dport 5000 ip saddr != @office reject\n"), IsEmpty());
+  EXPECT_THAT(JudgedChain("drop", "tcp dport 5000 jump ours\n"), IsEmpty());
+  EXPECT_THAT(JudgedChain("drop", "tcp dport vmap { 22 : accept, 5000 : jump ours }\n"), IsEmpty());
+  EXPECT_THAT(JudgedChain("drop", "iifname lo accept\n tcp dport 22 accept\n"),
+              ElementsAre("error host.closed"));
+  EXPECT_THAT(JudgedChain("accept", "tcp dport 5000 ct count over 10 drop\n"),
+              ElementsAre("warning host.open"));
+}
+
+TEST_F(FirewallTest, NothingIsSaidOfWhatCannotBeKnown) {
+  EXPECT_THAT(JudgedChain("drop", "iifname eth1 accept\n"), IsEmpty());
+  EXPECT_THAT(JudgedChain("accept", "meta mark 7 drop\n"), IsEmpty());
+}
+
+TEST(JudgeFirewallTest, WhatIsNoListOfRulesIsNotUnderstood) {
+  const Site site = SiteOf({"-p", "5000"}, "/none/vkjobmill.exe");
+  for (const char* text :
+       {"", "{", "[]", R"({"nftables": 1})", R"({"nftables": [{"rule": {}}]})"}) {
+    EXPECT_THAT(Ids(JudgeFirewall(site, text)), ElementsAre("unchecked host.firewall-unchecked"))
+        << text;
+  }
+}
+
+}  // namespace
+}  // namespace inspect
