@@ -73,7 +73,6 @@ class OptionsCheck {
       : site_(site), options_(site.options), kernel_(kernel), findings_(findings) {}
 
   void All() {
-    CheckProgram();
     if (!CanBeRead()) return;
     if (site_.words.empty()) {
       Add("options.none", Severity::kError, "there are none",
@@ -101,14 +100,6 @@ class OptionsCheck {
   void Add(const char* id, Severity severity, const std::string& what,
            const std::string& consequence, const std::string& remedy) {
     findings_.push_back({id, severity, site_.configuration, site_.line, what, consequence, remedy});
-  }
-
-  void CheckProgram() {
-    std::error_code error;
-    if (fs::exists(site_.program, error) || error) return;
-    Add("options.no-program", Severity::kError, "the daemon " + site_.program + " is not there",
-        "it cannot be started, and its files are looked for in the wrong place",
-        "install it, or name it with --program");
   }
 
   bool CanBeRead() {

@@ -87,11 +87,6 @@ TEST_F(OptionsTest, FileThatOthersCanWriteIsFound) {
   EXPECT_THAT(Ids(Check()), ElementsAre("error options.writable:1"));
 }
 
-TEST_F(OptionsTest, MissingProgramIsFound) {
-  std::filesystem::remove(directory_.File("vkjobmill.exe"));
-  EXPECT_THAT(IdsOf(""), ElementsAre("error options.no-program"));
-}
-
 TEST_F(OptionsTest, NoOptionsAreFound) {
   EXPECT_THAT(Ids(CheckFile("")), ElementsAre("error options.none"));
   EXPECT_THAT(Ids(CheckFile("OPTIONS=\n")), ElementsAre("error options.none:1"));

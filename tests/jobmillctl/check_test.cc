@@ -29,7 +29,7 @@ class CheckTest : public testing::Test {
     chmod(directory_.path().c_str(), 0755);
     chmod(directory_.Write("script", "#!/bin/sh\n").c_str(), 0755);
     directory_.Write("jobmill.conf", "OPTIONS='-p 5000 -l -s " + Script() + "'\n");
-    directory_.Write("vkjobmill.exe", "");
+    chmod(directory_.Write("vkjobmill.exe", "#!/bin/sh\necho Jobmill.\n").c_str(), 0755);
     directory_.Write(".vk_corvane_users", "alice daemon 1\n");
     directory_.Write(".vk_corvane_env", "SIM_HOME /opt/sim\n");
   }

@@ -20,6 +20,7 @@
 #include "inspect/log_directory.h"
 #include "inspect/options.h"
 #include "inspect/port.h"
+#include "inspect/program.h"
 #include "inspect/script.h"
 #include "inspect/site.h"
 #include "inspect/user_file.h"
@@ -39,9 +40,8 @@ using Area = Findings (*)(const Site& site);
 
 /// What is judged of each site.
 constexpr Area kAreas[] = {
-    [](const Site& site) { return inspect::CheckOptions(site); },
-    inspect::CheckUserFile,
-    inspect::CheckEnvironmentFile,
+    inspect::CheckProgram,  [](const Site& site) { return inspect::CheckOptions(site); },
+    inspect::CheckUserFile, inspect::CheckEnvironmentFile,
     inspect::CheckScript,
 };
 

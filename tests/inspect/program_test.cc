@@ -1,0 +1,73 @@
+#include "inspect/program.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <string>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/inspect/findings.h"
+#include "tests/support/running_daemon.h"
+
+namespace inspect {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+class ProgramTest : public testing::Test {
+ protected:
+  ProgramTest() { chmod(directory_.path().c_str(), 0755); }
+
+  // The programs of a test belong to its account, so the daemon is one of that account.
+  Findings Check() const {
+    return CheckProgram(SiteOf({"-p", "5000", geteuid() == 0 ? "-l" : "-u"}, Program()));
+  }
+  void Write(const std::string& text, mode_t mode = 0755) const {
+    chmod(directory_.Write("vkjobmill.exe", text).c_str(), mode);
+  }
+  std::string Program() const { return directory_.File("vkjobmill.exe"); }
+
+  TemporaryDirectory directory_;
+};
+
+TEST_F(ProgramTest, DaemonItselfIsGood) {
+  std::filesystem::copy(DaemonExecutable(), Program());
+  EXPECT_THAT(Check(), IsEmpty());
+}
+
+TEST_F(ProgramTest, ProgramThatIsNotThereIsFound) {
+  EXPECT_THAT(Ids(Check()), ElementsAre("error options.no-program"));
+}
+
+TEST_F(ProgramTest, ProgramThatNobodyCanExecuteIsFound) {
+  Write("#!/bin/sh\n", 0644);
+  EXPECT_THAT(Ids(Check()), ElementsAre("error program.not-executable"));
+  std::filesystem::remove(Program());
+  std::filesystem::create_directory(Program());
+  EXPECT_THAT(Ids(Check()), ElementsAre("error program.not-executable"));
+}
+
+TEST_F(ProgramTest, ProgramThatDoesNotStartIsFoundWithTheReason) {
+  Write("#!/bin/sh\necho 'error while loading shared libraries: libx.so.1' >&2\nexit 127\n");
+  const Findings findings = Check();
+  ASSERT_THAT(Ids(findings), ElementsAre("error program.does-not-start"));
+  EXPECT_THAT(findings[0].what,
+              HasSubstr("ends with status 127: error while loading shared libraries: libx.so.1"));
+  // Cut off, as by a full disk in the middle of a copy.
+  Write(std::string("\x7f") + "ELF");
+  EXPECT_THAT(Ids(Check()), ElementsAre("error program.does-not-start"));
+}
+
+TEST_F(ProgramTest, ProgramThatOthersCanChangeIsFoundAndNotStarted) {
+  Write("#!/bin/sh\ntouch " + directory_.File("started") + "\n", 0777);
+  EXPECT_THAT(Ids(Check()), ElementsAre("error program.writable"));
+  EXPECT_FALSE(std::filesystem::exists(directory_.File("started")));
+}
+
+}  // namespace
+}  // namespace inspect
