@@ -28,7 +28,7 @@ TEST(DocumentedTest, FindingsAreThoseOfThePage) {
   for (const auto& entry : std::filesystem::directory_iterator(root / "inspect")) {
     if (entry.path().extension() != ".cc") continue;
     Collect(TextOf(entry.path()),
-            "\"((options|program|users|environment|script|host|port)\\.[a-z-]+)\"", known);
+            "\"((options|program|users|environment|script|service|host|port)\\.[a-z-]+)\"", known);
   }
   ASSERT_FALSE(known.empty());
   std::set<std::string> documented;

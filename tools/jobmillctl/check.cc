@@ -22,6 +22,7 @@
 #include "inspect/port.h"
 #include "inspect/program.h"
 #include "inspect/script.h"
+#include "inspect/service.h"
 #include "inspect/site.h"
 #include "inspect/user_file.h"
 #include "tools/jobmillctl/command.h"
@@ -47,8 +48,11 @@ constexpr Area kAreas[] = {
 
 /// What is judged of the machine for each of them.
 constexpr Area kMachineAreas[] = {
-    inspect::CheckPort,     [](const Site& site) { return inspect::CheckLogDirectory(site); },
-    inspect::CheckCommands, inspect::CheckHost,
+    inspect::CheckService,
+    inspect::CheckPort,
+    [](const Site& site) { return inspect::CheckLogDirectory(site); },
+    inspect::CheckCommands,
+    inspect::CheckHost,
     inspect::CheckFirewall,
 };
 
