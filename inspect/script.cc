@@ -313,6 +313,11 @@ bool IsPackagedScript(std::string_view text) {
   return text.find("\nsource \"$here/common.sh\"") != std::string_view::npos;
 }
 
+bool IsForCluster(const Site& site) {
+  const std::string text = ReadFile(RealName(site.ScriptFile())).value_or("");
+  return IsPackagedScript(text) && text.find("\nneeded='") != std::string::npos;
+}
+
 void TakeEnvironment(const Site& site) {
   clearenv();
   for (const auto& [name, value] : site.environment) setenv(name.c_str(), value.c_str(), 1);

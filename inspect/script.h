@@ -14,6 +14,9 @@ Findings CheckScript(const Site& site);
 /// Whether a script of this text is one of the shipped ones, or was made from one.
 bool IsPackagedScript(std::string_view text);
 
+/// Whether the script in use is a shipped one that starts simulators elsewhere.
+bool IsForCluster(const Site& site);
+
 /// Gives this process the environment of a run: that in which the daemon starts, with the
 /// environment file applied as the daemon does.
 void TakeEnvironment(const Site& site);

@@ -2,6 +2,7 @@
 
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <filesystem>
 
 #include <gmock/gmock.h>
@@ -65,6 +66,24 @@ TEST(PortTest, ConnectionWithoutAListenerHoldsThePort) {
   }));
 }
 
+TEST(PortTest, ConnectionsThatHaveEndedAreOneFinding) {
+  Descriptor listener = BindFreePort(3);
+  const int port = PortOf(listener.get());
+  for (int i = 0; i < 3; ++i) {
+    Descriptor near = ConnectTo(port);
+    Descriptor far(accept(listener.get(), nullptr, nullptr));
+    far.Reset();
+    near.Reset();
+  }
+  listener.Reset();
+  EXPECT_TRUE(Eventually([&] {
+    const Findings findings = CheckPort(SiteOn(port));
+    return findings.size() == 1 &&
+           findings[0].what.find(" is held by 3 connections that have ended, ") !=
+               std::string::npos;
+  }));
+}
+
 TEST(PortTest, DaemonItselfIsGoodUntilItsProgramIsReplaced) {
   RunningDaemon::Options options;
   options.arguments = {"-u"};
@@ -74,6 +93,54 @@ TEST(PortTest, DaemonItselfIsGoodUntilItsProgramIsReplaced) {
   const Findings findings = CheckPort(SiteOn(daemon.port()));
   ASSERT_EQ(findings.size(), 1U);
   EXPECT_EQ(findings[0].id, "port.older-daemon");
+}
+
+Site SiteWithCommsPorts(int first, int count) {
+  return SiteOf({"-p", "1", "-o", std::to_string(first), "-n", std::to_string(count)},
+                "/none/vkjobmill.exe");
+}
+
+TEST(CommsPortsTest, ProgramThatHasSomeOfThemIsNamed) {
+  const Descriptor listener = BindFreePort(1);
+  const int port = PortOf(listener.get());
+  const Findings findings = CheckCommsPorts(SiteWithCommsPorts(port, 100));
+  const std::string self = "process " + std::to_string(getpid()) + " (inspect_test)";
+  const auto own = std::ranges::find_if(findings, [&](const auto& finding) {
+    return finding.id == "port.comms-taken" && finding.what.ends_with(self);
+  });
+  ASSERT_NE(own, findings.end());
+  EXPECT_EQ(own->what, "comms port " + std::to_string(port) + " is taken by " + self);
+  EXPECT_EQ(own->severity, Severity::kWarning);
+}
+
+TEST(CommsPortsTest, NoneThatIsFreeIsAnError) {
+  // Two neighbours, both taken.
+  Descriptor first;
+  Descriptor second;
+  for (int attempt = 0; attempt < 100 && !second; ++attempt) {
+    first = BindFreePort(1);
+    Descriptor next(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<std::uint16_t>(PortOf(first.get()) + 1));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (bind(next.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0 &&
+        listen(next.get(), 1) == 0) {
+      second = std::move(next);
+    }
+  }
+  ASSERT_TRUE(second);
+  const Findings findings = CheckCommsPorts(SiteWithCommsPorts(PortOf(first.get()), 2));
+  ASSERT_EQ(findings.size(), 1U);
+  EXPECT_EQ(findings[0].id, "port.no-comms");
+  EXPECT_EQ(findings[0].severity, Severity::kError);
+}
+
+TEST(CommsPortsTest, FreePortsAreGood) {
+  const int port = FreePort();
+  for (const Finding& finding : CheckCommsPorts(SiteWithCommsPorts(port, 2))) {
+    EXPECT_EQ(finding.what.find("port " + std::to_string(port) + " "), std::string::npos);
+  }
 }
 
 }  // namespace

@@ -48,11 +48,9 @@ constexpr Area kAreas[] = {
 
 /// What is judged of the machine for each of them.
 constexpr Area kMachineAreas[] = {
-    inspect::CheckService,
-    inspect::CheckPort,
-    [](const Site& site) { return inspect::CheckLogDirectory(site); },
-    inspect::CheckCommands,
-    inspect::CheckHost,
+    inspect::CheckService,    inspect::CheckPort,
+    inspect::CheckCommsPorts, [](const Site& site) { return inspect::CheckLogDirectory(site); },
+    inspect::CheckCommands,   inspect::CheckHost,
     inspect::CheckFirewall,
 };
 
