@@ -6,6 +6,7 @@
 // readers.
 
 #include <cstdint>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -29,6 +30,9 @@ struct Finding {
 };
 
 using Findings = std::vector<Finding>;
+
+/// The ids of all findings that there are, but for those about the file of accepted findings.
+const std::set<std::string>& FindingIds();
 
 /// "error", "warning" or "unchecked".
 const char* Name(Severity severity);

@@ -7,6 +7,8 @@
 
 #include <gtest/gtest.h>
 
+#include "inspect/finding.h"
+
 namespace {
 
 std::string TextOf(const std::filesystem::path& file) {
@@ -26,14 +28,17 @@ TEST(DocumentedTest, FindingsAreThoseOfThePage) {
   const std::filesystem::path root = SOURCES;
   std::set<std::string> known;
   for (const auto& entry : std::filesystem::directory_iterator(root / "inspect")) {
-    if (entry.path().extension() != ".cc") continue;
+    if (entry.path().extension() != ".cc" || entry.path().stem() == "finding") continue;
     Collect(TextOf(entry.path()),
-            "\"((options|program|users|environment|script|service|host|port)\\.[a-z-]+)\"", known);
+            "\"((accepted|options|program|users|environment|script|service|host|port)\\.[a-z-]+)\"",
+            known);
   }
   ASSERT_FALSE(known.empty());
   std::set<std::string> documented;
   Collect(TextOf(root / "docs" / "jobmillctl.md"), "\n\\| `([a-z]+\\.[a-z-]+)` \\|", documented);
   EXPECT_EQ(known, documented);
+  std::erase_if(known, [](const std::string& id) { return id.starts_with("accepted."); });
+  EXPECT_EQ(known, inspect::FindingIds());
 }
 
 }  // namespace

@@ -96,7 +96,8 @@ TEST_F(CheckTest, WorstIsFirstAndWhatSitesShareIsToldOnce) {
   std::vector<std::string> ids;
   for (const json& finding : document.at("findings")) ids.push_back(finding.at("id"));
   EXPECT_THAT(ids, ElementsAre("users.root", "users.ignored-text", "options.ignored"));
-  EXPECT_EQ(document.at("counts"), json::parse(R"({"error": 1, "warning": 2, "unchecked": 0})"));
+  EXPECT_EQ(document.at("counts"),
+            json::parse(R"({"error": 1, "warning": 2, "unchecked": 0, "accepted": 0})"));
 }
 
 TEST_F(CheckTest, JsonIsOneDocument) {
@@ -112,7 +113,7 @@ TEST_F(CheckTest, JsonIsOneDocument) {
     "words": ["-p", "5000", "-l", "-s", ")" + Script() +
                                               R"("],
     "port": 5000, "script": ")" + Script() + R"(", "comms_base_port": 9001, "comms_ports": 100,
-    "start_timeout": 60, "comms_log": true, "as_root": true}])"));
+    "start_timeout": 60, "comms_log": true, "maps_users": true}])"));
   ASSERT_EQ(document.at("findings").size(), 1U);
   const json& finding = document.at("findings").at(0);
   EXPECT_EQ(finding.at("id"), "users.root");
@@ -120,6 +121,32 @@ TEST_F(CheckTest, JsonIsOneDocument) {
   EXPECT_EQ(finding.at("file"), directory_.File(".vk_corvane_users"));
   EXPECT_EQ(finding.at("line"), 2);
   for (const char* text : {"what", "consequence", "remedy"}) EXPECT_NE(finding.at(text), "");
+}
+
+TEST_F(CheckTest, AcceptedFindingsAreCountedAndNotPrinted) {
+  directory_.Write(".vk_corvane_users", "alice daemon 1 x\nbob root 1\n");
+  directory_.Write("check.accepted",
+                   "# by the site\nusers.ignored-text:" + directory_.File(".vk_corvane_users") +
+                       "  a remark\n\nusers.root  agreed\n");
+  const Outcome outcome = Check({});
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_THAT(outcome.out, StartsWith("nothing found, 2 accepted in "));
+  const json document = json::parse(Check({"--json"}).out);
+  EXPECT_EQ(document.at("findings").size(), 0U);
+  EXPECT_EQ(document.at("counts").at("accepted"), 2);
+  EXPECT_EQ(document.at("accepted").at(0).at("id"), "users.root");
+  EXPECT_EQ(document.at("accepted").at(0).at("reason"), "agreed");
+}
+
+TEST_F(CheckTest, EntryThatAcceptsNothingIsFound) {
+  directory_.Write("check.accepted", "users.root  agreed\n");
+  EXPECT_THAT(Check({}).out, HasSubstr("[accepted.unused]\n1 warning in "));
+  // It may be for a daemon that is not judged, or for what is not.
+  directory_.Write("next.conf", "OPTIONS='-p 5001 -s " + Script() + " -o 9101'\n");
+  EXPECT_THAT(Check({}).out, StartsWith("nothing found in "));
+  std::filesystem::remove(directory_.File("next.conf"));
+  directory_.Write("check.accepted", "host.open  there is another filter\n");
+  EXPECT_THAT(Check({}).out, StartsWith("nothing found in "));
 }
 
 TEST_F(CheckTest, NothingOfAFileCommandsATerminal) {

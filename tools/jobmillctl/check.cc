@@ -2,9 +2,12 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <filesystem>
 #include <iterator>
 #include <memory>
+#include <set>
 #include <string>
+#include <system_error>
 #include <tuple>
 #include <vector>
 
@@ -12,6 +15,7 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include "inspect/accepted.h"
 #include "inspect/commands.h"
 #include "inspect/environment_file.h"
 #include "inspect/file.h"
@@ -32,6 +36,7 @@
 namespace jobmillctl {
 namespace {
 
+using inspect::AcceptedFinding;
 using inspect::Finding;
 using inspect::Findings;
 using inspect::Severity;
@@ -56,9 +61,14 @@ constexpr Area kMachineAreas[] = {
 
 constexpr Severity kSeverities[] = {Severity::kError, Severity::kWarning, Severity::kUnchecked};
 
-/// What is wrong at all `sites`, the worst first. What is wrong with a file that several of them
-/// use is told once.
-Findings Judge(const std::vector<Site>& sites, bool files_only) {
+/// What all of that has found.
+struct Judged {
+  Findings findings;  // the worst first
+  std::vector<AcceptedFinding> accepted;
+};
+
+/// What is wrong at all `sites`. What is wrong with a file that several of them use is told once.
+Findings Find(const std::vector<Site>& sites, bool files_only) {
   Findings findings;
   for (const Site& site : sites) {
     for (const Area area : kAreas) std::ranges::move(area(site), std::back_inserter(findings));
@@ -67,28 +77,62 @@ Findings Judge(const std::vector<Site>& sites, bool files_only) {
       std::ranges::move(area(site), std::back_inserter(findings));
     }
   }
+  return findings;
+}
+
+void SortOut(Findings& findings) {
   const auto key = [](const Finding& finding) {
     return std::tie(finding.severity, finding.file, finding.line, finding.id, finding.what);
   };
   std::ranges::stable_sort(findings, {}, key);
   const auto same = [&key](const Finding& a, const Finding& b) { return key(a) == key(b); };
   findings.erase(std::unique(findings.begin(), findings.end(), same), findings.end());
-  return findings;
+}
+
+/// The areas of which everything was found that there is to find: an accepted finding of theirs
+/// that is not there has gone. Those of the machine need root and all daemons of this directory.
+std::set<std::string> WholeAreas(const std::vector<Site>& sites, bool files_only) {
+  std::set<std::string> judged;
+  for (const Site& site : sites) judged.insert(site.configuration);
+  std::error_code ignored;
+  for (const auto& entry : std::filesystem::directory_iterator(sites[0].others, ignored)) {
+    if (entry.path().extension() == ".conf" && !judged.contains(entry.path())) return {};
+  }
+  const auto failed = [](const Site& site) { return site.error != 0; };
+  if (geteuid() != 0 || std::ranges::any_of(sites, failed)) return {};
+  if (files_only) return {"options", "program", "users", "environment", "script"};
+  return {"options", "program", "users", "environment", "script", "service", "port", "host"};
+}
+
+Judged Judge(const std::vector<Site>& sites, bool files_only) {
+  Judged judged;
+  judged.findings = Find(sites, files_only);
+  SortOut(judged.findings);
+  inspect::Accepted accepted(sites[0].others);
+  judged.accepted = accepted.Take(judged.findings);
+  std::ranges::move(accepted.Wrong(WholeAreas(sites, files_only)),
+                    std::back_inserter(judged.findings));
+  SortOut(judged.findings);
+  return judged;
 }
 
 std::ptrdiff_t Count(const Findings& findings, Severity severity) {
   return std::ranges::count(findings, severity, &Finding::severity);
 }
 
-/// The counts in words: "2 errors, 1 warning".
-std::string Summary(const Findings& findings) {
+/// The counts in words: "2 errors, 1 warning, 1 accepted".
+std::string Summary(const Judged& judged) {
+  const Findings& findings = judged.findings;
   std::vector<std::string> counts;
   for (const Severity severity : kSeverities) {
     const auto count = Count(findings, severity);
     const char* plural = count == 1 || severity == Severity::kUnchecked ? "" : "s";
     if (count > 0) counts.push_back(fmt::format("{} {}{}", count, Name(severity), plural));
   }
-  return counts.empty() ? "nothing found" : fmt::format("{}", fmt::join(counts, ", "));
+  if (counts.empty()) counts.emplace_back("nothing found");
+  if (!judged.accepted.empty())
+    counts.push_back(fmt::format("{} accepted", judged.accepted.size()));
+  return fmt::format("{}", fmt::join(counts, ", "));
 }
 
 /// What was judged, with the options as the daemon understands them.
@@ -105,8 +149,8 @@ std::string Described(const Site& site) {
   return text + ")";
 }
 
-void PrintLines(const std::vector<Site>& sites, const Findings& findings) {
-  for (const Finding& finding : findings) {
+void PrintLines(const std::vector<Site>& sites, const Judged& found) {
+  for (const Finding& finding : found.findings) {
     std::string place = finding.file;
     if (finding.line > 0) place += fmt::format(":{}", finding.line);
     if (!place.empty()) place += ": ";
@@ -115,11 +159,19 @@ void PrintLines(const std::vector<Site>& sites, const Findings& findings) {
   }
   std::vector<std::string> judged;
   std::ranges::transform(sites, std::back_inserter(judged), Described);
-  Print(fmt::format("{} in {}", Summary(findings), fmt::join(judged, " and ")));
+  Print(fmt::format("{} in {}", Summary(found), fmt::join(judged, " and ")));
 }
 
-void PrintJson(const std::vector<Site>& sites, const Findings& findings) {
-  using Json = nlohmann::ordered_json;
+using Json = nlohmann::ordered_json;
+
+Json JsonOf(const Finding& finding) {
+  return {{"id", finding.id},        {"severity", Name(finding.severity)},
+          {"file", finding.file},    {"line", finding.line},
+          {"what", finding.what},    {"consequence", finding.consequence},
+          {"remedy", finding.remedy}};
+}
+
+void PrintJson(const std::vector<Site>& sites, const Judged& found) {
   Json document{{"schema", 1}, {"version", JOBMILL_VERSION}};
   document["sites"] = Json::array();
   for (const Site& site : sites) {
@@ -133,22 +185,21 @@ void PrintJson(const std::vector<Site>& sites, const Findings& findings) {
       judged["comms_ports"] = options.comms_ports;
       judged["start_timeout"] = options.start_timeout;
       judged["comms_log"] = options.comms_log;
-      judged["as_root"] = options.run_as_root;
+      judged["maps_users"] = options.run_as_root;
     }
     document["sites"].push_back(std::move(judged));
   }
   for (const Severity severity : kSeverities) {
-    document["counts"][Name(severity)] = Count(findings, severity);
+    document["counts"][Name(severity)] = Count(found.findings, severity);
   }
+  document["counts"]["accepted"] = found.accepted.size();
   document["findings"] = Json::array();
-  for (const Finding& finding : findings) {
-    document["findings"].push_back({{"id", finding.id},
-                                    {"severity", Name(finding.severity)},
-                                    {"file", finding.file},
-                                    {"line", finding.line},
-                                    {"what", finding.what},
-                                    {"consequence", finding.consequence},
-                                    {"remedy", finding.remedy}});
+  for (const Finding& finding : found.findings) document["findings"].push_back(JsonOf(finding));
+  document["accepted"] = Json::array();
+  for (const AcceptedFinding& accepted : found.accepted) {
+    Json entry = JsonOf(accepted.finding);
+    entry["reason"] = accepted.reason;
+    document["accepted"].push_back(std::move(entry));
   }
   // ASCII alone: no byte of a file commands a terminal, and none makes the document invalid.
   fmt::print("{}\n", document.dump(2, ' ', true, Json::error_handler_t::replace));
@@ -156,13 +207,13 @@ void PrintJson(const std::vector<Site>& sites, const Findings& findings) {
 
 int Check(const SiteOptions& given, bool files_only, bool json) {
   const std::vector<Site> sites = given.Sites();
-  const Findings findings = Judge(sites, files_only);
+  const Judged found = Judge(sites, files_only);
   if (json) {
-    PrintJson(sites, findings);
+    PrintJson(sites, found);
   } else {
-    PrintLines(sites, findings);
+    PrintLines(sites, found);
   }
-  return Count(findings, Severity::kError) == 0 ? kOk : kNotGood;
+  return Count(found.findings, Severity::kError) == 0 ? kOk : kNotGood;
 }
 
 }  // namespace

@@ -49,7 +49,7 @@ Json JsonOf(const Daemon& daemon, double now) {
           {"comms_base_port", daemon.options.comms_base_port},
           {"comms_ports", daemon.options.comms_ports},
           {"script", TextOrNull(daemon.options.script)},
-          {"as_root", daemon.options.run_as_root},
+          {"maps_users", daemon.options.run_as_root},
           {"comms_log", daemon.options.comms_log},
           {"program", TextOrNull(daemon.program)},
           {"older_program", daemon.program.empty() ? Json(nullptr) : Json(daemon.older)},
