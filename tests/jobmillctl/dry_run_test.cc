@@ -119,6 +119,25 @@ TEST_F(DryRunTest, NothingBehindTheHostLineIsShown) {
               EndsWith("\n| one\n| HOST=127.0.0.1\nthe host is '127.0.0.1', 127.0.0.1\n"));
 }
 
+// Who reads the first lines alone leaves nothing behind: TearDown looks at the data.
+TEST_F(DryRunTest, OutputThatNobodyReadsToItsEndEndsAll) {
+  const std::string pid = directory_.Write("pid", "");
+  chmod(pid.c_str(), 0666);
+  std::string command;
+  for (const std::string& word :
+       Arguments(Script("echo $$ >" + pid + "; echo one; exec sleep 100\n"), "40")) {
+    command += "'" + word + "' ";
+  }
+  for (const char* lines : {"1", "2"}) {
+    const auto begin = std::chrono::steady_clock::now();
+    // bash waits for both.
+    const Outcome outcome = Run({"/bin/bash", "-c", command + "| head -n " + lines});
+    EXPECT_THAT(outcome.out, StartsWith("as " + account_));
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(20));
+  }
+  EXPECT_FALSE(IsRunning(std::stoi(directory_.Read("pid"))));
+}
+
 TEST_F(DryRunTest, ScriptWithoutHostIsRefusedAsTheDaemonDoes) {
   for (const char* lines :
        {"echo sorry\n", "echo HOST=\n", "echo 'HOST=  '\n", "echo ' HOST=a'\n"}) {

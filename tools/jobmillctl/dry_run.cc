@@ -23,6 +23,7 @@
 #include <optional>
 #include <set>
 #include <stdexcept>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -76,6 +77,7 @@ OIL_PRODUCTION_RATE = 100
 constexpr std::size_t kLongestPiece = 1023;  // what the daemon reads at once
 
 volatile sig_atomic_t interrupted = 0;
+constexpr std::array kInterrupting = {SIGINT, SIGTERM, SIGHUP};
 
 // A directory with a deck, the account's own and closed to others. It is made and removed by the
 // account: what the script leaves in it must not lead root anywhere.
@@ -129,6 +131,23 @@ int FreePort() {
   return ntohs(address.sin_port);
 }
 
+// As fork(). The child has the signals at their defaults before the first of them can come: the one
+// that ends the script may be sent before the script is there.
+pid_t Fork() {
+  sigset_t interrupting;
+  sigset_t before;
+  sigemptyset(&interrupting);
+  for (const int number : kInterrupting) sigaddset(&interrupting, number);
+  sigprocmask(SIG_BLOCK, &interrupting, &before);
+  const pid_t child = fork();
+  if (child == 0) {
+    for (const int number : kInterrupting) signal(number, SIG_DFL);
+    signal(SIGPIPE, SIG_DFL);
+  }
+  sigprocmask(SIG_SETMASK, &before, nullptr);
+  return child;
+}
+
 // What becomes the script. Its standard error is this program's, as it is the daemon's otherwise.
 [[noreturn]] void ExecuteScript(const inspect::Site& site, const inspect::Account& account,
                                 const std::string& simulator, std::vector<std::string> arguments,
@@ -162,7 +181,8 @@ class Output {
  public:
   Output(int input, Clock::time_point end) : input_(input), end_(end) {}
 
-  /// Nothing at the end of the output, when the time is over, or when a signal has come.
+  /// Nothing at the end of the output, when the time is over, when a signal has come, or when
+  /// nobody reads what this program prints any more.
   std::optional<std::string> Next() {
     while (true) {
       const std::size_t newline = text_.find('\n');
@@ -188,9 +208,12 @@ class Output {
 
   bool Read() {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(end_ - Clock::now());
-    pollfd wait{.fd = input_, .events = POLLIN, .revents = 0};
+    std::array<pollfd, 2> wait{
+        {{.fd = input_, .events = POLLIN, .revents = 0},
+         {.fd = STDOUT_FILENO, .events = 0, .revents = 0}}};  // its end is told all the same
     if (ended_ || interrupted != 0 || left.count() <= 0 ||
-        poll(&wait, 1, static_cast<int>(left.count())) <= 0) {
+        poll(wait.data(), wait.size(), static_cast<int>(left.count())) <= 0 ||
+        wait[1].revents != 0) {
       return false;
     }
     std::array<char, 4096> part{};
@@ -314,6 +337,17 @@ inspect::Account Find(const std::string& name) {
   return account;
 }
 
+// Prints the lines up to the one that names the host; the name, if there is one. Throws
+// std::system_error when nobody reads them.
+std::optional<std::string> ShowUpToHost(Output& output) {
+  while (const auto piece = output.Next()) {
+    const std::string line = piece->ends_with('\n') ? piece->substr(0, piece->size() - 1) : *piece;
+    Print("| " + line);
+    if (line.starts_with("HOST=")) return line.substr(strlen("HOST="));
+  }
+  return std::nullopt;
+}
+
 }  // namespace
 
 int RunDry(const inspect::Site& site, const DryRun& given) {
@@ -323,7 +357,9 @@ int RunDry(const inspect::Site& site, const DryRun& given) {
   prctl(PR_SET_CHILD_SUBREAPER, 1);
   struct sigaction action {};
   action.sa_handler = [](int) { interrupted = 1; };
-  for (const int number : {SIGINT, SIGTERM, SIGHUP}) sigaction(number, &action, nullptr);
+  for (const int number : kInterrupting) sigaction(number, &action, nullptr);
+  // Who reads the first lines alone, as head does, must not keep this from clearing up.
+  signal(SIGPIPE, SIG_IGN);
 
   const Data data(given.beside, account);
   const std::vector<std::string> arguments = {
@@ -334,19 +370,19 @@ int RunDry(const inspect::Site& site, const DryRun& given) {
   if (pipe2(ends.data(), O_CLOEXEC) != 0) throw Failed("there is no pipe");
   const Descriptor input(ends[0]);
   Descriptor write_end(ends[1]);
-  const pid_t script = fork();
+  const pid_t script = Fork();
   if (script < 0) throw Failed("there is no process for the script");
   if (script == 0) ExecuteScript(site, account, simulator, arguments, write_end.get());
   write_end.Reset();
 
   Output output(input.get(), Clock::now() + std::chrono::seconds(given.seconds));
   std::optional<std::string> host;
-  while (!host) {
-    const auto piece = output.Next();
-    if (!piece) break;
-    const std::string line = piece->ends_with('\n') ? piece->substr(0, piece->size() - 1) : *piece;
-    Print("| " + line);
-    if (line.starts_with("HOST=")) host = line.substr(strlen("HOST="));
+  try {
+    host = ShowUpToHost(output);
+  } catch (const std::system_error&) {
+    // What it prints is not read any more.
+    EndAll(script);
+    return kNotGood;
   }
   EndAll(script);
   return Judge(host, output, given.seconds);
