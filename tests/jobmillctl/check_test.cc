@@ -183,4 +183,15 @@ TEST_F(CheckTest, CommandLineWithoutMeaningGivesTwo) {
   EXPECT_EQ(Jobmillctl({}).status, 2);
 }
 
+TEST(CommandTest, WrongCommandIsRepeatedWithTheOneThatIsMeant) {
+  const std::string more = "\nRun with --help for more information.\n";
+  for (const char* word : {"chek", "chekc", "checks", "ceck"}) {
+    const Outcome outcome = Jobmillctl({word});
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_EQ(outcome.err, "'" + std::string(word) + "' is no command; is 'check' meant?" + more);
+  }
+  EXPECT_EQ(Jobmillctl({"\x1b[m"}).err, "'\\x1b[m' is no command" + more);
+  EXPECT_EQ(Jobmillctl({"nonsense"}).err, "'nonsense' is no command" + more);
+}
+
 }  // namespace
