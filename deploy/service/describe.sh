@@ -1,6 +1,7 @@
 # shellcheck shell=sh
-# describe PID: says whose connection a process of the jobmill serves: account, since when, and the
-# script with what it was given. What it says of the script is the account's own word.
+# describe PID: says whose connection a process of the jobmill, the controller of a run, serves: account,
+# since when, and the script, which is a process of its own, with what it was given. What it says of the
+# script is the account's own word.
 describe() {
   ticks=$(sed 's/.*) //' "/proc/$1/stat" 2>/dev/null | cut -d ' ' -f 20)
   [ -n "$ticks" ] || return 0
@@ -9,5 +10,5 @@ describe() {
     "$(date -d "@$began" '+%F %T')"
   script=$(cut -d ' ' -f 1 "/proc/$1/task/$1/children" 2>/dev/null)
   [ -z "$script" ] ||
-    printf ' (%s)' "$(tr '[:cntrl:]' ' ' <"/proc/$script/cmdline" 2>/dev/null | cut -c -200)"
+    printf ' (the controller; its script is process %s: %s)' "$script" "$(tr '[:cntrl:]' ' ' <"/proc/$script/cmdline" 2>/dev/null | cut -c -200)"
 }
