@@ -94,7 +94,7 @@ void Reading::ReadLog(const std::vector<LogPart>& parts) {
 void Reading::MarkAlive() {
   for (const bool by_model : {true, false}) {
     for (const Run& run : now_.runs) {
-      if (run.state == RunState::kLost || run.state == RunState::kEnded || !run.began) continue;
+      if (!HasController(run) || run.state == RunState::kEnded || !run.began) continue;
       if (by_model != run.root.has_value()) continue;
       Item* nearest = nullptr;
       const auto distance = [&](const Item& item) {

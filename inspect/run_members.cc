@@ -11,12 +11,26 @@
 #include <utility>
 
 #include "base/number.h"
+#include "inspect/file.h"
+#include "inspect/script.h"
 #include "inspect/script_arguments.h"
 
 namespace inspect {
 namespace {
 
 constexpr const char* kMark = "JOBMILL_RUN";
+
+// Whether the script of a run is a shipped one, and at work. It notices that its controller has
+// gone, gives the simulator the grace time and ends it.
+bool EndsWhatIsLeft(const Run& run, const std::set<std::string>& scripts) {
+  const auto process = run.script ? Process::Open(*run.script) : std::nullopt;
+  if (!process || !process->IsAlive() || process->stat().state == 'T') return false;
+  const std::vector<std::string> words = process->Arguments();
+  // Only what a daemon was given is read: the rest of the command line is the account's own word.
+  return words.size() >= 6 && scripts.contains(words[words.size() - 6]) &&
+         words[words.size() - 6].starts_with('/') &&
+         IsPackagedScript(ReadFile(words[words.size() - 6]).value_or(""));
+}
 
 }  // namespace
 
@@ -138,8 +152,10 @@ void RunMembers::AddLost(std::vector<Run>& runs) const {
       return !process || !process->IsAlive();
     });
     if (run.members.empty()) continue;
-    run.state = RunState::kLost;
-    if (run.script) run.waits_for = "the end by its script, after the grace time";
+    run.state = EndsWhatIsLeft(run, scripts) ? RunState::kEnding : RunState::kLost;
+    if (run.state == RunState::kEnding) {
+      run.waits_for = "its end by the script, within the grace time";
+    }
     run.id = *std::min_element(run.members.begin(), run.members.end(),
                                [](const ProcessId& a, const ProcessId& b) {
                                  return std::tuple(a.start, a.pid) < std::tuple(b.start, b.pid);

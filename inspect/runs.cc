@@ -63,8 +63,8 @@ Runs Survey::Find() {
            std::tuple(b.options.listen_port, b.id.start, b.id.pid);
   });
   std::sort(found_.runs.begin(), found_.runs.end(), [](const Run& a, const Run& b) {
-    const bool lost_a = a.state == RunState::kLost;
-    const bool lost_b = b.state == RunState::kLost;
+    const bool lost_a = !HasController(a);
+    const bool lost_b = !HasController(b);
     return std::tuple(lost_a, a.listen_port, a.id.start, a.id.pid) <
            std::tuple(lost_b, b.listen_port, b.id.start, b.id.pid);
   });
@@ -167,12 +167,18 @@ const char* Name(RunState state) {
       return "waiting for the simulator";
     case RunState::kEnded:
       return "ended";
+    case RunState::kEnding:
+      return "ending";
     case RunState::kLost:
       return "lost";
     case RunState::kUnknown:
       break;
   }
   return "unknown";
+}
+
+bool HasController(const Run& run) {
+  return run.state != RunState::kEnding && run.state != RunState::kLost;
 }
 
 double Now() {

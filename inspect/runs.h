@@ -32,7 +32,8 @@ enum class RunState {
   kMaster,            ///< the master's next request has not come
   kSimulator,         ///< the simulator has not answered, for example during a step
   kEnded,             ///< there was a controller, see `cause`
-  kLost,              ///< processes of a run whose controller has gone
+  kEnding,            ///< the controller has gone, and a shipped script ends what is left
+  kLost,              ///< processes of a run whose controller has gone, and that nobody ends
   kUnknown,           ///< see `unknown`
 };
 
@@ -84,6 +85,9 @@ struct Runs {
   std::vector<Run> runs;             ///< by port and start; lost ones last
   std::vector<std::string> missing;  ///< what of all this could not be looked at
 };
+
+/// Whether the run's number is that of its controller, which may have ended a moment ago.
+bool HasController(const Run& run);
 
 /// The time, in seconds since 1970.
 double Now();

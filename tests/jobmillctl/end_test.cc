@@ -1,6 +1,12 @@
 // Ending runs, and what has lost its controller.
 
 #include <signal.h>
+#include <sys/stat.h>
+
+#include <chrono>
+#include <fstream>
+#include <iterator>
+#include <string>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -9,6 +15,8 @@
 #include "tests/jobmillctl/jobmillctl.h"
 #include "tests/jobmillctl/runs_site.h"
 #include "tests/support/bytes.h"
+#include "tests/support/ports.h"
+#include "tests/support/running_daemon.h"
 
 namespace {
 
@@ -21,6 +29,11 @@ std::vector<pid_t> ProcessesOf(const json& run) {
   auto processes = run.at("members").get<std::vector<pid_t>>();
   processes.push_back(run.at("id").get<pid_t>());
   return processes;
+}
+
+std::string TextOf(const char* file) {
+  std::ifstream in(file);
+  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
 void ExpectEnded(const std::vector<pid_t>& processes) {
@@ -114,6 +127,44 @@ TEST(LostTest, WhatAKilledControllerLeavesIsShownAndEnded) {
   EXPECT_EQ(Jobmillctl({"end", "--yes", site.Run("STEP").at("id").dump()}).status, 0);
   ExpectEnded(ProcessesOf(run));
   ExpectRunning(neighbour);
+}
+
+// A controller has gone, as after every run, and its simulator has not yet.
+TEST(LostTest, WhatAShippedScriptEndsIsEndingAndNotLost) {
+  const TemporaryDirectory data;
+  data.Write("CASE.afi", TextOf(EXAMPLES_DIR "/TENWELLS.afi"));
+  // A simulator that goes on without its controller.
+  chmod(data.Write("simulator", "#!/bin/sh\nexec '" + ProgramDirectory() +
+                                    "/vksim' \"$@\" --step-delay 3600000\n")
+            .c_str(),
+        0755);
+  RunningDaemon::Options options;
+  const std::string script = SOURCES "/deploy/scripts/local";
+  options.arguments = {"-u", "-s", script, "-o", std::to_string(FreePort())};
+  options.variables = {"JOBMILL_SIMULATOR=" + data.File("simulator"), "JOBMILL_GRACE_SECONDS=8"};
+  const RunningDaemon daemon(options);
+  TestMaster master(daemon.port());
+  master.RequestRun({"0", data.path().string() + "/", "CASE", "1", "20172", "alice", "0"});
+  master.Receive();
+  master.Send(Bytes("01 00 00 00"));
+  master.Receive();
+  master.Send(Bytes("07 00 00 00"));
+  const auto run = [&] {
+    const json document = json::parse(Jobmillctl({"status", "--json"}).out);
+    for (const json& one : document.at("runs")) {
+      if (one.at("path") == data.path().string() + "/") return one;
+    }
+    return json();
+  };
+  const json before = run();
+  ASSERT_TRUE(before.is_object());
+  kill(before.at("id").get<pid_t>(), SIGKILL);
+  EXPECT_TRUE(Eventually([&] { return run().is_object() && run().at("state") == "ending"; }));
+  const Outcome shown = Jobmillctl({"lost"});
+  EXPECT_THAT(shown.out, HasSubstr("/CASE): ending, it waits for its end by the script"));
+  EXPECT_THAT(shown.out, Not(HasSubstr("/CASE): lost")));
+  EXPECT_TRUE(Eventually([&] { return run().is_null(); }, std::chrono::seconds(30)));
+  ExpectEnded(ProcessesOf(before));
 }
 
 }  // namespace

@@ -104,7 +104,7 @@ void Show(const Run& run) {
       command += (command.empty() ? "" : " ") + word;
     fmt::print("  {:>7} {:<10} {}\n", id.pid, what, inspect::Printable(command).substr(0, 200));
   };
-  if (run.state != inspect::RunState::kLost) show(run.id, "controller");
+  if (HasController(run)) show(run.id, "controller");
   for (const ProcessId& id : run.members) {
     show(id, run.script == id.pid ? "script" : run.simulator == id.pid ? "simulator" : "");
   }
@@ -137,6 +137,10 @@ int EndCommand(const std::string& name, bool yes) {
 
 int LostCommand(bool end, bool yes) {
   Runs found = inspect::FindRuns();
+  for (const Run& run : found.runs) {
+    if (run.state != inspect::RunState::kEnding) continue;
+    fmt::print("{}: ending, it waits for {}\n", Described(run), run.waits_for);
+  }
   std::erase_if(found.runs, [](const Run& run) { return run.state != inspect::RunState::kLost; });
   for (const std::string& missing : found.missing) fmt::print("Not known: {}\n", missing);
   if (getuid() != 0) fmt::print("Not known: processes of other accounts, without root's rights\n");
