@@ -275,14 +275,15 @@ bool ConnectionLog::AddConnectionLine(std::string_view line) {
 
 Connection& ConnectionLog::Choose(const Rule& rule,
                                   const std::vector<Connection*>& candidates) const {
+  // Connections may stay idle for ever, and those that ask do so at once. The port will tell.
+  const bool asks = rule.from == Step::kGreeted;
+  if (asks && candidates.size() > 1) {
+    for (Connection* candidate : candidates) candidate->guessed = true;
+  }
   if (std::find(candidates.begin(), candidates.end(), speaker_) != candidates.end()) {
     return *speaker_;
   }
-  // Connections may stay idle for ever, and those that ask do so at once. The port will tell.
-  if (rule.from == Step::kGreeted) {
-    candidates.back()->guessed = candidates.size() > 1;
-    return *candidates.back();
-  }
+  if (asks) return *candidates.back();
   if (candidates.size() > 1 && IsInStart(rule.from)) {
     for (Connection* candidate : candidates) candidate->mixed = true;
   }
@@ -303,11 +304,12 @@ void ConnectionLog::Apply(const Rule& rule, std::string_view line, Connection& c
 }
 
 void ConnectionLog::Move(Connection& connection, Step step) {
-  auto& from = open_[connection.step];
-  std::erase(from, &connection);
-  if (from.empty()) open_.erase(connection.step);
+  if (const auto from = open_.find(connection.step); from != open_.end()) {
+    std::erase(from->second, &connection);
+    if (from->second.empty()) open_.erase(from);
+  }
   connection.step = step;
-  if (step < Step::kLaunched) open_[step].push_back(&connection);
+  if (step < Step::kMixed) open_[step].push_back(&connection);
 }
 
 std::size_t ConnectionLog::IndexOf(const Connection& connection) const {
@@ -348,23 +350,24 @@ void ConnectionLog::CheckPort(Connection* launched) {
   }
 }
 
-// The request of `guessed` may be that of another connection which has asked for nothing so far. If
-// so, by the port, that one gets what was taken for the first one's.
-Connection* ConnectionLog::RightOne(Connection* guessed, int port) {
-  const auto greeted = open_.find(Step::kGreeted);
-  if (ExpectedPort(*guessed) == port || greeted == open_.end()) return guessed;
-  for (Connection*& place : greeted->second) {
-    if (ExpectedPort(*place) != port) continue;
-    Connection* const right = place;
-    std::swap(*right, *guessed);
-    std::swap(right->began, guessed->began);
-    std::swap(right->first, guessed->first);
-    std::swap(right->unproven, guessed->unproven);
-    place = guessed;
-    std::ranges::replace(open_.at(right->step), guessed, right);
-    return right;
+// Several connections had asked for nothing when the request of `launched` came. If it came from
+// another one, by the port, the two change places, with all that followed.
+Connection* ConnectionLog::RightOne(Connection* launched, int port) {
+  if (ExpectedPort(*launched) == port) return launched;
+  for (const auto& [step, connections] : open_) {
+    for (Connection* right : connections) {
+      if (!right->guessed || right->port || ExpectedPort(*right) != port) continue;
+      Connection*& one = *std::ranges::find(open_.at(right->step), right);
+      Connection*& other = *std::ranges::find(open_.at(launched->step), launched);
+      std::swap(one, other);
+      std::swap(*right, *launched);
+      std::swap(right->began, launched->began);
+      std::swap(right->first, launched->first);
+      std::swap(right->unproven, launched->unproven);
+      return right;
+    }
   }
-  return guessed;
+  return launched;
 }
 
 // From connection `first` on somebody may have made up what the log tells.
@@ -447,7 +450,21 @@ void ConnectionLog::AddAnswer(const std::optional<std::string>& host) {
     EndWait(told ? *last_script_ : *answer.candidates.front(), answer);
   } else {
     answers_.push_back(std::move(answer));
+    CloseAnswered();
   }
+}
+
+// Where as many answers have come as scripts ran, none of these waits any more.
+void ConnectionLog::CloseAnswered() {
+  const std::vector<Connection*>& candidates = answers_.back().candidates;
+  const auto among = [&](const Connection* connection) {
+    return std::ranges::find(candidates, connection) != candidates.end();
+  };
+  const auto answered = std::ranges::count_if(answers_, [&](const Answer& answer) {
+    return std::ranges::all_of(answer.candidates, among);
+  });
+  if (static_cast<std::size_t>(answered) < candidates.size()) return;
+  for (Connection* connection : candidates) Move(*connection, Step::kMixed);
 }
 
 void ConnectionLog::EndWait(Connection& connection, const Answer& answer) {
@@ -468,9 +485,9 @@ void ConnectionLog::Settle() {
     }
   };
   for (const Connection& connection : connections_) {
-    const bool waited = connection.step == Step::kScript && !connection.alive;
+    const bool undecided = connection.step == Step::kScript || connection.step == Step::kMixed;
     leave(&connection, [&](const Answer& answer) {
-      if (!connection.has_host || connection.step != Step::kScript) return waited;
+      if (!connection.has_host || !undecided) return undecided && !connection.alive;
       return answer.host && (!connection.host || *connection.host == *answer.host);
     });
   }

@@ -40,6 +40,7 @@ enum class Step {
   kArgument5,
   kArgument6,
   kScript,    ///< the script runs and has named no host
+  kMixed,     ///< as many scripts have been answered for as ran, this one among them
   kLaunched,  ///< the master was told the host: the log says nothing more
   kEnded,     ///< before that
 };
@@ -136,7 +137,8 @@ class ConnectionLog {
   void AddAnswer(const std::optional<std::string>& host);
   void EndWait(Connection& connection, const Answer& answer);
   void CheckPort(Connection* launched);
-  Connection* RightOne(Connection* guessed, int port);
+  Connection* RightOne(Connection* launched, int port);
+  void CloseAnswered();
   void Doubt(std::size_t first);
   void DoubtAll(std::string_view line);
   static bool LooksLikeOurs(std::string_view line);

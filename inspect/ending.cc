@@ -174,7 +174,7 @@ End EndOfStart(const Connection& connection) {
                 (connection.text.empty() ? "" : ": " + connection.text)};
   }
   if (reason == "no-host") return NoHost(connection);
-  if (connection.undecided) {
+  if (connection.undecided || connection.step == Step::kMixed) {
     return {
         Ending::kUnknown, "mixed",
         "How it ended is not known: several runs waited for their scripts, and the log does not "

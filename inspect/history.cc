@@ -102,7 +102,10 @@ void Reading::MarkAlive() {
       };
       for (Item& item : items_) {
         const Connection& connection = *item.connection;
-        const bool ended = connection.step == Step::kEnded || connection.alive;
+        const bool starts = connection.step < Step::kScript;
+        const bool ended = connection.step == Step::kEnded || connection.alive ||
+                           (run.state == RunState::kHandshake && !starts) ||
+                           (run.state == RunState::kScript && connection.step > Step::kMixed);
         const bool fits =
             by_model ? connection.script_root == run.root && connection.script_path == run.path
                      : !run.comms_port || !connection.port ||
@@ -144,7 +147,7 @@ void Reading::ReadComms() {
   std::map<std::string, std::vector<Item*>> sharers;
   for (Item& item : items_) {
     const Connection& connection = *item.connection;
-    const bool possible = connection.step == Step::kScript || connection.step == Step::kLaunched;
+    const bool possible = connection.step >= Step::kScript && connection.step <= Step::kLaunched;
     const auto& options = item.log->options();
     if (!possible || !connection.port || !item.comms_error.empty()) continue;
     if (options && !options->comms_log) continue;
@@ -261,7 +264,7 @@ EndedRun Reading::Describe(const Item& item) const {
         "the log contradicts itself here: lines are missing, or somebody has sent texts that look "
         "like lines of the log");
   }
-  if (connection.guessed) {
+  if (connection.guessed && connection.cluster) {
     run.doubts.emplace_back(
         "several connections waited at that time: it may have begun at another");
   }

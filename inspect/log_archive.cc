@@ -28,6 +28,9 @@ constexpr std::string_view kStarted = "Daemon started: ";
 constexpr std::string_view kTimes[] = {
     kStarted, "Accepted incoming connection: ", "Answering call in child process: "};
 
+// Later than all names of rotated files, as such a name tells a date or a time.
+constexpr long kLatestDate = 99'999'999'999;
+
 // A compressed file can hold a thousand times its size.
 constexpr std::int64_t kMostOfPart = std::int64_t{1} << 30;
 constexpr std::size_t kBlock = 1 << 18;
@@ -92,8 +95,11 @@ std::optional<LogPart> PartOf(const std::string& file) {
   name.remove_prefix(part.previous ? 9 : 0);
   if (!name.starts_with(".log")) return std::nullopt;
   name.remove_prefix(4);
-  const bool rotated = name.starts_with('.') || name.starts_with('-');
-  return name.empty() || rotated ? std::optional(part) : std::nullopt;
+  if (name.empty()) return part;
+  // ".3.gz", or "-20261121.gz".
+  const long number = NumberIn(std::string(name.substr(1)).c_str());
+  part.age = name.front() == '-' ? kLatestDate - number : number;
+  return name.front() == '-' || name.front() == '.' ? std::optional(part) : std::nullopt;
 }
 
 // Looks at the beginning of a part.
@@ -138,8 +144,7 @@ bool IsTrusted(const LogPart& part, const Runs& now) {
 void Sort(std::vector<LogPart>& parts) {
   const auto time = [](const LogPart& part) { return part.first.value_or(part.changed); };
   std::ranges::sort(parts, [&](const LogPart& a, const LogPart& b) {
-    return std::tuple(time(a), a.changed, !a.previous) <
-           std::tuple(time(b), b.changed, !b.previous);
+    return std::tuple(time(a), !a.previous, -a.age) < std::tuple(time(b), !b.previous, -b.age);
   });
   const auto timeless =
       std::ranges::find_if(parts, [](const LogPart& part) { return part.previous && !part.first; });
@@ -184,7 +189,10 @@ std::vector<std::vector<LogPart>> FindLogs(const Runs& now, double since,
       continue;
     }
     const std::string error = Inspect(*part);
-    if (!error.empty()) missing.push_back(file + ": " + error);
+    if (!error.empty() && !part->first) {
+      missing.push_back(file + ": " + error);
+      continue;
+    }
     if (!IsTrusted(*part, now)) {
       ++strangers[file.substr(0, file.rfind('/'))];
       continue;

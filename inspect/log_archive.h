@@ -20,6 +20,7 @@ struct LogPart {
   int port = 0;
   uid_t owner = 0;
   std::time_t changed = 0;
+  long age = 0;                      ///< 0: not rotated; more: rotated earlier
   bool previous = false;             ///< of the start before the one whose log is being written
   bool starts = false;               ///< begins with the start of a daemon
   std::optional<std::time_t> first;  ///< the first time that it tells

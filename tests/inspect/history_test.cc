@@ -4,6 +4,8 @@
 #include <unistd.h>
 #include <zlib.h>
 
+#include <array>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -153,22 +155,650 @@ TEST_F(HistoryTest, RunThatTheMasterShutDown) {
   EXPECT_THAT(history.missing, IsEmpty());
 }
 
-TEST_F(HistoryTest, RunWhoseMasterLeft) {
-  const End end = EndWith(
-      "No or unexpected data received from Corvane\n"
-      "Request process loop failed: No or unexpected data received from Corvane\n");
-  EXPECT_EQ(end.ending, Ending::kMasterLeft);
-  EXPECT_EQ(end.sentence,
-            "The master left without shutting it down, or the connection to the master broke");
+// What a comms log ends with, and what that means to an engineer.
+struct Told {
+  std::string end;
+  Ending ending;
+  const char* reason;
+  std::string sentence;
+};
+
+class ToldTest : public HistoryTest, public testing::WithParamInterface<Told> {};
+
+TEST_P(ToldTest, IsSaidInASentence) {
+  const End end = EndWith(GetParam().end);
+  EXPECT_EQ(end.ending, GetParam().ending) << Name(end.ending);
+  EXPECT_EQ(end.reason, GetParam().reason);
+  EXPECT_EQ(end.sentence, GetParam().sentence);
 }
 
-TEST_F(HistoryTest, RunWhoseSimulatorEnded) {
-  for (const char* text :
-       {"read: End of file", "read: Connection reset by peer", "write: Broken pipe"}) {
-    const End end = EndWith(OfSimulator(text));
-    EXPECT_EQ(end.ending, Ending::kSimulatorEnded) << text;
-    EXPECT_EQ(end.sentence, "The simulator ended, or was ended, during the request 'run until'");
+INSTANTIATE_TEST_SUITE_P(
+    CommsLogs, ToldTest,
+    testing::Values(
+        Told{"No or unexpected data received from Corvane\n"
+             "Request process loop failed: No or unexpected data received from Corvane\n",
+             Ending::kMasterLeft, "",
+             "The master left without shutting it down, or the connection to the master broke"},
+        Told{OfSimulator("read: End of file"), Ending::kSimulatorEnded, "",
+             "The simulator ended, or was ended, during the request 'run until'"},
+        Told{OfSimulator("read: Connection reset by peer"), Ending::kSimulatorEnded, "",
+             "The simulator ended, or was ended, during the request 'run until'"},
+        Told{OfSimulator("write: Broken pipe"), Ending::kSimulatorEnded, "",
+             "The simulator ended, or was ended, during the request 'run until'"},
+        Told{OfSimulator("read: Connection timed out"), Ending::kSimulatorEnded, "machine-gone",
+             "The simulator's machine, 'node7', went away during the request 'run until'"},
+        Told{OfSimulator("Connection timed out."), Ending::kNoSimulator, "timed-out",
+             "No simulator accepted the connection on host 'node7', port 9001, in time"},
+        Told{OfSimulator("resolve: Host not found (authoritative)"), Ending::kNoSimulator,
+             "host-unknown",
+             "The script named the host 'node7', which the jobmill's machine does not know"},
+        Told{OfSimulator("Not connected to the simulator"), Ending::kRequestFailed, "not-connected",
+             "The master sent the request 'run until' before it had the simulator connected"},
+        Told{OfSimulator("Incorrect algorithmic position after advancing to first timestep"),
+             Ending::kRequestFailed, "position",
+             "The simulator was not where the request 'run until' needs it, but at its end for "
+             "example"},
+        Told{OfSimulator("Unexpected answer when querying the well statuses."),
+             Ending::kRequestFailed, "answer",
+             "The simulator answered the request 'run until' in another shape than expected; it "
+             "may speak another version than '20172', which the master named"},
+        Told{OfSimulator("Incorrect argument dimensions passed to SetWellConstraints"),
+             Ending::kRequestFailed, "data",
+             "What the master sent with the request 'run until' contradicts itself"},
+        Told{OfSimulator("Inconsistent data sent to SetWellInjectionComposition"),
+             Ending::kRequestFailed, "data",
+             "What the master sent with the request 'run until' contradicts itself"},
+        Told{OfSimulator("something new"), Ending::kRequestFailed, "other",
+             "It failed at the request 'run until': something new"},
+        Told{Failed("Exception returned from Corvane comms: Unexpected data received from Corvane, "
+                    "routine VK_GETWELLDATA_SUB"),
+             Ending::kMasterLeft, "in-request",
+             "The master left, or sent something else, in the middle of the request 'run until'"},
+        Told{
+            Failed("Exception returned from Corvane comms: Discrepancy returned in well data from "
+                   "Corvane: well count in routine VK_GETWELLDATA"),
+            Ending::kRequestFailed, "answer",
+            "The simulator told of another number of wells than the request 'run until' was about"},
+        Told{Failed("Unknown exception"), Ending::kRequestFailed, "protocol",
+             "The simulator refused the request 'run until', or answered what the protocol does "
+             "not have"},
+        Told{"", Ending::kSilent, "controlling",
+             "It ended without a word after the request 'run until': its controller was killed, by "
+             "jobmillctl end for example or for want of memory, or the machine went down"}));
+
+TEST_F(HistoryTest, SimulatorsOutputIsNamedWhereItTellsMore) {
+  WriteLog(Start(now_) + Launched(Model("CASE"), 9001, now_));
+  WriteComms("CASE", OfSimulator("read: End of file"));
+  const History history = Read();
+  ASSERT_EQ(history.runs.at(0).places.size(), 4U);
+  EXPECT_EQ(history.runs[0].places[0].line, 7);
+  EXPECT_EQ(history.runs[0].places[1].file, data_.File("CASE.out"));
+}
+
+TEST_F(HistoryTest, WhoMayNotRunIsRefused) {
+  Asked bob = Model("CASE", "bob");
+  EndedRun run = Only(Answered(now_) + Request(bob) + Users() +
+                      "Windows user 'bob' does not have permissions to run Varnok\n");
+  EXPECT_EQ(run.end.ending, Ending::kRefused);
+  EXPECT_EQ(run.end.reason, "user-denied");
+  EXPECT_EQ(run.end.sentence,
+            "Windows user 'bob' is in the list of users as one who may not run here");
+  EXPECT_EQ(run.places.front().line, 23);
+  EXPECT_FALSE(run.told_by_account);
+  run = Only(Answered(now_) + Request(Model("CASE", "eve")) + Users() +
+             "Windows user 'eve' not found in administration file\n");
+  EXPECT_EQ(run.end.reason, "user-unknown");
+  EXPECT_EQ(run.end.sentence, "Windows user 'eve' is not in the list of those who may run here");
+  EXPECT_EQ(run.root, "CASE");
+  run = Only(Answered(now_) + Request(Model("CASE", "carl")) + Users() +
+             "Linux user required: nosuch\nFailed to get password entry for 'nosuch'\n");
+  EXPECT_EQ(run.end.reason, "account-unknown");
+  EXPECT_EQ(run.end.sentence,
+            "Windows user 'carl' is to run as account 'nosuch', which this machine does not know");
+  run = Only(Answered(now_) + Request(Model("CASE")) +
+             "Failed to read users administration file - Could not open the user administration "
+             "file: /opt/./.vk_corvane_users\n");
+  EXPECT_EQ(run.end.reason, "user-file");
+  EXPECT_EQ(run.end.ending, Ending::kRefused);
+}
+
+TEST_F(HistoryTest, AccountThatCannotBeTaken) {
+  const std::string begin =
+      Answered(now_) + Request(Model("CASE")) + Users() + "Linux user required: root\n";
+  const std::string failed = "Failed to set user ID for Tolmen job - error = ";
+  EndedRun run = Only(begin + failed + "11\n");
+  EXPECT_EQ(run.end.ending, Ending::kRefused);
+  EXPECT_EQ(run.end.sentence,
+            "The run could not be given the account 'root': it has as many processes as it may "
+            "have");
+  run = Only(begin + "Failed to set the group ID - 1\n" + failed + "1\n");
+  EXPECT_EQ(run.end.reason, "account-change");
+}
+
+TEST_F(HistoryTest, ProbeOfThePortAskedForNoRun) {
+  const EndedRun run =
+      Only(Answered(now_) + "Incorrect response from Corvane - no controller will be launched\n");
+  EXPECT_EQ(run.end.ending, Ending::kNoRequest);
+  EXPECT_FALSE(IsFailure(run.end.ending));
+}
+
+TEST_F(HistoryTest, MachineWithoutAFreeProcess) {
+  EndedRun run =
+      Only(Accepted(now_) + "Error occurred forking controlling thread: " + timestamp(now_));
+  EXPECT_EQ(run.end.ending, Ending::kNotStarted);
+  EXPECT_EQ(run.end.reason, "no-process");
+  run = Only(Answered(now_) + Request(Model("CASE")) + Users() +
+             "Linux user required: root\nError: fork failed\n");
+  EXPECT_EQ(run.end.reason, "no-process");
+  run = Only(Answered(now_) + Request(Model("CASE")) + Users() +
+             "Linux user required: root\nError: pipe failed\n");
+  EXPECT_EQ(run.end.reason, "no-descriptor");
+  run = Only(Answered(now_) + Request(Model("CASE")) + Users() +
+             "Linux user required: root\nSocket connection failed\n");
+  EXPECT_EQ(run.end.reason, "link");
+}
+
+TEST_F(HistoryTest, ScriptThatNamesNoHost) {
+  const std::string begin = Answered(now_) + Request(Model("CASE")) + Users() +
+                            "Linux user required: root\n" + Script(Model("CASE"), 9001);
+  EndedRun run = Only(begin +
+                      "slurm: the job is refused: no such queue\nNo host detected, "
+                      "exiting.\n");
+  EXPECT_EQ(run.end.ending, Ending::kNoHost);
+  EXPECT_EQ(run.end.sentence,
+            "The script ended without naming a host; the last that it said: slurm: the job is "
+            "refused: no such queue");
+  EXPECT_EQ(run.account, "root");
+  run = Only(begin + "No host detected, exiting.\n");
+  EXPECT_EQ(run.end.sentence,
+            "The script ended without naming a host and without a word; it may be missing, or not "
+            "be executable");
+  // The last line of a script may have no end.
+  run = Only(begin + "oopsNo host detected, exiting.\n");
+  EXPECT_THAT(run.end.sentence, testing::EndsWith("the last that it said: oops"));
+}
+
+TEST_F(HistoryTest, HostLineWithoutAnEnd) {
+  const EndedRun run =
+      Only(Answered(now_) + Request(Model("CASE")) + Users() + "Linux user required: root\n" +
+           Script(Model("CASE"), 9001) + "HOST=node7Host detected: node7\n");
+  EXPECT_EQ(run.host, "node7");
+  EXPECT_THAT(run.end.sentence, StartsWith("It was started on host 'node7'; how it ended is not "
+                                           "known"));
+}
+
+TEST_F(HistoryTest, ClusterRunIsKnownByItsExtendedName) {
+  Asked asked = Model("CASE");
+  asked.cluster = "3";
+  WriteLog(Start(now_) + Answered(now_) + Request(asked) +
+           "Dealing with cluster run now ...\nCopying " + asked.path + "/CASE.afi to " +
+           asked.path + "/CASE_3.afi\nCopy succeeded\n" + Script(asked, 9001) + Host());
+  WriteComms("CASE_3", OfSimulator("read: End of file"));
+  const History history = Read();
+  EXPECT_EQ(history.runs.at(0).root, "CASE_3");
+  EXPECT_EQ(history.runs.at(0).end.ending, Ending::kSimulatorEnded);
+  EXPECT_THAT(history.runs.at(0).doubts, IsEmpty());
+}
+
+TEST_F(HistoryTest, ConnectionThatIsCutOffInItsStart) {
+  EndedRun run = Only(Answered(now_) + Request(Model("CASE")));
+  EXPECT_EQ(run.end.ending, Ending::kSilent);
+  EXPECT_EQ(run.end.reason, "starting");
+  run = Only(Answered(now_) + Request(Model("CASE")) + Users() + "Linux user required: root\n" +
+             Script(Model("CASE"), 9001) + "slurm: job 12 waits: Priority\n");
+  EXPECT_EQ(run.end.ending, Ending::kSilent);
+  EXPECT_EQ(run.end.reason, "waiting");
+}
+
+TEST_F(HistoryTest, HowARunEndedIsNotKnownWithoutItsCommsLog) {
+  const std::string launched = Launched(Model("CASE"), 9001, now_);
+  WriteLog(Start(now_, "-o 9001 -n 100 -u ") + launched);
+  EXPECT_THAT(Read().runs.at(0).end.sentence, testing::EndsWith("(it has no option -l)"));
+  WriteLog(Start(now_) + launched);
+  EXPECT_THAT(Read().runs.at(0).end.sentence,
+              testing::EndsWith("its comms log cannot be read: No such file or directory"));
+  EXPECT_FALSE(Read().runs.at(0).told_by_account);
+  ASSERT_EQ(symlink("/etc/passwd", data_.File("CASE.crvnlog").c_str()), 0);
+  EXPECT_THAT(Read().runs.at(0).end.sentence, testing::EndsWith(": it is a link"));
+  unlink(data_.File("CASE.crvnlog").c_str());
+  ASSERT_EQ(mkfifo(data_.File("CASE.crvnlog").c_str(), 0600), 0);
+  EXPECT_THAT(Read().runs.at(0).end.sentence, testing::EndsWith(": it is no regular file"));
+}
+
+TEST_F(HistoryTest, CommsLogOfAnotherAccountIsNotBelieved) {
+  if (getuid() != 0) GTEST_SKIP() << "needs root";
+  WriteLog(Start(now_, "-o 9001 -n 100 -l ") + Answered(now_) + Request(Model("CASE")) + Users() +
+           "Linux user required: nobody\n" + Script(Model("CASE"), 9001) + Host());
+  WriteComms("CASE", OfSimulator("read: End of file"));
+  const EndedRun run = Read().runs.at(0);
+  EXPECT_EQ(run.end.ending, Ending::kUnknown);
+  EXPECT_THAT(run.end.sentence, testing::EndsWith(": it belongs to another account"));
+}
+
+TEST_F(HistoryTest, CommsLogIsThatOfTheLastRunOfTheModel) {
+  WriteLog(Start(now_) + Launched(Model("CASE"), 9001, now_) + Launched(Model("CASE"), 9002, now_));
+  WriteComms("CASE", OfSimulator("read: End of file"), 9002);
+  const History history = Read();
+  ASSERT_EQ(history.runs.size(), 2U);
+  EXPECT_EQ(history.runs[1].end.ending, Ending::kSimulatorEnded);
+  EXPECT_EQ(history.runs[0].end.ending, Ending::kUnknown);
+  EXPECT_THAT(history.runs[0].end.sentence,
+              testing::EndsWith("it was replaced by that of a later run of the model"));
+  EXPECT_NE(history.runs[0].id, history.runs[1].id);
+}
+
+TEST_F(HistoryTest, CommsLogOfAnotherPortIsNotOfThisRun) {
+  WriteLog(Start(now_) + Launched(Model("CASE"), 9001, now_));
+  WriteComms("CASE", OfSimulator("read: End of file"), 9077);
+  EXPECT_EQ(Read().runs.at(0).end.ending, Ending::kUnknown);
+}
+
+TEST_F(HistoryTest, WhatGoesOnHasNotEnded) {
+  const Asked one = Model("ONE");
+  const Asked two = Model("TWO");
+  WriteLog(Start(now_) + Launched(one, 9001, now_) + Launched(two, 9002, now_) + Answered(now_));
+  Runs now;
+  inspect::Run run;
+  run.listen_port = 5000;
+  run.state = RunState::kMaster;
+  run.began = static_cast<double>(now_) + 0.4;
+  run.path = two.path;
+  run.root = two.root;
+  run.comms_port = 9002;
+  now.runs = {run};
+  const auto roots = [&] {
+    std::vector<std::string> all;
+    for (const EndedRun& ended : Read(now).runs) all.push_back(ended.root.value_or(""));
+    return all;
+  };
+  EXPECT_THAT(roots(), ElementsAre("ONE", ""));
+  run.path = run.root = std::nullopt;
+  run.comms_port = std::nullopt;
+  run.state = RunState::kHandshake;
+  now.runs.push_back(run);
+  EXPECT_THAT(roots(), ElementsAre("ONE"));
+}
+
+TEST_F(HistoryTest, OnlyWhatBeganSinceThen) {
+  WriteLog(Start(now_ - 9000) + Launched(Model("OLD"), 9001, now_ - 8000) +
+           Launched(Model("NEW"), 9002, now_));
+  const History history = Read({}, static_cast<double>(now_ - 100));
+  ASSERT_EQ(history.runs.size(), 1U);
+  EXPECT_EQ(history.runs[0].root, "NEW");
+}
+
+TEST_F(HistoryTest, JobIsTheOneThatTheScriptHasSubmitted) {
+  WriteLog(Start(now_) + Answered(now_) + Request(Model("CASE")) + Script(Model("CASE"), 9001) +
+           "slurm: job 12 (vk_CASE_abcde) is submitted\n" + Host());
+  const EndedRun run = Read().runs.at(0);
+  EXPECT_EQ(run.scheduler, "slurm");
+  EXPECT_EQ(run.job, "12");
+}
+
+// Logs of several connections at the same time.
+class MixedHistoryTest : public HistoryTest {
+ protected:
+  // Three that wait for their scripts, whose jobs are known.
+  std::string ThreeWait() const {
+    std::string text = Start(now_);
+    for (int i = 1; i <= 3; ++i) {
+      const Asked asked = Model("CASE" + std::to_string(i), "user" + std::to_string(i));
+      text += Answered(now_) + Request(asked) + Script(asked, 9000 + i);
+      if (i < 3)
+        text += "slurm: job 4" + std::to_string(i) + " (vk_CASE" + std::to_string(i) +
+                "_abcde) is submitted\n";
+    }
+    return text;
   }
+  EndedRun RunOf(const History& history, const std::string& root) const {
+    for (const EndedRun& run : history.runs) {
+      if (run.root == root) return run;
+    }
+    ADD_FAILURE() << root << " is missing";
+    return {};
+  }
+};
+
+TEST_F(MixedHistoryTest, LinesThatNameAJobBelongToItsRun) {
+  WriteLog(ThreeWait() +
+           "slurm: job 41 waits: Priority\nslurm: job 42 is held\nNo host detected, "
+           "exiting.\nslurm: job 4 waits: Priority\n");
+  const History history = Read();
+  EXPECT_EQ(RunOf(history, "CASE2").end.ending, Ending::kNoHost);
+  EXPECT_THAT(RunOf(history, "CASE2").end.sentence, testing::EndsWith(": slurm: job 42 is held"));
+  EXPECT_EQ(RunOf(history, "CASE2").job, "42");
+  EXPECT_EQ(RunOf(history, "CASE1").end.reason, "waiting");
+  EXPECT_EQ(RunOf(history, "CASE3").end.reason, "waiting");
+}
+
+TEST_F(MixedHistoryTest, AnswerOfAScriptIsNotGuessed) {
+  WriteLog(ThreeWait() + "some words\nNo host detected, exiting.\n");
+  const History history = Read();
+  for (const char* root : {"CASE1", "CASE2", "CASE3"}) {
+    EXPECT_EQ(RunOf(history, root).end.ending, Ending::kUnknown);
+    EXPECT_EQ(RunOf(history, root).end.reason, "mixed");
+    EXPECT_EQ(RunOf(history, root).windows_user, "user" + std::string(1, root[4]));
+  }
+}
+
+TEST_F(MixedHistoryTest, CommsLogsAndWhatRunsLeaveOnlyOne) {
+  WriteLog(ThreeWait() + Host() + "No host detected, exiting.\n");
+  WriteComms("CASE3", OfSimulator("read: End of file"), 9003);
+  Runs now;
+  inspect::Run waiting;
+  waiting.listen_port = 5000;
+  waiting.state = RunState::kScript;
+  waiting.began = static_cast<double>(now_);
+  waiting.path = data_.path().string() + "/";
+  waiting.root = "CASE1";
+  now.runs = {waiting};
+  const History history = Read(now);
+  EXPECT_EQ(history.runs.size(), 2U);
+  EXPECT_EQ(RunOf(history, "CASE3").end.ending, Ending::kSimulatorEnded);
+  EXPECT_EQ(RunOf(history, "CASE2").end.ending, Ending::kNoHost);
+}
+
+TEST_F(MixedHistoryTest, AllScriptsEndedWithoutAHost) {
+  const std::string none = "No host detected, exiting.\n";
+  WriteLog(ThreeWait() + none + none + none);
+  for (const EndedRun& run : Read().runs) EXPECT_EQ(run.end.ending, Ending::kNoHost);
+}
+
+TEST_F(MixedHistoryTest, PortTellsWhichOfTheIdleConnectionsHasAsked) {
+  const std::time_t early = now_ - 500;
+  const Asked asked = Model("CASE");
+  WriteLog(Start(early) + Answered(early) + Answered(early + 100) + Answered(early + 200) +
+           Request(asked) + Script(asked, 9002) + Host());
+  const History history = Read();
+  ASSERT_EQ(history.runs.size(), 3U);
+  EXPECT_EQ(history.runs[1].root, "CASE");
+  EXPECT_EQ(history.runs[1].began, static_cast<double>(early + 100));
+  EXPECT_THAT(history.runs[1].doubts, IsEmpty());
+  EXPECT_FALSE(history.runs[2].root);
+}
+
+TEST_F(MixedHistoryTest, BeginningOfARefusedOneAmongIdleConnectionsIsUnsure) {
+  WriteLog(Start(now_, "-o 9001 -n 100 -l ") + Answered(now_ - 50) + Answered(now_) +
+           Request(Model("CASE", "eve")) + Users() +
+           "Windows user 'eve' not found in administration file\n");
+  EXPECT_THAT(Read().runs.at(1).doubts, ElementsAre(HasSubstr("it may have begun at another")));
+}
+
+TEST_F(MixedHistoryTest, StartsWithinOneAnotherAreMarked) {
+  const Asked one = Model("ONE", "one");
+  const Asked two = Model("TWO", "two");
+  const std::string first = Request(one);
+  const std::size_t middle = first.find("Root: ");
+  WriteLog(Start(now_) + Answered(now_) + Answered(now_) + first.substr(0, middle) + Request(two) +
+           Script(two, 9002) + Host() + first.substr(middle) + Script(one, 9001) + Host() +
+           Launched(Model("LATER"), 9003, now_));
+  const History history = Read();
+  ASSERT_EQ(history.runs.size(), 3U);
+  EXPECT_THAT(RunOf(history, "ONE").doubts, ElementsAre(HasSubstr("mixed")));
+  EXPECT_THAT(RunOf(history, "TWO").doubts, ElementsAre(HasSubstr("mixed")));
+  EXPECT_THAT(RunOf(history, "LATER").doubts, IsEmpty());
+}
+
+TEST_F(MixedHistoryTest, OneStartsWhileAnotherWaits) {
+  const Asked one = Model("ONE", "one");
+  WriteLog(Start(now_) + Answered(now_) + Request(one) + Script(one, 9001) +
+           Launched(Model("LATER"), 9002, now_) + "No host detected, exiting.\n" +
+           Launched(Model("LAST"), 9003, now_));
+  const History history = Read();
+  ASSERT_EQ(history.runs.size(), 3U);
+  for (const EndedRun& run : history.runs) EXPECT_THAT(run.doubts, IsEmpty()) << *run.root;
+  EXPECT_EQ(RunOf(history, "ONE").end.reason, "mixed");  // its script may be the one with the host
+  EXPECT_EQ(RunOf(history, "LATER").end.reason, "mixed");
+  EXPECT_EQ(RunOf(history, "LAST").host, "node7");  // both have been answered for by then
+}
+
+// A master that puts into one of its texts what makes its log look like that of another's run.
+class HostileHistoryTest : public HistoryTest {
+ protected:
+  enum Field { kCluster, kPath, kRoot, kProcesses, kVersion, kUser, kDebug };
+  static constexpr int kFields = 7;
+
+  // All that the daemon logs for these fields, a script and its host included.
+  std::string Logged(const std::array<std::string, kFields>& fields, int port, bool as_root) const {
+    const auto cut = [](const std::string& text) { return text.substr(0, text.find('\0')); };
+    return Answered(now_) + "Clust: " + fields[kCluster] + "\nPath: " + fields[kPath] +
+           "\nRoot: " + fields[kRoot] + "\nProc: " + fields[kProcesses] +
+           "\nVer: " + fields[kVersion] + "\nSetting non-existing environment variable A to 1\n" +
+           "Windows user received: " + fields[kUser] + "\nDebug flag received: " + fields[kDebug] +
+           "\n" + (as_root ? Users() + "Linux user required: root\n" : "") +
+           "Argument list\nArg 1: /s\nArg 2: 4\nArg 3: " + cut(fields[kPath]) +
+           "\nArg 4: " + cut(fields[kRoot]) + "\nArg 5: " + std::to_string(port) +
+           "\nArg 6: " + cut(fields[kDebug]) + "\nArg 7: " + Host();
+  }
+  std::array<std::string, kFields> Fields(const std::string& root, const std::string& user) const {
+    return {"0", data_.path().string() + "/", root, "4", "20172", user, "0"};
+  }
+
+  // The run of somebody else that is made up. `port`: the next one.
+  std::string MadeUp(int port, bool as_root) const {
+    return Logged(Fields("MADEUP", "victim"), port, as_root);
+  }
+
+  // Nothing is told of the victim that is not in doubt.
+  void ExpectNothingOfTheVictim(const std::string& text, bool as_root, const std::string& what) {
+    WriteLog(Start(now_, as_root ? "-o 9001 -n 100 -l " : "-o 9001 -n 100 -u -l ") + text);
+    const History history = Read();
+    for (const EndedRun& run : history.runs) {
+      if (run.windows_user == "victim" || run.root == "MADEUP") {
+        EXPECT_FALSE(run.doubts.empty()) << what << ": " << run.end.sentence;
+      }
+      if (run.root == "BEFORE") {
+        EXPECT_EQ(run.windows_user, "honest") << what;
+      }
+    }
+  }
+};
+
+TEST_F(HostileHistoryTest, LinesInAFieldAreNobodysRun) {
+  for (const bool as_root : {false, true}) {
+    const std::string before = Logged(Fields("BEFORE", "honest"), 9001, as_root);
+    for (int field = 0; field < kFields; ++field) {
+      for (const bool zero : {false, true}) {
+        for (const bool completes : {false, true}) {
+          for (const int behind : {0, 1, 2}) {
+            auto fields = Fields("CASE", "mallory");
+            // How the log would go on behind this field: up to its end, or not at all.
+            std::string text = fields[static_cast<std::size_t>(field)];
+            if (zero) text += '\0';
+            text += "\n";
+            const std::string usual = Logged(fields, 9002, as_root);
+            const std::array<std::string, kFields> labels = {"Clust: ",
+                                                             "Path: ",
+                                                             "Root: ",
+                                                             "Proc: ",
+                                                             "Ver: ",
+                                                             "Windows user received: ",
+                                                             "Debug flag received: "};
+            const std::size_t place = usual.find(labels[static_cast<std::size_t>(field)]);
+            const std::string rest = usual.substr(usual.find('\n', place) + 1);
+            if (completes) text += rest;
+            std::string made_up = MadeUp(9003, as_root);
+            // What follows the field in the log goes on with the made up run.
+            if (behind == 1) {
+              const std::size_t same = made_up.find(labels[static_cast<std::size_t>(field)]);
+              made_up.resize(made_up.find('\n', same));
+            }
+            if (behind == 2) made_up.resize(made_up.find("Argument list"));
+            text += made_up;
+            fields[static_cast<std::size_t>(field)] = text;
+            const std::string forged = Logged(fields, 9002, as_root);
+            const std::string what = labels[static_cast<std::size_t>(field)] +
+                                     (zero ? "zero " : "") + (completes ? "completed " : "") +
+                                     std::to_string(behind) + (as_root ? " as root" : "");
+            ExpectNothingOfTheVictim(before + forged, as_root, what);
+            ExpectNothingOfTheVictim(
+                before + forged + Logged(Fields("AFTER", "honest"), 9003, as_root), as_root,
+                what + ", with another run behind it");
+          }
+        }
+      }
+    }
+  }
+}
+
+TEST_F(HostileHistoryTest, LinesOfAScriptAreNobodysRun) {
+  const std::string waits =
+      Answered(now_) + Request(Model("CASE", "mallory")) + Script(Model("CASE"), 9001) + "hello\n";
+  const std::string refused = Answered(now_) + Request(Model("MADEUP", "victim")) + Users() +
+                              "Windows user 'victim' not found in administration file\n";
+  ExpectNothingOfTheVictim(waits + MadeUp(9002, false), false, "a run");
+  ExpectNothingOfTheVictim(waits + refused, true, "a refusal");
+  ExpectNothingOfTheVictim(
+      waits + MadeUp(9002, false) + Host() + Logged(Fields("AFTER", "honest"), 9002, false), false,
+      "a run before another");
+  ExpectNothingOfTheVictim(waits + refused + Host() + Logged(Fields("AFTER", "honest"), 9002, true),
+                           true, "a refusal before another run");
+}
+
+TEST_F(HostileHistoryTest, TextsDoNotCastDoubtOnWhatCameBefore) {
+  auto fields = Fields("CASE", "mallory");
+  fields[kPath] = "/data\nDaemon started: " + timestamp(now_) + MadeUp(9002, false);
+  WriteLog(Start(now_) + Logged(Fields("ONE", "honest"), 9001, false) +
+           Logged(Fields("TWO", "honest"), 9002, false) + Logged(fields, 9003, false));
+  const History history = Read();
+  EXPECT_EQ(history.runs.at(0).root, "ONE");
+  EXPECT_THAT(history.runs.at(0).doubts, IsEmpty());
+}
+
+TEST_F(HostileHistoryTest, ZeroByteInATextCastsDoubt) {
+  auto fields = Fields("CASE", "mallory");
+  fields[kDebug] += std::string(1, '\0') + "x";
+  WriteLog(Start(now_) + Logged(fields, 9001, false));
+  EXPECT_THAT(Read().runs.at(0).doubts, ElementsAre(HasSubstr("contradicts itself")));
+}
+
+TEST_F(HostileHistoryTest, PortsThatGoOnConfirmWhatBeganWhileAScriptRan) {
+  const std::string waits =
+      Answered(now_) + Request(Model("CASE", "alice")) + Script(Model("CASE"), 9001) + "hello\n";
+  WriteLog(Start(now_) + waits + Logged(Fields("TWO", "bob"), 9002, false) +
+           Logged(Fields("THREE", "bob"), 9003, false));
+  const History history = Read();
+  ASSERT_EQ(history.runs.size(), 3U);
+  EXPECT_THAT(history.runs[1].doubts, IsEmpty());
+}
+
+// The logs of earlier starts, and those that logrotate has put aside.
+class RotatedHistoryTest : public HistoryTest {
+ protected:
+  void WriteCompressed(const std::string& name, const std::string& text) {
+    gzFile file = gzopen(logs_.File(name).c_str(), "wb");
+    ASSERT_EQ(gzwrite(file, text.data(), static_cast<unsigned>(text.size())),
+              static_cast<int>(text.size()));
+    gzclose(file);
+  }
+  std::vector<std::string> Roots(const History& history) const {
+    std::vector<std::string> roots;
+    for (const EndedRun& run : history.runs) roots.push_back(run.root.value_or(""));
+    return roots;
+  }
+};
+
+TEST_F(RotatedHistoryTest, AllLogsAreRead) {
+  const std::time_t old = now_ - 500000;
+  WriteCompressed("VKJobmill_5000.log.3.gz", Start(old) + Launched(Model("A"), 9001, old + 10));
+  WriteCompressed("VKJobmill_5000.log.2.gz", Launched(Model("B"), 9002, old + 90000));
+  WriteCompressed("VKJobmill_5000.previous.log.1.gz", Launched(Model("C"), 9003, old + 180000));
+  WriteCompressed("VKJobmill_5000.log.1.gz",
+                  Start(old + 200000) + Launched(Model("D"), 9001, old + 210000));
+  WriteLog(Launched(Model("E"), 9002, old + 260000), "VKJobmill_5000.previous.log");
+  WriteLog(Start(now_) + Launched(Model("F"), 9001, now_));
+  WriteLog(Start(old + 5) + Launched(Model("OTHER"), 9001, old + 20),
+           "VKJobmill_5001.log-20261101");
+  WriteLog("no log", "VKJobmill_x.log");
+  WriteLog("no log", "VKJobmill_5000.log~");
+  const History history = Read();
+  EXPECT_THAT(Roots(history), ElementsAre("A", "OTHER", "B", "C", "D", "E", "F"));
+  EXPECT_EQ(history.runs[0].places.back().file, logs_.File("VKJobmill_5000.log.3.gz"));
+  EXPECT_EQ(history.runs[0].places.back().line, 6);
+  EXPECT_EQ(history.runs[1].listen_port, 5001);
+  EXPECT_THAT(history.missing, IsEmpty());
+  for (const EndedRun& run : history.runs) EXPECT_THAT(run.doubts, IsEmpty()) << *run.root;
+}
+
+TEST_F(RotatedHistoryTest, ConnectionGoesOnInTheNextFile) {
+  const std::string text = Start(now_) + Launched(Model("A"), 9001, now_) + Answered(now_) +
+                           Request(Model("CASE")) + Script(Model("CASE"), 9002) +
+                           "slurm: job 12 waits: Priority\n" + Host();
+  // Wherever the file ends, be it in the middle of a line.
+  const std::size_t first = text.find("Accepted", text.find("Host detected"));
+  for (std::size_t cut = first; cut < text.size(); ++cut) {
+    WriteCompressed("VKJobmill_5000.log.1.gz", text.substr(0, cut));
+    WriteLog(text.substr(cut));
+    const History history = Read();
+    ASSERT_THAT(Roots(history), ElementsAre("A", "CASE")) << cut;
+    EXPECT_THAT(history.runs[1].doubts, IsEmpty()) << cut;
+    EXPECT_EQ(history.runs[1].host, "node7") << cut;
+  }
+}
+
+TEST_F(RotatedHistoryTest, WaitOfAnEarlierStartEndsInItsOwnLog) {
+  const std::time_t old = now_ - 5000;
+  WriteCompressed("VKJobmill_5000.log.1.gz", Start(old) + Answered(old) + Request(Model("LONG")) +
+                                                 Script(Model("LONG"), 9001));
+  WriteLog("slurm: job 12 waits: Priority\n" + Host("node9"), "VKJobmill_5000.previous.log");
+  WriteLog(Start(old + 1000) + Launched(Model("NEW"), 9001, old + 2000));
+  const History history = Read();
+  ASSERT_THAT(Roots(history), ElementsAre("LONG", "NEW"));
+  EXPECT_EQ(history.runs[0].host, "node9");
+  EXPECT_THAT(history.runs[0].doubts, IsEmpty());
+  EXPECT_THAT(history.runs[1].doubts, IsEmpty());
+}
+
+TEST_F(RotatedHistoryTest, LogWithoutItsBeginningIsReadFromTheFirstConnectionOn) {
+  WriteLog("Proc: 4\nVer: 20172\nHOST=node1\nHost detected: node1\n" +
+           Launched(Model("A"), 9044, now_) + Launched(Model("B"), 9045, now_));
+  const History history = Read();
+  EXPECT_THAT(Roots(history), ElementsAre("A", "B"));
+  for (const EndedRun& run : history.runs) EXPECT_THAT(run.doubts, IsEmpty());
+}
+
+TEST_F(RotatedHistoryTest, WhatCannotBeReadIsSaid) {
+  std::string text = Start(now_);
+  for (int i = 0; i < 2000; ++i)
+    text += Launched(Model("A" + std::to_string(i)), 9001 + i % 100, now_);
+  WriteCompressed("VKJobmill_5000.log.1.gz", text);
+  const std::string whole = logs_.Read("VKJobmill_5000.log.1.gz");
+  logs_.Write("VKJobmill_5000.log.1.gz", whole.substr(0, whole.size() / 2));
+  WriteLog(std::string("\xfd"
+                       "7zXZ\0\0",
+                       7) +
+               "x",
+           "VKJobmill_5000.log.2.xz");
+  const History history = Read();
+  EXPECT_GT(history.runs.size(), 500U);
+  EXPECT_LT(history.runs.size(), 2000U);
+  EXPECT_THAT(history.missing, testing::UnorderedElementsAre(
+                                   logs_.File("VKJobmill_5000.log.1.gz") + ": it is damaged",
+                                   logs_.File("VKJobmill_5000.log.2.xz") +
+                                       ": it is compressed by another program than gzip"));
+}
+
+TEST_F(RotatedHistoryTest, LinksAndPipesAreNoLogs) {
+  ASSERT_EQ(symlink("/etc/passwd", logs_.File("VKJobmill_5000.log").c_str()), 0);
+  ASSERT_EQ(mkfifo(logs_.File("VKJobmill_5001.log").c_str(), 0600), 0);
+  const History history = Read();
+  EXPECT_THAT(history.runs, IsEmpty());
+  EXPECT_THAT(history.missing, ElementsAre(HasSubstr("VKJobmill_5000.log: it is a link")));
+}
+
+TEST_F(RotatedHistoryTest, LogsOfStrangersInADirectoryForAllAreLeftOut) {
+  if (getuid() != 0) GTEST_SKIP() << "needs root";
+  WriteLog(Start(now_) + Launched(Model("A"), 9001, now_));
+  chmod(logs_.path().c_str(), 01777);
+  ASSERT_EQ(chown(logs_.File("VKJobmill_5000.log").c_str(), 65534, 65534), 0);
+  EXPECT_THAT(Read().runs, IsEmpty());
+  EXPECT_THAT(Read().missing, ElementsAre(HasSubstr("everybody may put files there; 1 that look")));
+  Runs now;
+  Daemon daemon;
+  daemon.options.listen_port = 5000;
+  daemon.user = 65534;
+  now.daemons = {daemon};
+  EXPECT_EQ(Read(now).runs.size(), 1U);
 }
 
 }  // namespace
