@@ -474,6 +474,24 @@ void ConnectionLog::EndWait(Connection& connection, const Answer& answer) {
   Move(connection, answer.host ? Step::kLaunched : Step::kEnded);
 }
 
+// Gives the answers with a host to those that are known to have one, and for which only one is
+// left. Whether there was any.
+bool ConnectionLog::GiveHosts() {
+  bool any = false;
+  for (Connection& connection : connections_) {
+    if (!connection.has_host || connection.step >= Step::kLaunched) continue;
+    const auto has = [&](const Answer& answer) {
+      return std::ranges::find(answer.candidates, &connection) != answer.candidates.end();
+    };
+    const auto answer = std::ranges::find_if(answers_, has);
+    if (std::ranges::count_if(answers_, has) != 1) continue;
+    EndWait(connection, *answer);
+    answer->candidates.clear();
+    any = true;
+  }
+  return any;
+}
+
 void ConnectionLog::Settle() {
   for (std::size_t i = 0; i < connections_.size(); ++i) {
     connections_[i].unproven = connections_[i].unproven && i >= confirmed_.value_or(0);
@@ -492,7 +510,7 @@ void ConnectionLog::Settle() {
     });
   }
   for (bool changed = true; changed;) {
-    changed = false;
+    changed = GiveHosts();
     for (Answer& answer : answers_) {
       // As many scripts have ended without a host as there are: each of them has.
       const auto same = std::ranges::count_if(answers_, [&](const Answer& other) {

@@ -139,6 +139,7 @@ class ConnectionLog {
   void CheckPort(Connection* launched);
   Connection* RightOne(Connection* launched, int port);
   void CloseAnswered();
+  bool GiveHosts();
   void Doubt(std::size_t first);
   void DoubtAll(std::string_view line);
   static bool LooksLikeOurs(std::string_view line);

@@ -18,8 +18,12 @@ constexpr std::string_view kInRequest = "Failed to handle data packet received f
 constexpr std::string_view kFromMaster = "Exception returned from Corvane comms: ";
 constexpr std::string_view kFromSimulator = "Exception returned from VK controller: ";
 
+// Masters can send 64 KiB.
+constexpr std::size_t kMostQuoted = 100;
+
 std::string Quoted(const std::optional<std::string>& text) {
-  return "'" + text.value_or("") + "'";
+  const std::string whole = text.value_or("");
+  return "'" + whole.substr(0, kMostQuoted) + (whole.size() > kMostQuoted ? "..." : "") + "'";
 }
 
 struct Sentence {

@@ -301,6 +301,34 @@ History Reading::Find() {
 
 }  // namespace
 
+std::optional<EndedRun> FindEnd(const History& history, const Run& run) {
+  const auto differ = [](const auto& a, const auto& b) { return a && b && *a != *b; };
+  const EndedRun* found = nullptr;
+  for (const EndedRun& ended : history.runs) {
+    if (!run.began || std::abs(ended.began - *run.began) > kSlack) continue;
+    if (run.listen_port != 0 && run.listen_port != ended.listen_port) continue;
+    if (differ(run.path, ended.path) || differ(run.root, ended.root)) continue;
+    if (differ(run.comms_port, ended.comms_port)) continue;
+    if (found != nullptr) return std::nullopt;
+    found = &ended;
+  }
+  return found == nullptr ? std::nullopt : std::optional(*found);
+}
+
+void AddCauses(Runs& found) {
+  double since = 0;
+  for (const Run& run : found.runs) {
+    if (run.state != RunState::kEnded || !run.began) continue;
+    since = since == 0 ? *run.began : std::min(since, *run.began);
+  }
+  if (since == 0) return;
+  const History history = ReadHistory(found, since - kSlack);
+  for (Run& run : found.runs) {
+    if (run.state != RunState::kEnded) continue;
+    if (const auto ended = FindEnd(history, run)) run.cause = ended->end.sentence;
+  }
+}
+
 History ReadHistory(const Runs& now, double since, const LogDirectories& directories) {
   return Reading(now, since, directories).Find();
 }

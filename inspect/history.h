@@ -74,4 +74,12 @@ struct LogDirectories {
 /// does, and two seconds more when a file system does not answer.
 History ReadHistory(const Runs& now, double since = 0, const LogDirectories& directories = {});
 
+/// What the history tells of `run`, which was seen while it was there. None where it tells nothing
+/// of it, or where several of those that have ended may be meant.
+std::optional<EndedRun> FindEnd(const History& history, const Run& run);
+
+/// Reads the history for how the runs ended that are in the state kEnded, and adds it as their
+/// cause.
+void AddCauses(Runs& found);
+
 }  // namespace inspect

@@ -47,8 +47,14 @@ trap 'kill %1; exit' TERM
 wait
 )";
 
-// The first of fifty ports that nobody uses, below those that the system gives to connections.
-int FreePorts() {
+std::string Deck() {
+  std::ifstream file(EXAMPLES_DIR "/TENWELLS.afi");
+  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+}  // namespace
+
+int RunsSite::FreePorts() {
   constexpr int count = 60;
   const std::vector<inspect::TcpSocket> sockets = inspect::ReadSockets().all;
   for (int first = 10000 + getpid() % 200 * count;;
@@ -59,13 +65,6 @@ int FreePorts() {
     if (!taken) return first;
   }
 }
-
-std::string Deck() {
-  std::ifstream file(EXAMPLES_DIR "/TENWELLS.afi");
-  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-}
-
-}  // namespace
 
 RunsSite::RunsSite() {
   fs::permissions(data_.path(), fs::perms(0777));

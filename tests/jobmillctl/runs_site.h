@@ -21,6 +21,9 @@ class RunsSite {
  public:
   RunsSite();
 
+  /// The first of sixty ports that nobody uses, below those that the system gives to connections.
+  static int FreePorts();
+
   RunningDaemon& daemon() { return *daemon_; }
   const TemporaryDirectory& data() const { return data_; }
 

@@ -1,8 +1,6 @@
 #include "inspect/history.h"
 
-#include <sys/ioctl.h>
 #include <time.h>
-#include <unistd.h>
 
 #include <array>
 #include <memory>
@@ -15,6 +13,7 @@
 #include "tools/jobmillctl/command.h"
 #include "tools/jobmillctl/history_view.h"
 #include "tools/jobmillctl/json_values.h"
+#include "tools/jobmillctl/table.h"
 
 namespace jobmillctl {
 namespace {
@@ -74,7 +73,7 @@ int PrintHistory(const Given& given) {
   if (given.json) {
     PrintDocument(JsonOf(history, inspect::Now()));
   } else if (given.run.empty()) {
-    for (const std::string& line : LinesOf(history)) fmt::print("{}\n", line);
+    PrintCut(LinesOf(history));
   } else {
     for (const std::string& line : DetailsOf(history.runs.front())) fmt::print("{}\n", line);
   }

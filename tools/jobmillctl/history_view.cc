@@ -19,6 +19,8 @@ using inspect::History;
 using inspect::LogPlace;
 using inspect::Printable;
 
+constexpr std::size_t kMostOfCell = 100;
+
 Json TimeOrNull(const std::optional<double>& time) {
   return time ? Json(TimeText(*time)) : Json(nullptr);
 }
@@ -42,8 +44,11 @@ Json SecondsOrNull(const std::optional<double>& seconds) {
   return seconds ? Json(std::round(*seconds * 10) / 10) : Json(nullptr);
 }
 
+// For the table. What a master has sent may have 64 KiB, which would make each line as long.
 std::string Or(const std::optional<std::string>& text) {
-  return text && !text->empty() ? Printable(*text) : "-";
+  if (!text || text->empty()) return "-";
+  const std::string printable = Printable(text->substr(0, kMostOfCell));
+  return text->size() > kMostOfCell ? printable + "..." : printable;
 }
 
 std::string DurationOr(const std::optional<double>& seconds) {
@@ -51,7 +56,7 @@ std::string DurationOr(const std::optional<double>& seconds) {
 }
 
 std::string ModelOf(const EndedRun& run) {
-  if (!run.path || !run.root) return {};
+  if (!run.path || !run.root || run.root->empty()) return {};
   return *run.path + (run.path->ends_with('/') ? "" : "/") + *run.root;
 }
 
@@ -156,6 +161,12 @@ std::vector<std::string> DetailsOf(const EndedRun& run) {
     lines.push_back(fmt::format("{:<22} {}", "see", TextOf(place)));
   }
   return lines;
+}
+
+std::string SentenceOfEnd(const inspect::Run& seen) {
+  const double since = seen.began.value_or(inspect::Now()) - 60;
+  const auto ended = FindEnd(inspect::ReadHistory(inspect::FindRuns(), since), seen);
+  return ended ? SentenceOf(*ended) : "";
 }
 
 const EndedRun* Find(const History& history, const std::string& name) {

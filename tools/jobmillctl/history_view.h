@@ -24,6 +24,10 @@ std::string SentenceOf(const inspect::EndedRun& run);
 /// "/data/CASE.crvnlog:12". Printable.
 std::string TextOf(const inspect::LogPlace& place);
 
+/// How a run ended that was seen before, as the logs tell it now. Printable; empty when they do
+/// not.
+std::string SentenceOfEnd(const inspect::Run& seen);
+
 /// The run that a person means by its id, or the last one by its root name or its job; null when
 /// there is none.
 const inspect::EndedRun* Find(const inspect::History& history, const std::string& name);

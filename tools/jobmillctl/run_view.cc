@@ -251,7 +251,9 @@ std::string Described(const Run& run) {
   return Printable(fmt::format("{} ({})", text, fmt::join(parts, ", ")));
 }
 
-const Run& Choose(const Runs& found, const std::string& name) {
+namespace {
+
+std::vector<const Run*> Meant(const Runs& found, const std::string& name) {
   std::vector<const Run*> meant;
   const auto choose = [&](auto matches) {
     if (!meant.empty()) return;
@@ -267,6 +269,17 @@ const Run& Choose(const Runs& found, const std::string& name) {
   });
   choose([&](const Run& run) { return run.root == name; });
   choose([&](const Run& run) { return run.job == name; });
+  return meant;
+}
+
+}  // namespace
+
+bool IsOneOf(const Runs& found, const std::string& name) {
+  return !Meant(found, name).empty();
+}
+
+const Run& Choose(const Runs& found, const std::string& name) {
+  const std::vector<const Run*> meant = Meant(found, name);
   if (meant.empty()) {
     throw Failed(fmt::format("'{}' is no run of a jobmill on this machine; see jobmillctl status",
                              Printable(name)));

@@ -1,6 +1,3 @@
-#include <sys/ioctl.h>
-#include <unistd.h>
-
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -8,11 +5,14 @@
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
+#include "inspect/history.h"
 #include "inspect/runs.h"
 #include "tools/jobmillctl/command.h"
+#include "tools/jobmillctl/history_view.h"
 #include "tools/jobmillctl/json_values.h"
 #include "tools/jobmillctl/run_logs.h"
 #include "tools/jobmillctl/run_view.h"
+#include "tools/jobmillctl/table.h"
 #include "tools/jobmillctl/watch.h"
 
 namespace jobmillctl {
@@ -26,24 +26,35 @@ struct Given {
   bool watch = false;
 };
 
-// In a pipe lines are whole; a terminal would break them and the table with them.
-void PrintCut(const std::string& line) {
-  winsize size{};
-  const bool narrow = ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
-  fmt::print("{}\n", narrow ? line.substr(0, size.ws_col) : line);
+// A run that has ended is found by its root name or its id in the history. A number is taken for
+// that of a process: a job of that number may be another run.
+bool PrintEnded(const Given& given, const inspect::Runs& found) {
+  if (given.run.find_first_not_of("0123456789") == std::string::npos) return false;
+  inspect::History history = inspect::ReadHistory(found);
+  const inspect::EndedRun* run = Find(history, given.run);
+  if (run == nullptr) return false;
+  if (given.json) {
+    history.runs = {inspect::EndedRun(*run)};
+    PrintDocument(JsonOf(history, inspect::Now()));
+  } else {
+    for (const std::string& line : DetailsOf(*run)) fmt::print("{}\n", line);
+  }
+  return true;
 }
 
 int PrintStatus(const Given& given) {
   inspect::Runs found = inspect::FindRuns();
   const double now = inspect::Now();
+  AddCauses(found);
   if (!given.run.empty()) {
+    if (!IsOneOf(found, given.run) && PrintEnded(given, found)) return kOk;
     inspect::Run run = Choose(found, given.run);
     found.runs = {std::move(run)};
   }
   if (given.json) {
     PrintDocument(JsonOf(found, now));
   } else if (given.run.empty()) {
-    for (const std::string& line : LinesOf(found, now)) PrintCut(line);
+    PrintCut(LinesOf(found, now));
   } else {
     const inspect::Run& run = found.runs.front();
     for (const std::string& line : DetailsOf(run, now)) fmt::print("{}\n", line);

@@ -1,5 +1,8 @@
 #include "tools/jobmillctl/table.h"
 
+#include <sys/ioctl.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstddef>
 
@@ -23,6 +26,14 @@ std::vector<std::string> Aligned(const std::vector<Row>& rows) {
     lines.push_back(std::move(line));
   }
   return lines;
+}
+
+void PrintCut(const std::vector<std::string>& lines) {
+  winsize size{};
+  const bool narrow = ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
+  for (const std::string& line : lines) {
+    fmt::print("{}\n", narrow ? line.substr(0, size.ws_col) : line);
+  }
 }
 
 }  // namespace jobmillctl

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <map>
+#include <optional>
 #include <vector>
 
 #include <fmt/format.h>
@@ -16,6 +17,7 @@
 #include "inspect/file.h"
 #include "inspect/runs.h"
 #include "tools/jobmillctl/command.h"
+#include "tools/jobmillctl/history_view.h"
 #include "tools/jobmillctl/run_logs.h"
 #include "tools/jobmillctl/run_view.h"
 
@@ -87,6 +89,8 @@ struct View {
   std::string filter;
   bool typing = false;  // the filter
   std::string open;     // the run that is shown alone
+  std::optional<Run> shown;
+  std::string end;  // of the run that was shown
   std::size_t chosen = 0;
 };
 
@@ -126,6 +130,8 @@ std::vector<std::string> Lines(Runs& found, View& view) {
     std::vector<std::string> lines = {"q: back to all runs"};
     try {
       const Run& run = Choose(found, view.open);
+      view.shown = run;
+      view.end.clear();
       const auto details = DetailsOf(run, now);
       lines.insert(lines.end(), details.begin(), details.end());
       for (const RunLog& log : LogsOf(run)) {
@@ -133,7 +139,9 @@ std::vector<std::string> Lines(Runs& found, View& view) {
         for (const std::string& line : LastLines(log, kLastLines)) lines.push_back("  " + line);
       }
     } catch (const Failed&) {
-      lines.emplace_back("The run has ended");
+      // Its last words may still come.
+      if (view.end.empty() && view.shown) view.end = SentenceOfEnd(*view.shown);
+      lines.emplace_back("The run has ended" + (view.end.empty() ? "" : ": " + view.end));
     }
     return lines;
   }
@@ -209,6 +217,7 @@ int WatchOnTerminal(const std::string& run) {
 
 int WatchInLines(const std::string& name) {
   std::map<pid_t, std::string> before;
+  Runs seen;
   while (interrupted == 0) {
     const Runs found = inspect::FindRuns();
     const std::string time = TimeText(inspect::Now());
@@ -221,10 +230,15 @@ int WatchInLines(const std::string& name) {
     }
     for (const auto& [pid, text] : before) {
       if (!text.empty() && !now.contains(pid)) {
-        fmt::print("{} {}: ended\n", time, text.substr(0, text.rfind(": ")));
+        const auto run = std::ranges::find_if(
+            seen.runs, [id = pid](const Run& candidate) { return candidate.id.pid == id; });
+        const std::string end = run == seen.runs.end() ? "" : SentenceOfEnd(*run);
+        fmt::print("{} {}: ended{}\n", time, text.substr(0, text.rfind(": ")),
+                   end.empty() ? "" : ": " + end);
       }
     }
     before = std::move(now);
+    seen = found;
     if (std::fflush(stdout) != 0) break;
     if (!name.empty() && before.empty()) break;
     poll(nullptr, 0, kPauseMilliseconds);
