@@ -7,6 +7,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <map>
@@ -145,25 +146,34 @@ void CheckNames(const Site& site, Findings& findings) {
 
 // A file from the future was written by another machine, or before this one's clock was set back.
 void CheckClock(const Site& site, Findings& findings) {
+  std::string first;
+  long most = 0;
+  std::size_t count = 0;
   for (const std::string& file : std::set<std::string>{
            site.configuration, site.ScriptFile(), site.BesideProgram(".vk_corvane_users"),
            site.BesideProgram(".vk_corvane_env"), "/var/log"}) {
-    const auto ahead = Ask([&] {
+    const auto answer = Ask([&] {
       struct stat status {};
       if (stat(file.c_str(), &status) != 0) return std::string("0");
       return std::to_string(status.st_mtime - time(nullptr));
     });
-    if (!ahead) {
+    const long ahead = answer ? NumberIn(answer->c_str()) : 0;
+    if (!answer) {
       findings.push_back({"host.file-silent", Severity::kError, file, 0,
                           "its file system does not answer", "daemon and runs wait for it",
                           "see to the file system"});
-    } else if (NumberIn(ahead->c_str()) > kClockTolerance) {
-      findings.push_back({"host.clock", Severity::kWarning, file, 0,
-                          "it was changed " + *ahead + " s in the future",
-                          "times in the logs of this machine and of others do not fit together",
-                          "set the clock, here or where the file lies"});
+    } else if (ahead > kClockTolerance) {
+      if (++count == 1) first = file;
+      most = std::max(most, ahead);
     }
   }
+  if (count == 0) return;
+  const std::string others = count == 1 ? "" : ", like " + std::to_string(count - 1) + " others,";
+  findings.push_back(
+      {"host.clock", Severity::kWarning, first, 0,
+       "it was changed" + others + " up to " + std::to_string(most) + " s in the future",
+       "times in the logs of this machine and of others do not fit together",
+       "set the clock, here or where the file lies"});
 }
 
 // The soft limit in a line of /proc/PID/limits; none when there is none.

@@ -75,7 +75,7 @@ class OptionsCheck {
   void All() {
     if (!CanBeRead()) return;
     if (site_.words.empty()) {
-      Add("options.none", Severity::kError, "there are none",
+      Add("options.none", Severity::kError, "there are none" + SetInstead(),
           "the daemon prints its usage and ends", "set OPTIONS=\"-p PORT -s SCRIPT\"");
       return;
     }
@@ -113,6 +113,20 @@ class OptionsCheck {
           "write OPTIONS=\"-p PORT -s SCRIPT\" into it");
     }
     return false;
+  }
+
+  // A variable that may be meant for OPTIONS: a byte order mark, a word or other letters make it
+  // another one.
+  std::string SetInstead() const {
+    for (const auto& [name, assignment] :
+         ReadAssignments(ReadFile(site_.configuration).value_or(""))) {
+      std::string upper = name;
+      std::ranges::transform(upper, upper.begin(), [](unsigned char c) { return std::toupper(c); });
+      if (name != "OPTIONS" && upper.find("OPTION") != std::string::npos) {
+        return ": line " + std::to_string(assignment.line) + " sets '" + name + "', not OPTIONS";
+      }
+    }
+    return "";
   }
 
   void CheckWriters() {

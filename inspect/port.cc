@@ -4,9 +4,11 @@
 
 #include <algorithm>
 #include <cmath>
+#include <filesystem>
 #include <map>
 #include <optional>
 #include <set>
+#include <system_error>
 
 #include "inspect/listener.h"
 #include "inspect/runs.h"
@@ -78,8 +80,8 @@ std::string PortsText(const std::set<int>& ports) {
 // Whose comms ports are in use as they should be: those of runs with a controller.
 class Users {
  public:
-  Users() {
-    for (const Run& run : FindRuns().runs) {
+  explicit Users(const Runs& found) {
+    for (const Run& run : found.runs) {
       if (run.state == RunState::kLost) continue;
       processes_.insert(run.id.pid);
       for (const ProcessId& member : run.members) processes_.insert(member.pid);
@@ -97,6 +99,34 @@ class Users {
   std::set<pid_t> processes_;
   std::map<int, uid_t> ports_;
 };
+
+// Daemons that run, and of which no configuration file tells.
+void CheckOtherDaemons(const Site& site, const Runs& found, Findings& findings) {
+  std::set<int> configured{site.options.listen_port};
+  std::error_code ignored;
+  for (const auto& entry : std::filesystem::directory_iterator(site.others, ignored)) {
+    if (entry.path().extension() != ".conf") continue;
+    const Site other = SiteOf(site.others, entry.path().stem(), site.program);
+    configured.insert(other.options.listen_port);
+  }
+  const std::int64_t first = site.options.comms_base_port;
+  const std::int64_t end = first + site.options.comms_ports;
+  for (const Daemon& daemon : found.daemons) {
+    const std::int64_t its_first = daemon.options.comms_base_port;
+    const std::int64_t its_end = its_first + daemon.options.comms_ports;
+    if (configured.contains(daemon.options.listen_port) || its_first >= end || first >= its_end) {
+      continue;
+    }
+    findings.push_back({"port.comms-shared", Severity::kWarning, site.configuration, site.line,
+                        "a daemon of port " + std::to_string(daemon.options.listen_port) +
+                            ", process " + std::to_string(daemon.id.pid) +
+                            ", hands out the comms ports " + std::to_string(its_first) + " to " +
+                            std::to_string(its_end - 1) + ", and this one " +
+                            std::to_string(first) + " to " + std::to_string(end - 1),
+                        "runs of both may be given one port, and one of them fails",
+                        "end that daemon, or give it comms ports of its own with -o"});
+  }
+}
 
 }  // namespace
 
@@ -132,7 +162,9 @@ Findings CheckCommsPorts(const Site& site) {
   if (IsForCluster(site)) return findings;
   const std::int64_t first = site.options.comms_base_port;
   const std::int64_t end = first + site.options.comms_ports;
-  const Users users;
+  const Runs found = FindRuns();
+  CheckOtherDaemons(site, found, findings);
+  const Users users(found);
   std::map<std::string, std::set<int>> taken;
   std::set<int> all;
   for (const TcpSocket& socket : ReadSockets().all) {

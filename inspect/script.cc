@@ -9,6 +9,7 @@
 #include <array>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <optional>
 #include <regex>
 #include <string_view>
@@ -260,7 +261,10 @@ class ScriptCheck {
     in.read(text.data(), static_cast<std::streamsize>(text.size()));
     if (in.bad()) return;
     text.resize(static_cast<std::size_t>(in.gcount()));
-    if (text.starts_with(kProgramMark)) return;
+    if (text.starts_with(kProgramMark)) {
+      CheckLibraries(simulator);
+      return;
+    }
     const std::string whose = "has a simulator to start, " + simulator + ", that ";
     if (text.starts_with("#!")) {
       CheckProgram("script.no-simulator", 0, whose, text);
@@ -271,6 +275,31 @@ class ScriptCheck {
         "a shell that nobody has chosen reads it, and " + std::string(kRefused) +
             " if that finds no commands of its own",
         "name a program, or begin the script with #!/bin/bash");
+  }
+
+  // The loader says which libraries it does not find, in the environment of a run and as an account
+  // of one. The simulator itself is not started.
+  void CheckLibraries(const std::string& simulator) {
+    const auto accounts = site_.options.run_as_root && geteuid() == 0
+                              ? AccountsOf(site_)
+                              : std::map<std::string, Account>();
+    const auto answer = Ask([&] {
+      TakeEnvironment(site_);
+      if (!accounts.empty()) Become(accounts.begin()->second);
+      const auto listed = RunCommand({"/usr/bin/ldd", simulator});
+      return listed ? listed->output : std::string();
+    });
+    std::string missing;
+    for (const std::string_view line : Lines(answer ? *answer : std::string_view())) {
+      const std::size_t arrow = line.find(" => not found");
+      if (arrow == std::string_view::npos) continue;
+      const std::size_t name = line.find_first_not_of(" \t");
+      missing.append(missing.empty() ? "" : ", ").append(line.substr(name, arrow - name));
+    }
+    if (missing.empty()) return;
+    Add("script.no-library", Severity::kError, 0,
+        "has a simulator to start, " + simulator + ", that does not find " + missing, kRefused,
+        "install it, or set LD_LIBRARY_PATH in the environment file");
   }
 
   // The files that the script for a single machine can take for the simulator, in its order.

@@ -21,6 +21,7 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr std::string_view kProgram = "vkjobmill.exe";
+constexpr long kFirstOfSystemd = 200;
 constexpr const char* kProperties =
     "LoadState,LoadError,ActiveState,SubState,Result,MainPID,ExecMainCode,ExecMainStatus,"
     "UnitFileState,FragmentPath,DropInPaths,NeedDaemonReload,ExecStart,KillMode";
@@ -112,7 +113,10 @@ class ServiceCheck {
     if (result == "exit-code") reason = "status " + std::to_string(status) + MeaningOf(status);
     if (result == "signal" || result == "core-dump") reason = "signal " + std::to_string(status);
     if (result == "resources") reason = "a file that it names, or memory, is missing";
-    if (!state_.last_words.empty()) reason += ", and the last it said is: " + state_.last_words;
+    // Where systemd did not come to start it, the daemon's last words are of another time.
+    const bool started = result != "exit-code" || status < kFirstOfSystemd;
+    if (started && !state_.last_words.empty())
+      reason += ", and the last it said is: " + state_.last_words;
     return reason;
   }
 

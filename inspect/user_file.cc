@@ -128,6 +128,13 @@ class UserFileCheck {
   }
 
   void CheckBegin() {
+    const std::string& first = file_.lines().empty() ? "" : file_.lines()[0];
+    if (first.starts_with("\xff\xfe") || first.starts_with("\xfe\xff")) {
+      Add("users.byte-order-mark", Severity::kError, 1,
+          "is written in UTF-16, which begins with a byte order mark",
+          "the daemon finds nobody in it", "save it as plain text, with 'iconv -f UTF-16'");
+      return;
+    }
     if (!HasMark()) return;
     Add("users.byte-order-mark", Severity::kError, 1, "begins with a byte order mark",
         "the mark belongs to the first name: the user of that line is not found",

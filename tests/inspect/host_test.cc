@@ -128,6 +128,16 @@ TEST_F(HostTest, FileFromTheFutureIsFound) {
   const utimbuf future{time(nullptr) + 3600, time(nullptr) + 3600};
   ASSERT_EQ(utime(directory_.File("script").c_str(), &future), 0);
   EXPECT_THAT(Found("script"), Contains("host.clock"));
+  const utimbuf further{time(nullptr) + 7200, time(nullptr) + 7200};
+  ASSERT_EQ(utime(directory_.Write(".vk_corvane_env", "").c_str(), &further), 0);
+  const Findings findings =
+      CheckHost(SiteOf({"-p", "5000", "-s", directory_.File("script")}, directory_.File("x")));
+  std::vector<std::string> clocks;
+  for (const Finding& finding : findings) {
+    if (finding.id == "host.clock") clocks.push_back(finding.what);
+  }
+  EXPECT_THAT(clocks, testing::ElementsAre(testing::MatchesRegex(
+                          "it was changed, like 1 others, up to 7[12][0-9][0-9] s in the future")));
 }
 
 }  // namespace

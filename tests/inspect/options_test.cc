@@ -89,6 +89,8 @@ TEST_F(OptionsTest, FileThatOthersCanWriteIsFound) {
 
 TEST_F(OptionsTest, NoOptionsAreFound) {
   EXPECT_THAT(Ids(CheckFile("")), ElementsAre("error options.none"));
+  EXPECT_THAT(CheckFile("\xEF\xBB\xBFOPTIONS='-p 5000'\n")[0].what,
+              "there are none: line 1 sets '\xEF\xBB\xBFOPTIONS', not OPTIONS");
   EXPECT_THAT(Ids(CheckFile("OPTIONS=\n")), ElementsAre("error options.none:1"));
   EXPECT_THAT(Ids(CheckFile("export OPTIONS='-p 5000'\n")), ElementsAre("error options.none"));
 }

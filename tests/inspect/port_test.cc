@@ -143,5 +143,22 @@ TEST(CommsPortsTest, FreePortsAreGood) {
   }
 }
 
+TEST(CommsPortsTest, DaemonWithoutAFileThatHandsOutTheSameIsNamed) {
+  RunningDaemon::Options options;
+  options.arguments = {"-u", "-o", "40001", "-n", "10"};
+  const RunningDaemon daemon(options);
+  const auto shared = [&](int first) {
+    const Findings findings = CheckCommsPorts(SiteWithCommsPorts(first, 10));
+    return std::ranges::any_of(findings, [&](const Finding& finding) {
+      return finding.id == "port.comms-shared" &&
+             finding.what.find("process " + std::to_string(daemon.pid()) + ", ") !=
+                 std::string::npos;
+    });
+  };
+  EXPECT_TRUE(shared(40010));
+  EXPECT_FALSE(shared(40011));
+  EXPECT_FALSE(shared(39991));
+}
+
 }  // namespace
 }  // namespace inspect

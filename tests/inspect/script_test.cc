@@ -8,6 +8,8 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -201,6 +203,20 @@ TEST_F(ScriptTest, SimulatorOnAFileSystemWithoutProgramsIsFound) {
   if (what == "no mount") GTEST_SKIP() << "no file system can be mounted here";
   EXPECT_EQ(what, "has a simulator to start, " + directory_.File("sim/x") +
                       ", that cannot be executed by daemon: its file system is mounted noexec");
+}
+
+TEST_F(ScriptTest, SimulatorWithoutItsLibraryIsFound) {
+  // A program of this machine whose library is looked for under another name.
+  std::ifstream in("/bin/bash", std::ios::binary);
+  std::string text(std::istreambuf_iterator<char>(in), {});
+  const std::size_t name = text.find("libtinfo.so");
+  if (name == std::string::npos) GTEST_SKIP() << "bash needs no such library here";
+  Program("bin/vksim", text);
+  EXPECT_THAT(IdsOf(), IsEmpty());
+  Program("bin/vksim", text.replace(name, 11, "libtonfi.so"));
+  const Findings findings = Check();
+  ASSERT_THAT(Ids(findings), ElementsAre("error script.no-library"));
+  EXPECT_THAT(findings[0].what, testing::HasSubstr("that does not find libtonfi.so."));
 }
 
 TEST_F(ScriptTest, SimulatorThatTheSystemCannotStartIsFound) {

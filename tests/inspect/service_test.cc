@@ -81,6 +81,8 @@ TEST_F(ServiceTest, OneThatHasFailedIsFoundWithTheReason) {
   ASSERT_THAT(Ids(findings), ElementsAre("error service.failed:1"));
   EXPECT_EQ(findings[0].what,
             "jobmill.service has failed: status 203 (the program cannot be executed)");
+  state_.last_words = "of another time";
+  EXPECT_EQ(Judge()[0].what, findings[0].what);
   state_.properties["ActiveState"] = "activating";
   state_.properties["SubState"] = "auto-restart";
   state_.properties["ExecMainStatus"] = "1";

@@ -183,6 +183,16 @@ TEST_F(UserFileTest, ByteOrderMarkIsFound) {
               ElementsAre("warning users.unsendable-name:2"));
 }
 
+TEST_F(UserFileTest, FileInUtf16IsCalledSo) {
+  const Findings findings =
+      Check(std::string("\xff\xfe"
+                        "a\0 \0a\0 \0"
+                        "1\0\n\0",
+                        14));
+  EXPECT_EQ(findings[0].id, "users.byte-order-mark");
+  EXPECT_EQ(findings[0].what, "is written in UTF-16, which begins with a byte order mark");
+}
+
 TEST_F(UserFileTest, TabsThatLeaveALineWithoutThreeFieldsAreNamed) {
   const Findings tabs = Check("bob\tdaemon\t1\n");
   ASSERT_THAT(Ids(tabs), ElementsAre("error users.incomplete-line:1"));

@@ -16,6 +16,7 @@
 #include <nlohmann/json.hpp>
 
 #include "inspect/accepted.h"
+#include "inspect/account_places.h"
 #include "inspect/commands.h"
 #include "inspect/environment_file.h"
 #include "inspect/file.h"
@@ -46,16 +47,19 @@ using Area = Findings (*)(const Site& site);
 
 /// What is judged of each site.
 constexpr Area kAreas[] = {
-    inspect::CheckProgram,  [](const Site& site) { return inspect::CheckOptions(site); },
-    inspect::CheckUserFile, inspect::CheckEnvironmentFile,
-    inspect::CheckScript,
+    inspect::CheckProgram,         [](const Site& site) { return inspect::CheckOptions(site); },
+    inspect::CheckUserFile,        inspect::CheckAccounts,
+    inspect::CheckEnvironmentFile, inspect::CheckScript,
 };
 
-/// What is judged of the machine for each of them.
+/// What is judged of the machine for each of them. Without options there is none but the service.
 constexpr Area kMachineAreas[] = {
-    inspect::CheckService,    inspect::CheckPort,
-    inspect::CheckCommsPorts, [](const Site& site) { return inspect::CheckLogDirectory(site); },
-    inspect::CheckCommands,   inspect::CheckHost,
+    inspect::CheckPort,
+    inspect::CheckCommsPorts,
+    [](const Site& site) { return inspect::CheckLogDirectory(site); },
+    [](const Site& site) { return inspect::CheckAccountPlaces(site); },
+    inspect::CheckCommands,
+    inspect::CheckHost,
     inspect::CheckFirewall,
 };
 
@@ -72,7 +76,9 @@ Findings Find(const std::vector<Site>& sites, bool files_only) {
   Findings findings;
   for (const Site& site : sites) {
     for (const Area area : kAreas) std::ranges::move(area(site), std::back_inserter(findings));
-    if (files_only || site.error != 0) continue;
+    if (files_only) continue;
+    std::ranges::move(inspect::CheckService(site), std::back_inserter(findings));
+    if (site.words.empty()) continue;
     for (const Area area : kMachineAreas) {
       std::ranges::move(area(site), std::back_inserter(findings));
     }
