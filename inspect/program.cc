@@ -64,8 +64,11 @@ Findings CheckProgram(const Site& site) {
   if (answer && answer->output.starts_with("Jobmill.\n")) return findings;
   std::string what = "does not answer within 10 s when it is asked for its version";
   if (answer) {
-    what = "does not tell its version, but ends with status " + std::to_string(answer->status) +
+    what = "does not tell its version, but " +
+           (answer->status < 0 ? "is ended by a signal"
+                               : "ends with status " + std::to_string(answer->status)) +
            ": " + answer->output.substr(0, answer->output.find('\n'));
+    if (what.ends_with(": ")) what.resize(what.size() - 2);
   }
   add("program.does-not-start", program, what, kNotStarted, "install it and its libraries again");
   return findings;

@@ -58,6 +58,8 @@ TEST_F(ProgramTest, ProgramThatDoesNotStartIsFoundWithTheReason) {
   ASSERT_THAT(Ids(findings), ElementsAre("error program.does-not-start"));
   EXPECT_THAT(findings[0].what,
               HasSubstr("ends with status 127: error while loading shared libraries: libx.so.1"));
+  Write("#!/bin/sh\nkill -SEGV $$\n");
+  EXPECT_EQ(Check()[0].what, "does not tell its version, but is ended by a signal");
   // Cut off, as by a full disk in the middle of a copy.
   Write(std::string("\x7f") + "ELF");
   EXPECT_THAT(Ids(Check()), ElementsAre("error program.does-not-start"));

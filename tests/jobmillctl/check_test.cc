@@ -20,6 +20,7 @@ using nlohmann::json;
 using testing::ContainsRegex;
 using testing::ElementsAre;
 using testing::HasSubstr;
+using testing::Not;
 using testing::StartsWith;
 
 // A good site, for the account daemon, which every machine has.
@@ -147,6 +148,10 @@ TEST_F(CheckTest, EntryThatAcceptsNothingIsFound) {
   std::filesystem::remove(directory_.File("next.conf"));
   directory_.Write("check.accepted", "host.open  there is another filter\n");
   EXPECT_THAT(Check({}).out, StartsWith("nothing found in "));
+  // Without options most is not judged.
+  directory_.Write("check.accepted", "users.root  agreed\n");
+  directory_.Write("jobmill.conf", "");
+  EXPECT_THAT(Check({}).out, Not(HasSubstr("accepted.unused")));
 }
 
 TEST_F(CheckTest, NothingOfAFileCommandsATerminal) {

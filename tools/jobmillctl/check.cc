@@ -104,7 +104,7 @@ std::set<std::string> WholeAreas(const std::vector<Site>& sites, bool files_only
   for (const auto& entry : std::filesystem::directory_iterator(sites[0].others, ignored)) {
     if (entry.path().extension() == ".conf" && !judged.contains(entry.path())) return {};
   }
-  const auto failed = [](const Site& site) { return site.error != 0; };
+  const auto failed = [](const Site& site) { return site.words.empty(); };
   if (geteuid() != 0 || std::ranges::any_of(sites, failed)) return {};
   if (files_only) return {"options", "program", "users", "environment", "script"};
   return {"options", "program", "users", "environment", "script", "service", "port", "host"};
