@@ -8,11 +8,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
+#include <cstdint>
 #include <exception>
 #include <thread>
-
-#include "base/descriptor.h"
+#include <utility>
 
 namespace inspect {
 namespace {
@@ -33,19 +34,17 @@ using Clock = std::chrono::steady_clock;
   }
 }
 
-// All up to the end of `input`; nothing when that does not come in time.
-std::optional<std::string> ReadAll(int input, Clock::time_point end) {
-  std::string text;
+// Adds to `text` what comes before `end`; true when nothing more can come.
+bool ReadUntil(int input, Clock::time_point end, std::string& text) {
   while (true) {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
     pollfd wait{.fd = input, .events = POLLIN, .revents = 0};
-    if (left.count() <= 0) return {};
-    const int ready = poll(&wait, 1, static_cast<int>(left.count()));
+    const int ready = poll(&wait, 1, static_cast<int>(std::max<std::int64_t>(left.count(), 0)));
     if (ready < 0 && errno == EINTR) continue;
-    if (ready <= 0) return {};
+    if (ready <= 0) return false;
     std::array<char, 4096> part{};
     const ssize_t size = read(input, part.data(), part.size());
-    if (size <= 0) return text;
+    if (size <= 0) return true;
     text.append(part.data(), static_cast<std::size_t>(size));
   }
 }
@@ -79,23 +78,54 @@ std::optional<int> EndOf(pid_t child, Clock::time_point end) {
 
 }  // namespace
 
+Inquiry::Inquiry(const std::function<std::string()>& question, std::chrono::milliseconds limit)
+    : limit_(Clock::now() + limit) {
+  std::array<int, 2> ends{};
+  if (pipe2(ends.data(), O_CLOEXEC) != 0) return;
+  input_ = Descriptor(ends[0]);
+  const Descriptor output(ends[1]);
+  child_ = fork();
+  if (child_ == 0) Answer(question, output.get());
+  if (child_ < 0) input_.Reset();
+}
+
+Inquiry::~Inquiry() {
+  if (input_) End(false);
+  HasEnded();
+}
+
+bool Inquiry::IsDone(std::chrono::milliseconds most) {
+  if (!input_) return true;
+  const bool whole = ReadUntil(input_.get(), std::min(limit_, Clock::now() + most), text_);
+  if (!whole && Clock::now() < limit_) return false;
+  End(whole);
+  return true;
+}
+
+std::optional<std::string> Inquiry::TakeAnswer() {
+  if (!answered_ || !HasEnded() || status_ != 0) return {};
+  return std::move(text_);
+}
+
+bool Inquiry::HasEnded() {
+  if (child_ > 0 && waitpid(child_, &status_, WNOHANG) == child_) child_ = -1;
+  return child_ < 0;
+}
+
+// Who has closed the pipe is about to end, and is waited for.
+void Inquiry::End(bool answered) {
+  input_.Reset();
+  answered_ = answered;
+  if (!answered) kill(child_, SIGKILL);
+  if (answered && waitpid(child_, &status_, 0) == child_) child_ = -1;
+}
+
 std::optional<std::string> Ask(const std::function<std::string()>& question,
                                std::chrono::milliseconds limit) {
-  std::array<int, 2> ends{};
-  if (pipe2(ends.data(), O_CLOEXEC) != 0) return {};
-  const Descriptor input(ends[0]);
-  Descriptor output(ends[1]);
-  const pid_t child = fork();
-  if (child < 0) return {};
-  if (child == 0) Answer(question, output.get());
-  output.Reset();
-  auto answer = ReadAll(input.get(), Clock::now() + limit);
-  if (!answer) kill(child, SIGKILL);
-  int status = 0;
-  // A process that hangs in a file system does not even end when it is killed.
-  const pid_t ended = waitpid(child, &status, answer ? 0 : WNOHANG);
-  if (!answer || ended != child || status != 0) return {};
-  return answer;
+  Inquiry inquiry(question, limit);
+  while (!inquiry.IsDone(limit)) {
+  }
+  return inquiry.TakeAnswer();
 }
 
 std::optional<CommandAnswer> RunCommand(const std::vector<std::string>& words,
@@ -110,9 +140,9 @@ std::optional<CommandAnswer> RunCommand(const std::vector<std::string>& words,
   setpgid(child, child);  // whoever comes first, this process or the child
   output.Reset();
   const auto end = Clock::now() + limit;
-  auto text = ReadAll(input.get(), end);
-  const auto status = text ? EndOf(child, end) : std::nullopt;
-  if (status) return CommandAnswer{*status, *std::move(text)};
+  std::string text;
+  const auto status = ReadUntil(input.get(), end, text) ? EndOf(child, end) : std::nullopt;
+  if (status) return CommandAnswer{*status, std::move(text)};
   kill(-child, SIGKILL);
   EndOf(child, Clock::now() + std::chrono::seconds(1));
   return {};

@@ -59,5 +59,23 @@ TEST(RunCommandTest, WhatTakesTooLongIsEndedWithAllThatItHasStarted) {
   EXPECT_TRUE(Eventually([&] { return !IsRunning(started); }));
 }
 
+TEST(ProbeTest, InquiryLetsItsOwnerDoOtherThings) {
+  Inquiry silent([] { return std::to_string(pause()); }, std::chrono::seconds(30));
+  EXPECT_FALSE(silent.IsDone(milliseconds(0)));
+  Inquiry quick([] { return std::string("answer"); }, std::chrono::seconds(30));
+  EXPECT_TRUE(quick.IsDone(std::chrono::seconds(30)));
+  EXPECT_EQ(quick.TakeAnswer(), "answer");
+  EXPECT_TRUE(quick.HasEnded());
+  EXPECT_FALSE(silent.IsDone(milliseconds(0)));
+  EXPECT_FALSE(silent.HasEnded());
+}
+
+TEST(ProbeTest, InquiryThatTakesTooLongIsEnded) {
+  Inquiry silent([] { return std::to_string(pause()); }, milliseconds(10));
+  EXPECT_TRUE(silent.IsDone(std::chrono::seconds(30)));
+  EXPECT_EQ(silent.TakeAnswer(), std::nullopt);
+  while (!silent.HasEnded()) usleep(1000);
+}
+
 }  // namespace
 }  // namespace inspect
