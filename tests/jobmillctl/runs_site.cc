@@ -33,6 +33,10 @@ case $3 in
     sleep 1000
     exit
     ;;
+  HELD*)
+    until [ -e "$3.go" ]; do sleep 0.1; done
+    delay='--step-delay 3600000'
+    ;;
   STEP*) delay='--step-delay 3600000' ;;
 esac
 read -r mark </proc/sys/kernel/random/uuid

@@ -13,6 +13,7 @@
 ///
 ///   QUEUED  the script tells of a job and names no host
 ///   ABSENT  the script names a host on which no simulator listens
+///   HELD    the script waits for the file ROOT.go beside the model; then like STEP
 ///   STEP    each step takes the stand-in simulator an hour
 ///
 /// With other names it is the stand-in simulator as it is. Ended is the simulator by its script, at

@@ -32,6 +32,7 @@
 #include "inspect/user_file.h"
 #include "tools/jobmillctl/command.h"
 #include "tools/jobmillctl/dry_run.h"
+#include "tools/jobmillctl/findings.h"
 #include "tools/jobmillctl/site_options.h"
 
 namespace jobmillctl {
@@ -42,6 +43,7 @@ using inspect::Finding;
 using inspect::Findings;
 using inspect::Severity;
 using inspect::Site;
+using Json = nlohmann::ordered_json;
 
 using Area = Findings (*)(const Site& site);
 
@@ -168,8 +170,6 @@ void PrintLines(const std::vector<Site>& sites, const Judged& found) {
   Print(fmt::format("{} in {}", Summary(found), fmt::join(judged, " and ")));
 }
 
-using Json = nlohmann::ordered_json;
-
 Json JsonOf(const Finding& finding) {
   return {{"id", finding.id},        {"severity", Name(finding.severity)},
           {"file", finding.file},    {"line", finding.line},
@@ -177,7 +177,7 @@ Json JsonOf(const Finding& finding) {
           {"remedy", finding.remedy}};
 }
 
-void PrintJson(const std::vector<Site>& sites, const Judged& found) {
+Json JsonOf(const std::vector<Site>& sites, const Judged& found) {
   Json document{{"schema", 1}, {"version", JOBMILL_VERSION}};
   document["sites"] = Json::array();
   for (const Site& site : sites) {
@@ -207,15 +207,15 @@ void PrintJson(const std::vector<Site>& sites, const Judged& found) {
     entry["reason"] = accepted.reason;
     document["accepted"].push_back(std::move(entry));
   }
-  // ASCII alone: no byte of a file commands a terminal, and none makes the document invalid.
-  fmt::print("{}\n", document.dump(2, ' ', true, Json::error_handler_t::replace));
+  return document;
 }
 
 int Check(const SiteOptions& given, bool files_only, bool json) {
   const std::vector<Site> sites = given.Sites();
   const Judged found = Judge(sites, files_only);
   if (json) {
-    PrintJson(sites, found);
+    // ASCII alone: no byte of a file commands a terminal, and none makes the document invalid.
+    fmt::print("{}\n", JsonOf(sites, found).dump(2, ' ', true, Json::error_handler_t::replace));
   } else {
     PrintLines(sites, found);
   }
@@ -223,6 +223,10 @@ int Check(const SiteOptions& given, bool files_only, bool json) {
 }
 
 }  // namespace
+
+Json FindingsOf(const std::vector<Site>& sites) {
+  return JsonOf(sites, Judge(sites, false));
+}
 
 void DeclareCheck(CLI::App& app, Action& chosen) {
   struct Given {

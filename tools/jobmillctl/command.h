@@ -41,5 +41,7 @@ void DeclareStatus(CLI::App& app, Action& chosen);
 void DeclareEnd(CLI::App& app, Action& chosen);
 void DeclareRestart(CLI::App& app, Action& chosen);
 void DeclareHistory(CLI::App& app, Action& chosen);
+void DeclareCollect(CLI::App& app, Action& chosen);
+void DeclareServe(CLI::App& app, Action& chosen);
 
 }  // namespace jobmillctl

@@ -17,8 +17,8 @@
 namespace jobmillctl {
 namespace {
 
-constexpr Declare kCommands[] = {DeclareCheck, DeclareUsers,   DeclareStatus,
-                                 DeclareEnd,   DeclareRestart, DeclareHistory};
+constexpr Declare kCommands[] = {DeclareCheck,   DeclareUsers,   DeclareStatus,  DeclareEnd,
+                                 DeclareRestart, DeclareHistory, DeclareCollect, DeclareServe};
 
 // How many letters have to be changed, added, left out or exchanged with their neighbour.
 std::size_t Distance(std::string_view a, std::string_view b) {

@@ -1,0 +1,205 @@
+#include "tools/jobmillctl/serve/metrics.h"
+
+#include <algorithm>
+#include <cmath>
+#include <functional>
+#include <limits>
+#include <string_view>
+#include <vector>
+
+#include <fmt/format.h>
+
+#include "inspect/ending.h"
+#include "inspect/finding.h"
+#include "inspect/runs.h"
+#include "tools/jobmillctl/measures.h"
+
+namespace jobmillctl::serve {
+namespace {
+
+using inspect::RunState;
+using inspect::Severity;
+
+constexpr double kNotKnown = std::numeric_limits<double>::quiet_NaN();
+
+constexpr Severity kSeverities[] = {Severity::kError, Severity::kWarning, Severity::kUnchecked};
+
+// Writes one metric after the other.
+class Writer {
+ public:
+  void Begin(std::string_view name, std::string_view type, std::string_view help) {
+    name_ = name;
+    text_ += fmt::format("# HELP jobmill_{0} {2}\n# TYPE jobmill_{0} {1}\n", name, type, help);
+  }
+  void Gauge(std::string_view name, std::string_view help, double value) {
+    Begin(name, "gauge", help);
+    Sample("", value);
+  }
+  void Counter(std::string_view name, std::string_view help, double value) {
+    Begin(name, "counter", help);
+    Sample("", value);
+  }
+
+  // `labels` are those of the program alone: nothing in them has to be escaped.
+  void Sample(const std::string& labels, double value) {
+    text_ += fmt::format("jobmill_{}{} {}\n", name_, labels.empty() ? "" : "{" + labels + "}",
+                         std::isnan(value) ? "NaN" : fmt::format("{}", value));
+  }
+
+  std::string Take() { return std::move(text_); }
+
+ private:
+  std::string_view name_;
+  std::string text_;
+};
+
+std::string Label(const char* name, std::string_view value) {
+  return fmt::format("{}=\"{}\"", name, value);
+}
+
+// The sum, or another choice, of a field over all daemons. Without a daemon nothing is known.
+double OfDaemons(const Json& measures, const char* field,
+                 const std::function<double(double, double)>& choose) {
+  double result = kNotKnown;
+  for (const Json& daemon : At(measures, {"daemons"})) {
+    const double value = NumberOf(daemon, field).value_or(kNotKnown);
+    result = std::isnan(result) ? value : std::isnan(value) ? result : choose(result, value);
+  }
+  return result;
+}
+
+double Sum(double a, double b) {
+  return a + b;
+}
+
+void WriteCollector(const View& view, Writer& writer) {
+  writer.Begin("build_info", "gauge", "The version of the status server; always 1.");
+  writer.Sample(Label("version", JOBMILL_VERSION), 1);
+  writer.Gauge("collector_up",
+               "1 when the collector's last look at the runs succeeded and was not long ago.",
+               IsCollected(view) ? 1 : 0);
+  const Json& runs = At(view.snapshot, {"runs"});
+  const bool known = At(runs, {"document"}).is_object();
+  writer.Gauge("snapshot_timestamp_seconds", "When the runs were looked at, since 1970.",
+               known ? runs.at("time").get<double>() : kNotKnown);
+  writer.Gauge("snapshot_age_seconds", "How long ago the runs were looked at.",
+               known ? AgeOf(view, "runs") : kNotKnown);
+  writer.Gauge("snapshot_duration_seconds", "How long the collector's last look at the runs took.",
+               known ? runs.at("took_seconds").get<double>() : kNotKnown);
+}
+
+void WriteRuns(const Json& status, Writer& writer) {
+  const bool known = status.is_object();
+  writer.Gauge("daemons", "Daemons that run on this machine.",
+               known ? static_cast<double>(status.at("daemons").size()) : kNotKnown);
+  const auto of_states = [&](const std::function<double(const std::vector<const Json*>&)>& value) {
+    for (const RunState state : kStates) {
+      std::vector<const Json*> runs;
+      for (const Json& run : At(status, {"runs"})) {
+        if (run.at("state") == Name(state)) runs.push_back(&run);
+      }
+      writer.Sample(Label("state", Name(state)), known ? value(runs) : kNotKnown);
+    }
+  };
+  writer.Begin("runs", "gauge", "Connections of masters and what came of them, by state.");
+  of_states([](const std::vector<const Json*>& runs) { return static_cast<double>(runs.size()); });
+  writer.Begin(
+      "oldest_wait_seconds", "gauge",
+      "How long the run that has been in a state for the longest has been in it; 0 without "
+      "one.");
+  of_states([](const std::vector<const Json*>& runs) {
+    double oldest = 0;
+    for (const Json* run : runs)
+      oldest = std::max(oldest, NumberOf(*run, "state_seconds").value_or(0));
+    return oldest;
+  });
+}
+
+void WriteCounts(const Json& measures, Writer& writer) {
+  const auto value = [&](const char* list, const char* entry) {
+    return measures.is_object() ? measures.at(list).at(entry).get<double>() : kNotKnown;
+  };
+  writer.Begin("run_seconds_total", "counter",
+               "Time that runs have been in a state, all of them together.");
+  for (const RunState state : kStates) {
+    writer.Sample(Label("state", Name(state)), value("run_seconds", Name(state)));
+  }
+  writer.Counter("requests_total", "Requests of masters, as far as comms logs tell them.",
+                 measures.is_object() ? measures.at("requests").get<double>() : kNotKnown);
+  writer.Begin("launches_total", "counter",
+               "Launches as the logs of the daemons tell them, by result.");
+  for (const char* result : kLaunchResults) {
+    writer.Sample(Label("result", result), value("launches", result));
+  }
+  writer.Begin("refusals_total", "counter",
+               "Masters that were refused, as the logs of the daemons tell it, by reason.");
+  for (const char* reason : kRefusalReasons) {
+    writer.Sample(Label("reason", reason), value("refusals", reason));
+  }
+}
+
+void WriteLimits(const Json& measures, Writer& writer) {
+  const auto least = [](double a, double b) { return std::min(a, b); };
+  writer.Gauge("comms_ports", "Comms ports of all daemons.",
+               OfDaemons(measures, "comms_ports", Sum));
+  writer.Gauge("comms_ports_free",
+               "Comms ports of all daemons that no run has and nobody listens on.",
+               OfDaemons(measures, "comms_ports_free", Sum));
+  double ratio = kNotKnown;
+  for (const Json& daemon : At(measures, {"daemons"})) {
+    const double used = NumberOf(daemon, "descriptors").value_or(kNotKnown) /
+                        NumberOf(daemon, "descriptors_limit").value_or(kNotKnown);
+    ratio = std::fmax(ratio, used);
+  }
+  writer.Gauge(
+      "descriptors_used_ratio",
+      "Descriptors that a daemon has open, of those that it may have; of the worst daemon.", ratio);
+  writer.Gauge("log_size_bytes", "Size of the logs of the daemons, without rotated ones.",
+               OfDaemons(measures, "log_bytes", Sum));
+  writer.Gauge("log_free_bytes", "Room on the file system of a daemon's log; of the fullest one.",
+               OfDaemons(measures, "log_free_bytes", least));
+}
+
+void WriteEndings(const View& view, Writer& writer) {
+  constexpr double kDay = 86400;
+  const Json& runs = At(view.snapshot, {"history", "document", "runs"});
+  writer.Begin("recent_endings", "gauge",
+               "Runs that began in the last 24 hours and have ended, by how they ended.");
+  for (const inspect::Ending ending : inspect::kEndings) {
+    if (ending == inspect::Ending::kNoRequest) continue;
+    const auto is_meant = [&](const Json& run) {
+      return TextOf(run, "ending") == Name(ending) &&
+             TimeIn(At(run, {"connected"})).value_or(0) > view.now - kDay;
+    };
+    const auto count = std::count_if(runs.begin(), runs.end(), is_meant);
+    writer.Sample(Label("ending", Name(ending)),
+                  runs.is_array() ? static_cast<double>(count) : kNotKnown);
+  }
+}
+
+void WriteFindings(const View& view, Writer& writer) {
+  const Json& counts = At(view.snapshot, {"check", "document", "counts"});
+  writer.Begin("check_findings", "gauge", "What is wrong with the configuration, by severity.");
+  for (const Severity severity : kSeverities) {
+    writer.Sample(Label("severity", Name(severity)),
+                  counts.is_object() ? counts.at(Name(severity)).get<double>() : kNotKnown);
+  }
+  writer.Gauge("check_timestamp_seconds", "When the configuration was looked at, since 1970.",
+               counts.is_object() ? view.snapshot.at("check").at("time").get<double>() : kNotKnown);
+}
+
+}  // namespace
+
+std::string Metrics(const View& view) {
+  Writer writer;
+  WriteCollector(view, writer);
+  WriteRuns(At(view.snapshot, {"runs", "document", "status"}), writer);
+  const Json& measures = At(view.snapshot, {"runs", "document", "measures"});
+  WriteCounts(measures, writer);
+  WriteLimits(measures, writer);
+  WriteEndings(view, writer);
+  WriteFindings(view, writer);
+  return writer.Take();
+}
+
+}  // namespace jobmillctl::serve
