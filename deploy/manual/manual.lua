@@ -60,6 +60,9 @@ local function resolve_links(inlines)
   return result
 end
 
+-- A terminal shows no pictures.
+local function is_picture(block) return #block.content == 1 and block.content[1].t == 'Image' end
+
 local function code_block(block)
   local text = ('\n' .. escape(block.text)):gsub('\n%.', '\n\\&.')
   return pandoc.RawBlock('man', '.RS 2\n.EX' .. text .. '\n.EE\n.RE')
@@ -202,6 +205,7 @@ end
 return {
   {Inlines = resolve_links},
   {Table = set_table},
+  {Para = function(block) if is_picture(block) then return {} end end},
   {Code = code, CodeBlock = code_block},
   {Pandoc = select_blocks},
 }

@@ -57,6 +57,7 @@ lists() { "$BATS_TEST_DIRNAME/press_tab" --list "$@" >"$work/listed"; }
 @test "JobmillctlIsCompleted" {
   becomes $'jobmillctl --vers\t' '[jobmillctl][--version]'
   becomes $'jobmillctl us\tad\t' '[jobmillctl][users][add]'
+  becomes $'jobmillctl ser\t--lis\t' '[jobmillctl][serve][--listen]'
   becomes $'jobmillctl check --js\t--prog\tpl\t' '[jobmillctl][check][--json][--program][plan one.toml]'
 }
 

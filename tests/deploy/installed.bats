@@ -28,6 +28,9 @@ share/jobmill/examples/COMP.afi
 share/jobmill/examples/TENWELLS.afi
 share/jobmill/examples/TWOWELLS.afi
 share/jobmill/logrotate/jobmill
+share/jobmill/monitoring/alerts.yml
+share/jobmill/monitoring/dashboard.json
+share/jobmill/monitoring/prometheus.yml
 share/jobmill/nftables/jobmill.nft
 share/jobmill/nftables/successor.nft
 share/jobmill/scripts/common.sh
@@ -39,7 +42,9 @@ share/jobmill/scripts/pbs
 share/jobmill/scripts/slurm
 share/jobmill/scripts/ssh
 share/jobmill/systemd/confined.conf
+share/jobmill/systemd/jobmill-collector.service
 share/jobmill/systemd/jobmill-logrotate.timer
+share/jobmill/systemd/jobmill-status.service
 share/jobmill/systemd/jobmill.service
 share/jobmill/systemd/jobmill@.service
 share/zsh/site-functions/_jobmillctl
@@ -66,7 +71,8 @@ FILES
   command -v systemd-analyze >/dev/null || skip 'needs systemd'
   install_to '' "$work/jobmill" >"$work/install.txt"
   local unit=$work/jobmill/share/jobmill/systemd/jobmill.service
-  systemd-analyze verify --man=no "$unit" "${unit%.service}@.service" >"$work/findings" 2>&1
+  systemd-analyze verify --man=no "$unit" "${unit%.service}@.service" "${unit%.service}-status.service" \
+    "${unit%.service}-collector.service" >"$work/findings" 2>&1
   [[ ! -s $work/findings ]]
   # It would be found.
   sed -i 's/^KillMode=process$/KillMode=processes/' "$unit"
@@ -85,8 +91,10 @@ FILES
   { grep -v '^CapabilityBoundingSet=' "$units/jobmill.service" && cat "$units/confined.conf"; } \
     >"$work/confined/jobmill.service"
   [[ $(exposure "$work/confined/jobmill.service") == 3.9 ]]
+  [[ $(exposure "$units/jobmill-status.service") == 1.1 ]]
   grep -qF '8.8' "$units/jobmill.service"
   grep -qF '3.9' "$units/jobmill.service"
+  grep -qF '1.1' "$units/jobmill-status.service"
 }
 
 @test "ThereAreFarMoreDescriptorsThanTasks" {

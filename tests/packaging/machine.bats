@@ -172,6 +172,63 @@ listener_of() { inside ss --listening --tcp --numeric --processes sport = ":$1" 
   grep -q '^Process loop has exited naturally' "$said"
 }
 
+# http PATH [HOST]: what the status page answers.
+http() {
+  inside timeout 10 bash -c 'exec 3<>/dev/tcp/127.0.0.1/9480 &&
+    printf "GET %s HTTP/1.1\r\nHost: %s\r\nConnection: close\r\n\r\n" "$0" "$1" >&3 && cat <&3' "$1" "${2:-localhost}"
+}
+page_has() { http "$1" 2>/dev/null | grep -qF -- "$2"; }
+
+@test "StatusPageIsOffUntilItIsStarted" {
+  sed -n '/^## Watch the runs$/,/^It is not/s/^    //p' "$root_directory/docs/install.md" >"$BATS_TEST_TMPDIR/commands"
+  run_commands /packages
+  [[ $(inside systemctl is-active jobmill-status) == inactive ]]
+  [[ $(inside systemctl is-enabled jobmill-status) == disabled ]]
+  [[ $(inside systemctl is-active jobmill-collector) == inactive ]]
+  sed -n '/^It is not/,/^## /s/^    //p' "$root_directory/docs/install.md" >"$BATS_TEST_TMPDIR/commands"
+  run_commands /
+  echo 'Watch the runs' >>"$BATS_FILE_TMPDIR/followed"
+  eventually 20 page_has /metrics 'jobmill_collector_up 1'
+  page_has /metrics 'jobmill_daemons 1'
+  launch TENWELLS
+  eventually 20 page_has / '<b>TENWELLS</b>'
+  # In full: the collector has the right to look.
+  eventually 20 page_has '/?state=waiting%20for%20the%20master' '<b>TENWELLS</b>'
+  page_has / 'alice'
+  eventually 20 page_has /api/check '"findings"'
+  eventually 70 page_has /api/history '"sentence"'
+  [[ $(http / evil.example) == *' 421 '* ]]
+  finish TENWELLS
+  # It can be reached from the machine itself alone, and has no rights.
+  [[ $(inside ss --listening --tcp --numeric --no-header sport = :9480 | awk '{ print $4 }') == 127.0.0.1:9480 ]]
+  local pid
+  pid=$(main_pid jobmill-status)
+  [[ $(inside awk '/^Uid:/ { print ($2 >= 61184 && $2 <= 65519) }' "/proc/$pid/status") == 1 ]]
+  inside grep -qE '^NoNewPrivs:.1$' "/proc/$pid/status"
+  inside grep -qE '^CapEff:.0000000000000000$' "/proc/$pid/status"
+  # What it shows others reach by asking it and in no other way, and nothing can be executed in it.
+  never as 61001 cat /run/jobmill-status/seen/snapshot.json 2>/dev/null
+  never inside nsenter --target "$pid" --mount -- /bin/sh -c : 2>/dev/null
+  # The collector goes when nobody wants it, and comes back alone.
+  inside kill -KILL "$(main_pid jobmill-collector)"
+  eventually 20 page_has /metrics 'jobmill_collector_up 1'
+  inside systemctl stop jobmill-status
+  eventually 10 test "$(inside systemctl is-active jobmill-collector)" == inactive
+  inside systemctl start jobmill-status
+  eventually 20 page_has /metrics 'jobmill_collector_up 1'
+}
+
+@test "StatusPageIsRemovedAndPurged" {
+  inside apt-get remove -y jobmill-status >"$BATS_TEST_TMPDIR/said" 2>&1
+  [[ $(inside systemctl is-active jobmill-status jobmill-collector) != *active$'\n'active* ]]
+  never page_has / html
+  serves
+  inside apt-get purge -y jobmill-status >"$BATS_TEST_TMPDIR/said" 2>&1
+  [[ -z $(inside systemctl list-unit-files --no-legend 'jobmill-status*' 'jobmill-collector*') ]]
+  [[ -z $(inside find /run /etc /usr /var/lib -xdev \( -name 'jobmill-status*' -o -name 'jobmill-collector*' \) \
+    ! -path '/var/lib/dpkg/*') ]]
+}
+
 @test "RunGoesOnThroughARestart" {
   launch TENWELLS
   local simulator daemon

@@ -11,7 +11,7 @@ setup() {
 
 teardown() { rm -rf "${work:-}"; }
 
-names=(jobmill jobmill-client jobmill-simulator)
+names=(jobmill jobmill-client jobmill-simulator jobmill-status)
 
 @test "LintianFindsNothingThatHasNoReason" {
   lintian --allow-root --tag-display-limit 0 --fail-on error,warning "$packages"/*.deb
@@ -25,7 +25,7 @@ names=(jobmill jobmill-client jobmill-simulator)
 
 @test "RpmlintFindsNothingThatHasNoReason" {
   rpmlint --config "$root_directory/deploy/rpmlint.toml" "$packages"/*.rpm >"$work/findings"
-  grep -qE '3 packages and 0 specfiles checked; 0 errors, 0 warnings' "$work/findings"
+  grep -qE '4 packages and 0 specfiles checked; 0 errors, 0 warnings' "$work/findings"
 }
 
 @test "VersionIsTheSameEverywhere" {
@@ -56,13 +56,16 @@ tree() {
     tree "$work/$name/rpm" | diff "$work/deb.txt" -
     (($(wc -l <"$work/deb.txt") >= 2))
     # The same bytes, too.
-    cmp "$work/$name"/{deb,rpm}/usr/lib/jobmill/vk*[^s]
+    [[ $name == jobmill-status ]] || cmp "$work/$name"/{deb,rpm}/usr/lib/jobmill/vk*[^s]
   done
   cd "$work/jobmill"
   diff -r deb/usr/share/jobmill rpm/usr/share/jobmill
   diff -r deb/etc rpm/etc
   diff -r deb/lib/systemd rpm/usr/lib/systemd
   diff -r {deb,rpm}/usr/share/doc/jobmill/docs
+  cd "$work/jobmill-status"
+  diff -r deb/lib/systemd rpm/usr/lib/systemd
+  diff -r {deb,rpm}/usr/share/jobmill/monitoring
 }
 
 @test "ScriptletsOfTheRpmAreThoseOfTheDebianPackage" {
@@ -78,6 +81,11 @@ tree() {
     never grep -nE '^@' "$work/control/$script"
     sh -n "$work/control/$script" "$work/rpm.$part"
   done
+}
+
+@test "StatusPageComesWithTheDaemonOfItsVersionAndWithNothingElse" {
+  [[ $(dpkg-deb -f "$(deb jobmill-status)" Depends) == "jobmill (= $version-1)" ]]
+  rpm -qpR "$(rpm_file jobmill-status)" | grep -qx "jobmill = $version-1"
 }
 
 @test "ConfigurationBelongsToTheAdministrator" {
@@ -123,19 +131,19 @@ FILES
   "$work/clone/scripts/package" "$work/again" >"$work/said"
   (cd "$packages" && sha256sum jobmill*) >"$work/sums"
   (cd "$work/again" && sha256sum --check --quiet "$work/sums")
-  (($(wc -l <"$work/sums") == 7))
+  (($(wc -l <"$work/sums") == 9))
 }
 
 @test "RpmsAreInstalledAndRemovedBesideEachOther" {
   mkdir -p "$work/root"/{etc,usr,var}
   local rpm=(rpm --root "$work/root") change=(--nodeps --noscripts)
   "${rpm[@]}" -i "${change[@]}" "$packages"/*.rpm 2>"$work/complaints"
-  [[ $("${rpm[@]}" -qa | wc -l) == 3 ]]
-  "${rpm[@]}" -V --nodeps jobmill jobmill-client jobmill-simulator
+  [[ $("${rpm[@]}" -qa | wc -l) == 4 ]]
+  "${rpm[@]}" -V --nodeps "${names[@]}"
   [[ $(stat -c '%a %s' "$work/root/etc/jobmill/users") == '600 0' ]]
   "$work/root/usr/sbin/vkjobmill.exe" -v | grep -q '^Jobmill'
   echo 'OPTIONS="-p 1"' >"$work/root/etc/jobmill/jobmill.conf"
-  "${rpm[@]}" -e "${change[@]}" jobmill jobmill-client jobmill-simulator 2>"$work/complaints"
+  "${rpm[@]}" -e "${change[@]}" "${names[@]}" 2>"$work/complaints"
   # What the administrator has changed is kept.
   [[ $(cat "$work/root/etc/jobmill/jobmill.conf.rpmsave") == 'OPTIONS="-p 1"' ]]
   cd "$work/root"
