@@ -1,0 +1,247 @@
+"""Requests and the reading of their answers, without a connection: Run and AsyncRun do the same with them."""
+
+from __future__ import annotations
+
+import datetime
+from typing import (
+    Any,
+    Callable,
+    Dict,
+    Generic,
+    Iterable,
+    List,
+    Mapping,
+    Optional,
+    Sequence,
+    TypeVar,
+)
+
+from .errors import ProtocolError
+from .master_link import (
+    INFLOW_TABLES,
+    NEXT_INFLOW_TABLE,
+    NEXT_OPERATING_POINT,
+    OPERATING_POINTS,
+    Values,
+    code_of,
+    pack_request,
+    take_frames,
+    title,
+    unpack_reply,
+)
+from .results import EquationOfState, InflowTables, OperatingPoints, Wells
+
+Result = TypeVar("Result")
+
+#: Records that are asked for before the first of them is there. Their requests take 8 bytes each, so all of
+#: them fit into the smallest buffers that systems give a connection: the daemon, which reads a request only
+#: when it has sent the answer before, never keeps this end from sending, and this end reads whenever
+#: there is something to read.
+AHEAD = 512
+
+
+class Exchange(Generic[Result]):
+    """A request, what is sent after it, and how the answers become a result."""
+
+    def __init__(
+        self, code: int, finish: Callable[[Values, List[bytes]], Result], **fields: Any
+    ) -> None:
+        self.title = title(code)
+        self.done = False
+        self._code = code
+        self._finish = finish
+        self._request = pack_request(code, **fields)
+        self._first: Optional[Values] = None
+        self._replies: List[bytes] = []
+        self._asked = 0
+        self._next = {OPERATING_POINTS: NEXT_OPERATING_POINT, INFLOW_TABLES: NEXT_INFLOW_TABLE}.get(
+            code, 0
+        )
+        self._ask_next = pack_request(self._next) if self._next else b""
+        self._records = len(fields["wells"]) if self._next else 0
+
+    def begin(self) -> bytes:
+        """What is to be sent first."""
+        return self._request
+
+    def take(self, received: bytearray) -> bytes:
+        """Takes whole answers out of what was received, and says what is to be sent then."""
+        while not self.done:
+            bodies = take_frames(received, 1 if self._first is None else self._records)
+            if not bodies:
+                break
+            if self._first is None:
+                self._expect(bodies, self._code)
+                self._first = unpack_reply(bodies.pop())
+                if self._records and self._first["n"] != self._records:
+                    raise ProtocolError(
+                        f"'{self.title}' announces {self._first['n']} records for {self._records} wells"
+                    )
+            self._expect(bodies, self._next)
+            self._replies += bodies
+            self.done = len(self._replies) == self._records
+        return self._ahead()
+
+    def result(self) -> Result:
+        assert self._first is not None
+        return self._finish(self._first, self._replies)
+
+    def _expect(self, bodies: List[bytes], code: int) -> None:
+        for body in bodies:
+            if code_of(body) != code:
+                raise ProtocolError(f"a reply with the code {code_of(body)} to the request {code}")
+
+    def _ahead(self) -> bytes:
+        if self._first is None:
+            return b""
+        # Each batch of requests also acknowledges the answers before it. A daemon with Nagle's algorithm on
+        # keeps small answers back until then, for up to 200 ms, so the last request goes out alone: it
+        # acknowledges all other answers, and nothing keeps the last one back.
+        last = self._records - 1
+        more = min(AHEAD - (self._asked - len(self._replies)), last - self._asked)
+        if len(self._replies) == last == self._asked:
+            more = 1
+        self._asked += max(0, more)
+        return self._ask_next * max(0, more)
+
+
+def _nothing(values: Values, replies: List[bytes]) -> None:
+    return None
+
+
+def _value(name: str) -> Callable[[Values, List[bytes]], Any]:
+    return lambda values, replies: values[name]
+
+
+def _date(values: Values, replies: List[bytes]) -> datetime.date:
+    try:
+        return datetime.date(values["year"], values["month"], values["day"])
+    except ValueError as error:
+        raise ProtocolError(f"a date that is none: {values}") from error
+
+
+def connect() -> Exchange[None]:
+    return Exchange(1, _nothing)
+
+
+def date() -> Exchange[datetime.date]:
+    return Exchange(2, _date)
+
+
+def is_metric() -> Exchange[bool]:
+    return Exchange(3, _value("metric"))
+
+
+def time() -> Exchange[float]:
+    return Exchange(4, _value("days"))
+
+
+def is_compositional() -> Exchange[bool]:
+    return Exchange(5, _value("compositional"))
+
+
+def wells() -> Exchange[Wells]:
+    return Exchange(6, lambda values, _: Wells(values["wells"]))
+
+
+def first_step() -> Exchange[None]:
+    return Exchange(7, _nothing)
+
+
+def run_until(days: float) -> Exchange[None]:
+    return Exchange(8, _nothing, days=days)
+
+
+def has_ended() -> Exchange[bool]:
+    return Exchange(9, _value("ended"))
+
+
+def operating_points(names: Iterable[str]) -> Exchange[OperatingPoints]:
+    asked = tuple(names)
+    return Exchange(
+        10, lambda _, replies: OperatingPoints(asked, replies), n=len(asked), wells=asked
+    )
+
+
+def set_status(statuses: Mapping[str, str]) -> Exchange[None]:
+    n = len(statuses)
+    return Exchange(11, _nothing, n=n, m=n, wells=list(statuses), statuses=list(statuses.values()))
+
+
+def set_uptime(fractions: Mapping[str, float]) -> Exchange[None]:
+    n = len(fractions)
+    return Exchange(
+        12, _nothing, n=n, m=n, wells=list(fractions), fractions=list(fractions.values())
+    )
+
+
+def set_constraints(constraints: Mapping[str, Mapping[str, float]]) -> Exchange[None]:
+    n = len(constraints)
+    return Exchange(
+        13,
+        _nothing,
+        n=n,
+        wells=list(constraints),
+        g=n,
+        constraints=[list(limits) for limits in constraints.values()],
+        h=n,
+        values=[list(limits.values()) for limits in constraints.values()],
+    )
+
+
+def equation_of_state() -> Exchange[EquationOfState]:
+    def finish(values: Values, replies: List[bytes]) -> EquationOfState:
+        fields = {k: v for k, v in values.items() if k not in ("count", "reserved", "components")}
+        return EquationOfState(components=tuple(values["components"]), **fields)
+
+    return Exchange(14, finish)
+
+
+def variables(well: str, names: Iterable[str]) -> Exchange[Dict[str, float]]:
+    asked = tuple(names)
+
+    def finish(values: Values, replies: List[bytes]) -> Dict[str, float]:
+        if len(values["values"]) != len(asked):
+            raise ProtocolError(f"{len(values['values'])} values for {len(asked)} asked")
+        return dict(zip(asked, values["values"]))
+
+    return Exchange(15, finish, well=well, n=len(asked), names=asked)
+
+
+def inflow_tables(
+    names: Iterable[str], components: int, bottom_hole: bool, skewness: float
+) -> Exchange[InflowTables]:
+    asked = tuple(names)
+    return Exchange(
+        16,
+        lambda _, replies: InflowTables(asked, replies),
+        components=components,
+        n=len(asked),
+        wells=asked,
+        bottom_hole=bottom_hole,
+        skewness=skewness,
+    )
+
+
+def simulator_version() -> Exchange[float]:
+    return Exchange(17, _value("version"))
+
+
+def attach_source(well: str, source: str) -> Exchange[bool]:
+    return Exchange(18, lambda values, _: bool(values["accepted"]), well=well, source=source)
+
+
+def set_compositions(compositions: Mapping[str, Sequence[float]]) -> Exchange[None]:
+    n = len(compositions)
+    return Exchange(
+        19,
+        _nothing,
+        n=n,
+        sources=list(compositions),
+        m=n,
+        compositions=[list(fractions) for fractions in compositions.values()],
+    )
+
+
+def start_date() -> Exchange[datetime.date]:
+    return Exchange(20, _date)
