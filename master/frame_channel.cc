@@ -52,7 +52,7 @@ Deadline Sooner(const Deadline& one, const Deadline& other) {
 }
 
 struct Readiness {
-  bool ready = false;
+  short events = 0;  // what has happened on the descriptor
   bool woken = false;
 };
 
@@ -61,7 +61,7 @@ Readiness WaitFor(int descriptor, short events, int wake, const Deadline& deadli
   std::array<pollfd, 2> wait{{{descriptor, events, 0}, {wake, POLLIN, 0}}};
   while (true) {
     const int result = poll(wait.data(), wait.size(), PollTime(deadline));
-    if (result > 0) return {wait[0].revents != 0, wait[1].revents != 0};
+    if (result > 0) return {wait[0].revents, wait[1].revents != 0};
     if (result == 0 && deadline && Clock::now() >= *deadline) return {};
     if (result < 0 && errno != EINTR) throw LinkLost("poll: " + ErrorText(errno));
   }
@@ -73,7 +73,7 @@ int ConnectOnce(int descriptor, const addrinfo& address, const Deadline& deadlin
   if (errno != EINPROGRESS && errno != EINTR) return errno;
   const Readiness now = WaitFor(descriptor, POLLOUT, wake, deadline);
   if (now.woken) throw Interrupted("Interrupted while connecting to the daemon");
-  if (!now.ready) return ETIMEDOUT;
+  if (now.events == 0) return ETIMEDOUT;
   int error = 0;
   socklen_t size = sizeof(error);
   getsockopt(descriptor, SOL_SOCKET, SO_ERROR, &error, &size);
@@ -128,24 +128,18 @@ void FrameChannel::OnWait(milliseconds interval, std::function<void()> tick) {
 }
 
 void FrameChannel::Send(std::string_view body) {
-  const auto length = static_cast<std::uint32_t>(body.size());
-  std::string frame(kLengthBytes, '\0');
-  memcpy(frame.data(), &length, sizeof(length));
-  frame += body;
-
-  std::string_view rest = frame;
-  while (!rest.empty()) {
-    const ssize_t sent = send(descriptor_.get(), rest.data(), rest.size(), MSG_NOSIGNAL);
-    if (sent >= 0) {
-      rest.remove_prefix(static_cast<std::size_t>(sent));
-    } else if (errno == EAGAIN) {
-      if (!WaitFor(descriptor_.get(), POLLOUT, -1, Clock::now() + kSendLimit).ready) {
-        throw LinkLost("The daemon takes no more data");
-      }
-    } else if (errno != EINTR) {
-      throw LinkLost("The connection to the daemon broke: " + ErrorText(errno));
+  SendAhead(body);
+  while (!SendSome()) {
+    if (WaitFor(descriptor_.get(), POLLOUT, -1, Clock::now() + kSendLimit).events == 0) {
+      throw LinkLost("The daemon takes no more data");
     }
   }
+}
+
+void FrameChannel::SendAhead(std::string_view body) {
+  const auto length = static_cast<std::uint32_t>(body.size());
+  unsent_.append(reinterpret_cast<const char*>(&length), sizeof(length));
+  unsent_ += body;
 }
 
 std::optional<std::string> FrameChannel::Receive(const Deadline& deadline) {
@@ -165,6 +159,42 @@ std::optional<std::string> FrameChannel::Receive(const Deadline& deadline) {
 
 void FrameChannel::FinishSending() {
   shutdown(descriptor_.get(), SHUT_WR);
+}
+
+// Sends what the connection takes now. True when nothing is left.
+bool FrameChannel::SendSome() {
+  std::size_t done = 0;
+  while (done < unsent_.size()) {
+    const ssize_t sent =
+        send(descriptor_.get(), unsent_.data() + done, unsent_.size() - done, MSG_NOSIGNAL);
+    if (sent >= 0) {
+      done += static_cast<std::size_t>(sent);
+    } else if (errno == EAGAIN) {
+      break;
+    } else if (errno != EINTR) {
+      const int error = errno;
+      unsent_.clear();
+      throw LinkLost("The connection to the daemon broke: " + ErrorText(error));
+    }
+  }
+  unsent_.erase(0, done);
+  return unsent_.empty();
+}
+
+// What SendAhead() has taken, as far as the connection takes it.
+void FrameChannel::SendUnsent() {
+  if (unsent_.empty()) return;
+  try {
+    if (!SendSome()) return;
+  } catch (const LinkLost&) {
+    // The daemon's last answers may still be here, and behind them is how the connection ended.
+    return;
+  }
+  // The daemon's side holds a small answer back until the one before has been acknowledged (Nagle's
+  // rule), and a system that expects to send soon acknowledges late: 40 ms for ten wells, whose
+  // records take 0.2 ms. All requests are out, so this side has nothing to wait for.
+  const int on = 1;
+  setsockopt(descriptor_.get(), IPPROTO_TCP, TCP_QUICKACK, &on, sizeof(on));
 }
 
 // How many bytes the length field still lacks, or the frame once its length is known. No more are
@@ -194,10 +224,13 @@ bool FrameChannel::ReadSome() {
 
 void FrameChannel::WaitReadable(const Deadline& deadline) {
   while (true) {
+    SendUnsent();
+    const short events = unsent_.empty() ? POLLIN : POLLIN | POLLOUT;
     const Deadline tick = tick_ ? Deadline(Clock::now() + interval_) : Deadline();
-    const Readiness now = WaitFor(descriptor_.get(), POLLIN, wake_, Sooner(deadline, tick));
+    const Readiness now = WaitFor(descriptor_.get(), events, wake_, Sooner(deadline, tick));
     if (now.woken) throw Interrupted("Interrupted while waiting for the daemon");
-    if (now.ready) return;
+    if ((now.events & ~POLLOUT) != 0) return;
+    if (now.events != 0) continue;
     if (deadline && Clock::now() >= *deadline) throw TimedOut("The daemon did not answer in time");
     if (tick_) tick_();
   }

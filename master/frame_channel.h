@@ -46,6 +46,12 @@ class FrameChannel {
   /// nothing for half a minute.
   void Send(std::string_view body);
 
+  /// Takes one frame, which goes out behind the earlier ones while Receive() waits. Many requests
+  /// can be sent ahead of their answers that way: a daemon whose answers fit into the connection no
+  /// more reads nothing until somebody takes them, and Send() would then wait for the daemon, and
+  /// the daemon for this side.
+  void SendAhead(std::string_view body);
+
   /// Blocks for one frame and returns its body; nothing when the peer closed the connection
   /// between two frames. Throws LinkLost when it broke or was closed in mid-frame, ProtocolError
   /// for an impossible length, TimedOut, Interrupted. After the last two a further call goes on
@@ -56,12 +62,15 @@ class FrameChannel {
   void FinishSending();
 
  private:
+  bool SendSome();
+  void SendUnsent();
   std::size_t Wanted() const;
   bool ReadSome();
   void WaitReadable(const Deadline& deadline);
 
   Descriptor descriptor_;
   int wake_ = -1;
+  std::string unsent_;   // frames that have not left yet, the first perhaps in part
   std::string pending_;  // the frame being received, its length field included
   std::chrono::milliseconds interval_{0};
   std::function<void()> tick_;

@@ -3,7 +3,9 @@
 #include <string.h>
 
 #include <array>
+#include <iterator>
 #include <optional>
+#include <span>
 
 #include "master/errors.h"
 #include "master/reply_reader.h"
@@ -56,6 +58,27 @@ WellIPR ReadWellIPR(const std::string& body, bool with_components) {
   }
   reply.End();
   return table;
+}
+
+using Names = std::span<const std::string>;
+
+// The wells in groups that one GetWellData can name; one group without any wells.
+std::vector<Names> GroupsOf(const std::vector<std::string>& wells) {
+  constexpr std::size_t kHead = sizeof(std::uint32_t) + kLengthField;  // code and count
+  std::vector<Names> groups;
+  std::size_t begin = 0;
+  std::size_t size = kHead;
+  for (std::size_t i = 0; i < wells.size(); ++i) {
+    const std::size_t more = kLengthField + wells[i].size();
+    if (i > begin && size + more > master_link::kMaxFrame) {
+      groups.push_back(Names(wells).subspan(begin, i - begin));
+      begin = i;
+      size = kHead;
+    }
+    size += more;
+  }
+  groups.push_back(Names(wells).subspan(begin));
+  return groups;
 }
 
 // The daemon announces as many records as there were wells in the request. With another number both
@@ -149,21 +172,35 @@ bool Run::GetTermFlag() {
 }
 
 std::vector<WellData> Run::GetWellData(const std::vector<std::string>& wells) {
-  RequestWriter request = Request(Code::kGetWellData);
-  request.Count(wells.size());
-  request.Strings(wells);
-  record_code_ = Code::kWellDataRecord;
-  records_due_ = wells.size();
-  const std::string body = Exchange(Code::kGetWellData, request);
-  ReplyReader reply = Reply(body, Code::kGetWellData);
-  CheckRecordCount(reply.Int(), wells.size(), Code::kGetWellData);
-  reply.End();
+  const std::vector<Names> groups = GroupsOf(wells);
+  const auto request_of = [](const Names& names) {
+    RequestWriter request = Request(Code::kGetWellData);
+    request.Count(names.size());
+    for (const std::string& name : names) request.String(name);
+    return request;
+  };
+  for (const Names& names : groups) Check(Code::kGetWellData, request_of(names));
 
   std::vector<WellData> records;
-  while (records_due_ > 0) {
-    Send(record_code_, Request(record_code_));
-    --records_due_;
-    records.push_back(ReadWellData(Await(record_code_)));
+  records.reserve(wells.size());
+  for (auto group = groups.begin(); group != groups.end(); ++group) {
+    // Those of the later groups have been sent behind the requests for the records of the former.
+    if (group == groups.begin() || one_by_one_) {
+      ExpectRecords(Code::kWellDataRecord, group->size());
+      Send(Code::kGetWellData, request_of(*group));
+    }
+    const std::string body = Await(Code::kGetWellData);
+    ReplyReader reply = Reply(body, Code::kGetWellData);
+    CheckRecordCount(reply.Int(), group->size(), Code::kGetWellData);
+    reply.End();
+    if (!one_by_one_) {
+      AskForRecords();
+      if (const auto next = std::next(group); next != groups.end()) {
+        channel_.SendAhead(request_of(*next).body());
+        ExpectRecords(Code::kWellDataRecord, next->size());
+      }
+    }
+    for (std::size_t i = 0; i < group->size(); ++i) records.push_back(ReadWellData(NextRecord()));
   }
   return records;
 }
@@ -241,8 +278,8 @@ IPRTables Run::GetWellIPRData(const IPRRequest& asked) {
   request.Strings(asked.wells);
   request.FlagByte(asked.bottom_hole);
   request.Double(asked.skewness);
-  record_code_ = Code::kWellIPRRecord;
-  records_due_ = asked.wells.size();
+  Check(Code::kGetWellIPRData, request);
+  ExpectRecords(Code::kWellIPRRecord, asked.wells.size());
   const std::string body = Exchange(Code::kGetWellIPRData, request);
   ReplyReader reply = Reply(body, Code::kGetWellIPRData);
   CheckRecordCount(reply.Int(), asked.wells.size(), Code::kGetWellIPRData);
@@ -250,10 +287,9 @@ IPRTables Run::GetWellIPRData(const IPRRequest& asked) {
   tables.points = reply.Int();
   reply.End();
 
-  while (records_due_ > 0) {
-    Send(record_code_, Request(record_code_));
-    --records_due_;
-    tables.wells.push_back(ReadWellIPR(Await(record_code_), asked.components > 0));
+  if (!one_by_one_) AskForRecords();
+  for (std::size_t i = 0; i < asked.wells.size(); ++i) {
+    tables.wells.push_back(ReadWellIPR(NextRecord(), asked.components > 0));
   }
   return tables;
 }
@@ -296,10 +332,10 @@ void Run::Shutdown() {
 }
 
 bool Run::ShutdownWithin(const Deadline& deadline) {
-  // In the middle of a record exchange the daemon takes nothing but record requests. All that are
-  // due are sent at once; the daemon reads them one by one, and at last the shutdown.
-  for (; records_due_ > 0; --records_due_) Send(record_code_, Request(record_code_));
-  Send(Code::kShutdown, Request(Code::kShutdown));
+  // In the middle of a record exchange the daemon takes nothing but requests for records. All that
+  // are due go out at once; the daemon reads them one by one, and at last the shutdown.
+  AskForRecords();
+  channel_.SendAhead(Request(Code::kShutdown).body());
   try {
     while (true) {
       const std::optional<std::string> body = channel_.Receive(deadline);
@@ -323,14 +359,36 @@ std::string Run::Exchange(Code code, const RequestWriter& request) {
   return Await(code);
 }
 
-void Run::Send(Code code, const RequestWriter& request) {
+void Run::Check(Code code, const RequestWriter& request) {
   if (request.body().size() > master_link::kMaxFrame) {
-    records_due_ = 0;
     throw RequestTooLong(NameOf(code) + " would be " + std::to_string(request.body().size()) +
                          " bytes long; the daemon reads no more than " +
                          std::to_string(master_link::kMaxFrame));
   }
+}
+
+void Run::Send(Code code, const RequestWriter& request) {
+  Check(code, request);
   channel_.Send(request.body());
+}
+
+void Run::ExpectRecords(Code code, std::size_t count) {
+  record_code_ = code;
+  records_due_ = count;
+}
+
+// The requests for all records that are due. They are no more than one frame has room for names,
+// 105 KB for the shortest names, and the daemon's answers are read while they go out.
+void Run::AskForRecords() {
+  for (; records_due_ > 0; --records_due_) channel_.SendAhead(Request(record_code_).body());
+}
+
+std::string Run::NextRecord() {
+  if (one_by_one_) {
+    Send(record_code_, Request(record_code_));
+    --records_due_;
+  }
+  return Await(record_code_);
 }
 
 std::string Run::Await(Code code) {

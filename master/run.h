@@ -41,6 +41,10 @@ class Run {
 
   FrameChannel& channel() { return channel_; }
 
+  /// From now on asks for the record of each well only when that of the well before has come, as
+  /// earlier versions did: a round trip a well.
+  void AskOneByOne() { one_by_one_ = true; }
+
   /// Lets the daemon connect to the simulator; before it no other request but Shutdown() succeeds.
   void Connect();
   Date GetDate();
@@ -56,7 +60,9 @@ class Run {
   void RunUntil(double days);
   bool GetTermFlag();
 
-  /// One record per well, in order; two frames each way per well.
+  /// One record per well, in order. Two round trips, however many wells: the requests for the
+  /// records go out ahead of the answers. More wells than a frame can name are asked for in groups,
+  /// of which each takes a round trip more.
   std::vector<WellData> GetWellData(const std::vector<std::string>& wells);
 
   /// The lists are parallel. The daemon does not compare their lengths; the simulator may refuse.
@@ -69,8 +75,9 @@ class Run {
   std::vector<double> GetWellVariables(const std::string& well,
                                        const std::vector<std::string>& names);
 
-  /// Opens the wells and leaves them limited to a tenth or so of their rate: whoever goes on with
-  /// the run sets statuses and constraints again.
+  /// Two round trips, and no groups: the tables of one request are cut back together, which those
+  /// of two would not be. Opens the wells and leaves them limited to a tenth or so of their rate:
+  /// whoever goes on with the run sets statuses and constraints again.
   IPRTables GetWellIPRData(const IPRRequest& asked);
 
   double GetVersion();
@@ -96,14 +103,20 @@ class Run {
  private:
   std::string Exchange(Code code, const RequestWriter& request);
   std::string Await(Code code);
+  void Check(Code code, const RequestWriter& request);
   void Send(Code code, const RequestWriter& request);
+  void ExpectRecords(Code code, std::size_t count);
+  void AskForRecords();
+  std::string NextRecord();
   void Simple(Code code);
   Date DateOf(Code code);
   bool FlagOf(Code code);
   double DoubleOf(Code code);
 
   FrameChannel channel_;
-  // How many sub-requests of this code the daemon waits for. Until then it serves nothing else.
+  bool one_by_one_ = false;
+  // How many requests of this code, for records, the daemon waits for that have not been sent.
+  // Until they come it serves nothing else.
   Code record_code_ = Code::kWellDataRecord;
   std::size_t records_due_ = 0;
 };

@@ -166,7 +166,8 @@ TEST_F(RunTest, StatusOfFiveThousandWellsIsReadWhole) {
 
 TEST_F(RunTest, RequestLongerThanTheDaemonReadsIsNotSent) {
   const std::vector<std::string> wells(10000, "WELL");
-  EXPECT_THROW(run_.GetWellData(wells), master::RequestTooLong);
+  EXPECT_THROW(run_.GetWellIPRData({.wells = wells}), master::RequestTooLong);
+  EXPECT_THROW(run_.SetWellUptime(wells, {1}), master::RequestTooLong);
   EXPECT_EQ(Sent(), "");
   ReplyAsIn("GetTimeDays");
   EXPECT_EQ(run_.GetTimeDays(), 365.25) << "the link is as good as before";

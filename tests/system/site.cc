@@ -35,9 +35,10 @@ Site::Site(std::vector<std::string> variables, std::vector<std::string> argument
   daemon_ = std::make_unique<RunningDaemon>(options);
 }
 
-master::Launch Site::Request(const std::string& root, const std::string& version) {
+master::Launch Site::Request(const std::string& root, const std::string& version, int port) {
+  if (port == 0) port = daemon_->port();
   master::Launch launch(
-      master::FrameChannel::ConnectTo("127.0.0.1", daemon_->port(), std::chrono::seconds(5)));
+      master::FrameChannel::ConnectTo("127.0.0.1", port, std::chrono::seconds(5)));
   launch.ExchangeVersions();
   master::RunRequest request;
   request.path = data_.path().string() + "/";
@@ -49,9 +50,9 @@ master::Launch Site::Request(const std::string& root, const std::string& version
 }
 
 std::unique_ptr<master::Run> Site::Start(const std::string& root, const std::string& deck,
-                                         const std::string& version) {
+                                         const std::string& version, int port) {
   data_.Write(root + ".afi", deck);
-  master::Launch launch = Request(root, version);
+  master::Launch launch = Request(root, version, port);
   launch.AwaitHost();
   auto run = std::make_unique<master::Run>(launch.Release());
   run->Connect();
@@ -60,7 +61,7 @@ std::unique_ptr<master::Run> Site::Start(const std::string& root, const std::str
 
 std::string Site::RefusalOf(const std::string& root) {
   try {
-    Request(root, "20172").AwaitHost();
+    Request(root, "20172", 0).AwaitHost();
   } catch (const master::LaunchRefused& refused) {
     return refused.what();
   }

@@ -18,9 +18,9 @@ class Site {
   const TemporaryDirectory& data() const { return data_; }
 
   /// The handshake for model `root`, whose deck is written first; up to the connection with the
-  /// simulator.
+  /// simulator. `port` is the daemon's, when it is 0, or that of a relay before it.
   std::unique_ptr<master::Run> Start(const std::string& root, const std::string& deck,
-                                     const std::string& version = "20172");
+                                     const std::string& version = "20172", int port = 0);
 
   /// The same up to the host; what the daemon answered when it refused.
   std::string RefusalOf(const std::string& root);
@@ -29,7 +29,7 @@ class Site {
   bool IsQuiet(const std::string& root) const;
 
  private:
-  master::Launch Request(const std::string& root, const std::string& version);
+  master::Launch Request(const std::string& root, const std::string& version, int port);
 
   TemporaryDirectory data_;
   std::unique_ptr<RunningDaemon> daemon_;

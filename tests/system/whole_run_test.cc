@@ -20,10 +20,12 @@
 
 #include "simulator/deck.h"
 #include "simulator/reservoir.h"
+#include "tests/support/delaying_relay.h"
 #include "tests/system/site.h"
 
 namespace {
 
+using std::chrono::milliseconds;
 using Names = std::vector<std::string>;
 
 const Names kWells = {"P1", "P2", "W1", "G1"};
@@ -356,6 +358,57 @@ TEST(ManyWellsTest, FiveThousandAreRightAndDoublingThemDoublesTheWorkAtMost) {
   EXPECT_LT(whole.least_seconds(), 2 * half.least_seconds() * 1.4);
   half.Shutdown();
   whole.Shutdown();
+}
+
+constexpr std::chrono::duration<double> kRoundTrip{0.1};
+
+// What operating points and inflow tables of all wells take, next door or over a relay that delays.
+// They are read three times, since a busy machine adds to each reading.
+double SecondsOfReading(Site& site, const std::string& root, int wells, bool far) {
+  const DelayingRelay relay(site.daemon().port(), milliseconds(far ? 50 : 0));
+  const auto run = site.Start(root, ManyWells(wells), "20172", relay.port());
+  run->Newton();
+  Names names;
+  for (int i = 0; i < wells; ++i) names.push_back("W" + std::to_string(i));
+  double least = std::numeric_limits<double>::infinity();
+  for (int i = 0; i < 3; ++i) {
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(run->GetWellData(names).size(), names.size());
+    EXPECT_EQ(run->GetWellIPRData({names, 0, true, 1.0}).wells.size(), names.size());
+    const std::chrono::duration<double> took = std::chrono::steady_clock::now() - begin;
+    least = std::min(least, took.count());
+  }
+  run->Shutdown();
+  return least;
+}
+
+TEST(DistanceTest, ReadingManyWellsTakesThreeRoundTripsMoreThanNextDoor) {
+  Site site;
+  const double near = SecondsOfReading(site, "NEAR", 200, false);
+  const double far = SecondsOfReading(site, "FAR", 200, true);
+  std::cout << "200 wells, twice: " << near << " s, from afar " << far << " s\n";
+  // Twice, since there are two readings; a round trip a well would take forty seconds.
+  EXPECT_LT(far, near + 2 * 3 * kRoundTrip.count());
+}
+
+// The daemon's connections obey Nagle's rule: where this end acknowledged late, ten wells took 40
+// ms.
+TEST(DistanceTest, FewWellsAreReadAtOnceOnOneMachine) {
+  Site site;
+  const auto run = site.Start("TEN", ManyWells(10));
+  run->Newton();
+  Names names;
+  for (int i = 0; i < 10; ++i) names.push_back("W" + std::to_string(i));
+  std::vector<double> took;
+  for (int i = 0; i < 21; ++i) {
+    const auto begin = std::chrono::steady_clock::now();
+    run->GetWellData(names);
+    took.push_back(std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count());
+  }
+  std::sort(took.begin(), took.end());
+  std::cout << "10 wells: " << 1000 * took[10] << " ms\n";
+  EXPECT_LT(took[10], 0.020);
+  run->Shutdown();
 }
 
 }  // namespace

@@ -37,6 +37,12 @@ class DaemonEnd {
     return received_.back();
   }
 
+  /// Whether a further frame comes within a fifth of a second, without its being read.
+  bool HasMore() const {
+    pollfd wait{descriptor_, POLLIN, 0};
+    return poll(&wait, 1, 200) == 1;
+  }
+
   const std::vector<std::string>& received() const { return received_; }
 
  private:

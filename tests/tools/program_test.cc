@@ -186,6 +186,39 @@ TEST_F(ProgramTest, RatesAreSummedOverTheWells) {
             "1,2020-01-02,false,600,606,603,609,612\n");
 }
 
+// The daemon answers each record at once and would not notice: what is to be read while it answers
+// is what was sent ahead.
+TEST(ProgramDistance, RecordsAreAskedForAheadUnlessOneByOneIsWanted) {
+  for (const bool one_by_one : {false, true}) {
+    bool ahead = false;
+    FakeDaemon daemon([&](DaemonEnd& end) {
+      FakeDaemon::Handshake(end);
+      end.Send("OK|node17");
+      FakeRun run;
+      for (int request = 0; request < 3; ++request) {  // connect, wells, units
+        const std::string frame = *end.Receive();
+        run.Answer(end, NumberAt<std::uint32_t>(frame), frame.substr(4));
+      }
+      end.Receive();
+      end.Send(Pack(10).Int(3).Done());
+      end.Receive();
+      ahead = end.HasMore();
+      for (int i = 0; i < 3 && (i == 0 || end.Receive()); ++i) {
+        Pack record(4096);
+        record.String("OPEN");
+        for (int value = 0; value < 8; ++value) record.Double(value);
+        end.Send(record.Done());
+      }
+      run.Serve(end);
+    });
+    std::vector<std::string> arguments = LaunchArguments(daemon.port(), {"data"});
+    if (one_by_one) arguments.insert(arguments.begin(), "--one-by-one");
+    const Outcome outcome = RunVkmaster(arguments);
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    EXPECT_EQ(ahead, !one_by_one);
+  }
+}
+
 TEST_F(ProgramTest, EndOfTheSimulationEndsAnAdvance) {
   run_.end = 50;
   const Outcome outcome = Master({"until", "90", "step", "30"});

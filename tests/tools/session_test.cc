@@ -71,20 +71,6 @@ TEST_F(SessionTest, WellThatTheModelAddsIsFoundByAskingAgain) {
   EXPECT_THAT(session_.Resolve({"P3"}), ElementsAre("P3"));
 }
 
-TEST_F(SessionTest, DataOfMoreWellsThanFitARequestIsAskedForInParts) {
-  run_.wells.clear();
-  std::vector<std::string> names;
-  names.reserve(7000);
-  for (int i = 0; i < 7000; ++i) names.push_back("WELL" + std::to_string(i));
-  EXPECT_THAT(session_.Data(names), SizeIs(7000));
-  std::size_t requests = 0;
-  for (const std::string& frame : end_.received()) {
-    if (frame[0] == 10) ++requests;
-    EXPECT_LE(frame.size(), 65536U);
-  }
-  EXPECT_EQ(requests, 2U);
-}
-
 TEST_F(SessionTest, StartDateAndUnitsAreAskedForOnce) {
   session_.StartDate();
   session_.StartDate();

@@ -243,6 +243,26 @@ TEST_F(WellCommandsTest, IPRInFieldUnitsFreesAWellToTheFieldsRate) {
                                     "01000000 01000000 00000000006af840"))));
 }
 
+TEST_F(WellCommandsTest, IPROfMoreWellsThanARequestNamesIsBuiltInGroups) {
+  run_.wells.clear();
+  for (int i = 0; i < 7000; ++i) {
+    run_.wells.push_back({"WELL" + std::to_string(i), "PRODUCER", "OPEN"});
+  }
+  const std::string csv = Do("ipr all no-plot");
+  EXPECT_THAT(csv, HasSubstr("\nWELL6999,10,"));
+  EXPECT_THAT(csv, HasSubstr("note: These are more wells than one request can name: they were cut "
+                             "back in 2 groups"));
+  const std::vector<std::string> requests = Requests(16);
+  EXPECT_THAT(requests, SizeIs(2));
+  for (const std::string& request : requests) EXPECT_LE(Bytes(request).size(), 65536U);
+  // The first group has its statuses again before the second is cut back.
+  std::string order;
+  for (const std::string& frame : end_.received()) {
+    if (frame[0] == 16 || frame[0] == 11) order += frame[0] == 16 ? 'T' : 's';
+  }
+  EXPECT_EQ(order, "TssTs");
+}
+
 TEST_F(WellCommandsTest, IPRWithKeepLeavesTheWellsAsTheyAre) {
   EXPECT_THAT(Do("ipr P1 keep"), HasSubstr("note: The wells are open and limited"));
   EXPECT_THAT(Requests(13), IsEmpty());

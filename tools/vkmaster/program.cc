@@ -159,6 +159,7 @@ class Program {
       return failure.status == kUsage ? kUsage : kNotLaunched;
     }
     session_.emplace(master::Run(launch->Release()), launched_);
+    if (options_.one_by_one) session_->raw_run().AskOneByOne();
     session_->raw_run().channel().OnWait(kTick, [this] { progress_.Tick(); });
     return kOk;
   }

@@ -119,6 +119,8 @@ void AddOtherOptions(CLI::App& app, Options& options) {
   app.add_flag("--leave", options.leave, "do not shut the run down at the end");
   app.add_flag("--keep-going", options.keep_going,
                "go on after a command that could not be understood or sent");
+  app.add_flag("--one-by-one", options.one_by_one,
+               "ask for the record of a well only when that of the well before has come");
   AddSeconds(app, "--connect-wait", options.connect_wait, "seconds to wait for the daemon");
   AddSeconds(app, "--launch-wait", options.launch_wait,
              "seconds to wait for the simulator to be launched; 0 waits as long as it queues");

@@ -38,6 +38,7 @@ struct Options {
   bool progress = true;
   bool leave = false;
   bool keep_going = false;
+  bool one_by_one = false;
   std::chrono::seconds connect_wait{10};
   std::chrono::seconds launch_wait{0};  ///< 0 waits for ever
   std::chrono::seconds shutdown_wait{30};

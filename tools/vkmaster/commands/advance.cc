@@ -30,7 +30,7 @@ void AddSums(Session& session, Result& result) {
   const Units& units = UnitsOf(session.Metric());
   std::vector<std::string> names;
   for (const master::WellStatus& well : session.Wells()) names.push_back(well.name);
-  const std::vector<master::WellData> wells = session.Data(names);
+  const std::vector<master::WellData> wells = session.run().GetWellData(names);
   const auto add = [&](const char* key, const char* label, double master::WellData::*rate,
                        const std::string& unit) {
     double sum = 0;

@@ -166,26 +166,37 @@ Result BuildIPR(Session& session, const IPROrder& order) {
   const int components = order.all_components
                              ? static_cast<int>(session.run().GetEOSProps().components.size())
                              : order.components;
-  const master::IPRTables tables = session.run().GetWellIPRData({.wells = names,
-                                                                 .components = components,
-                                                                 .bottom_hole = order.bottom_hole,
-                                                                 .skewness = order.skewness});
+  // A request has its code, two counts, a byte and the skewness besides the names.
+  const std::vector<std::vector<std::string>> groups = Parts(names, 21, 0);
 
   Result result{.command = "ipr"};
   result.tables.push_back(TableOf(units, order.bottom_hole, components));
-  for (std::size_t i = 0; i < names.size(); ++i) {
-    AddRows(result.tables[0], names[i], tables.wells[i], components);
-    if (order.plot && i < kMostPlots) {
-      result.drawing += (i > 0 ? "\n" : "") +
-                        PlotOf(before.at(names[i]), tables.wells[i], units, order.bottom_hole);
+  std::size_t drawn = 0;
+  for (const std::vector<std::string>& group : groups) {
+    const master::IPRTables tables = session.run().GetWellIPRData({.wells = group,
+                                                                   .components = components,
+                                                                   .bottom_hole = order.bottom_hole,
+                                                                   .skewness = order.skewness});
+    for (std::size_t i = 0; i < group.size(); ++i) {
+      AddRows(result.tables[0], group[i], tables.wells[i], components);
+      if (order.plot && drawn < kMostPlots) {
+        result.drawing += (drawn++ > 0 ? "\n" : "") +
+                          PlotOf(before.at(group[i]), tables.wells[i], units, order.bottom_hole);
+      }
     }
+    if (!order.keep) Restore(session, group, before);
+  }
+  if (groups.size() > 1) {
+    result.notes.push_back(
+        fmt::format("These are more wells than one request can name: they were cut back in {} "
+                    "groups, each beside the others as they are",
+                    groups.size()));
   }
   if (order.keep) {
     result.notes.emplace_back(
         "The wells are open and limited to the last point's rates; set their statuses and "
         "constraints before the run goes on");
   } else {
-    Restore(session, names, before);
     result.notes.emplace_back(
         "The wells have their statuses again, and the rate limits of this session; rate limits "
         "from the model itself were lifted and have to be set again with constrain");

@@ -50,7 +50,7 @@ Result DataResult(Session& session, const Words& patterns) {
                {"tubing_head_pressure", "thp", units.pressure},
                {"uptime_fraction", "uptime", ""}},
               {}};
-  const std::vector<master::WellData> records = session.Data(names);
+  const std::vector<master::WellData> records = session.run().GetWellData(names);
   for (std::size_t i = 0; i < records.size(); ++i) {
     const master::WellData& data = records[i];
     table.rows.push_back({names[i], data.status, data.oil_rate, data.water_rate, data.gas_rate,

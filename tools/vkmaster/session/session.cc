@@ -125,15 +125,6 @@ master::WellConstraints Session::Remembered(const std::string& well) const {
   return found == constraints_.end() ? master::WellConstraints{well, {}, {}} : found->second;
 }
 
-std::vector<master::WellData> Session::Data(const std::vector<std::string>& wells) {
-  std::vector<master::WellData> all;
-  for (const auto& part : Parts(wells, 8, 0)) {
-    std::vector<master::WellData> some = run().GetWellData(part);
-    std::move(some.begin(), some.end(), std::back_inserter(all));
-  }
-  return all;
-}
-
 std::vector<std::string> Session::Find(const std::string& pattern) const {
   std::vector<std::string> exact;
   std::vector<std::string> alike;

@@ -77,9 +77,6 @@ class Session {
   void Remember(const master::WellConstraints& constraints);
   master::WellConstraints Remembered(const std::string& well) const;
 
-  /// Operating points of any number of wells, in as many requests as it takes.
-  std::vector<master::WellData> Data(const std::vector<std::string>& wells);
-
  private:
   std::vector<std::string> Find(const std::string& pattern) const;
 
