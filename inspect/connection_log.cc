@@ -21,6 +21,7 @@ constexpr std::string_view kHost = "Host detected: ";
 constexpr std::string_view kHostLine = "HOST=";
 constexpr std::string_view kNoHost = "No host detected, exiting.";
 constexpr std::string_view kLastArgument = "Arg 7: ";
+constexpr std::string_view kVariable = "Setting ";
 constexpr std::string_view kSubmitted = ") is submitted";
 
 constexpr std::size_t kLinesOfOutput = 5;
@@ -221,6 +222,7 @@ bool ConnectionLog::AddDaemonLine(std::string_view line) {
   connection.unproven = open_.contains(Step::kScript);
   connections_.push_back(std::move(connection));
   open_[Step::kAccepted].push_back(&connections_.back());
+  Keep(connections_.back(), line);
   MarkOthersInStart(connections_.back());
   speaker_ = &connections_.back();
   return true;
@@ -298,9 +300,30 @@ void ConnectionLog::Apply(const Rule& rule, std::string_view line, Connection& c
   connection.reason = rule.reason;
   if (rule.to == Step::kEnded) connection.text = value;
   connection.last = here_;
+  Keep(connection, line);
   speaker_ = &connection;
   Move(connection, rule.to);
   if (rule.to == Step::kArgument5) CheckPort(&connection);
+}
+
+// Leaves out what a run's log tells of others: the values of variables, and who else may run.
+void ConnectionLog::Keep(Connection& connection, std::string_view line) const {
+  if (!keeps_lines_) return;
+  if (connection.step == Step::kUsers &&
+      (line.starts_with("User ") || line.starts_with("Windows: "))) {
+    return;
+  }
+  if (connection.step != Step::kVersion || !line.starts_with(kVariable)) {
+    connection.lines.emplace_back(line);
+    return;
+  }
+  constexpr std::string_view between = " to ";
+  const std::size_t end = std::min(line.find(between), line.size());
+  connection.lines.push_back(std::string(line.substr(0, end)) + " to (left out)");
+  const std::string value(line.substr(std::min(end + between.size(), line.size())));
+  connection.environment.push_back(value);
+  // The file's value stands in front of the one that was there.
+  connection.environment.push_back(value.substr(0, value.find(':')));
 }
 
 void ConnectionLog::Move(Connection& connection, Step step) {
@@ -364,6 +387,10 @@ Connection* ConnectionLog::RightOne(Connection* launched, int port) {
       std::swap(right->began, launched->began);
       std::swap(right->first, launched->first);
       std::swap(right->unproven, launched->unproven);
+      // The lines before a request: accepted, answered, greeted.
+      if (keeps_lines_) {
+        std::swap_ranges(right->lines.begin(), right->lines.begin() + 3, launched->lines.begin());
+      }
       return right;
     }
   }
@@ -435,6 +462,7 @@ void ConnectionLog::AddScriptLine(std::string_view line) {
     return;
   }
   script->last = here_;
+  Keep(*script, line);
   script->output.emplace_back(line.substr(0, kMostOfLine));
   if (script->output.size() > kLinesOfOutput) script->output.pop_front();
   last_script_ = script;
@@ -470,6 +498,7 @@ void ConnectionLog::CloseAnswered() {
 void ConnectionLog::EndWait(Connection& connection, const Answer& answer) {
   connection.host = answer.host;
   connection.last = answer.place;
+  Keep(connection, answer.host ? std::string(kHost) + *answer.host : std::string(kNoHost));
   if (!answer.host) connection.reason = "no-host";
   Move(connection, answer.host ? Step::kLaunched : Step::kEnded);
 }

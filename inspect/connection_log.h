@@ -72,6 +72,10 @@ struct Connection {
   std::optional<std::string> job;
   std::deque<std::string> output;  ///< the last lines of its script, cut to a readable length
 
+  // Where they are kept: see EndedRun.
+  std::vector<std::string> lines;
+  std::vector<std::string> environment;
+
   bool mixed = false;  ///< lines of others stand between those of its start
   bool guessed =
       false;  ///< several that had asked for nothing might have asked: its time is unsure
@@ -102,6 +106,8 @@ std::optional<std::time_t> TimeIn(std::string_view text);
 ///     a connection that somebody has made up is one too many.
 class ConnectionLog {
  public:
+  explicit ConnectionLog(bool keeps_lines = false) : keeps_lines_(keeps_lines) {}
+
   /// Further lines are of this file. `number` counts them from 1.
   void BeginFile(const std::string& file);
   void AddLine(std::string_view line);
@@ -131,6 +137,7 @@ class ConnectionLog {
   void Apply(const Rule& rule, std::string_view line, Connection& connection);
   Connection& Choose(const Rule& rule, const std::vector<Connection*>& candidates) const;
   void Move(Connection& connection, Step step);
+  void Keep(Connection& connection, std::string_view line) const;
   void MarkOthersInStart(Connection& speaker);
   void AddScriptLine(std::string_view line);
   Connection* ScriptOf(std::string_view line);
@@ -146,6 +153,7 @@ class ConnectionLog {
   std::size_t IndexOf(const Connection& connection) const;
   std::optional<int> ExpectedPort(const Connection& connection) const;
 
+  bool keeps_lines_;
   std::deque<Connection> connections_;
   std::map<Step, std::vector<Connection*>> open_;
   Connection* speaker_ = nullptr;      // of the last line

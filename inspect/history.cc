@@ -45,7 +45,7 @@ bool IsLaunched(const Connection& connection) {
 
 class Reading {
  public:
-  Reading(const Runs& now, double since, const LogDirectories& directories);
+  Reading(const Runs& now, double since, const LogDirectories& directories, bool with_lines);
 
   History Find();
 
@@ -60,14 +60,15 @@ class Reading {
 
   const Runs& now_;
   double since_;
+  bool with_lines_;
   History found_;
   std::vector<std::unique_ptr<ConnectionLog>> logs_;
   std::vector<Item> items_;
   std::vector<CommsLogText> texts_;
 };
 
-Reading::Reading(const Runs& now, double since, const LogDirectories& directories)
-    : now_(now), since_(since) {
+Reading::Reading(const Runs& now, double since, const LogDirectories& directories, bool with_lines)
+    : now_(now), since_(since), with_lines_(with_lines) {
   for (const auto& parts : FindLogs(now, since, directories, found_.missing)) ReadLog(parts);
 }
 
@@ -75,7 +76,7 @@ void Reading::ReadLog(const std::vector<LogPart>& parts) {
   std::string rest;
   for (const LogPart& part : parts) {
     if (&part == &parts.front() || part.starts) {
-      logs_.push_back(std::make_unique<ConnectionLog>());
+      logs_.push_back(std::make_unique<ConnectionLog>(with_lines_));
       rest.clear();
     }
     ConnectionLog& log = *logs_.back();
@@ -217,6 +218,10 @@ EndedRun Reading::Describe(const Item& item) const {
   const Connection& connection = *item.connection;
   EndedRun run;
   run.listen_port = item.port;
+  run.owner = item.owner;
+  run.goes_on = connection.alive;
+  run.lines = connection.lines;
+  run.environment = connection.environment;
   run.began = static_cast<double>(connection.began);
   run.end = EndOf(item);
   run.windows_user = connection.windows_user;
@@ -288,7 +293,8 @@ History Reading::Find() {
     strftime(text, sizeof(text), "-%Y%m%d-%H%M%S", &local);
     std::string id = std::to_string(item.port) + text;
     const int count = ++of_second[id];
-    if (item.connection->alive || static_cast<double>(began) < since_) continue;
+    if (static_cast<double>(began) < since_) continue;
+    if (item.connection->alive && !with_lines_) continue;
     if (count > 1) id += "-" + std::to_string(count);
     found_.runs.push_back(Describe(item));
     found_.runs.back().id = std::move(id);
@@ -330,7 +336,11 @@ void AddCauses(Runs& found) {
 }
 
 History ReadHistory(const Runs& now, double since, const LogDirectories& directories) {
-  return Reading(now, since, directories).Find();
+  return Reading(now, since, directories, false).Find();
+}
+
+History ReadHistoryWithLines(const Runs& now, double since, const LogDirectories& directories) {
+  return Reading(now, since, directories, true).Find();
 }
 
 }  // namespace inspect

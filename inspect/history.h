@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -50,6 +52,15 @@ struct EndedRun {
   /// account, which can write anything into its comms log.
   bool told_by_account = false;
 
+  uid_t owner = 0;  ///< the account under which it ran, and to which its files have to belong
+
+  // Only from ReadHistoryWithLines().
+  bool goes_on = false;            ///< it has not ended
+  std::vector<std::string> lines;  ///< its own ones in the daemon's log
+  /// The values that the environment file gave it, which are left out of `lines`, as is the list of
+  /// users.
+  std::vector<std::string> environment;
+
   /// Where to look, the most telling first.
   std::vector<LogPlace> places;
 
@@ -73,6 +84,10 @@ struct LogDirectories {
 /// out, as is what began before `since`, in seconds since 1970. Takes as long as reading the logs
 /// does, and two seconds more when a file system does not answer.
 History ReadHistory(const Runs& now, double since = 0, const LogDirectories& directories = {});
+
+/// The same with the lines of each in the daemon's log, and with what goes on.
+History ReadHistoryWithLines(const Runs& now, double since = 0,
+                             const LogDirectories& directories = {});
 
 /// What the history tells of `run`, which was seen while it was there. None where it tells nothing
 /// of it, or where several of those that have ended may be meant.

@@ -42,6 +42,7 @@ constexpr const char* kScript = R"(#!/bin/bash
 cd "$2" || exit 1
 case $3 in
   MUTE) exit 1 ;;
+  TELLS) echo "the token is $SECRET_TOKEN"; exit 1 ;;
   SAYS) echo "slurm: the job is refused: no such queue"; exit 1 ;;
   NOWHERE) echo HOST=nowhere.invalid; exit ;;
   ABSENT) echo HOST=127.0.0.1; exit ;;
@@ -74,7 +75,7 @@ class EndedRuns : public testing::Test {
     options.arguments = std::move(arguments);
     options.script = kScript;
     options.users = users;
-    options.environment = "SECRET_TOKEN hush\n";
+    options.environment = "SECRET_TOKEN hush-hush-1234\n";
     options.variables = {"VKSIM=" + programs_.File("vksim"), "PATH=/usr/bin:/bin"};
     daemon_ = std::make_unique<RunningDaemon>(options);
   }
@@ -263,6 +264,115 @@ TEST_F(HistoryTest, TextsOfMastersCommandNoTerminal) {
   EXPECT_THAT(table.out, HasSubstr("\\x1b[2J<script>\\xff"));
   for (const char c : table.out) EXPECT_TRUE(c == '\n' || (c >= ' ' && c < '\x7f')) << int{c};
   EXPECT_TRUE(json::accept(Jobmillctl({"history", "--json"}).out));
+}
+
+// An archive, unpacked: what its files hold, by their names.
+std::map<std::string, std::string> Unpacked(const std::string& archive) {
+  const TemporaryDirectory directory;
+  ChildProcess tar({"/usr/bin/tar", "-xzf", archive, "-C", directory.path().string()}, {});
+  EXPECT_EQ(tar.Wait(std::chrono::seconds(10)), 0);
+  std::map<std::string, std::string> files;
+  for (const auto& entry : fs::recursive_directory_iterator(directory.path())) {
+    const std::string name = fs::relative(entry.path(), directory.path()).string();
+    if (entry.is_regular_file()) files[name] = directory.Read(name);
+  }
+  return files;
+}
+
+class BundleTest : public EndedRuns {
+ protected:
+  const TemporaryDirectory out_;
+  const std::string file_ = out_.File("bundle.tar.gz");
+};
+
+TEST_F(BundleTest, HoldsOneRunAndNothingOfOthersOrOfTheEnvironment) {
+  if (getuid() != 0) GTEST_SKIP() << "needs root";
+  StartDaemon({"-o", std::to_string(RunsSite::FreePorts())},
+              "alice nobody 1\nbob daemon 1\nzoe daemon 1\n");
+  EXPECT_EQ(Ask("MUTE", "bob").Receive(), "No host detected");
+  TestMaster& shut = Launch("SHUT");
+  shut.Ask("01 00 00 00");
+  EXPECT_EQ(Ask("TELLS", "alice").Receive(), "No host detected");
+  const Outcome live = Jobmillctl({"bundle", "SHUT", out_.File("live.tar.gz"), "--yes"});
+  EXPECT_EQ(live.status, 0) << live.err;
+  shut.Ask("f0 ff 00 00");
+  WaitForEnd("SHUT", "naturally");
+  ASSERT_TRUE(Eventually([&] { return HistoryOf(*daemon_).contains("SHUT"); }));
+  const Outcome outcome = Jobmillctl({"bundle", "SHUT", file_, "--yes"});
+  ASSERT_EQ(outcome.status, 0) << outcome.err;
+  EXPECT_EQ(fs::status(file_).permissions(), fs::perms(0600));
+
+  const auto runs = HistoryOf(*daemon_);
+  const std::string place =
+      "jobmill-bundle/runs/" + runs.at("SHUT").at("id").get<std::string>() + "/";
+  const auto files = Unpacked(file_);
+  EXPECT_EQ(files.size(), 8U);
+  for (const auto& [name, text] : files) {
+    for (const char* other : {"bob", "zoe", "MUTE", "hush-hush-1234"}) {
+      EXPECT_EQ(text.find(other), std::string::npos) << name << " holds " << other;
+    }
+    if (name == "jobmill-bundle/contents.txt") continue;
+    EXPECT_THAT(outcome.out, HasSubstr(" " + name.substr(std::string("jobmill-bundle/").size())));
+  }
+  const std::string& log = files.at(place + "daemon-log.txt");
+  EXPECT_THAT(log, StartsWith("Accepted incoming connection: "));
+  EXPECT_THAT(log, HasSubstr("\nSetting non-existing environment variable SECRET_TOKEN to (left "
+                             "out)\nWindows user received: alice\n"));
+  EXPECT_THAT(log, EndsWith("\nHost detected: 127.0.0.1\n"));
+  EXPECT_EQ(files.at(place + "comms-log.txt"), data_.Read("SHUT.crvnlog"));
+  EXPECT_EQ(files.at(place + "output.txt"), data_.Read("SHUT.out"));
+  const json history = json::parse(files.at("jobmill-bundle/history.json"));
+  EXPECT_EQ(history.at("runs").size(), 1U);
+  EXPECT_EQ(history.at("runs").at(0).at("ending"), "shut down");
+  EXPECT_THAT(json::parse(files.at("jobmill-bundle/status.json")).at("runs"), IsEmpty());
+  EXPECT_TRUE(json::accept(files.at("jobmill-bundle/check.json")));
+
+  // While it went on.
+  const auto before = Unpacked(out_.File("live.tar.gz"));
+  EXPECT_EQ(json::parse(before.at("jobmill-bundle/status.json")).at("runs").at(0).at("root"),
+            "SHUT");
+  EXPECT_THAT(json::parse(before.at("jobmill-bundle/history.json")).at("runs"), IsEmpty());
+  EXPECT_THAT(before.at(place + "daemon-log.txt"), HasSubstr("Windows user received: alice"));
+
+  // What a script prints of the environment is left out, too.
+  const Outcome tells = Jobmillctl({"bundle", "TELLS", out_.File("tells.tar.gz"), "--yes"});
+  for (const auto& [name, text] : Unpacked(out_.File("tells.tar.gz"))) {
+    EXPECT_EQ(text.find("hush-hush-1234"), std::string::npos) << name;
+    if (name.ends_with("daemon-log.txt")) {
+      EXPECT_THAT(text, HasSubstr("the token is (left out)"));
+    }
+  }
+
+  // To root all of them.
+  const Outcome all =
+      Jobmillctl({"bundle", "--all", "--since", "1m", out_.File("all.tar.gz"), "--yes"});
+  EXPECT_EQ(all.status, 0) << all.err;
+  int of_bob = 0;
+  for (const auto& [name, text] : Unpacked(out_.File("all.tar.gz"))) {
+    EXPECT_EQ(text.find("hush-hush-1234"), std::string::npos) << name;
+    of_bob += text.find("Windows user received: bob") != std::string::npos ? 1 : 0;
+  }
+  EXPECT_GE(of_bob, 1);
+}
+
+TEST_F(BundleTest, NothingIsReplacedAndNothingWrittenWithoutAYes) {
+  StartDaemon({"-u", "-o", std::to_string(RunsSite::FreePorts())}, "-");
+  EXPECT_EQ(Ask("MUTE").Receive(), "No host detected");
+  const std::string id = HistoryOf(*daemon_).at("MUTE").at("id").get<std::string>();
+  const Outcome unsure = Jobmillctl({"bundle", id, file_});
+  EXPECT_EQ(unsure.status, 1);
+  EXPECT_THAT(unsure.out, EndsWith("[y/N] Nothing was written\n"));
+  EXPECT_FALSE(fs::exists(file_));
+  out_.Write("bundle.tar.gz", "precious");
+  EXPECT_EQ(Jobmillctl({"bundle", id, file_, "--yes"}).status, 1);
+  EXPECT_EQ(out_.Read("bundle.tar.gz"), "precious");
+  fs::remove(file_);
+  fs::create_symlink(out_.File("elsewhere"), file_);
+  EXPECT_EQ(Jobmillctl({"bundle", id, file_, "--yes"}).status, 1);
+  EXPECT_FALSE(fs::exists(out_.File("elsewhere")));
+  EXPECT_EQ(Jobmillctl({"bundle", id}).status, 2);
+  EXPECT_EQ(Jobmillctl({"bundle", "--all", id, file_}).status, 2);
+  EXPECT_EQ(Jobmillctl({"bundle", "no-such-run", file_}).status, 1);
 }
 
 TEST(HistoryCommandTest, TimesThatAreNoneAreRefused) {

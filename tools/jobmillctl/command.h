@@ -27,6 +27,9 @@ class Failed : public std::runtime_error {
 /// Prints a line for the administrator at once. What is not printable ASCII is shown as `\xNN`.
 void Print(const std::string& line);
 
+/// Asks a question that "y" or "yes" agrees to.
+bool IsWanted(const std::string& question);
+
 /// The action of the subcommand that the command line names: writes to standard output, returns the
 /// exit status.
 using Action = std::function<int()>;
@@ -43,5 +46,6 @@ void DeclareRestart(CLI::App& app, Action& chosen);
 void DeclareHistory(CLI::App& app, Action& chosen);
 void DeclareCollect(CLI::App& app, Action& chosen);
 void DeclareServe(CLI::App& app, Action& chosen);
+void DeclareBundle(CLI::App& app, Action& chosen);
 
 }  // namespace jobmillctl

@@ -7,7 +7,6 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <iostream>
 #include <memory>
 #include <string>
 #include <vector>
@@ -114,19 +113,11 @@ void Show(const Run& run) {
   }
 }
 
-bool IsWanted() {
-  fmt::print("End this? [y/N] ");
-  std::fflush(stdout);
-  std::string answer;
-  std::getline(std::cin, answer);
-  return answer == "y" || answer == "Y" || answer == "yes";
-}
-
 int EndCommand(const std::string& name, bool yes) {
   const Runs found = inspect::FindRuns();
   const Run& run = Choose(found, name);
   Show(run);
-  if (!yes && !IsWanted()) {
+  if (!yes && !IsWanted("End this?")) {
     fmt::print("Nothing was ended\n");
     return kNotGood;
   }
@@ -147,7 +138,7 @@ int LostCommand(bool end, bool yes) {
   for (const Run& run : found.runs) Show(run);
   if (found.runs.empty()) fmt::print("Nothing on this machine has lost its controller\n");
   if (!end || found.runs.empty()) return kOk;
-  if (!yes && !IsWanted()) {
+  if (!yes && !IsWanted("End this?")) {
     fmt::print("Nothing was ended\n");
     return kNotGood;
   }

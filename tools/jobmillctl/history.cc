@@ -1,8 +1,5 @@
 #include "inspect/history.h"
 
-#include <time.h>
-
-#include <array>
 #include <memory>
 #include <string>
 
@@ -13,6 +10,7 @@
 #include "tools/jobmillctl/command.h"
 #include "tools/jobmillctl/history_view.h"
 #include "tools/jobmillctl/json_values.h"
+#include "tools/jobmillctl/since.h"
 #include "tools/jobmillctl/table.h"
 
 namespace jobmillctl {
@@ -27,29 +25,6 @@ struct Given {
   bool json = false;
 };
 
-// "2d", "90m", "2026-11-21", "2026-11-21 14:00" as seconds since 1970; none for other texts.
-std::optional<double> TimeOf(const std::string& text) {
-  char* end = nullptr;
-  const double number = strtod(text.c_str(), &end);
-  const std::string_view unit = end;
-  constexpr std::pair<std::string_view, double> units[] = {
-      {"m", 60}, {"h", 3600}, {"d", 86400}, {"w", 604800}};
-  for (const auto& [name, seconds] : units) {
-    if (unit == name && number > 0) return inspect::Now() - number * seconds;
-  }
-  for (const char* format : {"%Y-%m-%d", "%Y-%m-%d %H:%M", "%Y-%m-%dT%H:%M", "%Y-%m-%dT%H:%M:%S"}) {
-    tm local{};
-    local.tm_isdst = -1;
-    const char* rest = strptime(text.c_str(), format, &local);
-    if (rest != nullptr && *rest == '\0') return static_cast<double>(mktime(&local));
-  }
-  return std::nullopt;
-}
-
-std::string ComplaintAbout(const std::string& text) {
-  return TimeOf(text) ? "" : "such as 2d, 12h or 2026-11-21";
-}
-
 bool IsMeant(const inspect::EndedRun& run, const Given& given) {
   if (!given.user.empty() && run.windows_user != given.user && run.account != given.user) {
     return false;
@@ -59,8 +34,7 @@ bool IsMeant(const inspect::EndedRun& run, const Given& given) {
 }
 
 int PrintHistory(const Given& given) {
-  const double since = given.since.empty() ? 0 : TimeOf(given.since).value_or(0);
-  inspect::History history = inspect::ReadHistory(inspect::FindRuns(), since);
+  inspect::History history = inspect::ReadHistory(inspect::FindRuns(), TimeOf(given.since));
   if (!given.run.empty()) {
     const inspect::EndedRun* run = Find(history, given.run);
     if (run == nullptr) {
@@ -86,9 +60,7 @@ void DeclareHistory(CLI::App& app, Action& chosen) {
   const auto given = std::make_shared<Given>();
   CLI::App* command = app.add_subcommand("history", "Say which runs have ended, and how");
   command->add_option("RUN", given->run, "Everything about one: its id, root name or job");
-  command->add_option("--since", given->since, "Only those that began then or later")
-      ->type_name("TIME")
-      ->check(ComplaintAbout);
+  DeclareSince(*command, given->since, "Only those that began then or later");
   command->add_option("--user", given->user, "Only those of this Windows user or account")
       ->type_name("NAME");
   command->add_flag("--failed", given->failed, "Only those that went wrong");

@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <cstdio>
 #include <exception>
+#include <iostream>
 #include <optional>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -17,8 +19,9 @@
 namespace jobmillctl {
 namespace {
 
-constexpr Declare kCommands[] = {DeclareCheck,   DeclareUsers,   DeclareStatus,  DeclareEnd,
-                                 DeclareRestart, DeclareHistory, DeclareCollect, DeclareServe};
+constexpr Declare kCommands[] = {DeclareCheck,   DeclareUsers,   DeclareStatus,
+                                 DeclareEnd,     DeclareRestart, DeclareHistory,
+                                 DeclareCollect, DeclareServe,   DeclareBundle};
 
 // How many letters have to be changed, added, left out or exchanged with their neighbour.
 std::size_t Distance(std::string_view a, std::string_view b) {
@@ -63,6 +66,14 @@ std::optional<std::string> WrongCommand(const CLI::App& app, int argc, const cha
 void Print(const std::string& line) {
   fmt::print("{}\n", inspect::Printable(line));
   std::fflush(stdout);
+}
+
+bool IsWanted(const std::string& question) {
+  fmt::print("{} [y/N] ", question);
+  std::fflush(stdout);
+  std::string answer;
+  std::getline(std::cin, answer);
+  return answer == "y" || answer == "Y" || answer == "yes";
 }
 
 int RunProgram(int argc, const char* const* argv) {
