@@ -11,13 +11,10 @@ namespace jobmillctl {
 
 /// All states, in the order of a run's life.
 inline constexpr std::array kStates = {
-    inspect::RunState::kHandshake,
-    inspect::RunState::kScript,
-    inspect::RunState::kSimulatorListens,
-    inspect::RunState::kMaster,
-    inspect::RunState::kSimulator,
-    inspect::RunState::kEnded,
-    inspect::RunState::kLost,
+    inspect::RunState::kHandshake,        inspect::RunState::kScript,
+    inspect::RunState::kSimulatorListens, inspect::RunState::kMaster,
+    inspect::RunState::kSimulator,        inspect::RunState::kEnded,
+    inspect::RunState::kEnding,           inspect::RunState::kLost,
     inspect::RunState::kUnknown,
 };
 

@@ -34,6 +34,7 @@ constexpr Look kLooks[] = {
     {RunState::kMaster, "master", "‖"},
     {RunState::kSimulator, "simulator", "▶"},
     {RunState::kEnded, "end", "■"},
+    {RunState::kEnding, "end", "◧"},
     {RunState::kLost, "lost", "▲"},
     {RunState::kUnknown, "unknown", "?"},
 };
