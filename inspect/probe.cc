@@ -42,10 +42,11 @@ bool ReadUntil(int input, Clock::time_point end, std::string& text) {
     const int ready = poll(&wait, 1, static_cast<int>(std::max<std::int64_t>(left.count(), 0)));
     if (ready < 0 && errno == EINTR) continue;
     if (ready <= 0) return false;
-    std::array<char, 4096> part{};
+    std::array<char, 65536> part{};
     const ssize_t size = read(input, part.data(), part.size());
     if (size <= 0) return true;
     text.append(part.data(), static_cast<std::size_t>(size));
+    if (Clock::now() >= end) return false;  // who never stops is not listened to for ever
   }
 }
 

@@ -70,6 +70,13 @@ TEST(ProbeTest, InquiryLetsItsOwnerDoOtherThings) {
   EXPECT_FALSE(silent.HasEnded());
 }
 
+TEST(RunCommandTest, WhatNeverStopsAnsweringIsEnded) {
+  const auto start = std::chrono::steady_clock::now();
+  const auto answer = RunCommand({"yes"}, Complaints::kLeftOut, milliseconds(50));
+  EXPECT_FALSE(answer);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
+}
+
 TEST(ProbeTest, InquiryThatTakesTooLongIsEnded) {
   Inquiry silent([] { return std::to_string(pause()); }, milliseconds(10));
   EXPECT_TRUE(silent.IsDone(std::chrono::seconds(30)));
