@@ -139,7 +139,14 @@ json Browser::Evaluate(const std::string& expression) {
 }
 
 bool Browser::Becomes(const std::string& expression) {
-  return Eventually([&] { return Evaluate(expression) == true; }, std::chrono::seconds(30));
+  const auto holds = [&] {
+    try {
+      return Evaluate(expression) == true;
+    } catch (const std::runtime_error&) {
+      return false;  // in the middle of the way from one page to another
+    }
+  };
+  return Eventually(holds, std::chrono::seconds(30));
 }
 
 void Browser::Photograph(const std::string& file) {

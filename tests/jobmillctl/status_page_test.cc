@@ -27,7 +27,7 @@ constexpr const char* kMaster = "waiting for the master";
 constexpr const char* kSimulator = "waiting for the simulator";
 
 // Fetches the page again, rather than waiting until it does that by itself.
-constexpr const char* kUpdate = "update()";
+constexpr const char* kUpdate = "globalThis.update && update()";
 
 class StatusPageTest : public testing::Test {
  protected:
