@@ -1,10 +1,13 @@
 #include "inspect/environment_file.h"
 
 #include <errno.h>
+#include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
+#include <chrono>
 #include <filesystem>
 #include <map>
 #include <optional>
@@ -14,7 +17,10 @@
 #include <system_error>
 
 #include "config/env_collection.h"
+#include "inspect/access.h"
 #include "inspect/file.h"
+#include "inspect/probe.h"
+#include "inspect/script.h"
 
 namespace inspect {
 namespace {
@@ -102,6 +108,7 @@ class EnvironmentFileCheck {
     if (!text) return;
     CheckWriters();
     CheckWords(WordsOf(*text));
+    CheckShell();
   }
 
  private:
@@ -232,6 +239,33 @@ class EnvironmentFileCheck {
         "sets " + Shown(word.text) + ", which is set already, " +
             (fresh ? "in the daemon's environment" : "on line " + std::to_string(former->second)),
         "its value, a colon and the former value are joined", "set it in one place only");
+  }
+
+  // Whether a shell starts at all in this environment, as an account of a run. It executes nothing.
+  void CheckShell() {
+    const bool mapped = site_.options.run_as_root;
+    const auto accounts =
+        mapped && geteuid() == 0 ? AccountsOf(site_) : std::map<std::string, Account>();
+    if (mapped && accounts.empty()) return;
+    const auto answer = Ask(
+        [&] {
+          TakeEnvironment(site_);
+          // What these name would be executed.
+          unsetenv("BASH_ENV");
+          unsetenv("ENV");
+          if (mapped) Become(accounts.begin()->second);
+          const auto shell = RunCommand({"/bin/bash", "-c", ":"}, Complaints::kIncluded);
+          if (!shell) return std::string("it does not end within 10 s");
+          if (shell->status == 0) return std::string();
+          return "status " + std::to_string(shell->status) + ": " +
+                 shell->output.substr(0, shell->output.find('\n'));
+        },
+        std::chrono::seconds(15));
+    if (!answer || answer->empty()) return;
+    Add("environment.no-shell", Severity::kError, 0,
+        "makes an environment in which bash does not start: " + *answer,
+        "every run is refused with 'No host detected'",
+        "correct it, above all LD_LIBRARY_PATH and other variables of the loader");
   }
 
   const Site& site_;

@@ -18,6 +18,7 @@ const std::set<std::string>& FindingIds() {
   // Once it has been in a version, an id stays: scripts and lists of accepted findings have it.
   static const std::set<std::string> ids = {
       "environment.equals-sign",
+      "environment.no-shell",
       "environment.not-linked",
       "environment.odd",
       "environment.odd-name",
@@ -45,6 +46,7 @@ const std::set<std::string>& FindingIds() {
       "host.no-address",
       "host.no-command",
       "host.no-log-directory",
+      "host.no-loopback",
       "host.null-device",
       "host.open",
       "host.other-networks",

@@ -50,11 +50,13 @@ class FirewallCheck {
           "load this file with nft --file, or name them in it");
     }
     if (masters_.empty()) {
-      if (found.accepted.empty() && Size(found.dropped) >= kEverybody) AddClosed("everybody");
+      if (found.accepted.empty() && Size(found.dropped) >= kEverybody) {
+        AddClosed("everybody", found, found.dropped);
+      }
       return;
     }
     const AddressRanges refused = Common(masters_, found.dropped);
-    if (!refused.empty()) AddClosed(Text(refused) + ", which this file names,");
+    if (!refused.empty()) AddClosed(Text(refused) + ", which this file names,", found, refused);
     if (Minus(masters_, kExamples).empty()) {
       Add("host.example-network", Severity::kWarning, file_,
           "the only masters that it names are " + Text(masters_) + ", the network of an example",
@@ -68,10 +70,17 @@ class FirewallCheck {
     findings_.push_back({id, severity, file, 0, what, consequence, remedy});
   }
 
-  void AddClosed(const std::string& whom) {
+  void AddClosed(const std::string& whom, const Reachability& found, const AddressRanges& refused) {
+    std::string chains;
+    for (const auto& [chain, ranges] : found.dropped_by) {
+      if (Common(ranges, refused).empty()) continue;
+      chains.append(chains.empty() ? "" : " and ").append(chain);
+    }
     Add("host.closed", Severity::kError, masters_.empty() ? "" : file_,
-        "the packet filter keeps " + whom + " from " + port_, "no master of theirs gets through",
-        "see which chain drops it, with nft list ruleset");
+        "the packet filter keeps " + whom + " from " + port_ + ", by " + chains,
+        "no master of theirs gets through",
+        masters_.empty() ? "let the networks of the masters in there"
+                         : "load this file with nft --file, or let them in there");
   }
 
   std::string port_;

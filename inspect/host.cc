@@ -1,7 +1,10 @@
 #include "inspect/host.h"
 
+#include <arpa/inet.h>
 #include <errno.h>
 #include <netdb.h>
+#include <netinet/in.h>
+#include <string.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <time.h>
@@ -15,6 +18,7 @@
 #include <set>
 #include <sstream>
 
+#include "base/descriptor.h"
 #include "base/number.h"
 #include "inspect/access.h"
 #include "inspect/file.h"
@@ -120,6 +124,48 @@ void CheckName(const std::map<std::string, Account>& accounts, const HostName& n
   CheckNameAs(accounts, name, findings);
 }
 
+// Tries a connection to a listening socket of its own, as an account, by the name that the script
+// for a single machine gives. Says why it does not arrive; the port is a free one, not of a run.
+std::string TryLoopback(const Account* account) {
+  if (account != nullptr) Become(*account);
+  addrinfo hints{};
+  hints.ai_family = AF_INET;
+  hints.ai_socktype = SOCK_STREAM;
+  addrinfo* found = nullptr;
+  if (getaddrinfo("localhost", nullptr, &hints, &found) != 0) return "";  // told elsewhere
+  sockaddr_in address{};
+  memcpy(&address, found->ai_addr, sizeof(address));
+  freeaddrinfo(found);
+  sockaddr_in any{};
+  any.sin_family = AF_INET;
+  socklen_t size = sizeof(any);
+  const Descriptor listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const Descriptor near(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const timeval patience{2, 0};
+  auto* bound = reinterpret_cast<sockaddr*>(&any);
+  if (bind(listener.get(), bound, size) != 0 || listen(listener.get(), 1) != 0 ||
+      getsockname(listener.get(), bound, &size) != 0 ||
+      setsockopt(near.get(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof(patience)) != 0) {
+    return "";
+  }
+  address.sin_port = any.sin_port;
+  if (connect(near.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0) return "";
+  std::array<char, INET_ADDRSTRLEN> text{};
+  inet_ntop(AF_INET, &address.sin_addr, text.data(), text.size());
+  const std::string why = errno == EINPROGRESS ? "nothing answers within 2 s" : strerror(errno);
+  return std::string(text.data()) + ", does not arrive: " + why;
+}
+
+void CheckLoopback(const std::map<std::string, Account>& accounts, Findings& findings) {
+  const Account* account = accounts.empty() ? nullptr : &accounts.begin()->second;
+  const auto why = Ask([account] { return TryLoopback(account); }, kPatience);
+  if (!why || why->empty()) return;
+  findings.push_back({"host.no-loopback", Severity::kError, "", 0,
+                      "a connection of this machine to itself, by the name 'localhost', " + *why,
+                      "no run of the script for a single machine reaches its simulator",
+                      "see to the interface lo, to /etc/hosts and to the packet filter"});
+}
+
 std::string OwnName() {
   std::array<char, 256> name{};
   return gethostname(name.data(), name.size() - 1) == 0 ? name.data() : "localhost";
@@ -134,6 +180,7 @@ void CheckNames(const Site& site, Findings& findings) {
             {"localhost", "which the script for a single machine gives",
              single ? Severity::kError : Severity::kWarning},
             findings);
+  if (single) CheckLoopback(accounts, findings);
   CheckName({}, {OwnName(), "that of this machine", Severity::kWarning}, findings);
   if (!script.ends_with("/ssh")) return;
   std::istringstream nodes(RunVariable(site, "JOBMILL_NODES"));

@@ -73,6 +73,8 @@ Truth Not(Truth truth) {
 enum Fate : unsigned { kAccept = 1, kDrop = 2, kGoesOn = 4, kLeavesChain = 8 };
 
 class Rules {
+  using ChainKey = std::tuple<std::string, std::string, std::string>;  // family, table, chain
+
  public:
   Rules(const json& document, int port) : port_(port) {
     for (const json& entry : document.at("nftables").get_ref<const json::array_t&>()) {
@@ -87,6 +89,12 @@ class Rules {
   /// Where a range of addresses that are treated alike begins.
   const std::set<std::uint32_t>& bounds() const { return bounds_; }
 
+  /// The base chain to which the last one that was dropped came.
+  std::string DroppedBy() const {
+    const auto& [family, table, chain] = dropped_by_;
+    return "chain " + chain + " of table " + family + " " + table;
+  }
+
   /// kAccept, kDrop or both.
   unsigned FateOf(std::uint32_t source) {
     source_ = source;
@@ -94,15 +102,16 @@ class Rules {
     for (const auto& [key, drops] : bases_) {
       unsigned own = Walk(key, 0);
       if ((own & (kGoesOn | kLeavesChain)) != 0) own |= drops ? kDrop : kAccept;
-      if ((own & kAccept) == 0) return kDrop;
+      if ((own & kAccept) == 0) {
+        dropped_by_ = key;
+        return kDrop;
+      }
       fate |= own & kDrop;
     }
     return fate;
   }
 
  private:
-  using ChainKey = std::tuple<std::string, std::string, std::string>;
-
   static ChainKey Key(const json& entry, const char* name) {
     return {entry.at("family"), entry.at("table"), entry.at(name)};
   }
@@ -288,6 +297,7 @@ class Rules {
 
   int port_;
   std::uint32_t source_ = 0;
+  ChainKey dropped_by_;
   std::vector<std::pair<ChainKey, bool>> bases_;  // whether what goes on to their ends is dropped
   std::map<ChainKey, std::vector<const json*>> rules_;
   std::map<ChainKey, json> sets_;
@@ -384,11 +394,16 @@ std::optional<Reachability> Judge(const std::string& rules, int port) {
             next == bounds.end() ? others.last : std::min(others.last, *next - 1);
         const unsigned fate = judged.FateOf(first);
         if (fate == kAccept) found.accepted.push_back({first, last});
-        if (fate == kDrop) found.dropped.push_back({first, last});
+        if (fate == kDrop) {
+          found.dropped.push_back({first, last});
+          found.dropped_by[judged.DroppedBy()].push_back({first, last});
+        }
         first = last + 1;
       }
     }
-    return Reachability{Merged(found.accepted), Merged(found.dropped)};
+    found.accepted = Merged(found.accepted);
+    found.dropped = Merged(found.dropped);
+    return found;
   } catch (const json::exception&) {
     return std::nullopt;
   }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -38,6 +39,7 @@ std::optional<AddressRange> ReadRange(const std::string& text);
 struct Reachability {
   AddressRanges accepted;
   AddressRanges dropped;
+  std::map<std::string, AddressRanges> dropped_by;  ///< by "chain CHAIN of table FAMILY TABLE"
 };
 
 /// Goes through rules as `nft -j list ruleset` shows them. Nothing when they are not understood at

@@ -170,5 +170,16 @@ TEST_F(EnvironmentFileTest, AssignmentsOfAShellAreFound) {
   EXPECT_THAT(IdsOf("A \"x\"\n"), ElementsAre("warning environment.quotes:1"));
 }
 
+TEST_F(EnvironmentFileTest, EnvironmentInWhichNoShellStartsIsFound) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root";
+  const TemporaryDirectory libraries;
+  chmod(libraries.path().c_str(), 0755);
+  chmod(libraries.Write("libc.so.6", "no library\n").c_str(), 0644);
+  directory_.Write(".vk_corvane_users", "alice daemon 1\n");
+  EXPECT_THAT(IdsOf("A b\n"), IsEmpty());
+  const std::string text = "LD_LIBRARY_PATH " + libraries.path().string() + "\n";
+  EXPECT_THAT(IdsOf(text), ElementsAre("error environment.no-shell"));
+}
+
 }  // namespace
 }  // namespace inspect

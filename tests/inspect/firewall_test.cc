@@ -120,13 +120,15 @@ TEST_F(FirewallTest, OtherNetworksThanThoseOfTheFileAreNamed) {
 TEST_F(FirewallTest, MastersOfTheFileThatAreKeptAwayAreNamed) {
   directory_.Write("jobmill.nft", ShippedFor("10.0.0.0/15"));
   EXPECT_THAT(Judged(ShippedFor("10.1.0.0/16")), ElementsAre("error host.closed"));
-  EXPECT_THAT(text_, HasSubstr("keeps 10.0.0.0/16, which this file names, from port 5000"));
+  EXPECT_THAT(text_, HasSubstr("keeps 10.0.0.0/16, which this file names, from port 5000, by chain "
+                               "input of table inet jobmill\n"));
   // Another table drops what this one lets through.
   EXPECT_THAT(
       Judged(ShippedFor("10.0.0.0/15") + "table ip site { chain input {\n"
                                          " type filter hook input priority 5; policy drop;\n"
                                          " tcp dport 22 accept\n}\n}\n"),
       ElementsAre("error host.closed"));
+  EXPECT_THAT(text_, HasSubstr(", by chain input of table ip site\n"));
 }
 
 TEST_F(FirewallTest, NetworkOfTheExampleIsFound) {

@@ -15,6 +15,7 @@
 #include <gtest/gtest.h>
 
 #include "inspect/probe.h"
+#include "tests/support/private_network.h"
 #include "tests/support/temporary_directory.h"
 
 namespace inspect {
@@ -121,6 +122,29 @@ TEST_F(HostTest, NameThatAnAccountCannotResolveIsFound) {
   EXPECT_EQ(found(),
             "error host.no-address: the name 'localhost', which the script for a single machine "
             "gives, has an IPv4 address for root, and none for daemon, who cannot read /etc/hosts");
+}
+
+TEST_F(HostTest, LoopbackThatIsDownIsFound) {
+  Write("local", "#!/bin/bash\n");
+  Write("own", "#!/bin/bash\n");
+  const std::string hosts = directory_.Write("hosts", "192.0.2.1 localhost\n");
+  // With localhost as it is, and as an address that is not of this machine.
+  const auto found = [&](const std::string& script, bool elsewhere) {
+    return InPrivateNetwork([&] {
+      if (elsewhere && mount(hosts.c_str(), "/etc/hosts", nullptr, MS_BIND, nullptr) != 0) {
+        return std::string("no mount");
+      }
+      for (const std::string& id : Found(script)) {
+        if (id == "host.no-loopback") return id;
+      }
+      return std::string();
+    });
+  };
+  const auto elsewhere = found("local", true);
+  if (!elsewhere || *elsewhere == "no mount") GTEST_SKIP() << "no network of its own here";
+  EXPECT_EQ(found("local", false), "");
+  EXPECT_EQ(elsewhere, "host.no-loopback");
+  EXPECT_EQ(found("own", true), "");
 }
 
 TEST_F(HostTest, FileFromTheFutureIsFound) {
