@@ -76,17 +76,21 @@ Findings CheckCommands(const Site& site) {
   std::istringstream needed(scheduler + " " +
                             (IsPackagedScript(text) ? SystemCommands(scheduler.empty()) : ""));
   std::vector<Need> needs;
+  std::string missing;
   for (std::string command; needed >> command;) {
     const auto files = RegularFiles(InDirectories(path, command));
     if (files.empty()) {
-      findings.push_back({"host.no-command", Severity::kError, file, 0,
-                          "the command " + command + ", which it needs, is not in " + path,
-                          "every run is refused with 'No host detected'",
-                          "install it, or set PATH in the environment file"});
+      missing.append(missing.empty() ? "" : ", ").append(command);
     } else {
       needs.push_back(
           {"host.no-command", file, 0, "needs the command " + files[0] + ", which ", files, X_OK});
     }
+  }
+  if (!missing.empty()) {
+    findings.push_back({"host.no-command", Severity::kError, file, 0,
+                        "needs what is not in PATH, " + path + ": " + missing,
+                        "every run is refused with 'No host detected'",
+                        "install it, or set PATH in the environment file"});
   }
   // That not all accounts could be asked is said of the script.
   if (!needs.empty()) AddExcluded(needs, FindExcluded(site, needs), findings);

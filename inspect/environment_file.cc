@@ -241,19 +241,15 @@ class EnvironmentFileCheck {
         "its value, a colon and the former value are joined", "set it in one place only");
   }
 
-  // Whether a shell starts at all in this environment, as an account of a run. It executes nothing.
-  void CheckShell() {
-    const bool mapped = site_.options.run_as_root;
-    const auto accounts =
-        mapped && geteuid() == 0 ? AccountsOf(site_) : std::map<std::string, Account>();
-    if (mapped && accounts.empty()) return;
-    const auto answer = Ask(
+  // Why a shell does not start, as an account of a run; it executes nothing.
+  std::optional<std::string> TryShell(const Account* account, bool in_environment) const {
+    return Ask(
         [&] {
-          TakeEnvironment(site_);
+          if (in_environment) TakeEnvironment(site_);
           // What these name would be executed.
           unsetenv("BASH_ENV");
           unsetenv("ENV");
-          if (mapped) Become(accounts.begin()->second);
+          if (account != nullptr) Become(*account);
           const auto shell = RunCommand({"/bin/bash", "-c", ":"}, Complaints::kIncluded);
           if (!shell) return std::string("it does not end within 10 s");
           if (shell->status == 0) return std::string();
@@ -261,9 +257,19 @@ class EnvironmentFileCheck {
                  shell->output.substr(0, shell->output.find('\n'));
         },
         std::chrono::seconds(15));
-    if (!answer || answer->empty()) return;
+  }
+
+  void CheckShell() {
+    const bool mapped = site_.options.run_as_root;
+    const auto accounts =
+        mapped && geteuid() == 0 ? AccountsOf(site_) : std::map<std::string, Account>();
+    if (mapped && accounts.empty()) return;
+    const Account* account = mapped ? &accounts.begin()->second : nullptr;
+    const auto why = TryShell(account, true);
+    // A shell that never starts is not the environment's fault.
+    if (!why || why->empty() || TryShell(account, false) != "") return;
     Add("environment.no-shell", Severity::kError, 0,
-        "makes an environment in which bash does not start: " + *answer,
+        "makes an environment in which bash does not start: " + *why,
         "every run is refused with 'No host detected'",
         "correct it, above all LD_LIBRARY_PATH and other variables of the loader");
   }
