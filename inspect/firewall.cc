@@ -8,6 +8,7 @@
 
 #include "inspect/access.h"
 #include "inspect/file.h"
+#include "inspect/packet_filter.h"
 #include "inspect/probe.h"
 
 namespace inspect {

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "inspect/packet_filter.h"
+#include "inspect/address_ranges.h"
 #include "inspect/site.h"
 
 namespace inspect {

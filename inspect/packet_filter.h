@@ -1,37 +1,12 @@
 #pragma once
 
-#include <cstdint>
 #include <map>
 #include <optional>
 #include <string>
-#include <vector>
+
+#include "inspect/address_ranges.h"
 
 namespace inspect {
-
-/// IPv4 addresses from the first to the last.
-struct AddressRange {
-  std::uint32_t first = 0;
-  std::uint32_t last = 0;
-
-  friend bool operator==(const AddressRange&, const AddressRange&) = default;
-};
-
-/// Neighbours as one, in order.
-using AddressRanges = std::vector<AddressRange>;
-AddressRanges Merged(AddressRanges ranges);
-
-/// What is in `ranges` and not in `without`, and what is in both.
-AddressRanges Minus(const AddressRanges& ranges, const AddressRanges& without);
-AddressRanges Common(const AddressRanges& a, const AddressRanges& b);
-
-/// How many addresses these are.
-std::uint64_t Size(const AddressRanges& ranges);
-
-/// "192.0.2.0/28", "192.0.2.1", "192.0.2.1-192.0.2.9", with commas between; the first few.
-std::string Text(const AddressRanges& ranges);
-
-/// Reads such a text, of one range.
-std::optional<AddressRange> ReadRange(const std::string& text);
 
 /// From which addresses of other machines a first packet of a TCP connection gets to a port, and
 /// from which it does not. What is in neither is not known: rules can ask for things that cannot be

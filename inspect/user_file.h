@@ -6,7 +6,6 @@
 #include <vector>
 
 #include "config/user_collection.h"
-#include "inspect/site.h"
 
 namespace inspect {
 
@@ -49,8 +48,5 @@ std::string Unsendable(const std::string& name);
 
 /// Whether nothing but blanks stands in a line.
 bool IsBlank(const std::string& line);
-
-/// What is wrong with the user administration file of a site.
-Findings CheckUserFile(const Site& site);
 
 }  // namespace inspect

@@ -13,6 +13,7 @@
 #include <gtest/gtest.h>
 
 #include "inspect/probe.h"
+#include "inspect/user_file_check.h"
 #include "tests/inspect/findings.h"
 #include "tests/support/temporary_directory.h"
 

@@ -29,7 +29,7 @@
 #include "inspect/script.h"
 #include "inspect/service.h"
 #include "inspect/site.h"
-#include "inspect/user_file.h"
+#include "inspect/user_file_check.h"
 #include "tools/jobmillctl/command.h"
 #include "tools/jobmillctl/dry_run.h"
 #include "tools/jobmillctl/findings.h"
