@@ -82,6 +82,7 @@ const std::set<std::string>& FindingIds() {
       "port.held",
       "port.no-comms",
       "port.older-daemon",
+      "port.stopped-daemon",
       "port.taken",
       "port.unchecked",
       "program.does-not-start",

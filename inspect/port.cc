@@ -55,6 +55,12 @@ void JudgeListener(const Site& site, const TcpSocket& socket, Findings& findings
          known ? "end that program, or give the daemon another port" : "check as root"});
     return;
   }
+  if (owner->stat().state == 'T') {
+    findings.push_back({"port.stopped-daemon", Severity::kError, site.configuration, site.line,
+                        Described(owner) + " on " + port + " is stopped by a signal",
+                        "masters connect, and wait in vain",
+                        "kill -CONT " + std::to_string(owner->stat().id.pid)});
+  }
   const std::string program = owner->Link("exe").value_or("");
   if (!program.ends_with(" (deleted)")) return;
   findings.push_back(

@@ -60,8 +60,8 @@ Findings CheckProgram(const Site& site) {
   }
   const auto answer =
       RunCommand({"/usr/bin/env", "-i", "LC_ALL=C", program, "-v"}, Complaints::kIncluded);
-  // The exit status that goes with it is 1.
-  if (answer && answer->output.starts_with("Jobmill.\n")) return findings;
+  // The exit status that goes with it is 1. The loader may say something in front of it.
+  if (answer && answer->output.find("Jobmill.\n") != std::string::npos) return findings;
   std::string what = "does not answer within 10 s when it is asked for its version";
   if (answer) {
     what = "does not tell its version, but " +

@@ -1,5 +1,6 @@
 #include "inspect/port.h"
 
+#include <signal.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -93,6 +94,19 @@ TEST(PortTest, DaemonItselfIsGoodUntilItsProgramIsReplaced) {
   const Findings findings = CheckPort(SiteOn(daemon.port()));
   ASSERT_EQ(findings.size(), 1U);
   EXPECT_EQ(findings[0].id, "port.older-daemon");
+}
+
+TEST(PortTest, StoppedDaemonIsFound) {
+  RunningDaemon::Options options;
+  options.arguments = {"-u"};
+  RunningDaemon daemon(options);
+  daemon.process().Signal(SIGSTOP);
+  EXPECT_TRUE(Eventually([&] {
+    const Findings findings = CheckPort(SiteOn(daemon.port()));
+    return findings.size() == 1 && findings[0].id == "port.stopped-daemon";
+  }));
+  daemon.process().Signal(SIGCONT);
+  EXPECT_TRUE(Eventually([&] { return CheckPort(SiteOn(daemon.port())).empty(); }));
 }
 
 Site SiteWithCommsPorts(int first, int count) {

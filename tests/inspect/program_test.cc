@@ -38,6 +38,11 @@ class ProgramTest : public testing::Test {
 TEST_F(ProgramTest, DaemonItselfIsGood) {
   std::filesystem::copy(DaemonExecutable(), Program());
   EXPECT_THAT(Check(), IsEmpty());
+  // A library that is to be loaded into every program, and that there is not.
+  Write(
+      "#!/bin/sh\necho 'ERROR: ld.so: object ... ignored.' >&2\nprintf 'Jobmill.\\nx\\n'\nexit "
+      "1\n");
+  EXPECT_THAT(Check(), IsEmpty());
 }
 
 TEST_F(ProgramTest, ProgramThatIsNotThereIsFound) {
