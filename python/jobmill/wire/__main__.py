@@ -85,7 +85,7 @@ def _arguments() -> argparse.ArgumentParser:
         action="append",
         default=[],
         metavar="OFFSET=HEX",
-        help="wrong bytes; may be repeated. A negative offset counts from the end",
+        help="wrong bytes; may be repeated. A negative offset counts from the end: --byte=-1=00",
     )
     return parser
 
