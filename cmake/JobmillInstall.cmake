@@ -2,13 +2,16 @@
 # With it, and the prefix /usr, as a distribution's package has it: programs in lib/jobmill with links
 # where commands are looked for, configuration in /etc/jobmill, units where systemd looks.
 #
-# Everything belongs to one of the components daemon, client, simulator and status: each is a package.
+# Everything belongs to one of the components daemon, client, simulator, status and python: each is a
+# package.
 
 include(GNUInstallDirs)
 set(JOBMILL_UNITS lib/systemd/system CACHE STRING
   "Where the units are installed with JOBMILL_PACKAGE")
 set(JOBMILL_ZSH_COMPLETIONS share/zsh/site-functions CACHE STRING
   "Where the completion of zsh is installed with JOBMILL_PACKAGE")
+set(JOBMILL_PYTHON share/jobmill/python CACHE STRING
+  "Where the Python kit is installed")
 set(jobmill_shared ${CMAKE_INSTALL_DATADIR}/jobmill)
 if(JOBMILL_PACKAGE)
   set(jobmill_programs lib/jobmill)

@@ -11,7 +11,7 @@ setup() {
 
 teardown() { rm -rf "${work:-}"; }
 
-names=(jobmill jobmill-client jobmill-simulator jobmill-status)
+names=(jobmill jobmill-client jobmill-simulator jobmill-status python3-jobmill)
 
 @test "LintianFindsNothingThatHasNoReason" {
   lintian --allow-root --tag-display-limit 0 --fail-on error,warning "$packages"/*.deb
@@ -25,7 +25,7 @@ names=(jobmill jobmill-client jobmill-simulator jobmill-status)
 
 @test "RpmlintFindsNothingThatHasNoReason" {
   rpmlint --config "$root_directory/deploy/rpmlint.toml" "$packages"/*.rpm >"$work/findings"
-  grep -qE '4 packages and 0 specfiles checked; 0 errors, 0 warnings' "$work/findings"
+  grep -qE '5 packages and 0 specfiles checked; 0 errors, 0 warnings' "$work/findings"
 }
 
 @test "VersionIsTheSameEverywhere" {
@@ -43,7 +43,8 @@ names=(jobmill jobmill-client jobmill-simulator jobmill-status)
 tree() {
   (cd "$1" && find . -mindepth 1 \( -type l -printf '%p -> %l\n' -o -type f -printf '%p %m\n' \)) |
     sed -e 's:^\./lib/systemd:./usr/lib/systemd:' -e 's:/zsh/vendor-completions/:/zsh/site-functions/:' \
-      -e '\:/usr/share/\(doc\|lintian\)/:d' | sort
+      -e 's:/usr/lib/python3/dist-packages/:/usr/share/jobmill/python/:' \
+      -e '\:/usr/share/\(doc\|lintian\|python3\)/:d' | sort
 }
 
 @test "RpmsHoldWhatTheDebianPackagesHold" {
@@ -56,7 +57,8 @@ tree() {
     tree "$work/$name/rpm" | diff "$work/deb.txt" -
     (($(wc -l <"$work/deb.txt") >= 2))
     # The same bytes, too.
-    [[ $name == jobmill-status ]] || cmp "$work/$name"/{deb,rpm}/usr/lib/jobmill/vk*[^s]
+    [[ $name == jobmill-status || $name == python3-* ]] ||
+      cmp "$work/$name"/{deb,rpm}/usr/lib/jobmill/vk*[^s]
   done
   cd "$work/jobmill"
   diff -r deb/usr/share/jobmill rpm/usr/share/jobmill
@@ -66,6 +68,8 @@ tree() {
   cd "$work/jobmill-status"
   diff -r deb/lib/systemd rpm/usr/lib/systemd
   diff -r {deb,rpm}/usr/share/jobmill/monitoring
+  cd "$work/python3-jobmill"
+  diff -r deb/usr/lib/python3/dist-packages rpm/usr/share/jobmill/python
 }
 
 @test "ScriptletsOfTheRpmAreThoseOfTheDebianPackage" {
@@ -129,16 +133,16 @@ FILES
   [[ -z $(git -C "$root_directory" status --porcelain) ]] || skip 'needs all to be committed'
   git clone --quiet "$root_directory" "$work/clone"
   "$work/clone/scripts/package" "$work/again" >"$work/said"
-  (cd "$packages" && sha256sum jobmill*) >"$work/sums"
+  (cd "$packages" && sha256sum {,python3-}jobmill*) >"$work/sums"
   (cd "$work/again" && sha256sum --check --quiet "$work/sums")
-  (($(wc -l <"$work/sums") == 9))
+  (($(wc -l <"$work/sums") == 12))
 }
 
 @test "RpmsAreInstalledAndRemovedBesideEachOther" {
   mkdir -p "$work/root"/{etc,usr,var}
   local rpm=(rpm --root "$work/root") change=(--nodeps --noscripts)
   "${rpm[@]}" -i "${change[@]}" "$packages"/*.rpm 2>"$work/complaints"
-  [[ $("${rpm[@]}" -qa | wc -l) == 4 ]]
+  [[ $("${rpm[@]}" -qa | wc -l) == 5 ]]
   "${rpm[@]}" -V --nodeps "${names[@]}"
   [[ $(stat -c '%a %s' "$work/root/etc/jobmill/users") == '600 0' ]]
   "$work/root/usr/sbin/vkjobmill.exe" -v | grep -q '^Jobmill'
@@ -148,4 +152,22 @@ FILES
   [[ $(cat "$work/root/etc/jobmill/jobmill.conf.rpmsave") == 'OPTIONS="-p 1"' ]]
   cd "$work/root"
   [[ -z $(find . -path '*jobmill*' ! -type d ! -name '*.rpmsave') ]]
+}
+
+@test "WheelIsThePythonKit" {
+  local wheel=$packages/jobmill-$version-py3-none-any.whl
+  /usr/bin/python3 - "$wheel" "$root_directory/python/jobmill" <<'PYTHON'
+import pathlib, sys, zipfile
+wheel = zipfile.ZipFile(sys.argv[1])
+kit = pathlib.Path(sys.argv[2])
+files = {f"jobmill/{f.relative_to(kit)}": f for f in kit.rglob("*") if f.suffix in (".py", ".typed")}
+assert {n for n in wheel.namelist() if ".dist-info/" not in n} == set(files), wheel.namelist()
+assert all(wheel.read(name) == file.read_bytes() for name, file in files.items())
+PYTHON
+  mkdir "$work/deb"
+  dpkg-deb -x "$(deb python3-jobmill)" "$work/deb"
+  # Isolated: what is tried is the package, not the sources.
+  (cd / && PYTHONPATH=$wheel /usr/bin/python3 -m jobmill.check --help) | grep -q simulator
+  PYTHONPATH=$work/deb/usr/lib/python3/dist-packages /usr/bin/python3 -c \
+    "import jobmill; assert jobmill.__version__ == '$version', jobmill.__version__"
 }

@@ -8,8 +8,18 @@ packages=${JOBMILL_PACKAGES:-$root_directory/build/packages}
 version=$(sed -nE 's/^project\(jobmill VERSION ([0-9.]+) .*/\1/p' "$root_directory/CMakeLists.txt")
 architecture=$(uname -m)
 
-deb() { echo "$packages/$1_$version-1_$(dpkg --print-architecture).deb"; }
-rpm_file() { echo "$packages/$1-$version-1.$architecture.rpm"; }
+# The Python kit is for every architecture.
+deb() {
+  local built_for
+  built_for=$(dpkg --print-architecture)
+  [[ $1 != python3-* ]] || built_for=all
+  echo "$packages/$1_$version-1_$built_for.deb"
+}
+rpm_file() {
+  local built_for=$architecture
+  [[ $1 != python3-* ]] || built_for=noarch
+  echo "$packages/$1-$version-1.$built_for.rpm"
+}
 
 # cannot_package TOOL...: as cannot_start, and when there are no packages to try.
 cannot_package() {
