@@ -2,12 +2,11 @@
 
 from __future__ import annotations
 
-import threading
 import unittest
 from concurrent.futures import ThreadPoolExecutor
-from typing import Dict, List
+from typing import Dict
 
-from support import SOON
+from support import SOON, check_master
 
 from jobmill.check.master import Check
 from jobmill.check.report import FAILED, PASSED, Report
@@ -53,30 +52,11 @@ STAYING = {"stays when the connection ends": 0.2, "stays after the end": 0.2}
 
 
 def check(mistake: str, slow: float) -> Report:
-    """Checks a master that comes again and again, as long as somebody listens."""
-    masters: List[threading.Thread] = []
+    def run(port: int) -> None:
+        with Master(port, mistake) as master:
+            master.run()
 
-    def come(port: int) -> None:
-        while True:
-            try:
-                with Master(port, mistake) as master:
-                    master.run()
-            except ConnectionRefusedError:
-                return
-            except (EOFError, OSError):
-                pass
-
-    def told(text: str) -> None:
-        if text.startswith("Listening"):
-            masters.append(threading.Thread(target=come, args=(int(text.split()[-1]),)))
-            masters[0].start()
-
-    found = Check(
-        "127.0.0.1", 0, patience=STAYING.get(mistake, SOON), wait=SOON, slow=slow, say=told
-    )
-    report = found.run()
-    masters[0].join()
-    return report
+    return check_master(run, patience=STAYING.get(mistake, SOON), slow=slow)
 
 
 class MasterCheckTest(unittest.TestCase):

@@ -25,8 +25,10 @@ EXAMPLES = ROOT / "deploy" / "examples"
 SOON = 20.0
 
 from jobmill import controller_link  # noqa: E402
+from jobmill.check.master import Check as MasterCheck  # noqa: E402
+from jobmill.check.report import Report  # noqa: E402
 from jobmill.controller_link import Message  # noqa: E402
-from jobmill.errors import ProtocolError  # noqa: E402
+from jobmill.errors import ConnectFailed, Error, ProtocolError  # noqa: E402
 from jobmill.simulator import Conversation, Simulator  # noqa: E402
 from jobmill.stream import Stream  # noqa: E402
 
@@ -221,3 +223,29 @@ class ThreadedSimulator:
                 if not isinstance(answer, bytes):
                     answer = controller_link.chunked(controller_link.encode(answer))
                 self._write(stream, answer)
+
+
+def check_master(
+    run: Callable[[int], None], *, patience: float = SOON, slow: float = 0.1
+) -> Report:
+    """Checks a master that runs again and again, as long as somebody listens on the port."""
+    masters: List[threading.Thread] = []
+
+    def come(port: int) -> None:
+        while True:
+            try:
+                run(port)
+            except (ConnectionRefusedError, ConnectFailed):
+                return
+            except (EOFError, OSError, Error):
+                pass
+
+    def told(text: str) -> None:
+        if text.startswith("Listening"):
+            masters.append(threading.Thread(target=come, args=(int(text.split()[-1]),)))
+            masters[0].start()
+
+    found = MasterCheck("127.0.0.1", 0, patience=patience, wait=SOON, slow=slow, say=told)
+    report = found.run()
+    masters[0].join()
+    return report
