@@ -36,7 +36,6 @@ BROKEN: Dict[str, str] = {
     "a record too many": "M15",
     "records of the other kind": "M15",
     "a record without a list": "M16",
-    "goes without a word": "M17",
     "goes on after the end": "M17",
     "stays after the end": "M18",
     "takes half a reply for a whole one": "M20",
@@ -44,7 +43,7 @@ BROKEN: Dict[str, str] = {
     "a negative count": "M22",
     "trusts that there are wells": "M23",
 }
-UNUSUAL = ("one byte a packet", "speaks first", "version 7", "records ahead")
+UNUSUAL = ("one byte a packet", "speaks first", "version 7", "records ahead", "waits for the end")
 
 
 #: Those that do not close a connection: how long that is watched, in seconds.
@@ -76,6 +75,12 @@ class MasterCheckTest(unittest.TestCase):
                 report = check(habit, 0.1)
                 wrong = {n: j for n, j in report.judgements.items() if j.verdict != PASSED}
                 self.assertEqual((wrong, report.status), ({}, 0))
+
+    def test_master_may_end_a_run_by_leaving(self) -> None:
+        report = check("goes without a word", 0.1)
+        wrong = {n: j.why for n, j in report.judgements.items() if j.verdict != PASSED}
+        why = "the master leaves without request 65520"
+        self.assertEqual((wrong, report.status), ({"M17": why, "M18": why}, 0))
 
     def test_nobody_comes(self) -> None:
         report = Check("127.0.0.1", 0, patience=1.0, wait=0.05).run()

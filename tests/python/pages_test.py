@@ -4,34 +4,55 @@ from __future__ import annotations
 
 import re
 import unittest
-from typing import Iterator, List
+from typing import Dict, Iterator, List, Tuple
 
 from support import ROOT
 
 from jobmill import controller_link, master_link
 from jobmill.controller_link import chunked, decode, encode, take_message, understand
 from jobmill.errors import ProtocolError
-from jobmill.wire import CLIENT, MASTER, SERVER, Decoder
-
-
-#: What a listing says about bytes, behind them: a value after many blanks, or a date.
-REMARK = re.compile(r"(?<=\b[0-9a-f]{2}) {8,}\S.*$|  \d+ [A-Z][a-z]+ \d{4}$")
+from jobmill.wire import CLIENT, MASTER, SERVER, SIMULATOR, Decoder
 
 
 def listing_bytes(line: str) -> bytes:
-    """The bytes of a line of a listing: pairs of digits and 'texts'."""
+    """The bytes of a line of a listing: pairs of digits and 'texts'; a byte that depends on the run is 0."""
     found = b""
-    for text, pair in re.findall(r"'([^']*)'|\b([0-9a-f]{2})\b", REMARK.sub("", line.strip())):
-        found += text.encode() if text else bytes.fromhex(pair)
+    for text, pair in re.findall(
+        r"'([^']*)'|(?<!\.)\b([0-9a-f]{2})\b|(?<!\.)\.\.(?!\.)", without_remark(line)
+    ):
+        found += text.encode() if text else bytes.fromhex(pair or "00")
     return found
+
+
+def without_remark(line: str) -> str:
+    return re.sub(r" +#.*", "", line)
+
+
+def blocks(page: str) -> Iterator[str]:
+    text = (ROOT / "docs" / page).read_text(encoding="utf-8")
+    yield from re.findall(r"^```\n(.*?)^```", text, re.S | re.M)
 
 
 def listings() -> Iterator[bytes]:
     """The messages in the listings of the simulator's protocol; an empty line parts two of them."""
-    page = (ROOT / "docs" / "external-controller-protocol.md").read_text(encoding="utf-8")
-    for block in re.findall(r"```\n(.*?)```", page, re.S):
-        for part in block.split("\n\n"):
-            yield b"".join(map(listing_bytes, part.splitlines()))
+    for block in blocks("external-controller-protocol.md"):
+        if "→" not in block:
+            for part in block.split("\n\n"):
+                yield b"".join(map(listing_bytes, part.splitlines()))
+
+
+def runs(page: str) -> Iterator[Tuple[str, str, bytes]]:
+    """Who sends what to whom in the whole runs of a page, where no byte is left out."""
+    for block in blocks(page):
+        for part in re.split(r"^(?=\w+ → )", block, flags=re.M):
+            if "→" in part and not re.search(r"(?<!\.)\.\.\.(?!\.)", without_remark(part)):
+                ends, *lines = part.splitlines()
+                sender, receiver = re.findall(r"\w+", ends)[:2]
+                yield sender, receiver, b"".join(map(listing_bytes, lines))
+
+
+#: The ends, as jobmill.wire calls them.
+NAMES = {"jobmill": "daemon"}
 
 
 class PagesTest(unittest.TestCase):
@@ -67,24 +88,28 @@ class PagesTest(unittest.TestCase):
                     kinds.append(understand(message).kind)
         self.assertEqual(set(kinds), {names[-1] for names in controller_link.REQUESTS})
 
-    def test_frames_of_the_page_are_read(self) -> None:
-        page = (ROOT / "docs" / "master-protocol.md").read_text(encoding="utf-8")
-        rows = re.findall(r"^\| (.+?) \| `([0-9a-f ]+)` \|$", page, re.M)
-        self.assertGreater(len(rows), 9)
-        for title, text in rows:
-            data = bytes.fromhex(text)
-            body = master_link.take_frame(bytearray(data))
-            assert body is not None
-            with self.subTest(title):
-                read = master_link.unpack_reply if "reply" in title else master_link.unpack_request
-                self.assertEqual(master_link.frame(body), data)
-                values = read(body)
-                again = master_link.pack_reply if "reply" in title else master_link.pack_request
-                self.assertEqual(again(master_link.code_of(body), **values), data)
+    def test_whole_runs_of_the_pages_are_read(self) -> None:
+        for page in ("master-protocol.md", "external-controller-protocol.md"):
+            decoders: Dict[str, Decoder] = {}
+            names: List[str] = []
+            for sender, receiver, data in runs(page):
+                link = SIMULATOR if "simulator" in (sender, receiver) else MASTER
+                if (sender, receiver) == ("jobmill", "master") and data.endswith(b"3"):
+                    decoders[MASTER] = Decoder(MASTER)
+                decoder = decoders.setdefault(link, Decoder(link))
+                end = SERVER if sender == "simulator" or receiver == "master" else CLIENT
+                for said in decoder.take(end, data):
+                    names.append(said.name)
+                    with self.subTest(page, said=str(said)):
+                        self.assertEqual((said.error, said.end), ("", NAMES.get(sender, sender)))
+                self.assertEqual(decoder.end(end), [], (page, data))
+            self.assertGreater(len(names), 20)
+            self.assertIn("reply to 65520 (shut down)", names)
 
     def test_titles_and_codes_are_those_of_the_page(self) -> None:
         page = (ROOT / "docs" / "master-protocol.md").read_text(encoding="utf-8")
-        rows = dict(re.findall(r"^\| (\d+) \| ([^|]+?) \|", page, re.M))
+        table = page[page.index("| Code | Request |") :].split("\n\n")[0]
+        rows = dict(re.findall(r"^\| (\d+) \| ([^|]+?) \|", table, re.M))
         for code, request in master_link.REQUESTS.items():
             if code not in (master_link.NEXT_OPERATING_POINT, master_link.NEXT_INFLOW_TABLE):
                 self.assertTrue(rows[str(code)].startswith(request.title), rows[str(code)])

@@ -40,9 +40,8 @@ class ProgramsTest(unittest.TestCase):
             with self.subTest(deck=deck, version=version):
                 command = f"{SIMULATOR} {EXAMPLES} {deck} --port {{port}} --api {version}"
                 port = str(free_ports(1))
-                said = self.check(
-                    "simulator", "127.0.0.1", port, "--api", version, "--command", command
-                )
+                more = ("--api", version, "--everything")
+                said = self.check("simulator", "127.0.0.1", port, *more, "--command", command)
                 if (deck, version) == ("COMP", "2017.2"):
                     self.assertIn(" 0 not applicable", said)
 

@@ -134,6 +134,8 @@ class Master:
         self.receive()
         if self.has("stays after the end"):
             time.sleep(0.4)
+        if self.has("waits for the end"):
+            self.socket.recv(1)
 
     def wells(self) -> "list[str]":
         reply = self.ask(6)

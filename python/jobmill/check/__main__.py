@@ -36,6 +36,11 @@ def _arguments() -> argparse.ArgumentParser:
     simulator.add_argument(
         "--command", default="", help="starts it, once for each run; {port} stands for the port"
     )
+    simulator.add_argument(
+        "--everything",
+        action="store_true",
+        help="what the protocol has and the jobmill never asks, too",
+    )
 
     daemon = subjects.add_parser("daemon", parents=[common], help="a daemon that listens")
     daemon.add_argument("host")
@@ -102,6 +107,7 @@ def _check(options: argparse.Namespace) -> Report:
         version=options.api,
         command=options.command,
         patience=options.patience,
+        everything=options.everything,
     ).run()
 
 

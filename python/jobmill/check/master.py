@@ -41,28 +41,24 @@ RULES = [
         ("M08", "Frames", "A request has 4 to 65,536 bytes."),
         ("M09", "Frames", "Frames are taken however the network cuts them."),
         ("M10", "Frames", "A reply of more than 65,536 bytes is taken."),
-        ("M11", "Requests and replies", "Request 1 comes before every other but 65520."),
+        ("M11", "Beginning and end (1, 65520)", "Request 1 comes before every other but 65520."),
         ("M12", "Requests and replies", "Every code is one of the table."),
         ("M13", "Requests and replies", "A request has all its fields, and nothing behind them."),
-        ("M14", "Requests and replies", "Lists that belong together have one length."),
+        ("M14", "Lists that belong together", "Lists that belong together have one length."),
         (
             "M15",
             "Requests and replies",
             "After 10 and 16 comes exactly one 4096 or 4097 for each well.",
         ),
         ("M16", "Requests and replies", "4096 and 4097 come only after 10 and 16."),
-        (
-            "M17",
-            "Requests and replies",
-            "The run is ended by request 65520, and nothing comes after it.",
-        ),
+        ("M17", "Beginning and end (1, 65520)", "Nothing comes after request 65520."),
         (
             "M18",
-            "Requests and replies",
+            "Beginning and end (1, 65520)",
             "After the reply to 65520 the master closes the connection.",
         ),
-        ("M19", "Requests and replies", "A connection that ends instead of a reply ends the run."),
-        ("M20", "Requests and replies", "A connection that ends within a reply ends the run."),
+        ("M19", "What ends a run", "A connection that ends instead of a reply ends the run."),
+        ("M20", "What ends a run", "A connection that ends within a reply ends the run."),
         ("M21", "Values", "Strings have no zero byte: they would end there."),
         ("M22", "Values", "Counts and lengths are not negative."),
         ("M23", "Values", "Replies that are empty of wells are understood."),
@@ -208,7 +204,7 @@ class DaemonEnd:
         wells: List[str] = []
         record_code = components = 0
         while True:
-            body = self._hear("M17", "a request")
+            body = self._hear("M08", "a request")
             fields, code = self._judge(body, wells, record_code)
             self.session.requests.append(body)
             if code in (master_link.NEXT_OPERATING_POINT, master_link.NEXT_INFLOW_TABLE):
@@ -236,6 +232,7 @@ class DaemonEnd:
         self._say(data)
 
     def _after_the_end(self) -> None:
+        self._end_of_ours()
         self.session.closed = self._closes()
         self.session.after = bytes(self._stream.received)
         after = shown(self.session.after)
@@ -314,17 +311,22 @@ class DaemonEnd:
                 self._report.unknown(rule, why)
                 raise _Ended from None
             self.session.closed = True
+            if rule == "M08" and not self._stream.received:
+                raise _Ended  # A master may end a run by leaving.
             rest = shown(bytes(self._stream.received))
             self._report.failed(rule, expected, f"the end of the connection, before it: {rest}")
             raise _Ended
 
     def _hang_up(self) -> None:
         """Ends the connection towards the master, and looks at what it does then."""
-        with contextlib.suppress(OSError):
-            self._stream.socket.shutdown(socket.SHUT_WR)
+        self._end_of_ours()
         self.session.closed = self._closes()
         self.session.after = bytes(self._stream.received)
         raise _Ended
+
+    def _end_of_ours(self) -> None:
+        with contextlib.suppress(OSError):
+            self._stream.socket.shutdown(socket.SHUT_WR)
 
     def _closes(self) -> bool:
         deadline = deadline_in(self._patience)
@@ -377,7 +379,7 @@ class Check:
             self._listener = listener
             self._say(f"Listening on port {listener.getsockname()[1]}")
             plain = self._meet(Scenario("an ordinary run"))
-            if plain is not None and plain.requests and plain.codes[-1] == SHUT_DOWN:
+            if plain is not None and plain.requests and plain.closed:
                 self._sheet(plain)
                 self._launches(plain)
                 self._cuts(plain)
@@ -415,8 +417,12 @@ class Check:
                 "version": master_link.bytes_text(plain.lines[0]),
                 "requests used": ", ".join(map(str, used)),
                 "requests in a run": str(len(codes)),
+                "ends a run": "by request 65520" if codes[-1] == SHUT_DOWN else "by leaving",
             }
         )
+        if codes[-1] != SHUT_DOWN:
+            for rule in ("M17", "M18"):
+                self.report.absent(rule, "the master leaves without request 65520")
         for rule, wanted in (("M15", {10, 16}), ("M14", {11, 12, 13, 19})):
             if not wanted & set(codes):
                 self.report.judgements.pop(rule, None)

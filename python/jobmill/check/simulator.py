@@ -9,8 +9,9 @@ import time
 from typing import Any, Callable, Dict, Iterator, List, Optional, Sequence, Tuple
 
 from .. import controller_link
-from ..controller_link import END, READY, Arrived, Header, Message, request
+from ..controller_link import CHUNK, END, READY, Arrived, Header, Message, request
 from ..errors import ConnectFailed, ProtocolError, TimedOut
+from ..simulator import METRIC
 from ..stream import Stream, deadline_in
 from .report import Report, rules, shown
 from .subject import Command
@@ -143,7 +144,11 @@ RULES = [
         ),
         ("S46", "What it answers", "Every well has the eight properties of operating points."),
         ("S47", "What it answers", "Every well has the properties of inflow tables."),
-        ("S48", "What it answers", "UNIT_SYSTEM is TOLMEN_METRIC or TOLMEN_FIELD."),
+        (
+            "S48",
+            "What it answers",
+            "UNIT_SYSTEM is one text, for metric units exactly TOLMEN_METRIC.",
+        ),
         ("S49", "What it answers", "VK_VERSION begins with a number."),
         (
             "S50",
@@ -201,7 +206,7 @@ class Controller:
 
     # Messages.
 
-    def send(self, message: Message, chunk: int = controller_link.CHUNK, packet: int = 0) -> None:
+    def send(self, message: Message, chunk: int = CHUNK, packet: int = 0) -> None:
         data = controller_link.chunked(controller_link.encode(message), chunk)
         for at in range(0, len(data), packet or len(data)):
             self.stream.send(data[at : at + (packet or len(data))], deadline_in(self._patience))
@@ -216,10 +221,10 @@ class Controller:
             self.report.failed("S02", "chunks within the message", f"{error}: {self._rest()}")
             raise Broken(str(error)) from error
         self.report.kept("S02")
-        if len(arrived.body) > controller_link.CHUNK:
-            cuts = [controller_link.CHUNK] * (len(arrived.body) // controller_link.CHUNK)
-            if len(arrived.body) % controller_link.CHUNK:
-                cuts.append(len(arrived.body) % controller_link.CHUNK)
+        if len(arrived.body) > CHUNK:
+            cuts = [CHUNK] * (len(arrived.body) // CHUNK)
+            if len(arrived.body) % CHUNK:
+                cuts.append(len(arrived.body) % CHUNK)
             self.report.judge(
                 "S03", list(arrived.chunks) == cuts, f"chunks of {cuts}", f"{list(arrived.chunks)}"
             )
@@ -330,10 +335,17 @@ class Controller:
             raise Broken("the ready message did not come")
 
     def wells(
-        self, kind: str, items: Sequence[str], wells: Sequence[str], **how: int
+        self,
+        kind: str,
+        items: Sequence[str],
+        wells: Sequence[str],
+        ordered: bool = True,
+        chunk: int = CHUNK,
+        packet: int = 0,
     ) -> Tuple[List[str], Rows]:
         """The properties that are answered, and what is answered for each well."""
-        headers = self.query(kind, {"QITEMS": items, "WELNAMES": wells}, **how)
+        row = {"QITEMS": items, "WELNAMES": wells}
+        headers = self.query(kind, row, chunk=chunk, packet=packet)
         if not headers:
             return [], {}
         names = ["QITEMS", *["WELLNAME", "VALUES"] * (len(headers) // 2)]
@@ -358,7 +370,7 @@ class Controller:
         foreign = [item for item in answered if item not in items]
         if not foreign:
             order = [items.index(item) for item in answered]
-            kept = len(set(items)) < len(items) or order == sorted(order)
+            kept = not ordered or len(set(items)) < len(items) or order == sorted(order)
             self.report.judge("S53", kept, _list(items), _list(answered))
         self.report.judge("S25", not foreign, f"properties out of {_list(items)}", _list(foreign))
         return answered, found
@@ -403,6 +415,7 @@ class Check:
         command: str = "",
         patience: float = 60.0,
         start: float = 30.0,
+        everything: bool = False,
     ) -> None:
         self.report = Report("simulator", RULES)
         self._host, self._port = host, port
@@ -410,6 +423,7 @@ class Check:
         self._command = command
         self._patience = patience
         self._start = start
+        self._everything = everything
 
     def run(self) -> Report:
         report = self.report
@@ -469,7 +483,12 @@ class Check:
         compositional = self._run_queries(controller, first)
         wells = self._well_queries(controller)
         self._fluid_queries(controller, compositional)
-        self._constraint_queries(controller, list(wells))
+        if self._everything:
+            self._field_management_query(controller)
+            self._constraint_queries(controller, list(wells))
+        else:
+            for rule in ("S29", "S30", "S31"):
+                self.report.absent(rule, "the jobmill never asks for it: give --everything")
         self._setters(controller, wells)
         self._sources(controller, wells)
         self._awkward_requests(controller, list(wells))
@@ -528,8 +547,9 @@ class Check:
         kept = len(version) == 1 and bool(re.match(r"\d+(\.\d+)?", str(version[0])))
         report.judge("S49", kept, "one text such as 2017.2", str(version))
         units = controller.run_items("QRESVR_STR", "UNIT_SYSTEM").get("UNIT_SYSTEM", ())
-        kept = list(units) in (["TOLMEN_METRIC"], ["TOLMEN_FIELD"])
-        report.judge("S48", kept, "TOLMEN_METRIC or TOLMEN_FIELD", str(units))
+        # Every other text means field units, so one that speaks of metric ones does not mean what it says.
+        kept = len(units) == 1 and (units[0] == METRIC or "METRIC" not in str(units[0]).upper())
+        report.judge("S48", kept, f"{METRIC}, or a text for field units", str(units))
         models = controller.run_items("QRESVR_STR", "FM_FLUID_MODEL", "RES_FLUID_MODEL")
         kept = len(models) == 2 and all(len(model) == 1 for model in models.values())
         report.judge("S50", kept, "both, with a text each", str(models))
@@ -562,7 +582,7 @@ class Check:
         if not names:
             return {}
         for rule, asked in (("S46", OPERATING), ("S47", (*INFLOW, "BOTTOM_HOLE_PRESSURE"))):
-            items, rows = controller.wells("QWELLS", asked, names)
+            items, rows = controller.wells("QWELLS", asked, names, ordered=rule == "S46")
             missing = [item for item in asked if item not in items]
             absent = [name for name in names if name not in rows]
             kept = not missing and not absent
@@ -581,10 +601,6 @@ class Check:
 
     def _fluid_queries(self, controller: Controller, compositional: bool) -> None:
         report = self.report
-        headers = controller.query("QFMFLUIDMODEL")
-        name = "NCOMPS" if self._version == "2017.2" else headers[0].name if headers else ""
-        kept = not headers or [(h.name, h.type) for h in headers] == [(name, "CSTR")]
-        report.judge("S31", kept, "nothing, or one list NCOMPS", _text(headers))
         headers = controller.query("QRFLUIDMODEL")
         fields = ("FLUIDMODELDNAME", "EOSNAME", "NCOMPS", "BIC")
         types = ("CSTR", "CSTR", "CSTR", "DOUB")
@@ -610,6 +626,12 @@ class Check:
         report.absent("S32", "the run has no fluid model")
         report.absent("S33", "the run has no fluid model")
         report.sheet["fluid models"] = str(models)
+
+    def _field_management_query(self, controller: Controller) -> None:
+        headers = controller.query("QFMFLUIDMODEL")
+        name = "NCOMPS" if self._version == "2017.2" else headers[0].name if headers else ""
+        kept = not headers or [(h.name, h.type) for h in headers] == [(name, "CSTR")]
+        self.report.judge("S31", kept, "nothing, or one list NCOMPS", _text(headers))
 
     def _constraint_queries(self, controller: Controller, wells: List[str]) -> None:
         report = self.report
@@ -773,9 +795,9 @@ class Check:
         asked = wells or ["*"]
         _, plain = controller.wells("QWELLS_STR", items, asked)
 
-        def tried(rule: str, names: List[str], **how: int) -> None:
+        def tried(rule: str, names: List[str], chunk: int = CHUNK, packet: int = 0) -> None:
             try:
-                _, rows = controller.wells("QWELLS_STR", items, names, **how)
+                _, rows = controller.wells("QWELLS_STR", items, names, chunk=chunk, packet=packet)
             except Broken:
                 # It was this request that the conversation broke on.
                 report.failed(rule, "an answer", "none that could be read")
