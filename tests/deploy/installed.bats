@@ -47,6 +47,7 @@ share/jobmill/systemd/jobmill-logrotate.timer
 share/jobmill/systemd/jobmill-status.service
 share/jobmill/systemd/jobmill.service
 share/jobmill/systemd/jobmill@.service
+share/jobmill/wireshark/jobmill.lua
 share/zsh/site-functions/_jobmillctl
 share/zsh/site-functions/_vkmaster
 FILES
