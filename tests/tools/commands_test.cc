@@ -32,7 +32,8 @@ TEST(ParseCommand, KnowsEveryCommandOfTheHelp) {
 }
 
 TEST(ParseCommand, UnknownCommandIsRefusedWithWhatItMayBe) {
-  EXPECT_EQ(Refusal("tiem"), "No such command: tiem (the command help lists them)");
+  EXPECT_EQ(Refusal("tiem"), "No such command: tiem (time?)");
+  EXPECT_EQ(Refusal("xyzzy"), "No such command: xyzzy (the command help lists them)");
   EXPECT_EQ(Refusal("start"), "No such command: start (start-date?)");
   EXPECT_EQ(Refusal("--csv"), "No such option: --csv (vkmaster --help lists them)");
 }
@@ -70,7 +71,7 @@ TEST(ParseCommand, MoleFractionOutsideZeroToOneIsRefused) {
 }
 
 TEST(ParseCommand, OneWrongCommandOfALineRefusesTheLine) {
-  EXPECT_EQ(Refusal("time then tiem"), "No such command: tiem (the command help lists them)");
+  EXPECT_EQ(Refusal("time then tiem"), "No such command: tiem (time?)");
 }
 
 TEST(ParseUntil, TargetIsDaysRelativeDaysOrADate) {

@@ -126,6 +126,10 @@ struct FakeRun {
   bool short_lists = false;              ///< lists of properties are shorter than the first one
   std::size_t missing_variables = 0;     ///< how many values fewer than asked for
 
+  bool obeys = true;  ///< else statuses and uptimes are acknowledged and nothing else
+  bool compositional = true;
+  std::map<std::string, double> uptimes;
+
   double time = 0;
   bool first_step = false;
 
@@ -153,7 +157,7 @@ struct FakeRun {
         master.Send(Pack(code).Double(time).Done());
         break;
       case 5:
-        master.Send(Pack(code).Int(1).Done());
+        master.Send(Pack(code).Int(compositional ? 1 : 0).Done());
         break;
       case 6:
         SendWells(master);
@@ -167,6 +171,14 @@ struct FakeRun {
         break;
       case 10:
         SendData(master, fields.Strings(fields.Int()));
+        break;
+      case 11:
+        SetStatuses(fields);
+        master.Send(Pack(code).Done());
+        break;
+      case 12:
+        SetUptimes(fields);
+        master.Send(Pack(code).Done());
         break;
       case 14:
         SendEOS(master);
@@ -188,6 +200,28 @@ struct FakeRun {
         break;
       default:
         master.Send(Pack(code).Done());
+    }
+  }
+
+  void SetStatuses(Fields& fields) {
+    const int names = fields.Int();
+    const int values = fields.Int();
+    const std::vector<std::string> of = fields.Strings(names);
+    const std::vector<std::string> statuses = fields.Strings(values);
+    std::map<std::string, std::string> given;
+    for (std::size_t i = 0; i < of.size() && i < statuses.size(); ++i) given[of[i]] = statuses[i];
+    for (Well& well : wells) {
+      if (obeys && given.contains(well.name)) well.status = given[well.name];
+    }
+  }
+
+  void SetUptimes(Fields& fields) {
+    const int names = fields.Int();
+    fields.Int();
+    const std::vector<std::string> of = fields.Strings(names);
+    for (const std::string& name : of) {
+      const double fraction = fields.Double();
+      if (obeys) uptimes[name] = fraction;
     }
   }
 
@@ -215,8 +249,8 @@ struct FakeRun {
       const double base = 100 * static_cast<double>(i + 1);
       Pack record(4096);
       record.String("OPEN");
-      for (const double value :
-           {base, base + 1, base + 2, base + 3, base + 4, 250.5, 30.25, 0.95}) {
+      for (const double value : {base, base + 1, base + 2, base + 3, base + 4, 250.5, 30.25,
+                                 uptimes.contains(names[i]) ? uptimes.at(names[i]) : 0.95}) {
         record.Double(value);
       }
       master.Send(record.Done());
@@ -225,7 +259,7 @@ struct FakeRun {
 
   void SendEOS(DaemonEnd& master) const {
     Pack reply(14);
-    if (!has_eos) {
+    if (!has_eos || !compositional) {
       reply.String("").Int(0);
       for (int list = 0; list < 12; ++list) reply.Series({});
       return master.Send(reply.Done());

@@ -180,7 +180,7 @@ commands = ["open P2"]
   EXPECT_EQ(directory_.Read("results/wells.csv"),
             "time_days,date,well,type,status\n"
             "0,2020-01-01,P1,PRODUCER,OPEN\n30,2020-01-31,P1,PRODUCER,OPEN\n"
-            "45,2020-02-15,P1,PRODUCER,OPEN\n60,2020-03-01,P1,PRODUCER,OPEN\n");
+            "45,2020-02-15,P1,PRODUCER,OPEN\n60,2020-03-01,P1,PRODUCER,SHUT\n");
   EXPECT_THAT(directory_.Read("results/vars.csv"),
               HasSubstr("time_days,date,well,BOTTOM_HOLE_PRESSURE\n0,2020-01-01,P1,10.5\n"));
   EXPECT_EQ(directory_.Read("results/open.csv"),

@@ -37,17 +37,17 @@ std::vector<std::string> NoWells() {
 }
 
 TEST(Completions, CommandsComeAtTheBeginningOfACommand) {
-  EXPECT_THAT(Completions("", "sta", NoWells), ElementsAre("status", "start-date"));
-  EXPECT_THAT(Completions("time then ", "un", NoWells), ElementsAre("units", "until"));
-  EXPECT_THAT(Completions("time; ", "un", NoWells), ElementsAre("units", "until"));
+  EXPECT_THAT(Completions("", "sta", {NoWells}), ElementsAre("status", "start-date"));
+  EXPECT_THAT(Completions("time then ", "un", {NoWells}), ElementsAre("units", "until"));
+  EXPECT_THAT(Completions("time; ", "un", {NoWells}), ElementsAre("units", "until"));
 }
 
 TEST(Completions, HelpIsFollowedByCommands) {
-  EXPECT_THAT(Completions("help ", "shut", NoWells), Contains("shutdown"));
+  EXPECT_THAT(Completions("help ", "shut", {NoWells}), Contains("shutdown"));
 }
 
 TEST(Completions, UntilIsFollowedByItsWords) {
-  EXPECT_THAT(Completions("until 30 ", "st", NoWells), ElementsAre("step"));
+  EXPECT_THAT(Completions("until 30 ", "st", {NoWells}), ElementsAre("step"));
 }
 
 std::vector<std::string> Wells() {
@@ -57,32 +57,49 @@ std::vector<std::string> Wells() {
 TEST(Completions, CommandsOnWellsAreFollowedByWells) {
   for (const char* command :
        {"wells ", "data ", "open P1 ", "shut ", "uptime ", "ipr ", "source "}) {
-    EXPECT_THAT(Completions(command, "P", Wells), ElementsAre("P1", "P2")) << command;
+    EXPECT_THAT(Completions(command, "P", {Wells}), ElementsAre("P1", "P2")) << command;
   }
 }
 
 TEST(Completions, ConstraintNamesComeWithTheirEqualsSign) {
-  EXPECT_THAT(Completions("constrain P1 ", "b", Wells), ElementsAre("bhp="));
-  EXPECT_THAT(Completions("vars P1 ", "b", Wells), ElementsAre("bhp"));
-  EXPECT_THAT(Completions("ipr P1 ", "sk", Wells), ElementsAre("skewness"));
+  EXPECT_THAT(Completions("constrain P1 ", "b", {Wells}), ElementsAre("bhp="));
+  EXPECT_THAT(Completions("vars P1 ", "b", {Wells}), ElementsAre("bhp"));
+  EXPECT_THAT(Completions("ipr P1 ", "sk", {Wells}), ElementsAre("skewness"));
+}
+
+TEST(Completions, WhatTheSimulatorCallsItIsCompletedToo) {
+  EXPECT_THAT(
+      Completions("vars P1 ", "WATER_", {Wells}),
+      ElementsAre("WATER_PRODUCTION_RATE", "WATER_INJECTION_RATE", "WATER_DENSITY", "WATER_CUT"));
+  EXPECT_THAT(Completions("constrain P1 ", "up", {Wells}), IsEmpty()) << "nothing limits uptime";
+}
+
+TEST(Completions, StatusesComponentsAndSourcesAreCompleted) {
+  EXPECT_THAT(Completions("set-status ", "O", {Wells}), ElementsAre("OPEN"));
+  const vkmaster::RunNames names{NoWells,
+                                 [] {
+                                   return std::vector<std::string>{"C1", "CO2"};
+                                 },
+                                 [] { return std::vector<std::string>{"CAP"}; }};
+  EXPECT_THAT(Completions("composition ", "C", names), ElementsAre("CAP", "C1=", "CO2="));
 }
 
 TEST(Completions, EveryIsFollowedByStepsAndTheWordsOfUntil) {
-  EXPECT_THAT(Completions("every ", "m", NoWells), ElementsAre("monthly"));
-  EXPECT_THAT(Completions("every monthly ", "u", NoWells), ElementsAre("until"));
+  EXPECT_THAT(Completions("every ", "m", {NoWells}), ElementsAre("monthly"));
+  EXPECT_THAT(Completions("every monthly ", "u", {NoWells}), ElementsAre("until"));
 }
 
 TEST(Completions, CommaEndsACommandOnlyWhereItStandsAlone) {
-  EXPECT_THAT(Completions("time , ", "un", NoWells), ElementsAre("units", "until"));
-  EXPECT_THAT(Completions("data P1,P2 ", "P", Wells), ElementsAre("P1", "P2"));
+  EXPECT_THAT(Completions("time , ", "un", {NoWells}), ElementsAre("units", "until"));
+  EXPECT_THAT(Completions("data P1,P2 ", "P", {Wells}), ElementsAre("P1", "P2"));
 }
 
 TEST(Completions, UnknownCommandIsFollowedByNothing) {
-  EXPECT_THAT(Completions("tiem ", "", NoWells), IsEmpty());
+  EXPECT_THAT(Completions("tiem ", "", {NoWells}), IsEmpty());
 }
 
 TEST(Completions, OpenQuoteCompletesNothingWrong) {
-  EXPECT_THAT(Completions("help 'x", "zzz", NoWells), IsEmpty());
+  EXPECT_THAT(Completions("help 'x", "zzz", {NoWells}), IsEmpty());
 }
 
 // What the prompt gives for an input of one line when its waits are answered.
@@ -94,7 +111,7 @@ std::optional<std::string> LineWhen(CallAnswer answer) {
     WriteAll(typed.peer.get(), "time\n");
     dup2(typed.ours.get(), STDIN_FILENO);
     vkmaster::Interrupt interrupt;
-    vkmaster::Prompt prompt([] { return "> "; }, NoWells, interrupt);
+    vkmaster::Prompt prompt([] { return "> "; }, {NoWells}, interrupt);
     if (!AnswerCall(SYS_poll, answer)) return std::nullopt;
     return "'" + prompt.Next().value_or("the end") + "'";
   });
@@ -115,7 +132,7 @@ TEST(PromptTest, SignalThatAnotherThreadTakesEndsTheWait) {
     SocketPair typed;
     dup2(typed.ours.get(), STDIN_FILENO);
     vkmaster::Interrupt interrupt;
-    vkmaster::Prompt prompt([] { return "> "; }, NoWells, interrupt);
+    vkmaster::Prompt prompt([] { return "> "; }, {NoWells}, interrupt);
     std::promise<void> ended;
     bool late = false;
     std::thread other([&typed, &late, end = ended.get_future()] {

@@ -134,7 +134,7 @@ TEST_F(WellCommandsTest, UnitsOfAFieldRunAreFieldUnits) {
 }
 
 TEST_F(WellCommandsTest, VarsAsksForTheSimulatorsNamesWellByWell) {
-  EXPECT_EQ(Do("vars P1,P2 bhp GAS_LIFT"),
+  EXPECT_EQ(Do("vars P1,P2 bhp as-is:GAS_LIFT"),
             "well,BOTTOM_HOLE_PRESSURE,GAS_LIFT\nP1,10.5,21\nP2,10.5,21\n");
   EXPECT_EQ(Requests(15).size(), 2U);
   EXPECT_EQ(Requests(15)[0], Hex(Bytes("0f000000 02000000 5031 02000000"
@@ -145,7 +145,7 @@ TEST_F(WellCommandsTest, VarsAsksForTheSimulatorsNamesWellByWell) {
 TEST_F(WellCommandsTest, OpenAndShutSendTheStatus) {
   EXPECT_EQ(Do("open P1 I1"), "well,status\nP1,OPEN\nI1,OPEN\n");
   Do("shut P2");
-  Do("set-status PAUSED P2");
+  Do("set-status as-is:PAUSED P2");
   EXPECT_THAT(
       Requests(11),
       ElementsAre(Hex(Bytes("0b000000 02000000 02000000 02000000 5031 02000000 4931"
@@ -162,7 +162,7 @@ TEST_F(WellCommandsTest, UptimeSendsTheFractionForEachWell) {
 }
 
 TEST_F(WellCommandsTest, ConstrainSendsNamesAndValuesPerWell) {
-  EXPECT_EQ(Do("constrain P1 P2 bhp=1 I1 X=2"),
+  EXPECT_EQ(Do("constrain P1 P2 bhp=1 I1 as-is:X=2"),
             "well,constraint,value,unit\n"
             "P1,BOTTOM_HOLE_PRESSURE,1,bar\n"
             "P2,BOTTOM_HOLE_PRESSURE,1,bar\n"
@@ -178,10 +178,10 @@ TEST_F(WellCommandsTest, ConstrainSendsNamesAndValuesPerWell) {
 }
 
 TEST_F(WellCommandsTest, LaterValueOfAWellNamedTwiceCounts) {
-  EXPECT_EQ(Do("constrain all bhp=1 P1 bhp=2 oil=3"),
+  EXPECT_EQ(Do("constrain all bhp=1 P1 bhp=2 oil=300"),
             "well,constraint,value,unit\n"
             "P1,BOTTOM_HOLE_PRESSURE,2,bar\n"
-            "P1,OIL_PRODUCTION_RATE,3,sm3/d\n"
+            "P1,OIL_PRODUCTION_RATE,300,sm3/d\n"
             "P2,BOTTOM_HOLE_PRESSURE,1,bar\n"
             "I1,BOTTOM_HOLE_PRESSURE,1,bar\n");
 }
@@ -310,7 +310,6 @@ TEST_F(WellCommandsTest, MissingPointOfAnInflowTableIsAnEmptyCell) {
 TEST_F(WellCommandsTest, FractionsOfTheTimeHaveNoUnit) {
   EXPECT_EQ(Do("vars P1 bhp uptime", Form::kText),
             "well  bhp [bar]  uptime\nP1         10.5      21\n");
-  EXPECT_EQ(Do("constrain P1 uptime=0.5"), "well,constraint,value,unit\nP1,UPTIME_FRACTION,0.5,\n");
 }
 
 TEST_F(WellCommandsTest, ConstraintsOfManyWellsAreSentInSeveralRequests) {
@@ -345,7 +344,7 @@ TEST_F(WellCommandsTest, RequestsOverManyWellsAreFilledToTheirLastByte) {
   };
   for (const Case& each :
        {Case{"data", 10, 8, 4}, Case{"shut all", 11, 12, 4 + 8},
-        Case{"set-status '' all", 11, 12, 4 + 4}, Case{"uptime all 0.5", 12, 12, 4 + 8},
+        Case{"set-status open all", 11, 12, 4 + 8}, Case{"uptime all 0.5", 12, 12, 4 + 8},
         Case{"constrain all bhp=1", 13, 16, 4 + 4 + 4 + 20 + 4 + 8}}) {
     SCOPED_TRACE(each.line);
     const std::size_t room = 65536 - each.head;
@@ -406,14 +405,16 @@ TEST_F(WellCommandsTest, OnlyTheFirstWellsOfALongListArePlotted) {
 }
 
 TEST_F(WellCommandsTest, SourceSendsWellAndName) {
-  EXPECT_EQ(Do("source I1 GAS"), "well,source,result\nI1,GAS,1\n");
-  EXPECT_THAT(Requests(18), ElementsAre(Hex(Bytes("12000000 02000000 4931 03000000 474153"))));
+  run_.wells.push_back({"G1", "GAS_INJECTOR", "OPEN"});
+  EXPECT_EQ(Do("source G1 GAS"), "well,source,result\nG1,GAS,1\n");
+  EXPECT_THAT(Requests(18), ElementsAre(Hex(Bytes("12000000 02000000 4731 03000000 474153"))));
   EXPECT_THROW(Do("source P* GAS"), UsageError);
 }
 
 TEST_F(WellCommandsTest, CompositionIsSentInComponentOrder) {
-  Do("composition S1 0.5 0.5 S2 1");
-  EXPECT_EQ(Do("composition S3 co2=1"), "source,component,mole_fraction\nS3,C1,0\nS3,CO2,1\n");
+  Do("composition as-is:S1 0.5 0.5 as-is:S2 1");
+  EXPECT_EQ(Do("composition as-is:S3 co2=1"),
+            "source,component,mole_fraction\nS3,C1,0\nS3,CO2,1\n");
   EXPECT_THAT(
       Requests(19),
       ElementsAre(
@@ -424,13 +425,104 @@ TEST_F(WellCommandsTest, CompositionIsSentInComponentOrder) {
 }
 
 TEST_F(WellCommandsTest, CompositionThatDoesNotAddUpIsNoted) {
-  EXPECT_THAT(Do("composition S1 0.5 0.25"),
+  EXPECT_THAT(Do("composition as-is:S1 0.5 0.25"),
               HasSubstr("note: The mole fractions of S1 add up to 0.75\n"));
 }
 
 TEST_F(WellCommandsTest, UnknownComponentIsRefusedWithoutSendingTheCommand) {
-  EXPECT_THROW(Do("composition S1 H2=1"), UsageError);
+  EXPECT_THROW(Do("composition as-is:S1 H2=1"), UsageError);
   EXPECT_THAT(Requests(19), IsEmpty());
+}
+
+TEST_F(WellCommandsTest, NamesAreUnderstoodInAnyLetterCase) {
+  Do("vars P1 BHP Oil GAS_oil_RATIO Total_Mole_Fraction[2]");
+  EXPECT_THAT(
+      Requests(15),
+      ElementsAre(Hex(Bytes("0f000000 02000000 5031 04000000") +
+                      PackedText("BOTTOM_HOLE_PRESSURE") + PackedText("OIL_PRODUCTION_RATE") +
+                      PackedText("GAS_OIL_RATIO") + PackedText("TOTAL_MOLE_FRACTION[2]"))));
+  EXPECT_THAT(Do("constrain P1 OIL=500"), HasSubstr("P1,OIL_PRODUCTION_RATE,500,sm3/d"));
+}
+
+// A name that the simulator does not know ends the run, or is acknowledged and does nothing.
+TEST_F(WellCommandsTest, MistypedNamesAreNotSentAndLikelyOnesNamed) {
+  EXPECT_THAT(Refusal("vars P1 bph"), HasSubstr("is no property that is known here (bhp?)"));
+  EXPECT_THAT(Refusal("vars P1 B"), HasSubstr("(bhp, BOTTOM_HOLE_PRESSURE?)"));
+  EXPECT_THAT(Refusal("vars P1 OIL_PRODUCTION_RTAE"), HasSubstr("(OIL_PRODUCTION_RATE?)"));
+  EXPECT_THAT(Refusal("vars P1 TOTAL_MOLE_FRACTION[0]"), HasSubstr("is no property"));
+  EXPECT_THAT(Refusal("vars P1 as-is:"), HasSubstr("is no property"));
+  EXPECT_THAT(Refusal("constrain P1 oli=5"), HasSubstr("is no limit that is known here (oil?)"));
+  EXPECT_THAT(Refusal("constrain P1 uptime=1"), HasSubstr("(the command uptime sets it)"));
+  EXPECT_THAT(Refusal("constrain P1 gor=1"), HasSubstr("cannot be limited"));
+  EXPECT_THAT(Refusal("constrain P1 oil=-1"), HasSubstr("no limit is below 0"));
+  EXPECT_THAT(Refusal("set-status SHUTT P1"), HasSubstr("no status that is known here (SHUT?)"));
+  try {
+    Do("vars P11 bhp");
+    FAIL() << "no such well";
+  } catch (const UsageError& error) {
+    EXPECT_STREQ(error.what(), "No well is called 'P11' (P1?)");
+  }
+}
+
+TEST_F(WellCommandsTest, ComponentThatTheModelLacksIsNotAskedFor) {
+  EXPECT_THROW(Do("vars P1 TOTAL_MOLE_FRACTION[3]"), UsageError);
+  EXPECT_THROW(Do("composition as-is:S 0.2 0.2 0.6"), UsageError);
+  EXPECT_THAT(Requests(15), IsEmpty());
+  EXPECT_THAT(Requests(19), IsEmpty());
+}
+
+TEST_F(WellCommandsTest, BlackOilHasNoComponentsAndNoSources) {
+  run_.compositional = false;
+  run_.wells.push_back({"G1", "GAS_INJECTOR", "OPEN"});
+  EXPECT_THROW(Do("vars P1 TOTAL_MOLE_FRACTION[1]"), UsageError);
+  EXPECT_THROW(Do("source G1 S"), UsageError);
+  EXPECT_THROW(Do("composition as-is:S 1"), UsageError);
+  EXPECT_THAT(Requests(18), IsEmpty());
+}
+
+TEST_F(WellCommandsTest, SourceIsForGasInjectorsAndCompositionForASourceThatWasAttached) {
+  run_.wells.push_back({"G1", "GAS_INJECTOR", "OPEN"});
+  EXPECT_THROW(Do("source I1 CAP"), UsageError);
+  EXPECT_THROW(Do("composition CAP C1=1"), UsageError);
+  Do("source G1 CAP");
+  EXPECT_THAT(Do("composition CAP C1=1"), StartsWith("source,component,mole_fraction\nCAP,C1,1\n"));
+  EXPECT_THROW(Do("composition CPA C1=1"), UsageError);
+  EXPECT_THAT(Requests(19), SizeIs(1));
+}
+
+TEST_F(WellCommandsTest, LimitIsLeftOutWhereItConcernsNoWellOfThatType) {
+  EXPECT_THAT(
+      Do("constrain all oil=900"),
+      testing::EndsWith("P1,OIL_PRODUCTION_RATE,900,sm3/d\nP2,OIL_PRODUCTION_RATE,900,sm3/d\n"
+                        "note: oil does not limit I1 (WATER_INJECTOR): left out there\n"));
+  EXPECT_THROW(Do("constrain I1 oil=900"), UsageError);
+  EXPECT_THROW(Do("constrain P* water-injection=900"), UsageError);
+  EXPECT_THAT(Requests(13), SizeIs(1));
+}
+
+TEST_F(WellCommandsTest, WhatIsAcknowledgedWithoutEffectIsSaid) {
+  run_.obeys = false;
+  EXPECT_THAT(Do("shut P*"),
+              HasSubstr("note: The simulator has acknowledged it, but P1 is OPEN\n"));
+  EXPECT_THAT(Do("uptime P1 0.5"), HasSubstr("acknowledged it, but P1 is on for 0.95\n"));
+  EXPECT_THAT(Do("constrain P1 oil=60 liquid=500"),
+              HasSubstr("acknowledged it, but P1 has oil 100\n"));
+  EXPECT_THAT(Do("constrain P1 oil=100"), testing::Not(HasSubstr("note")));
+  run_.wells.clear();
+  for (int i = 0; i < 9; ++i) run_.wells.push_back({"W" + std::to_string(i), "PRODUCER", "OPEN"});
+  EXPECT_THAT(Do("shut W*"), HasSubstr("W4 is OPEN and 4 more\n"));
+}
+
+TEST_F(WellCommandsTest, QuestionMarkListsWhatIsKnown) {
+  const std::string vars = Do("vars ?");
+  EXPECT_THAT(vars, StartsWith("name,property,unit,meaning\noil,OIL_PRODUCTION_RATE,sm3/d,oil "
+                               "produced\n"));
+  EXPECT_THAT(vars, HasSubstr("\nwater-cut,WATER_CUT,,"));
+  EXPECT_THAT(vars, HasSubstr("\n,TOTAL_MOLE_FRACTION[n],,"));
+  const std::string limits = Do("constrain ?");
+  EXPECT_THAT(limits, HasSubstr("\nthp,TUBING_HEAD_PRESSURE,bar,"));
+  EXPECT_THAT(limits, testing::Not(HasSubstr("WATER_CUT")));
+  EXPECT_EQ(Do("set-status ?"), "status\nOPEN\nSHUT\n");
 }
 
 TEST(WellCommandsWithTheOlderVersion, SourcesAreNotedAsWithoutEffect) {
@@ -446,7 +538,8 @@ TEST(WellCommandsWithTheOlderVersion, SourcesAreNotedAsWithoutEffect) {
   vkmaster::Output output(Form::kCsv, stream.get(), stream.get());
   vkmaster::Progress progress(false, stream.get());
   vkmaster::Context context{session, output, progress, {}};
-  vkmaster::ParseCommand({"source", "I1", "GAS"}).execute(context);
+  run.wells.push_back({"G1", "GAS_INJECTOR", "OPEN"});
+  vkmaster::ParseCommand({"source", "G1", "GAS"}).execute(context);
   EXPECT_THAT(stream.Text(), HasSubstr("has no external sources"));
   session.Shutdown();
   daemon.join();
@@ -455,7 +548,9 @@ TEST(WellCommandsWithTheOlderVersion, SourcesAreNotedAsWithoutEffect) {
 TEST(ParseWellCommands, MissingOrWrongArgumentsAreRefused) {
   EXPECT_THAT(Refusal("open"), HasSubstr("Which wells?"));
   EXPECT_THAT(Refusal("vars P1"), HasSubstr("vars WELLS NAME..."));
-  EXPECT_THAT(Refusal("vars P1 pressure"), HasSubstr("'pressure' is none of oil, water, "));
+  EXPECT_THAT(Refusal("vars P1 pressure"),
+              HasSubstr("'pressure' is no property that is known here; vars ? lists them, and "
+                        "as-is:pressure is sent as it stands"));
   EXPECT_THAT(Refusal("set-status OPEN"), HasSubstr("STATUS WELLS"));
   EXPECT_THAT(Refusal("uptime P1"), HasSubstr("uptime WELLS FRACTION"));
   EXPECT_THAT(Refusal("uptime P1 P2"), HasSubstr("A fraction of the time, 0 to 1, wanted"));

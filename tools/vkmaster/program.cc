@@ -278,11 +278,14 @@ class Program {
         [this] {
           return fmt::format("{} day {:.6g}> ", launched_.request.root, session_->last_days());
         },
-        [this] {
-          std::vector<std::string> names;
-          for (const master::WellStatus& well : session_->KnownWells()) names.push_back(well.name);
-          return names;
-        },
+        RunNames{
+            [this] {
+              std::vector<std::string> names;
+              for (const auto& well : session_->KnownWells()) names.push_back(well.name);
+              return names;
+            },
+            [this] { return session_->Components(); },
+            [this] { return std::vector(session_->sources().begin(), session_->sources().end()); }},
         interrupt_);
   }
 

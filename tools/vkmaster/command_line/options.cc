@@ -135,7 +135,7 @@ completion::Answer CompleteCommands(const Words& words) {
   const Words before(words.begin(), words.end() - 1);
   completion::Answer answer;
   for (const std::string& word :
-       Completions(Join(before), words.back(), [] { return std::vector<std::string>(); })) {
+       Completions(Join(before), words.back(), {[] { return std::vector<std::string>(); }})) {
     answer.candidates.push_back({word, ""});
   }
   if (!before.empty() && before.back() != "then") return answer;

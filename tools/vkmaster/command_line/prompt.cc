@@ -38,9 +38,14 @@ std::vector<std::string> ArgumentsOf(const std::string& command) {
   }
   std::vector<std::string> names;
   if (command == "vars" || command == "constrain") {
-    const std::string end = command == "constrain" ? "=" : "";
-    for (const Quantity& quantity : Quantities()) names.push_back(quantity.name + end);
+    const bool limits = command == "constrain";
+    for (const Quantity& quantity : Quantities()) {
+      if (limits && quantity.limits == Limits::kNone) continue;
+      names.push_back(quantity.name + (limits ? "=" : ""));
+      names.push_back(quantity.property + (limits ? "=" : ""));
+    }
   }
+  if (command == "set-status") names = Statuses();
   if (command == "ipr") names = {"bhp", "thp", "skewness", "components", "all", "keep", "no-plot"};
   return names;
 }
@@ -70,7 +75,7 @@ Words CommandBegun(const std::string& before) {
 }
 
 // Global, because the editor's callbacks get no argument of ours.
-std::function<std::vector<std::string>()> g_wells;
+RunNames g_names;
 
 int g_wake = -1;
 
@@ -91,7 +96,7 @@ char** Complete(const char* begin, int start, int /*end*/) {
   std::vector<std::string> found;
   try {
     found =
-        Completions(std::string(rl_line_buffer, static_cast<std::size_t>(start)), begin, g_wells);
+        Completions(std::string(rl_line_buffer, static_cast<std::size_t>(start)), begin, g_names);
   } catch (const std::exception&) {
     return nullptr;  // the command itself will say what is wrong with the link
   }
@@ -115,26 +120,29 @@ std::string HistoryFile() {
 }  // namespace
 
 std::vector<std::string> Completions(const std::string& before, const std::string& begin,
-                                     const std::function<std::vector<std::string>()>& wells) {
+                                     const RunNames& names) {
   const Words command = CommandBegun(before);
   std::vector<std::string> candidates;
   if (command.empty()) {
     for (const CommandHelp& help : CommandList()) candidates.push_back(help.name);
   } else {
     candidates = ArgumentsOf(command[0]);
-    if (TakesWells(command[0])) {
-      const std::vector<std::string> names = wells();
-      candidates.insert(candidates.end(), names.begin(), names.end());
+    const auto add = [&candidates](const RunNames::Giver& giver, const char* end) {
+      for (const std::string& name : giver()) candidates.push_back(name + end);
+    };
+    if (TakesWells(command[0])) add(names.wells, "");
+    if (command[0] == "composition") {
+      add(names.sources, "");
+      add(names.components, "=");
     }
   }
   std::erase_if(candidates, [&begin](const std::string& name) { return !name.starts_with(begin); });
   return candidates;
 }
 
-Prompt::Prompt(std::function<std::string()> text, std::function<std::vector<std::string>()> wells,
-               Interrupt& interrupt)
+Prompt::Prompt(std::function<std::string()> text, RunNames names, Interrupt& interrupt)
     : text_(std::move(text)), interrupt_(interrupt), history_(HistoryFile()) {
-  g_wells = std::move(wells);
+  g_names = std::move(names);
   rl_readline_name = "vkmaster";
   // These two come before using_history(), which sets the editor up.
   g_wake = interrupt.descriptor();
@@ -147,7 +155,7 @@ Prompt::Prompt(std::function<std::string()> text, std::function<std::vector<std:
 
 Prompt::~Prompt() {
   if (!history_.empty()) write_history(history_.c_str());
-  g_wells = nullptr;
+  g_names = {};
 }
 
 std::optional<std::string> Prompt::Next() {

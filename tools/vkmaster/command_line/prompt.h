@@ -11,18 +11,24 @@ namespace vkmaster {
 
 class Interrupt;
 
+/// Gives the names of a run. Each is called only for commands that take such names.
+struct RunNames {
+  using Giver = std::function<std::vector<std::string>()>;
+  Giver wells;
+  Giver components = [] { return std::vector<std::string>(); };
+  Giver sources = [] { return std::vector<std::string>(); };
+};
+
 /// The words that begin with `begin` and make sense after the text `before`: commands where a
-/// command is due, else what the command takes. `wells` gives the wells' names; it is called only
-/// for commands that take wells.
+/// command is due, else what the command takes.
 std::vector<std::string> Completions(const std::string& before, const std::string& begin,
-                                     const std::function<std::vector<std::string>()>& wells);
+                                     const RunNames& names);
 
 /// The line editor at the terminal, with a history kept in a file. One at a time.
 class Prompt : public LineSource {
  public:
-  /// `text` gives the prompt, `wells` the names to complete with; `interrupt` stays the caller's.
-  Prompt(std::function<std::string()> text, std::function<std::vector<std::string>()> wells,
-         Interrupt& interrupt);
+  /// `text` gives the prompt, `names` what to complete with; `interrupt` stays the caller's.
+  Prompt(std::function<std::string()> text, RunNames names, Interrupt& interrupt);
   ~Prompt() override;
   Prompt(const Prompt&) = delete;
   Prompt& operator=(const Prompt&) = delete;

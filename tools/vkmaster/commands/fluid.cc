@@ -4,10 +4,13 @@
 #include <cmath>
 #include <cstdint>
 #include <numeric>
+#include <set>
 #include <utility>
 
 #include <fmt/format.h>
 
+#include "tools/vkmaster/commands/wells.h"
+#include "tools/vkmaster/session/quantities.h"
 #include "tools/vkmaster/text/usage_error.h"
 
 namespace vkmaster {
@@ -80,26 +83,52 @@ void NoteMissingSources(const Session& session, Result& result) {
 Result SourceResult(Session& session, const std::string& word, const std::string& source) {
   const std::vector<std::string> wells = session.Resolve({word});
   if (wells.size() != 1) throw UsageError("One well wanted, not " + word);
+  const std::string type = ByName(session.KnownWells()).at(wells[0]).type;
+  if (type == "PRODUCER" || type == "WATER_INJECTOR") {
+    throw UsageError(wells[0] + " is a " + type + ": only gas injectors take a source of gas");
+  }
+  if (session.Components().empty()) {
+    throw UsageError("The model is black oil: sources of gas need components");
+  }
   const int answer = session.run().SetWellInjectionSource(wells[0], source);
   Result result{.command = "source"};
   result.fields.push_back({"well", "well", wells[0], ""});
   result.fields.push_back({"source", "gas source", source, ""});
   result.fields.push_back({"result", "simulator's result", std::int64_t{answer}, ""});
   NoteMissingSources(session, result);
+  session.RememberSource(source);
+  if (answer == 0 && result.notes.empty()) {
+    result.notes.emplace_back("The simulator has refused the source: nothing was changed");
+  }
   return result;
+}
+
+// The source's name, which the simulator would otherwise acknowledge without effect.
+std::string SourceOf(const Session& session, const std::string& word) {
+  const std::set<std::string>& known = session.sources();
+  if (IsMarked(word) || known.contains(word)) return WithoutMark(word);
+  throw UsageError("No source '" + word + "' was attached in this run" +
+                   MaybeMeant(word, {known.begin(), known.end()}) + ": source WELL " + word +
+                   " does it, and " + kAsIs + word + " is sent as it stands");
 }
 
 // The fractions in component order.
 std::vector<double> InOrder(const SourceComposition& given, const std::vector<std::string>& all) {
-  if (given.names.empty()) return given.fractions;
+  if (given.names.empty()) {
+    if (given.fractions.size() > all.size()) {
+      throw UsageError(fmt::format("{} has {} fractions, but the model {} components", given.source,
+                                   given.fractions.size(), all.size()));
+    }
+    return given.fractions;
+  }
   std::vector<double> fractions(all.size(), 0);
   for (std::size_t i = 0; i < given.names.size(); ++i) {
     const auto found = std::find_if(all.begin(), all.end(), [&](const std::string& name) {
       return EqualIgnoringCase(name, given.names[i]);
     });
     if (found == all.end()) {
-      throw UsageError("The model has no component '" + given.names[i] +
-                       "' (the command eos lists them)");
+      throw UsageError("The model has no component '" + given.names[i] + "'" +
+                       MaybeMeant(given.names[i], all) + " (the command eos lists them)");
     }
     fractions[static_cast<std::size_t>(found - all.begin())] += given.fractions[i];
   }
@@ -107,10 +136,8 @@ std::vector<double> InOrder(const SourceComposition& given, const std::vector<st
 }
 
 Result CompositionResult(Session& session, const std::vector<SourceComposition>& given) {
-  std::vector<std::string> components;
-  if (std::any_of(given.begin(), given.end(), [](const auto& one) { return !one.names.empty(); })) {
-    components = session.run().GetEOSProps().components;
-  }
+  const std::vector<std::string>& components = session.Components();
+  if (components.empty()) throw UsageError("The model is black oil and has no components");
   std::vector<std::string> sources;
   std::vector<std::vector<double>> compositions;
   Result result{.command = "composition"};
@@ -121,15 +148,14 @@ Result CompositionResult(Session& session, const std::vector<SourceComposition>&
                {"mole_fraction", "mole fraction", ""}},
               {}};
   for (const SourceComposition& one : given) {
-    sources.push_back(one.source);
+    sources.push_back(SourceOf(session, one.source));
     compositions.push_back(InOrder(one, components));
     for (std::size_t i = 0; i < compositions.back().size(); ++i) {
-      const std::string name = i < components.size() ? components[i] : fmt::format("{}", i + 1);
-      table.rows.push_back({one.source, name, compositions.back()[i]});
+      table.rows.push_back({sources.back(), components[i], compositions.back()[i]});
     }
     if (std::abs(one.Sum() - 1) > kSumTolerance) {
       result.notes.push_back(
-          fmt::format("The mole fractions of {} add up to {:.6g}", one.source, one.Sum()));
+          fmt::format("The mole fractions of {} add up to {:.6g}", sources.back(), one.Sum()));
     }
   }
   session.run().SetWellInjectionComposition(sources, compositions);

@@ -26,14 +26,6 @@ constexpr double kFreeRate = 100000;
 constexpr double kMetricLiquid = 0.158987;
 constexpr double kMetricGas = 28174;
 
-using WellsByName = std::map<std::string, master::WellStatus>;
-
-WellsByName WellsNow(Session& session) {
-  WellsByName wells;
-  for (master::WellStatus& well : session.Wells()) wells.emplace(well.name, well);
-  return wells;
-}
-
 // The limits that the tables set on a well of this type, lifted.
 master::WellConstraints FreeRates(const master::WellStatus& well, bool metric) {
   const double liquid = kFreeRate * (metric ? kMetricLiquid : 1);
@@ -161,11 +153,10 @@ Action ParseIPR(const Words& arguments) {
 
 Result BuildIPR(Session& session, const IPROrder& order) {
   const std::vector<std::string> names = session.Resolve(order.wells);
-  const WellsByName before = WellsNow(session);
+  const WellsByName before = ByName(session.Wells());
   const Units& units = UnitsOf(session.Metric());
-  const int components = order.all_components
-                             ? static_cast<int>(session.run().GetEOSProps().components.size())
-                             : order.components;
+  const int components =
+      order.all_components ? static_cast<int>(session.Components().size()) : order.components;
   // A request has its code, two counts, a byte and the skewness besides the names.
   const std::vector<std::vector<std::string>> groups = Parts(names, 21, 0);
 

@@ -143,18 +143,19 @@ std::vector<Entry> MakeEntries() {
        }},
       {{"wells", "[WELLS]", "wells with their type and status"}, ParseWells},
       {{"data", "[WELLS]", "operating points: rates, pressures, uptime"}, ParseData},
-      {{"vars", "WELLS NAME...", "properties of wells: oil, bhp, ... or the simulator's names"},
+      {{"vars", "WELLS NAME... | ?",
+        "properties of wells: oil, bhp, ... or the simulator's names; ? lists them with units"},
        ParseVars},
       {{"open", "WELLS", "open wells"},
        [](const Words& arguments) { return ParseStatusOf("open", "OPEN", arguments); }},
       {{"shut", "WELLS", "shut wells"},
        [](const Words& arguments) { return ParseStatusOf("shut", "SHUT", arguments); }},
-      {{"set-status", "STATUS WELLS", "give wells another status that the simulator knows"},
+      {{"set-status", "STATUS WELLS", "OPEN, SHUT, or as-is:NAME for another status"},
        ParseSetStatus},
       {{"uptime", "WELLS FRACTION", "the fraction of the time that wells are on"}, ParseUptime},
       {{"constrain", "WELLS NAME=VALUE...",
         "limit rates and pressures, in the run's units: constrain P1 P2 oil=500 bhp=150 P3 "
-        "gas=1e5"},
+        "gas=1e5; constrain ? lists what can be limited"},
        ParseConstrain},
       {{"ipr", "WELLS [bhp|thp] [skewness X] [components N|all] [keep] [no-plot]",
         "inflow tables of ten points, which cut the wells back; keep leaves them so"},
@@ -176,18 +177,17 @@ const std::vector<Entry>& Entries() {
 }
 
 const Entry& EntryOf(const std::string& name) {
-  std::string alike;
+  std::vector<std::string> names;
   for (const Entry& entry : Entries()) {
     if (entry.help.name == name) return entry;
-    if (entry.help.name.starts_with(name)) {
-      alike += (alike.empty() ? "" : ", ") + entry.help.name;
-    }
+    names.push_back(entry.help.name);
   }
+  const std::string alike = MaybeMeant(name, names);
   if (name.starts_with('-')) {
     throw UsageError("No such option: " + name + " (vkmaster --help lists them)");
   }
   throw UsageError("No such command: " + name +
-                   (alike.empty() ? " (the command help lists them)" : " (" + alike + "?)"));
+                   (alike.empty() ? " (the command help lists them)" : alike));
 }
 
 std::string HelpLine(const CommandHelp& help) {

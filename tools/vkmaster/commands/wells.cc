@@ -1,6 +1,7 @@
 #include "tools/vkmaster/commands/wells.h"
 
 #include <algorithm>
+#include <cmath>
 #include <iterator>
 #include <map>
 #include <utility>
@@ -16,13 +17,15 @@
 namespace vkmaster {
 namespace {
 
+// Asks for the list of what a command takes.
+const Words kQuestion{"?"};
+
 Words OrAll(const Words& arguments) {
   return arguments.empty() ? Words{"all"} : arguments;
 }
 
 Result WellsResult(Session& session, const Words& patterns) {
-  std::map<std::string, master::WellStatus> by_name;
-  for (master::WellStatus& well : session.Wells()) by_name.emplace(well.name, well);
+  WellsByName by_name = ByName(session.Wells());
   Table table{
       "wells", "", {{"well", "well", ""}, {"type", "type", ""}, {"status", "status", ""}}, {}};
   // In a model without wells Resolve() would call "all" a mistake; the list of wells is just empty.
@@ -61,11 +64,46 @@ Result DataResult(Session& session, const Words& patterns) {
   return {.command = "data", .tables = {std::move(table)}};
 }
 
+// What is known here, or of it what can be limited.
+Result NamesResult(Session& session, const std::string& command, bool limits) {
+  const Units& units = UnitsOf(session.Metric());
+  Table table{"names",
+              "",
+              {{"name", "name", ""},
+               {"property", "the simulator's name", ""},
+               {"unit", "unit", ""},
+               {"meaning", "meaning", ""}},
+              {}};
+  for (const Quantity& quantity : Quantities()) {
+    if (limits && quantity.limits == Limits::kNone) continue;
+    table.rows.push_back(
+        {quantity.name, quantity.property, UnitOf(quantity.property, units), quantity.meaning});
+  }
+  Result result{.command = command};
+  if (!limits && !session.Components().empty()) {
+    table.rows.push_back({"", "TOTAL_MOLE_FRACTION[n]", "", "part of component n, from 1 on"});
+  }
+  result.tables.push_back(std::move(table));
+  return result;
+}
+
+// The simulator ends a run that is asked for a component it lacks.
+void CheckComponent(Session& session, const std::string& property) {
+  const int component = ComponentOf(property);
+  if (component == 0) return;
+  const std::size_t known = session.Components().size();
+  if (known == 0) throw UsageError(property + ": the model is black oil and has no components");
+  if (static_cast<std::size_t>(component) > known) {
+    throw UsageError(fmt::format("{}: the model has {} components", property, known));
+  }
+}
+
 Result VarsResult(Session& session, const Words& patterns,
                   const std::vector<std::string>& properties) {
   const std::vector<std::string> wells = session.Resolve(patterns);
   const Units& units = UnitsOf(session.Metric());
   Table table{"wells", "", {{"well", "well", ""}}, {}};
+  for (const std::string& property : properties) CheckComponent(session, property);
   for (const std::string& property : properties) {
     table.columns.push_back({property, ShortName(property), UnitOf(property, units)});
   }
@@ -88,12 +126,43 @@ Table SameForAll(const Words& wells, const Column& column, const Value& value) {
   return table;
 }
 
+// Differences below this part are rounding.
+constexpr double kSameValue = 1e-6;
+
+// At most so many wells are named in a note.
+constexpr std::size_t kMostNamed = 5;
+
+std::string Listed(const Words& wells) {
+  std::string text;
+  for (std::size_t i = 0; i < std::min(wells.size(), kMostNamed); ++i) {
+    text += (i > 0 ? ", " : "") + wells[i];
+  }
+  if (wells.size() > kMostNamed) text += fmt::format(" and {} more", wells.size() - kMostNamed);
+  return text;
+}
+
+// The simulator acknowledges what it does not do.
+void NoteWithoutEffect(const Words& wells, Result& result) {
+  if (wells.empty()) return;
+  result.notes.push_back("The simulator has acknowledged it, but " + Listed(wells));
+}
+
 Result StatusResult(Session& session, const std::string& command, const std::string& status,
                     const Words& patterns) {
   const std::vector<std::string> wells = session.Resolve(patterns);
   SetStatuses(session, wells, std::vector<std::string>(wells.size(), status));
-  return {.command = command,
-          .tables = {SameForAll(wells, {"status", "status asked for", ""}, status)}};
+  Result result{.command = command,
+                .tables = {SameForAll(wells, {"status", "status asked for", ""}, status)}};
+  const WellsByName now = ByName(session.Wells());
+  Words unchanged;
+  for (const std::string& well : wells) {
+    const auto found = now.find(well);
+    if (found != now.end() && found->second.status != status) {
+      unchanged.push_back(well + " is " + found->second.status);
+    }
+  }
+  NoteWithoutEffect(unchanged, result);
+  return result;
 }
 
 Result UptimeResult(Session& session, const Words& patterns, double fraction) {
@@ -101,30 +170,85 @@ Result UptimeResult(Session& session, const Words& patterns, double fraction) {
   for (const auto& part : Parts(wells, 12, 8)) {
     session.run().SetWellUptime(part, std::vector<double>(part.size(), fraction));
   }
-  return {.command = "uptime",
-          .tables = {SameForAll(wells, {"uptime_fraction", "uptime", ""}, fraction)}};
+  Result result{.command = "uptime",
+                .tables = {SameForAll(wells, {"uptime_fraction", "uptime", ""}, fraction)}};
+  const std::vector<master::WellData> now = session.run().GetWellData(wells);
+  Words unchanged;
+  for (std::size_t i = 0; i < wells.size(); ++i) {
+    if (std::abs(now[i].uptime_fraction - fraction) > kSameValue) {
+      unchanged.push_back(fmt::format("{} is on for {:.6g}", wells[i], now[i].uptime_fraction));
+    }
+  }
+  NoteWithoutEffect(unchanged, result);
+  return result;
 }
 
-// The constraints by well. Where a well is named twice, the later value of a constraint counts.
-std::vector<master::WellConstraints> Resolved(Session& session,
-                                              const std::vector<ConstraintGroup>& groups) {
-  std::vector<master::WellConstraints> all;
+struct Resolution {
+  std::vector<master::WellConstraints> wells;
+  std::vector<std::string> notes;
+};
+
+// The constraints by well. Where a well is named twice, the later value of a constraint counts. A
+// limit that does not concern a well is left out for it, and refused when it concerns none of them.
+Resolution Resolved(Session& session, const std::vector<ConstraintGroup>& groups) {
+  Resolution all;
   std::map<std::string, std::size_t> place;
   for (const ConstraintGroup& group : groups) {
-    for (const std::string& well : session.Resolve(group.wells)) {
-      const auto [found, fresh] = place.emplace(well, all.size());
-      if (fresh) all.push_back({well, {}, {}});
-      for (std::size_t i = 0; i < group.names.size(); ++i) {
-        SetConstraint(all[found->second], group.names[i], group.values[i]);
+    const std::vector<std::string> names = session.Resolve(group.wells);
+    const WellsByName known = ByName(session.KnownWells());
+    for (std::size_t i = 0; i < group.names.size(); ++i) {
+      Words others;
+      for (const std::string& name : names) {
+        const std::string& type = known.at(name).type;
+        if (!IsLimitFor(group.names[i], type)) {
+          others.push_back(name + " (" + type + ")");
+          continue;
+        }
+        const auto [found, fresh] = place.emplace(name, all.wells.size());
+        if (fresh) all.wells.push_back({name, {}, {}});
+        SetConstraint(all.wells[found->second], group.names[i], group.values[i]);
       }
+      if (others.empty()) continue;
+      const std::string what = ShortName(group.names[i]) + " does not limit " + Listed(others);
+      if (others.size() == names.size()) throw UsageError(what);
+      all.notes.push_back(what + ": left out there");
     }
   }
   return all;
 }
 
+double RateOf(const master::WellData& data, const std::string& property) {
+  if (property == "OIL_PRODUCTION_RATE") return data.oil_rate;
+  if (property == "WATER_PRODUCTION_RATE") return data.water_rate;
+  if (property == "LIQUID_PRODUCTION_RATE") return data.oil_rate + data.water_rate;
+  if (property == "GAS_PRODUCTION_RATE") return data.gas_rate;
+  if (property == "WATER_INJECTION_RATE") return data.water_injection_rate;
+  if (property == "GAS_INJECTION_RATE") return data.gas_injection_rate;
+  return 0;
+}
+
+// Limits hold at once, without a step. A rate beyond its limit shows that the simulator has not
+// taken the limit. Pressures do not show that much: a well that does not flow has any.
+void NoteRatesBeyond(Session& session, const std::vector<master::WellConstraints>& wells,
+                     Result& result) {
+  std::vector<std::string> names;
+  for (const master::WellConstraints& well : wells) names.push_back(well.well);
+  const std::vector<master::WellData> now = session.run().GetWellData(names);
+  Words beyond;
+  for (std::size_t i = 0; i < wells.size(); ++i) {
+    for (std::size_t k = 0; k < wells[i].names.size(); ++k) {
+      const double rate = RateOf(now[i], wells[i].names[k]);
+      if (rate <= wells[i].values[k] * (1 + kSameValue) + kSameValue) continue;
+      beyond.push_back(
+          fmt::format("{} has {} {:.6g}", names[i], ShortName(wells[i].names[k]), rate));
+    }
+  }
+  NoteWithoutEffect(beyond, result);
+}
+
 Result ConstrainResult(Session& session, const std::vector<ConstraintGroup>& groups) {
-  const std::vector<master::WellConstraints> wells = Resolved(session, groups);
-  SetConstraints(session, wells);
+  const Resolution resolved = Resolved(session, groups);
+  SetConstraints(session, resolved.wells);
   const Units& units = UnitsOf(session.Metric());
   Table table{"constraints",
               "",
@@ -133,13 +257,15 @@ Result ConstrainResult(Session& session, const std::vector<ConstraintGroup>& gro
                {"value", "value", ""},
                {"unit", "unit", ""}},
               {}};
-  for (const master::WellConstraints& well : wells) {
+  for (const master::WellConstraints& well : resolved.wells) {
     for (std::size_t i = 0; i < well.names.size(); ++i) {
       table.rows.push_back(
           {well.well, well.names[i], well.values[i], UnitOf(well.names[i], units)});
     }
   }
-  return {.command = "constrain", .tables = {std::move(table)}};
+  Result result{.command = "constrain", .tables = {std::move(table)}, .notes = resolved.notes};
+  NoteRatesBeyond(session, resolved.wells, result);
+  return result;
 }
 
 std::size_t SizeOf(const master::WellConstraints& well) {
@@ -150,6 +276,12 @@ std::size_t SizeOf(const master::WellConstraints& well) {
 
 }  // namespace
 
+WellsByName ByName(const std::vector<master::WellStatus>& wells) {
+  WellsByName by_name;
+  for (const master::WellStatus& well : wells) by_name.emplace(well.name, well);
+  return by_name;
+}
+
 Action ParseWells(const Words& arguments) {
   return Showing([arguments](Session& session) { return WellsResult(session, arguments); });
 }
@@ -159,6 +291,9 @@ Action ParseData(const Words& arguments) {
 }
 
 Action ParseVars(const Words& arguments) {
+  if (arguments == kQuestion) {
+    return Showing([](Session& session) { return NamesResult(session, "vars", false); });
+  }
   if (arguments.size() < 2) throw UsageError("Of which wells, and what? vars WELLS NAME...");
   std::vector<std::string> properties;
   for (std::size_t i = 1; i < arguments.size(); ++i) {
@@ -178,8 +313,16 @@ Action ParseStatusOf(const std::string& command, const std::string& status,
 }
 
 Action ParseSetStatus(const Words& arguments) {
+  if (arguments == kQuestion) {
+    return Showing([](Session& /*session*/) {
+      Table table{"names", "", {{"status", "status", ""}}, {}};
+      for (const std::string& status : Statuses()) table.rows.push_back({status});
+      return Result{.command = "set-status", .tables = {std::move(table)}};
+    });
+  }
   if (arguments.size() < 2) throw UsageError("Which status, and of which wells? STATUS WELLS");
-  return ParseStatusOf("set-status", arguments[0], Words(arguments.begin() + 1, arguments.end()));
+  return ParseStatusOf("set-status", StatusOf(arguments[0]),
+                       Words(arguments.begin() + 1, arguments.end()));
 }
 
 Action ParseUptime(const Words& arguments) {
@@ -201,9 +344,13 @@ std::vector<ConstraintGroup> ParseConstraints(const Words& arguments) {
       groups.back().wells.push_back(word);
     } else {
       if (groups.empty()) throw UsageError("'" + word + "': of which well?");
-      groups.back().names.push_back(PropertyOf(word.substr(0, equals)));
-      groups.back().values.push_back(
-          ParseNumber(word.substr(equals + 1), "A number behind " + word.substr(0, equals + 1)));
+      groups.back().names.push_back(ConstraintOf(word.substr(0, equals)));
+      const double value =
+          ParseNumber(word.substr(equals + 1), "A number behind " + word.substr(0, equals + 1));
+      if (value < 0 && !IsMarked(word)) {
+        throw UsageError("'" + word + "': no limit is below 0");
+      }
+      groups.back().values.push_back(value);
     }
   }
   if (groups.empty() || groups.back().names.empty()) {
@@ -213,6 +360,9 @@ std::vector<ConstraintGroup> ParseConstraints(const Words& arguments) {
 }
 
 Action ParseConstrain(const Words& arguments) {
+  if (arguments == kQuestion) {
+    return Showing([](Session& session) { return NamesResult(session, "constrain", true); });
+  }
   return Showing([groups = ParseConstraints(arguments)](Session& session) {
     return ConstrainResult(session, groups);
   });

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -12,12 +13,15 @@ namespace vkmaster {
 
 Action ParseWells(const Words& arguments);  // [WELLS]
 Action ParseData(const Words& arguments);   // [WELLS]
-Action ParseVars(const Words& arguments);   // WELLS NAME...
+Action ParseVars(const Words& arguments);   // WELLS NAME... or ?
 Action ParseStatusOf(const std::string& command, const std::string& status,
                      const Words& arguments);   // WELLS
-Action ParseSetStatus(const Words& arguments);  // STATUS WELLS
+Action ParseSetStatus(const Words& arguments);  // STATUS WELLS or ?
 Action ParseUptime(const Words& arguments);     // WELLS FRACTION
-Action ParseConstrain(const Words& arguments);  // WELLS NAME=VALUE... ...
+Action ParseConstrain(const Words& arguments);  // WELLS NAME=VALUE... ... or ?
+
+using WellsByName = std::map<std::string, master::WellStatus>;
+WellsByName ByName(const std::vector<master::WellStatus>& wells);
 
 /// Wells as they were typed after constrain, and the limits for each of them.
 struct ConstraintGroup {

@@ -7,19 +7,46 @@
 
 namespace vkmaster {
 
-/// A property of wells that has a short name here.
+/// Which wells a limit of a quantity concerns.
+enum class Limits { kNone, kProducers, kWaterInjectors, kGasInjectors, kAllWells };
+
+/// A property of wells that is known here.
 struct Quantity {
   std::string name;          ///< the engineer's: "bhp"
   std::string property;      ///< the simulator's: "BOTTOM_HOLE_PRESSURE"
   std::string Units::*unit;  ///< null for none
+  std::string meaning;
+  Limits limits;
 };
 
 const std::vector<Quantity>& Quantities();
 
-/// The simulator's name for `word`, which may be a short name, the name of one of Quantities() in
-/// any letter case, or another name of the simulator in capitals. Throws UsageError for the rest: a
-/// name that the simulator does not know ends the run.
+/// Begins a word that is sent as it stands behind this mark, although it is not known here.
+inline constexpr const char* kAsIs = "as-is:";
+
+/// What stands behind kAsIs; `word` itself without that mark.
+std::string WithoutMark(const std::string& word);
+bool IsMarked(const std::string& word);
+
+/// The simulator's name for `word`, which may be the short name or the simulator's name of one of
+/// Quantities(), in any letter case, TOTAL_MOLE_FRACTION[n], or any name behind kAsIs. Throws
+/// UsageError for the rest: a name that the simulator does not know ends the run.
 std::string PropertyOf(const std::string& word);
+
+/// The same for what can be limited. The simulator acknowledges limits of other quantities, too,
+/// but they do nothing.
+std::string ConstraintOf(const std::string& word);
+
+/// The simulator's name for the status `word`: OPEN or SHUT in any letter case, or what is behind
+/// kAsIs. Throws UsageError.
+std::string StatusOf(const std::string& word);
+const std::vector<std::string>& Statuses();
+
+/// n of "TOTAL_MOLE_FRACTION[n]"; 0 for every other property.
+int ComponentOf(const std::string& property);
+
+/// Whether a limit of `property` concerns wells of this type. True for what is not known here.
+bool IsLimitFor(const std::string& property, const std::string& well_type);
 
 /// The short name of a property; the property itself when it has none.
 std::string ShortName(const std::string& property);

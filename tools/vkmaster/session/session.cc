@@ -70,6 +70,11 @@ master::Date Session::StartDate() {
   return *start_;
 }
 
+const std::vector<std::string>& Session::Components() {
+  if (!components_) components_ = run().GetEOSProps().components;
+  return *components_;
+}
+
 double Session::TimeDays() {
   return last_days_ = run().GetTimeDays();
 }
@@ -102,8 +107,11 @@ std::vector<std::string> Session::Resolve(const Words& patterns) {
       found = Find(pattern);
     }
     if (found.empty()) {
+      std::vector<std::string> known;
+      for (const master::WellStatus& well : wells_) known.push_back(well.name);
+      const std::string meant = IsPattern(pattern) ? "" : MaybeMeant(pattern, known);
       throw UsageError((IsPattern(pattern) ? "No well matches '" : "No well is called '") +
-                       pattern + "' (the command wells lists them)");
+                       pattern + "'" + (meant.empty() ? " (the command wells lists them)" : meant));
     }
     for (std::string& name : found) {
       if (seen.insert(name).second) names.push_back(std::move(name));

@@ -4,6 +4,7 @@
 
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -52,6 +53,9 @@ class Session {
   bool Metric();
   master::Date StartDate();
 
+  /// The components of the fluid model in their order, none for black oil. Asks the daemon once.
+  const std::vector<std::string>& Components();
+
   /// Asks the daemon each time; last_days() is its last answer.
   double TimeDays();
   double last_days() const { return last_days_; }
@@ -77,6 +81,10 @@ class Session {
   void Remember(const master::WellConstraints& constraints);
   master::WellConstraints Remembered(const std::string& well) const;
 
+  /// The external sources that were attached in this session.
+  void RememberSource(const std::string& source) { sources_.insert(source); }
+  const std::set<std::string>& sources() const { return sources_; }
+
  private:
   std::vector<std::string> Find(const std::string& pattern) const;
 
@@ -87,11 +95,13 @@ class Session {
   bool shut_down_ = false;
   std::optional<bool> metric_;
   std::optional<master::Date> start_;
+  std::optional<std::vector<std::string>> components_;
   double last_days_ = 0;
   bool has_ended_ = false;
   bool wells_known_ = false;
   std::vector<master::WellStatus> wells_;
   std::map<std::string, master::WellConstraints> constraints_;
+  std::set<std::string> sources_;
 };
 
 /// Sets `name` to `value` among the constraints of `well`, replacing what it was.

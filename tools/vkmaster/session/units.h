@@ -12,11 +12,12 @@ struct Units {
   std::string pressure;
   std::string temperature;
   std::string density;
+  std::string gas_oil_ratio;
 };
 
 inline const Units& UnitsOf(bool metric) {
-  static const Units kMetric{"metric", "sm3/d", "sm3/d", "bar", "degC", "kg/m3"};
-  static const Units kField{"field", "STB/d", "MMscf/d", "psi", "degF", "lb/ft3"};
+  static const Units kMetric{"metric", "sm3/d", "sm3/d", "bar", "degC", "kg/m3", "sm3/sm3"};
+  static const Units kField{"field", "STB/d", "MMscf/d", "psi", "degF", "lb/ft3", "scf/STB"};
   return metric ? kMetric : kField;
 }
 

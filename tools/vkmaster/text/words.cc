@@ -20,6 +20,32 @@ bool IsSeparator(const std::string& word) {
   return word == "then" || word == "," || word == ";";
 }
 
+constexpr int kMostMeant = 8;
+
+char Lower(char c) {
+  return static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+}
+
+// How many letters have to be put in, left out, changed or swapped with the next one to make
+// `other` of `one`. Letter case does not count.
+std::size_t Distance(std::string_view one, std::string_view other) {
+  std::vector<std::vector<std::size_t>> best(one.size() + 1,
+                                             std::vector<std::size_t>(other.size() + 1));
+  for (std::size_t i = 0; i <= one.size(); ++i) {
+    for (std::size_t k = 0; k <= other.size(); ++k) {
+      best[i][k] = i + k;
+      if (i == 0 || k == 0) continue;
+      const bool same = Lower(one[i - 1]) == Lower(other[k - 1]);
+      best[i][k] =
+          std::min({best[i - 1][k] + 1, best[i][k - 1] + 1, best[i - 1][k - 1] + (same ? 0 : 1)});
+      const bool swapped = i > 1 && k > 1 && Lower(one[i - 2]) == Lower(other[k - 1]) &&
+                           Lower(one[i - 1]) == Lower(other[k - 2]);
+      if (swapped) best[i][k] = std::min(best[i][k], best[i - 2][k - 2] + 1);
+    }
+  }
+  return best[one.size()][other.size()];
+}
+
 // Splits one line. `begun_` tells a word that is empty so far, as after a quote, from no word.
 class Splitter {
  public:
@@ -125,6 +151,23 @@ bool EqualIgnoringCase(std::string_view one, std::string_view other) {
     return std::tolower(static_cast<unsigned char>(a)) ==
            std::tolower(static_cast<unsigned char>(b));
   });
+}
+
+std::string MaybeMeant(std::string_view word, const std::vector<std::string>& names) {
+  const auto begins = [&](const std::string& name) {
+    return !word.empty() && name.size() > word.size() &&
+           EqualIgnoringCase(name.substr(0, word.size()), word);
+  };
+  std::string meant;
+  int found = 0;
+  for (const std::string& name : names) {
+    // A third of the letters may be wrong, but no fewer than one and no more than three.
+    const std::size_t allowed = std::clamp<std::size_t>(word.size() / 3, 1, 3);
+    if (!begins(name) && (word.size() < 2 || Distance(word, name) > allowed)) continue;
+    if (++found > kMostMeant) return meant + ", ...?)";
+    meant += (meant.empty() ? " (" : ", ") + name;
+  }
+  return meant.empty() ? "" : meant + "?)";
 }
 
 double ParseNumber(const std::string& word, const std::string& what) {

@@ -28,6 +28,10 @@ bool Matches(std::string_view pattern, std::string_view name);
 /// True when `one` equals `other` but for the case of ASCII letters.
 bool EqualIgnoringCase(std::string_view one, std::string_view other);
 
+/// Those of `names` that somebody who typed `word` may have meant, as " (bhp, thp?)"; empty for
+/// none.
+std::string MaybeMeant(std::string_view word, const std::vector<std::string>& names);
+
 /// The number that the whole of `word` spells. Throws UsageError saying that `what` was wanted.
 double ParseNumber(const std::string& word, const std::string& what);
 
