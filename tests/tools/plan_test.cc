@@ -127,6 +127,55 @@ TEST_F(PlanTest, WhatIsWrongIsNamedWithItsLine) {
               EndsWith("line 3: an event has at and commands"));
   EXPECT_THAT(Refusal(advance + "[[event]]\nat = \"+3\"\ncommands = []\n"),
               EndsWith("line 4: days or a date wanted"));
+  EXPECT_THAT(Refusal(advance + "[[event]]\nat = 800\ncommands = []\n"),
+              HasSubstr("line 4: day 800 is after the end of the plan, day "));
+}
+
+TEST_F(PlanTest, EventsComeInTheOrderOfTheirTimes) {
+  const Plan plan = Read(
+      "[advance]\nuntil = 2030-01-01\n[[event]]\nat = 2028-01-01\ncommands = [\"shut P2\"]\n"
+      "[[event]]\nat = 2027-01-01\ncommands = [\"shut P1\"]\n");
+  EXPECT_EQ(plan.events[0].commands[0].text, "shut P1");
+}
+
+// The port is nobody's: nothing is launched.
+TEST_F(PlanTest, CheckSaysWhatWillHappenWhenWithoutADaemon) {
+  const std::string file = directory_.Write("plan.toml", R"(
+title = "ten years"
+[advance]
+until = 3650
+step = "monthly"
+[record]
+commands = ["data", "wells"]
+[[event]]
+at = 730
+commands = ["shut P1", "constrain P2 bhp=150"]
+[[event]]
+at = 365
+commands = ["open P1"]
+)");
+  const Outcome outcome = RunVkmaster({"run", "--check", file});
+  EXPECT_EQ(outcome.status, 0) << outcome.err;
+  EXPECT_EQ(outcome.out, "plan           " + file +
+                             "\ntitle          ten years\n"
+                             "until          day 3650\n"
+                             "steps          monthly\n"
+                             "at every stop  data; wells\n"
+                             "results in     " +
+                             directory_.File("results") +
+                             "\n\n"
+                             "at        does\n"
+                             "start     begins, records\n"
+                             "day 365   open P1\n"
+                             "day 730   shut P1; constrain P2 bhp=150\n"
+                             "day 3650  records, ends\n");
+  const Outcome mixed = RunVkmaster(
+      {"--json", "run",
+       directory_.Write("mixed.toml",
+                        "[advance]\nuntil = 30\n[[event]]\nat = 2020-01-05\ncommands = []\n"),
+       "--check"});
+  EXPECT_THAT(mixed.out, HasSubstr("\"notes\":[\"The plan has days and dates"));
+  EXPECT_THAT(RunVkmaster({"run", "--check"}).err, HasSubstr("Which plan? run [--check] PLAN"));
 }
 
 TEST_F(PlanTest, TargetMayHaveADecimalPoint) {
@@ -149,6 +198,24 @@ class PlanRunTest : public PlanTest {
   FakeRun run_;
   FakeDaemon daemon_{FakeDaemon::Launching(run_)};
 };
+
+TEST_F(PlanRunTest, WhatIsWrongInTheLastEventIsKnownBeforeTheFirstStep) {
+  const Outcome outcome =
+      Run("[advance]\nuntil = 60\n[[event]]\nat = 45\ncommands = [\"constrain P1 oil=9\", \"shut "
+          "P9\"]\n");
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_THAT(outcome.err, HasSubstr("day 45, shut P9: No well is called 'P9'"));
+  EXPECT_THAT(daemon_.Requests(), testing::Not(testing::Contains("07 00 00 00")));
+}
+
+TEST_F(PlanRunTest, EventAfterTheEndIsKnownBeforeTheFirstStepAlsoBetweenDaysAndDates) {
+  const Outcome outcome =
+      Run("[advance]\nuntil = 60\n[[event]]\nat = 2020-03-02\ncommands = [\"shut P1\"]\n");
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_THAT(outcome.err,
+              HasSubstr("The event of 2020-03-02 is after the end of the plan, day 60"));
+  EXPECT_THAT(daemon_.Requests(), testing::Not(testing::Contains("07 00 00 00")));
+}
 
 TEST_F(PlanRunTest, StepsEventsAndRecordsEndInTidyFiles) {
   const Outcome outcome = Run(R"(

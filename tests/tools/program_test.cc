@@ -32,6 +32,7 @@ const char* const kConnect = "01 00 00 00";
 const char* const kDate = "02 00 00 00";
 const char* const kMetric = "03 00 00 00";
 const char* const kTime = "04 00 00 00";
+const char* const kWells = "06 00 00 00";
 const char* const kNewton = "07 00 00 00";
 const char* const kEnded = "09 00 00 00";
 const char* const kVersion = "11 00 00 00";
@@ -231,10 +232,50 @@ TEST_F(ProgramTest, EndOfTheSimulationEndsAnAdvance) {
 }
 
 TEST_F(ProgramTest, TargetBehindTheRunIsRefusedWithoutSendingIt) {
-  const Outcome outcome = Master({"until", "30", "then", "until", "20"});
+  const Outcome outcome = Master({}, "until 30\nuntil 20\n");
   EXPECT_EQ(outcome.status, 2);
   EXPECT_THAT(outcome.err, HasSubstr("The run is at day 30 already, it cannot go to day 20"));
   EXPECT_THAT(daemon_.Requests(), testing::Contains(kShutdown));
+}
+
+TEST(ProgramOrder, TargetBehindAnEarlierOneIsKnownBeforeTheLaunch) {
+  // Nobody listens on this port: the launch would fail with another status.
+  const auto complaint = [](const std::vector<std::string>& commands) {
+    const Outcome outcome = RunVkmaster(LaunchArguments(FreePort(), commands));
+    EXPECT_EQ(outcome.status, 2) << outcome.err;
+    return outcome.err;
+  };
+  EXPECT_EQ(complaint({"until", "30", "then", "until", "30"}),
+            "vkmaster: until 30: the run is at day 30 already then\n");
+  EXPECT_THAT(
+      complaint({"until", "30", "then", "until", "+5", "then", "every", "1", "until", "35"}),
+      HasSubstr("the run is at day 35 already then"));
+  EXPECT_THAT(complaint({"until", "2030-01-01", "then", "until", "2029-01-01"}),
+              HasSubstr("the run is at 2030-01-01 already then"));
+}
+
+TEST_F(ProgramTest, WrongWellInTheLastCommandIsKnownBeforeTheFirstStep) {
+  const Outcome outcome = Master({"until", "30", "then", "shut", "P9"});
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_EQ(outcome.out, "");
+  EXPECT_THAT(outcome.err, HasSubstr("No well is called 'P9'"));
+  EXPECT_THAT(daemon_.Requests(), ElementsAre(kConnect, kWells, kWells, kShutdown));
+}
+
+TEST_F(ProgramTest, WellThatTheModelAddsLaterIsMarkedSo) {
+  run_.before = [this](std::uint32_t code) {
+    if (code == 8) run_.wells.push_back({"P9", "PRODUCER", "OPEN"});
+  };
+  const Outcome outcome = Master(
+      {"until", "30", "then", "shut", "later:P9", "then", "constrain", "later:P9", "oil=900"});
+  EXPECT_EQ(outcome.status, 0) << outcome.err;
+  EXPECT_THAT(outcome.out, HasSubstr("P9    SHUT"));
+}
+
+TEST_F(ProgramTest, SlipWithKeepGoingIsPassedOverWhenItsTurnComes) {
+  const Outcome outcome = Master({"--keep-going", "time", "then", "shut", "P9", "then", "time"});
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_EQ(outcome.out, "time  0 days\ntime  0 days\n");
 }
 
 TEST_F(ProgramTest, DateBeforeTheStartIsRefused) {
@@ -511,7 +552,7 @@ TEST_F(ProgramTest, SignalBetweenTwoCommandsKeepsTheSecondFromBeingSent) {
   process.Signal(SIGINT);
   const Outcome outcome = process.Finish();
   EXPECT_EQ(outcome.status, 130);
-  EXPECT_THAT(daemon_.Requests(), ElementsAre(kConnect, kShutdown));
+  EXPECT_THAT(daemon_.Requests(), ElementsAre(kConnect, kWells, kShutdown));
 }
 
 TEST_F(ProgramTest, NothingButSeparatorsIsALaunchAndAShutdown) {

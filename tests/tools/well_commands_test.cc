@@ -263,6 +263,37 @@ TEST_F(WellCommandsTest, IPROfMoreWellsThanARequestNamesIsBuiltInGroups) {
   EXPECT_EQ(order, "TssTs");
 }
 
+TEST_F(WellCommandsTest, IPROfMoreComponentsThanTheModelHasIsNotAskedFor) {
+  EXPECT_THROW(Do("ipr P1 components 3"), UsageError);
+  run_.compositional = false;
+  EXPECT_THROW(Do("ipr P1 components 3"), UsageError);
+  EXPECT_THAT(Requests(16), IsEmpty());
+}
+
+TEST_F(WellCommandsTest, ChecksFindWhatTheRunWouldRefuseAndChangeNothing) {
+  run_.wells.push_back({"G1", "GAS_INJECTOR", "OPEN"});
+  const auto check = [this](const std::string& line) -> std::string {
+    try {
+      vkmaster::ParseCommands(vkmaster::SplitWords(line)).at(0).check(session_);
+      return "fine";
+    } catch (const UsageError& error) {
+      return error.what();
+    }
+  };
+  for (const char* line : {"data", "wells P1", "open P1", "uptime P1 1", "vars P* bhp", "ipr P1",
+                           "constrain P1 oil=5", "constrain later:X oil=5", "source G1 S",
+                           "source later:X S", "composition S C1=1", "shut later:P9"}) {
+    EXPECT_EQ(check(line), "fine") << line;
+  }
+  for (const char* line :
+       {"data P9", "wells P9", "open P9", "uptime P9 1", "vars P9 bhp", "ipr P9",
+        "constrain P1 water-injection=5", "constrain X oil=5", "source P1 S", "source P* S",
+        "composition S H2=1", "ipr P1 components 9", "vars P1 TOTAL_MOLE_FRACTION[9]"}) {
+    EXPECT_NE(check(line), "fine") << line;
+  }
+  for (const int code : {10, 11, 12, 13, 15, 16, 18, 19}) EXPECT_THAT(Requests(code), IsEmpty());
+}
+
 TEST_F(WellCommandsTest, IPRWithKeepLeavesTheWellsAsTheyAre) {
   EXPECT_THAT(Do("ipr P1 keep"), HasSubstr("note: The wells are open and limited"));
   EXPECT_THAT(Requests(13), IsEmpty());

@@ -25,6 +25,7 @@
 #include "tools/vkmaster/command_line/interrupt.h"
 #include "tools/vkmaster/command_line/options.h"
 #include "tools/vkmaster/command_line/prompt.h"
+#include "tools/vkmaster/commands/advance.h"
 #include "tools/vkmaster/commands/registry.h"
 #include "tools/vkmaster/plans/course.h"
 #include "tools/vkmaster/plans/plan.h"
@@ -84,6 +85,7 @@ class Program {
       return Report("", error).status;
     }
     if (OnlyHelp()) return PrintHelp();
+    if (options_.check) return ShowPlan();
     const int launched = Launch();
     return launched == kOk ? Control() : launched;
   }
@@ -99,7 +101,8 @@ class Program {
     } else if (!options_.file.empty() && options_.file != "-") {
       commands_ = ReadCommandFile(options_.file);
     }
-    if (OnlyHelp()) return;
+    if (commands_ && !options_.keep_going) CheckOrder(*commands_);
+    if (OnlyHelp() || options_.check) return;
     if (options_.port == 0) throw UsageError("The daemon's port is missing: --port");
     if (options_.run.path.empty()) throw UsageError("The run's data directory is missing: --path");
     if (options_.run.root.empty()) throw UsageError("The model's name is missing: --root");
@@ -116,6 +119,11 @@ class Program {
       if (command.needs_run) return false;
     }
     return true;
+  }
+
+  int ShowPlan() {
+    output_.Write(Preview(ReadPlan(options_.plan)));
+    return kOk;
   }
 
   int PrintHelp() const {
@@ -191,6 +199,7 @@ class Program {
   int Control() {
     int status = kOk;
     if (options_.connect) status = Attempt("connect", [this] { session_->Connect(); });
+    if (status == kOk && commands_) status = CheckAll(*commands_);
     if (status == kOk) status = commands_ ? ExecuteAll(*commands_) : ExecuteLines();
     return Finish(status);
   }
@@ -225,6 +234,18 @@ class Program {
   bool GoesOn(int status, bool forgiving) {
     const bool tolerated = std::exchange(may_go_on_, false) && forgiving;
     return (status == kOk || tolerated) && !quit_;
+  }
+
+  // Tries all commands against the run before the first is carried out. With --keep-going a wrong
+  // one is to be passed over when its turn comes.
+  int CheckAll(const std::vector<Command>& commands) {
+    if (options_.keep_going || !session_->connected()) return kOk;
+    for (const Command& command : commands) {
+      if (!command.check) continue;
+      const int status = Attempt(command.text, [&] { command.check(*session_); });
+      if (status != kOk) return status;
+    }
+    return kOk;
   }
 
   int ExecuteAll(const std::vector<Command>& commands) {

@@ -20,7 +20,8 @@ namespace {
 
 const char* const kPlanHelp =
     "  run PLAN                carry out a plan: a TOML file of dates, controls and what to "
-    "record\n";
+    "record\n"
+    "  run --check PLAN        say what the plan will do when; needs no daemon\n";
 
 const char* const kFooter =
     "Several commands are separated by then, or by a comma or semicolon of its own:\n"
@@ -131,7 +132,9 @@ void AddOtherOptions(CLI::App& app, Options& options) {
 // The commands after the options are completed as at the prompt, but without the wells: there is
 // no run yet.
 completion::Answer CompleteCommands(const Words& words) {
-  if (words.size() == 2 && words[0] == "run") return {{}, "files"};
+  if (words.size() >= 2 && words[0] == "run" && !words.back().starts_with("-")) {
+    return {{}, "files"};
+  }
   const Words before(words.begin(), words.end() - 1);
   completion::Answer answer;
   for (const std::string& word :
@@ -199,7 +202,8 @@ std::optional<int> ParseOptions(int argc, const char* const* argv, Options& opti
   if (const auto status = Parse(argc, argv, options, given)) return status;
   if (!options.words.empty() && options.words[0] == "run") {
     try {
-      if (options.words.size() != 2) throw UsageError("run: Which plan? run PLAN");
+      options.check = std::erase(options.words, "--check") > 0;
+      if (options.words.size() != 2) throw UsageError("run: Which plan? run [--check] PLAN");
       ApplyLaunch(ReadPlan(options.words[1]), options, given);
     } catch (const UsageError& error) {
       Tell(stderr, fmt::format("vkmaster: {}\n", error.what()));

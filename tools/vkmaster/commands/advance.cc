@@ -47,16 +47,6 @@ void AddSums(Session& session, Result& result) {
 
 }  // namespace
 
-Target ParseTarget(const std::string& word) {
-  if (const auto date = ParseDate(word)) return {Target::Kind::kDate, 0, *date};
-  const bool relative = word.starts_with('+');
-  const double days = ParseNumber(word, "Days, +days or a date like 2030-01-31");
-  if (days < 0 || (relative && days == 0)) {
-    throw UsageError("A run goes forward only, not to '" + word + "'");
-  }
-  return {relative ? Target::Kind::kRelative : Target::Kind::kDays, days, {}};
-}
-
 double DaysOf(const Target& target, Session& session) {
   switch (target.kind) {
     case Target::Kind::kDays:
@@ -91,6 +81,27 @@ AdvanceRequest ParseEvery(const Words& arguments) {
   request.target = ParseTarget(arguments[2]);
   TakeOptions(arguments, 3, request);
   return request;
+}
+
+void CheckOrder(const std::vector<Command>& commands) {
+  std::optional<Target> reached = Target{};
+  for (const Command& command : commands) {
+    if (!command.target) continue;
+    Target next = *command.target;
+    if (next.kind == Target::Kind::kRelative) {
+      // A date and so many days is a date that only the calendar knows: no more is said about it.
+      const bool known = reached && reached->kind == Target::Kind::kDays;
+      reached = known ? std::optional(Target{Target::Kind::kDays, reached->days + next.days, {}})
+                      : std::nullopt;
+      continue;
+    }
+    const auto ahead = reached ? DaysBetween(*reached, next) : std::nullopt;
+    if (ahead && *ahead < kSameTime) {
+      throw UsageError(
+          fmt::format("{}: the run is at {} already then", command.text, FormatTarget(*reached)));
+    }
+    reached = next;
+  }
 }
 
 Result StateRow(Session& session, const std::string& command, bool rates) {

@@ -2,6 +2,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "tools/vkmaster/commands/command.h"
 #include "tools/vkmaster/text/words.h"
@@ -10,17 +11,6 @@ namespace vkmaster {
 
 /// Times that differ by less than this, in days and about a second, count as the same.
 inline constexpr double kSameTime = 1e-5;
-
-/// Where an advance goes.
-struct Target {
-  enum class Kind { kDays, kRelative, kDate };
-  Kind kind = Kind::kDays;
-  double days = 0;
-  master::Date date;
-};
-
-/// "3650", "+30", "2030-01-01". Throws UsageError.
-Target ParseTarget(const std::string& word);
 
 /// The target as days since the start. Throws UsageError when it lies before the start.
 double DaysOf(const Target& target, Session& session);
@@ -41,6 +31,10 @@ AdvanceRequest ParseEvery(const Words& arguments);
 /// a row for each. Begins with the first time step of the run unless that is done. Stops when the
 /// simulation ends.
 void Advance(Context& context, const AdvanceRequest& request);
+
+/// Throws UsageError when one of the commands goes to a time that an earlier one has reached. Where
+/// that depends on the start of the run, it is found out when the command is carried out.
+void CheckOrder(const std::vector<Command>& commands);
 
 /// The row of the present state: time, date, ended, and with `rates` the sums over all wells.
 Result StateRow(Session& session, const std::string& command, bool rates);

@@ -28,17 +28,37 @@ struct Context {
 /// sent, when the run cannot do what was asked for, and whatever the requests of master::Run throw.
 using Action = std::function<void(Context&)>;
 
+/// Throws UsageError for what a command cannot do in the run, such as for a well that the model
+/// lacks. Changes nothing, so that all commands can be tried when the run begins: a slip in the
+/// last of them would otherwise show after hours.
+using Check = std::function<void(Session&)>;
+
+/// What a parser makes of a command's words.
+struct Parsed {
+  Action execute;
+  Check check{};                   ///< may be empty
+  std::optional<Target> target{};  ///< of an advance
+};
+
 /// A command that has been understood as far as that is possible without the run.
 struct Command {
   std::string text;  ///< as the engineer gave it
   Action execute;
   bool needs_run = true;  ///< false for help
+  Check check{};
+  std::optional<Target> target{};
 };
 
 /// The action that writes the result of `make`.
-inline Action Showing(std::function<Result(Session&)> make) {
-  return
-      [make = std::move(make)](Context& context) { context.output.Write(make(context.session)); };
+inline Parsed Showing(std::function<Result(Session&)> make, Check check = {}) {
+  return {
+      [make = std::move(make)](Context& context) { context.output.Write(make(context.session)); },
+      std::move(check)};
+}
+
+/// Checks that `wells` mean wells of the model.
+inline Check WellsExist(const Words& wells) {
+  return [wells](Session& session) { session.CheckWells(wells); };
 }
 
 }  // namespace vkmaster

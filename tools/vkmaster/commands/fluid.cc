@@ -80,7 +80,8 @@ void NoteMissingSources(const Session& session, Result& result) {
   result.notes.emplace_back("Version 2016.2 (--api) has no external sources: nothing was changed");
 }
 
-Result SourceResult(Session& session, const std::string& word, const std::string& source) {
+// The well that `word` means, which a source can be attached to.
+std::string GasInjectorOf(Session& session, const std::string& word) {
   const std::vector<std::string> wells = session.Resolve({word});
   if (wells.size() != 1) throw UsageError("One well wanted, not " + word);
   const std::string type = ByName(session.KnownWells()).at(wells[0]).type;
@@ -90,9 +91,14 @@ Result SourceResult(Session& session, const std::string& word, const std::string
   if (session.Components().empty()) {
     throw UsageError("The model is black oil: sources of gas need components");
   }
-  const int answer = session.run().SetWellInjectionSource(wells[0], source);
+  return wells[0];
+}
+
+Result SourceResult(Session& session, const std::string& word, const std::string& source) {
+  const std::string well = GasInjectorOf(session, word);
+  const int answer = session.run().SetWellInjectionSource(well, source);
   Result result{.command = "source"};
-  result.fields.push_back({"well", "well", wells[0], ""});
+  result.fields.push_back({"well", "well", well, ""});
   result.fields.push_back({"source", "gas source", source, ""});
   result.fields.push_back({"result", "simulator's result", std::int64_t{answer}, ""});
   NoteMissingSources(session, result);
@@ -191,10 +197,14 @@ Result EOSResult(Session& session) {
   return result;
 }
 
-Action ParseSource(const Words& arguments) {
+Parsed ParseSource(const Words& arguments) {
   if (arguments.size() != 2) throw UsageError("Which well, and which source? source WELL SOURCE");
   return Showing(
-      [arguments](Session& session) { return SourceResult(session, arguments[0], arguments[1]); });
+      [arguments](Session& session) { return SourceResult(session, arguments[0], arguments[1]); },
+      [arguments](Session& session) {
+        session.CheckWells({arguments[0]});
+        if (!Session::IsLater(arguments[0])) GasInjectorOf(session, arguments[0]);
+      });
 }
 
 std::vector<SourceComposition> ParseCompositions(const Words& arguments) {
@@ -222,10 +232,15 @@ std::vector<SourceComposition> ParseCompositions(const Words& arguments) {
   return sources;
 }
 
-Action ParseComposition(const Words& arguments) {
-  return Showing([given = ParseCompositions(arguments)](Session& session) {
-    return CompositionResult(session, given);
-  });
+Parsed ParseComposition(const Words& arguments) {
+  const std::vector<SourceComposition> given = ParseCompositions(arguments);
+  return Showing([given](Session& session) { return CompositionResult(session, given); },
+                 [given](Session& session) {
+                   if (session.Components().empty()) {
+                     throw UsageError("The model is black oil and has no components");
+                   }
+                   for (const SourceComposition& one : given) InOrder(one, session.Components());
+                 });
 }
 
 }  // namespace vkmaster

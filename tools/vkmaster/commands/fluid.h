@@ -10,8 +10,8 @@ namespace vkmaster {
 // The commands on the reservoir fluid and on injected gas.
 
 Result EOSResult(Session& session);
-Action ParseSource(const Words& arguments);       // WELL SOURCE
-Action ParseComposition(const Words& arguments);  // SOURCE FRACTION... or SOURCE NAME=FRACTION...
+Parsed ParseSource(const Words& arguments);       // WELL SOURCE
+Parsed ParseComposition(const Words& arguments);  // SOURCE FRACTION... or SOURCE NAME=FRACTION...
 
 /// A source as it was typed after composition, its fractions in component order or by component.
 struct SourceComposition {

@@ -111,6 +111,16 @@ std::string PlotOf(const master::WellStatus& well, const master::WellIPR& ipr, c
   return Draw(plot);
 }
 
+// The simulator ends a run that is asked for more components than it has.
+void CheckComponents(Session& session, const IPROrder& order) {
+  if (order.components == 0) return;
+  const std::size_t known = session.Components().size();
+  if (static_cast<std::size_t>(order.components) <= known) return;
+  throw UsageError(
+      known == 0 ? "The model is black oil and has no components"
+                 : fmt::format("The model has {} components, not {}", known, order.components));
+}
+
 int WholeNumber(const std::string& word) {
   const double value = ParseNumber(word, "A number of components");
   if (value < 0 || value > kMostComponents || value != static_cast<int>(value)) {
@@ -146,13 +156,18 @@ IPROrder ParseIPROrder(const Words& arguments) {
   return order;
 }
 
-Action ParseIPR(const Words& arguments) {
-  return Showing(
-      [order = ParseIPROrder(arguments)](Session& session) { return BuildIPR(session, order); });
+Parsed ParseIPR(const Words& arguments) {
+  const IPROrder order = ParseIPROrder(arguments);
+  return Showing([order](Session& session) { return BuildIPR(session, order); },
+                 [order](Session& session) {
+                   session.CheckWells(order.wells);
+                   CheckComponents(session, order);
+                 });
 }
 
 Result BuildIPR(Session& session, const IPROrder& order) {
   const std::vector<std::string> names = session.Resolve(order.wells);
+  CheckComponents(session, order);
   const WellsByName before = ByName(session.Wells());
   const Units& units = UnitsOf(session.Metric());
   const int components =

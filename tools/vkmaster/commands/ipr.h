@@ -18,7 +18,7 @@ struct IPROrder {
 /// WELLS [bhp|thp] [skewness X] [components N|all] [keep] [no-plot]
 IPROrder ParseIPROrder(const Words& arguments);
 
-Action ParseIPR(const Words& arguments);
+Parsed ParseIPR(const Words& arguments);
 
 /// Builds the tables. The daemon opens the wells for it and leaves them cut back to the rate of the
 /// last point. Unless the order says keep, the wells then get their earlier statuses and the rate

@@ -16,7 +16,7 @@
 namespace vkmaster {
 namespace {
 
-using Parser = std::function<Action(const Words&)>;
+using Parser = std::function<Parsed(const Words&)>;
 
 struct Entry {
   CommandHelp help;
@@ -86,15 +86,19 @@ Result Status(Session& session) {
   return result;
 }
 
-Action ParseHelp(const Words& arguments) {
+Parsed ParseHelp(const Words& arguments) {
   const std::string name = arguments.empty() ? "" : arguments[0];
   const std::string text = HelpText(name);
-  return [text](Context& context) { context.output.Note(text); };
+  return {[text](Context& context) { context.output.Note(text); }};
 }
 
-Action ParseQuit(const Words& arguments) {
+Parsed ParseQuit(const Words& arguments) {
   RefuseArguments(arguments);
-  return [](Context& context) { context.quit = true; };
+  return {[](Context& context) { context.quit = true; }};
+}
+
+Parsed Advancing(const AdvanceRequest& request) {
+  return {[request](Context& context) { Advance(context, request); }, {}, request.target};
 }
 
 std::vector<Entry> MakeEntries() {
@@ -132,15 +136,9 @@ std::vector<Entry> MakeEntries() {
       {{"until", "TARGET [step STEP] [rates]",
         "run to day 3650, by +30 days or to date 2030-01-31; with step (days, daily, weekly, "
         "monthly, quarterly, yearly) a row for each; with rates the sums over all wells"},
-       [](const Words& arguments) -> Action {
-         const AdvanceRequest request = ParseUntil(arguments);
-         return [request](Context& context) { Advance(context, request); };
-       }},
+       [](const Words& arguments) { return Advancing(ParseUntil(arguments)); }},
       {{"every", "STEP until TARGET [rates]", "the same with the step first"},
-       [](const Words& arguments) -> Action {
-         const AdvanceRequest request = ParseEvery(arguments);
-         return [request](Context& context) { Advance(context, request); };
-       }},
+       [](const Words& arguments) { return Advancing(ParseEvery(arguments)); }},
       {{"wells", "[WELLS]", "wells with their type and status"}, ParseWells},
       {{"data", "[WELLS]", "operating points: rates, pressures, uptime"}, ParseData},
       {{"vars", "WELLS NAME... | ?",
@@ -217,7 +215,9 @@ std::string HelpText(const std::string& name) {
 Command ParseCommand(const Words& words) {
   const Entry& entry = EntryOf(words.at(0));
   try {
-    return {Join(words), entry.parse(Words(words.begin() + 1, words.end())), entry.needs_run};
+    Parsed parsed = entry.parse(Words(words.begin() + 1, words.end()));
+    return {Join(words), std::move(parsed.execute), entry.needs_run, std::move(parsed.check),
+            parsed.target};
   } catch (const UsageError& error) {
     throw UsageError(words[0] + ": " + error.what());
   }

@@ -217,6 +217,12 @@ Resolution Resolved(Session& session, const std::vector<ConstraintGroup>& groups
   return all;
 }
 
+bool AnyLater(const std::vector<ConstraintGroup>& groups) {
+  return std::any_of(groups.begin(), groups.end(), [](const ConstraintGroup& group) {
+    return std::any_of(group.wells.begin(), group.wells.end(), Session::IsLater);
+  });
+}
+
 double RateOf(const master::WellData& data, const std::string& property) {
   if (property == "OIL_PRODUCTION_RATE") return data.oil_rate;
   if (property == "WATER_PRODUCTION_RATE") return data.water_rate;
@@ -282,15 +288,17 @@ WellsByName ByName(const std::vector<master::WellStatus>& wells) {
   return by_name;
 }
 
-Action ParseWells(const Words& arguments) {
-  return Showing([arguments](Session& session) { return WellsResult(session, arguments); });
+Parsed ParseWells(const Words& arguments) {
+  return Showing([arguments](Session& session) { return WellsResult(session, arguments); },
+                 WellsExist(arguments));
 }
 
-Action ParseData(const Words& arguments) {
-  return Showing([arguments](Session& session) { return DataResult(session, arguments); });
+Parsed ParseData(const Words& arguments) {
+  return Showing([arguments](Session& session) { return DataResult(session, arguments); },
+                 WellsExist(arguments));
 }
 
-Action ParseVars(const Words& arguments) {
+Parsed ParseVars(const Words& arguments) {
   if (arguments == kQuestion) {
     return Showing([](Session& session) { return NamesResult(session, "vars", false); });
   }
@@ -299,20 +307,26 @@ Action ParseVars(const Words& arguments) {
   for (std::size_t i = 1; i < arguments.size(); ++i) {
     properties.push_back(PropertyOf(arguments[i]));
   }
-  return Showing([wells = Words{arguments[0]}, properties](Session& session) {
-    return VarsResult(session, wells, properties);
-  });
+  const Words wells{arguments[0]};
+  return Showing(
+      [wells, properties](Session& session) { return VarsResult(session, wells, properties); },
+      [wells, properties](Session& session) {
+        session.CheckWells(wells);
+        for (const std::string& property : properties) CheckComponent(session, property);
+      });
 }
 
-Action ParseStatusOf(const std::string& command, const std::string& status,
+Parsed ParseStatusOf(const std::string& command, const std::string& status,
                      const Words& arguments) {
   if (arguments.empty()) throw UsageError("Which wells?");
-  return Showing([command, status, arguments](Session& session) {
-    return StatusResult(session, command, status, arguments);
-  });
+  return Showing(
+      [command, status, arguments](Session& session) {
+        return StatusResult(session, command, status, arguments);
+      },
+      WellsExist(arguments));
 }
 
-Action ParseSetStatus(const Words& arguments) {
+Parsed ParseSetStatus(const Words& arguments) {
   if (arguments == kQuestion) {
     return Showing([](Session& /*session*/) {
       Table table{"names", "", {{"status", "status", ""}}, {}};
@@ -325,14 +339,16 @@ Action ParseSetStatus(const Words& arguments) {
                        Words(arguments.begin() + 1, arguments.end()));
 }
 
-Action ParseUptime(const Words& arguments) {
+Parsed ParseUptime(const Words& arguments) {
   if (arguments.size() < 2) throw UsageError("Of which wells, and how much? uptime WELLS FRACTION");
   const double fraction = ParseNumber(arguments.back(), "A fraction of the time, 0 to 1,");
   if (fraction < 0 || fraction > 1) {
     throw UsageError("A fraction of the time is 0 to 1, not " + arguments.back());
   }
-  return Showing([wells = Words(arguments.begin(), arguments.end() - 1),
-                  fraction](Session& session) { return UptimeResult(session, wells, fraction); });
+  const Words wells(arguments.begin(), arguments.end() - 1);
+  return Showing(
+      [wells, fraction](Session& session) { return UptimeResult(session, wells, fraction); },
+      WellsExist(wells));
 }
 
 std::vector<ConstraintGroup> ParseConstraints(const Words& arguments) {
@@ -359,13 +375,16 @@ std::vector<ConstraintGroup> ParseConstraints(const Words& arguments) {
   return groups;
 }
 
-Action ParseConstrain(const Words& arguments) {
+Parsed ParseConstrain(const Words& arguments) {
   if (arguments == kQuestion) {
     return Showing([](Session& session) { return NamesResult(session, "constrain", true); });
   }
-  return Showing([groups = ParseConstraints(arguments)](Session& session) {
-    return ConstrainResult(session, groups);
-  });
+  const std::vector<ConstraintGroup> groups = ParseConstraints(arguments);
+  return Showing([groups](Session& session) { return ConstrainResult(session, groups); },
+                 [groups](Session& session) {
+                   for (const ConstraintGroup& group : groups) session.CheckWells(group.wells);
+                   if (!AnyLater(groups)) Resolved(session, groups);
+                 });
 }
 
 void SetConstraints(Session& session, const std::vector<master::WellConstraints>& wells) {

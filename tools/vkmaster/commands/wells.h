@@ -11,14 +11,14 @@ namespace vkmaster {
 // The commands on wells. Each parser gets the words after the command's name and throws UsageError
 // when it does not take them.
 
-Action ParseWells(const Words& arguments);  // [WELLS]
-Action ParseData(const Words& arguments);   // [WELLS]
-Action ParseVars(const Words& arguments);   // WELLS NAME... or ?
-Action ParseStatusOf(const std::string& command, const std::string& status,
+Parsed ParseWells(const Words& arguments);  // [WELLS]
+Parsed ParseData(const Words& arguments);   // [WELLS]
+Parsed ParseVars(const Words& arguments);   // WELLS NAME... or ?
+Parsed ParseStatusOf(const std::string& command, const std::string& status,
                      const Words& arguments);   // WELLS
-Action ParseSetStatus(const Words& arguments);  // STATUS WELLS or ?
-Action ParseUptime(const Words& arguments);     // WELLS FRACTION
-Action ParseConstrain(const Words& arguments);  // WELLS NAME=VALUE... ... or ?
+Parsed ParseSetStatus(const Words& arguments);  // STATUS WELLS or ?
+Parsed ParseUptime(const Words& arguments);     // WELLS FRACTION
+Parsed ParseConstrain(const Words& arguments);  // WELLS NAME=VALUE... ... or ?
 
 using WellsByName = std::map<std::string, master::WellStatus>;
 WellsByName ByName(const std::vector<master::WellStatus>& wells);

@@ -26,13 +26,16 @@ class Course {
   }
 
   void Run() {
-    session_.FirstStep();
+    // Before the first step: what is wrong in the last event must not cost the run.
     double now = session_.TimeDays();
     target_ = DaysOf(plan_.until, session_);
     if (target_ - now < kSameTime) {
       throw UsageError(fmt::format("The run is at day {:.6g}, beyond the plan's end", now));
     }
     SortEvents();
+    CheckCommands();
+    session_.FirstStep();
+    now = session_.TimeDays();
     context_.progress.BeginAdvance(now, target_);
     Stop(now, true);
     while (target_ - now >= kSameTime && !session_.has_ended()) {
@@ -52,9 +55,27 @@ class Course {
   void SortEvents() {
     for (const PlanEvent& event : plan_.events) {
       events_.push_back({DaysOf(event.at, session_), &event});
+      if (events_.back().at - target_ < kSameTime) continue;
+      throw UsageError(fmt::format("The event of {} is after the end of the plan, day {:.6g}",
+                                   FormatTarget(event.at), target_));
     }
     std::stable_sort(events_.begin(), events_.end(),
                      [](const Timed& a, const Timed& b) { return a.at < b.at; });
+  }
+
+  void CheckCommands() {
+    Check(plan_.record, "record");
+    for (const Timed& event : events_) Check(event.event->commands, FormatTarget(event.event->at));
+  }
+
+  void Check(const std::vector<Command>& commands, const std::string& when) {
+    for (const Command& command : commands) {
+      try {
+        if (command.check) command.check(session_);
+      } catch (const UsageError& error) {
+        throw UsageError(when + ", " + command.text + ": " + error.what());
+      }
+    }
   }
 
   double NextStop(double now) {

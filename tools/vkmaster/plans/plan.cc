@@ -1,5 +1,6 @@
 #include "tools/vkmaster/plans/plan.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <string_view>
 #include <utility>
@@ -109,24 +110,47 @@ void ReadRecord(Section section, Plan& plan) {
   RefuseUnknownKeys(section);
 }
 
-PlanEvent ReadEvent(Section section) {
+PlanEvent ReadEvent(Section section, const Target& until) {
   const auto at = section.Find("at");
   const auto commands = section.Find("commands");
   RefuseUnknownKeys(section);
   if (!at || !commands) section.place().Fail("an event has at and commands");
   PlanEvent event{TargetOf(*at), ReadCommands(*commands)};
   if (event.at.kind == Target::Kind::kRelative) at->place().Fail("days or a date wanted");
+  const auto left = DaysBetween(event.at, until);
+  if (left && *left < 0) {
+    at->place().Fail(fmt::format("{} is after the end of the plan, {}", FormatTarget(event.at),
+                                 FormatTarget(until)));
+  }
   return event;
 }
 
+// Days and dates cannot be compared before the run has said when it starts.
+void Sort(std::vector<PlanEvent>& events) {
+  for (const PlanEvent& event : events) {
+    if (event.at.kind != events[0].at.kind) return;
+  }
+  std::stable_sort(events.begin(), events.end(), [](const PlanEvent& a, const PlanEvent& b) {
+    return DaysBetween(a.at, b.at) > 0;
+  });
+}
+
+std::string TextOf(const std::vector<Command>& commands) {
+  std::string text;
+  for (const Command& command : commands) text += (text.empty() ? "" : "; ") + command.text;
+  return text;
+}
+
 Plan ReadTop(Section top, const std::string& file) {
-  top.Find("title");
+  const auto title = Text(top, "title");
   const auto launch = top.Find("launch");
   const auto advance = top.Find("advance");
   const auto record = top.Find("record");
   const auto events = top.Find("event");
   RefuseUnknownKeys(top);
   Plan plan;
+  plan.file = file;
+  plan.title = title.value_or("");
   if (launch) plan.launch = ReadLaunch(launch->Table(kTable));
   if (!advance) throw UsageError(file + ": the table [advance] is missing");
   ReadAdvance(advance->Table(kTable), plan);
@@ -136,12 +160,43 @@ Plan ReadTop(Section top, const std::string& file) {
   plan.directory = (std::filesystem::path(file).parent_path() / plan.directory).string();
   if (!events) return plan;
   for (const Value& event : events->List("events are written as [[event]]")) {
-    plan.events.push_back(ReadEvent(event.Table(kTable)));
+    plan.events.push_back(ReadEvent(event.Table(kTable), plan.until));
   }
+  Sort(plan.events);
   return plan;
 }
 
 }  // namespace
+
+Result Preview(const Plan& plan) {
+  Result result{.command = "check"};
+  const auto add = [&result](const char* key, const char* label, const std::string& value) {
+    if (!value.empty()) result.fields.push_back({key, label, value, ""});
+  };
+  add("plan", "plan", plan.file);
+  add("title", "title", plan.title);
+  for (const auto& [name, text] : plan.launch.texts) add(name.c_str(), name.c_str(), text);
+  if (plan.launch.port) add("port", "port", fmt::format("{}", *plan.launch.port));
+  add("until", "until", FormatTarget(plan.until));
+  add("step", "steps", plan.step ? FormatStep(*plan.step) : "from event to event");
+  add("record", "at every stop", TextOf(plan.record));
+  add("directory", "results in", plan.directory);
+  Table table{"course", "", {{"at", "at", ""}, {"does", "does", ""}}, {}};
+  table.rows.push_back({"start", plan.record.empty() ? "begins" : "begins, records"});
+  for (const PlanEvent& event : plan.events) {
+    table.rows.push_back({FormatTarget(event.at), TextOf(event.commands)});
+  }
+  table.rows.push_back({FormatTarget(plan.until), plan.record.empty() ? "ends" : "records, ends"});
+  result.tables.push_back(std::move(table));
+  for (const PlanEvent& event : plan.events) {
+    if (DaysBetween(event.at, plan.until)) continue;
+    result.notes.emplace_back(
+        "The plan has days and dates: which of them comes first is known when the run has started, "
+        "and checked before its first step");
+    break;
+  }
+  return result;
+}
 
 Plan ReadPlan(const std::string& file) {
   try {

@@ -24,6 +24,8 @@ struct Plan {
     std::map<std::string, std::string> texts;  ///< by the names of the options, without "--"
     std::optional<int> port;
   };
+  std::string file;  ///< that it was read from
+  std::string title;
   Launch launch;
   Target until;
   std::optional<Step> step;
@@ -33,7 +35,11 @@ struct Plan {
 };
 
 /// Reads a plan from a TOML file. Throws UsageError with file and line for anything wrong in it,
-/// unknown keys included.
+/// unknown keys and events after the end included. The events come in the order of their times,
+/// where that can be told without the start of the run.
 Plan ReadPlan(const std::string& file);
+
+/// What the plan will do when, as far as that is known without a run.
+Result Preview(const Plan& plan);
 
 }  // namespace vkmaster

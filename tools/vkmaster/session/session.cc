@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <string_view>
 #include <unordered_set>
 
 #include "base/number.h"
@@ -10,6 +11,9 @@
 
 namespace vkmaster {
 namespace {
+
+// In front of a well that the model adds in the course of the run.
+constexpr std::string_view kLater = "later:";
 
 bool IsPattern(const std::string& word) {
   return word.find_first_of("*?") != std::string::npos;
@@ -99,7 +103,8 @@ std::vector<std::string> Session::Resolve(const Words& patterns) {
   std::unordered_set<std::string> seen;
   bool fresh = !wells_known_;
   KnownWells();
-  for (const std::string& pattern : SplitAtCommas(patterns)) {
+  for (const std::string& word : SplitAtCommas(patterns)) {
+    const std::string pattern = IsLater(word) ? word.substr(kLater.size()) : word;
     std::vector<std::string> found = Find(pattern);
     if (found.empty() && !fresh) {
       Wells();
@@ -118,6 +123,19 @@ std::vector<std::string> Session::Resolve(const Words& patterns) {
     }
   }
   return names;
+}
+
+void Session::CheckWells(const Words& patterns) {
+  Words now;
+  for (const std::string& pattern : SplitAtCommas(patterns)) {
+    if (!IsLater(pattern)) now.push_back(pattern);
+  }
+  // A model without wells has none to be wrong about; what is done then says so.
+  if (!now.empty() && !KnownWells().empty()) Resolve(now);
+}
+
+bool Session::IsLater(const std::string& pattern) {
+  return pattern.starts_with(kLater);
 }
 
 void Session::Remember(const master::WellConstraints& constraints) {

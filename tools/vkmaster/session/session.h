@@ -76,6 +76,11 @@ class Session {
   /// the wells anew, since a model may add wells.
   std::vector<std::string> Resolve(const Words& patterns);
 
+  /// Throws UsageError when Resolve() would for the wells now. Those that are said to come later
+  /// ("later:P9"), since the model adds them in the course of the run, are left out.
+  void CheckWells(const Words& patterns);
+  static bool IsLater(const std::string& pattern);
+
   /// Keeps the constraints that were set on a well, since no request can ask for them. A later
   /// value of a constraint replaces the earlier one.
   void Remember(const master::WellConstraints& constraints);

@@ -55,6 +55,28 @@ double DaysBetween(const master::Date& start, const master::Date& date) {
   return static_cast<double>((sys_days(Calendar(date)) - sys_days(Calendar(start))).count());
 }
 
+Target ParseTarget(const std::string& word) {
+  if (const auto date = ParseDate(word)) return {Target::Kind::kDate, 0, *date};
+  const bool relative = word.starts_with('+');
+  const double days = ParseNumber(word, "Days, +days or a date like 2030-01-31");
+  if (days < 0 || (relative && days == 0)) {
+    throw UsageError("A run goes forward only, not to '" + word + "'");
+  }
+  return {relative ? Target::Kind::kRelative : Target::Kind::kDays, days, {}};
+}
+
+std::string FormatTarget(const Target& target) {
+  if (target.kind == Target::Kind::kDate) return FormatDate(target.date);
+  return target.kind == Target::Kind::kDays ? fmt::format("day {:.6g}", target.days)
+                                            : fmt::format("+{:.6g} days", target.days);
+}
+
+std::optional<double> DaysBetween(const Target& one, const Target& other) {
+  if (one.kind != other.kind || one.kind == Target::Kind::kRelative) return std::nullopt;
+  return one.kind == Target::Kind::kDate ? DaysBetween(one.date, other.date)
+                                         : other.days - one.days;
+}
+
 Step ParseStep(const std::string& word) {
   if (word == "daily") return {Step::Kind::kDays, 1};
   if (word == "weekly") return {Step::Kind::kDays, 7};
@@ -65,6 +87,20 @@ Step ParseStep(const std::string& word) {
   const double days = ParseNumber(word, what);
   if (days <= 0) throw UsageError(what + " wanted, not '" + word + "'");
   return {Step::Kind::kDays, days};
+}
+
+std::string FormatStep(const Step& step) {
+  switch (step.kind) {
+    case Step::Kind::kMonthly:
+      return "monthly";
+    case Step::Kind::kQuarterly:
+      return "quarterly";
+    case Step::Kind::kYearly:
+      return "yearly";
+    case Step::Kind::kDays:
+      break;
+  }
+  return fmt::format("of {:.6g} days", step.days);
 }
 
 double EndOfStep(const Step& step, const master::Date& start, double days) {

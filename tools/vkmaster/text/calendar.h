@@ -16,6 +16,23 @@ std::string FormatDate(const master::Date& date);
 /// Whole days from `start` to `date`.
 double DaysBetween(const master::Date& start, const master::Date& date);
 
+/// Where an advance goes, and when an event of a plan is.
+struct Target {
+  enum class Kind { kDays, kRelative, kDate };
+  Kind kind = Kind::kDays;
+  double days = 0;
+  master::Date date;
+};
+
+/// "3650", "+30", "2030-01-01". Throws UsageError.
+Target ParseTarget(const std::string& word);
+
+/// "day 3650", "+30 days", "2030-01-01".
+std::string FormatTarget(const Target& target);
+
+/// How many days `one` is before `other`. Nothing when that depends on the start of the run.
+std::optional<double> DaysBetween(const Target& one, const Target& other);
+
 /// How far a step of a long advance goes.
 struct Step {
   enum class Kind { kDays, kMonthly, kQuarterly, kYearly };
@@ -27,6 +44,9 @@ struct Step {
 
 /// "30", "daily", "weekly", "monthly", "quarterly", "yearly". Throws UsageError.
 Step ParseStep(const std::string& word);
+
+/// "monthly", or "of 30 days".
+std::string FormatStep(const Step& step);
 
 /// When the step that begins at `days` ends, both in days since `start`. Monthly, quarterly and
 /// yearly steps end on the first day of the next month, quarter or year, where production is
