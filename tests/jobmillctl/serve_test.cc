@@ -477,6 +477,15 @@ TEST(MeasuresTest, RequestsAndTimeOnlyGrow) {
   EXPECT_EQ(measured.at("answered"), Json::object());
 }
 
+// A measurement that an older version has left knows fewer states.
+TEST(MeasuresTest, StateThatTheLastMeasurementDoesNotHaveIsCounted) {
+  inspect::Runs found;
+  found.runs = {RunOf(1, inspect::RunState::kEnding, kNoon)};
+  Json before = Measure({}, kNoon, nullptr);
+  before.at("run_seconds").erase("ending");
+  EXPECT_EQ(Measure(found, kNoon + 10, before).at("run_seconds").at("ending"), 10.0);
+}
+
 // A connection to a server.
 class Peer {
  public:

@@ -93,7 +93,8 @@ void CountRuns(const Runs& found, double now, Json& measured) {
   measured["answered"] = Json::object();
   for (const Run& run : found.runs) {
     Json& seconds = measured["run_seconds"][Name(run.state)];
-    seconds = seconds.get<double>() + passed;
+    // A measurement of an older version does not have all states.
+    seconds = (seconds.is_number() ? seconds.get<double>() : 0.0) + passed;
     if (!run.requests) continue;
     const std::string key = fmt::format("{}.{}", run.id.pid, run.id.start);
     const bool newer = run.began && *run.began >= measured["since"].get<double>();
