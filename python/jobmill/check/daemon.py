@@ -9,7 +9,6 @@ import selectors
 import socket
 import struct
 import threading
-import time
 from dataclasses import dataclass
 from typing import Any, Callable, Dict, Iterator, List, Optional, Sequence, Tuple
 
@@ -252,11 +251,7 @@ class SimulatorEnd:
 
     def _send(self, stream: Stream, message: Message) -> None:
         data = controller_link.chunked(controller_link.encode(message), self._manner.chunk)
-        step = self._manner.packet or len(data)
-        for at in range(0, len(data), step):
-            stream.send(data[at : at + step], deadline_in(self._patience))
-            if self._manner.packet:
-                time.sleep(0.0001)
+        stream.send_cut(data, self._manner.packet, deadline_in(self._patience))
 
 
 class Broken(Exception):
@@ -305,11 +300,7 @@ class Master:
                 raise Broken(f"{expected} did not come") from None
 
     def send(self, data: bytes, packet: int = 0) -> None:
-        step = packet or len(data)
-        for at in range(0, len(data), step):
-            self.stream.send(data[at : at + step], deadline_in(self._patience))
-            if packet:
-                time.sleep(0.0002)
+        self.stream.send_cut(data, packet, deadline_in(self._patience))
 
     def read(self, rule: str, code: int, body: Optional[bytes]) -> Values:
         """The values of the reply to a request; anything else breaks the session."""
@@ -360,10 +351,8 @@ class Check:
         *,
         simulator_ports: Sequence[int] = (),
         patience: float = 60.0,
-        many: int = 5000,
     ) -> None:
         self.report = Report("daemon", RULES)
-        self._many = many
         self._host, self._port = host, port
         self._handshake = handshake
         self._ports = simulator_ports
@@ -762,9 +751,9 @@ class Check:
             master.ends("D25", "request 4 instead of 4096")
 
     def _large_session(self) -> None:
-        known = KnownField(self._many)
+        known = KnownField(5000)
         names = list(known.wells())
-        with self._launched(Manner(KnownField(self._many))) as (master, end):
+        with self._launched(Manner(KnownField(5000))) as (master, end):
             rows = master.ask("D20", 6)["wells"]
             right = rows == [(well, "PRODUCER", "OPEN") for well in names]
             self.report.judge(

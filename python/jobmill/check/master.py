@@ -5,7 +5,6 @@ from __future__ import annotations
 import contextlib
 import re
 import socket
-import time
 from dataclasses import dataclass, field
 from typing import Any, Callable, Dict, List, Optional, Tuple
 
@@ -289,11 +288,7 @@ class DaemonEnd:
     # The connection.
 
     def _say(self, data: bytes) -> None:
-        step = self._scenario.packet or max(1, len(data))
-        for at in range(0, len(data), step):
-            self._stream.send(data[at : at + step], deadline_in(self._patience))
-            if self._scenario.packet:
-                time.sleep(0.0001)
+        self._stream.send_cut(data, self._scenario.packet, deadline_in(self._patience))
 
     def _hear(self, rule: str, expected: str) -> bytes:
         deadline = deadline_in(self._patience)

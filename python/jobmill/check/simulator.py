@@ -208,10 +208,7 @@ class Controller:
 
     def send(self, message: Message, chunk: int = CHUNK, packet: int = 0) -> None:
         data = controller_link.chunked(controller_link.encode(message), chunk)
-        for at in range(0, len(data), packet or len(data)):
-            self.stream.send(data[at : at + (packet or len(data))], deadline_in(self._patience))
-            if packet:
-                time.sleep(0.0002)
+        self.stream.send_cut(data, packet, deadline_in(self._patience))
 
     def hear(self, rule: str, expected: str) -> Message:
         """The next message. When none comes, that breaks `rule`."""
