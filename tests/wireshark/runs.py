@@ -38,6 +38,8 @@ class _Relay(threading.Thread):
     def run(self):
         client, _ = self._listener.accept()
         server = socket.create_connection(("127.0.0.1", self._target), SECONDS)
+        for end in (client, server):
+            end.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         ends = {client: (CLIENT, server), server: (SERVER, client)}
         deadline = time.monotonic() + SECONDS
         with client, server, self._listener:
