@@ -963,28 +963,25 @@ end
 local function show_line(record, r, size)
   local length = math.min(size - 4, r.stop - r.at)
   local field = LINES[record.line] or record.kind == "outcome" and "outcome" or "protocol_version"
-  local text, shown_text = "", ""
+  local text, shown_text, range = "", "", r.tvb(r.at - 4, 4)
   if length > 0 then
-    local range = r.tvb(r.at, length)
+    range = r.tvb(r.at, length)
     text, shown_text = r.tvb:raw(r.at, length), range:string(ENC_UTF_8)
-    r.tree:add(F[field], range, shown_text)
-    r.tree:add(F.line, range, shown_text):set_hidden()
-  else
-    r.tree:add(F[field], r.tvb(r.at - 4, 4), "")
-    r.tree:add(F.line, r.tvb(r.at - 4, 4), ""):set_hidden()
   end
+  r.tree:add(F[field], range, shown_text)
+  r.tree:add(F.line, range, shown_text):set_hidden()
   local digits = text:match("^%s*[+-]?(%d+)")
   if field == "master_version" and (not digits or not digits:find("[^0]")) then
     r:fault("refused", "With this version the jobmill closes without a word")
   end
   if field == "outcome" then
     if text:sub(1, 3) == "OK|" then
-      r.tree:add(F.host, r.tvb(r.at + 3, math.max(0, length - 3)), (text:sub(4):gsub("%z$", "")))
+      r.tree:add(F.host, r.tvb(r.at + 3, math.max(0, length - 3)), (text:sub(4):gsub("\0$", "")))
     else
       r:fault("refused", "The launch has failed: %s", shown(text))
     end
   end
-  return label_of(field):lower() .. ": " .. shown((text:gsub("%z$", "")))
+  return label_of(field):lower() .. ": " .. shown((text:gsub("\0$", "")))
 end
 
 local function show_values(record, r)
@@ -1027,7 +1024,7 @@ local function show_frame(record, size, tvb, at, pinfo, tree)
     r:fault("not_captured", "%d bytes of the message are not there", at + size - stop)
   end
   r:int(F.length)
-  local text = ""
+  local text
   if record.kind ~= "frame" then
     text = show_line(record, r, size)
   elseif not record.code then
@@ -1444,7 +1441,7 @@ local function recognise(record, headers)
   return name, REQUESTS[name] or ANSWERS[name], 2
 end
 
-local function show_headers(r, record)
+local function show_headers(r)
   local headers, seen = {}, {}
   while true do
     local header = show_header(r, seen)
@@ -1661,7 +1658,7 @@ local function show_message(record, tvb, at, size, pinfo, tree)
     r:fault("cut", "An empty message")
     text = "empty message"
   else
-    local headers = show_headers(r, record)
+    local headers = show_headers(r)
     local name = check_headers(r, record, headers)
     if record.name then note_lists(record, headers) end
     local about = judge_message(r, record, headers, name)
