@@ -777,15 +777,29 @@ local function is_text(tvb, at, size)
   return true
 end
 
+-- Whether the first bytes of a frame, of which there are four to seven, may become a likely one.
+local function may_be_likely(tvb, at, left, length, from_jobmill)
+  for code in pairs(CODES) do
+    local matches = true
+    for i = 0, left - 5 do
+      matches = matches and tvb(at + 4 + i, 1):uint() == math.floor(code / 256 ^ i) % 256
+    end
+    if matches and is_likely(code, length, from_jobmill) then return true end
+  end
+  return false
+end
+
 -- Says what begins at `at`: a kind (line, outcome, greeting, frame) with its size, "wait" with the
--- number of missing bytes (0: unknown), or "data" with what is wrong.
+-- number of missing bytes (0: unknown), or "data" with what is wrong. One end's `found` says whether
+-- its messages follow each other from here: nil before the first one, false behind bytes that are
+-- none. Then only likely ones count.
 local function look_at_frame(conversation, from_jobmill, tvb, at, may_wait_here)
   local left = tvb:len() - at
   local way = from_jobmill and conversation.down or conversation.up
-  local unsure = way.lost or not conversation.lines
+  local unsure, lost = not way.found, way.found == false
   local may_be_line = not conversation.lines and not from_jobmill
   if left < 4 then
-    if way.lost or not may_wait_here then return "data", "fewer bytes than a length has" end
+    if lost or not may_wait_here then return "data", "fewer bytes than a length has" end
     return "wait", 0
   end
   local length = tvb(at, 4):le_int()
@@ -799,7 +813,7 @@ local function look_at_frame(conversation, from_jobmill, tvb, at, may_wait_here)
     if left < 5 and may_wait_here then return "wait", 1 end
     if left >= 5 and tvb(at + 4, 1):uint() == 0x33 then return "greeting", 5 end
   end
-  if conversation.lines and not way.lost then
+  if conversation.lines and not unsure then
     local in_handshake = conversation.lines < #LINES
     if from_jobmill then in_handshake = not conversation.outcome end
     if in_handshake then
@@ -823,7 +837,13 @@ local function look_at_frame(conversation, from_jobmill, tvb, at, may_wait_here)
     return sized("frame")
   end
   if left < 8 then
-    if way.lost or not may_wait_here or length > largest_message() then return "data", "no code" end
+    local may_become = length <= largest_message()
+    if unsure and may_become then
+      may_become = may_be_likely(tvb, at, left, length, from_jobmill)
+        or may_be_line and length <= LONGEST_LINE and is_text(tvb, at + 4, length)
+        or from_jobmill and length <= LONGEST_LINE and ("OK|"):find(tvb:raw(at + 4, left - 4), 1, true)
+    end
+    if lost or not may_wait_here or not may_become then return "data", "no code" end
     return "wait", 8 - left
   end
   local code = tvb(at + 4, 4):le_uint()
@@ -843,8 +863,9 @@ local function look_at_frame(conversation, from_jobmill, tvb, at, may_wait_here)
   return sized("frame")
 end
 
-local function reset(conversation)
-  conversation.up, conversation.down = {}, {}
+-- Forgets an earlier run between the same ports. `found`: see look_at_frame.
+local function reset(conversation, found)
+  conversation.up, conversation.down = { found = found }, { found = found }
   conversation.lines, conversation.outcome = 0, nil
   conversation.queue, conversation.first = {}, 1
   conversation.records, conversation.version = nil, nil
@@ -919,25 +940,25 @@ local function note_frame(conversation, from_jobmill, kind, size, tvb, at, recor
   record.kind = kind
   local way = from_jobmill and conversation.down or conversation.up
   if kind == "data" then
-    way.lost, conversation.from_beginning = true, false
+    way.found, conversation.from_beginning = false, false
     add_fault(record, "no_message", NO_MESSAGE, size)
     return
   end
-  -- Which requests were answered by bytes that are lost cannot be known: the reply behind them is
-  -- taken for that to the newest request.
-  if way.lost and from_jobmill and conversation.queue then
+  if kind == "greeting" then
+    reset(conversation, true)
+    conversation.from_beginning = true
+  elseif not conversation.lines then
+    reset(conversation, kind == "line" or nil)
+    conversation.from_beginning = false
+    if kind ~= "line" then conversation.lines, conversation.outcome = #LINES, true end
+  elseif way.found == false and from_jobmill then
+    -- Which requests were answered by bytes that are lost cannot be known: the reply behind them is
+    -- taken for that to the newest request.
     conversation.first = math.max(conversation.first, #conversation.queue)
   end
   -- Where the next message begins is known only when this one is here as a whole.
-  way.lost = at + size > tvb:len()
-  if kind == "greeting" then
-    reset(conversation)
-    conversation.from_beginning = true
-  elseif not conversation.lines then
-    reset(conversation)
-    conversation.from_beginning = false
-    if kind ~= "line" then conversation.lines, conversation.outcome = #LINES, true end
-  end
+  way = from_jobmill and conversation.down or conversation.up
+  way.found = at + size <= tvb:len()
   if kind == "line" then
     conversation.lines = conversation.lines + 1
     record.line = conversation.lines
@@ -1061,8 +1082,12 @@ function master.dissector(tvb, pinfo, tree)
       kind, size = known.kind, known.size
     elseif not pinfo.visited then
       kind, size = look_at_frame(conversation, from_jobmill, tvb, at, may_wait(tvb, pinfo))
-      -- Something else that uses the port.
-      if kind == "data" and not conversation.lines then return nil, nil end
+      -- Something else that uses the port, or the middle of the first message that was captured.
+      if kind == "data" and not conversation.lines then
+        local way = from_jobmill and conversation.down or conversation.up
+        way.found = false
+        return nil, nil
+      end
       if kind == "wait" then return nil, size end
     else
       return nil, nil
@@ -1236,10 +1261,11 @@ local FROM_CONTROLLER = { QUERY = true, SET = true }
 for name in pairs(REQUESTS) do FROM_CONTROLLER[name] = true end
 
 -- Says what begins at `at`, as look_at_frame does. The kind of a message is its chunks.
-local function look_at_message(way, conversation, tvb, at, may_wait_here)
+local function look_at_message(way, tvb, at, may_wait_here)
   local left = tvb:len() - at
-  if way.lost or not conversation.begun then
-    if left < 16 and not way.lost and may_wait_here then
+  if not way.found then
+    local may_begin = may_wait_here and way.found == nil
+    if left < 16 and may_begin then
       -- The upper halves of both lengths are 0.
       for i = at, at + left - 1 do
         local upper = i - at
@@ -1249,9 +1275,10 @@ local function look_at_message(way, conversation, tvb, at, may_wait_here)
       end
       return "wait", 0
     end
-    if left < 60 and left >= 16 and not way.lost and may_wait_here then
+    if left < 60 and left >= 16 and may_begin then
       local total, chunk = long_at(tvb, at), long_at(tvb, at + 8)
-      if chunk <= total and total <= largest_message() and left < 16 + math.min(total, 44) then
+      local usual = chunk == math.min(total, FULL_CHUNK)
+      if usual and total <= largest_message() and left < 16 + math.min(total, 44) then
         return "wait", 16 + math.min(total, 44) - left
       end
     end
@@ -1604,7 +1631,7 @@ local function note_message(conversation, from_simulator, kind, size, wrong, tvb
   local way = from_simulator and conversation.down or conversation.up
   record.size, record.kind = size, kind
   if type(kind) ~= "table" then
-    way.lost, conversation.from_beginning, conversation.due = true, false, nil
+    way.found, conversation.from_beginning, conversation.due = false, false, nil
     if kind == "data" then
       add_fault(record, "no_message", NO_MESSAGE, size)
     else
@@ -1612,11 +1639,12 @@ local function note_message(conversation, from_simulator, kind, size, wrong, tvb
     end
     return
   end
-  way.lost, conversation.begun = false, true
+  way.found, conversation.begun = true, true
   record.kind, record.chunks = "message", kind
   local body, start, stop = body_of(tvb, at, kind)
   local first, second = names_at(body, start, stop)
   if first == "SETUP" then
+    conversation.up.found, conversation.down.found = true, true
     conversation.due, conversation.is_over, conversation.from_beginning = nil, nil, nil
   end
   if FROM_CONTROLLER[first] then
@@ -1701,8 +1729,11 @@ function simulator.dissector(tvb, pinfo, tree)
     local record = book.records[place_of(pinfo, tvb, at)]
     if not record then
       if pinfo.visited then return nil, nil end
-      kind, size, wrong = look_at_message(way, conversation, tvb, at, may_wait(tvb, pinfo))
-      if kind == "data" and not conversation.begun then return nil, nil end
+      kind, size, wrong = look_at_message(way, tvb, at, may_wait(tvb, pinfo))
+      if kind == "data" and not conversation.begun then
+        way.found = false
+        return nil, nil
+      end
       if kind == "wait" then return nil, size end
     end
     record = record_of(book, pinfo, tvb, at, function(new)
