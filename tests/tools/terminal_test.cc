@@ -156,6 +156,51 @@ TEST_F(TerminalTest, CtrlCAtThePromptDropsTheLineAndKeepsTheRun) {
   EXPECT_EQ(Status(), 0);
 }
 
+TEST_F(TerminalTest, CtrlCDuringAnAdvanceStopsAfterTheStepAndGivesThePromptBack) {
+  std::promise<void> stepping;
+  std::promise<void> pressed;
+  run_.before = [&, steps = 0](std::uint32_t code) mutable {
+    if (code != 8 || ++steps != 2) return;
+    stepping.set_value();
+    pressed.get_future().wait();
+  };
+  Start({});
+  EXPECT_THAT(Until("CASE day 0> "), HasSubstr("Ctrl-C stops an advance after its step"));
+  Type("until 3650 step 30; time\n");
+  stepping.get_future().wait();
+  Type("\x03");
+  EXPECT_THAT(Until("Ctrl-C again ends the run"), HasSubstr("finished its step"));
+  pressed.set_value();
+  const std::string shown = Until("CASE day 60> ");
+  EXPECT_THAT(shown, HasSubstr("note: Stopped at day 60, before day 3650"));
+  EXPECT_THAT(shown, Not(HasSubstr("60 days"))) << "the next command of the line";
+  Type("until 90\n");
+  Until("CASE day 90> ");
+  TypeEnd();
+  EXPECT_EQ(Status(), 0);
+}
+
+TEST_F(TerminalTest, CtrlCTwiceDuringAnAdvanceEndsTheRun) {
+  std::promise<void> stepping;
+  std::promise<void> over;
+  run_.before = [&](std::uint32_t code) {
+    if (code != 8) return;
+    stepping.set_value();
+    over.get_future().wait();
+  };
+  Start({});
+  Until("CASE day 0> ");
+  Type("until 3650 step 30\n");
+  stepping.get_future().wait();
+  Type("\x03");
+  Until("Ctrl-C again ends the run");
+  Type("\x03");
+  Until("Interrupted: shutting the run down");
+  over.set_value();
+  EXPECT_EQ(Status(), 130);
+  EXPECT_EQ(daemon_.Requests().back(), "f0 ff 00 00");
+}
+
 TEST_F(TerminalTest, TerminationAtThePromptShutsTheRunDown) {
   Start({});
   Until("CASE day 0> ");

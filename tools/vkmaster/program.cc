@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -168,7 +169,10 @@ class Program {
     }
     session_.emplace(master::Run(launch->Release()), launched_);
     if (options_.one_by_one) session_->raw_run().AskOneByOne();
-    session_->raw_run().channel().OnWait(kTick, [this] { progress_.Tick(); });
+    session_->raw_run().channel().OnWait(kTick, [this] {
+      progress_.Tick();
+      if (patient_) StopAsked();
+    });
     return kOk;
   }
 
@@ -207,6 +211,7 @@ class Program {
   int Execute(const Command& command) {
     return Attempt(command.text, [&] {
       Context context{*session_, output_, progress_, options_.step};
+      if (patient_) context.stop_asked = [this] { return StopAsked(); };
       command.execute(context);
       quit_ = context.quit;
     });
@@ -265,7 +270,7 @@ class Program {
     const bool forgiving = at_terminal || options_.keep_going;
     int result = kOk;
     while (const auto line = lines->Next()) {
-      const int status = ExecuteLine(*line);
+      const int status = at_terminal ? ExecuteTypedLine(*line) : ExecuteLine(*line);
       if (status != kOk) result = status;
       if (!GoesOn(status, forgiving) || session_->shut_down()) break;
     }
@@ -285,16 +290,45 @@ class Program {
     for (const Command& command : commands) {
       const int status = Execute(command);
       if (status != kOk || quit_) return status;
+      if (patient_ && StopAsked()) break;
     }
     return kOk;
+  }
+
+  // At the prompt a Ctrl-C does not end the run: people press it to get rid of a command. The
+  // simulator cannot be interrupted, so the first one waits for the answer that is due.
+  int ExecuteTypedLine(const std::string& line) {
+    patient_ = true;
+    session_->raw_run().channel().WakeOn(-1);
+    const int status = ExecuteLine(line);
+    patient_ = told_ = false;
+    session_->raw_run().channel().WakeOn(interrupt_.descriptor());
+    if (interrupt_.signal() == SIGINT && interrupt_.count() == 1) interrupt_.Clear();
+    return status;
+  }
+
+  // Whether the command under way is to stop as soon as it can. The second Ctrl-C, and any other
+  // signal, interrupts the wait for the answer, which ends the run.
+  bool StopAsked() {
+    if (interrupt_.signal() == 0) return false;
+    if (interrupt_.signal() != SIGINT || interrupt_.count() > 1) {
+      session_->raw_run().channel().WakeOn(interrupt_.descriptor());
+    } else if (!std::exchange(told_, true)) {
+      output_.Note(
+          "Ctrl-C: stops when the simulator has finished its step, and gives the prompt back; "
+          "Ctrl-C again ends the run");
+    }
+    return true;
   }
 
   std::unique_ptr<LineSource> Lines(bool at_terminal) {
     if (!at_terminal) {
       return std::make_unique<DescriptorLines>(STDIN_FILENO, interrupt_.descriptor());
     }
-    output_.Note(fmt::format("{} runs on {}. help lists the commands, quit leaves.",
-                             launched_.request.root, launched_.simulator_host));
+    output_.Note(
+        fmt::format("{} runs on {}. help lists the commands, quit leaves. Ctrl-C stops an "
+                    "advance after its step; twice, it ends the run.",
+                    launched_.request.root, launched_.simulator_host));
     return std::make_unique<Prompt>(
         [this] {
           return fmt::format("{} day {:.6g}> ", launched_.request.root, session_->last_days());
@@ -355,6 +389,8 @@ class Program {
   Launched launched_;
   std::optional<Session> session_;
   bool quit_ = false;
+  bool patient_ = false;  // a Ctrl-C waits for the answer that is due
+  bool told_ = false;     // what the first Ctrl-C does
   bool may_go_on_ = false;
   bool link_usable_ = true;
 };

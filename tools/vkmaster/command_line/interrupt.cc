@@ -12,11 +12,13 @@ namespace vkmaster {
 namespace {
 
 volatile sig_atomic_t g_signal = 0;
+volatile sig_atomic_t g_count = 0;
 int g_descriptor = -1;
 
 void OnSignal(int number) {
   const int error = errno;
   g_signal = number;
+  g_count = g_count + 1;
   const std::uint64_t one = 1;
   // The write fails only when the counter is full, and then the descriptor is readable already.
   [[maybe_unused]] const ssize_t put = write(g_descriptor, &one, sizeof(one));
@@ -43,10 +45,15 @@ int Interrupt::signal() const {
   return g_signal;
 }
 
+int Interrupt::count() const {
+  return g_count;
+}
+
 void Interrupt::Clear() {
   std::uint64_t count = 0;
   [[maybe_unused]] const ssize_t got = read(g_descriptor, &count, sizeof(count));
   g_signal = 0;
+  g_count = 0;
 }
 
 }  // namespace vkmaster

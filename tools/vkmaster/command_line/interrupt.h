@@ -18,6 +18,9 @@ class Interrupt {
   /// The last signal since Clear(), 0 for none.
   int signal() const;
 
+  /// How many signals have come since Clear().
+  int count() const;
+
   void Clear();
 };
 

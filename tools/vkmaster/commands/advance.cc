@@ -139,9 +139,14 @@ void Advance(Context& context, const AdvanceRequest& request) {
       row.notes.push_back(fmt::format("The simulation ended at day {:.6g}, before day {:.6g}",
                                       session.last_days(), target));
     }
+    const bool stop = context.stop_asked && context.stop_asked();
+    if (stop && !session.has_ended() && target - now >= kSameTime) {
+      row.notes.push_back(
+          fmt::format("Stopped at day {:.6g}, before day {:.6g}", session.last_days(), target));
+    }
     context.progress.Reached(session.last_days());
     context.output.Write(row);
-    if (session.has_ended()) break;
+    if (session.has_ended() || stop) break;
   }
   context.progress.End();
 }

@@ -22,6 +22,8 @@ struct Context {
   Progress& progress;
   std::optional<Step> step;  ///< for an advance that names no step itself; none for a single step
   bool quit = false;         ///< set by the command quit
+  /// Whether an advance is to stop between two of its steps; empty for never.
+  std::function<bool()> stop_asked{};
 };
 
 /// Carries a command out and writes its result to the output. Throws UsageError, before anything is
