@@ -38,7 +38,7 @@ needs_queue() { "$queues" || skip "there is no queue"; }
 status
 until 2022-01-01 step monthly rates
 data
-ipr P1 bhp
+ipr P1 bhp lift
 constrain P1 liquid=1000
 until +1
 data P1

@@ -121,6 +121,10 @@ TEST_F(PlanTest, WhatIsWrongIsNamedWithItsLine) {
               HasSubstr("line 6: No such command: dta"));
   EXPECT_THAT(Refusal(advance + "[record]\ncommands = [\"until 30\"]\n"),
               EndsWith("line 4: 'until' has no place in a plan"));
+  EXPECT_THAT(Refusal(advance + "[record]\ncommands = [\"ipr P1\"]\n"),
+              HasSubstr("line 4: ipr in [record] would open and cut back the wells at every stop"));
+  EXPECT_THAT(Refusal(advance + "[record]\ncommands = [\"ipr P1 keep\"]\n"), HasSubstr("line 4"));
+  EXPECT_EQ(Refusal(advance + "[record]\ncommands = [\"ipr P1 lift\"]\n"), "understood");
   EXPECT_THAT(Refusal(advance + "[event]\nat = 3\n"),
               EndsWith("line 3: events are written as [[event]]"));
   EXPECT_THAT(Refusal(advance + "[[event]]\nat = 3\n"),
@@ -205,6 +209,21 @@ TEST_F(PlanRunTest, WhatIsWrongInTheLastEventIsKnownBeforeTheFirstStep) {
           "P9\"]\n");
   EXPECT_EQ(outcome.status, 2);
   EXPECT_THAT(outcome.err, HasSubstr("day 45, shut P9: No well is called 'P9'"));
+  EXPECT_THAT(daemon_.Requests(), testing::Not(testing::Contains("07 00 00 00")));
+}
+
+TEST_F(PlanRunTest, InflowTablesOfAnEventAreFineWhenAnEarlierOneSetsTheLimits) {
+  const Outcome outcome =
+      Run("[advance]\nuntil = 60\n[[event]]\nat = 10\ncommands = [\"constrain P1 liquid=900 "
+          "gas=900\"]\n[[event]]\nat = 45\ncommands = [\"ipr P1\"]\n");
+  EXPECT_EQ(outcome.status, 0) << outcome.err;
+}
+
+TEST_F(PlanRunTest, InflowTablesThatWouldLiftLimitsAreRefusedBeforeTheFirstStep) {
+  const Outcome outcome =
+      Run("[advance]\nuntil = 60\n[[event]]\nat = 45\ncommands = [\"ipr P1\"]\n");
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_THAT(outcome.err, HasSubstr("day 45, ipr P1: The tables would lift rate limits"));
   EXPECT_THAT(daemon_.Requests(), testing::Not(testing::Contains("07 00 00 00")));
 }
 
@@ -304,11 +323,11 @@ TEST_F(PlanRunTest, PlanThatEndsWhereTheRunIsEndsTheRun) {
 
 TEST_F(PlanRunTest, SecondTableOfACommandHasAFileOfItsOwnAndNotesAreShown) {
   const Outcome outcome =
-      Run("[advance]\nuntil = 1\n[record]\ncommands = [\"eos\", \"ipr P1 keep\"]\n");
+      Run("[advance]\nuntil = 1\n[record]\ncommands = [\"eos\", \"ipr P1 lift\"]\n");
   EXPECT_EQ(outcome.status, 0) << outcome.err;
   EXPECT_THAT(directory_.Read("results/eos_binary_interaction.csv"),
               HasSubstr("time_days,date,number,coefficient\n0,2020-01-01,1,0.1\n"));
-  EXPECT_THAT(outcome.err, HasSubstr("note: day 0, ipr: The wells are open and limited"));
+  EXPECT_THAT(outcome.err, HasSubstr("note: day 0, ipr: The wells have their statuses again"));
 }
 
 TEST_F(PlanRunTest, FileThatCannotBeWrittenEndsTheRunWithItsShutdown) {

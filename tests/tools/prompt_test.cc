@@ -38,8 +38,9 @@ std::vector<std::string> NoWells() {
 
 TEST(Completions, CommandsComeAtTheBeginningOfACommand) {
   EXPECT_THAT(Completions("", "sta", {NoWells}), ElementsAre("status", "start-date"));
-  EXPECT_THAT(Completions("time then ", "un", {NoWells}), ElementsAre("units", "until"));
-  EXPECT_THAT(Completions("time; ", "un", {NoWells}), ElementsAre("units", "until"));
+  EXPECT_THAT(Completions("time then ", "un", {NoWells}),
+              ElementsAre("units", "until", "unconstrain"));
+  EXPECT_THAT(Completions("time; ", "un", {NoWells}), ElementsAre("units", "until", "unconstrain"));
 }
 
 TEST(Completions, HelpIsFollowedByCommands) {
@@ -90,7 +91,8 @@ TEST(Completions, EveryIsFollowedByStepsAndTheWordsOfUntil) {
 }
 
 TEST(Completions, CommaEndsACommandOnlyWhereItStandsAlone) {
-  EXPECT_THAT(Completions("time , ", "un", {NoWells}), ElementsAre("units", "until"));
+  EXPECT_THAT(Completions("time , ", "un", {NoWells}),
+              ElementsAre("units", "until", "unconstrain"));
   EXPECT_THAT(Completions("data P1,P2 ", "P", {Wells}), ElementsAre("P1", "P2"));
 }
 

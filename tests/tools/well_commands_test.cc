@@ -217,7 +217,7 @@ TEST_F(WellCommandsTest, IPRSendsPressureSkewnessAndComponents) {
 
 TEST_F(WellCommandsTest, IPRPutsStatusesAndRateLimitsBack) {
   Do("constrain P2 liquid=1 bhp=2");
-  EXPECT_THAT(Do("ipr P2 I1 no-plot"), HasSubstr("note: The wells have their statuses again"));
+  EXPECT_THAT(Do("ipr P2 I1 no-plot lift"), HasSubstr("note: The wells have their statuses again"));
   ASSERT_EQ(Requests(13).size(), 2U);
   // P2: liquid back to 1, gas out of the way, its pressure limit again; I1: water out of the way.
   EXPECT_EQ(Requests(13)[1],
@@ -236,7 +236,7 @@ TEST_F(WellCommandsTest, IPRPutsStatusesAndRateLimitsBack) {
 
 TEST_F(WellCommandsTest, IPRInFieldUnitsFreesAWellToTheFieldsRate) {
   run_.metric = false;
-  Do("ipr I1 no-plot");
+  Do("ipr I1 no-plot lift");
   EXPECT_THAT(Requests(13),
               ElementsAre(Hex(Bytes("0d000000 01000000 02000000 4931 01000000 01000000"
                                     "14000000 57415445525f494e4a454354494f4e5f52415445"
@@ -248,7 +248,7 @@ TEST_F(WellCommandsTest, IPROfMoreWellsThanARequestNamesIsBuiltInGroups) {
   for (int i = 0; i < 7000; ++i) {
     run_.wells.push_back({"WELL" + std::to_string(i), "PRODUCER", "OPEN"});
   }
-  const std::string csv = Do("ipr all no-plot");
+  const std::string csv = Do("ipr all no-plot lift");
   EXPECT_THAT(csv, HasSubstr("\nWELL6999,10,"));
   EXPECT_THAT(csv, HasSubstr("note: These are more wells than one request can name: they were cut "
                              "back in 2 groups"));
@@ -280,18 +280,60 @@ TEST_F(WellCommandsTest, ChecksFindWhatTheRunWouldRefuseAndChangeNothing) {
       return error.what();
     }
   };
-  for (const char* line : {"data", "wells P1", "open P1", "uptime P1 1", "vars P* bhp", "ipr P1",
-                           "constrain P1 oil=5", "constrain later:X oil=5", "source G1 S",
-                           "source later:X S", "composition S C1=1", "shut later:P9"}) {
+  for (const char* line :
+       {"data", "wells P1", "open P1", "uptime P1 1", "vars P* bhp", "ipr P1 lift", "ipr P1 keep",
+        "constrain P1 oil=5", "constrain later:X oil=5", "source G1 S", "source later:X S",
+        "composition S C1=1", "shut later:P9"}) {
     EXPECT_EQ(check(line), "fine") << line;
   }
-  for (const char* line :
-       {"data P9", "wells P9", "open P9", "uptime P9 1", "vars P9 bhp", "ipr P9",
-        "constrain P1 water-injection=5", "constrain X oil=5", "source P1 S", "source P* S",
-        "composition S H2=1", "ipr P1 components 9", "vars P1 TOTAL_MOLE_FRACTION[9]"}) {
+  for (const char* line : {"data P9", "wells P9", "open P9", "uptime P9 1", "vars P9 bhp", "ipr P9",
+                           "constrain P1 water-injection=5", "constrain X oil=5", "source P1 S",
+                           "source P* S", "composition S H2=1", "ipr P1 components 9",
+                           "vars P1 TOTAL_MOLE_FRACTION[9]", "ipr P2", "unconstrain P9"}) {
     EXPECT_NE(check(line), "fine") << line;
   }
   for (const int code : {10, 11, 12, 13, 15, 16, 18, 19}) EXPECT_THAT(Requests(code), IsEmpty());
+}
+
+// Limits of the model cannot be read: tables that lift them change the forecast, and nobody
+// notices.
+TEST_F(WellCommandsTest, IPRAsksBeforeItLiftsLimitsThatTheModelMayHave) {
+  try {
+    Do("ipr P1 I1");
+    FAIL() << "limits of the model would be lifted";
+  } catch (const UsageError& error) {
+    EXPECT_THAT(error.what(), HasSubstr("cannot be asked for: P1 (liquid, gas), I1 "
+                                        "(water-injection). Set them"));
+  }
+  EXPECT_THAT(Requests(16), IsEmpty());
+  EXPECT_THAT(Do("ipr P1 I1 lift no-plot"),
+              HasSubstr("Lifted for good, in case the model had any: P1 (liquid, gas), I1 "
+                        "(water-injection)\n"));
+}
+
+TEST_F(WellCommandsTest, IPRNeedsNoLeaveWhereThisSessionHasSetTheLimits) {
+  Do("constrain P1 liquid=900 gas=900");
+  EXPECT_THAT(Do("ipr P1 no-plot"),
+              HasSubstr("note: The wells have their statuses and rate limits again\n"));
+  Do("unconstrain P2 liquid gas");
+  EXPECT_THAT(Do("ipr P* no-plot"), HasSubstr("rate limits again\n"));
+}
+
+TEST_F(WellCommandsTest, UnconstrainTakesLimitsOff) {
+  EXPECT_THROW(Do("unconstrain P1"), UsageError) << "none was set in this session";
+  EXPECT_THROW(Do("unconstrain I1 oil"), UsageError);
+  Do("constrain P1 oil=500 bhp=150");
+  EXPECT_EQ(Do("unconstrain P1"),
+            "well,constraint\nP1,OIL_PRODUCTION_RATE\nP1,BOTTOM_HOLE_PRESSURE\n");
+  EXPECT_EQ(Do("unconstrain all bhp gas-injection"),
+            "well,constraint\nP1,BOTTOM_HOLE_PRESSURE\nP2,BOTTOM_HOLE_PRESSURE\n"
+            "I1,BOTTOM_HOLE_PRESSURE\n");
+  const std::string bhp = "01000000" + Hex(PackedText("BOTTOM_HOLE_PRESSURE"));
+  EXPECT_EQ(Requests(13).back(),
+            Hex(Bytes("0d000000 03000000 02000000 5031 02000000 5032 02000000 4931 03000000" + bhp +
+                      bhp + bhp +
+                      "03000000 01000000 0000000000000000 01000000 0000000000000000"
+                      "01000000 00000000006af840")));
 }
 
 TEST_F(WellCommandsTest, IPRWithKeepLeavesTheWellsAsTheyAre) {
@@ -418,7 +460,7 @@ TEST_F(WellCommandsTest, IPROfAGasInjectorIsPlottedOverGasAndFreedOfItsGasLimit)
   run_.wells = {{"G1", "GAS_INJECTOR", "OPEN"}};
   run_.metric = false;
   run_.flows_liquid = false;
-  EXPECT_THAT(Do("ipr G1", Form::kText), HasSubstr("gas MMscf/d"));
+  EXPECT_THAT(Do("ipr G1 lift", Form::kText), HasSubstr("gas MMscf/d"));
   EXPECT_THAT(Requests(13),
               ElementsAre(Hex(Bytes("0d000000 01000000 02000000 4731 01000000 01000000"
                                     "12000000 4741535f494e4a454354494f4e5f52415445"
@@ -589,6 +631,8 @@ TEST(ParseWellCommands, MissingOrWrongArgumentsAreRefused) {
   EXPECT_THAT(Refusal("constrain"), HasSubstr("To what?"));
   EXPECT_THAT(Refusal("constrain P1"), HasSubstr("To what?"));
   EXPECT_THAT(Refusal("constrain P1 oil=5 P2"), HasSubstr("To what?"));
+  EXPECT_THAT(Refusal("unconstrain"), HasSubstr("unconstrain WELLS [NAME...]"));
+  EXPECT_THAT(Refusal("unconstrain P1 oil P2"), HasSubstr("'P2' stands behind the names"));
   EXPECT_THAT(Refusal("constrain oil=5"), HasSubstr("of which well?"));
   EXPECT_THAT(Refusal("constrain P1 oil=much"), HasSubstr("A number behind oil= wanted"));
   EXPECT_THAT(Refusal("ipr bhp"), HasSubstr("Of which wells?"));

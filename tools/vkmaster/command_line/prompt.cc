@@ -37,16 +37,18 @@ std::vector<std::string> ArgumentsOf(const std::string& command) {
     return {"step", "rates", "until", "daily", "weekly", "monthly", "quarterly", "yearly"};
   }
   std::vector<std::string> names;
-  if (command == "vars" || command == "constrain") {
-    const bool limits = command == "constrain";
+  if (command == "vars" || command == "constrain" || command == "unconstrain") {
+    const bool limits = command != "vars";
+    const std::string end = command == "constrain" ? "=" : "";
     for (const Quantity& quantity : Quantities()) {
       if (limits && quantity.limits == Limits::kNone) continue;
-      names.push_back(quantity.name + (limits ? "=" : ""));
-      names.push_back(quantity.property + (limits ? "=" : ""));
+      names.push_back(quantity.name + end);
+      names.push_back(quantity.property + end);
     }
   }
   if (command == "set-status") names = Statuses();
-  if (command == "ipr") names = {"bhp", "thp", "skewness", "components", "all", "keep", "no-plot"};
+  if (command == "ipr")
+    names = {"bhp", "thp", "skewness", "components", "all", "lift", "keep", "no-plot"};
   return names;
 }
 

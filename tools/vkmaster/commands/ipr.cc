@@ -11,6 +11,7 @@
 
 #include "tools/vkmaster/commands/wells.h"
 #include "tools/vkmaster/output/plot.h"
+#include "tools/vkmaster/session/quantities.h"
 #include "tools/vkmaster/session/units.h"
 #include "tools/vkmaster/text/usage_error.h"
 
@@ -20,21 +21,45 @@ namespace {
 constexpr int kMostComponents = 100000;  // the daemon refuses more
 constexpr std::size_t kMostPlots = 4;
 
-// The rate that no well has: in field units, and what to multiply it with in a metric run. The
-// daemon begins its tables with the same limits.
-constexpr double kFreeRate = 100000;
-constexpr double kMetricLiquid = 0.158987;
-constexpr double kMetricGas = 28174;
+// The rate limits that the tables overwrite on a well of this type.
+Words RatesOf(const std::string& type) {
+  if (type == "PRODUCER") return {"LIQUID_PRODUCTION_RATE", "GAS_PRODUCTION_RATE"};
+  if (type == "WATER_INJECTOR") return {"WATER_INJECTION_RATE"};
+  return {"GAS_INJECTION_RATE"};
+}
 
 // The limits that the tables set on a well of this type, lifted.
 master::WellConstraints FreeRates(const master::WellStatus& well, bool metric) {
-  const double liquid = kFreeRate * (metric ? kMetricLiquid : 1);
-  const double gas = kFreeRate * (metric ? kMetricGas : 1);
-  if (well.type == "PRODUCER") {
-    return {well.name, {"LIQUID_PRODUCTION_RATE", "GAS_PRODUCTION_RATE"}, {liquid, gas}};
+  master::WellConstraints free{well.name, RatesOf(well.type), {}};
+  for (const std::string& rate : free.names) {
+    free.values.push_back(NoLimit(rate, well.type, metric));
   }
-  if (well.type == "WATER_INJECTOR") return {well.name, {"WATER_INJECTION_RATE"}, {liquid}};
-  return {well.name, {"GAS_INJECTION_RATE"}, {gas}};
+  return free;
+}
+
+// Wells with limits that nobody here knows and that the tables would lift for good.
+Words LiftedFor(const Session& session, const Words& names, const WellsByName& wells,
+                bool planned) {
+  Words lifted;
+  for (const std::string& name : names) {
+    std::string rates;
+    for (const std::string& rate : RatesOf(wells.at(name).type)) {
+      if (session.Knows(name, rate, planned)) continue;
+      rates += (rates.empty() ? "" : ", ") + ShortName(rate);
+    }
+    if (!rates.empty()) lifted.push_back(name + " (" + rates + ")");
+  }
+  return lifted;
+}
+
+// The forecast would change, and nobody would notice.
+void CheckLimits(const IPROrder& order, const Words& lifted) {
+  if (order.keep || order.lift || lifted.empty()) return;
+  throw UsageError(
+      "The tables would lift rate limits that the model may have and that cannot be asked for: " +
+      Listed(lifted) +
+      ". Set them with constrain or unconstrain before, or say lift; keep leaves the wells cut "
+      "back");
 }
 
 void Restore(Session& session, const std::vector<std::string>& names, const WellsByName& before) {
@@ -144,8 +169,10 @@ IPROrder ParseIPROrder(const Words& arguments) {
     } else if (word == "components" && more) {
       order.all_components = arguments[++i] == "all";
       order.components = order.all_components ? 0 : WholeNumber(arguments[i]);
-    } else if (word == "keep") {
+    } else if (word == "keep" || word == "--keep") {
       order.keep = true;
+    } else if (word == "lift") {
+      order.lift = true;
     } else if (word == "no-plot") {
       order.plot = false;
     } else {
@@ -162,6 +189,11 @@ Parsed ParseIPR(const Words& arguments) {
                  [order](Session& session) {
                    session.CheckWells(order.wells);
                    CheckComponents(session, order);
+                   if (std::any_of(order.wells.begin(), order.wells.end(), Session::IsLater))
+                     return;
+                   const Words names = session.Resolve(order.wells);
+                   CheckLimits(order,
+                               LiftedFor(session, names, ByName(session.KnownWells()), true));
                  });
 }
 
@@ -169,6 +201,8 @@ Result BuildIPR(Session& session, const IPROrder& order) {
   const std::vector<std::string> names = session.Resolve(order.wells);
   CheckComponents(session, order);
   const WellsByName before = ByName(session.Wells());
+  const Words lifted = LiftedFor(session, names, before, false);
+  CheckLimits(order, lifted);
   const Units& units = UnitsOf(session.Metric());
   const int components =
       order.all_components ? static_cast<int>(session.Components().size()) : order.components;
@@ -199,13 +233,17 @@ Result BuildIPR(Session& session, const IPROrder& order) {
                     groups.size()));
   }
   if (order.keep) {
-    result.notes.emplace_back(
-        "The wells are open and limited to the last point's rates; set their statuses and "
-        "constraints before the run goes on");
+    result.notes.push_back(
+        "The wells are open and limited to the last point's rates: " + Listed(names) +
+        "; set their statuses and constraints before the run goes on");
+  } else if (lifted.empty()) {
+    result.notes.emplace_back("The wells have their statuses and rate limits again");
   } else {
-    result.notes.emplace_back(
-        "The wells have their statuses again, and the rate limits of this session; rate limits "
-        "from the model itself were lifted and have to be set again with constrain");
+    result.notes.push_back(
+        "The wells have their statuses again, and the rate limits of this session. Lifted for "
+        "good, "
+        "in case the model had any: " +
+        Listed(lifted));
   }
   return result;
 }

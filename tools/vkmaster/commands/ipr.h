@@ -12,17 +12,19 @@ struct IPROrder {
   int components = 0;
   bool all_components = false;
   bool keep = false;  ///< leave the wells as the tables left them
+  bool lift = false;  ///< lift the rate limits that this session does not know
   bool plot = true;
 };
 
-/// WELLS [bhp|thp] [skewness X] [components N|all] [keep] [no-plot]
+/// WELLS [bhp|thp] [skewness X] [components N|all] [lift|keep] [no-plot]
 IPROrder ParseIPROrder(const Words& arguments);
 
 Parsed ParseIPR(const Words& arguments);
 
 /// Builds the tables. The daemon opens the wells for it and leaves them cut back to the rate of the
 /// last point. Unless the order says keep, the wells then get their earlier statuses and the rate
-/// limits that this session set; limits that it did not set are unknown and are lifted.
+/// limits that this session set. Limits that it did not set cannot be known: unless the order says
+/// lift, wells with such are refused.
 Result BuildIPR(Session& session, const IPROrder& order);
 
 }  // namespace vkmaster

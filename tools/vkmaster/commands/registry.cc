@@ -155,8 +155,13 @@ std::vector<Entry> MakeEntries() {
         "limit rates and pressures, in the run's units: constrain P1 P2 oil=500 bhp=150 P3 "
         "gas=1e5; constrain ? lists what can be limited"},
        ParseConstrain},
-      {{"ipr", "WELLS [bhp|thp] [skewness X] [components N|all] [keep] [no-plot]",
-        "inflow tables of ten points, which cut the wells back; keep leaves them so"},
+      {{"unconstrain", "WELLS [NAME...]",
+        "take limits off: those named, or all that were set in this session"},
+       ParseUnconstrain},
+      {{"ipr", "WELLS [bhp|thp] [skewness X] [components N|all] [lift|keep] [no-plot]",
+        "inflow tables of ten points, which cut the wells back; lift lifts the rate limits that "
+        "the "
+        "model has, which nobody can read, and keep leaves the wells cut back"},
        ParseIPR},
       {{"eos", "", "equation of state: components and their properties"}, Plain(EOSResult)},
       {{"source", "WELL SOURCE", "attach an external gas source to a well"}, ParseSource},

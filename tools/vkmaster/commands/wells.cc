@@ -129,18 +129,6 @@ Table SameForAll(const Words& wells, const Column& column, const Value& value) {
 // Differences below this part are rounding.
 constexpr double kSameValue = 1e-6;
 
-// At most so many wells are named in a note.
-constexpr std::size_t kMostNamed = 5;
-
-std::string Listed(const Words& wells) {
-  std::string text;
-  for (std::size_t i = 0; i < std::min(wells.size(), kMostNamed); ++i) {
-    text += (i > 0 ? ", " : "") + wells[i];
-  }
-  if (wells.size() > kMostNamed) text += fmt::format(" and {} more", wells.size() - kMostNamed);
-  return text;
-}
-
 // The simulator acknowledges what it does not do.
 void NoteWithoutEffect(const Words& wells, Result& result) {
   if (wells.empty()) return;
@@ -274,6 +262,41 @@ Result ConstrainResult(Session& session, const std::vector<ConstraintGroup>& gro
   return result;
 }
 
+bool IsLimitName(const std::string& word) {
+  try {
+    ConstraintOf(word);
+    return true;
+  } catch (const UsageError&) {
+    return false;
+  }
+}
+
+Result UnconstrainResult(Session& session, const Words& patterns, const Words& names) {
+  const Words wells = session.Resolve(patterns);
+  const WellsByName known = ByName(session.KnownWells());
+  std::vector<master::WellConstraints> free;
+  Table table{
+      "constraints", "", {{"well", "well", ""}, {"constraint", "constraint taken off", ""}}, {}};
+  for (const std::string& well : wells) {
+    const std::string& type = known.at(well).type;
+    master::WellConstraints limits{well, {}, {}};
+    for (const std::string& name : names.empty() ? session.Remembered(well).names : names) {
+      if (!IsLimitFor(name, type)) continue;
+      SetConstraint(limits, name, NoLimit(name, type, session.Metric()));
+      table.rows.push_back({well, name});
+    }
+    if (!limits.names.empty()) free.push_back(std::move(limits));
+  }
+  if (free.empty()) {
+    throw UsageError(names.empty()
+                         ? "No limit was set in this session; name those of the model, for example "
+                           "unconstrain P1 oil bhp"
+                         : "These limits do not concern these wells");
+  }
+  SetConstraints(session, free);
+  return {.command = "unconstrain", .tables = {std::move(table)}};
+}
+
 std::size_t SizeOf(const master::WellConstraints& well) {
   std::size_t size = 4 + well.well.size() + 4 + 4 + 8 * well.values.size();
   for (const std::string& name : well.names) size += 4 + name.size();
@@ -281,6 +304,31 @@ std::size_t SizeOf(const master::WellConstraints& well) {
 }
 
 }  // namespace
+
+std::string Listed(const Words& words) {
+  constexpr std::size_t kMostNamed = 5;
+  std::string text;
+  for (std::size_t i = 0; i < std::min(words.size(), kMostNamed); ++i) {
+    text += (i > 0 ? ", " : "") + words[i];
+  }
+  if (words.size() > kMostNamed) text += fmt::format(" and {} more", words.size() - kMostNamed);
+  return text;
+}
+
+double NoLimit(const std::string& property, const std::string& well_type, bool metric) {
+  // What the daemon begins its inflow tables with: in field units, and what it is in a metric run.
+  constexpr double kFreeRate = 100000;
+  constexpr double kMetricLiquid = 0.158987;
+  constexpr double kMetricGas = 28174;
+  if (property == "GAS_PRODUCTION_RATE" || property == "GAS_INJECTION_RATE") {
+    return kFreeRate * (metric ? kMetricGas : 1);
+  }
+  if (property == "BOTTOM_HOLE_PRESSURE" || property == "TUBING_HEAD_PRESSURE") {
+    // The least that a producer and the most that an injector may have.
+    return well_type == "PRODUCER" ? 0 : 100000;
+  }
+  return kFreeRate * (metric ? kMetricLiquid : 1);
+}
 
 WellsByName ByName(const std::vector<master::WellStatus>& wells) {
   WellsByName by_name;
@@ -383,8 +431,35 @@ Parsed ParseConstrain(const Words& arguments) {
   return Showing([groups](Session& session) { return ConstrainResult(session, groups); },
                  [groups](Session& session) {
                    for (const ConstraintGroup& group : groups) session.CheckWells(group.wells);
-                   if (!AnyLater(groups)) Resolved(session, groups);
+                   if (AnyLater(groups)) return;
+                   for (const auto& well : Resolved(session, groups).wells) session.Plan(well);
                  });
+}
+
+Parsed ParseUnconstrain(const Words& arguments) {
+  Words wells;
+  Words names;
+  for (const std::string& word : arguments) {
+    // Names come last; a well may be called like one only in first place.
+    const bool known = !wells.empty() && IsLimitName(word);
+    if (known) {
+      names.push_back(ConstraintOf(word));
+    } else if (names.empty()) {
+      wells.push_back(word);
+    } else {
+      throw UsageError("'" + word + "' stands behind the names: unconstrain WELLS [NAME...]");
+    }
+  }
+  if (wells.empty()) throw UsageError("Of which wells? unconstrain WELLS [NAME...]");
+  return Showing(
+      [wells, names](Session& session) { return UnconstrainResult(session, wells, names); },
+      [wells, names](Session& session) {
+        session.CheckWells(wells);
+        if (std::any_of(wells.begin(), wells.end(), Session::IsLater)) return;
+        for (const std::string& well : session.Resolve(wells)) {
+          session.Plan({well, names, {}});
+        }
+      });
 }
 
 void SetConstraints(Session& session, const std::vector<master::WellConstraints>& wells) {

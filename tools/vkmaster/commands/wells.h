@@ -23,6 +23,15 @@ Parsed ParseConstrain(const Words& arguments);  // WELLS NAME=VALUE... ... or ?
 using WellsByName = std::map<std::string, master::WellStatus>;
 WellsByName ByName(const std::vector<master::WellStatus>& wells);
 
+Parsed ParseUnconstrain(const Words& arguments);  // WELLS [NAME...]
+
+/// A limit of `property` that no well of this type meets. There is no request that takes a limit
+/// off.
+double NoLimit(const std::string& property, const std::string& well_type, bool metric);
+
+/// "P1, P2, P3 and 7 more".
+std::string Listed(const Words& words);
+
 /// Wells as they were typed after constrain, and the limits for each of them.
 struct ConstraintGroup {
   Words wells;

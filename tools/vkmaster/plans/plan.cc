@@ -104,9 +104,23 @@ std::vector<Command> ReadCommands(const Value& value) {
   return commands;
 }
 
+// Records are for looking on. Inflow tables at every stop would change what the next stop records.
+void RefuseInflowTables(const Value& value, const std::vector<Command>& commands) {
+  for (const Command& command : commands) {
+    const Words words = SplitWords(command.text);
+    if (words.front() != "ipr" || std::count(words.begin(), words.end(), "lift") > 0) continue;
+    value.place().Fail(
+        "ipr in [record] would open and cut back the wells at every stop, and lift limits of the "
+        "model: give it to an [[event]], or say lift");
+  }
+}
+
 void ReadRecord(Section section, Plan& plan) {
   plan.directory = Text(section, "directory").value_or(plan.directory);
-  if (const auto commands = section.Find("commands")) plan.record = ReadCommands(*commands);
+  if (const auto commands = section.Find("commands")) {
+    plan.record = ReadCommands(*commands);
+    RefuseInflowTables(*commands, plan.record);
+  }
   RefuseUnknownKeys(section);
 }
 

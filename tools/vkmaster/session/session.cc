@@ -165,6 +165,16 @@ std::vector<std::string> Session::Find(const std::string& pattern) const {
   return exact;
 }
 
+bool Session::Knows(const std::string& well, const std::string& name, bool planned) const {
+  if (planned && planned_.contains({well, name})) return true;
+  const std::vector<std::string> names = Remembered(well).names;
+  return std::find(names.begin(), names.end(), name) != names.end();
+}
+
+void Session::Plan(const master::WellConstraints& constraints) {
+  for (const std::string& name : constraints.names) planned_.insert({constraints.well, name});
+}
+
 void SetConstraint(master::WellConstraints& well, const std::string& name, double value) {
   const auto found = std::find(well.names.begin(), well.names.end(), name);
   if (found == well.names.end()) {

@@ -86,6 +86,11 @@ class Session {
   void Remember(const master::WellConstraints& constraints);
   master::WellConstraints Remembered(const std::string& well) const;
 
+  /// Whether `name` was set on the well in this session, or with `planned` will have been by the
+  /// commands that Plan() was called for.
+  bool Knows(const std::string& well, const std::string& name, bool planned) const;
+  void Plan(const master::WellConstraints& constraints);
+
   /// The external sources that were attached in this session.
   void RememberSource(const std::string& source) { sources_.insert(source); }
   const std::set<std::string>& sources() const { return sources_; }
@@ -106,6 +111,7 @@ class Session {
   bool wells_known_ = false;
   std::vector<master::WellStatus> wells_;
   std::map<std::string, master::WellConstraints> constraints_;
+  std::set<std::pair<std::string, std::string>> planned_;  // wells and names of limits
   std::set<std::string> sources_;
 };
 
