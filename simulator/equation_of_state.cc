@@ -9,6 +9,8 @@ namespace simulator {
 namespace {
 
 constexpr int kMostIterations = 300;
+constexpr double kCriticalVolume = 3.95;     // of the Peng-Robinson equation, over the co-volume
+constexpr double kLowestBubblePoint = 1e-3;  // bar; a lower one is as good as none
 
 // The slope of the attraction term over temperature; heavy components have a curve of their own.
 double slope(double acentric) {
@@ -188,7 +190,10 @@ std::vector<double> EquationOfState::wilson(double pressure) const {
   return k;
 }
 
-bool EquationOfState::looks_liquid(const std::vector<double>& mixture) const {
+bool EquationOfState::looks_liquid(const std::vector<double>& mixture, double pressure) const {
+  const Mixed mixed = mix(mixture);
+  const double z = compressibility(mixed, pressure, Phase::kLiquid);
+  if (z * kGasConstant * temperature_ / pressure > kCriticalVolume * mixed.b) return false;
   double weighted = 0;
   double volume = 0;
   for (std::size_t i = 0; i < mixture.size(); ++i) {
@@ -219,8 +224,11 @@ Flash EquationOfState::flash(const std::vector<double>& mixture, double pressure
     log_fugacity(result.vapour, pressure, Phase::kVapour, in_vapour);
     if (update(k, in_liquid, in_vapour) < 1e-20 && iteration >= 10) break;
   }
-  if (is_trivial(k) || std::abs(v) > 1e5) {
-    v = looks_liquid(mixture) ? 0 : 1;
+  const bool trivial = is_trivial(k);
+  if (trivial || std::abs(v) > 1e5) {
+    // Where every component would rather be vapour, v is far above 1, and there is only vapour.
+    const bool liquid = trivial ? looks_liquid(mixture, pressure) : v < 0;
+    v = liquid ? 0 : 1;
     result.liquid = result.vapour = mixture;
   } else if (v <= 0) {
     v = 0;
@@ -243,11 +251,27 @@ double EquationOfState::molar_volume(const std::vector<double>& x, double pressu
   return z * kGasConstant * temperature_ / pressure - shift;
 }
 
-double EquationOfState::bubble_point(const std::vector<double>& liquid, double fallback) const {
+double EquationOfState::bubble_point(const std::vector<double>& liquid, double liquid_at) const {
+  if (const auto found = iterate_bubble_point(liquid)) return *found;
+  // Near a critical point the iteration ends in the trivial solution, but flash calculations still
+  // tell where there are two phases.
+  double low = kLowestBubblePoint;
+  double high = liquid_at;
+  if (!(low < high) || flash(liquid, low).vapour_fraction <= 0) return 0;
+  while (high - low > 1e-6 * high) {
+    const double middle = (low + high) / 2;
+    (flash(liquid, middle).vapour_fraction > 0 ? low : high) = middle;
+  }
+  return high;
+}
+
+std::optional<double> EquationOfState::iterate_bubble_point(
+    const std::vector<double>& liquid) const {
   const std::size_t n = liquid.size();
   const std::vector<double> start = wilson(1);
-  double pressure = std::clamp(
-      std::inner_product(liquid.begin(), liquid.end(), start.begin(), 0.0) / 3, 5.0, 400.0);
+  double pressure =
+      std::clamp(std::inner_product(liquid.begin(), liquid.end(), start.begin(), 0.0) / 3,
+                 kLowestBubblePoint, 400.0);
   std::vector<double> k = wilson(pressure);
   std::vector<double> vapour(n);
   std::vector<double> in_liquid(n);
@@ -257,16 +281,16 @@ double EquationOfState::bubble_point(const std::vector<double>& liquid, double f
     const double sum = std::accumulate(vapour.begin(), vapour.end(), 0.0);
     normalise(vapour);
     const double next = pressure * std::clamp(sum, 0.7, 1.4);
-    if (!(next > 1 && next < 2000)) return fallback;
+    if (!(next > kLowestBubblePoint && next < 2000)) return std::nullopt;
     const bool settled = std::abs(next - pressure) < 1e-8 * pressure;
     pressure = next;
     log_fugacity(liquid, pressure, Phase::kLiquid, in_liquid);
     log_fugacity(vapour, pressure, Phase::kVapour, in_vapour);
     const double change = update(k, in_liquid, in_vapour);
-    if (n > 1 && is_trivial(k)) return fallback;
+    if (n > 1 && is_trivial(k)) return std::nullopt;
     if (settled && change < 1e-12) return pressure;
   }
-  return fallback;
+  return std::nullopt;
 }
 
 double EquationOfState::molecular_weight(const std::vector<double>& x) const {

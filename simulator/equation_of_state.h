@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
 #include <vector>
 
 #include "simulator/components.h"
@@ -46,9 +47,9 @@ class EquationOfState {
   /// m3/kmol of a phase; Phase chooses the root where the equation has several.
   double molar_volume(const std::vector<double>& x, double pressure, Phase phase) const;
 
-  /// The pressure in bar at which a liquid gives off its first bubble; `fallback` when none is
-  /// found between 1 and 2000 bar.
-  double bubble_point(const std::vector<double>& liquid, double fallback) const;
+  /// The pressure in bar at which a mixture that is a liquid at `liquid_at` bar gives off its first
+  /// bubble; 0 when it has none above 0.001 bar.
+  double bubble_point(const std::vector<double>& liquid, double liquid_at) const;
 
   /// kg/kmol.
   double molecular_weight(const std::vector<double>& x) const;
@@ -64,7 +65,8 @@ class EquationOfState {
   void log_fugacity(const std::vector<double>& x, double pressure, Phase phase,
                     std::vector<double>& out) const;
   std::vector<double> wilson(double pressure) const;
-  bool looks_liquid(const std::vector<double>& mixture) const;
+  std::optional<double> iterate_bubble_point(const std::vector<double>& liquid) const;
+  bool looks_liquid(const std::vector<double>& mixture, double pressure) const;
 
   std::vector<Component> components_;
   double temperature_;

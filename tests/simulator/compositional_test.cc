@@ -105,5 +105,15 @@ TEST_F(CompositionalTest, DensitiesAreThoseOfOilAndGas) {
   EXPECT_NEAR(reservoir_.well_property("P1", "GAS_DENSITY"), 130, 60);
 }
 
+TEST_F(CompositionalTest, OilWithABubblePointOfLessThanABarFlowsInAStraightLine) {
+  const std::string heavy = decks::Replaced(
+      decks::Replaced(decks::Replaced(decks::kCompositional, R"("N2", "C1", "C3", "C6", "C7+")",
+                                      R"("C3", "C6", "C7+")"),
+                      "[0.01, 0.50, 0.15, 0.09, 0.25]", "[0.01, 0.09, 0.90]"),
+      "[0.02, 0.90, 0.08, 0, 0]", "[1, 0, 0]");
+  const Reservoir oil(parse_deck(heavy, "X.afi"));
+  EXPECT_NEAR(oil.well_property("P1", "LIQUID_PRODUCTION_RATE"), 5 * (330 - 120), 1e-6);
+}
+
 }  // namespace
 }  // namespace simulator

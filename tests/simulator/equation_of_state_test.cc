@@ -25,7 +25,34 @@ TEST(EquationOfStateTest, MethaneAtReservoirConditionsDeviatesFromAnIdealGasAsCh
 TEST(EquationOfStateTest, PropaneBoilsAtItsVapourPressure) {
   // 9.98 bar at 300 K.
   const EquationOfState propane(Named({"C3"}), 300);
-  EXPECT_NEAR(propane.bubble_point({1}, -1), 9.98, 0.2);
+  EXPECT_NEAR(propane.bubble_point({1}, 50), 9.98, 0.2);
+}
+
+TEST(EquationOfStateTest, BubblePointsOfAFewBarAndLessAreFound) {
+  const EquationOfState heavy(Named({"C3", "C6", "C7+"}), 378.15);
+  EXPECT_NEAR(heavy.bubble_point({0.01, 0.09, 0.90}, 330), 0.58006, 1e-4);
+  EXPECT_NEAR(heavy.bubble_point({0.03, 0.09, 0.88}, 330), 1.25051, 1e-4);
+  EXPECT_NEAR(heavy.bubble_point({0, 0.01, 0.99}, 330), 0.038589, 1e-5);
+  const EquationOfState cold(Named({"C7+"}), 288);
+  EXPECT_EQ(cold.bubble_point({1}, 330), 0);
+}
+
+TEST(EquationOfStateTest, BubblePointsNearACriticalPointAreFound) {
+  const EquationOfState mixture(Named({"C1", "C3", "C7+"}), 340);
+  const std::vector<double> z{0.40, 0.57, 0.03};
+  const double bubble_point = mixture.bubble_point(z, 400);
+  EXPECT_NEAR(bubble_point, 111.6, 0.2);
+  EXPECT_EQ(mixture.flash(z, bubble_point * 1.0001).vapour_fraction, 0);
+  const double below = mixture.flash(z, bubble_point * 0.999).vapour_fraction;
+  EXPECT_GT(below, 0);
+  EXPECT_LT(below, 0.05);
+}
+
+TEST(EquationOfStateTest, ThinMixtureIsVapourHoweverHeavyItIs) {
+  const EquationOfState mixture(Named({"C3", "NC4"}), 300);
+  const Flash flash = mixture.flash({0.5, 0.5}, 1);
+  EXPECT_EQ(flash.vapour_fraction, 1);
+  EXPECT_EQ(mixture.flash({0.5, 0.5}, 20).vapour_fraction, 0);
 }
 
 TEST(EquationOfStateTest, FlashKeepsEveryComponent) {
@@ -45,7 +72,7 @@ TEST(EquationOfStateTest, FlashKeepsEveryComponent) {
 TEST(EquationOfStateTest, OnePhaseAboveTheBubblePointTwoBelow) {
   const std::vector<double> z{0.4, 0.2, 0.4};
   const EquationOfState mixture(Named({"C1", "C3", "C7+"}), 370);
-  const double bubble_point = mixture.bubble_point(z, -1);
+  const double bubble_point = mixture.bubble_point(z, 600);
   ASSERT_GT(bubble_point, 50);
   EXPECT_EQ(mixture.flash(z, bubble_point * 1.01).vapour_fraction, 0);
   const double below = mixture.flash(z, bubble_point * 0.99).vapour_fraction;
