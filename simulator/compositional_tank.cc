@@ -45,16 +45,37 @@ Stream CompositionalTank::surface_stream(const std::vector<double>& mixture, dou
           moles * reservoir_equation_.molecular_weight(mixture), moles * tubing.volume()};
 }
 
+// How the contents split at a pressure, with a phase that is missing in the place of none: its
+// properties may be asked for.
+Flash CompositionalTank::phases_at(double pressure) const {
+  using Phase = EquationOfState::Phase;
+  Flash phases = reservoir_equation_.flash(fractions(), pressure);
+  if (phases.vapour != phases.liquid) return phases;
+  // Far from saturation the missing phase has the composition of what separates at the surface.
+  const Flash surface = surface_equation_.flash(phases.liquid, kStandardPressure);
+  if (phases.vapour_fraction <= 0) {
+    phases.vapour = surface.vapour;
+    phases.vapour_volume =
+        reservoir_equation_.molar_volume(phases.vapour, pressure, Phase::kVapour);
+  } else {
+    phases.liquid = surface.liquid;
+    phases.liquid_volume =
+        reservoir_equation_.molar_volume(phases.liquid, pressure, Phase::kLiquid);
+  }
+  return phases;
+}
+
+const Flash& CompositionalTank::asked(double pressure) const {
+  if (pressure == flow_.pressure) return phases_;
+  if (!asked_ || asked_->pressure != pressure) asked_ = {pressure, phases_at(pressure)};
+  return asked_->phases;
+}
+
 void CompositionalTank::update_flow(double pressure) {
-  phases_ = reservoir_equation_.flash(fractions(), pressure);
+  phases_ = phases_at(pressure);
+  asked_.reset();
   const double total = total_moles();
   const double v = phases_.vapour_fraction;
-  // Far from saturation the reservoir holds one phase, but the properties of the other may be asked
-  // for. The phase that is missing then has the composition of what separates at the surface.
-  const Flash surface =
-      surface_equation_.flash(v > 0 ? phases_.vapour : phases_.liquid, kStandardPressure);
-  if (v <= 0 && phases_.vapour == phases_.liquid) phases_.vapour = surface.vapour;
-  if (v >= 1 && phases_.vapour == phases_.liquid) phases_.liquid = surface.liquid;
   const Mobilities mobile = mobilities(pressure, total * (1 - v) * phases_.liquid_volume,
                                        total * v * phases_.vapour_volume);
   oil_moles_ = scale_ * mobile.oil / phases_.liquid_volume;
@@ -95,15 +116,13 @@ Amounts CompositionalTank::in_place() const {
 }
 
 double CompositionalTank::oil_density(double pressure) const {
-  return reservoir_equation_.molecular_weight(phases_.liquid) /
-         reservoir_equation_.molar_volume(phases_.liquid, pressure,
-                                          EquationOfState::Phase::kLiquid);
+  const Flash& phases = asked(pressure);
+  return reservoir_equation_.molecular_weight(phases.liquid) / phases.liquid_volume;
 }
 
 double CompositionalTank::gas_density(double pressure) const {
-  return reservoir_equation_.molecular_weight(phases_.vapour) /
-         reservoir_equation_.molar_volume(phases_.vapour, pressure,
-                                          EquationOfState::Phase::kVapour);
+  const Flash& phases = asked(pressure);
+  return reservoir_equation_.molecular_weight(phases.vapour) / phases.vapour_volume;
 }
 
 std::vector<double> CompositionalTank::stream_composition(double gas_mobility) const {

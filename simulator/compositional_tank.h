@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <vector>
 
 #include "simulator/equation_of_state.h"
@@ -29,7 +30,13 @@ class CompositionalTank : public Tank {
   void update_flow(double pressure) override;
 
  private:
+  struct Asked {
+    double pressure = 0;
+    Flash phases;
+  };
   double total_moles() const;
+  Flash phases_at(double pressure) const;
+  const Flash& asked(double pressure) const;
   std::vector<double> fractions() const;
   Stream surface_stream(const std::vector<double>& mixture, double moles, double pressure) const;
   std::vector<double> moles_out(const Exchange& exchange) const;
@@ -38,7 +45,9 @@ class CompositionalTank : public Tank {
   EquationOfState surface_equation_;
   std::vector<double> moles_;  // kmol of each component
   Flash phases_;               // at the tank's pressure
-  double oil_moles_ = 0;       // kmol of the oil phase per unit of drawdown term
+  // The last other pressure at which phases were asked for: both densities of a well are at one.
+  mutable std::optional<Asked> asked_;
+  double oil_moles_ = 0;  // kmol of the oil phase per unit of drawdown term
   double gas_moles_ = 0;
   std::vector<double> saved_moles_;
   double saved_water_ = 0;

@@ -115,5 +115,39 @@ TEST_F(CompositionalTest, OilWithABubblePointOfLessThanABarFlowsInAStraightLine)
   EXPECT_NEAR(oil.well_property("P1", "LIQUID_PRODUCTION_RATE"), 5 * (330 - 120), 1e-6);
 }
 
+// The numbers are those of flash calculations made apart from this code.
+TEST_F(CompositionalTest, DensitiesBelowTheBubblePointAreThoseOfTheTwoPhasesThere) {
+  struct Expected {
+    double pressure;
+    double oil;
+    double gas;
+  };
+  for (const Expected& each :
+       {Expected{120, 625.504, 90.759}, {60, 671.234, 45.161}, {10, 725.642, 8.3564}}) {
+    reservoir_.set_constraint("P1", "BOTTOM_HOLE_PRESSURE", each.pressure, "USER");
+    ASSERT_NEAR(reservoir_.well_property("P1", "BOTTOM_HOLE_PRESSURE"), each.pressure, 1e-6);
+    EXPECT_NEAR(reservoir_.well_property("P1", "OIL_DENSITY"), each.oil, 0.01);
+    EXPECT_NEAR(reservoir_.well_property("P1", "GAS_DENSITY"), each.gas, 0.001);
+  }
+}
+
+TEST_F(CompositionalTest, DensitiesDoNotJumpAtThePressureOfASaturatedReservoir) {
+  reservoir_.set_status("W1", "SHUT");
+  reservoir_.set_status("G1", "SHUT");
+  reservoir_.set_constraint("P1", "BOTTOM_HOLE_PRESSURE", 20, "USER");
+  reservoir_.advance_to(1000);
+  const double pressure = reservoir_.pressure();
+  ASSERT_LT(pressure, 200);
+  const auto densities = [&](double at) {
+    reservoir_.set_constraint("P1", "BOTTOM_HOLE_PRESSURE", at, "USER");
+    return std::vector{reservoir_.well_property("P1", "OIL_DENSITY"),
+                       reservoir_.well_property("P1", "GAS_DENSITY")};
+  };
+  const std::vector<double> at = densities(pressure);
+  const std::vector<double> below = densities(pressure - 0.01);
+  EXPECT_NEAR(below[0], at[0], 0.02);
+  EXPECT_NEAR(below[1], at[1], 0.02);
+}
+
 }  // namespace
 }  // namespace simulator
