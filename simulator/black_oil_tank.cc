@@ -116,6 +116,12 @@ Amounts BlackOilTank::produced(const Exchange& exchange) const {
   return {oil, gas, exchange.water * flow_.water, {}};
 }
 
+double BlackOilTank::hydrocarbon_voidage(const Exchange& exchange) const {
+  const double oil = exchange.oil_phase * flow_.oil_phase.oil;
+  const double gas = exchange.gas_phase * flow_.gas_phase.gas - exchange.gas_injected;
+  return oil * oil_volume_factor(flow_.pressure) + gas * gas_volume_factor(flow_.pressure);
+}
+
 Amounts BlackOilTank::in_place() const {
   return {oil_, gas_, water_, {}};
 }

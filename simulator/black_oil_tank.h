@@ -14,13 +14,14 @@ class BlackOilTank : public Tank {
  public:
   explicit BlackOilTank(const Deck& deck);
 
-  Amounts produced(const Exchange& exchange) const override;
   Amounts in_place() const override;
   double oil_density(double pressure) const override;
   double gas_density(double pressure) const override;
   std::vector<double> stream_composition(double gas_mobility) const override;
 
  protected:
+  Amounts produced(const Exchange& exchange) const override;
+  double hydrocarbon_voidage(const Exchange& exchange) const override;
   void apply(const Exchange& exchange, double days) override;
   void save() override;
   void restore() override;

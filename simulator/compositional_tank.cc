@@ -107,6 +107,13 @@ Amounts CompositionalTank::produced(const Exchange& exchange) const {
   return {oil, gas, exchange.water * flow_.water, moles_out(exchange)};
 }
 
+double CompositionalTank::hydrocarbon_voidage(const Exchange& exchange) const {
+  const double injected =
+      std::accumulate(exchange.moles_injected.begin(), exchange.moles_injected.end(), 0.0);
+  return exchange.oil_phase * oil_moles_ * phases_.liquid_volume +
+         (exchange.gas_phase * gas_moles_ - injected) * phases_.vapour_volume;
+}
+
 Amounts CompositionalTank::in_place() const {
   const double total = total_moles();
   const double v = phases_.vapour_fraction;

@@ -15,13 +15,14 @@ class CompositionalTank : public Tank {
  public:
   explicit CompositionalTank(const Deck& deck);
 
-  Amounts produced(const Exchange& exchange) const override;
   Amounts in_place() const override;
   double oil_density(double pressure) const override;
   double gas_density(double pressure) const override;
   std::vector<double> stream_composition(double gas_mobility) const override;
 
  protected:
+  Amounts produced(const Exchange& exchange) const override;
+  double hydrocarbon_voidage(const Exchange& exchange) const override;
   void apply(const Exchange& exchange, double days) override;
   void save() override;
   void restore() override;

@@ -31,27 +31,27 @@ void Reservoir::limit_end_time(double days) {
 
 void Reservoir::advance_to(double days) {
   const double target = std::min(days, end_time_);
+  const Exchange answer = response();
   while (time_ < target) {
-    const Exchange rates = exchange();
-    const double wanted = std::min(target - time_, deck_.max_step);
-    const Amounts out = tank_->produced(rates);
-    const double taken = tank_->advance(rates, wanted);
-    for (std::size_t i = 0; i < out.moles.size(); ++i) moles_produced_[i] += out.moles[i] * taken;
-    cumulative_.oil += shown(Quantity::kLiquid, out.oil * taken);
-    cumulative_.gas += shown(Quantity::kGas, out.gas * taken);
-    cumulative_.water += shown(Quantity::kLiquid, out.water * taken);
-    account(rates, taken);
+    const Step step = tank_->advance([this](double pressure) { return exchange(pressure); }, answer,
+                                     std::min(target - time_, deck_.max_step));
+    account(step);
     // The last step ends on `target` itself; a sum of steps would miss it by its rounding.
-    time_ = taken < target - time_ ? time_ + taken : target;
+    time_ = step.days < target - time_ ? time_ + step.days : target;
     forget_points();
   }
 }
 
-void Reservoir::account(const Exchange& rates, double days) {
-  cumulative_.water_injection += shown(Quantity::kLiquid, rates.water_injected * days);
-  cumulative_.gas_injection += shown(Quantity::kGas, rates.gas_injected * days);
-  for (std::size_t i = 0; i < rates.moles_injected.size(); ++i) {
-    moles_injected_[i] += rates.moles_injected[i] * days;
+void Reservoir::account(const Step& step) {
+  const Amounts& out = step.produced;
+  cumulative_.oil += shown(Quantity::kLiquid, out.oil * step.days);
+  cumulative_.gas += shown(Quantity::kGas, out.gas * step.days);
+  cumulative_.water += shown(Quantity::kLiquid, out.water * step.days);
+  cumulative_.water_injection += shown(Quantity::kLiquid, step.rates.water_injected * step.days);
+  cumulative_.gas_injection += shown(Quantity::kGas, step.rates.gas_injected * step.days);
+  for (std::size_t i = 0; i < out.moles.size(); ++i) {
+    moles_produced_[i] += out.moles[i] * step.days;
+    moles_injected_[i] += step.rates.moles_injected[i] * step.days;
   }
 }
 
@@ -59,15 +59,16 @@ void Reservoir::forget_points() {
   points_.assign(wells_.size(), std::nullopt);
 }
 
-Surroundings Reservoir::surroundings() const {
+// Densities are those at the tank's pressure, also where `flow` has another.
+Surroundings Reservoir::surroundings(const FlowState& flow) const {
   const double pressure = tank_->flow().pressure;
-  return {tank_->flow(), tank_->water_density(pressure), tank_->gas_density(pressure),
+  return {flow, tank_->water_density(pressure), tank_->gas_density(pressure),
           deck_.fracture_pressure};
 }
 
 const OperatingPoint& Reservoir::point(std::size_t well) const {
   auto& known = points_[well];
-  if (!known) known = wells_[well].solve(surroundings());
+  if (!known) known = wells_[well].solve(surroundings(tank_->flow()));
   return *known;
 }
 
@@ -76,23 +77,59 @@ const std::vector<double>& Reservoir::injected_composition(std::size_t well) con
   return found == attached_.end() ? deck_.composition->injection_gas : sources_.at(found->second);
 }
 
-Exchange Reservoir::exchange() const {
+void Reservoir::add_production(Exchange& sum, const Well& well, double drawdown_term) {
+  const double term = drawdown_term * well.uptime();
+  sum.oil_phase += term;
+  sum.gas_phase += term * well.deck().gas_mobility;
+  sum.water += term * well.deck().water_mobility;
+}
+
+void Reservoir::add_gas_injection(Exchange& sum, std::size_t well, double rate) const {
+  sum.gas_injected += rate;
+  if (!deck_.composition) return;
+  const std::vector<double>& gas = injected_composition(well);
+  for (std::size_t c = 0; c < gas.size(); ++c) {
+    sum.moles_injected[c] += rate / kStandardVolume * gas[c];
+  }
+}
+
+Exchange Reservoir::exchange(double pressure) const {
   Exchange sum;
   if (deck_.composition) sum.moles_injected.resize(deck_.composition->components.size());
-  const Surroundings around = surroundings();
+  FlowState flow = tank_->flow();
+  const bool is_current = pressure == flow.pressure;
+  flow.bubble_point =
+      flow.bubble_point < flow.pressure ? std::min(flow.bubble_point, pressure) : pressure;
+  flow.pressure = pressure;
+  const Surroundings around = surroundings(flow);
   for (std::size_t i = 0; i < wells_.size(); ++i) {
     auto& known = points_[i];
-    if (!known) known = wells_[i].solve(around);
-    const double term = known->drawdown_term * wells_[i].uptime();
-    sum.oil_phase += term;
-    sum.gas_phase += term * wells_[i].deck().gas_mobility;
-    sum.water += term * wells_[i].deck().water_mobility;
-    sum.water_injected += known->water_injection;
-    sum.gas_injected += known->gas_injection;
-    if (known->gas_injection <= 0 || !deck_.composition) continue;
-    const std::vector<double>& gas = injected_composition(i);
-    for (std::size_t c = 0; c < gas.size(); ++c) {
-      sum.moles_injected[c] += known->gas_injection / kStandardVolume * gas[c];
+    if (is_current && !known) known = wells_[i].solve(around);
+    const OperatingPoint& point = is_current ? *known : wells_[i].solve(around);
+    add_production(sum, wells_[i], point.drawdown_term);
+    sum.water_injected += point.water_injection;
+    if (point.gas_injection > 0) add_gas_injection(sum, i, point.gas_injection);
+  }
+  return sum;
+}
+
+Exchange Reservoir::response() const {
+  Exchange sum;
+  if (deck_.composition) sum.moles_injected.resize(deck_.composition->components.size());
+  for (std::size_t i = 0; i < wells_.size(); ++i) {
+    const Well& well = wells_[i];
+    if (!well.is_open()) continue;
+    const double index = well.deck().index;
+    switch (well.deck().type) {
+      case WellType::kProducer:
+        add_production(sum, well, index);
+        break;
+      case WellType::kWaterInjector:
+        sum.water_injected -= index * well.uptime();
+        break;
+      case WellType::kGasInjector:
+        add_gas_injection(sum, i, -index * well.uptime());
+        break;
     }
   }
   return sum;
@@ -209,7 +246,7 @@ std::optional<InflowCurve> Reservoir::inflow_curve(std::size_t well,
                                                    double skewness) const {
   const bool at_bottom = pressure_type == "BOTTOM_HOLE_PRESSURE";
   if (!at_bottom && pressure_type != "TUBING_HEAD_PRESSURE") return std::nullopt;
-  const Surroundings around = surroundings();
+  const Surroundings around = surroundings(tank_->flow());
   const FlowState& flow = around.flow;
   const WellDeck& deck = wells_[well].deck();
   const bool producer = deck.type == WellType::kProducer;

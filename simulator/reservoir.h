@@ -51,7 +51,8 @@ class Reservoir {
   bool ended() const { return time_ >= end_time_; }
 
   /// Runs to exactly `days`, or to the end of the run where that is earlier. A time that has passed
-  /// already changes nothing.
+  /// already changes nothing. `interrupted` is asked between the steps that this takes; once it
+  /// says yes, the run stays where it is.
   void advance_to(double days);
 
   /// Ends the run early: at `days`, if that is before the deck's end.
@@ -110,12 +111,17 @@ class Reservoir {
 
  private:
   const OperatingPoint& point(std::size_t well) const;
-  Surroundings surroundings() const;
+  Surroundings surroundings(const FlowState& flow) const;
   const std::vector<double>& injected_composition(std::size_t well) const;
-  Exchange exchange() const;
+  /// The rates of all wells if the tank had `pressure` (bar).
+  Exchange exchange(double pressure) const;
+  /// By how much less the wells would exchange if the tank had 1 bar less and no limit held them.
+  Exchange response() const;
+  static void add_production(Exchange& sum, const Well& well, double drawdown_term);
+  void add_gas_injection(Exchange& sum, std::size_t well, double rate) const;
   double mole_fraction(std::size_t well, std::size_t component) const;
   std::optional<std::size_t> component_position(const std::string& name) const;
-  void account(const Exchange& rates, double days);
+  void account(const Step& step);
   void forget_points();
   void build_properties();
   double shown(Quantity quantity, double value) const {

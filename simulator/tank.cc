@@ -14,10 +14,14 @@ namespace {
 constexpr double kLowestPressure = 0.5;      // bar
 constexpr double kHighestPressure = 3000.0;  // bar
 
-// Rates are computed at the start of a step. With a larger change of pressure within the step they
-// would be wrong at its end, and the pressure would swing from step to step.
+// Mobilities and compositions are those at the start of a step. With a larger change of pressure
+// within the step they would be wrong at its end.
 constexpr double kMostPressureChange = 5.0;  // bar
 constexpr double kShortestStep = 1e-6;       // days
+
+// How much of a change of the pressure the wells may undo within a step whose rates are those at
+// its start. With more than 1 the pressure would swing from step to step.
+constexpr double kMostResponse = 0.5;
 
 double corey(double saturation, double least, double span, double end_point, double exponent) {
   const double mobile = std::clamp((saturation - least) / span, 0.0, 1.0);
@@ -55,35 +59,80 @@ double Tank::tubing_pressure(double pressure) const {
   return std::max(0.5 * pressure, 5.0);
 }
 
-double Tank::find_pressure() const {
+double Tank::find_pressure() {
   const auto excess = [this](double pressure) {
     return hydrocarbon_volume(pressure) + water_ * water_volume_factor(pressure) -
            pore_volume(pressure);
   };
   // Most steps move the pressure little: a narrow bracket saves flash calculations.
   const double last = flow_.pressure;
-  const double low = last - 2 * kMostPressureChange;
-  const double high = last + 2 * kMostPressureChange;
-  if (low > kLowestPressure && excess(low) > 0 && excess(high) < 0) {
-    return falling_root(excess, low, high);
+  Sample low{last - 2 * kMostPressureChange};
+  Sample high{last + 2 * kMostPressureChange};
+  if (low.x > kLowestPressure && (low.value = excess(low.x)) > 0 &&
+      (high.value = excess(high.x)) < 0) {
+    const double found = falling_root(excess, low, high);
+    // At the bubble point the contents are much softer below than above. The harder side counts.
+    volume_per_bar_ = std::min(low.value / (found - low.x), -high.value / (high.x - found));
+    return found;
   }
   return falling_root(excess, kLowestPressure, kHighestPressure);
 }
 
-double Tank::advance(const Exchange& exchange, double days) {
+double Tank::pressure_after(const Exchange& rates, double days) {
+  apply(rates, days);
+  const double after = find_pressure();
+  restore();
+  return after;
+}
+
+// Whether rates that are constant over a step would carry the pressure beyond the one at which the
+// wells come to rest, or near it.
+bool Tank::overshoots(const Exchange& response, double days) const {
+  const double per_day =
+      hydrocarbon_voidage(response) + (response.water * flow_.water - response.water_injected) *
+                                          water_volume_factor(flow_.pressure);
+  return per_day * days > kMostResponse * volume_per_bar_;
+}
+
+Step Tank::advance(const std::function<Exchange(double pressure)>& rates_at,
+                   const Exchange& response, double days) {
   const double before = flow_.pressure;
-  double step = std::min(days, emptying_limit(exchange));
+  const Exchange at_start = rates_at(before);
+  double step = std::min(days, emptying_limit(at_start));
   save();
   for (;;) {
-    apply(exchange, step);
-    const double after = find_pressure();
-    if (std::abs(after - before) <= kMostPressureChange || step <= kShortestStep) {
-      update_flow(after);
-      return step;
+    Exchange rates = at_start;
+    double change = pressure_after(rates, step) - before;
+    if (overshoots(response, step)) {
+      // The higher the pressure for which the rates are taken, the lower the one that they lead to.
+      const auto rise = [&](double pressure) {
+        return pressure_after(rates_at(pressure), step) - pressure;
+      };
+      const Sample start{before, change};
+      const double most = step > kShortestStep ? kMostPressureChange : kHighestPressure;
+      Sample end{before + std::clamp(change, -most, most)};
+      end.value = rise(end.x);
+      if (std::abs(change) > most && end.value * change > 0) {
+        // Not within reach. The step is too long by about as much as a straight line says.
+        change = (end.x - before) * change / (change - end.value);
+      } else {
+        const bool rises = change > 0;
+        rates = rates_at(falling_root(rise, rises ? start : end, rises ? end : start));
+        if (step > emptying_limit(rates)) {
+          step /= 2;
+          continue;
+        }
+        change = pressure_after(rates, step) - before;
+      }
     }
-    restore();
-    step = std::max(step * std::min(0.5, 0.9 * kMostPressureChange / std::abs(after - before)),
-                    kShortestStep);
+    if (std::abs(change) <= kMostPressureChange || step <= kShortestStep) {
+      Step taken{step, rates, produced(rates)};
+      apply(rates, step);
+      update_flow(before + change);
+      return taken;
+    }
+    step =
+        std::max(step * std::min(0.5, 0.9 * kMostPressureChange / std::abs(change)), kShortestStep);
   }
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -47,6 +48,13 @@ struct Amounts {
   std::vector<double> moles;
 };
 
+/// A step that a tank has taken.
+struct Step {
+  double days = 0;
+  Exchange rates;    ///< that held over it
+  Amounts produced;  ///< surface rates, or kmol/d, that they took out; injection not counted
+};
+
 /// The reservoir as one tank: what is in it, and the one pressure at which it all fits.
 class Tank {
  public:
@@ -56,13 +64,14 @@ class Tank {
 
   const FlowState& flow() const { return flow_; }
 
-  /// Applies `exchange` for at most `days` and returns for how long it was applied: less than
-  /// `days`, but more than 0, where the rates would have moved the pressure or emptied the tank too
-  /// far to stay valid. Never rounds the amounts: what leaves the tank is exactly rate times time.
-  double advance(const Exchange& exchange, double days);
-
-  /// Surface rates (sm3/d) or kmol/d that an exchange takes out, injection not counted.
-  virtual Amounts produced(const Exchange& exchange) const = 0;
+  /// Takes a step of at most `days`: less, but more than 0, where it would have moved the pressure
+  /// or emptied the tank too far to stay valid. `rates_at` gives the wells' rates at a pressure of
+  /// the tank. The rates are those at the pressure with which the step begins; where the wells
+  /// answer to the pressure so strongly that it would overshoot, those at the pressure with which
+  /// the step ends. `response` is by how much less the wells would exchange at 1 bar less if no
+  /// limit held them. What leaves the tank is exactly rate times time.
+  Step advance(const std::function<Exchange(double pressure)>& rates_at, const Exchange& response,
+               double days);
 
   /// What the tank holds. In compositional runs `oil` and `gas` are what the two phases would
   /// give at the surface now.
@@ -79,8 +88,15 @@ class Tank {
  protected:
   explicit Tank(const Deck& deck);
 
+  /// Surface rates (sm3/d) or kmol/d that an exchange takes out, injection not counted.
+  virtual Amounts produced(const Exchange& exchange) const = 0;
+
+  /// m3/d of oil and gas in the reservoir by which an exchange empties it. Gas that dissolves is
+  /// counted as gas.
+  virtual double hydrocarbon_voidage(const Exchange& exchange) const = 0;
+
   /// Moves the amounts that `exchange` brings and takes in `days`. advance() tries steps this way:
-  /// it calls save() first, and restore() when a step has moved the pressure too far.
+  /// it calls save() first, and restore() after each trial.
   virtual void apply(const Exchange& exchange, double days) = 0;
   virtual void save() = 0;
   virtual void restore() = 0;
@@ -95,7 +111,7 @@ class Tank {
   virtual void update_flow(double pressure) = 0;
 
   /// The pressure at which the contents fill the pores exactly.
-  double find_pressure() const;
+  double find_pressure();
   void settle() { update_flow(find_pressure()); }
 
   double pore_volume(double pressure) const;
@@ -120,6 +136,10 @@ class Tank {
   double fluid_temperature_;
 
  private:
+  double pressure_after(const Exchange& rates, double days);
+  bool overshoots(const Exchange& response, double days) const;
+
+  double volume_per_bar_ = 0;  // m3 that the contents give way when the pressure rises by 1 bar
   double initial_pressure_;
   double initial_pore_volume_;
   double rock_compressibility_;

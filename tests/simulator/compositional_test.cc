@@ -149,5 +149,22 @@ TEST_F(CompositionalTest, DensitiesDoNotJumpAtThePressureOfASaturatedReservoir) 
   EXPECT_NEAR(below[1], at[1], 0.02);
 }
 
+TEST_F(CompositionalTest, MolesAreConservedInATankThatItsWellsTurnOverQuickly) {
+  Reservoir small(parse_deck(
+      decks::Replaced(decks::Replaced(decks::kCompositional, "length = 2000", "length = 200"),
+                      "width = 1500", "width = 150"),
+      "X.afi"));
+  const Amounts before = small.in_place();
+  small.advance_to(60);
+  const Amounts now = small.in_place();
+  for (std::size_t i = 0; i < before.moles.size(); ++i) {
+    EXPECT_NEAR(now.moles[i] + small.moles_produced()[i] - small.moles_injected()[i],
+                before.moles[i], 1e-11 * (before.moles[i] + small.moles_injected()[i]))
+        << i;
+  }
+  EXPECT_NEAR(now.water + small.cumulative().water - small.cumulative().water_injection,
+              before.water, 1e-11 * (before.water + small.cumulative().water_injection));
+}
+
 }  // namespace
 }  // namespace simulator

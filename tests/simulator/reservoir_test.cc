@@ -290,6 +290,52 @@ TEST_F(ReservoirTest, StaysSoundWhereOneWellCouldEmptyTheTankInAStep) {
   EXPECT_NEAR(now.oil + greedy.cumulative().oil, before.oil, 1e-9 * before.oil);
 }
 
+std::string Small(const std::string& wells, const char* length, const char* width) {
+  return Replaced(Replaced(decks::kBlackOilHead + wells, "length = 3000", length), "width = 2000",
+                  width);
+}
+
+TEST_F(ReservoirTest, InjectorFillsASmallFieldToTheFracturePressureAndNotBeyond) {
+  Reservoir small =
+      Make(Small(Replaced(decks::kWaterInjector, "INJECTION_RATE = 700", "INJECTION_RATE = 1e9"),
+                 "length = 300", "width = 200"));
+  double last = small.pressure();
+  for (int time = 10; time <= 1000; time += 10) {
+    small.advance_to(time);
+    ASSERT_LE(small.well_property("W1", "BOTTOM_HOLE_PRESSURE"), 1.5 * 280 + 1e-9) << time;
+    ASSERT_GE(small.pressure(), last - 1e-9) << time;
+    last = small.pressure();
+  }
+  EXPECT_NEAR(last, 1.5 * 280, 0.01);
+}
+
+// A tank that its wells turn over in days: the pressure used to swing by 5 bar from step to step.
+TEST_F(ReservoirTest, SmallTankIsAsSmoothInLongStepsAsInThoseOfADay) {
+  const std::string wells =
+      decks::kProducer +
+      Replaced(decks::kWaterInjector, "INJECTION_RATE = 700", "INJECTION_RATE = 1e9");
+  const std::string text = Small(wells, "length = 150", "width = 100");
+  Reservoir days = Make(Replaced(text, "max_step = 10", "max_step = 1"));
+  Reservoir tens = Make(text);
+  const Amounts before = tens.in_place();
+  double last = tens.pressure();
+  for (int time = 10; time <= 2000; time += 10) {
+    tens.advance_to(time);
+    days.advance_to(time);
+    ASSERT_NEAR(tens.pressure(), days.pressure(), time < 100 ? 15 : 1) << time;
+    if (time > 100) {
+      ASSERT_LT(tens.pressure(), last) << time;
+    }
+    last = tens.pressure();
+  }
+  const Amounts now = tens.in_place();
+  const FieldTotals& moved = tens.cumulative();
+  EXPECT_NEAR(now.oil + moved.oil, before.oil, 1e-11 * before.oil);
+  EXPECT_NEAR(now.gas + moved.gas, before.gas, 1e-11 * before.gas);
+  EXPECT_NEAR(now.water + moved.water - moved.water_injection, before.water,
+              1e-11 * moved.water_injection);
+}
+
 TEST_F(ReservoirTest, PhaseDensitiesAreThoseOfOilGasAndWater) {
   EXPECT_NEAR(Get("P1", "OIL_DENSITY"), 730, 80);
   EXPECT_NEAR(Get("P1", "GAS_DENSITY"), 90, 30);
