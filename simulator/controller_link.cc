@@ -156,7 +156,8 @@ void ControllerLink::advance(Decoder& message, double until) {
     auto builder = begin("FINISHED");
     return end(builder);
   }
-  reservoir_.advance_to(until);
+  reservoir_.advance_to(until, [this] { return stop_.raised(); });
+  if (stop_.raised()) throw std::runtime_error("stopped");
   position_ = reservoir_.ended() ? Position::kEndSimulate : Position::kBeginNewton;
   send_position();
 }

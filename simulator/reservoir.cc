@@ -29,10 +29,10 @@ void Reservoir::limit_end_time(double days) {
   end_time_ = std::min(end_time_, days);
 }
 
-void Reservoir::advance_to(double days) {
+void Reservoir::advance_to(double days, const std::function<bool()>& interrupted) {
   const double target = std::min(days, end_time_);
   const Exchange answer = response();
-  while (time_ < target) {
+  while (time_ < target && !(interrupted && interrupted())) {
     const Step step = tank_->advance([this](double pressure) { return exchange(pressure); }, answer,
                                      std::min(target - time_, deck_.max_step));
     account(step);

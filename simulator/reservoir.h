@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -53,7 +54,7 @@ class Reservoir {
   /// Runs to exactly `days`, or to the end of the run where that is earlier. A time that has passed
   /// already changes nothing. `interrupted` is asked between the steps that this takes; once it
   /// says yes, the run stays where it is.
-  void advance_to(double days);
+  void advance_to(double days, const std::function<bool()>& interrupted = nullptr);
 
   /// Ends the run early: at `days`, if that is before the deck's end.
   void limit_end_time(double days);

@@ -261,6 +261,18 @@ TEST_F(VksimTest, SigtermEndsItDuringARunAndDuringADelay) {
   EXPECT_THAT(program.seen(), HasSubstr("Stopped by a signal"));
 }
 
+TEST_F(VksimTest, SigtermEndsItWhileItComputes) {
+  Write(decks::Replaced(decks::kBlackOil, "max_step = 10", "max_step = 1e-7"));
+  Program program(Arguments());
+  SetUpRun(program);
+  Send(wire::Mess("CONTINUE_UNTIL") + wire::Doub("TIME", {3650}) + wire::Mess("END"));
+  pollfd answer{connection_, POLLIN, 0};
+  ASSERT_EQ(poll(&answer, 1, 500), 0);  // it computes
+  program.Signal(SIGTERM);
+  EXPECT_EQ(program.Finish(), 0);
+  EXPECT_THAT(program.seen(), EndsWith("Stopped by a signal\n"));
+}
+
 TEST_F(VksimTest, SlowStartDelaysTheListening) {
   const auto before = std::chrono::steady_clock::now();
   Program program(Arguments({"--slow-start", "0.3"}));
