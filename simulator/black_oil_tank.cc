@@ -41,7 +41,7 @@ BlackOilTank::BlackOilTank(const Deck& deck)
   oil_ = deck.pore_volume * (1 - deck.water_saturation) / oil_volume_factor(deck.pressure);
   gas_ *= oil_;
   flow_.pressure = deck.pressure;
-  set_scale();
+  set_scale(deck);
 }
 
 // Standing: sm3 of gas that an sm3 of oil can hold.

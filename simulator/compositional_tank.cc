@@ -15,7 +15,7 @@ CompositionalTank::CompositionalTank(const Deck& deck)
   const double moles = deck.pore_volume * (1 - deck.water_saturation) / volume;
   for (double& each : moles_) each *= moles;
   flow_.pressure = deck.pressure;
-  set_scale();
+  set_scale(deck);
 }
 
 double CompositionalTank::total_moles() const {

@@ -251,8 +251,13 @@ void read_flow(std::optional<Section> section, Deck& deck) {
   section->finish();
 }
 
+std::string written(const sections::Place& place) {
+  return place.file + ":" + std::to_string(std::max<std::uint32_t>(place.line, 1));
+}
+
 void read_black_oil(Section section, Deck& deck) {
   BlackOil& oil = deck.black_oil;
+  deck.fluid_place = written(section.place());
   oil.api = section.number("api", Quantity::kNone, {10, 60});
   oil.gas_gravity = section.number("gas_gravity", Quantity::kNone, {0.55, 1.5});
   oil.bubble_point = section.number("bubble_point", Quantity::kPressure, kPositive);
@@ -315,6 +320,7 @@ void read_composition(Section section, const std::vector<Component>& own, Deck& 
   const std::size_t count = composition.components.size();
   if (count < 2) place.Fail("\"components\" must name two components or more");
   composition.reservoir = mole_fractions(section, "composition", count);
+  deck.fluid_place = written(section.PlaceOf("composition"));
   composition.injection_gas = mole_fractions(section, "injection_gas", count);
   section.finish();
   deck.composition = std::move(composition);
@@ -387,6 +393,20 @@ void read_wells(Section& root, Deck& deck) {
   if (deck.wells.empty()) root.place().Fail("missing section [[well]]");
 }
 
+// A tank takes no step in which more than half of anything leaves it: a run of wells that empty it
+// many times a day would not come to an end.
+void refuse_tiny_reservoir(const Deck& deck, const sections::Place& place) {
+  constexpr double kLeastDays = 0.1;
+  double open_flow = 0;
+  for (const WellDeck& well : deck.wells) {
+    if (well.type == WellType::kProducer) open_flow += well.index * deck.pressure;
+  }
+  const double days = deck.pore_volume / open_flow;
+  if (days >= kLeastDays) return;
+  place.Fail("the reservoir is too small for its wells: fully open they would empty it in " +
+             plain(days) + " days, and " + plain(kLeastDays) + " is the least");
+}
+
 Deck read_top(const sections::Section& top) {
   Deck deck;
   // The text "units" comes first: every number is read in these units.
@@ -413,6 +433,7 @@ Deck read_top(const sections::Section& top) {
     read_black_oil(root.need_section("black_oil"), deck);
   }
   read_wells(root, deck);
+  refuse_tiny_reservoir(deck, root.PlaceOf("reservoir"));
   root.finish();
   return deck;
 }
@@ -463,8 +484,7 @@ Deck parse_deck(std::string_view text, const std::string& file) {
   try {
     return read_top(sections::Section::Parse(text, file));
   } catch (const sections::Error& error) {
-    const std::uint32_t line = std::max<std::uint32_t>(error.place().line, 1);
-    throw DeckError(file + ":" + std::to_string(line) + ": " + error.what());
+    throw DeckError(written(error.place()) + ": " + error.what());
   }
 }
 

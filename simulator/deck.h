@@ -114,6 +114,8 @@ struct Deck {
 
   RelativePermeability relative_permeability;
   Viscosities viscosities;
+  /// "file:line" of what describes the fluid, for complaints about what follows from it.
+  std::string fluid_place;
   BlackOil black_oil;                      ///< has a meaning in black-oil decks only
   std::optional<Composition> composition;  ///< present in compositional decks
   std::vector<WellDeck> wells;

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <stdexcept>
 
 #include "simulator/black_oil_tank.h"
 #include "simulator/compositional_tank.h"
@@ -22,6 +21,10 @@ constexpr double kShortestStep = 1e-6;       // days
 // How much of a change of the pressure the wells may undo within a step whose rates are those at
 // its start. With more than 1 the pressure would swing from step to step.
 constexpr double kMostResponse = 0.5;
+
+// sm3 of gas with an sm3 of liquid. Beyond that a gas is called dry, and its rate would be made of
+// the little liquid in it.
+constexpr double kMostGas = 1e5;
 
 double corey(double saturation, double least, double span, double end_point, double exponent) {
   const double mobile = std::clamp((saturation - least) / span, 0.0, 1.0);
@@ -150,12 +153,15 @@ Tank::Mobilities Tank::mobilities(double pressure, double oil_volume, double gas
               viscosities_.water};
 }
 
-void Tank::set_scale() {
+void Tank::set_scale(const Deck& deck) {
   scale_ = 1;
   settle();
   const double liquid = flow_.oil_phase.oil + flow_.gas_phase.oil + flow_.water;
-  if (!(liquid > 0)) {
-    throw std::runtime_error("Nothing in the reservoir flows as a liquid at its initial state");
+  const double gas = flow_.oil_phase.gas + flow_.gas_phase.gas;
+  if (!(liquid > 0 && gas <= kMostGas * liquid)) {
+    throw DeckError(deck.fluid_place +
+                    ": the reservoir gives dry gas at its start, and the index of a producer is "
+                    "that of its liquid");
   }
   scale_ = 1 / liquid;
   settle();

@@ -126,7 +126,8 @@ class Tank {
   Mobilities mobilities(double pressure, double oil_volume, double gas_volume) const;
 
   /// Makes the liquid rate 1 per unit of drawdown term; called once, with the initial contents.
-  void set_scale();
+  /// Throws DeckError when there is next to no liquid in what flows.
+  void set_scale(const Deck& deck);
 
   double tubing_pressure(double pressure) const;
 

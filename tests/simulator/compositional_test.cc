@@ -166,5 +166,23 @@ TEST_F(CompositionalTest, MolesAreConservedInATankThatItsWellsTurnOverQuickly) {
               before.water, 1e-11 * (before.water + small.cumulative().water_injection));
 }
 
+TEST_F(CompositionalTest, DryGasIsRefusedAtItsLine) {
+  for (const char* saturation : {"0.22", "0.2", "0.20000000000000004"}) {
+    const std::string gas = decks::Replaced(
+        decks::Replaced(
+            decks::Replaced(decks::kCompositional, R"("C3", "C6", "C7+")", R"("C2", "C3", "NC4")"),
+            "[0.01, 0.50, 0.15, 0.09, 0.25]", "[0.01, 0.90, 0.07, 0.02, 0]"),
+        "water_saturation = 0.22", std::string("water_saturation = ") + saturation);
+    try {
+      const Reservoir reservoir(parse_deck(gas, "X.afi"));
+      ADD_FAILURE() << "accepted: " << reservoir.rates().gas;
+    } catch (const DeckError& error) {
+      EXPECT_STREQ(error.what(),
+                   "X.afi:19: the reservoir gives dry gas at its start, and the index of a "
+                   "producer is that of its liquid");
+    }
+  }
+}
+
 }  // namespace
 }  // namespace simulator

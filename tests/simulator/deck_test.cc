@@ -178,6 +178,10 @@ INSTANTIATE_TEST_SUITE_P(
         BadDeck{"FracturePressureTooLow", kBlackOil, "thickness = 15",
                 "thickness = 15\nfracture_pressure = 280",
                 "X.afi:14: \"fracture_pressure\" must be above the reservoir's \"pressure\""},
+        BadDeck{"CubeOfOneFoot", kBlackOil, "length = 3000\nwidth = 2000\nthickness = 15",
+                "length = 0.3048\nwidth = 0.3048\nthickness = 0.3048",
+                "X.afi:8: the reservoir is too small for its wells: fully open they would empty it "
+                "in 4.04526e-06 days, and 0.1 is the least"},
         BadDeck{"NoRoomToFlow", kBlackOil, "oil_viscosity = 0.8",
                 "connate_water = 0.5\nresidual_oil = 0.5",
                 "X.afi:22: \"connate_water\", \"residual_oil\" and \"critical_gas\" leave no room"},
