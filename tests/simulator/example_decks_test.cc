@@ -49,5 +49,17 @@ TEST(ExampleDecksTest, CompositionalFieldProducesMoreMethaneAsGasIsInjected) {
   EXPECT_GT(field.pressure(), 120);
 }
 
+TEST(ExampleDecksTest, GasMobilityCountsOnceThePressureIsBelowTheBubblePoint) {
+  Reservoir field = Example("TENWELLS");
+  const auto ratio = [&](const char* well) { return field.well_property(well, "GAS_OIL_RATIO"); };
+  field.advance_to(300);
+  EXPECT_DOUBLE_EQ(ratio("P6"), ratio("P1"));
+  for (const char* injector : {"WI1", "WI2", "WI3", "GI1"}) field.set_status(injector, "SHUT");
+  field.advance_to(2100);
+  EXPECT_GT(ratio("P6"), 1.02 * ratio("P1"));
+  EXPECT_LT(ratio("P5"), 0.99 * ratio("P1"));
+  EXPECT_DOUBLE_EQ(ratio("P4"), ratio("P1"));
+}
+
 }  // namespace
 }  // namespace simulator
