@@ -331,14 +331,14 @@ def code_of(body: bytes) -> int:
     return int(struct.unpack_from("<I", body)[0])
 
 
-def unpack_request(body: bytes) -> Values:
-    """The fields of a request by name."""
+def unpack_request(body: bytes, exact: bool = True) -> Values:
+    """The fields of a request by name. A daemon does not mind bytes behind them: it is not `exact`."""
     unpacker = Unpacker(body, 4)
     code = code_of(body)
     if code not in _LAYOUTS:
         raise ProtocolError(f"the code {code} is not in the table of requests")
     values = _unpack(unpacker, _LAYOUTS[code][0])
-    if unpacker.left:
+    if exact and unpacker.left:
         raise ProtocolError(f"{unpacker.left} bytes after the last field of '{title(code)}'")
     return values
 

@@ -30,7 +30,6 @@ BROKEN: Dict[str, str] = {
     "no request 1": "M11",
     "unknown code": "M12",
     "half of a double": "M13",
-    "bytes behind the fields": "M13",
     "two wells, one status": "M14",
     "a record too few": "M15",
     "a record too many": "M15",
@@ -43,7 +42,14 @@ BROKEN: Dict[str, str] = {
     "a negative count": "M22",
     "trusts that there are wells": "M23",
 }
-UNUSUAL = ("one byte a packet", "speaks first", "version 7", "records ahead", "waits for the end")
+UNUSUAL = (
+    "one byte a packet",
+    "speaks first",
+    "version 7",
+    "records ahead",
+    "waits for the end",
+    "bytes behind the fields",
+)
 
 
 #: Those that do not close a connection: how long that is watched, in seconds.

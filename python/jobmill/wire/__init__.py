@@ -155,8 +155,11 @@ def _frame(sender: str, raw: bytes) -> Said:
     try:
         code = master_link.code_of(body)
         name = f"{kind} {code} ({master_link.title(code)})"
-        unpack = master_link.unpack_request if sender == CLIENT else master_link.unpack_reply
-        return Said(MASTER, sender, name, tuple(unpack(body).items()), raw)
+        if sender == CLIENT:
+            values = master_link.unpack_request(body)
+        else:
+            values = master_link.unpack_reply(body)
+        return Said(MASTER, sender, name, tuple(values.items()), raw)
     except ProtocolError as error:
         return Said(MASTER, sender, name, (), raw, str(error))
 
