@@ -21,7 +21,7 @@ from run_test import meeting
 
 COMMANDS = (
     "status then wells then data then first-step then until 30 then vars P1 oil bhp then eos then shut P1 "
-    "then open P1 then uptime P1 0.5 then constrain P1 oil=5 then ipr P1 components all "
+    "then open P1 then uptime P1 0.5 then constrain P1 oil=5 then ipr P1 components all lift "
     "then source G1 S1 then composition S1 0.5 0.3 0.2"
 )
 
