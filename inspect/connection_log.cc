@@ -534,7 +534,8 @@ void ConnectionLog::Settle() {
   for (const Connection& connection : connections_) {
     const bool undecided = connection.step == Step::kScript || connection.step == Step::kMixed;
     leave(&connection, [&](const Answer& answer) {
-      if (!connection.has_host || !undecided) return undecided && !connection.alive;
+      if (!undecided) return false;
+      if (!connection.has_host) return answer.host || !connection.runs_on;
       return answer.host && (!connection.host || *connection.host == *answer.host);
     });
   }

@@ -87,6 +87,7 @@ struct Connection {
 
   // What others have found out: see ConnectionLog::Settle().
   bool alive = false;
+  bool runs_on = false;   ///< it was alive after the log was read, too
   bool has_host = false;  ///< and is launched, therefore
 };
 
@@ -118,7 +119,7 @@ class ConnectionLog {
   /// The options of the daemon; none when the log does not begin with its start.
   const std::optional<Options>& options() const { return options_; }
 
-  /// To be called last, when `alive` and `has_host` are known. Gives the lines that end the wait
+  /// To be called last, when `runs_on` and `has_host` are known. Gives the lines that end the wait
   /// for a script to the connections that they can only belong to, where several waited.
   void Settle();
 

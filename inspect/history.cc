@@ -53,6 +53,7 @@ class Reading {
   void ReadLog(const std::vector<LogPart>& parts);
   void MarkAlive();
   void FindOwners();
+  void MarkFresh();
   void ReadComms();
   void TakeComms(const std::vector<Item*>& sharers, const CommsLogText& text);
   EndedRun Describe(const Item& item) const;
@@ -116,9 +117,24 @@ void Reading::MarkAlive() {
       }
       if (nearest == nullptr) continue;
       nearest->connection->alive = true;
+      // Since the runs were looked at its script may have ended, and the logs tell that.
+      const auto process = Process::Open(run.id);
+      nearest->connection->runs_on = process && process->IsAlive();
       nearest->connection->has_host =
           run.state != RunState::kScript && run.state != RunState::kHandshake;
     }
+  }
+}
+
+// What has begun since the runs were looked at may go on, unless the logs tell its end.
+void Reading::MarkFresh() {
+  for (Item& item : items_) {
+    Connection& connection = *item.connection;
+    const bool fresh =
+        now_.looked && static_cast<double>(connection.began) >= *now_.looked - kSlack;
+    const bool told = connection.step == Step::kEnded ||
+                      (item.comms != nullptr && item.comms->log.cause.has_value());
+    if (fresh && !told) connection.alive = true;
   }
 }
 
@@ -284,6 +300,7 @@ History Reading::Find() {
   MarkAlive();
   ReadComms();
   for (const auto& log : logs_) log->Settle();
+  MarkFresh();
   std::map<std::string, int> of_second;
   for (const Item& item : items_) {
     const std::time_t began = item.connection->began;

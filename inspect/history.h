@@ -81,8 +81,9 @@ struct LogDirectories {
 
 /// Reads the logs of all daemons of this machine, those of earlier starts, rotated and compressed
 /// ones included, and the comms logs of what they tell of. What `now` says to be running is left
-/// out, as is what began before `since`, in seconds since 1970. Takes as long as reading the logs
-/// does, and two seconds more when a file system does not answer.
+/// out, as is what began later and has no end in the logs, and what began before `since`, in
+/// seconds since 1970. Takes as long as reading the logs does, and two seconds more when a file
+/// system does not answer.
 History ReadHistory(const Runs& now, double since = 0, const LogDirectories& directories = {});
 
 /// The same with the lines of each in the daemon's log, and with what goes on.

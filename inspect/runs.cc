@@ -32,6 +32,7 @@ class Survey {
   void Describe(const Jobmill& jobmill, Run& run);
   void AddScript(const Jobmill& jobmill, Run& run) const;
 
+  const double looked_ = Now();  // before anything is read
   Machine machine_;
   LaunchReader launches_;
   Runs found_;
@@ -39,6 +40,7 @@ class Survey {
 
 Runs Survey::Find() {
   found_.missing = machine_.missing();
+  found_.looked = looked_;
   for (const auto& [pid, jobmill] : machine_.jobmills()) {
     const pid_t parent = jobmill.stat.parent;
     if (machine_.IsDaemon(pid)) {

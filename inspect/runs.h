@@ -84,6 +84,7 @@ struct Runs {
   std::vector<Daemon> daemons;       ///< by port and start
   std::vector<Run> runs;             ///< by port and start; lost ones last
   std::vector<std::string> missing;  ///< what of all this could not be looked at
+  std::optional<double> looked;      ///< when
 };
 
 /// Whether the run's number is that of its controller, which may have ended a moment ago.

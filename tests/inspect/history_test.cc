@@ -419,6 +419,23 @@ TEST_F(HistoryTest, WhatGoesOnHasNotEnded) {
   EXPECT_THAT(roots(), ElementsAre("ONE"));
 }
 
+TEST_F(HistoryTest, WhatHasBegunSinceTheRunsWereLookedAtMayGoOn) {
+  const std::time_t before = now_ - 60;
+  WriteLog(Start(before, "-o 9001 -n 100 -l ") + Answered(before) + Request(Model("OLD")) +
+           Answered(now_) + Request(Model("DENIED", "bob")) + Users() +
+           "Windows user 'bob' does not have permissions to run Varnok\n" + Answered(now_) +
+           Request(Model("FRESH")));
+  const auto roots = [&](std::optional<double> looked) {
+    Runs now;
+    now.looked = looked;
+    std::vector<std::string> all;
+    for (const EndedRun& ended : Read(now).runs) all.push_back(ended.root.value_or(""));
+    return all;
+  };
+  EXPECT_THAT(roots(static_cast<double>(now_)), ElementsAre("OLD", "DENIED"));
+  EXPECT_THAT(roots(static_cast<double>(now_) + 10), ElementsAre("OLD", "DENIED", "FRESH"));
+}
+
 TEST_F(HistoryTest, OnlyWhatBeganSinceThen) {
   WriteLog(Start(now_ - 9000) + Launched(Model("OLD"), 9001, now_ - 8000) +
            Launched(Model("NEW"), 9002, now_));
@@ -486,6 +503,7 @@ TEST_F(MixedHistoryTest, CommsLogsAndWhatRunsLeaveOnlyOne) {
   WriteComms("CASE3", OfSimulator("read: End of file"), 9003);
   Runs now;
   inspect::Run waiting;
+  waiting.id = Process::Open(getpid())->stat().id;
   waiting.listen_port = 5000;
   waiting.state = RunState::kScript;
   waiting.began = static_cast<double>(now_);
