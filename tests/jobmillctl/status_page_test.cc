@@ -20,7 +20,6 @@ using nlohmann::json;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
-constexpr const char* kHandshake = "handshake";
 constexpr const char* kScript = "waiting for the script";
 constexpr const char* kListens = "waiting for the simulator to listen";
 constexpr const char* kMaster = "waiting for the master";
