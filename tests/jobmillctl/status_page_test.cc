@@ -81,7 +81,7 @@ class StatusPageTest : public testing::Test {
   std::unique_ptr<Browser> browser_;
 };
 
-TEST_F(StatusPageTest, FiftyRunsAreShownFilteredAndOutliveTheirDaemon) {
+TEST_F(StatusPageTest, FiftyRunsAreShownAndFiltered) {
   std::multimap<std::string, std::string> states;
   for (int i = 0; i < 10; ++i) {
     const std::string number = std::to_string(i);
@@ -125,6 +125,14 @@ TEST_F(StatusPageTest, FiftyRunsAreShownFilteredAndOutliveTheirDaemon) {
   ASSERT_TRUE(browser().Becomes("location.search.includes('step7')"));
   EXPECT_EQ(Shown(browser()).count("STEP7"), 1U);
   EXPECT_EQ(Shown(browser()).count("STEP6"), 0U);
+}
+
+TEST_F(StatusPageTest, PageOutlivesDaemonAndServer) {
+  site().Request("QUEUED1");
+  site().Connect("IDLE1");
+  const std::multimap<std::string, std::string> states = {{"QUEUED1", kScript}, {"IDLE1", kMaster}};
+  browser().Open(Filter());
+  Shows(states);
 
   // The daemon is killed. Its runs go on, and are shown.
   site().daemon().process().Signal(SIGKILL);
