@@ -115,8 +115,9 @@ TEST(JsonOutput, NumbersThatJsonCannotHoldAreNullAndBadUtf8IsReplaced) {
 TEST(JsonOutput, ErrorIsAnObjectInItsPlaceAndATextOnTheOtherStream) {
   Written written(Form::kJson);
   written.output.WriteError("until 30", "failed", "look there");
-  EXPECT_EQ(written.out(), R"({"command":"until 30","error":"failed","hint":"look there"})"
-                           "\n");
+  EXPECT_EQ(written.out(),
+            R"({"command":"until","text":"until 30","error":"failed","hint":"look there"})"
+            "\n");
   EXPECT_EQ(written.notes(), "vkmaster: failed\nhint: look there\n");
 }
 

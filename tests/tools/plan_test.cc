@@ -1,7 +1,10 @@
 #include "tools/vkmaster/plans/plan.h"
 
+#include <filesystem>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include "tests/support/temporary_directory.h"
 #include "tests/tools/fake_daemon.h"
@@ -227,6 +230,69 @@ TEST_F(PlanRunTest, InflowTablesThatWouldLiftLimitsAreRefusedBeforeTheFirstStep)
   EXPECT_THAT(daemon_.Requests(), testing::Not(testing::Contains("07 00 00 00")));
 }
 
+TEST_F(PlanRunTest, RunFileSaysWhatWasRunAndHowItEnded) {
+  const Outcome outcome = Run(R"(
+title = "ten years"
+[advance]
+until = 40
+step = 30
+[record]
+commands = ["data P1", "vars P1 bhp TOTAL_MOLE_FRACTION[2]", "ipr P1 components all lift"]
+[[event]]
+at = 30
+commands = ["shut P1"]
+)");
+  EXPECT_EQ(outcome.status, 0) << outcome.err;
+  const auto run = nlohmann::json::parse(directory_.Read("results/run.json"));
+  EXPECT_EQ(run["title"], "ten years");
+  EXPECT_EQ(run["deck"], "/data/CASE.afi");
+  EXPECT_TRUE(run["deck_sha256"].is_null()) << "this machine does not see the file";
+  EXPECT_EQ(run["daemon"], "127.0.0.1:" + std::to_string(daemon_.port()));
+  EXPECT_EQ(run["simulator_host"], "node17");
+  EXPECT_EQ(run["user"], "alice");
+  EXPECT_EQ(run["simulator_version"], 2017.2);
+  EXPECT_EQ(run["unit_system"], "metric");
+  EXPECT_EQ(run["components"], nlohmann::json({"C1", "CO2"}));
+  EXPECT_EQ(run["start_date"], "2020-01-01");
+  EXPECT_EQ(run["events"][0]["at"], "day 30");
+  EXPECT_EQ(run["events"][0]["commands"][0], "shut P1");
+  EXPECT_EQ(run["end"], "the plan was carried out");
+  EXPECT_EQ(run["last_day"], 40.0);
+  EXPECT_EQ(run["files"], nlohmann::json({"data.csv", "events.csv", "ipr.csv", "shut.csv",
+                                          "steps.csv", "vars.csv"}));
+  EXPECT_THAT(directory_.Read("results/data.csv"),
+              testing::StartsWith("time_days,date,well,status,oil_rate [sm3/d],"));
+  EXPECT_THAT(directory_.Read("results/vars.csv"),
+              testing::StartsWith(
+                  "time_days,date,well,BOTTOM_HOLE_PRESSURE [bar],TOTAL_MOLE_FRACTION[CO2]\n"));
+  EXPECT_THAT(directory_.Read("results/ipr.csv"),
+              HasSubstr(",mole_fraction_C1,mole_fraction_CO2\n"));
+}
+
+TEST_F(PlanRunTest, RunFileOfARunThatFailedSaysSo) {
+  run_.fails = {8};
+  EXPECT_EQ(Run("[advance]\nuntil = 40\n").status, 4);
+  const auto run = nlohmann::json::parse(directory_.Read("results/run.json"));
+  EXPECT_THAT(run["end"].get<std::string>(), testing::StartsWith("failed: The daemon ended the"));
+}
+
+TEST_F(PlanRunTest, ResultsOfAnEarlierRunAreNeitherMixedNorLost) {
+  const std::string plan = "[advance]\nuntil = 40\n";
+  EXPECT_EQ(Run(plan).status, 0);
+  directory_.Write("results/wells.csv", "of yesterday\n");
+  // Nobody is there for a second launch: it is refused before.
+  const Outcome again = Run(plan);
+  EXPECT_EQ(again.status, 2);
+  EXPECT_THAT(again.err, HasSubstr("has the results of an earlier run"));
+  EXPECT_EQ(directory_.Read("results/wells.csv"), "of yesterday\n");
+  FakeRun run;
+  FakeDaemon daemon(FakeDaemon::Launching(run));
+  const Outcome replaced = RunVkmaster(
+      LaunchArguments(daemon.port(), {"--overwrite", "run", directory_.Write("plan.toml", plan)}));
+  EXPECT_EQ(replaced.status, 0) << replaced.err;
+  EXPECT_FALSE(std::filesystem::exists(directory_.File("results/wells.csv")));
+}
+
 TEST_F(PlanRunTest, EventAfterTheEndIsKnownBeforeTheFirstStepAlsoBetweenDaysAndDates) {
   const Outcome outcome =
       Run("[advance]\nuntil = 60\n[[event]]\nat = 2020-03-02\ncommands = [\"shut P1\"]\n");
@@ -268,7 +334,7 @@ commands = ["open P2"]
             "0,2020-01-01,P1,PRODUCER,OPEN\n30,2020-01-31,P1,PRODUCER,OPEN\n"
             "45,2020-02-15,P1,PRODUCER,OPEN\n60,2020-03-01,P1,PRODUCER,SHUT\n");
   EXPECT_THAT(directory_.Read("results/vars.csv"),
-              HasSubstr("time_days,date,well,BOTTOM_HOLE_PRESSURE\n0,2020-01-01,P1,10.5\n"));
+              HasSubstr("time_days,date,well,BOTTOM_HOLE_PRESSURE [bar]\n0,2020-01-01,P1,10.5\n"));
   EXPECT_EQ(directory_.Read("results/open.csv"),
             "time_days,date,well,status\n0,2020-01-01,P2,OPEN\n");
   EXPECT_EQ(daemon_.Requests().back(), "f0 ff 00 00");
@@ -276,12 +342,12 @@ commands = ["open P2"]
 
 TEST_F(PlanRunTest, OtherColumnsOfTheSameCommandHaveAFileOfTheirOwn) {
   Run("[advance]\nuntil = 1\n[record]\ncommands = [\"vars P1 bhp\", \"vars P1 oil\"]\n");
-  EXPECT_EQ(
-      directory_.Read("results/vars.csv"),
-      "time_days,date,well,BOTTOM_HOLE_PRESSURE\n0,2020-01-01,P1,10.5\n1,2020-01-02,P1,10.5\n");
-  EXPECT_EQ(
-      directory_.Read("results/vars_2.csv"),
-      "time_days,date,well,OIL_PRODUCTION_RATE\n0,2020-01-01,P1,10.5\n1,2020-01-02,P1,10.5\n");
+  EXPECT_EQ(directory_.Read("results/vars.csv"),
+            "time_days,date,well,BOTTOM_HOLE_PRESSURE "
+            "[bar]\n0,2020-01-01,P1,10.5\n1,2020-01-02,P1,10.5\n");
+  EXPECT_EQ(directory_.Read("results/vars_2.csv"),
+            "time_days,date,well,OIL_PRODUCTION_RATE "
+            "[sm3/d]\n0,2020-01-01,P1,10.5\n1,2020-01-02,P1,10.5\n");
 }
 
 TEST_F(PlanRunTest, EndOfTheSimulationEndsThePlan) {

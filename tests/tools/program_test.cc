@@ -131,7 +131,8 @@ TEST_F(ProgramTest, StatusShowsTheRunOnOnePage) {
                              "date               2020-01-01\n"
                              "time               0 days\n"
                              "ended              no\n"
-                             "wells              3 (2 open)\n");
+                             "wells              3\n"
+                             "open wells         2\n");
 }
 
 TEST_F(ProgramTest, UntilTakesTheFirstStepItselfAndRunsInOnePiece) {
@@ -364,6 +365,18 @@ TEST_F(ProgramTest, JsonIsOneObjectALine) {
                          "\n"
                          R"({"command":"until","time_days":2.0,"date":"2020-01-03","ended":false})"
                          "\n");
+}
+
+TEST_F(ProgramTest, StatusAsJsonHasUnitSystemAndNumbersOfWells) {
+  const Outcome outcome = Master({"--json", "status"});
+  EXPECT_THAT(outcome.out, HasSubstr(R"("unit_system":"metric")"));
+  EXPECT_THAT(outcome.out, HasSubstr(R"("wells":3,"open_wells":2,"units":{"time_days":"days"})"));
+}
+
+TEST_F(ProgramTest, ErrorAsJsonHasTheNameOfTheCommand) {
+  const Outcome outcome = Master({"--json"}, "shut P9\n");
+  EXPECT_THAT(outcome.out,
+              testing::StartsWith(R"({"command":"shut","text":"shut P9","error":"No well is)"));
 }
 
 TEST_F(ProgramTest, CommandsAreReadFromAPipe) {

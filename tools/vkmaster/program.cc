@@ -30,6 +30,7 @@
 #include "tools/vkmaster/commands/registry.h"
 #include "tools/vkmaster/plans/course.h"
 #include "tools/vkmaster/plans/plan.h"
+#include "tools/vkmaster/plans/run_file.h"
 #include "tools/vkmaster/text/usage_error.h"
 
 namespace vkmaster {
@@ -107,6 +108,9 @@ class Program {
     if (options_.port == 0) throw UsageError("The daemon's port is missing: --port");
     if (options_.run.path.empty()) throw UsageError("The run's data directory is missing: --path");
     if (options_.run.root.empty()) throw UsageError("The model's name is missing: --root");
+    if (!options_.plan.empty()) {
+      MakeRoom(ReadPlan(options_.plan).directory, options_.overwrite);
+    }
   }
 
   Command PlanCommand() const {

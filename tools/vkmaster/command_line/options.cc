@@ -120,6 +120,8 @@ void AddOtherOptions(CLI::App& app, Options& options) {
   app.add_flag("--leave", options.leave, "do not shut the run down at the end");
   app.add_flag("--keep-going", options.keep_going,
                "go on after a command that could not be understood or sent");
+  app.add_flag("--overwrite", options.overwrite,
+               "let the results of a plan replace those of an earlier run");
   app.add_flag("--one-by-one", options.one_by_one,
                "ask for the record of a well only when that of the well before has come");
   AddSeconds(app, "--connect-wait", options.connect_wait, "seconds to wait for the daemon");

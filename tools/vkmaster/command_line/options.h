@@ -42,9 +42,10 @@ struct Options {
   std::chrono::seconds connect_wait{10};
   std::chrono::seconds launch_wait{0};  ///< 0 waits for ever
   std::chrono::seconds shutdown_wait{30};
-  Words words;         ///< the commands
-  std::string plan;    ///< the file of "run PLAN"; empty for none
-  bool check = false;  ///< "run --check PLAN": say what the plan does, without a daemon
+  Words words;             ///< the commands
+  std::string plan;        ///< the file of "run PLAN"; empty for none
+  bool overwrite = false;  ///< a plan's results replace those of an earlier run
+  bool check = false;      ///< "run --check PLAN": say what the plan does, without a daemon
 };
 
 /// Fills `options` from the command line, and for "run PLAN" from the plan where the command line

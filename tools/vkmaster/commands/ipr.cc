@@ -83,7 +83,8 @@ Value At(const std::vector<double>& list, std::size_t point) {
   return point < list.size() ? Value(list[point]) : Value();
 }
 
-Table TableOf(const Units& units, bool bottom_hole, int components) {
+// `components` are the names of those whose mole fractions the table has.
+Table TableOf(const Units& units, bool bottom_hole, const Words& components) {
   Table table{"points",
               "",
               {{"well", "well", ""},
@@ -97,9 +98,9 @@ Table TableOf(const Units& units, bool bottom_hole, int components) {
                {"gas_density", "gas dens", units.density},
                {"water_density", "water dens", units.density}},
               {}};
-  for (int component = 1; component <= components; ++component) {
-    const std::string key = fmt::format("mole_fraction_{}", component);
-    table.columns.push_back({key, fmt::format("x{}", component), ""});
+  for (std::size_t i = 0; i < components.size(); ++i) {
+    table.columns.push_back({fmt::format("mole_fraction_{}", i + 1), "x " + components[i], "",
+                             "mole_fraction_" + components[i]});
   }
   return table;
 }
@@ -210,7 +211,11 @@ Result BuildIPR(Session& session, const IPROrder& order) {
   const std::vector<std::vector<std::string>> groups = Parts(names, 21, 0);
 
   Result result{.command = "ipr"};
-  result.tables.push_back(TableOf(units, order.bottom_hole, components));
+  const Words names_of_components =
+      components == 0
+          ? Words()
+          : Words(session.Components().begin(), session.Components().begin() + components);
+  result.tables.push_back(TableOf(units, order.bottom_hole, names_of_components));
   std::size_t drawn = 0;
   for (const std::vector<std::string>& group : groups) {
     const master::IPRTables tables = session.run().GetWellIPRData({.wells = group,

@@ -1,6 +1,7 @@
 #include "tools/vkmaster/commands/registry.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <functional>
 #include <utility>
 
@@ -55,12 +56,6 @@ Result Shutdown(Session& session) {
   return One("shutdown", {"shut_down", "shut down", true, ""});
 }
 
-std::string WellsInNumbers(const std::vector<master::WellStatus>& wells) {
-  const auto open = std::count_if(wells.begin(), wells.end(),
-                                  [](const auto& well) { return well.status == "OPEN"; });
-  return fmt::format("{} ({} open)", wells.size(), open);
-}
-
 Result Status(Session& session) {
   const Launched& launched = session.launched();
   master::Run& run = session.run();
@@ -76,13 +71,17 @@ Result Status(Session& session) {
   add("simulator_host", "simulator on", launched.simulator_host);
   add("interface", "version asked for", launched.request.version);
   add("version", "simulator version", run.GetVersion());
-  add("units", "unit system", UnitsOf(session.Metric()).system);
+  add("unit_system", "unit system", UnitsOf(session.Metric()).system);
   add("compositional", "compositional", run.GetCompFlag());
   add("start_date", "start date", FormatDate(session.StartDate()));
   add("date", "date", FormatDate(run.GetDate()));
   add("time_days", "time", session.TimeDays(), "days");
   add("ended", "ended", session.Ended());
-  add("wells", "wells", WellsInNumbers(session.Wells()));
+  const std::vector<master::WellStatus> wells = session.Wells();
+  add("wells", "wells", static_cast<std::int64_t>(wells.size()));
+  add("open_wells", "open wells",
+      std::int64_t{std::count_if(wells.begin(), wells.end(),
+                                 [](const auto& well) { return well.status == "OPEN"; })});
   return result;
 }
 

@@ -106,6 +106,11 @@ Result VarsResult(Session& session, const Words& patterns,
   for (const std::string& property : properties) CheckComponent(session, property);
   for (const std::string& property : properties) {
     table.columns.push_back({property, ShortName(property), UnitOf(property, units)});
+    if (const int component = ComponentOf(property); component > 0) {
+      const std::string& name = session.Components().at(static_cast<std::size_t>(component) - 1);
+      table.columns.back().label = "x " + name;
+      table.columns.back().recorded = "TOTAL_MOLE_FRACTION[" + name + "]";
+    }
   }
   for (const std::string& well : wells) {
     const std::vector<double> values = session.run().GetWellVariables(well, properties);

@@ -245,7 +245,11 @@ void Output::WriteError(const std::string& command, const std::string& text,
   Note("vkmaster: " + Printable(text));
   if (!hint.empty()) Note("hint: " + Printable(hint));
   if (form_ != Form::kJson) return;
-  Json object{{"command", command}, {"error", text}};
+  // Programs compare the name with that of the results.
+  const std::string name = command.substr(0, command.find(' '));
+  Json object{{"command", name}};
+  if (name != command) object["text"] = command;
+  object["error"] = text;
   if (!hint.empty()) object["hint"] = hint;
   if (before_) before_();
   Tell(out_, Dump(object));

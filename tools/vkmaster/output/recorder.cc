@@ -48,11 +48,22 @@ void Recorder::Write(const Result& result) {
   }
 }
 
+std::set<std::string> Recorder::Files() const {
+  std::set<std::string> names;
+  for (const auto& [key, file] : files_) {
+    names.insert(std::filesystem::path(file.path).filename().string());
+  }
+  return names;
+}
+
 void Recorder::WriteTable(const std::string& name, const Table& table) {
   std::vector<std::string> header{"time_days", "date"};
   for (const Column& column : table.columns) {
     // The state at a stop has columns of its own for time and date, with the same values.
-    if (column.key != "time_days" && column.key != "date") header.push_back(column.key);
+    if (column.key != "time_days" && column.key != "date") {
+      const std::string& title = column.recorded.empty() ? column.key : column.recorded;
+      header.push_back(column.unit.empty() ? title : title + " [" + column.unit + "]");
+    }
   }
   std::string text;
   for (const auto& row : table.rows) {

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 
 #include "tools/vkmaster/output/output.h"
@@ -19,6 +20,9 @@ class Recorder : public Output {
 
   /// The time and date of the results to come.
   void SetTime(double days, std::string date);
+
+  /// The names of the files that have been written.
+  std::set<std::string> Files() const;
 
   /// Replaces files of earlier runs when it first writes to them. Throws UsageError when a file
   /// cannot be written.

@@ -21,6 +21,7 @@ struct Column {
   std::string key;
   std::string label;
   std::string unit;
+  std::string recorded{};  ///< in the files of a plan, where it says more than the key; else empty
 };
 
 struct Table {

@@ -7,7 +7,9 @@
 
 #include <fmt/format.h>
 
+#include "master/errors.h"
 #include "tools/vkmaster/output/recorder.h"
+#include "tools/vkmaster/plans/run_file.h"
 #include "tools/vkmaster/text/usage_error.h"
 
 namespace vkmaster {
@@ -27,15 +29,35 @@ class Course {
 
   void Run() {
     // Before the first step: what is wrong in the last event must not cost the run.
-    double now = session_.TimeDays();
+    const double now = session_.TimeDays();
     target_ = DaysOf(plan_.until, session_);
     if (target_ - now < kSameTime) {
       throw UsageError(fmt::format("The run is at day {:.6g}, beyond the plan's end", now));
     }
     SortEvents();
     CheckCommands();
-    session_.FirstStep();
-    now = session_.TimeDays();
+    RunFile file(plan_, session_);
+    try {
+      session_.FirstStep();
+      CarryOn(session_.TimeDays());
+      file.End(session_.has_ended() ? "the simulation ended" : "the plan was carried out",
+               session_.last_days(), recorder_.Files());
+    } catch (const master::Interrupted&) {
+      file.End("interrupted", session_.last_days(), recorder_.Files());
+      throw;
+    } catch (const std::exception& error) {
+      file.End(std::string("failed: ") + error.what(), session_.last_days(), recorder_.Files());
+      throw;
+    }
+  }
+
+ private:
+  struct Timed {
+    double at;
+    const PlanEvent* event;
+  };
+
+  void CarryOn(double now) {
     context_.progress.BeginAdvance(now, target_);
     Stop(now, true);
     while (target_ - now >= kSameTime && !session_.has_ended()) {
@@ -45,12 +67,6 @@ class Course {
     }
     context_.progress.End();
   }
-
- private:
-  struct Timed {
-    double at;
-    const PlanEvent* event;
-  };
 
   void SortEvents() {
     for (const PlanEvent& event : plan_.events) {

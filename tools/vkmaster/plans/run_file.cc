@@ -1,0 +1,153 @@
+#include "tools/vkmaster/plans/run_file.h"
+
+#include <errno.h>
+
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <system_error>
+#include <vector>
+
+#include <fmt/chrono.h>
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+#include "tools/vkmaster/plans/plan.h"
+#include "tools/vkmaster/session/session.h"
+#include "tools/vkmaster/session/units.h"
+#include "tools/vkmaster/text/sha256.h"
+#include "tools/vkmaster/text/usage_error.h"
+
+namespace vkmaster {
+namespace {
+
+using Json = nlohmann::ordered_json;
+namespace fs = std::filesystem;
+
+const char* const kName = "run.json";
+
+std::string Now() {
+  return fmt::format(
+      "{:%Y-%m-%dT%H:%M:%SZ}",
+      fmt::gmtime(std::chrono::system_clock::to_time_t(std::chrono::system_clock::now())));
+}
+
+Json Texts(const std::vector<Command>& commands) {
+  Json texts = Json::array();
+  for (const Command& command : commands) texts.push_back(command.text);
+  return texts;
+}
+
+// The input file as the daemon's host names it. Its digest is there when this machine sees the
+// file, too; "" else.
+std::string DeckOf(const master::RunRequest& run) {
+  return run.path + run.root + ".afi";
+}
+
+std::string DigestOf(const std::string& file) {
+  std::ifstream in(file, std::ios::binary);
+  if (!in) return "";
+  const std::string bytes{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+  return Sha256(bytes);
+}
+
+std::vector<fs::path> ResultsIn(const std::string& directory) {
+  std::vector<fs::path> results;
+  std::error_code error;
+  for (const fs::directory_entry& entry : fs::directory_iterator(directory, error)) {
+    const bool ours = entry.path().filename() == kName || entry.path().extension() == ".csv";
+    if (ours && entry.is_regular_file(error)) results.push_back(entry.path());
+  }
+  return results;
+}
+
+// Replaced as a whole: whoever reads it at any moment finds one of the two.
+void Write(const std::string& path, const std::string& text) {
+  const std::string next = path + ".new";
+  std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(next.c_str(), "we"), std::fclose);
+  const bool written = file &&
+                       std::fwrite(text.data(), 1, text.size(), file.get()) == text.size() &&
+                       std::fflush(file.get()) == 0;
+  const int error = errno;
+  file.reset();
+  if (!written || std::rename(next.c_str(), path.c_str()) != 0) {
+    throw UsageError(fmt::format("Cannot write '{}': {}", path,
+                                 std::generic_category().message(written ? errno : error)));
+  }
+}
+
+std::string Dump(const Json& json) {
+  return json.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
+}
+
+}  // namespace
+
+struct RunFile::Content {
+  Json json;
+};
+
+RunFile::RunFile(const Plan& plan, Session& session)
+    : path_((fs::path(plan.directory) / kName).string()), content_(std::make_unique<Content>()) {
+  const Launched& launched = session.launched();
+  const master::RunRequest& run = launched.request;
+  Json& json = content_->json;
+  json["title"] = plan.title;
+  json["plan"] = plan.file;
+  json["deck"] = DeckOf(run);
+  const std::string digest = DigestOf(DeckOf(run));
+  json["deck_sha256"] = digest.empty() ? Json(nullptr) : Json(digest);
+  json["daemon"] = fmt::format("{}:{}", launched.daemon_host, launched.daemon_port);
+  json["simulator_host"] = launched.simulator_host;
+  json["user"] = run.user;
+  json["processes"] = run.processes;
+  json["cluster"] = run.cluster;
+  json["vkmaster_version"] = JOBMILL_VERSION;
+  json["protocol_version"] = launched.daemon_version;
+  json["interface"] = run.version;
+  json["simulator_version"] = session.run().GetVersion();
+  json["unit_system"] = UnitsOf(session.Metric()).system;
+  json["components"] = session.Components();
+  json["start_date"] = FormatDate(session.StartDate());
+  json["until"] = FormatTarget(plan.until);
+  json["step"] = plan.step ? Json(FormatStep(*plan.step)) : Json(nullptr);
+  json["record"] = Texts(plan.record);
+  json["events"] = Json::array();
+  for (const PlanEvent& event : plan.events) {
+    json["events"].push_back({{"at", FormatTarget(event.at)}, {"commands", Texts(event.commands)}});
+  }
+  json["began"] = Now();
+  json["finished"] = nullptr;
+  json["end"] = "running, or ended without a word";
+  Write(path_, Dump(json));
+}
+
+RunFile::~RunFile() = default;
+
+void RunFile::End(const std::string& how, double day, const std::set<std::string>& files) {
+  Json& json = content_->json;
+  json["finished"] = Now();
+  json["end"] = how;
+  json["last_day"] = day;
+  json["files"] = files;
+  try {
+    Write(path_, Dump(json));
+  } catch (const UsageError&) {
+    return;
+  }
+}
+
+void MakeRoom(const std::string& directory, bool overwrite) {
+  const std::vector<fs::path> results = ResultsIn(directory);
+  if (results.empty()) return;
+  if (!overwrite) {
+    throw UsageError(fmt::format(
+        "'{}' has the results of an earlier run. Give the plan another directory, or --overwrite, "
+        "which removes {} and the CSV files there",
+        directory, kName));
+  }
+  for (const fs::path& file : results) fs::remove(file);
+}
+
+}  // namespace vkmaster

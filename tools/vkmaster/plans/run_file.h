@@ -1,0 +1,36 @@
+#pragma once
+
+#include <memory>
+#include <set>
+#include <string>
+
+namespace vkmaster {
+
+class Session;
+struct Plan;
+
+/// run.json in the directory of a plan's results: what was run, where, by whom, when, and how it
+/// ended, so that the results can be trusted when nobody remembers the run.
+class RunFile {
+ public:
+  /// Writes the file for a run that begins. Throws UsageError when it cannot be written.
+  RunFile(const Plan& plan, Session& session);
+  RunFile(const RunFile&) = delete;
+  RunFile& operator=(const RunFile&) = delete;
+  ~RunFile();
+
+  /// Writes the file anew with the end of the run. Never throws: the end may be that of the disk's
+  /// room.
+  void End(const std::string& how, double day, const std::set<std::string>& files);
+
+ private:
+  struct Content;
+  std::string path_;
+  std::unique_ptr<Content> content_;
+};
+
+/// Throws UsageError when the plan's directory has results already: those of two runs would be
+/// mixed, or the earlier ones lost. With `overwrite` they are removed.
+void MakeRoom(const std::string& directory, bool overwrite);
+
+}  // namespace vkmaster
