@@ -75,7 +75,7 @@ timeout() {
   HOME=$work/home PATH=$work/opt/jobmill/bin:$PATH \
     bash "$work/commands" >"$work/out" 2>&1 3>&- 4>&-
   grep -q 'Host detected: ' "$work/out"
-  grep -q 'wells  *10 (10 open)' "$work/out"
+  grep -q 'open wells  *10' "$work/out"
   # By the daemon, by hand, and by the script of one's own.
   [[ $(grep -c '^HOST=' "$work/out") == 3 ]]
   sed -n '/^MINE$/,$p' "$work/out" | grep -qx "HOST=\($(uname -n)\|localhost\)"

@@ -64,4 +64,10 @@ TEST(EndOfStep, QuartersAndYearsEndOnTheirFirsts) {
   EXPECT_EQ(EndOfStep(ParseStep("yearly"), start, 47), 47 + 365);
 }
 
+TEST(ParseStep, WeeksAreCountedToo) {
+  EXPECT_EQ(vkmaster::ParseStep("2w"), (vkmaster::Step{vkmaster::Step::Kind::kDays, 14}));
+  EXPECT_THROW(vkmaster::ParseStep("0w"), vkmaster::UsageError);
+  EXPECT_THROW(vkmaster::ParseStep("w"), vkmaster::UsageError);
+}
+
 }  // namespace

@@ -122,6 +122,16 @@ TEST_F(WellCommandsTest, DataIsATableOfOperatingPoints) {
             "P1,OPEN,200,202,201,203,204,250.5,30.25,0.95\n");
 }
 
+TEST_F(WellCommandsTest, FieldAddsRatesUpOverTheDaysBetween) {
+  Do("field");
+  run_.time = 10;
+  EXPECT_EQ(Do("field"),
+            "oil_rate,water_rate,gas_rate,water_injection_rate,gas_injection_rate,oil_total,"
+            "water_total,gas_total,water_injection_total,gas_injection_total\n"
+            "600,606,603,609,612,6000,6060,6030,6090,6120\n");
+  EXPECT_THAT(Do("field", Form::kText), HasSubstr("oil total       6000 sm3\n"));
+}
+
 TEST_F(WellCommandsTest, UnitsFollowTheRun) {
   EXPECT_THAT(Do("data P1", Form::kText), HasSubstr("oil [sm3/d]"));
   EXPECT_THAT(Do("data P1", Form::kText), HasSubstr("bhp [bar]"));

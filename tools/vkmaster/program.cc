@@ -352,7 +352,10 @@ class Program {
   int Finish(int status) {
     if (session_->shut_down() || !link_usable_) return status;
     if (options_.leave) {
-      output_.Note("note: The run was left without a shutdown");
+      output_.Note(
+          "note: The run was left without a shutdown: its controller ends with this connection, "
+          "and "
+          "whether the simulator ends with its controller is up to the simulator");
       return status;
     }
     if (interrupt_.signal() != 0) {

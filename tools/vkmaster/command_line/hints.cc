@@ -62,7 +62,7 @@ std::string HintForRefusal(const std::string& text, const master::RunRequest& re
     return fmt::format(
         "Give another --user, or have a line \"{} LINUX_ACCOUNT 1\" added to .vk_corvane_users "
         "beside the daemon's program (from a package /etc/jobmill/users); it counts from the next "
-        "launch on. An empty or incomplete "
+        "launch on. Blanks separate there, a tab belongs to the name. An empty or incomplete "
         "line ends that file: users below it are not found",
         request.user);
   }
@@ -82,7 +82,8 @@ std::string HintForRefusal(const std::string& text, const master::RunRequest& re
     return fmt::format(
         "The distribution script ended without a line HOST=name; {} has all that it printed. Is "
         "the daemon's script (-s) executable, do {} and the model {} exist on the daemon's host, "
-        "and may the account read and write there?",
+        "and may the account read and write there? The log also says when the port for the "
+        "simulator was taken (the daemon's -o gives the first of them)",
         kDaemonLog, request.path, request.root);
   }
   return fmt::format("The text is the daemon's; see also {}", kDaemonLog);

@@ -1,6 +1,8 @@
 #include "tools/vkmaster/command_line/options.h"
 
+#include <pwd.h>
 #include <stdlib.h>
+#include <unistd.h>
 
 #include <map>
 #include <memory>
@@ -56,7 +58,8 @@ std::string DefaultUser() {
     const char* user = getenv(name);
     if (user != nullptr && *user != '\0') return user;
   }
-  return "";
+  const passwd* account = getpwuid(getuid());
+  return account == nullptr ? "" : account->pw_name;
 }
 
 void AddSeconds(CLI::App& app, const std::string& name, std::chrono::seconds& value,
@@ -77,7 +80,10 @@ void AddLaunchOptions(CLI::App& app, Options& options) {
       ->group(group)
       ->check(CLI::Range(1, 65535))
       ->envname("VKMASTER_PORT");
-  text("--path", options.run.path, "data directory of the run, on the daemon's side")
+  text("--path", options.run.path,
+       "data directory of the run, on the daemon's side, with a slash at its end: the daemon puts "
+       "the "
+       "model's name right behind it, also for the comms log, PATH + CASE + .crvnlog")
       ->type_name("DIR");
   text("--root", options.run.root, "name of the model, without extension");
   text("--processes", options.run.processes, "processes of the simulator")
@@ -86,7 +92,8 @@ void AddLaunchOptions(CLI::App& app, Options& options) {
       ->type_name("{2016.2,2017.2}")
       ->check(CLI::NonNegativeNumber)
       ->envname("VKMASTER_API");
-  text("--user", options.run.user, "Windows user name")->envname("VKMASTER_USER");
+  text("--user", options.run.user, "Windows user name; USER, LOGNAME or the account unless given")
+      ->envname("VKMASTER_USER");
   text("--debug", options.run.debug, "debug flag for the distribution script");
   text("--cluster", options.run.cluster, "cluster number, 0 for none")
       ->check(CLI::NonNegativeNumber);
@@ -117,7 +124,10 @@ void AddOtherOptions(CLI::App& app, Options& options) {
   app.add_flag_callback(
       "--no-progress", [&options] { options.progress = false; },
       "no progress line on the terminal");
-  app.add_flag("--leave", options.leave, "do not shut the run down at the end");
+  app.add_flag(
+      "--leave", options.leave,
+      "do not shut the run down at the end: its controller ends with the connection, and the "
+      "simulator is left to end by itself");
   app.add_flag("--keep-going", options.keep_going,
                "go on after a command that could not be understood or sent");
   app.add_flag("--overwrite", options.overwrite,

@@ -1,5 +1,7 @@
 #include "tools/vkmaster/commands/advance.h"
 
+#include <string>
+#include <variant>
 #include <vector>
 
 #include <fmt/format.h>
@@ -102,6 +104,22 @@ void CheckOrder(const std::vector<Command>& commands) {
     }
     reached = next;
   }
+}
+
+Result FieldResult(Session& session) {
+  Result result{.command = "field"};
+  AddSums(session, result);
+  const std::size_t rates = result.fields.size();
+  std::vector<double> values;
+  for (const Field& field : result.fields) values.push_back(std::get<double>(field.value));
+  const std::vector<double>& sums = session.AddUp(session.TimeDays(), values);
+  for (std::size_t i = 0; i < rates; ++i) {
+    const Field rate = result.fields[i];
+    const std::string key = rate.key.substr(0, rate.key.find("_rate")) + "_total";
+    const std::string unit = rate.unit.substr(0, rate.unit.find("/d"));
+    result.fields.push_back({key, rate.label + " total", sums[i], unit});
+  }
+  return result;
 }
 
 Result StateRow(Session& session, const std::string& command, bool rates) {

@@ -36,6 +36,11 @@ void Advance(Context& context, const AdvanceRequest& request);
 /// that depends on the start of the run, it is found out when the command is carried out.
 void CheckOrder(const std::vector<Command>& commands);
 
+/// The sums over all wells, and what they have added up to since the first time that this was asked
+/// for in the session: rates times the days since the time before, so the more often it is asked
+/// for, the better it is.
+Result FieldResult(Session& session);
+
 /// The row of the present state: time, date, ended, and with `rates` the sums over all wells.
 Result StateRow(Session& session, const std::string& command, bool rates);
 

@@ -175,6 +175,15 @@ void Session::Plan(const master::WellConstraints& constraints) {
   for (const std::string& name : constraints.names) planned_.insert({constraints.well, name});
 }
 
+const std::vector<double>& Session::AddUp(double days, const std::vector<double>& rates) {
+  sums_.resize(rates.size());
+  for (std::size_t i = 0; i < rates.size(); ++i) {
+    sums_[i] += rates[i] * (days - added_up_to_.value_or(days));
+  }
+  added_up_to_ = days;
+  return sums_;
+}
+
 void SetConstraint(master::WellConstraints& well, const std::string& name, double value) {
   const auto found = std::find(well.names.begin(), well.names.end(), name);
   if (found == well.names.end()) {

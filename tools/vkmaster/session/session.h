@@ -91,6 +91,10 @@ class Session {
   bool Knows(const std::string& well, const std::string& name, bool planned) const;
   void Plan(const master::WellConstraints& constraints);
 
+  /// Adds rates times the days since the last call to the sums of all calls, and returns these. The
+  /// first call of a session gives zeros.
+  const std::vector<double>& AddUp(double days, const std::vector<double>& rates);
+
   /// The external sources that were attached in this session.
   void RememberSource(const std::string& source) { sources_.insert(source); }
   const std::set<std::string>& sources() const { return sources_; }
@@ -113,6 +117,8 @@ class Session {
   std::map<std::string, master::WellConstraints> constraints_;
   std::set<std::pair<std::string, std::string>> planned_;  // wells and names of limits
   std::set<std::string> sources_;
+  std::optional<double> added_up_to_;
+  std::vector<double> sums_;
 };
 
 /// Sets `name` to `value` among the constraints of `well`, replacing what it was.

@@ -83,7 +83,12 @@ Step ParseStep(const std::string& word) {
   if (word == "monthly") return {Step::Kind::kMonthly, 0};
   if (word == "quarterly") return {Step::Kind::kQuarterly, 0};
   if (word == "yearly") return {Step::Kind::kYearly, 0};
-  const std::string what = "A number of days, daily, weekly, monthly, quarterly or yearly";
+  if (word.size() > 1 && word.back() == 'w') {
+    const double weeks = ParseNumber(word.substr(0, word.size() - 1), "A number of weeks before w");
+    if (weeks > 0) return {Step::Kind::kDays, 7 * weeks};
+  }
+  const std::string what =
+      "A number of days, 2w for weeks, daily, weekly, monthly, quarterly or yearly";
   const double days = ParseNumber(word, what);
   if (days <= 0) throw UsageError(what + " wanted, not '" + word + "'");
   return {Step::Kind::kDays, days};

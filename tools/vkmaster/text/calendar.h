@@ -42,7 +42,7 @@ struct Step {
   bool operator==(const Step&) const = default;
 };
 
-/// "30", "daily", "weekly", "monthly", "quarterly", "yearly". Throws UsageError.
+/// "30", "2w", "daily", "weekly", "monthly", "quarterly", "yearly". Throws UsageError.
 Step ParseStep(const std::string& word);
 
 /// "monthly", or "of 30 days".
