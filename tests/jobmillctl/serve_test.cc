@@ -122,6 +122,15 @@ TEST(TargetTest, VariablesAreDecoded) {
   EXPECT_EQ(target.variables.at("%zz"), "%4");
 }
 
+TEST(FieldsTest, TimesHaveTheirZone) {
+  EXPECT_EQ(TimeIn("2027-01-15T08:00:00+00:00"), kNoon);
+  EXPECT_EQ(TimeIn("2027-01-15T13:30:00+05:30"), kNoon);
+  EXPECT_EQ(TimeIn("2027-01-15T03:30:00-04:30"), kNoon);
+  EXPECT_EQ(TimeIn("2027-01-15T08:00:00"), std::nullopt);
+  EXPECT_EQ(TimeIn("yesterday"), std::nullopt);
+  EXPECT_EQ(TimeIn(Json()), std::nullopt);
+}
+
 TEST(BoardTest, PageShowsRunsInTheirStatesAndTheFilters) {
   Site site;
   inspect::Runs found;

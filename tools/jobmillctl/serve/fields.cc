@@ -2,8 +2,6 @@
 
 #include <time.h>
 
-#include <cstdio>
-
 namespace jobmillctl::serve {
 
 const Json& At(const Json& document, std::initializer_list<const char*> names) {
@@ -31,19 +29,11 @@ std::string TextOf(const Json& object, const char* field) {
 std::optional<double> TimeIn(const Json& text) {
   if (!text.is_string()) return std::nullopt;
   tm time{};
-  int hours = 0;
-  int minutes = 0;
-  char sign = '+';
   const auto& written = text.get_ref<const std::string&>();
-  if (sscanf(written.c_str(), "%d-%d-%dT%d:%d:%d%c%d:%d", &time.tm_year, &time.tm_mon,
-             &time.tm_mday, &time.tm_hour, &time.tm_min, &time.tm_sec, &sign, &hours,
-             &minutes) != 9) {
-    return std::nullopt;
-  }
-  time.tm_year -= 1900;
-  time.tm_mon -= 1;
-  const int offset = (hours * 60 + minutes) * 60;
-  return static_cast<double>(timegm(&time) - (sign == '-' ? -offset : offset));
+  const char* rest = strptime(written.c_str(), "%Y-%m-%dT%H:%M:%S%z", &time);
+  if (rest == nullptr || *rest != '\0') return std::nullopt;
+  const long offset = time.tm_gmtoff;  // timegm() sets it to zero
+  return static_cast<double>(timegm(&time) - offset);
 }
 
 }  // namespace jobmillctl::serve

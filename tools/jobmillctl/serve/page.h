@@ -30,7 +30,7 @@ inline constexpr const char* kFailed = "failed";
 std::string RunsPage(const View& view, const Filter& filter);
 
 /// All about one run, and how it came there.
-std::string RunPage(const View& view, const Timeline& run);
+std::string RunPage(const View& view, const Timeline& timeline);
 
 /// A page that says one sentence.
 std::string SentencePage(const View& view, const std::string& sentence);
