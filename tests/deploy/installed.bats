@@ -12,7 +12,7 @@ teardown() { rm -rf "$work"; }
 @test "TreeHasProgramsScriptsAndMeasures" {
   install_to "$work" /opt/jobmill >"$work/install.txt"
   cd "$work/opt/jobmill"
-  find . ! -type d ! -path './share/doc/*' ! -path './share/man/*' \
+  find . ! -type d ! -path './share/doc/*' ! -path './share/man/*' ! -path './share/jobmill/python/*' \
     -printf '%P\n' | sort >"$work/files"
   diff - "$work/files" <<'FILES'
 bin/jobmillctl
@@ -27,6 +27,7 @@ share/jobmill/describe.sh
 share/jobmill/examples/COMP.afi
 share/jobmill/examples/TENWELLS.afi
 share/jobmill/examples/TWOWELLS.afi
+share/jobmill/examples/toy_field.py
 share/jobmill/logrotate/jobmill
 share/jobmill/monitoring/alerts.yml
 share/jobmill/monitoring/dashboard.json
@@ -51,6 +52,9 @@ share/jobmill/wireshark/jobmill.lua
 share/zsh/site-functions/_jobmillctl
 share/zsh/site-functions/_vkmaster
 FILES
+  # The Python kit is whole, and nothing that Python has made of it is there.
+  modules() { find jobmill ! -type d ! -path '*/__pycache__/*' | sort; }
+  diff <(cd "$root_directory/python" && modules) <(cd share/jobmill/python && find jobmill ! -type d | sort)
   [[ $(readlink -f bin/vkmpi_dir.sh) == "$PWD/share/jobmill/scripts/local" ]]
   # Readable by everybody, writable by their owner alone.
   [[ -z $(find . -type f ! -perm 755 ! -perm 644) ]]
