@@ -38,6 +38,7 @@ case $3 in
     delay='--step-delay 3600000'
     ;;
   STEP*) delay='--step-delay 3600000' ;;
+  BUSY*) sed -i 's/^max_step.*/max_step = 0.0001/' "$2$3.afi" ;;
 esac
 read -r mark </proc/sys/kernel/random/uuid
 JOBMILL_RUN=$mark "$VKSIM" "$2" "$3" --port "$4" --processes "$1" $delay >"$3.out" 2>&1 </dev/null &

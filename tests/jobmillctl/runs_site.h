@@ -14,7 +14,8 @@
 ///   QUEUED  the script tells of a job and names no host
 ///   ABSENT  the script names a host on which no simulator listens
 ///   HELD    the script waits for the file ROOT.go beside the model; then like STEP
-///   STEP    each step takes the stand-in simulator an hour
+///   STEP    each step takes the stand-in simulator an hour, in which it does nothing
+///   BUSY    the stand-in simulator computes in steps of a few seconds of simulated time
 ///
 /// With other names it is the stand-in simulator as it is. Ended is the simulator by its script, at
 /// SIGTERM, and not otherwise.

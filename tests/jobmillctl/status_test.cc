@@ -18,6 +18,7 @@
 namespace {
 
 using nlohmann::json;
+using testing::ContainsRegex;
 using testing::HasSubstr;
 using testing::StartsWith;
 
@@ -166,6 +167,19 @@ TEST(StatusTest, OneRunIsShownWithItsLogs) {
   EXPECT_EQ(document.at("runs").at(0).at("root"), "CASE");
   const Outcome log = Jobmillctl({"log", id});
   EXPECT_THAT(log.out, StartsWith("Received header: 1\nConnect on host: 127.0.0.1\\x00, port: "));
+}
+
+TEST(StatusTest, SimulatorThatComputesIsToldFromOneThatDoesNot) {
+  RunsSite site;
+  const char* to_the_end = "08 00 00 00 00 00 00 00 00 00 a9 40";
+  for (const char* root : {"BUSY1", "STEP1"}) {
+    site.Connect(root).Send(Bytes(to_the_end));
+    ASSERT_TRUE(site.WaitForState(root, kSimulator));
+  }
+  EXPECT_THAT(Jobmillctl({"status", "BUSY1"}).out,
+              ContainsRegex("\nsimulator is           computing, [01]\\.[0-9]{2} processors\n"));
+  EXPECT_THAT(Jobmillctl({"status", "STEP1"}).out,
+              HasSubstr("\nsimulator is           no processor time in this second\n"));
 }
 
 TEST(StatusTest, LogIsFollowedUntilTheRunEnds) {

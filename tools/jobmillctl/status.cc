@@ -1,11 +1,15 @@
+#include <chrono>
 #include <cstdio>
 #include <memory>
+#include <optional>
 #include <string>
+#include <thread>
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
 #include "inspect/history.h"
+#include "inspect/process.h"
 #include "inspect/runs.h"
 #include "tools/jobmillctl/command.h"
 #include "tools/jobmillctl/history_view.h"
@@ -42,6 +46,21 @@ bool PrintEnded(const Given& given, const inspect::Runs& found) {
   return true;
 }
 
+// Whether a simulator that is waited for computes: what it uses while this looks on for a second.
+// Empty where there is nothing to see on this machine.
+std::string ComputingText(const inspect::Run& run) {
+  if (run.state != inspect::RunState::kSimulator || !run.simulator) return {};
+  const auto before = inspect::Process::Open(*run.simulator);
+  if (!before) return {};
+  constexpr std::chrono::seconds kLook{1};
+  std::this_thread::sleep_for(kLook);
+  const auto after = inspect::Process::Open(before->stat().id);
+  if (!after) return "it has just ended";
+  const double used = inspect::Seconds(after->stat().ticks - before->stat().ticks);
+  if (used == 0) return "no processor time in this second";
+  return fmt::format("computing, {:.2f} processors", used / kLook.count());
+}
+
 int PrintStatus(const Given& given) {
   inspect::Runs found = inspect::FindRuns();
   const double now = inspect::Now();
@@ -58,6 +77,8 @@ int PrintStatus(const Given& given) {
   } else {
     const inspect::Run& run = found.runs.front();
     for (const std::string& line : DetailsOf(run, now)) fmt::print("{}\n", line);
+    const std::string computing = ComputingText(run);
+    if (!computing.empty()) fmt::print("{:<22} {}\n", "simulator is", computing);
     for (const RunLog& log : LogsOf(run)) {
       fmt::print("\n{}\n", log.title);
       for (const std::string& line : LastLines(log, kLastLines)) fmt::print("  {}\n", line);
