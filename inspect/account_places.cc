@@ -132,15 +132,19 @@ Findings CheckAccountPlaces(const Site& site, const std::string& null) {
   for (const auto& [obstacle, names] :
        AskAll(accounts, [&] { return ObstacleOfTemporary(directory); })) {
     findings.push_back({"host.temporary", Severity::kError, directory, 0,
-                        "is where runs of " + names + " make temporary files, and " + obstacle,
+                        std::string("is where runs of ")
+                            .append(names)
+                            .append(" make temporary files, and ")
+                            .append(obstacle),
                         "scripts for clusters refuse the run, and simulators may fail",
                         "give it the mode 1777, and room"});
   }
   for (const auto& [obstacle, names] : AskAll(accounts, [&] { return ObstacleOfNull(null); })) {
-    findings.push_back({"host.null-device", Severity::kError, null, 0,
-                        "is used by every script of " + names + ", and " + obstacle,
-                        "every run is refused with 'No host detected'",
-                        "make it again, with 'mknod -m 666 FILE c 1 3'"});
+    findings.push_back(
+        {"host.null-device", Severity::kError, null, 0,
+         std::string("is used by every script of ").append(names).append(", and ").append(obstacle),
+         "every run is refused with 'No host detected'",
+         "make it again, with 'mknod -m 666 FILE c 1 3'"});
   }
   return findings;
 }
