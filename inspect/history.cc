@@ -176,6 +176,7 @@ void Reading::ReadComms() {
     sharers[item.comms_log].push_back(&item);
   }
   std::vector<CommsLogFile> files;
+  files.reserve(sharers.size());
   for (const auto& [file, items] : sharers) files.push_back({file, items.back()->owner});
   texts_ = ReadCommsLogs(files);
   auto text = texts_.begin();

@@ -190,7 +190,7 @@ std::vector<std::vector<LogPart>> FindLogs(const Runs& now, double since,
     }
     const std::string error = Inspect(*part);
     if (!error.empty() && !part->first) {
-      missing.push_back(file + ": " + error);
+      missing.push_back(std::string(file).append(": ").append(error));
       continue;
     }
     if (!IsTrusted(*part, now)) {

@@ -141,7 +141,7 @@ std::vector<ProcessStat> Machine::Descendants(pid_t ancestor) const {
 
 std::optional<Jobmill> Machine::ReadAgain(const Jobmill& jobmill) {
   ReadSocketsAgain();
-  const auto again = ReadJobmill(jobmill.stat);
+  auto again = ReadJobmill(jobmill.stat);
   if (again) jobmills_[jobmill.stat.id.pid] = *again;
   return again;
 }
