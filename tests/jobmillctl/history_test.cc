@@ -3,6 +3,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <map>
 
@@ -136,6 +137,12 @@ TEST_F(HistoryTest, EachWayOfEndingIsTold) {
   WaitForEnd("ABSENT", "failed: ");
   ASSERT_TRUE(daemon_->WaitForLog("Incorrect response from Corvane"));
 
+  // While a script or simulator has not ended, its run is among those that go on.
+  ASSERT_TRUE(Eventually([&] {
+    const json document = json::parse(Jobmillctl({"status", "--json"}).out);
+    return std::ranges::none_of(document.at("runs"),
+                                [&](const json& run) { return run.at("port") == daemon_->port(); });
+  }));
   const auto runs = HistoryOf(*daemon_, {"--all"});
   struct Expected {
     const char* root;

@@ -104,7 +104,7 @@ std::string Findings(bool of_others) {
   for (const auto& entry : fs::directory_iterator(inspect::kConfigurationDirectory, error)) {
     if (entry.path().extension() == ".conf") words.push_back(entry.path().stem());
   }
-  const std::string output = OutputOf(words);
+  std::string output = OutputOf(words);
   Json document = Json::parse(output, nullptr, false);
   if (document.is_discarded()) return output;
   if (!of_others) {

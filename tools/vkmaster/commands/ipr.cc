@@ -45,7 +45,7 @@ Words LiftedFor(const Session& session, const Words& names, const WellsByName& w
     std::string rates;
     for (const std::string& rate : RatesOf(wells.at(name).type)) {
       if (session.Knows(name, rate, planned)) continue;
-      rates += (rates.empty() ? "" : ", ") + ShortName(rate);
+      rates.append(rates.empty() ? "" : ", ").append(ShortName(rate));
     }
     if (!rates.empty()) lifted.push_back(name + " (" + rates + ")");
   }

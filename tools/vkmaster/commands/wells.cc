@@ -194,7 +194,7 @@ Resolution Resolved(Session& session, const std::vector<ConstraintGroup>& groups
       for (const std::string& name : names) {
         const std::string& type = known.at(name).type;
         if (!IsLimitFor(group.names[i], type)) {
-          others.push_back(name + " (" + type + ")");
+          others.push_back(std::string(name).append(" (").append(type).append(")"));
           continue;
         }
         const auto [found, fresh] = place.emplace(name, all.wells.size());
@@ -231,6 +231,7 @@ double RateOf(const master::WellData& data, const std::string& property) {
 void NoteRatesBeyond(Session& session, const std::vector<master::WellConstraints>& wells,
                      Result& result) {
   std::vector<std::string> names;
+  names.reserve(wells.size());
   for (const master::WellConstraints& well : wells) names.push_back(well.well);
   const std::vector<master::WellData> now = session.run().GetWellData(names);
   Words beyond;

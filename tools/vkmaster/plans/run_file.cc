@@ -85,6 +85,10 @@ std::string Dump(const Json& json) {
 }  // namespace
 
 struct RunFile::Content {
+  Content() = default;
+  Content(const Content&) = delete;
+  Content& operator=(const Content&) = delete;
+
   Json json;
 };
 
