@@ -47,7 +47,8 @@ Words LiftedFor(const Session& session, const Words& names, const WellsByName& w
       if (session.Knows(name, rate, planned)) continue;
       rates.append(rates.empty() ? "" : ", ").append(ShortName(rate));
     }
-    if (!rates.empty()) lifted.push_back(name + " (" + rates + ")");
+    if (rates.empty()) continue;
+    lifted.push_back(std::string(name).append(" (").append(rates).append(")"));
   }
   return lifted;
 }

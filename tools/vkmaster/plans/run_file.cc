@@ -85,7 +85,7 @@ std::string Dump(const Json& json) {
 }  // namespace
 
 struct RunFile::Content {
-  Content() = default;
+  Content() : json(Json::object()) {}
   Content(const Content&) = delete;
   Content& operator=(const Content&) = delete;
 
