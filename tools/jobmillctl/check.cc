@@ -13,7 +13,6 @@
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
-#include <nlohmann/json.hpp>
 
 #include "inspect/accepted.h"
 #include "inspect/account_places.h"
@@ -33,6 +32,7 @@
 #include "tools/jobmillctl/command.h"
 #include "tools/jobmillctl/dry_run.h"
 #include "tools/jobmillctl/findings.h"
+#include "tools/jobmillctl/json_values.h"
 #include "tools/jobmillctl/site_options.h"
 
 namespace jobmillctl {
@@ -43,7 +43,6 @@ using inspect::Finding;
 using inspect::Findings;
 using inspect::Severity;
 using inspect::Site;
-using Json = nlohmann::ordered_json;
 
 using Area = Findings (*)(const Site& site);
 
@@ -214,8 +213,7 @@ int Check(const SiteOptions& given, bool files_only, bool json) {
   const std::vector<Site> sites = given.Sites();
   const Judged found = Judge(sites, files_only);
   if (json) {
-    // ASCII alone: no byte of a file commands a terminal, and none makes the document invalid.
-    fmt::print("{}\n", JsonOf(sites, found).dump(2, ' ', true, Json::error_handler_t::replace));
+    PrintDocument(JsonOf(sites, found));
   } else {
     PrintLines(sites, found);
   }
