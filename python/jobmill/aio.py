@@ -14,7 +14,7 @@ from .exchange import Exchange, Result
 from .master_link import SHUT_DOWN, Handshake, bytes_text, code_of, frame, pack_request, take_frame
 from .results import EquationOfState, InflowTables, OperatingPoints, Wells
 from .run import check_greeting, launched_on
-from .stream import deadline_in
+from .stream import acknowledge_at_once, deadline_in
 
 _Awaited = TypeVar("_Awaited")
 
@@ -238,6 +238,7 @@ class AsyncRun:
             pass  # The next read tells, after what the other end still said.
 
     async def _receive(self) -> bool:
+        acknowledge_at_once(self._writer.get_extra_info("socket"))
         try:
             data = await self._reader.read(262144)
         except OSError:

@@ -44,15 +44,24 @@ class Exchange(Generic[Result]):
     """A request, what is sent after it, and how the answers become a result."""
 
     def __init__(
-        self, code: int, finish: Callable[[Values, List[bytes]], Result], **fields: Any
+        self,
+        code: int,
+        finish: Callable[[Values], Result],
+        take_records: Callable[[List[bytes]], None] = lambda bodies: None,
+        **fields: Any,
     ) -> None:
+        """finish: makes the result of the values of the answer, when all records have been taken.
+
+        take_records: takes the bodies of the next records, for the requests that have any.
+        """
         self.title = title(code)
         self.done = False
         self._code = code
         self._finish = finish
         self._request = pack_request(code, **fields)
         self._first: Optional[Values] = None
-        self._replies: List[bytes] = []
+        self._take_records = take_records
+        self._taken = 0
         self._asked = 0
         self._next = {OPERATING_POINTS: NEXT_OPERATING_POINT, INFLOW_TABLES: NEXT_INFLOW_TABLE}.get(
             code, 0
@@ -78,42 +87,45 @@ class Exchange(Generic[Result]):
                         f"'{self.title}' announces {self._first['n']} records for {self._records} wells"
                     )
             self._expect(bodies, self._next)
-            self._replies += bodies
-            self.done = len(self._replies) == self._records
+            self._take_records(bodies)
+            self._taken += len(bodies)
+            self.done = self._taken == self._records
         return self._ahead()
 
     def result(self) -> Result:
         assert self._first is not None
-        return self._finish(self._first, self._replies)
+        return self._finish(self._first)
 
     def _expect(self, bodies: List[bytes], code: int) -> None:
+        wanted = code.to_bytes(4, "little")
         for body in bodies:
-            if code_of(body) != code:
+            if body[:4] != wanted:
                 raise ProtocolError(f"a reply with the code {code_of(body)} to the request {code}")
 
     def _ahead(self) -> bytes:
         if self._first is None:
             return b""
         # Each batch of requests also acknowledges the answers before it. A daemon with Nagle's algorithm on
-        # keeps small answers back until then, for up to 200 ms, so the last request goes out alone: it
-        # acknowledges all other answers, and nothing keeps the last one back.
+        # keeps small answers back until then, for up to 200 ms where stream.acknowledge_at_once() can do
+        # nothing, so the last request goes out alone: it acknowledges all other answers, and nothing keeps
+        # the last one back.
         last = self._records - 1
-        more = min(AHEAD - (self._asked - len(self._replies)), last - self._asked)
-        if len(self._replies) == last == self._asked:
+        more = min(AHEAD - (self._asked - self._taken), last - self._asked)
+        if self._taken == last == self._asked:
             more = 1
         self._asked += max(0, more)
         return self._ask_next * max(0, more)
 
 
-def _nothing(values: Values, replies: List[bytes]) -> None:
+def _nothing(values: Values) -> None:
     return None
 
 
-def _value(name: str) -> Callable[[Values, List[bytes]], Any]:
-    return lambda values, replies: values[name]
+def _value(name: str) -> Callable[[Values], Any]:
+    return lambda values: values[name]
 
 
-def _date(values: Values, replies: List[bytes]) -> datetime.date:
+def _date(values: Values) -> datetime.date:
     try:
         return datetime.date(values["year"], values["month"], values["day"])
     except ValueError as error:
@@ -141,7 +153,7 @@ def is_compositional() -> Exchange[bool]:
 
 
 def wells() -> Exchange[Wells]:
-    return Exchange(6, lambda values, _: Wells(values["wells"]))
+    return Exchange(6, lambda values: Wells(values["wells"]))
 
 
 def first_step() -> Exchange[None]:
@@ -157,9 +169,9 @@ def has_ended() -> Exchange[bool]:
 
 
 def operating_points(names: Iterable[str]) -> Exchange[OperatingPoints]:
-    asked = tuple(names)
+    points = OperatingPoints(tuple(names))
     return Exchange(
-        10, lambda _, replies: OperatingPoints(asked, replies), n=len(asked), wells=asked
+        10, lambda _: points.complete(), points.take, n=len(points.wells), wells=points.wells
     )
 
 
@@ -190,7 +202,7 @@ def set_constraints(constraints: Mapping[str, Mapping[str, float]]) -> Exchange[
 
 
 def equation_of_state() -> Exchange[EquationOfState]:
-    def finish(values: Values, replies: List[bytes]) -> EquationOfState:
+    def finish(values: Values) -> EquationOfState:
         fields = {k: v for k, v in values.items() if k not in ("count", "reserved", "components")}
         return EquationOfState(components=tuple(values["components"]), **fields)
 
@@ -200,7 +212,7 @@ def equation_of_state() -> Exchange[EquationOfState]:
 def variables(well: str, names: Iterable[str]) -> Exchange[Dict[str, float]]:
     asked = tuple(names)
 
-    def finish(values: Values, replies: List[bytes]) -> Dict[str, float]:
+    def finish(values: Values) -> Dict[str, float]:
         if len(values["values"]) != len(asked):
             raise ProtocolError(f"{len(values['values'])} values for {len(asked)} asked")
         return dict(zip(asked, values["values"]))
@@ -212,9 +224,11 @@ def inflow_tables(
     names: Iterable[str], components: int, bottom_hole: bool, skewness: float
 ) -> Exchange[InflowTables]:
     asked = tuple(names)
+    replies: List[bytes] = []
     return Exchange(
         16,
-        lambda _, replies: InflowTables(asked, replies),
+        lambda _: InflowTables(asked, replies),
+        replies.extend,
         components=components,
         n=len(asked),
         wells=asked,
@@ -228,7 +242,7 @@ def simulator_version() -> Exchange[float]:
 
 
 def attach_source(well: str, source: str) -> Exchange[bool]:
-    return Exchange(18, lambda values, _: bool(values["accepted"]), well=well, source=source)
+    return Exchange(18, lambda values: bool(values["accepted"]), well=well, source=source)
 
 
 def set_compositions(compositions: Mapping[str, Sequence[float]]) -> Exchange[None]:

@@ -2,7 +2,7 @@
 
 from __future__ import annotations
 
-import struct
+import sys
 from array import array
 from dataclasses import dataclass
 from importlib import import_module
@@ -85,7 +85,7 @@ class OperatingPoint:
     uptime: float
 
 
-_POINT = struct.Struct("<8di")
+_ACKNOWLEDGED = bytes(4)
 _COLUMNS = (
     "oil_rate",
     "gas_rate",
@@ -105,29 +105,41 @@ class OperatingPoints(Sequence[OperatingPoint]):
     for, by position or by the well's name.
     """
 
-    def __init__(self, wells: Sequence[str], replies: Sequence[bytes]) -> None:
+    def __init__(self, wells: Sequence[str]) -> None:
         #: Names of the wells.
         self.wells: Tuple[str, ...] = tuple(wells)
         self._statuses: List[str] = []
-        values: List[float] = []
-        known: Dict[bytes, str] = {}
-        unpack = _POINT.unpack_from
+        self._known: Dict[bytes, str] = {}
+        self._packed: List[bytes] = []
+        self._columns: Dict[str, array[float]] = {}
+
+    def take(self, replies: Sequence[bytes]) -> None:
+        """Takes the next records. Done as they arrive, this costs no time: the daemon is still at work."""
+        known = self._known
         for body in replies:
             # The code, the status, eight doubles, the acknowledgement: behind the status the size is fixed.
             split = len(body) - 68
             if split < 8 or int.from_bytes(body[4:8], "little") != split - 8:
                 unpack_reply(body)  # says what is wrong
                 raise ProtocolError(f"a reply to {NEXT_OPERATING_POINT} of {len(body)} bytes")
+            if body[-4:] != _ACKNOWLEDGED:
+                raise ProtocolError(f"a reply to {NEXT_OPERATING_POINT} is not acknowledged with 0")
             text = body[8:split]
             status = known.get(text)
             if status is None:
                 status = known[text] = bytes_text(text)
             self._statuses.append(status)
-            values += unpack(body, split)
-        width = len(_COLUMNS) + 1
-        if any(values[width - 1 :: width]):
-            raise ProtocolError(f"a reply to {NEXT_OPERATING_POINT} is not acknowledged with 0")
-        self._columns = {name: array("d", values[i::width]) for i, name in enumerate(_COLUMNS)}
+            self._packed.append(body[split:-4])
+
+    def complete(self) -> OperatingPoints:
+        """Itself, with the columns of all records that were taken."""
+        values = array("d", b"".join(self._packed))
+        self._packed.clear()
+        if sys.byteorder != "little":
+            values.byteswap()
+        width = len(_COLUMNS)
+        self._columns = {name: values[i::width] for i, name in enumerate(_COLUMNS)}
+        return self
 
     @property
     def status(self) -> List[str]:

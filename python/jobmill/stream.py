@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import selectors
 import socket
+import sys
 import time
 from types import TracebackType
 from typing import List, Optional, Tuple, Type
@@ -16,6 +17,19 @@ _PIECE = 262144
 def deadline_in(seconds: Optional[float]) -> Optional[float]:
     """The time of the monotonic clock that a time limit ends at; None for no limit."""
     return None if seconds is None else time.monotonic() + seconds
+
+
+def acknowledge_at_once(connected: socket.socket) -> None:
+    """For an end that waits now. Its system expects it to send soon, and acknowledges with what is sent then.
+
+    A daemon with Nagle's algorithm on keeps small answers back until those before are acknowledged, so this
+    expectation costs 40 ms. Only Linux can be told, and forgets it again.
+    """
+    if sys.platform == "linux":
+        try:
+            connected.setsockopt(socket.IPPROTO_TCP, socket.TCP_QUICKACK, 1)
+        except OSError:
+            pass  # The connection is broken; the next read tells.
 
 
 class Stream:
@@ -115,6 +129,7 @@ class Stream:
             raise TimedOut("the other end did not answer in time")
         events = selectors.EVENT_READ | (selectors.EVENT_WRITE if self.unsent else 0)
         self._selector.modify(self.socket, events)
+        acknowledge_at_once(self.socket)
         for _, ready in self._selector.select(left):
             if ready & selectors.EVENT_WRITE:
                 self._write()
