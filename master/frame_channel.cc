@@ -1,48 +1,53 @@
 #include "master/frame_channel.h"
 
-#include <errno.h>
-#include <fcntl.h>
-#include <netdb.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <poll.h>
-#include <stdlib.h>
 #include <string.h>
-#include <sys/socket.h>
 
 #include <algorithm>
-#include <array>
-#include <memory>
 #include <utility>
+
+#include <boost/asio/buffer.hpp>
+#include <boost/asio/generic/stream_protocol.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#ifdef _WIN32
+#include <mstcpip.h>
+
+#include <boost/asio/windows/object_handle.hpp>
+#else
+#include <fcntl.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+
+#include <boost/asio/posix/stream_descriptor.hpp>
+#endif
 
 #include "master/errors.h"
 
 namespace master {
 namespace {
 
+namespace asio = boost::asio;
+using asio::ip::tcp;
+using boost::system::error_code;
 using std::chrono::milliseconds;
 
 constexpr std::size_t kLengthBytes = 4;
 // Frames are read in pieces: memory grows with the bytes that have come, not with those announced.
-constexpr std::size_t kPiece = 262144;
+constexpr std::size_t kPiece = 65536;
 constexpr milliseconds kSendLimit{30000};
 
-std::string ErrorText(int error) {
-  std::array<char, 256> buffer{};
-  return strerror_r(error, buffer.data(), buffer.size());
-}
-
-std::int32_t LengthOf(const std::string& frame) {
-  std::int32_t length = 0;
-  memcpy(&length, frame.data(), sizeof(length));
-  return length;
-}
-
-// Milliseconds to give to poll(): rounded up, so that a wait does not end just before its deadline.
-int PollTime(const Deadline& deadline) {
-  if (!deadline) return -1;
-  const auto left = std::chrono::ceil<milliseconds>(*deadline - Clock::now()).count();
-  return static_cast<int>(std::clamp<std::int64_t>(left, 0, 1 << 30));
+// Windows has texts in the language of the machine, and others than those that hints are found by.
+std::string ErrorText(const error_code& error) {
+#ifdef _WIN32
+  if (error == asio::error::connection_refused) return "Connection refused";
+  if (error == asio::error::connection_reset) return "Connection reset by peer";
+  if (error == asio::error::connection_aborted) return "Connection aborted";
+  if (error == asio::error::timed_out) return "Connection timed out";
+  if (error == asio::error::host_unreachable) return "No route to host";
+  if (error == asio::error::network_unreachable) return "Network is unreachable";
+  if (error == asio::error::host_not_found) return "Host not found";
+#endif
+  return error.message();
 }
 
 Deadline Sooner(const Deadline& one, const Deadline& other) {
@@ -51,189 +56,327 @@ Deadline Sooner(const Deadline& one, const Deadline& other) {
   return std::min(*one, *other);
 }
 
-struct Readiness {
-  short events = 0;  // what has happened on the descriptor
-  bool woken = false;
-};
+// A Wake, watched. Its handle is a copy, because Asio closes what it has.
+class Watch {
+ public:
+  Watch(asio::io_context& context, Wake wake) : handle_(context, Copy(wake)) {}
 
-// Waits until the descriptor is ready, `wake` is readable or the deadline has passed.
-Readiness WaitFor(int descriptor, short events, int wake, const Deadline& deadline) {
-  std::array<pollfd, 2> wait{{{descriptor, events, 0}, {wake, POLLIN, 0}}};
-  while (true) {
-    const int result = poll(wait.data(), wait.size(), PollTime(deadline));
-    if (result > 0) return {wait[0].revents, wait[1].revents != 0};
-    if (result == 0 && deadline && Clock::now() >= *deadline) return {};
-    if (result < 0 && errno != EINTR) throw LinkLost("poll: " + ErrorText(errno));
+  // Starts a wait in the background unless there is one. `self` is this object: a wait that has
+  // been given up comes to its end only when the context runs again.
+  void Begin(const std::shared_ptr<Watch>& self) {
+    if (waiting_) return;
+    waiting_ = true;
+    const auto done = [self](const error_code&) { self->waiting_ = false; };
+#ifdef _WIN32
+    handle_.async_wait(done);
+#else
+    handle_.async_wait(asio::posix::descriptor_base::wait_read, done);
+#endif
   }
-}
 
-// Returns 0 or the error number of the failed attempt.
-int ConnectOnce(int descriptor, const addrinfo& address, const Deadline& deadline, int wake) {
-  if (connect(descriptor, address.ai_addr, address.ai_addrlen) == 0) return 0;
-  if (errno != EINPROGRESS && errno != EINTR) return errno;
-  const Readiness now = WaitFor(descriptor, POLLOUT, wake, deadline);
-  if (now.woken) throw Interrupted("Interrupted while connecting to the daemon");
-  if (now.events == 0) return ETIMEDOUT;
-  int error = 0;
-  socklen_t size = sizeof(error);
-  getsockopt(descriptor, SOL_SOCKET, SO_ERROR, &error, &size);
-  return error;
-}
+  // Whether it is raised now. The end of a wait may be an old one: by then somebody has put it
+  // down.
+  bool Raised() {
+    if (waiting_) return false;
+#ifdef _WIN32
+    return WaitForSingleObject(handle_.native_handle(), 0) == WAIT_OBJECT_0;
+#else
+    pollfd now{handle_.native_handle(), POLLIN, 0};
+    return poll(&now, 1, 0) > 0;
+#endif
+  }
+
+ private:
+#ifdef _WIN32
+  static HANDLE Copy(Wake wake) {
+    HANDLE copy = nullptr;
+    const HANDLE self = GetCurrentProcess();
+    DuplicateHandle(self, wake, self, &copy, 0, FALSE, DUPLICATE_SAME_ACCESS);
+    return copy;
+  }
+
+  asio::windows::object_handle handle_;
+#else
+  static int Copy(Wake wake) {
+    return fcntl(wake, F_DUPFD_CLOEXEC, 0);
+  }
+
+  asio::posix::stream_descriptor handle_;
+#endif
+  bool waiting_ = false;
+};
 
 }  // namespace
 
-FrameChannel::FrameChannel(Descriptor connection) : descriptor_(std::move(connection)) {
-  // Every wait is in poll(), which also sees the wake-up descriptor.
-  fcntl(descriptor_.get(), F_SETFL, fcntl(descriptor_.get(), F_GETFL) | O_NONBLOCK);
+/// The connection and all waiting. What is under way, in either direction and on the wake, goes on
+/// in the background and survives the call that began it: a wait that is given up loses no bytes.
+class FrameChannel::Link {
+ public:
+  using Socket = asio::generic::stream_protocol::socket;
+
+  Socket& socket() { return socket_; }
+
+  void Open();
+  error_code Connect(const tcp::endpoint& to, const Deadline& deadline);
+  void WakeOn(Wake wake);
+  void OnWait(milliseconds interval, std::function<void()> tick);
+  void LimitSending(milliseconds limit) { send_limit_ = limit; }
+  void Send(std::string_view body);
+  void SendAhead(std::string_view body);
+  std::optional<std::string> Receive(const Deadline& deadline);
+
+ private:
+  bool RunOne(const Deadline& deadline);
+  void Wait(const Deadline& deadline, const char* interrupted);
+  void BeginSending();
+  void Sent(const error_code& error, std::size_t size);
+  void BeginReceiving();
+  void Received(const error_code& error, std::size_t size);
+  std::optional<std::string> TakeFrame();
+
+  // The system writes and reads these until the context has ended.
+  std::unique_ptr<char[]> piece_ = std::make_unique_for_overwrite<char[]>(kPiece);
+  std::string leaving_;  // being sent
+
+  asio::io_context context_{1};
+  Socket socket_{context_};
+  std::shared_ptr<Watch> watch_;
+
+  std::string unsent_;  // frames behind `leaving_`
+  bool sending_ = false;
+  bool ahead_ = false;   // the frames that leave are for answers that come later
+  error_code not_sent_;  // why the connection takes nothing
+  Clock::time_point last_sent_;
+  milliseconds send_limit_ = kSendLimit;
+
+  std::string arrived_;    // frames, the last perhaps in part
+  std::size_t taken_ = 0;  // bytes of them that Receive() has given away
+  bool receiving_ = false;
+  error_code end_;  // how the receiving direction has ended
+
+  bool connecting_ = false;
+  error_code connected_;
+
+  milliseconds interval_{0};
+  std::function<void()> tick_;
+};
+
+void FrameChannel::Link::Open() {
+  error_code error;
+  if (socket_.is_open()) socket_.close(error);
+  socket_.open(asio::generic::stream_protocol(tcp::v4()), error);
+  if (error) throw ConnectError("No socket: " + ErrorText(error));
+#ifndef _WIN32
+  fcntl(socket_.native_handle(), F_SETFD, FD_CLOEXEC);
+#endif
 }
 
-FrameChannel FrameChannel::ConnectTo(const std::string& host, int port, milliseconds limit,
-                                     int wake) {
-  const std::string where = host + " port " + std::to_string(port);
-  if (port < 1 || port > 65535) throw ConnectError("No such port: " + std::to_string(port));
-  addrinfo hints{};
-  hints.ai_family = AF_INET;
-  hints.ai_socktype = SOCK_STREAM;
-  addrinfo* found = nullptr;
-  const int lookup = getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &found);
-  if (lookup != 0) {
-    throw ConnectError("Unknown host '" + host + "': " + gai_strerror(lookup));
+error_code FrameChannel::Link::Connect(const tcp::endpoint& to, const Deadline& deadline) {
+  connecting_ = true;
+  socket_.async_connect(to, [this](const error_code& error) {
+    connecting_ = false;
+    connected_ = error;
+  });
+  try {
+    while (connecting_) Wait(deadline, "Interrupted while connecting to the daemon");
+    return connected_;
+  } catch (const TimedOut&) {
+    error_code ignored;
+    socket_.close(ignored);
+    while (connecting_) RunOne({});
+    return asio::error::timed_out;
   }
-  const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> addresses(found, freeaddrinfo);
-
-  const Deadline deadline = Clock::now() + limit;
-  int error = 0;
-  for (const addrinfo* address = addresses.get(); address != nullptr; address = address->ai_next) {
-    Descriptor connection(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    if (!connection) throw ConnectError("No socket: " + ErrorText(errno));
-    error = ConnectOnce(connection.get(), *address, deadline, wake);
-    if (error == 0) {
-      // Requests are small and each waits for its answer.
-      const int on = 1;
-      setsockopt(connection.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
-      // A step may take hours without a byte; probes keep the connection known to firewalls, and
-      // notice a dead host.
-      setsockopt(connection.get(), SOL_SOCKET, SO_KEEPALIVE, &on, sizeof(on));
-      FrameChannel channel(std::move(connection));
-      channel.WakeOn(wake);
-      return channel;
-    }
-  }
-  throw ConnectError("Cannot connect to " + where + ": " + ErrorText(error));
 }
 
-void FrameChannel::OnWait(milliseconds interval, std::function<void()> tick) {
+void FrameChannel::Link::WakeOn(Wake wake) {
+  watch_ = wake == kNoWake ? nullptr : std::make_shared<Watch>(context_, wake);
+}
+
+void FrameChannel::Link::OnWait(milliseconds interval, std::function<void()> tick) {
   interval_ = interval;
   tick_ = std::move(tick);
 }
 
-void FrameChannel::Send(std::string_view body) {
+void FrameChannel::Link::Send(std::string_view body) {
   SendAhead(body);
-  while (!SendSome()) {
-    if (WaitFor(descriptor_.get(), POLLOUT, -1, Clock::now() + kSendLimit).events == 0) {
-      throw LinkLost("The daemon takes no more data");
-    }
+  last_sent_ = Clock::now();
+  ahead_ = false;
+  BeginSending();
+  while (sending_) {
+    const auto limit = last_sent_ + send_limit_;
+    if (!RunOne(limit) && Clock::now() >= limit) throw LinkLost("The daemon takes no more data");
+  }
+  if (const error_code error = std::exchange(not_sent_, {})) {
+    throw LinkLost("The connection to the daemon broke: " + ErrorText(error));
   }
 }
 
-void FrameChannel::SendAhead(std::string_view body) {
+void FrameChannel::Link::SendAhead(std::string_view body) {
   const auto length = static_cast<std::uint32_t>(body.size());
   unsent_.append(reinterpret_cast<const char*>(&length), sizeof(length));
   unsent_ += body;
+  ahead_ = true;
 }
 
-std::optional<std::string> FrameChannel::Receive(const Deadline& deadline) {
+std::optional<std::string> FrameChannel::Link::Receive(const Deadline& deadline) {
+  BeginSending();
   while (true) {
-    if (pending_.size() >= kLengthBytes && Wanted() == 0) {
-      std::string body = pending_.substr(kLengthBytes);
-      pending_.clear();
-      return body;
-    }
-    WaitReadable(deadline);
-    if (!ReadSome()) {
-      if (pending_.empty()) return std::nullopt;
+    if (auto body = TakeFrame()) return body;
+    if (end_ == asio::error::eof) {
+      if (taken_ == arrived_.size()) return std::nullopt;
       throw LinkLost("The daemon closed the connection in the middle of an answer");
     }
+    if (end_) throw LinkLost("The connection to the daemon broke: " + ErrorText(end_));
+    BeginReceiving();
+    Wait(deadline, "Interrupted while waiting for the daemon");
   }
 }
 
-void FrameChannel::FinishSending() {
-  shutdown(descriptor_.get(), SHUT_WR);
+// Runs until something has come to its end, or the deadline has passed, which is false.
+bool FrameChannel::Link::RunOne(const Deadline& deadline) {
+  context_.restart();
+  return deadline ? context_.run_one_until(*deadline) > 0 : context_.run_one() > 0;
 }
 
-// Sends what the connection takes now. True when nothing is left.
-bool FrameChannel::SendSome() {
-  std::size_t done = 0;
-  while (done < unsent_.size()) {
-    const ssize_t sent =
-        send(descriptor_.get(), unsent_.data() + done, unsent_.size() - done, MSG_NOSIGNAL);
-    if (sent >= 0) {
-      done += static_cast<std::size_t>(sent);
-    } else if (errno == EAGAIN) {
-      break;
-    } else if (errno != EINTR) {
-      const int error = errno;
-      unsent_.clear();
-      throw LinkLost("The connection to the daemon broke: " + ErrorText(error));
-    }
-  }
-  unsent_.erase(0, done);
-  return unsent_.empty();
+void FrameChannel::Link::Wait(const Deadline& deadline, const char* interrupted) {
+  if (watch_) watch_->Begin(watch_);
+  const Deadline tick = tick_ ? Deadline(Clock::now() + interval_) : Deadline();
+  const bool ran = RunOne(Sooner(deadline, tick));
+  if (watch_ && watch_->Raised()) throw Interrupted(interrupted);
+  if (ran) return;
+  if (deadline && Clock::now() >= *deadline) throw TimedOut("The daemon did not answer in time");
+  if (tick_) tick_();
 }
 
-// What SendAhead() has taken, as far as the connection takes it.
-void FrameChannel::SendUnsent() {
-  if (unsent_.empty()) return;
-  try {
-    if (!SendSome()) return;
-  } catch (const LinkLost&) {
-    // The daemon's last answers may still be here, and behind them is how the connection ended.
+void FrameChannel::Link::BeginSending() {
+  if (sending_ || unsent_.empty()) return;
+  sending_ = true;
+  leaving_ = std::exchange(unsent_, {});
+  socket_.async_send(asio::buffer(leaving_),
+                     [this](const error_code& error, std::size_t size) { Sent(error, size); });
+}
+
+void FrameChannel::Link::Sent(const error_code& error, std::size_t size) {
+  sending_ = false;
+  last_sent_ = Clock::now();
+  if (error) {
+    // Receive() does not end with this: the daemon's last answers may still be here, and behind
+    // them is how the connection ended.
+    not_sent_ = error;
+    unsent_.clear();
     return;
   }
-  // The daemon's side holds a small answer back until the one before has been acknowledged (Nagle's
-  // rule), and a system that expects to send soon acknowledges late: 40 ms for ten wells, whose
-  // records take 0.2 ms. All requests are out, so this side has nothing to wait for.
+  unsent_.insert(0, leaving_, size);
+  BeginSending();
+  if (sending_ || !ahead_) return;
+    // The daemon's side holds a small answer back until the one before has been acknowledged
+    // (Nagle's rule), and a system that expects to send soon acknowledges late: 40 ms for ten
+    // wells, whose records take 0.2 ms. All requests are out, so this side has nothing to wait for.
+#ifdef TCP_QUICKACK
   const int on = 1;
-  setsockopt(descriptor_.get(), IPPROTO_TCP, TCP_QUICKACK, &on, sizeof(on));
+  setsockopt(socket_.native_handle(), IPPROTO_TCP, TCP_QUICKACK, &on, sizeof(on));
+#endif
 }
 
-// How many bytes the length field still lacks, or the frame once its length is known. No more are
-// read, so that the next frame stays in the socket.
-std::size_t FrameChannel::Wanted() const {
-  if (pending_.size() < kLengthBytes) return kLengthBytes - pending_.size();
-  const std::int32_t length = LengthOf(pending_);
+void FrameChannel::Link::BeginReceiving() {
+  if (receiving_) return;
+  receiving_ = true;
+  socket_.async_receive(
+      asio::buffer(piece_.get(), kPiece),
+      [this](const error_code& error, std::size_t size) { Received(error, size); });
+}
+
+void FrameChannel::Link::Received(const error_code& error, std::size_t size) {
+  receiving_ = false;
+  end_ = error;
+  arrived_.erase(0, std::exchange(taken_, 0));
+  arrived_.append(piece_.get(), size);
+}
+
+std::optional<std::string> FrameChannel::Link::TakeFrame() {
+  const std::size_t size = arrived_.size() - taken_;
+  if (size < kLengthBytes) return std::nullopt;
+  std::int32_t length = 0;
+  memcpy(&length, arrived_.data() + taken_, sizeof(length));
   if (length < 0 || length > kMaxReply) {
     throw ProtocolError("The daemon announced a frame of " + std::to_string(length) + " bytes");
   }
-  return kLengthBytes + static_cast<std::size_t>(length) - pending_.size();
+  const auto body = static_cast<std::size_t>(length);
+  if (size < kLengthBytes + body) return std::nullopt;
+  std::string frame = arrived_.substr(taken_ + kLengthBytes, body);
+  taken_ += kLengthBytes + body;
+  return frame;
 }
 
-// False at the end of the connection.
-bool FrameChannel::ReadSome() {
-  const std::size_t had = pending_.size();
-  const std::size_t piece = std::min(Wanted(), kPiece);
-  pending_.resize(had + piece);
-  const ssize_t got = recv(descriptor_.get(), pending_.data() + had, piece, 0);
-  const int error = errno;
-  pending_.resize(had + static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
-  if (got < 0 && error != EAGAIN && error != EINTR) {
-    throw LinkLost("The connection to the daemon broke: " + ErrorText(error));
+FrameChannel::FrameChannel(std::unique_ptr<Link> link) : link_(std::move(link)) {}
+FrameChannel::FrameChannel(FrameChannel&& other) noexcept = default;
+FrameChannel& FrameChannel::operator=(FrameChannel&& other) noexcept = default;
+FrameChannel::~FrameChannel() = default;
+
+#ifndef _WIN32
+FrameChannel::FrameChannel(Descriptor connection) : link_(std::make_unique<Link>()) {
+  sockaddr_storage address{};
+  socklen_t size = sizeof(address);
+  getsockname(connection.get(), reinterpret_cast<sockaddr*>(&address), &size);
+  link_->socket().assign(asio::generic::stream_protocol(address.ss_family, 0),
+                         connection.Release());
+}
+#endif
+
+FrameChannel FrameChannel::ConnectTo(const std::string& host, int port, milliseconds limit,
+                                     Wake wake) {
+  const std::string where = host + " port " + std::to_string(port);
+  if (port < 1 || port > 65535) throw ConnectError("No such port: " + std::to_string(port));
+  auto link = std::make_unique<Link>();
+  link->WakeOn(wake);
+  error_code error;
+  tcp::resolver resolver(link->socket().get_executor());
+  const auto found = resolver.resolve(tcp::v4(), host, std::to_string(port), error);
+  if (error) throw ConnectError("Unknown host '" + host + "': " + ErrorText(error));
+
+  const Deadline deadline = Clock::now() + limit;
+  for (const auto& address : found) {
+    link->Open();
+    error = link->Connect(address.endpoint(), deadline);
+    if (error) continue;
+    Link::Socket& socket = link->socket();
+    // Requests are small and each waits for its answer.
+    socket.set_option(tcp::no_delay(true), error);
+    // A step may take hours without a byte; probes keep the connection known to firewalls, and
+    // notice a dead host.
+    socket.set_option(asio::socket_base::keep_alive(true), error);
+    return FrameChannel(std::move(link));
   }
-  return got != 0;
+  throw ConnectError("Cannot connect to " + where + ": " + ErrorText(error));
 }
 
-void FrameChannel::WaitReadable(const Deadline& deadline) {
-  while (true) {
-    SendUnsent();
-    const short events = unsent_.empty() ? POLLIN : POLLIN | POLLOUT;
-    const Deadline tick = tick_ ? Deadline(Clock::now() + interval_) : Deadline();
-    const Readiness now = WaitFor(descriptor_.get(), events, wake_, Sooner(deadline, tick));
-    if (now.woken) throw Interrupted("Interrupted while waiting for the daemon");
-    if ((now.events & ~POLLOUT) != 0) return;
-    if (now.events != 0) continue;
-    if (deadline && Clock::now() >= *deadline) throw TimedOut("The daemon did not answer in time");
-    if (tick_) tick_();
-  }
+void FrameChannel::WakeOn(Wake wake) {
+  link_->WakeOn(wake);
+}
+
+void FrameChannel::OnWait(milliseconds interval, std::function<void()> tick) {
+  link_->OnWait(interval, std::move(tick));
+}
+
+void FrameChannel::LimitSending(milliseconds limit) {
+  link_->LimitSending(limit);
+}
+
+void FrameChannel::Send(std::string_view body) {
+  link_->Send(body);
+}
+
+void FrameChannel::SendAhead(std::string_view body) {
+  link_->SendAhead(body);
+}
+
+std::optional<std::string> FrameChannel::Receive(const Deadline& deadline) {
+  return link_->Receive(deadline);
+}
+
+void FrameChannel::FinishSending() {
+  error_code ignored;
+  link_->socket().shutdown(Link::Socket::shutdown_send, ignored);
 }
 
 }  // namespace master

@@ -3,11 +3,14 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 
+#ifndef _WIN32
 #include "base/descriptor.h"
+#endif
 
 namespace master {
 
@@ -15,6 +18,16 @@ using Clock = std::chrono::steady_clock;
 
 /// The moment at which waiting ends; nothing for waiting as long as it takes.
 using Deadline = std::optional<Clock::time_point>;
+
+#ifdef _WIN32
+/// What ends a wait early, for as long as it is raised: a HANDLE of an event that is reset by hand.
+using Wake = void*;
+inline constexpr Wake kNoWake = nullptr;
+#else
+/// What ends a wait early, for as long as it is readable: a descriptor.
+using Wake = int;
+inline constexpr Wake kNoWake = -1;
+#endif
 
 /// The master's end of a connection to the daemon: whole frames of a 32-bit little-endian length
 /// and as many bytes.
@@ -27,24 +40,30 @@ class FrameChannel {
   /// A longer frame is not believed: its length field must be something else.
   static constexpr std::int32_t kMaxReply = 1 << 30;
 
+#ifndef _WIN32
   /// `connection` is a connected stream socket.
   explicit FrameChannel(Descriptor connection);
+#endif
+  FrameChannel(FrameChannel&& other) noexcept;
+  FrameChannel& operator=(FrameChannel&& other) noexcept;
+  ~FrameChannel();
 
   /// Connects to the first reachable IPv4 address of `host`, the family the daemon listens on.
-  /// Throws ConnectError, or Interrupted when `wake` (-1 for none) becomes readable.
+  /// Throws ConnectError, or Interrupted when `wake` is raised.
   static FrameChannel ConnectTo(const std::string& host, int port, std::chrono::milliseconds limit,
-                                int wake = -1);
+                                Wake wake = kNoWake);
 
-  /// From now on waiting for a frame ends with Interrupted while `descriptor` is readable. It
-  /// stays the caller's; -1 for none.
-  void WakeOn(int descriptor) { wake_ = descriptor; }
+  /// From now on waiting for a frame ends with Interrupted while `wake` is raised. It stays the
+  /// caller's, and may be closed only after another one, or none, has taken its place here.
+  void WakeOn(Wake wake);
 
   /// From now on `tick` is called about every `interval` while a frame is waited for.
   void OnWait(std::chrono::milliseconds interval, std::function<void()> tick);
 
   /// Sends one frame whole. Throws LinkLost when the connection is broken or the peer takes
-  /// nothing for half a minute.
+  /// nothing for half a minute, or the time that LimitSending() has set.
   void Send(std::string_view body);
+  void LimitSending(std::chrono::milliseconds limit);
 
   /// Takes one frame, which goes out behind the earlier ones while Receive() waits. Many requests
   /// can be sent ahead of their answers that way: a daemon whose answers fit into the connection no
@@ -62,18 +81,11 @@ class FrameChannel {
   void FinishSending();
 
  private:
-  bool SendSome();
-  void SendUnsent();
-  std::size_t Wanted() const;
-  bool ReadSome();
-  void WaitReadable(const Deadline& deadline);
+  class Link;
 
-  Descriptor descriptor_;
-  int wake_ = -1;
-  std::string unsent_;   // frames that have not left yet, the first perhaps in part
-  std::string pending_;  // the frame being received, its length field included
-  std::chrono::milliseconds interval_{0};
-  std::function<void()> tick_;
+  explicit FrameChannel(std::unique_ptr<Link> link);
+
+  std::unique_ptr<Link> link_;
 };
 
 }  // namespace master
