@@ -1,6 +1,10 @@
 #include "sections/section.h"
 
 #include <algorithm>
+#ifdef _WIN32
+#include <filesystem>
+#include <fstream>
+#endif
 
 namespace sections {
 namespace {
@@ -49,7 +53,14 @@ Section Section::Parse(std::string_view text, const std::string& file) {
 }
 
 Section Section::ReadFile(const std::string& file) {
+#ifdef _WIN32
+  // The library would take the name for one in the code page of the machine.
+  std::ifstream in(std::filesystem::path(file), std::ios::binary);
+  if (!in) throw Error({file, 0}, "File could not be opened for reading");
+  return Parsed(file, [&] { return toml::parse(in, file); });
+#else
   return Parsed(file, [&] { return toml::parse_file(file); });
+#endif
 }
 
 std::optional<Value> Section::Find(std::string_view key) {

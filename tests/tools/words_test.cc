@@ -35,6 +35,10 @@ TEST(SplitWords, BackslashAtTheEndStandsForItself) {
   EXPECT_THROW(SplitWords("\"A\\"), UsageError);
 }
 
+TEST(SplitWords, ByteOrderMarkInFrontIsNoPartOfTheWord) {
+  EXPECT_THAT(SplitWords("\xEF\xBB\xBFuntil 30"), ElementsAre("until", "30"));
+}
+
 TEST(SplitWords, LineEndsSeparateToo) {
   EXPECT_THAT(SplitWords("A\nB"), ElementsAre("A", "B"));
 }

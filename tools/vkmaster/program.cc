@@ -1,13 +1,13 @@
 #include "tools/vkmaster/program.h"
 
 #include <errno.h>
-#include <fcntl.h>
 #include <signal.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
 #include <exception>
+#include <filesystem>
+#include <fstream>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -18,7 +18,6 @@
 
 #include <fmt/format.h>
 
-#include "base/descriptor.h"
 #include "master/errors.h"
 #include "master/launch.h"
 #include "tools/vkmaster/command_line/hints.h"
@@ -31,6 +30,7 @@
 #include "tools/vkmaster/plans/course.h"
 #include "tools/vkmaster/plans/plan.h"
 #include "tools/vkmaster/plans/run_file.h"
+#include "tools/vkmaster/system/system.h"
 #include "tools/vkmaster/text/usage_error.h"
 
 namespace vkmaster {
@@ -48,15 +48,14 @@ Deadline In(std::chrono::seconds wait) {
 /// The commands of a file. All of them are parsed before the launch: a mistake in line 40 must not
 /// cost a run.
 std::vector<Command> ReadCommandFile(const std::string& file) {
-  const Descriptor input(open(file.c_str(), O_RDONLY | O_CLOEXEC));
-  if (!input) throw UsageError("Cannot read the file '" + file + "'");
-  DescriptorLines lines(input.get(), -1);
+  std::ifstream lines{std::filesystem::path(file), std::ios::binary};
+  if (!lines) throw UsageError("Cannot read the file '" + file + "'");
   std::vector<Command> commands;
   int number = 0;
   try {
-    while (const auto line = lines.Next()) {
+    for (std::string line; std::getline(lines, line);) {
       ++number;
-      for (Command& command : ParseCommands(SplitWords(*line))) {
+      for (Command& command : ParseCommands(SplitWords(line))) {
         commands.push_back(std::move(command));
       }
     }
@@ -68,12 +67,10 @@ std::vector<Command> ReadCommandFile(const std::string& file) {
 
 class Program {
  public:
-  explicit Program(Options options)
+  Program(Options options, bool can_redraw)
       : options_(std::move(options)),
         output_(options_.form, stdout, stderr),
-        progress_(options_.progress && options_.form == Form::kText && isatty(STDOUT_FILENO) != 0 &&
-                      isatty(STDERR_FILENO) != 0,
-                  stderr) {
+        progress_(options_.progress && options_.form == Form::kText && can_redraw, stderr) {
     output_.BeforeWriting([this] { progress_.Hide(); });
     launched_.daemon_host = options_.host;
     launched_.daemon_port = options_.port;
@@ -157,8 +154,8 @@ class Program {
     std::optional<master::Launch> launch;
     bool requested = false;
     try {
-      launch.emplace(master::FrameChannel::ConnectTo(
-          options_.host, options_.port, options_.connect_wait, interrupt_.descriptor()));
+      launch.emplace(master::FrameChannel::ConnectTo(options_.host, options_.port,
+                                                     options_.connect_wait, interrupt_.wake()));
       launched_.daemon_version = launch->ExchangeVersions(In(options_.connect_wait));
       requested = true;
       launch->Request(options_.run);
@@ -269,7 +266,7 @@ class Program {
   }
 
   int ExecuteLines() {
-    const bool at_terminal = options_.file.empty() && isatty(STDIN_FILENO) != 0;
+    const bool at_terminal = options_.file.empty() && IsTerminal(stdin);
     const std::unique_ptr<LineSource> lines = Lines(at_terminal);
     const bool forgiving = at_terminal || options_.keep_going;
     int result = kOk;
@@ -303,10 +300,10 @@ class Program {
   // simulator cannot be interrupted, so the first one waits for the answer that is due.
   int ExecuteTypedLine(const std::string& line) {
     patient_ = true;
-    session_->raw_run().channel().WakeOn(-1);
+    session_->raw_run().channel().WakeOn(master::kNoWake);
     const int status = ExecuteLine(line);
     patient_ = told_ = false;
-    session_->raw_run().channel().WakeOn(interrupt_.descriptor());
+    session_->raw_run().channel().WakeOn(interrupt_.wake());
     if (interrupt_.signal() == SIGINT && interrupt_.count() == 1) interrupt_.Clear();
     return status;
   }
@@ -316,7 +313,7 @@ class Program {
   bool StopAsked() {
     if (interrupt_.signal() == 0) return false;
     if (interrupt_.signal() != SIGINT || interrupt_.count() > 1) {
-      session_->raw_run().channel().WakeOn(interrupt_.descriptor());
+      session_->raw_run().channel().WakeOn(interrupt_.wake());
     } else if (!std::exchange(told_, true)) {
       output_.Note(
           "Ctrl-C: stops when the simulator has finished its step, and gives the prompt back; "
@@ -326,9 +323,7 @@ class Program {
   }
 
   std::unique_ptr<LineSource> Lines(bool at_terminal) {
-    if (!at_terminal) {
-      return std::make_unique<DescriptorLines>(STDIN_FILENO, interrupt_.descriptor());
-    }
+    if (!at_terminal) return StandardInput(interrupt_);
     output_.Note(
         fmt::format("{} runs on {}. help lists the commands, quit leaves. Ctrl-C stops an "
                     "advance after its step; twice, it ends the run.",
@@ -406,9 +401,10 @@ class Program {
 
 int RunProgram(int argc, const char* const* argv) {
   try {
+    const Terminal terminal;
     Options options;
     if (const auto status = ParseOptions(argc, argv, options)) return *status;
-    return Program(std::move(options)).Run();
+    return Program(std::move(options), terminal.CanRedraw()).Run();
   } catch (const std::exception& error) {
     Tell(stderr, fmt::format("vkmaster: {}\n", error.what()));
     return kInternal;

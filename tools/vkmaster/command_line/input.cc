@@ -7,7 +7,13 @@
 #include <array>
 #include <utility>
 
+#include "tools/vkmaster/command_line/interrupt.h"
+
 namespace vkmaster {
+
+std::unique_ptr<LineSource> StandardInput(const Interrupt& interrupt) {
+  return std::make_unique<DescriptorLines>(STDIN_FILENO, interrupt.wake());
+}
 
 std::optional<std::string> DescriptorLines::Next() {
   while (true) {

@@ -1,9 +1,12 @@
 #pragma once
 
+#include <memory>
 #include <optional>
 #include <string>
 
 namespace vkmaster {
+
+class Interrupt;
 
 /// Lines of commands from a pipe or the prompt.
 class LineSource {
@@ -14,6 +17,10 @@ class LineSource {
   virtual std::optional<std::string> Next() = 0;
 };
 
+/// The lines of standard input. They end early with a signal.
+std::unique_ptr<LineSource> StandardInput(const Interrupt& interrupt);
+
+#ifndef _WIN32
 /// Lines of a pipe or a file.
 class DescriptorLines : public LineSource {
  public:
@@ -30,5 +37,6 @@ class DescriptorLines : public LineSource {
   bool ended_ = false;
   std::string buffer_;
 };
+#endif
 
 }  // namespace vkmaster

@@ -1,35 +1,27 @@
 #include "tools/vkmaster/command_line/interrupt.h"
 
-#include <errno.h>
 #include <signal.h>
-#include <sys/eventfd.h>
-#include <unistd.h>
 
-#include <cstdint>
-#include <stdexcept>
+#include "master/alarm.h"
 
 namespace vkmaster {
 namespace {
 
 volatile sig_atomic_t g_signal = 0;
 volatile sig_atomic_t g_count = 0;
-int g_descriptor = -1;
+master::Alarm* g_alarm = nullptr;
 
 void OnSignal(int number) {
-  const int error = errno;
   g_signal = number;
   g_count = g_count + 1;
-  const std::uint64_t one = 1;
-  // The write fails only when the counter is full, and then the descriptor is readable already.
-  [[maybe_unused]] const ssize_t put = write(g_descriptor, &one, sizeof(one));
-  errno = error;
+  g_alarm->Raise();
 }
 
 }  // namespace
 
 Interrupt::Interrupt() {
-  g_descriptor = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-  if (g_descriptor < 0) throw std::runtime_error("no event descriptor");
+  static master::Alarm alarm;
+  g_alarm = &alarm;
   struct sigaction action {};
   action.sa_handler = OnSignal;
   // Without SA_RESTART: a read at the prompt has to return.
@@ -37,8 +29,8 @@ Interrupt::Interrupt() {
   ::signal(SIGPIPE, SIG_IGN);
 }
 
-int Interrupt::descriptor() const {
-  return g_descriptor;
+master::Wake Interrupt::wake() const {
+  return g_alarm->wake();
 }
 
 int Interrupt::signal() const {
@@ -50,8 +42,7 @@ int Interrupt::count() const {
 }
 
 void Interrupt::Clear() {
-  std::uint64_t count = 0;
-  [[maybe_unused]] const ssize_t got = read(g_descriptor, &count, sizeof(count));
+  g_alarm->Lower();
   g_signal = 0;
   g_count = 0;
 }

@@ -1,19 +1,24 @@
 #pragma once
 
+#include "master/frame_channel.h"
+
 namespace vkmaster {
 
-/// SIGINT, SIGTERM and SIGHUP as a descriptor that becomes readable, so that whoever waits for the
-/// daemon can stop waiting and shut the run down. SIGPIPE is ignored from then on. One per process,
-/// for its life.
+/// SIGINT, SIGTERM and SIGHUP as something that ends waits, so that whoever waits for the daemon
+/// can stop waiting and shut the run down. SIGPIPE is ignored from then on. One per process, for
+/// its life.
+///
+/// Windows has Ctrl-C for SIGINT, Ctrl-Break for SIGTERM, and for SIGHUP the end of the console, of
+/// the session or of the machine.
 class Interrupt {
  public:
-  /// Takes the signals over. Throws std::runtime_error when there is no descriptor.
+  /// Takes the signals over. Throws std::runtime_error when the system has nothing to wait for.
   Interrupt();
   Interrupt(const Interrupt&) = delete;
   Interrupt& operator=(const Interrupt&) = delete;
 
-  /// Readable from a signal until Clear().
-  int descriptor() const;
+  /// Raised from a signal until Clear().
+  master::Wake wake() const;
 
   /// The last signal since Clear(), 0 for none.
   int signal() const;

@@ -1,8 +1,6 @@
 #include "tools/vkmaster/command_line/options.h"
 
-#include <pwd.h>
 #include <stdlib.h>
-#include <unistd.h>
 
 #include <map>
 #include <memory>
@@ -15,6 +13,7 @@
 #include "tools/vkmaster/command_line/prompt.h"
 #include "tools/vkmaster/commands/registry.h"
 #include "tools/vkmaster/plans/plan.h"
+#include "tools/vkmaster/system/system.h"
 #include "tools/vkmaster/text/usage_error.h"
 
 namespace vkmaster {
@@ -58,8 +57,7 @@ std::string DefaultUser() {
     const char* user = getenv(name);
     if (user != nullptr && *user != '\0') return user;
   }
-  const passwd* account = getpwuid(getuid());
-  return account == nullptr ? "" : account->pw_name;
+  return AccountName();
 }
 
 void AddSeconds(CLI::App& app, const std::string& name, std::chrono::seconds& value,

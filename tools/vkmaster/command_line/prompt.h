@@ -25,6 +25,8 @@ std::vector<std::string> Completions(const std::string& before, const std::strin
                                      const RunNames& names);
 
 /// The line editor at the terminal, with a history kept in a file. One at a time.
+///
+/// On Windows the console edits the line and keeps the history, until it is closed.
 class Prompt : public LineSource {
  public:
   /// `text` gives the prompt, `names` what to complete with; `interrupt` stays the caller's.
@@ -39,7 +41,11 @@ class Prompt : public LineSource {
  private:
   std::function<std::string()> text_;
   Interrupt& interrupt_;
+#ifdef _WIN32
+  RunNames names_;
+#else
   std::string history_;
+#endif
 };
 
 }  // namespace vkmaster

@@ -9,6 +9,7 @@
 
 #include <fmt/format.h>
 
+#include "tools/vkmaster/system/system.h"
 #include "tools/vkmaster/text/usage_error.h"
 
 namespace vkmaster {
@@ -84,7 +85,7 @@ const Recorder::File& Recorder::FileFor(const std::string& name, const std::stri
   file.path = (std::filesystem::path(directory_) /
                (number == 1 ? name + ".csv" : fmt::format("{}_{}.csv", name, number)))
                   .string();
-  file.stream.reset(std::fopen(file.path.c_str(), "we"));
+  file.stream.reset(OpenToWrite(file.path));
   if (!file.stream) throw CannotWrite(file.path);
   Append(file, header);
   return file;

@@ -17,6 +17,7 @@
 #include "tools/vkmaster/plans/plan.h"
 #include "tools/vkmaster/session/session.h"
 #include "tools/vkmaster/session/units.h"
+#include "tools/vkmaster/system/system.h"
 #include "tools/vkmaster/text/sha256.h"
 #include "tools/vkmaster/text/usage_error.h"
 
@@ -47,7 +48,7 @@ std::string DeckOf(const master::RunRequest& run) {
 }
 
 std::string DigestOf(const std::string& file) {
-  std::ifstream in(file, std::ios::binary);
+  std::ifstream in(fs::path(file), std::ios::binary);
   if (!in) return "";
   const std::string bytes{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
   return Sha256(bytes);
@@ -66,16 +67,14 @@ std::vector<fs::path> ResultsIn(const std::string& directory) {
 // Replaced as a whole: whoever reads it at any moment finds one of the two.
 void Write(const std::string& path, const std::string& text) {
   const std::string next = path + ".new";
-  std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(next.c_str(), "we"), std::fclose);
+  std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(OpenToWrite(next), std::fclose);
   const bool written = file &&
                        std::fwrite(text.data(), 1, text.size(), file.get()) == text.size() &&
                        std::fflush(file.get()) == 0;
-  const int error = errno;
+  std::error_code error(written ? 0 : errno, std::generic_category());
   file.reset();
-  if (!written || std::rename(next.c_str(), path.c_str()) != 0) {
-    throw UsageError(fmt::format("Cannot write '{}': {}", path,
-                                 std::generic_category().message(written ? errno : error)));
-  }
+  if (!error) fs::rename(next, path, error);
+  if (error) throw UsageError(fmt::format("Cannot write '{}': {}", path, error.message()));
 }
 
 std::string Dump(const Json& json) {

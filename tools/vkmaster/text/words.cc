@@ -100,6 +100,9 @@ class Splitter {
 }  // namespace
 
 Words SplitWords(std::string_view line) {
+  // Editors on Windows put it at the beginning of a file.
+  constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
+  if (line.starts_with(kByteOrderMark)) line.remove_prefix(kByteOrderMark.size());
   return Splitter().Split(line);
 }
 

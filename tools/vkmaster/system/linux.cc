@@ -1,0 +1,27 @@
+#include <pwd.h>
+#include <unistd.h>
+
+#include "tools/vkmaster/system/system.h"
+
+namespace vkmaster {
+
+std::FILE* OpenToWrite(const std::string& path) {
+  return std::fopen(path.c_str(), "we");
+}
+
+std::string AccountName() {
+  const passwd* account = getpwuid(getuid());
+  return account == nullptr ? "" : account->pw_name;
+}
+
+bool IsTerminal(std::FILE* stream) {
+  return isatty(fileno(stream)) != 0;
+}
+
+struct Terminal::Modes {};
+
+Terminal::Terminal() : can_redraw_(IsTerminal(stdout) && IsTerminal(stderr)) {}
+
+Terminal::~Terminal() = default;
+
+}  // namespace vkmaster

@@ -1,0 +1,40 @@
+// What vkmaster asks of the system beside the C++ library, and where Linux and Windows differ.
+// Texts are UTF-8 on both, the names of files included.
+#pragma once
+
+#include <cstdio>
+#include <memory>
+#include <string>
+
+namespace vkmaster {
+
+/// Makes the file `path` anew, for bytes that are written as they are; null with errno when that
+/// fails.
+std::FILE* OpenToWrite(const std::string& path);
+
+/// The name of the account that the program runs in, "" when it has none.
+std::string AccountName();
+
+/// Whether somebody looks at or types into `stream`.
+bool IsTerminal(std::FILE* stream);
+
+/// The terminal as this program wants it. Windows gives a program a console in the code page and
+/// the modes of whoever had it before; at the end of this object it has them again.
+class Terminal {
+ public:
+  Terminal();
+  Terminal(const Terminal&) = delete;
+  Terminal& operator=(const Terminal&) = delete;
+  ~Terminal();
+
+  /// Whether lines that were written can be taken back: standard output and error are terminals
+  /// that understand how.
+  bool CanRedraw() const { return can_redraw_; }
+
+ private:
+  struct Modes;
+  std::unique_ptr<Modes> modes_;
+  bool can_redraw_ = false;
+};
+
+}  // namespace vkmaster
