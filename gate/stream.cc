@@ -1,0 +1,425 @@
+#include "gate/stream.h"
+
+#include <algorithm>
+#include <cstring>
+#include <variant>
+
+namespace gate {
+
+namespace {
+
+// The frames that follow the opening and the answer: a byte that says which, then its fields.
+enum Frame : unsigned char {
+  kData = 1,   // u32 length, u64 place of the first byte, the bytes
+  kAck = 2,    // u64 place up to which all has been taken by the local side
+  kEnd = 3,    // u64 place of the end
+  kPing = 4,   // nothing; answered with kPong
+  kPong = 5,   // nothing
+  kClose = 6,  // u8 reason: the link has ended for good
+};
+
+constexpr std::size_t kDataHead = 1 + 4 + 8;
+constexpr std::size_t kPlaceHead = 1 + 8;
+constexpr std::uint32_t kLongestData = 65536;
+
+// How long the other gate may wait to be told that bytes were taken. It costs nobody time, only the
+// memory of what is kept: a full window is told of at once.
+constexpr Time kTellAfter = std::chrono::seconds(1);
+
+// Bytes of a frame before its data; 0 for one that does not exist.
+std::size_t HeadOf(char kind) {
+  switch (static_cast<unsigned char>(kind)) {
+    case kData:
+      return kDataHead;
+    case kAck:
+    case kEnd:
+      return kPlaceHead;
+    case kPing:
+    case kPong:
+      return 1;
+    case kClose:
+      return 2;
+    default:
+      return 0;
+  }
+}
+
+}  // namespace
+
+// What ForWire() fills.
+class Stream::Room {
+ public:
+  Room(char* begin, std::size_t size) : at_(begin), left_(size) {}
+
+  std::size_t left() const { return left_; }
+  void Put(std::string_view bytes) {
+    memcpy(at_, bytes.data(), bytes.size());
+    at_ += bytes.size();
+    left_ -= bytes.size();
+  }
+  void Put(Frame kind) {
+    const char byte = static_cast<char>(kind);
+    Put({&byte, 1});
+  }
+  template <class T>
+  void Put(Frame kind, T number) {
+    std::string bytes(1, static_cast<char>(kind));
+    PutNumber(bytes, number);
+    Put(bytes);
+  }
+
+ private:
+  char* at_;
+  std::size_t left_;
+};
+
+Stream::Stream(const Options& options)
+    : options_(options), connecting_(true), ahead_(options.ahead) {}
+
+Stream::Stream(const LinkId& id, const Options& options)
+    : options_(options), connecting_(false), id_(id), ahead_(options.ahead) {}
+
+std::uint64_t Stream::Connect(Time now) {
+  Attach(epoch_ + 1, State::kOpening, now);
+  // No question can be asked before the answer has come, so the answer itself is waited for.
+  asked_at_ = now;
+  return epoch_;
+}
+
+bool Stream::Accept(const Opening& opening, Time now) {
+  if (opening.received < acked_ || opening.received > highest_) return false;
+  if (opening.IsNew()) ahead_ = ahead_ && opening.ahead;
+  Attach(opening.epoch, State::kAttached, now);
+  sent_ = opening.received;
+  return true;
+}
+
+void Stream::Attach(std::uint64_t epoch, State state, Time now) {
+  epoch_ = epoch;
+  state_ = state;
+  head_.size = 0;
+  data_left_ = 0;
+  greeting_due_ = true;
+  ping_due_ = false;
+  pong_due_ = false;
+  // The last ACK may have been lost with the former connection.
+  told_ = 0;
+  ack_due_ = taken_ > 0;
+  tell_at_ = Time::max();
+  heard_at_ = now;
+  asked_at_ = Time::max();
+}
+
+bool Stream::IsCurrent(std::uint64_t epoch) const {
+  return epoch == epoch_ && (state_ == State::kOpening || state_ == State::kAttached);
+}
+
+bool Stream::FromWire(std::uint64_t epoch, std::string_view bytes, Time now) {
+  if (!IsCurrent(epoch)) return false;
+  heard_at_ = now;
+  if (state_ == State::kAttached) {
+    asked_at_ = Time::max();
+    ping_due_ = false;
+  }
+  while (!bytes.empty()) {
+    if (data_left_ > 0) {
+      const std::string_view part = bytes.substr(0, data_left_);
+      Keep(part);
+      data_left_ -= static_cast<std::uint32_t>(part.size());
+      bytes.remove_prefix(part.size());
+    } else if (state_ == State::kOpening) {
+      if (TakeHead(bytes, Answer::kSize) && !TakeAnswer()) return false;
+    } else if (!TakeFrame(bytes)) {
+      return false;
+    }
+  }
+  LookForFinish();
+  return state_ != State::kEnded;
+}
+
+// Moves bytes to the head that is coming in until it has `size`. Whether it has.
+bool Stream::TakeHead(std::string_view& bytes, std::size_t size) {
+  const std::size_t count = std::min(bytes.size(), size - head_.size);
+  memcpy(head_.bytes + head_.size, bytes.data(), count);
+  head_.size += count;
+  bytes.remove_prefix(count);
+  if (head_.size < size) return false;
+  head_.size = 0;
+  return true;
+}
+
+bool Stream::TakeAnswer() {
+  const auto read = ReadAnswer({head_.bytes, Answer::kSize});
+  if (const auto* reason = std::get_if<Reason>(&read)) {
+    Become(*reason);
+    return false;
+  }
+  const Answer& answer = std::get<Answer>(read);
+  if (!answer.accepted) {
+    if (ComesAgain(answer.refusal)) {
+      Broken(epoch_);
+      return false;
+    }
+    return TakeClose(answer.refusal);
+  }
+  const bool first = id_ == LinkId{};
+  if (answer.received < acked_ || answer.received > highest_ || answer.id == LinkId{} ||
+      (!first && answer.id != id_)) {
+    Become(Reason::kBrokenRules);
+    return false;
+  }
+  if (first) ahead_ = ahead_ && answer.ahead;
+  id_ = answer.id;
+  sent_ = answer.received;
+  state_ = State::kAttached;
+  asked_at_ = Time::max();
+  return true;
+}
+
+bool Stream::TakeFrame(std::string_view& bytes) {
+  const char kind = head_.size > 0 ? head_.bytes[0] : bytes[0];
+  const std::size_t size = HeadOf(kind);
+  if (size == 0) return Break(Reason::kBrokenRules);
+  if (!TakeHead(bytes, size)) return true;
+  const char* fields = head_.bytes + 1;
+  switch (static_cast<unsigned char>(kind)) {
+    case kData:
+      return TakeData(NumberFrom<std::uint32_t>(fields), NumberFrom<std::uint64_t>(fields + 4));
+    case kAck:
+      return TakeAck(NumberFrom<std::uint64_t>(fields));
+    case kEnd:
+      return TakeEnd(NumberFrom<std::uint64_t>(fields));
+    case kPing:
+      pong_due_ = true;
+      return true;
+    case kPong:
+      return true;
+    default:
+      return TakeClose(static_cast<Reason>(*fields));
+  }
+}
+
+bool Stream::TakeData(std::uint32_t length, std::uint64_t place) {
+  // In this order: what was taken cannot be more than what was received, so nothing wraps.
+  if (length == 0 || length > kLongestData || arrived_end_ || place != received_ ||
+      length > options_.window - (received_ - taken_)) {
+    return Break(Reason::kBrokenRules);
+  }
+  data_left_ = length;
+  return true;
+}
+
+bool Stream::TakeAck(std::uint64_t place) {
+  if (place < acked_ || place > highest_) return Break(Reason::kBrokenRules);
+  sending_.Drop(static_cast<std::size_t>(std::min(place, given_) - std::min(acked_, given_)));
+  acked_ = place;
+  // After a resumption the other gate may have taken what it said last that it had received.
+  sent_ = std::max(sent_, acked_);
+  return true;
+}
+
+bool Stream::TakeEnd(std::uint64_t place) {
+  if (arrived_end_ || place != received_) return Break(Reason::kBrokenRules);
+  arrived_end_ = true;
+  ++received_;
+  if (local_broke_) LocalTookEnd();
+  return true;
+}
+
+bool Stream::TakeClose(Reason reason) {
+  const bool complete = given_ended_ && end_taken_;
+  const bool known = reason < Reason::kBusy;
+  const bool wrong_finish = reason == Reason::kFinished && !(connecting_ && complete);
+  Become(known && !wrong_finish ? reason : Reason::kBrokenRules);
+  return false;
+}
+
+void Stream::Keep(std::string_view bytes) {
+  received_ += bytes.size();
+  if (local_broke_) {
+    Took(bytes.size());
+    if (tell_at_ == Time::max()) tell_at_ = heard_at_ + kTellAfter;
+  } else {
+    arrived_.Append(bytes);
+  }
+}
+
+void Stream::Took(std::uint64_t count) {
+  taken_ += count;
+  if (taken_ - std::min(taken_, told_) >= options_.window / 4) ack_due_ = true;
+}
+
+bool Stream::HasForWire(std::uint64_t epoch) const {
+  if (epoch != epoch_) return false;
+  if (close_due_) return true;
+  if (state_ == State::kOpening) return greeting_due_;
+  return state_ == State::kAttached &&
+         (greeting_due_ || ack_due_ || ping_due_ || pong_due_ || sent_ < end_of_given());
+}
+
+std::size_t Stream::ForWire(std::uint64_t epoch, char* room, std::size_t size) {
+  if (!HasForWire(epoch)) return 0;
+  Room out(room, size);
+  if (greeting_due_) {
+    greeting_due_ = false;
+    out.Put(
+        connecting_
+            ? BytesOf(Opening{.ahead = options_.ahead,
+                              .id = id_,
+                              .epoch = id_ == LinkId{} ? 0 : epoch_,
+                              .received = received_})
+            : BytesOf(Answer{.accepted = true, .ahead = ahead_, .id = id_, .received = received_}));
+  }
+  if (close_due_) {
+    close_due_ = false;
+    out.Put(kClose, static_cast<std::uint8_t>(reason_));
+  } else if (state_ == State::kAttached) {
+    PutFrames(out);
+  }
+  return size - out.left();
+}
+
+void Stream::PutFrames(Room& out) {
+  if (pong_due_) out.Put(kPong);
+  if (ping_due_) out.Put(kPing);
+  pong_due_ = ping_due_ = false;
+  const bool has_more = sent_ < end_of_given();
+  // What was taken is told along with other frames, too: that costs no message of its own.
+  if (ack_due_ || (has_more && taken_ > told_)) {
+    out.Put(kAck, taken_);
+    told_ = taken_;
+    ack_due_ = false;
+    tell_at_ = Time::max();
+  }
+  if (sent_ < given_ && out.left() > kDataHead) PutData(out);
+  if (given_ended_ && sent_ == given_ && out.left() >= kPlaceHead) {
+    out.Put(kEnd, given_);
+    ++sent_;
+  }
+  highest_ = std::max(highest_, sent_);
+}
+
+void Stream::PutData(Room& out) {
+  const std::uint64_t count =
+      std::min<std::uint64_t>({given_ - sent_, out.left() - kDataHead, kLongestData});
+  out.Put(kData, static_cast<std::uint32_t>(count));
+  std::string place;
+  PutNumber(place, sent_);
+  out.Put(place);
+  for (const std::uint64_t end = sent_ + count; sent_ < end;) {
+    const std::string_view part = sending_.At(static_cast<std::size_t>(sent_ - acked_))
+                                      .substr(0, static_cast<std::size_t>(end - sent_));
+    out.Put(part);
+    sent_ += part.size();
+  }
+}
+
+void Stream::Broken(std::uint64_t epoch) {
+  if (!IsCurrent(epoch)) return;
+  state_ = State::kDetached;
+  tell_at_ = asked_at_ = Time::max();
+}
+
+Time Stream::WakeAt() const {
+  if (state_ != State::kOpening && state_ != State::kAttached) return Time::max();
+  const Time silent =
+      asked_at_ == Time::max() ? heard_at_ + options_.silence / 3 : asked_at_ + Patience();
+  return std::min(silent, tell_at_);
+}
+
+// How long the other end may take to answer a question.
+Time Stream::Patience() const {
+  return options_.silence - options_.silence / 3;
+}
+
+bool Stream::OnTime(Time now) {
+  if (state_ != State::kOpening && state_ != State::kAttached) return true;
+  if (now >= tell_at_) ack_due_ = true;
+  if (asked_at_ == Time::max()) {
+    if (now < heard_at_ + options_.silence / 3) return true;
+    // From now, not from when it was due: this machine may have slept for hours, and the connection
+    // may have survived that.
+    asked_at_ = now;
+    ping_due_ = true;
+    return true;
+  }
+  if (now < asked_at_ + Patience()) return true;
+  Broken(epoch_);
+  return false;
+}
+
+std::size_t Stream::RoomForLocal() const {
+  if (state_ == State::kEnded || given_ended_) return 0;
+  return options_.window - sending_.size();
+}
+
+void Stream::FromLocal(std::string_view bytes) {
+  if (state_ == State::kEnded) return;
+  sending_.Append(bytes);
+  given_ += bytes.size();
+}
+
+void Stream::LocalEnded() {
+  given_ended_ = true;
+}
+
+void Stream::LocalBroke() {
+  LocalEnded();
+  if (local_broke_) return;
+  local_broke_ = true;
+  Took(arrived_.size());
+  arrived_.Clear();
+  ack_due_ = true;
+  if (arrived_end_ && !end_taken_) LocalTookEnd();
+}
+
+std::string_view Stream::ForLocal() const {
+  return arrived_.At(0);
+}
+
+void Stream::LocalTook(std::size_t count, Time now) {
+  arrived_.Drop(count);
+  Took(count);
+  if (taken_ > told_ && tell_at_ == Time::max()) tell_at_ = now + kTellAfter;
+}
+
+bool Stream::EndsLocal() const {
+  return state_ != State::kEnded && arrived_end_ && !end_taken_ && arrived_.empty();
+}
+
+void Stream::LocalTookEnd() {
+  if (end_taken_ || state_ == State::kEnded) return;
+  end_taken_ = true;
+  ++taken_;
+  ack_due_ = true;
+  LookForFinish();
+}
+
+// Only the serving gate finishes by itself; the connecting gate waits until it is told so.
+// Otherwise the last ACK might be lost with its connection, and the serving gate would hold for
+// hours what is done.
+void Stream::LookForFinish() {
+  if (connecting_ || state_ == State::kEnded) return;
+  if (given_ended_ && end_taken_ && acked_ == end_of_given()) End(Reason::kFinished);
+}
+
+void Stream::End(Reason reason) {
+  if (state_ == State::kEnded) return;
+  close_due_ = state_ == State::kAttached;
+  Become(reason);
+}
+
+bool Stream::Break(Reason reason) {
+  End(reason);
+  return false;
+}
+
+void Stream::Become(Reason reason) {
+  state_ = State::kEnded;
+  reason_ = reason;
+  sending_.Clear();
+  arrived_.Clear();
+  tell_at_ = asked_at_ = Time::max();
+}
+
+}  // namespace gate
