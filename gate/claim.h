@@ -1,0 +1,81 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "gate/certificate_names.h"
+
+namespace gate {
+
+/// Reads along in the master's half of the handshake, in whatever pieces it comes, until it knows
+/// which Windows user the master claims to be. It keeps no bytes but that name: the caller keeps
+/// the rest from the daemon until the claim has been judged.
+///
+/// Nothing of a handshake may reach the daemon before. To the daemon a line that a broken link has
+/// lost is an empty one: a version alone and then the end of the connection makes it start the
+/// script for the user "", which its file may map to somebody.
+///
+/// The lines are cut as the daemon cuts them (Socket::ReceiveLine), so both take the same line for
+/// the user's. What follows that line cannot be another claim: the daemon reads one.
+class Claim {
+ public:
+  enum class State {
+    kOpen,        ///< more bytes are needed
+    kClaimed,     ///< user() is claimed
+    kNotAMaster,  ///< its version is 0 or no number: the daemon closes the connection once it has
+                  ///< it
+    kTooLong,     ///< a line that the daemon would never take, or more bytes than may wait
+  };
+
+  /// `limit`: bytes up to the end of the user's line.
+  explicit Claim(std::size_t limit) : limit_(limit) {}
+
+  /// Takes the master's next bytes. Whatever comes once the state is another than kOpen is not
+  /// looked at.
+  State Read(std::string_view bytes);
+
+  State state() const { return state_; }
+
+  /// Cut behind the 256th byte: a longer name is nobody's.
+  const std::string& user() const { return user_; }
+
+  /// Of kNotAMaster: how many bytes the version's line has with its length, all that the daemon may
+  /// get.
+  std::size_t version_bytes() const { return version_bytes_; }
+
+  /// How many bytes were looked at.
+  std::size_t seen() const { return seen_; }
+
+ private:
+  static constexpr int kUserLine = 6;  // after version, cluster, path, root, processes, simulator
+
+  void TakeLength(char byte);
+  std::size_t TakeText(std::string_view bytes);
+  void EndLine();
+
+  std::size_t limit_;
+  State state_ = State::kOpen;
+  int line_ = 0;
+  int length_bytes_ = 0;  // of the length field that have come
+  std::uint32_t length_ = 0;
+  std::size_t missing_ = 0;  // of the line's text
+  std::size_t seen_ = 0;
+  std::size_t version_bytes_ = 0;
+  std::string version_;
+  std::string user_;
+};
+
+/// A line of the handshake as it travels: a text that does not begin with "OK|" refuses the master.
+std::string LineFrame(std::string_view text);
+
+/// `text` with everything but printable ASCII as \xNN.
+std::string Printable(std::string_view text);
+
+/// What a master is told whose claim is not proven: "Windows user 'bob' is not proven by the
+/// certificate, which is that of upn:alice@example.com". ASCII; what else a claim holds is shown as
+/// \xNN.
+std::string NotProvenText(std::string_view claim, const CertificateNames& proven);
+
+}  // namespace gate

@@ -1,0 +1,362 @@
+#include "gate/link_end.h"
+
+#include <algorithm>
+#include <array>
+#include <utility>
+
+#include <boost/asio/buffer.hpp>
+#include <boost/asio/post.hpp>
+
+#include "gate/clock.h"
+
+namespace gate {
+namespace {
+
+using boost::system::error_code;
+using Result = TlsSocket::Result;
+
+// One piece of work: what a TLS record holds.
+constexpr std::size_t kPiece = 16384;
+
+// One link takes its turn for so many pieces, then the others have theirs.
+constexpr int kTurn = 16;
+
+// There is one thread, and no call that uses it calls another that does: all links share one
+// buffer.
+std::array<char, kPiece>& Scratch() {
+  static std::array<char, kPiece> scratch;
+  return scratch;
+}
+
+bool WouldBlock(const error_code& error) {
+  return error == boost::asio::error::would_block || error == boost::asio::error::try_again;
+}
+
+}  // namespace
+
+LinkEnd::LinkEnd(Tcp::socket local, std::unique_ptr<Stream> stream, Events events)
+    : local_(std::move(local)),
+      stream_(std::move(stream)),
+      events_(std::move(events)),
+      timer_(local_.get_executor()) {
+  Prepare(local_);
+}
+
+LinkEnd::~LinkEnd() = default;
+
+Tcp::endpoint LinkEnd::local_endpoint() const {
+  error_code gone;
+  return local_.local_endpoint(gone);
+}
+
+void LinkEnd::Take(std::unique_ptr<Wire> wire) {
+  CloseGently(std::move(wire_));
+  unsent_.clear();
+  wire_ = std::move(wire);
+  epoch_ = stream_->epoch();
+  wire_readable_ = true;  // TLS may have read ahead
+  wire_writable_ = true;
+  awaits_wire_read_ = awaits_wire_write_ = false;
+  Advance();
+}
+
+void LinkEnd::End(Reason reason) {
+  if (finished_) return;
+  stream_->End(reason);
+  Advance();
+}
+
+void LinkEnd::Advance() {
+  if (advancing_ || finished_) return;
+  advancing_ = true;
+  const auto self = shared_from_this();
+  ReadLocal();
+  WriteWire();
+  ReadWire();
+  WriteLocal();
+  WriteWire();  // what was taken is acknowledged
+  advancing_ = false;
+  if (stream_->state() == Stream::State::kEnded) {
+    Finish();
+  } else {
+    Await();
+  }
+}
+
+void LinkEnd::ReadLocal() {
+  for (int i = 0; i < kTurn && local_open_ && !local_ends_ && local_readable_; ++i) {
+    const std::size_t room = std::min(kPiece, stream_->RoomForLocal());
+    if (room == 0) return;
+    error_code error;
+    const std::size_t size = local_.read_some(boost::asio::buffer(Scratch().data(), room), error);
+    if (WouldBlock(error)) {
+      local_readable_ = false;
+    } else if (error == boost::asio::error::eof) {
+      local_ends_ = true;
+      stream_->LocalEnded();
+    } else if (error) {
+      CloseLocal();
+    } else {
+      stream_->FromLocal({Scratch().data(), size});
+      if (size < room) local_readable_ = false;
+      WriteWire();
+    }
+  }
+}
+
+void LinkEnd::WriteWire() {
+  while (wire_ != nullptr && wire_writable_) {
+    std::string_view bytes = unsent_;
+    if (bytes.empty()) {
+      bytes = {Scratch().data(), stream_->ForWire(epoch_, Scratch().data(), kPiece, Now())};
+    }
+    if (bytes.empty()) return;
+    std::size_t put = 0;
+    switch (wire_->tls->Write(bytes, put)) {
+      case Result::kDone:
+        break;
+      case Result::kWantWrite:
+        wire_writable_ = false;
+        break;
+      case Result::kWantRead:
+        wire_writable_ = wire_readable_ = false;
+        break;
+      case Result::kBroken:
+        return LoseWire(wire_->tls->error());
+    }
+    unsent_ = std::string(bytes.substr(put));
+  }
+}
+
+void LinkEnd::ReadWire() {
+  for (int i = 0; i < kTurn && wire_ != nullptr && wire_readable_; ++i) {
+    const bool opening = stream_->state() == Stream::State::kOpening;
+    std::size_t got = 0;
+    switch (wire_->tls->Read(Scratch(), got)) {
+      case Result::kDone:
+        break;
+      case Result::kWantRead:
+        wire_readable_ = false;
+        wire_writable_ = true;  // a write that has waited for this may go on
+        return;
+      case Result::kWantWrite:
+        wire_readable_ = wire_writable_ = false;
+        return;
+      case Result::kBroken:
+        return LoseWire(wire_->tls->error());
+    }
+    const bool of_use = stream_->FromWire(epoch_, {Scratch().data(), got}, Now());
+    if (opening && stream_->state() == Stream::State::kAttached && events_.attached) {
+      events_.attached();
+    }
+    WriteLocal();
+    if (!of_use) {
+      WriteWire();
+      if (stream_->state() != Stream::State::kEnded) LoseWire("The other gate is busy");
+      return;
+    }
+  }
+}
+
+void LinkEnd::WriteLocal() {
+  if (claim_) TakeClaim();
+  if (swallows_) {
+    for (std::string_view bytes = stream_->ForLocal(); !bytes.empty();
+         bytes = stream_->ForLocal()) {
+      stream_->LocalTook(bytes.size(), Now());
+    }
+  }
+  PassHeld();
+  while (!claim_ && held_.empty() && local_open_ && local_writable_) {
+    const std::string_view bytes = stream_->ForLocal();
+    if (bytes.empty()) break;
+    error_code error;
+    const std::size_t size =
+        local_.write_some(boost::asio::buffer(bytes.data(), bytes.size()), error);
+    if (WouldBlock(error)) {
+      local_writable_ = false;
+    } else if (error) {
+      CloseLocal();
+    } else {
+      local_told_ = true;
+      stream_->LocalTook(size, Now());
+    }
+  }
+  if (stream_->EndsLocal() && (claim_ || held_.empty())) EndLocal();
+}
+
+// Reads along until the master has claimed to be somebody, and lets it pass or refuses it.
+void LinkEnd::TakeClaim() {
+  while (claim_->state() == Claim::State::kOpen) {
+    const std::string_view bytes = stream_->ForLocal();
+    if (bytes.empty()) return;
+    held_ += bytes;
+    claim_->Read(bytes);
+    stream_->LocalTook(bytes.size(), Now());
+  }
+  const Claim claim = *std::exchange(claim_, std::nullopt);
+  if (claim.state() == Claim::State::kNotAMaster) {
+    // The daemon closes the connection at these bytes, and without the rest it starts nothing.
+    held_.resize(claim.version_bytes());
+    swallows_ = true;
+    return;
+  }
+  const std::string refusal = events_.judge(claim);
+  if (!refusal.empty()) RefuseMaster(refusal);
+}
+
+void LinkEnd::RefuseMaster(const std::string& text) {
+  if (finished_) return;
+  claim_.reset();
+  held_.clear();
+  swallows_ = true;
+  if (local_ends_) return;  // the daemon itself has ended the connection
+  // The daemon's greeting, 5 bytes, is whole or has not come. A master that has sent its request
+  // has seen it, unless it does not wait for it.
+  if (stream_->given() == 0) stream_->FromLocal(LineFrame("3"));
+  stream_->FromLocal(LineFrame(text));
+  stream_->LocalEnded();
+  local_ends_ = true;
+  local_open_ = false;
+  error_code ignored;
+  local_.close(ignored);
+  Advance();
+}
+
+void LinkEnd::PassHeld() {
+  if (claim_) return;
+  while (!held_.empty() && local_open_ && local_writable_) {
+    error_code error;
+    const std::size_t size = local_.write_some(boost::asio::buffer(held_), error);
+    if (WouldBlock(error)) {
+      local_writable_ = false;
+    } else if (error) {
+      CloseLocal();
+    } else {
+      held_.erase(0, size);
+    }
+  }
+  if (held_.empty()) held_.shrink_to_fit();
+}
+
+// The master, or the daemon, has got all that there will be.
+void LinkEnd::EndLocal() {
+  // A master that leaves before it has said who it is: the daemon has got nothing of it.
+  claim_.reset();
+  held_.clear();
+  error_code ignored;
+  if (local_open_) local_.shutdown(Tcp::socket::shutdown_send, ignored);
+  stream_->LocalTookEnd();
+}
+
+// The local connection is of no more use.
+void LinkEnd::CloseLocal() {
+  local_open_ = false;
+  local_ends_ = true;
+  claim_.reset();
+  held_.clear();
+  error_code ignored;
+  local_.close(ignored);
+  stream_->LocalBroke();
+}
+
+void LinkEnd::LoseWire(const std::string& why) {
+  unsent_.clear();
+  CloseGently(std::move(wire_));
+  stream_->Broken(epoch_);
+  if (stream_->state() != Stream::State::kEnded && events_.broken) events_.broken(why);
+}
+
+void LinkEnd::Finish() {
+  finished_ = true;
+  WriteWire();
+  CloseGently(std::move(wire_));
+  error_code ignored;
+  timer_.cancel(ignored);
+  const Events events = std::exchange(events_, {});
+  if (local_open_) {
+    const std::string text = events.farewell && !local_told_ ? events.farewell() : "";
+    error_code gone;
+    if (!text.empty())
+      local_.write_some(boost::asio::buffer(LineFrame("3") + LineFrame(text)), gone);
+    CloseGently(std::move(local_));
+  }
+  local_open_ = false;
+  if (events.ended) events.ended();
+}
+
+template <typename Handler>
+void LinkEnd::AwaitSocket(Tcp::socket& socket, Tcp::socket::wait_type what, bool& awaited,
+                          Handler handler) {
+  if (awaited) return;
+  awaited = true;
+  socket.async_wait(what, std::move(handler));
+}
+
+void LinkEnd::Await() {
+  const auto self = shared_from_this();
+  if (local_open_ && !local_ends_ && stream_->RoomForLocal() > 0) {
+    if (local_readable_) {
+      // It has had its turn.
+      boost::asio::post(local_.get_executor(), [self] { self->Advance(); });
+    } else {
+      AwaitSocket(local_, Tcp::socket::wait_read, awaits_local_read_, [self](error_code error) {
+        self->awaits_local_read_ = false;
+        if (error) return;
+        self->local_readable_ = true;
+        self->Advance();
+      });
+    }
+  }
+  if (local_open_ && !local_writable_) {
+    AwaitSocket(local_, Tcp::socket::wait_write, awaits_local_write_, [self](error_code error) {
+      self->awaits_local_write_ = false;
+      if (error) return;
+      self->local_writable_ = true;
+      self->Advance();
+    });
+  }
+  if (wire_ != nullptr) {
+    const std::uint64_t epoch = epoch_;
+    if (wire_readable_) {
+      boost::asio::post(local_.get_executor(), [self] { self->Advance(); });
+    } else {
+      AwaitSocket(wire_->socket, Tcp::socket::wait_read, awaits_wire_read_,
+                  [self, epoch](error_code error) {
+                    if (epoch != self->epoch_ || error) return;
+                    self->awaits_wire_read_ = false;
+                    self->wire_readable_ = true;
+                    self->Advance();
+                  });
+    }
+    if (!wire_writable_) {
+      AwaitSocket(wire_->socket, Tcp::socket::wait_write, awaits_wire_write_,
+                  [self, epoch](error_code error) {
+                    if (epoch != self->epoch_ || error) return;
+                    self->awaits_wire_write_ = false;
+                    self->wire_writable_ = true;
+                    self->wire_readable_ = true;
+                    self->Advance();
+                  });
+    }
+  }
+  AwaitTime();
+}
+
+// The timer is set again only when it has to ring earlier: most times are put off before they come.
+void LinkEnd::AwaitTime() {
+  const Time wake = stream_->WakeAt();
+  if (wake >= timer_at_) return;
+  timer_at_ = wake;
+  const Time pause = std::max(Time(1), wake - Now());
+  timer_.expires_after(std::min<Time>(pause, std::chrono::hours(24)));
+  timer_.async_wait([self = shared_from_this()](error_code error) {
+    if (error || self->finished_) return;
+    self->timer_at_ = Time::max();
+    if (!self->stream_->OnTime(Now()))
+      self->LoseWire("The other gate has been silent for too long");
+    self->Advance();
+  });
+}
+
+}  // namespace gate

@@ -1,0 +1,110 @@
+#include "gate/sockets.h"
+
+#include <array>
+#include <chrono>
+#include <stdexcept>
+#include <utility>
+
+#include <boost/asio/buffer.hpp>
+#include <boost/asio/steady_timer.hpp>
+
+namespace gate {
+namespace {
+
+using boost::system::error_code;
+
+constexpr std::chrono::seconds kLastWords{5};
+constexpr std::size_t kMostDropped = std::size_t{16} << 20;
+
+// Keeps itself until the peer has closed.
+class Closing : public std::enable_shared_from_this<Closing> {
+ public:
+  explicit Closing(Tcp::socket socket)
+      : socket_(std::move(socket)), timer_(socket_.get_executor()) {}
+
+  void Begin() {
+    error_code ignored;
+    socket_.shutdown(Tcp::socket::shutdown_send, ignored);
+    timer_.expires_after(kLastWords);
+    timer_.async_wait([self = shared_from_this()](error_code error) {
+      if (!error) self->Close();
+    });
+    Drop();
+  }
+
+ private:
+  void Drop() {
+    socket_.async_wait(Tcp::socket::wait_read, [self = shared_from_this()](error_code error) {
+      std::array<char, 16384> bytes{};
+      const std::size_t size =
+          error ? 0 : self->socket_.read_some(boost::asio::buffer(bytes), error);
+      self->dropped_ += size;
+      const bool again = !error || error == boost::asio::error::would_block;
+      if (again && self->dropped_ < kMostDropped) {
+        self->Drop();
+      } else {
+        self->Close();
+      }
+    });
+  }
+
+  void Close() {
+    error_code ignored;
+    socket_.close(ignored);
+    timer_.cancel(ignored);
+  }
+
+  Tcp::socket socket_;
+  boost::asio::steady_timer timer_;
+  std::size_t dropped_ = 0;
+};
+
+}  // namespace
+
+void Prepare(Tcp::socket& socket) {
+  error_code ignored;
+  socket.non_blocking(true, ignored);
+  socket.set_option(Tcp::no_delay(true), ignored);
+}
+
+void CloseGently(Tcp::socket socket) {
+  if (socket.is_open()) std::make_shared<Closing>(std::move(socket))->Begin();
+}
+
+void CloseGently(std::unique_ptr<Wire> wire) {
+  if (wire == nullptr) return;
+  if (wire->tls) wire->tls->SayGoodbye();
+  wire->tls.reset();
+  CloseGently(std::move(wire->socket));
+}
+
+std::string Text(const Tcp::endpoint& endpoint) {
+  const std::string address = endpoint.address().to_string();
+  return (endpoint.address().is_v6() ? "[" + address + "]" : address) + ":" +
+         std::to_string(endpoint.port());
+}
+
+Tcp::endpoint PeerOf(const Tcp::socket& socket) {
+  error_code gone;
+  return socket.remote_endpoint(gone);
+}
+
+HostAndPort ReadHostAndPort(const std::string& text) {
+  const std::size_t colon = text.rfind(':');
+  HostAndPort read;
+  if (colon != std::string::npos) read = {text.substr(0, colon), text.substr(colon + 1)};
+  if (read.host.size() > 2 && read.host.front() == '[' && read.host.back() == ']') {
+    read.host = read.host.substr(1, read.host.size() - 2);
+  } else if (read.host.find(':') != std::string::npos) {
+    read.host.clear();  // an IPv6 address without brackets could end anywhere
+  }
+  const bool number = !read.port.empty() && read.port.size() <= 5 &&
+                      read.port.find_first_not_of("0123456789") == std::string::npos &&
+                      std::stoi(read.port) <= 65535;
+  if (read.host.empty() || !number) {
+    throw std::invalid_argument("'" + text + "' is no HOST:PORT");
+  }
+  return read;
+}
+
+}  // namespace gate

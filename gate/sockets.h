@@ -1,0 +1,51 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+
+#include "gate/tls_socket.h"
+
+namespace gate {
+
+using Tcp = boost::asio::ip::tcp;
+
+/// A connection between two gates. `tls` reads and writes `socket`, and goes first.
+struct Wire {
+  explicit Wire(Tcp::socket connected) : socket(std::move(connected)) {}
+
+  Tcp::socket socket;
+  std::unique_ptr<TlsSocket> tls;
+};
+
+/// Prepares a connection that was just made: no call on it waits, and small pieces leave at once. A
+/// piece of a conversation that waits for the acknowledgement of the piece before it costs 40 ms.
+void Prepare(Tcp::socket& socket);
+
+/// Ends a connection so that what was written still arrives: closes the sending side, and reads and
+/// drops what the peer still sends until it closes, too, or a few seconds have passed. A connection
+/// that is closed with bytes unread would be reset, and the reset overtakes the last words at the
+/// peer.
+void CloseGently(Tcp::socket socket);
+
+/// The same, and TLS says goodbye before.
+void CloseGently(std::unique_ptr<Wire> wire);
+
+/// "192.0.2.7:5000", "[2001:db8::1]:5000".
+std::string Text(const Tcp::endpoint& endpoint);
+
+/// The peer's address; unspecified when the connection has gone.
+Tcp::endpoint PeerOf(const Tcp::socket& socket);
+
+/// "HOST:PORT", "[ADDRESS]:PORT".
+struct HostAndPort {
+  std::string host;
+  std::string port;
+};
+
+/// Throws std::invalid_argument with a sentence.
+HostAndPort ReadHostAndPort(const std::string& text);
+
+}  // namespace gate
