@@ -1,8 +1,10 @@
 #include <windows.h>
 
+#include <array>
 #include <csignal>
 #include <cstdio>
 #include <exception>
+#include <memory>
 #include <utility>
 
 #include "tools/vkmaster/command_line/interrupt.h"
@@ -16,8 +18,8 @@ namespace {
 constexpr std::size_t kLongestLine = 8191;
 constexpr wchar_t kTab = L'\t';
 constexpr wchar_t kEndOfInput = L'\x1a';  // Ctrl-Z
-// The thread that Windows makes for Ctrl-C may come after the read that it has ended.
-constexpr DWORD kCtrlCTakes = 1000;
+// What the end of a read takes after Ctrl-C, and the thread of Ctrl-C after the end of a read.
+constexpr DWORD kCtrlCTakes = 500;
 
 // What is common to all of `candidates` at their beginning.
 std::string CommonBeginning(const std::vector<std::string>& candidates) {
@@ -53,6 +55,71 @@ std::string Completed(const std::string& line, const RunNames& names) {
   return line.substr(0, begin) + common;
 }
 
+// A line that is being typed, on a thread of its own: Ctrl-C ends the console's read, but the end
+// of the console does not, and there is little time left then.
+class Read {
+ public:
+  explicit Read(const std::wstring& begun) : line_(begun) {}
+
+  // Whether it has come to its end before `wake` was raised. `self` is this object, which the
+  // thread needs for as long as it reads.
+  static bool Await(const std::shared_ptr<Read>& self, HANDLE wake) {
+    auto argument = std::make_unique<std::shared_ptr<Read>>(self);
+    const HANDLE thread = CreateThread(nullptr, 0, OnThread, argument.get(), 0, nullptr);
+    if (thread == nullptr) return true;
+    [[maybe_unused]] const auto* const taken = argument.release();
+    const std::array<HANDLE, 2> handles{thread, wake};
+    const DWORD count = handles.size();
+    bool done = WaitForMultipleObjects(count, handles.data(), FALSE, INFINITE) == WAIT_OBJECT_0;
+    if (done && !self->read_) WaitForSingleObject(wake, kCtrlCTakes);
+    if (!done && WaitForSingleObject(thread, kCtrlCTakes) != WAIT_OBJECT_0) {
+      // Where Ctrl-C does not end the read (wine), Enter does.
+      PressEnter();
+      WaitForSingleObject(thread, kCtrlCTakes);
+    }
+    CloseHandle(thread);
+    return done;
+  }
+
+  /// What was typed, with the key that ended it; empty when nothing could be read.
+  const std::wstring& line() const { return line_; }
+
+ private:
+  static DWORD WINAPI OnThread(void* argument) {
+    const std::unique_ptr<std::shared_ptr<Read>> self(
+        static_cast<std::shared_ptr<Read>*>(argument));
+    (*self)->Run();
+    return 0;
+  }
+
+  static void PressEnter() {
+    INPUT_RECORD key{};
+    key.EventType = KEY_EVENT;
+    key.Event.KeyEvent.bKeyDown = TRUE;
+    key.Event.KeyEvent.wRepeatCount = 1;
+    key.Event.KeyEvent.wVirtualKeyCode = VK_RETURN;
+    key.Event.KeyEvent.uChar.UnicodeChar = L'\r';
+    DWORD written = 0;
+    WriteConsoleInputW(GetStdHandle(STD_INPUT_HANDLE), &key, 1, &written);
+  }
+
+  void Run() {
+    CONSOLE_READCONSOLE_CONTROL control{};
+    control.nLength = sizeof(control);
+    control.nInitialChars = static_cast<ULONG>(line_.size());
+    control.dwCtrlWakeupMask = 1U << kTab;
+    line_.resize(kLongestLine);
+    DWORD got = 0;
+    read_ = ReadConsoleW(GetStdHandle(STD_INPUT_HANDLE), line_.data(), kLongestLine, &got,
+                         &control) != 0 &&
+            got > 0;
+    line_.resize(read_ ? got : 0);
+  }
+
+  std::wstring line_;
+  bool read_ = false;
+};
+
 }  // namespace
 
 Prompt::Prompt(std::function<std::string()> text, RunNames names, Interrupt& interrupt)
@@ -61,34 +128,25 @@ Prompt::Prompt(std::function<std::string()> text, RunNames names, Interrupt& int
 Prompt::~Prompt() = default;
 
 std::optional<std::string> Prompt::Next() {
-  const HANDLE input = GetStdHandle(STD_INPUT_HANDLE);
-  std::wstring line;
+  std::wstring begun;
   Tell(stdout, text_());
   while (true) {
-    CONSOLE_READCONSOLE_CONTROL control{};
-    control.nLength = sizeof(control);
-    control.nInitialChars = static_cast<ULONG>(line.size());
-    control.dwCtrlWakeupMask = 1U << kTab;
-    line.resize(kLongestLine);
-    DWORD got = 0;
-    const bool read = ReadConsoleW(input, line.data(), kLongestLine, &got, &control) != 0;
-    line.resize(got);
-    if (read && got == 0) WaitForSingleObject(interrupt_.wake(), kCtrlCTakes);
+    const auto read = std::make_shared<Read>(begun);
+    const bool done = Read::Await(read, interrupt_.wake());
     if (interrupt_.signal() != 0) {
       Tell(stdout, "\n");
       if (interrupt_.signal() != SIGINT) return std::nullopt;
       interrupt_.Clear();
-      line.clear();
+      begun.clear();
       Tell(stdout, text_());
       continue;
     }
-    if (!read || got == 0 || line.front() == kEndOfInput) return std::nullopt;
-    if (const std::size_t tab = line.find(kTab); tab != std::wstring::npos) {
-      line = Wide(Completed(Narrow(line.substr(0, tab)), names_));
-      Tell(stdout, "\r" + text_() + Narrow(line));
-      continue;
-    }
-    return Narrow(line.substr(0, line.find_first_of(L"\r\n")));
+    const std::wstring line = done ? read->line() : L"";
+    if (line.empty() || line.front() == kEndOfInput) return std::nullopt;
+    const std::size_t tab = line.find(kTab);
+    if (tab == std::wstring::npos) return Narrow(line.substr(0, line.find_first_of(L"\r\n")));
+    begun = Wide(Completed(Narrow(line.substr(0, tab)), names_));
+    Tell(stdout, "\r" + text_() + Narrow(begun));
   }
 }
 
