@@ -8,10 +8,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "tests/jobmillctl/browser.h"
 #include "tests/jobmillctl/jobmillctl.h"
 #include "tests/jobmillctl/runs_site.h"
 #include "tests/jobmillctl/status_server.h"
+#include "tests/support/browser.h"
 #include "tests/support/bytes.h"
 
 namespace {

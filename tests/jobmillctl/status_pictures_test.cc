@@ -9,7 +9,7 @@
 
 #include "inspect/ending.h"
 #include "inspect/history.h"
-#include "tests/jobmillctl/browser.h"
+#include "tests/support/browser.h"
 #include "tools/jobmillctl/history_view.h"
 #include "tools/jobmillctl/measures.h"
 #include "tools/jobmillctl/run_view.h"

@@ -1,4 +1,4 @@
-#include "tests/jobmillctl/browser.h"
+#include "tests/support/browser.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -149,10 +149,18 @@ bool Browser::Becomes(const std::string& expression) {
   return Eventually(holds, std::chrono::seconds(30));
 }
 
+void Browser::Prefer(const std::string& feature, const std::string& value) {
+  Call("Emulation.setEmulatedMedia",
+       {{"features", json::array({{{"name", feature}, {"value", value}}})}});
+}
+
 void Browser::Photograph(const std::string& file) {
-  const int height = Evaluate("document.documentElement.scrollHeight").get<int>();
-  Call("Emulation.setDeviceMetricsOverride",
-       {{"width", kWidth}, {"height", height}, {"deviceScaleFactor", 1}, {"mobile", false}});
+  const auto resize = [this](int height) {
+    Call("Emulation.setDeviceMetricsOverride",
+         {{"width", kWidth}, {"height", height}, {"deviceScaleFactor", 1}, {"mobile", false}});
+  };
+  resize(1);  // a page is no lower than its window
+  resize(Evaluate("document.documentElement.scrollHeight").get<int>());
   const std::string picture =
       Call("Page.captureScreenshot", {{"format", "png"}}).at("data").get<std::string>();
   std::ofstream(file, std::ios::binary) << FromBase64(picture);

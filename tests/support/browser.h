@@ -29,6 +29,9 @@ class Browser {
   /// Waits until an expression is true.
   bool Becomes(const std::string& expression);
 
+  /// From now on the page sees this value of a media feature, such as prefers-color-scheme.
+  void Prefer(const std::string& feature, const std::string& value);
+
   /// Writes the whole page, as wide as a usual window, as a PNG.
   void Photograph(const std::string& file);
 
