@@ -50,6 +50,8 @@ lists() { "$BATS_TEST_DIRNAME/press_tab" --list "$@" >"$work/listed"; }
 @test "FilesAndDirectoriesAreCompletedWhereTheyAreMeant" {
   becomes $'vkmaster --file pl\t--path da\t' '[vkmaster][--file][plan one.toml][--path][data]'
   becomes $'vkmaster run pl\t' '[vkmaster][run][plan one.toml]'
+  becomes $'vkmaster repo\tda\t' '[vkmaster][report][data]'
+  becomes $'vkmaster --rep\tpl\t' '[vkmaster][--report][plan one.toml]'
   # A directory is none of the files' names.
   becomes $'vkmaster --path pl\t' '[vkmaster][--path][pl]'
 }

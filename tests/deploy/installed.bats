@@ -52,6 +52,7 @@ share/jobmill/wireshark/jobmill.lua
 share/zsh/site-functions/_jobmillctl
 share/zsh/site-functions/_vkmaster
 FILES
+  diff share/doc/jobmill/uplot-licence "$root_directory/third_party/uplot/LICENSE"
   # The Python kit is whole, and nothing that Python has made of it is there.
   modules() { find jobmill ! -type d ! -path '*/__pycache__/*' | sort; }
   diff <(cd "$root_directory/python" && modules) <(cd share/jobmill/python && find jobmill ! -type d | sort)

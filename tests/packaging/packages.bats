@@ -116,6 +116,16 @@ FILES
   done
 }
 
+@test "LicenceOfWhatIsEmbeddedComesAlong" {
+  local name=jobmill-client licence=$root_directory/third_party/uplot/LICENSE
+  dpkg-deb --fsys-tarfile "$(deb "$name")" | tar -xO "./usr/share/doc/$name/copyright" >"$work/deb"
+  (cd "$work" && rpm2cpio "$(rpm_file "$name")" | cpio --quiet -id "./usr/share/doc/$name/copyright")
+  local file
+  for file in "$work/deb" "$work/usr/share/doc/$name/copyright"; do
+    tail -n "$(grep -c '' "$licence")" "$file" | diff - <(cat "$licence"; echo)
+  done
+}
+
 @test "ArchiveIsWhatIsInstalledBelowAPrefix" {
   mkdir "$work/opt"
   tar -C "$work/opt" -xzf "$packages/jobmill-$version-linux-$architecture.tar.gz"

@@ -1,6 +1,9 @@
 #include "tools/vkmaster/plans/plan.h"
 
 #include <filesystem>
+#include <regex>
+#include <sstream>
+#include <thread>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -182,7 +185,8 @@ commands = ["open P1"]
                         "[advance]\nuntil = 30\n[[event]]\nat = 2020-01-05\ncommands = []\n"),
        "--check"});
   EXPECT_THAT(mixed.out, HasSubstr("\"notes\":[\"The plan has days and dates"));
-  EXPECT_THAT(RunVkmaster({"run", "--check"}).err, HasSubstr("Which plan? run [--check] PLAN"));
+  EXPECT_THAT(RunVkmaster({"run", "--check"}).err,
+              HasSubstr("Which plan? run [--check] [--report FILE] PLAN"));
 }
 
 TEST_F(PlanTest, TargetMayHaveADecimalPoint) {
@@ -200,6 +204,15 @@ class PlanRunTest : public PlanTest {
     std::vector<std::string> arguments = options;
     arguments.insert(arguments.end(), {"run", directory_.Write("plan.toml", plan)});
     return RunVkmaster(LaunchArguments(daemon_.port(), arguments));
+  }
+
+  // steps.csv without its header and its wall times, which have to be numbers.
+  std::string Steps() const {
+    const std::string header = "time_days,date,ended,elapsed [s],computing [s]\n";
+    const std::string text = directory_.Read("results/steps.csv");
+    if (!text.starts_with(header)) return text;
+    const std::regex times(",[0-9.]+,[0-9.]+\n");
+    return std::regex_replace(text.substr(header.size()), times, "\n");
   }
 
   FakeRun run_;
@@ -269,6 +282,18 @@ commands = ["shut P1"]
               HasSubstr(",mole_fraction_C1,mole_fraction_CO2\n"));
 }
 
+TEST_F(PlanRunTest, InflowTablesOfBothPressuresAreToldApart) {
+  const Outcome outcome =
+      Run("[advance]\nuntil = 9\n[[event]]\nat = 0\ncommands = [\"ipr P1 lift\", \"ipr P1 thp "
+          "lift\"]\n");
+  EXPECT_EQ(outcome.status, 0) << outcome.err;
+  const std::string head = "time_days,date,well,point,";
+  EXPECT_THAT(directory_.Read("results/ipr.csv"),
+              testing::StartsWith(head + "bottom_hole_pressure [bar],oil_rate [sm3/d],"));
+  EXPECT_THAT(directory_.Read("results/ipr_2.csv"),
+              testing::StartsWith(head + "tubing_head_pressure [bar],oil_rate [sm3/d],"));
+}
+
 TEST_F(PlanRunTest, RunFileOfARunThatFailedSaysSo) {
   run_.fails = {8};
   EXPECT_EQ(Run("[advance]\nuntil = 40\n").status, 4);
@@ -323,9 +348,8 @@ commands = ["open P2"]
             "          30    2020-01-31            no\n"
             "          45    2020-02-15            no\n"
             "          60    2020-03-01            no\n");
-  EXPECT_EQ(directory_.Read("results/steps.csv"),
-            "time_days,date,ended\n0,2020-01-01,false\n30,2020-01-31,false\n"
-            "45,2020-02-15,false\n60,2020-03-01,false\n");
+  EXPECT_EQ(Steps(),
+            "0,2020-01-01,false\n30,2020-01-31,false\n45,2020-02-15,false\n60,2020-03-01,false\n");
   EXPECT_EQ(directory_.Read("results/events.csv"),
             "time_days,date,command\n0,2020-01-01,open P2\n45,2020-02-15,shut P1\n"
             "45,2020-02-15,constrain P1 bhp=150\n");
@@ -355,16 +379,14 @@ TEST_F(PlanRunTest, EndOfTheSimulationEndsThePlan) {
   EXPECT_EQ(
       Run("[advance]\nuntil = 30\nstep = 7\n[[event]]\nat = 20\ncommands = [\"shut P1\"]\n").status,
       0);
-  EXPECT_EQ(directory_.Read("results/steps.csv"),
-            "time_days,date,ended\n0,2020-01-01,false\n7,2020-01-08,false\n10,2020-01-11,true\n");
+  EXPECT_EQ(Steps(), "0,2020-01-01,false\n7,2020-01-08,false\n10,2020-01-11,true\n");
   EXPECT_EQ(directory_.Read("results/events.csv"), "");
 }
 
 TEST_F(PlanRunTest, EventOfTheDayOnWhichTheSimulationEndsIsLeftOut) {
   run_.end = 10;
   EXPECT_EQ(Run("[advance]\nuntil = 30\n[[event]]\nat = 10\ncommands = [\"shut P1\"]\n").status, 0);
-  EXPECT_EQ(directory_.Read("results/steps.csv"),
-            "time_days,date,ended\n0,2020-01-01,false\n10,2020-01-11,true\n");
+  EXPECT_EQ(Steps(), "0,2020-01-01,false\n10,2020-01-11,true\n");
   EXPECT_EQ(directory_.Read("results/events.csv"), "");
 }
 
@@ -413,8 +435,108 @@ TEST_F(PlanRunTest, FullDiskIsNamedWithTheFileAndEndsTheRunWithItsShutdown) {
   EXPECT_THAT(outcome.err,
               HasSubstr("vkmaster: Cannot write '" + directory_.File("results/data.csv") +
                         "': No space left on device\n"));
-  EXPECT_EQ(directory_.Read("results/steps.csv"), "time_days,date,ended\n0,2020-01-01,false\n");
+  EXPECT_EQ(Steps(), "0,2020-01-01,false\n");
   EXPECT_EQ(daemon_.Requests().back(), "f0 ff 00 00");
+}
+
+TEST_F(PlanRunTest, WallTimesOfTheStepsAndTheLaunchAreKept) {
+  run_.before = [](std::uint32_t code) {
+    if (code == 8) std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    if (code == 6) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  };
+  EXPECT_EQ(Run("[advance]\nuntil = 20\nstep = 10\n[record]\ncommands = [\"wells\"]\n").status, 0);
+  const auto seconds = [](const std::string& line) {
+    const std::size_t comma = line.rfind(',');
+    return std::pair(std::stod(line.substr(line.rfind(',', comma - 1) + 1)),
+                     std::stod(line.substr(comma + 1)));
+  };
+  std::istringstream steps(directory_.Read("results/steps.csv"));
+  std::string line;
+  double before = 0;
+  for (int stop = -1; std::getline(steps, line); ++stop) {
+    if (stop < 1) continue;
+    const auto [elapsed, computing] = seconds(line);
+    EXPECT_GE(computing, 0.03) << line;
+    EXPECT_GE(elapsed, before + computing) << line;
+    before = elapsed;
+  }
+  const auto run = nlohmann::json::parse(directory_.Read("results/run.json"));
+  EXPECT_GE(run["wall_seconds"], before + 0.01) << "the last record, too";
+  EXPECT_GE(run["launch_seconds"], 0);
+}
+
+TEST_F(PlanRunTest, ReportIsThereWhileTheRunGoesOnAndAtItsEnd) {
+  const std::string file = directory_.File("pages/report.html");
+  std::string during;
+  run_.before = [&](std::uint32_t code) {
+    if (code == 8) during = directory_.Read("pages/report.html");
+  };
+  const Outcome outcome = RunVkmaster(LaunchArguments(
+      daemon_.port(),
+      {"run", "--report", file, directory_.Write("plan.toml", "[advance]\nuntil = 9\n")}));
+  EXPECT_EQ(outcome.status, 0) << outcome.err;
+  EXPECT_THAT(during, HasSubstr("\"live\":{\"seconds\":"));
+  EXPECT_THAT(during, HasSubstr("\"end\":\"running, or ended without a word\""));
+  const std::string after = directory_.Read("pages/report.html");
+  EXPECT_THAT(after, HasSubstr("\"live\":null"));
+  EXPECT_THAT(after, HasSubstr("\"end\":\"the plan was carried out\""));
+  EXPECT_FALSE(std::filesystem::exists(file + ".new"));
+}
+
+TEST_F(PlanRunTest, ReportOfARunThatFailedSaysSo) {
+  run_.fails = {8};
+  const std::string file = directory_.File("report.html");
+  EXPECT_EQ(Run("[advance]\nuntil = 40\n", {"--report", file}).status, 4);
+  EXPECT_THAT(directory_.Read("report.html"), HasSubstr("\"end\":\"failed: The daemon ended the"));
+}
+
+TEST_F(PlanRunTest, ReportThatCannotBeWrittenCostsNoRun) {
+  const std::string plan = "[advance]\nuntil = 9\n";
+  const Outcome before = Run(plan, {"--report", "/proc/none/report.html"});
+  EXPECT_EQ(before.status, 2);
+  EXPECT_THAT(before.err, HasSubstr("Cannot write '/proc/none/report.html'"));
+  // Its place is taken in the course of the run: the results are there, and the failure is told.
+  run_.before = [this](std::uint32_t code) {
+    if (code != 8) return;
+    std::filesystem::remove(directory_.File("report.html"));
+    std::filesystem::create_directory(directory_.File("report.html"));
+  };
+  const Outcome after = Run(plan, {"--report", directory_.File("report.html")});
+  EXPECT_EQ(after.status, 2);
+  EXPECT_THAT(after.err, HasSubstr("Cannot write '" + directory_.File("report.html") + "'"));
+  EXPECT_EQ(nlohmann::json::parse(directory_.Read("results/run.json"))["end"],
+            "the plan was carried out");
+  EXPECT_EQ(daemon_.Requests().back(), "f0 ff 00 00") << "shut down all the same";
+}
+
+TEST_F(PlanRunTest, ReportOfEarlierResultsIsMadeWithoutADaemon) {
+  EXPECT_EQ(Run("[advance]\nuntil = 9\n").status, 0);
+  const Outcome outcome = RunVkmaster({"report", directory_.File("results")});
+  EXPECT_EQ(outcome.status, 0) << outcome.err;
+  EXPECT_EQ(outcome.out, "report  " + directory_.File("results/report.html") + "\n");
+  EXPECT_THAT(directory_.Read("results/report.html"),
+              HasSubstr("\"end\":\"the plan was carried out\""));
+  EXPECT_EQ(
+      RunVkmaster({"report", directory_.File("results"), directory_.File("other.html")}).status, 0);
+  EXPECT_TRUE(std::filesystem::exists(directory_.File("other.html")));
+  // It belongs to the results: a run that replaces those takes it away.
+  FakeRun run;
+  FakeDaemon daemon(FakeDaemon::Launching(run));
+  EXPECT_EQ(RunVkmaster(LaunchArguments(daemon.port(),
+                                        {"--overwrite", "run", directory_.File("plan.toml")}))
+                .status,
+            0);
+  EXPECT_FALSE(std::filesystem::exists(directory_.File("results/report.html")));
+}
+
+TEST_F(PlanTest, ReportOfWhatHasNoneIsRefused) {
+  const Outcome nothing = RunVkmaster({"report", directory_.path().string()});
+  EXPECT_EQ(nothing.status, 2);
+  EXPECT_THAT(nothing.err, HasSubstr("has no results of a plan: there is no steps.csv"));
+  EXPECT_THAT(RunVkmaster({"report"}).err, HasSubstr("Of which results? report DIRECTORY [FILE]"));
+  const Outcome no_plan = RunVkmaster({"--report", "a.html", "status"});
+  EXPECT_EQ(no_plan.status, 2);
+  EXPECT_THAT(no_plan.err, HasSubstr("--report is for run PLAN"));
 }
 
 TEST_F(PlanRunTest, WellsNameWithAZeroByteLosesNoRow) {

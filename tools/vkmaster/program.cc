@@ -30,7 +30,10 @@
 #include "tools/vkmaster/plans/course.h"
 #include "tools/vkmaster/plans/plan.h"
 #include "tools/vkmaster/plans/run_file.h"
+#include "tools/vkmaster/report/live_report.h"
+#include "tools/vkmaster/report/report.h"
 #include "tools/vkmaster/system/system.h"
+#include "tools/vkmaster/text/stopwatch.h"
 #include "tools/vkmaster/text/usage_error.h"
 
 namespace vkmaster {
@@ -79,6 +82,7 @@ class Program {
 
   int Run() {
     try {
+      if (!options_.results.empty()) return MakeReport();
       ReadAhead();
     } catch (const std::exception& error) {
       return Report("", error).status;
@@ -107,12 +111,15 @@ class Program {
     if (options_.run.root.empty()) throw UsageError("The model's name is missing: --root");
     if (!options_.plan.empty()) {
       MakeRoom(ReadPlan(options_.plan).directory, options_.overwrite);
+      if (!options_.report.empty()) CheckWritable(options_.report);
     }
   }
 
   Command PlanCommand() const {
     auto plan = std::make_shared<const Plan>(ReadPlan(options_.plan));
-    return {"run " + options_.plan, [plan](Context& context) { CarryOut(*plan, context); }};
+    const std::string report = options_.report;
+    return {"run " + options_.plan,
+            [plan, report](Context& context) { CarryOut(*plan, report, context); }};
   }
 
   bool OnlyHelp() const {
@@ -125,6 +132,14 @@ class Program {
 
   int ShowPlan() {
     output_.Write(Preview(ReadPlan(options_.plan)));
+    return kOk;
+  }
+
+  int MakeReport() {
+    WriteReport(ReadResults(options_.results), options_.report);
+    Result made{.command = "report"};
+    made.fields.push_back({"file", "report", options_.report, ""});
+    output_.Write(made);
     return kOk;
   }
 
@@ -151,6 +166,7 @@ class Program {
   int SignalStatus() const { return kSignal + interrupt_.signal(); }
 
   int Launch() {
+    const auto began = std::chrono::steady_clock::now();
     std::optional<master::Launch> launch;
     bool requested = false;
     try {
@@ -160,6 +176,7 @@ class Program {
       requested = true;
       launch->Request(options_.run);
       AwaitHost(*launch);
+      launched_.launch_seconds = SecondsSince(began);
     } catch (const master::Interrupted& interrupted) {
       return GiveUp(requested ? &*launch : nullptr, interrupted.what(), SignalStatus());
     } catch (const master::TimedOut& late) {

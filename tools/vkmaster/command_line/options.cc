@@ -2,6 +2,8 @@
 
 #include <stdlib.h>
 
+#include <algorithm>
+#include <filesystem>
 #include <map>
 #include <memory>
 #include <string_view>
@@ -22,7 +24,10 @@ namespace {
 const char* const kPlanHelp =
     "  run PLAN                carry out a plan: a TOML file of dates, controls and what to "
     "record\n"
-    "  run --check PLAN        say what the plan will do when; needs no daemon\n";
+    "  run --check PLAN        say what the plan will do when; needs no daemon\n"
+    "  report DIRECTORY [FILE] make a page of a plan's results, with curves and tables, that "
+    "needs\n"
+    "                          no other file; FILE is DIRECTORY/report.html unless given\n";
 
 const char* const kFooter =
     "Several commands are separated by then, or by a comma or semicolon of its own:\n"
@@ -130,6 +135,9 @@ void AddOtherOptions(CLI::App& app, Options& options) {
                "go on after a command that could not be understood or sent");
   app.add_flag("--overwrite", options.overwrite,
                "let the results of a plan replace those of an earlier run");
+  app.add_option("--report", options.report,
+                 "with run PLAN: make the page that report makes, anew while the run goes on")
+      ->type_name("FILE");
   app.add_flag("--one-by-one", options.one_by_one,
                "ask for the record of a well only when that of the well before has come");
   AddSeconds(app, "--connect-wait", options.connect_wait, "seconds to wait for the daemon");
@@ -145,6 +153,9 @@ completion::Answer CompleteCommands(const Words& words) {
   if (words.size() >= 2 && words[0] == "run" && !words.back().starts_with("-")) {
     return {{}, "files"};
   }
+  if (words.size() >= 2 && words[0] == "report") {
+    return {{}, words.size() == 2 ? "directories" : "files"};
+  }
   const Words before(words.begin(), words.end() - 1);
   completion::Answer answer;
   for (const std::string& word :
@@ -157,8 +168,11 @@ completion::Answer CompleteCommands(const Words& words) {
       if (help.name == candidate.word) candidate.help = help.help;
     }
   }
-  if (before.empty() && std::string_view("run").starts_with(words.back())) {
-    answer.candidates.push_back({"run", "carry out a plan"});
+  if (!before.empty()) return answer;
+  for (const completion::Candidate& own :
+       {completion::Candidate{"run", "carry out a plan"},
+        completion::Candidate{"report", "make a page of a plan's results"}}) {
+    if (own.word.starts_with(words.back())) answer.candidates.push_back(own);
   }
   return answer;
 }
@@ -206,21 +220,47 @@ void ApplyLaunch(const Plan& plan, Options& options, const std::set<std::string>
   if (plan.launch.port && !given.contains("--port")) options.port = *plan.launch.port;
 }
 
+namespace {
+
+// "run" and "report" are no commands of a run: each is all that the program is to do.
+void TakeOwnWords(Options& options, const std::set<std::string>& given) {
+  Words& words = options.words;
+  const std::string first = words.empty() ? "" : words[0];
+  if (first == "run") {
+    options.check = std::erase(words, "--check") > 0;
+    const auto report = std::find(words.begin(), words.end(), "--report");
+    if (words.end() - report > 1) {
+      options.report = report[1];
+      words.erase(report, report + 2);
+    }
+    if (words.size() != 2) throw UsageError("run: Which plan? run [--check] [--report FILE] PLAN");
+    ApplyLaunch(ReadPlan(words[1]), options, given);
+    options.plan = words[1];
+    words.clear();
+  } else if (!options.report.empty()) {
+    throw UsageError("--report is for run PLAN: the page is made of a plan's results");
+  } else if (first == "report") {
+    if (words.size() != 2 && words.size() != 3) {
+      throw UsageError("report: Of which results? report DIRECTORY [FILE]");
+    }
+    options.results = words[1];
+    options.report =
+        words.size() == 3 ? words[2] : (std::filesystem::path(words[1]) / "report.html").string();
+    words.clear();
+  }
+}
+
+}  // namespace
+
 std::optional<int> ParseOptions(int argc, const char* const* argv, Options& options) {
   options.run.user = DefaultUser();
   std::set<std::string> given;
   if (const auto status = Parse(argc, argv, options, given)) return status;
-  if (!options.words.empty() && options.words[0] == "run") {
-    try {
-      options.check = std::erase(options.words, "--check") > 0;
-      if (options.words.size() != 2) throw UsageError("run: Which plan? run [--check] PLAN");
-      ApplyLaunch(ReadPlan(options.words[1]), options, given);
-    } catch (const UsageError& error) {
-      Tell(stderr, fmt::format("vkmaster: {}\n", error.what()));
-      return kUsage;
-    }
-    options.plan = options.words[1];
-    options.words.clear();
+  try {
+    TakeOwnWords(options, given);
+  } catch (const UsageError& error) {
+    Tell(stderr, fmt::format("vkmaster: {}\n", error.what()));
+    return kUsage;
   }
   // People read 2017.2; the protocol's number 20172 is understood as well.
   std::string& version = options.run.version;

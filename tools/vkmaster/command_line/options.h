@@ -45,6 +45,8 @@ struct Options {
   Words words;             ///< the commands
   std::string plan;        ///< the file of "run PLAN"; empty for none
   bool overwrite = false;  ///< a plan's results replace those of an earlier run
+  std::string results;     ///< the directory of "report DIRECTORY"; empty for none
+  std::string report;      ///< the file of the report; empty for none
   bool check = false;      ///< "run --check PLAN": say what the plan does, without a daemon
 };
 

@@ -1,6 +1,8 @@
 #include "tools/vkmaster/plans/course.h"
 
 #include <algorithm>
+#include <chrono>
+#include <functional>
 #include <string>
 #include <variant>
 #include <vector>
@@ -10,20 +12,25 @@
 #include "master/errors.h"
 #include "tools/vkmaster/output/recorder.h"
 #include "tools/vkmaster/plans/run_file.h"
+#include "tools/vkmaster/report/live_report.h"
+#include "tools/vkmaster/text/stopwatch.h"
 #include "tools/vkmaster/text/usage_error.h"
 
 namespace vkmaster {
 namespace {
 
+using Clock = std::chrono::steady_clock;
+
 /// One plan being carried out.
 class Course {
  public:
-  Course(const Plan& plan, Context& context)
+  Course(const Plan& plan, const std::string& report, Context& context)
       : plan_(plan),
         context_(context),
         session_(context.session),
         recorder_(plan.directory, stderr),
-        recording_{session_, recorder_, context.progress, {}} {
+        recording_{session_, recorder_, context.progress, {}},
+        report_(plan.directory, report) {
     recorder_.BeforeWriting([this] { context_.progress.Hide(); });
   }
 
@@ -36,19 +43,21 @@ class Course {
     }
     SortEvents();
     CheckCommands();
+    began_ = Clock::now();
     RunFile file(plan_, session_);
     try {
-      session_.FirstStep();
+      Compute([this] { session_.FirstStep(); });
       CarryOn(session_.TimeDays());
-      file.End(session_.has_ended() ? "the simulation ended" : "the plan was carried out",
-               session_.last_days(), recorder_.Files());
     } catch (const master::Interrupted&) {
-      file.End("interrupted", session_.last_days(), recorder_.Files());
+      EndEarly(file, "interrupted");
       throw;
     } catch (const std::exception& error) {
-      file.End(std::string("failed: ") + error.what(), session_.last_days(), recorder_.Files());
+      EndEarly(file, std::string("failed: ") + error.what());
       throw;
     }
+    file.End(session_.has_ended() ? "the simulation ended" : "the plan was carried out",
+             session_.last_days(), recorder_.Files());
+    report_.Finish();
   }
 
  private:
@@ -57,12 +66,28 @@ class Course {
     const PlanEvent* event;
   };
 
+  // What ended the run is the failure to tell; that of the report is a note.
+  void EndEarly(RunFile& file, const std::string& how) {
+    file.End(how, session_.last_days(), recorder_.Files());
+    try {
+      report_.Finish();
+    } catch (const UsageError& error) {
+      context_.output.Note(std::string("note: ") + error.what());
+    }
+  }
+
+  void Compute(const std::function<void()>& step) {
+    const Clock::time_point begin = Clock::now();
+    step();
+    computing_ = SecondsSince(begin);
+  }
+
   void CarryOn(double now) {
     context_.progress.BeginAdvance(now, target_);
     Stop(now, true);
     while (target_ - now >= kSameTime && !session_.has_ended()) {
       now = NextStop(now);
-      session_.run().RunUntil(now);
+      Compute([&] { session_.run().RunUntil(now); });
       Stop(now, false);
     }
     context_.progress.End();
@@ -105,11 +130,15 @@ class Course {
     if (start) CarryOutEvents(planned);
     const Result state = StateRow(session_, "steps", false);
     recorder_.SetTime(session_.last_days(), std::get<std::string>(state.fields[1].value));
-    recorder_.Write(state);
+    Result stop = state;
+    stop.fields.push_back({"elapsed", "elapsed", SecondsSince(began_), "s"});
+    stop.fields.push_back({"computing", "computing", computing_, "s"});
+    recorder_.Write(stop);
     for (const Command& command : plan_.record) command.execute(recording_);
     context_.progress.Reached(session_.last_days());
     context_.output.Write(state);
     if (!start && !session_.has_ended()) CarryOutEvents(planned);
+    report_.Update();
   }
 
   void CarryOutEvents(double now) {
@@ -130,6 +159,9 @@ class Course {
   Session& session_;
   Recorder recorder_;
   Context recording_;
+  LiveReport report_;
+  Clock::time_point began_;
+  double computing_ = 0;  // seconds that the simulator took for the last step
   double target_ = 0;
   std::vector<Timed> events_;
   std::size_t next_event_ = 0;
@@ -137,8 +169,8 @@ class Course {
 
 }  // namespace
 
-void CarryOut(const Plan& plan, Context& context) {
-  Course(plan, context).Run();
+void CarryOut(const Plan& plan, const std::string& report, Context& context) {
+  Course(plan, report, context).Run();
 }
 
 }  // namespace vkmaster

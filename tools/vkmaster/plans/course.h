@@ -1,5 +1,7 @@
 #pragma once
 
+#include <string>
+
 #include "tools/vkmaster/commands/command.h"
 #include "tools/vkmaster/plans/plan.h"
 
@@ -12,6 +14,8 @@ namespace vkmaster {
 /// Every table of a command goes to a file of the command's name in the plan's directory, with time
 /// and date in front of each row. The state at each stop goes to steps.csv and to the context's
 /// output. Throws what commands throw, and UsageError when a file cannot be written.
-void CarryOut(const Plan& plan, Context& context);
+/// `report` is the file of the report, which is made while the run goes on and at its end; empty
+/// for none.
+void CarryOut(const Plan& plan, const std::string& report, Context& context);
 
 }  // namespace vkmaster

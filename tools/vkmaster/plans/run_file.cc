@@ -1,9 +1,6 @@
 #include "tools/vkmaster/plans/run_file.h"
 
-#include <errno.h>
-
 #include <chrono>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -17,9 +14,10 @@
 #include "tools/vkmaster/plans/plan.h"
 #include "tools/vkmaster/session/session.h"
 #include "tools/vkmaster/session/units.h"
-#include "tools/vkmaster/system/system.h"
 #include "tools/vkmaster/text/sha256.h"
+#include "tools/vkmaster/text/stopwatch.h"
 #include "tools/vkmaster/text/usage_error.h"
+#include "tools/vkmaster/text/whole_file.h"
 
 namespace vkmaster {
 namespace {
@@ -28,6 +26,7 @@ using Json = nlohmann::ordered_json;
 namespace fs = std::filesystem;
 
 const char* const kName = "run.json";
+const char* const kReport = "report.html";  // as vkmaster calls it where nobody gives it a name
 
 std::string Now() {
   return fmt::format(
@@ -58,23 +57,17 @@ std::vector<fs::path> ResultsIn(const std::string& directory) {
   std::vector<fs::path> results;
   std::error_code error;
   for (const fs::directory_entry& entry : fs::directory_iterator(directory, error)) {
-    const bool ours = entry.path().filename() == kName || entry.path().extension() == ".csv";
+    const std::string name = entry.path().filename().string();
+    const bool ours = name == kName || name == kReport || entry.path().extension() == ".csv";
     if (ours && entry.is_regular_file(error)) results.push_back(entry.path());
   }
   return results;
 }
 
-// Replaced as a whole: whoever reads it at any moment finds one of the two.
 void Write(const std::string& path, const std::string& text) {
-  const std::string next = path + ".new";
-  std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(OpenToWrite(next), std::fclose);
-  const bool written = file &&
-                       std::fwrite(text.data(), 1, text.size(), file.get()) == text.size() &&
-                       std::fflush(file.get()) == 0;
-  std::error_code error(written ? 0 : errno, std::generic_category());
-  file.reset();
-  if (!error) fs::rename(next, path, error);
-  if (error) throw UsageError(fmt::format("Cannot write '{}': {}", path, error.message()));
+  WholeFile file(path);
+  file.Write(text);
+  file.PutInPlace();
 }
 
 std::string Dump(const Json& json) {
@@ -89,6 +82,7 @@ struct RunFile::Content {
   Content& operator=(const Content&) = delete;
 
   Json json;
+  std::chrono::steady_clock::time_point began = std::chrono::steady_clock::now();
 };
 
 RunFile::RunFile(const Plan& plan, Session& session)
@@ -120,6 +114,7 @@ RunFile::RunFile(const Plan& plan, Session& session)
   for (const PlanEvent& event : plan.events) {
     json["events"].push_back({{"at", FormatTarget(event.at)}, {"commands", Texts(event.commands)}});
   }
+  json["launch_seconds"] = launched.launch_seconds;
   json["began"] = Now();
   json["finished"] = nullptr;
   json["end"] = "running, or ended without a word";
@@ -131,6 +126,7 @@ RunFile::~RunFile() = default;
 void RunFile::End(const std::string& how, double day, const std::set<std::string>& files) {
   Json& json = content_->json;
   json["finished"] = Now();
+  json["wall_seconds"] = SecondsSince(content_->began);
   json["end"] = how;
   json["last_day"] = day;
   json["files"] = files;
@@ -147,8 +143,8 @@ void MakeRoom(const std::string& directory, bool overwrite) {
   if (!overwrite) {
     throw UsageError(fmt::format(
         "'{}' has the results of an earlier run. Give the plan another directory, or --overwrite, "
-        "which removes {} and the CSV files there",
-        directory, kName));
+        "which removes {}, {} and the CSV files there",
+        directory, kName, kReport));
   }
   for (const fs::path& file : results) fs::remove(file);
 }

@@ -21,6 +21,8 @@ struct Launched {
   int daemon_port = 0;
   std::string daemon_version;
   std::string simulator_host;
+  double launch_seconds =
+      0;  ///< from the first word to the daemon until the simulator's host was known
   master::RunRequest request;
 };
 

@@ -1,0 +1,512 @@
+// The report in a real browser. With the variable JOBMILL_PICTURES, the name of a directory, the
+// pictures are kept there.
+
+#include <array>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <random>
+#include <sstream>
+
+#include <fmt/format.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/support/browser.h"
+#include "tests/support/bytes.h"
+#include "tests/system/site.h"
+#include "tests/tools/program.h"
+#include "tools/vkmaster/report/report.h"
+
+namespace vkmaster {
+namespace {
+
+using nlohmann::json;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+
+using Row = std::vector<std::string>;
+
+// A CSV file without quotes.
+std::vector<Row> RowsOf(const std::string& file) {
+  std::ifstream in(file);
+  std::vector<Row> rows;
+  for (std::string line; std::getline(in, line);) {
+    Row& row = rows.emplace_back();
+    std::istringstream cells(line);
+    for (std::string cell; std::getline(cells, cell, ',');) row.push_back(cell);
+  }
+  return rows;
+}
+
+// The values of a well in the page, -1 for the field.
+json Values(Browser& browser, int well, const std::string& id) {
+  return browser.Evaluate(fmt::format("need([{0}]).then(() => curve({0}, '{1}'))", well, id));
+}
+
+class ReportPageTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    if (!Browser::IsInstalled()) GTEST_SKIP() << "needs chromium-headless-shell";
+    browser_ = std::make_unique<Browser>();
+  }
+
+  Browser& browser() { return *browser_; }
+
+  void Open(const std::string& file) {
+    browser().Open("file://" + file);
+    ASSERT_TRUE(
+        browser().Becomes("drawing === 0 && [...charts.values()].every("
+                          "chart => !chart.seen || chart.u !== null)"));
+  }
+
+  // A page of these CSV files and of a run.json.
+  void OpenResults(const std::map<std::string, std::string>& files) {
+    for (const auto& [name, text] : files) directory_.Write(name, text);
+    if (!files.contains("steps.csv")) directory_.Write("steps.csv", "time_days,date,ended\n");
+    const std::string page = directory_.File("report.html");
+    WriteReport(ReadResults(directory_.path().string()), page);
+    Open(page);
+  }
+
+  void Press(const std::string& chart, const std::string& key) {
+    browser().Evaluate(fmt::format(
+        "find('plot-{}').dispatchEvent(new KeyboardEvent('keydown', {{key: '{}', bubbles: true}}))",
+        chart, key));
+  }
+
+  std::string Text(const std::string& selector) {
+    return browser().Evaluate("document.querySelector('" + selector + "').textContent");
+  }
+
+  TemporaryDirectory directory_;
+  std::unique_ptr<Browser> browser_;
+};
+
+// Ten wells of the stand-in simulator over ten years.
+class WholeRunReportTest : public ReportPageTest {
+ protected:
+  void Run() {
+    std::filesystem::copy_file(EXAMPLES_DIR "/TENWELLS.afi", site_.data().File("TENWELLS.afi"));
+    const std::string plan = directory_.Write("plan.toml", R"(
+title = "North flank: P3 shut for five years"
+[advance]
+until = 3650
+step = "monthly"
+[record]
+commands = ["data", "vars P* water-cut", "wells"]
+[[event]]
+at = 365
+commands = ["constrain P1 liquid=2000 gas=10", "ipr P1"]
+[[event]]
+at = 730
+commands = ["shut P3", "constrain P2 bhp=1500"]
+[[event]]
+at = 1500
+commands = ["ipr P1 P2 lift"]
+[[event]]
+at = 2500
+commands = ["open P3"]
+)");
+    const Outcome outcome =
+        RunVkmaster({"--host", "127.0.0.1", "--port", std::to_string(site_.daemon().port()),
+                     "--path", site_.data().path().string() + "/", "--root", "TENWELLS", "--user",
+                     "demo", "run", "--report", directory_.File("report.html"), plan});
+    ASSERT_EQ(outcome.status, 0) << outcome.err;
+  }
+
+  Site site_;
+};
+
+TEST_F(WholeRunReportTest, NumbersInThePageAreThoseInTheFiles) {
+  Run();
+  Open(directory_.File("report.html"));
+  const std::vector<Row> rows = RowsOf(directory_.File("results/data.csv"));
+  const std::map<std::string, int> columns{{"oil_rate", 4},
+                                           {"water_rate", 5},
+                                           {"gas_rate", 6},
+                                           {"water_injection_rate", 7},
+                                           {"bottom_hole_pressure", 9},
+                                           {"tubing_head_pressure", 10}};
+  const int wells = browser().Evaluate("meta.wells.length");
+  ASSERT_EQ(wells, 10);
+  std::size_t compared = 0;
+  for (int well = 0; well < wells; ++well) {
+    const std::string name = browser().Evaluate(fmt::format("meta.wells[{}].name", well));
+    for (const auto& [id, column] : columns) {
+      const json values = Values(browser(), well, id);
+      std::size_t at = 0;
+      for (const Row& row : rows) {
+        if (row[2] != name) continue;
+        ASSERT_EQ(values.at(at++), std::stof(row[static_cast<std::size_t>(column)]))
+            << name << " " << id << " day " << row[0];
+        ++compared;
+      }
+      EXPECT_EQ(at, values.size());
+    }
+  }
+  EXPECT_GT(compared, 6000U);
+
+  // What the page makes of them: sums, ratios, what adds up.
+  const json oil = Values(browser(), -1, "oil_rate");
+  const json water = Values(browser(), -1, "water_rate");
+  const json cut = Values(browser(), -1, "water_cut");
+  const json ratio = Values(browser(), -1, "gas_oil_ratio");
+  const json gas = Values(browser(), -1, "gas_rate");
+  const json total = Values(browser(), -1, "oil_total");
+  std::map<double, double> sums;
+  for (std::size_t i = 1; i < rows.size(); ++i)
+    sums[std::stod(rows[i][0])] += std::stod(rows[i][4]);
+  ASSERT_EQ(oil.size(), sums.size());
+  double added = 0;
+  double last = 0;
+  std::size_t at = 0;
+  for (const auto& [day, sum] : sums) {
+    EXPECT_NEAR(oil[at], sum, 1e-6 * sum);
+    added += sum * (day - last);
+    last = day;
+    EXPECT_NEAR(total[at], added, 1e-6 * added);
+    EXPECT_NEAR(cut[at], water[at].get<double>() / (water[at].get<double>() + sum), 1e-6);
+    EXPECT_NEAR(ratio[at], gas[at].get<double>() * 1e6 / sum, 1e-3);
+    ++at;
+  }
+  EXPECT_NEAR(browser().Evaluate("meta.wells.reduce((sum, well) => sum + well.totals[0], 0)"),
+              added, 1e-6 * added);
+
+  // What is seen: the legend has the last values, and others where one points.
+  EXPECT_EQ(browser().Evaluate("find('plot-oil_rate').querySelectorAll('.u-value').length"), 7);
+  const std::string last_oil = Text("#plot-oil_rate .u-series:nth-child(2) .u-value");
+  EXPECT_EQ(last_oil, fmt::format("{:.6g}", oil.back().get<double>()));
+  Press("oil_rate", "Home");
+  EXPECT_EQ(Text("#plot-oil_rate .u-series:nth-child(1) .u-value"), "2020-01-01, day 0");
+  EXPECT_EQ(Text("#plot-oil_rate .u-series:nth-child(2) .u-value"),
+            fmt::format("{:.6g}", oil.front().get<double>()));
+  EXPECT_EQ(Text("#plot-water_cut .u-series:nth-child(1) .u-value"), "2020-01-01, day 0")
+      << "the charts point at the same time";
+
+  // The table, to the last digit that was recorded.
+  browser().Evaluate("find('numbers').open = true");
+  ASSERT_TRUE(browser().Becomes("document.querySelectorAll('#numbers tbody tr').length > 100"));
+  const json cells = browser().Evaluate(
+      "[...document.querySelectorAll('#numbers tbody tr')].map(row => row.cells[3].textContent)");
+  at = 0;
+  for (const Row& row : rows) {
+    if (row[2] == "P1") {
+      EXPECT_EQ(std::stof(cells.at(at++).get<std::string>()), std::stof(row[4]));
+    }
+  }
+  EXPECT_THAT(browser().complaints(), IsEmpty());
+}
+
+TEST_F(WholeRunReportTest, InflowTablesEventsAndTheRunAreThere) {
+  Run();
+  Open(directory_.File("report.html"));
+  const std::vector<Row> rows = RowsOf(directory_.File("results/ipr.csv"));
+  browser().Evaluate("document.querySelector('#inflow details').open = true");
+  ASSERT_TRUE(browser().Becomes("document.querySelectorAll('#inflow tbody tr').length === 30"));
+  const json shown = browser().Evaluate(
+      "[...document.querySelectorAll('#inflow details tbody tr')].map(row => "
+      "[row.cells[0].textContent,"
+      " row.cells[1].textContent, row.cells[4].textContent, row.cells[5].textContent])");
+  ASSERT_EQ(rows.size(), 31U);
+  for (std::size_t i = 0; i < shown.size(); ++i) {
+    EXPECT_EQ(shown[i][0], rows[i + 1][2]);
+    EXPECT_EQ(shown[i][1], rows[i + 1][0]);
+    for (const std::size_t k : {0U, 1U}) {
+      EXPECT_EQ(std::stof(shown[i][2 + k].get<std::string>()), std::stof(rows[i + 1][4 + k]));
+    }
+  }
+  EXPECT_EQ(browser().Evaluate("[...document.querySelectorAll('#events tbody tr')].map(row => "
+                               "row.textContent)")[2],
+            "37302021-12-31shut P3");
+  EXPECT_THAT(Text("#run"), HasSubstr("day 730: shut P3; constrain P2 bhp=1500"));
+  EXPECT_THAT(Text("#state"), HasSubstr("the plan was carried out, at 2029-12-29, day 3650"));
+  EXPECT_THAT(Text("#wall table"), HasSubstr("waiting for the launch"));
+  // An event is said to whom points at it.
+  browser().Evaluate("scrollTo(0, document.querySelector('#plot-oil_rate').offsetTop - 100)");
+  for (int i = 0; i < 26; ++i) Press("oil_rate", "ArrowRight");
+  EXPECT_THAT(Text("#charts figcaption span"), HasSubstr("3–4: shut P3; constrain P2 bhp=1500"));
+  EXPECT_THAT(Text("#spoken"), HasSubstr("2021-12-31, day 730; Field "));
+  EXPECT_THAT(browser().complaints(), IsEmpty());
+}
+
+TEST_F(WholeRunReportTest, PageFitsTheWindow) {
+  Run();
+  // As it would be at a site.
+  json run = json::parse(directory_.Read("results/run.json"));
+  run.update({{"plan", "north.toml"},
+              {"deck", "/data/north/TENWELLS.afi"},
+              {"daemon", "cluster7:5000"},
+              {"simulator_host", "node17"},
+              {"user", "asmith"}});
+  directory_.Write("results/run.json", run.dump());
+  Results results = ReadResults(directory_.File("results"));
+  results.directory = "results";
+  WriteReport(results, directory_.File("report.html"));
+  Open(directory_.File("report.html"));
+  EXPECT_LE(browser().Evaluate("document.documentElement.scrollWidth"), 1360);
+  const char* kept = getenv("JOBMILL_PICTURES");
+  const std::string pictures = kept != nullptr ? kept : directory_.path().string();
+  const auto photograph = [&](const std::string& file, const std::string& hidden) {
+    browser().Evaluate("for (const part of document.querySelectorAll('" + hidden +
+                       "')) part.hidden = true");
+    browser().Photograph(pictures + "/" + file);
+    EXPECT_GT(std::filesystem::file_size(pictures + "/" + file), 50'000U);
+  };
+  browser().Evaluate(
+      "for (const box of [...document.querySelectorAll('#kinds input')].slice(8)) "
+      "if (box.checked) box.click()");
+  ASSERT_TRUE(browser().Becomes("document.querySelectorAll('#charts figure').length === 7"));
+  browser().Evaluate("find('plot-tubing_head_pressure').parentElement.hidden = true");
+  photograph("report.png", "#events, #last, #totals, #inflow, #wall");
+  browser().Evaluate("for (const name of ['events', 'last', 'inflow']) find(name).hidden = false");
+  photograph("report-tables.png", "header, #run, section:has(#charts)");
+}
+
+// Names of wells come from decks, titles from whoever writes the plan.
+TEST_F(ReportPageTest, HostileNamesAreShownAndNothingElse) {
+  const std::string script = "</script><script>window.hacked = 1</script>";
+  const std::string image = "<img src=x onerror='window.hacked = 2'>";
+  const std::string comment = "<!--<script>";
+  json run{{"title", script + image + comment},
+           {"start_date", "2020-01-01"},
+           {"components", {script, "\"&'` "}},
+           {"end", image},
+           {"record", {comment}},
+           {"events", {{{"at", "day 1"}, {"commands", {script}}}}}};
+  OpenResults({{"run.json", run.dump()},
+               {"events.csv", "time_days,date,command\n1,x,\"shut " + script + "\"\n"},
+               {"ipr.csv", "time_days,date,well,point,pressure [" + image +
+                               "],oil_rate,gas_rate\n"
+                               "1,x,\"" +
+                               script + "\",1,200,5,6\n1,x,\"" + script + "\",2,250,0,0\n"},
+               {"data.csv", "time_days,date,well,status,oil_rate [" + image + "],\"" + comment +
+                                "\"\n"
+                                "0,x,\"" +
+                                script + "\",\"" + image +
+                                "\",5,7\n"
+                                "1,x,\"" +
+                                script +
+                                "\",OPEN,4,8\n"
+                                "1,x,\"" +
+                                image + "\",OPEN,4,8\n1,x,\"" + comment + "\",OPEN,4,8\n"}});
+  EXPECT_EQ(Text("h1"), script + image + comment);
+  EXPECT_EQ(browser().Evaluate("document.title"), script + image + comment);
+  EXPECT_EQ(Text("#list li:nth-child(2)"), " " + script);
+  EXPECT_EQ(Text("#plot-oil_rate .u-series:nth-child(3) .u-label"), script);
+  EXPECT_EQ(Text("#events tbody td:last-child"), "shut " + script);
+  EXPECT_EQ(Values(browser(), 0, "oil_rate"), json({5, 4}));
+  EXPECT_EQ(browser().Evaluate("document.images.length"), 0);
+  EXPECT_EQ(browser().Evaluate("typeof window.hacked"), "undefined");
+  EXPECT_EQ(browser().Evaluate("document.scripts.length"),
+            browser().Evaluate("4 + meta.wells.length + meta.inflow.length"));
+  EXPECT_THAT(browser().complaints(), IsEmpty());
+}
+
+// The page of an engineer cannot be made to talk to anybody.
+TEST_F(ReportPageTest, BrowserRefusesEveryOtherScriptAndAllTraffic) {
+  OpenResults({});
+  browser().Evaluate(
+      "{ const made = document.createElement('script'); made.textContent = 'window.hacked = 1'; "
+      "document.body.append(made); }");
+  EXPECT_EQ(browser().Evaluate("typeof window.hacked"), "undefined");
+  EXPECT_EQ(browser().Evaluate("fetch('http://127.0.0.1:9/').then(() => 'sent', () => 'refused')"),
+            "refused");
+  EXPECT_THAT(testing::PrintToString(browser().complaints()), HasSubstr("Content Security Policy"));
+}
+
+TEST_F(ReportPageTest, WhatIsChosenStaysWhenTheRunGoesOn) {
+  const std::string head = "time_days,date,well,status,oil_rate [sm3/d]\n";
+  std::string rows;
+  const auto write = [&](int until, std::optional<std::chrono::seconds> again) {
+    rows.clear();
+    for (int day = 0; day <= until; ++day) {
+      for (int well = 1; well <= 30; ++well) {
+        rows += fmt::format("{},x,W{},OPEN,{}\n", day, well, 1000 - day - well);
+      }
+    }
+    directory_.Write("data.csv", head + rows);
+    WriteReport(ReadResults(directory_.path().string()), directory_.File("report.html"), again);
+  };
+  directory_.Write("steps.csv", "time_days,date,ended\n0,2020-01-01,false\n");
+  write(10, std::chrono::seconds(1));
+  Open(directory_.File("report.html"));
+  EXPECT_THAT(Text("#state"), testing::StartsWith("Running"));
+  browser().Evaluate("find('none').click()");
+  browser().Evaluate("[...document.querySelectorAll('#list input')][27].click()");
+  browser().Evaluate("document.querySelector('[value=day]').click()");
+  browser().Evaluate("zoom([2, 8])");
+  browser().Evaluate("find('plot-oil_rate').focus()");
+  write(20, {});  // the run has ended: the page stays as it is from here on
+  ASSERT_TRUE(browser().Becomes("meta.days.length === 21"));
+  ASSERT_TRUE(
+      browser().Becomes("document.querySelectorAll('#plot-oil_rate .u-series').length === 3"));
+  EXPECT_EQ(Text("#plot-oil_rate .u-series:nth-child(3) .u-label"), "W27");
+  EXPECT_EQ(browser().Evaluate("chosen.range"), json({2, 8}));
+  EXPECT_EQ(browser().Evaluate("chosen.axis"), "day");
+  EXPECT_EQ(browser().Evaluate("document.activeElement.id"), "plot-oil_rate");
+  EXPECT_THAT(Text("#state"), Not(HasSubstr("Running")));
+  EXPECT_EQ(browser().Evaluate("find('live').hidden"), true);
+}
+
+TEST_F(ReportPageTest, SomebodyWhoTypesOrPausesIsNotDisturbed) {
+  directory_.Write("steps.csv", "time_days,date,ended\n");
+  directory_.Write("data.csv",
+                   "time_days,date,well,status,oil_rate\n0,x,P1,OPEN,1\n1,x,P1,OPEN,1\n");
+  WriteReport(ReadResults(directory_.path().string()), directory_.File("report.html"),
+              std::chrono::seconds(1));
+  Open(directory_.File("report.html"));
+  browser().Evaluate("window.same = 1");
+  browser().Evaluate("find('filter').focus()");
+  const auto wait =
+      "new Promise(resolve => setTimeout(resolve, 3500)).then(() => window.same ?? 0)";
+  EXPECT_EQ(browser().Evaluate(wait), 1);
+  browser().Evaluate("find('pause').focus(); find('pause').click()");
+  EXPECT_EQ(browser().Evaluate(wait), 1);
+  browser().Evaluate("find('pause').click()");
+  EXPECT_TRUE(browser().Becomes("window.same === undefined"));
+}
+
+TEST_F(ReportPageTest, TimesOfAllKindsAreTold) {
+  // Steps of seconds among years, before 1970 and behind 2038.
+  OpenResults({{"run.json", R"({"start_date": "1968-12-31"})"},
+               {"data.csv",
+                "time_days,date,well,status,oil_rate [STB/d],gas_rate [MMscf/d]\n"
+                "0,x,P1,OPEN,100,1\n0.00002,x,P1,OPEN,99,1\n0.5,x,P1,OPEN,98,1\n"
+                "366,x,P1,OPEN,50,2\n366,x,P1,SHUT,0,0\n30000,x,P1,OPEN,20,3\n"}});
+  EXPECT_EQ(browser().Evaluate("meta.days.map(dateOf)"),
+            json({"1968-12-31", "1968-12-31 00:00", "1968-12-31 12:00", "1970-01-01", "1970-01-01",
+                  "2051-02-19"}));
+  EXPECT_EQ(Values(browser(), 0, "oil_rate"), json({100, 99, 98, 50, 0, 20}));
+  EXPECT_EQ(Values(browser(), 0, "gas_oil_ratio"),
+            json({10000, 1e6 / 99, 1e6 / 98, 40000, nullptr, 150000}));
+  Press("oil_rate", "End");
+  EXPECT_EQ(Text("#plot-oil_rate .u-series:nth-child(1) .u-value"), "2051-02-19, day 30000");
+  EXPECT_THAT(browser().complaints(), IsEmpty());
+}
+
+TEST_F(ReportPageTest, CurvesStandOutFromThePaper) {
+  OpenResults({{"data.csv", "time_days,date,well,status,oil_rate\n0,x,P1,OPEN,1\n"}});
+  const std::string least =
+      "(() => { const light = (name) => { const parts = ink(name).replace('#', "
+      "'').replace(/^(.)(.)(.)$/, "
+      "'$1$1$2$2$3$3').match(/../g).map((part) => parseInt(part, 16) / 255).map((value) => value "
+      "<= 0.04045 "
+      "? value / 12.92 : ((value + 0.055) / 1.055) ** 2.4); return 0.2126 * parts[0] + 0.7152 * "
+      "parts[1] + "
+      "0.0722 * parts[2]; }; const paper = light('paper'); const of = (name) => { const own = "
+      "light(name); "
+      "return (Math.max(own, paper) + 0.05) / (Math.min(own, paper) + 0.05); }; return {curves: "
+      "Math.min(...[0, 1, 2, 3, 4, 5, 6].map((i) => of('c' + i))), texts: Math.min(of('ink'), "
+      "of('soft'), "
+      "of('link'), of('event'))}; })()";
+  for (const char* scheme : {"light", "dark"}) {
+    browser().Prefer("prefers-color-scheme", scheme);
+    const json contrast = browser().Evaluate(least);
+    EXPECT_GE(contrast.at("curves"), 3) << scheme;
+    EXPECT_GE(contrast.at("texts"), 4.5) << scheme;
+  }
+}
+
+TEST_F(ReportPageTest, PaperGetsAllChartsAtTwiceTheResolution) {
+  std::string rows = "time_days,date,well,status,oil_rate,water_rate,gas_rate\n";
+  for (int day = 0; day < 50; ++day) rows += fmt::format("{},x,P1,OPEN,{},3,4\n", day, 100 - day);
+  OpenResults({{"data.csv", rows}});
+  browser().Evaluate("dispatchEvent(new Event('beforeprint'))");
+  const std::string widths =
+      "[...document.querySelectorAll('#charts canvas')].map(one => one.width)";
+  ASSERT_TRUE(browser().Becomes("(" + widths + ").length === charts.size && (" + widths +
+                                ").every(width => width === 1320)"));
+  EXPECT_TRUE(browser().Becomes("find('plot-oil_rate').offsetHeight < 300"));
+  browser().Evaluate("dispatchEvent(new Event('afterprint'))");
+  EXPECT_TRUE(browser().Becomes("(" + widths + ").every(width => width < 800)"));
+  EXPECT_THAT(browser().complaints(), IsEmpty());
+}
+
+// 500 wells and 10,000 steps, noisy as a simulator's results are.
+Results LargestRun() {
+  constexpr int kWells = 500;
+  constexpr int kSteps = 10'000;
+  Results results;
+  results.start_date = "2020-01-01";
+  results.quantities = {{"oil_rate", "sm3/d"},
+                        {"water_rate", "sm3/d"},
+                        {"gas_rate", "sm3/d"},
+                        {"bottom_hole_pressure", "bar"},
+                        {"tubing_head_pressure", "bar"}};
+  results.field_quantities = {results.quantities.begin(), results.quantities.begin() + 3};
+  results.field.assign(3, std::vector<float>(kSteps));
+  for (int step = 0; step < kSteps; ++step) results.days.push_back(step);
+  std::minstd_rand random(1);
+  std::uniform_real_distribution<double> noise(0.999, 1.001);
+  for (int number = 0; number < kWells; ++number) {
+    WellResults& well = results.wells.emplace_back();
+    well.name = fmt::format("W{}", number);
+    well.values.resize(results.quantities.size());
+    for (int step = 0; step < kSteps; ++step) {
+      const double oil = (1000 + number) * std::exp(-step / 4000.0);
+      const double water = oil * step / (1.1 * kSteps - step);
+      const std::array<double, 5> row{oil, water, 120 * oil, 300 - oil / 10, 100 - oil / 20};
+      for (std::size_t i = 0; i < row.size(); ++i) {
+        const auto value = static_cast<float>(row[i] * noise(random));
+        well.values[i].push_back(value);
+        if (i < 3) results.field[i][static_cast<std::size_t>(step)] += value;
+      }
+    }
+  }
+  return results;
+}
+
+// Times are told, not judged.
+TEST_F(ReportPageTest, PageOfTheLargestRunOpensAndDecodesWhatIsChosen) {
+  using Clock = std::chrono::steady_clock;
+  auto begin = Clock::now();
+  const auto tell = [&](const char* what) {
+    const double seconds = std::chrono::duration<double>(Clock::now() - begin).count();
+    printf("report of 500 wells and 10,000 steps: %s in %.2f s\n", what, seconds);
+    begin = Clock::now();
+  };
+  const Results results = LargestRun();
+  tell("made up");
+  const std::string file = directory_.File("report.html");
+  WriteReport(results, file);
+  tell("written");
+  // 25 million values of 4 bytes, of which one and a half are noise.
+  const std::uintmax_t size = std::filesystem::file_size(file);
+  printf("report of 500 wells and 10,000 steps: %.1f MB\n", static_cast<double>(size) / 1e6);
+  EXPECT_LT(size, 110'000'000U);
+  begin = Clock::now();
+  Open(file);
+  tell("opened, the first charts drawn");
+  browser().Evaluate("find('none').click()");
+  browser().Evaluate(
+      "for (const box of [...document.querySelectorAll('#list input')].slice(-20)) box.click()");
+  const char* drawn =
+      "drawing === 0 && redrawing === 0 && document.querySelectorAll('#plot-oil_rate "
+      ".u-series').length === 22";
+  ASSERT_TRUE(browser().Becomes(drawn));
+  tell("20 other wells chosen and drawn");
+  browser().Evaluate("zoom([2000, 4000])");
+  tell("zoomed");
+  browser().Evaluate(
+      "for (let i = 0; i < 100; ++i) find('plot-oil_rate').dispatchEvent(new KeyboardEvent("
+      "'keydown', {key: 'ArrowRight'}))");
+  tell("a hundred stops pointed at");
+  EXPECT_EQ(browser().Evaluate("[...document.querySelectorAll('#list input')][1].click(), "
+                               "wellsChosen().length"),
+            20)
+      << "no more than twenty at a time";
+  const json values = Values(browser(), 499, "water_rate");
+  ASSERT_EQ(values.size(), results.days.size());
+  for (std::size_t i = 0; i < values.size(); ++i) {
+    ASSERT_EQ(values[i], results.wells[499].values[1][i]) << i;
+  }
+  EXPECT_THAT(browser().complaints(), IsEmpty());
+}
+
+}  // namespace
+}  // namespace vkmaster

@@ -1,0 +1,178 @@
+// What the report makes of a directory of results, before any browser sees it.
+
+#include "tools/vkmaster/report/report.h"
+
+#include <cmath>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/support/temporary_directory.h"
+#include "tools/vkmaster/report/block.h"
+#include "tools/vkmaster/report/csv.h"
+#include "tools/vkmaster/report/live_report.h"
+#include "tools/vkmaster/report/results.h"
+#include "tools/vkmaster/text/usage_error.h"
+
+namespace vkmaster {
+namespace {
+
+using testing::ElementsAre;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::IsNan;
+using testing::Pointee;
+
+class ReportTest : public testing::Test {
+ protected:
+  std::string Directory() const { return directory_.path().string(); }
+
+  std::string Refusal() const {
+    try {
+      ReadResults(Directory());
+      return "understood";
+    } catch (const UsageError& error) {
+      return error.what();
+    }
+  }
+
+  TemporaryDirectory directory_;
+};
+
+TEST_F(ReportTest, CellsMayHoldQuotesCommasAndLineEnds) {
+  CsvFile file(directory_.Write("a.csv", "well,status\n\"P,1\",\"a \"\"b\"\"\"\n\"x\ny\",\n"));
+  EXPECT_THAT(file.header(), ElementsAre("well", "status"));
+  EXPECT_THAT(file.Next(), Pointee(ElementsAre("P,1", "a \"b\"")));
+  EXPECT_THAT(file.Next(), Pointee(ElementsAre("x\ny", "")));
+  EXPECT_EQ(file.Next(), nullptr);
+}
+
+TEST_F(ReportTest, LineThatIsStillBeingWrittenIsLeftOut) {
+  CsvFile file(directory_.Write("a.csv", "time_days,date\n0,2020-01-01\n30,2020-"));
+  EXPECT_THAT(file.Next(), Pointee(ElementsAre("0", "2020-01-01")));
+  EXPECT_EQ(file.Next(), nullptr);
+}
+
+TEST_F(ReportTest, LinesEndingAsOnWindowsAreRead) {
+  CsvFile file(directory_.Write("a.csv", "time_days,date\r\n0,2020-01-01\r\n"));
+  EXPECT_THAT(file.header(), ElementsAre("time_days", "date"));
+  EXPECT_THAT(file.Next(), Pointee(ElementsAre("0", "2020-01-01")));
+}
+
+TEST_F(ReportTest, DirectoryWithoutResultsAndBrokenFilesAreNamed) {
+  EXPECT_THAT(Refusal(), EndsWith("has no results of a plan: there is no steps.csv"));
+  directory_.Write("steps.csv", "time_days,date,ended\n0,2020-01-01\n");
+  EXPECT_THAT(Refusal(), EndsWith("steps.csv, line 2: 2 cells, but 3 in the header"));
+  directory_.Write("steps.csv", "time_days,date,ended\n");
+  directory_.Write("run.json", "{\"title\": ");
+  EXPECT_THAT(Refusal(), EndsWith("has a run.json that is not understood"));
+}
+
+TEST_F(ReportTest, DataAndVarsOfTheSameQuantityAreOne) {
+  directory_.Write("steps.csv", "time_days,date,ended\n0,2020-01-01,false\n30,2020-01-31,false\n");
+  directory_.Write(
+      "data.csv",
+      "time_days,date,well,status,oil_rate [sm3/d]\n"
+      "0,2020-01-01,P1,OPEN,100.5\n0,2020-01-01,P2,OPEN,50\n30,2020-01-31,P1,SHUT,0\n");
+  directory_.Write("vars.csv",
+                   "time_days,date,well,OIL_PRODUCTION_RATE [sm3/d],WATER_CUT,VISCOSITY\n"
+                   "0,2020-01-01,P1,100.5,0.25,3\n30,2020-01-31,P2,40,0.5,4\n");
+  const Results results = ReadResults(Directory());
+  EXPECT_EQ(results.start_date, "2020-01-01");
+  EXPECT_THAT(results.days, ElementsAre(0, 30));
+  EXPECT_THAT(results.quantities, ElementsAre(Heading{"oil_rate", "sm3/d"},
+                                              Heading{"water_cut", ""}, Heading{"viscosity", ""}));
+  ASSERT_EQ(results.wells.size(), 2U);
+  EXPECT_EQ(results.wells[0].status, "SHUT");
+  EXPECT_THAT(results.wells[0].values[0], ElementsAre(100.5F, 0));
+  EXPECT_THAT(results.wells[0].values[1], ElementsAre(0.25F, IsNan()));
+  EXPECT_THAT(results.wells[1].values[0], ElementsAre(50, 40));
+  EXPECT_FALSE(results.field_recorded);
+  EXPECT_THAT(results.field_quantities, ElementsAre(Heading{"oil_rate", "sm3/d"}));
+  EXPECT_THAT(results.field[0], ElementsAre(150.5F, 40));
+}
+
+TEST_F(ReportTest, RecordsBeforeAndBehindAnEventStandBesideEachOther) {
+  directory_.Write("steps.csv", "time_days,date,ended\n");
+  directory_.Write("data.csv",
+                   "time_days,date,well,status,oil_rate\n"
+                   "10,x,P1,OPEN,100\n10,x,P2,OPEN,50\n"
+                   "10,x,P1,SHUT,0\n"                  // behind the event
+                   "20,x,P1,SHUT,0\n20,x,P1,SHUT,0\n"  // twice the same
+                   "20,x,P2,OPEN,60\n");
+  const Results results = ReadResults(Directory());
+  EXPECT_THAT(results.days, ElementsAre(10, 10, 20));
+  EXPECT_THAT(results.wells[0].values[0], ElementsAre(100, 0, 0));
+  EXPECT_THAT(results.wells[1].values[0], ElementsAre(50, 50, 60));
+  EXPECT_THAT(results.field[0], ElementsAre(150, 50, 60));
+}
+
+TEST_F(ReportTest, FieldOfItsOwnRecordStandsForTheSums) {
+  directory_.Write("steps.csv", "time_days,date,ended\n0,x,false\n30,x,false\n");
+  directory_.Write("data.csv",
+                   "time_days,date,well,status,oil_rate\n0,x,P1,OPEN,1\n30,x,P1,OPEN,1\n");
+  directory_.Write("field.csv", "time_days,date,oil_rate,oil_total\n0,x,70,0\n30,x,80,2400\n");
+  const Results results = ReadResults(Directory());
+  EXPECT_TRUE(results.field_recorded);
+  EXPECT_THAT(results.field[0], ElementsAre(70, 80));
+  // Recorded now and then only, as by an event, it says less than the sums.
+  directory_.Write("field.csv", "time_days,date,oil_rate,oil_total\n30,x,80,2400\n");
+  EXPECT_FALSE(ReadResults(Directory()).field_recorded);
+  EXPECT_THAT(ReadResults(Directory()).field[0], ElementsAre(1, 1));
+}
+
+TEST_F(ReportTest, InflowTablesAreToldApartByTheirFirstPoints) {
+  directory_.Write("steps.csv", "time_days,date,ended\n");
+  directory_.Write("ipr.csv",
+                   "time_days,date,well,point,bottom_hole_pressure [bar],oil_rate [sm3/d]\n"
+                   "0,x,P1,1,200,90\n0,x,P1,2,220,45\n0,x,P2,1,210,50\n30,x,P1,1,190,80\n");
+  directory_.Write("ipr_2.csv",
+                   "time_days,date,well,point,tubing_head_pressure [bar],oil_rate [sm3/d]\n"
+                   "40,x,P2,1,30,70\n");
+  const Results results = ReadResults(Directory());
+  ASSERT_EQ(results.inflow.size(), 2U);
+  ASSERT_EQ(results.inflow[0].tables.size(), 2U);
+  EXPECT_EQ(results.inflow[0].tables[0].points, 2U);
+  EXPECT_EQ(results.inflow[0].tables[1].day, 30);
+  EXPECT_THAT(results.inflow[0].values[0], ElementsAre(200, 220, 190));
+  EXPECT_THAT(results.inflow[1].values[0], ElementsAre(210, IsNan()));
+  EXPECT_THAT(results.inflow[1].values[2], ElementsAre(IsNan(), 30));
+}
+
+TEST_F(ReportTest, RatesHoldForTheDaysBeforeThem) {
+  const float none = std::nanf("");
+  EXPECT_EQ(AddedUp({0, 30, 60}, {100, 90, 80}), 90 * 30 + 80 * 30);
+  EXPECT_EQ(AddedUp({0, 30, 60}, {100, none, 80}), 80 * 60);
+  EXPECT_EQ(AddedUp({0, 30, 60}, {none, none, 80}), 80 * 30) << "a well that the model adds";
+  EXPECT_EQ(AddedUp({10, 10, 20}, {100, 0, 5}), 50) << "an event at day 10";
+}
+
+TEST_F(ReportTest, BytesAreWrittenInBase64) {
+  EXPECT_EQ(Base64(""), "");
+  EXPECT_EQ(Base64("f"), "Zg==");
+  EXPECT_EQ(Base64("fo"), "Zm8=");
+  EXPECT_EQ(Base64("foo"), "Zm9v");
+  EXPECT_EQ(Base64("\xff\xfe\xfd\xfc"), "//79/A==");
+}
+
+TEST_F(ReportTest, PageHasTheLicenceOfWhatItEmbeds) {
+  WriteReport({}, directory_.File("report.html"));
+  EXPECT_THAT(directory_.Read("report.html"), HasSubstr("The MIT License (MIT)\n\nCopyright (c)"));
+}
+
+TEST_F(ReportTest, PageThatCannotBeWrittenLeavesTheFormerOne) {
+  const std::string file = directory_.Write("report.html", "the former one");
+  WriteReport({}, file);
+  EXPECT_THAT(directory_.Read("report.html"), HasSubstr("</html>"));
+  EXPECT_FALSE(std::filesystem::exists(file + ".new"));
+  std::filesystem::create_directory(directory_.File("taken.html"));
+  EXPECT_THROW(WriteReport({}, directory_.File("taken.html")), UsageError);
+  EXPECT_FALSE(std::filesystem::exists(directory_.File("taken.html.new")));
+  EXPECT_THROW(CheckWritable("/proc/none/report.html"), UsageError);
+  EXPECT_NO_THROW(CheckWritable(directory_.File("fresh/report.html")));
+  EXPECT_THAT(directory_.Read("fresh/report.html"), IsEmpty());
+}
+
+}  // namespace
+}  // namespace vkmaster

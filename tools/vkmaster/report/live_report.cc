@@ -1,0 +1,51 @@
+#include "tools/vkmaster/report/live_report.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <system_error>
+#include <utility>
+
+#include "tools/vkmaster/report/report.h"
+#include "tools/vkmaster/text/usage_error.h"
+#include "tools/vkmaster/text/whole_file.h"
+
+namespace vkmaster {
+namespace {
+
+constexpr std::chrono::seconds kPause{5};
+constexpr int kShare = 20;  // the run has as many times what the page takes
+
+}  // namespace
+
+void CheckWritable(const std::string& file) {
+  std::error_code error;
+  const std::filesystem::path directory = std::filesystem::path(file).parent_path();
+  if (!directory.empty()) std::filesystem::create_directories(directory, error);
+  const WholeFile tried(file);
+}
+
+LiveReport::LiveReport(std::string directory, std::string file)
+    : directory_(std::move(directory)), file_(std::move(file)), due_(Clock::now()) {}
+
+void LiveReport::Update() {
+  const Clock::time_point now = Clock::now();
+  if (file_.empty() || now < due_) return;
+  const auto pause = [&](Clock::duration took) {
+    return std::max<std::chrono::seconds>(kPause,
+                                          std::chrono::ceil<std::chrono::seconds>(kShare * took));
+  };
+  try {
+    // The page asks for the next one when that is due: this one took about as long.
+    WriteReport(ReadResults(directory_), file_, pause(last_));
+  } catch (const UsageError&) {
+    // Finish() tries again.
+  }
+  last_ = Clock::now() - now;
+  due_ = Clock::now() + pause(last_);
+}
+
+void LiveReport::Finish() {
+  if (!file_.empty()) WriteReport(ReadResults(directory_), file_);
+}
+
+}  // namespace vkmaster

@@ -1,0 +1,20 @@
+// The report of a run: one HTML page that needs neither a network nor other files, made from the
+// directory of a plan's results. results.h reads the directory, block.h packs values, report.h
+// writes the page, live_report.h keeps it new while the run goes on. What the page does in a
+// browser is in assets/.
+#pragma once
+
+#include <chrono>
+#include <optional>
+#include <string>
+
+#include "tools/vkmaster/report/results.h"
+
+namespace vkmaster {
+
+/// Writes the page, replacing `file` as a whole. With `again` the page loads itself anew after that
+/// time, since the run goes on. Throws UsageError when the file cannot be written.
+void WriteReport(const Results& results, const std::string& file,
+                 std::optional<std::chrono::seconds> again = {});
+
+}  // namespace vkmaster
