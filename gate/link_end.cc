@@ -108,7 +108,7 @@ void LinkEnd::WriteWire() {
   while (wire_ != nullptr && wire_writable_) {
     std::string_view bytes = unsent_;
     if (bytes.empty()) {
-      bytes = {Scratch().data(), stream_->ForWire(epoch_, Scratch().data(), kPiece, Now())};
+      bytes = {Scratch().data(), stream_->ForWire(epoch_, Scratch().data(), kPiece)};
     }
     if (bytes.empty()) return;
     std::size_t put = 0;

@@ -71,9 +71,9 @@ struct PeerError {
   const char* sentence;
 };
 
-constexpr PeerError kPeerErrors[] = {
+const PeerError kPeerErrors[] = {
     {SSL_R_SSLV3_ALERT_CERTIFICATE_EXPIRED, "The other gate says: this certificate has expired"},
-    {SSL_R_SSLV3_ALERT_CERTIFICATE_REVOKED, "The other gate says: this certificate was revoked"},
+    {SSL_R_SSLV3_ALERT_CERTIFICATE_REVOKED, kRevokedHere},
     {SSL_R_SSLV3_ALERT_CERTIFICATE_UNKNOWN,
      "The other gate says: this certificate cannot be accepted"},
     {SSL_R_SSLV3_ALERT_BAD_CERTIFICATE, "The other gate says: this certificate is bad"},
@@ -244,6 +244,8 @@ std::string TlsContext::WhyRefused(X509* certificate, STACK_OF(X509) * chain) co
   ERR_clear_error();
   return CertificateSentence(X509_STORE_CTX_get_error(judge.get()));
 }
+
+const char* const kRevokedHere = "The other gate says: this certificate was revoked";
 
 std::string CertificateSentence(long error) {
   for (const CertificateError& known : kCertificateErrors) {

@@ -71,6 +71,10 @@ class TlsContext {
 /// X509_V_ERR_...
 std::string CertificateSentence(long error);
 
+/// What TakeTlsErrors() gives when the peer has refused this side's certificate because it was
+/// revoked.
+extern const char* const kRevokedHere;
+
 /// What the errors that OpenSSL has collected in this thread mean, and forgets them. An alert by
 /// which the peer refused this side's certificate becomes a sentence.
 std::string TakeTlsErrors();

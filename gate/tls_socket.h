@@ -62,7 +62,7 @@ class TlsSocket {
   bool HasPending() const;
 
   /// Why it is broken: a sentence. "The connection has ended" where the peer has just gone.
-  const std::string& error() const { return error_; }
+  std::string error() const { return error_; }
 
   /// Whether it was the peer's certificate that was refused, here or there.
   bool refused() const { return refused_; }

@@ -1,0 +1,340 @@
+// Both gates as programs, between masters and the real daemon.
+
+#include "tests/gate/door.h"
+
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/gate/breaking_relay.h"
+#include "tests/support/bytes.h"
+#include "tests/support/ports.h"
+#include "tests/support/running_daemon.h"
+#include "tests/system/serve.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testing::StartsWith;
+
+std::vector<std::string> Claiming(const std::string& user) {
+  return {"0", "PATH", "CASE", "1", "20172", user, "0"};
+}
+
+// What a master gets for its request at this port.
+std::string AnswerTo(int port, const std::string& user) {
+  TestMaster master(port);
+  master.RequestRun(Claiming(user));
+  return Text(master.Receive());
+}
+
+class DoorTest : public testing::Test {
+ protected:
+  RunningDaemon daemon_{Unprivileged()};
+  Door door_{daemon_.port()};
+};
+
+TEST_F(DoorTest, ProvenUserPassesToTheDaemon) {
+  const auto gate = door_.Connect(door_.alice());
+  TestMaster master(gate->port());
+  master.RequestRun(Claiming("alice"));
+  EXPECT_THAT(Text(master.Receive()), StartsWith("OK|port-"));
+  EXPECT_EQ(master.Ask("f0 ff 00 00"), kShutDown);
+  EXPECT_TRUE(master.SeesEndWithin(5));
+  master.Leave();
+  const auto admitted = door_.serving().Await("admitted");
+  EXPECT_EQ(admitted["claimed"], "alice");
+  EXPECT_EQ(admitted["proof"], "upn:alice@example.com");
+  const auto ended = door_.serving().Await("ended");
+  EXPECT_EQ(ended["verdict"], "admitted");
+  EXPECT_EQ(ended["how"], "both ends have finished");
+  EXPECT_EQ(gate->Await("ended")["how"], "both ends have finished");
+  EXPECT_TRUE(daemon_.WaitForLog("Windows user received: alice"));
+}
+
+TEST_F(DoorTest, StolenNameIsRefusedInTheMastersProtocolAndReachesNobody) {
+  const auto gate = door_.Connect(door_.alice());
+  TestMaster master(gate->port());
+  master.RequestRun(Claiming("bob"));
+  EXPECT_EQ(master.Receive(),
+            "Windows user 'bob' is not proven by the certificate, which is that of "
+            "upn:alice@example.com");
+  EXPECT_TRUE(master.SeesEndWithin(5));
+  master.Leave();
+  const auto denied = door_.serving().Await("denied");
+  EXPECT_EQ(denied["claimed"], "bob");
+  EXPECT_THAT(denied["names"], ElementsAre("upn:alice@example.com"));
+  EXPECT_EQ(door_.serving().Await("ended")["verdict"], "denied");
+  EXPECT_TRUE(daemon_.WaitForLog("Incorrect response from Corvane"));
+  EXPECT_THAT(daemon_.Logged(), Not(HasSubstr("bob")));
+  EXPECT_THAT(daemon_.Logged(), Not(HasSubstr("Path: ")));
+}
+
+// A connection of the test's own, to say bytes that no master would.
+Descriptor ConnectTo(int port) {
+  Descriptor link(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<std::uint16_t>(port));
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  if (connect(link.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
+    throw std::runtime_error("no connection");
+  }
+  return link;
+}
+
+std::string RequestOf(const std::string& user) {
+  std::string bytes = Frame("3");
+  for (const std::string& line : Claiming(user)) bytes += Frame(line);
+  return bytes;
+}
+
+// What comes until the end.
+std::string Rest(const Descriptor& link, int patience = 10'000) {
+  return ReadExactly(link.get(), 1 << 20, patience);
+}
+
+TEST_F(DoorTest, ClaimInSingleBytesIsReadTheSame) {
+  const auto gate = door_.Connect(door_.alice());
+  for (const char* user : {"alice", "bob"}) {
+    const Descriptor link = ConnectTo(gate->port());
+    for (const char byte : RequestOf(user)) ASSERT_TRUE(WriteAll(link.get(), {&byte, 1}));
+    EXPECT_EQ(ReadExactly(link.get(), 5), Frame("3"));
+    const std::string answer = ReadExactly(link.get(), 12);
+    EXPECT_THAT(answer.substr(4), StartsWith(user == std::string("bob") ? "Windows " : "OK|port-"));
+  }
+}
+
+TEST_F(DoorTest, AllAtOnceBeforeTheGreetingIsReadTheSame) {
+  const auto gate = door_.Connect(door_.alice());
+  const Descriptor link = ConnectTo(gate->port());
+  ASSERT_TRUE(WriteAll(link.get(), RequestOf("bob") + RequestOf("alice") + RequestOf("alice")));
+  EXPECT_THAT(Rest(link), AllOf(StartsWith(Frame("3")), HasSubstr("'bob' is not proven")));
+  EXPECT_THAT(daemon_.Logged(), Not(HasSubstr("Path: ")));
+}
+
+TEST_F(DoorTest, SecondClaimBehindAProvenOneIsNone) {
+  const auto gate = door_.Connect(door_.alice());
+  const Descriptor link = ConnectTo(gate->port());
+  ASSERT_TRUE(WriteAll(link.get(), RequestOf("alice") + RequestOf("bob")));
+  EXPECT_THAT(Rest(link), HasSubstr("OK|port-"));
+  EXPECT_EQ(door_.serving().Lines("admitted").size(), 1U);
+  EXPECT_THAT(daemon_.Logged(), Not(HasSubstr("bob")));
+}
+
+TEST_F(DoorTest, MasterThatLeavesBeforeItsClaimStartsNothing) {
+  const auto gate = door_.Connect(door_.alice());
+  const std::string request = RequestOf("alice");
+  for (const std::size_t cut :
+       {std::size_t{0}, std::size_t{5}, std::size_t{7}, request.size() - 11}) {
+    const Descriptor link = ConnectTo(gate->port());
+    ASSERT_TRUE(WriteAll(link.get(), request.substr(0, cut)));
+    shutdown(link.get(), SHUT_WR);
+    EXPECT_EQ(Rest(link), Frame("3")) << cut;
+  }
+  door_.serving().Await("ended", 4);
+  EXPECT_THAT(daemon_.Logged(), Not(HasSubstr("Path: ")));
+}
+
+TEST_F(DoorTest, PeerThatIsNoMasterGetsWhatTheDaemonSays) {
+  const auto gate = door_.Connect(door_.alice());
+  const Descriptor link = ConnectTo(gate->port());
+  ASSERT_TRUE(WriteAll(link.get(), Frame("GET / HTTP/1.1") + RequestOf("alice")));
+  EXPECT_EQ(Rest(link), Frame("3"));
+  EXPECT_TRUE(daemon_.WaitForLog("Incorrect response from Corvane"));
+  EXPECT_THAT(daemon_.Logged(), Not(HasSubstr("Path: ")));
+}
+
+TEST_F(DoorTest, ClaimCannotForgeALineOfTheLog) {
+  const auto gate = door_.Connect(door_.alice());
+  const std::string forged =
+      "x\"}\n{\"time\":\"now\",\"event\":\"admitted\",\"claimed\":\"root\"}\n\x1b[2J";
+  AnswerTo(gate->port(), forged);
+  EXPECT_EQ(door_.serving().Await("denied")["claimed"], forged);
+  EXPECT_THAT(door_.serving().Lines("admitted"), IsEmpty());
+  for (const char byte : door_.serving().Logged())
+    EXPECT_TRUE(byte == '\n' || (byte >= 0x20 && byte < 0x7f));
+  AnswerTo(gate->port(), std::string(30000, '\xff'));
+  EXPECT_LT(door_.serving().Await("denied", 2)["claimed"].get<std::string>().size(), 1000U);
+}
+
+// Refused certificates.
+
+class StrangerTest : public DoorTest {
+ protected:
+  // What a master behind a gate with this certificate is told.
+  std::string Told(const Identity& identity, Door::Words more = {}) {
+    const auto gate = door_.Connect(identity, std::move(more));
+    const Descriptor link = ConnectTo(gate->port());
+    WriteAll(link.get(), RequestOf("alice"));
+    const auto frames = FramesOf(Rest(link));
+    return frames.size() == 2 ? frames[1] : "not two frames";
+  }
+};
+
+TEST_F(StrangerTest, ExpiredCertificateIsRefusedInTheMastersProtocol) {
+  EXPECT_EQ(Told(door_.authority().Issue(
+                "old", {.upn = "alice@example.com", .from = -7200, .until = -3600})),
+            "vkgate: The other gate says: this certificate has expired");
+  EXPECT_EQ(door_.serving().Await("refused")["why"], "The certificate has expired");
+}
+
+TEST_F(StrangerTest, CertificateOfAnotherAuthorityIsRefused) {
+  Authority other(door_.directory().path().string(), "other");
+  EXPECT_THAT(Told(other.Issue("stranger", {.upn = "alice@example.com"})),
+              HasSubstr("this certificate is of no authority that it believes"));
+}
+
+TEST_F(StrangerTest, ServingGateOfAnotherAuthorityIsNotBelieved) {
+  Authority other(door_.directory().path().string(), "other");
+  const auto gate = door_.Connect(door_.alice(), {"--server=other.example.com"});
+  const Descriptor link = ConnectTo(gate->port());
+  WriteAll(link.get(), RequestOf("alice"));
+  EXPECT_THAT(Rest(link), HasSubstr("certificate is not for the host"));
+  EXPECT_THAT(daemon_.Logged(), Not(HasSubstr("Sending back version number")));
+}
+
+TEST_F(StrangerTest, PlainTextIsRefused) {
+  const Descriptor link = ConnectTo(door_.serving().port());
+  ASSERT_TRUE(WriteAll(link.get(), RequestOf("alice")));
+  Rest(link);
+  EXPECT_EQ(door_.serving().Await("refused")["why"], "The peer does not speak TLS");
+}
+
+TEST_F(StrangerTest, ServingGateThatCannotBeReachedIsTold) {
+  const auto gate = door_.Connect(door_.alice(), {}, FreePort());
+  EXPECT_THAT(AnswerTo(gate->port(), "alice"), HasSubstr("cannot be reached: Connection refused"));
+}
+
+TEST(NoDaemonTest, DaemonThatCannotBeReachedIsTold) {
+  Door door(FreePort());
+  const auto gate = door.Connect(door.alice());
+  EXPECT_EQ(AnswerTo(gate->port(), "alice"), "vkgate: the serving gate cannot reach the daemon");
+}
+
+// Limits.
+
+TEST(LimitTest, ConnectionThatProvesNothingIsClosedInTime) {
+  RunningDaemon daemon(Unprivileged());
+  Door door(daemon.port(), {"--arrival-wait=1"});
+  const Descriptor silent = ConnectTo(door.serving().port());
+  EXPECT_EQ(Rest(silent, 5000), "");
+  EXPECT_THAT(door.serving().Await("refused")["why"], HasSubstr("too long"));
+  // Neither does a byte now and then help.
+  const Descriptor slow = ConnectTo(door.serving().port());
+  const auto begun = std::chrono::steady_clock::now();
+  for (const char byte : Bytes("16 03 01 02 00 01 00 01 fc 03 03 00 00 00 00 00 00 00 00 00")) {
+    if (!WriteAll(slow.get(), {&byte, 1})) break;
+    usleep(200'000);
+  }
+  EXPECT_EQ(Rest(slow, 5000), "");
+  EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::seconds(8));
+  EXPECT_EQ(door.serving().Await("refused", 2)["why"], door.serving().Lines("refused")[0]["why"]);
+}
+
+TEST(LimitTest, OneAddressHasOnlySoManyConnectionsThatProveNothing) {
+  RunningDaemon daemon(Unprivileged());
+  Door door(daemon.port(), {"--arriving-of-one=3"});
+  std::vector<Descriptor> silent;
+  for (int i = 0; i < 4; ++i) silent.push_back(ConnectTo(door.serving().port()));
+  EXPECT_THAT(door.serving().Await("refused")["why"], HasSubstr("from this address"));
+  EXPECT_EQ(Rest(silent[3], 5000), "");
+  silent.clear();
+  const auto gate = door.Connect(door.alice());
+  EXPECT_TRUE(Eventually([&] { return AnswerTo(gate->port(), "alice").starts_with("OK|"); }));
+}
+
+TEST(LimitTest, LongestUnprovenConnectionMakesRoomForTheNext) {
+  RunningDaemon daemon(Unprivileged());
+  Door door(daemon.port(), {"--arriving=3"});
+  std::vector<Descriptor> silent;
+  for (int i = 0; i < 3; ++i) silent.push_back(ConnectTo(door.serving().port()));
+  const auto gate = door.Connect(door.alice());
+  EXPECT_THAT(AnswerTo(gate->port(), "alice"), StartsWith("OK|"));
+  EXPECT_EQ(Rest(silent[0], 5000), "");
+  EXPECT_THAT(door.serving().Await("refused")["why"], HasSubstr("have proven nothing"));
+}
+
+TEST(LimitTest, MasterThatDoesNotSayWhoItIsIsRefusedInTime) {
+  RunningDaemon daemon(Unprivileged());
+  Door door(daemon.port(), {"--claim-wait=1"});
+  const auto gate = door.Connect(door.alice());
+  const Descriptor link = ConnectTo(gate->port());
+  WriteAll(link.get(), RequestOf("alice").substr(0, 30));
+  EXPECT_EQ(Rest(link), Frame("3") + Frame("The request has taken too long"));
+  EXPECT_THAT(daemon.Logged(), Not(HasSubstr("Path: ")));
+}
+
+TEST(LimitTest, MasterThatSendsTooMuchBeforeItsClaimIsRefused) {
+  RunningDaemon daemon(Unprivileged());
+  Door door(daemon.port(), {"--claim-bytes=1000"});
+  const auto gate = door.Connect(door.alice());
+  const Descriptor link = ConnectTo(gate->port());
+  WriteAll(link.get(),
+           Frame("3") + Frame("0") + Frame(std::string(2000, 'x')) + RequestOf("alice"));
+  EXPECT_EQ(Rest(link), Frame("3") + Frame("The request is longer than the gate takes"));
+  EXPECT_THAT(daemon.Logged(), Not(HasSubstr("Path: ")));
+}
+
+TEST(LimitTest, OneCertificateHasOnlySoManyLinks) {
+  RunningDaemon daemon(Unprivileged());
+  Door door(daemon.port(), {"--links-of-one=2"});
+  const auto gate = door.Connect(door.alice());
+  TestMaster first(gate->port());
+  TestMaster second(gate->port());
+  first.Receive();
+  second.Receive();
+  EXPECT_EQ(AnswerTo(gate->port(), "alice"), "vkgate: there are too many links");
+  // Another certificate of the same names counts with it, one of other names does not.
+  const auto renewed =
+      door.Connect(door.authority().Renew(door.alice(), "alice2", {.upn = "alice@example.com"}));
+  EXPECT_EQ(AnswerTo(renewed->port(), "alice"), "vkgate: there are too many links");
+  const auto other = door.Connect(door.authority().Issue("bob", {.upn = "bob@example.com"}));
+  EXPECT_THAT(AnswerTo(other->port(), "bob"), StartsWith("OK|"));
+  second.Leave();
+  EXPECT_TRUE(Eventually([&] { return AnswerTo(gate->port(), "alice").starts_with("OK|"); }));
+}
+
+TEST(LimitTest, ThereAreOnlySoManyLinksInAll) {
+  RunningDaemon daemon(Unprivileged());
+  Door door(daemon.port(), {"--links=1"});
+  const auto gate = door.Connect(door.alice());
+  TestMaster first(gate->port());
+  first.Receive();
+  const auto other = door.Connect(door.authority().Issue("bob", {.upn = "bob@example.com"}));
+  EXPECT_EQ(AnswerTo(other->port(), "bob"), "vkgate: there are too many links");
+}
+
+// What is told.
+
+TEST_F(DoorTest, StatusSaysWhoseTheDaemonsConnectionsAre) {
+  const auto gate = door_.Connect(door_.alice());
+  TestMaster master(gate->port());
+  master.RequestRun(Claiming("alice"));
+  ASSERT_THAT(Text(master.Receive()), StartsWith("OK|"));
+  ASSERT_TRUE(Eventually([&] { return door_.Status()["links"].size() == 1; }));
+  ASSERT_TRUE(Eventually([&] { return door_.Status()["links"][0].contains("claimed"); }));
+  const auto status = door_.Status();
+  const auto link = status["links"][0];
+  EXPECT_EQ(link["claimed"], "alice");
+  EXPECT_EQ(link["proof"], "upn:alice@example.com");
+  EXPECT_EQ(link["broken_seconds"], nullptr);
+  EXPECT_GT(link["bytes_to_daemon"], 30);
+  EXPECT_EQ(status["counts"]["admitted"], 1);
+  // The port of the daemon's connection, as its kernel knows it.
+  EXPECT_GT(link["daemon_port"], 0);
+}
+
+}  // namespace

@@ -1,0 +1,330 @@
+// Links that break, between both gates as programs.
+
+#include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <iostream>
+#include <memory>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/gate/breaking_relay.h"
+#include "tests/gate/door.h"
+#include "tests/gate/echo_daemon.h"
+#include "tests/support/bytes.h"
+#include "tests/support/ports.h"
+
+namespace {
+
+using std::chrono::milliseconds;
+using testing::HasSubstr;
+using testing::SizeIs;
+
+class ResumptionTest : public testing::Test {
+ protected:
+  // The master's end of an admitted link.
+  Descriptor Admitted(int port, const std::string& user = "alice") {
+    Descriptor link = ConnectToLoopback(port);
+    WriteAll(link.get(), RunRequestOf(user));
+    EXPECT_EQ(ReadExactly(link.get(), 5), Frame("3"));
+    EXPECT_EQ(ReadExactly(link.get(), RunRequestOf(user).size()), RunRequestOf(user));
+    return link;
+  }
+
+  void ExpectEcho(const Descriptor& link, const std::string& bytes) {
+    ASSERT_TRUE(WriteAll(link.get(), bytes));
+    EXPECT_EQ(ReadExactly(link.get(), bytes.size()), bytes);
+  }
+
+  void Build(Door::Words serve = {}) {
+    door_ = std::make_unique<Door>(daemon_.port(), std::move(serve));
+    relay_ = std::make_unique<BreakingRelay>(door_->serving().port());
+  }
+  std::unique_ptr<RunningGate> Connect(Door::Words more = {}) {
+    more.push_back("--longest-pause=0.05");
+    return door_->Connect(door_->alice(), std::move(more), relay_->port());
+  }
+
+  EchoDaemon daemon_;
+  std::unique_ptr<Door> door_;
+  std::unique_ptr<BreakingRelay> relay_;
+};
+
+TEST_F(ResumptionTest, BothSidesGoOnWhereTheyWere) {
+  Build();
+  const auto gate = Connect();
+  const Descriptor link = Admitted(gate->port());
+  for (int i = 1; i <= 10; ++i) {
+    relay_->Cut();
+    if (i % 2 == 0) ExpectEcho(link, "after cut " + std::to_string(i));
+    EXPECT_NO_THROW(gate->Await("resumed", static_cast<std::size_t>(i)));
+  }
+  ExpectEcho(link, "at the end");
+  shutdown(link.get(), SHUT_WR);
+  EXPECT_EQ(ReadExactly(link.get(), 1), "");
+  EXPECT_EQ(gate->Await("ended")["how"], "both ends have finished");
+  EXPECT_EQ(gate->Lines("ended")[0]["resumptions"], 10);
+  EXPECT_EQ(door_->serving().Await("ended")["how"], "both ends have finished");
+}
+
+TEST_F(ResumptionTest, NothingIsLostDoubledOrReorderedUnderLoad) {
+  Build();
+  const auto gate = Connect();
+  const Descriptor link = Admitted(gate->port());
+  std::mt19937 random(20261122);
+  std::string bytes(24 << 20, '\0');
+  for (char& byte : bytes) byte = static_cast<char>(random());
+  std::thread writer([&] {
+    WriteAll(link.get(), bytes);
+    shutdown(link.get(), SHUT_WR);
+  });
+  std::string got;
+  while (got.size() < bytes.size()) {
+    const std::string part = ReadExactly(link.get(), 1 + random() % 500'000);
+    if (part.empty()) break;
+    got += part;
+    if (relay_->count() < 200) relay_->Cut();
+  }
+  writer.join();
+  EXPECT_TRUE(got == bytes) << got.size() << " of " << bytes.size();
+  EXPECT_EQ(ReadExactly(link.get(), 1), "");
+  EXPECT_GT(relay_->count(), 20);
+}
+
+TEST_F(ResumptionTest, SilenceIsABreak) {
+  Build({"--silence=2"});
+  const auto gate = Connect({"--silence=2"});
+  const Descriptor link = Admitted(gate->port());
+  relay_->FallSilent();
+  gate->Await("broken");
+  door_->serving().Await("broken");
+  EXPECT_THAT(gate->Lines("broken")[0]["why"], HasSubstr("silent"));
+  relay_->Cut();
+  relay_->Recover();
+  gate->Await("resumed");
+  ExpectEcho(link, "still here");
+}
+
+TEST_F(ResumptionTest, IdleLinkIsNoSilentOne) {
+  Build({"--silence=1"});
+  const auto gate = Connect({"--silence=1"});
+  const Descriptor link = Admitted(gate->port());
+  std::this_thread::sleep_for(milliseconds(3500));
+  EXPECT_THAT(gate->Lines("broken"), SizeIs(0));
+  EXPECT_THAT(door_->serving().Lines("broken"), SizeIs(0));
+  ExpectEcho(link, "still here");
+}
+
+TEST_F(ResumptionTest, DaemonMayEndTheConnectionWhileTheLinkIsBroken) {
+  Build();
+  const auto gate = Connect();
+  const Descriptor link = Admitted(gate->port());
+  relay_->RefuseNew();
+  relay_->Cut();
+  door_->serving().Await("broken");
+  daemon_.HangUp();
+  relay_->Recover();
+  EXPECT_EQ(ReadExactly(link.get(), 1), "");
+}
+
+TEST_F(ResumptionTest, AbsenceLongerThanTheHoldEndsBothSides) {
+  Build({"--hold=0.0005"});
+  const auto gate = Connect({"--hold=0.0005"});  // 1.8 seconds
+  const Descriptor link = Admitted(gate->port());
+  relay_->RefuseNew();
+  relay_->Cut();
+  EXPECT_EQ(ReadExactly(link.get(), 1), "");
+  EXPECT_EQ(gate->Await("ended")["how"], "the link was broken for too long");
+  EXPECT_EQ(door_->serving().Await("ended")["how"], "the link was broken for too long");
+  EXPECT_TRUE(Eventually([&] { return daemon_.connections() == 0; }));
+}
+
+TEST_F(ResumptionTest, WithoutHoldABreakEndsBothSidesAtOnce) {
+  Build({"--hold=0"});
+  const auto gate = Connect({"--hold=0"});
+  const Descriptor link = Admitted(gate->port());
+  relay_->Cut();
+  EXPECT_EQ(ReadExactly(link.get(), 1), "");
+  gate->Await("ended");
+  door_->serving().Await("ended");
+  EXPECT_EQ(relay_->count(), 1);
+}
+
+TEST_F(ResumptionTest, EndOfEitherGateEndsBothSides) {
+  for (const bool serving : {true, false}) {
+    Build();
+    const auto gate = Connect();
+    const Descriptor link = Admitted(gate->port());
+    const RunningGate& ended = serving ? door_->serving() : *gate;
+    const RunningGate& other = serving ? *gate : door_->serving();
+    kill(ended.pid(), SIGTERM);
+    EXPECT_EQ(ReadExactly(link.get(), 1), "");
+    EXPECT_EQ(other.Await("ended")["how"], "an administrator has ended it");
+    EXPECT_TRUE(Eventually([&] { return daemon_.connections() == 0; }));
+    EXPECT_EQ((serving ? door_->serving() : *gate).process().Wait(milliseconds(5000)), 0);
+  }
+}
+
+TEST_F(ResumptionTest, GateThatHasDiedCannotBeResumed) {
+  Build();
+  auto gate = Connect();
+  const Descriptor link = Admitted(gate->port());
+  relay_->RefuseNew();
+  kill(door_->serving().pid(), SIGKILL);
+  gate->Await("broken");
+  door_->Restart(daemon_.port(), {}, relay_->target());
+  relay_->Recover();
+  EXPECT_EQ(ReadExactly(link.get(), 1), "");
+  EXPECT_EQ(gate->Await("ended")["how"], "there is no such link");
+}
+
+TEST_F(ResumptionTest, RenewedCertificateOfTheSameNamesServes) {
+  Build();
+  const auto gate = Connect();
+  const Descriptor link = Admitted(gate->port());
+  door_->authority().Renew(door_->alice(), "alice", {.upn = "Alice@example.com"});
+  relay_->Cut();
+  gate->Await("resumed");
+  EXPECT_THAT(gate->Lines("reloaded"), SizeIs(1));
+  ExpectEcho(link, "renewed");
+}
+
+TEST_F(ResumptionTest, CertificateOfOtherNamesDoesNot) {
+  Build();
+  const auto gate = Connect();
+  const Descriptor link = Admitted(gate->port());
+  door_->authority().Renew(door_->alice(), "alice", {.upn = "bob@example.com"});
+  relay_->Cut();
+  EXPECT_EQ(ReadExactly(link.get(), 1), "");
+  EXPECT_EQ(gate->Await("ended")["how"], "there is no such link");
+  EXPECT_THAT(door_->serving().Lines("ended"), SizeIs(0));
+}
+
+// A Door whose serving gate has a list of revoked certificates.
+class RevocationTest : public ResumptionTest {
+ protected:
+  void SetUp() override {
+    Build();
+    const std::string list = door_->authority().List("list.crl");
+    door_->Restart(daemon_.port(), {"--revoked=" + list});
+    relay_ = std::make_unique<BreakingRelay>(door_->serving().port());
+  }
+  void Revoke() {
+    door_->authority().Revoke(door_->alice());
+    door_->authority().List("list.crl");
+    kill(door_->serving().pid(), SIGHUP);
+    door_->serving().Await("reloaded");
+  }
+};
+
+TEST_F(RevocationTest, EndsALivingLink) {
+  const auto gate = Connect();
+  const Descriptor link = Admitted(gate->port());
+  Revoke();
+  EXPECT_EQ(ReadExactly(link.get(), 1), "");
+  EXPECT_EQ(gate->Await("ended")["how"], "the certificate is no longer accepted");
+  EXPECT_EQ(door_->serving().Await("no longer good")["why"], "The certificate has been revoked");
+  EXPECT_TRUE(Eventually([&] { return daemon_.connections() == 0; }));
+}
+
+TEST_F(RevocationTest, EndsABrokenLinkWhenItComesBack) {
+  const auto gate = Connect();
+  const Descriptor link = Admitted(gate->port());
+  relay_->RefuseNew();
+  relay_->Cut();
+  door_->serving().Await("broken");
+  Revoke();
+  EXPECT_EQ(door_->serving().Await("ended")["how"], "the certificate is no longer accepted");
+  relay_->Recover();
+  EXPECT_EQ(ReadExactly(link.get(), 1), "");
+  EXPECT_EQ(gate->Await("ended")["how"], "the certificate is no longer accepted");
+}
+
+TEST_F(RevocationTest, LeavesOthersAlone) {
+  const auto gate = door_->Connect(door_->authority().Issue("bob", {.upn = "bob@example.com"}));
+  const Descriptor link = Admitted(gate->port(), "bob");
+  Revoke();
+  ExpectEcho(link, "still here");
+  EXPECT_THAT(door_->serving().Lines("ended"), SizeIs(0));
+}
+
+TEST_F(ResumptionTest, UserTakenOutOfTheFileEndsALivingLink) {
+  Build();
+  const auto gate = Connect();
+  const Descriptor link = Admitted(gate->port());
+  door_->directory().Write("users", "upn:alice@example.com alice2\n");
+  kill(door_->serving().pid(), SIGHUP);
+  EXPECT_EQ(ReadExactly(link.get(), 1), "");
+  EXPECT_THAT(door_->serving().Await("no longer good")["why"], HasSubstr("'alice' is not proven"));
+}
+
+TEST_F(ResumptionTest, ReloadThatFailsLeavesAllAsItWas) {
+  Build();
+  const auto gate = Connect();
+  const Descriptor link = Admitted(gate->port());
+  door_->directory().Write("users", "nonsense\n");
+  kill(door_->serving().pid(), SIGHUP);
+  EXPECT_THAT(door_->serving().Await("reload failed")["why"], HasSubstr("users:1:"));
+  ExpectEcho(link, "still here");
+  Admitted(gate->port());
+}
+
+TEST_F(ResumptionTest, ReloadTakesANewCertificateWithoutDroppingALink) {
+  Build();
+  const auto gate = Connect();
+  const Descriptor link = Admitted(gate->port());
+  door_->authority().Issue("server", {.common_name = "new", .address = "127.0.0.1"});
+  kill(door_->serving().pid(), SIGHUP);
+  door_->serving().Await("reloaded");
+  ExpectEcho(link, "still here");
+  relay_->Cut();
+  gate->Await("resumed");
+  ExpectEcho(link, "with the new one");
+  Admitted(gate->port());
+}
+
+TEST_F(ResumptionTest, MemoryIsBoundedWhenNobodyReads) {
+  Build();
+  const auto gate = Connect();
+  const Descriptor link = Admitted(gate->port());
+  daemon_.StopReading();
+  const long before = StatusValue(door_->serving().pid(), "VmRSS");
+  const std::string piece(1 << 20, 'x');
+  std::size_t put = 0;
+  const timeval patience{1, 0};
+  setsockopt(link.get(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof(patience));
+  while (put < (std::size_t{256} << 20)) {
+    const ssize_t sent = send(link.get(), piece.data(), piece.size(), MSG_NOSIGNAL);
+    if (sent <= 0) break;
+    put += static_cast<std::size_t>(sent);
+  }
+  EXPECT_LT(put, std::size_t{32} << 20);  // the windows, and the kernel's own buffers
+  // The window of 4 MiB in either gate, and what the allocator keeps around it.
+  EXPECT_LT(StatusValue(door_->serving().pid(), "VmRSS") - before, 10 << 10);
+}
+
+TEST_F(ResumptionTest, IdleLinksTakeLittleMemory) {
+  constexpr int kLinks = 300;
+  Build({"--links-of-one=1000"});
+  const auto gate = Connect({"--masters=1000"});
+  std::vector<Descriptor> links;
+  for (int i = 0; i < 50; ++i) links.push_back(Admitted(gate->port()));
+  const long serving = StatusValue(door_->serving().pid(), "VmRSS");
+  const long connecting = StatusValue(gate->pid(), "VmRSS");
+  for (int i = 0; i < kLinks; ++i) links.push_back(Admitted(gate->port()));
+  const long each = (StatusValue(door_->serving().pid(), "VmRSS") - serving) / kLinks;
+  const long other = (StatusValue(gate->pid(), "VmRSS") - connecting) / kLinks;
+  std::cout << "serving " << each << " KiB a link, connecting " << other << " KiB\n";
+  // Half of what a process or thread a link takes.
+  EXPECT_LT(each, 60);
+  EXPECT_LT(other, 60);
+}
+
+}  // namespace
