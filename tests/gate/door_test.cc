@@ -317,6 +317,28 @@ TEST(LimitTest, ThereAreOnlySoManyLinksInAll) {
   EXPECT_EQ(AnswerTo(other->port(), "bob"), "vkgate: there are too many links");
 }
 
+// The machine of several people.
+
+TEST(SharedMachineTest, MasterOfAnotherUserIsRefusedByTheConnectingGate) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root";
+  RunningDaemon daemon(Unprivileged());
+  Door door(daemon.port());
+  const auto gate = door.Connect(door.alice());
+  const TemporaryDirectory directory;
+  ChildProcess::Options options;
+  options.output_file = directory.File("answer");
+  options.in_child = [&] {
+    if (setgid(65534) != 0 || setuid(65534) != 0) return 1;
+    WriteAll(1, AnswerTo(gate->port(), "alice"));
+    return 0;
+  };
+  ChildProcess stranger({}, options);
+  EXPECT_EQ(stranger.Wait(std::chrono::seconds(20)), 0);
+  EXPECT_EQ(directory.Read("answer"),
+            "This gate serves its own user's masters alone: it is another user's, number 65534");
+  EXPECT_THAT(door.serving().Lines("begun"), IsEmpty());
+}
+
 // What is told.
 
 TEST_F(DoorTest, StatusSaysWhoseTheDaemonsConnectionsAre) {

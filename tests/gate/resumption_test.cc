@@ -5,9 +5,11 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <functional>
 #include <iostream>
 #include <memory>
 #include <random>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -20,6 +22,7 @@
 #include "tests/gate/echo_daemon.h"
 #include "tests/support/bytes.h"
 #include "tests/support/ports.h"
+#include "tests/system/site.h"
 
 namespace {
 
@@ -325,6 +328,50 @@ TEST_F(ResumptionTest, IdleLinksTakeLittleMemory) {
   // Half of what a process or thread a link takes.
   EXPECT_LT(each, 60);
   EXPECT_LT(other, 60);
+}
+
+constexpr const char* kDeck =
+    "[run]\nunits = \"METRIC\"\nfluid = \"BLACK_OIL\"\nstart = 2020-02-27\nend_time = 400\n"
+    "max_step = 10\n[reservoir]\npressure = 300\ntemperature = 95\nlength = 2000\nwidth = 1500\n"
+    "thickness = 15\nporosity = 0.2\nwater_saturation = 0.2\n[black_oil]\napi = 35\n"
+    "gas_gravity = 0.75\nbubble_point = 180\n[flow]\noil_viscosity = 0.8\nwater_viscosity = 0.4\n"
+    "[[well]]\nname = \"P1\"\ntype = \"PRODUCER\"\nproductivity_index = 5\ndepth = 1300\n"
+    "tubing_diameter = 88.9\n[well.constraints]\nBOTTOM_HOLE_PRESSURE = 120\n"
+    "[[well]]\nname = \"W1\"\ntype = \"WATER_INJECTOR\"\ninjectivity_index = 10\ndepth = 2550\n"
+    "tubing_diameter = 114.3\n[well.constraints]\nWATER_INJECTION_RATE = 700\n";
+
+// What a run says, asked in the same way each time.
+std::string Course(master::Run& run, const std::function<void()>& between) {
+  std::ostringstream said;
+  said.precision(17);
+  for (const double day : {10.0, 40.0, 90.0, 200.0}) {
+    between();
+    run.RunUntil(day);
+    between();
+    said << run.GetTimeDays();
+    for (const auto& point : run.GetWellData({"P1", "W1"})) {
+      said << " " << point.oil_rate << " " << point.water_injection_rate << " "
+           << point.bottom_hole_pressure;
+    }
+    said << "\n";
+  }
+  run.Shutdown();
+  return said.str();
+}
+
+TEST(RunThroughTheDoorTest, RunThatIsCutAgainAndAgainIsTheUncutRun) {
+  Site site;
+  Door door(site.daemon().port());
+  BreakingRelay relay(door.serving().port());
+  const auto gate = door.Connect(door.alice(), {"--longest-pause=0.05"}, relay.port());
+  const std::string uncut = Course(*site.Start("UNCUT", kDeck), [] {});
+  const std::string cut =
+      Course(*site.Start("CUT", kDeck, "20172", gate->port()), [&] { relay.Cut(); });
+  EXPECT_EQ(cut, uncut);
+  EXPECT_GT(cut.size(), 100U);
+  EXPECT_GE(relay.count(), 8);
+  EXPECT_TRUE(site.IsQuiet("CUT"));
+  EXPECT_EQ(gate->Await("ended")["how"], "both ends have finished");
 }
 
 }  // namespace

@@ -1,0 +1,103 @@
+#include "gate/own_user.h"
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <stdexcept>
+#include <string>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/support/ports.h"
+#include "tests/support/text_of_child.h"
+
+namespace gate {
+namespace {
+
+using testing::HasSubstr;
+using testing::StartsWith;
+
+// A connection over loopback, the connecting end made by another user where that is wanted.
+struct Pair {
+  explicit Pair(int family = AF_INET, bool stranger = false) : listener(BindFreePort(1)) {
+    peer = Descriptor(socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (stranger && seteuid(kStranger) != 0) throw std::runtime_error("not root");
+    if (stranger) peer = Descriptor(socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    Connect(family);
+    if (stranger && seteuid(0) != 0) throw std::runtime_error("no way back");
+    accepted = Descriptor(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+  }
+
+  void Connect(int family) const {
+    const auto port = htons(static_cast<std::uint16_t>(PortOf(listener.get())));
+    sockaddr_in plain{};
+    plain.sin_family = AF_INET;
+    plain.sin_port = port;
+    plain.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sockaddr_in6 wide{};
+    wide.sin6_family = AF_INET6;
+    wide.sin6_port = port;
+    wide.sin6_addr.s6_addr[10] = wide.sin6_addr.s6_addr[11] = 0xff;
+    wide.sin6_addr.s6_addr[12] = 127;
+    wide.sin6_addr.s6_addr[15] = 1;
+    const bool v6 = family == AF_INET6;
+    if (connect(peer.get(),
+                v6 ? reinterpret_cast<sockaddr*>(&wide) : reinterpret_cast<sockaddr*>(&plain),
+                v6 ? sizeof(wide) : sizeof(plain)) != 0) {
+      throw std::runtime_error("no connection");
+    }
+  }
+
+  LoopbackConnection Seen() const {
+    sockaddr_in remote{};
+    socklen_t size = sizeof(remote);
+    getpeername(accepted.get(), reinterpret_cast<sockaddr*>(&remote), &size);
+    return {false, "127.0.0.1", static_cast<std::uint16_t>(PortOf(listener.get())), "127.0.0.1",
+            ntohs(remote.sin_port)};
+  }
+
+  static constexpr uid_t kStranger = 65534;
+  Descriptor listener;
+  Descriptor peer;
+  Descriptor accepted;
+};
+
+TEST(OwnUserTest, OwnConnectionIsTaken) {
+  EXPECT_EQ(WhyNotOwnUser(Pair().Seen()), "");
+}
+
+TEST(OwnUserTest, OwnConnectionOfASocketOfBothFamiliesIsTaken) {
+  EXPECT_EQ(WhyNotOwnUser(Pair(AF_INET6).Seen()), "");
+}
+
+TEST(OwnUserTest, OwnConnectionThatIsHalfClosedIsTaken) {
+  const Pair pair;
+  shutdown(pair.peer.get(), SHUT_WR);
+  EXPECT_EQ(WhyNotOwnUser(pair.Seen()), "");
+}
+
+TEST(OwnUserTest, ConnectionOfAnotherUserIsRefused) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root";
+  EXPECT_EQ(WhyNotOwnUser(Pair(AF_INET, true).Seen()), "it is another user's, number 65534");
+  EXPECT_EQ(WhyNotOwnUser(Pair(AF_INET6, true).Seen()), "it is another user's, number 65534");
+}
+
+TEST(OwnUserTest, ConnectionThatHasGoneIsRefused) {
+  Pair pair;
+  const LoopbackConnection seen = pair.Seen();
+  pair.peer.Reset();
+  pair.accepted.Reset();
+  EXPECT_THAT(WhyNotOwnUser(seen), StartsWith("it cannot be told whose connection this is"));
+}
+
+TEST(OwnUserTest, ConnectionThatNeverWasIsRefused) {
+  EXPECT_THAT(WhyNotOwnUser({false, "127.0.0.1", 1, "127.0.0.1", 2}),
+              StartsWith("it cannot be told whose connection this is"));
+  EXPECT_THAT(WhyNotOwnUser({false, "nonsense", 1, "127.0.0.1", 2}),
+              StartsWith("it cannot be told whose connection this is"));
+}
+
+}  // namespace
+}  // namespace gate
