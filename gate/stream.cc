@@ -1,7 +1,9 @@
 #include "gate/stream.h"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
+#include <utility>
 #include <variant>
 
 namespace gate {
@@ -16,6 +18,7 @@ enum Frame : unsigned char {
   kPing = 4,   // nothing; answered with kPong
   kPong = 5,   // nothing
   kClose = 6,  // u8 reason: the link has ended for good
+  kGone = 7,   // u64 place behind the end: the local socket has failed
 };
 
 constexpr std::size_t kDataHead = 1 + 4 + 8;
@@ -33,6 +36,7 @@ std::size_t HeadOf(char kind) {
       return kDataHead;
     case kAck:
     case kEnd:
+    case kGone:
       return kPlaceHead;
     case kPing:
     case kPong:
@@ -74,10 +78,14 @@ class Stream::Room {
 };
 
 Stream::Stream(const Options& options)
-    : options_(options), connecting_(true), ahead_(options.ahead) {}
+    : options_(options), connecting_(true), ahead_(options.ahead) {
+  if (ahead_) reader_.emplace(ReadAhead::End::kConnecting);
+}
 
 Stream::Stream(const LinkId& id, const Options& options)
-    : options_(options), connecting_(false), id_(id), ahead_(options.ahead) {}
+    : options_(options), connecting_(false), id_(id), ahead_(options.ahead) {
+  if (ahead_) reader_.emplace(ReadAhead::End::kServing);
+}
 
 std::uint64_t Stream::Connect(Time now) {
   Attach(epoch_ + 1, State::kOpening, now);
@@ -88,7 +96,7 @@ std::uint64_t Stream::Connect(Time now) {
 
 bool Stream::Accept(const Opening& opening, Time now) {
   if (opening.received < acked_ || opening.received > highest_) return false;
-  if (opening.IsNew()) ahead_ = ahead_ && opening.ahead;
+  if (opening.IsNew() && !opening.ahead) DoNotReadAhead();
   Attach(opening.epoch, State::kAttached, now);
   sent_ = opening.received;
   return true;
@@ -133,8 +141,15 @@ bool Stream::FromWire(std::uint64_t epoch, std::string_view bytes, Time now) {
       return false;
     }
   }
+  Pass();
   LookForFinish();
   return state_ != State::kEnded;
+}
+
+void Stream::DoNotReadAhead() {
+  ahead_ = false;
+  reader_.reset();
+  Pass();
 }
 
 // Moves bytes to the head that is coming in until it has `size`. Whether it has.
@@ -168,7 +183,7 @@ bool Stream::TakeAnswer() {
     Become(Reason::kBrokenRules);
     return false;
   }
-  if (first) ahead_ = ahead_ && answer.ahead;
+  if (first && !answer.ahead) DoNotReadAhead();
   id_ = answer.id;
   sent_ = answer.received;
   state_ = State::kAttached;
@@ -189,6 +204,8 @@ bool Stream::TakeFrame(std::string_view& bytes) {
       return TakeAck(NumberFrom<std::uint64_t>(fields));
     case kEnd:
       return TakeEnd(NumberFrom<std::uint64_t>(fields));
+    case kGone:
+      return TakeGone(NumberFrom<std::uint64_t>(fields));
     case kPing:
       pong_due_ = true;
       return true;
@@ -223,6 +240,14 @@ bool Stream::TakeEnd(std::uint64_t place) {
   arrived_end_ = true;
   ++received_;
   if (local_broke_) LocalTookEnd();
+  return true;
+}
+
+bool Stream::TakeGone(std::uint64_t place) {
+  if (!arrived_end_ || arrived_gone_ || place != received_) return Break(Reason::kBrokenRules);
+  arrived_gone_ = true;
+  ++received_;
+  if (local_broke_) TakeBreak();
   return true;
 }
 
@@ -296,6 +321,10 @@ void Stream::PutFrames(Room& out) {
     out.Put(kEnd, given_);
     ++sent_;
   }
+  if (sent_ == given_ + 1 && sent_ < end_of_given() && out.left() >= kPlaceHead) {
+    out.Put(kGone, given_ + 1);
+    ++sent_;
+  }
   highest_ = std::max(highest_, sent_);
 }
 
@@ -349,42 +378,132 @@ bool Stream::OnTime(Time now) {
 }
 
 std::size_t Stream::RoomForLocal() const {
-  if (state_ == State::kEnded || given_ended_) return 0;
-  return options_.window - sending_.size();
+  if (state_ == State::kEnded || local_ended_) return 0;
+  return options_.window - sending_.size() - unjudged_.size();
 }
 
 void Stream::FromLocal(std::string_view bytes) {
   if (state_ == State::kEnded) return;
-  sending_.Append(bytes);
-  given_ += bytes.size();
+  unjudged_.Append(bytes);
+  Pass();
 }
 
 void Stream::LocalEnded() {
-  given_ended_ = true;
+  local_ended_ = true;
+  Pass();
 }
 
 void Stream::LocalBroke() {
-  LocalEnded();
-  if (local_broke_) return;
+  if (local_broke_ || state_ == State::kEnded) return;
   local_broke_ = true;
+  // Two ends that both have no socket any more have nothing to tell each other.
+  tells_break_ = !arrived_gone_;
+  reader_.reset();
+  LocalEnded();
   Took(arrived_.size());
   arrived_.Clear();
+  passed_ = to_drop_ = 0;
   ack_due_ = true;
-  if (arrived_end_ && !end_taken_) LocalTookEnd();
+  if (arrived_end_) LocalTookEnd();
+  if (arrived_gone_) TakeBreak();
 }
 
-std::string_view Stream::ForLocal() const {
-  return arrived_.At(0);
+bool Stream::BreaksLocal() const {
+  return state_ != State::kEnded && arrived_gone_ && end_taken_ && !local_broke_;
+}
+
+void Stream::TakeBreak() {
+  if (gone_taken_ || state_ == State::kEnded) return;
+  gone_taken_ = true;
+  ++taken_;
+  ack_due_ = true;
+  LookForFinish();
+}
+
+std::string_view Stream::ForLocal() {
+  const std::string_view requests = reader_ ? reader_->ToAsk() : std::string_view();
+  gives_requests_ = !requests.empty() && (passed_ == 0 || reader_->InRequest());
+  return gives_requests_ ? requests : arrived_.At(0).substr(0, passed_);
 }
 
 void Stream::LocalTook(std::size_t count, Time now) {
-  arrived_.Drop(count);
-  Took(count);
-  if (taken_ > told_ && tell_at_ == Time::max()) tell_at_ = now + kTellAfter;
+  if (gives_requests_) {
+    if (reader_) reader_->Asked(count);
+  } else {
+    arrived_.Drop(count);
+    passed_ -= count;
+    Took(count);
+    if (taken_ > told_ && tell_at_ == Time::max()) tell_at_ = now + kTellAfter;
+  }
+  Pass();
 }
 
 bool Stream::EndsLocal() const {
-  return state_ != State::kEnded && arrived_end_ && !end_taken_ && arrived_.empty();
+  return state_ != State::kEnded && end_passed_ && !end_taken_ && arrived_.empty();
+}
+
+ReadAhead::Verdict Stream::JudgeGiven(std::string_view bytes, bool last) {
+  if (!reader_) return {ReadAhead::Verdict::kPass, bytes.size()};
+  return connecting_ ? reader_->FromMaster(bytes, last) : reader_->FromDaemon(bytes, last);
+}
+
+ReadAhead::Verdict Stream::JudgeArrived(std::string_view bytes, bool last) {
+  if (!reader_) return {ReadAhead::Verdict::kPass, bytes.size()};
+  return connecting_ ? reader_->FromDaemon(bytes, last) : reader_->FromMaster(bytes, last);
+}
+
+// Lets the reader see what it has not seen. What it says to one direction may set the other one
+// free.
+void Stream::Pass() {
+  while (PassGiven() || PassArrived()) {
+  }
+}
+
+namespace {
+
+// The bytes of a queue from `place` on that lie together, if these are enough to judge; else a copy
+// of those that are.
+std::string_view ToJudge(const ByteQueue& queue, std::size_t place,
+                         std::array<char, ReadAhead::kDeciding>& copy) {
+  const std::string_view bytes = queue.At(place);
+  if (bytes.size() >= copy.size()) return bytes;
+  return {copy.data(), queue.Copy(place, copy.data(), copy.size())};
+}
+
+}  // namespace
+
+bool Stream::PassGiven() {
+  if (unjudged_.empty() && (!local_ended_ || given_ended_)) return false;
+  std::array<char, ReadAhead::kDeciding> copy;
+  const std::string_view bytes = ToJudge(unjudged_, 0, copy);
+  const auto verdict = JudgeGiven(bytes, local_ended_ && bytes.size() == unjudged_.size());
+  if (verdict.what == ReadAhead::Verdict::kWait) return false;
+  if (bytes.empty()) return given_ended_ = true;
+  if (verdict.what == ReadAhead::Verdict::kPass) {
+    sending_.Append(bytes.substr(0, verdict.count));
+    given_ += verdict.count;
+  }
+  unjudged_.Drop(verdict.count);
+  return true;
+}
+
+bool Stream::PassArrived() {
+  if (to_drop_ > 0) {
+    if (passed_ > 0) return false;
+    arrived_.Drop(to_drop_);
+    Took(std::exchange(to_drop_, 0));
+    ack_due_ = true;
+    return true;
+  }
+  const std::size_t left = arrived_.size() - passed_;
+  if (left == 0 && (!arrived_end_ || end_passed_)) return false;
+  std::array<char, ReadAhead::kDeciding> copy;
+  const std::string_view bytes = ToJudge(arrived_, passed_, copy);
+  const auto verdict = JudgeArrived(bytes, arrived_end_ && bytes.size() == left);
+  if (verdict.what == ReadAhead::Verdict::kWait) return false;
+  if (bytes.empty()) return end_passed_ = true;
+  (verdict.what == ReadAhead::Verdict::kPass ? passed_ : to_drop_) += verdict.count;
+  return true;
 }
 
 void Stream::LocalTookEnd() {
@@ -417,8 +536,11 @@ bool Stream::Break(Reason reason) {
 void Stream::Become(Reason reason) {
   state_ = State::kEnded;
   reason_ = reason;
+  reader_.reset();
+  unjudged_.Clear();
   sending_.Clear();
   arrived_.Clear();
+  passed_ = to_drop_ = 0;
   tell_at_ = asked_at_ = Time::max();
 }
 

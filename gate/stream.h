@@ -6,10 +6,12 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string_view>
 
 #include "gate/byte_queue.h"
 #include "gate/opening.h"
+#include "gate/read_ahead.h"
 
 namespace gate {
 
@@ -63,11 +65,11 @@ class Stream {
   std::uint64_t epoch() const { return epoch_; }
   /// Whether both ends have agreed to ask for records ahead.
   bool ahead() const { return ahead_; }
-  /// Bytes that the local side has given, and that it has taken.
+  /// Bytes that have gone over the link in either direction, each counted once.
   std::uint64_t given() const { return given_; }
-  std::uint64_t taken() const { return taken_ - (end_taken_ ? 1 : 0); }
+  std::uint64_t taken() const { return taken_ - (end_taken_ ? 1 : 0) - (gone_taken_ ? 1 : 0); }
   /// Bytes in memory at this moment.
-  std::size_t kept() const { return sending_.size() + arrived_.size(); }
+  std::size_t kept() const { return unjudged_.size() + sending_.size() + arrived_.size(); }
 
   // The wire. A connection that has begun to be of no use (a call returned false) is closed by the
   // caller once it has written what ForWire() still gives for it. That is a reason for the link's
@@ -111,16 +113,22 @@ class Stream {
   std::size_t RoomForLocal() const;
   void FromLocal(std::string_view bytes);
 
-  /// The local socket has come to its end. What goes the other way goes on.
+  /// The local socket has come to its end. What goes the other way goes on. A peer that has closed
+  /// for good looks like one that has only stopped sending: the caller finds out, by keep-alive
+  /// probes as the daemon does, and then calls LocalBroke().
   void LocalEnded();
 
-  /// The local socket failed: it gives no more and takes no more. The other gate's local socket
-  /// sees an end in order, and what still comes from it is dropped.
+  /// The local socket failed: it gives no more and takes no more. What still comes for it is
+  /// dropped, and the other gate closes its own local socket when that has been given everything.
   void LocalBroke();
+
+  /// Whether the other gate's local socket has failed, and this one has been given all that came
+  /// before. The caller closes its local socket and calls LocalBroke().
+  bool BreaksLocal() const;
 
   /// What the local socket is to be given next; empty when there is nothing now. Valid until
   /// LocalTook() or LocalBroke(); asked again before, it may be longer.
-  std::string_view ForLocal() const;
+  std::string_view ForLocal();
 
   /// The local socket has taken the first `count` bytes of what ForLocal() gave last. `now` is
   /// when, since the other gate is told a while later.
@@ -143,7 +151,9 @@ class Stream {
     std::size_t size = 0;
   };
 
-  std::uint64_t end_of_given() const { return given_ + (given_ended_ ? 1 : 0); }
+  std::uint64_t end_of_given() const {
+    return given_ + (given_ended_ ? 1 : 0) + (given_ended_ && tells_break_ ? 1 : 0);
+  }
   bool IsCurrent(std::uint64_t epoch) const;
   void Attach(std::uint64_t epoch, State state, Time now);
   void Become(Reason reason);
@@ -154,8 +164,16 @@ class Stream {
   bool TakeAck(std::uint64_t place);
   bool TakeData(std::uint32_t length, std::uint64_t place);
   bool TakeEnd(std::uint64_t place);
+  bool TakeGone(std::uint64_t place);
+  void TakeBreak();
   bool TakeClose(Reason reason);
+  void DoNotReadAhead();
   void Keep(std::string_view bytes);
+  ReadAhead::Verdict JudgeGiven(std::string_view bytes, bool last);
+  ReadAhead::Verdict JudgeArrived(std::string_view bytes, bool last);
+  bool PassGiven();
+  bool PassArrived();
+  void Pass();
   void Took(std::uint64_t count);
   void LookForFinish();
   void PutFrames(Room& out);
@@ -169,23 +187,36 @@ class Stream {
   Reason reason_ = Reason::kFinished;
   std::uint64_t epoch_ = 0;
   bool ahead_;
+  std::optional<ReadAhead> reader_;  ///< none when records are not asked for ahead
 
-  // Places count the bytes of a direction from 0; its end takes one place behind the last byte.
+  // Places count the bytes of a direction from 0; its end takes the place behind the last byte, and
+  // that its socket has failed the place behind the end.
 
-  // Out: what the local side has given. sending_ holds the bytes from acked_ to given_.
+  // Out: what the local side has given. sending_ holds the bytes from acked_ to given_, and
+  // unjudged_ those behind, which the reader has not passed yet.
+  ByteQueue unjudged_;
+  bool local_ended_ = false;
   ByteQueue sending_;
   std::uint64_t given_ = 0;
   bool given_ended_ = false;
+  bool tells_break_ = false;  ///< that the local socket has failed
   std::uint64_t acked_ = 0;
   std::uint64_t sent_ = 0;     ///< on the connection of the moment
   std::uint64_t highest_ = 0;  ///< the largest that sent_ has ever been
 
-  // In: what the other gate has sent. arrived_ holds the bytes from taken_ to received_.
+  // In: what the other gate has sent. arrived_ holds the bytes from taken_ to received_. Of these
+  // the local side may have the first passed_, and the next to_drop_ are for nobody.
   ByteQueue arrived_;
+  std::size_t passed_ = 0;
+  std::size_t to_drop_ = 0;
+  bool end_passed_ = false;
+  bool gives_requests_ = false;  ///< what ForLocal() gave last is the reader's
   std::uint64_t received_ = 0;
   bool arrived_end_ = false;
   std::uint64_t taken_ = 0;
   bool end_taken_ = false;
+  bool gone_taken_ = false;
+  bool arrived_gone_ = false;
   bool local_broke_ = false;
 
   // The connection of the moment.

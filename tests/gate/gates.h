@@ -27,6 +27,13 @@ class Gates {
   gate::Stream& at(From side) { return side == kMaster ? connecting_ : *serving_; }
   bool HasServing() const { return serving_.has_value(); }
 
+  /// A side's socket fails.
+  void Break(From side) {
+    say_[side].clear();
+    at(side).LocalBroke();
+    end_[side] = end_given_[side] = true;
+  }
+
   /// What a side says next.
   void Say(From side, std::string_view bytes) { say_[side].append(bytes); }
   /// It says no more after that.
@@ -36,6 +43,8 @@ class Gates {
   const std::string& heard(From side) const { return heard_[side]; }
   const std::string& said(From side) const { return said_[side]; }
   bool heard_end(From side) const { return heard_end_[side]; }
+  /// Whether the other side's socket was closed because this one's had failed.
+  bool heard_break(From side) const { return heard_break_[side]; }
 
   /// The bytes that have crossed the wire from this side's gate, openings and answers among them.
   std::size_t crossed(From side) const { return crossed_[side]; }
@@ -64,6 +73,7 @@ class Gates {
   /// Lets a side's local socket give up to `count` bytes to its gate. Whether anything happened.
   bool Give(From side, std::size_t count) {
     if (side == kDaemon && !serving_) return false;
+    if (heard_break_[side == kMaster ? kDaemon : kMaster]) return false;
     count = std::min({count, say_[side].size(), at(side).RoomForLocal()});
     if (count > 0) {
       at(side).FromLocal(say_[side].substr(0, count));
@@ -87,9 +97,13 @@ class Gates {
       gate.LocalTook(bytes.size(), now);
       return true;
     }
-    if (!gate.EndsLocal()) return false;
-    gate.LocalTookEnd();
-    return heard_end_[side] = true;
+    if (gate.EndsLocal()) {
+      gate.LocalTookEnd();
+      return heard_end_[side] = true;
+    }
+    if (!gate.BreaksLocal()) return false;
+    gate.LocalBroke();
+    return heard_break_[side] = true;
   }
 
   /// Puts what a side's gate has to send, in one piece of up to `room` bytes, on the wire.
@@ -227,4 +241,5 @@ class Gates {
   bool end_[2] = {false, false};
   bool end_given_[2] = {false, false};
   bool heard_end_[2] = {false, false};
+  bool heard_break_[2] = {false, false};
 };

@@ -379,7 +379,10 @@ INSTANTIATE_TEST_SUITE_P(
                     Hostile{"EndTooSoon", "03 02 7*(00)"},
                     Hostile{"SecondEnd", "03 03 7*(00)  03 04 7*(00)"},
                     Hostile{"DataAfterTheEnd", "03 03 7*(00)  01 01 00 00 00 04 7*(00) 'd'"},
-                    Hostile{"FrameOfNoKind", "00"}, Hostile{"FrameOfAnUnknownKind", "07"},
+                    Hostile{"FrameOfNoKind", "00"}, Hostile{"FrameOfAnUnknownKind", "08"},
+                    Hostile{"GoneBeforeTheEnd", "07 03 7*(00)"},
+                    Hostile{"GoneElsewhere", "03 03 7*(00)  07 05 7*(00)"},
+                    Hostile{"GoneTwice", "03 03 7*(00)  07 04 7*(00)  07 05 7*(00)"},
                     Hostile{"OpeningAgain", kNewOpening}),
     NameOf);
 
@@ -469,23 +472,43 @@ TEST(StreamTest, LinkThatHasFinishedIsNotUnknown) {
   ExpectFinished(late);
 }
 
-TEST(StreamTest, LocalSocketThatBreaksEndsItsDirectionAndDropsTheOther) {
+TEST(StreamTest, LocalSocketThatFailsClosesTheOtherOneBehindWhatItHasSaid) {
   for (const From broken : {kMaster, kDaemon}) {
     const From other = broken == kMaster ? kDaemon : kMaster;
-    Gates gates({.window = 1000});
-    gates.Connect();
-    gates.Say(other, Pattern(3000));
-    gates.Once(300);
-    gates.Once(300);
-    gates.at(broken).LocalBroke();
-    gates.Run();
-    EXPECT_EQ(gates.said(other).size(), 3000U);
-    EXPECT_TRUE(gates.heard_end(broken));
-    EXPECT_EQ(gates.at(broken).ForLocal(), "");
-    gates.End(other);
-    gates.Run();
-    ExpectFinished(gates);
+    for (const bool ended_before : {false, true}) {
+      Gates gates({.window = 1000});
+      gates.Connect();
+      gates.Run();
+      gates.Say(other, Pattern(3000));
+      gates.Say(broken, "last words");
+      if (ended_before) gates.End(broken);
+      gates.Give(broken, 100);
+      gates.Give(broken, 0);
+      gates.Once(300);
+      gates.Cut();
+      gates.Break(broken);
+      EXPECT_EQ(gates.at(broken).ForLocal(), "");
+      gates.Connect();
+      gates.Run();
+      EXPECT_EQ(gates.heard(broken), "last words");
+      EXPECT_TRUE(gates.heard_end(broken));
+      EXPECT_TRUE(gates.heard_break(broken));
+      EXPECT_FALSE(gates.heard_break(other));
+      ExpectFinished(gates);
+    }
   }
+}
+
+TEST(StreamTest, BothLocalSocketsFail) {
+  Gates gates;
+  gates.Connect();
+  gates.Say(kMaster, "x");
+  gates.Say(kDaemon, "y");
+  gates.Run();
+  gates.Break(kMaster);
+  gates.Break(kDaemon);
+  gates.Run();
+  ExpectFinished(gates);
 }
 
 TEST(StreamTest, EndIsToldToTheOtherGate) {
