@@ -94,6 +94,7 @@ void LinkEnd::ReadLocal() {
     } else if (error == boost::asio::error::eof) {
       local_ends_ = true;
       stream_->LocalEnded();
+      AwaitHangUp();
     } else if (error) {
       CloseLocal();
     } else {
@@ -183,6 +184,7 @@ void LinkEnd::WriteLocal() {
     }
   }
   if (stream_->EndsLocal() && (claim_ || held_.empty())) EndLocal();
+  if (stream_->BreaksLocal() && held_.empty()) CloseLocal();
 }
 
 // Reads along until the master has claimed to be somebody, and lets it pass or refuses it.
@@ -246,7 +248,26 @@ void LinkEnd::EndLocal() {
   held_.clear();
   error_code ignored;
   if (local_open_) local_.shutdown(Tcp::socket::shutdown_send, ignored);
+  local_shut_ = true;
   stream_->LocalTookEnd();
+}
+
+// The peer at the local side says no more. It may have closed for good, which looks the same:
+// probes tell, as they do for the daemon. One that has gone answers them with a reset.
+void LinkEnd::AwaitHangUp() {
+  error_code ignored;
+  local_.set_option(Tcp::socket::keep_alive(true), ignored);
+#ifdef TCP_KEEPIDLE
+  using boost::asio::detail::socket_option::integer;
+  local_.set_option(integer<IPPROTO_TCP, TCP_KEEPIDLE>(1), ignored);
+  local_.set_option(integer<IPPROTO_TCP, TCP_KEEPINTVL>(1), ignored);
+  local_.set_option(integer<IPPROTO_TCP, TCP_KEEPCNT>(60), ignored);
+#endif
+  local_.async_wait(Tcp::socket::wait_error, [self = shared_from_this()](error_code error) {
+    if (error || self->finished_ || !self->local_open_ || self->local_shut_) return;
+    self->CloseLocal();
+    self->Advance();
+  });
 }
 
 // The local connection is of no more use.

@@ -80,6 +80,7 @@ class LinkEnd : public std::enable_shared_from_this<LinkEnd> {
   void PassHeld();
   void EndLocal();
   void CloseLocal();
+  void AwaitHangUp();
   void LoseWire(const std::string& why);
   void Finish();
   void Await();
@@ -103,6 +104,7 @@ class LinkEnd : public std::enable_shared_from_this<LinkEnd> {
 
   bool local_ends_ = false;  // it gives no more
   bool local_open_ = true;
+  bool local_shut_ = false;  // it gets no more
   bool local_told_ = false;  // it has got something
   bool local_readable_ = false;
   bool local_writable_ = true;

@@ -70,6 +70,7 @@ class EchoDaemon {
 
   /// From now on nothing is read, so that the connection fills.
   void StopReading() { reads_ = false; }
+  void ReadOn() { reads_ = true; }
 
  private:
   void Run() {

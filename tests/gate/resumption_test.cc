@@ -12,6 +12,7 @@
 #include <sstream>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -21,6 +22,7 @@
 #include "tests/gate/door.h"
 #include "tests/gate/echo_daemon.h"
 #include "tests/support/bytes.h"
+#include "tests/support/delaying_relay.h"
 #include "tests/support/ports.h"
 #include "tests/system/site.h"
 
@@ -90,7 +92,7 @@ TEST_F(ResumptionTest, NothingIsLostDoubledOrReorderedUnderLoad) {
   });
   std::string got;
   while (got.size() < bytes.size()) {
-    const std::string part = ReadExactly(link.get(), 1 + random() % 500'000);
+    const std::string part = ReadExactly(link.get(), 1 + random() % 100'000);
     if (part.empty()) break;
     got += part;
     if (relay_->count() < 200) relay_->Cut();
@@ -135,6 +137,34 @@ TEST_F(ResumptionTest, DaemonMayEndTheConnectionWhileTheLinkIsBroken) {
   daemon_.HangUp();
   relay_->Recover();
   EXPECT_EQ(ReadExactly(link.get(), 1), "");
+}
+
+TEST_F(ResumptionTest, MasterIsClosedWhoseDaemonHasGoneForGood) {
+  Build();
+  const auto gate = Connect();
+  const Descriptor link = Admitted(gate->port());
+  daemon_.HangUp();
+  EXPECT_EQ(ReadExactly(link.get(), 1), "");
+  // It goes on as if only the other direction had ended. The daemon's machine answers probes with a
+  // reset.
+  EXPECT_TRUE(Eventually([&] { return !WriteAll(link.get(), "x"); }));
+  gate->Await("ended");
+  door_->serving().Await("ended");
+}
+
+TEST_F(ResumptionTest, HalfClosedConnectionStaysHalfClosed) {
+  Build();
+  const auto gate = Connect();
+  const Descriptor link = Admitted(gate->port());
+  daemon_.StopReading();
+  ASSERT_TRUE(WriteAll(link.get(), "the last words"));
+  shutdown(link.get(), SHUT_WR);
+  std::this_thread::sleep_for(milliseconds(2500));
+  relay_->Cut();
+  gate->Await("resumed");
+  daemon_.ReadOn();
+  EXPECT_EQ(ReadExactly(link.get(), 100), "the last words");
+  EXPECT_EQ(gate->Await("ended")["how"], "both ends have finished");
 }
 
 TEST_F(ResumptionTest, AbsenceLongerThanTheHoldEndsBothSides) {
@@ -372,6 +402,43 @@ TEST(RunThroughTheDoorTest, RunThatIsCutAgainAndAgainIsTheUncutRun) {
   EXPECT_GE(relay.count(), 8);
   EXPECT_TRUE(site.IsQuiet("CUT"));
   EXPECT_EQ(gate->Await("ended")["how"], "both ends have finished");
+}
+
+TEST(LongLinkTest, RecordsOfManyWellsTakeNoRoundTripEach) {
+  constexpr int kWells = 400;
+  constexpr milliseconds kOneWay{5};
+  std::string deck = kDeck;
+  std::vector<std::string> wells;
+  for (int i = 0; i < kWells; ++i) {
+    wells.push_back("X" + std::to_string(i));
+    deck += "[[well]]\nname = \"" + wells.back() +
+            "\"\ntype = \"PRODUCER\"\nproductivity_index = 0.01\ndepth = 1300\n"
+            "tubing_diameter = 88.9\n[well.constraints]\nBOTTOM_HOLE_PRESSURE = 120\n";
+  }
+  Site site;
+  Door door(site.daemon().port());
+  const auto fetch = [&](master::Run& run) {
+    run.AskOneByOne();
+    run.RunUntil(1);
+    const auto begun = std::chrono::steady_clock::now();
+    const auto data = run.GetWellData(wells);
+    const auto took = std::chrono::steady_clock::now() - begun;
+    run.Shutdown();
+    return std::pair(data, std::chrono::duration_cast<milliseconds>(took));
+  };
+  const auto [local, at_once] = fetch(*site.Start("LOCAL", deck));
+  const DelayingRelay relay(door.serving().port(), kOneWay);
+  const auto gate = door.Connect(door.alice(), {}, relay.port());
+  const auto [far, ahead] = fetch(*site.Start("AHEAD", deck, "20172", gate->port()));
+  EXPECT_EQ(far, local);
+  EXPECT_LT(ahead, 4 * kOneWay + at_once * 3 / 2 + milliseconds(500));  // other programs run, too
+  const DelayingRelay other(door.serving().port(), kOneWay);
+  const auto slow = door.Connect(door.alice(), {"--no-ahead"}, other.port());
+  const auto [farther, one_by_one] = fetch(*site.Start("SLOW", deck, "20172", slow->port()));
+  EXPECT_EQ(farther, local);
+  EXPECT_GT(one_by_one, kWells * 2 * kOneWay);
+  std::cout << "local " << at_once.count() << " ms, ahead " << ahead.count() << " ms, one by one "
+            << one_by_one.count() << " ms\n";
 }
 
 }  // namespace
