@@ -3,9 +3,11 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <variant>
 
 #include "gate/link_table.h"
@@ -19,7 +21,13 @@ enum From { kMaster = 0, kDaemon = 1 };
 /// strings of bytes under way, and a cut loses them. The clock is `now`.
 class Gates {
  public:
-  explicit Gates(const gate::Stream::Options& options = {}) : options_(options) {}
+  explicit Gates(const gate::Stream::Options& options = {})
+      : Gates(options, [number = static_cast<unsigned char>(1)]() mutable {
+          return gate::LinkId{{number++}};
+        }) {}
+  /// With ids of links as `id` makes them.
+  Gates(const gate::Stream::Options& options, std::function<gate::LinkId()> id)
+      : options_(options), table_({}, std::move(id)), connecting_(options) {}
 
   gate::Stream& connecting() { return connecting_; }
   /// There once an opening has come.
@@ -217,13 +225,8 @@ class Gates {
   }
 
   const gate::Stream::Options options_;
-  unsigned char next_id_ = 1;
-  gate::LinkTable table_{{}, [this] {
-                           gate::LinkId id;
-                           id.bytes[0] = next_id_++;
-                           return id;
-                         }};
-  gate::Stream connecting_{options_};
+  gate::LinkTable table_;
+  gate::Stream connecting_;
   std::optional<gate::Stream> serving_;
   std::uint64_t client_epoch_ = 0;
   std::uint64_t server_epoch_ = 0;

@@ -78,20 +78,6 @@ TEST(StreamTest, BytesAndEndsPassBothWays) {
   ExpectFinished(gates);
 }
 
-TEST(StreamTest, WireHasTheBytesOfThePage) {
-  Gates gates;
-  gates.Connect();
-  gates.Send(kMaster, 0);
-  EXPECT_EQ(gates.under_way(kMaster), Bytes(kNewOpening));
-  gates.Arrive(kMaster, 48);
-  gates.Say(kDaemon, "3");
-  gates.Give(kDaemon, 1);
-  gates.Send(kDaemon, 100);
-  EXPECT_EQ(gates.under_way(kDaemon),
-            Bytes("'vkgate' 01 00  00 00 00 00  01 00 00 00  01 15*(00)  8*(00)"
-                  "01  01 00 00 00  8*(00)  '3'"));
-}
-
 TEST(StreamTest, RecordedRunCutAtEveryByteIsTheUncutRun) {
   const std::vector<Said> run = RecordedRun();
   Gates uncut;
