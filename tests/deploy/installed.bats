@@ -16,11 +16,13 @@ teardown() { rm -rf "$work"; }
     -printf '%P\n' | sort >"$work/files"
   diff - "$work/files" <<'FILES'
 bin/jobmillctl
+bin/vkgate
 bin/vkjobmill.exe
 bin/vkmaster
 bin/vkmpi_dir.sh
 bin/vksim
 share/bash-completion/completions/jobmillctl
+share/bash-completion/completions/vkgate
 share/bash-completion/completions/vkmaster
 share/jobmill/before-start
 share/jobmill/describe.sh
@@ -28,6 +30,10 @@ share/jobmill/examples/COMP.afi
 share/jobmill/examples/TENWELLS.afi
 share/jobmill/examples/TWOWELLS.afi
 share/jobmill/examples/toy_field.py
+share/jobmill/gate/authority
+share/jobmill/gate/gate.conf
+share/jobmill/gate/jobmill-gate.conf
+share/jobmill/gate/users
 share/jobmill/logrotate/jobmill
 share/jobmill/monitoring/alerts.yml
 share/jobmill/monitoring/dashboard.json
@@ -44,12 +50,14 @@ share/jobmill/scripts/slurm
 share/jobmill/scripts/ssh
 share/jobmill/systemd/confined.conf
 share/jobmill/systemd/jobmill-collector.service
+share/jobmill/systemd/jobmill-gate.service
 share/jobmill/systemd/jobmill-logrotate.timer
 share/jobmill/systemd/jobmill-status.service
 share/jobmill/systemd/jobmill.service
 share/jobmill/systemd/jobmill@.service
 share/jobmill/wireshark/jobmill.lua
 share/zsh/site-functions/_jobmillctl
+share/zsh/site-functions/_vkgate
 share/zsh/site-functions/_vkmaster
 FILES
   diff share/doc/jobmill/uplot-licence "$root_directory/third_party/uplot/LICENSE"
@@ -78,7 +86,7 @@ FILES
   install_to '' "$work/jobmill" >"$work/install.txt"
   local unit=$work/jobmill/share/jobmill/systemd/jobmill.service
   systemd-analyze verify --man=no "$unit" "${unit%.service}@.service" "${unit%.service}-status.service" \
-    "${unit%.service}-collector.service" >"$work/findings" 2>&1
+    "${unit%.service}-collector.service" "${unit%.service}-gate.service" >"$work/findings" 2>&1
   [[ ! -s $work/findings ]]
   # It would be found.
   sed -i 's/^KillMode=process$/KillMode=processes/' "$unit"
@@ -98,9 +106,19 @@ FILES
     >"$work/confined/jobmill.service"
   [[ $(exposure "$work/confined/jobmill.service") == 3.9 ]]
   [[ $(exposure "$units/jobmill-status.service") == 1.1 ]]
+  [[ $(exposure "$units/jobmill-gate.service") == 1.2 ]]
   grep -qF '8.8' "$units/jobmill.service"
   grep -qF '3.9' "$units/jobmill.service"
   grep -qF '1.1' "$units/jobmill-status.service"
+  grep -qF '1.2' "$units/jobmill-gate.service"
+}
+
+@test "DaemonLinksNoTls" {
+  install_to "$work" /opt/jobmill >"$work/install.txt"
+  needed() { readelf --dynamic "$work/opt/jobmill/bin/$1" | grep NEEDED; }
+  never grep -E 'libssl|libcrypto' <(needed vkjobmill.exe)
+  # It would be found.
+  needed vkgate | grep -q 'libssl'
 }
 
 @test "ThereAreFarMoreDescriptorsThanTasks" {

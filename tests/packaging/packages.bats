@@ -11,7 +11,7 @@ setup() {
 
 teardown() { rm -rf "${work:-}"; }
 
-names=(jobmill jobmill-client jobmill-simulator jobmill-status python3-jobmill)
+names=(jobmill jobmill-client jobmill-gate jobmill-simulator jobmill-status python3-jobmill)
 
 @test "LintianFindsNothingThatHasNoReason" {
   lintian --allow-root --tag-display-limit 0 --fail-on error,warning "$packages"/*.deb
@@ -25,7 +25,7 @@ names=(jobmill jobmill-client jobmill-simulator jobmill-status python3-jobmill)
 
 @test "RpmlintFindsNothingThatHasNoReason" {
   rpmlint --config "$root_directory/deploy/rpmlint.toml" "$packages"/*.rpm >"$work/findings"
-  grep -qE '5 packages and 0 specfiles checked; 0 errors, 0 warnings' "$work/findings"
+  grep -qE '6 packages and 0 specfiles checked; 0 errors, 0 warnings' "$work/findings"
 }
 
 @test "VersionIsTheSameEverywhere" {
@@ -68,6 +68,10 @@ tree() {
   cd "$work/jobmill-status"
   diff -r deb/lib/systemd rpm/usr/lib/systemd
   diff -r {deb,rpm}/usr/share/jobmill/monitoring
+  cd "$work/jobmill-gate"
+  diff -r deb/etc rpm/etc
+  diff -r deb/lib/systemd rpm/usr/lib/systemd
+  diff -r deb/usr/lib/sysusers.d rpm/usr/lib/sysusers.d
   cd "$work/python3-jobmill"
   diff -r deb/usr/lib/python3/dist-packages rpm/usr/share/jobmill/python
 }
@@ -84,6 +88,13 @@ tree() {
     done
     never grep -nE '^@' "$work/control/$script"
     sh -n "$work/control/$script" "$work/rpm.$part"
+  done
+  dpkg-deb -e "$(deb jobmill-gate)" "$work/gate"
+  rpm -qp --qf '%{POSTIN}' "$(rpm_file jobmill-gate)" >"$work/rpm.gate"
+  for file in "$work/gate/postinst" "$work/rpm.gate"; do
+    never grep '^<' <(diff "$root_directory/deploy/scriptlets/gate-after-install" "$file")
+    never grep -nE '^@' "$file"
+    sh -n "$file"
   done
 }
 
@@ -104,6 +115,26 @@ tree() {
 FILES
   diff "$work/control/conffiles" <(rpm -qp --configfiles "$(rpm_file jobmill)")
   [[ $(rpm -qp --qf '[%{FILEFLAGS:fflags} %{FILENAMES}\n]' "$(rpm_file jobmill)" | grep -c '^cn ') == 6 ]]
+}
+
+@test "ConfigurationOfTheGateBelongsToTheAdministrator" {
+  dpkg-deb -e "$(deb jobmill-gate)" "$work/control"
+  diff "$work/control/conffiles" - <<'FILES'
+/etc/jobmill/gate/gate.conf
+/etc/jobmill/gate/users
+/etc/needrestart/conf.d/jobmill-gate.conf
+FILES
+  diff "$work/control/conffiles" <(rpm -qp --configfiles "$(rpm_file jobmill-gate)")
+}
+
+@test "TlsIsTheGatesAloneAmongThePackages" {
+  local name needs
+  for name in jobmill jobmill-client jobmill-simulator; do
+    never grep -qE 'libssl|libcrypto' <(dpkg-deb -f "$(deb "$name")" Depends; rpm -qpR "$(rpm_file "$name")")
+  done
+  needs=$(dpkg-deb -f "$(deb jobmill-gate)" Depends)
+  [[ $needs == *libssl3* && $needs != *'jobmill '* ]]
+  rpm -qpR "$(rpm_file jobmill-gate)" | grep -q '^libssl\.so'
 }
 
 @test "NothingIsGranted" {
@@ -145,14 +176,14 @@ FILES
   "$work/clone/scripts/package" "$work/again" >"$work/said"
   (cd "$packages" && sha256sum {,python3-}jobmill*) >"$work/sums"
   (cd "$work/again" && sha256sum --check --quiet "$work/sums")
-  (($(wc -l <"$work/sums") == 12))
+  (($(wc -l <"$work/sums") == 14))
 }
 
 @test "RpmsAreInstalledAndRemovedBesideEachOther" {
   mkdir -p "$work/root"/{etc,usr,var}
   local rpm=(rpm --root "$work/root") change=(--nodeps --noscripts)
   "${rpm[@]}" -i "${change[@]}" "$packages"/*.rpm 2>"$work/complaints"
-  [[ $("${rpm[@]}" -qa | wc -l) == 5 ]]
+  [[ $("${rpm[@]}" -qa | wc -l) == 6 ]]
   "${rpm[@]}" -V --nodeps "${names[@]}"
   [[ $(stat -c '%a %s' "$work/root/etc/jobmill/users") == '600 0' ]]
   "$work/root/usr/sbin/vkjobmill.exe" -v | grep -q '^Jobmill'
