@@ -46,6 +46,13 @@ class LinkLost : public Error {
   using Error::Error;
 };
 
+/// The daemon, or its system, has reset the connection. When requests were sent ahead that is how
+/// the daemon closes it on one that failed: it leaves the others unread.
+class LinkReset : public LinkLost {
+ public:
+  using LinkLost::LinkLost;
+};
+
 /// The answer does not fit the request: another code, too short, too long, a negative count.
 class ProtocolError : public Error {
  public:

@@ -226,7 +226,11 @@ std::optional<std::string> FrameChannel::Link::Receive(const Deadline& deadline)
       if (taken_ == arrived_.size()) return std::nullopt;
       throw LinkLost("The daemon closed the connection in the middle of an answer");
     }
-    if (end_) throw LinkLost("The connection to the daemon broke: " + ErrorText(end_));
+    if (end_) {
+      const std::string text = "The connection to the daemon broke: " + ErrorText(end_);
+      if (end_ == asio::error::connection_reset) throw LinkReset(text);
+      throw LinkLost(text);
+    }
     BeginReceiving();
     Wait(deadline, "Interrupted while waiting for the daemon");
   }

@@ -81,6 +81,14 @@ std::vector<Names> GroupsOf(const std::vector<std::string>& wells) {
   return groups;
 }
 
+RequestWriter VariablesRequest(const std::string& well, const std::vector<std::string>& names) {
+  RequestWriter request = Request(Code::kGetWellVariables);
+  request.String(well);
+  request.Count(names.size());
+  request.Strings(names);
+  return request;
+}
+
 // The daemon announces as many records as there were wells in the request. With another number both
 // sides would wait for each other.
 void CheckRecordCount(int got, std::size_t wanted, Code code) {
@@ -260,11 +268,44 @@ EOSProps Run::GetEOSProps() {
 
 std::vector<double> Run::GetWellVariables(const std::string& well,
                                           const std::vector<std::string>& names) {
-  RequestWriter request = Request(Code::kGetWellVariables);
-  request.String(well);
-  request.Count(names.size());
-  request.Strings(names);
-  const std::string body = Exchange(Code::kGetWellVariables, request);
+  Send(Code::kGetWellVariables, VariablesRequest(well, names));
+  return NextVariables();
+}
+
+std::vector<std::vector<double>> Run::GetVariablesOfWells(const std::vector<std::string>& wells,
+                                                          const std::vector<std::string>& names) {
+  // What is under way at a time: more would only take memory here.
+  constexpr std::size_t kMostAhead = 256 * 1024;
+  std::vector<std::vector<double>> values;
+  values.reserve(wells.size());
+  std::size_t asked = 0;
+  std::size_t ahead = 0;  // bytes
+  for (std::size_t i = 0; i < wells.size(); ++i) {
+    if (i == 0 || one_by_one_) {
+      values.push_back(GetWellVariables(wells[i], names));
+      asked = i + 1;
+      continue;
+    }
+    while (asked < wells.size() && (asked == i || ahead < kMostAhead)) {
+      const RequestWriter request = VariablesRequest(wells[asked++], names);
+      Check(Code::kGetWellVariables, request);
+      channel_.SendAhead(request.body());
+      ahead += request.body().size();
+    }
+    try {
+      values.push_back(NextVariables());
+    } catch (const LinkReset&) {
+      throw RequestFailed("The daemon ended the connection while waiting for the answer of " +
+                          NameOf(Code::kGetWellVariables) + " for " + wells[i] +
+                          " or a well behind it");
+    }
+    ahead -= VariablesRequest(wells[i], names).body().size();
+  }
+  return values;
+}
+
+std::vector<double> Run::NextVariables() {
+  const std::string body = Await(Code::kGetWellVariables);
   ReplyReader reply = Reply(body, Code::kGetWellVariables);
   std::vector<double> values = reply.Series();
   reply.End();

@@ -75,6 +75,12 @@ class Run {
   std::vector<double> GetWellVariables(const std::string& well,
                                        const std::vector<std::string>& names);
 
+  /// The same of many wells, in order. Two round trips, however many wells: when the first well's
+  /// values have come, which shows that the simulator knows the names, the other requests go out
+  /// ahead of the answers.
+  std::vector<std::vector<double>> GetVariablesOfWells(const std::vector<std::string>& wells,
+                                                       const std::vector<std::string>& names);
+
   /// Two round trips, and no groups: the tables of one request are cut back together, which those
   /// of two would not be. Opens the wells and leaves them limited to a tenth or so of their rate:
   /// whoever goes on with the run sets statuses and constraints again.
@@ -112,6 +118,7 @@ class Run {
   Date DateOf(Code code);
   bool FlagOf(Code code);
   double DoubleOf(Code code);
+  std::vector<double> NextVariables();
 
   FrameChannel channel_;
   bool one_by_one_ = false;

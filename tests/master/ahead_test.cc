@@ -176,6 +176,86 @@ TEST_F(AheadTest, NextGroupIsAskedForBeforeTheRecordsOfTheFirstCome) {
   EXPECT_THAT(sizes, ElementsAre(40012, 4, 40012));
 }
 
+// The values of the first well show that the simulator knows the names: one that it does not know
+// ends the run, and nothing is to be sent behind that.
+TEST_F(AheadTest, VariablesOfAllOtherWellsAreAskedForBeforeTheSecondOnesCome) {
+  const auto names = WellNames(300);
+  std::vector<std::vector<double>> values;
+  std::string before_the_first;
+  Play(
+      [&](DaemonEnd& end) {
+        end.Receive();
+        before_the_first = Arrived(pair_.peer.get());
+        end.Send(Pack(15).Series({0, 0.5}).Done());
+        for (int i = 1; i < 300; ++i) {
+          if (!end.Receive()) return;
+        }
+        for (int i = 1; i < 300; ++i) end.Send(Pack(15).Series({double(i), 0.5}).Done());
+      },
+      [&] {
+        values = run_.GetVariablesOfWells(names, {"A", "BC"});
+      });
+  EXPECT_EQ(before_the_first, "");
+  ASSERT_THAT(values, SizeIs(300));
+  for (int i = 0; i < 300; ++i) {
+    EXPECT_THAT(values[static_cast<std::size_t>(i)], ElementsAre(i, 0.5));
+    Fields fields(end_.received()[static_cast<std::size_t>(i)].substr(4));
+    EXPECT_EQ(fields.String(), names[static_cast<std::size_t>(i)]);
+    EXPECT_THAT(fields.Strings(fields.Int()), ElementsAre("A", "BC"));
+  }
+}
+
+TEST_F(AheadTest, LongRequestsForVariablesAreNotAllUnderWayAtOnce) {
+  const std::vector<std::string> properties{std::string(60000, 'X')};
+  std::size_t ahead = 0;
+  Play(
+      [&](DaemonEnd& end) {
+        end.Receive();
+        end.Send(Pack(15).Series({1}).Done());
+        while (end.HasMore()) {
+          if (!end.Receive()) return;
+          ++ahead;
+        }
+        for (std::size_t i = 0; i < ahead; ++i) end.Send(Pack(15).Series({1}).Done());
+        for (std::size_t i = ahead + 1; i < 50 && end.Receive(); ++i) {
+          end.Send(Pack(15).Series({1}).Done());
+        }
+      },
+      [&] { EXPECT_THAT(run_.GetVariablesOfWells(WellNames(50), properties), SizeIs(50)); });
+  EXPECT_GE(ahead, 2U);
+  EXPECT_LE(ahead, 6U);
+}
+
+// The daemon closes the connection on a request that fails, with those behind it unread: its
+// system then resets the connection, which must not pass for a broken link.
+TEST_F(AheadTest, RefusedVariablesOfALaterWellAreAFailedRequest) {
+  Play(
+      [&](DaemonEnd& end) {
+        end.Receive();
+        end.Send(Pack(15).Series({1}).Done());
+        end.Receive();
+        end.Send(Pack(15).Series({1}).Done());
+        end.HasMore();
+        pair_.peer.Reset();
+      },
+      [&] { EXPECT_THROW(run_.GetVariablesOfWells(WellNames(9), {"A"}), master::RequestFailed); });
+}
+
+TEST_F(AheadTest, OneByOneVariablesAreAskedForWhenThoseBeforeHaveCome) {
+  run_.AskOneByOne();
+  std::string ahead;
+  Play(
+      [&](DaemonEnd& end) {
+        for (int well = 0; well < 3; ++well) {
+          end.Receive();
+          ahead += Arrived(pair_.peer.get());
+          end.Send(Pack(15).Series({1}).Done());
+        }
+      },
+      [&] { EXPECT_THAT(run_.GetVariablesOfWells(WellNames(3), {"A"}), SizeIs(3)); });
+  EXPECT_EQ(ahead, "");
+}
+
 TEST_F(AheadTest, OneByOneARecordIsAskedForWhenTheOneBeforeHasCome) {
   run_.AskOneByOne();
   std::string ahead;

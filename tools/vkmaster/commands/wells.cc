@@ -112,15 +112,16 @@ Result VarsResult(Session& session, const Words& patterns,
       table.columns.back().recorded = "TOTAL_MOLE_FRACTION[" + name + "]";
     }
   }
-  for (const std::string& well : wells) {
-    const std::vector<double> values = session.run().GetWellVariables(well, properties);
-    if (values.size() != properties.size()) {
+  const std::vector<std::vector<double>> values =
+      session.run().GetVariablesOfWells(wells, properties);
+  for (std::size_t i = 0; i < wells.size(); ++i) {
+    if (values[i].size() != properties.size()) {
       throw master::ProtocolError(fmt::format("Bad answer to {}: {} values for {} names",
                                               master::NameOf(master::Code::kGetWellVariables),
-                                              values.size(), properties.size()));
+                                              values[i].size(), properties.size()));
     }
-    table.rows.push_back({well});
-    for (const double value : values) table.rows.back().emplace_back(value);
+    table.rows.push_back({wells[i]});
+    for (const double value : values[i]) table.rows.back().emplace_back(value);
   }
   return {.command = "vars", .tables = {std::move(table)}};
 }
