@@ -55,7 +55,8 @@ Section Section::Parse(std::string_view text, const std::string& file) {
 Section Section::ReadFile(const std::string& file) {
 #ifdef _WIN32
   // The library would take the name for one in the code page of the machine.
-  std::ifstream in(std::filesystem::path(file), std::ios::binary);
+  const std::filesystem::path path(std::u8string(file.begin(), file.end()));
+  std::ifstream in(path, std::ios::binary);
   if (!in) throw Error({file, 0}, "File could not be opened for reading");
   return Parsed(file, [&] { return toml::parse(in, file); });
 #else

@@ -6,7 +6,6 @@
 #include <chrono>
 #include <cstdio>
 #include <exception>
-#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <memory>
@@ -51,7 +50,7 @@ Deadline In(std::chrono::seconds wait) {
 /// The commands of a file. All of them are parsed before the launch: a mistake in line 40 must not
 /// cost a run.
 std::vector<Command> ReadCommandFile(const std::string& file) {
-  std::ifstream lines{std::filesystem::path(file), std::ios::binary};
+  std::ifstream lines(PathOf(file), std::ios::binary);
   if (!lines) throw UsageError("Cannot read the file '" + file + "'");
   std::vector<Command> commands;
   int number = 0;

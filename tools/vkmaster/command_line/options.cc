@@ -3,7 +3,6 @@
 #include <stdlib.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <map>
 #include <memory>
 #include <string_view>
@@ -244,8 +243,7 @@ void TakeOwnWords(Options& options, const std::set<std::string>& given) {
       throw UsageError("report: Of which results? report DIRECTORY [FILE]");
     }
     options.results = words[1];
-    options.report =
-        words.size() == 3 ? words[2] : (std::filesystem::path(words[1]) / "report.html").string();
+    options.report = words.size() == 3 ? words[2] : (PathOf(words[1]) / "report.html").string();
     words.clear();
   }
 }

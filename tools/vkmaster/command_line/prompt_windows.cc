@@ -17,7 +17,9 @@ namespace {
 
 constexpr std::size_t kLongestLine = 8191;
 constexpr wchar_t kTab = L'\t';
-constexpr wchar_t kEndOfInput = L'\x1a';  // Ctrl-Z
+constexpr wchar_t kCtrlD = L'\x04';
+constexpr wchar_t kCtrlZ = L'\x1a';  // what Windows has for the end of an input
+const std::wstring kKeys{kTab, kCtrlD, kCtrlZ};
 // What the end of a read takes after Ctrl-C, and the thread of Ctrl-C after the end of a read.
 constexpr DWORD kCtrlCTakes = 500;
 
@@ -107,7 +109,7 @@ class Read {
     CONSOLE_READCONSOLE_CONTROL control{};
     control.nLength = sizeof(control);
     control.nInitialChars = static_cast<ULONG>(line_.size());
-    control.dwCtrlWakeupMask = 1U << kTab;
+    control.dwCtrlWakeupMask = 1U << kTab | 1U << kCtrlD | 1U << kCtrlZ;
     line_.resize(kLongestLine);
     DWORD got = 0;
     read_ = ReadConsoleW(GetStdHandle(STD_INPUT_HANDLE), line_.data(), kLongestLine, &got,
@@ -142,10 +144,13 @@ std::optional<std::string> Prompt::Next() {
       continue;
     }
     const std::wstring line = done ? read->line() : L"";
-    if (line.empty() || line.front() == kEndOfInput) return std::nullopt;
-    const std::size_t tab = line.find(kTab);
-    if (tab == std::wstring::npos) return Narrow(line.substr(0, line.find_first_of(L"\r\n")));
-    begun = Wide(Completed(Narrow(line.substr(0, tab)), names_));
+    if (line.empty()) return std::nullopt;
+    const std::size_t key = line.find_first_of(kKeys);
+    if (key == std::wstring::npos) return Narrow(line.substr(0, line.find_first_of(L"\r\n")));
+    const bool tab = line[key] == kTab;
+    if (!tab && key == 0) return std::nullopt;
+    begun = line.substr(0, key);
+    if (tab) begun = Wide(Completed(Narrow(begun), names_));
     Tell(stdout, "\r" + text_() + Narrow(begun));
   }
 }

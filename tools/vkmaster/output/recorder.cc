@@ -26,7 +26,7 @@ UsageError CannotWrite(const std::string& path) {
 Recorder::Recorder(std::string directory, std::FILE* notes)
     : Output(Form::kCsv, nullptr, notes), directory_(std::move(directory)) {
   std::error_code error;
-  std::filesystem::create_directories(directory_, error);
+  std::filesystem::create_directories(PathOf(directory_), error);
   if (error) {
     throw UsageError("Cannot make the directory '" + directory_ + "': " + error.message());
   }
@@ -52,7 +52,7 @@ void Recorder::Write(const Result& result) {
 std::set<std::string> Recorder::Files() const {
   std::set<std::string> names;
   for (const auto& [key, file] : files_) {
-    names.insert(std::filesystem::path(file.path).filename().string());
+    names.insert(PathOf(file.path).filename().string());
   }
   return names;
 }
@@ -82,9 +82,9 @@ const Recorder::File& Recorder::FileFor(const std::string& name, const std::stri
   File& file = files_[name + "\n" + header];
   if (file.stream) return file;
   const int number = ++count_[name];
-  file.path = (std::filesystem::path(directory_) /
-               (number == 1 ? name + ".csv" : fmt::format("{}_{}.csv", name, number)))
-                  .string();
+  file.path =
+      (PathOf(directory_) / (number == 1 ? name + ".csv" : fmt::format("{}_{}.csv", name, number)))
+          .string();
   file.stream.reset(OpenToWrite(file.path));
   if (!file.stream) throw CannotWrite(file.path);
   Append(file, header);

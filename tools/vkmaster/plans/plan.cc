@@ -1,7 +1,6 @@
 #include "tools/vkmaster/plans/plan.h"
 
 #include <algorithm>
-#include <filesystem>
 #include <string_view>
 #include <utility>
 
@@ -9,6 +8,7 @@
 
 #include "sections/section.h"
 #include "tools/vkmaster/commands/registry.h"
+#include "tools/vkmaster/system/system.h"
 #include "tools/vkmaster/text/usage_error.h"
 #include "tools/vkmaster/text/words.h"
 
@@ -171,7 +171,7 @@ Plan ReadTop(Section top, const std::string& file) {
   plan.directory = "results";
   if (record) ReadRecord(record->Table(kTable), plan);
   // The results lie beside the plan, wherever the program was started.
-  plan.directory = (std::filesystem::path(file).parent_path() / plan.directory).string();
+  plan.directory = (PathOf(file).parent_path() / PathOf(plan.directory)).string();
   if (!events) return plan;
   for (const Value& event : events->List("events are written as [[event]]")) {
     plan.events.push_back(ReadEvent(event.Table(kTable), plan.until));

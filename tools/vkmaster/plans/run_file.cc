@@ -14,6 +14,7 @@
 #include "tools/vkmaster/plans/plan.h"
 #include "tools/vkmaster/session/session.h"
 #include "tools/vkmaster/session/units.h"
+#include "tools/vkmaster/system/system.h"
 #include "tools/vkmaster/text/sha256.h"
 #include "tools/vkmaster/text/stopwatch.h"
 #include "tools/vkmaster/text/usage_error.h"
@@ -47,7 +48,7 @@ std::string DeckOf(const master::RunRequest& run) {
 }
 
 std::string DigestOf(const std::string& file) {
-  std::ifstream in(fs::path(file), std::ios::binary);
+  std::ifstream in(PathOf(file), std::ios::binary);
   if (!in) return "";
   const std::string bytes{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
   return Sha256(bytes);
@@ -56,7 +57,7 @@ std::string DigestOf(const std::string& file) {
 std::vector<fs::path> ResultsIn(const std::string& directory) {
   std::vector<fs::path> results;
   std::error_code error;
-  for (const fs::directory_entry& entry : fs::directory_iterator(directory, error)) {
+  for (const fs::directory_entry& entry : fs::directory_iterator(PathOf(directory), error)) {
     const std::string name = entry.path().filename().string();
     const bool ours = name == kName || name == kReport || entry.path().extension() == ".csv";
     if (ours && entry.is_regular_file(error)) results.push_back(entry.path());
@@ -86,7 +87,7 @@ struct RunFile::Content {
 };
 
 RunFile::RunFile(const Plan& plan, Session& session)
-    : path_((fs::path(plan.directory) / kName).string()), content_(std::make_unique<Content>()) {
+    : path_((PathOf(plan.directory) / kName).string()), content_(std::make_unique<Content>()) {
   const Launched& launched = session.launched();
   const master::RunRequest& run = launched.request;
   Json& json = content_->json;

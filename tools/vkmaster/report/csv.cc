@@ -1,16 +1,15 @@
 #include "tools/vkmaster/report/csv.h"
 
 #include <algorithm>
-#include <filesystem>
 
 #include <fmt/format.h>
 
+#include "tools/vkmaster/system/system.h"
 #include "tools/vkmaster/text/usage_error.h"
 
 namespace vkmaster {
 
-CsvFile::CsvFile(const std::string& path)
-    : path_(path), stream_(std::filesystem::path(path), std::ios::binary) {
+CsvFile::CsvFile(const std::string& path) : path_(path), stream_(PathOf(path), std::ios::binary) {
   if (!stream_) throw UsageError("Cannot read the file '" + path + "'");
   if (ReadLine()) header_.assign(cells_.begin(), cells_.end());
 }

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "tools/vkmaster/report/report.h"
+#include "tools/vkmaster/system/system.h"
 #include "tools/vkmaster/text/usage_error.h"
 #include "tools/vkmaster/text/whole_file.h"
 
@@ -19,7 +20,7 @@ constexpr int kShare = 20;  // the run has as many times what the page takes
 
 void CheckWritable(const std::string& file) {
   std::error_code error;
-  const std::filesystem::path directory = std::filesystem::path(file).parent_path();
+  const std::filesystem::path directory = PathOf(file).parent_path();
   if (!directory.empty()) std::filesystem::create_directories(directory, error);
   const WholeFile tried(file);
 }

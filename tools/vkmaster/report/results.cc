@@ -17,6 +17,7 @@
 #include <nlohmann/json.hpp>
 
 #include "tools/vkmaster/report/csv.h"
+#include "tools/vkmaster/system/system.h"
 #include "tools/vkmaster/text/calendar.h"
 #include "tools/vkmaster/text/usage_error.h"
 
@@ -129,7 +130,8 @@ class Reader {
   std::map<std::string, fs::path> Files() const {
     std::map<std::string, fs::path> files;
     std::error_code error;
-    for (const fs::directory_entry& entry : fs::directory_iterator(results_.directory, error)) {
+    for (const fs::directory_entry& entry :
+         fs::directory_iterator(PathOf(results_.directory), error)) {
       if (entry.path().extension() == ".csv") files[entry.path().stem().string()] = entry.path();
     }
     if (!files.contains("steps")) {
@@ -147,7 +149,7 @@ class Reader {
   }
 
   void ReadRunFile() {
-    std::ifstream in(fs::path(results_.directory) / "run.json", std::ios::binary);
+    std::ifstream in(PathOf(results_.directory) / "run.json", std::ios::binary);
     if (!in) return;
     results_.run.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
     const auto run = nlohmann::json::parse(results_.run, nullptr, false);

@@ -5,6 +5,10 @@
 
 namespace vkmaster {
 
+std::filesystem::path PathOf(const std::string& name) {
+  return name;
+}
+
 std::FILE* OpenToWrite(const std::string& path) {
   return std::fopen(path.c_str(), "we");
 }

@@ -40,6 +40,10 @@ std::string Narrow(std::wstring_view text) {
   return narrow;
 }
 
+std::filesystem::path PathOf(const std::string& name) {
+  return Wide(name);
+}
+
 std::FILE* OpenToWrite(const std::string& path) {
   return _wfopen(Wide(path).c_str(), L"wb");
 }

@@ -8,6 +8,7 @@
 
 #include <fmt/format.h>
 
+#include "tools/vkmaster/system/system.h"
 #include "tools/vkmaster/text/usage_error.h"
 
 namespace vkmaster {
@@ -22,7 +23,7 @@ UsageError CannotWrite(const std::string& path, const std::error_code& error) {
 WholeFile::WholeFile(std::string path)
     : path_(std::move(path)),
       next_(path_ + ".new"),
-      stream_(std::filesystem::path(next_), std::ios::binary | std::ios::trunc) {
+      stream_(PathOf(next_), std::ios::binary | std::ios::trunc) {
   Check();
 }
 
@@ -30,7 +31,7 @@ WholeFile::~WholeFile() {
   if (in_place_) return;
   stream_.close();
   std::error_code ignored;
-  std::filesystem::remove(next_, ignored);
+  std::filesystem::remove(PathOf(next_), ignored);
 }
 
 void WholeFile::Write(std::string_view text) {
@@ -42,7 +43,7 @@ void WholeFile::PutInPlace() {
   stream_.close();
   Check();
   std::error_code error;
-  std::filesystem::rename(next_, path_, error);
+  std::filesystem::rename(PathOf(next_), PathOf(path_), error);
   if (error) throw CannotWrite(path_, error);
   in_place_ = true;
 }
