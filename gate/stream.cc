@@ -227,11 +227,9 @@ bool Stream::TakeData(std::uint32_t length, std::uint64_t place) {
 }
 
 bool Stream::TakeAck(std::uint64_t place) {
-  if (place < acked_ || place > highest_) return Break(Reason::kBrokenRules);
+  if (place < acked_ || place > sent_) return Break(Reason::kBrokenRules);
   sending_.Drop(static_cast<std::size_t>(std::min(place, given_) - std::min(acked_, given_)));
   acked_ = place;
-  // After a resumption the other gate may have taken what it said last that it had received.
-  sent_ = std::max(sent_, acked_);
   return true;
 }
 
