@@ -132,6 +132,28 @@ TEST_F(WellCommandsTest, FieldAddsRatesUpOverTheDaysBetween) {
   EXPECT_THAT(Do("field", Form::kText), HasSubstr("oil total       6000 sm3\n"));
 }
 
+// Zeros would look as if the field had not produced.
+TEST_F(WellCommandsTest, FieldHasNoTotalsWhereNothingWasAddedUp) {
+  run_.time = 365;
+  EXPECT_EQ(Do("field"),
+            "oil_rate,water_rate,gas_rate,water_injection_rate,gas_injection_rate,oil_total,"
+            "water_total,gas_total,water_injection_total,gas_injection_total\n"
+            "600,606,603,609,612,,,,,\n"
+            "note: The totals add up from here, day 365, on: field was not asked for before. Ask "
+            "for it often, each rate counts for the days since the time before\n");
+  run_.time = 375;
+  EXPECT_THAT(Do("field"), HasSubstr("\n600,606,603,609,612,6000,6060,6030,6090,6120\n"));
+}
+
+TEST_F(WellCommandsTest, FieldWithoutTotalsSaysSoToPeople) {
+  run_.time = 365;
+  EXPECT_THAT(Do("field", Form::kText), HasSubstr("\noil total\nwater total\n"));
+}
+
+TEST_F(WellCommandsTest, FieldAtTheStartHasTotalsOfNothing) {
+  EXPECT_THAT(Do("field"), HasSubstr("\n600,606,603,609,612,0,0,0,0,0\n"));
+}
+
 TEST_F(WellCommandsTest, UnitsFollowTheRun) {
   EXPECT_THAT(Do("data P1", Form::kText), HasSubstr("oil [sm3/d]"));
   EXPECT_THAT(Do("data P1", Form::kText), HasSubstr("bhp [bar]"));
@@ -312,13 +334,28 @@ TEST_F(WellCommandsTest, IPRAsksBeforeItLiftsLimitsThatTheModelMayHave) {
     Do("ipr P1 I1");
     FAIL() << "limits of the model would be lifted";
   } catch (const UsageError& error) {
-    EXPECT_THAT(error.what(), HasSubstr("cannot be asked for: P1 (liquid, gas), I1 "
-                                        "(water-injection). Set them"));
+    EXPECT_THAT(error.what(),
+                HasSubstr("cannot be asked for: P1 (liquid, gas), I1 (water-injection). Say what "
+                          "holds, constrain P1 liquid=... gas=..., or that nothing does, "
+                          "unconstrain P1 liquid gas; lift "));
   }
   EXPECT_THAT(Requests(16), IsEmpty());
   EXPECT_THAT(Do("ipr P1 I1 lift no-plot"),
               HasSubstr("Lifted for good, in case the model had any: P1 (liquid, gas), I1 "
                         "(water-injection)\n"));
+}
+
+// Whoever has set a limit of the oil thinks of the well as limited.
+TEST_F(WellCommandsTest, IPRSaysWhyTheLimitsThatWereSetAreNotEnough) {
+  Do("constrain P1 oil=900 gas=1e6 bhp=100");
+  try {
+    Do("ipr P1");
+    FAIL() << "limits of the model would be lifted";
+  } catch (const UsageError& error) {
+    EXPECT_THAT(error.what(), HasSubstr("P1 (liquid). Limits that were set on oil are others, "
+                                        "and stay. Say what holds, constrain P1 liquid=..., "
+                                        "or that nothing does, unconstrain P1 liquid; lift "));
+  }
 }
 
 TEST_F(WellCommandsTest, IPRNeedsNoLeaveWhereThisSessionHasSetTheLimits) {

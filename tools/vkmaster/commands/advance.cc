@@ -112,12 +112,19 @@ Result FieldResult(Session& session) {
   const std::size_t rates = result.fields.size();
   std::vector<double> values;
   for (const Field& field : result.fields) values.push_back(std::get<double>(field.value));
-  const std::vector<double>& sums = session.AddUp(session.TimeDays(), values);
+  const std::optional<std::vector<double>> sums = session.AddUp(session.TimeDays(), values);
   for (std::size_t i = 0; i < rates; ++i) {
     const Field rate = result.fields[i];
     const std::string key = rate.key.substr(0, rate.key.find("_rate")) + "_total";
     const std::string unit = rate.unit.substr(0, rate.unit.find("/d"));
-    result.fields.push_back({key, rate.label + " total", sums[i], unit});
+    result.fields.push_back({key, rate.label + " total", {}, unit});
+    if (sums) result.fields.back().value = (*sums)[i];
+  }
+  if (!sums) {
+    result.notes.push_back(
+        fmt::format("The totals add up from here, day {:.6g}, on: field was not asked for before. "
+                    "Ask for it often, each rate counts for the days since the time before",
+                    session.last_days()));
   }
   return result;
 }

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include "tools/vkmaster/commands/wells.h"
 #include "tools/vkmaster/output/plot.h"
@@ -37,30 +38,59 @@ master::WellConstraints FreeRates(const master::WellStatus& well, bool metric) {
   return free;
 }
 
-// Wells with limits that nobody here knows and that the tables would lift for good.
-Words LiftedFor(const Session& session, const Words& names, const WellsByName& wells,
-                bool planned) {
-  Words lifted;
+// A well with rate limits that nobody here knows and that the tables would lift for good.
+struct Lifted {
+  std::string well;
+  Words rates;   // by their short names
+  Words others;  // limits of other rates that were set in this session
+};
+
+std::vector<Lifted> LiftedFor(const Session& session, const Words& names, const WellsByName& wells,
+                              bool planned) {
+  std::vector<Lifted> all;
   for (const std::string& name : names) {
-    std::string rates;
-    for (const std::string& rate : RatesOf(wells.at(name).type)) {
-      if (session.Knows(name, rate, planned)) continue;
-      rates.append(rates.empty() ? "" : ", ").append(ShortName(rate));
+    const std::string& type = wells.at(name).type;
+    const Words overwritten = RatesOf(type);
+    Lifted lifted{name, {}, {}};
+    for (const Quantity& quantity : Quantities()) {
+      const std::string& property = quantity.property;
+      const bool known = session.Knows(name, property, planned);
+      if (std::count(overwritten.begin(), overwritten.end(), property) > 0) {
+        if (!known) lifted.rates.push_back(quantity.name);
+      } else if (known && property.ends_with("_RATE")) {
+        lifted.others.push_back(quantity.name);
+      }
     }
-    if (rates.empty()) continue;
-    lifted.push_back(std::string(name).append(" (").append(rates).append(")"));
+    if (!lifted.rates.empty()) all.push_back(std::move(lifted));
   }
-  return lifted;
+  return all;
+}
+
+std::string Joined(const Words& words, const std::string& between) {
+  return fmt::format("{}", fmt::join(words, between));
+}
+
+std::string ListOf(const std::vector<Lifted>& all) {
+  Words texts;
+  for (const Lifted& one : all) texts.push_back(one.well + " (" + Joined(one.rates, ", ") + ")");
+  return Listed(texts);
 }
 
 // The forecast would change, and nobody would notice.
-void CheckLimits(const IPROrder& order, const Words& lifted) {
+void CheckLimits(const IPROrder& order, const std::vector<Lifted>& lifted) {
   if (order.keep || order.lift || lifted.empty()) return;
-  throw UsageError(
+  const Lifted& first = lifted.front();
+  std::string text =
       "The tables would lift rate limits that the model may have and that cannot be asked for: " +
-      Listed(lifted) +
-      ". Set them with constrain or unconstrain before, or say lift; keep leaves the wells cut "
-      "back");
+      ListOf(lifted) + ". ";
+  if (!first.others.empty()) {
+    text += "Limits that were set on " + Joined(first.others, ", ") + " are others, and stay. ";
+  }
+  throw UsageError(text +
+                   fmt::format("Say what holds, constrain {0} {1}=..., or that nothing does, "
+                               "unconstrain {0} {2}; lift lifts what the model has for good, "
+                               "and keep leaves the wells cut back",
+                               first.well, Joined(first.rates, "=... "), Joined(first.rates, " ")));
 }
 
 void Restore(Session& session, const std::vector<std::string>& names, const WellsByName& before) {
@@ -204,7 +234,7 @@ Result BuildIPR(Session& session, const IPROrder& order) {
   const std::vector<std::string> names = session.Resolve(order.wells);
   CheckComponents(session, order);
   const WellsByName before = ByName(session.Wells());
-  const Words lifted = LiftedFor(session, names, before, false);
+  const std::vector<Lifted> lifted = LiftedFor(session, names, before, false);
   CheckLimits(order, lifted);
   const Units& units = UnitsOf(session.Metric());
   const int components =
@@ -250,7 +280,7 @@ Result BuildIPR(Session& session, const IPROrder& order) {
         "The wells have their statuses again, and the rate limits of this session. Lifted for "
         "good, "
         "in case the model had any: " +
-        Listed(lifted));
+        ListOf(lifted));
   }
   return result;
 }

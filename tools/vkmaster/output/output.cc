@@ -142,7 +142,7 @@ std::string FormatFields(const std::vector<Field>& fields) {
   std::string text;
   for (const Field& field : fields) {
     const std::string value = Printable(FormatValue(field.value, false));
-    const std::string unit = field.unit.empty() ? "" : " " + field.unit;
+    const std::string unit = value.empty() || field.unit.empty() ? "" : " " + field.unit;
     text += TrimRight(Pad(field.label, width, false).append("  ").append(value).append(unit));
     text += '\n';
   }

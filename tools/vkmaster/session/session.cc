@@ -175,13 +175,14 @@ void Session::Plan(const master::WellConstraints& constraints) {
   for (const std::string& name : constraints.names) planned_.insert({constraints.well, name});
 }
 
-const std::vector<double>& Session::AddUp(double days, const std::vector<double>& rates) {
+std::optional<std::vector<double>> Session::AddUp(double days, const std::vector<double>& rates) {
   sums_.resize(rates.size());
+  const bool first = !added_up_to_;
   for (std::size_t i = 0; i < rates.size(); ++i) {
     sums_[i] += rates[i] * (days - added_up_to_.value_or(days));
   }
   added_up_to_ = days;
-  return sums_;
+  return first && days > 0 ? std::nullopt : std::optional(sums_);
 }
 
 void SetConstraint(master::WellConstraints& well, const std::string& name, double value) {

@@ -93,9 +93,10 @@ class Session {
   bool Knows(const std::string& well, const std::string& name, bool planned) const;
   void Plan(const master::WellConstraints& constraints);
 
-  /// Adds rates times the days since the last call to the sums of all calls, and returns these. The
-  /// first call of a session gives zeros.
-  const std::vector<double>& AddUp(double days, const std::vector<double>& rates);
+  /// Adds rates times the days since the last call to the sums of all calls, and returns these.
+  /// Nothing in the first call of a session, unless the run is at its start, where nothing has
+  /// flowed yet.
+  std::optional<std::vector<double>> AddUp(double days, const std::vector<double>& rates);
 
   /// The external sources that were attached in this session.
   void RememberSource(const std::string& source) { sources_.insert(source); }
