@@ -2,8 +2,8 @@
 # With it, and the prefix /usr, as a distribution's package has it: programs in lib/jobmill with links
 # where commands are looked for, configuration in /etc/jobmill, units where systemd looks.
 #
-# Everything belongs to one of the components daemon, client, simulator, status, gate and python: each
-# is a package.
+# Everything belongs to one of the components daemon, client, simulator, status, gate, python, library and
+# development: each is a package.
 
 include(GNUInstallDirs)
 set(JOBMILL_UNITS lib/systemd/system CACHE STRING

@@ -21,6 +21,10 @@ bin/vkjobmill.exe
 bin/vkmaster
 bin/vkmpi_dir.sh
 bin/vksim
+include/jobmill_master.h
+lib/libjobmill-master.so
+lib/libjobmill-master.so.0
+lib/libjobmill-master.so.0.1.0
 share/bash-completion/completions/jobmillctl
 share/bash-completion/completions/vkgate
 share/bash-completion/completions/vkmaster
@@ -29,6 +33,9 @@ share/jobmill/describe.sh
 share/jobmill/examples/COMP.afi
 share/jobmill/examples/TENWELLS.afi
 share/jobmill/examples/TWOWELLS.afi
+share/jobmill/examples/master/Forecast.cs
+share/jobmill/examples/master/forecast.c
+share/jobmill/examples/master/forecast.py
 share/jobmill/examples/toy_field.py
 share/jobmill/gate/authority
 share/jobmill/gate/gate.conf

@@ -11,7 +11,8 @@ setup() {
 
 teardown() { rm -rf "${work:-}"; }
 
-names=(jobmill jobmill-client jobmill-gate jobmill-simulator jobmill-status python3-jobmill)
+names=(jobmill jobmill-client jobmill-gate jobmill-simulator jobmill-status python3-jobmill
+  libjobmill-master0 libjobmill-master-dev)
 
 @test "LintianFindsNothingThatHasNoReason" {
   lintian --allow-root --tag-display-limit 0 --fail-on error,warning "$packages"/*.deb
@@ -25,7 +26,7 @@ names=(jobmill jobmill-client jobmill-gate jobmill-simulator jobmill-status pyth
 
 @test "RpmlintFindsNothingThatHasNoReason" {
   rpmlint --config "$root_directory/deploy/rpmlint.toml" "$packages"/*.rpm >"$work/findings"
-  grep -qE '6 packages and 0 specfiles checked; 0 errors, 0 warnings' "$work/findings"
+  grep -qE '8 packages and 0 specfiles checked; 0 errors, 0 warnings' "$work/findings"
 }
 
 @test "VersionIsTheSameEverywhere" {
@@ -44,6 +45,7 @@ tree() {
   (cd "$1" && find . -mindepth 1 \( -type l -printf '%p -> %l\n' -o -type f -printf '%p %m\n' \)) |
     sed -e 's:^\./lib/systemd:./usr/lib/systemd:' -e 's:/zsh/vendor-completions/:/zsh/site-functions/:' \
       -e 's:/usr/lib/python3/dist-packages/:/usr/share/jobmill/python/:' \
+      -e 's:/usr/lib/[a-z0-9_]*-linux-gnu/:/usr/lib64/:' \
       -e '\:/usr/share/\(doc\|lintian\|python3\)/:d' | sort
 }
 
@@ -57,7 +59,7 @@ tree() {
     tree "$work/$name/rpm" | diff "$work/deb.txt" -
     (($(wc -l <"$work/deb.txt") >= 2))
     # The same bytes, too.
-    [[ $name == jobmill-status || $name == python3-* ]] ||
+    [[ $name == jobmill-status || $name == python3-* || $name == lib* ]] ||
       cmp "$work/$name"/{deb,rpm}/usr/lib/jobmill/vk*[^s]
   done
   cd "$work/jobmill"
@@ -174,16 +176,16 @@ FILES
   [[ -z $(git -C "$root_directory" status --porcelain) ]] || skip 'needs all to be committed'
   git clone --quiet "$root_directory" "$work/clone"
   "$work/clone/scripts/package" "$work/again" >"$work/said"
-  (cd "$packages" && sha256sum {,python3-}jobmill*) >"$work/sums"
+  (cd "$packages" && sha256sum {,python3-,lib}jobmill*) >"$work/sums"
   (cd "$work/again" && sha256sum --check --quiet "$work/sums")
-  (($(wc -l <"$work/sums") == 14))
+  (($(wc -l <"$work/sums") == 18))
 }
 
 @test "RpmsAreInstalledAndRemovedBesideEachOther" {
   mkdir -p "$work/root"/{etc,usr,var}
   local rpm=(rpm --root "$work/root") change=(--nodeps --noscripts)
   "${rpm[@]}" -i "${change[@]}" "$packages"/*.rpm 2>"$work/complaints"
-  [[ $("${rpm[@]}" -qa | wc -l) == 6 ]]
+  [[ $("${rpm[@]}" -qa | wc -l) == 8 ]]
   "${rpm[@]}" -V --nodeps "${names[@]}"
   [[ $(stat -c '%a %s' "$work/root/etc/jobmill/users") == '600 0' ]]
   "$work/root/usr/sbin/vkjobmill.exe" -v | grep -q '^Jobmill'
