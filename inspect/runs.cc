@@ -24,12 +24,15 @@ constexpr int kAttempts = 4;
 // Puts together what the parts know.
 class Survey {
  public:
+  explicit Survey(const std::string& gates) { found_.gates = ReadGates(gates, Now()); }
+
   Runs Find();
 
  private:
   void AddDaemon(const Jobmill& jobmill);
   void AddRun(const Jobmill& first);
   void Describe(const Jobmill& jobmill, Run& run);
+  void AddGate(Run& run) const;
   void AddScript(const Jobmill& jobmill, Run& run) const;
 
   const double looked_ = Now();  // before anything is read
@@ -126,6 +129,7 @@ void Survey::Describe(const Jobmill& jobmill, Run& run) {
   }
   if (master) {
     run.master = master->socket.remote;
+    AddGate(run);
     if (master->socket.since_received) run.last_heard = Now() - *master->socket.since_received;
   }
   const std::string comms_log = jobmill.FileWith("", ".crvnlog");
@@ -138,6 +142,14 @@ void Survey::Describe(const Jobmill& jobmill, Run& run) {
   }
   SetState(machine_, jobmill, master, simulator, run);
   launches_.Add(jobmill, run);
+}
+
+// A gate is a master on this machine, or in the next one that forwards its port.
+void Survey::AddGate(Run& run) const {
+  const GateLink* link = FindLink(found_.gates, run.master->port, run.listen_port);
+  if (link == nullptr || !run.master->address.starts_with("127.")) return;
+  run.gate = link->peer;
+  if (!link->proof.empty()) run.proven = link->proof;
 }
 
 void Survey::AddScript(const Jobmill& jobmill, Run& run) const {
@@ -189,8 +201,8 @@ double Now() {
   return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
 }
 
-Runs FindRuns() {
-  return Survey().Find();
+Runs FindRuns(const std::string& gates) {
+  return Survey(gates).Find();
 }
 
 }  // namespace inspect

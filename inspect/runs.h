@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "config/options.h"
+#include "inspect/gates.h"
 #include "inspect/process.h"
 #include "inspect/sockets.h"
 
@@ -52,6 +53,8 @@ struct Run {
   std::optional<double> began;  ///< when the master connected
   std::optional<uid_t> user;    ///< of the processes
   std::optional<std::string> windows_user;
+  std::optional<std::string> proven;  ///< the certificate's name by which a gate has let it in
+  std::optional<std::string> gate;    ///< where the other gate is through which it came
   std::optional<std::string> path;
   std::optional<std::string> root;
   std::optional<int> processes;
@@ -81,8 +84,9 @@ struct Run {
 };
 
 struct Runs {
-  std::vector<Daemon> daemons;       ///< by port and start
-  std::vector<Run> runs;             ///< by port and start; lost ones last
+  std::vector<Daemon> daemons;  ///< by port and start
+  std::vector<Run> runs;        ///< by port and start; lost ones last
+  std::vector<Gate> gates;
   std::vector<std::string> missing;  ///< what of all this could not be looked at
   std::optional<double> looked;      ///< when
 };
@@ -93,7 +97,8 @@ bool HasController(const Run& run);
 /// The time, in seconds since 1970.
 double Now();
 
-/// Looks. Takes a moment, and two seconds more when a file system does not answer.
-Runs FindRuns();
+/// Looks. Takes a moment, and two seconds more when a file system does not answer. `gates`: where
+/// the gates of this machine say what goes on.
+Runs FindRuns(const std::string& gates = kGateDirectory);
 
 }  // namespace inspect

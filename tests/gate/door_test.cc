@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <memory>
 #include <string>
@@ -16,6 +17,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/gate/breaking_relay.h"
+#include "tests/jobmillctl/jobmillctl.h"
 #include "tests/support/bytes.h"
 #include "tests/support/ports.h"
 #include "tests/support/running_daemon.h"
@@ -351,6 +353,15 @@ TEST_F(DoorTest, StatusSaysWhoseTheDaemonsConnectionsAre) {
   const auto status = door_.Status();
   const auto link = status["links"][0];
   EXPECT_EQ(link["claimed"], "alice");
+  // The status of the daemon's runs has the same beside what the master claims.
+  const Outcome told =
+      Jobmillctl({"status", "--json", "--gates", door_.directory().path().string()});
+  const auto runs = nlohmann::json::parse(told.out)["runs"];
+  const auto run = std::find_if(runs.begin(), runs.end(),
+                                [&](const auto& any) { return any["port"] == daemon_.port(); });
+  ASSERT_NE(run, runs.end()) << told.out;
+  EXPECT_EQ((*run)["proven_name"], "upn:alice@example.com");
+  EXPECT_THAT((*run)["gate"].get<std::string>(), StartsWith("127.0.0.1:"));
   EXPECT_EQ(link["proof"], "upn:alice@example.com");
   EXPECT_EQ(link["broken_seconds"], nullptr);
   EXPECT_GT(link["bytes_to_daemon"], 30);

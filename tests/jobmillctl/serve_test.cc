@@ -357,6 +357,13 @@ TEST(MetricsTest, EveryValueOfEveryLabelIsThere) {
   found.runs = {RunOf(1, inspect::RunState::kScript, now - 7200),
                 RunOf(2, inspect::RunState::kScript, now - 60),
                 RunOf(3, inspect::RunState::kLost, now)};
+  found.gates.resize(2);
+  found.gates[0].links.resize(2);
+  found.gates[0].links[1].broken = true;
+  found.gates[0].counts["denied"] = 4;
+  found.gates[0].list_expires = 1500;
+  found.gates[1].links.resize(1);
+  found.gates[1].counts["denied"] = 3;
   site.Write(found, now);
   const auto some = SamplesOf(site.Ask("/metrics"));
   EXPECT_EQ(some.at("jobmill_collector_up"), "1");
@@ -367,6 +374,12 @@ TEST(MetricsTest, EveryValueOfEveryLabelIsThere) {
   EXPECT_EQ(some.at("jobmill_oldest_wait_seconds{state=\"waiting for the script\"}"), "7200");
   EXPECT_EQ(some.at("jobmill_refusals_total{reason=\"unknown user\"}"), "0");
   EXPECT_EQ(some.at("jobmill_comms_ports"), "200");
+  EXPECT_EQ(some.at("jobmill_gates"), "2");
+  EXPECT_EQ(some.at("jobmill_gate_links"), "3");
+  EXPECT_EQ(some.at("jobmill_gate_links_broken"), "1");
+  EXPECT_EQ(some.at("jobmill_gate_events_total{event=\"denied\"}"), "7");
+  EXPECT_EQ(some.at("jobmill_gate_events_total{event=\"admitted\"}"), "0");
+  EXPECT_EQ(some.at("jobmill_gate_revocation_list_expiry_timestamp_seconds"), "1500");
   using Sample = std::pair<const std::string, std::string>;
   EXPECT_TRUE(std::ranges::equal(some, nothing, {}, &Sample::first, &Sample::first));
 }

@@ -116,9 +116,9 @@ class Part {
   double text_time_ = 0;
 };
 
-std::string LookAtRuns(const std::string& last) {
+std::string LookAtRuns(const std::string& gates, const std::string& last) {
   const Json before = last.empty() ? Json() : Json::parse(last).at("measures");
-  const inspect::Runs found = inspect::FindRuns();
+  const inspect::Runs found = inspect::FindRuns(gates);
   const double now = inspect::Now();
   return TextOf({{"status", JsonOf(found, now)}, {"measures", Measure(found, now, before)}});
 }
@@ -163,6 +163,7 @@ void Replace(const std::string& file, const std::string& text) {
 struct Given {
   SiteOptions site;
   std::string file = kSnapshotFile;
+  std::string gates = inspect::kGateDirectory;
   int every = 5;
   bool once = false;
 };
@@ -170,7 +171,8 @@ struct Given {
 std::vector<Part> PartsOf(const Given& given) {
   const seconds every(given.every);
   std::vector<Part> parts;
-  parts.emplace_back("runs", every, kLongestLook, LookAtRuns);
+  parts.emplace_back("runs", every, kLongestLook,
+                     [&given](const std::string& last) { return LookAtRuns(given.gates, last); });
   parts.emplace_back("history", 12 * every, 2 * kLongestLook, LookAtHistory);
   parts.emplace_back("check", 180 * every, kLongestCheck, [&given](const std::string&) {
     return TextOf(FindingsOf(given.site.Sites()));
@@ -214,6 +216,9 @@ void DeclareCollect(CLI::App& app, Action& chosen) {
   given->site.Declare(*command);
   command->add_option("--snapshot", given->file, "The file for serve")
       ->type_name("FILE")
+      ->capture_default_str();
+  command->add_option("--gates", given->gates, "Where the gates of this machine say what goes on")
+      ->type_name("DIR")
       ->capture_default_str();
   command
       ->add_option("--every", given->every,

@@ -141,6 +141,21 @@ Json UseOf(const Daemon& daemon, const Runs& found, const inspect::TcpSockets& s
   return use;
 }
 
+Json UseOf(const inspect::Gate& gate) {
+  Json use{{"file", gate.file},
+           {"links", gate.links.size()},
+           {"broken", std::ranges::count(gate.links, true, &inspect::GateLink::broken)},
+           {"most_links", gate.most_links},
+           {"arriving", gate.arriving},
+           {"list_expires", OrNull(gate.list_expires)},
+           {"counts", Json::object()}};
+  for (const char* what : kGateCounts) {
+    const auto count = gate.counts.find(what);
+    use["counts"][what] = count == gate.counts.end() ? 0 : count->second;
+  }
+  return use;
+}
+
 }  // namespace
 
 void CountLines(std::string_view text, Json& measured) {
@@ -168,6 +183,8 @@ Json Measure(const Runs& found, double now, const Json& before) {
   for (const Daemon& daemon : found.daemons) {
     measured["daemons"].push_back(UseOf(daemon, found, sockets));
   }
+  measured["gates"] = Json::array();
+  for (const inspect::Gate& gate : found.gates) measured["gates"].push_back(UseOf(gate));
   return measured;
 }
 

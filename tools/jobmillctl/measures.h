@@ -21,6 +21,9 @@ inline constexpr std::array kStates = {
 /// How a launch can come out, and why a master can be refused, as far as the daemon's log tells.
 /// These words are for programs, too: they stay.
 inline constexpr std::array kLaunchResults = {"host named", "no host", "not started"};
+/// What the gates count, by their own words.
+inline constexpr std::array kGateCounts = {"connections", "refused", "links",   "admitted",
+                                           "denied",      "broken",  "resumed", "ended"};
 inline constexpr std::array kRefusalReasons = {"unknown user",   "user not allowed", "no account",
                                                "account change", "user file",        "environment",
                                                "not a master",   "broken connection"};

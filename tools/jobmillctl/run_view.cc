@@ -71,6 +71,8 @@ Json JsonOf(const Run& run, double now) {
           {"connected_seconds", AgeOrNull(run.began, now)},
           {"master", run.master ? Json(Text(*run.master)) : Json(nullptr)},
           {"windows_user", OrNull(run.windows_user)},
+          {"proven_name", OrNull(run.proven)},
+          {"gate", OrNull(run.gate)},
           {"account", run.user ? Json(AccountName(*run.user)) : Json(nullptr)},
           {"path", OrNull(run.path)},
           {"root", OrNull(run.root)},
@@ -132,6 +134,11 @@ std::string LastRequestOf(const Run& run) {
   return run.last_request ? inspect::RequestName(*run.last_request) : "";
 }
 
+// The name that the master claims, and the one that its certificate has proven.
+std::string UserOf(const Run& run) {
+  return Or(run.windows_user) + (run.proven ? " " + Printable(*run.proven) : "");
+}
+
 // What else there is to say about the state.
 std::string NoteOf(const Run& run) {
   if (run.state == RunState::kEnded) return run.cause.value_or("");
@@ -144,7 +151,7 @@ Row RowOf(const Run& run, double now) {
           Name(run.state),
           AgeText(run.since, now),
           run.user ? Or(AccountName(*run.user)) : "-",
-          Or(run.windows_user),
+          UserOf(run),
           Or(ModelOf(run)),
           Or(run.processes),
           Or(run.comms_port),

@@ -28,6 +28,7 @@ struct Given {
   std::string run;
   bool json = false;
   bool watch = false;
+  std::string gates = inspect::kGateDirectory;
 };
 
 // A run that has ended is found by its root name or its id in the history. A number is taken for
@@ -62,7 +63,7 @@ std::string ComputingText(const inspect::Run& run) {
 }
 
 int PrintStatus(const Given& given) {
-  inspect::Runs found = inspect::FindRuns();
+  inspect::Runs found = inspect::FindRuns(given.gates);
   const double now = inspect::Now();
   AddCauses(found);
   if (!given.run.empty()) {
@@ -100,6 +101,9 @@ void DeclareStatus(CLI::App& app, Action& chosen) {
   status->add_option("RUN", given->run, "Everything about one run: its number, root name or job");
   auto* json = status->add_flag("--json", given->json, "Print one JSON document");
   status->add_flag("--watch", given->watch, "Go on saying it, until q or Ctrl-C")->excludes(json);
+  status->add_option("--gates", given->gates, "Where the gates of this machine say what goes on")
+      ->type_name("DIR")
+      ->capture_default_str();
   status->callback([given, &chosen] {
     chosen = [given] { return given->watch ? Watch(given->run) : PrintStatus(*given); };
   });

@@ -160,6 +160,44 @@ void WriteLimits(const Json& measures, Writer& writer) {
                OfDaemons(measures, "log_free_bytes", least));
 }
 
+// The sum of a field over all gates; without a gate nothing is known.
+double OfGates(const Json& measures, const char* field) {
+  double sum = kNotKnown;
+  for (const Json& gate : At(measures, {"gates"})) {
+    sum = (std::isnan(sum) ? 0 : sum) + NumberOf(gate, field).value_or(0);
+  }
+  return sum;
+}
+
+void WriteGates(const Json& measures, Writer& writer) {
+  const Json& gates = At(measures, {"gates"});
+  writer.Gauge("gates", "Serving gates that run on this machine.",
+               gates.is_array() ? static_cast<double>(gates.size()) : kNotKnown);
+  writer.Gauge("gate_links", "Links of all gates, broken ones included.",
+               OfGates(measures, "links"));
+  writer.Gauge("gate_links_broken", "Links that are broken and may be resumed.",
+               OfGates(measures, "broken"));
+  writer.Gauge("gate_links_limit", "Links that all gates may have.",
+               OfGates(measures, "most_links"));
+  writer.Gauge("gate_arriving", "Connections that have not proven anything yet.",
+               OfGates(measures, "arriving"));
+  writer.Begin("gate_events_total", "counter",
+               "What has happened at the gates since they were started.");
+  for (const char* what : kGateCounts) {
+    double sum = kNotKnown;
+    for (const Json& gate : gates) {
+      sum = (std::isnan(sum) ? 0 : sum) + NumberOf(At(gate, {"counts"}), what).value_or(0);
+    }
+    writer.Sample(Label("event", what), sum);
+  }
+  double expires = kNotKnown;
+  for (const Json& gate : gates) {
+    expires = std::fmin(expires, NumberOf(gate, "list_expires").value_or(kNotKnown));
+  }
+  writer.Gauge("gate_revocation_list_expiry_timestamp_seconds",
+               "When the first list of revoked certificates becomes too old, since 1970.", expires);
+}
+
 void WriteEndings(const View& view, Writer& writer) {
   constexpr double kDay = 86400;
   const Json& runs = At(view.snapshot, {"history", "document", "runs"});
@@ -197,6 +235,7 @@ std::string Metrics(const View& view) {
   const Json& measures = At(view.snapshot, {"runs", "document", "measures"});
   WriteCounts(measures, writer);
   WriteLimits(measures, writer);
+  WriteGates(measures, writer);
   WriteEndings(view, writer);
   WriteFindings(view, writer);
   return writer.Take();

@@ -1,0 +1,66 @@
+#include "inspect/gates.h"
+
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "tests/support/temporary_directory.h"
+
+namespace inspect {
+namespace {
+
+constexpr double kNow = 1000000;
+
+std::string Document(const std::string& time, const std::string& running = "true") {
+  return R"({"schema":1,"time":)" + time + R"(,"running":)" + running +
+         R"(,"daemon":"127.0.0.1:5000","most_links":2000,"arriving":1,
+            "counts":{"links":3,"denied":1},
+            "revocation_lists":[{"file":"a","issuer":"b","next_update":2000},
+                                {"file":"c","issuer":"d","next_update":1500}],
+            "links":[{"daemon_port":40000,"peer":"192.0.2.7:50000","claimed":"alice",
+                      "proof":"upn:alice@example.com","broken_seconds":null},
+                     {"daemon_port":40001,"peer":"192.0.2.8:50000","broken_seconds":4.5}]})";
+}
+
+class GatesTest : public testing::Test {
+ protected:
+  std::vector<Gate> Read() const { return ReadGates(directory_.path().string(), kNow); }
+  TemporaryDirectory directory_;
+};
+
+TEST_F(GatesTest, DocumentIsReadWhole) {
+  directory_.Write("a.json", Document("999990"));
+  const auto gates = Read();
+  ASSERT_EQ(gates.size(), 1U);
+  EXPECT_EQ(gates[0].daemon_port, 5000);
+  EXPECT_EQ(gates[0].counts.at("links"), 3);
+  EXPECT_EQ(gates[0].list_expires, 1500);
+  ASSERT_EQ(gates[0].links.size(), 2U);
+  EXPECT_EQ(gates[0].links[0].proof, "upn:alice@example.com");
+  EXPECT_FALSE(gates[0].links[0].broken);
+  EXPECT_EQ(gates[0].links[1].proof, "");
+  EXPECT_TRUE(gates[0].links[1].broken);
+}
+
+TEST_F(GatesTest, LinkIsFoundByBothPorts) {
+  directory_.Write("a.json", Document("999990"));
+  const auto gates = Read();
+  ASSERT_NE(FindLink(gates, 40001, 5000), nullptr);
+  EXPECT_EQ(FindLink(gates, 40001, 5000)->peer, "192.0.2.8:50000");
+  EXPECT_EQ(FindLink(gates, 40001, 5001), nullptr);
+  EXPECT_EQ(FindLink(gates, 40002, 5000), nullptr);
+}
+
+TEST_F(GatesTest, OldAndEndedGatesAndOtherFilesAreLeftOut) {
+  directory_.Write("old.json", Document("999960"));
+  directory_.Write("ended.json", Document("999990", "false"));
+  directory_.Write("text.json", "nonsense");
+  directory_.Write("other.json", "{\"schema\":1}");
+  directory_.Write("types.json", R"({"time":"now","running":true,"links":[{"daemon_port":"x"}]})");
+  directory_.Write("a.txt", Document("999990"));
+  EXPECT_TRUE(Read().empty());
+  EXPECT_TRUE(ReadGates(directory_.File("none"), kNow).empty());
+}
+
+}  // namespace
+}  // namespace inspect
