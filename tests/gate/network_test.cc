@@ -1,0 +1,361 @@
+// What networks, and others on them, do to links between both gates as programs. Small here; with
+// JOBMILL_FULL_SIZE set, as CI does, in the sizes that the page on reliability names.
+
+#include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <functional>
+#include <iostream>
+#include <memory>
+#include <random>
+#include <string>
+#include <thread>
+#include <variant>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "gate/opening.h"
+#include "tests/gate/breaking_relay.h"
+#include "tests/gate/door.h"
+#include "tests/gate/echo_daemon.h"
+#include "tests/gate/raw_gate.h"
+#include "tests/support/bytes.h"
+#include "tests/support/delaying_relay.h"
+#include "tests/support/private_network.h"
+#include "tests/system/site.h"
+
+namespace {
+
+using gate::Answer;
+using gate::Opening;
+using gate::Reason;
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using testing::HasSubstr;
+
+const bool kFullSize = std::getenv("JOBMILL_FULL_SIZE") != nullptr;
+
+std::string RandomBytes(std::size_t size) {
+  std::mt19937 random(20261122);
+  std::string bytes(size, '\0');
+  for (char& byte : bytes) byte = static_cast<char>(random());
+  return bytes;
+}
+
+// A master that an EchoDaemon has let in. Throws when it is not.
+Descriptor Admitted(int port) {
+  Descriptor link = ConnectToLoopback(port);
+  WriteAll(link.get(), RunRequestOf("alice"));
+  const std::string expected = Frame("3") + RunRequestOf("alice");
+  if (ReadExactly(link.get(), expected.size()) != expected) throw std::runtime_error("not let in");
+  return link;
+}
+
+bool IsEchoed(const Descriptor& link, const std::string& bytes) {
+  std::thread writer([&] { WriteAll(link.get(), bytes); });
+  const std::string got = ReadExactly(link.get(), bytes.size());
+  writer.join();
+  return got == bytes;
+}
+
+std::string DeckOf(int wells) {
+  std::string deck =
+      "[run]\nunits = \"METRIC\"\nfluid = \"BLACK_OIL\"\nstart = 2020-02-27\nend_time = 4000\n"
+      "max_step = 10\n[reservoir]\npressure = 300\ntemperature = 95\nlength = 20000\n"
+      "width = 15000\nthickness = 15\nporosity = 0.2\nwater_saturation = 0.2\n[black_oil]\n"
+      "api = 35\ngas_gravity = 0.75\nbubble_point = 180\n[flow]\noil_viscosity = 0.8\n"
+      "water_viscosity = 0.4\n";
+  for (int i = 0; i < wells; ++i) {
+    deck += "[[well]]\nname = \"X" + std::to_string(i) +
+            "\"\ntype = \"PRODUCER\"\nproductivity_index = 0.01\ndepth = 1300\n"
+            "tubing_diameter = 88.9\n[well.constraints]\nBOTTOM_HOLE_PRESSURE = 120\n";
+  }
+  return deck;
+}
+
+std::string Said(const std::vector<master::WellData>& points) {
+  std::string said;
+  for (const master::WellData& point : points) {
+    said += point.status + Image(point.oil_rate) + Image(point.gas_rate) + Image(point.water_rate) +
+            Image(point.bottom_hole_pressure);
+  }
+  return said;
+}
+
+// A run of many wells whose data are fetched all the time, with and without reading ahead, while
+// its link is cut at random moments.
+TEST(GateNetworkTest, RunOfManyWellsCutAtRandomMomentsIsTheUncutRun) {
+  const int wells = kFullSize ? 5000 : 300;
+  const int cuts = kFullSize ? 200 : 30;
+  std::vector<std::string> names;
+  for (int i = 0; i < wells; ++i) names.push_back("X" + std::to_string(i));
+  Site site;
+  Door door(site.daemon().port());
+  for (const bool ahead : {true, false}) {
+    BreakingRelay relay(door.serving().port());
+    Door::Words options{"--longest-pause=0.02"};
+    if (!ahead) options.emplace_back("--no-ahead");
+    const auto gate = door.Connect(door.alice(), options, relay.port());
+    std::vector<std::string> heard;
+    {
+      const auto run = site.Start("CUT", DeckOf(wells), "20172", gate->port());
+      if (ahead) run->AskOneByOne();
+      std::atomic<bool> stop = false;
+      std::thread cutter([&] {
+        std::mt19937 random(1);
+        while (!stop) {
+          std::this_thread::sleep_for(milliseconds(random() % 60));
+          relay.Cut();
+        }
+      });
+      for (int day = 1; relay.count() <= cuts; ++day) {
+        run->RunUntil(day);
+        heard.push_back(Said(run->GetWellData(names)));
+      }
+      stop = true;
+      cutter.join();
+      run->Shutdown();
+    }
+    EXPECT_EQ(gate->Await("ended")["how"], "both ends have finished");
+    const auto uncut = site.Start("UNCUT", DeckOf(wells));
+    for (std::size_t i = 0; i < heard.size(); ++i) {
+      uncut->RunUntil(static_cast<double>(i + 1));
+      ASSERT_TRUE(Said(uncut->GetWellData(names)) == heard[i]) << "day " << i + 1;
+    }
+    uncut->Shutdown();
+    std::cout << relay.count() - 1 << " cuts in " << heard.size() << " days of " << wells
+              << " wells\n";
+  }
+}
+
+TEST(GateNetworkTest, MemoryAndDescriptorsAreFlatOverResumptions) {
+  constexpr int kLinks = 20;
+  const int rounds = kFullSize ? 500 : 15;
+  EchoDaemon daemon;
+  Door door(daemon.port());
+  BreakingRelay relay(door.serving().port());
+  const auto gate = door.Connect(door.alice(), {"--longest-pause=0.02"}, relay.port());
+  std::vector<Descriptor> links;
+  for (int i = 0; i < kLinks; ++i) links.push_back(Admitted(gate->port()));
+  const std::string bytes = RandomBytes(50'000);
+  const pid_t gates[] = {door.serving().pid(), gate->pid()};
+  const auto round = [&] {
+    relay.Cut();
+    for (const Descriptor& link : links) ASSERT_TRUE(IsEchoed(link, bytes));
+  };
+  for (int i = 0; i < 5; ++i) round();
+  long memory[2];
+  std::size_t descriptors[2];
+  for (int i = 0; i < 2; ++i) {
+    memory[i] = StatusValue(gates[i], "VmRSS");
+    descriptors[i] = OpenDescriptors(gates[i]);
+  }
+  for (int i = 0; i < rounds; ++i) round();
+  EXPECT_GE(relay.count(), kLinks * (rounds + 6));
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_LT(StatusValue(gates[i], "VmRSS"), memory[i] + 1024) << i;
+    EXPECT_TRUE(Eventually([&] { return OpenDescriptors(gates[i]) <= descriptors[i]; })) << i;
+    std::cout << kLinks * rounds << " resumptions: " << memory[i] << " KiB before, "
+              << StatusValue(gates[i], "VmRSS") << " KiB after\n";
+  }
+}
+
+// A laptop that is closed and opened: the process stands still, the other end gives the connection
+// up.
+TEST(GateNetworkTest, GateThatHasSleptGoesOn) {
+  EchoDaemon daemon;
+  Door door(daemon.port(), {"--silence=1"});
+  const auto gate = door.Connect(door.alice(), {"--silence=1"});
+  const Descriptor link = Admitted(gate->port());
+  kill(gate->pid(), SIGSTOP);
+  door.serving().Await("broken");
+  WriteAll(link.get(), "said in its sleep");
+  kill(gate->pid(), SIGCONT);
+  EXPECT_EQ(ReadExactly(link.get(), 17), "said in its sleep");
+  EXPECT_EQ(gate->Lines("resumed").size(), 1U);
+}
+
+TEST(GateNetworkTest, SecondsOfDelayBreakNothing) {
+  EchoDaemon daemon;
+  Door door(daemon.port());
+  const DelayingRelay relay(door.serving().port(), milliseconds(1200));
+  const auto gate = door.Connect(door.alice(), {"--silence=8"}, relay.port());
+  const Descriptor link = Admitted(gate->port());
+  EXPECT_TRUE(IsEchoed(link, RandomBytes(2 << 20)));
+  EXPECT_EQ(gate->Lines("broken").size(), 0U);
+}
+
+// Somebody with or without the right to a link. Each gate is beside an EchoDaemon, which greets
+// with five bytes: 18 as a frame.
+class HijackTest : public testing::Test {
+ protected:
+  RawGate Connect(const Identity& identity) {
+    return RawGate(door_.serving().port(), identity, door_.authority().file());
+  }
+
+  static Answer Open(RawGate& gate, const Opening& opening) {
+    gate.Say(BytesOf(opening));
+    return std::get<Answer>(gate::ReadAnswer(gate.Hear(Answer::kSize)));
+  }
+
+  // A new link of alice's, whose greeting has come.
+  gate::LinkId Begin(RawGate& alice) {
+    const Answer answer = Open(alice, Opening{});
+    EXPECT_TRUE(answer.accepted);
+    EXPECT_EQ(alice.Hear(18), Bytes("01 05 00 00 00 8*(00) 01 00 00 00 '3'"));
+    return answer.id;
+  }
+
+  EchoDaemon daemon_;
+  Door door_{daemon_.port()};
+};
+
+TEST_F(HijackTest, SomebodyElseIsToldThatThereIsNoSuchLink) {
+  RawGate alice = Connect(door_.alice());
+  const gate::LinkId id = Begin(alice);
+  RawGate bob = Connect(door_.authority().Issue("bob", {.upn = "bob@example.com"}));
+  const Answer answer = Open(bob, Opening{.id = id, .epoch = 1, .received = 5});
+  EXPECT_FALSE(answer.accepted);
+  EXPECT_EQ(answer.refusal, Reason::kUnknown);
+  EXPECT_EQ(bob.Hear(1), "");
+  EXPECT_TRUE(alice.IsAnswered());
+}
+
+TEST_F(HijackTest, OpeningIsAcceptedOnce) {
+  RawGate first = Connect(door_.alice());
+  const Opening again{.id = Begin(first), .epoch = 5, .received = 5};
+  RawGate second = Connect(door_.alice());
+  EXPECT_TRUE(Open(second, again).accepted);
+  for (const std::uint64_t epoch : {5, 4, 1}) {
+    Opening old = again;
+    old.epoch = epoch;
+    RawGate replayed = Connect(door_.alice());
+    const Answer answer = Open(replayed, old);
+    EXPECT_FALSE(answer.accepted);
+    EXPECT_EQ(answer.refusal, Reason::kOldEpoch);
+  }
+  EXPECT_TRUE(second.IsAnswered());
+}
+
+TEST_F(HijackTest, OfTwoThatResumeALinkTheLaterOneHasIt) {
+  RawGate first = Connect(door_.alice());
+  Opening opening{.id = Begin(first), .epoch = 1, .received = 5};
+  RawGate second = Connect(door_.alice());
+  EXPECT_TRUE(Open(second, opening).accepted);
+  EXPECT_FALSE(first.IsAnswered());
+  opening.epoch = 2;
+  RawGate third = Connect(door_.alice());
+  EXPECT_TRUE(Open(third, opening).accepted);
+  EXPECT_FALSE(second.IsAnswered());
+  EXPECT_TRUE(third.IsAnswered());
+}
+
+TEST_F(HijackTest, OpeningOfBytesThatWereNeverSentLeavesTheLinkAlone) {
+  RawGate alice = Connect(door_.alice());
+  Opening opening{.id = Begin(alice), .epoch = 1, .received = 6};
+  RawGate ahead = Connect(door_.alice());
+  EXPECT_EQ(Open(ahead, opening).refusal, Reason::kBrokenRules);
+  EXPECT_TRUE(alice.IsAnswered());
+  opening.received = 5;
+  RawGate right = Connect(door_.alice());
+  EXPECT_TRUE(Open(right, opening).accepted);
+}
+
+TEST_F(HijackTest, FrameThatBreaksARuleEndsTheLinkAlone) {
+  RawGate alice = Connect(door_.alice());
+  Begin(alice);
+  RawGate other = Connect(door_.alice());
+  Begin(other);
+  alice.Say(Bytes("02 ff 7*(00)"));
+  EXPECT_EQ(Hex(alice.Hear(10)), "06 01");
+  EXPECT_TRUE(other.IsAnswered());
+  EXPECT_TRUE(Eventually([&] { return daemon_.connections() == 1; }));
+}
+
+// Runs `trial` in a network of its own, where packets can be dropped.
+void InNetwork(const std::function<void()>& trial) {
+  if (system("nft --version >/dev/null 2>&1") != 0) GTEST_SKIP() << "There is no nft";
+  const auto said = InPrivateNetwork([&]() -> std::string {
+    trial();
+    return testing::Test::HasFailure() ? "failed" : "";
+  });
+  if (!said) GTEST_SKIP() << "The system permits no network of its own";
+  EXPECT_EQ(*said, "");
+}
+
+void Shell(const std::string& command) {
+  if (system(command.c_str()) != 0) throw std::runtime_error("failed: " + command);
+}
+
+// What happens to the packets between the gates.
+void Filter(int port, const std::string& what) {
+  Shell(
+      "nft 'flush ruleset; add table inet t; add chain inet t in { type filter hook input "
+      "priority 0; }; add rule inet t in tcp dport " +
+      std::to_string(port) + " " + what + "; add rule inet t in tcp sport " + std::to_string(port) +
+      " " + what + "'");
+}
+
+TEST(GateNetworkTest, DroppedPacketsAreABreakAndNothingIsLost) {
+  InNetwork([] {
+    EchoDaemon daemon;
+    Door door(daemon.port(), {"--silence=2"});
+    const auto gate =
+        door.Connect(door.alice(), {"--silence=2", "--longest-pause=0.1", "--attempt-wait=1"});
+    const Descriptor link = Admitted(gate->port());
+    for (std::size_t i = 1; i <= 2; ++i) {
+      Filter(door.serving().port(), "drop");
+      WriteAll(link.get(), "said into silence");
+      EXPECT_THAT(gate->Await("broken", i).dump(), HasSubstr("silent"));
+      door.serving().Await("broken", i);
+      Shell("nft flush ruleset");
+      EXPECT_EQ(ReadExactly(link.get(), 17), "said into silence");
+    }
+    EXPECT_TRUE(IsEchoed(link, RandomBytes(100'000)));
+  });
+}
+
+TEST(GateNetworkTest, RandomLossCostsTimeAlone) {
+  InNetwork([] {
+    Shell("ip link set lo mtu 1500");
+    EchoDaemon daemon;
+    Door door(daemon.port());
+    const auto gate = door.Connect(door.alice());
+    const Descriptor link = Admitted(gate->port());
+    Filter(door.serving().port(), "numgen random mod 100 lt 20 counter drop");
+    EXPECT_TRUE(IsEchoed(link, RandomBytes(kFullSize ? 16 << 20 : 2 << 20)));
+    Shell("nft list ruleset | grep -q 'packets [1-9]'");  // some have been
+  });
+}
+
+TEST(GateNetworkTest, ChangedAddressIsTheSameLink) {
+  InNetwork([] {
+    EchoDaemon daemon;
+    Door door(daemon.port(), {"--silence=2"});
+    // The address from which the serving gate is reached, and nothing else is.
+    Shell(
+        "ip rule add pref 10 lookup local; ip rule del pref 0; ip rule add pref 1 ipproto tcp "
+        "dport " +
+        std::to_string(door.serving().port()) + " lookup 100");
+    const auto come_from = [](const std::string& address) {
+      Shell("ip address add " + address + "/32 dev lo");
+      Shell("ip route replace local 127.0.0.1 dev lo src " + address + " table 100");
+    };
+    come_from("10.9.0.1");
+    const auto gate = door.Connect(door.alice(), {"--silence=2", "--attempt-wait=1"});
+    const Descriptor link = Admitted(gate->port());
+    EXPECT_THAT(door.serving().Await("begun")["peer"], HasSubstr("10.9.0.1"));
+    come_from("10.9.0.2");
+    Shell("ip address del 10.9.0.1/32 dev lo");
+    EXPECT_TRUE(IsEchoed(link, RandomBytes(100'000)));
+    EXPECT_THAT(door.serving().Await("resumed")["peer"], HasSubstr("10.9.0.2"));
+  });
+}
+
+}  // namespace
