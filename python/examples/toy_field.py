@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""A toy field: two producers and a water injector on one tank. Starts like every simulator:
+"""A toy field: two producers and two injectors on one tank. Starts like every simulator:
 
     toy_field.py PATH ROOT --port 9001
 """
@@ -10,9 +10,21 @@ from typing import Dict, Mapping, Tuple
 
 from jobmill.simulator import Simulator, run
 
-WELLS = {"P1": "PRODUCER", "P2": "PRODUCER", "I1": "WATER_INJECTOR"}
-FULL_RATE = {"P1": 400.0, "P2": 250.0, "I1": 600.0}  # sm3/d at the first pressure
-LIMITS = ("OIL_PRODUCTION_RATE", "LIQUID_PRODUCTION_RATE", "WATER_INJECTION_RATE")
+WELLS = {"P1": "PRODUCER", "P2": "PRODUCER", "I1": "WATER_INJECTOR", "G1": "GAS_INJECTOR"}
+FULL_RATE = {"P1": 400.0, "P2": 250.0, "I1": 600.0, "G1": 9000.0}  # sm3/d at the first pressure
+GAS_OIL_RATIO = 120.0
+# What a unit of a well's rate counts for in the limits that concern the well.
+LIMITS = {
+    "PRODUCER": {
+        "OIL_PRODUCTION_RATE": 1.0,
+        "LIQUID_PRODUCTION_RATE": 1.0,
+        "GAS_PRODUCTION_RATE": GAS_OIL_RATIO,
+    },
+    "WATER_INJECTOR": {"WATER_INJECTION_RATE": 1.0},
+    "GAS_INJECTOR": {"GAS_INJECTION_RATE": 1.0},
+}
+# How much a unit of a well's rate lowers its pressure.
+DRAWDOWN = {"PRODUCER": 0.1, "WATER_INJECTOR": -0.1, "GAS_INJECTOR": -0.005}  # bar
 
 
 class ToyField(Simulator):
@@ -31,24 +43,27 @@ class ToyField(Simulator):
         return self.statuses[well]
 
     def rate(self, well: str) -> float:
+        """The average over the day: whatever is limited, acts at once."""
         share = self.pressure / 250.0 if WELLS[well] == "PRODUCER" else 1.0
-        limits = [value for item, (value, _) in self.limits[well].items() if item in LIMITS]
-        is_open = self.statuses[well] == "OPEN"
-        return min([FULL_RATE[well] * share * self.uptimes[well], *limits]) if is_open else 0.0
+        if self.statuses[well] == "SHUT":
+            return 0.0
+        counts = LIMITS[WELLS[well]]
+        limits = [value / counts[item] for item, (value, _) in self.limits[well].items()]
+        return min([FULL_RATE[well] * share * self.uptimes[well], *limits])
 
     def number(self, well: str, item: str) -> float:
-        rate = self.rate(well)
-        oil, water = (rate, 0.0) if WELLS[well] == "PRODUCER" else (0.0, rate)
-        drawdown = (rate if oil else -rate) / 10.0
+        rate, kind = self.rate(well), WELLS[well]
+        oil = rate if kind == "PRODUCER" else 0.0
+        pressure = self.pressure - rate * DRAWDOWN[kind]
         return {
             "OIL_PRODUCTION_RATE": oil,
-            "GAS_PRODUCTION_RATE": oil * 120.0,
+            "GAS_PRODUCTION_RATE": oil * GAS_OIL_RATIO,
             "WATER_PRODUCTION_RATE": 0.0,
             "LIQUID_PRODUCTION_RATE": oil,
-            "WATER_INJECTION_RATE": water,
-            "GAS_INJECTION_RATE": 0.0,
-            "BOTTOM_HOLE_PRESSURE": self.pressure - drawdown,
-            "TUBING_HEAD_PRESSURE": max(0.0, self.pressure - drawdown - 180.0),
+            "WATER_INJECTION_RATE": rate if kind == "WATER_INJECTOR" else 0.0,
+            "GAS_INJECTION_RATE": rate if kind == "GAS_INJECTOR" else 0.0,
+            "BOTTOM_HOLE_PRESSURE": pressure,
+            "TUBING_HEAD_PRESSURE": max(0.0, pressure - 180.0),
             "UPTIME_FRACTION": self.uptimes[well],
             "TEMPERATURE": 90.0,
             "OIL_DENSITY": 720.0,
@@ -57,18 +72,24 @@ class ToyField(Simulator):
         }[item]
 
     def advance(self, until: float) -> None:
-        net = self.rate("I1") - self.rate("P1") - self.rate("P2")
+        out = self.rate("P1") + self.rate("P2")
+        net = self.rate("I1") + self.rate("G1") / 200.0 - out
         self.pressure = max(50.0, self.pressure + net * (until - self.time) / 1e4)
         self.time = until
 
+    # What a setter names that is unknown or has no sense changes nothing.
+
     def set_status(self, well: str, status: str) -> None:
-        self.statuses[well] = status
+        if status in ("OPEN", "SHUT"):
+            self.statuses[well] = status
 
     def set_uptime(self, well: str, fraction: float) -> None:
-        self.uptimes[well] = fraction
+        if 0.0 <= fraction <= 1.0:
+            self.uptimes[well] = fraction
 
     def set_constraint(self, well: str, item: str, value: float, setter: str) -> None:
-        self.limits[well][item] = (value, setter)
+        if item in LIMITS[WELLS[well]] and value >= 0.0:
+            self.limits[well][item] = (value, setter)
 
     def constraints(self, well: str) -> Mapping[str, Tuple[float, str]]:
         return self.limits[well]

@@ -2,28 +2,38 @@
 
 from __future__ import annotations
 
+import re
+import sys
 import time
 import unittest
 from concurrent.futures import ThreadPoolExecutor
+from math import inf, nan
 from typing import Any, Callable, Dict, List, Mapping, Optional, Sequence, Tuple
 
-from support import SOON, ThreadedSimulator
+from support import ROOT, SOON, ThreadedSimulator, free_ports
 
 from jobmill import controller_link
-from jobmill.check.report import FAILED, PASSED, Report
-from jobmill.check.simulator import Check
+from jobmill.check import daemon as daemon_check
+from jobmill.check import master as master_check
+from jobmill.check.report import FAILED, NOT_APPLICABLE, PASSED, Report
+from jobmill.check.simulator import LIMITS, RULES, Check
 from jobmill.controller_link import END, READY, Asked, Header, Message, chunked, encode
 from jobmill.controller_link import numbers, texts
 from jobmill.errors import ProtocolError
 from jobmill.simulator import Conversation, FluidModel, Simulator
 from jobmill.stream import Stream
-from toy_field import ToyField
+from toy_field import DRAWDOWN, WELLS, ToyField
 
 Answers = List[Message]
 
 
 class Compositional(ToyField):
     """The toy field with a fluid, so that every rule applies."""
+
+    fractions = {"TOTAL_MOLE_FRACTION[1]": 0.25, "TOTAL_MOLE_FRACTION[2]": 0.75}
+
+    def number(self, well: str, item: str) -> float:
+        return self.fractions[item] if item in self.fractions else super().number(well, item)
 
     def fluid_models(self) -> Sequence[FluidModel]:
         return [FluidModel("OIL", "PR", ("C1", "C7+"), [0.1], {"TCrit": [190.0, 687.0]})]
@@ -139,17 +149,21 @@ class Stubborn(Conversation):
 
 
 class Shy(Conversation):
-    """Leaves when a condition on what arrives holds."""
+    """Leaves when a condition on what arrives, and on the position, holds."""
 
-    leaves: Callable[[Asked], bool] = staticmethod(lambda asked: False)
+    leaves: Callable[[Asked, str], bool] = staticmethod(lambda asked, position: False)
 
     def answer(self, message: Message) -> Answers:
-        if self.leaves(controller_link.understand(message)):
+        if self.leaves(controller_link.understand(message), self._position):
             raise ProtocolError("left")
         return super().answer(message)
 
 
 def shy(condition: Callable[[Asked], bool]) -> Callable[[Simulator], Conversation]:
+    return shy_at(lambda asked, position: condition(asked))
+
+
+def shy_at(condition: Callable[[Asked, str], bool]) -> Callable[[Simulator], Conversation]:
     return type("ShyOne", (Shy,), {"leaves": staticmethod(condition)})
 
 
@@ -200,6 +214,259 @@ def run_text(item: str, text: str) -> Callable[[], Simulator]:
         return text if asked == item else Compositional.run_text(self, asked)
 
     return with_attribute(run_text=answer)
+
+
+class FinishedAtOnce(Conversation):
+    """Says FINISHED when the end is reached, instead of a step."""
+
+    def _advance(self, until: float) -> Message:
+        message = super()._advance(until)
+        return [Header("FINISHED"), END] if self._position == "END_SIMULATE" else message
+
+
+def any_source(asked: Asked, answers: Answers) -> Answers:
+    """Accepts a source for whatever well."""
+    if asked.kind == "CREATE_FLDSRCEXT":
+        return [data("STRET", lambda _: (1,))(answers[0]), *answers[1:]]
+    return answers
+
+
+def isnan(values: Sequence[float]) -> bool:
+    return any(value != value for value in values)
+
+
+def ignores(*names: str) -> Callable[[], Simulator]:
+    """Takes no notice of some limits."""
+
+    def set_constraint(
+        self: Compositional, well: str, item: str, value: float, setter: str
+    ) -> None:
+        if item not in names:
+            Compositional.set_constraint(self, well, item, value, setter)
+
+    return with_attribute(set_constraint=set_constraint)
+
+
+def takes_limits_if(sensible: Callable[[str, float], bool]) -> Callable[[], Simulator]:
+    def set_constraint(self: Pressed, well: str, item: str, value: float, setter: str) -> None:
+        if sensible(item, value):
+            Pressed.set_constraint(self, well, item, value, setter)
+
+    return type("Picky", (Pressed,), {"set_constraint": set_constraint})
+
+
+class Pressed(Compositional):
+    """Obeys limits of the bottom-hole pressure, too."""
+
+    def __init__(self) -> None:
+        super().__init__()
+        self.pressures: Dict[str, float] = {}
+
+    def set_constraint(self, well: str, item: str, value: float, setter: str) -> None:
+        if item == "BOTTOM_HOLE_PRESSURE" and value >= 0.0:
+            self.pressures[well] = value
+        super().set_constraint(well, item, value, setter)
+
+    def rate(self, well: str) -> float:
+        rate, limit = super().rate(well), self.pressures.get(well)
+        if limit is None:
+            return rate
+        return max(0.0, min(rate, (self.pressure - limit) / DRAWDOWN[WELLS[well]]))
+
+
+class RatesAfterAStep(Compositional):
+    """Statuses act on rates with the next step only."""
+
+    def __init__(self) -> None:
+        super().__init__()
+        self.acting = dict(self.statuses)
+
+    def advance(self, until: float) -> None:
+        self.acting = dict(self.statuses)
+        super().advance(until)
+
+    def rate(self, well: str) -> float:
+        known, self.statuses = self.statuses, self.acting
+        try:
+            return super().rate(well)
+        finally:
+            self.statuses = known
+
+
+def always(name: str, value: object) -> Callable[[], Simulator]:
+    """Computes rates as if a control of every well were never moved."""
+
+    def rate(self: Compositional, well: str) -> float:
+        controls = getattr(self, name)
+        known, controls[well] = controls[well], value
+        try:
+            return Compositional.rate(self, well)
+        finally:
+            controls[well] = known
+
+    return with_attribute(rate=rate)
+
+
+def items_of(item: str, change: Callable[[float], float]) -> Callable[[], Simulator]:
+    """Answers another value of an item."""
+
+    def number(self: Compositional, well: str, asked: str) -> float:
+        value = Compositional.number(self, well, asked)
+        return change(value) if asked == item else value
+
+    return with_attribute(number=number)
+
+
+def fractions(*values: float, first: int = 1) -> Callable[[], Simulator]:
+    names = [f"TOTAL_MOLE_FRACTION[{first + n}]" for n in range(len(values))]
+    return with_attribute(fractions=dict(zip(names, values)))
+
+
+def types(**words: str) -> Callable[[], Simulator]:
+    """Other words for the types of wells."""
+
+    def text(self: Compositional, well: str, item: str) -> str:
+        found = Compositional.text(self, well, item)
+        return words.get(found, found) if item == "TYPE" else found
+
+    return with_attribute(text=text)
+
+
+def setter(kind: str, change: Callable[[Asked], Asked]) -> Callable[[Simulator], Conversation]:
+    """Obeys something else than what a setter says."""
+
+    def obeys(self: Conversation, asked: Asked) -> Answers:
+        handler: Callable[[Conversation, Asked], Answers] = getattr(Conversation, f"_{kind}")
+        return handler(self, change(asked))
+
+    return type("Setter", (Conversation,), {f"_{kind}": obeys})
+
+
+def cut_row(at: slice, *names: str) -> Callable[[Asked], Asked]:
+    """Leaves elements of the lists of each row out."""
+
+    def change(asked: Asked) -> Asked:
+        rows = [{n: v[at] if n in names else v for n, v in row.items()} for row in asked.rows]
+        return asked._replace(rows=rows)
+
+    return change
+
+
+FIRST = slice(0, 1)
+LAST = slice(-1, None)
+LIMIT_LISTS = ("ITEMS", "VALUES", "SETTERS")
+
+
+class NoStarIn(Conversation):
+    """Knows no "*" in some requests."""
+
+    requests: Tuple[str, ...] = ()
+
+    def answer(self, message: Message) -> Answers:
+        self.kind = controller_link.understand(message).kind
+        return super().answer(message)
+
+    def _known(self, names: Sequence[str]) -> List[str]:
+        if self.kind in self.requests and "*" in names:
+            return []
+        return super()._known(names)
+
+    def _pairs(self, asked: Asked) -> List[Tuple[str, Any]]:
+        if self.kind in self.requests and "*" in asked.row["WELNAMES"]:
+            return []
+        return super()._pairs(asked)
+
+
+def no_star_in(*kinds: str) -> Callable[[Simulator], Conversation]:
+    return type("NoStar", (NoStarIn,), {"requests": kinds})
+
+
+class OpenWellsOnly(Conversation):
+    def _known(self, names: Sequence[str]) -> List[str]:
+        known = super()._known(names)
+        model = self._simulator
+        return [w for w in known if model.status(w) == "OPEN"] if "*" in names else known
+
+
+class UnknownMeansAll(Conversation):
+    """Sets all wells where it does not find one."""
+
+    def _pairs(self, asked: Asked) -> List[Tuple[str, Any]]:
+        pairs = super()._pairs(asked)
+        values = asked.row["VALUES"]
+        return pairs if pairs or not values else [(w, values[0]) for w in self._simulator.wells()]
+
+
+class Forgets(Conversation):
+    """Forgets all limits of a well when something of it is set."""
+
+    def _setwconstraints(self, asked: Asked) -> Answers:
+        for row in asked.rows:
+            for well in self._known(row["WELLNAME"]):
+                self._simulator.limits[well].clear()  # type: ignore[attr-defined]
+        return super()._setwconstraints(asked)
+
+
+class ForgetsWhenShut(Conversation):
+    def _setwstatus(self, asked: Asked) -> Answers:
+        for well, _ in self._pairs(asked):
+            self._simulator.limits[well].clear()  # type: ignore[attr-defined]
+        return super()._setwstatus(asked)
+
+
+class TimeGoesOn(Conversation):
+    """Time moves with each query of numbers."""
+
+    def _qwells(self, asked: Asked) -> Answers:
+        self._simulator.time += 0.001
+        return super()._qwells(asked)
+
+
+class Drains(Conversation):
+    """Pressure falls with each query of numbers."""
+
+    def _qwells(self, asked: Asked) -> Answers:
+        self._simulator.pressure -= 0.01  # type: ignore[attr-defined]
+        return super()._qwells(asked)
+
+
+def start_moves(self: Compositional, item: str) -> Sequence[int]:
+    found = list(Compositional.run_integers(self, item))
+    return [found[0] + int(self.time) // 365, *found[1:]]
+
+
+def one_row_each(message: Message) -> Message:
+    """The rows of an answer without those of a well that has one already."""
+    rows = {message[at].data: message[at : at + 2] for at in range(2, len(message) - 1, 2)}
+    return [*message[:2], *(h for row in rows.values() for h in row), END]
+
+
+def names_unknown(asked: Asked, *lists: str) -> bool:
+    return any(
+        str(name).startswith("NO SUCH")
+        for row in asked.rows
+        for key in lists
+        for name in row.get(key, ())
+    )
+
+
+def leaves_at_unknown(kind: str, *lists: str) -> Callable[[Simulator], Conversation]:
+    return shy(lambda asked: asked.kind == kind and names_unknown(asked, *lists))
+
+
+def complains(asked: Asked, answers: Answers) -> Answers:
+    """Says that a well is unknown before it says that it is ready."""
+    if asked.kind == "SETWSTATUS" and names_unknown(asked, "WELNAMES"):
+        return [[Header("ERROR"), END], *answers]
+    return answers
+
+
+def is_query(asked: Asked) -> bool:
+    return asked.kind.startswith("Q")
+
+
+def is_setter(asked: Asked) -> bool:
+    return asked.kind in ("SETWSTATUS", "SETWELLS", "SETWCONSTRAINTS")
 
 
 BROKEN: Dict[str, Variant] = {
@@ -312,6 +579,135 @@ BROKEN: Dict[str, Variant] = {
     "units of another name": Variant("S48", model=run_text("UNIT_SYSTEM", "METRIC")),
     "a version that begins with a letter": Variant("S49", model=run_text("VK_VERSION", "V2017")),
     "knows every well": Variant("S51", conversation=KnowsEverybody),
+    "one row for a well asked for twice": Variant("S25", first("QWELLS_STR", one_row_each)),
+    "no queries before the first step": Variant(
+        "S54", conversation=shy_at(lambda a, at: at == "MODEL_DEFINITION" and is_query(a))
+    ),
+    "no setters before the first step": Variant(
+        "S54", conversation=shy_at(lambda a, at: at == "MODEL_DEFINITION" and is_setter(a))
+    ),
+    "no queries after the end": Variant(
+        "S55", conversation=shy_at(lambda a, at: at == "END_SIMULATE" and is_query(a))
+    ),
+    "no setters after the end": Variant(
+        "S55", conversation=shy_at(lambda a, at: at == "END_SIMULATE" and is_setter(a))
+    ),
+    "a shut well keeps its rates": Variant("S57", model=always("statuses", "OPEN")),
+    "statuses act after a step": Variant("S57", model=RatesAfterAStep),
+    "uptime has no effect": Variant("S58", model=always("uptimes", 1.0)),
+    "status of the first well only": Variant(
+        "S59", conversation=setter("setwstatus", cut_row(FIRST, "WELNAMES", "VALUES"))
+    ),
+    "status of the last well only": Variant(
+        "S59", conversation=setter("setwstatus", cut_row(LAST, "WELNAMES", "VALUES"))
+    ),
+    "uptime of the first well only": Variant(
+        "S60", conversation=setter("setwells", cut_row(FIRST, "WELNAMES", "VALUES"))
+    ),
+    "no star for a status": Variant("S61", conversation=no_star_in("SETWSTATUS")),
+    "no star for an uptime": Variant("S61", conversation=no_star_in("SETWELLS")),
+    "no star for a limit": Variant("S61", conversation=no_star_in("SETWCONSTRAINTS")),
+    "no star for numbers": Variant("S62", conversation=no_star_in("QWELLS")),
+    "the star lists open wells only": Variant("S45", conversation=OpenWellsOnly),
+    "leaves at the status of an unknown well": Variant(
+        "S63", conversation=leaves_at_unknown("SETWSTATUS", "WELNAMES")
+    ),
+    "leaves at the uptime of an unknown well": Variant(
+        "S63", conversation=leaves_at_unknown("SETWELLS", "WELNAMES")
+    ),
+    "leaves at a limit of an unknown well": Variant(
+        "S63", conversation=leaves_at_unknown("SETWCONSTRAINTS", "WELLNAME")
+    ),
+    "leaves at an unknown constraint": Variant(
+        "S63", conversation=leaves_at_unknown("SETWCONSTRAINTS", "ITEMS")
+    ),
+    "leaves at an unknown status": Variant(
+        "S63", conversation=leaves_at_unknown("SETWSTATUS", "VALUES")
+    ),
+    "leaves at an unknown source": Variant(
+        "S63", conversation=leaves_at_unknown("SETWSTRE", "STNAME")
+    ),
+    "leaves at a source for an unknown well": Variant(
+        "S63", conversation=leaves_at_unknown("CREATE_FLDSRCEXT", "WELLNAME")
+    ),
+    "leaves at a well without constraints": Variant(
+        "S63",
+        conversation=shy(lambda asked: asked.rows[-1:] != [] and asked.row.get("ITEMS") == ()),
+    ),
+    "leaves at a limit that is no number": Variant(
+        "S63", conversation=shy(lambda a: a.kind == "SETWCONSTRAINTS" and isnan(a.row["VALUES"]))
+    ),
+    "an error message before READY": Variant("S63", complains),
+    "an unknown well means all of them": Variant("S63", conversation=UnknownMeansAll),
+    "an uptime of 7 is taken": Variant(
+        "S63", model=with_attribute(set_uptime=lambda s, well, f: s.uptimes.update({well: f}))
+    ),
+    "attaches a source to an unknown well": Variant(
+        "S63", model=with_attribute(attach_source=lambda *_: True), mangle=any_source
+    ),
+    "the first constraint of a message only": Variant(
+        "S64", conversation=setter("setwconstraints", cut_row(FIRST, *LIMIT_LISTS))
+    ),
+    "the last constraint of a message only": Variant(
+        "S64", conversation=setter("setwconstraints", cut_row(LAST, *LIMIT_LISTS))
+    ),
+    "a message replaces all limits of a well": Variant("S65", conversation=Forgets),
+    "a well that is shut forgets its limits": Variant("S65", conversation=ForgetsWhenShut),
+    "liquid limits are ignored": Variant("S66", model=ignores("LIQUID_PRODUCTION_RATE")),
+    "gas limits are ignored": Variant("S66", model=ignores("GAS_PRODUCTION_RATE")),
+    "water injection limits are ignored": Variant("S66", model=ignores("WATER_INJECTION_RATE")),
+    "gas injection limits are ignored": Variant("S66", model=ignores("GAS_INJECTION_RATE")),
+    "oil limits alone are obeyed": Variant("S66", model=ignores(*LIMITS)),
+    "a limit out of reach is refused": Variant(
+        "S67", model=takes_limits_if(lambda item, value: value < 15000.0 or "GAS" in item)
+    ),
+    "a gas limit out of reach is refused": Variant(
+        "S67", model=takes_limits_if(lambda item, value: value < 1e8)
+    ),
+    "a pressure of 0 is refused": Variant(
+        "S67", model=takes_limits_if(lambda item, value: value > 0.0 or "RATE" in item)
+    ),
+    "a pressure of 100,000 is refused": Variant(
+        "S67", model=takes_limits_if(lambda item, value: value < 99999.0 or "RATE" in item)
+    ),
+    "a rate that is no number": Variant(
+        "S68", model=items_of("WATER_PRODUCTION_RATE", lambda _: nan)
+    ),
+    "a pressure that is infinite": Variant(
+        "S68", model=items_of("TUBING_HEAD_PRESSURE", lambda _: inf)
+    ),
+    "injection rates are negative": Variant(
+        "S68", model=items_of("WATER_INJECTION_RATE", lambda rate: -rate)
+    ),
+    "uptime in percent": Variant(
+        "S68", model=items_of("UPTIME_FRACTION", lambda fraction: fraction * 100.0)
+    ),
+    "no mole fractions": Variant("S69", model=fractions()),
+    "a mole fraction too few": Variant("S69", model=fractions(0.25)),
+    "mole fractions from 0": Variant("S69", model=fractions(0.25, 0.75, first=0)),
+    "mole fractions from 0, and one too many": Variant(
+        "S69", model=fractions(0.25, 0.75, 0.0, first=0)
+    ),
+    "mole fractions in percent": Variant("S69", model=fractions(25.0, 75.0)),
+    "producers in small letters": Variant("S70", model=types(PRODUCER="producer")),
+    "producers of another name": Variant("S70", model=types(PRODUCER="OIL WELL")),
+    "water injectors of another name": Variant("S70", model=types(WATER_INJECTOR="WINJ")),
+    "water injectors with a blank": Variant("S70", model=types(WATER_INJECTOR="WATER INJECTOR")),
+    "compositional in small letters": Variant(
+        "S71", model=run_text("FM_FLUID_MODEL", "compositional")
+    ),
+    "field management of black oil": Variant("S71", model=run_text("FM_FLUID_MODEL", "BLACK_OIL")),
+    "the start date moves": Variant("S75", model=with_attribute(run_integers=start_moves)),
+    "queries take time": Variant("S76", conversation=TimeGoesOn),
+    "queries change the field": Variant("S76", conversation=Drains),
+    "FINISHED instead of the last step": Variant("S77", conversation=FinishedAtOnce),
+}
+#: Programs with something wrong that only a run of their own can show.
+BROKEN_PROGRAMS = {
+    "needs CONTINUE": "S56",
+    "stays at the definition": "S56",
+    "lingers after SHUTDOWN": "S73",
+    "lingers without its controller": "S74",
 }
 
 
@@ -337,14 +733,6 @@ def slowly(stream: Stream, answer: bytes) -> None:
     stream.send(answer)
 
 
-class FinishedAtOnce(Conversation):
-    """Says FINISHED when the end is reached, instead of a step."""
-
-    def _advance(self, until: float) -> Message:
-        message = super()._advance(until)
-        return [Header("FINISHED"), END] if self._position == "END_SIMULATE" else message
-
-
 class StepAtTheEnd(Conversation):
     """Says where it stands after the end, too."""
 
@@ -361,8 +749,78 @@ class OldVersion(Compositional):
     version = "2016.2"
 
 
+class LateStart(Conversation):
+    """The first CONTINUE computes half a day."""
+
+    def _continue(self, asked: Asked) -> Answers:
+        begins = self._position == "MODEL_DEFINITION"
+        return [self._advance(0.5)] if begins else super()._continue(asked)
+
+
+class MoreStatuses(Compositional):
+    """Takes any status, and knows what to do with it."""
+
+    def set_status(self, well: str, status: str) -> None:
+        self.statuses[well] = status
+
+
+class Closed(Compositional):
+    """Everything is shut at the beginning."""
+
+    def __init__(self) -> None:
+        super().__init__()
+        self.statuses = {well: "SHUT" for well in WELLS}
+
+
+class Switched(Compositional):
+    """Nothing has been on at the beginning."""
+
+    def __init__(self) -> None:
+        super().__init__()
+        self.uptimes = {well: 0.0 for well in WELLS}
+
+
+def only(*wells: str) -> Callable[[], Simulator]:
+    """A model of some of the wells."""
+    return with_attribute(wells=lambda self: {well: WELLS[well] for well in wells})
+
+
+class DryGas(Compositional):
+    """Producers of gas alone."""
+
+    def number(self, well: str, item: str) -> float:
+        liquid = item in ("OIL_PRODUCTION_RATE", "LIQUID_PRODUCTION_RATE")
+        return 0.0 if liquid else super().number(well, item)
+
+
+class Paused(Compositional):
+    """A well with a status of its own, which cannot be changed."""
+
+    def __init__(self) -> None:
+        super().__init__()
+        self.statuses["P2"] = "PLANNED"
+
+    def set_status(self, well: str, status: str) -> None:
+        if well != "P2":
+            super().set_status(well, status)
+
+    def rate(self, well: str) -> float:
+        return 0.0 if well == "P2" else super().rate(well)
+
+
 #: Right, but not as one would expect.
 UNUSUAL: Dict[str, Variant] = {
+    "no limits of oil": Variant("", model=ignores("OIL_PRODUCTION_RATE")),
+    "limits of pressures": Variant("", model=Pressed),
+    "the first CONTINUE computes half a day": Variant("", conversation=LateStart),
+    "any status": Variant("", model=MoreStatuses),
+    "all wells shut": Variant("", model=Closed),
+    "no well on": Variant("", model=Switched),
+    "one producer": Variant("", model=only("P1")),
+    "injectors only": Variant("", model=only("I1", "G1")),
+    "a gas injector of another name": Variant("", model=types(GAS_INJECTOR="GAS LIFT")),
+    "a well with a status of its own": Variant("", model=Paused),
+    "no liquid": Variant("", model=DryGas),
     "one byte a packet": Variant("", write=one_byte_packets),
     "all answers in one write": Variant(
         "", lambda asked, answers: [b"".join(chunked(encode(answer)) for answer in answers)]
@@ -374,7 +832,6 @@ UNUSUAL: Dict[str, Variant] = {
         if asked.kind in ("QWELLS", "QWELLS_STR")
         else answers,
     ),
-    "FINISHED instead of the last step": Variant("", conversation=FinishedAtOnce),
     "STEP instead of FINISHED": Variant("", conversation=StepAtTheEnd),
     "numbers in the date that nobody reads": Variant(
         "", first("CONTINUE", data("DATE", lambda d: (*d[:3], -1, 99, 7)))
@@ -392,7 +849,7 @@ class SimulatorCheckTest(unittest.TestCase):
         with ThreadedSimulator(Compositional) as server:
             report = check(server).report
         verdicts = {name: j for name, j in report.judgements.items() if j.verdict != PASSED}
-        self.assertEqual(set(verdicts), {"S52"}, verdicts)
+        self.assertEqual(set(verdicts), {"S52", "S56", "S73", "S74"}, verdicts)
         self.assertEqual(report.status, 0)
 
     def test_broken_variants_are_caught_by_the_rule_that_they_break(self) -> None:
@@ -415,6 +872,65 @@ class SimulatorCheckTest(unittest.TestCase):
                 report = check(server).report
                 failed = {n: j for n, j in report.judgements.items() if j.verdict == FAILED}
                 self.assertEqual((failed, report.status), ({}, 0))
+
+    def program(self, variant: str, **more: Any) -> Report:
+        """Checks a program that is started for each run."""
+        program = ROOT / "tests" / "python" / "toy_process.py"
+        line = f"{sys.executable} {program} '{variant}' {{port}}"
+        port = free_ports(1)
+        return Check("127.0.0.1", port, command=line, patience=SOON, **more).run()
+
+    def test_programs_are_caught_by_the_rule_that_they_break(self) -> None:
+        for variant, rule in BROKEN_PROGRAMS.items():
+            with self.subTest(variant):
+                report = self.program(variant, ending=1.0)
+                self.assertEqual(report.judgements[rule].verdict, FAILED)
+        self.assertEqual(self.program("right").status, 0)
+
+    def test_command_that_ends_at_once_is_told_with_its_last_words(self) -> None:
+        begun = time.monotonic()
+        report = self.program("dies")
+        self.assertLess(time.monotonic() - begun, SOON)
+        found = report.judgements["S01"]
+        self.assertEqual(found.verdict, FAILED)
+        self.assertIn("ended with the status 1 and said: no deck / of that name", found.received)
+
+    def test_model_without_wells_is_announced(self) -> None:
+        with ThreadedSimulator(only()) as server:
+            found = Check("127.0.0.1", server.port, patience=SOON, no_wells=True).run()
+            unannounced = check(server).report
+        verdicts = {name: found.judgements[name].verdict for name in ("S45", "S46", "S36", "S63")}
+        absent = dict.fromkeys(("S46", "S36", "S63"), NOT_APPLICABLE)
+        self.assertEqual((verdicts, found.status), ({"S45": PASSED, **absent}, 0))
+        # Without the option it could as well be a simulator that does not know the star.
+        self.assertIn("--no-wells", unannounced.judgements["S45"].expected)
+        self.assertEqual(unannounced.status, 1)
+        with ThreadedSimulator(Compositional) as server:
+            found = Check("127.0.0.1", server.port, patience=SOON, no_wells=True).run()
+        self.assertEqual(found.judgements["S45"].verdict, FAILED)
+
+    def test_model_too_short_for_a_rule_is_told(self) -> None:
+        with ThreadedSimulator(with_attribute(end_time=2.0)) as server:
+            report = check(server).report
+        self.assertIn("ended at day 2: check a model of more", report.judgements["S15"].why)
+        self.assertEqual(report.status, 3)
+
+    def test_report_says_what_the_model_has(self) -> None:
+        with ThreadedSimulator(Pressed) as server:
+            sheet = check(server).report.sheet
+        self.assertEqual(sheet["wells"], "2 PRODUCER, 1 WATER_INJECTOR, 1 GAS_INJECTOR")
+        self.assertEqual(sheet["fluid models"], "1, with 2 components")
+        self.assertTrue(
+            sheet["limits obeyed"].endswith("OIL_PRODUCTION_RATE, BOTTOM_HOLE_PRESSURE")
+        )
+
+    def test_sections_that_rules_name_are_in_their_pages(self) -> None:
+        missing = []
+        for rule in (*RULES, *master_check.RULES, *daemon_check.RULES):
+            page = (ROOT / "docs" / rule.page).read_text(encoding="utf-8")
+            if not re.search(rf"^#+ {re.escape(rule.section)}", page, re.M):
+                missing.append(f"{rule.name}: {rule.page}, {rule.section}")
+        self.assertEqual(missing, [])
 
     def test_old_version_names_its_list_freely_and_has_no_sources(self) -> None:
         renamed = first("QFMFLUIDMODEL", header("NCOMPS", lambda h: h._replace(name="ANY")))

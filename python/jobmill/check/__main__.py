@@ -42,6 +42,10 @@ def _arguments() -> argparse.ArgumentParser:
         help="what the protocol has and the jobmill never asks, too",
     )
 
+    simulator.add_argument(
+        "--no-wells", action="store_true", help="the simulator's model has no wells"
+    )
+
     daemon = subjects.add_parser("daemon", parents=[common], help="a daemon that listens")
     daemon.add_argument("host")
     daemon.add_argument("port", type=int)
@@ -108,6 +112,7 @@ def _check(options: argparse.Namespace) -> Report:
         command=options.command,
         patience=options.patience,
         everything=options.everything,
+        no_wells=options.no_wells,
     ).run()
 
 

@@ -4,400 +4,82 @@ from __future__ import annotations
 
 import contextlib
 import datetime
+import math
 import re
 import time
-from typing import Any, Callable, Dict, Iterator, List, Optional, Sequence, Tuple
+from collections import Counter
+from typing import (
+    Any,
+    Callable,
+    Dict,
+    Iterator,
+    List,
+    Mapping,
+    NamedTuple,
+    Optional,
+    Sequence,
+    Tuple,
+)
 
 from .. import controller_link
-from ..controller_link import CHUNK, END, READY, Arrived, Header, Message, request
-from ..errors import ConnectFailed, ProtocolError, TimedOut
+from ..controller_link import CHUNK, END, READY, request
+from ..errors import ConnectFailed
 from ..simulator import METRIC
-from ..stream import Stream, deadline_in
-from .report import Report, rules, shown
+from ..stream import Stream
+from .controller import INFLOW, OPERATING, RATES, Broken, Controller, Rows, Step, listed, told
+from .report import PASSED, Report
+from .simulator_rules import RULES
 from .subject import Command
 
-_PAGE = "external-controller-protocol.md"
-_STAND_IN = "stand-in-simulator.md"
-RULES = [
-    *rules(
-        _PAGE,
-        ("S01", "Connecting", "The simulator accepts a connection on its port."),
-        (
-            "S02",
-            "Framing",
-            "The chunks of a message add up to its total length, and none after the first is empty.",
-        ),
-        ("S03", "Framing", "Messages are cut at multiples of 65,536 bytes."),
-        (
-            "S04",
-            "Message format",
-            "A header has a name, a count, one of the four types, and the data that it announces.",
-        ),
-        (
-            "S05",
-            "Message format",
-            "A message ends with the MESS header END, and nothing stands behind it.",
-        ),
-        ("S06", "Set-up", "SETUP is answered by STARTED and a list ERRORS, which is empty."),
-        (
-            "S07",
-            "Set-up",
-            "A simulator that accepts sends a step answer next, without being asked.",
-        ),
-        ("S08", "Positions", "The position of the first step answer is MODEL_DEFINITION."),
-        (
-            "S09",
-            "Steps",
-            "A step answer is FINISHED, or STEP with POSITION, TIME and six integers DATE.",
-        ),
-        ("S10", "Steps", "POSITION is MODEL_DEFINITION, BEGIN_NEWTON or END_SIMULATE."),
-        ("S11", "Steps", "DATE begins with year, month and day of a date, that of TIME."),
-        ("S12", "Positions", "The first CONTINUE leads to BEGIN_NEWTON."),
-        (
-            "S13",
-            "Steps",
-            "CONTINUE_UNTIL runs to exactly its time, or to the end of the simulation.",
-        ),
-        ("S14", "Steps", "A time that has passed changes nothing: simulated time never goes back."),
-        ("S15", "Steps", "CONTINUE runs on, to the next stopping point or the end."),
-        (
-            "S16",
-            "Steps",
-            "At the end, CONTINUE is answered by FINISHED, or by STEP with END_SIMULATE.",
-        ),
-        ("S17", "Steps", "SHUTDOWN is answered by a step answer."),
-        ("S18", "External-controller protocol", "Nothing is sent without being asked for."),
-        ("S19", "Ready", "The answer to a query is followed by the ready message."),
-        ("S20", "Ready", "The answer to a setter is the ready message."),
-        (
-            "S21",
-            "Queries",
-            "The answer to a query begins with REPLY, whatever names were asked for.",
-        ),
-        (
-            "S22",
-            "Properties of wells",
-            "The headers are QITEMS, then WELLNAME and VALUES for each well.",
-        ),
-        ("S23", "Properties of wells", "A row has one value for each property in QITEMS."),
-        ("S24", "Properties of wells", "VALUES are DOUB for QWELLS and CSTR for QWELLS_STR."),
-        (
-            "S25",
-            "Properties of wells",
-            "Rows are for wells and properties that were asked for, each once.",
-        ),
-        (
-            "S26",
-            "Properties of the run",
-            "The headers are QITEM and VALUES for each property that was asked for.",
-        ),
-        ("S27", "Properties of the run", "VALUES are INTE for QRESVR and CSTR for QRESVR_STR."),
-        ("S28", "Properties of the run", "START_DATE has six integers that begin with a date."),
-        ("S29", "Constraints of wells", "ITEMS, VALUES and SETTERS of a well have one length."),
-        ("S30", "Inflow-performance curves", "Each curve has as many values as NPOINTS says."),
-        (
-            "S31",
-            "Field-management fluid model",
-            "The answer is empty or one list, which in version 2017.2 is NCOMPS.",
-        ),
-        (
-            "S32",
-            "Fluid models of the reservoir",
-            "Each model has FLUIDMODELDNAME, EOSNAME, NCOMPS, BIC and its properties.",
-        ),
-        (
-            "S33",
-            "Fluid models of the reservoir",
-            "A property has one value for each component of its model.",
-        ),
-        ("S34", "Status", "A status that was set is answered by the next query."),
-        ("S35", "Uptime", "An uptime that was set is answered by the next query."),
-        (
-            "S36",
-            "Constraints",
-            "A rate limit acts on the very next query, without a step in between.",
-        ),
-        ("S37", "Constraints", "A limit that is set again replaces the one before."),
-        ("S38", "Constraints", "A limit is set for all wells that a message names."),
-        (
-            "S39",
-            "Attaching an external source",
-            "The answer is REPLY and one integer STRET, then the ready message.",
-        ),
-        ("S40", "Composition of an external source", "SETWSTRE is answered by the ready message."),
-        ("S41", "Framing", "A request in chunks of one byte is taken."),
-        ("S42", "Framing", "A request is taken however the network cuts it."),
-        ("S43", "Framing", "A request of more than 65,536 bytes, in several chunks, is taken."),
-        ("S44", "Message format", "Lists may be empty: n is any count."),
-        (
-            "S53",
-            "Properties of wells",
-            "QITEMS has the properties in the order in which they were asked for.",
-        ),
-    ),
-    *rules(
-        _STAND_IN,
-        (
-            "S45",
-            "What it answers",
-            '"*" as the list of wells means all of them; each has TYPE and STATUS.',
-        ),
-        ("S46", "What it answers", "Every well has the eight properties of operating points."),
-        ("S47", "What it answers", "Every well has the properties of inflow tables."),
-        (
-            "S48",
-            "What it answers",
-            "UNIT_SYSTEM is one text, for metric units exactly TOLMEN_METRIC.",
-        ),
-        ("S49", "What it answers", "VK_VERSION begins with a number."),
-        (
-            "S50",
-            "What it answers",
-            "FM_FLUID_MODEL and RES_FLUID_MODEL are known; a compositional run has a fluid model.",
-        ),
-        (
-            "S51",
-            "What it answers",
-            "Wells and properties that are not known are left out of answers.",
-        ),
-    ),
-    *rules(_PAGE, ("S52", "Steps", "SHUTDOWN straight after the set-up is answered, too.")),
-]
-
-OPERATING = (
-    "OIL_PRODUCTION_RATE",
-    "GAS_PRODUCTION_RATE",
-    "WATER_PRODUCTION_RATE",
-    "WATER_INJECTION_RATE",
-    "GAS_INJECTION_RATE",
-    "UPTIME_FRACTION",
-    "BOTTOM_HOLE_PRESSURE",
-    "TUBING_HEAD_PRESSURE",
-)
-INFLOW = ("TEMPERATURE", "GAS_DENSITY", "WATER_DENSITY", "OIL_DENSITY")
+#: The limits that the jobmill sets, and the rates whose sum each of them limits.
+LIMITS = {
+    "LIQUID_PRODUCTION_RATE": ("OIL_PRODUCTION_RATE", "WATER_PRODUCTION_RATE"),
+    "GAS_PRODUCTION_RATE": ("GAS_PRODUCTION_RATE",),
+    "WATER_INJECTION_RATE": ("WATER_INJECTION_RATE",),
+    "GAS_INJECTION_RATE": ("GAS_INJECTION_RATE",),
+}
+_PRODUCER, _WATER_INJECTOR = "PRODUCER", "WATER_INJECTOR"
+#: Which of them belong to a well, by its type. Every other type is taken for a gas injector.
+_LIMITS_OF = {
+    _PRODUCER: ("LIQUID_PRODUCTION_RATE", "GAS_PRODUCTION_RATE"),
+    _WATER_INJECTOR: ("WATER_INJECTION_RATE",),
+}
+_PRESSURES = ("BOTTOM_HOLE_PRESSURE", "TUBING_HEAD_PRESSURE")
+#: More than any well of the model flows, in either unit system: what the jobmill and masters send.
+_OUT_OF_REACH_METRIC = {"GAS_PRODUCTION_RATE": 2817400000.0, "GAS_INJECTION_RATE": 2817400000.0}
 _UNKNOWN = "NO SUCH NAME " + "x" * 300
+#: Rules that need a well, and those that need one that flows.
+_OF_WELLS = ("S22", "S23", "S24", "S25", "S46", "S47", "S53", "S62", "S68", "S69", "S70")
+_OF_FLOW = (
+    *("S34", "S35", "S36", "S37", "S38", "S57", "S58", "S59", "S60", "S61", "S63", "S64", "S65"),
+    *("S66", "S67"),
+)
 
 
-class Broken(Exception):
-    """The conversation cannot go on."""
+class Flow(NamedTuple):
+    """What a well flows, as one of the limits of its type counts it."""
+
+    well: str
+    limit: str
+    rate: float
 
 
-class Step:
-    """The fields of a step answer."""
-
-    def __init__(self, message: Message) -> None:
-        self.finished = message[0].name == "FINISHED"
-        fields = {header.name: header.data for header in message}
-        self.position = str(fields["POSITION"][0]) if not self.finished else "END_SIMULATE"
-        self.time = float(fields["TIME"][0]) if not self.finished else -1.0
-        self.date = tuple(fields["DATE"]) if not self.finished else ()
+def measured(row: Mapping[str, Any], limit: str) -> float:
+    """The rate of a well that a limit is about."""
+    return sum(float(row.get(item, 0.0)) for item in LIMITS.get(limit, (limit,)))
 
 
-Rows = Dict[str, Dict[str, Any]]
+def within(rate: float, limit: float) -> bool:
+    return -1e-6 <= rate <= limit * 1.0001
 
 
-class Controller:
-    """One connection to the simulator: every message that comes is judged by the rules of the format."""
-
-    def __init__(self, stream: Stream, report: Report, patience: float) -> None:
-        self.stream = stream
-        self.report = report
-        self._patience = patience
-
-    # Messages.
-
-    def send(self, message: Message, chunk: int = CHUNK, packet: int = 0) -> None:
-        data = controller_link.chunked(controller_link.encode(message), chunk)
-        self.stream.send_cut(data, packet, deadline_in(self._patience))
-
-    def hear(self, rule: str, expected: str) -> Message:
-        """The next message. When none comes, that breaks `rule`."""
-        try:
-            arrived = self._arrived(rule, expected)
-        except ProtocolError as error:
-            self.report.failed("S02", "chunks within the message", f"{error}: {self._rest()}")
-            raise Broken(str(error)) from error
-        self.report.kept("S02")
-        if len(arrived.body) > CHUNK:
-            cuts = [CHUNK] * (len(arrived.body) // CHUNK)
-            if len(arrived.body) % CHUNK:
-                cuts.append(len(arrived.body) % CHUNK)
-            self.report.judge(
-                "S03", list(arrived.chunks) == cuts, f"chunks of {cuts}", f"{list(arrived.chunks)}"
-            )
-        elif len(arrived.chunks) > 1:
-            self.report.failed("S03", f"one chunk of {len(arrived.body)}", f"{arrived.chunks}")
-        try:
-            message = controller_link.decode(arrived.body)
-        except ProtocolError as error:
-            self.report.failed("S04", "whole headers", f"{error}: {shown(arrived.body)}")
-            raise Broken(str(error)) from error
-        self.report.kept("S04")
-        first_end = message.index(END) + 1 if END in message else 0
-        self.report.judge(
-            "S05", 0 < first_end == len(message), "END, once, at the end", shown(arrived.body[-64:])
-        )
-        # Go on as if it were right: further rules may tell more.
-        return message[:first_end] if first_end else [*message, END]
-
-    def _rest(self) -> str:
-        return shown(bytes(self.stream.received))
-
-    def _arrived(self, rule: str, expected: str) -> Arrived:
-        deadline = deadline_in(self._patience)
-        while True:
-            arrived = controller_link.take_message(self.stream.received)
-            if arrived is not None:
-                return arrived
-            try:
-                if self.stream.receive(deadline):
-                    continue
-            except TimedOut:
-                self._ask_why(rule, expected)
-            rest = self._rest()
-            self.report.failed(rule, expected, f"the end of the connection, before it: {rest}")
-            raise Broken(f"the connection ended instead of {expected}")
-
-    def _ask_why(self, rule: str, expected: str) -> None:
-        # Whether the simulator is slow or waits for the next request, only another request can tell.
-        if not self.stream.received:
-            self.send(request("SHUTDOWN"))
-            with contextlib.suppress(TimedOut):
-                if self.stream.receive(deadline_in(self._patience)):
-                    received = f"nothing, but an answer to SHUTDOWN: {self._rest()}"
-                    self.report.failed(rule, expected, received)
-                    raise Broken(f"{expected} did not come")
-        why = f"{expected} did not come in {self._patience:g} seconds (--patience)"
-        self.report.unknown(rule, f"{why}, received: {self._rest()}")
-        raise Broken(why)
-
-    def quiet(self) -> None:
-        """Judges that nothing came that nobody asked for."""
-        if self.stream.received:
-            self.report.failed("S18", "nothing", self._rest())
-            raise Broken("something came unasked")
-        self.report.kept("S18")
-
-    # Requests.
-
-    def step(self, rule: str, message: Message) -> Step:
-        self.quiet()
-        self.send(message)
-        return self.hear_step(rule, "a step answer")
-
-    def hear_step(self, rule: str, expected: str) -> Step:
-        message = self._heard_at_last(rule, expected)
-        shape = [(h.name, h.type, len(h.data)) for h in message]
-        step = [
-            ("STEP", "MESS", 0),
-            ("POSITION", "CSTR", 1),
-            ("TIME", "DOUB", 1),
-            ("DATE", "INTE", 6),
-            ("END", "MESS", 0),
-        ]
-        if message[0].name not in ("STEP", "FINISHED"):
-            self.report.failed(rule, expected, _text(message))
-            raise Broken("no step answer came")
-        right = shape in (step, [("FINISHED", "MESS", 0), ("END", "MESS", 0)])
-        wanted = "FINISHED, or STEP, POSITION CSTR 1, TIME DOUB 1, DATE INTE 6, END"
-        if not self.report.judge("S09", right, wanted, _text(message)):
-            raise Broken("a step answer could not be read")
-        return Step(message)
-
-    def query(self, kind: str, row: Optional[Dict[str, Any]] = None, **how: int) -> Message:
-        """The headers between REPLY and END."""
-        self.quiet()
-        self.send(request(kind, row or {}), **how)
-        message = self._heard_at_last("S21", f"the answer to {kind}")
-        self.report.judge("S21", message[0] == Header("REPLY"), "REPLY", _text(message))
-        self._ready("S19")
-        return message[1:-1]
-
-    def set(self, kind: str, *rows: Dict[str, Any], rule: str = "S20", **how: int) -> None:
-        self.quiet()
-        self.send(request(kind, *rows), **how)
-        self._ready(rule)
-
-    def _heard_at_last(self, rule: str, expected: str) -> Message:
-        """The next message but a ready message that nobody asked for and that comes only now."""
-        message = self.hear(rule, expected)
-        if message == READY:
-            message = self.hear(rule, expected)
-            self.report.failed("S18", "nothing unasked", f"{_text(READY)} before {expected}")
-        return message
-
-    def _ready(self, rule: str) -> None:
-        ready = self.hear(rule, "the ready message")
-        if not self.report.judge(rule, ready == READY, _text(READY), _text(ready)):
-            raise Broken("the ready message did not come")
-
-    def wells(
-        self,
-        kind: str,
-        items: Sequence[str],
-        wells: Sequence[str],
-        ordered: bool = True,
-        chunk: int = CHUNK,
-        packet: int = 0,
-    ) -> Tuple[List[str], Rows]:
-        """The properties that are answered, and what is answered for each well."""
-        row = {"QITEMS": items, "WELNAMES": wells}
-        headers = self.query(kind, row, chunk=chunk, packet=packet)
-        if not headers:
-            return [], {}
-        names = ["QITEMS", *["WELLNAME", "VALUES"] * (len(headers) // 2)]
-        right = [h.name for h in headers] == names
-        if not self.report.judge("S22", right, "QITEMS, then WELLNAME, VALUES", _text(headers)):
-            return [], {}
-        answered = [str(item) for item in headers[0].data]
-        found: Rows = {}
-        for name, values in zip(headers[1::2], headers[2::2]):
-            one = name.type == "CSTR" and len(name.data) == 1
-            self.report.judge("S22", one, "WELLNAME CSTR 1", str(name))
-            right = len(values.data) == len(answered)
-            self.report.judge("S23", right, f"{len(answered)} values", f"{len(values.data)}")
-            wanted = "DOUB" if kind == "QWELLS" else "CSTR"
-            self.report.judge("S24", values.type == wanted, wanted, values.type)
-            well = str(name.data[0]) if name.data else ""
-            asked_for = (well in wells or "*" in wells) and (
-                well not in found or wells.count(well) > 1
-            )
-            self.report.judge("S25", asked_for, "a well that was asked for, once", well)
-            found[well] = dict(zip(answered, values.data)) if values.type == wanted else {}
-        foreign = [item for item in answered if item not in items]
-        if not foreign:
-            order = [items.index(item) for item in answered]
-            kept = not ordered or len(set(items)) < len(items) or order == sorted(order)
-            self.report.judge("S53", kept, _list(items), _list(answered))
-        self.report.judge("S25", not foreign, f"properties out of {_list(items)}", _list(foreign))
-        return answered, found
-
-    def run_items(self, kind: str, *items: str) -> Dict[str, Sequence[Any]]:
-        headers = self.query(kind, {"QITEMS": items})
-        right = [h.name for h in headers] == ["QITEM", "VALUES"] * (len(headers) // 2)
-        if not self.report.judge("S26", right, "QITEM, VALUES, ...", _text(headers)):
-            return {}
-        found: Dict[str, Sequence[Any]] = {}
-        for name, values in zip(headers[::2], headers[1::2]):
-            known = len(name.data) == 1 and name.data[0] in items
-            self.report.judge("S26", known, f"one of {_list(items)}", str(name.data))
-            wanted = "INTE" if kind == "QRESVR" else "CSTR"
-            self.report.judge("S27", values.type == wanted, wanted, values.type)
-            if name.data:
-                found[str(name.data[0])] = values.data
-        return found
-
-
-def _list(names: Sequence[str]) -> str:
-    return ", ".join(name[:40] for name in names[:12]) or "none"
-
-
-def _text(message: Sequence[Header]) -> str:
-    text = "; ".join(
-        f"{header} {list(header.data[:6])}" if header.data else str(header)
-        for header in message[:12]
-    )
-    return text + (" ..." if len(message) > 12 else "") or "nothing"
+def alike(one: object, other: object) -> bool:
+    """Whether two answers are the same but for rounding."""
+    if isinstance(one, float) and isinstance(other, float):
+        return math.isclose(one, other, rel_tol=1e-6, abs_tol=1e-9)
+    if isinstance(one, dict) and isinstance(other, dict):
+        return set(one) == set(other) and all(alike(one[name], other[name]) for name in one)
+    return one == other
 
 
 class Check:
@@ -412,30 +94,42 @@ class Check:
         command: str = "",
         patience: float = 60.0,
         start: float = 30.0,
+        ending: float = 10.0,
         everything: bool = False,
+        no_wells: bool = False,
     ) -> None:
+        """start, ending: seconds that the command has until it listens, and to end after a run.
+
+        no_wells: the model has none, and "*" is rightly answered by nobody.
+        """
         self.report = Report("simulator", RULES)
         self._host, self._port = host, port
         self._version = version
         self._command = command
         self._patience = patience
         self._start = start
+        self._ending = ending
         self._everything = everything
+        self._no_wells = no_wells
 
     def run(self) -> Report:
         report = self.report
-        self._try(self._session)
-        if self._command and not report.broken:
-            self._try(self._short_session)
-        elif not self._command:
-            report.absent("S52", "it needs a second run: give --command")
+        self._try(self._session, "S73")
+        if not self._command:
+            for rule in ("S52", "S56", "S73", "S74"):
+                report.absent(rule, "it needs runs of its own: give --command")
+        elif report.judgements["S01"].verdict == PASSED:
+            # They can tell more when the first session has broken off.
+            self._try(self._short_session, "S73")
+            self._try(self._deserting_session, "S74")
         report.finish()
         return report
 
-    def _try(self, session: Callable[[Controller], None]) -> None:
+    def _try(self, session: Callable[[Controller], None], end: str) -> None:
+        """end: the rule by which the simulator ends after this session."""
         report = self.report
         try:
-            with self._connection() as controller:
+            with self._connection(end) as controller:
                 session(controller)
         except Broken as error:
             report.broken = report.broken or f"an earlier step failed: {error}"
@@ -444,42 +138,80 @@ class Check:
             report.broken = report.broken or f"an earlier answer could not be used: {error!r}"
 
     @contextlib.contextmanager
-    def _connection(self) -> Iterator[Controller]:
+    def _connection(self, end: str) -> Iterator[Controller]:
         started = Command(self._command, self._host, self._port) if self._command else None
         with started or contextlib.nullcontext():
-            with self._reached() as stream:
+            with self._reached(started) as stream:
                 self.report.kept("S01")
+                background = started is not None and started.status(0.0) is not None
                 yield Controller(stream, self.report, self._patience)
+            if background:
+                self.report.absent(end, "the command leaves the simulator in the background")
+            elif started is not None:
+                ended = started.status(self._ending) is not None
+                received = f"still there after {self._ending:g} seconds"
+                self.report.judge(end, ended, "the end of the program", received)
 
-    def _reached(self) -> Stream:
-        until = time.monotonic() + (self._start if self._command else 0.0)
+    def _reached(self, started: Optional[Command]) -> Stream:
+        until = time.monotonic() + (self._start if started else 0.0)
         while True:
             try:
                 return Stream.connect(self._host, self._port, self._patience)
             except ConnectFailed as error:
-                if time.monotonic() >= until:
-                    self.report.failed("S01", "a connection", str(error))
+                status = started.status(0.05) if started else None
+                # A command that succeeds may have left the simulator in the background.
+                if status or time.monotonic() >= until:
+                    said = f", the command ended with the status {status}" if status else ""
+                    said += f" and said: {started.complaint()}" if status and started else ""
+                    self.report.failed("S01", "a connection", f"{error}{said}")
                     raise Broken("the simulator was not reached") from error
-                time.sleep(0.05)
+                if status == 0:
+                    time.sleep(0.05)
+
+    @contextlib.contextmanager
+    def _demanded(self, rule: str, expected: str) -> Iterator[None]:
+        """What is said within it keeps the rule, unless the conversation breaks on it."""
+        try:
+            yield
+        except Broken:
+            self.report.failed(rule, expected, "none that could be read")
+            raise
+        self.report.kept(rule)
 
     def _short_session(self, controller: Controller) -> None:
-        controller.send(request("SETUP", {"VERSION": ["V2"]}))
-        controller.hear("S06", "STARTED")
-        controller.hear_step("S07", "the first step answer")
+        self._set_up(controller)
         controller.step("S52", request("SHUTDOWN"))
         self.report.kept("S52")
+
+    def _deserting_session(self, controller: Controller) -> None:
+        """Leaves without SHUTDOWN."""
+        target = self._set_up(controller).time + 1.5
+        with self._demanded("S56", "a step answer"):
+            step = controller.step("S56", request("CONTINUE_UNTIL", {"TIME": [target]}))
+        kept = step.position == "END_SIMULATE" or (step.position, step.time) == (
+            "BEGIN_NEWTON",
+            target,
+        )
+        expected = f"BEGIN_NEWTON at {target} days, or END_SIMULATE"
+        self.report.judge("S56", kept, expected, f"{step.position} at {step.time}")
 
     # The stages of the long session: what may end it comes last.
 
     def _session(self, controller: Controller) -> None:
         first = self._set_up(controller)
+        with self._demanded("S54", "answers at MODEL_DEFINITION"):
+            compositional = self._run_queries(controller, first)
+            self._at_any_position(controller)
         step = controller.step("S12", request("CONTINUE"))
         self._judge_step(step)
         kept = step.position == "BEGIN_NEWTON"
         self.report.judge("S12", kept, "the position BEGIN_NEWTON", step.position)
-        compositional = self._run_queries(controller, first)
         wells = self._well_queries(controller)
-        self._fluid_queries(controller, compositional)
+        components = self._fluid_queries(controller, compositional)
+        if not compositional:
+            self.report.absent("S69", "the run is not compositional")
+        elif wells:
+            self._composition(controller, list(wells), components)
         if self._everything:
             self._field_management_query(controller)
             self._constraint_queries(controller, list(wells))
@@ -491,13 +223,21 @@ class Check:
         self._awkward_requests(controller, list(wells))
         self._stepping(controller, step)
 
+    def _at_any_position(self, controller: Controller) -> None:
+        """What masters ask and set wherever the run stands."""
+        _, wells = controller.wells("QWELLS_STR", ("TYPE", "STATUS"), ["*"])
+        names = list(wells)[:20]
+        controller.wells("QWELLS", OPERATING, names)
+        statuses = {name: str(wells[name].get("STATUS", "OPEN")) for name in names[:1]}
+        self._set_statuses(controller, statuses)
+
     def _set_up(self, controller: Controller) -> Step:
         controller.send(request("SETUP", {"VERSION": ["V2"]}))
         message = controller.hear("S06", "STARTED and ERRORS")
         shape = [(h.name, h.type, len(h.data)) for h in message]
         wanted = [("STARTED", "MESS", 0), ("ERRORS", "CSTR", 0), ("END", "MESS", 0)]
         if not self.report.judge(
-            "S06", shape == wanted, "STARTED, ERRORS CSTR 0, END", _text(message)
+            "S06", shape == wanted, "STARTED, ERRORS CSTR 0, END", told(message)
         ):
             raise Broken("the simulator did not accept the set-up")
         first = controller.hear_step("S07", "a step answer, unasked")
@@ -507,10 +247,15 @@ class Check:
         )
         self._start_date: Optional[datetime.date] = None
         self._last = first
+        self._ended = False
         self._judge_step(first)
         return first
 
     def _judge_step(self, step: Step) -> None:
+        if step.position == "END_SIMULATE" and not self._ended:
+            self._ended = True
+            received = f"FINISHED, which leaves the master at {self._last.time} days"
+            self.report.judge("S77", not step.finished, "STEP with END_SIMULATE", received)
         if step.finished:
             return
         known = step.position in controller_link.POSITIONS
@@ -522,6 +267,9 @@ class Check:
             str(step.time),
         )
         self._last = step
+        self._judge_date(step)
+
+    def _judge_date(self, step: Step) -> None:
         try:
             date = datetime.date(*step.date[:3])  # type: ignore[arg-type]
         except ValueError as error:
@@ -550,14 +298,22 @@ class Check:
         models = controller.run_items("QRESVR_STR", "FM_FLUID_MODEL", "RES_FLUID_MODEL")
         kept = len(models) == 2 and all(len(model) == 1 for model in models.values())
         report.judge("S50", kept, "both, with a text each", str(models))
+        field, reservoir = (
+            str(models.get(name, ("",))[0]) for name in ("FM_FLUID_MODEL", "RES_FLUID_MODEL")
+        )
+        compositional = field == "COMPOSITIONAL"
+        # Every other text means black oil, whatever it speaks of.
+        meant = "COMPOSITIONAL" in (field.strip().upper(), reservoir.strip().upper())
+        report.judge("S71", compositional or not meant, "COMPOSITIONAL", f"{field}, {reservoir}")
+        self._metric = units == (METRIC,)
         date = controller.run_items("QRESVR", "START_DATE").get("START_DATE", ())
+        self._first_day = tuple(date[:3])
         try:
             self._start_date = datetime.date(*date[:3]) if len(date) == 6 else None
         except ValueError:
             self._start_date = None
         report.judge("S28", self._start_date is not None, "six integers, a date", str(date))
-        self._judge_step(first)
-        compositional = "COMPOSITIONAL" in [str(model[0]) for model in models.values() if model]
+        self._judge_date(first)
         report.sheet.update(
             {
                 "version": str(version[0]) if version else "unknown",
@@ -571,50 +327,91 @@ class Check:
     def _well_queries(self, controller: Controller) -> Rows:
         report = self.report
         items, wells = controller.wells("QWELLS_STR", ("TYPE", "STATUS"), ["*"])
-        kept = sorted(items) == ["STATUS", "TYPE"] and bool(wells) and all(wells)
-        expected = "TYPE and STATUS of all wells (check a model that has wells)"
-        report.judge("S45", kept, expected, f"{_list(items)}; {_list(list(wells))}")
         names = list(wells)
-        report.sheet["wells"] = str(len(names))
-        if not names:
-            return {}
+        whole = sorted(items) == ["STATUS", "TYPE"] and all(wells.values())
+        expected = "TYPE and STATUS of all wells"
+        if self._no_wells:
+            whole, expected = not names, "no wells, as --no-wells says"
+        elif not names:
+            whole, expected = False, f"{expected} (of a model without wells? give --no-wells)"
+        report.judge("S45", whole, expected, f"{listed(items)}; {listed(names)}")
+        types = Counter(str(row.get("TYPE")) for row in wells.values())
+        report.sheet["wells"] = ", ".join(f"{n} {kind}" for kind, n in types.items()) or "none"
         for rule, asked in (("S46", OPERATING), ("S47", (*INFLOW, "BOTTOM_HOLE_PRESSURE"))):
             items, rows = controller.wells("QWELLS", asked, names, ordered=rule == "S46")
             missing = [item for item in asked if item not in items]
             absent = [name for name in names if name not in rows]
             kept = not missing and not absent
-            report.judge(
-                rule, kept, f"{_list(asked)} of all wells", f"without {_list(missing + absent)}"
-            )
-        extras = ("WATER_CUT", "GAS_OIL_RATIO", "LIQUID_PRODUCTION_RATE", "TOTAL_MOLE_FRACTION[1]")
+            if names:
+                report.judge(
+                    rule,
+                    kept,
+                    f"{listed(asked)} of all wells",
+                    f"without {listed(missing + absent)}",
+                )
+        extras = ("WATER_CUT", "GAS_OIL_RATIO", "LIQUID_PRODUCTION_RATE")
         known, _ = controller.wells("QWELLS", extras, names[:1])
-        report.sheet["further properties"] = _list(known)
-        items, rows = controller.wells("QWELLS", (OPERATING[0], _UNKNOWN), [names[0], _UNKNOWN])
-        kept = _UNKNOWN not in items and _UNKNOWN not in rows
+        report.sheet["further properties"] = listed(known)
+        asked_wells = [*names[:1], _UNKNOWN]
+        items, rows = controller.wells("QWELLS", (OPERATING[0], _UNKNOWN), asked_wells)
+        # Without wells a simulator may not know which properties they would have.
+        kept = (_UNKNOWN not in items or not names) and _UNKNOWN not in rows
         report.judge(
-            "S51", kept, "neither of the two names", f"{_list(items)}; {_list(list(rows))}"
+            "S51", kept, "neither of the two names", f"{listed(items)}; {listed(list(rows))}"
         )
+        if names:
+            self._repeated_queries(controller, wells)
+        else:
+            for rule in _OF_WELLS:
+                report.absent(rule, "the model has no wells")
         return wells
 
-    def _fluid_queries(self, controller: Controller, compositional: bool) -> None:
+    def _repeated_queries(self, controller: Controller, wells: Rows) -> None:
+        report = self.report
+        names = list(wells)
+        controller.wells("QWELLS_STR", ["STATUS"], [names[0], names[-1], names[0]])
+        _, rows = controller.wells("QWELLS", OPERATING, ["*"])
+        report.judge("S62", set(rows) == set(names), listed(names), listed(list(rows)))
+        _, again = controller.wells("QWELLS", OPERATING, names)
+        changed = [name for name in names if not alike(rows.get(name, {}), again.get(name, {}))]
+        report.judge(
+            "S76", not changed or set(rows) != set(names), "the same twice", listed(changed)
+        )
+        for name, row in again.items():
+            self._judge_type(name, str(wells[name].get("TYPE", "")), row)
+
+    def _judge_type(self, well: str, found: str, row: Mapping[str, Any]) -> None:
+        """Any other text makes a gas injector, so other wells need one of the two."""
+        letters = "".join(c for c in found.upper() if c.isalpha())
+        expected = found
+        if found not in (_PRODUCER, _WATER_INJECTOR):
+            if letters.startswith("PROD") or measured(row, "LIQUID_PRODUCTION_RATE") > 0.0:
+                expected = _PRODUCER
+            elif letters.startswith("WAT") or measured(row, "WATER_INJECTION_RATE") > 0.0:
+                expected = _WATER_INJECTOR
+        self.report.judge("S70", found == expected, f"{expected} of {well}"[:120], found)
+
+    def _fluid_queries(self, controller: Controller, compositional: bool) -> int:
+        """The number of components of the first model."""
         report = self.report
         headers = controller.query("QRFLUIDMODEL")
         fields = ("FLUIDMODELDNAME", "EOSNAME", "NCOMPS", "BIC")
         types = ("CSTR", "CSTR", "CSTR", "DOUB")
         models, at = 0, 0
+        components = len(headers[2].data) if len(headers) > 2 else 0
         while at < len(headers):
             head = headers[at : at + 4]
             kept = [(h.name, h.type) for h in head] == list(zip(fields, types)) and all(
                 len(h.data) == 1 for h in head[:2]
             )
-            if not report.judge("S32", kept, f"{', '.join(fields)}", _text(head)):
-                return
+            if not report.judge("S32", kept, f"{', '.join(fields)}", told(head)):
+                return components
             models, at = models + 1, at + 4
             while at < len(headers) and headers[at].name == "EOSPROPNAME":
                 values = headers[at + 1] if at + 1 < len(headers) else END
                 kept = (values.name, values.type) == ("VALUES", "DOUB")
                 report.judge(
-                    "S32", kept, "EOSPROPNAME, then VALUES DOUB", _text(headers[at : at + 2])
+                    "S32", kept, "EOSPROPNAME, then VALUES DOUB", told(headers[at : at + 2])
                 )
                 count = len(head[2].data)
                 report.judge("S33", len(values.data) == count, f"{count} values", str(values))
@@ -622,13 +419,31 @@ class Check:
         report.judge("S50", models > 0 or not compositional, "a fluid model", "none")
         report.absent("S32", "the run has no fluid model")
         report.absent("S33", "the run has no fluid model")
-        report.sheet["fluid models"] = str(models)
+        report.sheet["fluid models"] = f"{models}, with {components} components" if models else "0"
+        return components
+
+    def _composition(self, controller: Controller, names: List[str], components: int) -> None:
+        report = self.report
+        items = [f"TOTAL_MOLE_FRACTION[{n}]" for n in range(components + 1)]
+        wells = names[:50]
+        known, rows = controller.wells("QWELLS", items, wells)
+        report.judge("S69", known == items[1:], listed(items[1:]), listed(known))
+        _, rates = controller.wells("QWELLS", RATES, wells)
+        for name, row in rows.items():
+            fractions = [float(row[item]) for item in items[1:] if item in row]
+            total = sum(fractions)
+            produces = measured(rates.get(name, {}), "LIQUID_PRODUCTION_RATE") > 0.0
+            # A well through which nothing flows, or water alone, may have no composition.
+            kept = abs(total - 1.0) <= 0.001 or (total == 0.0 and not produces)
+            kept = kept and all(0.0 <= fraction <= 1.0 for fraction in fractions)
+            expected = f"fractions from 0 to 1 of {name}"[:80] + " that add up to 1"
+            report.judge("S69", kept, expected, f"{fractions[:12]}, together {total:g}")
 
     def _field_management_query(self, controller: Controller) -> None:
         headers = controller.query("QFMFLUIDMODEL")
         name = "NCOMPS" if self._version == "2017.2" else headers[0].name if headers else ""
         kept = not headers or [(h.name, h.type) for h in headers] == [(name, "CSTR")]
-        self.report.judge("S31", kept, "nothing, or one list NCOMPS", _text(headers))
+        self.report.judge("S31", kept, "nothing, or one list NCOMPS", told(headers))
 
     def _constraint_queries(self, controller: Controller, wells: List[str]) -> None:
         report = self.report
@@ -636,7 +451,7 @@ class Check:
         kept = [h.name for h in headers] == ["WELLNAME", "ITEMS", "VALUES", "SETTERS"] * (
             len(headers) // 4
         )
-        report.judge("S29", kept, "WELLNAME, ITEMS, VALUES, SETTERS for each well", _text(headers))
+        report.judge("S29", kept, "WELLNAME, ITEMS, VALUES, SETTERS for each well", told(headers))
         for at in range(1, len(headers), 4):
             lengths = [len(header.data) for header in headers[at : at + 3]]
             report.judge("S29", len(set(lengths)) == 1, "lists of one length", str(lengths))
@@ -669,95 +484,318 @@ class Check:
         report.absent("S30", "the simulator gives no inflow curves")
         report.sheet["inflow curves"] = str(curves)
 
+    def _set_statuses(
+        self, controller: Controller, statuses: Mapping[str, str], rule: str = "S20"
+    ) -> None:
+        names, values = list(statuses), list(statuses.values())
+        row = {"WCLOSURE": ["USER"], "SETITEM": ["STATUS"], "WELNAMES": names, "VALUES": values}
+        controller.set("SETWSTATUS", row, rule=rule)
+
+    def _set_uptimes(
+        self, controller: Controller, uptimes: Mapping[str, float], rule: str = "S20"
+    ) -> None:
+        names, values = list(uptimes), list(uptimes.values())
+        row = {"SETITEM": ["UPTIME_FRACTION"], "WELNAMES": names, "VALUES": values}
+        controller.set("SETWELLS", row, rule=rule)
+
+    def _set_limits(
+        self,
+        controller: Controller,
+        limits: Mapping[str, Mapping[str, float]],
+        rule: str = "S20",
+    ) -> None:
+        rows = (
+            {
+                "WELLNAME": [well],
+                "ITEMS": list(values),
+                "VALUES": list(values.values()),
+                "SETTERS": ["USER"] * len(values),
+            }
+            for well, values in limits.items()
+        )
+        controller.set("SETWCONSTRAINTS", *rows, rule=rule)
+
+    def _statuses(self, controller: Controller, names: Sequence[str]) -> Dict[str, str]:
+        _, rows = controller.wells("QWELLS_STR", ["STATUS"], names)
+        return {name: str(rows.get(name, {}).get("STATUS", "no answer")) for name in names}
+
+    def _numbers(self, controller: Controller, names: Sequence[str]) -> Rows:
+        _, rows = controller.wells("QWELLS", OPERATING, names)
+        return {name: rows.get(name, {}) for name in names}
+
+    def _flowing(self, controller: Controller, wells: Rows) -> List[Flow]:
+        return [
+            Flow(name, limit, measured(row, limit))
+            for name, row in self._numbers(controller, list(wells)).items()
+            for limit in _LIMITS_OF.get(str(wells[name].get("TYPE")), ("GAS_INJECTION_RATE",))
+            if measured(row, limit) > 0.0
+        ]
+
+    def _out_of_reach(self, limit: str) -> float:
+        return _OUT_OF_REACH_METRIC.get(limit, 15898.7) if self._metric else 100000.0
+
     def _setters(self, controller: Controller, wells: Rows) -> None:
         report = self.report
-        flowing = self._flowing(controller, wells)
-        if flowing is None:
-            for rule in ("S34", "S35", "S36", "S37", "S38"):
+        names = list(wells)
+        flows = self._flowing(controller, wells) if wells else []
+        if wells and not flows:
+            # As the jobmill does before it makes inflow tables.
+            self._set_statuses(controller, {name: "OPEN" for name in names})
+            self._set_uptimes(controller, {name: 1.0 for name in names})
+            flows = self._flowing(controller, wells)
+        if not flows:
+            for rule in (*_OF_FLOW, "S20"):
                 report.absent(rule, "no well flows")
-            report.absent("S20", "no well flows")
             return
-        well, item, rate = flowing
-        self._limits(controller, wells, well, item, rate)
+        others = [flow for flow in flows if flow.well != flows[0].well]
+        # A well on the same limit shows best whether each well of a message got its own.
+        others.sort(key=lambda flow: flow.limit != flows[0].limit)
+        if not others:
+            for rule in ("S38", "S59", "S60"):
+                report.absent(rule, "no second well flows")
+        pair = [flows[0], *others[:1]]
+        self._limits(controller, pair)
+        self._each_limit(controller, flows)
+        self._several_limits(controller, flows)
+        self._pressure_limits(controller, flows)
+        self._well_statuses(controller, pair)
+        self._uptimes(controller, pair)
+        self._all_wells(controller, wells, flows)
+        self._without_sense(controller, names, flows[0])
 
-        def status(text: str) -> None:
-            row = {
-                "WCLOSURE": ["USER"],
-                "SETITEM": ["STATUS"],
-                "WELNAMES": [well],
-                "VALUES": [text],
-            }
-            controller.set("SETWSTATUS", row)
-            _, rows = controller.wells("QWELLS_STR", ["STATUS"], [well])
-            found = str(rows.get(well, {}).get("STATUS", "no answer"))
-            report.judge("S34", found == text, text, found)
-
-        status("SHUT")
-        status("OPEN")
-        for fraction in (0.5, 1.0):
-            row = {"SETITEM": ["UPTIME_FRACTION"], "WELNAMES": [well], "VALUES": [fraction]}
-            controller.set("SETWELLS", row)
-            _, rows = controller.wells("QWELLS", ["UPTIME_FRACTION"], [well])
-            found = rows.get(well, {}).get("UPTIME_FRACTION", "no answer")
-            report.judge("S35", found == fraction, str(fraction), str(found))
-
-    def _flowing(self, controller: Controller, wells: Rows) -> Optional[Tuple[str, str, float]]:
-        if not wells:
-            return None
-        rates = [item for item in OPERATING if item.endswith("_RATE")]
-        _, rows = controller.wells("QWELLS", rates, list(wells))
-        found = [
-            (name, item, rows[name][item])
-            for item in rates
-            for name in rows
-            if rows[name].get(item, 0.0) > 0.0
-        ]
-        return found[0] if found else None
-
-    def _limits(
-        self, controller: Controller, wells: Rows, well: str, item: str, rate: float
-    ) -> None:
+    def _limits(self, controller: Controller, pair: List[Flow]) -> None:
         report = self.report
-        other = next((name for name in wells if name != well), "")
+        well, limit, rate = pair[0]
 
-        def limit(*names: str, value: float) -> None:
-            controller.set(
-                "SETWCONSTRAINTS",
-                *(
-                    {"WELLNAME": [name], "ITEMS": [item], "VALUES": [value], "SETTERS": ["USER"]}
-                    for name in names
-                ),
-            )
+        def limited(value: float) -> float:
+            self._set_limits(controller, {well: {limit: value}})
+            return measured(self._numbers(controller, [well])[well], limit)
 
-        def now(name: str) -> float:
-            _, rows = controller.wells("QWELLS", [item], [name])
-            return float(rows.get(name, {}).get(item, 0.0))
-
-        limit(well, value=rate / 2)
-        found = now(well)
-        report.judge(
-            "S36", 0 <= found <= rate / 2 * 1.0001, f"{item} at most {rate / 2:g}", f"{found:g}"
-        )
-        limit(well, value=rate / 4)
-        low = now(well)
-        limit(well, value=rate / 2)
-        again = now(well)
-        kept = low <= rate / 4 * 1.0001 and (again > low or again == 0.0)
-        expected = f"{item} at most {rate / 4:g}, then {rate / 2:g} again"
+        found = limited(rate / 2)
+        expected = f"{limit} at most {rate / 2:g}"
+        report.judge("S36", within(found, rate / 2), expected, f"{found:g}")
+        low, again = limited(rate / 4), limited(rate / 2)
+        kept = within(low, rate / 4) and (again > low or again == 0.0)
+        expected = f"{limit} at most {rate / 4:g}, then {rate / 2:g} again"
         report.judge("S37", kept, expected, f"{low:g}, then {again:g}")
-        if other:
-            limit(well, other, value=rate / 3)
-            rates = now(well), now(other)
-            kept = max(rates) <= rate / 3 * 1.0001
-            report.judge(
-                "S38",
-                kept,
-                f"{item} of both wells at most {rate / 3:g}",
-                f"{rates[0]:g}, {rates[1]:g}",
-            )
-        else:
-            report.absent("S38", "the model has one well")
-        limit(*[well, other][: 2 if other else 1], value=rate * 1e6)
+        if len(pair) > 1:
+            third = {flow.well: {flow.limit: flow.rate / 3} for flow in pair}
+            self._set_limits(controller, third)
+            rows = self._numbers(controller, list(third))
+            rates = [measured(rows[flow.well], flow.limit) for flow in pair]
+            kept = all(within(now, flow.rate / 3) for now, flow in zip(rates, pair))
+            expected = ", ".join(f"{flow.limit} at most {flow.rate / 3:g}" for flow in pair)
+            report.judge("S38", kept, f"{expected} in the two wells", str(rates))
+        self._lift(controller, pair)
+
+    def _lift(self, controller: Controller, flows: Sequence[Flow]) -> None:
+        """Takes limits off as the jobmill does: out of reach, all of a well together."""
+        limits: Dict[str, Dict[str, float]] = {}
+        for flow in flows:
+            limits.setdefault(flow.well, {})[flow.limit] = self._out_of_reach(flow.limit)
+        self._set_limits(controller, limits)
+
+    def _each_limit(self, controller: Controller, flows: List[Flow]) -> None:
+        """Each limit that the jobmill sets, on the first well that it concerns."""
+        report = self.report
+        obeyed = []
+        for limit in LIMITS:
+            flow = next((flow for flow in flows if flow.limit == limit), None)
+            if flow is None:
+                continue
+            self._set_limits(controller, {flow.well: {limit: flow.rate / 2}})
+            low = measured(self._numbers(controller, [flow.well])[flow.well], limit)
+            kept = within(low, flow.rate / 2)
+            report.judge("S66", kept, f"{limit} at most {flow.rate / 2:g}", f"{low:g}")
+            obeyed += [limit] if kept else []
+            value = self._out_of_reach(limit)
+            self._lift(controller, [flow])
+            free = measured(self._numbers(controller, [flow.well])[flow.well], limit)
+            expected = f"{limit} of {flow.rate:g} again after the limit {value:g}"
+            report.judge("S67", not kept or free >= flow.rate * 0.999, expected, f"{free:g}")
+        for limit in ("OIL_PRODUCTION_RATE", "WATER_PRODUCTION_RATE"):
+            # Masters may set them; which of them a simulator has is its own affair.
+            for flow in flows:
+                rate = measured(self._numbers(controller, [flow.well])[flow.well], limit)
+                if rate > 0.0:
+                    self._set_limits(controller, {flow.well: {limit: rate / 2}})
+                    low = measured(self._numbers(controller, [flow.well])[flow.well], limit)
+                    obeyed += [limit] if within(low, rate / 2) else []
+                    self._set_limits(controller, {flow.well: {limit: self._out_of_reach(limit)}})
+                    break
+        report.sheet["limits obeyed"] = ", ".join(obeyed) or "none"
+
+    def _several_limits(self, controller: Controller, flows: List[Flow]) -> None:
+        report = self.report
+        of_wells: Dict[str, List[Flow]] = {}
+        for flow in flows:
+            of_wells.setdefault(flow.well, []).append(flow)
+        well, both = next(
+            ((well, both) for well, both in of_wells.items() if len(both) > 1), ("", [])
+        )
+        if not both:
+            report.absent("S64", "no well has two limits that the jobmill sets")
+        for tight in both:
+            values = {
+                flow.limit: flow.rate / 2 if flow == tight else self._out_of_reach(flow.limit)
+                for flow in both
+            }
+            self._set_limits(controller, {well: values})
+            found = measured(self._numbers(controller, [well])[well], tight.limit)
+            received = f"{found:g} after {', '.join(values)} in one message"
+            expected = f"{tight.limit} at most {tight.rate / 2:g}"
+            report.judge("S64", within(found, tight.rate / 2), expected, received)
+        # A limit, then everything else of the well.
+        flow = both[0] if both else flows[0]
+        well, limit = flow.well, flow.limit
+        self._set_limits(controller, {well: {limit: flow.rate / 2}})
+        other = both[1].limit if both else "TUBING_HEAD_PRESSURE"
+        pressure = self._numbers(controller, [well])[well].get(other, 0.0)
+        value = self._out_of_reach(other) if both else float(pressure)
+        self._set_limits(controller, {well: {other: value}})
+        self._set_statuses(controller, {well: "SHUT"})
+        self._set_statuses(controller, {well: "OPEN"})
+        found = measured(self._numbers(controller, [well])[well], limit)
+        expected = f"{limit} at most {flow.rate / 2:g} after {other} and a status were set"
+        report.judge("S65", within(found, flow.rate / 2), expected, f"{found:g}")
+        self._lift(controller, both or [flow])
+
+    def _pressure_limits(self, controller: Controller, flows: List[Flow]) -> None:
+        """Not every simulator has limits of pressures; one that does must let go of them, too."""
+        report = self.report
+        obeyed = []
+        for flow in {flow.limit: flow for flow in reversed(flows)}.values():
+            injects = "INJECTION" in flow.limit
+            for item in _PRESSURES:
+                before = self._numbers(controller, [flow.well])[flow.well]
+                rate, pressure = measured(before, flow.limit), float(before.get(item, 0.0))
+                tight = pressure * 0.9 if injects else pressure * 1.1 + 1.0
+                self._set_limits(controller, {flow.well: {item: tight}})
+                low = measured(self._numbers(controller, [flow.well])[flow.well], flow.limit)
+                off = 100000.0 if injects else 0.0
+                self._set_limits(controller, {flow.well: {item: off}})
+                free = measured(self._numbers(controller, [flow.well])[flow.well], flow.limit)
+                if low < rate * 0.999:
+                    obeyed.append(item)
+                    # The tubing may hold a well back even so.
+                    kept = free > low * 1.0001
+                    expected = f"{flow.limit} above {low:g} again after {item} {off:g}"
+                    report.judge("S67", kept, expected, f"{free:g}")
+                # So that the run goes on as it would have.
+                self._set_limits(controller, {flow.well: {item: pressure}})
+        known = [item for item in _PRESSURES if item in obeyed]
+        report.sheet["limits obeyed"] = ", ".join([report.sheet["limits obeyed"], *known])
+
+    def _well_statuses(self, controller: Controller, pair: List[Flow]) -> None:
+        report = self.report
+        well, limit, _ = pair[0]
+        for text in ("SHUT", "OPEN"):
+            self._set_statuses(controller, {well: text})
+            found = self._statuses(controller, [well])[well]
+            report.judge("S34", found == text, text, found)
+            row = self._numbers(controller, [well])[well]
+            rates = [item for item in RATES if abs(float(row.get(item, 0.0))) > 1e-6]
+            if text == "SHUT":
+                report.judge("S57", not rates, f"no rates of {well}"[:80], listed(rates))
+            else:
+                found = f"{measured(row, limit):g}"
+                report.judge("S57", bool(rates), f"rates of {well}, OPEN again"[:80], found)
+        if len(pair) < 2:
+            return
+        for texts in (("SHUT", "SHUT"), ("OPEN", "SHUT"), ("SHUT", "OPEN"), ("OPEN", "OPEN")):
+            wanted = {flow.well: text for flow, text in zip(pair, texts)}
+            self._set_statuses(controller, wanted)
+            got = self._statuses(controller, list(wanted))
+            report.judge("S59", got == wanted, str(wanted), str(got))
+
+    def _uptimes(self, controller: Controller, pair: List[Flow]) -> None:
+        report = self.report
+        well, limit, _ = pair[0]
+
+        def uptimes(names: Sequence[str]) -> Dict[str, object]:
+            rows = self._numbers(controller, names)
+            return {name: rows[name].get("UPTIME_FRACTION", "no answer") for name in names}
+
+        before = uptimes([flow.well for flow in pair])
+        for fraction in (0.5, 0.0, 1.0):
+            self._set_uptimes(controller, {well: fraction})
+            row = self._numbers(controller, [well])[well]
+            found = row.get("UPTIME_FRACTION", "no answer")
+            report.judge("S35", found == fraction, str(fraction), str(found))
+            if fraction == 0.0:
+                rate = measured(row, limit)
+                report.judge("S58", abs(rate) <= 1e-6, f"{limit} of 0", f"{rate:g}")
+        if len(pair) > 1:
+            wanted = {flow.well: fraction for flow, fraction in zip(pair, (0.5, 0.25))}
+            self._set_uptimes(controller, wanted)
+            got = uptimes(list(wanted))
+            report.judge("S60", got == wanted, str(wanted), str(got))
+        back = {name: float(value) for name, value in before.items() if isinstance(value, float)}
+        self._set_uptimes(controller, back)
+
+    def _all_wells(self, controller: Controller, wells: Rows, flows: List[Flow]) -> None:
+        report = self.report
+        names = list(wells)
+        before = self._statuses(controller, names)
+        numbers = self._numbers(controller, names)
+        # A status of the simulator's own may be one that cannot be changed.
+        ordinary = [name for name in names if before[name] in ("OPEN", "SHUT")]
+        self._set_statuses(controller, {"*": "SHUT"})
+        found = self._statuses(controller, names)
+        still = [name for name in ordinary if found[name] != "SHUT"]
+        report.judge("S61", not still, "SHUT, all wells", f"not SHUT: {listed(still)}")
+        _, shut = controller.wells("QWELLS_STR", ("TYPE", "STATUS"), ["*"])
+        left = [name for name in names if name not in shut]
+        report.judge("S45", not left, "all wells, SHUT ones too", f"without {listed(left)}")
+        self._set_statuses(controller, {name: before[name] for name in ordinary})
+
+        self._set_uptimes(controller, {"*": 0.5})
+        rows = self._numbers(controller, names)
+        still = [name for name in names if rows[name].get("UPTIME_FRACTION") != 0.5]
+        report.judge("S61", not still, "an uptime of 0.5, all wells", f"not so: {listed(still)}")
+        uptimes = {name: numbers[name].get("UPTIME_FRACTION", 1.0) for name in names}
+        self._set_uptimes(controller, uptimes)
+
+        limit, value = flows[0].limit, flows[0].rate / 3
+        concerned = [flow.well for flow in flows if flow.limit == limit]
+        self._set_limits(controller, {"*": {limit: value}})
+        rows = self._numbers(controller, concerned)
+        over = [name for name in concerned if not within(measured(rows[name], limit), value)]
+        report.judge("S61", not over, f"{limit} at most {value:g}", f"more: {listed(over)}")
+        self._set_limits(controller, {"*": {limit: self._out_of_reach(limit)}})
+
+    def _without_sense(self, controller: Controller, names: List[str], flow: Flow) -> None:
+        """Setters that a simulator can do nothing with."""
+        report = self.report
+        well, limit = flow.well, flow.limit
+        statuses, numbers = self._statuses(controller, names), self._numbers(controller, names)
+        with self._demanded("S63", "READY"):
+            self._set_statuses(controller, {_UNKNOWN: "SHUT"}, "S63")
+            self._set_uptimes(controller, {_UNKNOWN: 0.5}, "S63")
+            self._set_uptimes(controller, {well: 7.0}, "S63")
+            self._set_limits(controller, {_UNKNOWN: {limit: flow.rate / 10}}, "S63")
+            self._set_limits(controller, {well: {_UNKNOWN: 1.0}}, "S63")
+            self._set_limits(controller, {well: {}}, "S63")
+            if self._version == "2017.2":
+                self._set_source(controller, _UNKNOWN, "S63")
+                row = {"WELLNAME": [_UNKNOWN], "STNAME": ["SOURCE"], "STPHASE": ["GAS"]}
+                accepted = self._attach_source(controller, row, "S63")
+                report.judge("S63", not accepted, "STRET 0 for an unknown well", "another")
+            # Whether a simulator has more statuses than two, it knows itself.
+            self._set_statuses(controller, {well: _UNKNOWN}, "S63")
+            self._set_statuses(controller, {well: "OPEN"}, "S63")
+        new_statuses = self._statuses(controller, names)
+        new_numbers = self._numbers(controller, names)
+        changed = [
+            name
+            for name in names
+            if new_statuses[name] != statuses[name] or not alike(new_numbers[name], numbers[name])
+        ]
+        report.judge("S63", not changed, "wells as they were", f"changed: {listed(changed)}")
+        with self._demanded("S63", "READY for a limit that is not a number"):
+            self._set_limits(controller, {well: {limit: math.nan}}, "S63")
+        self._numbers(controller, [well])
+        self._set_limits(controller, {well: {limit: self._out_of_reach(limit)}})
 
     def _sources(self, controller: Controller, wells: Rows) -> None:
         report = self.report
@@ -767,24 +805,30 @@ class Check:
             return
         well = next((w for w, row in wells.items() if row.get("TYPE") == "GAS_INJECTOR"), "")
         well = well or next(iter(wells), "W")
-        controller.quiet()
         row = {"WELLNAME": [well], "STNAME": ["SOURCE"], "STPHASE": ["GAS"]}
+        accepted = self._attach_source(controller, row, "S39")
+        report.sheet["external sources"] = "accepted" if accepted else "refused"
+        self._set_source(controller, "SOURCE", "S40")
+
+    def _attach_source(self, controller: Controller, row: Dict[str, List[str]], rule: str) -> bool:
+        controller.quiet()
         controller.send(request("CREATE_FLDSRCEXT", row))
-        message = controller.hear("S39", "REPLY and STRET")
+        message = controller.hear(rule, "REPLY and STRET")
         shape = [(h.name, h.type, len(h.data)) for h in message]
         wanted = [("REPLY", "MESS", 0), ("STRET", "INTE", 1), ("END", "MESS", 0)]
-        report.judge("S39", shape == wanted, "REPLY, STRET INTE 1, END", _text(message))
+        kept = self.report.judge(rule, shape == wanted, "REPLY, STRET INTE 1, END", told(message))
         if message != READY:
-            controller._ready("S39")
-        accepted = bool(shape == wanted and message[1].data[0])
-        report.sheet["external sources"] = "accepted" if accepted else "refused"
-        names = ["TOTAL_MOLE_FRACTION[1]", "TOTAL_MOLE_FRACTION[2]"]
+            controller.expect_ready(rule)
+        return kept and bool(message[1].data[0])
+
+    def _set_source(self, controller: Controller, source: str, rule: str) -> None:
         row = {
-            "STNAME": ["SOURCE"],
-            "STCMPNAMES": names,
+            "STNAME": [source],
+            "STCMPVALUES": [0.75, 0.25],
+            "STCMPNAMES": ["TOTAL_MOLE_FRACTION[1]", "TOTAL_MOLE_FRACTION[2]"],
             "STPHASE": [""],
         }
-        controller.set("SETWSTRE", {**row, "STCMPVALUES": [0.75, 0.25]}, rule="S40")
+        controller.set("SETWSTRE", row, rule=rule)
 
     def _awkward_requests(self, controller: Controller, wells: List[str]) -> None:
         report = self.report
@@ -793,26 +837,16 @@ class Check:
         _, plain = controller.wells("QWELLS_STR", items, asked)
 
         def tried(rule: str, names: List[str], chunk: int = CHUNK, packet: int = 0) -> None:
-            try:
+            with self._demanded(rule, "an answer"):
                 _, rows = controller.wells("QWELLS_STR", items, names, chunk=chunk, packet=packet)
-            except Broken:
-                # It was this request that the conversation broke on.
-                report.failed(rule, "an answer", "none that could be read")
-                raise
             right = rows == plain
-            report.judge(rule, right, "the same answer as before", f"rows for {_list(list(rows))}")
+            report.judge(rule, right, "the same answer as before", f"rows for {listed(list(rows))}")
 
-        try:
+        with self._demanded("S44", "answers to requests with empty lists"):
             controller.wells("QWELLS", [], [])
             controller.run_items("QRESVR_STR")
             controller.query("QWCONSTRAINTS", {"WELNAMES": []})
-            controller.set(
-                "SETWELLS", {"SETITEM": ["UPTIME_FRACTION"], "WELNAMES": [], "VALUES": []}
-            )
-        except Broken:
-            report.failed("S44", "answers to requests with empty lists", "none that could be read")
-            raise
-        report.kept("S44")
+            self._set_uptimes(controller, {})
         tried("S41", asked, chunk=1)
         tried("S42", asked, packet=1 + len(asked) // 20)
         tried("S43", [*(f"NO SUCH WELL {i:06}" for i in range(5000)), *asked])
@@ -823,6 +857,10 @@ class Check:
     def _stepping(self, controller: Controller, begin: Step) -> None:
         report = self.report
         at = begin.time
+        step = controller.step("S76", request("CONTINUE_UNTIL", {"TIME": [at]}))
+        self._judge_step(step)
+        kept = step.time == at or step.finished
+        report.judge("S76", kept, f"still {at} days after queries and setters", str(step.time))
         for target in (at + 1.0, at + 10.25):
             step = controller.step("S13", request("CONTINUE_UNTIL", {"TIME": [target]}))
             self._judge_step(step)
@@ -831,7 +869,12 @@ class Check:
                 "S13", kept, f"{target} days, or END_SIMULATE", f"{step.position} at {step.time}"
             )
         here = self._last
-        if here.position != "END_SIMULATE":
+        if self._ended:
+            why = (
+                f"the simulation ended at day {here.time:g}: check a model of more than {target:g}"
+            )
+            report.unknown("S15", f"{why} days")
+        else:
             step = controller.step("S14", request("CONTINUE_UNTIL", {"TIME": [here.time - 1.0]}))
             self._judge_step(step)
             report.judge("S14", step.time == here.time, f"still {here.time} days", str(step.time))
@@ -848,5 +891,10 @@ class Check:
         self._judge_step(step)
         report.judge("S16", step.position == "END_SIMULATE", "the end", step.position)
         report.sheet["answer after the end"] = "FINISHED" if step.finished else "STEP"
+        with self._demanded("S55", "answers after the end"):
+            self._at_any_position(controller)
+            date = controller.run_items("QRESVR", "START_DATE").get("START_DATE", ())
+        kept = len(date) == 6 and tuple(date[:3]) == self._first_day
+        report.judge("S75", kept, f"{self._first_day} as before", str(date))
         controller.step("S17", request("SHUTDOWN"))
         report.kept("S17")
