@@ -3,6 +3,7 @@
 #include <time.h>
 
 #include <algorithm>
+#include <cctype>
 #include <iterator>
 #include <utility>
 
@@ -56,8 +57,7 @@ Options OptionsIn(std::string_view line) {
 std::string InJobName(const std::string& root) {
   std::string name;
   for (const char c : root) {
-    const bool plain = (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
-    if (plain && name.size() < 6) name += c;
+    if (std::isalnum(static_cast<unsigned char>(c)) != 0 && name.size() < 6) name += c;
   }
   return "vk_" + name + "_";
 }
@@ -217,6 +217,7 @@ bool ConnectionLog::AddDaemonLine(std::string_view line) {
   const auto time = TimeIn(line.substr(kAccepted.size()));
   if (!time) return false;
   Connection connection;
+  connection.index = connections_.size();
   connection.began = *time;
   connection.first = connection.last = here_;
   connection.unproven = open_.contains(Step::kScript);
@@ -335,16 +336,8 @@ void ConnectionLog::Move(Connection& connection, Step step) {
   if (step < Step::kMixed) open_[step].push_back(&connection);
 }
 
-std::size_t ConnectionLog::IndexOf(const Connection& connection) const {
-  // The newest are asked for most.
-  std::size_t index = connections_.size();
-  while (index > 0 && &connections_[--index] != &connection) {
-  }
-  return index;
-}
-
 std::optional<int> ConnectionLog::ExpectedPort(const Connection& connection) const {
-  const auto index = static_cast<std::int64_t>(IndexOf(connection));
+  const auto index = static_cast<std::int64_t>(connection.index);
   if (!options_) {
     if (!confirmed_) return std::nullopt;
     return confirmed_port_ + static_cast<int>(index - static_cast<std::int64_t>(*confirmed_));
@@ -360,7 +353,7 @@ std::optional<int> ConnectionLog::ExpectedPort(const Connection& connection) con
 void ConnectionLog::CheckPort(Connection* launched) {
   const int port = static_cast<int>(NumberIn(launched->port->c_str()));
   if (launched->guessed) launched = speaker_ = RightOne(launched, port);
-  const std::size_t index = IndexOf(*launched);
+  const std::size_t index = launched->index;
   const std::optional<int> expected = ExpectedPort(*launched);
   if (expected == port) {
     launched->guessed = false;
@@ -384,6 +377,7 @@ Connection* ConnectionLog::RightOne(Connection* launched, int port) {
       Connection*& other = *std::ranges::find(open_.at(launched->step), launched);
       std::swap(one, other);
       std::swap(*right, *launched);
+      std::swap(right->index, launched->index);
       std::swap(right->began, launched->began);
       std::swap(right->first, launched->first);
       std::swap(right->unproven, launched->unproven);
@@ -414,7 +408,7 @@ void ConnectionLog::DoubtAll(std::string_view line) {
   std::size_t first = confirmed_.value_or(0);
   for (const auto& [step, connections] : open_) {
     if (!IsInStart(step)) continue;
-    for (const Connection* connection : connections) first = std::min(first, IndexOf(*connection));
+    for (const Connection* connection : connections) first = std::min(first, connection->index);
   }
   Doubt(first);
 }

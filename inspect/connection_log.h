@@ -47,6 +47,7 @@ enum class Step {
 
 /// What the log of a daemon tells of one connection.
 struct Connection {
+  std::size_t index = 0;  ///< the how many-th of its log, from 0 on
   std::time_t began = 0;
   Step step = Step::kAccepted;
   std::string reason;  ///< of its end, see End; empty: it was launched, or the log does not tell
@@ -151,7 +152,6 @@ class ConnectionLog {
   void Doubt(std::size_t first);
   void DoubtAll(std::string_view line);
   static bool LooksLikeOurs(std::string_view line);
-  std::size_t IndexOf(const Connection& connection) const;
   std::optional<int> ExpectedPort(const Connection& connection) const;
 
   bool keeps_lines_;

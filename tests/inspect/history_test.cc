@@ -1,15 +1,20 @@
 #include "inspect/history.h"
 
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 #include <zlib.h>
 
 #include <array>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "log/timestamp.h"
+#include "tests/inspect/own_view.h"
 #include "tests/support/temporary_directory.h"
 
 namespace inspect {
@@ -18,6 +23,7 @@ namespace {
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Not;
 using testing::StartsWith;
 
 // The pieces of a log as the daemon writes them.
@@ -817,6 +823,495 @@ TEST_F(RotatedHistoryTest, LogsOfStrangersInADirectoryForAllAreLeftOut) {
   daemon.user = 65534;
   now.daemons = {daemon};
   EXPECT_EQ(Read(now).runs.size(), 1U);
+}
+
+TEST_F(RotatedHistoryTest, OtherCompressionsAreNamed) {
+  WriteLog("BZh91AY", "VKJobmill_5000.log.1.bz2");
+  WriteLog("\x28\xb5\x2f\xfd", "VKJobmill_5000.log.1.zst");
+  EXPECT_THAT(Read().missing, ElementsAre(HasSubstr(".bz2: it is compressed by another program"),
+                                          HasSubstr(".zst: it is compressed by another program")));
+}
+
+TEST_F(RotatedHistoryTest, OtherNamesAreNoLogs) {
+  const std::string text = Start(now_) + Launched(Model("A"), 9001, now_);
+  for (const char* name : {"Jobmill_5000.log", "VKJobmill_500000.log", "VKJobmill_5000.txt",
+                           "VKJobmill_5000.previous.txt"}) {
+    WriteLog(text, name);
+  }
+  const History history = Read();
+  EXPECT_THAT(history.runs, IsEmpty());
+  EXPECT_THAT(history.missing, IsEmpty());
+}
+
+TEST_F(RotatedHistoryTest, DirectoriesThatAreNoneAreSaid) {
+  const std::string file = logs_.Write("file", "");
+  const History history = ReadHistory({}, 0, {{file, logs_.File("nowhere")}});
+  EXPECT_THAT(history.missing, ElementsAre(file + ": Not a directory"));
+}
+
+TEST_F(RotatedHistoryTest, LogOfADaemonElsewhereIsReadOnce) {
+  WriteLog(Start(now_) + Launched(Model("A"), 9001, now_));
+  Runs now;
+  Daemon daemon;
+  daemon.options.listen_port = 5000;
+  daemon.log = logs_.File("VKJobmill_5000.log");
+  now.daemons = {daemon, Daemon()};
+  EXPECT_EQ(Read(now).runs.size(), 1U);
+  EXPECT_EQ(ReadHistory(now, 0, {{}}).runs.size(), 1U);
+  now.daemons[0].log = logs_.File("VKJobmill_5001.log");
+  EXPECT_THAT(ReadHistory(now, 0, {{}}).runs, IsEmpty());
+}
+
+TEST_F(RotatedHistoryTest, LogsThatWereNotWrittenSinceThenAreLeftOut) {
+  WriteLog(Start(now_) + Launched(Model("A"), 9001, now_));
+  EXPECT_EQ(Read().runs.size(), 1U);
+  EXPECT_THAT(Read({}, static_cast<double>(now_) + 100).runs, IsEmpty());
+}
+
+TEST_F(RotatedHistoryTest, LogsOfRootAndOfThisAccountAreTrustedInADirectoryForAll) {
+  if (getuid() != 0) GTEST_SKIP() << "needs root";
+  WriteLog(Start(now_) + Launched(Model("A"), 9001, now_));
+  WriteLog(Start(now_) + Launched(Model("B"), 9001, now_), "VKJobmill_5001.log");
+  WriteLog(Start(now_) + Launched(Model("C"), 9001, now_), "VKJobmill_5002.log");
+  chmod(logs_.path().c_str(), 01777);
+  ASSERT_EQ(chown(logs_.File("VKJobmill_5001.log").c_str(), 65534, 65534), 0);
+  ASSERT_EQ(chown(logs_.File("VKJobmill_5002.log").c_str(), 1, 1), 0);
+  Runs now;
+  Daemon other;
+  other.options.listen_port = 5009;
+  other.user = 1;
+  Daemon same;
+  same.options.listen_port = 5002;
+  same.user = 2;
+  now.daemons = {other, same};
+  EXPECT_THAT(Roots(Read(now)), ElementsAre("A"));
+  const std::string roots = AsNobody([&] {
+    std::string all;
+    for (const std::string& root : Roots(Read(now))) all += root;
+    return all;
+  });
+  EXPECT_EQ(roots, "AB");
+}
+
+TEST_F(RotatedHistoryTest, LogOfTheEarlierStartWithoutATimeStandsBeforeTheLaterOne) {
+  // Nothing but the rest of a run that was launched before.
+  WriteLog("slurm: job 12 waits: Priority\n" + Host("node9"), "VKJobmill_5000.previous.log");
+  EXPECT_THAT(Read().runs, IsEmpty());
+  WriteLog("Proc: 1\n", "VKJobmill_5000.log");
+  EXPECT_THAT(Read().runs, IsEmpty());
+  WriteLog(Start(now_) + Launched(Model("A"), 9001, now_));
+  EXPECT_THAT(Roots(Read()), ElementsAre("A"));
+}
+
+TEST_F(RotatedHistoryTest, LongestLineIsCut) {
+  Asked asked = Model("CASE");
+  asked.user = std::string(3 << 20, 'x');
+  WriteLog(Start(now_) + Launched(asked, 9001, now_));
+  const History history = Read();
+  ASSERT_EQ(history.runs.size(), 1U);
+  EXPECT_LE(history.runs[0].windows_user.value_or("").size(), 2U << 20);
+  EXPECT_EQ(history.runs[0].root, "CASE");
+}
+
+TEST_F(RotatedHistoryTest, LogThatCannotBeOpenedOnceMoreIsSaid) {
+  WriteLog(Start(now_) + Launched(Model("A"), 9001, now_));
+  EXPECT_EQ(WithAnsweredCall(
+                SYS_dup, []() -> long { return -EMFILE; }, [&] { return Read().missing.at(0); }),
+            logs_.File("VKJobmill_5000.log") + ": it cannot be opened once more");
+}
+
+TEST_F(HistoryTest, ShortNamesOfJobsAreMadeOfLettersAndDigits) {
+  const Asked asked = Model("a-Z_0{bcdefg");
+  WriteLog(Start(now_) + Answered(now_) + Request(asked) + Script(asked, 9001) + "hello\n" +
+           Answered(now_) + Request(Model("OTHER")) + Script(Model("OTHER"), 9002) +
+           "slurm: job 12 (vk_aZ0bcd_xyz) is submitted\n");
+  const History history = Read();
+  ASSERT_EQ(history.runs.size(), 2U);
+  EXPECT_EQ(history.runs[0].job, "12");
+  EXPECT_FALSE(history.runs[1].job);
+}
+
+TEST_F(HistoryTest, FailuresToAcceptAreNobodys) {
+  WriteLog(Start(now_) + "Error occurred accepting connection: " + timestamp(now_) +
+           Launched(Model("CASE"), 9001, now_) + "Socket failure in accept call - exiting ... \n");
+  const History history = Read();
+  ASSERT_EQ(history.runs.size(), 1U);
+  EXPECT_THAT(history.runs[0].doubts, IsEmpty());
+}
+
+TEST_F(HistoryTest, FailureThatMayBeSeveralConnectionsIsNobodys) {
+  WriteLog(Start(now_, "-o 9001 -n 100 -l ") + Answered(now_) + Answered(now_) +
+           "Socket connection failed: Bad\n");
+  for (const EndedRun& run : Read().runs) {
+    EXPECT_EQ(run.end.ending, Ending::kNoRequest);
+    EXPECT_EQ(run.end.reason, "");
+  }
+}
+
+TEST_F(HistoryTest, TimesThatAreNoneBeginNoConnection) {
+  WriteLog(Start(now_) + "Accepted incoming connection: soon\n" +
+           "Accepted incoming connection: " + timestamp(now_).substr(0, 24) + " and more\n");
+  EXPECT_THAT(Read().runs, IsEmpty());
+}
+
+TEST_F(HistoryTest, LogThatBeginsWithoutOptionsIsRead) {
+  WriteLog("\nDaemon started: " + timestamp(now_) + "Version information: 3 (ZRM11)\nother\n\n" +
+           Launched(Model("A"), 9005, now_) + Launched(Model("B"), 9004, now_) +
+           Launched(Model("C"), 9099, now_));
+  const History history = Read();
+  ASSERT_EQ(history.runs.size(), 3U);
+  // Without the number of ports a lower one may follow when all are handed out, and no higher one.
+  EXPECT_THAT(history.runs[2].doubts, ElementsAre(HasSubstr("contradicts itself")));
+}
+
+TEST_F(HistoryTest, EmptyLineOfAScriptIsItsOwn) {
+  const EndedRun run =
+      Only(Answered(now_) + Request(Model("CASE")) + Users() + "Linux user required: root\n" +
+           Script(Model("CASE"), 9001) + "\nNo host detected, exiting.\n");
+  EXPECT_EQ(run.end.ending, Ending::kNoHost);
+}
+
+TEST_F(HistoryTest, ScriptThatPrintsLinesOfTheDaemonCastsDoubt) {
+  for (const char* line : {"Windows user received: victim",
+                           "Daemon started: ", "Accepted incoming connection: soon"}) {
+    WriteLog(Start(now_) + Answered(now_) + Request(Model("CASE")) + Script(Model("CASE"), 9001) +
+             line + "\n");
+    EXPECT_THAT(Read().runs.at(0).doubts, ElementsAre(HasSubstr("contradicts itself"))) << line;
+  }
+  // These begin alike, and are none.
+  WriteLog(Start(now_) + Answered(now_) + Request(Model("CASE")) + Script(Model("CASE"), 9001) +
+           "Argument list of mine\nFailed to read my file\n");
+  EXPECT_THAT(Read().runs.at(0).doubts, IsEmpty());
+}
+
+TEST_F(MixedHistoryTest, CopyOfAClusterRunTakesTimeInWhichOthersBegin) {
+  Asked asked = Model("CASE");
+  asked.cluster = "3";
+  WriteLog(Start(now_) + Answered(now_) + Request(asked) + "Dealing with cluster run now ...\n" +
+           "Copying a to b\n" + Accepted(now_) + "Copy succeeded\n" + Script(asked, 9001) + Host());
+  const History history = Read();
+  ASSERT_EQ(history.runs.size(), 2U);
+  EXPECT_THAT(history.runs[0].doubts, IsEmpty());
+  EXPECT_EQ(history.runs[0].host, "node7");
+}
+
+TEST_F(MixedHistoryTest, LastArgumentIsSomebodysWhoHasTheOthers) {
+  const Asked one = Model("ONE");
+  const Asked two = Model("TWO");
+  const std::string first = Script(one, 9001);
+  const std::string second = Script(two, 9002);
+  const std::size_t last = first.find("Arg 7: ");
+  WriteLog(Start(now_) + Answered(now_) + Answered(now_) + Request(one) + Request(two) +
+           first.substr(0, last) + second.substr(0, second.find("Arg 7: ")) + Accepted(now_) +
+           "Arg 7: \nArg 7: \n");
+  const History history = Read();
+  ASSERT_EQ(history.runs.size(), 3U);
+  EXPECT_THAT(history.runs[0].doubts, testing::Contains(HasSubstr("mixed")));
+  EXPECT_THAT(history.runs[1].doubts, testing::Contains(HasSubstr("mixed")));
+}
+
+TEST_F(MixedHistoryTest, ChildrenThatAnswerLaterDoSoInTheirOrder) {
+  WriteLog(Start(now_) + Accepted(now_) + Accepted(now_) +
+           "Error occurred accepting connection: x\n" + "Answering call in child process: " +
+           timestamp(now_) + "Answering call in child process: " + timestamp(now_));
+  const History history = Read();
+  ASSERT_EQ(history.runs.size(), 2U);
+  for (const EndedRun& run : history.runs) EXPECT_THAT(run.doubts, IsEmpty());
+}
+
+TEST_F(MixedHistoryTest, PortOfNoIdleConnectionChangesNothing) {
+  WriteLog(Start(now_) + Answered(now_ - 50) + Answered(now_ - 20) + Request(Model("CASE")) +
+           Script(Model("CASE"), 9077) + Host());
+  const History history = Read();
+  ASSERT_EQ(history.runs.size(), 2U);
+  EXPECT_EQ(history.runs[1].root, "CASE");
+  EXPECT_THAT(history.runs[1].doubts, testing::Contains(HasSubstr("contradicts itself")));
+}
+
+// A busy daemon that many masters have connected to before the first of them asked: whose request
+// it was is looked for among all of them.
+TEST_F(MixedHistoryTest, ManyIdleConnectionsAreReadInLittleTime) {
+  const auto seconds_for = [&](int count) {
+    std::string text = Start(now_, "-o 9001 -n 30000 -u -l ");
+    for (int i = 0; i < count; ++i) text += Answered(now_);
+    for (int i = count - 1; i-- > 0;) {
+      const Asked asked = Model("R" + std::to_string(i));
+      text += Request(asked) + Script(asked, 9001 + i) + Host();
+    }
+    WriteLog(text);
+    const std::clock_t begin = std::clock();
+    EXPECT_EQ(Read().runs.size(), static_cast<std::size_t>(count));
+    return static_cast<double>(std::clock() - begin) / CLOCKS_PER_SEC;
+  };
+  const double few = seconds_for(150);
+  EXPECT_LT(seconds_for(1500), few * 40);
+}
+
+TEST(EndingTest, EachHasAName) {
+  EXPECT_STREQ(Name(Ending::kShutDown), "shut down");
+  EXPECT_STREQ(Name(Ending::kMasterLeft), "master left");
+  EXPECT_STREQ(Name(Ending::kSimulatorEnded), "simulator ended");
+  EXPECT_STREQ(Name(Ending::kNoSimulator), "no simulator");
+  EXPECT_STREQ(Name(Ending::kRequestFailed), "request failed");
+  EXPECT_STREQ(Name(Ending::kNoHost), "no host");
+  EXPECT_STREQ(Name(Ending::kRefused), "refused");
+  EXPECT_STREQ(Name(Ending::kNotStarted), "not started");
+  EXPECT_STREQ(Name(Ending::kNoRequest), "no request");
+  EXPECT_STREQ(Name(Ending::kSilent), "without a word");
+  EXPECT_STREQ(Name(Ending::kUnknown), "unknown");
+}
+
+TEST_F(HistoryTest, SimulatorWhoseMachineCannotBeReachedAnyMore) {
+  const End end = EndWith(OfSimulator("read: No route to host"));
+  EXPECT_EQ(end.reason, "machine-gone");
+}
+
+// A log without requests, and one whose cause is none of the known ones.
+TEST_F(HistoryTest, CauseThatIsNotKnownIsQuoted) {
+  WriteLog(Start(now_) + Launched(Model("CASE"), 9001, now_));
+  data_.Write("CASE.crvnlog", "Request process loop failed: something else\n");
+  EXPECT_EQ(Read().runs.at(0).end.sentence, "It failed: something else");
+  data_.Write("CASE.crvnlog",
+              "Request process loop failed: Failed to handle data packet received from master: "
+              "Unknown exception\n");
+  EXPECT_THAT(Read().runs.at(0).end.sentence, HasSubstr("The simulator refused a request, or"));
+  data_.Write("CASE.crvnlog", "");
+  EXPECT_THAT(Read().runs.at(0).end.sentence, StartsWith("It ended without a word: its"));
+}
+
+TEST_F(HistoryTest, LongNamesAreCut) {
+  const std::string user(300, 'x');
+  const EndedRun run = Only(Answered(now_) + Request(Model("CASE", user)) + Users() +
+                            "Windows user '" + user + "' not found in administration file\n");
+  EXPECT_THAT(run.end.sentence,
+              StartsWith("Windows user '" + user.substr(0, 100) + "...' is not in"));
+}
+
+TEST_F(HistoryTest, LongCommsLogIsReadFromItsEnd) {
+  WriteLog(Start(now_) + Launched(Model("CASE"), 9001, now_));
+  std::string many;
+  for (int i = 0; i < 200'000; ++i) many += "Received header: 4\n";
+  WriteComms("CASE", many + OfSimulator("read: End of file"));
+  const EndedRun run = Read().runs.at(0);
+  EXPECT_EQ(run.end.ending, Ending::kSimulatorEnded);
+  EXPECT_FALSE(run.requests);
+  EXPECT_EQ(run.places.at(0).line, 0);
+}
+
+TEST_F(HistoryTest, ModelsOfWhichTheDirectoryHasNoSlash) {
+  Asked asked = Model("CASE");
+  asked.path = data_.path().string();
+  const std::string file = asked.path + "CASE.crvnlog";
+  WriteLog(Start(now_) + Launched(asked, 9001, now_));
+  std::ofstream(file) << "Received header: 8\n" << OfSimulator("read: End of file");
+  const EndedRun run = Read().runs.at(0);
+  std::filesystem::remove(file);
+  EXPECT_EQ(run.end.ending, Ending::kSimulatorEnded);
+  EXPECT_EQ(run.places.at(1).file, asked.path + "/CASE.out");
+}
+
+// Runs that status has seen, and what has become of them.
+TEST_F(HistoryTest, EndOfARunIsFoundByWhatIsKnownOfIt) {
+  WriteLog(Start(now_) + Launched(Model("ONE"), 9001, now_) + Launched(Model("TWO"), 9002, now_) +
+           Launched(Model("OLD"), 9003, now_ - 1000));
+  const History history = Read();
+  inspect::Run run;
+  EXPECT_FALSE(FindEnd(history, run));
+  run.began = static_cast<double>(now_) + 0.5;
+  EXPECT_FALSE(FindEnd(history, run));  // it may be ONE or TWO
+  run.root = "TWO";
+  ASSERT_TRUE(FindEnd(history, run));
+  EXPECT_EQ(FindEnd(history, run)->root, "TWO");
+  run.path = "/other/";
+  EXPECT_FALSE(FindEnd(history, run));
+  run.path = data_.path().string() + "/";
+  run.comms_port = 9001;
+  EXPECT_FALSE(FindEnd(history, run));
+  run.comms_port = 9002;
+  run.listen_port = 5001;
+  EXPECT_FALSE(FindEnd(history, run));
+  run.listen_port = 5000;
+  EXPECT_TRUE(FindEnd(history, run));
+}
+
+TEST_F(HistoryTest, LinesOfARunAreItsOwn) {
+  WriteLog(Start(now_) + Answered(now_) + Request(Model("CASE")) + Users() +
+           "Linux user required: root\n" + Script(Model("CASE"), 9001) + "hello\n" + Host());
+  const History history = ReadHistoryWithLines({}, 0, {{logs_.path().string()}});
+  ASSERT_EQ(history.runs.size(), 1U);
+  EXPECT_THAT(history.runs[0].lines, testing::Contains("Windows user received: alice"));
+  EXPECT_THAT(history.runs[0].lines, testing::Contains("hello"));
+  EXPECT_THAT(history.runs[0].lines, Not(testing::Contains(HasSubstr("bob"))));
+  EXPECT_THAT(history.runs[0].lines,
+              testing::Contains("Setting existing environment variable PATH to (left out)"));
+  EXPECT_THAT(history.runs[0].environment,
+              ElementsAre("/opt/sim", "/opt/sim", "/opt/bin:/usr/bin", "/opt/bin"));
+}
+
+TEST_F(MixedHistoryTest, LinesOfAnIdleConnectionGoWithTheRequest) {
+  const std::time_t early = now_ - 500;
+  const Asked asked = Model("CASE");
+  WriteLog(Start(early) + Answered(early) + Answered(early + 100) + Answered(early + 200) +
+           Request(asked) + Script(asked, 9002) + Host());
+  const History history = ReadHistoryWithLines({}, 0, {{logs_.path().string()}});
+  ASSERT_EQ(history.runs.size(), 3U);
+  EXPECT_EQ(history.runs[1].lines.at(0) + "\n", Accepted(early + 100));
+  EXPECT_EQ(history.runs[2].lines.at(0) + "\n", Accepted(early + 200));
+}
+
+TEST_F(HistoryTest, ScriptThatCannotBeHeardAmongOthers) {
+  const std::string none = "No host detected, exiting.\n";
+  WriteLog(Start(now_) + Answered(now_) + Request(Model("ONE")) + Script(Model("ONE"), 9001) +
+           Answered(now_) + Request(Model("TWO")) + Script(Model("TWO"), 9002) + "words\n" + none +
+           none);
+  for (const EndedRun& run : Read().runs) {
+    EXPECT_EQ(
+        run.end.sentence,
+        "The script ended without naming a host; what it said cannot be told from what others "
+        "said at that time");
+  }
+}
+
+TEST_F(HistoryTest, AccountChangeThatFailsOtherwiseIsToldInTheSystemsWords) {
+  const EndedRun run = Only(Answered(now_) + Request(Model("CASE")) + Users() +
+                            "Linux user required: root\nFailed to set user ID for Tolmen job - "
+                            "error = 22\n");
+  EXPECT_THAT(run.end.sentence, testing::EndsWith(": Invalid argument"));
+}
+
+TEST_F(HistoryTest, WithoutNameServicesCommsLogsCannotBeRead) {
+  WriteLog(Start(now_, "-o 9001 -n 100 -l ") + Answered(now_) + Request(Model("CASE")) + Users() +
+           "Linux user required: root\n" + Script(Model("CASE"), 9001) + Host() + Answered(now_) +
+           Request(Model("NEXT")) + Users() + "Linux user required: nosuch\n" +
+           Script(Model("NEXT"), 9002) + Host());
+  WriteComms("CASE", OfSimulator("read: End of file"));
+  EXPECT_THAT(Read().runs.at(1).end.sentence,
+              testing::EndsWith("its account is not known here any more"));
+  EXPECT_EQ(WithoutPipes([&] { return Read().missing.at(0); }),
+            "comms logs: the name services do not answer");
+}
+
+TEST_F(MixedHistoryTest, LongerNumberIsAnotherJob) {
+  WriteLog(ThreeWait() + "slurm: job 4\nslurm: job 411 waits: Priority\nslurm: job 41a\n" +
+           "slurm: job 41 and job 42\nslurm: job 41/2\n" + "job 7 is submitted\n" +
+           ") is submitted\n (vk_x: job ) is submitted\nNo host detected, exiting.\n");
+  const History history = Read();
+  EXPECT_EQ(RunOf(history, "CASE1").job, "41");
+  EXPECT_FALSE(RunOf(history, "CASE3").job);
+  EXPECT_EQ(RunOf(history, "CASE3").end.reason, "mixed");
+}
+
+TEST_F(MixedHistoryTest, WhatScriptsSaidBeforeTheirEndsIsNoSignOfThem) {
+  // The script that printed last has named its host already.
+  WriteLog(Start(now_) + Answered(now_) + Request(Model("ONE")) + Script(Model("ONE"), 9001) +
+           "hello\n" + Host() + Answered(now_) + Request(Model("TWO")) +
+           Script(Model("TWO"), 9002) + Answered(now_) + Request(Model("THREE")) +
+           Script(Model("THREE"), 9003) + "No host detected, exiting.\n");
+  const History history = Read();
+  EXPECT_EQ(RunOf(history, "ONE").host, "node7");
+  EXPECT_EQ(RunOf(history, "TWO").end.reason, "mixed");
+  EXPECT_EQ(RunOf(history, "THREE").end.reason, "mixed");
+}
+
+TEST_F(MixedHistoryTest, HostsOfRunsWithCommsLogsAreTheirs) {
+  // ONE has connected to node7, as its comms log says: the other answer is that of TWO or THREE.
+  WriteLog(ThreeWait() + Host("node7") + Host("node8"));
+  WriteComms("CASE1", OfSimulator("read: End of file"));
+  const History history = Read();
+  EXPECT_EQ(RunOf(history, "CASE1").host, "node7");
+  EXPECT_EQ(RunOf(history, "CASE2").end.reason, "mixed");
+}
+
+TEST_F(MixedHistoryTest, AnswersOfSeveralOnTheSameHostStayOpen) {
+  WriteLog(ThreeWait() + Host("node7") + Host("node7"));
+  WriteComms("CASE1", OfSimulator("read: End of file"));
+  EXPECT_EQ(RunOf(Read(), "CASE1").end.ending, Ending::kSimulatorEnded);
+}
+
+TEST_F(MixedHistoryTest, AsManyAnswersAsScriptsLeaveNoneWaiting) {
+  WriteLog(ThreeWait() + Host("node7") + Host("node8") + Host("node9") +
+           Launched(Model("LAST"), 9004, now_));
+  const History history = Read();
+  EXPECT_EQ(
+      RunOf(history, "CASE2").end.sentence,
+      "How it ended is not known: several runs waited for their scripts, and the log does not "
+      "tell whose answers came");
+  EXPECT_EQ(RunOf(history, "LAST").host, "node7");
+}
+
+TEST_F(HistoryTest, FailureOfAStartIsQuoted) {
+  const EndedRun run = Only(Answered(now_) + Request(Model("CASE")) + Users() +
+                            "Linux user required: root\nSocket connection failed: no memory\n");
+  EXPECT_THAT(run.end.sentence, testing::EndsWith("by its connection: no memory"));
+}
+
+TEST_F(RotatedHistoryTest, LinesBeforeTheFirstStartMayBeAnybodys) {
+  WriteLog(Launched(Model("A"), 9044, now_) + "HOST=node1\nProc: 4\n" +
+           Launched(Model("B"), 9045, now_));
+  for (const EndedRun& run : Read().runs) EXPECT_THAT(run.doubts, IsEmpty()) << *run.root;
+}
+
+TEST_F(HistoryTest, CommsLogOfAPathThatIsNotAbsoluteIsNotLookedFor) {
+  Asked asked = Model("CASE");
+  asked.path = "data/";
+  WriteLog(Start(now_) + Launched(asked, 9001, now_));
+  EXPECT_THAT(Read().runs.at(0).end.sentence, testing::EndsWith("because it has no comms log"));
+}
+
+TEST_F(HistoryTest, CommsLogFromBeforeTheRunIsOfAnother) {
+  WriteComms("CASE", OfSimulator("read: End of file"));
+  const std::time_t later = now_ + 100;
+  WriteLog(Start(later) + Launched(Model("CASE"), 9001, later));
+  EXPECT_THAT(Read().runs.at(0).end.sentence,
+              testing::EndsWith("the one that is there is not of this run"));
+}
+
+// What status has seen of runs whose models it could not learn.
+TEST_F(HistoryTest, RunsWithoutAModelAreFoundByTheirPortAndTime) {
+  WriteLog(Start(now_) + Launched(Model("ONE"), 9001, now_ - 1) +
+           Launched(Model("TWO"), 9002, now_) + Answered(now_ + 1));
+  const auto left = [&](std::optional<int> port, double began) {
+    Runs now;
+    inspect::Run run;
+    run.listen_port = 5000;
+    run.state = RunState::kMaster;
+    run.began = began;
+    run.comms_port = port;
+    now.runs = {run, inspect::Run()};
+    now.runs.push_back(run);
+    now.runs.back().state = RunState::kEnded;
+    std::vector<std::string> roots;
+    for (const EndedRun& ended : Read(now).runs) roots.push_back(ended.root.value_or(""));
+    return roots;
+  };
+  const auto now = static_cast<double>(now_);
+  EXPECT_THAT(left(9001, now), ElementsAre("TWO", ""));
+  EXPECT_THAT(left(9002, now), ElementsAre("ONE", ""));
+  EXPECT_THAT(left(std::nullopt, now), ElementsAre("ONE", ""));
+  EXPECT_THAT(left(std::nullopt, now - 1), ElementsAre("TWO", ""));
+  EXPECT_THAT(left(std::nullopt, now - 500), ElementsAre("ONE", "TWO", ""));
+}
+
+TEST_F(HistoryTest, RunThatGoesOnHasItsCommsLogOnceItsHostIsNamed) {
+  WriteLog(Start(now_) + Launched(Model("CASE"), 9001, now_));
+  WriteComms("CASE", "");
+  Runs now;
+  inspect::Run run;
+  run.listen_port = 5000;
+  run.state = RunState::kScript;
+  run.began = static_cast<double>(now_);
+  now.runs = {run};
+  const auto lines = [&] {
+    return ReadHistoryWithLines(now, 0, {{logs_.path().string()}}).runs.at(0);
+  };
+  now.runs[0].state = RunState::kMaster;
+  EXPECT_TRUE(lines().goes_on);
+  EXPECT_TRUE(lines().told_by_account);
+}
+
+TEST_F(HistoryTest, LogOfWhichTheBeginningIsDamagedIsSaid) {
+  const std::string file = logs_.Write("VKJobmill_5000.log.1.gz", "\x1f\x8b\x08 nonsense");
+  EXPECT_THAT(Read().missing, ElementsAre(file + ": it is damaged"));
 }
 
 }  // namespace
