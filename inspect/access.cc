@@ -1,7 +1,6 @@
 #include "inspect/access.h"
 
 #include <fcntl.h>
-#include <grp.h>
 #include <string.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
@@ -11,7 +10,6 @@
 #include <optional>
 #include <set>
 #include <sstream>
-#include <stdexcept>
 #include <string_view>
 #include <system_error>
 
@@ -78,21 +76,18 @@ std::optional<Names> Try(const std::vector<Need>& needs,
     for (const Need& need : needs) directories.push_back(DirectoriesTo(need.files[0]));
     if (accounts.empty()) return Refused(needs, directories, own);
     std::string refused;
-    if (setgroups(0, nullptr) != 0) throw std::runtime_error("not root");
     for (const auto& [name, account] : accounts) {
-      if (setegid(account.group) != 0 || seteuid(account.user) != 0) {
-        throw std::runtime_error("not root");
-      }
+      ActAs(account);
       refused += Refused(needs, directories, name);
-      if (seteuid(0) != 0) throw std::runtime_error("not root any more");
     }
     return refused;
   });
   if (!answer) return std::nullopt;
   Names excluded(needs.size());
   std::istringstream parts(*answer);
-  for (std::string i, name, why; std::getline(parts, i, '\0') && std::getline(parts, name, '\0') &&
-                                 std::getline(parts, why, '\0');) {
+  for (std::string i, name, why; std::getline(parts, i, '\0');) {
+    std::getline(parts, name, '\0');
+    std::getline(parts, why, '\0');
     std::string& names = excluded[std::stoul(i)][why];
     names.append(names.empty() ? "" : ", ").append(name);
   }

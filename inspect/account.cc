@@ -5,6 +5,8 @@
 #include <pwd.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <sstream>
 #include <stdexcept>
 
@@ -20,11 +22,16 @@ std::string LookUp(const std::string& name) {
   if (entry != nullptr) {
     return "1 " + std::to_string(entry->pw_uid) + " " + std::to_string(entry->pw_gid) + "\n";
   }
-  // These say that there is no such account, too (getpwnam(3)).
-  if (errno != 0 && errno != ENOENT && errno != ESRCH && errno != EBADF && errno != EPERM) {
+  // These say that there is no such account (getpwnam(3)).
+  constexpr std::array kNoAccount = {0, ENOENT, ESRCH, EBADF, EPERM};
+  if (std::ranges::find(kNoAccount, errno) == kNoAccount.end()) {
     throw std::runtime_error("the name service failed");
   }
   return "0 0 0\n";
+}
+
+void Require(int result) {
+  if (result != 0) throw std::runtime_error("cannot become the account");
 }
 
 }  // namespace
@@ -47,9 +54,16 @@ std::optional<std::map<std::string, Account>> FindAccounts(const std::set<std::s
 
 void Become(const Account& account) {
   if (geteuid() == account.user) return;
-  if (setgroups(0, nullptr) != 0 || setgid(account.group) != 0 || setuid(account.user) != 0) {
-    throw std::runtime_error("cannot become the account");
-  }
+  Require(setgroups(0, nullptr));
+  Require(setgid(account.group));
+  Require(setuid(account.user));
+}
+
+void ActAs(const Account& account) {
+  Require(seteuid(0));
+  Require(setgroups(0, nullptr));
+  Require(setegid(account.group));
+  Require(seteuid(account.user));
 }
 
 }  // namespace inspect

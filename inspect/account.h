@@ -24,4 +24,8 @@ std::optional<std::map<std::string, Account>> FindAccounts(const std::set<std::s
 /// Throws std::runtime_error when that is refused.
 void Become(const Account& account);
 
+/// Lets this process act as the account, without further groups, until the next call. Only root
+/// can; throws std::runtime_error where that is refused.
+void ActAs(const Account& account);
+
 }  // namespace inspect

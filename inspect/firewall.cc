@@ -142,11 +142,12 @@ Findings CheckFirewall(const Site& site) {
   if (geteuid() != 0) {
     return {Unchecked(site, "the packet filter can be read by root alone", "check as root")};
   }
-  const auto rules = RunCommand({programs[0], "-j", "list", "ruleset"});
-  if (!rules || rules->status != 0) {
+  const CommandAnswer rules = RunCommand({programs[0], "-j", "list", "ruleset"})
+                                  .value_or(CommandAnswer{.status = -1, .output = ""});
+  if (rules.status != 0) {
     return {Unchecked(site, "nft does not list its rules", "try nft list ruleset")};
   }
-  return JudgeFirewall(site, rules->output);
+  return JudgeFirewall(site, rules.output);
 }
 
 }  // namespace inspect

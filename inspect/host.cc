@@ -158,17 +158,18 @@ std::string TryLoopback(const Account* account) {
 
 void CheckLoopback(const std::map<std::string, Account>& accounts, Findings& findings) {
   const Account* account = accounts.empty() ? nullptr : &accounts.begin()->second;
-  const auto why = Ask([account] { return TryLoopback(account); }, kPatience);
-  if (!why || why->empty()) return;
+  const std::string why = Ask([account] { return TryLoopback(account); }, kPatience).value_or("");
+  if (why.empty()) return;
   findings.push_back({"host.no-loopback", Severity::kError, "", 0,
-                      "a connection of this machine to itself, by the name 'localhost', " + *why,
+                      "a connection of this machine to itself, by the name 'localhost', " + why,
                       "no run of the script for a single machine reaches its simulator",
                       "see to the interface lo, to /etc/hosts and to the packet filter"});
 }
 
 std::string OwnName() {
   std::array<char, 256> name{};
-  return gethostname(name.data(), name.size() - 1) == 0 ? name.data() : "localhost";
+  gethostname(name.data(), name.size() - 1);
+  return name.data();
 }
 
 void CheckNames(const Site& site, Findings& findings) {
@@ -204,12 +205,14 @@ void CheckClock(const Site& site, Findings& findings) {
       if (stat(file.c_str(), &status) != 0) return std::string("0");
       return std::to_string(status.st_mtime - time(nullptr));
     });
-    const long ahead = answer ? NumberIn(answer->c_str()) : 0;
     if (!answer) {
       findings.push_back({"host.file-silent", Severity::kError, file, 0,
                           "its file system does not answer", "daemon and runs wait for it",
                           "see to the file system"});
-    } else if (ahead > kClockTolerance) {
+      continue;
+    }
+    const long ahead = NumberIn(answer->c_str());
+    if (ahead > kClockTolerance) {
       if (++count == 1) first = file;
       most = std::max(most, ahead);
     }

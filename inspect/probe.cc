@@ -54,9 +54,10 @@ bool ReadUntil(int input, Clock::time_point end, std::string& text) {
   setpgid(0, 0);
   const int nothing = open("/dev/null", O_RDWR | O_CLOEXEC);
   const int errors = complaints == Complaints::kIncluded ? output : nothing;
-  if (chdir("/") != 0 || dup2(nothing, STDIN_FILENO) < 0 || dup2(output, STDOUT_FILENO) < 0 ||
-      dup2(errors, STDERR_FILENO) < 0) {
-    _exit(127);
+  if (chdir("/") != 0) _exit(127);
+  for (const auto& [from, to] : {std::pair(nothing, STDIN_FILENO), std::pair(output, STDOUT_FILENO),
+                                 std::pair(errors, STDERR_FILENO)}) {
+    if (dup2(from, to) < 0) _exit(127);
   }
   setenv("LC_ALL", "C", 1);
   std::vector<char*> vector;
@@ -124,8 +125,7 @@ void Inquiry::End(bool answered) {
 std::optional<std::string> Ask(const std::function<std::string()>& question,
                                std::chrono::milliseconds limit) {
   Inquiry inquiry(question, limit);
-  while (!inquiry.IsDone(limit)) {
-  }
+  inquiry.IsDone(limit);
   return inquiry.TakeAnswer();
 }
 

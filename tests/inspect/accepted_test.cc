@@ -91,5 +91,16 @@ TEST_F(AcceptedTest, FileThatOthersCanChangeAcceptsNothing) {
   EXPECT_THAT(Ids(accepted.Wrong({})), ElementsAre("warning accepted.unreadable"));
 }
 
+TEST_F(AcceptedTest, DirectoryThatIsNoneHasNoFile) {
+  const Accepted accepted(directory_.Write("file", ""));
+  EXPECT_THAT(accepted.Wrong({"users"}), IsEmpty());
+}
+
+TEST_F(AcceptedTest, FirstEntryForAFindingIsItsReason) {
+  EXPECT_THAT(Left("host.open one\nhost.open two\n"), testing::SizeIs(2));
+  ASSERT_EQ(taken_.size(), 1U);
+  EXPECT_EQ(taken_[0].reason, "one");
+}
+
 }  // namespace
 }  // namespace inspect

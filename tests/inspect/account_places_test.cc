@@ -1,5 +1,6 @@
 #include "inspect/account_places.h"
 
+#include <errno.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -15,6 +16,7 @@
 
 #include "inspect/probe.h"
 #include "tests/inspect/findings.h"
+#include "tests/inspect/own_view.h"
 #include "tests/support/temporary_directory.h"
 
 namespace inspect {
@@ -128,6 +130,62 @@ TEST_F(AccountPlacesTest, NullDeviceThatIsNoneIsFound) {
   if (mknod(file.c_str(), S_IFCHR | 0600, makedev(1, 3)) != 0) return;
   chmod(file.c_str(), 0600);
   EXPECT_THAT(Ids(CheckAccountPlaces(TheSite(), file)), ElementsAre("error host.null-device"));
+}
+
+TEST_F(AccountPlacesTest, SitesWithoutOtherAccountsAreNotJudged) {
+  chmod(directory_.File("tmp").c_str(), 0755);
+  const Site own = SiteOf({"-p", "5000", "-u"}, directory_.File("vkjobmill.exe"));
+  EXPECT_THAT(CheckAccounts(own), IsEmpty());
+  EXPECT_THAT(CheckAccountPlaces(own), IsEmpty());
+  Site unread = TheSite();
+  unread.error = EACCES;
+  EXPECT_THAT(CheckAccountPlaces(unread), IsEmpty());
+  EXPECT_EQ(AsNobody([&] { return IdsIn(CheckAccounts(TheSite())); }), "");
+}
+
+TEST_F(AccountPlacesTest, AccountThatHasTheNameOfItsUserAndRootAreJudgedAlike) {
+  directory_.Write(".vk_corvane_users", "bob nosuchaccount 1\nroot * 1\ndaemon * 1\n");
+  chmod(directory_.File("tmp").c_str(), 0755);
+  const Findings findings = CheckAccountPlaces(TheSite());
+  ASSERT_THAT(Ids(findings), ElementsAre("error host.temporary"));
+  EXPECT_THAT(findings[0].what, HasSubstr("runs of daemon make temporary files"));
+  const std::string passwd = "daemon:x:1:1::" + directory_.File("moved") + ":/bin/sh\n";
+  const std::string found = WithAccount(passwd, "root:*:19000:0:99999:7:::\n");
+  if (found == "no mount") GTEST_SKIP() << "nothing can be mounted here";
+  EXPECT_EQ(found, "warning users.no-home:3\n");
+  EXPECT_EQ(WithAccount("daemon:x:1:1:::/bin/sh\n", "root:*:19000:0:99999:7:::\n"), "");
+}
+
+TEST_F(AccountPlacesTest, AccountsThatMeetTheSameAreToldTogether) {
+  directory_.Write(".vk_corvane_users", "alice daemon 1\nbob bin 1\n");
+  chmod(directory_.File("tmp").c_str(), 0755);
+  EXPECT_THAT(CheckAccountPlaces(TheSite()).at(0).what, HasSubstr("runs of bin, daemon make"));
+}
+
+TEST_F(AccountPlacesTest, TemporaryFilesAreInTmpWhereNothingElseIsSaid) {
+  directory_.Write(".vk_corvane_env", "");
+  Site site = TheSite();
+  site.environment.erase("TMPDIR");
+  EXPECT_THAT(CheckAccountPlaces(site), IsEmpty());
+}
+
+TEST_F(AccountPlacesTest, FileSystemWithoutFreeFilesIsFull) {
+  const std::string full = WithMounts({}, [&] {
+    if (mount("none", directory_.File("tmp").c_str(), "tmpfs", 0, "nr_inodes=2,mode=1777") != 0) {
+      return std::string("no mount");
+    }
+    directory_.Write("tmp/last", "");
+    const Findings findings = CheckAccountPlaces(TheSite());
+    return findings.empty() ? std::string() : findings[0].what;
+  });
+  if (full == "no mount") GTEST_SKIP() << "nothing can be mounted here";
+  EXPECT_EQ(full, "is where runs of daemon make temporary files, and is full");
+}
+
+TEST_F(AccountPlacesTest, NullDeviceThatIsNotThereIsFound) {
+  const Findings findings = CheckAccountPlaces(TheSite(), directory_.File("null"));
+  ASSERT_THAT(Ids(findings), ElementsAre("error host.null-device"));
+  EXPECT_THAT(findings[0].what, HasSubstr("No such file or directory"));
 }
 
 }  // namespace

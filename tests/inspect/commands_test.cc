@@ -118,5 +118,34 @@ TEST_F(CommandsTest, ScriptForASingleMachineCallsNothingElse) {
   EXPECT_EQ(directory_.Read("out"), "HOST=localhost\n");
 }
 
+TEST_F(CommandsTest, SchedulerThatSaysNothingOrCannotBeAskedIsFound) {
+  Write("pbs", "#!/bin/bash\nneeded='qstat'\n");
+  Write("qstat", "#!/bin/sh\nexit 3\n");
+  const Findings findings = Check("pbs");
+  ASSERT_THAT(Ids(findings), ElementsAre("error host.scheduler-silent"));
+  EXPECT_EQ(findings[0].what, "'qstat -B' ended with status 3");
+}
+
+TEST_F(CommandsTest, WithoutPathTheOneOfAShellIsMeant) {
+  Write("ssh", "#!/bin/bash\nneeded='sed'\n");
+  Site site = SiteOf({"-p", "5000", "-s", directory_.File("ssh")}, directory_.File("x"));
+  site.environment.erase("PATH");
+  EXPECT_THAT(CheckCommands(site), IsEmpty());
+}
+
+TEST_F(CommandsTest, DirectoriesOfPathThatAreNotAbsoluteDoNotCount) {
+  Write("ssh", "#!/bin/bash\nneeded='command-of-the-site'\n");
+  Write("commands/command-of-the-site", "#!/bin/sh\n");
+  EXPECT_THAT(Check("ssh", directory_.File("commands")), IsEmpty());
+  EXPECT_THAT(Ids(Check("ssh", "." + directory_.File("commands"))),
+              ElementsAre("error host.no-command"));
+}
+
+TEST_F(CommandsTest, ScriptsForClustersNeedOthers) {
+  const std::string commands = SystemCommands(false);
+  EXPECT_THAT(commands, HasSubstr("mkfifo"));
+  EXPECT_THAT(SystemCommands(true), testing::Not(HasSubstr("mkfifo")));
+}
+
 }  // namespace
 }  // namespace inspect

@@ -54,5 +54,11 @@ TEST(CommsLogTest, RequestsHaveNames) {
   EXPECT_EQ(RequestName(21), "unknown (21)");
 }
 
+TEST(CommsLogTest, HostWithoutAPortIsOne) {
+  const CommsLog log = Read("Connect on host: node7\n");
+  EXPECT_EQ(log.host, "node7");
+  EXPECT_FALSE(log.port);
+}
+
 }  // namespace
 }  // namespace inspect

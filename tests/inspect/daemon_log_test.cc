@@ -126,5 +126,31 @@ TEST(DaemonLogTest, JobThatIsToldTwiceIsNobodys) {
   EXPECT_FALSE(DaemonLog(text).FindJob("vk_CASE_abcde"));
 }
 
+TEST(DaemonLogTest, LinesThatAreCutOffTellNothing) {
+  const std::string whole = kOurs.Whole();
+  for (std::size_t end = whole.find("Clust: "); end < whole.size();
+       end = whole.find('\n', end) + 1) {
+    EXPECT_FALSE(Find(whole.substr(0, end), kOurs.Key())) << whole.substr(0, end);
+  }
+  // Other lines in their places.
+  for (const char* label : {"Path: ", "Ver: ", "Arg 3: ", "Arg 6: "}) {
+    std::string text = whole;
+    text.replace(text.find(label), 3, "xxx");
+    const auto launch = Find(text, kOurs.Key());
+    EXPECT_FALSE(launch && launch->windows_user) << label;
+  }
+}
+
+TEST(DaemonLogTest, TimesThatAreNoneAreEarlierThanAll) {
+  EXPECT_FALSE(Find(
+      "Answering call in child process: soon\n" + kOurs.Request() + kOurs.User() + kOurs.Script(),
+      kOurs.Key()));
+  EXPECT_FALSE(Find("", kOurs.Key()));
+}
+
+TEST(DaemonLogTest, LineWithoutAJobIsNone) {
+  EXPECT_FALSE(DaemonLog("something (vk_CASE_abcde) is submitted\n").FindJob("vk_CASE_abcde"));
+}
+
 }  // namespace
 }  // namespace inspect

@@ -1,12 +1,18 @@
 #include "inspect/firewall.h"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
 #include <string>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "inspect/access.h"
 #include "inspect/probe.h"
 #include "tests/inspect/findings.h"
+#include "tests/inspect/own_view.h"
 #include "tests/support/private_network.h"
 #include "tests/support/temporary_directory.h"
 
@@ -166,6 +172,76 @@ TEST(JudgeFirewallTest, WhatIsNoListOfRulesIsNotUnderstood) {
        {"", "{", "[]", R"({"nftables": 1})", R"({"nftables": [{"rule": {}}]})"}) {
     EXPECT_THAT(Ids(JudgeFirewall(site, text)), ElementsAre("unchecked host.firewall-unchecked"))
         << text;
+  }
+}
+
+TEST(JudgeFirewallTest, AllChainsThatKeepAMasterAwayAreNamed) {
+  const TemporaryDirectory directory;
+  directory.Write("jobmill.nft", "define masters = { 10.0.0.0/15 }\n");
+  const std::vector<std::string> words = {"-p", "5000"};
+  const Site site = SiteOf(words, "/none/vkjobmill.exe", directory.path());
+  const auto table = [](const std::string& name, const std::string& network) {
+    const std::string of = R"("family": "inet", "table": ")" + name + "\", ";
+    return R"({"chain": {)" + of + R"("name": "input", "type": "filter", "hook": "input"}},
+        {"rule": {)" +
+           of + R"("chain": "input", "expr": [{"match": {"op": "==",
+        "left": {"payload": {"protocol": "ip", "field": "saddr"}},
+        "right": {"prefix": {"addr": ")" +
+           network + R"(", "len": 16}}}}, {"drop": null}]}})";
+  };
+  const Findings findings = JudgeFirewall(
+      site, R"({"nftables": [)" + table("one", "10.0.0.0") + "," + table("two", "10.1.0.0") + "]}");
+  ASSERT_EQ(findings.size(), 2U);
+  EXPECT_EQ(findings[1].id, "host.closed");
+  EXPECT_THAT(findings[1].what, testing::EndsWith(", by chain input of table inet one and chain "
+                                                  "input of table inet two"));
+}
+
+// With another program in the place of nft.
+class CheckFirewallTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root";
+    std::filesystem::create_directory(directory_.File("sbin"));
+    if (Found() == "no mount") GTEST_SKIP() << "nothing can be mounted here";
+  }
+  std::string Found() const {
+    return WithMounts({{directory_.File("sbin"), "/usr/sbin"}}, [&] {
+      const Findings findings = CheckFirewall(SiteOf({"-p", "5000"}, "/none/vkjobmill.exe"));
+      return findings.empty() ? std::string() : findings[0].id + ": " + findings[0].what;
+    });
+  }
+  TemporaryDirectory directory_;
+};
+
+TEST_F(CheckFirewallTest, WithoutNftNothingIsKnown) {
+  EXPECT_EQ(Found(),
+            "host.firewall-unchecked: there is no nft, and other packet filters are not looked at");
+}
+
+TEST_F(CheckFirewallTest, NftThatFailsIsSaid) {
+  chmod(directory_.Write("sbin/nft", "#!/bin/sh\nexit 1\n").c_str(), 0755);
+  EXPECT_EQ(Found(), "host.firewall-unchecked: nft does not list its rules");
+}
+
+TEST_F(CheckFirewallTest, WhatNftListsIsJudged) {
+  chmod(directory_.Write("sbin/nft", "#!/bin/sh\necho '{\"nftables\": []}'\n").c_str(), 0755);
+  EXPECT_EQ(Found(), "host.open: the packet filter lets everybody reach port 5000");
+}
+
+TEST_F(CheckFirewallTest, RulesAreRootsToSee) {
+  if (RegularFiles({"/usr/sbin/nft"}).empty()) GTEST_SKIP() << "no nft here";
+  EXPECT_EQ(AsNobody([] {
+              return CheckFirewall(SiteOf({"-p", "5000"}, "/none/vkjobmill.exe")).at(0).what;
+            }),
+            "the packet filter can be read by root alone");
+}
+
+TEST(AddressRangesTest, OnlyAFewAreShown) {
+  EXPECT_EQ(Text(Ranges("10.0.0.1, 10.0.0.3, 10.0.0.5, 10.0.0.7, 10.0.0.9")),
+            "10.0.0.1, 10.0.0.3, 10.0.0.5, 10.0.0.7 and others");
+  for (const char* text : {"10.0.0.1-x", "10.0.0.0/-1"}) {
+    EXPECT_THAT(Ranges(text), IsEmpty()) << text;
   }
 }
 

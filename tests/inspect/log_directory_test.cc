@@ -17,6 +17,7 @@
 #include "base/descriptor.h"
 #include "inspect/probe.h"
 #include "tests/inspect/findings.h"
+#include "tests/inspect/own_view.h"
 #include "tests/support/running_daemon.h"
 
 namespace inspect {
@@ -115,6 +116,57 @@ TEST(LogOfDaemonTest, LogThatWasRemovedIsFound) {
   const Findings findings = CheckLogDirectory(site);
   EXPECT_THAT(Ids(findings), testing::Contains("warning host.log-elsewhere"));
   EXPECT_THAT(findings.back().what, HasSubstr(" to a file that was removed or replaced"));
+}
+
+TEST_F(LogDirectoryTest, ImmutableAndAppendOnlyDirectoriesAreFound) {
+  const auto with = [this](int flag) {
+    const Descriptor directory(open(Log().c_str(), O_RDONLY | O_CLOEXEC));
+    int flags = 0;
+    if (ioctl(directory.get(), FS_IOC_GETFLAGS, &flags) != 0) return std::string("no flags");
+    const int changed = flags | flag;
+    if (ioctl(directory.get(), FS_IOC_SETFLAGS, &changed) != 0) return std::string("no flags");
+    const Findings findings = Check();
+    ioctl(directory.get(), FS_IOC_SETFLAGS, &flags);
+    return findings.empty() ? std::string() : findings[0].what;
+  };
+  const std::string immutable = with(FS_IMMUTABLE_FL);
+  if (immutable == "no flags") GTEST_SKIP() << "no such attributes here";
+  EXPECT_EQ(immutable, "is immutable (chattr -i)");
+  EXPECT_EQ(with(FS_APPEND_FL), "is append-only (chattr -a)");
+}
+
+TEST_F(LogDirectoryTest, DirectoryThatTheDaemonsAccountCannotWriteIsFound) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root";
+  fs::permissions(directory_.path(), fs::perms(0755));
+  const auto found = [&](const std::vector<std::string>& words) {
+    return AsNobody([&] {
+      const Findings findings = CheckLogDirectory(SiteOf(words, "/none/vkjobmill.exe"), Log());
+      return findings.empty() ? std::string()
+                              : std::string(Name(findings[0].severity)) + ": " + findings[0].what +
+                                    ": " + findings[0].consequence;
+    });
+  };
+  EXPECT_EQ(found({"-p", "5000", "-u"}),
+            "warning: cannot be written: Permission denied: the log goes to /tmp");
+  // Whether root can write it is not for this account to say.
+  EXPECT_EQ(found({"-p", "5000", "-s", "/x"}), "");
+}
+
+TEST_F(LogDirectoryTest, FileSystemWithoutFreeFilesHasNoRoom) {
+  const std::string found = WithMounts({}, [&] {
+    if (mount("none", Log().c_str(), "tmpfs", 0, "nr_inodes=2") != 0)
+      return std::string("no mount");
+    directory_.Write("log/last", "");
+    const Findings findings = Check();
+    return findings.empty() ? std::string() : findings[0].what;
+  });
+  if (found == "no mount") GTEST_SKIP() << "nothing can be mounted here";
+  EXPECT_EQ(found, "only 0 MiB are free");
+}
+
+TEST_F(LogDirectoryTest, SystemsDirectoriesAreJudgedWithoutAnother) {
+  EXPECT_THAT(CheckLogDirectory(SiteOf({"-p", "5000", "-s", "/x"}, "/none/vkjobmill.exe")),
+              testing::Each(testing::Field(&Finding::file, testing::StartsWith("/var/log"))));
 }
 
 }  // namespace

@@ -2,13 +2,21 @@
 
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
+#include <iterator>
+#include <set>
+#include <string>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "inspect/listener.h"
+#include "tests/inspect/own_view.h"
 #include "tests/support/ports.h"
 #include "tests/support/running_daemon.h"
 
@@ -172,6 +180,172 @@ TEST(CommsPortsTest, DaemonWithoutAFileThatHandsOutTheSameIsNamed) {
   EXPECT_TRUE(shared(40010));
   EXPECT_FALSE(shared(40011));
   EXPECT_FALSE(shared(39991));
+}
+
+// Listeners of this process, on free ports.
+std::vector<Descriptor> Listeners(std::size_t count) {
+  std::vector<Descriptor> listeners;
+  for (std::size_t i = 0; i < count; ++i) listeners.push_back(BindFreePort(1));
+  return listeners;
+}
+
+std::set<int> PortsOf(const std::vector<Descriptor>& listeners) {
+  std::set<int> ports;
+  for (const Descriptor& listener : listeners) ports.insert(PortOf(listener.get()));
+  return ports;
+}
+
+TEST(PortTest, OnlyAFewOfThoseWhoHoldItAreNamed) {
+  Descriptor listener = BindFreePort(5);
+  const int port = PortOf(listener.get());
+  std::vector<Descriptor> ends;
+  for (int i = 0; i < 4; ++i) {
+    ends.push_back(ConnectTo(port));
+    ends.emplace_back(accept(listener.get(), nullptr, nullptr));
+  }
+  listener.Reset();
+  EXPECT_EQ(CheckPort(SiteOn(port)).size(), 3U);
+}
+
+TEST(PortTest, ConnectionThatTheOtherSideHasNotEndedIsNoProcesss) {
+  Descriptor listener = BindFreePort(1);
+  const int port = PortOf(listener.get());
+  const Descriptor near = ConnectTo(port);
+  Descriptor far(accept(listener.get(), nullptr, nullptr));
+  listener.Reset();
+  far.Reset();
+  EXPECT_TRUE(Eventually([&] {
+    const Findings findings = CheckPort(SiteOn(port));
+    return findings.size() == 1 && findings[0].what.ends_with(", no process");
+  }));
+}
+
+TEST(PortTest, ListenerOfAnotherAccountIsRootsToSee) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root";
+  const Descriptor listener = BindFreePort(1);
+  const int port = PortOf(listener.get());
+  const std::string found = AsNobody([&] {
+    close(listener.get());  // which only the test itself has then
+    const Findings findings = CheckPort(SiteOn(port));
+    return findings.at(0).id + ": " + findings[0].what;
+  });
+  EXPECT_EQ(found, "port.unchecked: a process that only root can see listens on port " +
+                       std::to_string(port));
+}
+
+TEST(PortTest, SocketsThatCannotBeReadAreSaid) {
+  EXPECT_EQ(WithAnsweredCall(
+                SYS_socket, []() -> long { return -EACCES; },
+                [] { return CheckPort(SiteOn(5000)).at(0).what; }),
+            "the sockets of this machine are not known: Permission denied");
+}
+
+TEST(ListenerTest, OnlyADaemonIsOne) {
+  const Descriptor listener = BindFreePort(1);
+  const int port = PortOf(listener.get());
+  EXPECT_FALSE(DaemonOn(port));
+  EXPECT_FALSE(OwnerOf(TcpSocket()));
+  if (geteuid() != 0) return;
+  EXPECT_EQ(AsNobody([&] {
+              close(listener.get());  // which only the test itself has then
+              return std::string(DaemonOn(port) ? "daemon" : "nobody known");
+            }),
+            "nobody known");
+}
+
+TEST(CommsPortsTest, OnlyAFewOfManyAreShown) {
+  const std::vector<Descriptor> listeners = Listeners(7);
+  const std::set<int> ports = PortsOf(listeners);
+  const int first = *ports.begin();
+  std::string shown;
+  for (const int port : ports) {
+    if (port != *std::next(ports.begin(), 5)) {
+      shown += (shown.empty() ? "" : ", ") + std::to_string(port);
+    } else {
+      break;
+    }
+  }
+  const Findings findings = CheckCommsPorts(SiteWithCommsPorts(first, *ports.rbegin() - first + 1));
+  const std::string self = "process " + std::to_string(getpid()) + " (inspect_test)";
+  const auto own = std::ranges::find_if(
+      findings, [&](const auto& finding) { return finding.what.ends_with(self); });
+  ASSERT_NE(own, findings.end());
+  EXPECT_EQ(own->what, "comms ports " + shown + " and 2 others are taken by " + self);
+}
+
+TEST(CommsPortsTest, ConnectionsThatHaveEndedTakeNone) {
+  Descriptor listener = BindFreePort(1);
+  const int port = PortOf(listener.get());
+  Descriptor near = ConnectTo(port);
+  Descriptor far(accept(listener.get(), nullptr, nullptr));
+  far.Reset();
+  near.Reset();
+  listener.Reset();
+  for (const Finding& finding : CheckCommsPorts(SiteWithCommsPorts(port, 1))) {
+    EXPECT_NE(finding.id, "port.no-comms") << finding.what;
+  }
+}
+
+TEST(CommsPortsTest, OfSeveralWhoTakeThemOneIsNamed) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root";
+  // As an account that sees nobody's ports but its own.
+  for (int attempt = 0; attempt < 20; ++attempt) {
+    const Descriptor others = BindFreePort(1);
+    const int port = PortOf(others.get());
+    const std::string found = AsNobody([&] {
+      close(others.get());  // which only the test itself has then
+      const Descriptor own(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+      sockaddr_in address{};
+      address.sin_family = AF_INET;
+      address.sin_port = htons(static_cast<std::uint16_t>(port + 1));
+      address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+      if (bind(own.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
+          listen(own.get(), 1) != 0) {
+        return std::string("taken");
+      }
+      const Findings findings = CheckCommsPorts(SiteWithCommsPorts(port, 2));
+      return findings.empty() ? std::string() : findings.back().what;
+    });
+    if (found == "taken") continue;
+    EXPECT_THAT(found, HasSubstr("every comms port is taken, from "));
+    EXPECT_THAT(found, testing::EndsWith(" and others"));
+    return;
+  }
+  FAIL() << "no two ports beside each other";
+}
+
+TEST(CommsPortsTest, ClustersHaveThemElsewhere) {
+  const TemporaryDirectory directory;
+  const std::string script =
+      directory.Write("slurm", "#!/bin/bash\nneeded='x'\nsource \"$here/common.sh\"\n");
+  const Descriptor listener = BindFreePort(1);
+  const std::string port = std::to_string(PortOf(listener.get()));
+  const auto found = [&](const std::string& file) {
+    return CheckCommsPorts(
+               SiteOf({"-p", "1", "-o", port, "-n", "1", "-s", file}, "/none/vkjobmill.exe"))
+        .size();
+  };
+  EXPECT_EQ(found(script), 0U);
+  EXPECT_EQ(found("/none"), 1U);
+}
+
+TEST(CommsPortsTest, DaemonsThatAFileTellsOfAreJudgedByIt) {
+  RunningDaemon::Options options;
+  options.arguments = {"-u", "-o", "40101", "-n", "10"};
+  const RunningDaemon daemon(options);
+  const TemporaryDirectory directory;
+  const auto shared = [&] {
+    const Findings findings = CheckCommsPorts(
+        SiteOf({"-p", "1", "-o", "40101", "-n", "10"}, "/none/vkjobmill.exe", directory.path()));
+    return std::ranges::any_of(findings, [&](const Finding& finding) {
+      return finding.what.find("process " + std::to_string(daemon.pid()) + ", ") !=
+             std::string::npos;
+    });
+  };
+  directory.Write("notes", "OPTIONS='-p " + std::to_string(daemon.port()) + "'\n");
+  EXPECT_TRUE(shared());
+  directory.Write("two.conf", "OPTIONS='-p " + std::to_string(daemon.port()) + "'\n");
+  EXPECT_FALSE(shared());
 }
 
 }  // namespace

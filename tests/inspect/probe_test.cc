@@ -1,6 +1,8 @@
 #include "inspect/probe.h"
 
 #include <signal.h>
+#include <sys/syscall.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <stdexcept>
@@ -8,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/inspect/own_view.h"
 #include "tests/support/child_process.h"
 #include "tests/support/temporary_directory.h"
 
@@ -82,6 +85,61 @@ TEST(ProbeTest, InquiryThatTakesTooLongIsEnded) {
   EXPECT_TRUE(silent.IsDone(std::chrono::seconds(30)));
   EXPECT_EQ(silent.TakeAnswer(), std::nullopt);
   while (!silent.HasEnded()) usleep(1000);
+}
+
+// What a question in a process has answered in which a system call fails.
+std::string AnswerWithout(int number, CallAnswer answer) {
+  return WithAnsweredCall(number, answer, [] {
+    return "answer: " + Ask([] { return std::string("x"); }).value_or("none");
+  });
+}
+
+TEST(ProbeTest, QuestionThatCannotBeAskedHasNoAnswer) {
+  EXPECT_EQ(AnswerWithout(SYS_pipe2, []() -> long { return -EMFILE; }), "answer: none");
+  EXPECT_EQ(AnswerWithout(SYS_clone, []() -> long { return -EAGAIN; }), "answer: none");
+  EXPECT_EQ(AnswerWithout(SYS_poll, []() -> long { return -ENOMEM; }), "answer: none");
+}
+
+TEST(ProbeTest, AnswerOfAProcessWhoseEndIsNotKnownIsNone) {
+  EXPECT_EQ(AnswerWithout(SYS_wait4, []() -> long { return -EINTR; }), "answer: none");
+}
+
+TEST(ProbeTest, AnswerThatCannotBeWrittenIsNone) {
+  const auto answer = Ask([] {
+    AnswerCall(SYS_write, []() -> long { return -EIO; });
+    return std::string("x");
+  });
+  EXPECT_EQ(answer, std::nullopt);
+}
+
+TEST(ProbeTest, SignalsDoNotEndTheWait) {
+  const std::string answer = InProcess([] {
+    struct sigaction action {};
+    action.sa_handler = [](int) {};
+    sigaction(SIGALRM, &action, nullptr);
+    const itimerval timer{.it_interval = {0, 10'000}, .it_value = {0, 10'000}};
+    setitimer(ITIMER_REAL, &timer, nullptr);
+    return RunCommand({"sh", "-c", "sleep 0.3; echo done"})->output;
+  });
+  EXPECT_EQ(answer, "done\n");
+}
+
+TEST(RunCommandTest, CommandThatCannotBeStartedHasNoAnswer) {
+  const auto run = [](int number, CallAnswer answer) {
+    return WithAnsweredCall(number, answer, [] {
+      const auto ran = RunCommand({"true"});
+      return ran ? std::to_string(ran->status) : "no process";
+    });
+  };
+  EXPECT_EQ(run(SYS_pipe2, []() -> long { return -EMFILE; }), "no process");
+  EXPECT_EQ(run(SYS_clone, []() -> long { return -EAGAIN; }), "no process");
+  EXPECT_EQ(run(SYS_chdir, []() -> long { return -EACCES; }), "127");
+  EXPECT_EQ(run(SYS_dup2, []() -> long { return -EINTR; }), "127");
+}
+
+TEST(RunCommandTest, CommandThatClosesItsOutputIsWaitedForAsLong) {
+  EXPECT_FALSE(
+      RunCommand({"sh", "-c", "exec >&-; exec sleep 60"}, Complaints::kLeftOut, milliseconds(300)));
 }
 
 }  // namespace

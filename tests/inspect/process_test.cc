@@ -168,5 +168,15 @@ TEST(InodeInTest, OnlyTextsOfTheKind) {
   EXPECT_FALSE(InodeIn("/tmp/socket:[12]", "socket"));
 }
 
+TEST(InodeInTest, NumbersAreWhole) {
+  EXPECT_FALSE(InodeIn("socket:[12x]", "socket"));
+}
+
+TEST(ProcessIdTest, BothPartsCount) {
+  EXPECT_EQ((ProcessId{1, 2}), (ProcessId{1, 2}));
+  EXPECT_NE((ProcessId{1, 2}), (ProcessId{1, 3}));
+  EXPECT_NE((ProcessId{1, 2}), (ProcessId{2, 2}));
+}
+
 }  // namespace
 }  // namespace inspect

@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/inspect/findings.h"
+#include "tests/inspect/own_view.h"
 #include "tests/support/running_daemon.h"
 
 namespace inspect {
@@ -74,6 +75,39 @@ TEST_F(ProgramTest, ProgramThatOthersCanChangeIsFoundAndNotStarted) {
   Write("#!/bin/sh\ntouch " + directory_.File("started") + "\n", 0777);
   EXPECT_THAT(Ids(Check()), ElementsAre("error program.writable"));
   EXPECT_FALSE(std::filesystem::exists(directory_.File("started")));
+}
+
+TEST_F(ProgramTest, FileSystemWithoutProgramsIsFound) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root";
+  std::filesystem::copy(DaemonExecutable(), Program());
+  const std::string directory = directory_.path();
+  const std::string found = WithMounts({{directory, directory}}, [&] {
+    if (mount("none", directory.c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_NOEXEC, nullptr) != 0) {
+      return std::string("no mount");
+    }
+    const Findings findings = Check();
+    return findings.empty() ? std::string() : findings[0].id + ": " + findings[0].what;
+  });
+  if (found == "no mount") GTEST_SKIP() << "nothing can be mounted here";
+  EXPECT_EQ(found, "program.not-executable: is on a file system that is mounted noexec");
+}
+
+TEST_F(ProgramTest, ProgramThatCannotBeLookedAtIsFound) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root";
+  Write("#!/bin/sh\n");
+  const Site site = SiteOf({"-p", "5000", "-u"}, Program());
+  chmod(directory_.path().c_str(), 0700);
+  EXPECT_EQ(AsNobody([&] {
+              const Findings findings = CheckProgram(site);
+              return findings.at(0).id + ": " + findings[0].what;
+            }),
+            "program.not-executable: cannot be looked at");
+}
+
+TEST_F(ProgramTest, ProgramThatCannotBeAskedIsFound) {
+  std::filesystem::copy(DaemonExecutable(), Program());
+  EXPECT_EQ(WithoutPipes([&] { return Check().at(0).what; }),
+            "does not answer within 10 s when it is asked for its version");
 }
 
 }  // namespace

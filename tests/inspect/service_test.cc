@@ -1,5 +1,6 @@
 #include "inspect/service.h"
 
+#include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -12,6 +13,7 @@
 
 #include "inspect/process.h"
 #include "tests/inspect/findings.h"
+#include "tests/inspect/own_view.h"
 #include "tests/support/ports.h"
 #include "tests/support/running_daemon.h"
 
@@ -197,6 +199,137 @@ TEST(CheckServiceTest, WithoutSystemdNothingIsKnown) {
   directory.Write("jobmill.conf", "OPTIONS='-p 5000 -s /x'\n");
   EXPECT_THAT(Ids(CheckService(SiteOf(directory.path(), "jobmill", "/none/vkjobmill.exe"))),
               ElementsAre("unchecked service.unchecked:1"));
+}
+
+TEST_F(ServiceTest, ErrorInTheUnitIsFound) {
+  for (const char* state : {"bad-setting", "error"}) {
+    state_.properties = {{"LoadState", state}, {"LoadError", "no ExecStart"}};
+    EXPECT_THAT(Judge()[0].what, HasSubstr("jobmill.service has an error: no ExecStart"));
+  }
+}
+
+TEST_F(ServiceTest, EachReasonOfAFailureIsTold) {
+  state_.properties["ActiveState"] = "failed";
+  state_.properties["ExecMainStatus"] = "11";
+  const auto failed = [&](const std::string& result, const std::string& words) {
+    state_.properties["Result"] = result;
+    state_.last_words = words;
+    return Judge()[0].what;
+  };
+  EXPECT_EQ(failed("signal", ""), "jobmill.service has failed: signal 11");
+  EXPECT_EQ(failed("core-dump", "x"),
+            "jobmill.service has failed: signal 11, and the last it said is: x");
+  EXPECT_EQ(failed("resources", ""),
+            "jobmill.service has failed: a file that it names, or memory, is missing");
+  EXPECT_EQ(failed("timeout", ""), "jobmill.service has failed: timeout");
+  EXPECT_EQ(failed("exit-code", ""), "jobmill.service has failed: status 11");
+}
+
+TEST_F(ServiceTest, ServiceThatIsEnabledUntilTheNextBootIsFound) {
+  state_.properties["UnitFileState"] = "enabled-runtime";
+  EXPECT_THAT(IdsOf(), ElementsAre("warning service.not-enabled:1"));
+}
+
+TEST_F(ServiceTest, OtherProgramThatIsThereIsNamed) {
+  fs::create_directory(directory_.File("other"));
+  const std::string other = directory_.Write("other/vkjobmill.exe", "");
+  state_.properties["ExecStart"] = "{ argv[]=" + other + " $OPTIONS ; }";
+  const Findings findings = Judge();
+  ASSERT_THAT(Ids(findings), ElementsAre("warning service.other-program:1"));
+  EXPECT_THAT(findings[0].what, HasSubstr("starts " + other + ", and judged is "));
+}
+
+// Before it becomes the daemon.
+TEST_F(ServiceTest, ProcessThatIsNoDaemonYetIsNotJudged) {
+  state_.properties["MainPID"] = std::to_string(getpid());
+  EXPECT_THAT(IdsOf(), IsEmpty());
+}
+
+TEST_F(ServiceTest, KillModeThatIsSetOrNotKnownIsGood) {
+  state_.properties["FragmentPath"] = directory_.Write("own.service", "[Service]\nExecStart=/x\n");
+  state_.properties["KillMode"] = "process";
+  EXPECT_THAT(IdsOf(), IsEmpty());
+  state_.properties["KillMode"] = "";
+  EXPECT_THAT(IdsOf(), IsEmpty());
+}
+
+TEST_F(ServiceTest, LinesOfOtherFormsAreNoProperties) {
+  EXPECT_EQ(ReadProperties("Failed to say\nA=1\n").size(), 1U);
+}
+
+TEST_F(ServiceTest, UnitsOfFurtherDaemonsHaveTheirName) {
+  directory_.Write("two.conf", "OPTIONS='-p 1'\n");
+  EXPECT_EQ(UnitOf(SiteOf(directory_.path(), "two", "/none/vkjobmill.exe")), "jobmill@two.service");
+}
+
+TEST_F(ServiceOfDaemonTest, VariableOfTheDaemonIsAsTheFileSays) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root";
+  const auto path = Process::Open(daemon_.pid())->Variable("PATH");
+  ASSERT_TRUE(path);
+  Options(words_, "PATH=" + *path + "\n");
+  EXPECT_THAT(IdsOf(), IsEmpty());
+}
+
+TEST_F(ServiceOfDaemonTest, EnvironmentOfTheDaemonIsRootsToSee) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root";
+  Options(words_, "JOBMILL_SIMULATOR=/opt/sim\n");
+  fs::permissions(directory_.path(), fs::perms(0755));
+  EXPECT_EQ(AsNobody([&] { return IdsIn(Judge()); }).find("service.other-options"),
+            std::string::npos);
+}
+
+// With other programs in the place of systemd's.
+class SystemctlTest : public ServiceTest {
+ protected:
+  void SetUp() override {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root";
+    fs::create_directories(directory_.File("run/systemd/system"));
+    fs::create_directory(directory_.File("bin"));
+    if (Found() == "no mount") GTEST_SKIP() << "nothing can be mounted here";
+  }
+  void Say(const std::string& program, const std::string& script) {
+    const std::string file = directory_.Write("bin/" + program, "#!/bin/sh\n" + script);
+    fs::permissions(file, fs::perms(0755));
+  }
+  std::string Found() const {
+    return WithMounts({{directory_.File("run"), "/run"}}, [&] {
+      setenv("PATH", (directory_.File("bin") + ":/usr/bin:/bin").c_str(), 1);
+      return What();
+    });
+  }
+  std::string What() const {
+    const Findings findings =
+        CheckService(SiteOf(directory_.path(), "jobmill", directory_.File("vkjobmill.exe")));
+    return findings.empty() ? std::string() : findings[0].id + ": " + findings[0].what;
+  }
+};
+
+TEST_F(SystemctlTest, SystemctlThatFailsOrIsSilentIsSaid) {
+  Say("systemctl", "exit 1\n");
+  EXPECT_EQ(Found(),
+            "service.unchecked: not checked: the state of jobmill.service: systemctl fails");
+  const std::string silent = WithMounts({{directory_.File("run"), "/run"}},
+                                        [&] { return WithoutPipes([&] { return What(); }); });
+  EXPECT_EQ(silent,
+            "service.unchecked: not checked: the state of jobmill.service: systemctl does not "
+            "answer within 10 s");
+}
+
+TEST_F(SystemctlTest, LastWordsOfAFailedDaemonComeFromTheJournal) {
+  Say("systemctl",
+      "printf 'LoadState=loaded\\nActiveState=failed\\nResult=exit-code\\nExecMainStatus=1\\n'\n");
+  Say("journalctl", "echo 'Error in creating socket'\n");
+  EXPECT_EQ(Found(),
+            "service.failed: jobmill.service has failed: status 1, and the last it said is: Error "
+            "in creating socket");
+  Say("journalctl", "exit 1\n");
+  EXPECT_EQ(Found(), "service.failed: jobmill.service has failed: status 1");
+}
+
+TEST_F(SystemctlTest, RunningServiceIsGood) {
+  Say("systemctl", "printf 'LoadState=loaded\\nActiveState=active\\n'\n");
+  Say("journalctl", "echo nothing; exit 1\n");
+  EXPECT_EQ(Found(), "");
 }
 
 }  // namespace

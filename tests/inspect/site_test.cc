@@ -143,5 +143,12 @@ TEST(SiteTest, DaemonByHandHasThisEnvironmentAndDirectory) {
   EXPECT_EQ(site.configuration, "");
 }
 
+TEST(ReadAssignmentsTest, TextsMayEndAnywhere) {
+  EXPECT_EQ(ValueOf("# no end"), "none");
+  EXPECT_EQ(ValueOf("# no end\\"), "none");
+  EXPECT_EQ(ValueOf("A=\"one\\"), "one\\");
+  EXPECT_EQ(ValueOf("A"), "none");
+}
+
 }  // namespace
 }  // namespace inspect

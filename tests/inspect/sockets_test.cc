@@ -1,15 +1,24 @@
 #include "inspect/sockets.h"
 
 #include <arpa/inet.h>
+#include <errno.h>
+#include <linux/inet_diag.h>
+#include <linux/netlink.h>
+#include <linux/sock_diag.h>
+#include <string.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <array>
 #include <functional>
+#include <string>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "tests/inspect/own_view.h"
 #include "tests/support/child_process.h"
 #include "tests/support/ports.h"
 
@@ -122,6 +131,113 @@ TEST(SocketsTest, EndedConnectionBelongsToNobodyForTheSecondsThatAreLeft) {
 
 TEST(SocketsTest, IPv6AddressStandsInBrackets) {
   EXPECT_EQ(Text({"2001:db8::1", 80}), "[2001:db8::1]:80");
+}
+
+// What the kernel answers, in its place: one message for each question.
+struct Said {
+  std::array<char, 256> bytes{};
+  long size = 0;
+  int calls = 0;
+};
+Said said;
+
+template <class Body>
+void Say(unsigned short type, unsigned short flags, const Body& body) {
+  nlmsghdr header{};
+  header.nlmsg_len = sizeof(header) + sizeof(body);
+  header.nlmsg_type = type;
+  header.nlmsg_flags = flags;
+  memcpy(said.bytes.data() + said.size, &header, sizeof(header));
+  memcpy(said.bytes.data() + said.size + sizeof(header), &body, sizeof(body));
+  said.size += NLMSG_ALIGN(header.nlmsg_len);
+}
+
+long Answer() {
+  ++said.calls;
+  memcpy(AnsweredBuffer(), said.bytes.data(), static_cast<std::size_t>(said.size));
+  return said.size;
+}
+
+// The number of sockets, or the error, and how often was asked.
+std::string ReadAs(CallAnswer answer, int number = SYS_recvfrom) {
+  return WithAnsweredCall(number, answer, [] {
+    const TcpSockets sockets = ReadSockets();
+    return (sockets.error.empty() ? std::to_string(sockets.all.size()) : sockets.error) + " " +
+           std::to_string(said.calls);
+  });
+}
+
+TEST(ReadSocketsTest, KernelThatAnswersNothingIsAnError) {
+  said = {};
+  for (const int number : {SYS_socket, SYS_setsockopt, SYS_sendto, SYS_recvfrom}) {
+    EXPECT_EQ(ReadAs([]() -> long { return -EACCES; }, number), "Permission denied 0") << number;
+  }
+}
+
+TEST(ReadSocketsTest, SignalsDoNotEndIt) {
+  said = {};
+  Say(NLMSG_DONE, 0, 0);
+  EXPECT_EQ(ReadAs([]() -> long {
+              if (++said.calls % 2 == 1) return -EINTR;
+              --said.calls;
+              return Answer();
+            }),
+            "0 4");
+}
+
+TEST(ReadSocketsTest, TableThatChangesMeanwhileIsAskedForAgainAFewTimes) {
+  said = {};
+  Say(NLMSG_DONE, NLM_F_DUMP_INTR, 0);
+  EXPECT_EQ(ReadAs(Answer), "0 6");
+}
+
+TEST(ReadSocketsTest, KernelWithoutIPv6HasTheOthers) {
+  said = {};
+  EXPECT_EQ(ReadAs([]() -> long {
+              said.size = 0;
+              if (said.calls == 0) {
+                Say(NLMSG_DONE, 0, 0);
+              } else {
+                Say(NLMSG_ERROR, 0, nlmsgerr{.error = -ENOENT, .msg = {}});
+              }
+              return Answer();
+            }),
+            "0 2");
+  said = {};
+  Say(NLMSG_ERROR, 0, nlmsgerr{.error = -ENOENT, .msg = {}});
+  EXPECT_EQ(ReadAs(Answer), "No such file or directory 1");
+  said = {};
+  EXPECT_EQ(ReadAs([]() -> long {
+              said.size = 0;
+              if (said.calls == 0) {
+                Say(NLMSG_DONE, 0, 0);
+              } else {
+                Say(NLMSG_ERROR, 0, nlmsgerr{.error = -ENOMEM, .msg = {}});
+              }
+              return Answer();
+            }),
+            "Cannot allocate memory 2");
+}
+
+TEST(ReadSocketsTest, AddressesOfIPv6AreWrittenAsSuch) {
+  said = {};
+  inet_diag_msg socket{};
+  socket.idiag_family = AF_INET6;
+  socket.idiag_state = TCP_LISTEN;
+  inet_pton(AF_INET6, "2001:db8::1", socket.id.idiag_src);
+  socket.id.idiag_sport = htons(80);
+  Say(SOCK_DIAG_BY_FAMILY, 0, socket);
+  Say(NLMSG_DONE, 0, 0);
+  EXPECT_EQ(
+      WithAnsweredCall(SYS_recvfrom, Answer, [] { return Text(ReadSockets().all.at(0).local); }),
+      "[2001:db8::1]:80");
+}
+
+TEST(EndpointTest, BothPartsCount) {
+  const Endpoint endpoint{"127.0.0.1", 80};
+  EXPECT_EQ(endpoint, (Endpoint{"127.0.0.1", 80}));
+  EXPECT_NE(endpoint, (Endpoint{"127.0.0.1", 81}));
+  EXPECT_NE(endpoint, (Endpoint{"127.0.0.2", 80}));
 }
 
 }  // namespace

@@ -99,5 +99,27 @@ TEST_F(UnitSettingsTest, LastOneCounts) {
               ElementsAre("warning service.restricted:2"));
 }
 
+TEST_F(UnitSettingsTest, WordsForYesAndNoAreOne) {
+  for (const char* value : {"yes", "true", "on", "1"}) {
+    EXPECT_THAT(IdsOf("[Service]\n; x\nNoNewPrivileges=" + std::string(value) + "\n"),
+                ElementsAre("warning service.restricted:3"))
+        << value;
+  }
+  for (const char* value : {"no", "false", "off", "0"}) {
+    EXPECT_THAT(IdsOf("[Service]\nNoNewPrivileges=" + std::string(value) + "\n"), IsEmpty())
+        << value;
+  }
+}
+
+TEST_F(UnitSettingsTest, RightsThatTheDaemonNeedsMayNotBeTakenAway) {
+  EXPECT_THAT(IdsOf("[Service]\nCapabilityBoundingSet=~CAP_SYS_TIME\n"), IsEmpty());
+  for (const char* right : {"CAP_SETUID", "CAP_SETGID", "CAP_DAC_OVERRIDE"}) {
+    EXPECT_THAT(
+        IdsOf("[Service]\nCapabilityBoundingSet=~CAP_SYS_TIME " + std::string(right) + "\n"),
+        ElementsAre("warning service.restricted:2"))
+        << right;
+  }
+}
+
 }  // namespace
 }  // namespace inspect
