@@ -3,16 +3,19 @@
 from __future__ import annotations
 
 import json
+import os
 import pathlib
 import re
 import sys
 import tempfile
+import time
 import unittest
 import xml.etree.ElementTree as xml
+from typing import List
 from unittest import mock
 
-from support import EXAMPLES, MASTER, ROOT, SIMULATOR, SOON, ThreadedSimulator, check_master
-from support import free_ports, python
+from support import EXAMPLES, MASTER, ROOT, SIMULATOR, SOON, RealDaemon, ThreadedSimulator
+from support import check_master, free_ports, python
 
 import jobmill
 from jobmill.check.master import Scenario
@@ -88,6 +91,62 @@ class ProgramsTest(unittest.TestCase):
         self.assertEqual(python("-m", "jobmill.check").returncode, 2)
         self.assertEqual(python("-m", "jobmill.check", "simulator", "localhost").returncode, 2)
         self.assertEqual(python("-m", "jobmill.wire", "show", "/nonexistent").returncode, 2)
+
+
+def blocks(page: str, kind: str) -> List[str]:
+    text = (ROOT / "docs" / page).read_text(encoding="utf-8")
+    return re.findall(rf"^```{kind}\n(.*?)^```", text, re.S | re.M)
+
+
+class SimulatorPagesTest(unittest.TestCase):
+    """What the pages give authors of simulators to begin with."""
+
+    def setUp(self) -> None:
+        self.directory = tempfile.TemporaryDirectory()
+        self.addCleanup(self.directory.cleanup)
+
+    def program(self, name: str, text: str) -> pathlib.Path:
+        path = pathlib.Path(self.directory.name, name)
+        path.write_text(text)
+        path.chmod(0o755)
+        return path
+
+    def test_first_simulator_of_the_page_keeps_every_rule(self) -> None:
+        program = self.program("simulator.py", "".join(blocks("write-a-simulator.md", "python")))
+        command = f"{sys.executable} {program} {{port}}"
+        port = str(free_ports(1))
+        done = python("-m", "jobmill.check", "simulator", "127.0.0.1", port, "--command", command)
+        self.assertEqual(done.returncode, 0, done.stdout + done.stderr)
+
+    def launch(self, simulator: str) -> jobmill.Run:
+        """A run of a daemon with the script of the page, which starts this simulator."""
+        self.program("mysim", simulator)
+        self.program("hostname", "#!/bin/sh\necho localhost\n")
+        path = f"{self.directory.name}:{os.environ['PATH']}"
+        [script] = blocks("distribution-script.md", "sh")
+        # A daemon of RealDaemon gives the simulator ten seconds.
+        daemon = RealDaemon(f"exec {self.program('script', script)} \"$@\"\n")
+        with mock.patch.dict(os.environ, {"PATH": path}):
+            daemon.__enter__()
+        self.addCleanup(daemon.__exit__, None, None, None)
+        return jobmill.Run("127.0.0.1", daemon.port, path=daemon.path, root="R", user="u")
+
+    def test_script_of_the_page_starts_a_simulator_that_is_slow_to_listen(self) -> None:
+        toy = ROOT / "python" / "examples" / "toy_field.py"
+        simulator = f"""#!/bin/bash
+            sleep 0.5
+            PYTHONPATH={ROOT}/python exec {sys.executable} {toy} --port "$4"
+        """.replace(
+            "            ", ""
+        )
+        with self.launch(simulator) as run:
+            self.assertEqual(len(run.wells()), 4)
+
+    def test_script_of_the_page_tells_at_once_that_the_simulator_has_died(self) -> None:
+        begun = time.monotonic()
+        with self.assertRaisesRegex(jobmill.Refused, "No host detected"):
+            self.launch("#!/bin/sh\necho no licence >&2\nexit 1\n")
+        self.assertLess(time.monotonic() - begun, 8.0)
 
 
 class PageTest(unittest.TestCase):
