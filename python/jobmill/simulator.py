@@ -70,14 +70,18 @@ class Simulator:
         return "OPEN"
 
     def number(self, well: str, item: str) -> float:
-        """An item of a well, such as OIL_PRODUCTION_RATE. KeyError for one that the field does not have."""
+        """An item of a well, such as OIL_PRODUCTION_RATE. KeyError for one that the field does not have.
+
+        Rates are averages over the day, never negative, and 0 for a well that is SHUT.
+        """
         raise KeyError(item)
 
     def advance(self, until: float) -> None:
         """Computes on to a later time, never beyond `end_time`. May stop earlier only at the end."""
         self.time = until
 
-    # Controls. They have to act on the very next query, without a step in between.
+    # Controls. They have to act on the very next query, without a step in between. A value without sense
+    # changes nothing; unknown wells are passed over already, and "*" is taken apart.
 
     def set_status(self, well: str, status: str) -> None:
         pass
@@ -86,7 +90,10 @@ class Simulator:
         pass
 
     def set_constraint(self, well: str, item: str, value: float, setter: str) -> None:
-        """Limits a rate or a pressure from now on."""
+        """Limits a rate or a pressure from now on. The page has the names that are needed.
+
+        Values out of reach, such as 100,000, take a limit off: take them like every other.
+        """
 
     # What not every simulator has.
 
