@@ -288,20 +288,27 @@ def _pack(packer: Packer, layout: List[_Field], values: Values) -> None:
 
 def _unpack(unpacker: Unpacker, layout: List[_Field]) -> Values:
     values: Values = {}
-    for name, count, types in layout:
-        readers = [getattr(unpacker, "get_" + kind) for kind in types]
-        if not count:
-            values[name] = readers[0]()
-        elif set(types) == {"string"}:
-            texts = unpacker.get_texts(values[count] * len(types))
-            rows: List[Tuple[str, ...]] = list(zip(*[iter(texts)] * len(types)))
-            values[name] = texts if len(types) == 1 else rows
-        elif len(readers) == 1:
-            (read,) = readers
-            values[name] = [read() for _ in range(values[count])]
-        else:
-            values[name] = [tuple([read() for read in readers]) for _ in range(values[count])]
+    name = ""
+    try:
+        for name, count, types in layout:
+            values[name] = _unpack_field(unpacker, values, count, types)
+    except ProtocolError as error:
+        raise ProtocolError(f"{error}, in the field '{name}'") from None
     return values
+
+
+def _unpack_field(unpacker: Unpacker, values: Values, count: str, types: Tuple[str, ...]) -> Any:
+    readers = [getattr(unpacker, "get_" + kind) for kind in types]
+    if not count:
+        return readers[0]()
+    if set(types) == {"string"}:
+        texts = unpacker.get_texts(values[count] * len(types))
+        rows: List[Tuple[str, ...]] = list(zip(*[iter(texts)] * len(types)))
+        return texts if len(types) == 1 else rows
+    if len(readers) == 1:
+        (read,) = readers
+        return [read() for _ in range(values[count])]
+    return [tuple([read() for read in readers]) for _ in range(values[count])]
 
 
 def pack_request(code: int, **values: Any) -> bytes:

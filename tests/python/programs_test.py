@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import asyncio
 import json
 import os
 import pathlib
@@ -18,7 +19,8 @@ from support import EXAMPLES, MASTER, ROOT, SIMULATOR, SOON, RealDaemon, Threade
 from support import check_master, free_ports, python
 
 import jobmill
-from jobmill.check.master import Scenario
+from jobmill.check.known import COMPONENTS, ODD
+from jobmill.check.master import PLAIN_WELLS, Scenario
 from jobmill.check.report import PASSED
 from run_test import meeting
 
@@ -59,18 +61,41 @@ class ProgramsTest(unittest.TestCase):
         said = self.check("master", "--listen", "0", "--slow", "0.3", "--command", master)
         self.assertIn(" 0 not applicable", said)
         self.assertRegex(said, "requests used +1, 2, 3, 4, 5, .* 20, 65520")
+        self.assertRegex(said, "a reply with another code +ends the run")
+        self.assertRegex(said, "exit status tells failed runs +yes")
 
-    def test_master_of_the_kit_keeps_every_rule(self) -> None:
+    def test_exit_status_that_hides_a_failed_run_is_told(self) -> None:
+        master = f"{MASTER} --port {{port}} --user u --path /tmp/ --root R until 1"
+        hiding = f"sh -c '{master} || true'"
+        done = python("-m", "jobmill.check", "master", "--listen", "0", "--command", hiding)
+        self.assertRegex(done.stdout, "exit status of a whole run +0\n")
+        self.assertRegex(done.stdout, "exit status tells failed runs +no\n")
+
+    def test_masters_of_the_kit_keep_every_rule(self) -> None:
         def steer(port: int) -> None:
             with jobmill.Run("127.0.0.1", port, path="/", root="R", user="u") as run:
-                names = run.wells().names
+                names = run.wells().names[:1000]
+                run.run_until(0.1)
                 run.operating_points(names)
                 run.inflow_tables(names[:2], components=2)
                 run.set_constraints({name: {"OIL_PRODUCTION_RATE": 1.0} for name in names[:2]})
+                run.set_compositions({"S": [0.5, 0.25, 0.25]})
 
-        report = check_master(steer)
-        wrong = {n: j for n, j in report.judgements.items() if j.verdict != PASSED}
-        self.assertEqual((wrong, report.status), ({}, 0))
+        async def steer_async(port: int) -> None:
+            launch = jobmill.AsyncRun.launch
+            async with await launch("127.0.0.1", port, path="/", root="R", user="u") as run:
+                names = (await run.wells()).names[:1000]
+                await run.operating_points(names)
+                await run.inflow_tables(names[:2], components=2)
+                await run.set_uptime({name: 1 / 3 for name in names})
+                await run.set_compositions({"S": [0.5, 0.25, 0.25]})
+
+        for each in (steer, lambda port: asyncio.run(steer_async(port))):
+            report = check_master(each)
+            wrong = {n: j for n, j in report.judgements.items() if j.verdict != PASSED}
+            self.assertEqual((wrong, report.status), ({}, 0))
+            self.assertEqual(report.sheet["leaves before the reply to 65520"], "no")
+            self.assertEqual(report.sheet["a reply with another code"], "ends the run")
 
     def test_verdicts_are_written_for_programs(self) -> None:
         with tempfile.TemporaryDirectory() as directory:
@@ -183,6 +208,12 @@ class PageTest(unittest.TestCase):
                     line = re.sub(r'--command ".*"', "--command", line)
                     for option in re.findall(r"--[a-z-]+", line):
                         self.assertIn(option, text)
+
+    def test_model_of_the_check_is_that_of_the_page(self) -> None:
+        for well in set(PLAIN_WELLS) - {ODD}:
+            self.assertIn(f"`{well}`", self.page)
+        self.assertIn(f"{len(ODD.encode())} bytes, blanks and an é", self.page)
+        self.assertIn(", ".join(COMPONENTS[:2]) + f" and {COMPONENTS[2]}", self.page)
 
     def test_methods_of_the_page_exist(self) -> None:
         rows = "\n".join(line for line in self.page.splitlines() if line.startswith("| `"))

@@ -61,11 +61,19 @@ class Master:
 
     def ask(self, code: int, fields: bytes = b"") -> bytes:
         self.send(struct.pack("<I", code) + fields)
-        return self.receive()[4:]
+        reply = self.receive()
+        if self.has("looks at the code") and reply[:4] != struct.pack("<I", code):
+            raise EOFError
+        return reply[4:]
 
-    @staticmethod
-    def text(text: str) -> bytes:
+    def text(self, text: str) -> bytes:
         data = text.encode()
+        if self.has("names in ASCII"):
+            data = text.encode("ascii", "replace")
+        if self.has("names in Latin-1"):
+            data = text.encode("latin-1")
+        if self.has("names of 30 bytes"):
+            data = data[:30]
         return struct.pack("<i", len(data)) + data
 
     # The run.
@@ -109,6 +117,8 @@ class Master:
             self.ask(4)
         else:
             self.ask(1)
+        if self.has("request 1 twice"):
+            self.ask(1)
         if self.has("unknown code"):
             self.send(struct.pack("<I", 777))
         if self.has("a record without a list"):
@@ -117,7 +127,7 @@ class Master:
         if names or not self.has("trusts that there are wells"):
             self.data(names)
             self.control(names)
-        self.ask(8, struct.pack("<d", 30.0))
+        self.ask(8, struct.pack(">d" if self.has("big-endian doubles") else "<d", 30.0))
         if self.has("half of a double"):
             self.send(struct.pack("<I", 8) + bytes(4))
         if self.has("bytes behind the fields"):
@@ -131,6 +141,8 @@ class Master:
         self.send(struct.pack("<I", 65520))
         if self.has("goes on after the end"):
             self.send(struct.pack("<I", 4))
+        if self.has("does not wait for the last reply"):
+            return
         self.receive()
         if self.has("stays after the end"):
             time.sleep(0.4)
@@ -150,22 +162,37 @@ class Master:
                 fields.append(reply[at + 4 : at + 4 + length].decode())
                 at += 4 + length
             names.append(fields[0])
+        if self.has("all wells in one request") or self.has("wells in parts"):
+            return names
         return names[:4]
 
     def data(self, names: "list[str]") -> None:
+        step = 1000 if self.has("wells in parts") else max(1, len(names))
+        for at in range(0, max(1, len(names)), step):
+            self.operating_points(names[at : at + step])
+
+    def operating_points(self, names: "list[str]") -> None:
         listed = struct.pack("<i", len(names)) + b"".join(map(self.text, names))
         if self.has("a negative count"):
             listed = struct.pack("<i", -1)
             names = []
+        next_record = struct.pack("<I", 4096)
+        if self.has("records before the first reply"):
+            self.send(struct.pack("<I", 10) + listed)
+            for _ in names:
+                self.send(next_record)
+            for _ in range(1 + len(names)):
+                self.receive()
+            return
         self.ask(10, listed)
         wanted = len(names)
         if self.has("a record too few"):
             wanted -= 1
         if self.has("a record too many"):
             wanted += 1
-        if self.has("records ahead"):
+        if self.has("records ahead") or self.has("wells in parts"):
             for _ in names:
-                self.send(struct.pack("<I", 4096))
+                self.send(next_record)
             for _ in names:
                 self.receive()
             return
@@ -173,9 +200,21 @@ class Master:
             self.ask(4097 if self.has("records of the other kind") else 4096)
 
     def control(self, names: "list[str]") -> None:
-        name = names[0] if names else ""
+        name = names[0] if names else "P1"
         if self.has("a zero byte in a name"):
             name += "\0"
         count = 2 if self.has("two wells, one status") else 1
         wells = self.text(name) * count
         self.ask(11, struct.pack("<ii", count, 1) + wells + self.text("OPEN"))
+        self.inflow_table(name)
+        self.ask(18, self.text("G1") + self.text("S1"))
+        fractions = (0.5, 0.5) if self.has("a composition too short") else (0.5, 0.3, 0.2)
+        packed = struct.pack(f"<ii{len(fractions)}d", 1, len(fractions), *fractions)
+        self.ask(19, struct.pack("<i", 1) + self.text("S1") + packed)
+
+    def inflow_table(self, name: str) -> None:
+        components = 9 if self.has("nine components") else 2
+        flag = "<id" if self.has("an int for the flag byte") else "<bd"
+        listed = struct.pack("<ii", components, 1) + self.text(name)
+        self.ask(16, listed + struct.pack(flag, 1, 1.0))
+        self.ask(4097)

@@ -39,9 +39,9 @@ class KnownField(Simulator):
     start = datetime.date(2024, 2, 28)
     end_time = 1000.0
 
-    def __init__(self, wells: int = 0, units: str = METRIC) -> None:
+    def __init__(self, wells: int = 0, units: str = METRIC, named: str = "W{:05}") -> None:
         self.units = units
-        many = {f"W{i:05}": "PRODUCER" for i in range(wells)}
+        many = {named.format(i): "PRODUCER" for i in range(wells)}
         self._wells = many or {
             "P1": "PRODUCER",
             ODD: "PRODUCER",
@@ -51,6 +51,7 @@ class KnownField(Simulator):
         self._numbers = {name: number for number, name in enumerate(self._wells)}
         self.statuses = {name: "OPEN" for name in self._wells}
         self.limits: Dict[str, Dict[str, float]] = {name: {} for name in self._wells}
+        self._uptimes: Dict[str, float] = {}
 
     def wells(self) -> Mapping[str, str]:
         return self._wells
@@ -63,8 +64,13 @@ class KnownField(Simulator):
         if item.startswith("TOTAL_MOLE_FRACTION["):
             return int(item[20:-1]) / 6.0
         offsets = [*POINT, "TEMPERATURE", "GAS_DENSITY", "WATER_DENSITY", "OIL_DENSITY"]
+        offsets += ["LIQUID_PRODUCTION_RATE", "GAS_OIL_RATIO", "WATER_CUT"]
         if item not in offsets:
             raise KeyError(item)
+        if item.endswith("_RATE") and self.statuses[well] == "SHUT":
+            return 0.0
+        if item == "UPTIME_FRACTION" and well in self._uptimes:
+            return self._uptimes[well]
         value = base + 10.0 * offsets.index(item) + 0.125
         if item.endswith("_RATE"):
             value = min(value, self.limits[well].get(item, value))
@@ -72,6 +78,9 @@ class KnownField(Simulator):
 
     def set_status(self, well: str, status: str) -> None:
         self.statuses[well] = status
+
+    def set_uptime(self, well: str, fraction: float) -> None:
+        self._uptimes[well] = fraction
 
     def set_constraint(self, well: str, item: str, value: float, setter: str) -> None:
         self.limits[well][item] = value

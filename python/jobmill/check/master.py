@@ -3,10 +3,13 @@
 from __future__ import annotations
 
 import contextlib
+import datetime
+import math
 import re
 import socket
+import struct
 from dataclasses import dataclass, field
-from typing import Any, Callable, Dict, List, Optional, Tuple
+from typing import Any, Callable, Dict, Iterator, List, Optional, Set, Tuple
 
 from .. import master_link
 from ..errors import ProtocolError, TimedOut
@@ -20,9 +23,11 @@ from ..master_link import (
     Values,
     frame,
     pack_reply,
+    pack_request,
     take_frame,
 )
 from ..stream import Stream, deadline_in
+from ..wire import CLIENT, MASTER, SERVER, Decoder, Said
 from .known import COMPONENTS, POINT, SERIES, KnownField
 from .report import Report, rules, shown
 from .subject import Command
@@ -40,7 +45,11 @@ RULES = [
         ("M08", "Frames", "A request has 4 to 65,536 bytes."),
         ("M09", "Frames", "Frames are taken however the network cuts them."),
         ("M10", "Frames", "A reply of more than 65,536 bytes is taken."),
-        ("M11", "Beginning and end (1, 65520)", "Request 1 comes before every other but 65520."),
+        (
+            "M11",
+            "Beginning and end (1, 65520)",
+            "Request 1 comes once, and before every other but 65520.",
+        ),
         ("M12", "Requests and replies", "Every code is one of the table."),
         ("M13", "Requests and replies", "A request has all its fields."),
         ("M14", "Lists that belong together", "Lists that belong together have one length."),
@@ -61,8 +70,37 @@ RULES = [
         ("M21", "Values", "Strings have no zero byte: they would end there."),
         ("M22", "Values", "Counts and lengths are not negative."),
         ("M23", "Values", "Replies that are empty of wells are understood."),
+        ("M24", "Wells (6, 15)", "Wells are named as in the reply to 6, byte for byte."),
+        ("M25", "Values", "A request with fields ends with the last of them."),
+        (
+            "M26",
+            "Lists that belong together",
+            "A composition of 19 has a value for each component of the model.",
+        ),
+        ("M27", "Inflow tables (16)", "16 asks for no more components than the model has."),
+        ("M28", "Values", "Doubles are little-endian."),
+        ("M29", "Sending ahead", "4096 and 4097 wait for the first reply to 10 or 16."),
     ),
 ]
+
+
+#: Rules that only some requests can break or keep.
+CONCERNS = (
+    ("M14", {11, 12, 13, 19}),
+    ("M15", {10, 16}),
+    ("M24", {10, 11, 12, 13, 15, 16, 18}),
+    ("M25", {code for code, request in REQUESTS.items() if request.fields}),
+    ("M26", {19}),
+    ("M27", {16}),
+    ("M28", {8, 12, 13, 16, 19}),
+    ("M29", {10, 16}),
+)
+#: Wells that a master may name in every run: its user has told it to, also where the model has none of them.
+PLAIN_WELLS = tuple(KnownField().wells())
+#: 5,000 of them do not fit into one request.
+LONG_NAME = "well {:05} of a large field"
+#: Seconds in which a master that does not wait its turn shows.
+EARLY = 0.1
 
 
 @dataclass
@@ -80,6 +118,10 @@ class Scenario:
     end_at: int = -1
     #: How many bytes of that reply come all the same; negative: how many are left out.
     keep: int = 0
+    #: The number of the request, from 0, whose reply has another code than the request.
+    other_code_at: int = -1
+    #: Waits before the version, before replies to 10 and 16, and before the last reply, to see who is too early.
+    watch: bool = False
 
 
 @dataclass
@@ -92,9 +134,14 @@ class Session:
     closed: bool = False
     #: It was silent for so long that nothing can be said.
     silent: bool = False
+    #: The run was ended on a request that breaks a rule, as a daemon ends it.
+    refused: bool = False
+    #: What it does or not, as the sheet tells it.
+    habits: Dict[str, bool] = field(default_factory=dict)
     #: Sent after the connection had ended for it, or after its last request.
     after: bytes = b""
     status: Optional[int] = None
+    said: List[Said] = field(default_factory=list)
 
     @property
     def codes(self) -> List[int]:
@@ -105,14 +152,16 @@ class _Ended(Exception):
     """The connection is over, for whatever reason."""
 
 
+class _Refused(_Ended):
+    """The master has broken a rule on which a daemon ends the run."""
+
+
 def replies(model: KnownField, body: bytes) -> Values:
     """The values of the reply to a request, as a daemon with this field gives them."""
     code = master_link.code_of(body)
     asked = master_link.unpack_request(body, exact=False)
-    step = model.start
-    date = {"day": step.day, "month": step.month, "year": step.year}
-    if code == 8:
-        model.advance(min(max(model.time, asked["days"]), model.end_time))
+    control(model, code, asked)
+    now = model.start + datetime.timedelta(days=int(model.time))
     if code in (10, 16):
         return {"n": len(asked["wells"]), "points": POINTS}
     if code == 14:
@@ -122,7 +171,7 @@ def replies(model: KnownField, body: bytes) -> Values:
         return {**head, **series, "reserved": (), "binary_interaction": fluid.binary_interaction}
     wells = [(name, kind, model.status(name)) for name, kind in model.wells().items()]
     values: Dict[int, Callable[[], Values]] = {
-        2: lambda: date,
+        2: lambda: {"day": now.day, "month": now.month, "year": now.year},
         3: lambda: {"metric": True},
         4: lambda: {"days": model.time},
         5: lambda: {"compositional": True},
@@ -130,10 +179,33 @@ def replies(model: KnownField, body: bytes) -> Values:
         9: lambda: {"ended": model.time >= model.end_time},
         15: lambda: {"values": [_number(model, asked["well"], item) for item in asked["names"]]},
         17: lambda: {"version": 2017.2},
-        18: lambda: {"accepted": 1},
-        20: lambda: date,
+        18: lambda: {"accepted": int(model.attach_source(asked["well"], asked["source"], "GAS"))},
+        20: lambda: {"day": model.start.day, "month": model.start.month, "year": model.start.year},
     }
     return values.get(code, dict)()
+
+
+def control(model: KnownField, code: int, asked: Values) -> None:
+    """Does with a field what a request says, so that the master can read it back."""
+
+    def each(values: str) -> Iterator[Tuple[str, Any]]:
+        for name, value in zip(asked["wells"], asked[values]):
+            named = model.wells() if name == "*" else [name]
+            yield from ((well, value) for well in named if well in model.wells())
+
+    if code == 8 and asked["days"] > model.time:
+        model.advance(min(asked["days"], model.end_time))
+    elif code == 11:
+        for well, status in each("statuses"):
+            model.set_status(well, status)
+    elif code == 12:
+        for well, fraction in each("fractions"):
+            model.set_uptime(well, fraction)
+    elif code == 13:
+        limits = dict(each("values"))
+        for well, items in each("constraints"):
+            for item, limit in zip(items, limits.get(well, ())):
+                model.set_constraint(well, item, limit if limit >= 0 else math.inf, "MASTER")
 
 
 def _number(model: KnownField, well: str, item: str) -> float:
@@ -151,9 +223,18 @@ def record(model: KnownField, code: int, well: str, components: int) -> Values:
         return {"status": status, **numbers}
     names = ("pressure", "oil_rate", "water_rate", "gas_rate", "temperature")
     densities = ("gas_density", "oil_density", "water_density")
-    series = {name: [float(10 - k) for k in range(POINTS)] for name in (*names, *densities)}
-    fractions = [1.0 / components] * components if components > 0 else []
-    return {**series, "compositions": [fractions] * POINTS if components > 0 else ()}
+    # Each number of all tables is another, so that none can pass for its neighbour.
+    number = list(model.wells()).index(well) if well in model.wells() else 0
+    series = {
+        name: [1000.0 * (number + 1) + 100.0 * place + (POINTS - k) + 0.5 for k in range(POINTS)]
+        for place, name in enumerate((*names, *densities))
+    }
+    fractions = []
+    for k in range(POINTS):
+        shift = (k + POINTS * (number % 10)) / 1000.0
+        first, second = (1 + shift) / 9, (2 + shift) / 9
+        fractions.append((first, second, 1 - first - second)[:components])
+    return {**series, "compositions": fractions if components > 0 else ()}
 
 
 class DaemonEnd:
@@ -165,11 +246,16 @@ class DaemonEnd:
         self._scenario = scenario
         self._report = report
         self._patience = patience
+        self._decoder = Decoder(MASTER)
+        #: The kinds of records for which a first reply has been late on purpose.
+        self._watched: Set[int] = set()
 
     def serve(self) -> None:
         try:
             self._handshake()
             self._requests()
+        except _Refused:
+            self.session.refused = True
         except _Ended:
             pass
         except ProtocolError as error:
@@ -177,6 +263,7 @@ class DaemonEnd:
 
     def _handshake(self) -> None:
         report, lines = self._report, self.session.lines
+        self._watch("speaks before the daemon's version")
         self._say(frame(b"3"))
         while len(lines) < len(HANDSHAKE):
             lines.append(self._hear("M01", HANDSHAKE[len(lines)]))
@@ -205,18 +292,18 @@ class DaemonEnd:
         while True:
             body = self._hear("M08", "a request")
             fields, code = self._judge(body, wells, record_code)
-            self.session.requests.append(body)
+            values: Values = {}
             if code in (master_link.NEXT_OPERATING_POINT, master_link.NEXT_INFLOW_TABLE):
-                well = wells.pop(0) if wells else ""
-                values = record(self._scenario.model, code, well, components)
-            elif code == SHUT_DOWN or code not in REQUESTS:
-                values = {}
-            else:
+                values = record(self._scenario.model, code, wells.pop(0), components)
+            elif code in REQUESTS and code != SHUT_DOWN:
                 values = replies(self._scenario.model, body)
             if code in (10, 16):
-                wells = list(fields["wells"])
+                wells = [_seen(name) for name in fields["wells"]]
                 record_code = 4096 if code == 10 else 4097
                 components = fields.get("components", 0)
+                self._judge_patience(record_code)
+            if code == SHUT_DOWN:
+                self._watch("leaves before the reply to 65520")
             if code in REQUESTS:
                 self._reply(pack_reply(code, **values))
             if code == SHUT_DOWN:
@@ -225,7 +312,10 @@ class DaemonEnd:
 
     def _reply(self, data: bytes) -> None:
         scenario = self._scenario
-        if len(self.session.requests) - 1 == scenario.end_at:
+        number = len(self.session.requests) - 1
+        if number == scenario.other_code_at:
+            data = data[:4] + struct.pack("<I", 99) + data[8:]
+        if number == scenario.end_at:
             self._say(data[: scenario.keep])
             self._hang_up()
         self._say(data)
@@ -241,36 +331,48 @@ class DaemonEnd:
             self._report.judge("M18", self.session.closed, "the end of the connection", received)
 
     def _judge(self, body: bytes, wells: List[str], record_code: int) -> Tuple[Values, int]:
-        report = self._report
+        report, requests = self._report, self.session.requests
         kept = 4 <= len(body) <= LARGEST_REQUEST
         if not report.judge("M08", kept, "4 to 65,536 bytes", f"{len(body)} bytes"):
-            raise _Ended
+            raise _Refused
+        requests.append(body)
         code = master_link.code_of(body)
-        if not self.session.requests:
+        if len(requests) == 1:
             first = code in (1, SHUT_DOWN)
             report.judge("M11", first, "request 1", f"request {code}")
+        elif code == 1:
+            report.failed("M11", "request 1 once", f"again, as request number {len(requests)}")
+            raise _Refused
         records = (master_link.NEXT_OPERATING_POINT, master_link.NEXT_INFLOW_TABLE)
         if wells:
             kept = code == record_code
             what = f"{record_code}, {len(wells)} times more"
             if not report.judge("M15", kept, what, f"the code {code}"):
-                raise _Ended
+                raise _Refused
         elif code in records and record_code:
             report.failed("M15", f"no more {code} than wells", "one more")
-            raise _Ended
+            raise _Refused
         elif not report.judge("M16", code not in records, "10 or 16 before", f"the code {code}"):
-            raise _Ended
+            raise _Refused
         if not report.judge("M12", code in REQUESTS, "a code of the table", str(code)):
             return {}, code
         try:
             fields = master_link.unpack_request(body, exact=False)
         except ProtocolError as error:
-            expected = f"the fields of {code} ({master_link.title(code)})"
+            expected = f"the fields of {code} ({master_link.title(code)}): {REQUESTS[code].fields}"
             report.failed("M13", expected, f"{error}: {shown(body)}")
-            raise _Ended from error
+            raise _Refused from error
         report.kept("M13")
         self._judge_fields(code, fields, body)
         return fields, code
+
+    def _judge_patience(self, record_code: int) -> None:
+        if not self._scenario.watch or record_code in self._watched:
+            return
+        self._watched.add(record_code)
+        self._stream.quiet_for(EARLY)
+        ahead = self._stream.received[4:8] == struct.pack("<I", record_code)
+        self._report.judge("M29", not ahead, "nothing before the first reply", str(record_code))
 
     def _judge_fields(self, code: int, fields: Values, body: bytes) -> None:
         report = self._report
@@ -282,12 +384,54 @@ class DaemonEnd:
         report.judge("M14", len(set(lengths)) <= 1, "lists of one length", str(lengths))
         negative = [name for name in "nmgh" if fields.get(name, 0) < 0]
         report.judge("M22", not negative, "no negative count", f"{negative} in {shown(body)}")
-        zero = any("\0" in text for text in _strings(fields))
+        zero = any("\0" in text for text in _every(fields, str))
         report.judge("M21", not zero, "strings without zero bytes", shown(body))
+        if REQUESTS[code].fields:
+            size = len(pack_request(code, **fields)) - 4
+            last = list(fields)[-1]
+            expected = f"{size} bytes, the last of {last}={fields[last]!r}"
+            received = f"{len(body)} bytes: {shown(body)}"
+            report.judge("M25", len(body) == size, expected, received)
+            swapped = [value for value in _every(fields, float) if _looks_swapped(value)]
+            report.judge("M28", not swapped, "little-endian doubles", f"{swapped} in {shown(body)}")
+        else:
+            # They cannot be the rest of a field that is too long: all that they cost is their way.
+            what = "puts bytes behind requests without fields"
+            self.session.habits[what] = self.session.habits.get(what, False) or len(body) > 4
+        self._judge_model(code, fields)
+
+    def _judge_model(self, code: int, fields: Values) -> None:
+        """Judges what a daemon leaves to the simulator, which may end the run or say nothing."""
+        report, count = self._report, len(COMPONENTS)
+        named = [*fields.get("wells", ()), *([fields["well"]] if "well" in fields else ())]
+        if named:
+            known = {*PLAIN_WELLS, *self._scenario.model.wells()}
+            if code in (11, 12, 13):
+                known.add("*")
+            strange = [name for name in named if _seen(name) not in known]
+            expected = f"one of {', '.join(PLAIN_WELLS)}"
+            received = f"{strange[:3]} in request {code}"
+            kept = report.judge("M24", not strange, expected, received)
+            if not kept and code in (10, 15, 16):
+                raise _Refused
+        if code == 19:
+            lengths = [len(fractions) for fractions in fields["compositions"]]
+            report.judge("M26", set(lengths) <= {count}, f"{count} values each", str(lengths))
+        if code == 16:
+            asked = fields["components"]
+            if not report.judge("M27", asked <= count, f"at most {count} components", str(asked)):
+                raise _Refused
 
     # The connection.
 
+    def _watch(self, what: str) -> None:
+        """Gives the master time to do something before its turn."""
+        if self._scenario.watch:
+            self.session.habits[what] = not self._stream.quiet_for(EARLY)
+
     def _say(self, data: bytes) -> None:
+        if self._scenario.watch:
+            self.session.said += self._decoder.take(SERVER, data)
         self._stream.send_cut(data, self._scenario.packet, deadline_in(self._patience))
 
     def _hear(self, rule: str, expected: str) -> bytes:
@@ -295,6 +439,8 @@ class DaemonEnd:
         while True:
             body = take_frame(self._stream.received)
             if body is not None:
+                if self._scenario.watch:
+                    self.session.said += self._decoder.take(CLIENT, frame(body))
                 return body
             try:
                 if self._stream.receive(deadline):
@@ -334,16 +480,34 @@ class DaemonEnd:
         return True
 
 
-def _strings(fields: Values) -> List[str]:
-    found: List[str] = []
-    waiting: List[Any] = list(fields.values())
+def _every(values: Any, kind: type) -> List[Any]:
+    """All values of a type, in lists of lists as well."""
+    found: List[Any] = []
+    waiting: List[Any] = [values]
     while waiting:
         value = waiting.pop()
-        if isinstance(value, str):
+        if isinstance(value, kind):
             found.append(value)
+        elif isinstance(value, dict):
+            waiting += value.values()
         elif isinstance(value, (list, tuple)):
             waiting += value
     return found
+
+
+def _seen(name: str) -> str:
+    """A name as far as the daemon reads it."""
+    return name.split("\0")[0]
+
+
+def _looks_swapped(value: float) -> bool:
+    """Whether a double makes sense only with its bytes in the other order."""
+
+    def makes_sense(number: float) -> bool:
+        return number == 0 or 1e-30 <= abs(number) <= 1e30
+
+    (other,) = struct.unpack(">d", struct.pack("<d", value))
+    return not makes_sense(value) and makes_sense(other)
 
 
 class Check:
@@ -373,12 +537,13 @@ class Check:
         with socket.create_server(self._address) as listener:
             self._listener = listener
             self._say(f"Listening on port {listener.getsockname()[1]}")
-            plain = self._meet(Scenario("an ordinary run"))
-            if plain is not None and plain.requests and plain.closed:
+            plain = self._meet(Scenario("an ordinary run", watch=True))
+            if plain is not None and plain.requests and (plain.closed or plain.refused):
                 self._sheet(plain)
                 self._launches(plain)
                 self._cuts(plain)
                 self._breaks(plain)
+                self._other_code(plain)
             elif plain is not None:
                 report.broken = report.broken or "the ordinary run did not get to its end"
         report.finish()
@@ -412,14 +577,19 @@ class Check:
                 "version": master_link.bytes_text(plain.lines[0]),
                 "requests used": ", ".join(map(str, used)),
                 "requests in a run": str(len(codes)),
-                "ends a run": "by request 65520" if codes[-1] == SHUT_DOWN else "by leaving",
+                "ends a run": _ending(plain),
+                **{what: "yes" if does else "no" for what, does in plain.habits.items()},
+                **_values(plain),
             }
         )
         if codes[-1] != SHUT_DOWN:
             for rule in ("M17", "M18"):
-                self.report.absent(rule, "the master leaves without request 65520")
-        for rule, wanted in (("M15", {10, 16}), ("M14", {11, 12, 13, 19})):
-            if not wanted & set(codes):
+                if plain.refused:
+                    self.report.unknown(rule, f"the run ended at request {codes[-1]}")
+                else:
+                    self.report.absent(rule, "the master leaves without request 65520")
+        for rule, wanted in CONCERNS:
+            if not wanted & set(codes) and not plain.refused:
                 self.report.judgements.pop(rule, None)
                 self.report.absent(rule, f"the master sends none of {sorted(wanted)}")
 
@@ -471,25 +641,26 @@ class Check:
         empty = KnownField()
         empty.hide_wells()
         if 6 not in plain.codes:
-            for rule in ("M10", "M23"):
+            for rule in () if plain.refused else ("M10", "M23"):
                 report.absent(rule, "the master does not ask for the wells")
             return
         for rule, title, model in (
-            ("M10", "5,000 wells", KnownField(5000)),
+            ("M10", "5,000 wells", KnownField(5000, named=LONG_NAME)),
             ("M23", "no wells", empty),
         ):
             session = self._meet(Scenario(title, model=model))
             if session is None:
                 continue
             answered = session.codes.index(6) if 6 in session.codes else len(session.codes)
-            kept = len(session.requests) > answered + 1
+            kept = len(session.requests) > answered + 1 or session.refused
             report.judge(rule, kept, "another request after the wells", "none")
 
     def _breaks(self, plain: Session) -> None:
         report = self.report
         seen: Dict[int, int] = {}
         statuses: Dict[str, List[Optional[int]]] = {"M19": [], "M20": []}
-        for number, code in enumerate(plain.codes):
+        answered = plain.codes[:-1] if plain.refused else plain.codes
+        for number, code in enumerate(answered):
             seen.setdefault(code, number)
         for code, number in seen.items():
             # Within the length, after it, within the code, after it, before the last byte: in turns.
@@ -507,3 +678,42 @@ class Check:
             if self._command:
                 found = sorted({str(status) for status in statuses[rule]})
                 report.sheet[f"exit status at an end {what} a reply"] = ", ".join(found)
+        if self._command and plain.status is not None:
+            same = plain.status in (*statuses["M19"], *statuses["M20"])
+            report.sheet["exit status of a whole run"] = str(plain.status)
+            report.sheet["exit status tells failed runs"] = "no" if same else "yes"
+
+    def _other_code(self, plain: Session) -> None:
+        codes = plain.codes
+        for number in range(1, len(codes) - 1):
+            if codes[number + 1] != SHUT_DOWN:
+                session = self._meet(
+                    Scenario("a reply with another code than its request", other_code_at=number)
+                )
+                after = session.codes[number + 1 : number + 2] if session else []
+                taken = after not in ([], [SHUT_DOWN])
+                what = "taken for the right one" if taken else "ends the run"
+                self.report.sheet["a reply with another code"] = what
+                return
+
+
+def _ending(plain: Session) -> str:
+    if plain.refused:
+        return f"at request {plain.codes[-1]}, which broke a rule"
+    if plain.codes[-1] == SHUT_DOWN:
+        return "by request 65520"
+    return "by leaving, which holds the licence until the simulator finds its controller gone"
+
+
+def _values(plain: Session) -> Dict[str, str]:
+    """What the first request of each code had in its fields, and what its replies had."""
+    rows: Dict[str, str] = {}
+    for said in plain.said[len(HANDSHAKE) + 2 :]:
+        name = said.name
+        if said.end == "daemon" and re.search(r" 409[67] ", name):
+            # One for each well. The first wells tell enough.
+            count = sum(row.startswith(name) for row in rows)
+            name = f"{name}, well {count + 1}" if count < len(PLAIN_WELLS) else ""
+        if said.fields and name and name not in rows:
+            rows[name] = "  ".join(f"{key}={value!r}" for key, value in said.fields)
+    return rows
