@@ -46,6 +46,7 @@ TRIED_BY = {
     "tools/completion/": ["tools_test"],
     "tools/jobmillctl/": ["jobmillctl_test"],
     "tools/vkmaster/": ["tools_test"],
+    "tools/vkmaster/report/": ["report_test"],
     "tools/vksim/": ["simulator_test:Vksim*"],
     "deploy/scripts/common.sh": ["whole_run_test:LocalScriptTest.*", "fake-slurm.common",
                                  "fake-slurm.hostile", "fake-slurm.states", "fake-slurm.cases"],

@@ -86,7 +86,7 @@ Json WellsOf(const Results& results) {
     for (const std::vector<float>& values : well.values) last.push_back(LastOf(values));
     Json totals = Json::array();
     for (const std::size_t rate : rates) {
-      totals.push_back(AddedUp(results.days, well.values[rate]));
+      totals.push_back(static_cast<float>(AddedUp(results.days, well.values[rate])));
     }
     wells.push_back({{"name", well.name},
                      {"type", well.type},

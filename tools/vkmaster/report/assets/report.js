@@ -110,7 +110,7 @@ function need(wells) {
 }
 
 const combine = (one, other, make) =>
-  one && other && Float64Array.from(one, (value, i) => make(value, other[i]));
+  one && other && Float32Array.from(one, (value, i) => make(value, other[i]));
 
 // What a rate adds up to: each value holds for the days since the one before. The first value of a
 // well that comes later holds for the days since the stop before.
@@ -118,7 +118,7 @@ function added(rates) {
   if (!rates) return undefined;
   let sum = 0;
   let last = -1;
-  return Float64Array.from(rates, (rate, i) => {
+  return Float32Array.from(rates, (rate, i) => {
     if (isNaN(rate)) return NaN;
     const since = last < 0 ? Math.max(i - 1, 0) : last;
     sum += rate * (meta.days[i] - meta.days[since]);
@@ -214,9 +214,11 @@ const grouped = new Intl.NumberFormat('en', {maximumSignificantDigits: 8});
 const short = (value) =>
   value === null || value === undefined || isNaN(value) ? '' : String(+value.toPrecision(6));
 
-// As many digits as the value has: those that were recorded have 24 bits.
+// As many digits as the value has: what was recorded, and what is made of it, has 24 bits.
 function exact(value) {
   if (value === null || value === undefined || isNaN(value)) return '';
+  const text = String(value);
+  if (text.length < 12) return text;
   if (Math.fround(value) !== value) return String(+value.toPrecision(10));
   for (let digits = 6; digits < 9; ++digits) {
     const text = value.toPrecision(digits);
