@@ -1,0 +1,2 @@
+include(HeaderPackage)
+header_package(CLI11 CLI11::CLI11 CLI)

@@ -1,0 +1,2 @@
+include(HeaderPackage)
+header_package(nlohmann_json nlohmann_json::nlohmann_json nlohmann)

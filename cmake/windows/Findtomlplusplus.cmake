@@ -1,0 +1,2 @@
+include(HeaderPackage)
+header_package(tomlplusplus tomlplusplus::tomlplusplus toml++)

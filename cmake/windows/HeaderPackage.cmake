@@ -1,0 +1,18 @@
+# header_package(NAME TARGET FOLDER): a library that is headers alone, as TARGET, for find_package(NAME). It is
+# the one that is installed for Linux; of /usr/include no more may be seen here than its own folder.
+macro(header_package name target folder)
+  set(${name}_FOUND FALSE)
+  if(EXISTS /usr/include/${folder})
+    set(${name}_FOUND TRUE)
+    set(headers ${CMAKE_BINARY_DIR}/headers)
+    file(MAKE_DIRECTORY ${headers})
+    file(CREATE_LINK /usr/include/${folder} ${headers}/${folder} SYMBOLIC)
+    if(NOT TARGET ${target})
+      add_library(${target} INTERFACE IMPORTED GLOBAL)
+      target_include_directories(${target} SYSTEM INTERFACE ${headers})
+    endif()
+  endif()
+  if(NOT ${name}_FOUND AND ${name}_FIND_REQUIRED)
+    message(FATAL_ERROR "${name} was not found: /usr/include/${folder}")
+  endif()
+endmacro()

@@ -1,0 +1,16 @@
+# For 64-bit Windows, with the distribution's mingw-w64. Of its two variants the one with POSIX threads: the
+# other has no std::thread. Everything is linked into one file.
+set(CMAKE_SYSTEM_NAME Windows)
+set(CMAKE_SYSTEM_PROCESSOR x86_64)
+set(CMAKE_C_COMPILER x86_64-w64-mingw32-gcc-posix)
+set(CMAKE_CXX_COMPILER x86_64-w64-mingw32-g++-posix)
+set(CMAKE_RC_COMPILER x86_64-w64-mingw32-windres)
+set(CMAKE_FIND_ROOT_PATH /usr/x86_64-w64-mingw32)
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+foreach(kind IN ITEMS LIBRARY INCLUDE PACKAGE)
+  set(CMAKE_FIND_ROOT_PATH_MODE_${kind} ONLY)
+endforeach()
+foreach(kind IN ITEMS EXE SHARED)
+  set(CMAKE_${kind}_LINKER_FLAGS_INIT -static)
+endforeach()
+set(ZLIB_USE_STATIC_LIBS ON)
