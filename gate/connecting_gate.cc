@@ -117,11 +117,15 @@ void ConnectingGate::LookForNewFiles() {
   if (TimesOfFiles() != loaded_) Reload();
 }
 
-void ConnectingGate::Stop() {
-  if (std::exchange(stopping_, true)) return;
+void ConnectingGate::ListenNoMore() {
   error_code ignored;
   acceptor_.close(ignored);
   pause_.cancel(ignored);
+}
+
+void ConnectingGate::Stop() {
+  if (std::exchange(stopping_, true)) return;
+  ListenNoMore();
   const Sessions all = sessions_;
   for (const auto& session : all) {
     session->why = "The gate has been ended";
@@ -131,7 +135,7 @@ void ConnectingGate::Stop() {
 
 void ConnectingGate::Accept() {
   acceptor_.async_accept([this](error_code error, Tcp::socket socket) {
-    if (stopping_) return;
+    if (!acceptor_.is_open()) return;
     if (!error) {
       Begin(std::move(socket));
       return Accept();

@@ -50,6 +50,9 @@ class ConnectingGate {
   /// it was.
   void Reload();
 
+  /// Takes no more masters. When the last link has ended the io_context has nothing more to do.
+  void ListenNoMore();
+
   /// Listens no more and ends all links: see ServingGate::Stop().
   void Stop();
 

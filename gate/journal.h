@@ -20,6 +20,10 @@ class Journal {
   /// To standard output.
   Journal() = default;
 
+  /// Nothing is written.
+  enum Nowhere { kNowhere };
+  explicit Journal(Nowhere /*nowhere*/) : descriptor_(-1) {}
+
   /// To the end of `file`. Throws std::runtime_error when it cannot be opened.
   explicit Journal(std::string file);
   Journal(const Journal&) = delete;

@@ -341,6 +341,57 @@ TEST(SharedMachineTest, MasterOfAnotherUserIsRefusedByTheConnectingGate) {
   EXPECT_THAT(door.serving().Lines("begun"), IsEmpty());
 }
 
+// A master with a gate in its own process.
+
+class OwnGateTest : public DoorTest {
+ protected:
+  Outcome Master(const Identity& identity, const std::string& user, int port = 0,
+                 const std::string& stop = "shutdown") {
+    const TemporaryDirectory directory;
+    ChildProcess::Options options;
+    options.output_file = directory.File("out");
+    options.error_file = directory.File("err");
+    const std::string to = std::to_string(port != 0 ? port : door_.serving().port());
+    ChildProcess process({ProgramDirectory() + "/vkmaster", "--gate=127.0.0.1:" + to,
+                          "--certificate=" + identity.certificate, "--key=" + identity.key,
+                          "--authority=" + door_.authority().file(), "--user=" + user,
+                          "--path=/tmp/", "--root=CASE", "--no-connect", stop},
+                         options);
+    const int status = process.Wait(std::chrono::seconds(30)).value_or(-1);
+    return {.status = status, .out = directory.Read("out"), .err = directory.Read("err")};
+  }
+};
+
+TEST_F(OwnGateTest, ProvenUserIsServed) {
+  const Outcome outcome = Master(door_.alice(), "alice");
+  EXPECT_EQ(outcome.status, 0) << outcome.err;
+  EXPECT_EQ(door_.serving().Await("admitted")["claimed"], "alice");
+  EXPECT_EQ(door_.serving().Await("ended")["how"], "both ends have finished");
+}
+
+TEST_F(OwnGateTest, StolenNameIsRefused) {
+  const Outcome outcome = Master(door_.alice(), "bob");
+  EXPECT_EQ(outcome.status, 3);
+  EXPECT_THAT(outcome.err, HasSubstr("Windows user 'bob' is not proven by the certificate"));
+}
+
+TEST_F(OwnGateTest, WhyTheGateCannotBeReachedIsSaid) {
+  const Outcome outcome = Master(door_.alice(), "alice", FreePort());
+  EXPECT_EQ(outcome.status, 3);
+  EXPECT_THAT(outcome.err, HasSubstr("cannot be reached: Connection refused"));
+  const Outcome expired = Master(
+      door_.authority().Issue("old", {.upn = "alice@example.com", .from = -7200, .until = -3600}),
+      "alice");
+  EXPECT_EQ(expired.status, 3);
+  EXPECT_THAT(expired.err, HasSubstr("this certificate has expired"));
+}
+
+TEST_F(OwnGateTest, MissingCertificateIsAMistakeInTheOptions) {
+  const Outcome outcome = Master({"/nonexistent", door_.alice().key}, "alice");
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_THAT(outcome.err, HasSubstr("/nonexistent"));
+}
+
 // What is told.
 
 TEST_F(DoorTest, StatusSaysWhoseTheDaemonsConnectionsAre) {

@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <exception>
@@ -17,6 +18,9 @@
 
 #include <fmt/format.h>
 
+#ifdef JOBMILL_WITH_GATE
+#include "gate/own_gate.h"
+#endif
 #include "master/errors.h"
 #include "master/launch.h"
 #include "tools/vkmaster/command_line/hints.h"
@@ -105,13 +109,45 @@ class Program {
     }
     if (commands_ && !options_.keep_going) CheckOrder(*commands_);
     if (OnlyHelp() || options_.check) return;
-    if (options_.port == 0) throw UsageError("The daemon's port is missing: --port");
+    if (options_.gate.address.empty()) {
+      if (options_.port == 0) throw UsageError("The daemon's port is missing: --port");
+    } else {
+      OpenGate();
+    }
     if (options_.run.path.empty()) throw UsageError("The run's data directory is missing: --path");
     if (options_.run.root.empty()) throw UsageError("The model's name is missing: --root");
     if (!options_.plan.empty()) {
       MakeRoom(ReadPlan(options_.plan).directory, options_.overwrite);
       if (!options_.report.empty()) CheckWritable(options_.report);
     }
+  }
+
+  // In this process, and for this run alone.
+  void OpenGate() {
+#ifdef JOBMILL_WITH_GATE
+    const Gate& given = options_.gate;
+    const std::pair<bool, const char*> needed[] = {{given.certificate.empty(), "--certificate"},
+                                                   {given.key.empty(), "--key"},
+                                                   {given.authorities.empty(), "--authority"}};
+    for (const auto& [missing, option] : needed) {
+      if (missing) throw UsageError(fmt::format("For --gate there has to be {}", option));
+    }
+    try {
+      // So that it can still say why it has failed.
+      const auto attempt =
+          std::max(options_.connect_wait - std::chrono::seconds(1), std::chrono::seconds(1));
+      gate_ = std::make_unique<gate::OwnGate>(
+          gate::OwnGate::Options{given.address, given.name, given.certificate, given.key,
+                                 given.authorities, given.revocations, attempt});
+    } catch (const std::exception& error) {
+      throw UsageError(error.what());
+    }
+    launched_.daemon_host = options_.gate.address;
+    options_.host = "127.0.0.1";
+    options_.port = gate_->port();
+#else
+    throw UsageError("This vkmaster has no gate in it: start vkgate connect, and give its --port");
+#endif
   }
 
   Command PlanCommand() const {
@@ -162,7 +198,9 @@ class Program {
     return failure;
   }
 
-  int SignalStatus() const { return kSignal + interrupt_.signal(); }
+  int SignalStatus() const {
+    return kSignal + interrupt_.signal();
+  }
 
   int Launch() {
     const auto began = std::chrono::steady_clock::now();
@@ -399,6 +437,9 @@ class Program {
     }
   }
 
+#ifdef JOBMILL_WITH_GATE
+  std::unique_ptr<gate::OwnGate> gate_;  // goes last: what the link has to say passes through it
+#endif
   Options options_;
   Interrupt interrupt_;
   Output output_;

@@ -82,6 +82,28 @@ void AddLaunchOptions(CLI::App& app, Options& options) {
       ->group(group)
       ->check(CLI::Range(1, 65535))
       ->envname("VKMASTER_PORT");
+  text("--gate", options.gate.address,
+       "gate in front of the daemon, instead of --host and --port: who this is has to be proven, "
+       "and "
+       "the link may break")
+      ->type_name("HOST:PORT")
+      ->envname("VKMASTER_GATE");
+  const auto file = [&](const std::string& name, auto& value, const std::string& help) {
+    return app.add_option(name, value, help)->group(group)->type_name("FILE");
+  };
+  file("--certificate", options.gate.certificate, "certificate for the gate (PEM)")
+      ->envname("VKMASTER_CERTIFICATE");
+  file("--key", options.gate.key, "its key (PEM)")->envname("VKMASTER_KEY");
+  file("--authority", options.gate.authorities,
+       "authority of the gate's certificate (PEM); may be given several times")
+      ->expected(1)
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
+      ->envname("VKMASTER_AUTHORITY");
+  file("--revoked", options.gate.revocations, "list of revoked certificates (PEM)")
+      ->expected(1)
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+  text("--gate-name", options.gate.name, "name in the gate's certificate, when that is not HOST")
+      ->type_name("NAME");
   text("--path", options.run.path,
        "data directory of the run, on the daemon's side, with a slash at its end: the daemon puts "
        "the "

@@ -6,6 +6,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "master/records.h"
 #include "tools/vkmaster/output/output.h"
@@ -27,8 +28,19 @@ enum ExitStatus {
   kSignal = 128,
 };
 
+/// A serving gate in front of the daemon, and what proves to it who this is.
+struct Gate {
+  std::string address;  ///< HOST:PORT; empty: the daemon's own port is connected to
+  std::string name;     ///< in its certificate, when that is not HOST
+  std::string certificate;
+  std::string key;
+  std::vector<std::string> authorities;
+  std::vector<std::string> revocations;
+};
+
 struct Options {
   std::string host = "localhost";
+  Gate gate;
   int port = 0;
   master::RunRequest run;
   bool connect = true;
