@@ -11,6 +11,7 @@
 #include <chrono>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -390,6 +391,20 @@ TEST_F(OwnGateTest, MissingCertificateIsAMistakeInTheOptions) {
   const Outcome outcome = Master({"/nonexistent", door_.alice().key}, "alice");
   EXPECT_EQ(outcome.status, 2);
   EXPECT_THAT(outcome.err, HasSubstr("/nonexistent"));
+}
+
+TEST(LimitTest, StrangersDoNotFillTheLog) {
+  RunningDaemon daemon(Unprivileged());
+  Door door(daemon.port());
+  for (int i = 0; i < 200; ++i) WriteAll(ConnectTo(door.serving().port()).get(), "nonsense");
+  EXPECT_TRUE(Eventually([&] { return door.Status()["counts"]["refused"] == 200; }));
+  EXPECT_LT(door.serving().Lines("refused").size(), 150U);
+  std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+  WriteAll(ConnectTo(door.serving().port()).get(), "nonsense");
+  EXPECT_TRUE(Eventually([&] {
+    const auto lines = door.serving().Lines("refused");
+    return lines.back().contains("refused_untold") && lines.back()["refused_untold"] > 50;
+  }));
 }
 
 // What is told.

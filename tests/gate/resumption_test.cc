@@ -343,6 +343,32 @@ TEST_F(ResumptionTest, MemoryIsBoundedWhenNobodyReads) {
   EXPECT_LT(StatusValue(door_->serving().pid(), "VmRSS") - before, 10 << 10);
 }
 
+TEST_F(ResumptionTest, NothingIsLeftOfManyResumptions) {
+  constexpr std::size_t kBefore = 50;
+  constexpr std::size_t kMore = 200;
+  Build();
+  const auto gate = Connect();
+  const Descriptor link = Admitted(gate->port());
+  const auto resume = [&](std::size_t from, std::size_t to) {
+    for (std::size_t i = from; i < to; ++i) {
+      relay_->Cut();
+      ExpectEcho(link, std::string(1000, 'x'));
+    }
+  };
+  resume(0, kBefore);
+  const auto sizes = [](const RunningGate& of) {
+    return std::pair(StatusValue(of.pid(), "VmRSS"), OpenDescriptors(of.pid()));
+  };
+  const auto serving = sizes(door_->serving());
+  const auto connecting = sizes(*gate);
+  resume(kBefore, kBefore + kMore);
+  // A connection that has just been cut may not have been closed yet.
+  EXPECT_TRUE(Eventually([&] { return sizes(door_->serving()).second <= serving.second + 1; }));
+  EXPECT_TRUE(Eventually([&] { return sizes(*gate).second <= connecting.second + 1; }));
+  EXPECT_LT(sizes(door_->serving()).first, serving.first + 1024);
+  EXPECT_LT(sizes(*gate).first, connecting.first + 1024);
+}
+
 TEST_F(ResumptionTest, IdleLinksTakeLittleMemory) {
   constexpr int kLinks = 300;
   Build({"--links-of-one=1000"});

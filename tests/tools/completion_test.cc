@@ -123,7 +123,7 @@ std::string VkmasterFor(Words words) {
 }
 
 TEST(VkmasterCompletion, OptionsAndTheirValuesAreKnown) {
-  EXPECT_EQ(VkmasterFor({"--ke"}),
+  EXPECT_EQ(VkmasterFor({"--kee"}),
             "--keep-going\tgo on after a command that could not be understood or sent\n");
   EXPECT_EQ(VkmasterFor({"--api", ""}), "2016.2\t\n2017.2\t\n");
   EXPECT_EQ(VkmasterFor({"--step", "m"}), "monthly\t\n");
