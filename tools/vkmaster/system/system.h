@@ -9,8 +9,8 @@
 
 namespace vkmaster {
 
-/// The path of a file by its name. The C++ library takes a name on Windows for anything but UTF-8; what it
-/// gives, string(), is UTF-8.
+/// The path of a file by its name. The C++ library takes a name on Windows for anything but UTF-8;
+/// what it gives, string(), is UTF-8.
 std::filesystem::path PathOf(const std::string& name);
 
 /// Makes the file `path` anew, for bytes that are written as they are; null with errno when that
