@@ -275,7 +275,7 @@ std::vector<double> Run::GetWellVariables(const std::string& well,
 std::vector<std::vector<double>> Run::GetVariablesOfWells(const std::vector<std::string>& wells,
                                                           const std::vector<std::string>& names) {
   // What is under way at a time: more would only take memory here.
-  constexpr std::size_t kMostAhead = 256 * 1024;
+  constexpr std::size_t kMostAhead = std::size_t{256} * 1024;
   std::vector<std::vector<double>> values;
   values.reserve(wells.size());
   std::size_t asked = 0;
