@@ -12,6 +12,7 @@ const borders = ['solid', 'dashed', 'dotted'];
 
 // What can be drawn, in this order. Others that were recorded follow.
 const known = {
+  __proto__: null,
   oil_rate: 'Oil rate',
   water_rate: 'Water rate',
   gas_rate: 'Gas rate',
@@ -176,6 +177,7 @@ function forget() {
 function kindsOffered() {
   const has = (id) => recorded.includes(id);
   const derivable = {
+    __proto__: null,
     liquid_rate: has('oil_rate') && has('water_rate'),
     water_cut: has('oil_rate') && has('water_rate'),
     gas_oil_ratio: has('oil_rate') && has('gas_rate'),
@@ -730,7 +732,9 @@ async function copy(text) {
 // `make` gives the head and the rows, of which the table shows the first.
 function tableIn(section, make) {
   const said = section.querySelector('.row .soft');
-  section.querySelector('.copy').addEventListener('click', async () => {
+  const button = section.querySelector('.copy');
+  button.ariaLabel = `Copy: ${section.querySelector('h2, summary').textContent}`;
+  button.addEventListener('click', async () => {
     const {head, rows} = await make();
     await copy(tabbed(head, rows));
     said.textContent = `${rows.length} rows copied`;
