@@ -63,7 +63,7 @@ class Forecast
             byte[] all = Jobmill.Bytes(string.Join("\n", Enumerable.Range(0, wells).Select(
                 well => Jobmill.Text((text, room) => Jobmill.jobmill_well_name(run, well, text, room)))));
             var values = new double[wells * WellValues];
-            double Sum(int place) => Enumerable.Range(0, wells).Sum(well => values[well * WellValues + place]);
+            Func<int, double> sum = place => Enumerable.Range(0, wells).Sum(well => values[well * WellValues + place]);
 
             Check(Jobmill.jobmill_first_step(run));
             Console.WriteLine("day,oil,water,gas,lowest bottom-hole pressure");
@@ -73,7 +73,7 @@ class Forecast
                 Check(Jobmill.jobmill_read_data(run, all, values, values.Length));
                 double lowest = Enumerable.Range(0, wells).Min(well => values[well * WellValues + BottomHolePressure]);
                 Console.WriteLine(string.Format(CultureInfo.InvariantCulture, "{0},{1:g6},{2:g6},{3:g6},{4:g6}",
-                    day, Sum(OilRate), Sum(WaterRate), Sum(GasRate), lowest));
+                    day, sum(OilRate), sum(WaterRate), sum(GasRate), lowest));
                 Check(Jobmill.jobmill_has_ended(run, out int ended));
                 if (ended != 0) break;
             }
