@@ -45,6 +45,7 @@ class AsyncRun:
         self._reader, self._writer = reader, writer
         self._received = bytearray()
         self._usable = True
+        self._asked: Optional[Exchange[Any]] = None
         self._closed = False
 
     @classmethod
@@ -185,7 +186,8 @@ class AsyncRun:
             pass  # The exception that is on its way says more.
 
     async def _end(self) -> None:
-        await self._write(pack_request(SHUT_DOWN))
+        due = self._asked.give_up() if self._asked else b""
+        await self._write(due + pack_request(SHUT_DOWN))
         while True:
             body = take_frame(self._received)
             if body is not None and code_of(body) == SHUT_DOWN:
@@ -222,6 +224,7 @@ class AsyncRun:
         return asked.result()
 
     async def _exchange(self, asked: Exchange[Any]) -> None:
+        self._asked = asked
         await self._write(asked.begin())
         while not asked.done:
             if not await self._receive():

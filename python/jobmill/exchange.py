@@ -92,6 +92,15 @@ class Exchange(Generic[Result]):
             self.done = self._taken == self._records
         return self._ahead()
 
+    def give_up(self) -> bytes:
+        """What is to be sent before another request when the answers are no longer waited for.
+
+        In the middle of an exchange the daemon takes nothing but requests for the records that are due.
+        """
+        due = 0 if self.done else self._records - self._asked
+        self._asked += due
+        return self._ask_next * due
+
     def result(self) -> Result:
         assert self._first is not None
         return self._finish(self._first)

@@ -5,7 +5,7 @@ from __future__ import annotations
 import datetime
 import getpass
 from types import TracebackType
-from typing import Dict, Iterable, Mapping, Optional, Sequence, Type
+from typing import Any, Dict, Iterable, Mapping, Optional, Sequence, Type
 
 from . import exchange
 from .errors import Error, ProtocolError, Refused, RunEnded, TimedOut
@@ -94,6 +94,7 @@ class Run:
         #: The host on which the simulator runs, as the daemon says.
         self.simulator_host = ""
         self._usable = True
+        self._asked: Optional[Exchange[Any]] = None
         shake = Handshake(
             cluster, path, root, processes, simulator, user or getpass.getuser(), debug
         )
@@ -218,7 +219,8 @@ class Run:
         self._usable = False
         deadline = deadline_in(self.shutdown_timeout if timeout is None else timeout)
         try:
-            stream.send(pack_request(SHUT_DOWN), deadline)
+            due = self._asked.give_up() if self._asked else b""
+            stream.send(due + pack_request(SHUT_DOWN), deadline)
             # Answers to what was interrupted may come first, and Ctrl-C may have torn a hole into them.
             while not stream.received.endswith(pack_reply(SHUT_DOWN)):
                 if not stream.receive(deadline):
@@ -280,6 +282,7 @@ class Run:
         deadline = deadline_in(self.timeout)
         stream = self._stream
         self._usable = False
+        self._asked = asked
         stream.send_later(asked.begin())
         while not asked.done:
             if not stream.receive(deadline):

@@ -20,7 +20,7 @@ from support import MASTER, SOON, STAND_IN, RealDaemon, stand_in
 
 import jobmill
 from jobmill import exchange, master_link
-from jobmill.check.known import KnownField
+from jobmill.check.known import POINT, KnownField
 from jobmill.check.master import DaemonEnd, RULES, Scenario
 from jobmill.check.report import Report
 from jobmill.master_link import frame, take_frame
@@ -206,6 +206,42 @@ class EndTest(unittest.TestCase):
                 with self.assertRaisesRegex(jobmill.Error, "not answered"):
                     run.time()
         self.assertEqual([master_link.code_of(body) for body in heard], [8, 65520])
+
+    def test_exchange_that_is_given_up_asks_for_the_records_that_are_due(self) -> None:
+        """In between the daemon takes nothing else: 65520 would end the run without shutting it down."""
+
+        async def give_up(port: int) -> None:
+            address = ("127.0.0.1", port)
+            more = {"path": "/d/", "root": "CASE", "user": "u", "connect": False}
+            async with await jobmill.AsyncRun.launch(*address, **more, timeout=0.2) as run:
+                with self.assertRaises(jobmill.TimedOut):
+                    await run.operating_points("ABC")
+
+        for replies in (0, 1, 2):
+            for twin in (False, True):
+                heard: List[bytes] = []
+
+                def serve(stream: Stream) -> None:
+                    launched(stream)
+                    heard.extend(hear(stream, 1))
+                    record = {name: 0.0 for name in POINT.values()}
+                    sent = [
+                        master_link.pack_reply(10, n=3),
+                        master_link.pack_reply(4096, status="OPEN", **record),
+                    ]
+                    stream.send(b"".join(sent[:replies]))
+                    heard.extend(hear(stream, 4))
+                    stream.send(master_link.pack_reply(65520))
+
+                with self.subTest(replies, twin=twin), DaemonThread(serve) as daemon:
+                    if twin:
+                        asyncio.run(give_up(daemon.port))
+                    else:
+                        with daemon.run(connect=False, timeout=0.2) as run:
+                            with self.assertRaises(jobmill.TimedOut):
+                                run.operating_points("ABC")
+                codes = [master_link.code_of(body) for body in heard]
+                self.assertEqual(codes, [10, 4096, 4096, 4096, 65520])
 
     def test_daemon_that_computes_is_not_waited_for_longer_than_agreed(self) -> None:
         done = threading.Event()
