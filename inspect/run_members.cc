@@ -36,8 +36,7 @@ bool EndsWhatIsLeft(const Run& run, const std::set<std::string>& scripts) {
 
 RunMembers::RunMembers(Machine& machine) : machine_(machine) {
   for (const auto& [pid, stat] : machine_.processes()) {
-    if (machine_.IsJobmill(pid) || stat.parent == 2 || pid == 2)
-      continue;  // 2 starts the kernel's threads
+    if (machine_.IsJobmill(pid)) continue;
     const auto process = Process::Open(stat.id);
     const auto mark = process ? process->Variable(kMark) : std::nullopt;
     if (mark) marks_.push_back({stat, process->User().value_or(0), *mark});

@@ -2,6 +2,7 @@
 
 #include <signal.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <fstream>
@@ -165,6 +166,82 @@ TEST(LostTest, WhatAShippedScriptEndsIsEndingAndNotLost) {
   EXPECT_THAT(shown.out, Not(HasSubstr("/CASE): lost")));
   EXPECT_TRUE(Eventually([&] { return run().is_null(); }, std::chrono::seconds(30)));
   ExpectEnded(ProcessesOf(before));
+}
+
+TEST(EndTest, YesIsAskedFor) {
+  RunsSite site;
+  for (const char* yes : {"y\n", "Y\n", "yes\n"}) {
+    const std::string root = std::string("QUEUED") + (yes[0] == 'Y'   ? "2"
+                                                      : yes[1] == 'e' ? "3"
+                                                                      : "1");
+    site.Request(root);
+    ASSERT_TRUE(site.WaitForState(root, "waiting for the script"));
+    const json run = site.Run(root);
+    const Outcome outcome = Jobmillctl({"end", run.at("id").dump()}, {}, yes);
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    EXPECT_THAT(outcome.out, HasSubstr("End this? [y/N] Ended\n"));
+    ExpectEnded(ProcessesOf(run));
+  }
+}
+
+// Its script does not heed SIGTERM, and what it has started does not either.
+TEST(EndTest, WhatDoesNotEndByItselfIsKilled) {
+  const TemporaryDirectory data;
+  RunningDaemon::Options options;
+  options.arguments = {"-u", "-l", "-o", std::to_string(FreePort())};
+  options.script = "#!/bin/bash\ntrap '' TERM\nsleep 1000 &\nwait\nwait\nsleep 1000\n";
+  const RunningDaemon daemon(options);
+  TestMaster master(daemon.port());
+  master.RequestRun({"0", data.path().string() + "/", "CASE", "1", "20172", "alice", "0"});
+  json run;
+  ASSERT_TRUE(Eventually([&] {
+    const json document = json::parse(Jobmillctl({"status", "--json"}).out);
+    for (const json& one : document.at("runs")) {
+      if (one.at("path") == data.path().string() + "/") run = one;
+    }
+    return run.is_object() && run.at("members").size() >= 2;
+  }));
+  // Longer than the tool waits for a script, and then for the others.
+  ChildProcess::Options quiet;
+  ChildProcess end({ProgramDirectory() + "/jobmillctl", "end", "--yes", run.at("id").dump()},
+                   quiet);
+  EXPECT_EQ(end.Wait(std::chrono::seconds(60)), 0);
+  ExpectEnded(ProcessesOf(run));
+}
+
+TEST(LostTest, NothingIsEndedWithoutAYes) {
+  RunsSite site;
+  site.Connect("STEP").Send(Bytes("07 00 00 00"));
+  ASSERT_TRUE(site.WaitForState("STEP", "waiting for the simulator"));
+  const json run = site.Run("STEP");
+  kill(run.at("script").get<pid_t>(), SIGKILL);
+  kill(run.at("id").get<pid_t>(), SIGKILL);
+  ASSERT_TRUE(site.WaitForState("STEP", "lost"));
+  const Outcome outcome = Jobmillctl({"lost", "--end"});
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_THAT(outcome.out, HasSubstr("End this? [y/N] Nothing was ended\n"));
+  ExpectRunning({run.at("simulator").get<pid_t>()});
+  EXPECT_EQ(Jobmillctl({"end", "--yes", site.Run("STEP").at("id").dump()}).status, 0);
+}
+
+// In a list of processes of their own, in which nobody else's are. Number 2, which elsewhere starts
+// the kernel's threads, is the simulator there.
+TEST(LostTest, AllThatIsLostIsEnded) {
+  if (getuid() != 0) GTEST_SKIP() << "needs root";
+  const TemporaryDirectory directory;
+  const std::string jobmillctl = ProgramDirectory() + "/jobmillctl";
+  const std::string text = "JOBMILL_RUN=7-x sleep 1000 & sleep 0.1; " + jobmillctl +
+                           " lost --end --yes; " + jobmillctl + " lost; " + jobmillctl +
+                           " lost --end";
+  ChildProcess::Options options;
+  options.output_file = directory.File("out");
+  ChildProcess own({"/usr/bin/unshare", "--pid", "--fork", "--mount-proc", "/bin/sh", "-c", text},
+                   options);
+  if (own.Wait(std::chrono::seconds(30)) != 0) GTEST_SKIP() << "no processes of its own here";
+  const std::string out = directory.Read("out");
+  EXPECT_THAT(out, HasSubstr("simulator  sleep 1000\nEnded\n"));
+  EXPECT_THAT(out, testing::EndsWith("Nothing on this machine has lost its controller\n"
+                                     "Nothing on this machine has lost its controller\n"));
 }
 
 }  // namespace

@@ -14,14 +14,16 @@ struct Outcome {
   std::string err;
 };
 
-/// Runs jobmillctl with these arguments, half a minute at most.
+/// Runs jobmillctl with these arguments, half a minute at most. `input` is what a person types.
 inline Outcome Jobmillctl(std::vector<std::string> arguments,
-                          const std::vector<std::string>& environment = {}) {
+                          const std::vector<std::string>& environment = {},
+                          const std::string& input = "") {
   const TemporaryDirectory directory;
   ChildProcess::Options options;
   options.output_file = directory.File("out");
   options.error_file = directory.File("err");
   options.environment = environment;
+  options.input_file = directory.Write("in", input);
   arguments.insert(arguments.begin(), ProgramDirectory() + "/jobmillctl");
   ChildProcess process(arguments, options);
   const int status = process.Wait(std::chrono::seconds(30)).value_or(-1);

@@ -72,7 +72,9 @@ bool End(const std::vector<Target>& targets, int signal, seconds patience) {
   for (const Target& target : targets) target.Signal(signal);
   const auto deadline = std::chrono::steady_clock::now() + patience;
   bool all = true;
-  for (const Target& target : targets) all = target.EndsBefore(deadline) && all;
+  for (const Target& target : targets) {
+    if (!target.EndsBefore(deadline)) all = false;
+  }
   return all;
 }
 
