@@ -466,8 +466,7 @@ void ConnectionLog::AddScriptLine(std::string_view line) {
 void ConnectionLog::AddAnswer(const std::optional<std::string>& host) {
   Answer answer{host, here_, open_.at(Step::kScript)};
   // The last line of a script that names no host and this one are written one after the other.
-  const bool told = !host && last_script_line_ + 1 >= lines_ && last_script_ != nullptr &&
-                    last_script_->step == Step::kScript;
+  const bool told = !host && last_script_line_ + 1 >= lines_ && last_script_->step == Step::kScript;
   if (answer.candidates.size() == 1 || told) {
     EndWait(told ? *last_script_ : *answer.candidates.front(), answer);
   } else {

@@ -13,6 +13,7 @@
 #include <tuple>
 #include <utility>
 
+#include "base/descriptor.h"
 #include "base/number.h"
 #include "inspect/connection_log.h"
 #include "inspect/file.h"
@@ -43,11 +44,13 @@ class Reader {
  public:
   explicit Reader(const std::string& file) : file_(file), error_(file_.error()) {
     if (!error_.empty()) return;
-    const int copy = dup(file_.descriptor());
-    stream_.reset(copy < 0 ? nullptr : gzdopen(copy, "rb"));
-    if (stream_) return;
-    if (copy >= 0) close(copy);
-    error_ = "it cannot be opened once more";
+    Descriptor copy(dup(file_.descriptor()));
+    stream_.reset(copy ? gzdopen(copy.get(), "rb") : nullptr);
+    if (stream_) {
+      copy.Release();
+    } else {
+      error_ = "it cannot be opened once more";
+    }
   }
 
   const std::string& error() const { return error_; }

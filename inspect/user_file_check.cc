@@ -36,15 +36,12 @@ std::string Quoted(const std::string& text) {
 std::array<std::string, 3> Fields(const std::string& line) {
   std::array<std::string, 3> fields;
   std::string_view rest = line.c_str();
-  for (std::string& field : fields) {
-    if (&field == &fields.back()) {
-      field = rest;
-      break;
-    }
+  for (std::size_t i = 0; i < 2; ++i) {
     rest.remove_prefix(std::min(rest.find_first_not_of(' '), rest.size()));
-    field = rest.substr(0, rest.find(' '));
-    rest.remove_prefix(std::min(field.size() + 1, rest.size()));
+    fields.at(i) = rest.substr(0, rest.find(' '));
+    rest.remove_prefix(std::min(fields.at(i).size() + 1, rest.size()));
   }
+  fields[2] = rest;
   return fields;
 }
 

@@ -4,6 +4,7 @@
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
@@ -186,6 +187,13 @@ TEST_F(AccountPlacesTest, NullDeviceThatIsNotThereIsFound) {
   const Findings findings = CheckAccountPlaces(TheSite(), directory_.File("null"));
   ASSERT_THAT(Ids(findings), ElementsAre("error host.null-device"));
   EXPECT_THAT(findings[0].what, HasSubstr("No such file or directory"));
+}
+
+TEST_F(AccountPlacesTest, FileSystemThatTellsNothingOfItselfIsGood) {
+  EXPECT_EQ(WithAnsweredCall(
+                SYS_statfs, []() -> long { return -EIO; },
+                [&] { return IdsIn(CheckAccountPlaces(TheSite())); }),
+            "");
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include "inspect/account.h"
 
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -110,6 +111,19 @@ TEST_F(UnaskedTest, WhatDoesNotAnswerIsSaid) {
   EXPECT_EQ(WithoutPipes([&] { return IdsIn(CheckLogDirectory(site, directory_.path())); }),
             "host.no-log-directory;");
   EXPECT_EQ(WithoutPipes([&] { return IdsIn(CheckUserFile(site)); }), "users.accounts-unchecked;");
+}
+
+TEST_F(UnaskedTest, FileSystemThatTellsNothingOfItselfKeepsNobodyAway) {
+  const std::string file = directory_.Write("script", "");
+  chmod(file.c_str(), 0600);
+  EXPECT_EQ(WithAnsweredCall(
+                SYS_statfs, []() -> long { return -EIO; },
+                [&] {
+                  const Need need{"script.not-executable", file, 0, "", {file}, X_OK};
+                  const Excluded excluded = FindExcluded(TheSite(), {need});
+                  return excluded.names.at(0).begin()->first + "none";
+                }),
+            "none");
 }
 
 }  // namespace

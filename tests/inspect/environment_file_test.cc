@@ -13,6 +13,7 @@
 
 #include "inspect/probe.h"
 #include "tests/inspect/findings.h"
+#include "tests/inspect/own_view.h"
 #include "tests/support/temporary_directory.h"
 
 namespace inspect {
@@ -179,6 +180,36 @@ TEST_F(EnvironmentFileTest, EnvironmentInWhichNoShellStartsIsFound) {
   EXPECT_THAT(IdsOf("A b\n"), IsEmpty());
   const std::string text = "LD_LIBRARY_PATH " + libraries.path().string() + "\n";
   EXPECT_THAT(IdsOf(text), ElementsAre("error environment.no-shell"));
+}
+
+TEST_F(EnvironmentFileTest, ValueThatIsCutIsFound) {
+  EXPECT_THAT(IdsOf("A " + std::string(5000, 'x') + "\n"),
+              testing::Contains("error environment.too-long:1"));
+}
+
+TEST_F(EnvironmentFileTest, ShellIsTriedAsTheAccountThatRunsIt) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root";
+  chmod(directory_.path().c_str(), 0755);
+  chmod(directory_.Write(".vk_corvane_env", "A 1\n").c_str(), 0644);
+  const auto ids = [&](const std::vector<std::string>& words) {
+    return IdsIn(CheckEnvironmentFile(SiteOf(words, directory_.File("vkjobmill.exe"))));
+  };
+  EXPECT_EQ(ids({"-p", "5000", "-u"}), "");
+  EXPECT_EQ(AsNobody([&] { return ids({"-p", "5000", "-u", "-l"}); }), "");
+  EXPECT_EQ(AsNobody([&] { return ids({"-p", "5000", "-l"}); }), "");
+}
+
+TEST_F(EnvironmentFileTest, ShellThatNeverStartsIsNotTheFilesFault) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root";
+  const std::string shell = directory_.Write("bash", "#!/bin/sh\nexit 3\n");
+  chmod(shell.c_str(), 0755);
+  directory_.Write(".vk_corvane_env", "A 1\n");
+  const std::string found = WithMounts({{shell, "/usr/bin/bash"}}, [&] {
+    return IdsIn(
+        CheckEnvironmentFile(SiteOf({"-p", "5000", "-u", "-l"}, directory_.File("vkjobmill.exe"))));
+  });
+  if (found == "no mount") GTEST_SKIP() << "nothing can be mounted here";
+  EXPECT_EQ(found, "");
 }
 
 }  // namespace

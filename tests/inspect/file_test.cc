@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -10,6 +11,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "tests/inspect/own_view.h"
 #include "tests/support/temporary_directory.h"
 
 namespace inspect {
@@ -74,6 +76,24 @@ TEST_F(FileTest, FileOfAnotherAccountIsKnown) {
   const std::string file = directory_.Write("file", "");
   ASSERT_EQ(chown(file.c_str(), 61234, 0), 0);
   EXPECT_EQ(WritableBy(file, true), "it belongs to account 61234");
+}
+
+TEST_F(FileTest, FileThatCannotBeReadToItsEndIsNone) {
+  const std::string file = directory_.Write("file", "text");
+  EXPECT_EQ(WithAnsweredCall(
+                SYS_read, []() -> long { return -EIO; },
+                [&] { return ReadFile(file).value_or("no text"); }),
+            "no text");
+}
+
+TEST_F(FileTest, OwnFileIsOthersWhereItOughtToBeRoots) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root";
+  const std::string file = directory_.Write("file", "");
+  chmod(file.c_str(), 0600);
+  chmod(directory_.path().c_str(), 0755);
+  ASSERT_EQ(chown(file.c_str(), 65534, 65534), 0);
+  EXPECT_EQ(AsNobody([&] { return WritableBy(file, true); }), "");
+  EXPECT_EQ(AsNobody([&] { return WritableBy(file, false); }), "it belongs to account 65534");
 }
 
 }  // namespace

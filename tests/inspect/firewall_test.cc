@@ -240,6 +240,7 @@ TEST_F(CheckFirewallTest, RulesAreRootsToSee) {
 TEST(AddressRangesTest, OnlyAFewAreShown) {
   EXPECT_EQ(Text(Ranges("10.0.0.1, 10.0.0.3, 10.0.0.5, 10.0.0.7, 10.0.0.9")),
             "10.0.0.1, 10.0.0.3, 10.0.0.5, 10.0.0.7 and others");
+  EXPECT_EQ(Text({{0, 5}}), "0.0.0.0-0.0.0.5");
   for (const char* text : {"10.0.0.1-x", "10.0.0.0/-1"}) {
     EXPECT_THAT(Ranges(text), IsEmpty()) << text;
   }

@@ -1314,5 +1314,52 @@ TEST_F(HistoryTest, LogOfWhichTheBeginningIsDamagedIsSaid) {
   EXPECT_THAT(Read().missing, ElementsAre(file + ": it is damaged"));
 }
 
+TEST_F(MixedHistoryTest, LinesOfScriptsStandBetweenThoseWhoHaveNotAsked) {
+  WriteLog(Start(now_) + Answered(now_) + Request(Model("ONE")) + Script(Model("ONE"), 9001) +
+           Accepted(now_) + Accepted(now_) + "hello\n" + "Answering call in child process: " +
+           timestamp(now_) + "hello\n" + "Answering call in child process: " + timestamp(now_));
+  const History history = Read();
+  ASSERT_EQ(history.runs.size(), 3U);
+  EXPECT_THAT(history.runs[0].doubts, IsEmpty());
+}
+
+TEST_F(MixedHistoryTest, SecondEndInARowIsAnothersScripts) {
+  WriteLog(ThreeWait() + "slurm: job 41 oopsNo host detected, exiting.\n" +
+           "No host detected, exiting.\n");
+  const History history = Read();
+  EXPECT_EQ(RunOf(history, "CASE1").end.ending, Ending::kNoHost);
+  EXPECT_EQ(RunOf(history, "CASE2").end.reason, "mixed");
+  EXPECT_EQ(RunOf(history, "CASE3").end.reason, "mixed");
+}
+
+TEST_F(MixedHistoryTest, RunThatGoesOnHasOneOfTheHosts) {
+  WriteLog(ThreeWait() + Host("node7") + "No host detected, exiting.\n" +
+           "No host detected, exiting.\n");
+  Runs now;
+  inspect::Run run;
+  run.id = Process::Open(getpid())->stat().id;
+  run.listen_port = 5000;
+  run.state = RunState::kMaster;
+  run.began = static_cast<double>(now_);
+  run.path = data_.path().string() + "/";
+  run.root = "CASE2";
+  now.runs = {run};
+  const History history = Read(now);
+  ASSERT_EQ(history.runs.size(), 2U);
+  for (const EndedRun& ended : history.runs) EXPECT_EQ(ended.end.ending, Ending::kNoHost);
+}
+
+TEST_F(RotatedHistoryTest, BeginningOfADamagedLogIsRead) {
+  std::string text = Start(now_);
+  for (int i = 0; i < 100; ++i) text += Launched(Model("A" + std::to_string(i)), 9001 + i, now_);
+  WriteCompressed("VKJobmill_5000.log.1.gz", text);
+  const std::string whole = logs_.Read("VKJobmill_5000.log.1.gz");
+  const std::string file =
+      logs_.Write("VKJobmill_5000.log.1.gz", whole.substr(0, whole.size() * 9 / 10));
+  const History history = Read();
+  EXPECT_GT(history.runs.size(), 10U);
+  EXPECT_THAT(history.missing, ElementsAre(file + ": it is damaged"));
+}
+
 }  // namespace
 }  // namespace inspect

@@ -6,6 +6,7 @@
 #include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -167,6 +168,12 @@ TEST_F(LogDirectoryTest, FileSystemWithoutFreeFilesHasNoRoom) {
 TEST_F(LogDirectoryTest, SystemsDirectoriesAreJudgedWithoutAnother) {
   EXPECT_THAT(CheckLogDirectory(SiteOf({"-p", "5000", "-s", "/x"}, "/none/vkjobmill.exe")),
               testing::Each(testing::Field(&Finding::file, testing::StartsWith("/var/log"))));
+}
+
+TEST_F(LogDirectoryTest, FileSystemThatTellsNothingOfItselfIsFound) {
+  EXPECT_EQ(WithAnsweredCall(
+                SYS_statfs, []() -> long { return -EIO; }, [&] { return Check().at(0).what; }),
+            "Input/output error");
 }
 
 }  // namespace

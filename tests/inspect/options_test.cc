@@ -13,6 +13,7 @@
 
 #include "inspect/probe.h"
 #include "tests/inspect/findings.h"
+#include "tests/inspect/own_view.h"
 #include "tests/support/temporary_directory.h"
 
 namespace inspect {
@@ -193,6 +194,27 @@ TEST_F(OptionsTest, GivenOptionsAreHeldAgainstTheServices) {
   EXPECT_THAT(Ids(findings), ElementsAre("error options.shared-port"));
   EXPECT_THAT(findings.at(0).what, HasSubstr(directory_.File("jobmill.conf")));
   EXPECT_EQ(findings.at(0).file, "");
+}
+
+TEST_F(OptionsTest, DaemonOfAnotherAccountMayHaveNoMapping) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root";
+  const std::vector<std::string> words = {"-p", "5000", "-u", "-s", "/x"};
+  const Site site = SiteOf(words, directory_.File("vkjobmill.exe"), directory_.path());
+  const auto ids = [&] { return IdsIn(CheckOptions(site, directory_.File("kernel"))); };
+  EXPECT_THAT(ids(), HasSubstr("options.as-root;"));
+  EXPECT_THAT(AsNobody(ids), testing::Not(HasSubstr("options.as-root;")));
+}
+
+TEST_F(OptionsTest, OtherFilesThatTellNothingAreNotCompared) {
+  std::filesystem::create_directory(directory_.File("one.conf"));
+  directory_.Write("two.conf", "SIMULATOR=x\n");
+  EXPECT_THAT(CheckFile("OPTIONS='-p 5000 -s /x'\n"), IsEmpty());
+}
+
+TEST_F(OptionsTest, VariableThatIsNotMeantForOptionsIsNotNamed) {
+  const Findings findings = CheckFile("SIMULATOR=x\n");
+  ASSERT_FALSE(findings.empty());
+  EXPECT_THAT(findings[0].what, testing::Not(HasSubstr("SIMULATOR")));
 }
 
 }  // namespace

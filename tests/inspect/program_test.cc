@@ -1,6 +1,7 @@
 #include "inspect/program.h"
 
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -108,6 +109,13 @@ TEST_F(ProgramTest, ProgramThatCannotBeAskedIsFound) {
   std::filesystem::copy(DaemonExecutable(), Program());
   EXPECT_EQ(WithoutPipes([&] { return Check().at(0).what; }),
             "does not answer within 10 s when it is asked for its version");
+}
+
+TEST_F(ProgramTest, FileSystemThatTellsNothingOfItselfIsGood) {
+  std::filesystem::copy(DaemonExecutable(), Program());
+  EXPECT_EQ(WithAnsweredCall(
+                SYS_statfs, []() -> long { return -EIO; }, [&] { return IdsIn(Check()); }),
+            "");
 }
 
 }  // namespace

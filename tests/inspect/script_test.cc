@@ -18,6 +18,7 @@
 
 #include "inspect/probe.h"
 #include "tests/inspect/findings.h"
+#include "tests/inspect/own_view.h"
 #include "tests/support/temporary_directory.h"
 
 namespace inspect {
@@ -358,6 +359,64 @@ TEST_F(ScriptTest, EnvironmentOfARunIsTheDaemonsWithTheFileApplied) {
     return std::string(getenv("PATH")) + " " + getenv("A") + (getenv("HOME") != nullptr ? "!" : "");
   });
   EXPECT_EQ(answer, "/sim/bin:/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin 1");
+}
+
+TEST_F(ScriptTest, EnvWithoutAWordOrWithoutPathIsNotLookedInto) {
+  UseText("#!/usr/bin/env\n");
+  EXPECT_THAT(IdsOf(), IsEmpty());
+  UseText("#!/usr/bin/env no-such-interpreter\n");
+  EXPECT_THAT(IdsOf(), testing::Not(IsEmpty()));
+  Site site = SiteOf(directory_.path(), "jobmill", directory_.File("lib/jobmill/vkjobmill.exe"));
+  site.environment.erase("PATH");
+  EXPECT_THAT(IdsIn(CheckScript(site)), testing::Not(testing::HasSubstr("interpreter-missing")));
+}
+
+TEST_F(ScriptTest, ShellThatIsNotThereSaysNothingOfTheSyntax) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root";
+  UseText("#!/bin/bash\nif\n");
+  EXPECT_THAT(IdsOf(), ElementsAre("error script.syntax:3"));
+  Program("shell", "#!/bin/sh\necho 'x: line 3: y'\nexit 127\n");
+  const std::string found =
+      WithMounts({{directory_.File("shell"), "/usr/bin/bash"}}, [&] { return IdsIn(Check()); });
+  if (found == "no mount") GTEST_SKIP() << "nothing can be mounted here";
+  EXPECT_EQ(found, "");
+}
+
+TEST_F(ScriptTest, AllLibrariesThatAreMissingAreNamed) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root";
+  Program("ldd", "#!/bin/sh\nprintf '\\tliba.so => not found\\n\\tlibb.so => not found\\n'\n");
+  fs::copy_file("/bin/true", directory_.File("bin/vksim"), fs::copy_options::overwrite_existing);
+  const auto found = [&](const std::vector<std::string>& words) {
+    return WithMounts({{directory_.File("ldd"), "/usr/bin/ldd"}}, [&] {
+      const Findings findings =
+          CheckScript(SiteOf(words, directory_.File("lib/jobmill/vkjobmill.exe")));
+      return findings.empty() ? std::string() : findings.back().what;
+    });
+  };
+  const std::string local = directory_.File("share/jobmill/scripts/local");
+  const std::string mapped = found({"-p", "5000", "-s", local});
+  if (mapped == "no mount") GTEST_SKIP() << "nothing can be mounted here";
+  EXPECT_THAT(mapped, testing::EndsWith(", that does not find liba.so, libb.so"));
+  EXPECT_THAT(found({"-p", "5000", "-u", "-s", local}), testing::EndsWith("liba.so, libb.so"));
+}
+
+TEST_F(ScriptTest, WhatCannotBeAskedIsNoFindingButTheSimulators) {
+  Site site = SiteOf(directory_.path(), "jobmill", directory_.File("lib/jobmill/vkjobmill.exe"));
+  EXPECT_THAT(WithoutPipes([&] { return IdsIn(CheckScript(site)); }),
+              testing::HasSubstr("script.no-simulator;"));
+}
+
+TEST_F(ScriptTest, PackagedScriptsThatAreNowhereAreNotCompared) {
+  fs::create_directory(directory_.File("else"));
+  fs::copy(directory_.File("share/jobmill/scripts/local"), directory_.File("else/local"));
+  directory_.Write("else/common.sh", "# another one\n");
+  const auto ids = [&](const std::string& program) {
+    return IdsIn(CheckScript(
+        SiteOf({"-p", "5000", "-s", directory_.File("else/local")}, directory_.File(program))));
+  };
+  EXPECT_THAT(ids("lib/jobmill/vkjobmill.exe"), testing::HasSubstr("script.other-common;"));
+  EXPECT_THAT(ids("nowhere/at/all/vkjobmill.exe"),
+              testing::Not(testing::HasSubstr("script.other-common;")));
 }
 
 }  // namespace

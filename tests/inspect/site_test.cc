@@ -4,6 +4,7 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <array>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -11,6 +12,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "tests/inspect/own_view.h"
 #include "tests/support/child_process.h"
 #include "tests/support/temporary_directory.h"
 
@@ -148,6 +150,30 @@ TEST(ReadAssignmentsTest, TextsMayEndAnywhere) {
   EXPECT_EQ(ValueOf("# no end\\"), "none");
   EXPECT_EQ(ValueOf("A=\"one\\"), "one\\");
   EXPECT_EQ(ValueOf("A"), "none");
+}
+
+TEST(SiteTest, EnvironmentMayBeEmptyOrHoldOddTexts) {
+  const auto variables = [] {
+    const std::vector<std::string> words = {"-p", "5000"};
+    std::string all;
+    for (const auto& [name, value] : SiteOf(words, "/none/vkjobmill.exe").environment) {
+      all += name + "=" + value + ";";
+    }
+    return all;
+  };
+  EXPECT_EQ(InProcess([&] {
+              clearenv();
+              return variables();
+            }),
+            "");
+  EXPECT_EQ(InProcess([&] {
+              std::string odd = "ODD";
+              std::string usual = "A=1=2";
+              std::array<char*, 3> all = {odd.data(), usual.data(), nullptr};
+              environ = all.data();
+              return variables();
+            }),
+            "A=1=2;");
 }
 
 }  // namespace

@@ -280,5 +280,19 @@ TEST_F(UserFileTest, DecidingRecordIsTheDaemons) {
   EXPECT_EQ(UserFile(directory_.path()).Deciding("bob"), std::nullopt);
 }
 
+TEST_F(UserFileTest, OtherByteOrderIsFoundToo) {
+  EXPECT_THAT(IdsOf("\xfe\xff"
+                    "alice daemon 1\n"),
+              testing::Contains("error users.byte-order-mark:1"));
+}
+
+TEST_F(UserFileTest, DenialThatIsNotReadIsNoneWhereTheUserIsDeniedAnyway) {
+  const auto has_void_denial = [&](const std::string& text) {
+    return testing::Value(IdsOf(text), testing::Contains(testing::HasSubstr("void-denial")));
+  };
+  EXPECT_TRUE(has_void_denial("alice daemon 1\nonly\nalice daemon 0\n"));
+  EXPECT_FALSE(has_void_denial("alice daemon 0\nonly\nalice daemon 0\n"));
+}
+
 }  // namespace
 }  // namespace inspect
