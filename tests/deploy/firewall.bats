@@ -93,14 +93,15 @@ reaches() {
 }
 nobody=(setpriv --reuid 65534 --regid 65534 --clear-groups)
 
-# load_filter [DEFINITION VALUE]: with one definition changed, as an administrator does.
+# load_filter [DEFINITION VALUE]...: with some definitions changed, as an administrator does.
 load_filter() {
-  local filter=$root_directory/deploy/nftables/jobmill.nft
-  if (($#)); then
+  local filter=$BATS_TEST_TMPDIR/filter
+  cp "$root_directory/deploy/nftables/jobmill.nft" "$filter"
+  while (($#)); do
     grep -q "^define $1 = " "$filter"
-    sed "s|^define $1 = .*|define $1 = $2|" "$filter" >"$BATS_TEST_TMPDIR/filter"
-    filter=$BATS_TEST_TMPDIR/filter
-  fi
+    sed -i "s|^define $1 = .*|define $1 = $2|" "$filter"
+    shift 2
+  done
   on daemon nft --file "$filter"
 }
 
@@ -227,6 +228,38 @@ time.sleep(60)' 3>&- 4>&- &
   never reaches alice 192.0.2.1 9001
   reaches alice 2001:db8::1 9001
   never reaches bob 2001:db8::1 9001
+}
+
+@test "GatesAccountAloneReachesTheMastersPort" {
+  local work=$BATS_TEST_TMPDIR certificates=$BATS_TEST_TMPDIR/certificates gate=(setpriv --reuid 61003 --regid 61003 --clear-groups)
+  local authority=("$root_directory/deploy/gate/authority" "$certificates")
+  "${authority[@]}" new
+  "${authority[@]}" server 192.0.2.1
+  "${authority[@]}" user alice
+  # Where another account gets at them.
+  on daemon install -D -m 644 -t /run/gate "$certificates"/{192.0.2.1,authority}.pem
+  on daemon install -m 600 -o 61003 -t /run/gate "$certificates/192.0.2.1.key"
+  on daemon "${gate[@]}" "$programs/vkgate" serve --listen 192.0.2.1:5443 --to 127.0.0.1:5000 \
+    --certificate /run/gate/192.0.2.1.pem --key /run/gate/192.0.2.1.key \
+    --authority /run/gate/authority.pem >"$work/serve" 2>&1 3>&- 4>&- &
+  on alice ip link set lo up
+  on alice "$programs/vkgate" connect --listen 127.0.0.1:5000 --to 192.0.2.1:5443 \
+    --certificate "$certificates/alice.pem" --key "$certificates/alice.key" \
+    --authority "$certificates/authority.pem" >"$work/connect" 2>&1 3>&- 4>&- &
+  eventually 10 grep -q listening "$work/serve"
+  eventually 10 grep -q listening "$work/connect"
+  reaches daemon 127.0.0.1 5000
+  load_filter masters '{ 127.0.0.1 }' local_accounts '{ 61003 }'
+  never reaches alice 192.0.2.1 5000
+  never reaches daemon 127.0.0.1 5000
+  never reaches daemon 127.0.0.1 5000 "${nobody[@]}"
+  cp "$root_directory/deploy/examples/TENWELLS.afi" "$work"
+  on alice "$programs/vkmaster" --host 127.0.0.1 --port 5000 --path "$work/" --root TENWELLS --user alice \
+    --no-progress until +30 >"$work/out" 2>&1 || {
+    cat "$work"/{out,connect,serve}
+    return 1
+  }
+  grep -q '"event":"admitted".*"claimed":"alice"' "$work/serve"
 }
 
 @test "LoadedAgainItReplacesItself" {

@@ -5,7 +5,8 @@
 # shellcheck disable=SC2016,SC2154  # texts for other shells; variables of setup_file
 
 # What the packages depend on, and what else install.md uses.
-needed=(systemd systemd-sysv iproute2 logrotate nftables procps libedit2 libfmt9 libtomlplusplus3)
+needed=(systemd systemd-sysv iproute2 logrotate nftables procps libedit2 libfmt9 libssl3
+  libtomlplusplus3 openssl)
 
 setup_file() {
   load support.bash
@@ -147,7 +148,10 @@ listener_of() { inside ss --listening --tcp --numeric --processes sport = ":$1" 
 
 @test "OperationsPageIsCarriedOut" {
   local block said=$BATS_TEST_TMPDIR/said
+  # But for the door, below.
   awk -v file="$BATS_TEST_TMPDIR/block" '
+    /^## / { left_out = $0 == "## A locked door" }
+    left_out { next }
     sub(/^    /, "") { if (!inside) count++; inside = 1; print >(file count); next }
     { inside = 0 }' "$root_directory/docs/operations.md"
   for block in $(find "$BATS_TEST_TMPDIR" -name 'block*' | sort --version-sort); do
@@ -170,6 +174,111 @@ listener_of() { inside ss --listening --tcp --numeric --processes sport = ":$1" 
   grep -qE '^Arguments: .*-p 5000 -s /etc/jobmill/script' "$BATS_TEST_TMPDIR/all"
   # The last lines of the comms log of the first run.
   grep -q '^Process loop has exited naturally' "$said"
+}
+
+# Of the ten steps of the door, and what follows them: the commands under what begins with `**TITLE`.
+commands_of() {
+  awk -v title="**$1" 'index($0, title) == 1 { inside = 1 } inside && sub(/^    /, "") { found = 1; print; next }
+    found { exit }' "$root_directory/docs/operations.md" >"$BATS_TEST_TMPDIR/commands"
+  [[ -s $BATS_TEST_TMPDIR/commands ]]
+}
+step() { commands_of "$1" && run_commands "${2:-/}"; }
+gate_says() { inside journalctl --unit jobmill-gate --output cat | grep -q "$1"; }
+# as_alice COMMAND...: where her certificate is.
+as_alice() { as 61001 sh -c 'cd /srv/alice && exec "$@"' - "$@"; }
+
+@test "DoorIsPutInAfterThePage" {
+  local said=$BATS_TEST_TMPDIR/said
+  inside sh -c 'echo 127.0.0.1 gate.example.com >>/etc/hosts'
+  step 1. /packages
+  [[ $(inside systemctl is-active jobmill-gate) == inactive ]]
+  [[ $(inside systemctl is-enabled jobmill-gate) == disabled ]]
+  [[ $(inside vkgate --version) == "vkgate $version" ]]
+  step 2.
+  step 3.
+  step 4.
+  step 5.
+  step 6.
+  eventually 10 gate_says '"event":"listening","port":5443'
+  # Alice, with what she has been given.
+  inside install -d -o alice /srv/alice
+  inside install -m 600 -o alice -t /srv/alice /root/door/{alice@example.com.pem,alice@example.com.key,authority.pem}
+  commands_of 7.
+  as_alice sh -ex <"$BATS_TEST_TMPDIR/commands" >"$BATS_FILE_TMPDIR/connect.out" 2>&1 3>&- 4>&- &
+  eventually 10 grep -q '"event":"listening"' "$BATS_FILE_TMPDIR/connect.out"
+  commands_of 8.
+  as_alice sh -ex <"$BATS_TEST_TMPDIR/commands" >"$said" 2>&1
+  grep -qE '^ *30 +20' "$said"
+  eventually 10 gate_says '"event":"admitted".*"claimed":"alice","proof":"upn:alice@example.com"'
+  # She cannot be somebody else, and nobody else can be her with her gate.
+  never as_alice vkmaster --port 5500 --path /srv/first/ --root TENWELLS --user carol until +30 >"$said" 2>&1
+  grep -qF "Windows user 'carol' is not proven by the certificate" "$said"
+  never as 61002 vkmaster --port 5500 --path /srv/first/ --root TENWELLS --user alice until +30 >"$said" 2>&1
+  grep -qF 'This gate serves its own user' "$said"
+  step 9.
+  never serves
+  never as 61002 timeout 2 bash -c 'exec 3<>/dev/tcp/127.0.0.1/5000' 2>/dev/null
+  as_alice vkmaster --port 5500 --path /srv/first/ --root TENWELLS --user alice until +30 >"$said" 2>&1
+}
+
+@test "GateHasNoRights" {
+  local pid
+  pid=$(main_pid jobmill-gate)
+  inside grep -qE '^NoNewPrivs:.1$' "/proc/$pid/status"
+  inside grep -qE '^CapBnd:.0000000000000000$' "/proc/$pid/status"
+  inside grep -qE '^Seccomp:.2$' "/proc/$pid/status"
+  [[ $(inside stat -c %U "/proc/$pid") == jobmill-gate ]]
+  [[ $(inside awk '/^Max open files/ { print $4 == $5 }' "/proc/$pid/limits") == 1 ]]
+  never inside nsenter --target "$pid" --mount -- /bin/sh -c : 2>/dev/null
+  # Its key is for root and for it.
+  never as 61001 cat /etc/jobmill/gate/key.pem 2>/dev/null
+  never as 61001 ls /run/jobmill-gate 2>/dev/null
+}
+
+@test "ReloadEndsTheLinksOfTheRevokedAlone" {
+  local said=$BATS_TEST_TMPDIR/said pid
+  pid=$(main_pid jobmill-gate)
+  mkfifo "$BATS_TEST_TMPDIR/commands-of-alice"
+  as_alice vkmaster --port 5500 --path /srv/first/ --root TENWELLS --user alice --no-progress \
+    <"$BATS_TEST_TMPDIR/commands-of-alice" >"$BATS_TEST_TMPDIR/alice.out" 2>&1 3>&- 4>&- &
+  local master=$! run
+  exec {run}>"$BATS_TEST_TMPDIR/commands-of-alice"
+  trap '' PIPE
+  echo 'until 31' >&"$run"
+  eventually 10 grep -qE '^ *31 +20' "$BATS_TEST_TMPDIR/alice.out"
+  step 10.
+  eventually 10 gate_says '"event":"reloaded"'
+  echo 'until 61' >&"$run"
+  eventually 10 grep -qE '^ *61 +20' "$BATS_TEST_TMPDIR/alice.out"
+  step 'When somebody leaves'
+  eventually 10 gate_says '"event":"no longer good".*"claimed":"alice"'
+  eventually 10 gate_says '"event":"ended".*"claimed":"alice".*"how":"the certificate is no longer accepted"'
+  echo 'until 91' >&"$run"
+  wait "$master" || true
+  never grep -qE '^ *91 +20' "$BATS_TEST_TMPDIR/alice.out"
+  never as_alice vkmaster --port 5500 --path /srv/first/ --root TENWELLS --user alice until +30 >"$said" 2>&1
+  grep -qF 'this certificate was revoked' "$said"
+  [[ $(main_pid jobmill-gate) == "$pid" ]]
+}
+
+@test "GateGoesOnAfterAnUpgradeAndIsRemovedAndPurged" {
+  local said=$BATS_TEST_TMPDIR/said pid
+  pid=$(main_pid jobmill-gate)
+  inside apt-get install -y --reinstall "/packages/$(basename "$(deb jobmill-gate)")" >"$said" 2>&1
+  [[ $(main_pid jobmill-gate) == "$pid" ]]
+  grep -qF "jobmill-gate: the gate goes on with the older program that it was started with (process $pid)." "$said"
+  [[ $(inside systemctl is-enabled jobmill-gate) == enabled ]]
+  inside apt-get purge -y jobmill-gate >"$said" 2>&1
+  never inside systemctl is-active --quiet jobmill-gate
+  [[ -z $(inside systemctl list-unit-files --no-legend 'jobmill-gate*') ]]
+  never inside test -e /etc/jobmill/gate/gate.conf
+  # What the administrator has put there stays, and so does the engineer's end.
+  inside test -e /etc/jobmill/gate/key.pem
+  inside kill "$(pids_of vkgate)"
+  inside rm -r /etc/jobmill/gate /root/door
+  inside sed -i 's|^define local_accounts = .*|define local_accounts = { root }|' /etc/jobmill/jobmill.nft
+  inside nft --file /etc/jobmill/jobmill.nft
+  serves
 }
 
 # http PATH [HOST]: what the status page answers.
