@@ -62,7 +62,8 @@ class ReportPageTest : public testing::Test {
     ASSERT_TRUE(
         browser().Becomes("drawing === 0 && (charts.size === 0 || [...charts.values()].some("
                           "chart => chart.seen)) && [...charts.values()].every("
-                          "chart => !chart.seen || chart.u !== null)"));
+                          "chart => !chart.seen || chart.u !== null)"))
+        << testing::PrintToString(browser().complaints());
   }
 
   // A page of these CSV files and of a run.json.
@@ -124,8 +125,8 @@ commands = ["open P3"]
 };
 
 TEST_F(WholeRunReportTest, NumbersInThePageAreThoseInTheFiles) {
-  Run();
-  Open(directory_.File("report.html"));
+  ASSERT_NO_FATAL_FAILURE(Run());
+  ASSERT_NO_FATAL_FAILURE(Open(directory_.File("report.html")));
   const std::vector<Row> rows = RowsOf(directory_.File("results/data.csv"));
   const std::map<std::string, int> columns{{"oil_rate", 4},
                                            {"water_rate", 5},
@@ -204,8 +205,8 @@ TEST_F(WholeRunReportTest, NumbersInThePageAreThoseInTheFiles) {
 }
 
 TEST_F(WholeRunReportTest, InflowTablesEventsAndTheRunAreThere) {
-  Run();
-  Open(directory_.File("report.html"));
+  ASSERT_NO_FATAL_FAILURE(Run());
+  ASSERT_NO_FATAL_FAILURE(Open(directory_.File("report.html")));
   const std::vector<Row> rows = RowsOf(directory_.File("results/ipr.csv"));
   browser().Evaluate("document.querySelector('#inflow details').open = true");
   ASSERT_TRUE(browser().Becomes("document.querySelectorAll('#inflow tbody tr').length === 30"));
@@ -236,7 +237,7 @@ TEST_F(WholeRunReportTest, InflowTablesEventsAndTheRunAreThere) {
 }
 
 TEST_F(WholeRunReportTest, PageFitsTheWindow) {
-  Run();
+  ASSERT_NO_FATAL_FAILURE(Run());
   // As it would be at a site.
   json run = json::parse(directory_.Read("results/run.json"));
   run.update({{"plan", "north.toml"},
@@ -248,7 +249,7 @@ TEST_F(WholeRunReportTest, PageFitsTheWindow) {
   Results results = ReadResults(directory_.File("results"));
   results.directory = "results";
   WriteReport(results, directory_.File("report.html"));
-  Open(directory_.File("report.html"));
+  ASSERT_NO_FATAL_FAILURE(Open(directory_.File("report.html")));
   EXPECT_LE(browser().Evaluate("document.documentElement.scrollWidth"), 1360);
   const char* kept = getenv("JOBMILL_PICTURES");
   const std::string pictures = kept != nullptr ? kept : directory_.path().string();
@@ -340,7 +341,7 @@ TEST_F(ReportPageTest, WhatIsChosenStaysWhenTheRunGoesOn) {
   };
   directory_.Write("steps.csv", "time_days,date,ended\n0,2020-01-01,false\n");
   write(10, std::chrono::seconds(1));
-  Open(directory_.File("report.html"));
+  ASSERT_NO_FATAL_FAILURE(Open(directory_.File("report.html")));
   EXPECT_THAT(Text("#state"), testing::StartsWith("Running"));
   browser().Evaluate("find('none').click()");
   browser().Evaluate("[...document.querySelectorAll('#list input')][27].click()");
@@ -365,7 +366,7 @@ TEST_F(ReportPageTest, SomebodyWhoTypesOrPausesIsNotDisturbed) {
                    "time_days,date,well,status,oil_rate\n0,x,P1,OPEN,1\n1,x,P1,OPEN,1\n");
   WriteReport(ReadResults(directory_.path().string()), directory_.File("report.html"),
               std::chrono::seconds(1));
-  Open(directory_.File("report.html"));
+  ASSERT_NO_FATAL_FAILURE(Open(directory_.File("report.html")));
   browser().Evaluate("window.same = 1");
   browser().Evaluate("find('filter').focus()");
   const auto wait =
@@ -550,7 +551,7 @@ TEST_F(ReportPageTest, PageOfTheLargestRunOpensAndDecodesWhatIsChosen) {
   printf("report of 500 wells and 10,000 steps: %.1f MB\n", static_cast<double>(size) / 1e6);
   EXPECT_LT(size, 110'000'000U);
   begin = Clock::now();
-  Open(file);
+  ASSERT_NO_FATAL_FAILURE(Open(file));
   tell("opened, the first charts drawn");
   browser().Evaluate("find('none').click()");
   browser().Evaluate(

@@ -67,8 +67,13 @@ async function unpack(id, rows) {
   const text = atob(find(id).textContent);
   const packed = new Uint8Array(text.length);
   for (let i = 0; i < text.length; ++i) packed[i] = text.charCodeAt(i);
-  const stream = new Blob([packed]).stream().pipeThrough(new DecompressionStream('deflate'));
-  const bytes = new Uint8Array(await new Response(stream).arrayBuffer());
+  // A stream of a Blob would fetch from the browser's process what is here already.
+  const stream = new DecompressionStream('deflate');
+  const unpacked = new Response(stream.readable).arrayBuffer();
+  const writer = stream.writable.getWriter();
+  writer.write(packed);
+  writer.close();
+  const bytes = new Uint8Array(await unpacked);
   const columns = [];
   for (let at = 0; at < bytes.length; at += 4 * rows) {
     const bits = new Uint32Array(rows);
