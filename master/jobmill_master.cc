@@ -160,7 +160,9 @@ int32_t Give(const std::vector<double>& from, double* values, int32_t room) {
 
 template <typename... Values>
 void CheckPlaces(const Values*... values) {
-  if (((values == nullptr) || ...)) throw Usage("There is no place for the value");
+  for (const void* place : {static_cast<const void*>(values)...}) {
+    if (place == nullptr) throw Usage("There is no place for the value");
+  }
 }
 
 template <typename Element>
