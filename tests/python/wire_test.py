@@ -10,6 +10,7 @@ import socket
 import sys
 import tempfile
 import threading
+import time
 import unittest
 from typing import Any, Dict, List, Tuple
 from unittest import mock
@@ -212,6 +213,37 @@ class FaultTest(unittest.TestCase):
     def test_delay_and_split_lose_nothing(self) -> None:
         found = self.echo("--delay", "0.05", "--split", "1")
         self.assertEqual(found, b"\4\0\0\0aaaa\4\0\0\0bbbb\4\0\0\0cccc")
+
+    def test_distance_delays_each_byte_and_none_behind_another(self) -> None:
+        count, distance = 100, 0.1
+
+        def serve() -> None:
+            accepted, _ = listener.accept()
+            with accepted:
+                for _ in range(count):
+                    accepted.sendall(accepted.recv(1))
+
+        with socket.create_server(("127.0.0.1", 0)) as listener:
+            server = threading.Thread(target=serve, daemon=True)
+            server.start()
+            address = ("--listen", "0", "--to", str(listener.getsockname()[1]), "--once")
+            command = (sys.executable, "-m", "jobmill.wire", "distance", str(distance), *address)
+            with Process(*command) as network:
+                with socket.create_connection(("127.0.0.1", network.port), SOON) as client:
+                    begin = time.perf_counter()
+                    received = b""
+                    for number in range(count):
+                        client.sendall(bytes([number]))
+                        time.sleep(0.002)
+                    while len(received) < count:
+                        received += client.recv(4096)
+                    taken = time.perf_counter() - begin
+                    self.assertEqual(client.recv(1), b"")
+            server.join(SOON)
+        self.assertEqual(received, bytes(range(count)))
+        # A byte goes there and back; a delay for each would add up to 20 s.
+        self.assertGreaterEqual(taken, 2 * distance)
+        self.assertLess(taken, count * distance / 2)
 
     def test_take_message_of_nothing(self) -> None:
         arrived = take_message(bytearray(16))

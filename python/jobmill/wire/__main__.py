@@ -21,8 +21,9 @@ def _address(text: str) -> Tuple[str, int]:
     return host or "127.0.0.1", int(port)
 
 
-def _proxy_arguments(parser: argparse.ArgumentParser) -> None:
-    parser.add_argument("--link", choices=(MASTER, SIMULATOR), required=True)
+def _proxy_arguments(parser: argparse.ArgumentParser, link: bool = True) -> None:
+    if link:
+        parser.add_argument("--link", choices=(MASTER, SIMULATOR), required=True)
     parser.add_argument(
         "--listen", type=_address, required=True, metavar="[HOST:]PORT", help="0 takes a free port"
     )
@@ -75,7 +76,13 @@ def _arguments() -> argparse.ArgumentParser:
     fault.add_argument(
         "--message", type=int, default=0, help="its number, from 1, handshake included; 0: all"
     )
-    fault.add_argument("--delay", type=float, default=0.0, metavar="SECONDS")
+    fault.add_argument(
+        "--delay",
+        type=float,
+        default=0.0,
+        metavar="SECONDS",
+        help="the messages behind it wait as well",
+    )
     fault.add_argument("--split", type=int, default=0, metavar="BYTES", help="into packets")
     fault.add_argument(
         "--cut", type=int, metavar="BYTES", help="send so many bytes of it, then end the connection"
@@ -87,7 +94,23 @@ def _arguments() -> argparse.ArgumentParser:
         metavar="OFFSET=HEX",
         help="wrong bytes; may be repeated. A negative offset counts from the end: --byte=-1=00",
     )
+
+    distance = commands.add_parser(
+        "distance", help="pass everything on as a network does that takes its time"
+    )
+    distance.add_argument(
+        "seconds", type=float, help="that each byte takes, in each direction: half a round trip"
+    )
+    _proxy_arguments(distance, link=False)
     return parser
+
+
+class _Untouched:
+    async def change(self, data: bytes) -> AsyncIterator[bytes]:
+        yield data
+
+    def closed(self) -> None:
+        pass
 
 
 class _RecordingTap:
@@ -149,13 +172,13 @@ class _FaultTap:
         pass
 
 
-def _serve(options: argparse.Namespace, make_tap: MakeTap) -> None:
+def _serve(options: argparse.Namespace, make_tap: MakeTap, distance: float = 0.0) -> None:
     def listening(port: int) -> None:
         print(f"Listening on port {port}", flush=True)
 
     to_host, to_port = options.to
     host, port = options.listen
-    proxy = Proxy(to_host, to_port, make_tap)
+    proxy = Proxy(to_host, to_port, make_tap, distance)
     asyncio.run(proxy.serve(host, port, once=options.once, listening=listening))
 
 
@@ -168,6 +191,11 @@ def _record(options: argparse.Namespace) -> int:
 
 def _fault(options: argparse.Namespace) -> int:
     _serve(options, lambda number, sender: _FaultTap(options, sender))
+    return 0
+
+
+def _distance(options: argparse.Namespace) -> int:
+    _serve(options, lambda number, sender: _Untouched(), options.seconds)
     return 0
 
 
@@ -247,6 +275,7 @@ def main(arguments: Optional[Sequence[str]] = None) -> int:
         "replay": _replay,
         "diff": _diff,
         "fault": _fault,
+        "distance": _distance,
     }
     try:
         return commands[options.command](options)

@@ -6,12 +6,15 @@ import asyncio
 import contextlib
 import threading
 from types import TracebackType
-from typing import AsyncIterator, Callable, List, Optional, Protocol, Set, Type
+from typing import AsyncIterator, Callable, List, Optional, Protocol, Set, Tuple, Type
 
 from ..errors import ConnectFailed
+from ..stream import acknowledge_at_once
 from . import CLIENT, SERVER
 
 PIECE = 262144
+#: Pieces that may be under way over a distance before no more are read.
+UNDER_WAY = 4096
 
 
 class Cut(Exception):
@@ -35,9 +38,13 @@ MakeTap = Callable[[int, str], Tap]
 class Proxy:
     """Listens and passes on. `once` ends it with its first connection."""
 
-    def __init__(self, target_host: str, target_port: int, make_tap: MakeTap) -> None:
+    def __init__(
+        self, target_host: str, target_port: int, make_tap: MakeTap, distance: float = 0.0
+    ) -> None:
+        """distance: seconds that each byte is under way, in each direction."""
         self._target = (target_host, target_port)
         self._make_tap = make_tap
+        self._distance = distance
         self._count = 0
         self._tasks: Set[asyncio.Task[None]] = set()
 
@@ -79,8 +86,12 @@ class Proxy:
             writer.close()
             raise ConnectFailed(f"{self._target[0]}, port {self._target[1]}: {error}") from error
         ways = (
-            asyncio.ensure_future(_way(reader, to_writer, taps[CLIENT])),
-            asyncio.ensure_future(_way(to_reader, writer, taps[SERVER])),
+            asyncio.ensure_future(
+                _way(_arriving(reader, writer, self._distance), to_writer, taps[CLIENT])
+            ),
+            asyncio.ensure_future(
+                _way(_arriving(to_reader, to_writer, self._distance), writer, taps[SERVER])
+            ),
         )
         try:
             await asyncio.gather(*ways)
@@ -93,20 +104,45 @@ class Proxy:
                 end.close()
 
 
-async def _way(reader: asyncio.StreamReader, writer: asyncio.StreamWriter, tap: Tap) -> None:
-    while True:
-        try:
-            data = await reader.read(PIECE)
-        except ConnectionError:
-            data = b""
-        if not data:
-            break
+async def _way(arriving: AsyncIterator[bytes], writer: asyncio.StreamWriter, tap: Tap) -> None:
+    async for data in arriving:
         async for piece in tap.change(data):
             writer.write(piece)
             await writer.drain()
     tap.closed()
     with contextlib.suppress(OSError):
         writer.write_eof()
+
+
+async def _arriving(
+    reader: asyncio.StreamReader, writer: asyncio.StreamWriter, distance: float
+) -> AsyncIterator[bytes]:
+    """What the end of a connection says, each piece so much later than it was said."""
+    loop = asyncio.get_running_loop()
+    under_way: asyncio.Queue[Tuple[float, bytes]] = asyncio.Queue(UNDER_WAY if distance else 1)
+
+    async def read() -> None:
+        data = b"more"
+        while data:
+            # Otherwise the proxy would cost more time than its distance.
+            acknowledge_at_once(writer.get_extra_info("socket"))
+            try:
+                data = await reader.read(PIECE)
+            except ConnectionError:
+                data = b""
+            await under_way.put((loop.time() + distance, data))
+
+    reading = asyncio.ensure_future(read())
+    try:
+        while True:
+            due, data = await under_way.get()
+            if distance:
+                await asyncio.sleep(due - loop.time())
+            if not data:
+                return
+            yield data
+    finally:
+        reading.cancel()
 
 
 class Background:
