@@ -229,9 +229,8 @@ class AsyncRun:
         while not asked.done:
             if not await self._receive():
                 raise RunEnded(asked.title, self.comms_log, bytes(self._received))
-            more = asked.take(self._received)
-            if more:
-                await self._write(more)
+            # Not waiting for room: the daemon may make some only when this end has read its answers.
+            self._writer.write(asked.take(self._received))
 
     async def _write(self, data: bytes) -> None:
         try:

@@ -33,12 +33,6 @@ from .results import EquationOfState, InflowTables, OperatingPoints, Wells
 
 Result = TypeVar("Result")
 
-#: Records that are asked for before the first of them is there. Their requests take 8 bytes each, so all of
-#: them fit into the smallest buffers that systems give a connection: the daemon, which reads a request only
-#: when it has sent the answer before, never keeps this end from sending, and this end reads whenever
-#: there is something to read.
-AHEAD = 512
-
 
 class Exchange(Generic[Result]):
     """A request, what is sent after it, and how the answers become a result."""
@@ -114,16 +108,14 @@ class Exchange(Generic[Result]):
     def _ahead(self) -> bytes:
         if self._first is None:
             return b""
-        # Each batch of requests also acknowledges the answers before it. A daemon with Nagle's algorithm on
-        # keeps small answers back until then, for up to 200 ms where stream.acknowledge_at_once() can do
-        # nothing, so the last request goes out alone: it acknowledges all other answers, and nothing keeps
-        # the last one back.
+        # All at once: however many wait, this end reads whatever arrives while it sends, so neither end waits
+        # for the other. A daemon with Nagle's algorithm on keeps small answers back until those before are
+        # acknowledged, for up to 200 ms where stream.acknowledge_at_once() can do nothing, so the last request
+        # goes out alone: it acknowledges all other answers, and nothing keeps the last one back.
         last = self._records - 1
-        more = min(AHEAD - (self._asked - self._taken), last - self._asked)
-        if self._taken == last == self._asked:
-            more = 1
-        self._asked += max(0, more)
-        return self._ask_next * max(0, more)
+        more = 1 if self._taken == last == self._asked else max(0, last - self._asked)
+        self._asked += more
+        return self._ask_next * more
 
 
 def _nothing(values: Values) -> None:

@@ -19,7 +19,7 @@ from unittest import mock
 from support import MASTER, SOON, STAND_IN, RealDaemon, stand_in
 
 import jobmill
-from jobmill import exchange, master_link
+from jobmill import master_link
 from jobmill.check.known import POINT, KnownField
 from jobmill.check.master import DaemonEnd, RULES, Scenario
 from jobmill.check.report import Report
@@ -297,53 +297,82 @@ class EndTest(unittest.TestCase):
                     run.time()
 
 
-class Distant:
-    """A network that takes 50 ms, in each direction."""
-
+class Untouched:
     async def change(self, data: bytes) -> AsyncIterator[bytes]:
-        await asyncio.sleep(0.05)
         yield data
 
     def closed(self) -> None:
         pass
 
 
+RECORD = master_link.pack_reply(4096, status="OPEN", **{name: 0.0 for name in POINT.values()})
+
+
 class RecordsTest(unittest.TestCase):
-    def test_requests_for_records_are_sent_ahead_within_a_bound(self) -> None:
+    def test_all_requests_for_records_but_the_last_are_sent_ahead(self) -> None:
+        count = 5000
         most: List[int] = []
-        count = 3 * exchange.AHEAD
 
         def serve(stream: Stream) -> None:
             launched(stream)
             hear(stream, 1)
             stream.send(master_link.pack_reply(10, n=count))
-            answered = asked = 0
-            zeros = dict.fromkeys(
-                part.split(":")[0] for part in master_link.REQUESTS[4096].reply.split()
-            )
-            reply = master_link.pack_reply(4096, **{**{n: 0.0 for n in zeros}, "status": "OPEN"})
-            while answered < count:
-                # All that comes before the next answer.
-                while not stream.quiet_for(0.05 if asked - answered < 2 else 0.0):
-                    asked += len(stream.received) // 8
-                    del stream.received[: len(stream.received) // 8 * 8]
-                most.append(asked - answered)
-                step = max(1, (asked - answered) // 2)
-                stream.send(reply * step)
-                answered += step
+            most.append(len(hear(stream, count - 1)))
+            self.assertTrue(stream.quiet_for(0.05))
+            stream.send(RECORD * (count - 1))
+            most.append(len(hear(stream, 1)))
+            stream.send(RECORD)
             hear(stream, 1)
 
         with DaemonThread(serve) as daemon:
             with daemon.run(connect=False, shutdown_timeout=0.5) as run:
                 points = run.operating_points(f"W{i}" for i in range(count))
                 self.assertEqual(len(points), count)
-        # The last one goes out alone.
-        self.assertEqual((max(most), most[-1]), (exchange.AHEAD, 1))
+        self.assertEqual(most, [count - 1, 1])
+
+    def test_both_ends_have_more_to_say_than_the_connection_holds(self) -> None:
+        """The daemon reads a request when it has sent the answer before, so this end has to read always."""
+        count = 13000
+        none = {name: 0.0 for name in POINT.values()}
+        long = master_link.pack_reply(4096, status="OPEN" * 250, **none)
+
+        def serve(stream: Stream) -> None:
+            launched(stream)
+            hear(stream, 1)
+            end = stream.socket
+            for option in (socket.SO_SNDBUF, socket.SO_RCVBUF):
+                end.setsockopt(socket.SOL_SOCKET, option, 4096)
+            end.settimeout(SOON)
+            end.sendall(master_link.pack_reply(10, n=count))
+            received = len(stream.received)
+            for number in range(1, count + 1):
+                while received < 8 * number:
+                    received += len(end.recv(8 * number - received))
+                end.sendall(long)
+
+        async def steer(port: int) -> int:
+            address = ("127.0.0.1", port)
+            more = {"path": "/d/", "root": "CASE", "user": "u", "connect": False}
+            run = await jobmill.AsyncRun.launch(*address, **more, timeout=SOON)
+            connected = run._writer.get_extra_info("socket")
+            connected.setsockopt(socket.SOL_SOCKET, socket.SO_SNDBUF, 4096)
+            run._writer.transport.set_write_buffer_limits(high=0)
+            points = await run.operating_points("W" * count)
+            run.close()
+            return len(points)
+
+        with DaemonThread(serve) as daemon:
+            self.assertEqual(asyncio.run(steer(daemon.port)), count)
+        with DaemonThread(serve) as daemon:
+            run = daemon.run(connect=False, timeout=SOON)
+            run._stream.socket.setsockopt(socket.SOL_SOCKET, socket.SO_SNDBUF, 4096)
+            self.assertEqual(len(run.operating_points("W" * count)), count)
+            run.close()
 
     def test_daemon_50_milliseconds_away_costs_few_round_trips(self) -> None:
         model = KnownField(2000)
         with meeting(Scenario("", model=model)) as near, Background(
-            Proxy("127.0.0.1", near.port, lambda number, sender: Distant())
+            Proxy("127.0.0.1", near.port, lambda number, sender: Untouched(), distance=0.05)
         ) as port:
             with jobmill.Run("127.0.0.1", port, path="/d/", root="CASE", user="u") as run:
                 begin = time.perf_counter()
