@@ -678,7 +678,7 @@ class Check:
             if self._command:
                 found = sorted({str(status) for status in statuses[rule]})
                 report.sheet[f"exit status at an end {what} a reply"] = ", ".join(found)
-        if self._command and plain.status is not None:
+        if plain.status is not None and not plain.refused:
             same = plain.status in (*statuses["M19"], *statuses["M20"])
             report.sheet["exit status of a whole run"] = str(plain.status)
             report.sheet["exit status tells failed runs"] = "no" if same else "yes"
