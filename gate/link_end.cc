@@ -15,16 +15,20 @@ namespace {
 using boost::system::error_code;
 using Result = TlsSocket::Result;
 
-// One piece of work: what a TLS record holds.
-constexpr std::size_t kPiece = 16384;
+// What a TLS record holds.
+constexpr std::size_t kRecord = 16384;
 
-// One link takes its turn for so many pieces, then the others have theirs.
+// What is read at once from the local side fills so many records to the last byte: a frame of data
+// has 13 bytes more. One byte beyond that would cost a record and a system call of its own.
+constexpr std::size_t kPiece = 4 * (kRecord - 13);
+
+// One link takes its turn for so many records, then the others have theirs.
 constexpr int kTurn = 16;
 
 // There is one thread, and no call that uses it calls another that does: all links share one
 // buffer.
-std::array<char, kPiece>& Scratch() {
-  static std::array<char, kPiece> scratch;
+std::array<char, 4 * kRecord>& Scratch() {
+  static std::array<char, 4 * kRecord> scratch;
   return scratch;
 }
 
@@ -84,7 +88,7 @@ void LinkEnd::Advance() {
 }
 
 void LinkEnd::ReadLocal() {
-  for (int i = 0; i < kTurn && local_open_ && !local_ends_ && local_readable_; ++i) {
+  for (int i = 0; i < kTurn / 4 && local_open_ && !local_ends_ && local_readable_; ++i) {
     const std::size_t room = std::min(kPiece, stream_->RoomForLocal());
     if (room == 0) return;
     error_code error;
@@ -109,7 +113,7 @@ void LinkEnd::WriteWire() {
   while (wire_ != nullptr && wire_writable_) {
     std::string_view bytes = unsent_;
     if (bytes.empty()) {
-      bytes = {Scratch().data(), stream_->ForWire(epoch_, Scratch().data(), kPiece)};
+      bytes = {Scratch().data(), stream_->ForWire(epoch_, Scratch().data(), kRecord)};
     }
     if (bytes.empty()) return;
     std::size_t put = 0;
@@ -150,8 +154,8 @@ void LinkEnd::ReadWire() {
     if (opening && stream_->state() == Stream::State::kAttached && events_.attached) {
       events_.attached();
     }
-    WriteLocal();
     if (!of_use) {
+      WriteLocal();
       WriteWire();
       if (stream_->state() != Stream::State::kEnded) LoseWire("The other gate is busy");
       return;

@@ -1,10 +1,14 @@
 #include "tests/gate/door.h"
 
+#include <signal.h>
+
 #include <fstream>
 #include <iterator>
 #include <sstream>
 #include <stdexcept>
 #include <utility>
+
+#include <gtest/gtest.h>
 
 namespace {
 
@@ -31,6 +35,14 @@ RunningGate::RunningGate(std::vector<std::string> arguments, std::string log,
     throw std::runtime_error("vkgate does not listen: " + TextOf(log_ + ".errors"));
   }
   port_ = Lines("listening").front()["port"];
+}
+
+RunningGate::~RunningGate() {
+  constexpr int kKilled = 128 + SIGKILL;
+  if (!process_->Wait(std::chrono::milliseconds(0))) process_->Signal(SIGTERM);
+  const auto status = process_->Wait(std::chrono::seconds(10));
+  if (status == kKilled) return;
+  EXPECT_EQ(status, 0) << TextOf(log_ + ".errors");
 }
 
 std::string RunningGate::Logged() const {

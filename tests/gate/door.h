@@ -20,6 +20,9 @@ class RunningGate {
   RunningGate(std::vector<std::string> arguments, std::string log,
               std::function<int()> in_child = {});
 
+  /// Ends it, and fails the test when it has crashed or complained. One that the test has killed is
+  /// let be.
+  ~RunningGate();
   int port() const { return port_; }
   ChildProcess& process() { return *process_; }
   pid_t pid() const { return process_->pid(); }

@@ -1,6 +1,9 @@
 #include "tools/vkgate/program.h"
 
 #include <signal.h>
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
 #ifndef _WIN32
 #include <sys/resource.h>
 #endif
@@ -113,6 +116,16 @@ void LiftDescriptorLimit() {
 #endif
 }
 
+// Bytes that pass through are kept for a moment and let go. By default the C library gives memory
+// back to the system each time, and is given it anew: that took a third of the system's time of a
+// large answer. A few megabytes for the whole process stay instead.
+void KeepMemory() {
+#ifdef __GLIBC__
+  mallopt(M_TRIM_THRESHOLD, 4 << 20);
+  mallopt(M_TOP_PAD, 1 << 20);
+#endif
+}
+
 // Runs a gate until SIGTERM or SIGINT; SIGHUP reloads.
 template <typename Gate>
 int Run(const Common& common, const typename Gate::Options& options) {
@@ -120,6 +133,7 @@ int Run(const Common& common, const typename Gate::Options& options) {
   signal(SIGPIPE, SIG_IGN);
 #endif
   LiftDescriptorLimit();
+  KeepMemory();
   const std::unique_ptr<gate::Journal> journal = common.log.empty()
                                                      ? std::make_unique<gate::Journal>()
                                                      : std::make_unique<gate::Journal>(common.log);
