@@ -310,62 +310,56 @@ void LinkEnd::Finish() {
   if (events.ended) events.ended();
 }
 
-template <typename Handler>
-void LinkEnd::AwaitSocket(Tcp::socket& socket, Tcp::socket::wait_type what, bool& awaited,
-                          Handler handler) {
-  if (awaited) return;
-  awaited = true;
-  socket.async_wait(what, std::move(handler));
-}
-
 void LinkEnd::Await() {
-  const auto self = shared_from_this();
-  if (local_open_ && !local_ends_ && stream_->RoomForLocal() > 0) {
-    if (local_readable_) {
-      // It has had its turn.
-      boost::asio::post(local_.get_executor(), [self] { self->Advance(); });
-    } else {
-      AwaitSocket(local_, Tcp::socket::wait_read, awaits_local_read_, [self](error_code error) {
-        self->awaits_local_read_ = false;
-        if (error) return;
-        self->local_readable_ = true;
+  const bool reads_local = local_open_ && !local_ends_ && stream_->RoomForLocal() > 0;
+  if ((reads_local && local_readable_) || (wire_ != nullptr && wire_readable_)) {
+    // It has had its turn. Once is enough, however much there is to do.
+    if (!std::exchange(has_turn_, true)) {
+      boost::asio::post(local_.get_executor(), [self = shared_from_this()] {
+        self->has_turn_ = false;
         self->Advance();
       });
     }
   }
+  if (reads_local && !local_readable_) {
+    AwaitLocal(Tcp::socket::wait_read, awaits_local_read_, local_readable_);
+  }
   if (local_open_ && !local_writable_) {
-    AwaitSocket(local_, Tcp::socket::wait_write, awaits_local_write_, [self](error_code error) {
-      self->awaits_local_write_ = false;
-      if (error) return;
-      self->local_writable_ = true;
-      self->Advance();
-    });
+    AwaitLocal(Tcp::socket::wait_write, awaits_local_write_, local_writable_);
   }
-  if (wire_ != nullptr) {
-    const std::uint64_t epoch = epoch_;
-    if (wire_readable_) {
-      boost::asio::post(local_.get_executor(), [self] { self->Advance(); });
-    } else {
-      AwaitSocket(wire_->socket, Tcp::socket::wait_read, awaits_wire_read_,
-                  [self, epoch](error_code error) {
-                    if (epoch != self->epoch_ || error) return;
-                    self->awaits_wire_read_ = false;
-                    self->wire_readable_ = true;
-                    self->Advance();
-                  });
-    }
-    if (!wire_writable_) {
-      AwaitSocket(wire_->socket, Tcp::socket::wait_write, awaits_wire_write_,
-                  [self, epoch](error_code error) {
-                    if (epoch != self->epoch_ || error) return;
-                    self->awaits_wire_write_ = false;
-                    self->wire_writable_ = true;
-                    self->wire_readable_ = true;
-                    self->Advance();
-                  });
-    }
-  }
+  if (wire_ != nullptr && !wire_readable_) AwaitWire(Tcp::socket::wait_read, awaits_wire_read_);
+  if (wire_ != nullptr && !wire_writable_) AwaitWire(Tcp::socket::wait_write, awaits_wire_write_);
   AwaitTime();
+}
+
+void LinkEnd::AwaitLocal(Tcp::socket::wait_type what, bool& awaited, bool& ready) {
+  if (std::exchange(awaited, true)) return;
+  local_.async_wait(what, [self = shared_from_this(), &awaited, &ready](error_code error) {
+    awaited = false;
+    if (error == boost::asio::error::operation_aborted || !self->local_open_) return;
+    // A socket that cannot be waited for would be waited for in vain.
+    if (error) self->CloseLocal();
+    ready = true;
+    self->Advance();
+  });
+}
+
+void LinkEnd::AwaitWire(Tcp::socket::wait_type what, bool& awaited) {
+  if (std::exchange(awaited, true)) return;
+  wire_->socket.async_wait(
+      what, [self = shared_from_this(), &awaited, epoch = epoch_](error_code error) {
+        if (epoch != self->epoch_ || error == boost::asio::error::operation_aborted) return;
+        awaited = false;
+        if (self->wire_ == nullptr) return;
+        if (error) {
+          self->LoseWire(error.message());
+        } else {
+          // Reading may wait for room, and writing for something to read.
+          self->wire_readable_ = true;
+          self->wire_writable_ = true;
+        }
+        self->Advance();
+      });
 }
 
 // The timer is set again only when it has to ring earlier: most times are put off before they come.

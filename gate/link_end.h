@@ -85,9 +85,8 @@ class LinkEnd : public std::enable_shared_from_this<LinkEnd> {
   void Finish();
   void Await();
   void AwaitTime();
-  template <typename Handler>
-  void AwaitSocket(Tcp::socket& socket, Tcp::socket::wait_type what, bool& awaited,
-                   Handler handler);
+  void AwaitLocal(Tcp::socket::wait_type what, bool& awaited, bool& ready);
+  void AwaitWire(Tcp::socket::wait_type what, bool& awaited);
 
   Tcp::socket local_;
   std::unique_ptr<Stream> stream_;
@@ -115,6 +114,7 @@ class LinkEnd : public std::enable_shared_from_this<LinkEnd> {
   bool awaits_wire_read_ = false;
   bool awaits_wire_write_ = false;
   bool advancing_ = false;
+  bool has_turn_ = false;  // Advance() will be called
   bool finished_ = false;
 };
 
