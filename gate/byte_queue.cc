@@ -8,7 +8,7 @@ namespace gate {
 namespace {
 
 constexpr std::size_t kSmallestPiece = 512;
-constexpr std::size_t kLargestPiece = 16 * 1024;
+constexpr std::size_t kLargestPiece = 16384;
 
 }  // namespace
 

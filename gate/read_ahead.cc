@@ -29,7 +29,7 @@ constexpr std::int64_t kRequestsAtOnce = 64;
 
 // The daemon answers one request after the other; this much unanswered keeps it busy.
 constexpr std::int64_t kMostUnanswered = 256;
-constexpr std::uint64_t kMostBytesUnanswered = 256 * 1024;
+constexpr std::uint64_t kMostBytesUnanswered = 262144;
 
 std::string RequestsFor(std::uint32_t record) {
   std::string requests;
@@ -54,9 +54,9 @@ std::string_view Requests(std::uint32_t code) {
 // About the bytes of a record. `components` is what the request says, whatever that is.
 std::uint64_t SizeOfRecord(std::uint32_t code, std::int32_t components) {
   if (code == kGetWellData) return 96;
-  const std::uint64_t series = 8 * (4 + 10 * 8);
-  if (components <= 0) return 12 + series;
-  return 12 + series + 10 * (4 + 8 * static_cast<std::uint64_t>(components));
+  constexpr std::uint64_t kSeries = 8 * (4 + std::uint64_t{10} * 8);
+  if (components <= 0) return 12 + kSeries;
+  return 12 + kSeries + 10 * (4 + 8 * static_cast<std::uint64_t>(components));
 }
 
 }  // namespace

@@ -472,7 +472,7 @@ std::string_view ToJudge(const ByteQueue& queue, std::size_t place,
 
 bool Stream::PassGiven() {
   if (unjudged_.empty() && (!local_ended_ || given_ended_)) return false;
-  std::array<char, ReadAhead::kDeciding> copy;
+  std::array<char, ReadAhead::kDeciding> copy{};
   const std::string_view bytes = ToJudge(unjudged_, 0, copy);
   const auto verdict = JudgeGiven(bytes, local_ended_ && bytes.size() == unjudged_.size());
   if (verdict.what == ReadAhead::Verdict::kWait) return false;
@@ -495,7 +495,7 @@ bool Stream::PassArrived() {
   }
   const std::size_t left = arrived_.size() - passed_;
   if (left == 0 && (!arrived_end_ || end_passed_)) return false;
-  std::array<char, ReadAhead::kDeciding> copy;
+  std::array<char, ReadAhead::kDeciding> copy{};
   const std::string_view bytes = ToJudge(arrived_, passed_, copy);
   const auto verdict = JudgeArrived(bytes, arrived_end_ && bytes.size() == left);
   if (verdict.what == ReadAhead::Verdict::kWait) return false;

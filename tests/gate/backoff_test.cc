@@ -16,6 +16,7 @@ using std::chrono::seconds;
 TEST(BackoffTest, PausesGrowToTheLongest) {
   Backoff backoff({.first = milliseconds(200), .longest = seconds(1)});
   std::vector<Time> pauses;
+  pauses.reserve(5);
   for (int i = 0; i < 5; ++i) pauses.push_back(*backoff.Pause(Time(0), 0.5));
   EXPECT_EQ(pauses, (std::vector<Time>{milliseconds(200), milliseconds(400), milliseconds(800),
                                        seconds(1), seconds(1)}));

@@ -165,7 +165,7 @@ Outcome ThroughGates(const std::vector<Part>& script, std::size_t piece, bool ah
 void ExpectTheSame(const std::vector<Part>& script, const std::string& where) {
   const Outcome directly = Directly(script);
   for (const bool ahead : {true, false}) {
-    for (const std::size_t piece : {3, 1000}) {
+    for (const std::size_t piece : {3UL, 1000UL}) {
       const Outcome through = ThroughGates(script, piece, ahead);
       ASSERT_EQ(Hex(through.heard), Hex(directly.heard)) << where;
       ASSERT_EQ(through.end, directly.end) << where;

@@ -37,7 +37,7 @@ const bool kFullSize = std::getenv("JOBMILL_FULL_SIZE") != nullptr;
 
 struct Fault {
   std::string call;
-  int occurrence;
+  int occurrence = 0;
   std::string error;
 };
 

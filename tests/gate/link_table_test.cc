@@ -66,7 +66,7 @@ TEST_F(LinkTableTest, EpochHasToGrow) {
   const LinkId id = Added(table, alice_);
   EXPECT_EQ(table.Refuses(id, alice_, 0), Reason::kOldEpoch);
   table.Resumed(id, 7);
-  for (const std::uint64_t old : {0, 1, 6, 7}) {
+  for (const std::uint64_t old : {0UL, 1UL, 6UL, 7UL}) {
     EXPECT_EQ(table.Refuses(id, alice_, old), Reason::kOldEpoch) << old;
   }
   EXPECT_EQ(table.Refuses(id, alice_, 8), std::nullopt);

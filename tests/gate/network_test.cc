@@ -64,6 +64,12 @@ bool IsEchoed(const Descriptor& link, const std::string& bytes) {
   return got == bytes;
 }
 
+std::vector<std::string> NamesOf(int wells) {
+  std::vector<std::string> names(static_cast<std::size_t>(wells));
+  for (std::size_t i = 0; i < names.size(); ++i) names[i] = "X" + std::to_string(i);
+  return names;
+}
+
 std::string DeckOf(int wells) {
   std::string deck =
       "[run]\nunits = \"METRIC\"\nfluid = \"BLACK_OIL\"\nstart = 2020-02-27\nend_time = 4000\n"
@@ -93,8 +99,7 @@ std::string Said(const std::vector<master::WellData>& points) {
 TEST(GateNetworkTest, RunOfManyWellsCutAtRandomMomentsIsTheUncutRun) {
   const int wells = kFullSize ? 5000 : 300;
   const int cuts = kFullSize ? 200 : 30;
-  std::vector<std::string> names;
-  for (int i = 0; i < wells; ++i) names.push_back("X" + std::to_string(i));
+  const std::vector<std::string> names = NamesOf(wells);
   Site site;
   Door door(site.daemon().port());
   for (const bool ahead : {true, false}) {
@@ -139,8 +144,7 @@ TEST(GateNetworkTest, RunOfManyWellsCutAtRandomMomentsIsTheUncutRun) {
 TEST(GateNetworkTest, RecordsOfManyWellsOverALongLinkCostTwoRoundTrips) {
   const int wells = kFullSize ? 5000 : 500;
   constexpr milliseconds kOneWay{5};
-  std::vector<std::string> names;
-  for (int i = 0; i < wells; ++i) names.push_back("X" + std::to_string(i));
+  const std::vector<std::string> names = NamesOf(wells);
   Site site;
   Door door(site.daemon().port());
   const auto fetch = [&](const char* name, int port) {
@@ -178,6 +182,7 @@ TEST(GateNetworkTest, MemoryAndDescriptorsAreFlatOverResumptions) {
   BreakingRelay relay(door.serving().port());
   const auto gate = door.Connect(door.alice(), {"--longest-pause=0.02"}, relay.port());
   std::vector<Descriptor> links;
+  links.reserve(kLinks);
   for (int i = 0; i < kLinks; ++i) links.push_back(Admitted(gate->port()));
   const std::string bytes = RandomBytes(50'000);
   const pid_t gates[] = {door.serving().pid(), gate->pid()};
@@ -268,7 +273,7 @@ TEST_F(HijackTest, OpeningIsAcceptedOnce) {
   const Opening again{.id = Begin(first), .epoch = 5, .received = 5};
   RawGate second = Connect(door_.alice());
   EXPECT_TRUE(Open(second, again).accepted);
-  for (const std::uint64_t epoch : {5, 4, 1}) {
+  for (const std::uint64_t epoch : {5UL, 4UL, 1UL}) {
     Opening old = again;
     old.epoch = epoch;
     RawGate replayed = Connect(door_.alice());

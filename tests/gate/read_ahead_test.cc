@@ -135,7 +135,7 @@ TEST_F(ReadAheadTest, MasterThatSendsEverythingAtOnceGetsTheSame) {
 }
 
 TEST_F(ReadAheadTest, BytesInAnyPieces) {
-  for (const std::size_t piece : {1, 2, 3, 5, 7, 8, 9, 13}) {
+  for (const std::size_t piece : {1UL, 2UL, 3UL, 5UL, 7UL, 8UL, 9UL, 13UL}) {
     ReadAheadTest_BytesInAnyPieces_Test other;
     other.piece_ = piece;
     other.Say(Handshake() + DataOf(4) + Times(4, kAskForRecord) + TablesOf(2) +
@@ -214,14 +214,16 @@ TEST_P(DeviationTest, IsAsWithoutGatesAtAnyRecord) {
     const std::string ask = tables ? kAskForTable : kAskForRecord;
     for (const int wells : {1, 2, 4}) {
       for (int asked = 0; asked < wells; ++asked) {
-        for (const std::size_t piece : {3, 1000}) {
+        for (const std::size_t piece : {3UL, 1000UL}) {
           for (const bool at_once : {false, true}) {
             DeviationTest_IsAsWithoutGatesAtAnyRecord_Test other;
             other.piece_ = piece + deviation.size() / 50;
             const std::string begin = Handshake() + (tables ? TablesOf(wells) : DataOf(wells));
             if (at_once) {
-              other.gates_.Say(kMaster, begin + Times(asked, ask) + deviation);
-              other.said_ = begin + Times(asked, ask) + deviation;
+              std::string all = begin;
+              all.append(Times(asked, ask)).append(deviation);
+              other.gates_.Say(kMaster, all);
+              other.said_ = all;
             } else {
               other.Say(begin);
               for (int i = 0; i < asked; ++i) other.Say(ask);
