@@ -369,8 +369,8 @@ TEST(GateNetworkTest, RandomLossCostsTimeAlone) {
     Door door(daemon.port());
     const auto gate = door.Connect(door.alice());
     const Descriptor link = Admitted(gate->port());
-    Filter(door.serving().port(), "numgen random mod 100 lt 20 counter drop");
-    EXPECT_TRUE(IsEchoed(link, RandomBytes(kFullSize ? 16 << 20 : 2 << 20)));
+    Filter(door.serving().port(), "numgen random mod 100 lt 10 counter drop");
+    EXPECT_TRUE(IsEchoed(link, RandomBytes(kFullSize ? 16 << 20 : 4 << 20)));
     Shell("nft list ruleset | grep -q 'packets [1-9]'");  // some have been
   });
 }
