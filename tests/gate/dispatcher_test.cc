@@ -66,6 +66,7 @@ class Dispatcher {
   // After Join().
   std::string End() const { return std::to_string(result_) + ' ' + error_; }
   std::vector<std::string> Calls() const { return stub_->calls; }
+  std::string Logged() const { return directory_.Read("log"); }
 
  private:
   TemporaryDirectory directory_;
@@ -83,7 +84,7 @@ struct Outcome {
   std::string heard;
   std::string end;
   std::vector<std::string> calls;
-  bool operator==(const Outcome&) const = default;
+  std::string logged;
 };
 
 // What the master says, in parts: each when it has heard so many bytes. Without bytes, it is gone.
@@ -113,7 +114,7 @@ Outcome Directly(const std::vector<Part>& script) {
   shutdown(dispatcher.link(), SHUT_WR);
   heard += ReadExactly(dispatcher.link(), 1'000'000);
   dispatcher.Join();
-  return {heard, dispatcher.End(), dispatcher.Calls()};
+  return {heard, dispatcher.End(), dispatcher.Calls(), dispatcher.Logged()};
 }
 
 // The dispatcher is where the handshake has ended, so the handshake is played here.
@@ -159,7 +160,8 @@ Outcome ThroughGates(const std::vector<Part>& script, std::size_t piece, bool ah
   }
   EXPECT_TRUE(gates.heard_end(kDaemon) || gates.heard_break(kMaster));
   dispatcher.Join();
-  return {gates.heard(kDaemon).substr(greeting.size()), dispatcher.End(), dispatcher.Calls()};
+  return {gates.heard(kDaemon).substr(greeting.size()), dispatcher.End(), dispatcher.Calls(),
+          dispatcher.Logged()};
 }
 
 void ExpectTheSame(const std::vector<Part>& script, const std::string& where) {
@@ -170,6 +172,7 @@ void ExpectTheSame(const std::vector<Part>& script, const std::string& where) {
       ASSERT_EQ(Hex(through.heard), Hex(directly.heard)) << where;
       ASSERT_EQ(through.end, directly.end) << where;
       ASSERT_EQ(through.calls, directly.calls) << where;
+      ASSERT_EQ(through.logged, directly.logged) << where;
     }
   }
 }
