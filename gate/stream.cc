@@ -361,7 +361,10 @@ Time Stream::Patience() const {
 
 bool Stream::OnTime(Time now) {
   if (state_ != State::kOpening && state_ != State::kAttached) return true;
-  if (now >= tell_at_) ack_due_ = true;
+  if (now >= tell_at_) {
+    ack_due_ = true;
+    tell_at_ = Time::max();
+  }
   if (asked_at_ == Time::max()) {
     if (now < heard_at_ + options_.silence / 3) return true;
     // From now, not from when it was due: this machine may have slept for hours, and the connection
@@ -377,7 +380,8 @@ bool Stream::OnTime(Time now) {
 
 std::size_t Stream::RoomForLocal() const {
   if (state_ == State::kEnded || local_ended_) return 0;
-  return options_.window - sending_.size() - unjudged_.size();
+  const std::size_t kept = sending_.size() + unjudged_.size();
+  return options_.window - std::min(kept, options_.window);
 }
 
 void Stream::FromLocal(std::string_view bytes) {

@@ -263,6 +263,18 @@ TEST(StreamTest, IdleLinkKeepsNothing) {
   EXPECT_EQ(gates.serving().kept(), 0U);
 }
 
+// A network that takes nothing for minutes: what is due waits for it, and no timer runs meanwhile.
+TEST(StreamTest, WhatCannotBeSentKeepsNoTimerBusy) {
+  Gates gates;
+  gates.Connect();
+  gates.Say(kMaster, "x");
+  gates.Run();
+  gates.now += seconds(1);
+  EXPECT_TRUE(gates.serving().OnTime(gates.now));
+  EXPECT_EQ(gates.serving().WakeAt(), gates.now + seconds(19));
+  EXPECT_TRUE(gates.serving().HasForWire(gates.serving().epoch()));
+}
+
 TEST(StreamTest, QuarterOfAWindowIsAcknowledgedAtOnce) {
   Gates gates({.window = 1000});
   gates.Connect();
