@@ -103,6 +103,7 @@ void LinkEnd::ReadLocal() {
       CloseLocal();
     } else {
       stream_->FromLocal({Scratch().data(), size});
+      if (stream_->ahead()) AcknowledgeNow(local_);
       if (size < room) local_readable_ = false;
       WriteWire();
     }

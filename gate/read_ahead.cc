@@ -246,7 +246,12 @@ std::string_view ReadAhead::ToAsk() const {
   if (to_ask_ == 0) return {};
   const auto by_bytes = static_cast<std::int64_t>(
       std::min<std::uint64_t>(kMostBytesUnanswered / size_of_record_, kMostUnanswered));
-  const std::int64_t more = std::max(by_bytes, std::int64_t{1}) - unanswered_;
+  const std::int64_t most = std::max(by_bytes, std::int64_t{1});
+  const std::int64_t more = most - unanswered_;
+  // In batches: with a request for each answer, gate and daemon would wake each other for every
+  // record.
+  const std::int64_t batch = std::min({to_ask_, kRequestsAtOnce, (most + 3) / 4});
+  if (!InRequest() && more < batch) return {};
   const std::int64_t now =
       std::min({to_ask_, kRequestsAtOnce, InRequest() ? std::max<std::int64_t>(more, 1) : more});
   if (now <= 0) return {};

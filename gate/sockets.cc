@@ -1,5 +1,9 @@
 #include "gate/sockets.h"
 
+#ifdef __linux__
+#include <netinet/tcp.h>
+#endif
+
 #include <array>
 #include <chrono>
 #include <stdexcept>
@@ -65,6 +69,14 @@ void Prepare(Tcp::socket& socket) {
   error_code ignored;
   socket.non_blocking(true, ignored);
   socket.set_option(Tcp::no_delay(true), ignored);
+}
+
+void AcknowledgeNow([[maybe_unused]] Tcp::socket& socket) {
+#ifdef __linux__
+  error_code ignored;
+  using Quick = boost::asio::detail::socket_option::boolean<IPPROTO_TCP, TCP_QUICKACK>;
+  socket.set_option(Quick(true), ignored);
+#endif
 }
 
 void CloseGently(Tcp::socket socket) {

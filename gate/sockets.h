@@ -24,6 +24,11 @@ struct Wire {
 /// piece of a conversation that waits for the acknowledgement of the piece before it costs 40 ms.
 void Prepare(Tcp::socket& socket);
 
+/// Acknowledges at once what has just been read. The daemon writes a record for itself, and its
+/// system holds what does not fill a packet until the record before it is acknowledged: 40 ms when
+/// nothing is sent in return.
+void AcknowledgeNow(Tcp::socket& socket);
+
 /// Ends a connection so that what was written still arrives: closes the sending side, and reads and
 /// drops what the peer still sends until it closes, too, or a few seconds have passed. A connection
 /// that is closed with bytes unread would be reset, and the reset overtakes the last words at the
