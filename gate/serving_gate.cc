@@ -69,6 +69,7 @@ Tcp::endpoint Resolve(boost::asio::io_context& context, const HostAndPort& place
 // it.
 struct ServingGate::Arrival {
   std::unique_ptr<Wire> wire;
+  std::shared_ptr<const TlsContext> tls;  // by which its certificate is judged in the handshake
   Tcp::endpoint peer;
   Time since{};
   std::string opening;
@@ -180,6 +181,12 @@ void ServingGate::Reload() {
   for (const auto& end : bad) end->End(Reason::kNotValid);
 }
 
+// A reload between the handshake and the opening may have brought the list that revokes it.
+bool ServingGate::IsGood(const Arrival& arrival) const {
+  const TlsSocket& tls = *arrival.wire->tls;
+  return arrival.tls == tls_ || tls_->WhyRefused(tls.certificate(), tls.chain()).empty();
+}
+
 // By what is loaded now: the certificate that the link was last proven with, and its claim.
 std::string ServingGate::WhyNotGood(const Link& link) const {
   const std::string why = tls_->WhyRefused(link.certificate.get(), link.chain.get());
@@ -243,6 +250,7 @@ void ServingGate::Arrive(Tcp::socket socket) {
     Drop(arrivals_.front(), "There are too many connections that have proven nothing");
   }
   try {
+    arrival->tls = tls_;
     arrival->wire->tls = std::make_unique<TlsSocket>(
         static_cast<std::uintptr_t>(arrival->wire->socket.native_handle()), tls_, "");
   } catch (const std::exception& error) {
@@ -315,6 +323,10 @@ void ServingGate::Begin(const std::shared_ptr<Arrival>& arrival, const Opening& 
 
 void ServingGate::Join(const std::shared_ptr<Arrival>& arrival, const Opening& opening,
                        const LinkId& id, Tcp::socket daemon) {
+  if (!IsGood(*arrival)) {
+    table_.Ended(id, Reason::kNotValid);
+    return Refuse(arrival, Reason::kNotValid);
+  }
   auto link = std::make_unique<Link>();
   Link* const raw = link.get();
   link->id = id;
@@ -359,7 +371,8 @@ void ServingGate::Resume(const std::shared_ptr<Arrival>& arrival, const Opening&
   const auto found = links_.find(opening.id);
   if (found == links_.end()) return Refuse(arrival, Reason::kBusy);  // it has only just begun
   Link& link = *found->second;
-  if (link.claimed && !ProofOf(*link.claimed, arrival->names.names, users_)) {
+  if (!IsGood(*arrival) ||
+      (link.claimed && !ProofOf(*link.claimed, arrival->names.names, users_))) {
     return Refuse(arrival, Reason::kNotValid);
   }
   if (!link.end->stream().Accept(opening, Now())) return Refuse(arrival, Reason::kBrokenRules);

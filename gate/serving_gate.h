@@ -84,6 +84,7 @@ class ServingGate {
 
   std::string Judge(Link& link, const Claim& claim);
   std::string WhyNotGood(const Link& link) const;
+  bool IsGood(const Arrival& arrival) const;
   void Ended(const LinkId& id);
   void Tick();
   void LookAfterLinks(Time now);

@@ -13,14 +13,17 @@
 #include <string>
 #include <thread>
 #include <utility>
+#include <variant>
 #include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "gate/opening.h"
 #include "tests/gate/breaking_relay.h"
 #include "tests/gate/door.h"
 #include "tests/gate/echo_daemon.h"
+#include "tests/gate/raw_gate.h"
 #include "tests/support/bytes.h"
 #include "tests/support/delaying_relay.h"
 #include "tests/support/ports.h"
@@ -249,8 +252,9 @@ class RevocationTest : public ResumptionTest {
     door_->Restart(daemon_.port(), {"--revoked=" + list});
     relay_ = std::make_unique<BreakingRelay>(door_->serving().port());
   }
-  void Revoke() {
-    door_->authority().Revoke(door_->alice());
+  void Revoke() { Revoke(door_->alice()); }
+  void Revoke(const Identity& identity) {
+    door_->authority().Revoke(identity);
     door_->authority().List("list.crl");
     kill(door_->serving().pid(), SIGHUP);
     door_->serving().Await("reloaded");
@@ -278,6 +282,25 @@ TEST_F(RevocationTest, EndsABrokenLinkWhenItComesBack) {
   relay_->Recover();
   EXPECT_EQ(ReadExactly(link.get(), 1), "");
   EXPECT_EQ(gate->Await("ended")["how"], "the certificate is no longer accepted");
+}
+
+// The certificate was accepted before it was revoked, and the opening comes after that.
+TEST_F(RevocationTest, RefusesAConnectionThatIsOnlyJustBeginning) {
+  const Identity renewed = door_->authority().Issue("renewed", {.upn = "alice@example.com"});
+  const auto connect = [&](const Identity& identity) {
+    return RawGate(door_->serving().port(), identity, door_->authority().file());
+  };
+  RawGate link = connect(door_->alice());
+  link.Say(gate::BytesOf(gate::Opening{}));
+  const auto begun = std::get<gate::Answer>(gate::ReadAnswer(link.Hear(gate::Answer::kSize)));
+  RawGate beginning = connect(renewed);
+  RawGate resuming = connect(renewed);
+  Revoke(renewed);
+  beginning.Say(gate::BytesOf(gate::Opening{}));
+  EXPECT_EQ(beginning.Hear(gate::Answer::kSize), gate::Refusal(gate::Reason::kNotValid));
+  resuming.Say(gate::BytesOf(gate::Opening{.id = begun.id, .epoch = 1}));
+  EXPECT_EQ(resuming.Hear(gate::Answer::kSize), gate::Refusal(gate::Reason::kNotValid));
+  EXPECT_THAT(door_->serving().Lines("begun"), SizeIs(1));
 }
 
 TEST_F(RevocationTest, LeavesOthersAlone) {
