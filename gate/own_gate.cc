@@ -71,7 +71,7 @@ struct OwnGate::Running {
 };
 
 OwnGate::OwnGate(const Options& options) : running_(std::make_unique<Running>(options)) {
-  const SignalsBlocked blocked;  // the thread inherits that
+  [[maybe_unused]] const SignalsBlocked blocked;  // the thread inherits that
   running_->thread = std::thread([this] { running_->Run(); });
 }
 
