@@ -129,9 +129,9 @@ FILES
   diff "$work/control/conffiles" <(rpm -qp --configfiles "$(rpm_file jobmill-gate)")
 }
 
-@test "TlsIsTheGatesAloneAmongThePackages" {
+@test "DaemonAndSimulatorComeWithoutTls" {
   local name needs
-  for name in jobmill jobmill-client jobmill-simulator; do
+  for name in jobmill jobmill-simulator; do
     never grep -qE 'libssl|libcrypto' <(dpkg-deb -f "$(deb "$name")" Depends; rpm -qpR "$(rpm_file "$name")")
   done
   needs=$(dpkg-deb -f "$(deb jobmill-gate)" Depends)
