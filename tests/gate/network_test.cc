@@ -109,7 +109,7 @@ TEST(GateNetworkTest, RunOfManyWellsCutAtRandomMomentsIsTheUncutRun) {
     const auto gate = door.Connect(door.alice(), options, relay.port());
     std::vector<std::string> heard;
     {
-      const auto run = site.Start("CUT", DeckOf(wells), "20172", gate->port());
+      const auto run = site.Start(ahead ? "AHEAD" : "ASKED", DeckOf(wells), "20172", gate->port());
       if (ahead) run->AskOneByOne();
       std::atomic<bool> stop = false;
       std::thread cutter([&] {
@@ -128,7 +128,8 @@ TEST(GateNetworkTest, RunOfManyWellsCutAtRandomMomentsIsTheUncutRun) {
       run->Shutdown();
     }
     EXPECT_EQ(gate->Await("ended")["how"], "both ends have finished");
-    const auto uncut = site.Start("UNCUT", DeckOf(wells));
+    EXPECT_TRUE(site.IsQuiet(ahead ? "AHEAD" : "ASKED"));
+    const auto uncut = site.Start(ahead ? "AHEAD_UNCUT" : "ASKED_UNCUT", DeckOf(wells));
     for (std::size_t i = 0; i < heard.size(); ++i) {
       uncut->RunUntil(static_cast<double>(i + 1));
       ASSERT_TRUE(Said(uncut->GetWellData(names)) == heard[i]) << "day " << i + 1;
