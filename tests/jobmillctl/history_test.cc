@@ -394,4 +394,16 @@ TEST(HistoryCommandTest, TimesThatAreNoneAreRefused) {
               HasSubstr("'no-such-run' is no run that has ended and that a log tells of"));
 }
 
+TEST_F(BundleTest, YesIsAskedForAndAllIsRootsToSee) {
+  StartDaemon({"-u", "-o", std::to_string(RunsSite::FreePorts())}, "-");
+  EXPECT_EQ(Ask("MUTE").Receive(), "No host detected");
+  const std::string id = HistoryOf(*daemon_).at("MUTE").at("id").get<std::string>();
+  const Outcome outcome = Jobmillctl({"bundle", id, file_}, {}, "yes\n");
+  EXPECT_EQ(outcome.status, 0) << outcome.err;
+  EXPECT_THAT(outcome.out, HasSubstr(file_ + " is written; only this account can read it\n"));
+  EXPECT_THAT(outcome.out, HasSubstr(", other accounts' runs\n"));
+  EXPECT_EQ(Jobmillctl({"bundle", id, out_.File("no/such/directory")}, {}, "y\n").status, 1);
+  EXPECT_EQ(Jobmillctl({"bundle", id, out_.File("x")}, {"TMPDIR=/proc"}, "y\n").status, 1);
+}
+
 }  // namespace

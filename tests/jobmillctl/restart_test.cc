@@ -88,4 +88,64 @@ TEST_F(RestartTest, IdleMomentIsWaitedForAndNotTooLong) {
   EXPECT_THAT(Asked(), HasSubstr("\nrestart jobmill.service\n"));
 }
 
+TEST_F(RestartTest, ServiceManagerThatIsMissingOrFailsIsSaid) {
+  const TemporaryDirectory none;
+  const auto error = [&](const std::string& script) {
+    if (!script.empty()) chmod(none.Write("systemctl", "#!/bin/sh\n" + script).c_str(), 0755);
+    const Outcome outcome = Jobmillctl({"restart"}, {"PATH=" + none.path().string()});
+    EXPECT_EQ(outcome.status, 1);
+    return outcome.err;
+  };
+  EXPECT_THAT(error(""), HasSubstr("systemctl: No such file or directory"));
+  const std::string failed = "systemctl show --property MainPID --value jobmill.service failed";
+  EXPECT_THAT(error("exit 1\n"), HasSubstr(failed));
+  EXPECT_THAT(error("kill -KILL $$\n"), HasSubstr(failed));
+  EXPECT_THAT(error("echo 1\n"),
+              HasSubstr("process 1 of jobmill.service does not listen for masters"));
+}
+
+TEST_F(RestartTest, ServiceThatDoesNotRunIsStarted) {
+  const TemporaryDirectory own;
+  chmod(own.Write("systemctl", "#!/bin/sh\necho 0\n").c_str(), 0755);
+  const Outcome outcome =
+      Jobmillctl({"restart"}, {"PATH=" + own.path().string() + ":/usr/bin:/bin"});
+  EXPECT_EQ(outcome.status, 0) << outcome.err;
+  EXPECT_EQ(outcome.out, "jobmill.service is restarted\n");
+}
+
+TEST_F(RestartTest, NamesThatAreNoneAreRefused) {
+  EXPECT_EQ(Restart({""}).status, 2);
+  EXPECT_EQ(Restart({"--", "-x"}).status, 2);
+}
+
+TEST_F(RestartTest, AllButAFewOfManyConnectionsAreCounted) {
+  // The side that closes first, the daemon's here, has the port for a minute.
+  TestMaster& ended = site_.Request("QUEUED");
+  ASSERT_TRUE(site_.WaitForState("QUEUED", "waiting for the script"));
+  EXPECT_EQ(Jobmillctl({"end", "--yes", site_.Run("QUEUED").at("id").dump()}).status, 0);
+  ended.Receive();  // the refusal
+  EXPECT_TRUE(ended.SeesEndWithin(5));
+  ended.Leave();
+  for (int i = 0; i < 11; ++i) site_.Greet();
+  ASSERT_TRUE(Eventually([&] { return site_.Runs().size() == 11; }));
+  const Outcome outcome = Restart({});
+  EXPECT_EQ(outcome.status, 1);
+  const std::string port = "Port " + std::to_string(site_.daemon().port()) + " is held by ";
+  EXPECT_THAT(outcome.out, testing::EndsWith(port + "2 connections more\n"));
+  EXPECT_THAT(outcome.err, HasSubstr("until the last of these connections has ended"));
+}
+
+TEST_F(RestartTest, ConnectionThatHasEndedHoldsThePortForAWhile) {
+  TestMaster& ended = site_.Request("QUEUED");
+  ASSERT_TRUE(site_.WaitForState("QUEUED", "waiting for the script"));
+  EXPECT_EQ(Jobmillctl({"end", "--yes", site_.Run("QUEUED").at("id").dump()}).status, 0);
+  ended.Receive();  // the refusal
+  EXPECT_TRUE(ended.SeesEndWithin(5));
+  const std::string half = Restart({}).out;
+  EXPECT_THAT(half, HasSubstr(" is held by a connection from 127.0.0.1:"));
+  ended.Leave();
+  EXPECT_TRUE(Eventually(
+      [&] { return Restart({}).out.find(" that has ended, for another ") != std::string::npos; }));
+}
+
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -15,11 +16,15 @@
 #include "tests/jobmillctl/jobmillctl.h"
 #include "tests/jobmillctl/status_server.h"
 #include "tests/support/bytes.h"
+#include "tools/jobmillctl/command.h"
 #include "tools/jobmillctl/measures.h"
 #include "tools/jobmillctl/run_view.h"
 #include "tools/jobmillctl/serve/board.h"
+#include "tools/jobmillctl/serve/fields.h"
 #include "tools/jobmillctl/serve/html.h"
 #include "tools/jobmillctl/serve/metrics.h"
+#include "tools/jobmillctl/serve/plot.h"
+#include "tools/jobmillctl/serve/server.h"
 
 namespace jobmillctl::serve {
 namespace {
@@ -592,6 +597,294 @@ TEST(ServerTest, AddressIsANumber) {
       Jobmillctl({"serve", "--listen", "127.0.0.1:" + std::to_string(server.port())});
   EXPECT_EQ(taken.status, 1);
   EXPECT_THAT(taken.err, HasSubstr("Address already in use"));
+}
+
+// A run that has ended, as `history --json` tells it.
+Json EndedRunOf(const std::string& root, double began, const std::string& ending, bool failed) {
+  return {{"id", "5000-1"},
+          {"port", 5000},
+          {"root", root},
+          {"path", "/data/"},
+          {"ending", ending},
+          {"failed", failed},
+          {"sentence", "Why"},
+          {"connected", TimeText(began)},
+          {"ended", TimeText(began + 60)},
+          {"lasted_seconds", 60},
+          {"doubts", Json::array()},
+          {"places", {{{"file", "/data/x.crvnlog"}, {"line", 3}}}}};
+}
+
+void SetHistory(Site& site, const Json& runs, double now) {
+  site.snapshot()["history"] = {
+      {"ok", true},
+      {"time", now},
+      {"document", {{"schema", 1}, {"runs", runs}, {"missing", {"/var/log: no\x1b"}}}}};
+  site.Write();
+}
+
+TEST(EndedTest, FailedOnesCanBeShownAlone) {
+  Site site;
+  const double now = inspect::Now();
+  site.Write({}, now);
+  Json good = EndedRunOf("GOOD", now - 100, "shut down", false);
+  Json bad = EndedRunOf("BAD", now - 50, "no host", true);
+  bad["doubts"] = {"its lines are <mixed>"};
+  bad["places"][0]["line"] = 0;
+  SetHistory(site, {good, bad}, now);
+  const std::string all = site.Ask("/");
+  EXPECT_THAT(all, AllOf(HasSubstr("GOOD"), HasSubstr("BAD"), HasSubstr("x.crvnlog:3</small>"),
+                         HasSubstr("x.crvnlog</small>"), HasSubstr("Not known: /var/log: no")));
+  EXPECT_THAT(all, HasSubstr("<small>not certain: its lines are &lt;mixed&gt;</small>"));
+  EXPECT_LT(all.find("BAD"), all.find("GOOD"));
+  const std::string failed = site.Ask("/?ended=failed");
+  EXPECT_THAT(failed, AllOf(Not(HasSubstr("GOOD")), HasSubstr("BAD")));
+  EXPECT_THAT(site.Ask("/?text=good"), Not(HasSubstr("BAD")));
+  EXPECT_THAT(site.Ask("/?text=nobody"), HasSubstr("<p>None.</p>"));
+  const auto metrics = SamplesOf(site.Ask("/metrics"));
+  EXPECT_EQ(metrics.at("jobmill_recent_endings{ending=\"shut down\"}"), "1");
+  EXPECT_EQ(metrics.at("jobmill_recent_endings{ending=\"no host\"}"), "1");
+  EXPECT_EQ(metrics.at("jobmill_recent_endings{ending=\"refused\"}"), "0");
+  EXPECT_EQ(Json::parse(site.Ask("/api/history")).at("runs").size(), 2U);
+}
+
+TEST(EndedTest, OldOnesAreNoRecentEndingsAndOnlyTheLastAreShown) {
+  Site site;
+  const double now = inspect::Now();
+  site.Write({}, now);
+  Json runs = Json::array();
+  for (int i = 0; i < 2000; ++i) {
+    runs.push_back(EndedRunOf("RUN" + std::to_string(i) + ".", now - 200'000 + i, "no host", true));
+  }
+  SetHistory(site, runs, now);
+  EXPECT_EQ(SamplesOf(site.Ask("/metrics")).at("jobmill_recent_endings{ending=\"no host\"}"), "0");
+  EXPECT_THAT(site.Ask("/"), AllOf(HasSubstr("RUN1999."), Not(HasSubstr("RUN0."))));
+}
+
+TEST(EndedTest, RunThatWasSeenIsLinkedUnlessTwoCouldBeMeant) {
+  Site site;
+  const double now = inspect::Now();
+  inspect::Runs found;
+  for (const int id : {1, 2, 3, 4}) {
+    found.runs.push_back(RunOf(id, inspect::RunState::kMaster, now - 100));
+    found.runs.back().began = now - 100;
+  }
+  found.runs[2].root = found.runs[3].root = "TWICE";
+  found.runs[1].began = std::nullopt;
+  site.Write(found, now - 50);
+  site.Write({}, now);
+  Json other_port = EndedRunOf("CASE1", now - 100, "shut down", false);
+  other_port["port"] = 5001;
+  Json no_time = EndedRunOf("CASE1", now - 100, "shut down", false);
+  no_time["connected"] = nullptr;
+  const auto linked = [&](const Json& run) {
+    SetHistory(site, Json::array({run}), now);
+    return site.Ask("/").find("how it ran") != std::string::npos;
+  };
+  EXPECT_TRUE(linked(EndedRunOf("CASE1", now - 100, "shut down", false)));
+  EXPECT_FALSE(linked(EndedRunOf("CASE1", now - 90, "shut down", false)));
+  EXPECT_FALSE(linked(EndedRunOf("CASE2", now - 100, "shut down", false)));
+  EXPECT_FALSE(linked(EndedRunOf("TWICE", now - 100, "shut down", false)));
+  EXPECT_FALSE(linked(other_port));
+  EXPECT_FALSE(linked(no_time));
+}
+
+TEST(FindingsTest, ConfigurationIsShownWithItsAge) {
+  Site site;
+  const double now = inspect::Now();
+  site.Write({}, now);
+  EXPECT_THAT(site.Ask("/"), HasSubstr("It has not been looked at yet."));
+  const auto check = [&](const Json& part) {
+    site.snapshot()["check"] = part;
+    site.Write();
+    return site.Ask("/");
+  };
+  EXPECT_THAT(check({{"ok", false}, {"time", now - 10}}), HasSubstr("not been looked at yet."));
+  EXPECT_THAT(check({{"ok", false}, {"time", now - 1000}}), HasSubstr("It could not be looked at"));
+  const Json counts = {{"error", 0}, {"warning", 0}, {"unchecked", 0}};
+  EXPECT_THAT(check({{"ok", true},
+                     {"time", now - 130},
+                     {"document", {{"findings", Json::array()}, {"counts", counts}}}}),
+              AllOf(HasSubstr("found 2m ago"), HasSubstr("Nothing is wrong.")));
+  Json findings = Json::array();
+  for (const char* severity : {"error", "warning", "unchecked"}) {
+    findings.push_back({{"id", "users.star"},
+                        {"severity", severity},
+                        {"what", "w"},
+                        {"consequence", "c"},
+                        {"remedy", "r"},
+                        {"file", "/etc/users"},
+                        {"line", findings.size()}});
+  }
+  const Json some = {{"error", 1}, {"warning", 1}, {"unchecked", 1}};
+  EXPECT_THAT(
+      check(
+          {{"ok", true}, {"time", now}, {"document", {{"findings", findings}, {"counts", some}}}}),
+      AllOf(HasSubstr("/etc/users<small>"), HasSubstr("/etc/users:1<small>"),
+            HasSubstr("/etc/users:2<small>")));
+  EXPECT_EQ(SamplesOf(site.Ask("/metrics")).at("jobmill_check_findings{severity=\"error\"}"), "1");
+  EXPECT_EQ(Json::parse(site.Ask("/api/check")).at("counts"), some);
+}
+
+TEST(PageTest, DaemonThatIsOlderAndWhatIsMissingAreSaid) {
+  Site site;
+  inspect::Runs found;
+  found.daemons = {DaemonOf(5000)};
+  found.daemons[0].older = true;
+  found.daemons[0].program = "/opt/vkjobmill.exe (deleted)";
+  found.missing = {"sockets: <none>"};
+  site.Write(found, inspect::Now());
+  EXPECT_THAT(site.Ask("/"),
+              AllOf(HasSubstr("it serves with an older program than the one that is installed"),
+                    HasSubstr("Not known: sockets: &lt;none&gt;")));
+}
+
+TEST(PageTest, CollectorThatIsSilentIsSaidWithTheTrouble) {
+  Site site;
+  site.Write({}, inspect::Now() - 1000);
+  EXPECT_THAT(site.Ask("/"), HasSubstr("The collector has not been heard since. What follows"));
+  std::filesystem::remove(site.file());
+  site.board().Refresh();
+  EXPECT_THAT(site.Ask("/"), HasSubstr("has not been heard since (" + site.file() + ": No such"));
+}
+
+TEST(PageTest, RunsOfWhichLittleIsKnown) {
+  Site site;
+  const double now = inspect::Now();
+  inspect::Runs found;
+  inspect::Run unknown = RunOf(1, inspect::RunState::kUnknown, now);
+  unknown.since = std::nullopt;
+  unknown.unknown = {{"state", "it <changed>"}, {"host", "nobody tells"}, {"root", "x"}};
+  inspect::Run listens = RunOf(2, inspect::RunState::kSimulatorListens, now);
+  listens.waits_for = "a simulator";
+  inspect::Run elsewhere = RunOf(3, inspect::RunState::kSimulator, now);
+  inspect::Run here = elsewhere;
+  here.id.pid = 4;
+  here.simulator = 9;
+  inspect::Run ended = RunOf(5, inspect::RunState::kEnded, now);
+  ended.cause = "the master shut it down";
+  found.runs = {unknown, listens, elsewhere, here, ended};
+  site.Write(found, now);
+  EXPECT_THAT(site.Ask("/"), AllOf(HasSubstr("it &lt;changed&gt;"),
+                                   HasSubstr("its simulator is not seen from this machine"),
+                                   HasSubstr("not known before the next look"),
+                                   HasSubstr("the master shut it down")));
+  EXPECT_THAT(site.Ask("/runs/1"), AllOf(HasSubstr("not known: nobody tells"),
+                                         Not(HasSubstr("not known: x")), HasSubstr("neither")));
+  EXPECT_THAT(site.Ask("/?state=lost"), HasSubstr("No run fits the filter."));
+}
+
+TEST(PageTest, TimesOfOtherFormsAreShownAsTheyAre) {
+  Site site;
+  const double now = inspect::Now();
+  inspect::Runs found;
+  found.daemons = {DaemonOf(5000)};
+  for (const Json& time : {Json("soon<"), Json("2026-11-22 10:40:19 or so"), Json(7)}) {
+    site.Write(found, now);
+    site.snapshot()["runs"]["document"]["status"]["daemons"][0]["since"] = time;
+    site.Write();
+    const std::string shown =
+        time.is_string() ? time == "soon<" ? "soon&lt;" : time.get<std::string>() : "–";
+    EXPECT_THAT(site.Ask("/"), HasSubstr(" since " + shown + ";"));
+  }
+}
+
+TEST(TimelineTest, LongRunHasDaysAtItsTimesAndOnlyItsLastStates) {
+  Site site;
+  const double begin = kNoon;
+  for (int i = 0; i < 600; ++i) {
+    inspect::Runs found;
+    const auto state = i % 2 == 0 ? inspect::RunState::kMaster : inspect::RunState::kSimulator;
+    found.runs = {RunOf(1, state, begin + i * 300)};
+    site.Write(found, begin + i * 300);
+  }
+  const std::string page = site.Ask("/runs/1");
+  EXPECT_THAT(page, HasSubstr("the last 500"));
+  EXPECT_TRUE(std::regex_search(page, std::regex(">[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}</text>")));
+  const std::string table = page.substr(page.find("States, the last first"));
+  const std::string rows = table.substr(0, table.find("</table>"));
+  const std::regex row("<tr><td>");
+  EXPECT_EQ(std::distance(std::sregex_iterator(rows.begin(), rows.end(), row), {}), 30);
+}
+
+TEST(TimelineTest, OtherSimulatorOrTimeThatStandsStillTellsNoProcessors) {
+  const auto status = [](std::optional<pid_t> simulator, std::optional<double> used, double now) {
+    inspect::Runs found;
+    inspect::Run run = RunOf(1, inspect::RunState::kSimulator, kNoon);
+    run.simulator = simulator;
+    run.simulator_seconds = used;
+    found.runs = {run};
+    return JsonOf(found, now);
+  };
+  const auto processors = [&](std::optional<pid_t> simulator, std::optional<double> used,
+                              double now) {
+    Timelines timelines;
+    timelines.Add(status(17, 5, kNoon), kNoon);
+    timelines.Add(status(simulator, used, now), now);
+    return timelines.Find("1")->processors();
+  };
+  EXPECT_EQ(processors(17, 10, kNoon + 5), 1.0);
+  EXPECT_FALSE(processors(18, 10, kNoon + 5));
+  EXPECT_FALSE(processors(17, std::nullopt, kNoon + 5));
+  EXPECT_FALSE(processors(17, 10, kNoon));
+}
+
+TEST(TimelineTest, RunThatWasNotSeenHasNone) {
+  Timelines timelines;
+  inspect::Runs found;
+  found.runs = {RunOf(1, inspect::RunState::kMaster, kNoon)};
+  const Json status = JsonOf(found, kNoon);
+  EXPECT_EQ(timelines.Of(status.at("runs").at(0)), nullptr);
+  timelines.Add(status, kNoon);
+  EXPECT_NE(timelines.Of(status.at("runs").at(0)), nullptr);
+}
+
+TEST(PlotTest, StatesOfOtherNamesAreUnknown) {
+  EXPECT_EQ(ColourOf("a state of a later version"), "unknown");
+  EXPECT_EQ(ColourOf("unknown"), "unknown");
+  const std::string bars =
+      Bars({{"later", kNoon, kNoon + 1}, {"lost", kNoon + 1, kNoon + 2}}, kNoon, kNoon + 2);
+  EXPECT_THAT(bars, AllOf(HasSubstr("<title>unknown</title>"), HasSubstr("<title>lost</title>"),
+                          Not(HasSubstr("later"))));
+}
+
+TEST(HtmlTest, EachKindOfCharacterThatCannotBeSeenIsWritten) {
+  EXPECT_EQ(Html("\u00ad\u061c\u200b\u2028\u2060\ufeff\ufff9\U000e0001"),
+            "\\u{ad}\\u{61c}\\u{200b}\\u{2028}\\u{2060}\\u{feff}\\u{fff9}\\u{e0001}");
+  EXPECT_EQ(QueryValue("aZ0-._{~[/"), "aZ0-._%7B%7E%5B%2F");
+}
+
+TEST(TargetTest, PercentSignsWithoutTheirDigitsStay) {
+  EXPECT_EQ(ReadTarget("/%4g%/%:1%4@%zz%41").path, "/%4g%/%:1%4@%zzA");
+}
+
+TEST(FieldsTest, TimesWithMoreBehindThemAreNone) {
+  EXPECT_TRUE(TimeIn(Json("2026-11-22T10:40:19+01:00")));
+  EXPECT_FALSE(TimeIn(Json("2026-11-22T10:40:19+01:00 x")));
+}
+
+TEST(BoardTest, SnapshotsThatCannotBeReadAreSaid) {
+  const TemporaryDirectory directory;
+  const std::string file = directory.File("snapshot.json");
+  Board board(file, {});
+  const auto trouble = [&] {
+    board.Refresh();
+    return board.Answer({"GET", "/", "localhost"}).body;
+  };
+  ASSERT_EQ(symlink("/etc/passwd", file.c_str()), 0);
+  EXPECT_THAT(trouble(), HasSubstr("it is a link"));
+  std::filesystem::remove(file);
+  directory.Write("snapshot.json", "{\"schema\": 2}");
+  EXPECT_THAT(trouble(), HasSubstr("it is of another version"));
+  std::filesystem::resize_file(file, (64 << 20) + 1);
+  EXPECT_THAT(trouble(), HasSubstr("it is too long"));
+}
+
+TEST(ServerTest, AddressOfIPv6StandsInBrackets) {
+  EXPECT_EQ(ReadAddress("[::1]:9480").host, "::1");
+  for (const char* text : {"[::1:9480", "::1]:9480", "127.0.0.1:123456", "127.0.0.1:70000"}) {
+    EXPECT_THROW(ReadAddress(text), Failed) << text;
+  }
 }
 
 }  // namespace

@@ -11,6 +11,8 @@
 #include <gtest/gtest.h>
 
 #include "inspect/process.h"
+#include "inspect/runs.h"
+#include "tests/inspect/own_view.h"
 #include "tests/jobmillctl/jobmillctl.h"
 #include "tests/jobmillctl/runs_site.h"
 #include "tests/support/bytes.h"
@@ -240,6 +242,116 @@ TEST(StatusTest, ManyConnectionsAreCheap) {
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // with which all costs more
   EXPECT_LT(least, 0.25);
 #endif
+}
+
+TEST(StatusTest, StoppedRunIsSaidToBeStopped) {
+  RunsSite site;
+  site.Connect("CASE");
+  const auto id = site.Run("CASE").at("id").get<pid_t>();
+  kill(id, SIGSTOP);
+  EXPECT_TRUE(
+      Eventually([&] { return site.Run("CASE").at("waits_for") == "a signal: it is stopped"; }));
+  kill(id, SIGCONT);
+}
+
+TEST(StatusTest, MasterThatLeavesDuringAStepIsSaidToHaveLeft) {
+  RunsSite site;
+  TestMaster& master = site.Connect("STEP");
+  master.Send(Bytes("07 00 00 00"));
+  ASSERT_TRUE(site.WaitForState("STEP", kSimulator));
+  master.Leave();
+  EXPECT_TRUE(Eventually([&] {
+    const json run = site.Run("STEP");
+    return run.is_object() &&
+           run.at("waits_for").get<std::string>().ends_with("; the master has left");
+  }));
+}
+
+TEST(StatusTest, LogsThatWereRemovedAreSaidToBe) {
+  RunsSite site;
+  site.Connect("CASE");
+  ASSERT_TRUE(site.WaitForState("CASE", kMaster));
+  std::filesystem::remove(site.data().File("CASE.crvnlog"));
+  const json run = site.Run("CASE");
+  EXPECT_EQ(run.at("unknown").at("comms_log"), "it was removed or replaced");
+  EXPECT_EQ(run.at("windows_user"), "alice");
+}
+
+TEST(StatusTest, DaemonWhoseProgramWasReplacedIsSaidToBeOlder) {
+  RunsSite site;
+  std::filesystem::remove(site.daemon().directory().File("vkjobmill.exe"));
+  const json document = json::parse(Jobmillctl({"status", "--json"}).out);
+  for (const json& daemon : document.at("daemons")) {
+    if (daemon.at("port") == site.daemon().port()) {
+      EXPECT_EQ(daemon.at("older_program"), true);
+    }
+  }
+  EXPECT_THAT(Jobmillctl({"status"}).out,
+              HasSubstr(", with an older program than the one that is installed\n"));
+}
+
+// The only run of a daemon is known by its connections, whoever looks.
+TEST(StatusTest, OnlyRunIsKnownWithoutRights) {
+  if (getuid() != 0) GTEST_SKIP() << "needs root";
+  RunsSite site;
+  TestMaster& master = site.Connect("STEP");
+  const auto state = [&] {
+    const auto runs = site.RunsForNobody();
+    return runs.size() == 1 ? runs[0].at("state").get<std::string>() : "";
+  };
+  EXPECT_TRUE(Eventually([&] { return state() == kMaster; }));
+  master.Send(Bytes("07 00 00 00"));
+  EXPECT_TRUE(Eventually([&] { return state() == kSimulator; }));
+}
+
+TEST(StatusTest, HandshakeUnderRootIsKnownWithoutRights) {
+  if (getuid() != 0) GTEST_SKIP() << "needs root";
+  RunningDaemon::Options options;
+  options.arguments = {"-l"};
+  const RunningDaemon daemon(options);
+  TestMaster master(daemon.port());
+  master.Receive();
+  const std::string found = AsNobody([&] {
+    std::string states;
+    for (const inspect::Run& run : inspect::FindRuns().runs) {
+      if (run.daemon == daemon.pid()) states += Name(run.state);
+    }
+    return states;
+  });
+  EXPECT_EQ(found, kHandshake);
+}
+
+TEST(CollectTest, OneLookIsWrittenWhereItCanBe) {
+  const TemporaryDirectory directory;
+  const std::string file = directory.File("snapshot.json");
+  const Outcome outcome = Jobmillctl({"collect", "--once", "--snapshot", file});
+  EXPECT_EQ(outcome.status, 0) << outcome.err;
+  const json snapshot = json::parse(directory.Read("snapshot.json"));
+  for (const char* part : {"runs", "history", "check"}) {
+    EXPECT_EQ(snapshot.at(part).at("ok"), true) << part;
+  }
+  const Outcome nowhere =
+      Jobmillctl({"collect", "--once", "--snapshot", directory.File("no/snapshot.json")});
+  EXPECT_EQ(nowhere.status, 1);
+  EXPECT_THAT(nowhere.err, HasSubstr("no/snapshot.json cannot be written: No such file"));
+}
+
+TEST(TableTest, LinesEndWhereTheTerminalDoes) {
+  RunsSite site;
+  site.Connect("CASE");
+  const TemporaryDirectory directory;
+  ChildProcess::Options options;
+  options.output_file = directory.File("out");
+  ChildProcess script(
+      {"/usr/bin/script", "-qec",
+       "stty cols 30 rows 20; " + ProgramDirectory() + "/jobmillctl status", "/dev/null"},
+      options);
+  EXPECT_EQ(script.Wait(std::chrono::seconds(30)), 0);
+  const std::string out = directory.Read("out");
+  EXPECT_THAT(out, HasSubstr("RUN"));
+  for (std::size_t begin = 0; begin < out.size(); begin = out.find('\n', begin) + 1) {
+    EXPECT_LE(out.find_first_of("\r\n", begin) - begin, 30U);
+  }
 }
 
 }  // namespace

@@ -1,7 +1,10 @@
 #include <errno.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/file.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -13,8 +16,10 @@
 #include <gtest/gtest.h>
 
 #include "base/descriptor.h"
+#include "tests/inspect/own_view.h"
 #include "tests/jobmillctl/jobmillctl.h"
 #include "tests/support/temporary_directory.h"
+#include "tools/jobmillctl/user_edit.h"
 
 namespace {
 
@@ -253,6 +258,94 @@ TEST_F(UsersTest, MissingFileIsNotMade) {
   const Outcome outcome = Users({"add", "alice", kAccount});
   EXPECT_EQ(outcome.status, 1);
   EXPECT_THAT(outcome.err, HasSubstr("is not there"));
+}
+
+// What an edit says where the system refuses it something, and the file stays as it was.
+std::string EditWithout(const std::string& directory, long number, CallAnswer answer) {
+  return WithAnsweredCall(static_cast<int>(number), answer, [&]() -> std::string {
+    try {
+      jobmillctl::EditUserFile(directory, [](const inspect::UserFile&, auto& lines) {
+        lines.emplace_back("bob daemon 1");
+        return true;
+      });
+      return "edited";
+    } catch (const std::exception& error) {
+      return error.what();
+    }
+  });
+}
+
+TEST_F(UsersTest, WhatTheSystemRefusesChangesNothing) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root";
+  Write("alice daemon 1\n");
+  const std::string lib = directory_.File("lib");
+  const auto refused = []() -> long { return -EIO; };
+  for (const long number :
+       {SYS_openat, SYS_flock, SYS_mkdir, SYS_fchown, SYS_fchmod, SYS_fsync, SYS_rename}) {
+    const std::string error = EditWithout(lib, number, refused);
+    EXPECT_THAT(error, testing::EndsWith(": Input/output error; nothing was changed")) << number;
+    EXPECT_EQ(Text(), "alice daemon 1\n") << number;
+  }
+  // A draft that finds no room.
+  const std::string error = InProcess([&] {
+    signal(SIGXFSZ, SIG_IGN);
+    const rlimit none{0, 0};
+    setrlimit(RLIMIT_FSIZE, &none);
+    return EditWithout(lib, SYS_sync, refused);
+  });
+  EXPECT_THAT(error, StartsWith("cannot write in "));
+  EXPECT_EQ(Text(), "alice daemon 1\n");
+  EXPECT_EQ(EditWithout(lib, SYS_sync, refused), "edited");
+  EXPECT_EQ(Text(), "alice daemon 1\nbob daemon 1\n");
+}
+
+TEST_F(UsersTest, WhoMayNotReadOrWriteTheFileIsToldSo) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root";
+  Write("alice daemon 1\n");
+  chmod(directory_.path().c_str(), 0755);
+  const std::string lib = directory_.File("lib");
+  const auto edit = [&](const std::string& line) {
+    return AsNobody([&]() -> std::string {
+      try {
+        jobmillctl::EditUserFile(lib, [&](const inspect::UserFile&, auto& lines) {
+          lines.push_back(line);
+          return true;
+        });
+        return "edited";
+      } catch (const std::exception& error) {
+        return error.what();
+      }
+    });
+  };
+  EXPECT_THAT(edit("bob daemon 1"), StartsWith("cannot read "));
+  chmod(directory_.File("etc/users").c_str(), 0644);
+  EXPECT_THAT(edit("bob daemon 1"), StartsWith("cannot write in "));
+}
+
+TEST_F(UsersTest, RecordsThatTheDaemonWouldNotReadAreNotWritten) {
+  Write("alice daemon 1\n");
+  const auto edit = [&](const auto& change) -> std::string {
+    try {
+      jobmillctl::EditUserFile(directory_.File("lib"), change);
+      return "edited";
+    } catch (const std::exception& error) {
+      return error.what();
+    }
+  };
+  EXPECT_EQ(edit([](const inspect::UserFile&, std::vector<std::string>& lines) {
+              lines.insert(lines.begin(), "no record");
+              return true;
+            }),
+            "the daemon would not read all records; nothing was changed");
+  EXPECT_EQ(edit([](const inspect::UserFile&, std::vector<std::string>&) { return false; }),
+            "edited");
+  EXPECT_THAT(edit([&](const inspect::UserFile&, std::vector<std::string>& lines) {
+                Write("mallory daemon 1\n");
+                lines.emplace_back("bob daemon 1");
+                return true;
+              }),
+              testing::EndsWith(" was changed by somebody else meanwhile; nothing was changed"));
+  EXPECT_EQ(Text(), "mallory daemon 1\n");
 }
 
 }  // namespace

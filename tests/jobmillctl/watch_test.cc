@@ -7,6 +7,8 @@
 #include <unistd.h>
 
 #include <array>
+#include <string>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -36,14 +38,16 @@ TEST(WatchTest, EachChangeIsALineWhereThereIsNoTerminal) {
 // A terminal with jobmillctl in it.
 class Terminal {
  public:
-  Terminal() {
+  // With further arguments. A terminal that does not know its size says 0.
+  explicit Terminal(const std::vector<std::string>& arguments = {}, unsigned short rows = 30) {
     winsize size{};
-    size.ws_row = 30;
-    size.ws_col = 120;
+    size.ws_row = rows;
+    size.ws_col = rows == 0 ? 0 : 120;
     pid_ = forkpty(&master_, nullptr, nullptr, &size);
     if (pid_ == 0) {
       const std::string program = ProgramDirectory() + "/jobmillctl";
-      execl(program.c_str(), program.c_str(), "status", "--watch", nullptr);
+      const char* const run = arguments.empty() ? nullptr : arguments[0].c_str();
+      execl(program.c_str(), program.c_str(), "status", "--watch", run, nullptr);
       _exit(127);
     }
   }
@@ -54,6 +58,8 @@ class Terminal {
     waitpid(pid_, nullptr, 0);
     close(master_);
   }
+
+  void Interrupt() const { kill(pid_, SIGINT); }
 
   void Press(const std::string& keys) const {
     EXPECT_EQ(write(master_, keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
@@ -103,6 +109,68 @@ TEST(WatchTest, KeysSortFilterOpenAndEnd) {
   EXPECT_TRUE(terminal.Shows("sort (by state)"));
   terminal.Press("q");
   EXPECT_TRUE(terminal.Shows("\x1b[?25h\x1b[?1049l"));  // the terminal is as it was
+}
+
+TEST(WatchTest, FurtherKeysChooseFilterAndSort) {
+  RunsSite site;
+  site.Connect("CASE");
+  site.Request("QUEUED");
+  ASSERT_TRUE(site.WaitForState("QUEUED", "waiting for the script"));
+  const std::string first = site.Run("CASE").at("id").dump();
+  const std::string second = site.Run("QUEUED").at("id").dump();
+  Terminal terminal;
+  for (const char* order : {"state", "account", "time in state", "port and start"}) {
+    terminal.Press("s");
+    EXPECT_TRUE(terminal.Shows(std::string("sort (by ") + order + ")"));
+  }
+  terminal.Press("/" + site.data().path().string() + "xy\x01\x7f");
+  EXPECT_TRUE(terminal.Shows("Filter: " + site.data().path().string() + "x_"));
+  terminal.Press("\x7f\n");
+  EXPECT_TRUE(terminal.Shows("/: filter (" + site.data().path().string() + ")"));
+  EXPECT_TRUE(terminal.Shows(">" + first + " "));
+  terminal.Press("kjz");
+  EXPECT_TRUE(terminal.Shows(">" + second + " "));
+  terminal.Press("k");
+  EXPECT_TRUE(terminal.Shows(">" + first + " "));
+  // No run has that name.
+  terminal.Press(
+      "/\x7f"
+      "no run has this name\r");
+  EXPECT_TRUE(terminal.Shows("filter (no run has this name)"));
+  terminal.Press("\r");
+  EXPECT_TRUE(terminal.Shows("filter (no run has this name)"));
+  terminal.Press("q");
+  EXPECT_TRUE(terminal.Shows("\x1b[?25h\x1b[?1049l"));
+}
+
+TEST(WatchTest, RunThatEndsWhileItIsShownSaysHow) {
+  RunsSite site;
+  site.Connect("CASE");
+  const std::string id = site.Run("CASE").at("id").dump();
+  Terminal terminal({id}, 0);
+  EXPECT_TRUE(terminal.Shows("root                   CASE"));
+  EXPECT_EQ(Jobmillctl({"end", "--yes", id}).status, 0);
+  EXPECT_TRUE(terminal.Shows("The run has ended: "));
+  terminal.Interrupt();
+  EXPECT_TRUE(terminal.Shows("\x1b[?25h\x1b[?1049l"));
+}
+
+TEST(WatchTest, AllRunsAreWatchedUntilASignal) {
+  RunsSite site;
+  const TemporaryDirectory directory;
+  ChildProcess::Options options;
+  options.output_file = directory.File("out");
+  ChildProcess watch({ProgramDirectory() + "/jobmillctl", "status", "--watch"}, options);
+  const std::string data = site.data().path().string();
+  const auto has = [&](const std::string& text) {
+    return directory.Read("out").find(text) != std::string::npos;
+  };
+  site.Connect("CASE");
+  EXPECT_TRUE(Eventually([&] { return has(data + "/CASE): waiting for the master\n"); }));
+  EXPECT_EQ(Jobmillctl({"end", "--yes", site.Run("CASE").at("id").dump()}).status, 0);
+  EXPECT_TRUE(Eventually([&] { return has(data + "/CASE): ended"); }));
+  watch.Signal(SIGTERM);
+  EXPECT_EQ(watch.Wait(std::chrono::seconds(20)), 0);
 }
 
 }  // namespace

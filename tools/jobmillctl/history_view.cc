@@ -25,10 +25,8 @@ Json TimeOrNull(const std::optional<double>& time) {
   return time ? Json(TimeText(*time)) : Json(nullptr);
 }
 
-std::optional<double> Between(const std::optional<double>& begin,
-                              const std::optional<double>& end) {
-  if (!begin || !end) return std::nullopt;
-  return std::max(0.0, *end - *begin);
+std::optional<double> Between(double begin, const std::optional<double>& end) {
+  return end ? std::optional(std::max(0.0, *end - begin)) : std::nullopt;
 }
 
 std::optional<double> Queued(const EndedRun& run) {
