@@ -60,9 +60,10 @@ std::string WhyNotOwnUser(const LoopbackConnection& connection) {
     return unknown + strerror(-static_cast<const nlmsgerr*>(NLMSG_DATA(header))->error);
   }
   const auto* message = static_cast<const inet_diag_msg*>(NLMSG_DATA(header));
-  // A socket that waits for its end has no owner any more.
-  if (message->idiag_state != TCP_ESTABLISHED && message->idiag_state != TCP_FIN_WAIT1 &&
-      message->idiag_state != TCP_FIN_WAIT2) {
+  // A socket that its program has closed has no owner any more: the kernel then says root.
+  const bool lives = message->idiag_state == TCP_ESTABLISHED ||
+                     message->idiag_state == TCP_FIN_WAIT1 || message->idiag_state == TCP_FIN_WAIT2;
+  if (!lives || message->idiag_inode == 0) {
     return unknown + "its other end has gone";
   }
   if (message->idiag_uid == geteuid()) return "";

@@ -92,6 +92,16 @@ TEST(OwnUserTest, ConnectionThatHasGoneIsRefused) {
   EXPECT_THAT(WhyNotOwnUser(seen), StartsWith("it cannot be told whose connection this is"));
 }
 
+// The kernel says that root owns it.
+TEST(OwnUserTest, ConnectionThatAnotherUserHasClosedIsNotRoots) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root";
+  Pair pair(AF_INET, true);
+  const LoopbackConnection seen = pair.Seen();
+  pair.peer.Reset();
+  EXPECT_EQ(WhyNotOwnUser(seen),
+            "it cannot be told whose connection this is: its other end has gone");
+}
+
 TEST(OwnUserTest, ConnectionThatNeverWasIsRefused) {
   EXPECT_THAT(WhyNotOwnUser({false, "127.0.0.1", 1, "127.0.0.1", 2}),
               StartsWith("it cannot be told whose connection this is"));
