@@ -54,6 +54,19 @@ TlsSocket::TlsSocket(std::uintptr_t socket, std::shared_ptr<const TlsContext> co
     throw std::runtime_error("TLS: " + TakeTlsErrors());
   }
   connects ? SSL_set_connect_state(tls_) : SSL_set_accept_state(tls_);
+  // The serving side has others to serve.
+  if (connects) return;
+  SSL_set_msg_callback(tls_, CountKeyUpdates);
+  SSL_set_msg_callback_arg(tls_, this);
+}
+
+void TlsSocket::CountKeyUpdates(int written, int /*version*/, int type, const void* bytes,
+                                std::size_t size, SSL* tls, void* self) {
+  const bool update = written == 0 && type == SSL3_RT_HANDSHAKE && size > 0 &&
+                      *static_cast<const unsigned char*>(bytes) == SSL3_MT_KEY_UPDATE;
+  if (!update || ++static_cast<TlsSocket*>(self)->key_updates_ <= kKeyUpdatesInARow) return;
+  // As if the peer had said goodbye: a callback cannot fail.
+  SSL_set_shutdown(tls, SSL_get_shutdown(tls) | SSL_RECEIVED_SHUTDOWN);
 }
 
 TlsSocket::~TlsSocket() {
@@ -86,6 +99,7 @@ TlsSocket::Result TlsSocket::Handshake() {
 
 TlsSocket::Result TlsSocket::Read(std::span<char> buffer, std::size_t& got) {
   ERR_clear_error();
+  key_updates_ = 0;
   const int result = SSL_read_ex(tls_, buffer.data(), buffer.size(), &got);
   return result == 1 ? Result::kDone : Outcome(result, "without a word");
 }

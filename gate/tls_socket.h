@@ -37,6 +37,10 @@ class TlsSocket {
   /// one.
   static constexpr std::uint64_t kRecordsPerKey = std::uint64_t{1} << 22;
 
+  /// How often the peer may take a new key between two of its bytes. OpenSSL reads on until a byte
+  /// comes: new keys without end would keep one call, and with it all links, busy for as long.
+  static constexpr int kKeyUpdatesInARow = 32;
+
   /// `socket` stays the caller's, open and non-blocking as long as this object lives. `host`, of
   /// the connecting side: the name or address for which the peer's certificate has to be; empty on
   /// the serving side. Throws std::runtime_error.
@@ -82,8 +86,12 @@ class TlsSocket {
 
   std::shared_ptr<const TlsContext> context_;
   SSL* tls_;
+  static void CountKeyUpdates(int written, int version, int type, const void* bytes,
+                              std::size_t size, SSL* tls, void* self);
+
   std::uint64_t records_per_key_;
   std::uint64_t records_ = 0;  // with the present key
+  int key_updates_ = 0;        // of the peer, in the present call
   std::string error_;
   bool refused_ = false;
 };

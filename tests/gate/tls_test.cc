@@ -327,6 +327,29 @@ TEST_F(TlsTest, KeysAreRenewedLongBeforeTheirLimit) {
   EXPECT_LT(TlsSocket::kRecordsPerKey, 24'000'000U / 2);
 }
 
+TEST_F(TlsTest, PeerThatDoesNothingButTakeNewKeysIsLeft) {
+  const Context connect = Connect();
+  static SSL* client;
+  SSL_CTX_set_info_callback(connect->get(),
+                            [](const SSL* tls, int, int) { client = const_cast<SSL*>(tls); });
+  Join(Serve(), connect);
+  ASSERT_EQ(Shake(), kBothDone);
+  const auto update = [&](int times) {
+    for (int i = 0; i < times; ++i) {
+      ASSERT_EQ(SSL_key_update(client, SSL_KEY_UPDATE_NOT_REQUESTED), 1);
+      ASSERT_EQ(SSL_do_handshake(client), 1);
+    }
+  };
+  std::array<char, 64> buffer{};
+  std::size_t count = 0;
+  update(TlsSocket::kKeyUpdatesInARow);
+  ASSERT_EQ(connecting_->Write("x", count), Result::kDone);
+  EXPECT_EQ(serving_->Read(buffer, count), Result::kDone);
+  update(TlsSocket::kKeyUpdatesInARow + 1);
+  ASSERT_EQ(connecting_->Write("x", count), Result::kDone);
+  EXPECT_EQ(serving_->Read(buffer, count), Result::kBroken);
+}
+
 TEST_F(TlsTest, FileThatCannotBeUsedIsNamed) {
   TlsFiles files = Files(server_);
   files.certificate = directory_.File("none.pem");
