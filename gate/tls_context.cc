@@ -4,6 +4,7 @@
 #include <openssl/pem.h>
 #include <openssl/ssl.h>
 #include <openssl/x509_vfy.h>
+#include <openssl/x509v3.h>
 
 #include <ctime>
 #include <filesystem>
@@ -149,6 +150,16 @@ std::string OneLine(const X509_NAME* name) {
   return {text, static_cast<std::size_t>(size)};
 }
 
+// OpenSSL takes a certificate that says nothing of its purpose for one of all purposes: one that
+// was made for something else would prove its owner here, too.
+int HasAPurpose(int good, X509_STORE_CTX* judge) {
+  if (good == 0 || X509_STORE_CTX_get_error_depth(judge) > 0) return good;
+  X509* certificate = X509_STORE_CTX_get_current_cert(judge);
+  if ((X509_get_extension_flags(certificate) & EXFLAG_XKUSAGE) != 0) return good;
+  X509_STORE_CTX_set_error(judge, X509_V_ERR_INVALID_PURPOSE);
+  return 0;
+}
+
 // Without this OpenSSL would ask at the terminal for the words that protect the key.
 int NoPassword(char* /*buffer*/, int /*size*/, int /*writing*/, void* /*user*/) {
   return 0;
@@ -166,7 +177,7 @@ TlsContext::TlsContext(Role role) : role_(role), context_(SSL_CTX_new(TLS_method
   SSL_CTX_set_mode(context_, kModes);
   SSL_CTX_set_read_ahead(context_, 1);  // one call for the head of a record and the rest
   SSL_CTX_set_max_cert_list(context_, kMostOfChain);
-  SSL_CTX_set_verify(context_, SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, nullptr);
+  SSL_CTX_set_verify(context_, SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, HasAPurpose);
   SSL_CTX_set_default_passwd_cb(context_, NoPassword);
 }
 

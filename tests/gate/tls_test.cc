@@ -157,6 +157,10 @@ TEST_F(TlsTest, CertificateForServersAloneIsNoMasters) {
               HasSubstr("clientAuth"));
 }
 
+TEST_F(TlsTest, CertificateThatNamesNoPurposeIsForNone) {
+  EXPECT_THAT(ShakeAs(root_.Issue("purpose", {.purpose = ""})).first, HasSubstr("clientAuth"));
+}
+
 TEST_F(TlsTest, AuthorityInBetweenHasToBeSent) {
   Authority between(directory_.path().string(), "between", &root_);
   const Identity whole = between.Issue("whole", {.upn = "alice@example.com"});
