@@ -29,11 +29,11 @@ boost::asio::ip::address Plain(const boost::asio::ip::address& address) {
 }
 
 // What a master is told that cannot be served at all.
-void TellMaster(Tcp::socket master, const std::string& text) {
+void TellMaster(Tcp::socket master, const std::string& text, FewClosings& closings) {
   Prepare(master);
   error_code gone;
   master.write_some(boost::asio::buffer(LineFrame("3") + LineFrame(text)), gone);
-  CloseGently(std::move(master));
+  closings.CloseGently(std::move(master));
 }
 
 }  // namespace
@@ -165,7 +165,7 @@ void ConnectingGate::Begin(Tcp::socket master) {
   const std::string why = WhyNotTaken(master);
   if (!why.empty()) {
     journal_.Write("refused", {{"peer", Text(PeerOf(master))}, {"why", why}});
-    return TellMaster(std::move(master), why);
+    return TellMaster(std::move(master), why, closings_);
   }
   auto session = std::make_shared<Session>(context_, options_.backoff);
   session->number = ++last_number_;

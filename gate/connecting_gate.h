@@ -80,6 +80,7 @@ class ConnectingGate {
   Tcp::acceptor acceptor_;
   boost::asio::steady_timer pause_;
   Sessions sessions_;
+  FewClosings closings_{64};  // of masters that were not taken
   std::uint64_t last_number_ = 0;
   bool stopping_ = false;
 };

@@ -118,6 +118,7 @@ ServingGate::ServingGate(boost::asio::io_context& context, Options options, Jour
       ticker_(context),
       pause_(context),
       table_(options_.table, RandomId),
+      closings_(options_.most_arriving),
       started_(WallTime()) {
   Load();
   const Tcp::endpoint place = Resolve(context, options_.listen);
@@ -398,7 +399,7 @@ void ServingGate::Drop(const std::shared_ptr<Arrival>& arrival, const std::strin
   TellOfStranger(*arrival, why);
   auto wire = std::move(arrival->wire);
   Forget(arrival);
-  CloseGently(std::move(wire));
+  closings_.CloseGently(std::move(wire));
 }
 
 // Strangers cost nothing, and their lines a disk: of those without an accepted certificate so many

@@ -107,6 +107,7 @@ class ServingGate {
   boost::asio::steady_timer pause_;
   Arrivals arrivals_;
   LinkTable table_;
+  FewClosings closings_;  // of arrivals that were refused
   std::map<LinkId, std::unique_ptr<Link>> links_;
   std::map<std::string, std::uint64_t> counts_;
   std::uint64_t last_number_ = 0;

@@ -20,12 +20,28 @@ using boost::system::error_code;
 constexpr std::chrono::seconds kLastWords{5};
 constexpr std::size_t kMostDropped = std::size_t{16} << 20;
 
+}  // namespace
+
 // Keeps itself until the peer has closed.
 class Closing : public std::enable_shared_from_this<Closing> {
  public:
   explicit Closing(Tcp::socket socket)
       : socket_(std::move(socket)), timer_(socket_.get_executor()) {}
 
+  static std::shared_ptr<Closing> Begin(Tcp::socket socket) {
+    if (!socket.is_open()) return nullptr;
+    auto closing = std::make_shared<Closing>(std::move(socket));
+    closing->Begin();
+    return closing;
+  }
+
+  void Close() {
+    error_code ignored;
+    socket_.close(ignored);
+    timer_.cancel(ignored);
+  }
+
+ private:
   void Begin() {
     error_code ignored;
     socket_.shutdown(Tcp::socket::shutdown_send, ignored);
@@ -36,7 +52,6 @@ class Closing : public std::enable_shared_from_this<Closing> {
     Drop();
   }
 
- private:
   void Drop() {
     socket_.async_wait(Tcp::socket::wait_read, [self = shared_from_this()](error_code error) {
       std::array<char, 16384> bytes{};
@@ -52,18 +67,10 @@ class Closing : public std::enable_shared_from_this<Closing> {
     });
   }
 
-  void Close() {
-    error_code ignored;
-    socket_.close(ignored);
-    timer_.cancel(ignored);
-  }
-
   Tcp::socket socket_;
   boost::asio::steady_timer timer_;
   std::size_t dropped_ = 0;
 };
-
-}  // namespace
 
 void Prepare(Tcp::socket& socket) {
   error_code ignored;
@@ -79,15 +86,33 @@ void AcknowledgeNow([[maybe_unused]] Tcp::socket& socket) {
 #endif
 }
 
+namespace {
+
+Tcp::socket SocketOf(std::unique_ptr<Wire> wire) {
+  if (wire->tls) wire->tls->SayGoodbye();
+  wire->tls.reset();
+  return std::move(wire->socket);
+}
+
+}  // namespace
+
 void CloseGently(Tcp::socket socket) {
-  if (socket.is_open()) std::make_shared<Closing>(std::move(socket))->Begin();
+  Closing::Begin(std::move(socket));
 }
 
 void CloseGently(std::unique_ptr<Wire> wire) {
-  if (wire == nullptr) return;
-  if (wire->tls) wire->tls->SayGoodbye();
-  wire->tls.reset();
-  CloseGently(std::move(wire->socket));
+  if (wire != nullptr) CloseGently(SocketOf(std::move(wire)));
+}
+
+void FewClosings::CloseGently(Tcp::socket socket) {
+  closings_.push_back(Closing::Begin(std::move(socket)));
+  if (closings_.size() <= most_) return;
+  if (const auto oldest = closings_.front().lock()) oldest->Close();
+  closings_.pop_front();
+}
+
+void FewClosings::CloseGently(std::unique_ptr<Wire> wire) {
+  if (wire != nullptr) CloseGently(SocketOf(std::move(wire)));
 }
 
 std::string Text(const Tcp::endpoint& endpoint) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <deque>
 #include <memory>
 #include <string>
 
@@ -37,6 +38,22 @@ void CloseGently(Tcp::socket socket);
 
 /// The same, and TLS says goodbye before.
 void CloseGently(std::unique_ptr<Wire> wire);
+
+class Closing;
+
+/// Ends connections gently, but no more than so many at once: beyond that the oldest is closed
+/// where it stands. For peers that nobody knows, who could otherwise hold any number of descriptors
+/// for those few seconds.
+class FewClosings {
+ public:
+  explicit FewClosings(std::size_t most) : most_(most) {}
+  void CloseGently(Tcp::socket socket);
+  void CloseGently(std::unique_ptr<Wire> wire);
+
+ private:
+  std::size_t most_;
+  std::deque<std::weak_ptr<Closing>> closings_;
+};
 
 /// "192.0.2.7:5000", "[2001:db8::1]:5000".
 std::string Text(const Tcp::endpoint& endpoint);

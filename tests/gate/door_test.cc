@@ -20,6 +20,7 @@
 #include "tests/gate/breaking_relay.h"
 #include "tests/jobmillctl/jobmillctl.h"
 #include "tests/support/bytes.h"
+#include "tests/support/child_process.h"
 #include "tests/support/ports.h"
 #include "tests/support/running_daemon.h"
 #include "tests/system/serve.h"
@@ -391,6 +392,17 @@ TEST_F(OwnGateTest, MissingCertificateIsAMistakeInTheOptions) {
   const Outcome outcome = Master({"/nonexistent", door_.alice().key}, "alice");
   EXPECT_EQ(outcome.status, 2);
   EXPECT_THAT(outcome.err, HasSubstr("/nonexistent"));
+}
+
+TEST(LimitTest, StrangersThatDoNotCloseHoldOnlySoManyDescriptors) {
+  RunningDaemon daemon(Unprivileged());
+  Door door(daemon.port(), {"--arriving=8"});
+  const auto held = [&] { return OpenDescriptors(door.serving().pid()); };
+  const auto before = held();
+  std::vector<Descriptor> silent;
+  for (int i = 0; i < 100; ++i) silent.push_back(ConnectTo(door.serving().port()));
+  EXPECT_TRUE(Eventually([&] { return door.Status()["counts"]["refused"] == 92; }));
+  EXPECT_LE(held(), before + 16);
 }
 
 TEST(LimitTest, StrangersDoNotFillTheLog) {
