@@ -28,6 +28,7 @@ namespace {
 constexpr std::size_t kLongestText = 300;
 constexpr std::size_t kLongestLine = 4000;
 constexpr std::size_t kShortText = 30;
+constexpr std::size_t kShortList = 20;
 
 int OpenToAppend(const std::string& file) {
 #ifdef _WIN32
@@ -49,6 +50,10 @@ Json Cut(const Json& value, std::size_t most) {
   Json cut = value;
   if (cut.is_string() && cut.get_ref<const std::string&>().size() > most) {
     cut = cut.get<std::string>().substr(0, most) + "...";
+  }
+  if (cut.is_array() && most == kShortText && cut.size() > kShortList) {
+    cut.get_ref<Json::array_t&>().resize(kShortList);
+    cut.push_back("...");
   }
   if (cut.is_structured()) {
     for (Json& item : cut) item = Cut(item, most);

@@ -1,0 +1,26 @@
+#include "gate/journal.h"
+
+#include <string>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include "tests/support/temporary_directory.h"
+
+namespace gate {
+namespace {
+
+TEST(JournalTest, CertificateOfManyNamesMakesNoLineThatAPipeTakesInParts) {
+  const TemporaryDirectory directory;
+  Json names = Json::array();
+  for (int i = 0; i < 1000; ++i) names.push_back("upn:" + std::string(250, '\xe4'));
+  Journal((directory.path() / "log").string()).Write("begun", {{"names", names}});
+  const std::string line = directory.Read("log");
+  EXPECT_LE(line.size(), 4096U);
+  EXPECT_EQ(line.find('\n'), line.size() - 1);
+  EXPECT_EQ(nlohmann::json::parse(line)["names"].back(), "...");
+}
+
+}  // namespace
+}  // namespace gate
