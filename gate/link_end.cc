@@ -111,7 +111,7 @@ void LinkEnd::ReadLocal() {
 }
 
 void LinkEnd::WriteWire() {
-  while (wire_ != nullptr && wire_writable_) {
+  while (wire_ && wire_writable_) {
     std::string_view bytes = unsent_;
     if (bytes.empty()) {
       bytes = {Scratch().data(), stream_->ForWire(epoch_, Scratch().data(), kRecord)};
@@ -135,7 +135,7 @@ void LinkEnd::WriteWire() {
 }
 
 void LinkEnd::ReadWire() {
-  for (int i = 0; i < kTurn && wire_ != nullptr && wire_readable_; ++i) {
+  for (int i = 0; i < kTurn && wire_ && wire_readable_; ++i) {
     const bool opening = stream_->state() == Stream::State::kOpening;
     std::size_t got = 0;
     switch (wire_->tls->Read(Scratch(), got)) {

@@ -190,7 +190,7 @@ bool ServingGate::IsGood(const Arrival& arrival) const {
 
 // By what is loaded now: the certificate that the link was last proven with, and its claim.
 std::string ServingGate::WhyNotGood(const Link& link) const {
-  const std::string why = tls_->WhyRefused(link.certificate.get(), link.chain.get());
+  std::string why = tls_->WhyRefused(link.certificate.get(), link.chain.get());
   if (!why.empty() || !link.claimed) return why;
   return ProofOf(*link.claimed, link.names.names, users_)
              ? ""

@@ -25,7 +25,7 @@ std::vector<pid_t> ProcessesWith(const std::string& text) {
 Site::Site(std::vector<std::string> variables, std::vector<std::string> arguments) {
   fs::permissions(data_.path(), fs::perms(0777));
   // Kept until the daemon has a port: it would be given the same one now and then.
-  const Descriptor comms = BindFreePort();
+  const Descriptor comms = BindFirstOfPorts();
   RunningDaemon::Options options;
   options.arguments = {"-u", "-l",
                        "-o", std::to_string(PortOf(comms.get())),
