@@ -12,7 +12,6 @@
 #include <cstdio>
 #include <ctime>
 #include <filesystem>
-#include <fstream>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
@@ -105,14 +104,19 @@ void Journal::Reopen() {
   if (fresh >= 0) CloseFile(std::exchange(descriptor_, fresh));
 }
 
-bool ReplaceFile(const std::string& file, const std::string& text) {
+bool ReplaceWhole(const std::string& file, const std::string& text) {
   const std::string fresh = file + ".new";
   std::error_code error;
-  {
-    std::ofstream out(fresh, std::ios::binary | std::ios::trunc);
-    out << text << std::flush;
-    if (!out) return false;
-  }
+  std::filesystem::remove(fresh, error);
+#ifdef _WIN32
+  const char* const mode = "wb";
+#else
+  const char* const mode = "wbxe";  // x: a new file, or none
+#endif
+  std::FILE* const out = std::fopen(fresh.c_str(), mode);
+  if (out == nullptr) return false;
+  const bool whole = std::fwrite(text.data(), 1, text.size(), out) == text.size();
+  if (std::fclose(out) != 0 || !whole) return false;
   std::filesystem::rename(fresh, file, error);
   return !error;
 }

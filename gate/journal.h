@@ -45,8 +45,9 @@ class Journal {
   std::uint64_t left_out_ = 0;
 };
 
-/// Replaces `file` as a whole by `text`. False when that fails.
-bool ReplaceFile(const std::string& file, const std::string& text);
+/// Replaces `file` as a whole by `text`, through FILE.new. A link that somebody has put there is
+/// removed and not followed. False when that fails.
+bool ReplaceWhole(const std::string& file, const std::string& text);
 
 /// A document of such a kind as text.
 std::string TextOf(const Json& document);

@@ -26,6 +26,7 @@ std::optional<Reason> LinkTable::Refuses(const LinkId& id, const Identity& who,
   }
   const auto found = links_.find(id);
   if (found == links_.end() || found->second.who != who) return Reason::kUnknown;
+  if (options_.hold == Time(0)) return Reason::kHeldTooLong;
   if (epoch <= found->second.epoch) return Reason::kOldEpoch;
   return std::nullopt;
 }

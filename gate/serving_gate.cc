@@ -550,7 +550,7 @@ void ServingGate::WriteStatus() {
         {{"file", list.file}, {"issuer", list.issuer}, {"next_update", list.next_update}});
   }
   for (const auto& [id, link] : links_) document["links"].push_back(StatusOf(*link, now));
-  if (!ReplaceFile(options_.status, TextOf(document) + "\n")) Count("status_not_written");
+  if (!ReplaceWhole(options_.status, TextOf(document) + "\n")) Count("status_not_written");
 }
 
 }  // namespace gate

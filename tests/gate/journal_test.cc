@@ -1,5 +1,6 @@
 #include "gate/journal.h"
 
+#include <filesystem>
 #include <string>
 
 #include <gmock/gmock.h>
@@ -20,6 +21,17 @@ TEST(JournalTest, CertificateOfManyNamesMakesNoLineThatAPipeTakesInParts) {
   EXPECT_LE(line.size(), 4096U);
   EXPECT_EQ(line.find('\n'), line.size() - 1);
   EXPECT_EQ(nlohmann::json::parse(line)["names"].back(), "...");
+}
+
+TEST(StatusFileTest, PlantedLinkIsNotFollowed) {
+  const TemporaryDirectory directory;
+  const std::string file = (directory.path() / "status").string();
+  directory.Write("victim", "precious");
+  std::filesystem::create_symlink(directory.path() / "victim", file + ".new");
+  EXPECT_TRUE(ReplaceWhole(file, "status\n"));
+  EXPECT_EQ(directory.Read("victim"), "precious");
+  EXPECT_EQ(directory.Read("status"), "status\n");
+  EXPECT_FALSE(std::filesystem::is_symlink(file));
 }
 
 }  // namespace

@@ -72,6 +72,13 @@ TEST_F(LinkTableTest, EpochHasToGrow) {
   EXPECT_EQ(table.Refuses(id, alice_, 8), std::nullopt);
 }
 
+TEST_F(LinkTableTest, NothingIsResumedWhereNothingIsHeld) {
+  LinkTable table = Table({.hold = Time(0)});
+  const LinkId id = Added(table, alice_);
+  EXPECT_EQ(table.Refuses(id, alice_, 1), Reason::kHeldTooLong);
+  EXPECT_EQ(table.Refuses(id, bob_, 1), Reason::kUnknown);
+}
+
 TEST_F(LinkTableTest, RefusalDoesNotTouchTheLink) {
   LinkTable table = Table();
   const LinkId id = Added(table, alice_);
