@@ -25,7 +25,7 @@ constexpr std::chrono::milliseconds kNoDescriptors{200};
 constexpr Time kStatusAge = std::chrono::seconds(2);
 constexpr Time kLastWords = std::chrono::seconds(10);
 constexpr int kStrangersASecond = 20;
-constexpr std::int64_t kListIsOldSoon = 3 * 86400;
+constexpr std::int64_t kListIsOldSoon = 259200;  // three days
 
 LinkId RandomId() {
   LinkId id;

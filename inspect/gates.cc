@@ -1,13 +1,13 @@
 #include "inspect/gates.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <exception>
 #include <filesystem>
 #include <system_error>
 
 #include <nlohmann/json.hpp>
 
+#include "base/number.h"
 #include "inspect/run_file.h"
 
 namespace inspect {
@@ -33,7 +33,7 @@ Gate GateIn(const std::string& file, const Json& said) {
   gate.file = file;
   gate.time = said.at("time");
   const std::string daemon = said.at("daemon");
-  gate.daemon_port = std::atoi(daemon.substr(daemon.rfind(':') + 1).c_str());
+  gate.daemon_port = static_cast<int>(NumberIn(daemon.substr(daemon.rfind(':') + 1).c_str()));
   for (const Json& link : said.at("links")) gate.links.push_back(LinkIn(link));
   gate.counts = said.at("counts");
   gate.arriving = said.at("arriving");

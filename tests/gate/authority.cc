@@ -194,7 +194,7 @@ std::string Authority::List(const std::string& file, long from, long until) {
   }
   X509_CRL_sort(list.get());
   Demand(X509_CRL_sign(list.get(), key_.get(), EVP_sha256()) > 0, "list not signed");
-  const std::string path = directory_ + "/" + file;
+  std::string path = directory_ + "/" + file;
   WriteFile(path, false, [&](std::FILE* out) { return PEM_write_X509_CRL(out, list.get()) == 1; });
   return path;
 }

@@ -17,7 +17,7 @@ namespace {
 
 using testing::ElementsAre;
 using testing::IsEmpty;
-using std::string_literals::operator""s;
+using namespace std::string_literals;
 
 class CertificateNamesTest : public testing::Test {
  protected:

@@ -11,7 +11,7 @@ namespace gate {
 namespace {
 
 using State = Claim::State;
-using std::string_literals::operator""s;
+using namespace std::string_literals;
 
 constexpr std::size_t kLimit = 65536;
 

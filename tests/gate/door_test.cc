@@ -252,6 +252,7 @@ TEST(LimitTest, OneAddressHasOnlySoManyConnectionsThatProveNothing) {
   RunningDaemon daemon(Unprivileged());
   Door door(daemon.port(), {"--arriving-of-one=3"});
   std::vector<Descriptor> silent;
+  silent.reserve(4);
   for (int i = 0; i < 4; ++i) silent.push_back(ConnectTo(door.serving().port()));
   EXPECT_THAT(door.serving().Await("refused")["why"], HasSubstr("from this address"));
   EXPECT_EQ(Rest(silent[3], 5000), "");
@@ -264,6 +265,7 @@ TEST(LimitTest, LongestUnprovenConnectionMakesRoomForTheNext) {
   RunningDaemon daemon(Unprivileged());
   Door door(daemon.port(), {"--arriving=3"});
   std::vector<Descriptor> silent;
+  silent.reserve(3);
   for (int i = 0; i < 3; ++i) silent.push_back(ConnectTo(door.serving().port()));
   const auto gate = door.Connect(door.alice());
   EXPECT_THAT(AnswerTo(gate->port(), "alice"), StartsWith("OK|"));
@@ -400,6 +402,7 @@ TEST(LimitTest, StrangersThatDoNotCloseHoldOnlySoManyDescriptors) {
   const auto held = [&] { return OpenDescriptors(door.serving().pid()); };
   const auto before = held();
   std::vector<Descriptor> silent;
+  silent.reserve(100);
   for (int i = 0; i < 100; ++i) silent.push_back(ConnectTo(door.serving().port()));
   EXPECT_TRUE(Eventually([&] { return door.Status()["counts"]["refused"] == 92; }));
   EXPECT_LE(held(), before + 16);

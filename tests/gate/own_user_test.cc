@@ -16,7 +16,6 @@
 namespace gate {
 namespace {
 
-using testing::HasSubstr;
 using testing::StartsWith;
 
 // A connection over loopback, the connecting end made by another user where that is wanted.

@@ -397,6 +397,7 @@ TEST_F(ResumptionTest, IdleLinksTakeLittleMemory) {
   Build({"--links-of-one=1000"});
   const auto gate = Connect({"--masters=1000"});
   std::vector<Descriptor> links;
+  links.reserve(kLinks);
   for (int i = 0; i < 50; ++i) links.push_back(Admitted(gate->port()));
   const long serving = StatusValue(door_->serving().pid(), "VmRSS");
   const long connecting = StatusValue(gate->pid(), "VmRSS");

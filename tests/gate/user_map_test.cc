@@ -12,7 +12,7 @@ namespace gate {
 namespace {
 
 using testing::StartsWith;
-using std::string_literals::operator""s;
+using namespace std::string_literals;
 
 UserMap MapOf(const std::string& text) {
   return UserMap::Parse(text, "users");
