@@ -177,8 +177,8 @@ TEST_F(HostTest, AccountsThatCannotResolveAreNamedUpToANumber) {
   std::string passwd = "root:x:0:0::/root:/bin/sh\n";
   for (int i = 10; i < 28; ++i) {
     const std::string name = "account" + std::to_string(i);
-    users += name + " " + name + " 1\n";
-    passwd += name + ":x:" + std::to_string(4000 + i) + ":4000::/:/bin/sh\n";
+    users.append(name).append(" ").append(name).append(" 1\n");
+    passwd.append(name).append(":x:").append(std::to_string(4000 + i)).append(":4000::/:/bin/sh\n");
   }
   directory_.Write(".vk_corvane_users", users);
   Write("etc/passwd", passwd);

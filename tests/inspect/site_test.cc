@@ -157,7 +157,7 @@ TEST(SiteTest, EnvironmentMayBeEmptyOrHoldOddTexts) {
     const std::vector<std::string> words = {"-p", "5000"};
     std::string all;
     for (const auto& [name, value] : SiteOf(words, "/none/vkjobmill.exe").environment) {
-      all += name + "=" + value + ";";
+      all.append(name).append("=").append(value).append(";");
     }
     return all;
   };
