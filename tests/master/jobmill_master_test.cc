@@ -120,7 +120,7 @@ TEST_F(LibraryTest, TextsAreCutToTheirRoomAndTellTheirLength) {
 
 TEST_F(LibraryTest, DataOfWellsStandBehindEachOther) {
   Launch();
-  std::vector<double> values(2 * JOBMILL_WELL_VALUES);
+  std::vector<double> values(std::size_t{2} * JOBMILL_WELL_VALUES);
   EXPECT_EQ(jobmill_read_data(run_.get(), "P1\r\nI1\n", values.data(), 16), 16);
   EXPECT_THAT(values, ElementsAre(100, 101, 102, 103, 104, 250.5, 30.25, 0.95, 200, 201, 202, 203,
                                   204, 250.5, 30.25, 0.95));
@@ -268,7 +268,7 @@ TEST_F(LibraryTest, TickIsCalledWhileACallWaits) {
             JOBMILL_USAGE);
   struct Ticks {
     int count = 0;
-    std::promise<void>* third;
+    std::promise<void>* third = nullptr;
   } ticks{0, &ticked};
   const auto count = [](void* user) {
     auto* counted = static_cast<Ticks*>(user);

@@ -209,7 +209,7 @@ class PlanRunTest : public PlanTest {
   // steps.csv without its header and its wall times, which have to be numbers.
   std::string Steps() const {
     const std::string header = "time_days,date,ended,elapsed [s],computing [s]\n";
-    const std::string text = directory_.Read("results/steps.csv");
+    std::string text = directory_.Read("results/steps.csv");
     if (!text.starts_with(header)) return text;
     const std::regex times(",[0-9.]+,[0-9.]+\n");
     return std::regex_replace(text.substr(header.size()), times, "\n");
