@@ -2,7 +2,6 @@
 
 #include "tests/gate/door.h"
 
-#include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -86,19 +85,7 @@ TEST_F(DoorTest, StolenNameIsRefusedInTheMastersProtocolAndReachesNobody) {
   EXPECT_THAT(daemon_.Logged(), Not(HasSubstr("Path: ")));
 }
 
-// A connection of the test's own, to say bytes that no master would.
-Descriptor ConnectTo(int port) {
-  Descriptor link(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(static_cast<std::uint16_t>(port));
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (connect(link.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
-    throw std::runtime_error("no connection");
-  }
-  return link;
-}
-
+// The bytes of a master that claims to be `user`.
 std::string RequestOf(const std::string& user) {
   std::string bytes = Frame("3");
   for (const std::string& line : Claiming(user)) bytes += Frame(line);
@@ -113,7 +100,7 @@ std::string Rest(const Descriptor& link, int patience = 10'000) {
 TEST_F(DoorTest, ClaimInSingleBytesIsReadTheSame) {
   const auto gate = door_.Connect(door_.alice());
   for (const char* user : {"alice", "bob"}) {
-    const Descriptor link = ConnectTo(gate->port());
+    const Descriptor link = ConnectToLoopback(gate->port());
     for (const char byte : RequestOf(user)) ASSERT_TRUE(WriteAll(link.get(), {&byte, 1}));
     EXPECT_EQ(ReadExactly(link.get(), 5), Frame("3"));
     const std::string answer = ReadExactly(link.get(), 12);
@@ -123,7 +110,7 @@ TEST_F(DoorTest, ClaimInSingleBytesIsReadTheSame) {
 
 TEST_F(DoorTest, AllAtOnceBeforeTheGreetingIsReadTheSame) {
   const auto gate = door_.Connect(door_.alice());
-  const Descriptor link = ConnectTo(gate->port());
+  const Descriptor link = ConnectToLoopback(gate->port());
   ASSERT_TRUE(WriteAll(link.get(), RequestOf("bob") + RequestOf("alice") + RequestOf("alice")));
   EXPECT_THAT(Rest(link), AllOf(StartsWith(Frame("3")), HasSubstr("'bob' is not proven")));
   EXPECT_THAT(daemon_.Logged(), Not(HasSubstr("Path: ")));
@@ -131,7 +118,7 @@ TEST_F(DoorTest, AllAtOnceBeforeTheGreetingIsReadTheSame) {
 
 TEST_F(DoorTest, SecondClaimBehindAProvenOneIsNone) {
   const auto gate = door_.Connect(door_.alice());
-  const Descriptor link = ConnectTo(gate->port());
+  const Descriptor link = ConnectToLoopback(gate->port());
   ASSERT_TRUE(WriteAll(link.get(), RequestOf("alice") + RequestOf("bob")));
   EXPECT_THAT(Rest(link), HasSubstr("OK|port-"));
   EXPECT_EQ(door_.serving().Lines("admitted").size(), 1U);
@@ -143,7 +130,7 @@ TEST_F(DoorTest, MasterThatLeavesBeforeItsClaimStartsNothing) {
   const std::string request = RequestOf("alice");
   for (const std::size_t cut :
        {std::size_t{0}, std::size_t{5}, std::size_t{7}, request.size() - 11}) {
-    const Descriptor link = ConnectTo(gate->port());
+    const Descriptor link = ConnectToLoopback(gate->port());
     ASSERT_TRUE(WriteAll(link.get(), request.substr(0, cut)));
     shutdown(link.get(), SHUT_WR);
     EXPECT_EQ(Rest(link), Frame("3")) << cut;
@@ -154,7 +141,7 @@ TEST_F(DoorTest, MasterThatLeavesBeforeItsClaimStartsNothing) {
 
 TEST_F(DoorTest, PeerThatIsNoMasterGetsWhatTheDaemonSays) {
   const auto gate = door_.Connect(door_.alice());
-  const Descriptor link = ConnectTo(gate->port());
+  const Descriptor link = ConnectToLoopback(gate->port());
   ASSERT_TRUE(WriteAll(link.get(), Frame("GET / HTTP/1.1") + RequestOf("alice")));
   EXPECT_EQ(Rest(link), Frame("3"));
   EXPECT_TRUE(daemon_.WaitForLog("Incorrect response from Corvane"));
@@ -181,7 +168,7 @@ class StrangerTest : public DoorTest {
   // What a master behind a gate with this certificate is told.
   std::string Told(const Identity& identity, Door::Words more = {}) {
     const auto gate = door_.Connect(identity, std::move(more));
-    const Descriptor link = ConnectTo(gate->port());
+    const Descriptor link = ConnectToLoopback(gate->port());
     WriteAll(link.get(), RequestOf("alice"));
     const auto frames = FramesOf(Rest(link));
     return frames.size() == 2 ? frames[1] : "not two frames";
@@ -204,14 +191,14 @@ TEST_F(StrangerTest, CertificateOfAnotherAuthorityIsRefused) {
 TEST_F(StrangerTest, ServingGateOfAnotherAuthorityIsNotBelieved) {
   Authority other(door_.directory().path().string(), "other");
   const auto gate = door_.Connect(door_.alice(), {"--server=other.example.com"});
-  const Descriptor link = ConnectTo(gate->port());
+  const Descriptor link = ConnectToLoopback(gate->port());
   WriteAll(link.get(), RequestOf("alice"));
   EXPECT_THAT(Rest(link), HasSubstr("certificate is not for the host"));
   EXPECT_THAT(daemon_.Logged(), Not(HasSubstr("Sending back version number")));
 }
 
 TEST_F(StrangerTest, PlainTextIsRefused) {
-  const Descriptor link = ConnectTo(door_.serving().port());
+  const Descriptor link = ConnectToLoopback(door_.serving().port());
   ASSERT_TRUE(WriteAll(link.get(), RequestOf("alice")));
   Rest(link);
   EXPECT_EQ(door_.serving().Await("refused")["why"], "The peer does not speak TLS");
@@ -233,11 +220,11 @@ TEST(NoDaemonTest, DaemonThatCannotBeReachedIsTold) {
 TEST(LimitTest, ConnectionThatProvesNothingIsClosedInTime) {
   RunningDaemon daemon(Unprivileged());
   Door door(daemon.port(), {"--arrival-wait=1"});
-  const Descriptor silent = ConnectTo(door.serving().port());
+  const Descriptor silent = ConnectToLoopback(door.serving().port());
   EXPECT_EQ(Rest(silent, 5000), "");
   EXPECT_THAT(door.serving().Await("refused")["why"], HasSubstr("too long"));
   // Neither does a byte now and then help.
-  const Descriptor slow = ConnectTo(door.serving().port());
+  const Descriptor slow = ConnectToLoopback(door.serving().port());
   const auto begun = std::chrono::steady_clock::now();
   for (const char byte : Bytes("16 03 01 02 00 01 00 01 fc 03 03 00 00 00 00 00 00 00 00 00")) {
     if (!WriteAll(slow.get(), {&byte, 1})) break;
@@ -253,7 +240,7 @@ TEST(LimitTest, OneAddressHasOnlySoManyConnectionsThatProveNothing) {
   Door door(daemon.port(), {"--arriving-of-one=3"});
   std::vector<Descriptor> silent;
   silent.reserve(4);
-  for (int i = 0; i < 4; ++i) silent.push_back(ConnectTo(door.serving().port()));
+  for (int i = 0; i < 4; ++i) silent.push_back(ConnectToLoopback(door.serving().port()));
   EXPECT_THAT(door.serving().Await("refused")["why"], HasSubstr("from this address"));
   EXPECT_EQ(Rest(silent[3], 5000), "");
   silent.clear();
@@ -266,7 +253,7 @@ TEST(LimitTest, LongestUnprovenConnectionMakesRoomForTheNext) {
   Door door(daemon.port(), {"--arriving=3"});
   std::vector<Descriptor> silent;
   silent.reserve(3);
-  for (int i = 0; i < 3; ++i) silent.push_back(ConnectTo(door.serving().port()));
+  for (int i = 0; i < 3; ++i) silent.push_back(ConnectToLoopback(door.serving().port()));
   const auto gate = door.Connect(door.alice());
   EXPECT_THAT(AnswerTo(gate->port(), "alice"), StartsWith("OK|"));
   EXPECT_EQ(Rest(silent[0], 5000), "");
@@ -277,7 +264,7 @@ TEST(LimitTest, MasterThatDoesNotSayWhoItIsIsRefusedInTime) {
   RunningDaemon daemon(Unprivileged());
   Door door(daemon.port(), {"--claim-wait=1"});
   const auto gate = door.Connect(door.alice());
-  const Descriptor link = ConnectTo(gate->port());
+  const Descriptor link = ConnectToLoopback(gate->port());
   WriteAll(link.get(), RequestOf("alice").substr(0, 30));
   EXPECT_EQ(Rest(link), Frame("3") + Frame("The request has taken too long"));
   EXPECT_THAT(daemon.Logged(), Not(HasSubstr("Path: ")));
@@ -287,7 +274,7 @@ TEST(LimitTest, MasterThatSendsTooMuchBeforeItsClaimIsRefused) {
   RunningDaemon daemon(Unprivileged());
   Door door(daemon.port(), {"--claim-bytes=1000"});
   const auto gate = door.Connect(door.alice());
-  const Descriptor link = ConnectTo(gate->port());
+  const Descriptor link = ConnectToLoopback(gate->port());
   WriteAll(link.get(),
            Frame("3") + Frame("0") + Frame(std::string(2000, 'x')) + RequestOf("alice"));
   EXPECT_EQ(Rest(link), Frame("3") + Frame("The request is longer than the gate takes"));
@@ -403,7 +390,7 @@ TEST(LimitTest, StrangersThatDoNotCloseHoldOnlySoManyDescriptors) {
   const auto before = held();
   std::vector<Descriptor> silent;
   silent.reserve(100);
-  for (int i = 0; i < 100; ++i) silent.push_back(ConnectTo(door.serving().port()));
+  for (int i = 0; i < 100; ++i) silent.push_back(ConnectToLoopback(door.serving().port()));
   EXPECT_TRUE(Eventually([&] { return door.Status()["counts"]["refused"] == 92; }));
   EXPECT_LE(held(), before + 16);
 }
@@ -411,11 +398,12 @@ TEST(LimitTest, StrangersThatDoNotCloseHoldOnlySoManyDescriptors) {
 TEST(LimitTest, StrangersDoNotFillTheLog) {
   RunningDaemon daemon(Unprivileged());
   Door door(daemon.port());
-  for (int i = 0; i < 200; ++i) WriteAll(ConnectTo(door.serving().port()).get(), "nonsense");
+  for (int i = 0; i < 200; ++i)
+    WriteAll(ConnectToLoopback(door.serving().port()).get(), "nonsense");
   EXPECT_TRUE(Eventually([&] { return door.Status()["counts"]["refused"] == 200; }));
   EXPECT_LT(door.serving().Lines("refused").size(), 150U);
   std::this_thread::sleep_for(std::chrono::milliseconds(1100));
-  WriteAll(ConnectTo(door.serving().port()).get(), "nonsense");
+  WriteAll(ConnectToLoopback(door.serving().port()).get(), "nonsense");
   EXPECT_TRUE(Eventually([&] {
     const auto lines = door.serving().Lines("refused");
     return lines.back().contains("refused_untold") && lines.back()["refused_untold"] > 50;

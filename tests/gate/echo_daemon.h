@@ -1,13 +1,10 @@
 #pragma once
 
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 
 #include <atomic>
-#include <cstdint>
 #include <mutex>
-#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -15,19 +12,6 @@
 #include "base/descriptor.h"
 #include "tests/support/bytes.h"
 #include "tests/support/ports.h"
-
-/// A connection to a port of this machine.
-inline Descriptor ConnectToLoopback(int port) {
-  Descriptor link(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(static_cast<std::uint16_t>(port));
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (connect(link.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
-    throw std::runtime_error("no connection");
-  }
-  return link;
-}
 
 /// What a master sends that claims to be `user`.
 inline std::string RunRequestOf(const std::string& user) {

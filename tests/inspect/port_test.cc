@@ -30,16 +30,6 @@ Site SiteOn(int port) {
   return SiteOf({"-p", std::to_string(port)}, "/none/vkjobmill.exe");
 }
 
-Descriptor ConnectTo(int port) {
-  Descriptor near(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(static_cast<std::uint16_t>(port));
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  EXPECT_EQ(connect(near.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
-  return near;
-}
-
 TEST(PortTest, FreePortIsGood) {
   EXPECT_THAT(CheckPort(SiteOn(FreePort())), IsEmpty());
 }
@@ -58,7 +48,7 @@ TEST(PortTest, ProgramThatListensIsNamed) {
 TEST(PortTest, ConnectionWithoutAListenerHoldsThePort) {
   Descriptor listener = BindFreePort(1);
   const int port = PortOf(listener.get());
-  Descriptor near = ConnectTo(port);
+  Descriptor near = ConnectToLoopback(port);
   Descriptor far(accept(listener.get(), nullptr, nullptr));
   listener.Reset();
   Findings findings = CheckPort(SiteOn(port));
@@ -79,7 +69,7 @@ TEST(PortTest, ConnectionsThatHaveEndedAreOneFinding) {
   Descriptor listener = BindFreePort(3);
   const int port = PortOf(listener.get());
   for (int i = 0; i < 3; ++i) {
-    Descriptor near = ConnectTo(port);
+    Descriptor near = ConnectToLoopback(port);
     Descriptor far(accept(listener.get(), nullptr, nullptr));
     far.Reset();
     near.Reset();
@@ -200,7 +190,7 @@ TEST(PortTest, OnlyAFewOfThoseWhoHoldItAreNamed) {
   const int port = PortOf(listener.get());
   std::vector<Descriptor> ends;
   for (int i = 0; i < 4; ++i) {
-    ends.push_back(ConnectTo(port));
+    ends.push_back(ConnectToLoopback(port));
     ends.emplace_back(accept(listener.get(), nullptr, nullptr));
   }
   listener.Reset();
@@ -210,7 +200,7 @@ TEST(PortTest, OnlyAFewOfThoseWhoHoldItAreNamed) {
 TEST(PortTest, ConnectionThatTheOtherSideHasNotEndedIsNoProcesss) {
   Descriptor listener = BindFreePort(1);
   const int port = PortOf(listener.get());
-  const Descriptor near = ConnectTo(port);
+  const Descriptor near = ConnectToLoopback(port);
   Descriptor far(accept(listener.get(), nullptr, nullptr));
   listener.Reset();
   far.Reset();
@@ -276,7 +266,7 @@ TEST(CommsPortsTest, OnlyAFewOfManyAreShown) {
 TEST(CommsPortsTest, ConnectionsThatHaveEndedTakeNone) {
   Descriptor listener = BindFreePort(1);
   const int port = PortOf(listener.get());
-  Descriptor near = ConnectTo(port);
+  Descriptor near = ConnectToLoopback(port);
   Descriptor far(accept(listener.get(), nullptr, nullptr));
   far.Reset();
   near.Reset();

@@ -191,32 +191,26 @@ TEST(ReadSocketsTest, TableThatChangesMeanwhileIsAskedForAgainAFewTimes) {
   EXPECT_EQ(ReadAs(Answer), "0 6");
 }
 
+// The kernel has nothing to say of IPv4, and refuses to say anything of IPv6.
+template <int error>
+long SecondFails() {
+  said.size = 0;
+  if (said.calls == 0) {
+    Say(NLMSG_DONE, 0, 0);
+  } else {
+    Say(NLMSG_ERROR, 0, nlmsgerr{.error = -error, .msg = {}});
+  }
+  return Answer();
+}
+
 TEST(ReadSocketsTest, KernelWithoutIPv6HasTheOthers) {
   said = {};
-  EXPECT_EQ(ReadAs([]() -> long {
-              said.size = 0;
-              if (said.calls == 0) {
-                Say(NLMSG_DONE, 0, 0);
-              } else {
-                Say(NLMSG_ERROR, 0, nlmsgerr{.error = -ENOENT, .msg = {}});
-              }
-              return Answer();
-            }),
-            "0 2");
+  EXPECT_EQ(ReadAs(SecondFails<ENOENT>), "0 2");
   said = {};
   Say(NLMSG_ERROR, 0, nlmsgerr{.error = -ENOENT, .msg = {}});
   EXPECT_EQ(ReadAs(Answer), "No such file or directory 1");
   said = {};
-  EXPECT_EQ(ReadAs([]() -> long {
-              said.size = 0;
-              if (said.calls == 0) {
-                Say(NLMSG_DONE, 0, 0);
-              } else {
-                Say(NLMSG_ERROR, 0, nlmsgerr{.error = -ENOMEM, .msg = {}});
-              }
-              return Answer();
-            }),
-            "Cannot allocate memory 2");
+  EXPECT_EQ(ReadAs(SecondFails<ENOMEM>), "Cannot allocate memory 2");
 }
 
 TEST(ReadSocketsTest, AddressesOfIPv6AreWrittenAsSuch) {

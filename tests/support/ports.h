@@ -57,3 +57,16 @@ inline Descriptor BindFirstOfPorts() {
 inline int FreePort() {
   return PortOf(BindFreePort().get());
 }
+
+/// A connection to a port of this machine.
+inline Descriptor ConnectToLoopback(int port) {
+  Descriptor link(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<std::uint16_t>(port));
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  if (connect(link.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
+    throw std::runtime_error("no connection");
+  }
+  return link;
+}
