@@ -73,13 +73,7 @@ ConnectingGate::ConnectingGate(boost::asio::io_context& context, Options options
     throw std::runtime_error(options_.listen.host +
                              ": masters are taken on a loopback address alone");
   }
-  acceptor_.open(place.protocol());
-#ifndef _WIN32
-  acceptor_.set_option(Tcp::acceptor::reuse_address(true));
-#endif
-  acceptor_.bind(place);
-  acceptor_.listen();
-  acceptor_.non_blocking(true);
+  Listen(acceptor_, place);
   Accept();
 }
 

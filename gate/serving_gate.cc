@@ -122,13 +122,7 @@ ServingGate::ServingGate(boost::asio::io_context& context, Options options, Jour
       started_(WallTime()) {
   Load();
   const Tcp::endpoint place = Resolve(context, options_.listen);
-  acceptor_.open(place.protocol());
-#ifndef _WIN32
-  acceptor_.set_option(Tcp::acceptor::reuse_address(true));
-#endif
-  acceptor_.bind(place);
-  acceptor_.listen();
-  acceptor_.non_blocking(true);
+  Listen(acceptor_, place);
   Accept();
   Tick();
 }

@@ -72,6 +72,16 @@ class Closing : public std::enable_shared_from_this<Closing> {
   std::size_t dropped_ = 0;
 };
 
+void Listen(Tcp::acceptor& acceptor, const Tcp::endpoint& place) {
+  acceptor.open(place.protocol());
+#ifndef _WIN32
+  acceptor.set_option(Tcp::acceptor::reuse_address(true));
+#endif
+  acceptor.bind(place);
+  acceptor.listen();
+  acceptor.non_blocking(true);
+}
+
 void Prepare(Tcp::socket& socket) {
   error_code ignored;
   socket.non_blocking(true, ignored);

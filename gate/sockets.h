@@ -21,6 +21,10 @@ struct Wire {
   std::unique_ptr<TlsSocket> tls;
 };
 
+/// Listens at `place`, also where connections of an earlier gate still wait for their end. Throws
+/// boost::system::system_error.
+void Listen(Tcp::acceptor& acceptor, const Tcp::endpoint& place);
+
 /// Prepares a connection that was just made: no call on it waits, and small pieces leave at once. A
 /// piece of a conversation that waits for the acknowledgement of the piece before it costs 40 ms.
 void Prepare(Tcp::socket& socket);
