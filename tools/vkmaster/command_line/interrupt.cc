@@ -1,19 +1,22 @@
 #include "tools/vkmaster/command_line/interrupt.h"
 
-#include <signal.h>
+#include <atomic>
 
 #include "master/alarm.h"
+#include "tools/vkmaster/system/system.h"
 
 namespace vkmaster {
 namespace {
 
-volatile sig_atomic_t g_signal = 0;
-volatile sig_atomic_t g_count = 0;
+// A signal handler may use them: they have no lock.
+std::atomic<int> g_signal{0};
+std::atomic<int> g_count{0};
+static_assert(std::atomic<int>::is_always_lock_free);
 master::Alarm* g_alarm = nullptr;
 
 void OnSignal(int number) {
   g_signal = number;
-  g_count = g_count + 1;
+  ++g_count;
   g_alarm->Raise();
 }
 
@@ -22,11 +25,7 @@ void OnSignal(int number) {
 Interrupt::Interrupt() {
   static master::Alarm alarm;
   g_alarm = &alarm;
-  struct sigaction action {};
-  action.sa_handler = OnSignal;
-  // Without SA_RESTART: a read at the prompt has to return.
-  for (const int number : {SIGINT, SIGTERM, SIGHUP}) sigaction(number, &action, nullptr);
-  ::signal(SIGPIPE, SIG_IGN);
+  OnInterrupt(OnSignal);
 }
 
 master::Wake Interrupt::wake() const {

@@ -1,4 +1,5 @@
 #include <pwd.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include "tools/vkmaster/system/system.h"
@@ -20,6 +21,14 @@ std::string AccountName() {
 
 bool IsTerminal(std::FILE* stream) {
   return isatty(fileno(stream)) != 0;
+}
+
+void OnInterrupt(void (*handler)(int signal)) {
+  struct sigaction action {};
+  action.sa_handler = handler;
+  // Without SA_RESTART: a read at the prompt has to return.
+  for (const int number : {SIGINT, SIGTERM, SIGHUP}) sigaction(number, &action, nullptr);
+  ::signal(SIGPIPE, SIG_IGN);
 }
 
 struct Terminal::Modes {};

@@ -23,6 +23,10 @@ std::string AccountName();
 /// Whether somebody looks at or types into `stream`.
 bool IsTerminal(std::FILE* stream);
 
+/// Has `handler` called with SIGINT, SIGTERM or SIGHUP (1) when somebody wants the program to stop:
+/// in a signal handler, or on Windows on a thread of the system's. Throws std::runtime_error.
+void OnInterrupt(void (*handler)(int signal));
+
 /// The terminal as this program wants it. Windows gives a program a console in the code page and
 /// the modes of whoever had it before; at the end of this object it has them again.
 class Terminal {

@@ -5,6 +5,8 @@
 #include <lmcons.h>
 
 #include <array>
+#include <csignal>
+#include <stdexcept>
 
 #include "tools/vkmaster/system/system.h"
 #include "tools/vkmaster/system/wide.h"
@@ -18,6 +20,19 @@ HANDLE HandleOf(std::FILE* stream) {
 
 // With whole texts at once no character is cut in two on its way to the console.
 constexpr std::size_t kBuffer = 65536;
+
+constexpr int kHangUp = 1;  // SIGHUP, which Windows does not have
+
+void (*g_on_interrupt)(int signal) = nullptr;
+
+// On a thread that Windows makes for each of these.
+BOOL WINAPI OnControl(DWORD type) {
+  const bool typed = type == CTRL_C_EVENT || type == CTRL_BREAK_EVENT;
+  g_on_interrupt(type == CTRL_C_EVENT ? SIGINT : type == CTRL_BREAK_EVENT ? SIGTERM : kHangUp);
+  // Windows ends the process when this returns, or a few seconds later: time for the shutdown.
+  if (!typed) Sleep(INFINITE);
+  return TRUE;
+}
 
 }  // namespace
 
@@ -58,6 +73,13 @@ std::string AccountName() {
 bool IsTerminal(std::FILE* stream) {
   DWORD mode = 0;
   return GetConsoleMode(HandleOf(stream), &mode) != 0;
+}
+
+void OnInterrupt(void (*handler)(int signal)) {
+  g_on_interrupt = handler;
+  // A parent may have switched Ctrl-C off for its children.
+  SetConsoleCtrlHandler(nullptr, FALSE);
+  if (SetConsoleCtrlHandler(OnControl, TRUE) == 0) throw std::runtime_error("no Ctrl-C");
 }
 
 struct Terminal::Modes {
