@@ -48,8 +48,11 @@ struct ConnectingGate::Session {
   Tcp::resolver resolver;
   boost::asio::steady_timer timer;  // bounds an attempt, and is the pause before the next
   Backoff backoff;
-  std::unique_ptr<Wire> wire;  // of the attempt
-  std::uint64_t attempt = 0;   // what an older one still finishes is of no interest
+  // Of the attempt: the socket while it connects, which the operation itself keeps, and the wire
+  // then.
+  std::weak_ptr<Tcp::socket> connecting;
+  std::unique_ptr<Wire> wire;
+  std::uint64_t attempt = 0;  // what an older one still finishes is of no interest
   bool attached_once = false;
   std::string why;  // the last failure
   Time since{};
@@ -209,15 +212,17 @@ void ConnectingGate::Connect(const std::shared_ptr<Session>& session) {
       [this, session, attempt](error_code error, const Tcp::resolver::results_type& found) {
         if (attempt != session->attempt) return;
         if (error) return Failed(session, options_.to.host + ": " + error.message());
-        session->wire = std::make_unique<Wire>(Tcp::socket(context_));
+        const auto socket = std::make_shared<Tcp::socket>(context_);
+        session->connecting = socket;
         boost::asio::async_connect(
-            session->wire->socket, found,
-            [this, session, attempt](error_code refused, const Tcp::endpoint&) {
+            *socket, found,
+            [this, session, attempt, socket](error_code refused, const Tcp::endpoint&) {
               if (attempt != session->attempt) return;
               if (refused) {
                 return Failed(session, "The gate at " + options_.to.host + ":" + options_.to.port +
                                            " cannot be reached: " + refused.message());
               }
+              session->wire = std::make_unique<Wire>(std::move(*socket));
               Prepare(session->wire->socket);
               try {
                 session->wire->tls = std::make_unique<TlsSocket>(
@@ -252,13 +257,19 @@ void ConnectingGate::Shake(const std::shared_ptr<Session>& session) {
   session->end->Take(std::move(session->wire));
 }
 
+// Gives the attempt up, if there is one.
+void ConnectingGate::Abandon(Session& session) {
+  ++session.attempt;
+  error_code ignored;
+  session.timer.cancel(ignored);
+  session.resolver.cancel();
+  if (const auto socket = session.connecting.lock()) socket->close(ignored);
+  CloseGently(std::move(session.wire));
+}
+
 // An attempt has come to nothing.
 void ConnectingGate::Failed(const std::shared_ptr<Session>& session, const std::string& why) {
-  ++session->attempt;
-  error_code ignored;
-  session->timer.cancel(ignored);
-  session->resolver.cancel();
-  CloseGently(std::move(session->wire));
+  Abandon(*session);
   Broken(session, why);
 }
 
@@ -283,11 +294,7 @@ void ConnectingGate::Broken(const std::shared_ptr<Session>& session, const std::
 }
 
 void ConnectingGate::Ended(const std::shared_ptr<Session>& session) {
-  ++session->attempt;
-  error_code ignored;
-  session->timer.cancel(ignored);
-  session->resolver.cancel();
-  CloseGently(std::move(session->wire));
+  Abandon(*session);
   sessions_.erase(session->place);
   const Stream& stream = session->end->stream();
   Json fields = FieldsOf(*session);

@@ -65,6 +65,7 @@ class ConnectingGate {
   std::string WhyNotTaken(const Tcp::socket& master) const;
   void Connect(const std::shared_ptr<Session>& session);
   void Shake(const std::shared_ptr<Session>& session);
+  static void Abandon(Session& session);
   void Failed(const std::shared_ptr<Session>& session, const std::string& why);
   void Broken(const std::shared_ptr<Session>& session, const std::string& why);
   void Ended(const std::shared_ptr<Session>& session);

@@ -20,6 +20,7 @@
 #include "tests/jobmillctl/jobmillctl.h"
 #include "tests/support/bytes.h"
 #include "tests/support/child_process.h"
+#include "tests/support/full_listener.h"
 #include "tests/support/ports.h"
 #include "tests/support/running_daemon.h"
 #include "tests/system/serve.h"
@@ -207,6 +208,15 @@ TEST_F(StrangerTest, PlainTextIsRefused) {
 TEST_F(StrangerTest, ServingGateThatCannotBeReachedIsTold) {
   const auto gate = door_.Connect(door_.alice(), {}, FreePort());
   EXPECT_THAT(AnswerTo(gate->port(), "alice"), HasSubstr("cannot be reached: Connection refused"));
+}
+
+TEST_F(StrangerTest, ServingGateThatDoesNotAnswerIsTold) {
+  const FullListener silent;
+  const auto gate =
+      door_.Connect(door_.alice(), {"--attempt-wait=1"}, PortOf(silent.listener.get()));
+  EXPECT_THAT(AnswerTo(gate->port(), "alice"), HasSubstr("does not answer"));
+  // The attempt that was given up is gone without harm.
+  EXPECT_THAT(AnswerTo(gate->port(), "alice"), HasSubstr("does not answer"));
 }
 
 TEST(NoDaemonTest, DaemonThatCannotBeReachedIsTold) {

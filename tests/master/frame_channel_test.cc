@@ -26,6 +26,7 @@
 #include "master/errors.h"
 #include "tests/support/answered_call.h"
 #include "tests/support/bytes.h"
+#include "tests/support/full_listener.h"
 #include "tests/support/ports.h"
 #include "tests/support/socket_pair.h"
 #include "tests/support/text_of_child.h"
@@ -290,26 +291,6 @@ TEST(ConnectTo, UnknownHostIsNamed) {
     EXPECT_THAT(error.what(), HasSubstr("Unknown host 'no host has blanks'"));
   }
 }
-
-// A listener that has as many connections waiting as it takes: further ones stay pending.
-struct FullListener {
-  FullListener() {
-    // Which number the kernel takes on top of the backlog is its own affair.
-    pollfd wait{};
-    do {
-      waiting.emplace_back(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-      sockaddr_in address{};
-      socklen_t size = sizeof(address);
-      auto* raw = reinterpret_cast<sockaddr*>(&address);
-      getsockname(listener.get(), raw, &size);
-      if (connect(waiting.back().get(), raw, size) == 0) continue;
-      wait = {waiting.back().get(), POLLOUT, 0};
-    } while (poll(&wait, 1, 200) == 1 && waiting.size() < 100);
-  }
-
-  Descriptor listener = BindFreePort(1);
-  std::vector<Descriptor> waiting;
-};
 
 TEST(ConnectTo, ListenerThatDoesNotAnswerInTimeIsNamed) {
   const FullListener full;
