@@ -103,7 +103,7 @@ void LinkEnd::ReadLocal() {
       CloseLocal();
     } else {
       stream_->FromLocal({Scratch().data(), size});
-      if (stream_->ahead()) AcknowledgeNow(local_);
+      if (stream_->awaits_records()) AcknowledgeNow(local_);
       if (size < room) local_readable_ = false;
       WriteWire();
     }
@@ -156,8 +156,6 @@ void LinkEnd::ReadWire() {
       events_.attached();
     }
     if (!of_use) {
-      WriteLocal();
-      WriteWire();
       if (stream_->state() != Stream::State::kEnded) LoseWire("The other gate is busy");
       return;
     }

@@ -40,16 +40,6 @@ bool IsHead(std::string_view bytes, std::size_t size, Reason& reason) {
 
 }  // namespace
 
-std::string TextOf(const LinkId& id) {
-  constexpr std::string_view kDigits = "0123456789abcdef";
-  std::string text;
-  for (const unsigned char byte : id.bytes) {
-    text.push_back(kDigits[byte >> 4]);
-    text.push_back(kDigits[byte & 15]);
-  }
-  return text;
-}
-
 const char* TextOf(Reason reason) {
   switch (reason) {
     case Reason::kFinished:

@@ -25,9 +25,6 @@ struct LinkId {
   auto operator<=>(const LinkId&) const = default;
 };
 
-/// In hexadecimal digits.
-std::string TextOf(const LinkId& id);
-
 /// Why a link is not to be, or has ended. The numbers are those on the wire.
 enum class Reason : std::uint8_t {
   kFinished = 0,     ///< both directions have ended in order and all bytes have been taken

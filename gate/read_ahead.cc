@@ -252,9 +252,7 @@ std::string_view ReadAhead::ToAsk() const {
   // record.
   const std::int64_t batch = std::min({to_ask_, kRequestsAtOnce, (most + 3) / 4});
   if (!InRequest() && more < batch) return {};
-  const std::int64_t now =
-      std::min({to_ask_, kRequestsAtOnce, InRequest() ? std::max<std::int64_t>(more, 1) : more});
-  if (now <= 0) return {};
+  const std::int64_t now = std::min({to_ask_, kRequestsAtOnce, more});
   return Requests(code_).substr(asked_part_,
                                 static_cast<std::size_t>(now) * kRequestSize - asked_part_);
 }

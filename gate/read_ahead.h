@@ -50,6 +50,8 @@ class ReadAhead {
   void Asked(std::size_t count);
   /// Whether part of such a request has been given, so that nothing else may be.
   bool InRequest() const { return asked_part_ > 0; }
+  /// Whether the daemon still owes records.
+  bool AwaitsRecords() const { return unanswered_ > 0; }
 
  private:
   enum class Stage {

@@ -65,6 +65,8 @@ class Stream {
   std::uint64_t epoch() const { return epoch_; }
   /// Whether both ends have agreed to ask for records ahead.
   bool ahead() const { return ahead_; }
+  /// Whether the daemon still owes records that were asked for ahead.
+  bool awaits_records() const { return reader_ && reader_->AwaitsRecords(); }
   /// Bytes that have gone over the link in either direction, each counted once.
   std::uint64_t given() const { return given_; }
   std::uint64_t taken() const { return taken_ - (end_taken_ ? 1 : 0) - (gone_taken_ ? 1 : 0); }

@@ -123,10 +123,6 @@ void TlsSocket::SayGoodbye() {
   ERR_clear_error();
 }
 
-bool TlsSocket::HasPending() const {
-  return SSL_has_pending(tls_) == 1;
-}
-
 X509* TlsSocket::certificate() const {
   return SSL_get0_peer_certificate(tls_);
 }

@@ -62,9 +62,6 @@ class TlsSocket {
   /// Tells the peer, if there is room for that, that nothing more will come.
   void SayGoodbye();
 
-  /// Whether Read() may have something although the socket is not readable.
-  bool HasPending() const;
-
   /// Why it is broken: a sentence. "The connection has ended" where the peer has just gone.
   std::string error() const { return error_; }
 

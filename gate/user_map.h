@@ -34,8 +34,6 @@ class UserMap {
   /// Whether the owner of `name` may claim `user`.
   bool Allows(const CertificateName& name, std::string_view user) const;
 
-  bool empty() const { return entries_.empty(); }
-
  private:
   struct Entry {
     CertificateName name;
