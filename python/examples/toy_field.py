@@ -6,7 +6,7 @@
 
 from __future__ import annotations
 
-from typing import Dict, Mapping, Tuple
+from typing import Mapping
 
 from jobmill.simulator import Simulator, run
 
@@ -29,26 +29,18 @@ DRAWDOWN = {"PRODUCER": 0.1, "WATER_INJECTOR": -0.1, "GAS_INJECTOR": -0.005}  # 
 
 class ToyField(Simulator):
     end_time = 720.0
-
-    def __init__(self) -> None:
-        self.pressure = 250.0  # bar
-        self.statuses = {well: "OPEN" for well in WELLS}
-        self.uptimes = {well: 1.0 for well in WELLS}
-        self.limits: Dict[str, Dict[str, Tuple[float, str]]] = {well: {} for well in WELLS}
+    pressure = 250.0  # bar
 
     def wells(self) -> Mapping[str, str]:
         return WELLS
 
-    def status(self, well: str) -> str:
-        return self.statuses[well]
-
     def rate(self, well: str) -> float:
         """The average over the day: whatever is limited, acts at once."""
-        share = self.pressure / 250.0 if WELLS[well] == "PRODUCER" else 1.0
-        if self.statuses[well] == "SHUT":
+        if self.status(well) == "SHUT":
             return 0.0
-        counts = LIMITS[WELLS[well]]
-        limits = [value / counts[item] for item, (value, _) in self.limits[well].items()]
+        share = self.pressure / 250.0 if WELLS[well] == "PRODUCER" else 1.0
+        counts = LIMITS[WELLS[well]].items()
+        limits = [self.limit(well, item) / count for item, count in counts]
         return min([FULL_RATE[well] * share * self.uptimes[well], *limits])
 
     def number(self, well: str, item: str) -> float:
@@ -72,27 +64,9 @@ class ToyField(Simulator):
         }[item]
 
     def advance(self, until: float) -> None:
-        out = self.rate("P1") + self.rate("P2")
-        net = self.rate("I1") + self.rate("G1") / 200.0 - out
+        net = self.rate("I1") + self.rate("G1") / 200.0 - self.rate("P1") - self.rate("P2")
         self.pressure = max(50.0, self.pressure + net * (until - self.time) / 1e4)
         self.time = until
-
-    # What a setter names that is unknown or has no sense changes nothing.
-
-    def set_status(self, well: str, status: str) -> None:
-        if status in ("OPEN", "SHUT"):
-            self.statuses[well] = status
-
-    def set_uptime(self, well: str, fraction: float) -> None:
-        if 0.0 <= fraction <= 1.0:
-            self.uptimes[well] = fraction
-
-    def set_constraint(self, well: str, item: str, value: float, setter: str) -> None:
-        if item in LIMITS[WELLS[well]] and value >= 0.0:
-            self.limits[well][item] = (value, setter)
-
-    def constraints(self, well: str) -> Mapping[str, Tuple[float, str]]:
-        return self.limits[well]
 
 
 if __name__ == "__main__":

@@ -13,8 +13,10 @@ from __future__ import annotations
 
 import argparse
 import datetime
+import math
 import socket
 import sys
+from collections import defaultdict
 from dataclasses import dataclass, field
 from typing import Any, Callable, Dict, List, Mapping, Optional, Sequence, Tuple
 
@@ -25,6 +27,17 @@ from .stream import Stream
 
 METRIC = "TOLMEN_METRIC"
 FIELD = "TOLMEN_FIELD"
+#: The limits of the page. Others are a simulator's own affair.
+LIMITS = (
+    "LIQUID_PRODUCTION_RATE",
+    "OIL_PRODUCTION_RATE",
+    "GAS_PRODUCTION_RATE",
+    "WATER_PRODUCTION_RATE",
+    "WATER_INJECTION_RATE",
+    "GAS_INJECTION_RATE",
+    "BOTTOM_HOLE_PRESSURE",
+    "TUBING_HEAD_PRESSURE",
+)
 
 
 @dataclass(frozen=True)
@@ -59,6 +72,12 @@ class Simulator:
     #: Now, in days. advance() moves it.
     time = 0.0
 
+    def __init__(self) -> None:
+        #: What has been set. A class that overrides a setter keeps what it sets itself.
+        self.statuses: Dict[str, str] = defaultdict(lambda: "OPEN")
+        self.uptimes: Dict[str, float] = defaultdict(lambda: 1.0)
+        self.limits: Dict[str, Dict[str, Tuple[float, str]]] = defaultdict(dict)
+
     # The field.
 
     def wells(self) -> Mapping[str, str]:
@@ -67,7 +86,7 @@ class Simulator:
 
     def status(self, well: str) -> str:
         """OPEN or SHUT."""
-        return "OPEN"
+        return self.statuses[well]
 
     def number(self, well: str, item: str) -> float:
         """An item of a well, such as OIL_PRODUCTION_RATE. KeyError for one that the field does not have.
@@ -84,22 +103,30 @@ class Simulator:
     # changes nothing; unknown wells are passed over already, and "*" is taken apart.
 
     def set_status(self, well: str, status: str) -> None:
-        pass
+        if status in ("OPEN", "SHUT"):
+            self.statuses[well] = status
 
     def set_uptime(self, well: str, fraction: float) -> None:
-        pass
+        if 0.0 <= fraction <= 1.0:
+            self.uptimes[well] = fraction
 
     def set_constraint(self, well: str, item: str, value: float, setter: str) -> None:
         """Limits a rate or a pressure from now on. The page has the names that are needed.
 
         Values out of reach, such as 100,000, take a limit off: take them like every other.
         """
+        if item in LIMITS and value >= 0.0:
+            self.limits[well][item] = (value, setter)
+
+    def limit(self, well: str, item: str) -> float:
+        """What has been set last; infinite where nothing has."""
+        return self.limits[well].get(item, (math.inf, ""))[0]
 
     # What not every simulator has.
 
     def constraints(self, well: str) -> Mapping[str, Tuple[float, str]]:
         """The limits of a well, each with who has set it."""
-        return {}
+        return self.limits[well]
 
     def inflow(
         self, well: str, pressure: str, points: int, skewness: float

@@ -279,10 +279,10 @@ class RatesAfterAStep(Compositional):
 
     def __init__(self) -> None:
         super().__init__()
-        self.acting = dict(self.statuses)
+        self.acting = self.statuses.copy()
 
     def advance(self, until: float) -> None:
-        self.acting = dict(self.statuses)
+        self.acting = self.statuses.copy()
         super().advance(until)
 
     def rate(self, well: str) -> float:
@@ -403,14 +403,14 @@ class Forgets(Conversation):
     def _setwconstraints(self, asked: Asked) -> Answers:
         for row in asked.rows:
             for well in self._known(row["WELLNAME"]):
-                self._simulator.limits[well].clear()  # type: ignore[attr-defined]
+                self._simulator.limits[well].clear()
         return super()._setwconstraints(asked)
 
 
 class ForgetsWhenShut(Conversation):
     def _setwstatus(self, asked: Asked) -> Answers:
         for well, _ in self._pairs(asked):
-            self._simulator.limits[well].clear()  # type: ignore[attr-defined]
+            self._simulator.limits[well].clear()
         return super()._setwstatus(asked)
 
 

@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 import datetime
-from typing import Dict, Mapping, Sequence
+from typing import Mapping, Sequence
 
 from ..simulator import METRIC, FluidModel, Simulator
 
@@ -40,6 +40,7 @@ class KnownField(Simulator):
     end_time = 1000.0
 
     def __init__(self, wells: int = 0, units: str = METRIC, named: str = "W{:05}") -> None:
+        super().__init__()
         self.units = units
         many = {named.format(i): "PRODUCER" for i in range(wells)}
         self._wells = many or {
@@ -49,15 +50,9 @@ class KnownField(Simulator):
             "G1": "GAS_INJECTOR",
         }
         self._numbers = {name: number for number, name in enumerate(self._wells)}
-        self.statuses = {name: "OPEN" for name in self._wells}
-        self.limits: Dict[str, Dict[str, float]] = {name: {} for name in self._wells}
-        self._uptimes: Dict[str, float] = {}
 
     def wells(self) -> Mapping[str, str]:
         return self._wells
-
-    def status(self, well: str) -> str:
-        return self.statuses[well]
 
     def number(self, well: str, item: str) -> float:
         base = 1000.0 * (self._numbers[well] + 1)
@@ -67,23 +62,17 @@ class KnownField(Simulator):
         offsets += ["LIQUID_PRODUCTION_RATE", "GAS_OIL_RATIO", "WATER_CUT"]
         if item not in offsets:
             raise KeyError(item)
-        if item.endswith("_RATE") and self.statuses[well] == "SHUT":
+        if item.endswith("_RATE") and self.status(well) == "SHUT":
             return 0.0
-        if item == "UPTIME_FRACTION" and well in self._uptimes:
-            return self._uptimes[well]
+        if item == "UPTIME_FRACTION" and well in self.uptimes:
+            return self.uptimes[well]
         value = base + 10.0 * offsets.index(item) + 0.125
         if item.endswith("_RATE"):
-            value = min(value, self.limits[well].get(item, value))
+            value = min(value, self.limit(well, item))
         return value
 
     def set_status(self, well: str, status: str) -> None:
         self.statuses[well] = status
-
-    def set_uptime(self, well: str, fraction: float) -> None:
-        self._uptimes[well] = fraction
-
-    def set_constraint(self, well: str, item: str, value: float, setter: str) -> None:
-        self.limits[well][item] = value
 
     def fluid_models(self) -> Sequence[FluidModel]:
         properties = {name: [10.0 * (i + 1) + k for k in range(3)] for i, name in enumerate(SERIES)}
