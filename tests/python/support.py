@@ -72,16 +72,29 @@ class Process:
     def wait(self) -> int:
         return self._process.wait(SOON)
 
-    def end(self) -> str:
-        """Ends it; what it said after it listened."""
-        self._process.terminate()
+    def rest(self) -> str:
+        """What it said after it listened, when it has ended by itself."""
         return self._process.communicate(timeout=SOON)[0]
+
+    def fileno(self) -> int:
+        """Of what it says, to be waited for."""
+        assert self._process.stdout is not None
+        return self._process.stdout.fileno()
 
     def __exit__(self, *exception: object) -> None:
         self._process.terminate()
         self._process.wait(SOON)
         if self._process.stdout is not None:
             self._process.stdout.close()
+
+
+def first_to_speak(*processes: Process) -> Process:
+    with selectors.DefaultSelector() as selector:
+        for each in processes:
+            selector.register(each, selectors.EVENT_READ)
+        for key, _ in selector.select(SOON):
+            return key.fileobj  # type: ignore[return-value]
+    raise AssertionError("none of the programs said anything")
 
 
 _ports_lock = threading.Lock()

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import asyncio
 import contextlib
 import io
 import json
@@ -16,11 +17,13 @@ from typing import Any, Dict, List, Tuple
 from unittest import mock
 
 from support import PLAYED, SOON, STAND_IN, Process, RealDaemon, ThreadedSimulator
+from support import first_to_speak
 
 import jobmill
 from jobmill.check.daemon import KnownField
 from jobmill.controller_link import take_message
 from jobmill.wire import __main__ as wire
+from jobmill.wire import proxy as proxy_module
 from jobmill.wire import recording
 from toy_field import ToyField
 
@@ -103,7 +106,7 @@ class WireTest(unittest.TestCase):
                     arguments = ("replay", "--to", str(daemon.port), "--timeout", str(SOON), master)
                     status, text = call(*arguments)
                     self.assertEqual(status, 0, text)
-                    played = one.end() + other.end()
+                    played = first_to_speak(one, other).rest()
         # The daemon came to one of the two.
         self.assertRegex(played, r"^\d\d+ answers were equal, 0 were not\n$")
 
@@ -214,8 +217,18 @@ class FaultTest(unittest.TestCase):
         found = self.echo("--delay", "0.05", "--split", "1")
         self.assertEqual(found, b"\4\0\0\0aaaa\4\0\0\0bbbb\4\0\0\0cccc")
 
+    def test_end_that_answers_no_probe_ends_the_other_way_too(self) -> None:
+        async def pieces() -> List[bytes]:
+            reader, writer = asyncio.StreamReader(), mock.Mock(asyncio.StreamWriter)
+            reader.set_exception(TimeoutError())
+            arriving = proxy_module._arriving(reader, writer, 0.0)
+            return [piece async for piece in arriving]
+
+        with mock.patch.object(proxy_module, "acknowledge_at_once"):
+            self.assertEqual(asyncio.run(asyncio.wait_for(pieces(), SOON)), [])
+
     def test_distance_delays_each_byte_and_none_behind_another(self) -> None:
-        count, distance = 100, 0.1
+        count, distance = 100, 0.4
 
         def serve() -> None:
             accepted, _ = listener.accept()
@@ -241,7 +254,7 @@ class FaultTest(unittest.TestCase):
                     self.assertEqual(client.recv(1), b"")
             server.join(SOON)
         self.assertEqual(received, bytes(range(count)))
-        # A byte goes there and back; a delay for each would add up to 20 s.
+        # A byte goes there and back; a delay for each would add up to 80 s.
         self.assertGreaterEqual(taken, 2 * distance)
         self.assertLess(taken, count * distance / 2)
 

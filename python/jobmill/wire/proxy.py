@@ -128,7 +128,7 @@ async def _arriving(
             acknowledge_at_once(writer.get_extra_info("socket"))
             try:
                 data = await reader.read(PIECE)
-            except ConnectionError:
+            except OSError:
                 data = b""
             await under_way.put((loop.time() + distance, data))
 
