@@ -66,8 +66,8 @@ class Watch {
  public:
   Watch(asio::io_context& context, Wake wake) : handle_(context, Copy(wake)) {}
 
-  // Starts a wait in the background unless there is one. `self` is this object: a wait that has
-  // been given up comes to its end only when the context runs again.
+  // Starts a wait in the background unless there is one. `self` is this object: the wait keeps it
+  // until End(), whose effect comes when the context runs again.
   void Begin(const std::shared_ptr<Watch>& self) {
     if (waiting_) return;
     waiting_ = true;
@@ -77,6 +77,12 @@ class Watch {
 #else
     handle_.async_wait(asio::posix::descriptor_base::wait_read, done);
 #endif
+  }
+
+  // Gives the wait up.
+  void End() {
+    error_code ignored;
+    handle_.close(ignored);
   }
 
   // Whether it is raised now. The end of a wait may be an old one: by then somebody has put it
@@ -194,6 +200,7 @@ error_code FrameChannel::Link::Connect(const tcp::endpoint& to, const Deadline& 
 }
 
 void FrameChannel::Link::WakeOn(Wake wake) {
+  if (watch_) watch_->End();
   watch_ = wake == kNoWake ? nullptr : std::make_shared<Watch>(context_, wake);
 }
 
@@ -244,7 +251,9 @@ std::optional<std::string> FrameChannel::Link::Receive(const Deadline& deadline)
 // Runs until something has come to its end, or the deadline has passed, which is false.
 bool FrameChannel::Link::RunOne(const Deadline& deadline) {
   context_.restart();
-  return deadline ? context_.run_one_until(*deadline) > 0 : context_.run_one() > 0;
+  if (!deadline) return context_.run_one() > 0;
+  // With a deadline that has passed, what is there already counts all the same.
+  return context_.run_one_until(*deadline) > 0 || context_.poll_one() > 0;
 }
 
 void FrameChannel::Link::Wait(const Deadline& deadline, const char* interrupted) {
@@ -278,10 +287,10 @@ void FrameChannel::Link::Sent(const error_code& error, std::size_t size) {
   unsent_.insert(0, leaving_, size);
   BeginSending();
   if (sending_ || !ahead_) return;
-    // The daemon's side holds a small answer back until the one before has been acknowledged
-    // (Nagle's rule), and a system that expects to send soon acknowledges late: 40 ms for ten
-    // wells, whose records take 0.2 ms. All requests are out, so this side has nothing to wait for.
 #ifdef TCP_QUICKACK
+  // The daemon's side holds a small answer back until the one before has been acknowledged
+  // (Nagle's rule), and a system that expects to send soon acknowledges late: 40 ms for ten
+  // wells, whose records take 0.2 ms. All requests are out, so this side has nothing to wait for.
   const int on = 1;
   setsockopt(socket_.native_handle(), IPPROTO_TCP, TCP_QUICKACK, &on, sizeof(on));
 #endif

@@ -274,8 +274,12 @@ std::vector<double> Run::GetWellVariables(const std::string& well,
 
 std::vector<std::vector<double>> Run::GetVariablesOfWells(const std::vector<std::string>& wells,
                                                           const std::vector<std::string>& names) {
+  for (const std::string& well : wells) {
+    Check(Code::kGetWellVariables, VariablesRequest(well, names));
+  }
   // What is under way at a time: more would only take memory here.
   constexpr std::size_t kMostAhead = std::size_t{256} * 1024;
+  const std::size_t rest = VariablesRequest("", names).body().size();  // of a request, but its well
   std::vector<std::vector<double>> values;
   values.reserve(wells.size());
   std::size_t asked = 0;
@@ -287,10 +291,8 @@ std::vector<std::vector<double>> Run::GetVariablesOfWells(const std::vector<std:
       continue;
     }
     while (asked < wells.size() && (asked == i || ahead < kMostAhead)) {
-      const RequestWriter request = VariablesRequest(wells[asked++], names);
-      Check(Code::kGetWellVariables, request);
-      channel_.SendAhead(request.body());
-      ahead += request.body().size();
+      channel_.SendAhead(VariablesRequest(wells[asked], names).body());
+      ahead += rest + wells[asked++].size();
     }
     try {
       values.push_back(NextVariables());
@@ -299,7 +301,7 @@ std::vector<std::vector<double>> Run::GetVariablesOfWells(const std::vector<std:
                           NameOf(Code::kGetWellVariables) + " for " + wells[i] +
                           " or a well behind it");
     }
-    ahead -= VariablesRequest(wells[i], names).body().size();
+    ahead -= rest + wells[i].size();
   }
   return values;
 }

@@ -241,6 +241,15 @@ TEST_F(AheadTest, RefusedVariablesOfALaterWellAreAFailedRequest) {
       [&] { EXPECT_THROW(run_.GetVariablesOfWells(WellNames(9), {"A"}), master::RequestFailed); });
 }
 
+// A name that no request can hold is found before anything is sent: what was sent before it would
+// be answered into the next request.
+TEST_F(AheadTest, VariablesOfAWellWithoutRoomInARequestLeaveTheLinkAsItIs) {
+  std::vector<std::string> wells = WellNames(3);
+  wells.emplace_back(70000, 'x');
+  EXPECT_THROW(run_.GetVariablesOfWells(wells, {"A"}), master::RequestTooLong);
+  EXPECT_EQ(Arrived(pair_.peer.get()), "");
+}
+
 TEST_F(AheadTest, OneByOneVariablesAreAskedForWhenThoseBeforeHaveCome) {
   run_.AskOneByOne();
   std::string ahead;

@@ -26,6 +26,7 @@
 #include "master/errors.h"
 #include "tests/support/answered_call.h"
 #include "tests/support/bytes.h"
+#include "tests/support/child_process.h"
 #include "tests/support/full_listener.h"
 #include "tests/support/ports.h"
 #include "tests/support/socket_pair.h"
@@ -210,6 +211,24 @@ TEST_F(FrameChannelTest, WakeThatIsTakenBackInterruptsNoMore) {
   channel_.WakeOn(master::kNoWake);
   Write("01000000 41");
   EXPECT_EQ(channel_.Receive(), "A");
+}
+
+TEST_F(FrameChannelTest, WakesThatAreTakenBackLeaveNoDescriptor) {
+  const master::Alarm alarm;
+  const auto wait = [&] {
+    channel_.WakeOn(alarm.wake());
+    EXPECT_THROW(channel_.Receive(Clock::now() + milliseconds(1)), master::TimedOut);
+    channel_.WakeOn(master::kNoWake);
+  };
+  wait();
+  const auto before = OpenDescriptors(getpid());
+  for (int i = 0; i < 50; ++i) wait();
+  EXPECT_LE(OpenDescriptors(getpid()), before + 1);
+}
+
+TEST_F(FrameChannelTest, FrameThatIsThereIsReceivedAfterTheDeadline) {
+  Write("02000000 4142");
+  EXPECT_EQ(channel_.Receive(Clock::now() - milliseconds(1)), "AB");
 }
 
 TEST_F(FrameChannelTest, TickIsCalledWhileWaiting) {
