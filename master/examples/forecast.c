@@ -47,6 +47,12 @@ int main(int argc, char** argv) {
   int32_t length = 0;
   for (int32_t i = 0; i < wells; ++i) {
     length += check("name", jobmill_well_name(run, i, names + length, kNames - length));
+    if (i == kMostWells || length > kNames - 2) {
+      fprintf(stderr, "more wells than there is room for\n");
+      jobmill_shutdown(run, 30);
+      jobmill_free(run);
+      return 1;
+    }
     names[length++] = '\n';
   }
   names[length] = '\0';
