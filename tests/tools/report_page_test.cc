@@ -384,13 +384,14 @@ TEST_F(ReportPageTest, TimesOfAllKindsAreTold) {
                {"data.csv",
                 "time_days,date,well,status,oil_rate [STB/d],gas_rate [MMscf/d]\n"
                 "0,x,P1,OPEN,100,1\n0.00002,x,P1,OPEN,99,1\n0.5,x,P1,OPEN,98,1\n"
-                "366,x,P1,OPEN,50,2\n366,x,P1,SHUT,0,0\n30000,x,P1,OPEN,20,3\n"}});
+                "30.999999,x,P1,OPEN,97,1\n366,x,P1,OPEN,50,2\n366,x,P1,SHUT,0,0\n30000,x,P1,OPEN,"
+                "20,3\n"}});
   EXPECT_EQ(browser().Evaluate("meta.days.map(dateOf)"),
-            json({"1968-12-31", "1968-12-31 00:00", "1968-12-31 12:00", "1970-01-01", "1970-01-01",
-                  "2051-02-19"}));
-  EXPECT_EQ(Values(browser(), 0, "oil_rate"), json({100, 99, 98, 50, 0, 20}));
+            json({"1968-12-31", "1968-12-31 00:00", "1968-12-31 12:00", "1969-01-31", "1970-01-01",
+                  "1970-01-01", "2051-02-19"}));
+  EXPECT_EQ(Values(browser(), 0, "oil_rate"), json({100, 99, 98, 97, 50, 0, 20}));
   EXPECT_EQ(Values(browser(), 0, "gas_oil_ratio"),
-            json({10000, 1e6F / 99, 1e6F / 98, 40000, nullptr, 150000}));
+            json({10000, 1e6F / 99, 1e6F / 98, 1e6F / 97, 40000, nullptr, 150000}));
   Press("oil_rate", "End");
   EXPECT_EQ(Text("#plot-oil_rate .u-series:nth-child(1) .u-value"), "2051-02-19, day 30000");
   EXPECT_THAT(browser().complaints(), IsEmpty());

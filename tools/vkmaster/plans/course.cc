@@ -71,7 +71,7 @@ class Course {
     file.End(how, session_.last_days(), recorder_.Files());
     try {
       report_.Finish();
-    } catch (const UsageError& error) {
+    } catch (const std::exception& error) {
       context_.output.Note(std::string("note: ") + error.what());
     }
   }

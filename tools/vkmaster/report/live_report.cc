@@ -1,13 +1,13 @@
 #include "tools/vkmaster/report/live_report.h"
 
 #include <algorithm>
+#include <exception>
 #include <filesystem>
 #include <system_error>
 #include <utility>
 
 #include "tools/vkmaster/report/report.h"
 #include "tools/vkmaster/system/system.h"
-#include "tools/vkmaster/text/usage_error.h"
 #include "tools/vkmaster/text/whole_file.h"
 
 namespace vkmaster {
@@ -38,8 +38,8 @@ void LiveReport::Update() {
   try {
     // The page asks for the next one when that is due: this one took about as long.
     WriteReport(ReadResults(directory_), file_, pause(last_));
-  } catch (const UsageError&) {
-    // Finish() tries again.
+  } catch (const std::exception&) {
+    // Finish() tries again. Whatever it is, it is no reason to end a run.
   }
   last_ = Clock::now() - now;
   due_ = Clock::now() + pause(last_);

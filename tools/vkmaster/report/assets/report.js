@@ -235,10 +235,10 @@ function exact(value) {
 }
 
 function dateOf(days) {
-  const date = new Date((start + days * day) * 1000);
+  const midnight = Math.abs(days - Math.round(days)) < 1e-5;
+  const date = new Date((start + (midnight ? Math.round(days) : days) * day) * 1000);
   if (isNaN(date)) return '';
   const text = date.toISOString();
-  const midnight = Math.abs(days - Math.round(days)) < 1e-5;
   return midnight ? text.split('T')[0] : text.slice(0, -8).replace('T', ' ');
 }
 
