@@ -20,6 +20,7 @@
 #include "tests/load/plan.h"
 #include "tests/load/scenarios.h"
 #include "tests/support/child_process.h"
+#include "tests/support/sanitized.h"
 
 namespace load {
 namespace {
@@ -55,7 +56,7 @@ TEST(ObservationTest, DescriptorMoreOrLessIsAChange) {
 }
 
 TEST(ObservationTest, MemoryBeyondTheToleranceIsAChange) {
-  if (!MemoryCounts()) GTEST_SKIP() << "a sanitizer's allocator keeps what is freed";
+  if (kSanitized) GTEST_SKIP() << "a sanitizer's allocator keeps what is freed";
   Report report;
   const Baseline before(getpid());
   before.RequireUnchanged(report);
@@ -138,7 +139,7 @@ TEST(CarryOutTest, RunThatGetsNoAnswerEndsWithTheLimit) {
 }
 
 // A sanitizer makes everything several times slower, and judges other things than amounts.
-constexpr std::size_t kSlowness = MemoryCounts() ? 1 : 5;
+constexpr std::size_t kSlowness = kSanitized ? 5 : 1;
 
 TEST(LoadTest, IdleConnectionsAndLiveRunsLeaveTheDaemonAsItWas) {
   Report report;

@@ -28,16 +28,6 @@ std::vector<pid_t> ZombiesOf(pid_t parent);
 /// The smallest of `values` that is not below `share` of them (0 < share <= 1); 0 without values.
 double Percentile(std::vector<double> values, double share);
 
-/// Whether the programs were built with a sanitizer, whose allocator keeps what is freed: their
-/// memory says nothing then.
-constexpr bool MemoryCounts() {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-  return false;
-#else
-  return true;
-#endif
-}
-
 /// What a scenario saw: figures, printed as they come, and what was not as it has to be. For use
 /// by several threads.
 class Report {

@@ -13,6 +13,7 @@
 #include "tests/load/load_site.h"
 #include "tests/load/scenarios.h"
 #include "tests/support/child_process.h"
+#include "tests/support/sanitized.h"
 #include "tests/support/wire_bytes.h"
 
 namespace load {
@@ -164,7 +165,7 @@ class BulkRun {
                    "MiB");
     // The message, its values, the reply and the frame that is sent; rows of short texts take more
     // in memory than on the wire.
-    report_.Require(!MemoryCounts() || peak < 8 * static_cast<long>(size_.answer / 1024) + 16384,
+    report_.Require(kSanitized || peak < 8 * static_cast<long>(size_.answer / 1024) + 16384,
                     "the controller's peak was " + std::to_string(peak) + " KiB");
     run_->Shutdown();
   }
@@ -181,7 +182,7 @@ class BulkRun {
   // The reply is on its way before the handler has tidied up.
   void RequireGivenBack(const std::string& what) {
     const long limit = before_ + kKept;
-    if (MemoryCounts()) Eventually([&] { return Anonymous() <= limit; }, std::chrono::seconds(1));
+    if (!kSanitized) Eventually([&] { return Anonymous() <= limit; }, std::chrono::seconds(1));
     const long now = Anonymous();
     most_ = std::max(most_, now);
     report_.RequireFlat("the controller's memory, after " + what + ",", before_, now, kKept);

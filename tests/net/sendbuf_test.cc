@@ -17,6 +17,7 @@
 #include "net/socket.h"
 #include "tests/support/bytes.h"
 #include "tests/support/child_process.h"
+#include "tests/support/sanitized.h"
 #include "tests/support/socket_pair.h"
 
 namespace {
@@ -193,12 +194,6 @@ TEST_F(SendbufTest, FailedSendReturnsOne) {
   EXPECT_EQ(reply_.Send(&child_, 9), 1);
 }
 
-#if defined(__SANITIZE_ADDRESS__)
-constexpr bool kMemoryCanRunOut = false;  // the sanitizer ends the process instead
-#else
-constexpr bool kMemoryCanRunOut = true;
-#endif
-
 // What a reply of 64 MB is sent with, to a master that reads, by a process that may then have
 // `more` megabytes in addition.
 int ResultWithMemory(std::size_t more) {
@@ -226,7 +221,7 @@ int ResultWithMemory(std::size_t more) {
 }
 
 TEST(SendbufMemoryTest, LargeReplyLeavesFromWhereItWasPacked) {
-  if (!kMemoryCanRunOut) GTEST_SKIP() << "not under this sanitizer";
+  if (kSanitized) GTEST_SKIP() << "a sanitizer ends a process that lacks memory";
   EXPECT_EQ(ResultWithMemory(1), 0);
 }
 
