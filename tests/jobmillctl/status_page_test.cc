@@ -123,7 +123,7 @@ TEST_F(StatusPageTest, FiftyRunsAreShownAndFiltered) {
   EXPECT_EQ(browser().Evaluate("document.querySelector('[name=text]').value"), "step7");
   browser().Evaluate("document.querySelector('form').submit()");
   ASSERT_TRUE(browser().Becomes("location.search.includes('step7')"));
-  EXPECT_EQ(Shown(browser()).count("STEP7"), 1U);
+  EXPECT_TRUE(Eventually([&] { return Shown(browser()).count("STEP7") == 1; }));
   EXPECT_EQ(Shown(browser()).count("STEP6"), 0U);
 }
 
