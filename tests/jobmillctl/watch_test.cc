@@ -4,6 +4,7 @@
 #include <pty.h>
 #include <signal.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <array>
@@ -39,15 +40,18 @@ TEST(WatchTest, EachChangeIsALineWhereThereIsNoTerminal) {
 class Terminal {
  public:
   // With further arguments. A terminal that does not know its size says 0.
-  explicit Terminal(const std::vector<std::string>& arguments = {}, unsigned short rows = 30) {
+  explicit Terminal(std::vector<std::string> arguments = {}, unsigned short rows = 30) {
     winsize size{};
     size.ws_row = rows;
     size.ws_col = rows == 0 ? 0 : 120;
     pid_ = forkpty(&master_, nullptr, nullptr, &size);
     if (pid_ == 0) {
-      const std::string program = ProgramDirectory() + "/jobmillctl";
-      const char* const run = arguments.empty() ? nullptr : arguments[0].c_str();
-      execl(program.c_str(), program.c_str(), "status", "--watch", run, nullptr);
+      arguments.insert(arguments.begin(),
+                       {ProgramDirectory() + "/jobmillctl", "status", "--watch"});
+      std::vector<char*> words;
+      for (std::string& argument : arguments) words.push_back(argument.data());
+      words.push_back(nullptr);
+      execv(words[0], words.data());
       _exit(127);
     }
   }
@@ -141,6 +145,32 @@ TEST(WatchTest, FurtherKeysChooseFilterAndSort) {
   EXPECT_TRUE(terminal.Shows("filter (no run has this name)"));
   terminal.Press("q");
   EXPECT_TRUE(terminal.Shows("\x1b[?25h\x1b[?1049l"));
+}
+
+TEST(WatchTest, NameThatACertificateHasProvenIsShownToo) {
+  RunsSite site;
+  site.Connect("CASE");
+  const auto run = site.Run("CASE");
+  const auto master = run.at("master").get<std::string>();
+  const TemporaryDirectory gates;
+  const nlohmann::json link = {{"daemon_port", std::stoi(master.substr(master.rfind(':') + 1))},
+                               {"peer", "192.0.2.1:40000"},
+                               {"proof", "upn:alice@example.com"},
+                               {"claimed", "alice"},
+                               {"broken_seconds", nullptr}};
+  const nlohmann::json said = {
+      {"running", true},
+      {"time", time(nullptr)},
+      {"daemon", "127.0.0.1:" + std::to_string(site.daemon().port())},
+      {"links", nlohmann::json::array({link})},
+      {"counts", nlohmann::json::object()},
+      {"arriving", 0},
+      {"most_links", 10},
+      {"revocation_lists", nlohmann::json::array()},
+  };
+  gates.Write("gate.json", said.dump());
+  Terminal terminal({"--gates", gates.path().string(), run.at("id").dump()});
+  EXPECT_TRUE(terminal.Shows("proven_name            upn:alice@example.com"));
 }
 
 TEST(WatchTest, RunThatEndsWhileItIsShownSaysHow) {

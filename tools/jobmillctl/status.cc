@@ -105,7 +105,9 @@ void DeclareStatus(CLI::App& app, Action& chosen) {
       ->type_name("DIR")
       ->capture_default_str();
   status->callback([given, &chosen] {
-    chosen = [given] { return given->watch ? Watch(given->run) : PrintStatus(*given); };
+    chosen = [given] {
+      return given->watch ? Watch(given->run, given->gates) : PrintStatus(*given);
+    };
   });
 
   struct LogGiven {

@@ -203,23 +203,23 @@ bool Obey(char key, const Runs& found, View& view) {
   return true;
 }
 
-int WatchOnTerminal(const std::string& run) {
+int WatchOnTerminal(const std::string& run, const std::string& gates) {
   const Screen screen;
   View view;
   view.open = run;
   while (interrupted == 0) {
-    Runs found = inspect::FindRuns();
+    Runs found = inspect::FindRuns(gates);
     screen.Draw(Lines(found, view));
     if (!Obey(Key(kPauseMilliseconds), found, view)) break;
   }
   return kOk;
 }
 
-int WatchInLines(const std::string& name) {
+int WatchInLines(const std::string& name, const std::string& gates) {
   std::map<pid_t, std::string> before;
   Runs seen;
   while (interrupted == 0) {
-    const Runs found = inspect::FindRuns();
+    const Runs found = inspect::FindRuns(gates);
     const std::string time = TimeText(inspect::Now());
     std::map<pid_t, std::string> now;
     for (const Run& run : found.runs) {
@@ -248,16 +248,16 @@ int WatchInLines(const std::string& name) {
 
 }  // namespace
 
-int Watch(const std::string& run) {
+int Watch(const std::string& run, const std::string& gates) {
   // A run that is not there is said before the screen is taken.
   std::string name = run;
-  if (!run.empty()) name = std::to_string(Choose(inspect::FindRuns(), run).id.pid);
+  if (!run.empty()) name = std::to_string(Choose(inspect::FindRuns(gates), run).id.pid);
   struct sigaction action {};
   action.sa_handler = Interrupt;
   sigaction(SIGINT, &action, nullptr);
   sigaction(SIGTERM, &action, nullptr);
-  return isatty(STDOUT_FILENO) != 0 && isatty(STDIN_FILENO) != 0 ? WatchOnTerminal(name)
-                                                                 : WatchInLines(name);
+  return isatty(STDOUT_FILENO) != 0 && isatty(STDIN_FILENO) != 0 ? WatchOnTerminal(name, gates)
+                                                                 : WatchInLines(name, gates);
 }
 
 }  // namespace jobmillctl
