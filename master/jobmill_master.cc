@@ -227,9 +227,9 @@ void Launch(Handle& run) {
   run.over = true;  // unless all of the launch succeeds
   run.launch.emplace(master::FrameChannel::ConnectTo(
       run.host, run.port, std::chrono::seconds(run.connect_wait), run.alarm.wake()));
+  run.launch->OnWait(run.interval, TickOf(run));
   run.launch->ExchangeVersions(in(run.connect_wait));
   run.launch->Request(run.request);
-  run.launch->OnWait(run.interval, TickOf(run));
   try {
     run.simulator_host =
         run.launch->AwaitHost(run.launch_wait == 0 ? Deadline() : in(run.launch_wait));

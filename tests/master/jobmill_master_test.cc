@@ -295,6 +295,17 @@ TEST(LibraryFailure, DaemonThatIsNotThereIsNotLaunched) {
   EXPECT_THAT(ErrorOf(run), HasSubstr("Connection refused"));
 }
 
+TEST(LibraryFailure, TickIsCalledWhileADaemonThatSaysNothingIsWaitedFor) {
+  std::promise<void> over;
+  FakeDaemon daemon([&](DaemonEnd&) { over.get_future().wait(); });
+  const Handle run = RunThrough(daemon.port());
+  const auto cancel = [](void* handle) { jobmill_cancel(static_cast<jobmill_run*>(handle)); };
+  ASSERT_EQ(jobmill_on_wait(run.get(), 1, cancel, run.get()), 0);
+  ASSERT_EQ(jobmill_set(run.get(), "connect-wait", "5"), 0);
+  EXPECT_EQ(jobmill_launch(run.get()), JOBMILL_CANCELLED);
+  over.set_value();
+}
+
 TEST(LibraryFailure, AnotherProgramOnThePortIsABadAnswer) {
   FakeDaemon daemon([](DaemonEnd& end) { end.Send("SSH-2.0"); });
   const Handle run = RunThrough(daemon.port());
