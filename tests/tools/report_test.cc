@@ -64,6 +64,11 @@ TEST_F(ReportTest, DirectoryWithoutResultsAndBrokenFilesAreNamed) {
   EXPECT_THAT(Refusal(), EndsWith("has no results of a plan: there is no steps.csv"));
   directory_.Write("steps.csv", "time_days,date,ended\n0,2020-01-01\n");
   EXPECT_THAT(Refusal(), EndsWith("steps.csv, line 2: 2 cells, but 3 in the header"));
+  for (const char* day : {"", "x", "nan", "inf"}) {
+    directory_.Write("steps.csv", "time_days,date,ended\n" + std::string(day) + ",x,false\n");
+    EXPECT_THAT(Refusal(),
+                EndsWith("steps.csv, line 2: '" + std::string(day) + "' is no number of days"));
+  }
   directory_.Write("steps.csv", "time_days,date,ended\n");
   directory_.Write("run.json", "{\"title\": ");
   EXPECT_THAT(Refusal(), EndsWith("has a run.json that is not understood"));

@@ -17,10 +17,13 @@ CsvFile::CsvFile(const std::string& path) : path_(path), stream_(PathOf(path), s
 const std::vector<std::string_view>* CsvFile::Next() {
   if (!ReadLine()) return nullptr;
   if (cells_.size() != header_.size()) {
-    throw UsageError(fmt::format("{}, line {}: {} cells, but {} in the header", path_, number_,
-                                 cells_.size(), header_.size()));
+    Refuse(fmt::format("{} cells, but {} in the header", cells_.size(), header_.size()));
   }
   return &cells_;
+}
+
+void CsvFile::Refuse(const std::string& reason) const {
+  throw UsageError(fmt::format("{}, line {}: {}", path_, number_, reason));
 }
 
 bool CsvFile::ReadLine() {

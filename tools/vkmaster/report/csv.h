@@ -20,6 +20,9 @@ class CsvFile {
   /// has not as many cells as the header.
   const std::vector<std::string_view>* Next();
 
+  /// Throws UsageError for the line that Next() gave last.
+  [[noreturn]] void Refuse(const std::string& reason) const;
+
  private:
   bool ReadLine();
   void Split();

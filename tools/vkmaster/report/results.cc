@@ -14,6 +14,7 @@
 #include <system_error>
 #include <unordered_map>
 
+#include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
 #include "tools/vkmaster/report/csv.h"
@@ -86,8 +87,11 @@ struct Layout {
     return found == column.end() ? "" : cells[static_cast<std::size_t>(found->second)];
   }
 
-  double Day(const std::vector<std::string_view>& cells) const {
-    return NumberOf(Text(cells, "time_days"));
+  double Day(const CsvFile& file, const std::vector<std::string_view>& cells) const {
+    const std::string_view text = Text(cells, "time_days");
+    const double day = NumberOf(text);
+    if (!std::isfinite(day)) file.Refuse(fmt::format("'{}' is no number of days", text));
+    return day;
   }
 
   std::vector<int> place;  // of each column among the headings, -1 for a text
@@ -166,7 +170,8 @@ class Reader {
     const Layout layout(file, {"time_days", "date", "ended", "elapsed [s]", "computing [s]"},
                         headings);
     while (const auto* cells = file.Next()) {
-      results_.stops.push_back({layout.Day(*cells), NumberOf(layout.Text(*cells, "elapsed [s]")),
+      results_.stops.push_back({layout.Day(file, *cells),
+                                NumberOf(layout.Text(*cells, "elapsed [s]")),
                                 NumberOf(layout.Text(*cells, "computing [s]"))});
       if (!results_.start_date.empty()) continue;
       // The date of day 0, when the run's own file does not say it.
@@ -180,7 +185,8 @@ class Reader {
     std::vector<Heading> headings;
     const Layout layout(file, {"time_days", "date", "command"}, headings);
     while (const auto* cells = file.Next()) {
-      results_.events.push_back({layout.Day(*cells), std::string(layout.Text(*cells, "command"))});
+      results_.events.push_back(
+          {layout.Day(file, *cells), std::string(layout.Text(*cells, "command"))});
     }
   }
 
@@ -189,7 +195,7 @@ class Reader {
     const Layout layout(file, {"time_days", "date", "well", "status"}, results_.quantities);
     std::unordered_map<std::size_t, Moment> last;  // of each well
     while (const auto* cells = file.Next()) {
-      const double day = layout.Day(*cells);
+      const double day = layout.Day(file, *cells);
       const std::size_t well = WellOf(layout.Text(*cells, "well"));
       const auto [before, first] = last.emplace(well, Moment(day, 0));
       if (!first)
@@ -233,8 +239,8 @@ class Reader {
     std::size_t rows = 0;
     double day = kNone;
     while (const auto* cells = file.Next()) {
-      if (layout.Day(*cells) == day) continue;
-      day = layout.Day(*cells);
+      if (layout.Day(file, *cells) == day) continue;
+      day = layout.Day(file, *cells);
       Take(layout, *cells, results_.field, RowOf({day, 0}));
       ++rows;
     }
@@ -251,7 +257,8 @@ class Reader {
     const Layout layout(file, {"time_days", "date", "well", "point"}, results_.inflow_columns);
     while (const auto* cells = file.Next()) {
       WellInflow& inflow = InflowOf(layout.Text(*cells, "well"));
-      if (layout.Text(*cells, "point") == "1") inflow.tables.push_back({layout.Day(*cells), 0});
+      if (layout.Text(*cells, "point") == "1")
+        inflow.tables.push_back({layout.Day(file, *cells), 0});
       if (inflow.tables.empty()) continue;
       ++inflow.tables.back().points;
       const std::size_t row = RowsOf(inflow) - 1;
