@@ -49,6 +49,7 @@ class Terminal {
       arguments.insert(arguments.begin(),
                        {ProgramDirectory() + "/jobmillctl", "status", "--watch"});
       std::vector<char*> words;
+      words.reserve(arguments.size() + 1);
       for (std::string& argument : arguments) words.push_back(argument.data());
       words.push_back(nullptr);
       execv(words[0], words.data());
