@@ -57,19 +57,28 @@ std::string Label(const char* name, std::string_view value) {
   return fmt::format("{}=\"{}\"", name, value);
 }
 
-// The sum, or another choice, of a field over all daemons. Without a daemon nothing is known.
-double OfDaemons(const Json& measures, const char* field,
-                 const std::function<double(double, double)>& choose) {
+double Sum(double a, double b) {
+  return a + b;
+}
+
+// The sum, or another choice, of a value over the entries for which it is known. Where it is known
+// for none nothing is known.
+double Over(const Json& entries, const std::function<double(const Json&)>& value,
+            const std::function<double(double, double)>& choose) {
   double result = kNotKnown;
-  for (const Json& daemon : At(measures, {"daemons"})) {
-    const double value = NumberOf(daemon, field).value_or(kNotKnown);
-    result = std::isnan(result) ? value : std::isnan(value) ? result : choose(result, value);
+  for (const Json& entry : entries) {
+    const double next = value(entry);
+    result = std::isnan(result) ? next : std::isnan(next) ? result : choose(result, next);
   }
   return result;
 }
 
-double Sum(double a, double b) {
-  return a + b;
+double Over(const Json& entries, const char* field,
+            const std::function<double(double, double)>& choose = Sum) {
+  const auto value = [field](const Json& entry) {
+    return NumberOf(entry, field).value_or(kNotKnown);
+  };
+  return Over(entries, value, choose);
 }
 
 void WriteCollector(const View& view, Writer& writer) {
@@ -139,63 +148,46 @@ void WriteCounts(const Json& measures, Writer& writer) {
 }
 
 void WriteLimits(const Json& measures, Writer& writer) {
-  const auto least = [](double a, double b) { return std::min(a, b); };
-  writer.Gauge("comms_ports", "Comms ports of all daemons.",
-               OfDaemons(measures, "comms_ports", Sum));
+  const Json& daemons = At(measures, {"daemons"});
+  writer.Gauge("comms_ports", "Comms ports of all daemons.", Over(daemons, "comms_ports"));
   writer.Gauge("comms_ports_free",
                "Comms ports of all daemons that no run has and nobody listens on.",
-               OfDaemons(measures, "comms_ports_free", Sum));
-  double ratio = kNotKnown;
-  for (const Json& daemon : At(measures, {"daemons"})) {
-    const double used = NumberOf(daemon, "descriptors").value_or(kNotKnown) /
-                        NumberOf(daemon, "descriptors_limit").value_or(kNotKnown);
-    ratio = std::fmax(ratio, used);
-  }
+               Over(daemons, "comms_ports_free"));
+  const auto used = [](const Json& daemon) {
+    return NumberOf(daemon, "descriptors").value_or(kNotKnown) /
+           NumberOf(daemon, "descriptors_limit").value_or(kNotKnown);
+  };
   writer.Gauge(
       "descriptors_used_ratio",
-      "Descriptors that a daemon has open, of those that it may have; of the worst daemon.", ratio);
+      "Descriptors that a daemon has open, of those that it may have; of the worst daemon.",
+      Over(daemons, used, fmax));
   writer.Gauge("log_size_bytes", "Size of the logs of the daemons, without rotated ones.",
-               OfDaemons(measures, "log_bytes", Sum));
+               Over(daemons, "log_bytes"));
   writer.Gauge("log_free_bytes", "Room on the file system of a daemon's log; of the fullest one.",
-               OfDaemons(measures, "log_free_bytes", least));
-}
-
-// The sum of a field over all gates; without a gate nothing is known.
-double OfGates(const Json& measures, const char* field) {
-  double sum = kNotKnown;
-  for (const Json& gate : At(measures, {"gates"})) {
-    sum = (std::isnan(sum) ? 0 : sum) + NumberOf(gate, field).value_or(0);
-  }
-  return sum;
+               Over(daemons, "log_free_bytes", fmin));
 }
 
 void WriteGates(const Json& measures, Writer& writer) {
   const Json& gates = At(measures, {"gates"});
   writer.Gauge("gates", "Serving gates that run on this machine.",
                gates.is_array() ? static_cast<double>(gates.size()) : kNotKnown);
-  writer.Gauge("gate_links", "Links of all gates, broken ones included.",
-               OfGates(measures, "links"));
+  writer.Gauge("gate_links", "Links of all gates, broken ones included.", Over(gates, "links"));
   writer.Gauge("gate_links_broken", "Links that are broken and may be resumed.",
-               OfGates(measures, "broken"));
-  writer.Gauge("gate_links_limit", "Links that all gates may have.",
-               OfGates(measures, "most_links"));
+               Over(gates, "broken"));
+  writer.Gauge("gate_links_limit", "Links that all gates may have.", Over(gates, "most_links"));
   writer.Gauge("gate_arriving", "Connections that have not proven anything yet.",
-               OfGates(measures, "arriving"));
+               Over(gates, "arriving"));
   writer.Begin("gate_events_total", "counter",
                "What has happened at the gates since they were started.");
   for (const char* what : kGateCounts) {
-    double sum = kNotKnown;
-    for (const Json& gate : gates) {
-      sum = (std::isnan(sum) ? 0 : sum) + NumberOf(At(gate, {"counts"}), what).value_or(0);
-    }
-    writer.Sample(Label("event", what), sum);
-  }
-  double expires = kNotKnown;
-  for (const Json& gate : gates) {
-    expires = std::fmin(expires, NumberOf(gate, "list_expires").value_or(kNotKnown));
+    const auto count = [what](const Json& gate) {
+      return NumberOf(At(gate, {"counts"}), what).value_or(kNotKnown);
+    };
+    writer.Sample(Label("event", what), Over(gates, count, Sum));
   }
   writer.Gauge("gate_revocation_list_expiry_timestamp_seconds",
-               "When the first list of revoked certificates becomes too old, since 1970.", expires);
+               "When the first list of revoked certificates becomes too old, since 1970.",
+               Over(gates, "list_expires", fmin));
 }
 
 void WriteEndings(const View& view, Writer& writer) {
