@@ -74,6 +74,19 @@ TEST_F(ReportTest, DirectoryWithoutResultsAndBrokenFilesAreNamed) {
   EXPECT_THAT(Refusal(), EndsWith("has a run.json that is not understood"));
 }
 
+TEST_F(ReportTest, FileThatIsNoReportIsLeftAsItIs) {
+  directory_.Write("steps.csv", "time_days,date,ended\n0,2020-01-01,false\n");
+  const Results results = ReadResults(directory_.path().string());
+  const std::string plan = directory_.Write("plan.toml", "[advance]\nuntil = 30\n");
+  EXPECT_THROW(WriteReport(results, plan), UsageError);
+  EXPECT_THROW(CheckWritable(plan), UsageError);
+  EXPECT_EQ(directory_.Read("plan.toml"), "[advance]\nuntil = 30\n");
+  const std::string page = directory_.File("report.html");
+  WriteReport(results, page);
+  EXPECT_NO_THROW(CheckWritable(page));
+  EXPECT_NO_THROW(WriteReport(results, page));
+}
+
 TEST_F(ReportTest, DataAndVarsOfTheSameQuantityAreOne) {
   directory_.Write("steps.csv", "time_days,date,ended\n0,2020-01-01,false\n30,2020-01-31,false\n");
   directory_.Write(
@@ -167,7 +180,8 @@ TEST_F(ReportTest, PageHasTheLicenceOfWhatItEmbeds) {
 }
 
 TEST_F(ReportTest, PageThatCannotBeWrittenLeavesTheFormerOne) {
-  const std::string file = directory_.Write("report.html", "the former one");
+  const std::string file =
+      directory_.Write("report.html", "<meta content=\"vkmaster report\">the former one");
   WriteReport({}, file);
   EXPECT_THAT(directory_.Read("report.html"), HasSubstr("</html>"));
   EXPECT_FALSE(std::filesystem::exists(file + ".new"));
@@ -176,6 +190,7 @@ TEST_F(ReportTest, PageThatCannotBeWrittenLeavesTheFormerOne) {
   EXPECT_FALSE(std::filesystem::exists(directory_.File("taken.html.new")));
   EXPECT_THROW(CheckWritable("/proc/none/report.html"), UsageError);
   EXPECT_NO_THROW(CheckWritable(directory_.File("fresh/report.html")));
+  EXPECT_NO_THROW(CheckWritable(directory_.Write("empty.html", "")));
   EXPECT_THAT(directory_.Read("fresh/report.html"), IsEmpty());
 }
 

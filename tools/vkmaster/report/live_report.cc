@@ -22,6 +22,7 @@ void CheckWritable(const std::string& file) {
   std::error_code error;
   const std::filesystem::path directory = PathOf(file).parent_path();
   if (!directory.empty()) std::filesystem::create_directories(directory, error);
+  CheckReplaceable(file);
   const WholeFile tried(file);
 }
 

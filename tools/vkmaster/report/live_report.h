@@ -6,7 +6,7 @@
 namespace vkmaster {
 
 /// Makes the directory of `file` when there is none. Throws UsageError when the file could not be
-/// written there.
+/// written there, or holds something else than a report.
 void CheckWritable(const std::string& file);
 
 /// The report of a run that goes on, made anew from its directory from time to time.

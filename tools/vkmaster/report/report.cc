@@ -1,6 +1,7 @@
 #include "tools/vkmaster/report/report.h"
 
 #include <cmath>
+#include <fstream>
 #include <map>
 #include <string_view>
 
@@ -10,7 +11,9 @@
 
 #include "tools/vkmaster/report/assets.h"
 #include "tools/vkmaster/report/block.h"
+#include "tools/vkmaster/system/system.h"
 #include "tools/vkmaster/text/sha256.h"
+#include "tools/vkmaster/text/usage_error.h"
 #include "tools/vkmaster/text/whole_file.h"
 
 namespace vkmaster {
@@ -187,6 +190,15 @@ void WriteBlocks(const Results& results, WholeFile& file) {
 
 }  // namespace
 
+void CheckReplaceable(const std::string& file) {
+  std::ifstream present(PathOf(file), std::ios::binary);
+  std::string head(512, '\0');
+  present.read(head.data(), static_cast<std::streamsize>(head.size()));
+  if (present.gcount() == 0 || head.find("content=\"vkmaster report\"") != head.npos) return;
+  throw UsageError(
+      fmt::format("'{}' is there already and is no report: it is left as it is", file));
+}
+
 void WriteReport(const Results& results, const std::string& file,
                  std::optional<std::chrono::seconds> again) {
   const std::map<std::string_view, std::string> texts{
@@ -194,6 +206,7 @@ void WriteReport(const Results& results, const std::string& file,
       {"style", kReportCss},  {"uplot_licence", kUplotLicence},
       {"uplot_js", kUplotJs}, {"data", DataOf(results, again)},
       {"script", kReportJs}};
+  CheckReplaceable(file);
   WholeFile page(file);
   std::string_view rest = kReportHtml;
   while (!rest.empty()) {

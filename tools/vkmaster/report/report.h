@@ -12,8 +12,13 @@
 
 namespace vkmaster {
 
+/// Throws UsageError when `file` holds something else than a report, which a page in its place
+/// would destroy.
+void CheckReplaceable(const std::string& file);
+
 /// Writes the page, replacing `file` as a whole. With `again` the page loads itself anew after that
-/// time, since the run goes on. Throws UsageError when the file cannot be written.
+/// time, since the run goes on. Throws UsageError when the file cannot be written, or holds
+/// something else than a report.
 void WriteReport(const Results& results, const std::string& file,
                  std::optional<std::chrono::seconds> again = {});
 
