@@ -1,6 +1,9 @@
 #include "tools/vkmaster/plans/plan.h"
 
+#include <signal.h>
+
 #include <filesystem>
+#include <memory>
 #include <regex>
 #include <sstream>
 #include <thread>
@@ -201,9 +204,14 @@ TEST_F(PlanTest, MissingFileIsNamed) {
 class PlanRunTest : public PlanTest {
  protected:
   Outcome Run(const std::string& plan, const std::vector<std::string>& options = {}) {
+    return Start(plan, options)->Finish();
+  }
+
+  std::unique_ptr<VkmasterProcess> Start(const std::string& plan,
+                                         const std::vector<std::string>& options = {}) {
     std::vector<std::string> arguments = options;
     arguments.insert(arguments.end(), {"run", directory_.Write("plan.toml", plan)});
-    return RunVkmaster(LaunchArguments(daemon_.port(), arguments));
+    return std::make_unique<VkmasterProcess>(LaunchArguments(daemon_.port(), arguments));
   }
 
   // steps.csv without its header and its wall times, which have to be numbers.
@@ -427,15 +435,46 @@ TEST_F(PlanRunTest, FileThatCannotBeWrittenEndsTheRunWithItsShutdown) {
   EXPECT_EQ(daemon_.Requests().back(), "f0 ff 00 00");
 }
 
-TEST_F(PlanRunTest, FullDiskIsNamedWithTheFileAndEndsTheRunWithItsShutdown) {
+TEST_F(PlanRunTest, FullDiskIsNamedWithTheFileAndWaitedOutUntilAnInterrupt) {
   std::filesystem::create_directories(directory_.File("results"));
   std::filesystem::create_symlink("/dev/full", directory_.File("results/data.csv"));
-  const Outcome outcome = Run("[advance]\nuntil = 1\n[record]\ncommands = [\"data\"]\n");
-  EXPECT_EQ(outcome.status, 2);
+  std::unique_ptr<VkmasterProcess> process;
+  bool recorded = false;
+  run_.before = [&](std::uint32_t code) {
+    if (code == 4 && recorded) process->Signal(SIGINT);  // a second later the run is still there
+    recorded = recorded || code == 10;
+  };
+  process = Start("[advance]\nuntil = 1\n[record]\ncommands = [\"data\"]\n");
+  const Outcome outcome = process->Finish();
+  EXPECT_EQ(outcome.status, 130);
   EXPECT_THAT(outcome.err,
-              HasSubstr("vkmaster: Cannot write '" + directory_.File("results/data.csv") +
-                        "': No space left on device\n"));
+              HasSubstr("note: Cannot write '" + directory_.File("results/data.csv") +
+                        "': No space left on device; the run waits until there is room\n"));
   EXPECT_EQ(Steps(), "0,2020-01-01,false\n");
+  EXPECT_EQ(daemon_.Requests().back(), "f0 ff 00 00");
+}
+
+TEST_F(PlanRunTest, PlanGoesOnWhenNobodyReadsWhatTheScreenWouldShow) {
+  std::unique_ptr<VkmasterProcess> process;
+  run_.before = [&](std::uint32_t code) {
+    if (code == 8) process->CloseOutput();
+  };
+  process = Start("[advance]\nuntil = 60\nstep = 30\n");
+  const Outcome outcome = process->Finish();
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_THAT(outcome.err, HasSubstr("note: The results cannot be written: Broken pipe; the plan "
+                                     "goes on\n"));
+  EXPECT_THAT(Steps(), HasSubstr("\n60,"));
+}
+
+TEST_F(PlanRunTest, ResultsThatAreTakenAwayAreAFailure) {
+  run_.before = [this](std::uint32_t code) {
+    if (code == 8) std::filesystem::remove_all(directory_.File("results"));
+  };
+  const Outcome outcome = Run("[advance]\nuntil = 1\n");
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_THAT(outcome.err, HasSubstr("Cannot write '" + directory_.File("results/run.json") +
+                                     "': No such file or directory\n"));
   EXPECT_EQ(daemon_.Requests().back(), "f0 ff 00 00");
 }
 

@@ -21,10 +21,19 @@ UsageError CannotWrite(const std::string& path) {
       fmt::format("Cannot write '{}': {}", path, std::generic_category().message(errno)));
 }
 
+bool IsFull(int error) {
+#ifdef EDQUOT
+  if (error == EDQUOT) return true;
+#endif
+  return error == ENOSPC;
+}
+
 }  // namespace
 
-Recorder::Recorder(std::string directory, std::FILE* notes)
-    : Output(Form::kCsv, nullptr, notes), directory_(std::move(directory)) {
+Recorder::Recorder(std::string directory, std::FILE* notes, std::function<void()> await_room)
+    : Output(Form::kCsv, nullptr, notes),
+      directory_(std::move(directory)),
+      await_room_(std::move(await_room)) {
   std::error_code error;
   std::filesystem::create_directories(PathOf(directory_), error);
   if (error) {
@@ -78,7 +87,7 @@ void Recorder::WriteTable(const std::string& name, const Table& table) {
   Append(FileFor(name, CsvLine(header)), text);
 }
 
-const Recorder::File& Recorder::FileFor(const std::string& name, const std::string& header) {
+Recorder::File& Recorder::FileFor(const std::string& name, const std::string& header) {
   File& file = files_[name + "\n" + header];
   if (file.stream) return file;
   const int number = ++count_[name];
@@ -87,15 +96,28 @@ const Recorder::File& Recorder::FileFor(const std::string& name, const std::stri
           .string();
   file.stream.reset(OpenToWrite(file.path));
   if (!file.stream) throw CannotWrite(file.path);
+  // What has failed is not to be tried again by a buffer.
+  std::setvbuf(file.stream.get(), nullptr, _IONBF, 0);
   Append(file, header);
   return file;
 }
 
-// Flushes at once, so that all rows are in the file however the program ends.
-void Recorder::Append(const File& file, const std::string& text) {
-  std::fwrite(text.data(), 1, text.size(), file.stream.get());
-  std::fflush(file.stream.get());
-  if (std::ferror(file.stream.get()) != 0) throw CannotWrite(file.path);
+// All rows are in the file however the program ends. A file system without room costs time and no
+// row: half of one is taken back.
+void Recorder::Append(File& file, const std::string& text) {
+  for (bool told = false;
+       std::fwrite(text.data(), 1, text.size(), file.stream.get()) != text.size(); told = true) {
+    const UsageError failure = CannotWrite(file.path);
+    const bool full = IsFull(errno);
+    std::error_code ignored;
+    std::filesystem::resize_file(PathOf(file.path), file.size, ignored);
+    if (!full || !await_room_) throw failure;
+    if (!told) Note(std::string("note: ") + failure.what() + "; the run waits until there is room");
+    await_room_();
+    std::clearerr(file.stream.get());
+    std::fseek(file.stream.get(), static_cast<long>(file.size), SEEK_SET);
+  }
+  file.size += text.size();
 }
 
 }  // namespace vkmaster

@@ -1,6 +1,8 @@
 #pragma once
 
+#include <cstdint>
 #include <cstdio>
+#include <functional>
 #include <map>
 #include <memory>
 #include <set>
@@ -15,8 +17,10 @@ namespace vkmaster {
 /// one has a file of its own: "vars.csv", "vars_2.csv".
 class Recorder : public Output {
  public:
-  /// Makes the directory. Notes go to `notes`. Throws UsageError when the directory cannot be made.
-  Recorder(std::string directory, std::FILE* notes);
+  /// Makes the directory. Notes go to `notes`. `await_room` is called as long as the file system is
+  /// full, takes its time, and throws to give the results up; empty: a full one is an error. Throws
+  /// UsageError when the directory cannot be made.
+  Recorder(std::string directory, std::FILE* notes, std::function<void()> await_room = {});
 
   /// The time and date of the results to come.
   void SetTime(double days, std::string date);
@@ -35,13 +39,15 @@ class Recorder : public Output {
   struct File {
     std::string path;
     std::unique_ptr<std::FILE, Closer> stream;
+    std::uintmax_t size = 0;  ///< what it holds of whole writes
   };
 
   void WriteTable(const std::string& name, const Table& table);
-  const File& FileFor(const std::string& name, const std::string& header);
-  static void Append(const File& file, const std::string& text);
+  File& FileFor(const std::string& name, const std::string& header);
+  void Append(File& file, const std::string& text);
 
   std::string directory_;
+  std::function<void()> await_room_;
   double days_ = 0;
   std::string date_;
   std::map<std::string, File> files_;  // by name and header

@@ -4,6 +4,8 @@
 #include <chrono>
 #include <functional>
 #include <string>
+#include <system_error>
+#include <thread>
 #include <variant>
 #include <vector>
 
@@ -28,7 +30,7 @@ class Course {
       : plan_(plan),
         context_(context),
         session_(context.session),
-        recorder_(plan.directory, stderr),
+        recorder_(plan.directory, stderr, [this] { AwaitRoom(); }),
         recording_{session_, recorder_, context.progress, {}},
         report_(plan.directory, report) {
     recorder_.BeforeWriting([this] { context_.progress.Hide(); });
@@ -66,13 +68,30 @@ class Course {
     const PlanEvent* event;
   };
 
-  // What ended the run is the failure to tell; that of the report is a note.
+  // What ended the run is the failure to tell; what cannot be written about it is a note.
   void EndEarly(RunFile& file, const std::string& how) {
-    file.End(how, session_.last_days(), recorder_.Files());
     try {
+      file.End(how, session_.last_days(), recorder_.Files());
       report_.Finish();
     } catch (const std::exception& error) {
       context_.output.Note(std::string("note: ") + error.what());
+    }
+  }
+
+  // Throws master::Interrupted, and what else ends the run meanwhile.
+  void AwaitRoom() {
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    session_.TimeDays();
+  }
+
+  // The results are in files: the run goes on when nobody reads what the screen would show.
+  void Show(const Result& state) {
+    if (!shown_) return;
+    try {
+      context_.output.Write(state);
+    } catch (const std::system_error& error) {
+      shown_ = false;
+      context_.output.Note(std::string("note: ") + error.what() + "; the plan goes on");
     }
   }
 
@@ -136,7 +155,7 @@ class Course {
     recorder_.Write(stop);
     for (const Command& command : plan_.record) command.execute(recording_);
     context_.progress.Reached(session_.last_days());
-    context_.output.Write(state);
+    Show(state);
     if (!start && !session_.has_ended()) CarryOutEvents(planned);
     report_.Update();
   }
@@ -161,6 +180,7 @@ class Course {
   Context recording_;
   LiveReport report_;
   Clock::time_point began_;
+  bool shown_ = true;
   double computing_ = 0;  // seconds that the simulator took for the last step
   double target_ = 0;
   std::vector<Timed> events_;

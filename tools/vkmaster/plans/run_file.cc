@@ -131,11 +131,7 @@ void RunFile::End(const std::string& how, double day, const std::set<std::string
   json["end"] = how;
   json["last_day"] = day;
   json["files"] = files;
-  try {
-    Write(path_, Dump(json));
-  } catch (const UsageError&) {
-    return;
-  }
+  Write(path_, Dump(json));
 }
 
 void MakeRoom(const std::string& directory, bool overwrite) {
