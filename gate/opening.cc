@@ -10,6 +10,7 @@ namespace {
 constexpr std::string_view kMagic = "vkgate";
 constexpr std::uint16_t kVersion = 1;
 constexpr std::uint32_t kAhead = 1;
+constexpr std::uint32_t kPlain = 2;
 
 // The number that stands for "accepted" in the place of a reason.
 constexpr std::uint32_t kAccepted = 0;
@@ -95,7 +96,7 @@ std::variant<Opening, Reason> ReadOpening(std::string_view bytes) {
 std::string BytesOf(const Answer& answer) {
   std::string bytes = Head();
   PutNumber(bytes, answer.accepted ? kAccepted : 1U + static_cast<unsigned>(answer.refusal));
-  PutNumber(bytes, answer.ahead ? kAhead : 0U);
+  PutNumber(bytes, (answer.ahead ? kAhead : 0U) | (answer.plain ? kPlain : 0U));
   PutId(bytes, answer.id);
   PutNumber(bytes, answer.received);
   return bytes;
@@ -113,7 +114,9 @@ std::variant<Answer, Reason> ReadAnswer(std::string_view bytes) {
   if (verdict > 1U + static_cast<unsigned>(Reason::kBusy)) return Reason::kBrokenRules;
   answer.accepted = verdict == kAccepted;
   if (!answer.accepted) answer.refusal = static_cast<Reason>(verdict - 1);
-  answer.ahead = (NumberFrom<std::uint32_t>(bytes.data() + 12) & kAhead) != 0;
+  const auto flags = NumberFrom<std::uint32_t>(bytes.data() + 12);
+  answer.ahead = (flags & kAhead) != 0;
+  answer.plain = (flags & kPlain) != 0;
   answer.id = IdFrom(bytes.data() + 16);
   answer.received = NumberFrom<std::uint64_t>(bytes.data() + 24 + 8);
   return answer;

@@ -74,6 +74,7 @@ struct Answer {
   Reason refusal = Reason::kFinished;  ///< read only when not accepted
   bool accepted = false;
   bool ahead = false;
+  bool plain = false;  ///< the frame that ends the reading ahead is understood
   LinkId id{};
   std::uint64_t received = 0;
 };

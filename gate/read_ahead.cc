@@ -121,6 +121,7 @@ void ReadAhead::WholeFromMaster() {
   if (length <= 0 || length > kLongestRequest) return SwitchOff();
   if (code >= 1 && (code <= kLastCode || code == kShutdown)) ++replies_due_;
   if (length < 8 || (code != kGetWellData && code != kGetWellIPRData)) return;
+  if (last_exchange_) return;
   code_ = code;
   size_of_record_ = SizeOfRecord(code, from_master_.Number(8));
   stage_ = Stage::kReply;
@@ -136,6 +137,7 @@ ReadAhead::Verdict ReadAhead::Exchange(std::string_view bytes, bool last) {
       case Look::kElse:
         return Deviate(bytes.size());
       case Look::kRequest:
+        if (asked_ > 0) master_asks_ahead_ = true;
         // The last one follows those of this end.
         if (to_ask_ > 0) return {Verdict::kWait};
     }
@@ -263,6 +265,12 @@ void ReadAhead::Asked(std::size_t count) {
   to_ask_ -= whole;
   unanswered_ += whole;
   asked_part_ %= kRequestSize;
+}
+
+bool ReadAhead::IsOver() const {
+  const bool over =
+      stage_ == Stage::kOff || (last_exchange_ && stage_ == Stage::kRequests && unanswered_ == 0);
+  return over && withheld_ == 0 && to_ask_ == 0;
 }
 
 // What was withheld before is still handed over as it is asked for.

@@ -21,6 +21,9 @@ namespace gate {
 /// Both ends follow the frames of both directions by the same rules. What they do not understand
 /// ends their part in the link: from there on everything passes.
 ///
+/// A master that asks for records before it has those before has no round trips to save, and
+/// reading ahead only costs. The connecting gate sees that, and both ends stop after the exchange.
+///
 /// The object judges bytes and holds none; its owner keeps those that have to wait. An end sees a
 /// byte once: Pass and Drop say that the first `count` bytes have been dealt with.
 class ReadAhead {
@@ -52,6 +55,14 @@ class ReadAhead {
   bool InRequest() const { return asked_part_ > 0; }
   /// Whether the daemon still owes records.
   bool AwaitsRecords() const { return unanswered_ > 0; }
+
+  /// Connecting end: whether the master has asked for a record before it had the one before.
+  bool MasterAsksAhead() const { return master_asks_ahead_; }
+  /// No exchange after the present one is read ahead. Said at both ends before the last request for
+  /// a record passes them.
+  void EndAfterExchange() { last_exchange_ = true; }
+  /// Whether everything passes from now on, so that nobody needs to be asked.
+  bool IsOver() const;
 
  private:
   enum class Stage {
@@ -95,6 +106,7 @@ class ReadAhead {
   int texts_from_master_ = 0;
   int texts_from_daemon_ = 0;
   bool master_ended_ = false;
+  bool last_exchange_ = false;
   std::int64_t replies_due_ = 0;
 
   // The exchange.
@@ -105,8 +117,9 @@ class ReadAhead {
   // At the connecting end.
   std::int64_t asked_ = 0;     ///< records that the master has asked for and not got
   std::int64_t withheld_ = 0;  ///< records ahead that it has not got
-  bool unwanted_ = false;      ///< it will not ask for them any more
-  bool dropping_ = false;      ///< the frame that is coming from the daemon is one of them
+  bool master_asks_ahead_ = false;
+  bool unwanted_ = false;  ///< it will not ask for them any more
+  bool dropping_ = false;  ///< the frame that is coming from the daemon is one of them
 
   // At the serving end.
   std::int64_t to_ask_ = 0;      ///< records ahead that the daemon has not been asked for

@@ -19,6 +19,7 @@ enum Frame : unsigned char {
   kPong = 5,   // nothing
   kClose = 6,  // u8 reason: the link has ended for good
   kGone = 7,   // u64 place behind the end: the local socket has failed
+  kPlain = 8,  // nothing: no exchange after the present one is read ahead
 };
 
 constexpr std::size_t kDataHead = 1 + 4 + 8;
@@ -40,6 +41,7 @@ std::size_t HeadOf(char kind) {
       return kPlaceHead;
     case kPing:
     case kPong:
+    case kPlain:
       return 1;
     case kClose:
       return 2;
@@ -110,6 +112,7 @@ void Stream::Attach(std::uint64_t epoch, State state, Time now) {
   greeting_due_ = true;
   ping_due_ = false;
   pong_due_ = false;
+  plain_told_ = false;
   // The last ACK may have been lost with the former connection.
   told_ = 0;
   ack_due_ = taken_ > 0;
@@ -184,6 +187,7 @@ bool Stream::TakeAnswer() {
     return false;
   }
   if (first && !answer.ahead) DoNotReadAhead();
+  plain_understood_ = answer.plain;
   id_ = answer.id;
   sent_ = answer.received;
   state_ = State::kAttached;
@@ -211,6 +215,8 @@ bool Stream::TakeFrame(std::string_view& bytes) {
       return true;
     case kPong:
       return true;
+    case kPlain:
+      return TakePlain();
     default:
       return TakeClose(static_cast<Reason>(*fields));
   }
@@ -257,6 +263,12 @@ bool Stream::TakeClose(Reason reason) {
   return false;
 }
 
+bool Stream::TakePlain() {
+  if (connecting_ || !ahead_) return Break(Reason::kBrokenRules);
+  if (reader_) reader_->EndAfterExchange();
+  return true;
+}
+
 void Stream::Keep(std::string_view bytes) {
   received_ += bytes.size();
   if (local_broke_) {
@@ -276,8 +288,8 @@ bool Stream::HasForWire(std::uint64_t epoch) const {
   if (epoch != epoch_) return false;
   if (close_due_) return true;
   if (state_ == State::kOpening) return greeting_due_;
-  return state_ == State::kAttached &&
-         (greeting_due_ || ack_due_ || ping_due_ || pong_due_ || sent_ < end_of_given());
+  return state_ == State::kAttached && (greeting_due_ || ack_due_ || ping_due_ || pong_due_ ||
+                                        PlainIsDue() || sent_ < end_of_given());
 }
 
 std::size_t Stream::ForWire(std::uint64_t epoch, char* room, std::size_t size) {
@@ -285,13 +297,15 @@ std::size_t Stream::ForWire(std::uint64_t epoch, char* room, std::size_t size) {
   Room out(room, size);
   if (greeting_due_) {
     greeting_due_ = false;
-    out.Put(
-        connecting_
-            ? BytesOf(Opening{.ahead = options_.ahead,
-                              .id = id_,
-                              .epoch = id_ == LinkId{} ? 0 : epoch_,
-                              .received = received_})
-            : BytesOf(Answer{.accepted = true, .ahead = ahead_, .id = id_, .received = received_}));
+    out.Put(connecting_ ? BytesOf(Opening{.ahead = options_.ahead,
+                                          .id = id_,
+                                          .epoch = id_ == LinkId{} ? 0 : epoch_,
+                                          .received = received_})
+                        : BytesOf(Answer{.accepted = true,
+                                         .ahead = ahead_,
+                                         .plain = ahead_,
+                                         .id = id_,
+                                         .received = received_}));
   }
   if (close_due_) {
     close_due_ = false;
@@ -314,8 +328,12 @@ void Stream::PutFrames(Room& out) {
     ack_due_ = false;
     tell_at_ = Time::max();
   }
+  if (PlainIsDue()) {
+    out.Put(kPlain);
+    plain_told_ = true;
+  }
   if (sent_ < given_ && out.left() > kDataHead) PutData(out);
-  if (given_ended_ && sent_ == given_ && out.left() >= kPlaceHead) {
+  if (given_ended_ && sent_ == given_ && !PlainIsDue() && out.left() >= kPlaceHead) {
     out.Put(kEnd, given_);
     ++sent_;
   }
@@ -327,8 +345,9 @@ void Stream::PutFrames(Room& out) {
 }
 
 void Stream::PutData(Room& out) {
+  const std::uint64_t before = (sent_ < plain_at_ ? std::min(given_, plain_at_) : given_) - sent_;
   const std::uint64_t count =
-      std::min<std::uint64_t>({given_ - sent_, out.left() - kDataHead, kLongestData});
+      std::min<std::uint64_t>({before, out.left() - kDataHead, kLongestData});
   out.Put(kData, static_cast<std::uint32_t>(count));
   std::string place;
   PutNumber(place, sent_);
@@ -386,6 +405,11 @@ std::size_t Stream::RoomForLocal() const {
 
 void Stream::FromLocal(std::string_view bytes) {
   if (state_ == State::kEnded) return;
+  if (!reader_) {
+    sending_.Append(bytes);
+    given_ += bytes.size();
+    return;
+  }
   unjudged_.Append(bytes);
   Pass();
 }
@@ -459,6 +483,7 @@ ReadAhead::Verdict Stream::JudgeArrived(std::string_view bytes, bool last) {
 void Stream::Pass() {
   while (PassGiven() || PassArrived()) {
   }
+  if (reader_ && reader_->IsOver()) reader_.reset();
 }
 
 namespace {
@@ -479,6 +504,11 @@ bool Stream::PassGiven() {
   std::array<char, ReadAhead::kDeciding> copy{};
   const std::string_view bytes = ToJudge(unjudged_, 0, copy);
   const auto verdict = JudgeGiven(bytes, local_ended_ && bytes.size() == unjudged_.size());
+  // Nothing has passed since the exchange began, nor does before its last request.
+  if (plain_understood_ && reader_ && reader_->MasterAsksAhead() && given_ < plain_at_) {
+    plain_at_ = given_;
+    reader_->EndAfterExchange();
+  }
   if (verdict.what == ReadAhead::Verdict::kWait) return false;
   if (bytes.empty()) return given_ended_ = true;
   if (verdict.what == ReadAhead::Verdict::kPass) {

@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <optional>
 #include <string_view>
 
@@ -169,7 +170,9 @@ class Stream {
   bool TakeGone(std::uint64_t place);
   void TakeBreak();
   bool TakeClose(Reason reason);
+  bool TakePlain();
   void DoNotReadAhead();
+  bool PlainIsDue() const { return sent_ == plain_at_ && !plain_told_; }
   void Keep(std::string_view bytes);
   ReadAhead::Verdict JudgeGiven(std::string_view bytes, bool last);
   ReadAhead::Verdict JudgeArrived(std::string_view bytes, bool last);
@@ -189,7 +192,13 @@ class Stream {
   Reason reason_ = Reason::kFinished;
   std::uint64_t epoch_ = 0;
   bool ahead_;
-  std::optional<ReadAhead> reader_;  ///< none when records are not asked for ahead
+  std::optional<ReadAhead> reader_;  ///< none when records are not, or no longer, asked for ahead
+
+  // Connecting gate: the place before which the other one is told that no further exchange is read
+  // ahead, once that is known.
+  bool plain_understood_ = false;
+  std::uint64_t plain_at_ = std::numeric_limits<std::uint64_t>::max();
+  bool plain_told_ = false;  ///< on the connection of the moment
 
   // Places count the bytes of a direction from 0; its end takes the place behind the last byte, and
   // that its socket has failed the place behind the end.

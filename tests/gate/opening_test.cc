@@ -56,9 +56,12 @@ TEST(OpeningTest, AnswerIsReadBack) {
   const Answer answer{.accepted = true, .ahead = true, .id = {{1, 2}}, .received = 258};
   EXPECT_EQ(Hex(BytesOf(answer)),
             Hex(Bytes("'vkgate' 01 00 00 00 00 00 01 00 00 00 01 02 14*(00) 02 01 6*(00)")));
+  EXPECT_EQ(Hex(BytesOf(Answer{.accepted = true, .plain = true})),
+            Hex(Bytes("'vkgate' 01 00 00 00 00 00 02 00 00 00 16*(00) 8*(00)")));
   const auto read = std::get<Answer>(gate::ReadAnswer(BytesOf(answer)));
   EXPECT_TRUE(read.accepted);
   EXPECT_TRUE(read.ahead);
+  EXPECT_FALSE(read.plain);
   EXPECT_EQ(read.id, answer.id);
   EXPECT_EQ(read.received, 258U);
 }

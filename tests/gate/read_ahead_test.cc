@@ -48,8 +48,14 @@ class ReadAheadTest : public testing::Test {
 
   // Lets everything move; the daemon answers what it gets.
   void Run() {
-    while (gates_.Once(piece_) || Answer()) {
+    while (gates_.Once(piece_) || Answer() || ComeBack()) {
     }
+  }
+
+  bool ComeBack() {
+    if (gates_.up() || gates_.connecting().state() == gate::Stream::State::kEnded) return false;
+    gates_.Connect();
+    return true;
   }
 
   bool Answer() {
@@ -79,6 +85,14 @@ class ReadAheadTest : public testing::Test {
   }
 
   const std::string& Heard() { return gates_.heard(kDaemon); }
+
+  // Begins an exchange, from which on the daemon has been asked for records before the master asks,
+  // or has not.
+  bool IsReadAheadFor(const std::string& request) {
+    const std::size_t before = gates_.heard(kMaster).size();
+    Say(request);
+    return gates_.heard(kMaster).size() > before + request.size();
+  }
 
   Gates gates_;
   DaemonModel daemon_;
@@ -133,6 +147,66 @@ TEST_F(ReadAheadTest, MasterThatSendsEverythingAtOnceGetsTheSame) {
       Times(3, kAskForTable) + DataOf(0) + DataOf(1) + kAskForRecord + Request("f0 ff 00 00"));
   EXPECT_EQ(Heard(), Directly(said_));
   EXPECT_TRUE(gates_.heard_end(kDaemon));
+}
+
+TEST_F(ReadAheadTest, MasterThatAsksAheadItselfIsReadAheadForOnce) {
+  for (const bool tables : {false, true}) {
+    const std::string& ask = tables ? kAskForTable : kAskForRecord;
+    for (std::size_t one_by_one = 0; one_by_one <= 5; ++one_by_one) {
+      ReadAheadTest_MasterThatAsksAheadItselfIsReadAheadForOnce_Test other;
+      other.Say(Handshake());
+      EXPECT_TRUE(other.IsReadAheadFor(tables ? TablesOf(5) : DataOf(5)));
+      for (std::size_t i = 0; i < one_by_one; ++i) other.Say(ask);
+      other.Say(Times(static_cast<int>(5 - one_by_one), ask));
+      const bool asks_ahead = one_by_one < 4;
+      EXPECT_EQ(other.IsReadAheadFor(DataOf(2)), !asks_ahead) << one_by_one;
+      other.Say(kAskForRecord);
+      other.Say(kAskForRecord);
+      EXPECT_EQ(other.IsReadAheadFor(TablesOf(2)), !asks_ahead) << one_by_one;
+      other.Say(Times(2, kAskForTable) + Request("f0 ff 00 00"));
+      EXPECT_EQ(other.Heard(), Directly(other.said_));
+      EXPECT_TRUE(other.gates_.heard_end(kDaemon));
+    }
+  }
+}
+
+TEST_F(ReadAheadTest, MasterThatAsksAheadHearsTheSameThroughACutAtAnyByte) {
+  using Run = ReadAheadTest_MasterThatAsksAheadHearsTheSameThroughACutAtAnyByte_Test;
+  const auto hear = [](Run& run, From side, std::size_t place) {
+    run.Say(Handshake());
+    run.gates_.CutAt(side, run.gates_.crossed(side) + place);
+    run.Say(DataOf(4) + Times(3, kAskForRecord));
+    run.Say(kAskForRecord + TablesOf(3));
+    run.Say(Times(3, kAskForTable));
+    run.Say(Request("f0 ff 00 00"));
+    EXPECT_EQ(run.Heard(), Directly(run.said_)) << side << " at " << place;
+    EXPECT_TRUE(run.gates_.heard_end(kDaemon)) << side << " at " << place;
+    // Nothing of the tables was asked for by the gate, and the records were asked for once.
+    EXPECT_EQ(run.gates_.heard(kMaster).size(), run.said_.size()) << side << " at " << place;
+    return run.gates_.cuts() == 1;
+  };
+  for (const From side : {kMaster, kDaemon}) {
+    std::size_t place = 0;
+    for (bool cut = true; cut; ++place) {
+      Run other;
+      cut = hear(other, side, place);
+    }
+    EXPECT_GT(place, 100U);
+  }
+}
+
+// It takes PLAIN for a broken rule.
+TEST_F(ReadAheadTest, OlderServingGateIsNotToldThatTheMasterAsksAhead) {
+  gates_.Send(kMaster, 100);
+  gates_.Arrive(kMaster, 100);
+  gates_.Send(kDaemon, 100);
+  gates_.under_way(kDaemon)[12] = 1;  // the flags of its answer
+  Say(Handshake());
+  EXPECT_TRUE(IsReadAheadFor(DataOf(5)));
+  Say(Times(5, kAskForRecord));
+  EXPECT_TRUE(IsReadAheadFor(DataOf(5)));
+  Say(Times(5, kAskForRecord));
+  EXPECT_EQ(Heard(), Directly(said_));
 }
 
 TEST_F(ReadAheadTest, BytesInAnyPieces) {

@@ -365,23 +365,22 @@ TEST_P(HostileFrameTest, EndsTheLink) {
 
 INSTANTIATE_TEST_SUITE_P(
     , HostileFrameTest,
-    testing::Values(Hostile{"DataAhead", "01 01 00 00 00 04 7*(00) 'd'"},
-                    Hostile{"DataThatOverlaps", "01 01 00 00 00 02 7*(00) 'c'"},
-                    Hostile{"DataAtTheLastPlace", "01 01 00 00 00 8*(ff) 'd'"},
-                    Hostile{"EmptyData", "01 00 00 00 00 03 7*(00)"},
-                    Hostile{"DataBeyondTheWindow", "01 e6 03 00 00 03 7*(00)"},
-                    Hostile{"DataOfFourGigabytes", "01 ff ff ff ff 03 7*(00)"},
-                    Hostile{"AckOfWhatWasNotSent", "02 04 7*(00)"},
-                    Hostile{"AckOfEverything", "02 8*(ff)"},
-                    Hostile{"AckThatGoesBack", "02 01 7*(00)"}, Hostile{"EndAhead", "03 04 7*(00)"},
-                    Hostile{"EndTooSoon", "03 02 7*(00)"},
-                    Hostile{"SecondEnd", "03 03 7*(00)  03 04 7*(00)"},
-                    Hostile{"DataAfterTheEnd", "03 03 7*(00)  01 01 00 00 00 04 7*(00) 'd'"},
-                    Hostile{"FrameOfNoKind", "00"}, Hostile{"FrameOfAnUnknownKind", "08"},
-                    Hostile{"GoneBeforeTheEnd", "07 03 7*(00)"},
-                    Hostile{"GoneElsewhere", "03 03 7*(00)  07 05 7*(00)"},
-                    Hostile{"GoneTwice", "03 03 7*(00)  07 04 7*(00)  07 05 7*(00)"},
-                    Hostile{"OpeningAgain", kNewOpening}),
+    testing::Values(
+        Hostile{"DataAhead", "01 01 00 00 00 04 7*(00) 'd'"},
+        Hostile{"DataThatOverlaps", "01 01 00 00 00 02 7*(00) 'c'"},
+        Hostile{"DataAtTheLastPlace", "01 01 00 00 00 8*(ff) 'd'"},
+        Hostile{"EmptyData", "01 00 00 00 00 03 7*(00)"},
+        Hostile{"DataBeyondTheWindow", "01 e6 03 00 00 03 7*(00)"},
+        Hostile{"DataOfFourGigabytes", "01 ff ff ff ff 03 7*(00)"},
+        Hostile{"AckOfWhatWasNotSent", "02 04 7*(00)"}, Hostile{"AckOfEverything", "02 8*(ff)"},
+        Hostile{"AckThatGoesBack", "02 01 7*(00)"}, Hostile{"EndAhead", "03 04 7*(00)"},
+        Hostile{"EndTooSoon", "03 02 7*(00)"}, Hostile{"SecondEnd", "03 03 7*(00)  03 04 7*(00)"},
+        Hostile{"DataAfterTheEnd", "03 03 7*(00)  01 01 00 00 00 04 7*(00) 'd'"},
+        Hostile{"FrameOfNoKind", "00"}, Hostile{"FrameOfAnUnknownKind", "09"},
+        Hostile{"PlainWhereNothingIsReadAhead", "08"}, Hostile{"GoneBeforeTheEnd", "07 03 7*(00)"},
+        Hostile{"GoneElsewhere", "03 03 7*(00)  07 05 7*(00)"},
+        Hostile{"GoneTwice", "03 03 7*(00)  07 04 7*(00)  07 05 7*(00)"},
+        Hostile{"OpeningAgain", kNewOpening}),
     NameOf);
 
 TEST(StreamTest, WindowsLastByteIsTaken) {
@@ -389,6 +388,16 @@ TEST(StreamTest, WindowsLastByteIsTaken) {
   serving.Accept(Opening{}, Time(0));
   EXPECT_TRUE(serving.FromWire(0, Bytes("01 e8 03 00 00 8*(00) 1000*(41)"), Time(0)));
   EXPECT_FALSE(serving.FromWire(0, Bytes("01 01 00 00 00 e8 03 6*(00) 41"), Time(0)));
+}
+
+TEST(StreamTest, PlainIsForTheConnectingGateToSay) {
+  Gates gates;
+  gates.Connect();
+  gates.Run();
+  ASSERT_TRUE(gates.connecting().ahead());
+  gates.under_way(kDaemon) += Bytes("08");
+  gates.Run();
+  EXPECT_EQ(gates.connecting().reason(), Reason::kBrokenRules);
 }
 
 // Only the serving gate may say that a link has finished, and only when it has.
