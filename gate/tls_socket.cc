@@ -54,8 +54,6 @@ TlsSocket::TlsSocket(std::uintptr_t socket, std::shared_ptr<const TlsContext> co
     throw std::runtime_error("TLS: " + TakeTlsErrors());
   }
   connects ? SSL_set_connect_state(tls_) : SSL_set_accept_state(tls_);
-  // The serving side has others to serve.
-  if (connects) return;
   SSL_set_msg_callback(tls_, CountKeyUpdates);
   SSL_set_msg_callback_arg(tls_, this);
 }

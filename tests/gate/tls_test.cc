@@ -79,6 +79,14 @@ class TlsTest : public testing::Test {
     return Shake();
   }
 
+  // OpenSSL's object of the connection that shakes hands with this context.
+  static SSL* const& InsideOf(const Context& context) {
+    static SSL* inside;
+    SSL_CTX_set_info_callback(context->get(),
+                              [](const SSL* tls, int, int) { inside = const_cast<SSL*>(tls); });
+    return inside;
+  }
+
   std::string WhyNotLoaded(const TlsFiles& files) {
     try {
       TlsContext::Load(files, Role::kServe);
@@ -313,14 +321,15 @@ TEST_F(TlsTest, KeysAreRenewedLongBeforeTheirLimit) {
   const Context connect = Connect();
   static int updates;
   updates = 0;
-  SSL_CTX_set_msg_callback(connect->get(), [](int writes, int, int type, const void* bytes,
-                                              std::size_t size, SSL*, void*) {
-    const bool update = writes == 0 && type == SSL3_RT_HANDSHAKE && size > 0 &&
-                        *static_cast<const unsigned char*>(bytes) == SSL3_MT_KEY_UPDATE;
-    updates += update ? 1 : 0;
-  });
+  SSL* const& client = InsideOf(connect);
   Join(Serve(), connect, kHost, kFew);
   ASSERT_EQ(Shake(), kBothDone);
+  SSL_set_msg_callback(
+      client, [](int writes, int, int type, const void* bytes, std::size_t size, SSL*, void*) {
+        const bool update = writes == 0 && type == SSL3_RT_HANDSHAKE && size > 0 &&
+                            *static_cast<const unsigned char*>(bytes) == SSL3_MT_KEY_UPDATE;
+        updates += update ? 1 : 0;
+      });
   std::array<char, 64> buffer{};
   std::size_t count = 0;
   for (int i = 0; i < 35; ++i) {
@@ -332,26 +341,31 @@ TEST_F(TlsTest, KeysAreRenewedLongBeforeTheirLimit) {
 }
 
 TEST_F(TlsTest, PeerThatDoesNothingButTakeNewKeysIsLeft) {
-  const Context connect = Connect();
-  static SSL* client;
-  SSL_CTX_set_info_callback(connect->get(),
-                            [](const SSL* tls, int, int) { client = const_cast<SSL*>(tls); });
-  Join(Serve(), connect);
-  ASSERT_EQ(Shake(), kBothDone);
-  const auto update = [&](int times) {
-    for (int i = 0; i < times; ++i) {
-      ASSERT_EQ(SSL_key_update(client, SSL_KEY_UPDATE_NOT_REQUESTED), 1);
-      ASSERT_EQ(SSL_do_handshake(client), 1);
+  for (const bool serving : {false, true}) {
+    for (const int kind : {SSL_KEY_UPDATE_NOT_REQUESTED, SSL_KEY_UPDATE_REQUESTED}) {
+      const Context serve = Serve();
+      const Context connect = Connect();
+      SSL* const& hostile = InsideOf(serving ? serve : connect);
+      Join(serve, connect);
+      ASSERT_EQ(Shake(), kBothDone);
+      TlsSocket& from = serving ? *serving_ : *connecting_;
+      TlsSocket& to = serving ? *connecting_ : *serving_;
+      const auto update = [&](int times) {
+        for (int i = 0; i < times; ++i) {
+          ASSERT_EQ(SSL_key_update(hostile, kind), 1);
+          ASSERT_EQ(SSL_do_handshake(hostile), 1);
+        }
+      };
+      std::array<char, 64> buffer{};
+      std::size_t count = 0;
+      update(TlsSocket::kKeyUpdatesInARow);
+      ASSERT_EQ(from.Write("x", count), Result::kDone);
+      EXPECT_EQ(to.Read(buffer, count), Result::kDone);
+      update(TlsSocket::kKeyUpdatesInARow + 1);
+      ASSERT_EQ(from.Write("x", count), Result::kDone);
+      EXPECT_EQ(to.Read(buffer, count), Result::kBroken) << serving << kind;
     }
-  };
-  std::array<char, 64> buffer{};
-  std::size_t count = 0;
-  update(TlsSocket::kKeyUpdatesInARow);
-  ASSERT_EQ(connecting_->Write("x", count), Result::kDone);
-  EXPECT_EQ(serving_->Read(buffer, count), Result::kDone);
-  update(TlsSocket::kKeyUpdatesInARow + 1);
-  ASSERT_EQ(connecting_->Write("x", count), Result::kDone);
-  EXPECT_EQ(serving_->Read(buffer, count), Result::kBroken);
+  }
 }
 
 TEST_F(TlsTest, FileThatCannotBeUsedIsNamed) {
