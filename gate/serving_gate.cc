@@ -24,7 +24,7 @@ constexpr std::chrono::seconds kTick{1};
 constexpr std::chrono::milliseconds kNoDescriptors{200};
 constexpr Time kStatusAge = std::chrono::seconds(2);
 constexpr Time kLastWords = std::chrono::seconds(10);
-constexpr int kStrangersASecond = 20;
+constexpr int kRefusalsASecond = 20;
 constexpr std::int64_t kListIsOldSoon = 259200;  // three days
 
 LinkId RandomId() {
@@ -390,22 +390,22 @@ void ServingGate::Refuse(const std::shared_ptr<Arrival>& arrival, Reason reason)
 
 void ServingGate::Drop(const std::shared_ptr<Arrival>& arrival, const std::string& why) {
   Count("refused");
-  TellOfStranger(*arrival, why);
+  TellOfRefusal(*arrival, why);
   auto wire = std::move(arrival->wire);
   Forget(arrival);
   closings_.CloseGently(std::move(wire));
 }
 
-// Strangers cost nothing, and their lines a disk: of those without an accepted certificate so many
-// are told of in a second.
-void ServingGate::TellOfStranger(const Arrival& arrival, const std::string& why) {
-  if (arrival.fingerprint.empty() && ++strangers_told_ > kStrangersASecond) {
-    ++strangers_untold_;
+// Being refused costs nothing, and lines cost a disk. So many are told of in a second for each
+// certificate, so that its owner hides nobody else, and for all together that have none.
+void ServingGate::TellOfRefusal(const Arrival& arrival, const std::string& why) {
+  if (++refusals_[arrival.fingerprint] > kRefusalsASecond) {
+    ++refusals_untold_;
     return;
   }
   Json fields = FieldsOf(arrival);
   fields["why"] = why;
-  if (strangers_untold_ > 0) fields["refused_untold"] = std::exchange(strangers_untold_, 0);
+  if (refusals_untold_ > 0) fields["refused_untold"] = std::exchange(refusals_untold_, 0);
   journal_.Write("refused", fields);
 }
 
@@ -469,7 +469,7 @@ Json ServingGate::FieldsOf(const Link& link) const {
 
 void ServingGate::Tick() {
   const Time now = Now();
-  strangers_told_ = 0;
+  refusals_.clear();
   while (!arrivals_.empty() && now - arrivals_.front()->since > options_.arrival) {
     Drop(arrivals_.front(), "It has taken too long to prove anything");
   }

@@ -77,7 +77,7 @@ class ServingGate {
             Tcp::socket daemon);
   void Refuse(const std::shared_ptr<Arrival>& arrival, Reason reason);
   void Drop(const std::shared_ptr<Arrival>& arrival, const std::string& why);
-  void TellOfStranger(const Arrival& arrival, const std::string& why);
+  void TellOfRefusal(const Arrival& arrival, const std::string& why);
   void Forget(const std::shared_ptr<Arrival>& arrival);
   void AwaitArrival(const std::shared_ptr<Arrival>& arrival, TlsSocket::Result wanted,
                     void (ServingGate::*next)(const std::shared_ptr<Arrival>&));
@@ -111,8 +111,8 @@ class ServingGate {
   std::map<LinkId, std::unique_ptr<Link>> links_;
   std::map<std::string, std::uint64_t> counts_;
   std::uint64_t last_number_ = 0;
-  int strangers_told_ = 0;              // in this second
-  std::uint64_t strangers_untold_ = 0;  // since the last one that was told of
+  std::map<std::string, int> refusals_;  // in this second, by certificate; "": without one
+  std::uint64_t refusals_untold_ = 0;    // since the last one that was told of
   Time started_;
   Time status_written_{};
   bool stopping_ = false;

@@ -16,7 +16,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "gate/opening.h"
 #include "tests/gate/breaking_relay.h"
+#include "tests/gate/raw_gate.h"
 #include "tests/jobmillctl/jobmillctl.h"
 #include "tests/support/bytes.h"
 #include "tests/support/child_process.h"
@@ -418,6 +420,27 @@ TEST(LimitTest, StrangersDoNotFillTheLog) {
     const auto lines = door.serving().Lines("refused");
     return lines.back().contains("refused_untold") && lines.back()["refused_untold"] > 50;
   }));
+}
+
+// Somebody who was let in once can be refused as often as a stranger.
+TEST(LimitTest, OwnerOfACertificateDoesNotFillTheLog) {
+  RunningDaemon daemon(Unprivileged());
+  Door door(daemon.port());
+  const auto refused_as = [&](const Identity& identity) {
+    RawGate gate(door.serving().port(), identity, door.authority().file());
+    gate.Say(BytesOf(gate::Opening{.id = {{1}}, .epoch = 1}));
+    EXPECT_EQ(gate.Hear(gate::Answer::kSize), gate::Refusal(gate::Reason::kUnknown));
+  };
+  const auto begun = std::chrono::steady_clock::now();
+  for (int i = 0; i < 150; ++i) refused_as(door.alice());
+  const auto took =
+      std::chrono::ceil<std::chrono::seconds>(std::chrono::steady_clock::now() - begun);
+  EXPECT_TRUE(Eventually([&] { return door.Status()["counts"]["refused"] == 150; }));
+  EXPECT_LE(door.serving().Lines("refused").size(), 20U * static_cast<unsigned>(took.count() + 1));
+  // That hides nobody else.
+  refused_as(door.authority().Issue("bob", {.upn = "bob@example.com"}));
+  EXPECT_TRUE(Eventually(
+      [&] { return door.serving().Lines("refused").back()["names"][0] == "upn:bob@example.com"; }));
 }
 
 // What is told.

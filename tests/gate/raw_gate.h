@@ -1,7 +1,10 @@
 #pragma once
 
 #include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
+#include <sys/socket.h>
 
 #include <array>
 #include <chrono>
@@ -27,6 +30,8 @@ class RawGate {
   RawGate(int port, const Identity& identity, const std::string& authority)
       : socket_(ConnectToLoopback(port)) {
     fcntl(socket_.get(), F_SETFL, O_NONBLOCK);
+    const int on = 1;
+    setsockopt(socket_.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
     const gate::TlsFiles files{identity.certificate, identity.key, {authority}, {}};
     tls_ = std::make_unique<gate::TlsSocket>(
         static_cast<std::uintptr_t>(socket_.get()),
