@@ -65,6 +65,8 @@ const char* TextOf(Reason reason) {
       return "the serving gate cannot reach the daemon";
     case Reason::kBusy:
       return "the serving gate is busy";
+    case Reason::kNoProof:
+      return "the master has not proven who it is in time";
   }
   return "an unknown reason";
 }
@@ -111,7 +113,7 @@ std::variant<Answer, Reason> ReadAnswer(std::string_view bytes) {
   if (!IsHead(bytes, Answer::kSize, reason)) return reason;
   Answer answer;
   const auto verdict = NumberFrom<std::uint32_t>(bytes.data() + 8);
-  if (verdict > 1U + static_cast<unsigned>(Reason::kBusy)) return Reason::kBrokenRules;
+  if (verdict > 1U + static_cast<unsigned>(kLastReason)) return Reason::kBrokenRules;
   answer.accepted = verdict == kAccepted;
   if (!answer.accepted) answer.refusal = static_cast<Reason>(verdict - 1);
   const auto flags = NumberFrom<std::uint32_t>(bytes.data() + 12);

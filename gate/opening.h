@@ -38,7 +38,10 @@ enum class Reason : std::uint8_t {
   kTooMany = 8,      ///< as many links as are allowed
   kNoService = 9,    ///< the serving gate cannot reach what is behind it
   kBusy = 10,        ///< not now: the only one after which it makes sense to come again
+  kNoProof = 11,     ///< nobody has proven in time to be the user that the master claims
 };
+
+constexpr Reason kLastReason = Reason::kNoProof;
 
 /// A sentence without a full stop, for a log.
 const char* TextOf(Reason reason);

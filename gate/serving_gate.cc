@@ -498,7 +498,7 @@ void ServingGate::LookAfterLinks(Time now) {
     }
   }
   for (const auto& end : silent) end->RefuseMaster("The request has taken too long");
-  for (const auto& end : useless) end->End(Reason::kEnded);
+  for (const auto& end : useless) end->End(Reason::kNoProof);
   for (const LinkId& id : table_.Overdue(now)) {
     const auto found = links_.find(id);
     if (found != links_.end()) std::shared_ptr(found->second->end)->End(Reason::kHeldTooLong);

@@ -257,7 +257,7 @@ bool Stream::TakeGone(std::uint64_t place) {
 
 bool Stream::TakeClose(Reason reason) {
   const bool complete = given_ended_ && end_taken_;
-  const bool known = reason < Reason::kBusy;
+  const bool known = reason <= kLastReason && !ComesAgain(reason);
   const bool wrong_finish = reason == Reason::kFinished && !(connecting_ && complete);
   Become(known && !wrong_finish ? reason : Reason::kBrokenRules);
   return false;

@@ -282,6 +282,14 @@ TEST(LimitTest, MasterThatDoesNotSayWhoItIsIsRefusedInTime) {
   EXPECT_THAT(daemon.Logged(), Not(HasSubstr("Path: ")));
 }
 
+TEST(LimitTest, LinkWhoseMasterHasProvenNothingInTimeEnds) {
+  RunningDaemon daemon(Unprivileged());
+  Door door(daemon.port(), {"--claim-wait=1"});
+  std::make_unique<RawGate>(door.serving().port(), door.alice(), door.authority().file())
+      ->Say(BytesOf(gate::Opening{}));
+  EXPECT_EQ(door.serving().Await("ended")["how"], "the master has not proven who it is in time");
+}
+
 TEST(LimitTest, MasterThatSendsTooMuchBeforeItsClaimIsRefused) {
   RunningDaemon daemon(Unprivileged());
   Door door(daemon.port(), {"--claim-bytes=1000"});

@@ -67,7 +67,7 @@ TEST(OpeningTest, AnswerIsReadBack) {
 }
 
 TEST(OpeningTest, EveryReasonIsRefusedWithAndHasASentence) {
-  for (unsigned number = 0; number <= static_cast<unsigned>(Reason::kBusy); ++number) {
+  for (unsigned number = 0; number <= static_cast<unsigned>(gate::kLastReason); ++number) {
     const auto reason = static_cast<Reason>(number);
     const auto read = std::get<Answer>(gate::ReadAnswer(gate::Refusal(reason)));
     EXPECT_FALSE(read.accepted);

@@ -430,7 +430,7 @@ INSTANTIATE_TEST_SUITE_P(
                     Hostile{"AnotherVersion", "'vkgate' 02 00 8*(00) 01 15*(00) 8*(00)"},
                     Hostile{"NoId", "'vkgate' 01 00 8*(00) 16*(00) 8*(00)"},
                     Hostile{"BytesThatWereNotSent", "'vkgate' 01 00 8*(00) 01 15*(00) 01 7*(00)"},
-                    Hostile{"VerdictOfNoMeaning", "'vkgate' 01 00 0c 7*(00) 01 15*(00) 8*(00)"},
+                    Hostile{"VerdictOfNoMeaning", "'vkgate' 01 00 0d 7*(00) 01 15*(00) 8*(00)"},
                     Hostile{"Refusal", "'vkgate' 01 00 04 7*(00) 24*(00)"}),
     NameOf);
 
@@ -527,6 +527,18 @@ TEST(StreamTest, EndIsToldToTheOtherGate) {
   gates.Run();
   EXPECT_EQ(gates.connecting().state(), State::kEnded);
   EXPECT_EQ(gates.connecting().reason(), Reason::kNotValid);
+}
+
+TEST(StreamTest, ReasonsThatNoEndHasAreABrokenRule) {
+  for (unsigned number = 0; number < 256; ++number) {
+    Gates gates;
+    gates.Connect();
+    gates.Run();
+    gates.under_way(kDaemon) += Bytes("06") + static_cast<char>(number);
+    gates.Run();
+    const bool has = number > 0 && number <= 11 && number != 10;
+    EXPECT_EQ(gates.connecting().reason(), has ? Reason(number) : Reason::kBrokenRules);
+  }
 }
 
 TEST(StreamTest, SilentConnectionIsAskedAndThenGivenUp) {
