@@ -11,8 +11,7 @@ namespace inspect {
 /// Where the serving gates of a machine say what goes on (`vkgate serve --status`).
 inline constexpr const char* kGateDirectory = "/run/jobmill-gate";
 
-/// A link of a gate, which is a master to a daemon. Names are what certificates say: they hold no
-/// control characters. The claim may hold anything.
+/// A link of a gate, which is a master to a daemon. The texts may hold anything.
 struct GateLink {
   int port = 0;       ///< from which the gate is connected to the daemon
   std::string peer;   ///< where the other gate is
@@ -34,7 +33,9 @@ struct Gate {
 };
 
 /// What the files NAME.json in `directory` say. Gates that have ended, files that are older than
-/// half a minute, and what is no such document are left out.
+/// half a minute, and what is no such document are left out. So is what the directory's owner, as
+/// whom the gate runs, has not written alone: a file of another account, or one that everybody may
+/// write.
 std::vector<Gate> ReadGates(const std::string& directory, double now);
 
 /// The link through which a master at this port of the loopback interface has come to the daemon at

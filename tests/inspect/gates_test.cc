@@ -1,5 +1,8 @@
 #include "inspect/gates.h"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <string>
 
 #include <gtest/gtest.h>
@@ -60,6 +63,41 @@ TEST_F(GatesTest, OldAndEndedGatesAndOtherFilesAreLeftOut) {
   directory_.Write("a.txt", Document("999990"));
   EXPECT_TRUE(Read().empty());
   EXPECT_TRUE(ReadGates(directory_.File("none"), kNow).empty());
+}
+
+// Nobody but the gate's account may say what its masters have proven.
+TEST_F(GatesTest, FileThatAnotherMayHaveWrittenIsLeftOut) {
+  const std::string file = directory_.Write("a.json", Document("999990"));
+  ASSERT_EQ(chmod(file.c_str(), 0646), 0);
+  EXPECT_TRUE(Read().empty());
+  ASSERT_EQ(chmod(file.c_str(), 0640), 0);
+  EXPECT_EQ(Read().size(), 1U);
+  if (geteuid() != 0) GTEST_SKIP() << "needs root";
+  ASSERT_EQ(chown(file.c_str(), 12345, 12345), 0);
+  EXPECT_TRUE(Read().empty());
+}
+
+TEST_F(GatesTest, ValuesThatNoGateHasAreLeftOut) {
+  const auto is_read = [&](const std::string& what, const std::string& instead) {
+    std::string text = Document("999990");
+    text.replace(text.find(what), what.size(), instead);
+    directory_.Write("a.json", text);
+    return Read().size() == 1;
+  };
+  EXPECT_TRUE(is_read(R"("schema":1)", R"("schema": 1)"));
+  EXPECT_FALSE(is_read(R"("schema":1)", R"("schema":2)"));
+  EXPECT_FALSE(is_read(":40000,", ":1e300,"));
+  EXPECT_FALSE(is_read(":40000,", ":4295007296,"));  // 2^32 more
+  EXPECT_FALSE(is_read(":40000,", ":-25536,"));
+  EXPECT_FALSE(is_read(R"("denied":1)", R"("denied":-1)"));
+  EXPECT_FALSE(is_read(R"("denied":1)", R"("denied":18446744073709551615)"));
+  EXPECT_FALSE(is_read(R"("arriving":1)", R"("arriving":0.5)"));
+  EXPECT_FALSE(is_read("999990", "1000031"));  // it has not been written yet
+}
+
+TEST_F(GatesTest, FileThatIsTooLongIsNotRead) {
+  directory_.Write("a.json", Document("999990") + std::string(std::size_t{16} << 20, ' '));
+  EXPECT_TRUE(Read().empty());
 }
 
 }  // namespace
