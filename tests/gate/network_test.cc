@@ -1,4 +1,4 @@
-// What networks, and others on them, do to links between both gates as programs. Small here; with
+// What networks do to links between both gates as programs. Small here; with
 // JOBMILL_FULL_SIZE set, as CI does, in the sizes that the page on reliability names.
 
 #include <signal.h>
@@ -14,17 +14,14 @@
 #include <random>
 #include <string>
 #include <thread>
-#include <variant>
 #include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "gate/opening.h"
 #include "tests/gate/breaking_relay.h"
 #include "tests/gate/door.h"
 #include "tests/gate/echo_daemon.h"
-#include "tests/gate/raw_gate.h"
 #include "tests/support/bytes.h"
 #include "tests/support/delaying_relay.h"
 #include "tests/support/private_network.h"
@@ -33,9 +30,6 @@
 
 namespace {
 
-using gate::Answer;
-using gate::Opening;
-using gate::Reason;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 using testing::HasSubstr;
@@ -232,93 +226,6 @@ TEST(GateNetworkTest, SecondsOfDelayBreakNothing) {
   const Descriptor link = Admitted(gate->port());
   EXPECT_TRUE(IsEchoed(link, RandomBytes(2 << 20)));
   EXPECT_EQ(gate->Lines("broken").size(), 0U);
-}
-
-// Somebody with or without the right to a link. Each gate is beside an EchoDaemon, which greets
-// with five bytes: 18 as a frame.
-class HijackTest : public testing::Test {
- protected:
-  RawGate Connect(const Identity& identity) {
-    return RawGate(door_.serving().port(), identity, door_.authority().file());
-  }
-
-  static Answer Open(RawGate& gate, const Opening& opening) {
-    gate.Say(BytesOf(opening));
-    return std::get<Answer>(gate::ReadAnswer(gate.Hear(Answer::kSize)));
-  }
-
-  // A new link of alice's, whose greeting has come.
-  gate::LinkId Begin(RawGate& alice) {
-    const Answer answer = Open(alice, Opening{});
-    EXPECT_TRUE(answer.accepted);
-    EXPECT_EQ(alice.Hear(18), Bytes("01 05 00 00 00 8*(00) 01 00 00 00 '3'"));
-    return answer.id;
-  }
-
-  EchoDaemon daemon_;
-  Door door_{daemon_.port()};
-};
-
-TEST_F(HijackTest, SomebodyElseIsToldThatThereIsNoSuchLink) {
-  RawGate alice = Connect(door_.alice());
-  const gate::LinkId id = Begin(alice);
-  RawGate bob = Connect(door_.authority().Issue("bob", {.upn = "bob@example.com"}));
-  const Answer answer = Open(bob, Opening{.id = id, .epoch = 1, .received = 5});
-  EXPECT_FALSE(answer.accepted);
-  EXPECT_EQ(answer.refusal, Reason::kUnknown);
-  EXPECT_EQ(bob.Hear(1), "");
-  EXPECT_TRUE(alice.IsAnswered());
-}
-
-TEST_F(HijackTest, OpeningIsAcceptedOnce) {
-  RawGate first = Connect(door_.alice());
-  const Opening again{.id = Begin(first), .epoch = 5, .received = 5};
-  RawGate second = Connect(door_.alice());
-  EXPECT_TRUE(Open(second, again).accepted);
-  for (const std::uint64_t epoch : {5UL, 4UL, 1UL}) {
-    Opening old = again;
-    old.epoch = epoch;
-    RawGate replayed = Connect(door_.alice());
-    const Answer answer = Open(replayed, old);
-    EXPECT_FALSE(answer.accepted);
-    EXPECT_EQ(answer.refusal, Reason::kOldEpoch);
-  }
-  EXPECT_TRUE(second.IsAnswered());
-}
-
-TEST_F(HijackTest, OfTwoThatResumeALinkTheLaterOneHasIt) {
-  RawGate first = Connect(door_.alice());
-  Opening opening{.id = Begin(first), .epoch = 1, .received = 5};
-  RawGate second = Connect(door_.alice());
-  EXPECT_TRUE(Open(second, opening).accepted);
-  EXPECT_FALSE(first.IsAnswered());
-  opening.epoch = 2;
-  RawGate third = Connect(door_.alice());
-  EXPECT_TRUE(Open(third, opening).accepted);
-  EXPECT_FALSE(second.IsAnswered());
-  EXPECT_TRUE(third.IsAnswered());
-}
-
-TEST_F(HijackTest, OpeningOfBytesThatWereNeverSentLeavesTheLinkAlone) {
-  RawGate alice = Connect(door_.alice());
-  Opening opening{.id = Begin(alice), .epoch = 1, .received = 6};
-  RawGate ahead = Connect(door_.alice());
-  EXPECT_EQ(Open(ahead, opening).refusal, Reason::kBrokenRules);
-  EXPECT_TRUE(alice.IsAnswered());
-  opening.received = 5;
-  RawGate right = Connect(door_.alice());
-  EXPECT_TRUE(Open(right, opening).accepted);
-}
-
-TEST_F(HijackTest, FrameThatBreaksARuleEndsTheLinkAlone) {
-  RawGate alice = Connect(door_.alice());
-  Begin(alice);
-  RawGate other = Connect(door_.alice());
-  Begin(other);
-  alice.Say(Bytes("02 ff 7*(00)"));
-  EXPECT_EQ(Hex(alice.Hear(10)), "06 01");
-  EXPECT_TRUE(other.IsAnswered());
-  EXPECT_TRUE(Eventually([&] { return daemon_.connections() == 1; }));
 }
 
 // Runs `trial` in a network of its own, where packets can be dropped.
