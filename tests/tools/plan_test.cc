@@ -326,6 +326,47 @@ TEST_F(PlanRunTest, ResultsOfAnEarlierRunAreNeitherMixedNorLost) {
   EXPECT_FALSE(std::filesystem::exists(directory_.File("results/wells.csv")));
 }
 
+// Every way in which a run does not begin: nobody listens, the launch is refused, the daemon does
+// not reach the simulator, an event names an unknown well.
+TEST_F(PlanTest, RunThatDoesNotBeginLeavesTheResultsThatItWasToReplace) {
+  std::filesystem::create_directory(directory_.File("results"));
+  directory_.Write("results/data.csv", "of yesterday\n");
+  directory_.Write("results/run.json", "{}\n");
+  directory_.Write("results/report.html", "page\n");
+  const auto run = [this](int port, const std::string& plan) {
+    return RunVkmaster(
+        LaunchArguments(port, {"--overwrite", "run", directory_.Write("plan.toml", plan)}));
+  };
+  const std::string plan = "[advance]\nuntil = 40\n";
+  EXPECT_EQ(run(FreePort(), plan).status, 3);
+  FakeDaemon refusing(FakeDaemon::Refusing("No host detected"));
+  EXPECT_EQ(run(refusing.port(), plan).status, 3);
+  FakeRun unreachable;
+  unreachable.fails = {1};
+  FakeDaemon failing(FakeDaemon::Launching(unreachable));
+  EXPECT_EQ(run(failing.port(), plan).status, 4);
+  FakeRun fine;
+  FakeDaemon launching(FakeDaemon::Launching(fine));
+  EXPECT_EQ(run(launching.port(), plan + "[[event]]\nat = 9\ncommands = [\"shut P9\"]\n").status,
+            2);
+  EXPECT_EQ(directory_.Read("results/data.csv"), "of yesterday\n");
+  EXPECT_EQ(directory_.Read("results/run.json"), "{}\n");
+  EXPECT_EQ(directory_.Read("results/report.html"), "page\n");
+}
+
+// The launch may have queued for hours.
+TEST_F(PlanRunTest, ResultsThatAppearDuringTheLaunchAreNotReplaced) {
+  run_.before = [this](std::uint32_t code) {
+    if (code != 1) return;
+    std::filesystem::create_directory(directory_.File("results"));
+    directory_.Write("results/run.json", "of another run\n");
+  };
+  const Outcome outcome = Run("[advance]\nuntil = 40\n");
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_THAT(outcome.err, HasSubstr("has the results of an earlier run"));
+  EXPECT_EQ(directory_.Read("results/run.json"), "of another run\n");
+}
+
 TEST_F(PlanRunTest, EventAfterTheEndIsKnownBeforeTheFirstStepAlsoBetweenDaysAndDates) {
   const Outcome outcome =
       Run("[advance]\nuntil = 60\n[[event]]\nat = 2020-03-02\ncommands = [\"shut P1\"]\n");

@@ -117,7 +117,7 @@ class Program {
     if (options_.run.path.empty()) throw UsageError("The run's data directory is missing: --path");
     if (options_.run.root.empty()) throw UsageError("The model's name is missing: --root");
     if (!options_.plan.empty()) {
-      MakeRoom(ReadPlan(options_.plan).directory, options_.overwrite);
+      CheckRoom(ReadPlan(options_.plan).directory, options_.overwrite);
       if (!options_.report.empty()) CheckWritable(options_.report);
     }
   }
@@ -153,8 +153,10 @@ class Program {
   Command PlanCommand() const {
     auto plan = std::make_shared<const Plan>(ReadPlan(options_.plan));
     const std::string report = options_.report;
-    return {"run " + options_.plan,
-            [plan, report](Context& context) { CarryOut(*plan, report, context); }};
+    const bool overwrite = options_.overwrite;
+    return {"run " + options_.plan, [plan, report, overwrite](Context& context) {
+              CarryOut(*plan, report, overwrite, context);
+            }};
   }
 
   bool OnlyHelp() const {

@@ -26,8 +26,9 @@ using Clock = std::chrono::steady_clock;
 /// One plan being carried out.
 class Course {
  public:
-  Course(const Plan& plan, const std::string& report, Context& context)
+  Course(const Plan& plan, const std::string& report, bool overwrite, Context& context)
       : plan_(plan),
+        overwrite_(overwrite),
         context_(context),
         session_(context.session),
         recorder_(plan.directory, stderr, [this] { AwaitRoom(); }),
@@ -46,7 +47,7 @@ class Course {
     SortEvents();
     CheckCommands();
     began_ = Clock::now();
-    RunFile file(plan_, session_);
+    RunFile file(plan_, session_, overwrite_);
     try {
       Compute([this] { session_.FirstStep(); });
       CarryOn(session_.TimeDays());
@@ -174,6 +175,7 @@ class Course {
   }
 
   const Plan& plan_;
+  bool overwrite_;
   Context& context_;
   Session& session_;
   Recorder recorder_;
@@ -189,8 +191,8 @@ class Course {
 
 }  // namespace
 
-void CarryOut(const Plan& plan, const std::string& report, Context& context) {
-  Course(plan, report, context).Run();
+void CarryOut(const Plan& plan, const std::string& report, bool overwrite, Context& context) {
+  Course(plan, report, overwrite, context).Run();
 }
 
 }  // namespace vkmaster

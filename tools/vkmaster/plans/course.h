@@ -15,7 +15,8 @@ namespace vkmaster {
 /// and date in front of each row. The state at each stop goes to steps.csv and to the context's
 /// output. Throws what commands throw, and UsageError when a file cannot be written.
 /// `report` is the file of the report, which is made while the run goes on and at its end; empty
-/// for none.
-void CarryOut(const Plan& plan, const std::string& report, Context& context);
+/// for none. With `overwrite` the results of an earlier run in the directory are removed, once all
+/// that can be checked before the first step has been.
+void CarryOut(const Plan& plan, const std::string& report, bool overwrite, Context& context);
 
 }  // namespace vkmaster

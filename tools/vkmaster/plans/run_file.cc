@@ -71,6 +71,14 @@ void Write(const std::string& path, const std::string& text) {
   file.PutInPlace();
 }
 
+void Remove(const fs::path& file) {
+  std::error_code error;
+  fs::remove(file, error);
+  if (error) {
+    throw UsageError(fmt::format("Cannot remove '{}': {}", file.string(), error.message()));
+  }
+}
+
 std::string Dump(const Json& json) {
   return json.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
 }
@@ -86,7 +94,7 @@ struct RunFile::Content {
   std::chrono::steady_clock::time_point began = std::chrono::steady_clock::now();
 };
 
-RunFile::RunFile(const Plan& plan, Session& session)
+RunFile::RunFile(const Plan& plan, Session& session, bool overwrite)
     : path_((PathOf(plan.directory) / kName).string()), content_(std::make_unique<Content>()) {
   const Launched& launched = session.launched();
   const master::RunRequest& run = launched.request;
@@ -119,7 +127,12 @@ RunFile::RunFile(const Plan& plan, Session& session)
   json["began"] = Now();
   json["finished"] = nullptr;
   json["end"] = "running, or ended without a word";
-  Write(path_, Dump(json));
+  // A full disk shows before the earlier results have gone.
+  WholeFile file(path_);
+  file.Write(Dump(json));
+  CheckRoom(plan.directory, overwrite);
+  for (const fs::path& earlier : ResultsIn(plan.directory)) Remove(earlier);
+  file.PutInPlace();
 }
 
 RunFile::~RunFile() = default;
@@ -134,16 +147,12 @@ void RunFile::End(const std::string& how, double day, const std::set<std::string
   Write(path_, Dump(json));
 }
 
-void MakeRoom(const std::string& directory, bool overwrite) {
-  const std::vector<fs::path> results = ResultsIn(directory);
-  if (results.empty()) return;
-  if (!overwrite) {
-    throw UsageError(fmt::format(
-        "'{}' has the results of an earlier run. Give the plan another directory, or --overwrite, "
-        "which removes {}, {} and the CSV files there",
-        directory, kName, kReport));
-  }
-  for (const fs::path& file : results) fs::remove(file);
+void CheckRoom(const std::string& directory, bool overwrite) {
+  if (overwrite || ResultsIn(directory).empty()) return;
+  throw UsageError(fmt::format(
+      "'{}' has the results of an earlier run. Give the plan another directory, or --overwrite, "
+      "which removes {}, {} and the CSV files there",
+      directory, kName, kReport));
 }
 
 }  // namespace vkmaster

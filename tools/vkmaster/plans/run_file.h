@@ -13,8 +13,10 @@ struct Plan;
 /// ended, so that the results can be trusted when nobody remembers the run.
 class RunFile {
  public:
-  /// Writes the file for a run that begins. Throws UsageError when it cannot be written.
-  RunFile(const Plan& plan, Session& session);
+  /// Writes the file for a run that begins. With `overwrite` the results of an earlier run in the
+  /// directory go now, not before. Throws UsageError when there are such results without it, which
+  /// another run may have written during the launch, and when the file cannot be written.
+  RunFile(const Plan& plan, Session& session, bool overwrite);
   RunFile(const RunFile&) = delete;
   RunFile& operator=(const RunFile&) = delete;
   ~RunFile();
@@ -29,8 +31,8 @@ class RunFile {
   std::unique_ptr<Content> content_;
 };
 
-/// Throws UsageError when the plan's directory has results already: those of two runs would be
-/// mixed, or the earlier ones lost. With `overwrite` they are removed.
-void MakeRoom(const std::string& directory, bool overwrite);
+/// Throws UsageError when the plan's directory has results already, unless `overwrite` allows to
+/// replace them: those of two runs would be mixed, or the earlier ones lost.
+void CheckRoom(const std::string& directory, bool overwrite);
 
 }  // namespace vkmaster
