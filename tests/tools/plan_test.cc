@@ -423,20 +423,48 @@ TEST_F(PlanRunTest, OtherColumnsOfTheSameCommandHaveAFileOfTheirOwn) {
             "[sm3/d]\n0,2020-01-01,P1,10.5\n1,2020-01-02,P1,10.5\n");
 }
 
-TEST_F(PlanRunTest, EndOfTheSimulationEndsThePlan) {
+TEST_F(PlanRunTest, EndOfTheSimulationEndsThePlanWithANote) {
   run_.end = 10;
-  EXPECT_EQ(
-      Run("[advance]\nuntil = 30\nstep = 7\n[[event]]\nat = 20\ncommands = [\"shut P1\"]\n").status,
-      0);
+  const Outcome outcome = Run("[advance]\nuntil = 30\nstep = 7\n");
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.err, "note: The simulation ended at day 10, before day 30\n");
   EXPECT_EQ(Steps(), "0,2020-01-01,false\n7,2020-01-08,false\n10,2020-01-11,true\n");
-  EXPECT_EQ(directory_.Read("results/events.csv"), "");
+  EXPECT_EQ(nlohmann::json::parse(directory_.Read("results/run.json"))["end"],
+            "the simulation ended");
 }
 
-TEST_F(PlanRunTest, EventOfTheDayOnWhichTheSimulationEndsIsLeftOut) {
+TEST_F(PlanRunTest, EventsAfterTheEndOfTheSimulationAreNamedAndFailThePlan) {
   run_.end = 10;
-  EXPECT_EQ(Run("[advance]\nuntil = 30\n[[event]]\nat = 10\ncommands = [\"shut P1\"]\n").status, 0);
-  EXPECT_EQ(Steps(), "0,2020-01-01,false\n10,2020-01-11,true\n");
+  const Outcome outcome = Run(
+      "[advance]\nuntil = 30\nstep = 7\n[[event]]\nat = 20\ncommands = [\"shut P1\", \"wells\"]\n"
+      "[[event]]\nat = 25\ncommands = [\"open P1\"]\n");
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_THAT(
+      outcome.err,
+      HasSubstr("vkmaster: The simulation ended at day 10. Not carried out: day 20 (shut P1; "
+                "wells), day 25 (open P1)\n"));
+  EXPECT_EQ(Steps(), "0,2020-01-01,false\n7,2020-01-08,false\n10,2020-01-11,true\n");
   EXPECT_EQ(directory_.Read("results/events.csv"), "");
+  const auto run = nlohmann::json::parse(directory_.Read("results/run.json"));
+  EXPECT_EQ(
+      run["end"],
+      "The simulation ended at day 10. Not carried out: day 20 (shut P1; wells), day 25 (open P1)");
+  EXPECT_EQ(run["last_day"], 10.0);
+  EXPECT_EQ(daemon_.Requests().back(), "f0 ff 00 00");
+}
+
+TEST_F(PlanRunTest, EventOfTheDayOnWhichTheSimulationEndsIsCarriedOut) {
+  run_.end = 10;
+  const Outcome outcome =
+      Run("[advance]\nuntil = 10\n[record]\ncommands = [\"wells P1\"]\n[[event]]\nat = "
+          "2020-01-11\ncommands = [\"shut P1\", \"ipr P1 lift\"]\n");
+  EXPECT_EQ(outcome.status, 0) << outcome.err;
+  EXPECT_EQ(Steps(), "0,2020-01-01,false\n10,2020-01-11,true\n");
+  EXPECT_EQ(directory_.Read("results/events.csv"),
+            "time_days,date,command\n10,2020-01-11,shut P1\n10,2020-01-11,ipr P1 lift\n");
+  EXPECT_THAT(directory_.Read("results/wells.csv"), EndsWith("10,2020-01-11,P1,PRODUCER,OPEN\n"))
+      << "what the controls until then led to";
+  EXPECT_THAT(directory_.Read("results/ipr.csv"), HasSubstr("\n10,2020-01-11,P1,1,"));
 }
 
 TEST_F(PlanRunTest, FailedRequestKeepsWhatWasRecorded) {

@@ -12,6 +12,7 @@
 #include <fmt/format.h>
 
 #include "master/errors.h"
+#include "tools/vkmaster/commands/wells.h"
 #include "tools/vkmaster/output/recorder.h"
 #include "tools/vkmaster/plans/run_file.h"
 #include "tools/vkmaster/report/live_report.h"
@@ -58,9 +59,11 @@ class Course {
       EndEarly(file, std::string("failed: ") + error.what());
       throw;
     }
-    file.End(session_.has_ended() ? "the simulation ended" : "the plan was carried out",
-             session_.last_days(), recorder_.Files());
+    const std::string left = EventsLeft();
+    const char* whole = session_.has_ended() ? "the simulation ended" : "the plan was carried out";
+    file.End(left.empty() ? whole : left, session_.last_days(), recorder_.Files());
     report_.Finish();
+    if (!left.empty()) throw UsageError(left);
   }
 
  private:
@@ -94,6 +97,18 @@ class Course {
       shown_ = false;
       context_.output.Note(std::string("note: ") + error.what() + "; the plan goes on");
     }
+  }
+
+  // A sentence on the events that the simulation ended before; empty when there are none.
+  std::string EventsLeft() const {
+    Words left;
+    for (std::size_t i = next_event_; i < events_.size(); ++i) {
+      const PlanEvent& event = *events_[i].event;
+      left.push_back(fmt::format("{} ({})", FormatTarget(event.at), TextOf(event.commands)));
+    }
+    if (left.empty()) return "";
+    return fmt::format("The simulation ended at day {:.6g}. Not carried out: {}",
+                       session_.last_days(), Listed(left));
   }
 
   void Compute(const std::function<void()>& step) {
@@ -148,7 +163,7 @@ class Course {
 
   void Stop(double planned, bool start) {
     if (start) CarryOutEvents(planned);
-    const Result state = StateRow(session_, "steps", false);
+    Result state = StateRow(session_, "steps", false);
     recorder_.SetTime(session_.last_days(), std::get<std::string>(state.fields[1].value));
     Result stop = state;
     stop.fields.push_back({"elapsed", "elapsed", SecondsSince(began_), "s"});
@@ -156,8 +171,13 @@ class Course {
     recorder_.Write(stop);
     for (const Command& command : plan_.record) command.execute(recording_);
     context_.progress.Reached(session_.last_days());
+    if (session_.has_ended() && target_ - session_.last_days() >= kSameTime) {
+      state.notes.push_back(fmt::format("The simulation ended at day {:.6g}, before day {:.6g}",
+                                        session_.last_days(), target_));
+    }
     Show(state);
-    if (!start && !session_.has_ended()) CarryOutEvents(planned);
+    // The simulation may have ended before the stop that was planned.
+    if (!start) CarryOutEvents(session_.has_ended() ? session_.last_days() : planned);
     report_.Update();
   }
 

@@ -149,12 +149,6 @@ void Sort(std::vector<PlanEvent>& events) {
   });
 }
 
-std::string TextOf(const std::vector<Command>& commands) {
-  std::string text;
-  for (const Command& command : commands) text += (text.empty() ? "" : "; ") + command.text;
-  return text;
-}
-
 Plan ReadTop(Section top, const std::string& file) {
   const auto title = Text(top, "title");
   const auto launch = top.Find("launch");
@@ -181,6 +175,12 @@ Plan ReadTop(Section top, const std::string& file) {
 }
 
 }  // namespace
+
+std::string TextOf(const std::vector<Command>& commands) {
+  std::string text;
+  for (const Command& command : commands) text += (text.empty() ? "" : "; ") + command.text;
+  return text;
+}
 
 Result Preview(const Plan& plan) {
   Result result{.command = "check"};

@@ -39,6 +39,9 @@ struct Plan {
 /// where that can be told without the start of the run.
 Plan ReadPlan(const std::string& file);
 
+/// The commands with semicolons between them.
+std::string TextOf(const std::vector<Command>& commands);
+
 /// What the plan will do when, as far as that is known without a run.
 Result Preview(const Plan& plan);
 
