@@ -286,14 +286,46 @@ TEST_F(ProgramTest, DateBeforeTheStartIsRefused) {
   EXPECT_THAT(outcome.err, HasSubstr("2019-12-31 is before the start of the run, 2020-01-01"));
 }
 
-TEST_F(ProgramTest, AdvanceOfARunThatHasEndedIsRefused) {
+TEST_F(ProgramTest, AdvanceOfARunThatHasEndedLeavesTheCommandsBehindIt) {
   run_.end = 5;
-  const Outcome outcome = Master({"until", "5", "then", "until", "9"});
-  EXPECT_EQ(outcome.status, 2);
+  const Outcome outcome = Master({"until", "5", "then", "until", "9", "then", "time"});
+  EXPECT_EQ(outcome.status, 0);
   EXPECT_EQ(outcome.out,
             "         day          date         ended\n"
-            "           5    2020-01-06           yes\n");
-  EXPECT_THAT(outcome.err, HasSubstr("The simulation has ended, at day 5"));
+            "           5    2020-01-06           yes\n"
+            "           5    2020-01-06           yes\n"
+            "time  5 days\n");
+  EXPECT_EQ(outcome.err, "note: The simulation ended at day 5, before day 9\n");
+}
+
+TEST_F(ProgramTest, TargetBehindAnEarlierOneIsKnownBeforeTheFirstStepAlsoBetweenDaysAndDates) {
+  const Outcome outcome = Master({"until", "366", "then", "until", "2020-06-01", "then", "data"});
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_EQ(outcome.out, "");
+  EXPECT_EQ(outcome.err, "vkmaster: until 2020-06-01: the run is at day 366 already then\n");
+  EXPECT_THAT(daemon_.Requests(), Not(testing::Contains("07 00 00 00"))) << "no step";
+  EXPECT_EQ(daemon_.Requests().back(), kShutdown);
+}
+
+TEST_F(ProgramTest, DateBeforeTheStartOrBehindTheRunIsKnownBeforeTheCommandsInFrontOfIt) {
+  run_.time = 40;
+  const Outcome outcome = Master({"time", "then", "until", "2020-01-20"});
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_EQ(outcome.out, "");
+  EXPECT_EQ(outcome.err, "vkmaster: until 2020-01-20: the run is at day 40 already then\n");
+}
+
+TEST_F(ProgramTest, TargetBehindTheRunCostsNoCommandWithKeepGoing) {
+  const Outcome outcome =
+      Master({"--keep-going", "until", "60", "then", "until", "2020-01-20", "then", "time"});
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_THAT(outcome.out, testing::EndsWith("time  60 days\n"));
+}
+
+TEST_F(ProgramTest, DaysAndDatesInTheirOrderAreCarriedOut) {
+  const Outcome outcome = Master({"until", "2020-01-11", "then", "until", "+5", "then", "until",
+                                  "16.5", "then", "until", "2020-02-01"});
+  EXPECT_EQ(outcome.status, 0) << outcome.err;
 }
 
 TEST_F(ProgramTest, SimpleQuestionsAreAnsweredByTheRun) {

@@ -307,7 +307,7 @@ class Program {
       const int status = Attempt(command.text, [&] { command.check(*session_); });
       if (status != kOk) return status;
     }
-    return kOk;
+    return Attempt("", [&] { CheckOrder(commands, &*session_); });
   }
 
   int ExecuteAll(const std::vector<Command>& commands) {

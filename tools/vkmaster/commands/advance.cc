@@ -1,5 +1,6 @@
 #include "tools/vkmaster/commands/advance.h"
 
+#include <algorithm>
 #include <string>
 #include <variant>
 #include <vector>
@@ -85,11 +86,20 @@ AdvanceRequest ParseEvery(const Words& arguments) {
   return request;
 }
 
-void CheckOrder(const std::vector<Command>& commands) {
+void CheckOrder(const std::vector<Command>& commands, Session* session) {
+  const bool dates = std::any_of(commands.begin(), commands.end(), [](const Command& command) {
+    return command.target && command.target->kind == Target::Kind::kDate;
+  });
+  // Without dates all is said that can be said without the run.
+  if (session != nullptr && !dates) return;
   std::optional<Target> reached = Target{};
+  if (session != nullptr) reached->days = session->TimeDays();
   for (const Command& command : commands) {
     if (!command.target) continue;
     Target next = *command.target;
+    if (session != nullptr && next.kind == Target::Kind::kDate) {
+      next = {Target::Kind::kDays, DaysOf(next, *session), {}};
+    }
     if (next.kind == Target::Kind::kRelative) {
       // A date and so many days is a date that only the calendar knows: no more is said about it.
       const bool known = reached && reached->kind == Target::Kind::kDays;
@@ -139,6 +149,11 @@ Result StateRow(Session& session, const std::string& command, bool rates) {
   return result;
 }
 
+std::string EndedBefore(const Session& session, double target) {
+  return fmt::format("The simulation ended at day {:.6g}, before day {:.6g}", session.last_days(),
+                     target);
+}
+
 void Advance(Context& context, const AdvanceRequest& request) {
   Session& session = context.session;
   if (!session.first_step_done()) session.FirstStep();
@@ -149,7 +164,11 @@ void Advance(Context& context, const AdvanceRequest& request) {
         fmt::format("The run is at day {:.6g} already, it cannot go to day {:.6g}", now, target));
   }
   if (session.has_ended()) {
-    throw UsageError(fmt::format("The simulation has ended, at day {:.6g}", now));
+    // No failure: the commands behind it show the state in which the simulation ended.
+    Result row = StateRow(session, "until", request.rates);
+    row.notes.push_back(EndedBefore(session, target));
+    context.output.Write(row);
+    return;
   }
   const std::optional<Step> step = request.step ? request.step : context.step;
   const master::Date start = step ? session.StartDate() : master::Date{};
@@ -161,8 +180,7 @@ void Advance(Context& context, const AdvanceRequest& request) {
     session.run().RunUntil(now);
     Result row = StateRow(session, "until", request.rates);
     if (session.has_ended() && target - session.last_days() >= kSameTime) {
-      row.notes.push_back(fmt::format("The simulation ended at day {:.6g}, before day {:.6g}",
-                                      session.last_days(), target));
+      row.notes.push_back(EndedBefore(session, target));
     }
     const bool stop = context.stop_asked && context.stop_asked();
     if (stop && !session.has_ended() && target - now >= kSameTime) {

@@ -27,14 +27,18 @@ AdvanceRequest ParseUntil(const Words& arguments);
 /// STEP until TARGET [rates]
 AdvanceRequest ParseEvery(const Words& arguments);
 
+/// The note on a simulation that has ended before the day `target`.
+std::string EndedBefore(const Session& session, double target);
+
 /// Runs to the target, in the request's steps, else in the context's, else in one piece, and writes
 /// a row for each. Begins with the first time step of the run unless that is done. Stops when the
-/// simulation ends.
+/// simulation ends. When it has ended already, the row of its end is written.
 void Advance(Context& context, const AdvanceRequest& request);
 
-/// Throws UsageError when one of the commands goes to a time that an earlier one has reached. Where
-/// that depends on the start of the run, it is found out when the command is carried out.
-void CheckOrder(const std::vector<Command>& commands);
+/// Throws UsageError when one of the commands goes to a time that an earlier one has reached. Days
+/// and dates are compared only with the session of the run that they are for, whose start is asked
+/// for when there are dates. Then targets behind the present time, too, are found out.
+void CheckOrder(const std::vector<Command>& commands, Session* session = nullptr);
 
 /// The sums over all wells, and what they have added up to since the first time that this was asked
 /// for in the session: rates times the days since the time before, so the more often it is asked

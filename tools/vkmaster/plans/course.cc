@@ -172,8 +172,7 @@ class Course {
     for (const Command& command : plan_.record) command.execute(recording_);
     context_.progress.Reached(session_.last_days());
     if (session_.has_ended() && target_ - session_.last_days() >= kSameTime) {
-      state.notes.push_back(fmt::format("The simulation ended at day {:.6g}, before day {:.6g}",
-                                        session_.last_days(), target_));
+      state.notes.push_back(EndedBefore(session_, target_));
     }
     Show(state);
     // The simulation may have ended before the stop that was planned.
