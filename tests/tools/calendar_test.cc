@@ -45,6 +45,42 @@ TEST(ParseStep, TakesWordsAndPositiveDays) {
   }
 }
 
+TEST(ParseTarget, DateWithoutItsDashesIsNoDay) {
+  for (const char* word : {"20220101", "19000101", "99991231"}) {
+    const std::string digits = word;
+    const std::string date =
+        digits.substr(0, 4) + "-" + digits.substr(4, 2) + "-" + digits.substr(6);
+    try {
+      vkmaster::ParseTarget(digits);
+      ADD_FAILURE() << digits;
+    } catch (const vkmaster::UsageError& error) {
+      EXPECT_EQ(error.what(), "'" + digits + "' looks like a date, which is written " + date +
+                                  "; day " + digits + " is written " + digits + ".0");
+    }
+  }
+  for (const char* word : {"20220101.0", "20221301", "18991231", "2022010", "202201011"}) {
+    EXPECT_EQ(vkmaster::ParseTarget(word).kind, vkmaster::Target::Kind::kDays) << word;
+  }
+}
+
+TEST(RefuseYear, DigitsThatAreAYearOfTheRunAreNoDay) {
+  const auto refused = [](const std::string& word) {
+    try {
+      vkmaster::RefuseYear(vkmaster::ParseTarget(word), {31, 12, 2020});
+      return std::string("taken");
+    } catch (const vkmaster::UsageError& error) {
+      return std::string(error.what());
+    }
+  };
+  EXPECT_EQ(refused("2022"),
+            "2022 may be a year or a day: write 2022-01-01 for the year, 2022.0 for the day");
+  EXPECT_NE(refused("2020"), "taken");
+  EXPECT_NE(refused("2080"), "taken");
+  for (const char* word : {"2019", "2081", "2022.0", "2022.5", "+2022", "2022-01-01", "365"}) {
+    EXPECT_EQ(refused(word), "taken") << word;
+  }
+}
+
 TEST(EndOfStep, DaysAreAdded) {
   EXPECT_EQ(EndOfStep(ParseStep("30"), {15, 1, 2020}, 10.5), 40.5);
 }

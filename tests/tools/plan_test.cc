@@ -97,6 +97,27 @@ TEST_F(PlanTest, AdvanceIsAllThatAPlanNeeds) {
   EXPECT_EQ(plan.directory, directory_.File("results"));
 }
 
+TEST_F(PlanTest, DateWithoutItsDashesIsRefused) {
+  EXPECT_THAT(Refusal("[advance]\nuntil = 20220101\n"),
+              HasSubstr("plan.toml, line 2: '20220101' looks like a date, which is written "
+                        "2022-01-01"));
+}
+
+TEST_F(PlanTest, CheckSaysWhatMayBeAYear) {
+  const std::string file = directory_.Write("plan.toml",
+                                            "[advance]\nuntil = 2030\n[[event]]\nat = 2021.0\n"
+                                            "commands = []\n[[event]]\nat = 2022\n"
+                                            "commands = []\n");
+  const Outcome outcome = RunVkmaster({"run", "--check", file});
+  EXPECT_EQ(outcome.status, 0) << outcome.err;
+  EXPECT_EQ(
+      outcome.err,
+      "note: 2022 may be a year or a day, and is refused when it is a year of the run, before "
+      "its first step: write 2022-01-01 for the year, 2022.0 for the day\n"
+      "note: 2030 may be a year or a day, and is refused when it is a year of the run, before "
+      "its first step: write 2030-01-01 for the year, 2030.0 for the day\n");
+}
+
 TEST_F(PlanTest, WhatIsWrongIsNamedWithItsLine) {
   EXPECT_THAT(Refusal(""), EndsWith("plan.toml: the table [advance] is missing"));
   EXPECT_THAT(Refusal("x ="), HasSubstr("plan.toml, line 1: "));
@@ -477,6 +498,21 @@ TEST_F(PlanRunTest, FailedRequestKeepsWhatWasRecorded) {
   EXPECT_EQ(directory_.Read("results/wells.csv"),
             "time_days,date,well,type,status\n0,2020-01-01,P1,PRODUCER,OPEN\n"
             "10,2020-01-11,P1,PRODUCER,OPEN\n");
+}
+
+TEST_F(PlanRunTest, YearForADayIsRefusedBeforeTheFirstStep) {
+  const Outcome outcome =
+      Run("[advance]\nuntil = 2030-01-01\n[[event]]\nat = 2021\ncommands = [\"shut P1\"]\n");
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_THAT(outcome.err, HasSubstr("2021 may be a year or a day: write 2021-01-01 for the year, "
+                                     "2021.0 for the day"));
+  EXPECT_EQ(Steps(), "");
+  for (const std::string& request : daemon_.Requests()) EXPECT_NE(request, "07 00 00 00");
+}
+
+TEST_F(PlanRunTest, DayWithItsPointIsNoYear) {
+  EXPECT_EQ(Run("[advance]\nuntil = 2022.0\n").status, 0);
+  EXPECT_EQ(Steps(), "0,2020-01-01,false\n2022,2025-07-15,false\n");
 }
 
 TEST_F(PlanRunTest, PlanThatEndsWhereTheRunIsEndsTheRun) {

@@ -37,6 +37,7 @@ const char* const kWells = "06 00 00 00";
 const char* const kNewton = "07 00 00 00";
 const char* const kEnded = "09 00 00 00";
 const char* const kVersion = "11 00 00 00";
+const char* const kStartDate = "14 00 00 00";
 const char* const kShutdown = "f0 ff 00 00";
 
 class ProgramTest : public testing::Test {
@@ -145,6 +146,23 @@ TEST_F(ProgramTest, UntilTakesTheFirstStepItselfAndRunsInOnePiece) {
   EXPECT_THAT(daemon_.Requests(),
               ElementsAre(kConnect, kNewton, kTime, "08 00 00 00 00 00 00 00 00 d4 76 40", kTime,
                           kDate, kEnded, kShutdown));
+}
+
+TEST_F(ProgramTest, YearForADayIsRefusedBeforeTheFirstStep) {
+  const Outcome outcome = Master({"time", "then", "until", "2022"});
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_EQ(outcome.out, "");
+  EXPECT_THAT(outcome.err, HasSubstr("2022 may be a year or a day: write 2022-01-01"));
+  EXPECT_THAT(daemon_.Requests(), ElementsAre(kConnect, kStartDate, kShutdown));
+}
+
+TEST_F(ProgramTest, YearForADayOfATypedLineIsRefusedBeforeTheFirstStep) {
+  const Outcome outcome = Master({"--keep-going"}, "every 30 until 2022\nuntil 2022.0\n");
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_EQ(outcome.out,
+            "         day          date         ended\n"
+            "        2022    2025-07-15            no\n");
+  EXPECT_THAT(outcome.err, HasSubstr("2022 may be a year or a day: write 2022-01-01"));
 }
 
 TEST_F(ProgramTest, FirstStepIsNotTakenTwice) {

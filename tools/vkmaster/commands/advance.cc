@@ -50,7 +50,12 @@ void AddSums(Session& session, Result& result) {
 
 }  // namespace
 
+void RefuseYear(const Target& target, Session& session) {
+  if (MayBeYear(target)) RefuseYear(target, session.StartDate());
+}
+
 double DaysOf(const Target& target, Session& session) {
+  RefuseYear(target, session);
   switch (target.kind) {
     case Target::Kind::kDays:
       return target.days;
@@ -156,6 +161,7 @@ std::string EndedBefore(const Session& session, double target) {
 
 void Advance(Context& context, const AdvanceRequest& request) {
   Session& session = context.session;
+  RefuseYear(request.target, session);
   if (!session.first_step_done()) session.FirstStep();
   double now = session.TimeDays();
   const double target = DaysOf(request.target, session);

@@ -12,8 +12,12 @@ namespace vkmaster {
 /// Times that differ by less than this, in days and about a second, count as the same.
 inline constexpr double kSameTime = 1e-5;
 
-/// The target as days since the start. Throws UsageError when it lies before the start.
+/// The target as days since the start. Throws UsageError when it lies before the start, and when
+/// its days may as well be a year of the run.
 double DaysOf(const Target& target, Session& session);
+
+/// Throws UsageError when the target's days may as well be a year of the run.
+void RefuseYear(const Target& target, Session& session);
 
 struct AdvanceRequest {
   Target target;

@@ -97,7 +97,8 @@ Parsed ParseQuit(const Words& arguments) {
 }
 
 Parsed Advancing(const AdvanceRequest& request) {
-  return {[request](Context& context) { Advance(context, request); }, {}, request.target};
+  return {[request](Context& context) { Advance(context, request); },
+          [request](Session& session) { RefuseYear(request.target, session); }, request.target};
 }
 
 std::vector<Entry> MakeEntries() {

@@ -55,7 +55,11 @@ std::optional<std::string> Text(Section& section, std::string_view key) {
 }
 
 Target TargetOf(const Value& value) {
-  return At(value, [&] { return ParseTarget(Text(value)); });
+  // A decimal point tells the day 2022.0 from 2022, which may be a year.
+  const bool point = value.Number() && !value.Integer();
+  return At(value, [&] {
+    return ParseTarget(point ? fmt::format("{:#}", *value.Number()) : Text(value));
+  });
 }
 
 Plan::Launch ReadLaunch(Section section) {
@@ -202,6 +206,15 @@ Result Preview(const Plan& plan) {
   }
   table.rows.push_back({FormatTarget(plan.until), plan.record.empty() ? "ends" : "records, ends"});
   result.tables.push_back(std::move(table));
+  const auto note_year = [&result](const Target& target) {
+    if (!MayBeYear(target)) return;
+    result.notes.push_back(fmt::format(
+        "{0} may be a year or a day, and is refused when it is a year of the run, before its first "
+        "step: write {0}-01-01 for the year, {0}.0 for the day",
+        target.days));
+  };
+  for (const PlanEvent& event : plan.events) note_year(event.at);
+  note_year(plan.until);
   for (const PlanEvent& event : plan.events) {
     if (DaysBetween(event.at, plan.until)) continue;
     result.notes.emplace_back(

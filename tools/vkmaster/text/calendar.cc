@@ -62,7 +62,29 @@ Target ParseTarget(const std::string& word) {
   if (days < 0 || (relative && days == 0)) {
     throw UsageError("A run goes forward only, not to '" + word + "'");
   }
-  return {relative ? Target::Kind::kRelative : Target::Kind::kDays, days, {}};
+  const bool digits = word.find_first_not_of("0123456789") == std::string::npos;
+  if (digits && word.size() == 8) {
+    const auto date = ParseDate(word.substr(0, 4) + "-" + word.substr(4, 2) + "-" + word.substr(6));
+    if (date && date->year >= 1900) {
+      throw UsageError(
+          fmt::format("'{0}' looks like a date, which is written {1}; day {0} is "
+                      "written {0}.0",
+                      word, FormatDate(*date)));
+    }
+  }
+  return {relative ? Target::Kind::kRelative : Target::Kind::kDays, days, {}, digits};
+}
+
+bool MayBeYear(const Target& target) {
+  return target.digits && target.days >= 1800 && target.days < 2300;
+}
+
+void RefuseYear(const Target& target, const master::Date& start) {
+  constexpr double kLongestRun = 60;  // years
+  const double years = target.days - start.year;
+  if (!MayBeYear(target) || years < 0 || years > kLongestRun) return;
+  throw UsageError(fmt::format(
+      "{0} may be a year or a day: write {0}-01-01 for the year, {0}.0 for the day", target.days));
 }
 
 std::string FormatTarget(const Target& target) {

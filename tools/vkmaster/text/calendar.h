@@ -22,10 +22,18 @@ struct Target {
   Kind kind = Kind::kDays;
   double days = 0;
   master::Date date;
+  bool digits = false;  ///< days written as digits alone: they may be meant as a year
 };
 
-/// "3650", "+30", "2030-01-01". Throws UsageError.
+/// "3650", "+30", "2030-01-01". Throws UsageError, also for a date without its dashes.
 Target ParseTarget(const std::string& word);
+
+/// True for a number of days that is a year of runs that start at one time or another.
+bool MayBeYear(const Target& target);
+
+/// Throws UsageError when the target may as well be a year of a run that starts at `start`: the run
+/// would go to a day of that number and could not go back.
+void RefuseYear(const Target& target, const master::Date& start);
 
 /// "day 3650", "+30 days", "2030-01-01".
 std::string FormatTarget(const Target& target);
