@@ -130,6 +130,8 @@ struct FakeRun {
   bool compositional = true;
   std::map<std::string, double> uptimes;
 
+  double rise = 0;  ///< of every rate, a day
+
   double time = 0;
   bool first_step = false;
 
@@ -246,7 +248,7 @@ struct FakeRun {
   void SendData(DaemonEnd& master, const std::vector<std::string>& names) const {
     master.Send(Pack(10).Int(static_cast<int>(names.size())).Done());
     for (std::size_t i = 0; i < names.size() && master.Receive(); ++i) {
-      const double base = 100 * static_cast<double>(i + 1);
+      const double base = 100 * static_cast<double>(i + 1) + rise * time;
       Pack record(4096);
       record.String("OPEN");
       for (const double value : {base, base + 1, base + 2, base + 3, base + 4, 250.5, 30.25,

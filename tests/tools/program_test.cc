@@ -148,6 +148,19 @@ TEST_F(ProgramTest, UntilTakesTheFirstStepItselfAndRunsInOnePiece) {
                           kDate, kEnded, kShutdown));
 }
 
+TEST_F(ProgramTest, FieldCountsTheRatesThatAnAdvanceHasShown) {
+  run_.rise = 1;
+  const Outcome outcome = Master({"--csv"}, "field\nuntil 20 step 10 rates\nfield\n");
+  EXPECT_EQ(outcome.err, "");
+  EXPECT_THAT(outcome.out, HasSubstr("\n20,2020-01-21,false,660,666,663,669,672\n"));
+  EXPECT_THAT(outcome.out, HasSubstr("\n660,666,663,669,672,12900,13020,12960,13080,13140\n"));
+}
+
+TEST_F(ProgramTest, FieldSaysWhereOneRateCountsForAnAdvance) {
+  EXPECT_THAT(Master({}, "field\nuntil 20\nfield\n").err,
+              HasSubstr("note: The totals take the rates of day 20 for all 20 days before it"));
+}
+
 TEST_F(ProgramTest, YearForADayIsRefusedBeforeTheFirstStep) {
   const Outcome outcome = Master({"time", "then", "until", "2022"});
   EXPECT_EQ(outcome.status, 2);

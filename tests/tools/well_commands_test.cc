@@ -23,6 +23,7 @@ namespace {
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Not;
 using testing::SizeIs;
 using testing::StartsWith;
 using vkmaster::Form;
@@ -143,6 +144,48 @@ TEST_F(WellCommandsTest, FieldHasNoTotalsWhereNothingWasAddedUp) {
             "for it often, each rate counts for the days since the time before\n");
   run_.time = 375;
   EXPECT_THAT(Do("field"), HasSubstr("\n600,606,603,609,612,6000,6060,6030,6090,6120\n"));
+}
+
+// 630 and 660 a day for ten days each; the last rate alone would make 13,200 of them.
+TEST_F(WellCommandsTest, TotalsCountAllRatesThatWereRead) {
+  run_.rise = 1;
+  for (const char* before : {"field then until 20 step 10 rates", "until 20 step 10 rates",
+                             "field then until 10 then field then until 20",
+                             "field then until 10 then data then until 20"}) {
+    run_.time = 0;
+    session_.totals() = {};
+    Do(before);
+    EXPECT_THAT(Do("field"), HasSubstr("\n660,666,663,669,672,12900,")) << before;
+  }
+}
+
+TEST_F(WellCommandsTest, TotalsOfOneRateForAWholeAdvanceSaySo) {
+  run_.rise = 1;
+  for (const char* advance : {"until 20", "until 20 rates", "until 20 step 10"}) {
+    run_.time = 0;
+    session_.totals() = {};
+    Do("field");
+    Do(advance);
+    const std::string field = Do("field");
+    EXPECT_THAT(field, HasSubstr(",13200,")) << advance;
+    EXPECT_THAT(field, HasSubstr("\nnote: The totals take the rates of day 20 for all 20 days "
+                                 "before it, since no others were read. until TARGET step monthly "
+                                 "rates reads them in between\n"))
+        << advance;
+  }
+}
+
+TEST_F(WellCommandsTest, TotalsOfSomeWellsAreNotCounted) {
+  run_.rise = 1;
+  Do("field then until 10 then data P1 then until 20");
+  EXPECT_THAT(Do("field"), HasSubstr(",13200,"));
+}
+
+TEST_F(WellCommandsTest, TotalsThatBeginLateSaySo) {
+  Do("until 365 then until 375 step 5 rates");
+  EXPECT_THAT(Do("field"),
+              HasSubstr(",6000,6060,6030,6090,6120\nnote: The totals count from day 365 on\n"));
+  EXPECT_THAT(Do("field"), Not(HasSubstr("note")));
 }
 
 TEST_F(WellCommandsTest, FieldWithoutTotalsSaysSoToPeople) {

@@ -29,23 +29,39 @@ void TakeOptions(const Words& arguments, std::size_t at, AdvanceRequest& request
   }
 }
 
-void AddSums(Session& session, Result& result) {
+// Adds the sums over all wells, and returns them.
+Rates AddSums(Session& session, Result& result) {
   const Units& units = UnitsOf(session.Metric());
   std::vector<std::string> names;
   for (const master::WellStatus& well : session.Wells()) names.push_back(well.name);
-  const std::vector<master::WellData> wells = session.run().GetWellData(names);
-  const auto add = [&](const char* key, const char* label, double master::WellData::*rate,
-                       const std::string& unit) {
-    double sum = 0;
-    for (const master::WellData& well : wells) sum += well.*rate;
-    result.fields.push_back({key, label, sum, unit});
-  };
-  using Data = master::WellData;
-  add("oil_rate", "oil", &Data::oil_rate, units.liquid_rate);
-  add("water_rate", "water", &Data::water_rate, units.liquid_rate);
-  add("gas_rate", "gas", &Data::gas_rate, units.gas_rate);
-  add("water_injection_rate", "water in", &Data::water_injection_rate, units.liquid_rate);
-  add("gas_injection_rate", "gas in", &Data::gas_injection_rate, units.gas_rate);
+  const Rates sums = SumOf(session.run().GetWellData(names));
+  const std::string& liquid = units.liquid_rate;
+  result.fields.insert(result.fields.end(),
+                       {{"oil_rate", "oil", sums[0], liquid},
+                        {"water_rate", "water", sums[1], liquid},
+                        {"gas_rate", "gas", sums[2], units.gas_rate},
+                        {"water_injection_rate", "water in", sums[3], liquid},
+                        {"gas_injection_rate", "gas in", sums[4], units.gas_rate}});
+  return sums;
+}
+
+void NoteWhatTotalsLack(Totals& totals, bool none, Result& result) {
+  const double since = totals.since.value_or(0);
+  if (none) {
+    result.notes.push_back(
+        fmt::format("The totals add up from here, day {:.6g}, on: field was not asked for before. "
+                    "Ask for it often, each rate counts for the days since the time before",
+                    since));
+  } else if (since > 0 && !totals.told) {
+    result.notes.push_back(fmt::format("The totals count from day {:.6g} on", since));
+  }
+  totals.told = true;
+  if (totals.longest_skip > 0) {
+    result.notes.push_back(fmt::format(
+        "The totals take the rates of day {:.6g} for all {:.6g} days before it, since no others "
+        "were read. until TARGET step monthly rates reads them in between",
+        totals.end_of_skip, totals.longest_skip));
+  }
 }
 
 }  // namespace
@@ -123,24 +139,19 @@ void CheckOrder(const std::vector<Command>& commands, Session* session) {
 
 Result FieldResult(Session& session) {
   Result result{.command = "field"};
-  AddSums(session, result);
-  const std::size_t rates = result.fields.size();
-  std::vector<double> values;
-  for (const Field& field : result.fields) values.push_back(std::get<double>(field.value));
-  const std::optional<std::vector<double>> sums = session.AddUp(session.TimeDays(), values);
-  for (std::size_t i = 0; i < rates; ++i) {
+  const Rates rates = AddSums(session, result);
+  Totals& totals = session.totals();
+  totals.Add(session.TimeDays(), rates);
+  // Nothing has flowed at the start of the run; later, zeros would say that nothing has.
+  const bool none = totals.up_to > 0 && totals.up_to == totals.since;
+  for (std::size_t i = 0; i < rates.size(); ++i) {
     const Field rate = result.fields[i];
     const std::string key = rate.key.substr(0, rate.key.find("_rate")) + "_total";
     const std::string unit = rate.unit.substr(0, rate.unit.find("/d"));
     result.fields.push_back({key, rate.label + " total", {}, unit});
-    if (sums) result.fields.back().value = (*sums)[i];
+    if (!none) result.fields.back().value = totals.sums[i];
   }
-  if (!sums) {
-    result.notes.push_back(
-        fmt::format("The totals add up from here, day {:.6g}, on: field was not asked for before. "
-                    "Ask for it often, each rate counts for the days since the time before",
-                    session.last_days()));
-  }
+  NoteWhatTotalsLack(totals, none, result);
   return result;
 }
 
@@ -150,7 +161,7 @@ Result StateRow(Session& session, const std::string& command, bool rates) {
   result.fields.push_back({"time_days", "day", session.TimeDays(), ""});
   result.fields.push_back({"date", "date", FormatDate(session.run().GetDate()), ""});
   result.fields.push_back({"ended", "ended", session.Ended(), ""});
-  if (rates) AddSums(session, result);
+  if (rates) session.totals().Add(session.last_days(), AddSums(session, result));
   return result;
 }
 
@@ -178,6 +189,8 @@ void Advance(Context& context, const AdvanceRequest& request) {
   }
   const std::optional<Step> step = request.step ? request.step : context.step;
   const master::Date start = step ? session.StartDate() : master::Date{};
+  if (request.rates) session.totals().Begin(now);
+  if (!request.rates || !step) session.totals().skips = true;
 
   context.progress.BeginAdvance(now, target);
   while (target - now >= kSameTime) {

@@ -44,9 +44,8 @@ void Advance(Context& context, const AdvanceRequest& request);
 /// for when there are dates. Then targets behind the present time, too, are found out.
 void CheckOrder(const std::vector<Command>& commands, Session* session = nullptr);
 
-/// The sums over all wells, and what they have added up to since the first time that this was asked
-/// for in the session: rates times the days since the time before, so the more often it is asked
-/// for, the better it is.
+/// The sums over all wells, and what they add up to with all that the session has read before: the
+/// more often rates are read, the better it is.
 Result FieldResult(Session& session);
 
 /// The row of the present state: time, date, ended, and with `rates` the sums over all wells.

@@ -54,6 +54,9 @@ Result DataResult(Session& session, const Words& patterns) {
                {"uptime_fraction", "uptime", ""}},
               {}};
   const std::vector<master::WellData> records = session.run().GetWellData(names);
+  if (session.totals().since && names.size() == session.KnownWells().size()) {
+    session.totals().Add(session.last_days(), SumOf(records));
+  }
   for (std::size_t i = 0; i < records.size(); ++i) {
     const master::WellData& data = records[i];
     table.rows.push_back({names[i], data.status, data.oil_rate, data.water_rate, data.gas_rate,

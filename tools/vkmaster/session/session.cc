@@ -175,14 +175,35 @@ void Session::Plan(const master::WellConstraints& constraints) {
   for (const std::string& name : constraints.names) planned_.insert({constraints.well, name});
 }
 
-std::optional<std::vector<double>> Session::AddUp(double days, const std::vector<double>& rates) {
-  sums_.resize(rates.size());
-  const bool first = !added_up_to_;
-  for (std::size_t i = 0; i < rates.size(); ++i) {
-    sums_[i] += rates[i] * (days - added_up_to_.value_or(days));
+Rates SumOf(const std::vector<master::WellData>& wells) {
+  using Data = master::WellData;
+  Rates sums{};
+  for (const Data& well : wells) {
+    std::size_t i = 0;
+    for (const auto rate : {&Data::oil_rate, &Data::water_rate, &Data::gas_rate,
+                            &Data::water_injection_rate, &Data::gas_injection_rate}) {
+      sums[i++] += well.*rate;
+    }
   }
-  added_up_to_ = days;
-  return first && days > 0 ? std::nullopt : std::optional(sums_);
+  return sums;
+}
+
+void Totals::Begin(double days) {
+  if (since) return;
+  since = days;
+  up_to = days;
+  skips = false;
+}
+
+void Totals::Add(double days, const Rates& rates) {
+  Begin(days);
+  const double span = days - up_to;
+  for (std::size_t i = 0; i < rates.size(); ++i) sums[i] += rates[i] * span;
+  if (std::exchange(skips, false) && span > longest_skip) {
+    longest_skip = span;
+    end_of_skip = days;
+  }
+  up_to = days;
 }
 
 void SetConstraint(master::WellConstraints& well, const std::string& name, double value) {

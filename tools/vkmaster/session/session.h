@@ -2,6 +2,7 @@
 // mean which wells, and the engineers' names and units of its quantities.
 #pragma once
 
+#include <array>
 #include <map>
 #include <optional>
 #include <set>
@@ -14,6 +15,27 @@
 #include "tools/vkmaster/text/words.h"
 
 namespace vkmaster {
+
+/// Sums over wells: oil, water, gas, water injected, gas injected.
+using Rates = std::array<double, 5>;
+Rates SumOf(const std::vector<master::WellData>& wells);
+
+/// What the rates that were read add up to. Each counts for the days since the ones before.
+struct Totals {
+  std::optional<double> since;  ///< the day from which they count; nothing before the first rates
+  double up_to = 0;
+  Rates sums{};
+  bool told = false;  ///< that they do not count from the start
+
+  /// Set by an advance that reads no rates, or those of its end alone.
+  bool skips = false;
+  double longest_skip = 0;  ///< the days for which one rate counts, because of that
+  double end_of_skip = 0;
+
+  /// Lets them count from here, unless they count already.
+  void Begin(double days);
+  void Add(double days, const Rates& rates);
+};
 
 /// How the run was launched, for the status and for hints.
 struct Launched {
@@ -93,10 +115,7 @@ class Session {
   bool Knows(const std::string& well, const std::string& name, bool planned) const;
   void Plan(const master::WellConstraints& constraints);
 
-  /// Adds rates times the days since the last call to the sums of all calls, and returns these.
-  /// Nothing in the first call of a session, unless the run is at its start, where nothing has
-  /// flowed yet.
-  std::optional<std::vector<double>> AddUp(double days, const std::vector<double>& rates);
+  Totals& totals() { return totals_; }
 
   /// The external sources that were attached in this session.
   void RememberSource(const std::string& source) { sources_.insert(source); }
@@ -120,8 +139,7 @@ class Session {
   std::map<std::string, master::WellConstraints> constraints_;
   std::set<std::pair<std::string, std::string>> planned_;  // wells and names of limits
   std::set<std::string> sources_;
-  std::optional<double> added_up_to_;
-  std::vector<double> sums_;
+  Totals totals_;
 };
 
 /// Sets `name` to `value` among the constraints of `well`, replacing what it was.
