@@ -794,12 +794,11 @@ function lastValues() {
 function totals() {
   const rates = meta.rates.filter((id) => !isIdle(id));
   const ids = rates.map((id) => id.replace('_rate', '_total'));
+  const totalsOf = (well) => rates.map((id) => well.totals[meta.rates.indexOf(id)]);
+  const sums = rates.map((_, i) => meta.wells.reduce((sum, well) => sum + totalsOf(well)[i], 0));
   return {
     head: ['well', ...ids.map((id) => withUnit(labelOf(id), unitOf(id)))],
-    rows: meta.wells.map((well) => [
-      well.name,
-      ...rates.map((id) => well.totals[meta.rates.indexOf(id)]),
-    ]),
+    rows: [...meta.wells.map((well) => [well.name, ...totalsOf(well)]), ['Field', ...sums]],
   };
 }
 
@@ -1041,7 +1040,7 @@ function showRun() {
   const days = meta.stops.days.at(-1) ?? meta.days.at(-1);
   const reached = days === undefined ? '' : `, at ${timeOf(days)}`;
   find('state').textContent = meta.live
-    ? `Running${reached}`
+    ? `Running${reached}; as of ${meta.written}`
     : `${run.end ?? 'No run.json says how it ended'}${reached}`;
   add('Input file', run.deck);
   add('its SHA-256', run.deck_sha256);
