@@ -83,11 +83,9 @@ class DaemonModel {
   bool ended_ = false;
 };
 
-/// The master's part of the handshake.
-inline std::string Handshake() {
+/// The handshake of a master that claims to be `user`.
+inline std::string Handshake(const std::string& user = "alice") {
   std::string texts;
-  for (const char* text : {"3", "0", "/data/", "CASE", "1", "20172", "alice", "0"}) {
-    texts += PackedText(text);
-  }
-  return texts;
+  for (const char* text : {"3", "0", "PATH", "CASE", "1", "20172"}) texts += PackedText(text);
+  return texts + PackedText(user) + PackedText("0");
 }

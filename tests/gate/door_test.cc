@@ -18,6 +18,7 @@
 
 #include "gate/opening.h"
 #include "tests/gate/breaking_relay.h"
+#include "tests/gate/daemon_model.h"
 #include "tests/gate/raw_gate.h"
 #include "tests/jobmillctl/jobmillctl.h"
 #include "tests/support/bytes.h"
@@ -88,13 +89,6 @@ TEST_F(DoorTest, StolenNameIsRefusedInTheMastersProtocolAndReachesNobody) {
   EXPECT_THAT(daemon_.Logged(), Not(HasSubstr("Path: ")));
 }
 
-// The bytes of a master that claims to be `user`.
-std::string RequestOf(const std::string& user) {
-  std::string bytes = Frame("3");
-  for (const std::string& line : Claiming(user)) bytes += Frame(line);
-  return bytes;
-}
-
 // What comes until the end.
 std::string Rest(const Descriptor& link, int patience = 10'000) {
   return ReadExactly(link.get(), 1 << 20, patience);
@@ -104,7 +98,7 @@ TEST_F(DoorTest, ClaimInSingleBytesIsReadTheSame) {
   const auto gate = door_.Connect(door_.alice());
   for (const char* user : {"alice", "bob"}) {
     const Descriptor link = ConnectToLoopback(gate->port());
-    for (const char byte : RequestOf(user)) ASSERT_TRUE(WriteAll(link.get(), {&byte, 1}));
+    for (const char byte : Handshake(user)) ASSERT_TRUE(WriteAll(link.get(), {&byte, 1}));
     EXPECT_EQ(ReadExactly(link.get(), 5), Frame("3"));
     const std::string answer = ReadExactly(link.get(), 12);
     EXPECT_THAT(answer.substr(4), StartsWith(user == std::string("bob") ? "Windows " : "OK|port-"));
@@ -114,7 +108,7 @@ TEST_F(DoorTest, ClaimInSingleBytesIsReadTheSame) {
 TEST_F(DoorTest, AllAtOnceBeforeTheGreetingIsReadTheSame) {
   const auto gate = door_.Connect(door_.alice());
   const Descriptor link = ConnectToLoopback(gate->port());
-  ASSERT_TRUE(WriteAll(link.get(), RequestOf("bob") + RequestOf("alice") + RequestOf("alice")));
+  ASSERT_TRUE(WriteAll(link.get(), Handshake("bob") + Handshake() + Handshake()));
   EXPECT_THAT(Rest(link), AllOf(StartsWith(Frame("3")), HasSubstr("'bob' is not proven")));
   EXPECT_THAT(daemon_.Logged(), Not(HasSubstr("Path: ")));
 }
@@ -122,7 +116,7 @@ TEST_F(DoorTest, AllAtOnceBeforeTheGreetingIsReadTheSame) {
 TEST_F(DoorTest, SecondClaimBehindAProvenOneIsNone) {
   const auto gate = door_.Connect(door_.alice());
   const Descriptor link = ConnectToLoopback(gate->port());
-  ASSERT_TRUE(WriteAll(link.get(), RequestOf("alice") + RequestOf("bob")));
+  ASSERT_TRUE(WriteAll(link.get(), Handshake() + Handshake("bob")));
   EXPECT_THAT(Rest(link), HasSubstr("OK|port-"));
   EXPECT_EQ(door_.serving().Lines("admitted").size(), 1U);
   EXPECT_THAT(daemon_.Logged(), Not(HasSubstr("bob")));
@@ -130,7 +124,7 @@ TEST_F(DoorTest, SecondClaimBehindAProvenOneIsNone) {
 
 TEST_F(DoorTest, MasterThatLeavesBeforeItsClaimStartsNothing) {
   const auto gate = door_.Connect(door_.alice());
-  const std::string request = RequestOf("alice");
+  const std::string request = Handshake();
   for (const std::size_t cut :
        {std::size_t{0}, std::size_t{5}, std::size_t{7}, request.size() - 11}) {
     const Descriptor link = ConnectToLoopback(gate->port());
@@ -145,7 +139,7 @@ TEST_F(DoorTest, MasterThatLeavesBeforeItsClaimStartsNothing) {
 TEST_F(DoorTest, PeerThatIsNoMasterGetsWhatTheDaemonSays) {
   const auto gate = door_.Connect(door_.alice());
   const Descriptor link = ConnectToLoopback(gate->port());
-  ASSERT_TRUE(WriteAll(link.get(), Frame("GET / HTTP/1.1") + RequestOf("alice")));
+  ASSERT_TRUE(WriteAll(link.get(), Frame("GET / HTTP/1.1") + Handshake()));
   EXPECT_EQ(Rest(link), Frame("3"));
   EXPECT_TRUE(daemon_.WaitForLog("Incorrect response from Corvane"));
   EXPECT_THAT(daemon_.Logged(), Not(HasSubstr("Path: ")));
@@ -172,7 +166,7 @@ class StrangerTest : public DoorTest {
   std::string Told(const Identity& identity, Door::Words more = {}) {
     const auto gate = door_.Connect(identity, std::move(more));
     const Descriptor link = ConnectToLoopback(gate->port());
-    WriteAll(link.get(), RequestOf("alice"));
+    WriteAll(link.get(), Handshake());
     const auto frames = FramesOf(Rest(link));
     return frames.size() == 2 ? frames[1] : "not two frames";
   }
@@ -195,14 +189,14 @@ TEST_F(StrangerTest, ServingGateOfAnotherAuthorityIsNotBelieved) {
   Authority other(door_.directory().path().string(), "other");
   const auto gate = door_.Connect(door_.alice(), {"--server=other.example.com"});
   const Descriptor link = ConnectToLoopback(gate->port());
-  WriteAll(link.get(), RequestOf("alice"));
+  WriteAll(link.get(), Handshake());
   EXPECT_THAT(Rest(link), HasSubstr("certificate is not for the host"));
   EXPECT_THAT(daemon_.Logged(), Not(HasSubstr("Sending back version number")));
 }
 
 TEST_F(StrangerTest, PlainTextIsRefused) {
   const Descriptor link = ConnectToLoopback(door_.serving().port());
-  ASSERT_TRUE(WriteAll(link.get(), RequestOf("alice")));
+  ASSERT_TRUE(WriteAll(link.get(), Handshake()));
   Rest(link);
   EXPECT_EQ(door_.serving().Await("refused")["why"], "The peer does not speak TLS");
 }
@@ -277,7 +271,7 @@ TEST(LimitTest, MasterThatDoesNotSayWhoItIsIsRefusedInTime) {
   Door door(daemon.port(), {"--claim-wait=1"});
   const auto gate = door.Connect(door.alice());
   const Descriptor link = ConnectToLoopback(gate->port());
-  WriteAll(link.get(), RequestOf("alice").substr(0, 30));
+  WriteAll(link.get(), Handshake().substr(0, 30));
   EXPECT_EQ(Rest(link), Frame("3") + Frame("The request has taken too long"));
   EXPECT_THAT(daemon.Logged(), Not(HasSubstr("Path: ")));
 }
@@ -295,8 +289,7 @@ TEST(LimitTest, MasterThatSendsTooMuchBeforeItsClaimIsRefused) {
   Door door(daemon.port(), {"--claim-bytes=1000"});
   const auto gate = door.Connect(door.alice());
   const Descriptor link = ConnectToLoopback(gate->port());
-  WriteAll(link.get(),
-           Frame("3") + Frame("0") + Frame(std::string(2000, 'x')) + RequestOf("alice"));
+  WriteAll(link.get(), Frame("3") + Frame("0") + Frame(std::string(2000, 'x')) + Handshake());
   EXPECT_EQ(Rest(link), Frame("3") + Frame("The request is longer than the gate takes"));
   EXPECT_THAT(daemon.Logged(), Not(HasSubstr("Path: ")));
 }

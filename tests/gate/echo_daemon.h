@@ -10,19 +10,9 @@
 #include <vector>
 
 #include "base/descriptor.h"
+#include "tests/gate/daemon_model.h"
 #include "tests/support/bytes.h"
 #include "tests/support/ports.h"
-
-/// What a master sends that claims to be `user`.
-inline std::string RunRequestOf(const std::string& user) {
-  std::string bytes;
-  for (const std::string& line :
-       {std::string("3"), std::string("0"), std::string("PATH"), std::string("CASE"),
-        std::string("1"), std::string("20172"), user, std::string("0")}) {
-    bytes += Frame(line);
-  }
-  return bytes;
-}
 
 /// In the place of a daemon: greets as one does, and sends back all that comes, its end included.
 class EchoDaemon {

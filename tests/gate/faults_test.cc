@@ -128,7 +128,7 @@ class GateFaultsTest : public testing::TestWithParam<bool> {
     const Descriptor link = ConnectToLoopback(gate_->port());
     const timeval patience{15, 0};
     setsockopt(link.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
-    const std::string handshake = RunRequestOf("alice");
+    const std::string handshake = Handshake();
     const std::string bytes(20'000, 'x');
     WriteAll(link.get(), handshake);
     std::string verdict = Expect(link, Frame("3") + handshake);

@@ -46,8 +46,8 @@ std::string RandomBytes(std::size_t size) {
 // A master that an EchoDaemon has let in. Throws when it is not.
 Descriptor Admitted(int port) {
   Descriptor link = ConnectToLoopback(port);
-  WriteAll(link.get(), RunRequestOf("alice"));
-  const std::string expected = Frame("3") + RunRequestOf("alice");
+  WriteAll(link.get(), Handshake());
+  const std::string expected = Frame("3") + Handshake();
   if (ReadExactly(link.get(), expected.size()) != expected) throw std::runtime_error("not let in");
   return link;
 }

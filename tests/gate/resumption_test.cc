@@ -41,9 +41,9 @@ class ResumptionTest : public testing::Test {
   // The master's end of an admitted link.
   Descriptor Admitted(int port, const std::string& user = "alice") {
     Descriptor link = ConnectToLoopback(port);
-    WriteAll(link.get(), RunRequestOf(user));
+    WriteAll(link.get(), Handshake(user));
     EXPECT_EQ(ReadExactly(link.get(), 5), Frame("3"));
-    EXPECT_EQ(ReadExactly(link.get(), RunRequestOf(user).size()), RunRequestOf(user));
+    EXPECT_EQ(ReadExactly(link.get(), Handshake(user).size()), Handshake(user));
     return link;
   }
 
