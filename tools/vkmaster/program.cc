@@ -168,7 +168,13 @@ class Program {
   }
 
   int ShowPlan() {
-    output_.Write(Preview(ReadPlan(options_.plan)));
+    const Plan plan = ReadPlan(options_.plan);
+    output_.Write(Preview(plan));
+    try {
+      CheckRoom(plan.directory, options_.overwrite);
+    } catch (const UsageError& error) {
+      return Report("run", error).status;
+    }
     return kOk;
   }
 

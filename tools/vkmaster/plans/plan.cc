@@ -84,6 +84,9 @@ void ReadAdvance(Section section, Plan& plan) {
   RefuseUnknownKeys(section);
   if (!until) section.place().Fail("[advance] has no until");
   plan.until = TargetOf(*until);
+  if (plan.until.kind == Target::Kind::kDays && plan.until.days < kSameTime) {
+    until->place().Fail("the plan would end where the run begins");
+  }
   if (step) plan.step = At(*step, [&] { return ParseStep(Text(*step)); });
 }
 
@@ -108,11 +111,15 @@ std::vector<Command> ReadCommands(const Value& value) {
   return commands;
 }
 
+bool IsIn(const std::string& word, const Words& words) {
+  return std::count(words.begin(), words.end(), word) > 0;
+}
+
 // Records are for looking on. Inflow tables at every stop would change what the next stop records.
 void RefuseInflowTables(const Value& value, const std::vector<Command>& commands) {
   for (const Command& command : commands) {
     const Words words = SplitWords(command.text);
-    if (words.front() != "ipr" || std::count(words.begin(), words.end(), "lift") > 0) continue;
+    if (words.front() != "ipr" || IsIn("lift", words)) continue;
     value.place().Fail(
         "ipr in [record] would open and cut back the wells at every stop, and lift limits of the "
         "model: give it to an [[event]], or say lift");
@@ -144,13 +151,29 @@ PlanEvent ReadEvent(Section section, const Target& until) {
 }
 
 // Days and dates cannot be compared before the run has said when it starts.
-void Sort(std::vector<PlanEvent>& events) {
-  for (const PlanEvent& event : events) {
-    if (event.at.kind != events[0].at.kind) return;
-  }
-  std::stable_sort(events.begin(), events.end(), [](const PlanEvent& a, const PlanEvent& b) {
-    return DaysBetween(a.at, b.at) > 0;
+bool AreOfOneKind(const std::vector<PlanEvent>& events) {
+  return std::all_of(events.begin(), events.end(), [&events](const PlanEvent& event) {
+    return event.at.kind == events[0].at.kind;
   });
+}
+
+// The limits of a model cannot be asked for. Where no earlier command of the plan sets any, an ipr
+// that does not say what becomes of them is sure to be refused. Whether limits have been set on the
+// right wells only the run can say.
+void RefuseBareInflowTables(const Plan& plan) {
+  bool limits = false;
+  for (const PlanEvent& event : plan.events) {
+    for (const Command& command : event.commands) {
+      const Words words = SplitWords(command.text);
+      limits |= IsIn(words.front(), {"constrain", "unconstrain"});
+      if (limits || words.front() != "ipr") continue;
+      if (IsIn("lift", words) || IsIn("keep", words) || IsIn("--keep", words)) continue;
+      throw UsageError(
+          fmt::format("{}: {}, {}: The tables would lift the rate limits of the model. Set or take "
+                      "off limits before, or say lift or keep",
+                      plan.file, FormatTarget(event.at), command.text));
+    }
+  }
 }
 
 Plan ReadTop(Section top, const std::string& file) {
@@ -174,7 +197,11 @@ Plan ReadTop(Section top, const std::string& file) {
   for (const Value& event : events->List("events are written as [[event]]")) {
     plan.events.push_back(ReadEvent(event.Table(kTable), plan.until));
   }
-  Sort(plan.events);
+  if (!AreOfOneKind(plan.events)) return plan;
+  std::stable_sort(
+      plan.events.begin(), plan.events.end(),
+      [](const PlanEvent& a, const PlanEvent& b) { return DaysBetween(a.at, b.at) > 0; });
+  RefuseBareInflowTables(plan);
   return plan;
 }
 

@@ -1,6 +1,9 @@
 #include "tools/vkmaster/plans/run_file.h"
 
+#include <errno.h>
+
 #include <chrono>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -83,6 +86,21 @@ std::string Dump(const Json& json) {
   return json.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
 }
 
+// A directory that there is not yet can be made when what is to hold it takes a file.
+void CheckWritable(const std::string& directory) {
+  fs::path place = PathOf(directory);
+  std::error_code error;
+  while (place.has_relative_path() && !fs::exists(place, error)) place = place.parent_path();
+  const std::string tried = (place / ".vkmaster.new").string();
+  std::FILE* const file = OpenToWrite(tried);
+  if (file == nullptr) {
+    throw UsageError(fmt::format("The results cannot be written to '{}': {}", directory,
+                                 std::generic_category().message(errno)));
+  }
+  std::fclose(file);
+  fs::remove(PathOf(tried), error);
+}
+
 }  // namespace
 
 struct RunFile::Content {
@@ -148,6 +166,7 @@ void RunFile::End(const std::string& how, double day, const std::set<std::string
 }
 
 void CheckRoom(const std::string& directory, bool overwrite) {
+  CheckWritable(directory);
   if (overwrite || ResultsIn(directory).empty()) return;
   throw UsageError(fmt::format(
       "'{}' has the results of an earlier run. Give the plan another directory, or --overwrite, "

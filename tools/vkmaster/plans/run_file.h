@@ -31,8 +31,9 @@ class RunFile {
   std::unique_ptr<Content> content_;
 };
 
-/// Throws UsageError when the plan's directory has results already, unless `overwrite` allows to
-/// replace them: those of two runs would be mixed, or the earlier ones lost.
+/// Throws UsageError when no results could be written to the plan's directory, or when it has
+/// results already, unless `overwrite` allows to replace them: those of two runs would be mixed, or
+/// the earlier ones lost. Changes nothing.
 void CheckRoom(const std::string& directory, bool overwrite);
 
 }  // namespace vkmaster
