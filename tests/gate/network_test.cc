@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
@@ -12,6 +13,7 @@
 #include <iostream>
 #include <memory>
 #include <random>
+#include <span>
 #include <string>
 #include <thread>
 #include <vector>
@@ -136,38 +138,45 @@ TEST(GateNetworkTest, RunOfManyWellsCutAtRandomMomentsIsTheUncutRun) {
 }
 
 // A master that asks for each record when it has the one before: over 10 ms there and back it takes
-// half as long again as beside the daemon, and two round trips.
+// half as long again as beside the daemon, and two round trips; a round trip each without reading
+// ahead.
 TEST(GateNetworkTest, RecordsOfManyWellsOverALongLinkCostTwoRoundTrips) {
   constexpr int wells = 5000;
   constexpr milliseconds kOneWay{5};
-  const std::vector<std::string> names = NamesOf(wells);
+  constexpr int few = 50;
   Site site;
   Door door(site.daemon().port());
-  const auto fetch = [&](const char* name, int port) {
+  const auto fetch = [&](const char* name, int count, int port) {
+    const std::vector<std::string> names = NamesOf(count);
     const auto run = site.Start(name, DeckOf(wells), "20172", port);
     run->AskOneByOne();
     run->RunUntil(1);
     run->GetWellData(names);  // The simulator takes its time for the first.
     milliseconds best{10'000};
-    std::string said;
+    std::vector<master::WellData> said;
     for (int i = 0; i < 3; ++i) {
       const auto begun = std::chrono::steady_clock::now();
-      said = Said(run->GetWellData(names));
+      said = run->GetWellData(names);
       best = std::min(
           best, std::chrono::duration_cast<milliseconds>(std::chrono::steady_clock::now() - begun));
     }
     run->Shutdown();
     return std::pair(said, best);
   };
-  const auto [said, local] = fetch("LOCAL", 0);
+  const auto [said, local] = fetch("LOCAL", wells, 0);
   const DelayingRelay relay(door.serving().port(), kOneWay);
   const auto gate = door.Connect(door.alice(), {}, relay.port());
-  const auto [heard, far] = fetch("FAR", gate->port());
+  const auto [heard, far] = fetch("FAR", wells, gate->port());
   EXPECT_TRUE(heard == said);
   std::cout << wells << " wells: " << local.count() << " ms beside the daemon, " << far.count()
             << " ms over the link\n";
   // Other programs run on this machine, too; without reading ahead it would be seconds.
   EXPECT_LT(far, local * 3 / 2 + 4 * kOneWay + milliseconds(250));
+  const DelayingRelay other(door.serving().port(), kOneWay);
+  const auto plain = door.Connect(door.alice(), {"--no-ahead"}, other.port());
+  const auto [asked, one_by_one] = fetch("ASKED", few, plain->port());
+  EXPECT_TRUE(std::ranges::equal(asked, std::span(said).first(few)));
+  EXPECT_GT(one_by_one, few * 2 * kOneWay);
 }
 
 TEST(GateNetworkTest, MemoryAndDescriptorsAreFlatOverResumptions) {

@@ -25,7 +25,6 @@
 #include "tests/gate/echo_daemon.h"
 #include "tests/gate/raw_gate.h"
 #include "tests/support/bytes.h"
-#include "tests/support/delaying_relay.h"
 #include "tests/support/ports.h"
 #include "tests/support/sanitized.h"
 #include "tests/system/site.h"
@@ -456,43 +455,6 @@ TEST(RunThroughTheDoorTest, RunThatIsCutAgainAndAgainIsTheUncutRun) {
   EXPECT_GE(relay.count(), 8);
   EXPECT_TRUE(site.IsQuiet("CUT"));
   EXPECT_EQ(gate->Await("ended")["how"], "both ends have finished");
-}
-
-TEST(LongLinkTest, RecordsOfManyWellsTakeNoRoundTripEach) {
-  constexpr int kWells = 400;
-  constexpr milliseconds kOneWay{5};
-  std::string deck = kDeck;
-  std::vector<std::string> wells;
-  for (int i = 0; i < kWells; ++i) {
-    wells.push_back("X" + std::to_string(i));
-    deck += "[[well]]\nname = \"" + wells.back() +
-            "\"\ntype = \"PRODUCER\"\nproductivity_index = 0.01\ndepth = 1300\n"
-            "tubing_diameter = 88.9\n[well.constraints]\nBOTTOM_HOLE_PRESSURE = 120\n";
-  }
-  Site site;
-  Door door(site.daemon().port());
-  const auto fetch = [&](master::Run& run) {
-    run.AskOneByOne();
-    run.RunUntil(1);
-    const auto begun = std::chrono::steady_clock::now();
-    const auto data = run.GetWellData(wells);
-    const auto took = std::chrono::steady_clock::now() - begun;
-    run.Shutdown();
-    return std::pair(data, std::chrono::duration_cast<milliseconds>(took));
-  };
-  const auto [local, at_once] = fetch(*site.Start("LOCAL", deck));
-  const DelayingRelay relay(door.serving().port(), kOneWay);
-  const auto gate = door.Connect(door.alice(), {}, relay.port());
-  const auto [far, ahead] = fetch(*site.Start("AHEAD", deck, "20172", gate->port()));
-  EXPECT_EQ(far, local);
-  EXPECT_LT(ahead, 4 * kOneWay + at_once * 3 / 2 + milliseconds(500));  // other programs run, too
-  const DelayingRelay other(door.serving().port(), kOneWay);
-  const auto slow = door.Connect(door.alice(), {"--no-ahead"}, other.port());
-  const auto [farther, one_by_one] = fetch(*site.Start("SLOW", deck, "20172", slow->port()));
-  EXPECT_EQ(farther, local);
-  EXPECT_GT(one_by_one, kWells * 2 * kOneWay);
-  std::cout << "local " << at_once.count() << " ms, ahead " << ahead.count() << " ms, one by one "
-            << one_by_one.count() << " ms\n";
 }
 
 }  // namespace
