@@ -15,8 +15,6 @@ namespace {
 using boost::system::error_code;
 using Result = TlsSocket::Result;
 
-constexpr std::chrono::milliseconds kNoDescriptors{200};
-
 double Random() {
   static std::mt19937_64 engine{std::random_device{}()};
   return std::uniform_real_distribution<double>(0, 1)(engine);
@@ -65,25 +63,20 @@ ConnectingGate::ConnectingGate(boost::asio::io_context& context, Options options
       journal_(journal),
       tls_(TlsContext::Load(options_.tls, TlsContext::Role::kConnect)),
       loaded_(TimesOfFiles()),
-      acceptor_(context),
-      pause_(context) {
-  error_code error;
-  const auto found =
-      Tcp::resolver(context).resolve(options_.listen.host, options_.listen.port, error);
-  if (error) throw std::runtime_error(options_.listen.host + ": " + error.message());
-  const Tcp::endpoint place = found.begin()->endpoint();
+      listener_(context) {
+  const Tcp::endpoint place = Resolve(context, options_.listen);
   if (!place.address().is_loopback()) {
     throw std::runtime_error(options_.listen.host +
                              ": masters are taken on a loopback address alone");
   }
-  Listen(acceptor_, place);
-  Accept();
+  listener_.Listen(
+      place, [this](Tcp::socket master) { Begin(std::move(master)); }, [] {});
 }
 
 ConnectingGate::~ConnectingGate() = default;
 
 std::uint16_t ConnectingGate::port() const {
-  return acceptor_.local_endpoint().port();
+  return listener_.port();
 }
 
 std::vector<std::filesystem::file_time_type> ConnectingGate::TimesOfFiles() const {
@@ -115,9 +108,7 @@ void ConnectingGate::LookForNewFiles() {
 }
 
 void ConnectingGate::ListenNoMore() {
-  error_code ignored;
-  acceptor_.close(ignored);
-  pause_.cancel(ignored);
+  listener_.Close();
 }
 
 void ConnectingGate::Stop() {
@@ -128,21 +119,6 @@ void ConnectingGate::Stop() {
     session->why = "The gate has been ended";
     session->end->End(Reason::kEnded);
   }
-}
-
-void ConnectingGate::Accept() {
-  acceptor_.async_accept([this](error_code error, Tcp::socket socket) {
-    if (!acceptor_.is_open()) return;
-    if (!error) {
-      Begin(std::move(socket));
-      return Accept();
-    }
-    if (error == boost::asio::error::connection_aborted) return Accept();
-    pause_.expires_after(kNoDescriptors);
-    pause_.async_wait([this](error_code cancelled) {
-      if (!cancelled) Accept();
-    });
-  });
 }
 
 std::string ConnectingGate::WhyNotTaken(const Tcp::socket& master) const {

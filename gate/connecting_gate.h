@@ -60,7 +60,6 @@ class ConnectingGate {
   struct Session;
   using Sessions = std::list<std::shared_ptr<Session>>;
 
-  void Accept();
   void Begin(Tcp::socket master);
   std::string WhyNotTaken(const Tcp::socket& master) const;
   void Connect(const std::shared_ptr<Session>& session);
@@ -78,8 +77,7 @@ class ConnectingGate {
   Journal& journal_;
   std::shared_ptr<const TlsContext> tls_;
   std::vector<std::filesystem::file_time_type> loaded_;
-  Tcp::acceptor acceptor_;
-  boost::asio::steady_timer pause_;
+  Listener listener_;
   Sessions sessions_;
   FewClosings closings_{64};  // of masters that were not taken
   std::uint64_t last_number_ = 0;

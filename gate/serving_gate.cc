@@ -21,7 +21,6 @@ using boost::system::error_code;
 using Result = TlsSocket::Result;
 
 constexpr std::chrono::seconds kTick{1};
-constexpr std::chrono::milliseconds kNoDescriptors{200};
 constexpr Time kStatusAge = std::chrono::seconds(2);
 constexpr Time kLastWords = std::chrono::seconds(10);
 constexpr int kRefusalsASecond = 20;
@@ -54,13 +53,6 @@ Json TextsOf(const CertificateNames& names) {
   Json texts = Json::array();
   for (const CertificateName& name : names.names) texts.push_back(Text(name));
   return texts;
-}
-
-Tcp::endpoint Resolve(boost::asio::io_context& context, const HostAndPort& place) {
-  error_code error;
-  const auto found = Tcp::resolver(context).resolve(place.host, place.port, error);
-  if (error) throw std::runtime_error(place.host + ":" + place.port + ": " + error.message());
-  return found.begin()->endpoint();
 }
 
 }  // namespace
@@ -113,24 +105,23 @@ ServingGate::ServingGate(boost::asio::io_context& context, Options options, Jour
     : context_(context),
       options_(std::move(options)),
       journal_(journal),
-      acceptor_(context),
+      listener_(context),
       daemon_(Resolve(context, options_.daemon)),
       ticker_(context),
-      pause_(context),
       table_(options_.table, RandomId),
       closings_(options_.most_arriving),
       started_(WallTime()) {
   Load();
-  const Tcp::endpoint place = Resolve(context, options_.listen);
-  Listen(acceptor_, place);
-  Accept();
+  listener_.Listen(
+      Resolve(context, options_.listen), [this](Tcp::socket socket) { Arrive(std::move(socket)); },
+      [this] { Count("accepts_failed"); });
   Tick();
 }
 
 ServingGate::~ServingGate() = default;
 
 std::uint16_t ServingGate::port() const {
-  return acceptor_.local_endpoint().port();
+  return listener_.port();
 }
 
 void ServingGate::Load() {
@@ -193,10 +184,9 @@ std::string ServingGate::WhyNotGood(const Link& link) const {
 
 void ServingGate::Stop() {
   if (std::exchange(stopping_, true)) return;
+  listener_.Close();
   error_code ignored;
-  acceptor_.close(ignored);
   ticker_.cancel(ignored);
-  pause_.cancel(ignored);
   while (!arrivals_.empty()) Drop(arrivals_.front(), "The gate ends");
   std::vector<std::shared_ptr<LinkEnd>> ends;
   for (const auto& [id, link] : links_) ends.push_back(link->end);
@@ -206,23 +196,6 @@ void ServingGate::Stop() {
 
 void ServingGate::Count(const char* what) {
   ++counts_[what];
-}
-
-void ServingGate::Accept() {
-  acceptor_.async_accept([this](error_code error, Tcp::socket socket) {
-    if (stopping_) return;
-    if (!error) {
-      Arrive(std::move(socket));
-      return Accept();
-    }
-    if (error == boost::asio::error::connection_aborted) return Accept();
-    // No descriptor is left, most likely. What waits in the queue of the port waits on.
-    Count("accepts_failed");
-    pause_.expires_after(kNoDescriptors);
-    pause_.async_wait([this](error_code cancelled) {
-      if (!cancelled) Accept();
-    });
-  });
 }
 
 void ServingGate::Arrive(Tcp::socket socket) {

@@ -66,7 +66,6 @@ class ServingGate {
   struct Arrival;
   using Arrivals = std::list<std::shared_ptr<Arrival>>;
 
-  void Accept();
   void Arrive(Tcp::socket socket);
   void Shake(const std::shared_ptr<Arrival>& arrival);
   void ReadOpening(const std::shared_ptr<Arrival>& arrival);
@@ -101,10 +100,9 @@ class ServingGate {
   Journal& journal_;
   std::shared_ptr<const TlsContext> tls_;
   UserMap users_;
-  Tcp::acceptor acceptor_;
+  Listener listener_;
   Tcp::endpoint daemon_;
   boost::asio::steady_timer ticker_;
-  boost::asio::steady_timer pause_;
   Arrivals arrivals_;
   LinkTable table_;
   FewClosings closings_;  // of arrivals that were refused

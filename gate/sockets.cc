@@ -18,6 +18,7 @@ namespace {
 using boost::system::error_code;
 
 constexpr std::chrono::seconds kLastWords{5};
+constexpr std::chrono::milliseconds kNoDescriptors{200};
 constexpr std::size_t kMostDropped = std::size_t{16} << 20;
 
 }  // namespace
@@ -71,16 +72,6 @@ class Closing : public std::enable_shared_from_this<Closing> {
   boost::asio::steady_timer timer_;
   std::size_t dropped_ = 0;
 };
-
-void Listen(Tcp::acceptor& acceptor, const Tcp::endpoint& place) {
-  acceptor.open(place.protocol());
-#ifndef _WIN32
-  acceptor.set_option(Tcp::acceptor::reuse_address(true));
-#endif
-  acceptor.bind(place);
-  acceptor.listen();
-  acceptor.non_blocking(true);
-}
 
 void Prepare(Tcp::socket& socket) {
   error_code ignored;
@@ -152,6 +143,46 @@ HostAndPort ReadHostAndPort(const std::string& text) {
     throw std::invalid_argument("'" + text + "' is no HOST:PORT");
   }
   return read;
+}
+
+Tcp::endpoint Resolve(boost::asio::io_context& context, const HostAndPort& place) {
+  error_code error;
+  const auto found = Tcp::resolver(context).resolve(place.host, place.port, error);
+  if (error) throw std::runtime_error(place.host + ":" + place.port + ": " + error.message());
+  return found.begin()->endpoint();
+}
+
+void Listener::Listen(const Tcp::endpoint& place, Take take, std::function<void()> failed) {
+  take_ = std::move(take);
+  failed_ = std::move(failed);
+  acceptor_.open(place.protocol());
+#ifndef _WIN32
+  acceptor_.set_option(Tcp::acceptor::reuse_address(true));
+#endif
+  acceptor_.bind(place);
+  acceptor_.listen();
+  acceptor_.non_blocking(true);
+  Accept();
+}
+
+void Listener::Accept() {
+  acceptor_.async_accept([this](error_code error, Tcp::socket socket) {
+    if (!acceptor_.is_open()) return;
+    if (!error) take_(std::move(socket));
+    if (!error || error == boost::asio::error::connection_aborted) return Accept();
+    // What waits in the queue of the port waits on.
+    failed_();
+    pause_.expires_after(kNoDescriptors);
+    pause_.async_wait([this](error_code cancelled) {
+      if (!cancelled) Accept();
+    });
+  });
+}
+
+void Listener::Close() {
+  error_code ignored;
+  acceptor_.close(ignored);
+  pause_.cancel(ignored);
 }
 
 }  // namespace gate

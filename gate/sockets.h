@@ -1,11 +1,14 @@
 #pragma once
 
+#include <cstdint>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <string>
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/steady_timer.hpp>
 
 #include "gate/tls_socket.h"
 
@@ -20,10 +23,6 @@ struct Wire {
   Tcp::socket socket;
   std::unique_ptr<TlsSocket> tls;
 };
-
-/// Listens at `place`, also where connections of an earlier gate still wait for their end. Throws
-/// boost::system::system_error.
-void Listen(Tcp::acceptor& acceptor, const Tcp::endpoint& place);
 
 /// Prepares a connection that was just made: no call on it waits, and small pieces leave at once. A
 /// piece of a conversation that waits for the acknowledgement of the piece before it costs 40 ms.
@@ -73,5 +72,31 @@ struct HostAndPort {
 
 /// Throws std::invalid_argument with a sentence.
 HostAndPort ReadHostAndPort(const std::string& text);
+
+/// The first address of that name. Throws std::runtime_error with a sentence.
+Tcp::endpoint Resolve(boost::asio::io_context& context, const HostAndPort& place);
+
+/// Takes connections, one after the other.
+class Listener {
+ public:
+  using Take = std::function<void(Tcp::socket)>;
+
+  explicit Listener(boost::asio::io_context& context) : acceptor_(context), pause_(context) {}
+
+  /// Listens at `place`, also where connections of an earlier gate still wait for their end.
+  /// `failed`: none could be taken, as when no descriptor is left; a moment later that is tried
+  /// again. Throws boost::system::system_error.
+  void Listen(const Tcp::endpoint& place, Take take, std::function<void()> failed);
+  void Close();
+  std::uint16_t port() const { return acceptor_.local_endpoint().port(); }
+
+ private:
+  void Accept();
+
+  Tcp::acceptor acceptor_;
+  boost::asio::steady_timer pause_;
+  Take take_;
+  std::function<void()> failed_;
+};
 
 }  // namespace gate
