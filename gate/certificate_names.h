@@ -1,8 +1,3 @@
-// This folder is the door between a master and a daemon that can neither of them be changed: TLS
-// with certificates at both ends, the rule which Windows user a certificate may claim, and a link
-// between the two gates that may break and go on. What is judged (names, claims, the stream, its
-// table) knows no sockets and no clock, so that it is tried and fuzzed by itself; `serving_gate`
-// and `connecting_gate` join it to the sockets in one thread.
 #pragma once
 
 #include <openssl/types.h>

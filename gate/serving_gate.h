@@ -1,3 +1,9 @@
+// This folder is the door between masters and a daemon that can neither of them be changed: TLS
+// with certificates at both ends, the rule which Windows user a certificate may claim, and a link
+// between the two gates that may break and go on. What is judged (names, claims, users, the stream
+// with its reading ahead, the table of links) holds bytes and decides: it knows no sockets, no TLS
+// and no clock, so that every cut and every order of events can be tried and fuzzed in memory.
+// serving_gate and connecting_gate join it to the sockets in one thread.
 #pragma once
 
 #include <chrono>

@@ -1,7 +1,3 @@
-// The gate folder is the door between masters and the daemon: two programs' ends with a link
-// between them that may break. This part of it is pure: it holds bytes and decides, and knows
-// neither sockets nor TLS nor a clock, so that every cut and every order of events can be tried in
-// memory.
 #pragma once
 
 #include <cstddef>
