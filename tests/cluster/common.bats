@@ -76,13 +76,15 @@ SETTINGS
 
 @test "HostIsFoundWhereOnlyTheLoopbackInterfaceIsUp" {
   unshare --net true 2>/dev/null || skip "no private network on this machine"
-  behave hosts localhost
-  # The whole site in one network: the job is started by the first command.
+  # The whole site in one network: the stand-in starts the job.
   # shellcheck disable=SC2016
   JOBMILL_SIMULATOR="$programs/vksim" JOBMILL_POLL_SECONDS=1 JOBMILL_GRACE_SECONDS=1 \
-    unshare --net bash -c 'ip link set lo up; timeout 10 "$@"' bash \
+    fake="$fake" ask="$ask" site="$work/site" unshare --net bash -c '
+      ip link set lo up
+      "$fake" "$site" slurm "$ask" && source "$site/env" && "$ask" "$site" set hosts localhost
+      timeout 10 "$@"
+      "$ask" "$site" down' bash \
     "$root_directory/deploy/scripts/$script" 1 "$work/data" TENWELLS "$comms" 0 >"$work/out" 2>&1 </dev/null 3>&- 4>&- || true
-  behave hosts ''
   printed '^HOST=localhost$'
 }
 
@@ -287,13 +289,13 @@ script_has_ended() { no_children "$launched" || grep -q '^State:.Z' "/proc/$(chi
   no_leftovers
 }
 
-three_queries_since() { (($("$fake" count "$site_directory") >= $1 + 3)); }
+three_queries_since() { (($(called) >= $1 + 3)); }
 
 @test "ControllerIsLeftAloneWhenTheSchedulerHasOnlyLostSightOfItsJob" {
   connect lives
   local before
   for _ in 1 2; do
-    before=$("$fake" count "$site_directory")
+    before=$(called)
     # Enough for an end to be believed in; then the job is seen again.
     behave late 2
     eventually 10 three_queries_since "$before"

@@ -27,10 +27,7 @@ setup() {
 teardown() {
   [[ -z ${work:-} ]] || {
     [[ -n $BATS_TEST_COMPLETED ]] || cat "$work/out" "$work"/data/*.out 2>/dev/null || true
-    local key
-    for key in delay fail hang down stillborn held lost requeue busy forget late; do behave "$key" 0; done
-    behave hosts ''
-    behave address ''
+    behave_again
     tidy_up
   }
 }
@@ -139,7 +136,7 @@ fails() {
   local before
   # Never two times in a row: when the third query has begun, the second has had its answer.
   for _ in 1 2; do
-    before=$("$fake" count "$site_directory")
+    before=$(called)
     behave late 1
     eventually 10 three_queries_since "$before"
   done
@@ -148,9 +145,7 @@ fails() {
   [[ $(jobs | wc -l) == 1 ]]
 }
 
-three_queries_since() { (($("$fake" count "$site_directory") >= $1 + 3)); }
-
-submissions() { grep -o '"number"' "$site_directory/jobs" | wc -l; }
+three_queries_since() { (($(called) >= $1 + 3)); }
 
 @test "SubmissionWithoutAnAnswerThatIsNotKnownYetIsNotRepeated" {
   behave lost 1
@@ -211,10 +206,10 @@ submissions() { grep -o '"number"' "$site_directory/jobs" | wc -l; }
   start_script
   submitted
   local before since=$SECONDS
-  before=$("$fake" count "$site_directory")
+  before=$(called)
   sleep 4
   # Waking up may take longer where others compute.
-  (($("$fake" count "$site_directory") - before <= SECONDS - since + 1))
+  (($(called) - before <= SECONDS - since + 1))
 }
 
 @test "FirstNodeOfEveryHostListIsTaken" {

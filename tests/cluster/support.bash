@@ -22,6 +22,7 @@ queues=true
 # Debian's installer gives it 127.0.1.1.
 address=$(getent ahostsv4 "$(uname -n)" | sed -n '1s/ .*//p')
 fake=$cluster_tests/fakes/scheduler
+ask=$programs/ask_scheduler
 settings() { :; }
 # shellcheck source=tests/support/eventually.bash
 source "$root_directory/tests/support/eventually.bash"
@@ -109,9 +110,6 @@ tidy_up() {
   start_scheduler 2>/dev/null || true
   for pid in $(jobs 2>/dev/null); do cancel "$pid" >/dev/null 2>&1 || true; done
   for pid in $(processes_with "$work/"); do
-    # A process of the stand-in that notes the end of a job, and has the job's path among its arguments.
-    # Without it the job would never end for the cases that follow.
-    ! grep -qsaF /fakes/scheduler "/proc/$pid/cmdline" || continue
     [[ $pid == "$$" || $pid == "$BASHPID" ]] || kill -KILL "$pid" 2>/dev/null || true
   done
   eventually 10 no_jobs || true

@@ -1,10 +1,13 @@
 # shellcheck shell=bash disable=SC2034,SC2154,SC2086  # variables are shared with the cases
 # A stand-in for the scheduler of $dialect.
 site_available() { command -v python3 >/dev/null || { echo "not installed: python3"; return 77; }; }
-site_up() { "$fake" up "$site_directory" "$dialect"; }
-site_down() { "$fake" down "$site_directory"; }
-behave() { "$fake" set "$site_directory" "$1" "$2"; }
-jobs() { "$fake" jobs "$site_directory"; }
+site_up() { "$fake" "$site_directory" "$dialect" "$ask"; }
+site_down() { "$ask" "$site_directory" down; }
+behave() { "$ask" "$site_directory" set "$1" "$2"; }
+behave_again() { "$ask" "$site_directory" reset; }
+called() { "$ask" "$site_directory" count; }
+submissions() { "$ask" "$site_directory" submissions; }
+jobs() { "$ask" "$site_directory" jobs; }
 occupy() { behave busy 4; }
 release() { behave busy 0; }
 stop_scheduler() { behave down 1; }
