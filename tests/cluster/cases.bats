@@ -239,7 +239,7 @@ SIMULATOR
 
 @test "TakenCommsPortIsExplained" {
   start_daemon
-  python3 -c '
+  /usr/bin/python3 -c '
 import socket, sys, time
 taken = []
 for offset in range(10):

@@ -35,21 +35,16 @@ listens() {
   grep -qsE "^ *[0-9]+: [0-9A-F]+:$port [0-9A-F]+:0000 0A " /proc/net/tcp /proc/net/tcp6
 }
 
-# Whether anything at all has to do with port $1 of this machine: for a minute after its last
-# connection nobody can listen on a port.
-in_use() {
-  local port
-  printf -v port '%04X' "$1"
-  grep -qsE "^ *[0-9]+: [0-9A-F]+:$port " /proc/net/tcp /proc/net/tcp6
-}
-
-# The first of 20 ports that nobody uses. Other sites look for theirs at the same time.
+# The first of 20 ports with which nothing on this machine has to do: for a minute after its last
+# connection nobody can listen on a port. Other sites look for theirs at the same time.
 free_ports() {
-  local first offset
+  local first offset port used
+  used=" $(awk 'FNR > 1 { sub(/.*:/, "", $2); printf "%s ", $2 }' /proc/net/tcp /proc/net/tcp6 2>/dev/null || true)"
   while true; do
     first=$((${first_port:-10000} + SRANDOM % 680))
     for ((offset = 0; offset < 20; ++offset)); do
-      if in_use $((first + offset)); then continue 2; fi
+      printf -v port %04X $((first + offset))
+      if [[ $used == *" $port "* ]]; then continue 2; fi
     done
     echo "$first"
     return
@@ -82,6 +77,9 @@ one_more_job() { (($(jobs | wc -l) > $1)); }
 
 # What a case gets: a directory with data, and the settings that make it quick.
 prepare() {
+  # Bats traces every line, which takes as long as the line.
+  local -
+  set +T
   work=$(mktemp -d "${TMPDIR:-/tmp}/jobmill-case.XXXXXX")
   mkdir "$work/data" "$work/bin"
   export TMPDIR=$work
@@ -103,7 +101,8 @@ is_child() {
 }
 
 tidy_up() {
-  local pid
+  local - pid
+  set +T
   ! is_child "$launched" || kill "$launched"
   ! is_child "$daemon" || kill -TERM -- "-$daemon"
   release 2>/dev/null || true
