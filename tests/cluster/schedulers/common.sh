@@ -25,10 +25,10 @@ make_directories() {
 
 # packages_or_77 PACKAGE...: returns 77, with a line that names them, when some are not installed.
 packages_or_77() {
-  local package state missing=()
+  local package states missing=()
+  states=$(dpkg-query -W -f='${Package} ${db:Status-Status}\n' "$@" 2>/dev/null)
   for package in "$@"; do
-    state=$(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null || true)
-    [[ $state == installed ]] || missing+=("$package")
+    [[ $'\n'$states$'\n' == *$'\n'"$package installed"$'\n'* ]] || missing+=("$package")
   done
   ((${#missing[@]} == 0)) && return
   echo "not installed: ${missing[*]}"
