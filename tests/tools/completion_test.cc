@@ -139,6 +139,9 @@ TEST(VkmasterCompletion, CommandsAreThoseOfThePrompt) {
   EXPECT_EQ(VkmasterFor({"constrain", "P1", "bh"}), "bhp=\t\n");
   EXPECT_THAT(VkmasterFor({""}), HasSubstr("\nrun\tcarry out a plan\n"));
   EXPECT_EQ(VkmasterFor({"run", ""}), ":files\n");
+  EXPECT_EQ(VkmasterFor({"run", "--che"}), "--check\tsay what the plan does, without a daemon\n");
+  EXPECT_THAT(VkmasterFor({"run", "plan.toml", "--over"}), HasSubstr("--overwrite\t"));
+  EXPECT_EQ(VkmasterFor({"run", "--api", ""}), "2016.2\t\n2017.2\t\n");
   EXPECT_THAT(VkmasterFor({"time", "then", "r"}), Not(HasSubstr("run")));
 }
 

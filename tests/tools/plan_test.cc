@@ -209,8 +209,7 @@ commands = ["open P1"]
                         "[advance]\nuntil = 30\n[[event]]\nat = 2020-01-05\ncommands = []\n"),
        "--check"});
   EXPECT_THAT(mixed.out, HasSubstr("\"notes\":[\"The plan has days and dates"));
-  EXPECT_THAT(RunVkmaster({"run", "--check"}).err,
-              HasSubstr("Which plan? run [--check] [--report FILE] PLAN"));
+  EXPECT_THAT(RunVkmaster({"run", "--check"}).err, HasSubstr("Which plan? run [OPTIONS] PLAN"));
 }
 
 // What --check refuses, and a run before its launch: nobody listens on its port.
@@ -756,6 +755,48 @@ TEST_F(PlanRunTest, CommandLineWinsOverThePlansLaunch) {
             0);
   EXPECT_EQ(daemon_.Frames()[3], Hex("CASE"));
   EXPECT_EQ(daemon_.Frames()[4], Hex("4"));
+}
+
+TEST_F(PlanRunTest, OptionsMayStandBehindThePlan) {
+  std::filesystem::create_directory(directory_.File("results"));
+  directory_.Write("results/run.json", "{}\n");
+  const std::string plan =
+      directory_.Write("plan.toml", "[launch]\nport = 1\n[advance]\nuntil = 1\n");
+  std::vector<std::string> arguments = LaunchArguments(daemon_.port(), {"--overwrite", "--json"});
+  arguments.insert(arguments.begin(), {"run", plan});
+  const Outcome outcome = RunVkmaster(arguments);
+  EXPECT_EQ(outcome.status, 0) << outcome.err;
+  EXPECT_THAT(outcome.out, testing::StartsWith("{\"command\":\"steps\","));
+  EXPECT_EQ(daemon_.Frames()[3], Hex("CASE"));
+}
+
+TEST_F(PlanTest, CommandLineWinsOverTheEnvironmentAlsoBehindThePlan) {
+  setenv("VKMASTER_HOST", "no host", 1);
+  const std::string plan = directory_.Write("plan.toml", "[advance]\nuntil = 1\n");
+  const std::string port = std::to_string(FreePort());
+  const Outcome outcome = RunVkmaster(
+      {"--host", "127.0.0.1", "run", plan, "--port", port, "--path", "/data/", "--root", "CASE"});
+  unsetenv("VKMASTER_HOST");
+  EXPECT_THAT(outcome.err, HasSubstr("Cannot connect to 127.0.0.1 port " + port));
+}
+
+TEST_F(PlanTest, WordsAroundAPlanThatAreNoOptionsAreNamed) {
+  const std::string plan = directory_.Write("plan.toml", "[advance]\nuntil = 1\n");
+  const auto complaint = [](const std::vector<std::string>& arguments) {
+    const Outcome outcome = RunVkmaster(arguments);
+    EXPECT_EQ(outcome.status, 2);
+    return outcome.err;
+  };
+  EXPECT_EQ(complaint({"run", plan, "--overwite"}),
+            "vkmaster: run: '--overwite' is not understood here: run [OPTIONS] PLAN\n");
+  EXPECT_EQ(complaint({"--check", "run", plan, plan}),
+            "vkmaster: run: '--check' is not understood here: run [OPTIONS] PLAN\n");
+  EXPECT_THAT(complaint({"run", plan, "then", "data"}), HasSubstr("'then' is not understood here"));
+  EXPECT_THAT(complaint({"run", "--check"}), HasSubstr("run: Which plan? run [OPTIONS] PLAN"));
+  const Outcome help = RunVkmaster({"run", "--help"});
+  EXPECT_EQ(help.status, 0);
+  EXPECT_THAT(help.out, HasSubstr("--check   "));
+  EXPECT_THAT(help.out, HasSubstr("All options of vkmaster --help may stand here, too."));
 }
 
 TEST_F(PlanRunTest, ConfigFromAPipeWinsOverThePlansLaunchToo) {

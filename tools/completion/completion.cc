@@ -57,10 +57,21 @@ Answer ValuesOf(const CLI::Option& option, const std::string& begin,
   return answer;
 }
 
+// The app whose options may stand behind the subcommand `app`, too; null for none.
+const CLI::App* FallthroughOf(const CLI::App& app) {
+  return app.get_fallthrough() ? app.get_parent() : nullptr;
+}
+
+const CLI::Option* OptionOf(const CLI::App& app, const std::string& name) {
+  const CLI::Option* option = app.get_option_no_throw(name);
+  const CLI::App* parent = FallthroughOf(app);
+  return option == nullptr && parent != nullptr ? OptionOf(*parent, name) : option;
+}
+
 Answer OptionsThatBegin(const CLI::App& app, const std::string& begin) {
   const std::size_t equals = begin.find('=');
   if (equals != std::string::npos) {
-    const CLI::Option* option = app.get_option_no_throw(begin.substr(0, equals));
+    const CLI::Option* option = OptionOf(app, begin.substr(0, equals));
     if (option == nullptr) return {};
     return ValuesOf(*option, begin.substr(equals + 1), begin.substr(0, equals + 1));
   }
@@ -73,6 +84,11 @@ Answer OptionsThatBegin(const CLI::App& app, const std::string& begin) {
     for (const std::string& name : option->get_snames()) {
       Add(answer, begin, "-" + name, option->get_description());
     }
+  }
+  if (const CLI::App* parent = FallthroughOf(app)) {
+    const Answer more = OptionsThatBegin(*parent, begin);
+    answer.candidates.insert(answer.candidates.end(), more.candidates.begin(),
+                             more.candidates.end());
   }
   return answer;
 }
@@ -109,7 +125,7 @@ Answer Complete(const CLI::App& app, const Words& words,
     } else if (*word == "--") {
       return {};
     } else if (word->starts_with('-')) {
-      option = command->get_option_no_throw(*word);
+      option = OptionOf(*command, *word);
       if (option != nullptr && option->get_items_expected_max() == 0) option = nullptr;
     } else if (const CLI::App* subcommand = SubcommandOf(*command, *word)) {
       command = subcommand;

@@ -32,7 +32,8 @@ const char* const kFooter =
     "Several commands are separated by then, or by a comma or semicolon of its own:\n"
     "  vkmaster ... status then until 365 step monthly then shutdown\n"
     "Without commands they are read from --file or standard input; at a terminal there is a\n"
-    "prompt with history and completion. Options come before the commands.\n"
+    "prompt with history and completion. Options come before the commands;\n"
+    "those of run PLAN may come anywhere.\n"
     "\n"
     "When the commands are through, or end with an error or a signal, the run is shut down, so\n"
     "that it keeps no licence; --leave leaves that out.\n"
@@ -51,6 +52,11 @@ class HelpFormatter : public CLI::Formatter {
  public:
   std::string make_usage(const CLI::App* /*app*/, std::string name) const override {
     return "Usage: " + name + " [OPTIONS] --port P --path DATA --root CASE [COMMAND ARGS...]\n";
+  }
+  // The footer has them.
+  std::string make_subcommands(const CLI::App* /*app*/,
+                               CLI::AppFormatMode /*mode*/) const override {
+    return "";
   }
   // The base class would fold the lines of the footer.
   std::string make_footer(const CLI::App* app) const override { return app->get_footer(); }
@@ -171,9 +177,6 @@ void AddOtherOptions(CLI::App& app, Options& options) {
 // The commands after the options are completed as at the prompt, but without the wells: there is
 // no run yet.
 completion::Answer CompleteCommands(const Words& words) {
-  if (words.size() >= 2 && words[0] == "run" && !words.back().starts_with("-")) {
-    return {{}, "files"};
-  }
   if (words.size() >= 2 && words[0] == "report") {
     return {{}, words.size() == 2 ? "directories" : "files"};
   }
@@ -198,6 +201,26 @@ completion::Answer CompleteCommands(const Words& words) {
   return answer;
 }
 
+// The one command of the program's own that CLI11 knows: all options may stand behind it, too.
+CLI::App* AddRun(CLI::App& app, Options& options) {
+  CLI::App* run = app.add_subcommand("run", "carry out a plan");
+  run->set_help_flag();
+  run->prefix_command(false);
+  run->fallthrough();
+  run->footer("All options of vkmaster --help may stand here, too.");
+  run->add_option("PLAN", options.plan, "dates, controls and what to record")->type_name("FILE");
+  run->add_flag("--check", options.check, "say what the plan does, without a daemon");
+  return run;
+}
+
+void CheckRunWords(const Options& options) {
+  const char* const usage = "run [OPTIONS] PLAN";
+  if (!options.words.empty()) {
+    throw UsageError(fmt::format("run: '{}' is not understood here: {}", options.words[0], usage));
+  }
+  if (options.plan.empty()) throw UsageError(fmt::format("run: Which plan? {}", usage));
+}
+
 // `given` receives the names of the options that the command line, the environment or the --config
 // file sets.
 std::optional<int> Parse(int argc, const char* const* argv, Options& options,
@@ -209,6 +232,7 @@ std::optional<int> Parse(int argc, const char* const* argv, Options& options,
   app.set_config("--config", "", "read options from a file of lines like port=5000")
       ->type_name("FILE");
   app.prefix_command();
+  const CLI::App* run = AddRun(app, options);
   app.formatter(std::make_shared<HelpFormatter>());
   app.footer(HelpText() + kPlanHelp + "\n" + kFooter);
   if (const auto words = completion::Asked(argc, argv)) {
@@ -218,6 +242,7 @@ std::optional<int> Parse(int argc, const char* const* argv, Options& options,
   try {
     app.parse(argc, argv);
     options.words = app.remaining();
+    if (run->parsed()) CheckRunWords(options);
     for (const CLI::Option* option : app.get_options()) {
       if (!option->empty()) given.insert(option->get_name());
     }
@@ -243,21 +268,12 @@ void ApplyLaunch(const Plan& plan, Options& options, const std::set<std::string>
 
 namespace {
 
-// "run" and "report" are no commands of a run: each is all that the program is to do.
+// "run PLAN" and "report" are no commands of a run: each is all that the program is to do.
 void TakeOwnWords(Options& options, const std::set<std::string>& given) {
   Words& words = options.words;
   const std::string first = words.empty() ? "" : words[0];
-  if (first == "run") {
-    options.check = std::erase(words, "--check") > 0;
-    const auto report = std::find(words.begin(), words.end(), "--report");
-    if (words.end() - report > 1) {
-      options.report = report[1];
-      words.erase(report, report + 2);
-    }
-    if (words.size() != 2) throw UsageError("run: Which plan? run [--check] [--report FILE] PLAN");
-    ApplyLaunch(ReadPlan(words[1]), options, given);
-    options.plan = words[1];
-    words.clear();
+  if (!options.plan.empty()) {
+    ApplyLaunch(ReadPlan(options.plan), options, given);
   } else if (!options.report.empty()) {
     throw UsageError("--report is for run PLAN: the page is made of a plan's results");
   } else if (first == "report") {
@@ -275,8 +291,8 @@ void TakeOwnWords(Options& options, const std::set<std::string>& given) {
 std::optional<int> ParseOptions(int argc, const char* const* argv, Options& options) {
   options.run.user = DefaultUser();
   std::set<std::string> given;
-  if (const auto status = Parse(argc, argv, options, given)) return status;
   try {
+    if (const auto status = Parse(argc, argv, options, given)) return status;
     TakeOwnWords(options, given);
   } catch (const UsageError& error) {
     Tell(stderr, fmt::format("vkmaster: {}\n", error.what()));
