@@ -165,6 +165,21 @@ TEST_F(PlanTest, WhatIsWrongIsNamedWithItsLine) {
               HasSubstr("line 4: day 800 is after the end of the plan, day "));
 }
 
+TEST_F(PlanTest, RecordsThatWouldChangeTheRunAreRefused) {
+  const std::string advance = "[advance]\nuntil = 3\n[record]\ncommands = [";
+  for (const std::string command :
+       {"shut P1", "open P1", "set-status SHUT P1", "uptime P1 0.5", "constrain P1 oil=9",
+        "unconstrain P1", "source P1 S1", "composition S1 C1=1"}) {
+    const std::string name = command.substr(0, command.find(' '));
+    EXPECT_THAT(Refusal(advance + "\n\"data\",\n\"data; " + command + "\"]\n"),
+                EndsWith("line 6: '" + name +
+                         "' in [record] would change the run at every stop: give it to an "
+                         "[[event]]"));
+  }
+  EXPECT_EQ(Refusal(advance + "\"status\", \"wells\", \"vars P1 oil\", \"field\", \"eos\"]\n"),
+            "understood");
+}
+
 TEST_F(PlanTest, EventsComeInTheOrderOfTheirTimes) {
   const Plan plan = Read(
       "[advance]\nuntil = 2030-01-01\n[[event]]\nat = 2028-01-01\ncommands = [\"shut P2\"]\n"

@@ -98,39 +98,44 @@ void CheckAllowed(const Value& value, const Command& command) {
   }
 }
 
-std::vector<Command> ReadCommands(const Value& value) {
-  std::vector<Command> commands;
-  for (const Value& line : value.List("a list of commands wanted")) {
-    const auto text = line.Text();
-    if (!text) line.place().Fail("a command wanted, as a text");
-    for (Command& command : At(line, [&] { return ParseCommands(SplitWords(*text)); })) {
-      CheckAllowed(line, command);
-      commands.push_back(std::move(command));
-    }
-  }
-  return commands;
-}
-
 bool IsIn(const std::string& word, const Words& words) {
   return std::count(words.begin(), words.end(), word) > 0;
 }
 
 // Records are for looking on. Inflow tables at every stop would change what the next stop records.
-void RefuseInflowTables(const Value& value, const std::vector<Command>& commands) {
-  for (const Command& command : commands) {
-    const Words words = SplitWords(command.text);
-    if (words.front() != "ipr" || IsIn("lift", words)) continue;
+void RefuseChange(const Value& value, const Command& command) {
+  const Words words = SplitWords(command.text);
+  const std::string& name = words.front();
+  if (IsIn(name, {"open", "shut", "set-status", "uptime", "constrain", "unconstrain", "source",
+                  "composition"})) {
+    value.place().Fail("'" + name +
+                       "' in [record] would change the run at every stop: give it to an [[event]]");
+  }
+  if (name == "ipr" && !IsIn("lift", words)) {
     value.place().Fail(
         "ipr in [record] would open and cut back the wells at every stop, and lift limits of the "
         "model: give it to an [[event]], or say lift");
   }
 }
 
+std::vector<Command> ReadCommands(const Value& value, bool record) {
+  std::vector<Command> commands;
+  for (const Value& line : value.List("a list of commands wanted")) {
+    const auto text = line.Text();
+    if (!text) line.place().Fail("a command wanted, as a text");
+    for (Command& command : At(line, [&] { return ParseCommands(SplitWords(*text)); })) {
+      CheckAllowed(line, command);
+      if (record) RefuseChange(line, command);
+      commands.push_back(std::move(command));
+    }
+  }
+  return commands;
+}
+
 void ReadRecord(Section section, Plan& plan) {
   plan.directory = Text(section, "directory").value_or(plan.directory);
   if (const auto commands = section.Find("commands")) {
-    plan.record = ReadCommands(*commands);
-    RefuseInflowTables(*commands, plan.record);
+    plan.record = ReadCommands(*commands, true);
   }
   RefuseUnknownKeys(section);
 }
@@ -140,7 +145,7 @@ PlanEvent ReadEvent(Section section, const Target& until) {
   const auto commands = section.Find("commands");
   RefuseUnknownKeys(section);
   if (!at || !commands) section.place().Fail("an event has at and commands");
-  PlanEvent event{TargetOf(*at), ReadCommands(*commands)};
+  PlanEvent event{TargetOf(*at), ReadCommands(*commands, false)};
   if (event.at.kind == Target::Kind::kRelative) at->place().Fail("days or a date wanted");
   const auto left = DaysBetween(event.at, until);
   if (left && *left < 0) {
