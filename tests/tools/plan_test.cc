@@ -826,6 +826,22 @@ TEST_F(PlanRunTest, ConfigFromAPipeWinsOverThePlansLaunchToo) {
   EXPECT_EQ(daemon_.Frames()[4], Hex("4"));
 }
 
+TEST_F(PlanTest, UnknownKeyOfTheConfigIsNamed) {
+  const std::string plan = directory_.Write("plan.toml", "[advance]\nuntil = 1\n");
+  const auto with = [&](const std::string& text) {
+    const std::string config = directory_.Write("vkmaster.conf", text);
+    return RunVkmaster({"--config", config, "run", "--check", plan});
+  };
+  EXPECT_EQ(with("port=5000\noverwrite=true\n# prot\n").status, 0);
+  for (const std::string text : {"port=5000\nprot=5000\n", "[run]\nprot=5000\n"}) {
+    const Outcome outcome = with(text);
+    EXPECT_EQ(outcome.status, 2) << text;
+    EXPECT_EQ(outcome.out, "");
+    EXPECT_THAT(outcome.err, testing::StartsWith("vkmaster: --config: ")) << text;
+    EXPECT_THAT(outcome.err, HasSubstr("prot; vkmaster --help lists the options\n")) << text;
+  }
+}
+
 TEST_F(PlanTest, WrongPlanLaunchesNothing) {
   const std::string plan = directory_.Write("plan.toml", "[advance]\nuntil = \"soon\"\n");
   EXPECT_EQ(RunVkmaster(LaunchArguments(FreePort(), {"run", plan})).status, 2);

@@ -231,6 +231,7 @@ std::optional<int> Parse(int argc, const char* const* argv, Options& options,
   app.set_version_flag("--version", "vkmaster " JOBMILL_VERSION);
   app.set_config("--config", "", "read options from a file of lines like port=5000")
       ->type_name("FILE");
+  app.allow_config_extras(CLI::config_extras_mode::error);
   app.prefix_command();
   const CLI::App* run = AddRun(app, options);
   app.formatter(std::make_shared<HelpFormatter>());
@@ -246,6 +247,8 @@ std::optional<int> Parse(int argc, const char* const* argv, Options& options,
     for (const CLI::Option* option : app.get_options()) {
       if (!option->empty()) given.insert(option->get_name());
     }
+  } catch (const CLI::ConfigError& error) {
+    throw UsageError(fmt::format("--config: {}; vkmaster --help lists the options", error.what()));
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? kOk : kUsage;
   }
