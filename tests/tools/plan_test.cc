@@ -3,10 +3,12 @@
 #include <signal.h>
 
 #include <filesystem>
+#include <future>
 #include <memory>
 #include <regex>
 #include <sstream>
 #include <thread>
+#include <utility>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -620,11 +622,18 @@ TEST_F(PlanRunTest, FullDiskIsNamedWithTheFileAndWaitedOutUntilAnInterrupt) {
 }
 
 TEST_F(PlanRunTest, PlanGoesOnWhenNobodyReadsWhatTheScreenWouldShow) {
-  std::unique_ptr<VkmasterProcess> process;
-  run_.before = [&](std::uint32_t code) {
-    if (code == 8) process->CloseOutput();
+  // Nobody may be polling the pipe when its reading end is closed: that would keep it open.
+  std::promise<void> stepping;
+  std::promise<void> closed;
+  run_.before = [&, first = true](std::uint32_t code) mutable {
+    if (code != 8 || !std::exchange(first, false)) return;
+    stepping.set_value();
+    closed.get_future().wait_for(std::chrono::seconds(20));
   };
-  process = Start("[advance]\nuntil = 60\nstep = 30\n");
+  const auto process = Start("[advance]\nuntil = 60\nstep = 30\n");
+  stepping.get_future().wait_for(std::chrono::seconds(20));
+  process->CloseOutput();
+  closed.set_value();
   const Outcome outcome = process->Finish();
   EXPECT_EQ(outcome.status, 0);
   EXPECT_THAT(outcome.err, HasSubstr("note: The results cannot be written: Broken pipe; the plan "
