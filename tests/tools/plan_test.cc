@@ -385,6 +385,30 @@ TEST_F(PlanRunTest, InflowTablesOfBothPressuresAreToldApart) {
               testing::StartsWith(head + "tubing_head_pressure [bar],oil_rate [sm3/d],"));
 }
 
+TEST_F(PlanRunTest, WhatACommandHasChangedForGoodIsKept) {
+  Run("[advance]\nuntil = 9\n[record]\ncommands = [\"ipr P1 lift\"]\n"
+      "[[event]]\nat = 5\ncommands = [\"ipr I1 lift\", \"ipr I1 lift\", \"ipr I1 keep\"]\n");
+  EXPECT_EQ(directory_.Read("results/events.csv"),
+            "time_days,date,command\n"
+            "0,2020-01-01,\"note: ipr: The wells have their statuses again, and the rate limits of "
+            "this session. Lifted for good, in case the model had any: P1 (liquid, gas)\"\n"
+            "5,2020-01-06,ipr I1 lift\n"
+            "5,2020-01-06,\"note: ipr: The wells have their statuses again, and the rate limits of "
+            "this session. Lifted for good, in case the model had any: I1 (water-injection)\"\n"
+            "5,2020-01-06,ipr I1 lift\n"
+            "5,2020-01-06,ipr I1 keep\n"
+            "5,2020-01-06,note: ipr: The wells are open and limited to the last point's rates: I1; "
+            "set their statuses and constraints before the run goes on\n");
+}
+
+TEST_F(PlanRunTest, CommandsWithoutEffectAreKept) {
+  run_.obeys = false;
+  Run("[advance]\nuntil = 9\n[[event]]\nat = 5\ncommands = [\"shut P1\"]\n");
+  EXPECT_EQ(directory_.Read("results/events.csv"),
+            "time_days,date,command\n5,2020-01-06,shut P1\n"
+            "5,2020-01-06,\"note: shut: The simulator has acknowledged it, but P1 is OPEN\"\n");
+}
+
 TEST_F(PlanRunTest, RunFileOfARunThatFailedSaysSo) {
   run_.fails = {8};
   EXPECT_EQ(Run("[advance]\nuntil = 40\n").status, 4);
@@ -543,8 +567,11 @@ TEST_F(PlanRunTest, EventOfTheDayOnWhichTheSimulationEndsIsCarriedOut) {
           "2020-01-11\ncommands = [\"shut P1\", \"ipr P1 lift\"]\n");
   EXPECT_EQ(outcome.status, 0) << outcome.err;
   EXPECT_EQ(Steps(), "0,2020-01-01,false\n10,2020-01-11,true\n");
-  EXPECT_EQ(directory_.Read("results/events.csv"),
-            "time_days,date,command\n10,2020-01-11,shut P1\n10,2020-01-11,ipr P1 lift\n");
+  EXPECT_EQ(
+      directory_.Read("results/events.csv"),
+      "time_days,date,command\n10,2020-01-11,shut P1\n10,2020-01-11,ipr P1 lift\n"
+      "10,2020-01-11,\"note: ipr: The wells have their statuses again, and the rate limits of "
+      "this session. Lifted for good, in case the model had any: P1 (liquid, gas)\"\n");
   EXPECT_THAT(directory_.Read("results/wells.csv"), EndsWith("10,2020-01-11,P1,PRODUCER,OPEN\n"))
       << "what the controls until then led to";
   EXPECT_THAT(directory_.Read("results/ipr.csv"), HasSubstr("\n10,2020-01-11,P1,1,"));

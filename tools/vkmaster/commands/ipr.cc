@@ -269,6 +269,7 @@ Result BuildIPR(Session& session, const IPROrder& order) {
                     "groups, each beside the others as they are",
                     groups.size()));
   }
+  result.lasting = order.keep || !lifted.empty();
   if (order.keep) {
     result.notes.push_back(
         "The wells are open and limited to the last point's rates: " + Listed(names) +

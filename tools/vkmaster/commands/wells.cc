@@ -142,6 +142,7 @@ constexpr double kSameValue = 1e-6;
 void NoteWithoutEffect(const Words& wells, Result& result) {
   if (wells.empty()) return;
   result.notes.push_back("The simulator has acknowledged it, but " + Listed(wells));
+  result.lasting = true;
 }
 
 Result StatusResult(Session& session, const std::string& command, const std::string& status,

@@ -55,6 +55,7 @@ void Recorder::Write(const Result& result) {
   if (result.tables.empty()) WriteTable(result.command, FieldsAsTable(result));
   for (const std::string& note : result.notes) {
     Note(fmt::format("note: day {:.6g}, {}: {}", days_, result.command, note));
+    if (result.lasting) lasting_.push_back(fmt::format("{}: {}", result.command, note));
   }
 }
 

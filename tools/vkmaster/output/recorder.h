@@ -7,6 +7,8 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "tools/vkmaster/output/output.h"
 
@@ -27,6 +29,9 @@ class Recorder : public Output {
 
   /// The names of the files that have been written.
   std::set<std::string> Files() const;
+
+  /// The notes of lasting results since the last call, with their commands.
+  std::vector<std::string> TakeNotes() { return std::exchange(lasting_, {}); }
 
   /// Replaces files of earlier runs when it first writes to them. Throws UsageError when a file
   /// cannot be written.
@@ -52,6 +57,7 @@ class Recorder : public Output {
   std::string date_;
   std::map<std::string, File> files_;  // by name and header
   std::map<std::string, int> count_;   // how many files have this name
+  std::vector<std::string> lasting_;
 };
 
 }  // namespace vkmaster

@@ -38,7 +38,8 @@ struct Result {
   std::vector<Table> tables{};
   std::string drawing{};             ///< for people only
   std::vector<std::string> notes{};  ///< what the engineer should know besides
-  bool row = false;  ///< the fields are a row of a table to which later results add rows
+  bool lasting = false;  ///< the notes are of what has happened to the run: kept with its results
+  bool row = false;      ///< the fields are a row of a table to which later results add rows
 };
 
 }  // namespace vkmaster

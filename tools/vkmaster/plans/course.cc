@@ -169,7 +169,10 @@ class Course {
     stop.fields.push_back({"elapsed", "elapsed", SecondsSince(began_), "s"});
     stop.fields.push_back({"computing", "computing", computing_, "s"});
     recorder_.Write(stop);
-    for (const Command& command : plan_.record) command.execute(recording_);
+    for (const Command& command : plan_.record) {
+      command.execute(recording_);
+      KeepNotes();
+    }
     context_.progress.Reached(session_.last_days());
     if (session_.has_ended() && target_ - session_.last_days() >= kSameTime) {
       state.notes.push_back(EndedBefore(session_, target_));
@@ -185,12 +188,22 @@ class Course {
          ++next_event_) {
       recorder_.SetTime(session_.TimeDays(), FormatDate(session_.run().GetDate()));
       for (const Command& command : events_[next_event_].event->commands) {
-        Result done{.command = "events"};
-        done.fields.push_back({"command", "command", command.text, ""});
         command.execute(recording_);
-        recorder_.Write(done);
+        WriteEvent(command.text);
+        KeepNotes();
       }
     }
+  }
+
+  void WriteEvent(const std::string& text) {
+    Result done{.command = "events"};
+    done.fields.push_back({"command", "command", text, ""});
+    recorder_.Write(done);
+  }
+
+  // The results have to say what explains them.
+  void KeepNotes() {
+    for (const std::string& note : recorder_.TakeNotes()) WriteEvent("note: " + note);
   }
 
   const Plan& plan_;
