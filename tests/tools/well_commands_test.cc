@@ -21,6 +21,7 @@
 namespace {
 
 using testing::ElementsAre;
+using testing::EndsWith;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
@@ -414,16 +415,41 @@ TEST_F(WellCommandsTest, UnconstrainTakesLimitsOff) {
   EXPECT_THROW(Do("unconstrain I1 oil"), UsageError);
   Do("constrain P1 oil=500 bhp=150");
   EXPECT_EQ(Do("unconstrain P1"),
-            "well,constraint\nP1,OIL_PRODUCTION_RATE\nP1,BOTTOM_HOLE_PRESSURE\n");
-  EXPECT_EQ(Do("unconstrain all bhp gas-injection"),
-            "well,constraint\nP1,BOTTOM_HOLE_PRESSURE\nP2,BOTTOM_HOLE_PRESSURE\n"
-            "I1,BOTTOM_HOLE_PRESSURE\n");
+            "well,constraint\nP1,OIL_PRODUCTION_RATE\nP1,BOTTOM_HOLE_PRESSURE\n"
+            "note: No limit of these kinds is in force on these wells now: one that the model had "
+            "is gone, too\n");
+  EXPECT_THAT(Do("unconstrain all bhp gas-injection"),
+              StartsWith("well,constraint\nP1,BOTTOM_HOLE_PRESSURE\nP2,BOTTOM_HOLE_PRESSURE\n"
+                         "I1,BOTTOM_HOLE_PRESSURE\nnote: "));
   const std::string bhp = "01000000" + Hex(PackedText("BOTTOM_HOLE_PRESSURE"));
   EXPECT_EQ(Requests(13).back(),
             Hex(Bytes("0d000000 03000000 02000000 5031 02000000 5032 02000000 4931 03000000" + bhp +
                       bhp + bhp +
                       "03000000 01000000 0000000000000000 01000000 0000000000000000"
                       "01000000 00000000006af840")));
+}
+
+TEST_F(WellCommandsTest, LimitsAreTakenOffOnce) {
+  Do("constrain P1 oil=500 bhp=150 P2 oil=100 then unconstrain P1 oil");
+  EXPECT_THAT(Do("unconstrain all"),
+              StartsWith("well,constraint\nP1,BOTTOM_HOLE_PRESSURE\nP2,OIL_PRODUCTION_RATE\n"
+                         "note: "));
+  const std::size_t sent = Requests(13).size();
+  EXPECT_THROW(Do("unconstrain all"), UsageError);
+  EXPECT_EQ(Requests(13).size(), sent);
+  Do("ipr P2 keep");
+  EXPECT_THAT(Do("unconstrain all"), StartsWith("well,constraint\nP2,OIL_PRODUCTION_RATE\nnote: "))
+      << "the tables have set limits";
+}
+
+TEST_F(WellCommandsTest, HintSaysWhatTheSimulatorDoesWithAnUnknownName) {
+  EXPECT_THAT(
+      Refusal("vars P1 rate"),
+      EndsWith("as-is:rate is sent as it stands, which ends the run when the simulator does "
+               "not know it"));
+  EXPECT_THAT(Refusal("constrain P1 rate=500"),
+              EndsWith("as-is:rate is sent as it stands, which the simulator acknowledges without "
+                       "effect when it does not know it"));
 }
 
 TEST_F(WellCommandsTest, IPRWithKeepLeavesTheWellsAsTheyAre) {
@@ -575,7 +601,7 @@ TEST_F(WellCommandsTest, SourceSendsWellAndName) {
 }
 
 TEST_F(WellCommandsTest, CompositionIsSentInComponentOrder) {
-  Do("composition as-is:S1 0.5 0.5 as-is:S2 1");
+  Do("composition as-is:S1 0.5 0.5 as-is:S2 1 anyway");
   EXPECT_EQ(Do("composition as-is:S3 co2=1"),
             "source,component,mole_fraction\nS3,C1,0\nS3,CO2,1\n");
   EXPECT_THAT(
@@ -587,9 +613,29 @@ TEST_F(WellCommandsTest, CompositionIsSentInComponentOrder) {
                     "02000000 0000000000000000 000000000000f03f"))));
 }
 
-TEST_F(WellCommandsTest, CompositionThatDoesNotAddUpIsNoted) {
-  EXPECT_THAT(Do("composition as-is:S1 0.5 0.25"),
-              HasSubstr("note: The mole fractions of S1 add up to 0.75\n"));
+TEST_F(WellCommandsTest, CompositionThatIsNoWholeOneIsRefusedUnlessItIsMeant) {
+  const auto refused = [this](const std::string& line) {
+    try {
+      return Do(line);
+    } catch (const UsageError& error) {
+      return std::string(error.what());
+    }
+  };
+  EXPECT_EQ(refused("composition as-is:S1 CO2=0.9 C1=0.2"),
+            "composition: The mole fractions of S1 add up to 1.1; anyway at the end sends them as "
+            "they are");
+  EXPECT_EQ(refused("composition as-is:S1 1"),
+            "S1 has 1 of the model's 2 mole fractions; anyway at the end sends them as they are");
+  EXPECT_THAT(Requests(19), IsEmpty());
+  EXPECT_THAT(Do("composition as-is:S1 CO2=0.9 C1=0.2 anyway"),
+              HasSubstr("note: The mole fractions of S1 add up to 1.1\n"));
+  EXPECT_THAT(Do("composition as-is:S1 1 anyway"),
+              HasSubstr("note: S1 has 1 of the model's 2 mole fractions\n"));
+}
+
+TEST_F(WellCommandsTest, CompositionOfRoundedFractionsIsSentAndNoted) {
+  EXPECT_THAT(Do("composition as-is:S1 0.333 0.666"),
+              HasSubstr("note: The mole fractions of S1 add up to 0.999\n"));
 }
 
 TEST_F(WellCommandsTest, UnknownComponentIsRefusedWithoutSendingTheCommand) {

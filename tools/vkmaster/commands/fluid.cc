@@ -18,6 +18,23 @@ namespace {
 
 constexpr double kSumTolerance = 1e-6;
 
+// Fractions that were typed with three digits may add up to that much more or less.
+constexpr double kSumOfRounded = 0.005;
+
+const char* const kAnyway = "; anyway at the end sends them as they are";
+
+std::string TextOfSum(const SourceComposition& given) {
+  return fmt::format("The mole fractions of {} add up to {:.6g}", WithoutMark(given.source),
+                     given.Sum());
+}
+
+// Says that fractions are missing; empty when none are.
+std::string Missing(const SourceComposition& given, std::size_t components) {
+  if (!given.names.empty() || given.fractions.size() >= components) return "";
+  return fmt::format("{} has {} of the model's {} mole fractions", WithoutMark(given.source),
+                     given.fractions.size(), components);
+}
+
 bool IsNumber(const std::string& word) {
   try {
     ParseNumber(word, "");
@@ -125,6 +142,8 @@ std::vector<double> InOrder(const SourceComposition& given, const std::vector<st
       throw UsageError(fmt::format("{} has {} fractions, but the model {} components", given.source,
                                    given.fractions.size(), all.size()));
     }
+    const std::string missing = Missing(given, all.size());
+    if (!missing.empty() && !given.anyway) throw UsageError(missing + kAnyway);
     return given.fractions;
   }
   std::vector<double> fractions(all.size(), 0);
@@ -159,10 +178,9 @@ Result CompositionResult(Session& session, const std::vector<SourceComposition>&
     for (std::size_t i = 0; i < compositions.back().size(); ++i) {
       table.rows.push_back({sources.back(), components[i], compositions.back()[i]});
     }
-    if (std::abs(one.Sum() - 1) > kSumTolerance) {
-      result.notes.push_back(
-          fmt::format("The mole fractions of {} add up to {:.6g}", sources.back(), one.Sum()));
-    }
+    if (std::abs(one.Sum() - 1) > kSumTolerance) result.notes.push_back(TextOfSum(one));
+    const std::string missing = Missing(one, components.size());
+    if (!missing.empty()) result.notes.push_back(missing);
   }
   session.run().SetWellInjectionComposition(sources, compositions);
   result.tables.push_back(std::move(table));
@@ -209,7 +227,9 @@ Parsed ParseSource(const Words& arguments) {
 
 std::vector<SourceComposition> ParseCompositions(const Words& arguments) {
   std::vector<SourceComposition> sources;
+  const bool anyway = arguments.size() > 2 && arguments.back() == "anyway";
   for (const std::string& word : arguments) {
+    if (anyway && &word == &arguments.back()) break;
     const std::size_t equals = word.find('=');
     const bool named = equals != std::string::npos;
     if (!named && (sources.empty() || !IsNumber(word))) {
@@ -228,6 +248,12 @@ std::vector<SourceComposition> ParseCompositions(const Words& arguments) {
   }
   if (sources.empty() || sources.back().fractions.empty()) {
     throw UsageError("Of what? composition SOURCE FRACTION..., for example S1 CO2=0.9 C1=0.1");
+  }
+  for (SourceComposition& source : sources) {
+    source.anyway = anyway;
+    if (!anyway && std::abs(source.Sum() - 1) > kSumOfRounded) {
+      throw UsageError(TextOfSum(source) + kAnyway);
+    }
   }
   return sources;
 }

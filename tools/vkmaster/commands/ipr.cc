@@ -261,7 +261,11 @@ Result BuildIPR(Session& session, const IPROrder& order) {
                           PlotOf(before.at(group[i]), tables.wells[i], units, order.bottom_hole);
       }
     }
-    if (!order.keep) Restore(session, group, before);
+    if (order.keep) {
+      session.cut_back().insert(group.begin(), group.end());
+    } else {
+      Restore(session, group, before);
+    }
   }
   if (groups.size() > 1) {
     result.notes.push_back(

@@ -168,7 +168,7 @@ std::vector<Entry> MakeEntries() {
        ParseIPR},
       {{"eos", "", "equation of state: components and their properties"}, Plain(EOSResult)},
       {{"source", "WELL SOURCE", "attach an external gas source to a well"}, ParseSource},
-      {{"composition", "SOURCE FRACTION... | SOURCE NAME=FRACTION...",
+      {{"composition", "SOURCE FRACTION... | SOURCE NAME=FRACTION... [anyway]",
         "mole fractions of an external source, in component order or by component"},
        ParseComposition},
       {{"shutdown", "", "shut the simulator down and end the run"}, Plain(Shutdown)},

@@ -282,6 +282,18 @@ bool IsLimitName(const std::string& word) {
   }
 }
 
+// The limits that were set on the well in this session, except those out of reach.
+Words LimitsInForce(Session& session, const std::string& well, const std::string& type,
+                    bool metric) {
+  const master::WellConstraints known = session.Remembered(well);
+  if (session.cut_back().contains(well)) return known.names;
+  Words names;
+  for (std::size_t i = 0; i < known.names.size(); ++i) {
+    if (known.values[i] != NoLimit(known.names[i], type, metric)) names.push_back(known.names[i]);
+  }
+  return names;
+}
+
 Result UnconstrainResult(Session& session, const Words& patterns, const Words& names) {
   const Words wells = session.Resolve(patterns);
   const WellsByName known = ByName(session.KnownWells());
@@ -291,21 +303,28 @@ Result UnconstrainResult(Session& session, const Words& patterns, const Words& n
   for (const std::string& well : wells) {
     const std::string& type = known.at(well).type;
     master::WellConstraints limits{well, {}, {}};
-    for (const std::string& name : names.empty() ? session.Remembered(well).names : names) {
+    const bool metric = session.Metric();
+    for (const std::string& name :
+         names.empty() ? LimitsInForce(session, well, type, metric) : names) {
       if (!IsLimitFor(name, type)) continue;
-      SetConstraint(limits, name, NoLimit(name, type, session.Metric()));
+      SetConstraint(limits, name, NoLimit(name, type, metric));
       table.rows.push_back({well, name});
     }
     if (!limits.names.empty()) free.push_back(std::move(limits));
   }
   if (free.empty()) {
     throw UsageError(names.empty()
-                         ? "No limit was set in this session; name those of the model, for example "
-                           "unconstrain P1 oil bhp"
+                         ? "No limit of this session is in force; name those of the model, for "
+                           "example unconstrain P1 oil bhp"
                          : "These limits do not concern these wells");
   }
   SetConstraints(session, free);
-  return {.command = "unconstrain", .tables = {std::move(table)}};
+  for (const master::WellConstraints& well : free) session.cut_back().erase(well.well);
+  Result result{.command = "unconstrain", .tables = {std::move(table)}};
+  result.notes.emplace_back(
+      "No limit of these kinds is in force on these wells now: one that the model had is gone, "
+      "too");
+  return result;
 }
 
 std::size_t SizeOf(const master::WellConstraints& well) {

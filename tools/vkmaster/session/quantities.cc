@@ -30,8 +30,9 @@ const Quantity* Find(const std::string& word) {
   }
   throw UsageError("'" + word + "' is no " + what + " that is known here" +
                    MaybeMeant(word, names) + "; " + (limits ? "constrain ?" : "vars ?") +
-                   " lists them, and " + kAsIs + word +
-                   " is sent as it stands, which ends the run when the simulator does not know it");
+                   " lists them, and " + kAsIs + word + " is sent as it stands, which " +
+                   (limits ? "the simulator acknowledges without effect when it does not know it"
+                           : "ends the run when the simulator does not know it"));
 }
 
 }  // namespace

@@ -117,6 +117,9 @@ class Session {
 
   Totals& totals() { return totals_; }
 
+  /// The wells that an inflow table has left with other limits than those that are remembered.
+  std::set<std::string>& cut_back() { return cut_back_; }
+
   /// The external sources that were attached in this session.
   void RememberSource(const std::string& source) { sources_.insert(source); }
   const std::set<std::string>& sources() const { return sources_; }
@@ -138,6 +141,7 @@ class Session {
   std::vector<master::WellStatus> wells_;
   std::map<std::string, master::WellConstraints> constraints_;
   std::set<std::pair<std::string, std::string>> planned_;  // wells and names of limits
+  std::set<std::string> cut_back_;
   std::set<std::string> sources_;
   Totals totals_;
 };
