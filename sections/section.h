@@ -54,6 +54,9 @@ class Value {
   std::optional<double> Number() const;  ///< of an integer too
   std::optional<std::chrono::year_month_day> Date() const;
 
+  /// True for a time of day, with a date or without.
+  bool HasTime() const { return node_->is_date_time() || node_->is_time(); }
+
   /// Fail with `complaint` when the value is of another type.
   std::vector<Value> List(const std::string& complaint) const;
   Section Table(const std::string& complaint) const;

@@ -48,6 +48,14 @@ TEST(ParseCommand, EveryCommandWithoutArgumentsRefusesThem) {
   }
 }
 
+TEST(ParseCommand, ExitAndCloseAreQuit) {
+  for (const char* word : {"exit", "close"}) {
+    EXPECT_EQ(vkmaster::ParseCommand({word}).text, "quit");
+    EXPECT_EQ(Refusal(std::string(word) + " P1"),
+              std::string("No such command: ") + word + " (the command help lists them)");
+  }
+}
+
 TEST(ParseCommand, SeveralLikelyCommandsAreAllNamed) {
   EXPECT_EQ(Refusal("s"),
             "No such command: s (status, start-date, shut, set-status, source, shutdown?)");

@@ -99,6 +99,20 @@ TEST_F(PlanTest, AdvanceIsAllThatAPlanNeeds) {
   EXPECT_EQ(plan.directory, directory_.File("results"));
 }
 
+TEST_F(PlanTest, DateOfAnotherKindIsToldHowItIsWritten) {
+  for (const char* date : {"01.01.2022", "1/1/2022", "2022-1-1", "2022.01.01 # a year"}) {
+    EXPECT_THAT(Refusal(std::string("[advance]\nuntil = ") + date + "\n"),
+                EndsWith("plan.toml, line 2: a date is written 2022-01-01"))
+        << date;
+  }
+  for (const char* date : {"2022-01-01T00:00:00", "2022-01-01 12:00:00", "12:00:00"}) {
+    EXPECT_THAT(Refusal(std::string("[advance]\nuntil = ") + date + "\n"),
+                EndsWith("plan.toml, line 2: a date is written 2022-01-01, without a time"))
+        << date;
+  }
+  EXPECT_THAT(Refusal("[advance]\nuntil = 2022-02-30\n"), HasSubstr("plan.toml, line 2: "));
+}
+
 TEST_F(PlanTest, DateWithoutItsDashesIsRefused) {
   EXPECT_THAT(Refusal("[advance]\nuntil = 20220101\n"),
               HasSubstr("plan.toml, line 2: '20220101' looks like a date, which is written "

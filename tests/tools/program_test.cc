@@ -75,6 +75,44 @@ TEST_F(ProgramTest, NumberThatIsNoKnownVersionIsTheDaemonsToJudge) {
   EXPECT_EQ(daemon_.Frames()[5], Hex("7"));
 }
 
+TEST(ProgramOptions, HelpBehindRunAndReportIsHelp) {
+  for (const char* word : {"run", "report"}) {
+    for (const char* help : {"--help", "-h"}) {
+      const Outcome outcome = RunVkmaster({word, help});
+      EXPECT_EQ(outcome.status, 0) << outcome.err;
+      EXPECT_THAT(outcome.out, HasSubstr("\n  run --check PLAN        say what the plan will do"));
+      EXPECT_THAT(outcome.out, HasSubstr("\n  report DIRECTORY [FILE] make a page"));
+    }
+  }
+}
+
+TEST(ProgramOptions, NumbersThatAreTooLowAreToldTheLowest) {
+  const std::pair<const char*, const char*> wrong[] = {
+      {"--processes", "0"}, {"--processes", "few"}, {"--cluster", "-1"}, {"--launch-wait", "-1"}};
+  for (const auto& [option, value] : wrong) {
+    const std::string low = std::string(option) == "--processes" ? "1" : "0";
+    const Outcome outcome = RunVkmaster(LaunchArguments(1, {option, value, "status"}));
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_THAT(outcome.err, HasSubstr(std::string(option) + ": A number from " + low +
+                                       " on wanted, not '" + value + "'\n"));
+  }
+}
+
+TEST(ProgramOptions, VersionThatDoesNotExistIsRefusedWithThoseThatDo) {
+  for (const char* version : {"2018", "2018.1", "2016"}) {
+    const Outcome outcome = RunVkmaster(LaunchArguments(1, {"--api", version, "status"}));
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_EQ(outcome.err, std::string("vkmaster: There is no version ") + version +
+                               ": --api is 2016.2 or 2017.2; any other number of the protocol has "
+                               "five digits, such as 20180\n");
+  }
+}
+
+TEST_F(ProgramTest, NumberOfTheProtocolForAnotherVersionIsSent) {
+  Master({"--api", "20180", "quit"});
+  EXPECT_EQ(daemon_.Frames()[5], Hex("20180"));
+}
+
 TEST_F(ProgramTest, CommandIsCarriedOutBetweenConnectAndShutdown) {
   const Outcome outcome = Master({"time"});
   EXPECT_EQ(outcome.status, 0) << outcome.err;

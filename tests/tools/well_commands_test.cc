@@ -452,6 +452,14 @@ TEST_F(WellCommandsTest, HintSaysWhatTheSimulatorDoesWithAnUnknownName) {
                        "effect when it does not know it"));
 }
 
+TEST_F(WellCommandsTest, IPRListsItsOptions) {
+  const std::string text = Do("ipr ?");
+  for (const char* option :
+       {"bhp", "thp", "skewness X", "components N|all", "lift", "keep", "no-plot"}) {
+    EXPECT_THAT(text, HasSubstr(std::string("\n") + option + ",")) << option;
+  }
+}
+
 TEST_F(WellCommandsTest, IPRWithKeepLeavesTheWellsAsTheyAre) {
   EXPECT_THAT(Do("ipr P1 keep"), HasSubstr("note: The wells are open and limited"));
   EXPECT_THAT(Requests(13), IsEmpty());

@@ -28,6 +28,8 @@ const char* const kPlanHelp =
     "needs\n"
     "                          no other file; FILE is DIRECTORY/report.html unless given\n";
 
+const char* const kHelp[] = {"--help", "-h"};
+
 const char* const kFooter =
     "Several commands are separated by then, or by a comma or semicolon of its own:\n"
     "  vkmaster ... status then until 365 step monthly then shutdown\n"
@@ -70,11 +72,21 @@ std::string DefaultUser() {
   return AccountName();
 }
 
+// CLI11's own validators say up to where a number may go, in 309 digits.
+CLI::Validator From(int low) {
+  const auto check = [low](const std::string& word) {
+    double value = 0;
+    if (CLI::detail::lexical_cast(word, value) && value >= low) return std::string();
+    return fmt::format("A number from {} on wanted, not '{}'", low, word);
+  };
+  return {check, low > 0 ? "POSITIVE" : "NONNEGATIVE"};
+}
+
 void AddSeconds(CLI::App& app, const std::string& name, std::chrono::seconds& value,
                 const std::string& help) {
   app.add_option_function<int>(
          name, [&value](int seconds) { value = std::chrono::seconds(seconds); }, help)
-      ->check(CLI::NonNegativeNumber)
+      ->check(From(0))
       ->default_str(std::to_string(value.count()));
 }
 
@@ -116,17 +128,15 @@ void AddLaunchOptions(CLI::App& app, Options& options) {
        "model's name right behind it, also for the comms log, PATH + CASE + .crvnlog")
       ->type_name("DIR");
   text("--root", options.run.root, "name of the model, without extension");
-  text("--processes", options.run.processes, "processes of the simulator")
-      ->check(CLI::PositiveNumber);
+  text("--processes", options.run.processes, "processes of the simulator")->check(From(1));
   text("--api", options.run.version, "version of the simulator")
       ->type_name("{2016.2,2017.2}")
-      ->check(CLI::NonNegativeNumber)
+      ->check(From(0))
       ->envname("VKMASTER_API");
   text("--user", options.run.user, "Windows user name; USER, LOGNAME or the account unless given")
       ->envname("VKMASTER_USER");
   text("--debug", options.run.debug, "debug flag for the distribution script");
-  text("--cluster", options.run.cluster, "cluster number, 0 for none")
-      ->check(CLI::NonNegativeNumber);
+  text("--cluster", options.run.cluster, "cluster number, 0 for none")->check(From(0));
 }
 
 void AddOtherOptions(CLI::App& app, Options& options) {
@@ -244,6 +254,15 @@ std::optional<int> Parse(int argc, const char* const* argv, Options& options,
     app.parse(argc, argv);
     options.words = app.remaining();
     if (run->parsed()) CheckRunWords(options);
+    const Words& words = options.words;
+    if (!words.empty() && words[0] == "report" &&
+        std::find_first_of(words.begin(), words.end(), std::begin(kHelp), std::end(kHelp)) !=
+            words.end()) {
+      Tell(stdout, fmt::format("Usage: vkmaster [OPTIONS] report DIRECTORY [FILE]\n{}vkmaster "
+                               "--help lists the options\n",
+                               kPlanHelp));
+      return kOk;
+    }
     for (const CLI::Option* option : app.get_options()) {
       if (!option->empty()) given.insert(option->get_name());
     }
@@ -289,6 +308,16 @@ void TakeOwnWords(Options& options, const std::set<std::string>& given) {
   }
 }
 
+// The daemon takes any number, and each but 20162 for 2017.2. A year that is none of the two is a
+// mistake all the same.
+void CheckVersion(const std::string& version) {
+  const bool year = version.size() == 4 || (version.size() > 4 && version[4] == '.');
+  if (!year || version == "2016.2" || version == "2017.2") return;
+  throw UsageError("There is no version " + version +
+                   ": --api is 2016.2 or 2017.2; any other number of the protocol has five digits, "
+                   "such as 20180");
+}
+
 }  // namespace
 
 std::optional<int> ParseOptions(int argc, const char* const* argv, Options& options) {
@@ -297,6 +326,7 @@ std::optional<int> ParseOptions(int argc, const char* const* argv, Options& opti
   try {
     if (const auto status = Parse(argc, argv, options, given)) return status;
     TakeOwnWords(options, given);
+    CheckVersion(options.run.version);
   } catch (const UsageError& error) {
     Tell(stderr, fmt::format("vkmaster: {}\n", error.what()));
     return kUsage;

@@ -187,6 +187,19 @@ int WholeNumber(const std::string& word) {
   return static_cast<int>(value);
 }
 
+Result OptionsResult() {
+  Table table{"options", "", {{"option", "option", ""}, {"meaning", "meaning", ""}}, {}};
+  table.rows = {
+      {"bhp", "pressures at the bottom of the well; this is the default"},
+      {"thp", "pressures at the head of the tubing"},
+      {"skewness X", "how the points lie: rates fall to ((11 - k) / 10) ^ X at point k; default 1"},
+      {"components N|all", "mole fractions of the first N components, or of all; default none"},
+      {"lift", "lift rate limits of the model that cannot be asked for, for good"},
+      {"keep", "leave the wells open and cut back, as the tables do"},
+      {"no-plot", "the table alone"}};
+  return {.command = "ipr", .tables = {std::move(table)}};
+}
+
 }  // namespace
 
 IPROrder ParseIPROrder(const Words& arguments) {
@@ -217,6 +230,9 @@ IPROrder ParseIPROrder(const Words& arguments) {
 }
 
 Parsed ParseIPR(const Words& arguments) {
+  if (arguments == Words{"?"}) {
+    return Showing([](Session& /*session*/) { return OptionsResult(); });
+  }
   const IPROrder order = ParseIPROrder(arguments);
   return Showing([order](Session& session) { return BuildIPR(session, order); },
                  [order](Session& session) {

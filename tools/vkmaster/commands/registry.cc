@@ -173,7 +173,8 @@ std::vector<Entry> MakeEntries() {
        ParseComposition},
       {{"shutdown", "", "shut the simulator down and end the run"}, Plain(Shutdown)},
       {{"help", "[COMMAND]", "this text"}, ParseHelp, false},
-      {{"quit", "", "leave; the run is shut down unless --leave was given"}, ParseQuit},
+      {{"quit", "", "leave, also exit and close; the run is shut down unless --leave was given"},
+       ParseQuit},
   };
 }
 
@@ -221,6 +222,8 @@ std::string HelpText(const std::string& name) {
 }
 
 Command ParseCommand(const Words& words) {
+  // What other prompts call it. With a well behind it, close is no leave-taking.
+  if (words == Words{"exit"} || words == Words{"close"}) return ParseCommand({"quit"});
   const Entry& entry = EntryOf(words.at(0));
   try {
     Parsed parsed = entry.parse(Words(words.begin() + 1, words.end()));

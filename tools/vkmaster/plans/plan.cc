@@ -1,6 +1,9 @@
 #include "tools/vkmaster/plans/plan.h"
 
 #include <algorithm>
+#include <cstdint>
+#include <fstream>
+#include <regex>
 #include <string_view>
 #include <utility>
 
@@ -18,6 +21,7 @@ namespace {
 using sections::Section;
 using sections::Value;
 
+const char* const kDateForm = "a date is written 2022-01-01";
 const char* const kTable = "a table wanted";
 
 void RefuseUnknownKeys(const Section& section) {
@@ -46,6 +50,7 @@ std::string Text(const Value& value) {
                        static_cast<int>(static_cast<unsigned>(date->month())),
                        static_cast<int>(date->year())});
   }
+  if (value.HasTime()) value.place().Fail(std::string(kDateForm) + ", without a time");
   value.place().Fail("a text or a number wanted");
 }
 
@@ -210,6 +215,18 @@ Plan ReadTop(Section top, const std::string& file) {
   return plan;
 }
 
+// Whether the line gives a date in another form, as 01.01.2022. What TOML says of those is what is
+// wrong with them as numbers.
+bool HasOtherDate(const sections::Place& place) {
+  static const std::regex kOther(R"([^=]*=\s*(\d{1,2}[./-]\d{1,2}[./-]\d{2,4}|)"
+                                 R"(\d{4}([./]\d{1,2}[./]\d{1,2}|-\d-\d{1,2}|-\d\d-\d))\s*(#.*)?)");
+  std::ifstream lines(PathOf(place.file), std::ios::binary);
+  std::string line;
+  for (std::uint32_t i = 0; i < place.line; ++i) std::getline(lines, line);
+  while (!line.empty() && line.back() == '\r') line.pop_back();
+  return std::regex_match(line, kOther);
+}
+
 }  // namespace
 
 std::string TextOf(const std::vector<Command>& commands) {
@@ -261,7 +278,8 @@ Plan ReadPlan(const std::string& file) {
   try {
     return ReadTop(Section::ReadFile(file), file);
   } catch (const sections::Error& error) {
-    throw UsageError(fmt::format("{}, line {}: {}", file, error.place().line, error.what()));
+    const std::string complaint = HasOtherDate(error.place()) ? kDateForm : error.what();
+    throw UsageError(fmt::format("{}, line {}: {}", file, error.place().line, complaint));
   }
 }
 
