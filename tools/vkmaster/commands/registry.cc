@@ -142,7 +142,8 @@ std::vector<Entry> MakeEntries() {
       {{"wells", "[WELLS]", "wells with their type and status"}, ParseWells},
       {{"data", "[WELLS]", "operating points: rates, pressures, uptime"}, ParseData},
       {{"field", "",
-        "sums over all wells, and totals since the first time it was asked for: rates times days"},
+        "sums over all wells, and totals: the rates that were read times the days since those "
+        "before"},
        Plain(FieldResult)},
       {{"vars", "WELLS NAME... | ?",
         "properties of wells: oil, bhp, ... or the simulator's names; ? lists them with units"},
