@@ -127,7 +127,7 @@ bool IsNumberAboveZero(std::string_view text) {
 
 // What the bytes claim, of which `limit` may be looked at.
 Said Expected(std::string_view bytes, std::size_t limit) {
-  const Said open{bytes.size() > limit ? Claim::State::kTooLong : Claim::State::kOpen, {}, 0};
+  Said open{bytes.size() > limit ? Claim::State::kTooLong : Claim::State::kOpen, {}, 0};
   std::size_t begin = 0;
   for (int line = 0;; ++line) {
     const std::string_view head = bytes.substr(begin, 4);
@@ -162,7 +162,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   static const gate::UserMap users = gate::UserMap::Parse(kUsers, "users");
   Input input(data, size);
   const std::size_t piece = 1 + input.Byte();
-  const std::size_t limit = 4 * input.Byte();
+  const std::size_t limit = std::size_t{4} * input.Byte();
   Certificate certificate;
   for (int names = input.Byte() % 4; names > 0; --names) {
     const std::uint8_t kind = input.Byte();

@@ -76,13 +76,13 @@ TEST_F(ProgramTest, NumberThatIsNoKnownVersionIsTheDaemonsToJudge) {
 }
 
 TEST(ProgramOptions, HelpBehindRunAndReportIsHelp) {
-  for (const char* word : {"run", "report"}) {
-    for (const char* help : {"--help", "-h"}) {
-      const Outcome outcome = RunVkmaster({word, help});
-      EXPECT_EQ(outcome.status, 0) << outcome.err;
-      EXPECT_THAT(outcome.out, HasSubstr("\n  run --check PLAN        say what the plan will do"));
-      EXPECT_THAT(outcome.out, HasSubstr("\n  report DIRECTORY [FILE] make a page"));
-    }
+  for (const char* help : {"--help", "-h"}) {
+    const Outcome run = RunVkmaster({"run", help});
+    EXPECT_EQ(run.status, 0) << run.err;
+    EXPECT_THAT(run.out, HasSubstr("\n  --check                     say what the plan does"));
+    const Outcome report = RunVkmaster({"report", help});
+    EXPECT_EQ(report.status, 0) << report.err;
+    EXPECT_THAT(report.out, HasSubstr("\n  report DIRECTORY [FILE] make a page"));
   }
 }
 
