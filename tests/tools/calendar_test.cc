@@ -1,5 +1,6 @@
 #include "tools/vkmaster/text/calendar.h"
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 
 #include "tools/vkmaster/text/usage_error.h"
@@ -54,8 +55,9 @@ TEST(ParseTarget, DateWithoutItsDashesIsNoDay) {
       vkmaster::ParseTarget(digits);
       ADD_FAILURE() << digits;
     } catch (const vkmaster::UsageError& error) {
-      EXPECT_EQ(error.what(), "'" + digits + "' looks like a date, which is written " + date +
-                                  "; day " + digits + " is written " + digits + ".0");
+      EXPECT_EQ(error.what(),
+                fmt::format("'{}' looks like a date, which is written {}; day {} is written {}.0",
+                            digits, date, digits, digits));
     }
   }
   for (const char* word : {"20220101.0", "20221301", "18991231", "2022010", "202201011"}) {

@@ -10,6 +10,7 @@
 #include <thread>
 #include <utility>
 
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -187,7 +188,7 @@ TEST_F(PlanTest, RecordsThatWouldChangeTheRunAreRefused) {
        {"shut P1", "open P1", "set-status SHUT P1", "uptime P1 0.5", "constrain P1 oil=9",
         "unconstrain P1", "source P1 S1", "composition S1 C1=1"}) {
     const std::string name = command.substr(0, command.find(' '));
-    EXPECT_THAT(Refusal(advance + "\n\"data\",\n\"data; " + command + "\"]\n"),
+    EXPECT_THAT(Refusal(fmt::format("{}\n\"data\",\n\"data; {}\"]\n", advance, command)),
                 EndsWith("line 6: '" + name +
                          "' in [record] would change the run at every stop: give it to an "
                          "[[event]]"));
