@@ -16,9 +16,8 @@ namespace vkmaster {
 
 namespace {
 
-UsageError CannotWrite(const std::string& path) {
-  return UsageError(
-      fmt::format("Cannot write '{}': {}", path, std::generic_category().message(errno)));
+std::string CannotWrite(const std::string& path) {
+  return fmt::format("Cannot write '{}': {}", path, std::generic_category().message(errno));
 }
 
 bool IsFull(int error) {
@@ -96,7 +95,7 @@ Recorder::File& Recorder::FileFor(const std::string& name, const std::string& he
       (PathOf(directory_) / (number == 1 ? name + ".csv" : fmt::format("{}_{}.csv", name, number)))
           .string();
   file.stream.reset(OpenToWrite(file.path));
-  if (!file.stream) throw CannotWrite(file.path);
+  if (!file.stream) throw UsageError(CannotWrite(file.path));
   // What has failed is not to be tried again by a buffer.
   std::setvbuf(file.stream.get(), nullptr, _IONBF, 0);
   Append(file, header);
@@ -108,12 +107,12 @@ Recorder::File& Recorder::FileFor(const std::string& name, const std::string& he
 void Recorder::Append(File& file, const std::string& text) {
   for (bool told = false;
        std::fwrite(text.data(), 1, text.size(), file.stream.get()) != text.size(); told = true) {
-    const UsageError failure = CannotWrite(file.path);
+    const std::string failure = CannotWrite(file.path);
     const bool full = IsFull(errno);
     std::error_code ignored;
     std::filesystem::resize_file(PathOf(file.path), file.size, ignored);
-    if (!full || !await_room_) throw failure;
-    if (!told) Note(std::string("note: ") + failure.what() + "; the run waits until there is room");
+    if (!full || !await_room_) throw UsageError(failure);
+    if (!told) Note("note: " + failure + "; the run waits until there is room");
     await_room_();
     std::clearerr(file.stream.get());
     std::fseek(file.stream.get(), static_cast<long>(file.size), SEEK_SET);
