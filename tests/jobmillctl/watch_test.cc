@@ -160,6 +160,7 @@ TEST(WatchTest, NameThatACertificateHasProvenIsShownToo) {
                                {"claimed", "alice"},
                                {"broken_seconds", nullptr}};
   const nlohmann::json said = {
+      {"schema", 1},
       {"running", true},
       {"time", time(nullptr)},
       {"daemon", "127.0.0.1:" + std::to_string(site.daemon().port())},
