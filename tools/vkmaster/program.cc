@@ -324,7 +324,8 @@ class Program {
       if (status != kOk) result = status;
       if (!GoesOn(status, options_.keep_going)) break;
     }
-    return result;
+    // A terminal that goes fails the write to it, and sends the signal that is the reason.
+    return result != kOk && interrupt_.signal() != 0 ? SignalStatus() : result;
   }
 
   int ExecuteLines() {
