@@ -49,6 +49,7 @@ struct Command {
   bool needs_run = true;  ///< false for help
   Check check{};
   std::optional<Target> target{};
+  bool sets = false;  ///< whether its whole purpose is to set something of the run
 };
 
 /// The action that writes the result of `make`.

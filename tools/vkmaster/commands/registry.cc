@@ -23,6 +23,7 @@ struct Entry {
   CommandHelp help;
   Parser parse;
   bool needs_run = true;
+  bool sets = false;  // something of the run, and nothing else
 };
 
 void RefuseArguments(const Words& arguments) {
@@ -149,29 +150,47 @@ std::vector<Entry> MakeEntries() {
         "properties of wells: oil, bhp, ... or the simulator's names; ? lists them with units"},
        ParseVars},
       {{"open", "WELLS", "open wells"},
-       [](const Words& arguments) { return ParseStatusOf("open", "OPEN", arguments); }},
+       [](const Words& arguments) { return ParseStatusOf("open", "OPEN", arguments); },
+       true,
+       true},
       {{"shut", "WELLS", "shut wells"},
-       [](const Words& arguments) { return ParseStatusOf("shut", "SHUT", arguments); }},
+       [](const Words& arguments) { return ParseStatusOf("shut", "SHUT", arguments); },
+       true,
+       true},
       {{"set-status", "STATUS WELLS", "OPEN, SHUT, or as-is:NAME for another status"},
-       ParseSetStatus},
-      {{"uptime", "WELLS FRACTION", "the fraction of the time that wells are on"}, ParseUptime},
+       ParseSetStatus,
+       true,
+       true},
+      {{"uptime", "WELLS FRACTION", "the fraction of the time that wells are on"},
+       ParseUptime,
+       true,
+       true},
       {{"constrain", "WELLS NAME=VALUE...",
         "limit rates and pressures, in the run's units: constrain P1 P2 oil=500 bhp=150 P3 "
         "gas=1e5; constrain ? lists what can be limited"},
-       ParseConstrain},
+       ParseConstrain,
+       true,
+       true},
       {{"unconstrain", "WELLS [NAME...]",
         "take limits off: those named, or all that were set in this session"},
-       ParseUnconstrain},
+       ParseUnconstrain,
+       true,
+       true},
       {{"ipr", "WELLS [bhp|thp] [skewness X] [components N|all] [lift|keep] [no-plot]",
         "inflow tables of ten points, which cut the wells back; lift lifts the rate limits that "
         "the "
         "model has, which nobody can read, and keep leaves the wells cut back"},
        ParseIPR},
       {{"eos", "", "equation of state: components and their properties"}, Plain(EOSResult)},
-      {{"source", "WELL SOURCE", "attach an external gas source to a well"}, ParseSource},
+      {{"source", "WELL SOURCE", "attach an external gas source to a well"},
+       ParseSource,
+       true,
+       true},
       {{"composition", "SOURCE FRACTION... | SOURCE NAME=FRACTION... [anyway]",
         "mole fractions of an external source, in component order or by component"},
-       ParseComposition},
+       ParseComposition,
+       true,
+       true},
       {{"shutdown", "", "shut the simulator down and end the run"}, Plain(Shutdown)},
       {{"help", "[COMMAND]", "this text"}, ParseHelp, false},
       {{"quit", "", "leave, also exit and close; the run is shut down unless --leave was given"},
@@ -228,8 +247,9 @@ Command ParseCommand(const Words& words) {
   const Entry& entry = EntryOf(words.at(0));
   try {
     Parsed parsed = entry.parse(Words(words.begin() + 1, words.end()));
-    return {Join(words), std::move(parsed.execute), entry.needs_run, std::move(parsed.check),
-            parsed.target};
+    return {Join(words),     std::move(parsed.execute),
+            entry.needs_run, std::move(parsed.check),
+            parsed.target,   entry.sets};
   } catch (const UsageError& error) {
     throw UsageError(words[0] + ": " + error.what());
   }

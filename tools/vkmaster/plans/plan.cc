@@ -110,13 +110,11 @@ bool IsIn(const std::string& word, const Words& words) {
 // Records are for looking on. Inflow tables at every stop would change what the next stop records.
 void RefuseChange(const Value& value, const Command& command) {
   const Words words = SplitWords(command.text);
-  const std::string& name = words.front();
-  if (IsIn(name, {"open", "shut", "set-status", "uptime", "constrain", "unconstrain", "source",
-                  "composition"})) {
-    value.place().Fail("'" + name +
+  if (command.sets) {
+    value.place().Fail("'" + words.front() +
                        "' in [record] would change the run at every stop: give it to an [[event]]");
   }
-  if (name == "ipr" && !IsIn("lift", words)) {
+  if (words.front() == "ipr" && !IsIn("lift", words)) {
     value.place().Fail(
         "ipr in [record] would open and cut back the wells at every stop, and lift limits of the "
         "model: give it to an [[event]], or say lift");
