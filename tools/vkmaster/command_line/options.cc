@@ -243,6 +243,7 @@ std::optional<int> Parse(int argc, const char* const* argv, Options& options,
       ->type_name("FILE");
   app.allow_config_extras(CLI::config_extras_mode::error);
   app.prefix_command();
+  app.allow_windows_style_options(false);  // a plan at /data is no option
   const CLI::App* run = AddRun(app, options);
   app.formatter(std::make_shared<HelpFormatter>());
   app.footer(HelpText() + kPlanHelp + "\n" + kFooter);
