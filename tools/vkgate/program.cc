@@ -4,7 +4,9 @@
 #ifdef __GLIBC__
 #include <malloc.h>
 #endif
-#ifndef _WIN32
+#ifdef _WIN32
+#include <windows.h>
+#else
 #include <sys/resource.h>
 #endif
 
@@ -126,6 +128,18 @@ void KeepMemory() {
 #endif
 }
 
+// When the window is closed, the user logs off or the machine shuts down, Windows ends the program
+// as soon as this handler returns, and after some five seconds in any case. The other gate would
+// keep the links for as long as a broken link may be resumed: so they are ended first.
+#ifdef _WIN32
+BOOL WINAPI OnConsoleControl(DWORD event) {
+  if (event == CTRL_C_EVENT) return FALSE;
+  raise(SIGTERM);
+  Sleep(INFINITE);
+  return TRUE;
+}
+#endif
+
 // Runs a gate until SIGTERM or SIGINT; SIGHUP reloads.
 template <typename Gate>
 int Run(const Common& common, const typename Gate::Options& options) {
@@ -140,7 +154,9 @@ int Run(const Common& common, const typename Gate::Options& options) {
   boost::asio::io_context context(1);
   Gate gate(context, options, *journal);
   boost::asio::signal_set signals(context, SIGTERM, SIGINT);
-#ifndef _WIN32
+#ifdef _WIN32
+  SetConsoleCtrlHandler(OnConsoleControl, TRUE);
+#else
   signals.add(SIGHUP);
 #endif
   std::function<void()> await = [&] {
