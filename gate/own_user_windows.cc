@@ -11,6 +11,7 @@ namespace gate {
 namespace {
 
 constexpr int kAttempts = 3;
+constexpr DWORD kPauseMs = 5;
 
 // The process that has the other end, 0 when the table does not tell.
 DWORD ProcessAtOtherEnd(const LoopbackConnection& connection) {
@@ -62,7 +63,13 @@ std::vector<char> UserOf(HANDLE process) {
 }  // namespace
 
 std::string WhyNotOwnUser(const LoopbackConnection& connection) {
-  const DWORD pid = ProcessAtOtherEnd(connection);
+  DWORD pid = ProcessAtOtherEnd(connection);
+  // A connection that was made this moment may not be in the table yet: in wine's it is once its program
+  // has used it.
+  for (int attempt = 1; pid == 0 && attempt < kAttempts; ++attempt) {
+    Sleep(kPauseMs);
+    pid = ProcessAtOtherEnd(connection);
+  }
   if (pid == 0) return "it cannot be told whose connection this is";
   HANDLE process = OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, pid);
   if (process == nullptr) return "it is of a process that may not be looked at";
