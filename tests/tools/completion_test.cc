@@ -123,8 +123,10 @@ std::string VkmasterFor(Words words) {
 }
 
 TEST(VkmasterCompletion, OptionsAndTheirValuesAreKnown) {
-  EXPECT_EQ(VkmasterFor({"--kee"}),
-            "--keep-going\tgo on after a command that could not be understood or sent\n");
+  EXPECT_EQ(
+      VkmasterFor({"--kee"}),
+      "--keep-going\tpass over commands that cannot be carried out, such as those for a well that "
+      "the model lacks, and go on\n");
   EXPECT_EQ(VkmasterFor({"--api", ""}), "2016.2\t\n2017.2\t\n");
   EXPECT_EQ(VkmasterFor({"--step", "m"}), "monthly\t\n");
   EXPECT_EQ(VkmasterFor({"--file", ""}), ":files\n");

@@ -4,8 +4,10 @@
 
 #include <filesystem>
 #include <future>
+#include <map>
 #include <memory>
 #include <regex>
+#include <set>
 #include <sstream>
 #include <thread>
 #include <utility>
@@ -28,9 +30,24 @@ using testing::HasSubstr;
 using vkmaster::Plan;
 using vkmaster::ReadPlan;
 using vkmaster::Step;
+using vkmaster::Words;
+
+const char* const kEarlierRun = "{\"vkmaster_version\": \"0.1.0\"}\n";
+const char* const kEarlierRecord = "time_days,date,well\n";
 
 class PlanTest : public testing::Test {
  protected:
+  // What is in the folder, in order.
+  std::string Names(const std::string& folder) const {
+    std::set<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(directory_.File(folder))) {
+      names.insert(entry.path().filename().string());
+    }
+    std::string text;
+    for (const std::string& name : names) text += (text.empty() ? "" : " ") + name;
+    return text;
+  }
+
   Plan Read(const std::string& text) { return ReadPlan(directory_.Write("plan.toml", text)); }
 
   std::string Refusal(const std::string& text) {
@@ -123,7 +140,7 @@ TEST_F(PlanTest, DateWithoutItsDashesIsRefused) {
 TEST_F(PlanTest, CheckSaysWhatMayBeAYear) {
   const std::string file = directory_.Write("plan.toml",
                                             "[advance]\nuntil = 2030\n[[event]]\nat = 2021.0\n"
-                                            "commands = []\n[[event]]\nat = 2022\n"
+                                            "commands = [\"data\"]\n[[event]]\nat = 2022\n"
                                             "commands = []\n");
   const Outcome outcome = RunVkmaster({"run", "--check", file});
   EXPECT_EQ(outcome.status, 0) << outcome.err;
@@ -255,7 +272,7 @@ TEST_F(PlanTest, WhatIsCertainToFailIsRefusedByTheCheckAndBeforeTheLaunch) {
     EXPECT_EQ(run.err, check.err);
     return check.err;
   };
-  const std::string advance = "[advance]\nuntil = 60\n";
+  const std::string advance = "[[event]]\nat = 1\ncommands = [\"data\"]\n[advance]\nuntil = 60\n";
   directory_.Write("file", "");
   EXPECT_EQ(complaint(advance + "[record]\ndirectory = \"file/results\"\n"),
             "vkmaster: The results cannot be written to '" + directory_.File("file/results") +
@@ -269,12 +286,12 @@ TEST_F(PlanTest, WhatIsCertainToFailIsRefusedByTheCheckAndBeforeTheLaunch) {
               EndsWith("plan.toml: day 45, ipr P1: The tables would lift the rate limits of the "
                        "model. Set or take off limits before, or say lift or keep\n"));
   std::filesystem::create_directory(directory_.File("results"));
-  directory_.Write("results/run.json", "{}\n");
+  directory_.Write("results/run.json", kEarlierRun);
   EXPECT_THAT(complaint(advance), HasSubstr("has the results of an earlier run"));
   const Outcome shown =
       RunVkmaster({"--overwrite", "run", "--check", directory_.Write("plan.toml", advance)});
   EXPECT_EQ(shown.status, 0) << shown.err;
-  EXPECT_EQ(directory_.Read("results/run.json"), "{}\n");
+  EXPECT_EQ(directory_.Read("results/run.json"), kEarlierRun);
 }
 
 TEST_F(PlanTest, CheckLeavesNothingBehind) {
@@ -433,27 +450,96 @@ TEST_F(PlanRunTest, RunFileOfARunThatFailedSaysSo) {
 
 TEST_F(PlanRunTest, ResultsOfAnEarlierRunAreNeitherMixedNorLost) {
   const std::string plan = "[advance]\nuntil = 40\n";
-  EXPECT_EQ(Run(plan).status, 0);
-  directory_.Write("results/wells.csv", "of yesterday\n");
+  EXPECT_EQ(Run(plan + "[record]\ncommands = [\"wells\"]\n").status, 0);
+  const std::string wells = directory_.Read("results/wells.csv");
   // Nobody is there for a second launch: it is refused before.
   const Outcome again = Run(plan);
   EXPECT_EQ(again.status, 2);
   EXPECT_THAT(again.err, HasSubstr("has the results of an earlier run"));
-  EXPECT_EQ(directory_.Read("results/wells.csv"), "of yesterday\n");
+  EXPECT_EQ(directory_.Read("results/wells.csv"), wells);
   FakeRun run;
   FakeDaemon daemon(FakeDaemon::Launching(run));
   const Outcome replaced = RunVkmaster(
       LaunchArguments(daemon.port(), {"--overwrite", "run", directory_.Write("plan.toml", plan)}));
   EXPECT_EQ(replaced.status, 0) << replaced.err;
-  EXPECT_FALSE(std::filesystem::exists(directory_.File("results/wells.csv")));
+  EXPECT_EQ(Names("results"), "run.json steps.csv");
+}
+
+// Another program's table may have the name of one of ours, and a copy of ours is a person's.
+TEST_F(PlanTest, FilesThatNoRunHasWrittenAreNeitherMixedInNorReplaced) {
+  const std::string plan = directory_.Write(
+      "plan.toml", "[advance]\nuntil = 40\n[record]\ndirectory = \".\"\ncommands = [\"data\"]\n");
+  for (const auto& [name, text] :
+       std::map<std::string, std::string>{{"mine.csv", "a,b\n"},
+                                          {"data.csv", "well,rate\n"},
+                                          {"copy of data.csv", "time_days,date,well\n"},
+                                          {"run.json", "{}\n"}}) {
+    if (name.starts_with("copy")) {
+      directory_.Write("run.json", R"({"vkmaster_version": "0.1.0", "files": ["data.csv"]})");
+    }
+    directory_.Write(name, text);
+    for (const std::vector<std::string>& options :
+         {Words{"run", plan}, {"--overwrite", "run", plan}}) {
+      const Outcome outcome = RunVkmaster(LaunchArguments(FreePort(), options));
+      EXPECT_EQ(outcome.status, 2);
+      EXPECT_THAT(outcome.err,
+                  EndsWith("has files that are no results of a plan, and could be taken "
+                           "for some: " +
+                           name + ". Give the plan another directory\n"));
+    }
+    EXPECT_EQ(directory_.Read(name), text);
+    std::filesystem::remove(directory_.File(name));
+    std::filesystem::remove(directory_.File("run.json"));
+  }
+}
+
+TEST_F(PlanRunTest, DirectoryOfARunUnderWayIsNotTakenNorItsResultsReplaced) {
+  Outcome second;
+  std::string before;
+  run_.before = [&](std::uint32_t code) {
+    if (code != 8) return;
+    before = directory_.Read("results/run.json");
+    const std::string plan = directory_.Write("second.toml", "[advance]\nuntil = 1\n");
+    second = RunVkmaster(LaunchArguments(FreePort(), {"--overwrite", "run", plan}));
+  };
+  EXPECT_EQ(Run("[advance]\nuntil = 1\n").status, 0);
+  EXPECT_EQ(second.status, 2);
+  EXPECT_EQ(second.err, "vkmaster: A run that is under way writes its results to '" +
+                            directory_.File("results") + "'. Give the plan another directory\n");
+  EXPECT_THAT(before, HasSubstr("running"));
+  EXPECT_EQ(Steps(), "0,2020-01-01,false\n1,2020-01-02,false\n");
+}
+
+// The first step, a command at its time, and what is done at every stop.
+TEST_F(PlanTest, RunThatFailsAtItsStartLeavesTheResultsThatItWasToReplace) {
+  std::filesystem::create_directory(directory_.File("results"));
+  directory_.Write("results/run.json", kEarlierRun);
+  directory_.Write("results/data.csv", kEarlierRecord);
+  const std::string plan =
+      directory_.Write("plan.toml",
+                       "[advance]\nuntil = 40\n[record]\ncommands = [\"data\"]\n"
+                       "[[event]]\nat = 0\ncommands = [\"shut P1\"]\n");
+  for (const std::uint32_t code : {7U, 11U, 10U}) {
+    FakeRun run;
+    run.fails = {code};
+    FakeDaemon daemon(FakeDaemon::Launching(run));
+    const Outcome outcome =
+        RunVkmaster(LaunchArguments(daemon.port(), {"--overwrite", "run", plan}));
+    EXPECT_EQ(outcome.status, 4) << code;
+    EXPECT_THAT(outcome.err,
+                HasSubstr("note: The results of the earlier run are left as they were"));
+    EXPECT_EQ(directory_.Read("results/run.json"), kEarlierRun) << code;
+    EXPECT_EQ(directory_.Read("results/data.csv"), kEarlierRecord) << code;
+    EXPECT_EQ(Names("results"), "data.csv run.json") << code;
+  }
 }
 
 // Every way in which a run does not begin: nobody listens, the launch is refused, the daemon does
 // not reach the simulator, an event names an unknown well.
 TEST_F(PlanTest, RunThatDoesNotBeginLeavesTheResultsThatItWasToReplace) {
   std::filesystem::create_directory(directory_.File("results"));
-  directory_.Write("results/data.csv", "of yesterday\n");
-  directory_.Write("results/run.json", "{}\n");
+  directory_.Write("results/data.csv", kEarlierRecord);
+  directory_.Write("results/run.json", kEarlierRun);
   directory_.Write("results/report.html", "page\n");
   const auto run = [this](int port, const std::string& plan) {
     return RunVkmaster(
@@ -471,8 +557,8 @@ TEST_F(PlanTest, RunThatDoesNotBeginLeavesTheResultsThatItWasToReplace) {
   FakeDaemon launching(FakeDaemon::Launching(fine));
   EXPECT_EQ(run(launching.port(), plan + "[[event]]\nat = 9\ncommands = [\"shut P9\"]\n").status,
             2);
-  EXPECT_EQ(directory_.Read("results/data.csv"), "of yesterday\n");
-  EXPECT_EQ(directory_.Read("results/run.json"), "{}\n");
+  EXPECT_EQ(directory_.Read("results/data.csv"), kEarlierRecord);
+  EXPECT_EQ(directory_.Read("results/run.json"), kEarlierRun);
   EXPECT_EQ(directory_.Read("results/report.html"), "page\n");
 }
 
@@ -481,12 +567,12 @@ TEST_F(PlanRunTest, ResultsThatAppearDuringTheLaunchAreNotReplaced) {
   run_.before = [this](std::uint32_t code) {
     if (code != 1) return;
     std::filesystem::create_directory(directory_.File("results"));
-    directory_.Write("results/run.json", "of another run\n");
+    directory_.Write("results/run.json", kEarlierRun);
   };
   const Outcome outcome = Run("[advance]\nuntil = 40\n");
   EXPECT_EQ(outcome.status, 2);
   EXPECT_THAT(outcome.err, HasSubstr("has the results of an earlier run"));
-  EXPECT_EQ(directory_.Read("results/run.json"), "of another run\n");
+  EXPECT_EQ(directory_.Read("results/run.json"), kEarlierRun);
 }
 
 TEST_F(PlanRunTest, EventAfterTheEndIsKnownBeforeTheFirstStepAlsoBetweenDaysAndDates) {
@@ -547,7 +633,7 @@ TEST_F(PlanRunTest, OtherColumnsOfTheSameCommandHaveAFileOfTheirOwn) {
 
 TEST_F(PlanRunTest, EndOfTheSimulationEndsThePlanWithANote) {
   run_.end = 10;
-  const Outcome outcome = Run("[advance]\nuntil = 30\nstep = 7\n");
+  const Outcome outcome = Run("[advance]\nuntil = 30\nstep = 7\n[record]\ncommands = [\"time\"]\n");
   EXPECT_EQ(outcome.status, 0);
   EXPECT_EQ(outcome.err, "note: The simulation ended at day 10, before day 30\n");
   EXPECT_EQ(Steps(), "0,2020-01-01,false\n7,2020-01-08,false\n10,2020-01-11,true\n");
@@ -683,15 +769,92 @@ TEST_F(PlanRunTest, PlanGoesOnWhenNobodyReadsWhatTheScreenWouldShow) {
   EXPECT_THAT(Steps(), HasSubstr("\n60,"));
 }
 
-TEST_F(PlanRunTest, ResultsThatAreTakenAwayAreAFailure) {
+TEST_F(PlanRunTest, ResultsThatAreTakenAwayAreWrittenAnewFromThereOn) {
   run_.before = [this](std::uint32_t code) {
     if (code == 8) std::filesystem::remove_all(directory_.File("results"));
   };
-  const Outcome outcome = Run("[advance]\nuntil = 1\n");
-  EXPECT_EQ(outcome.status, 2);
-  EXPECT_THAT(outcome.err, HasSubstr("Cannot write '" + directory_.File("results/run.json") +
-                                     "': No such file or directory\n"));
-  EXPECT_EQ(daemon_.Requests().back(), "f0 ff 00 00");
+  const Outcome outcome = Run("[advance]\nuntil = 1\n[record]\ncommands = [\"wells\"]\n");
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_THAT(outcome.err,
+              HasSubstr("note: '" + directory_.File("results/steps.csv") +
+                        "' has gone, with what it held; it is written anew from day 1"));
+  EXPECT_EQ(Steps(), "1,2020-01-02,false\n");
+  EXPECT_THAT(directory_.Read("results/wells.csv"),
+              testing::AllOf(testing::StartsWith("time_days,date,well,"), HasSubstr("\n1,2020")));
+  EXPECT_THAT(directory_.Read("results/run.json"), HasSubstr("the plan was carried out"));
+}
+
+// What an event sets is known to those after it.
+TEST_F(PlanRunTest, CommandsThatNeedAnEarlierOneAreRefusedBeforeTheFirstStep) {
+  const auto event = [](int day, const std::string& command) {
+    return fmt::format("[[event]]\nat = {}\ncommands = [\"{}\"]\n", day, command);
+  };
+  const std::string advance = "[advance]\nuntil = 60\n";
+  const std::string none = "No limit of this session is in force";
+  run_.wells.push_back({"G1", "GAS_INJECTOR", "OPEN"});
+  for (const auto& [events, complaint] : std::map<std::string, std::string>{
+           {event(30, "unconstrain P1"), "day 30, unconstrain P1: " + none},
+           {event(30, "unconstrain P1") + event(40, "constrain P1 oil=9"), none},
+           {event(10, "constrain P1 oil=9") + event(30, "unconstrain P2"), none},
+           {event(10, "constrain P1 oil=9") + event(30, "unconstrain P1") +
+                event(40, "unconstrain P1"),
+            "day 40, unconstrain P1: " + none},
+           {event(30, "unconstrain I1 oil"), "These limits do not concern these wells"},
+           {event(30, "composition S1 C1=1"), "No source 'S1' was attached"}}) {
+    FakeDaemon daemon(FakeDaemon::Launching(run_));
+    const Outcome outcome = RunVkmaster(
+        LaunchArguments(daemon.port(), {"run", directory_.Write("plan.toml", advance + events)}));
+    EXPECT_EQ(outcome.status, 2) << events;
+    EXPECT_THAT(outcome.err, HasSubstr(complaint)) << events;
+    EXPECT_THAT(daemon.Requests(), testing::Not(testing::Contains("07 00 00 00"))) << events;
+  }
+}
+
+TEST_F(PlanRunTest, LimitsAndSourcesOfEarlierEventsAreKnownToLaterOnes) {
+  run_.wells.push_back({"G1", "GAS_INJECTOR", "OPEN"});
+  const Outcome outcome =
+      Run("[advance]\nuntil = 60\n[[event]]\nat = 10\ncommands = [\"constrain P1 oil=9\", "
+          "\"source G1 S1\"]\n[[event]]\nat = 20\ncommands = [\"unconstrain P1\", "
+          "\"composition S1 C1=1\"]\n");
+  EXPECT_EQ(outcome.status, 0) << outcome.err;
+}
+
+TEST_F(PlanTest, CheckSaysWhatTheRunWillTakeFromTheOptions) {
+  const std::string plan =
+      directory_.Write("plan.toml",
+                       "[launch]\nroot = \"CASE\"\nport = 1\nprocesses = 2\n[advance]\nuntil = 1\n"
+                       "[record]\ncommands = [\"data\"]\n");
+  const std::string config = directory_.Write("settings.ini", "root=OTHER\nuser=bob\n");
+  setenv("VKMASTER_PORT", "3", 1);
+  const Outcome outcome =
+      RunVkmaster({"--config", config, "--processes", "8", "--step", "2w", "run", "--check", plan});
+  unsetenv("VKMASTER_PORT");
+  EXPECT_EQ(outcome.status, 0);
+  for (const char* line : {"\nroot +OTHER\n", "\nport +3\n", "\nprocesses +8\n", "\nuser +bob\n",
+                           "\nsteps +of 14 days\n"}) {
+    EXPECT_THAT(outcome.out, testing::ContainsRegex(line));
+  }
+  EXPECT_EQ(outcome.err,
+            "note: Options win over the plan: processes 8, not 2; root OTHER, not CASE\n");
+}
+
+TEST_F(PlanTest, NumbersOfTheLaunchAreThoseOfTheOptions) {
+  for (const char* line :
+       {"processes = 0", "processes = \"two\"", "cluster = -1", "cluster = 1.5"}) {
+    EXPECT_THAT(Refusal(std::string("[launch]\n") + line + "\n[advance]\nuntil = 1\n"),
+                testing::MatchesRegex(".*plan.toml, line 2: a number from [01] up"))
+        << line;
+  }
+}
+
+TEST_F(PlanTest, PlanThatRecordsNothingIsNoticed) {
+  const std::string plan = directory_.Write("plan.toml", "[advance]\nuntil = 1\n");
+  const std::string note = "note: The plan records nothing but its stops: [record] has no commands";
+  EXPECT_THAT(RunVkmaster({"run", "--check", plan}).err, testing::StartsWith(note));
+  FakeRun run;
+  FakeDaemon daemon(FakeDaemon::Launching(run));
+  EXPECT_THAT(RunVkmaster(LaunchArguments(daemon.port(), {"run", plan})).err,
+              testing::StartsWith(note));
 }
 
 TEST_F(PlanRunTest, WallTimesOfTheStepsAndTheLaunchAreKept) {
@@ -825,7 +988,7 @@ TEST_F(PlanRunTest, CommandLineWinsOverThePlansLaunch) {
 
 TEST_F(PlanRunTest, OptionsMayStandBehindThePlan) {
   std::filesystem::create_directory(directory_.File("results"));
-  directory_.Write("results/run.json", "{}\n");
+  directory_.Write("results/run.json", kEarlierRun);
   const std::string plan =
       directory_.Write("plan.toml", "[launch]\nport = 1\n[advance]\nuntil = 1\n");
   std::vector<std::string> arguments = LaunchArguments(daemon_.port(), {"--overwrite", "--json"});

@@ -516,9 +516,20 @@ TEST_F(ProgramTest, KeepGoingTakesTheNextCommandAfterASlip) {
 }
 
 TEST_F(ProgramTest, SlipAmongArgumentsIsTheStatusThoughTheNextCommandSucceeds) {
-  const Outcome outcome = Master({"--keep-going", "connect", "then", "time"});
+  const Outcome outcome = Master({"--keep-going", "data", "P9", "then", "time"});
   EXPECT_EQ(outcome.status, 2);
   EXPECT_EQ(outcome.out, "time  0 days\n");
+}
+
+// What was done already is nothing to end a run for.
+TEST_F(ProgramTest, ConnectAndFirstStepMayBeSaidAgain) {
+  const Outcome outcome =
+      Master({"until", "30", "then", "first-step", "then", "connect", "then", "time"});
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_THAT(outcome.out, testing::EndsWith("time  30 days\n"));
+  EXPECT_EQ(outcome.err,
+            "note: The first time step was taken already\n"
+            "note: The daemon was connected to the simulator already\n");
 }
 
 // That one slip was tolerated says nothing about the next failure.

@@ -130,6 +130,8 @@ TEST_F(TerminalTest, SlipIsAnsweredAndThePromptComesAgain) {
   EXPECT_THAT(Until("CASE day 0> "), HasSubstr("No such command: tiem"));
   Type("time\n");
   EXPECT_THAT(Until("CASE day 0> "), HasSubstr("time  0 days"));
+  Type("shut P1 then shut P9 then shut P2 then time\n");
+  EXPECT_THAT(Until("CASE day 0> "), HasSubstr("note: Not carried out: shut P2; time"));
   TypeEnd();
   EXPECT_EQ(Status(), 0);
 }

@@ -216,6 +216,7 @@ TEST_F(WellCommandsTest, VarsAsksForTheSimulatorsNamesWellByWell) {
   EXPECT_EQ(Requests(15)[0], Hex(Bytes("0f000000 02000000 5031 02000000"
                                        "14000000 424f54544f4d5f484f4c455f5052455353555245"
                                        "08000000 4741535f4c494654")));
+  EXPECT_EQ(Do("vars P1 P2 bhp"), "well,BOTTOM_HOLE_PRESSURE\nP1,10.5\nP2,10.5\n");
 }
 
 TEST_F(WellCommandsTest, OpenAndShutSendTheStatus) {
@@ -778,6 +779,9 @@ TEST(ParseWellCommands, MissingOrWrongArgumentsAreRefused) {
   EXPECT_THAT(Refusal("unconstrain"), HasSubstr("unconstrain WELLS [NAME...]"));
   EXPECT_THAT(Refusal("unconstrain P1 oil P2"), HasSubstr("'P2' stands behind the names"));
   EXPECT_THAT(Refusal("constrain oil=5"), HasSubstr("of which well?"));
+  for (const char* blanks : {"oil = 500", "oil= 500", "oil =500"}) {
+    EXPECT_THAT(Refusal(std::string("constrain P1 ") + blanks), HasSubstr("no blanks around ="));
+  }
   EXPECT_THAT(Refusal("constrain P1 oil=much"), HasSubstr("A number behind oil= wanted"));
   EXPECT_THAT(Refusal("ipr bhp"), HasSubstr("Of which wells?"));
   EXPECT_THAT(Refusal("ipr P1 skewness 0"), HasSubstr("above 0"));

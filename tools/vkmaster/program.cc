@@ -151,10 +151,12 @@ class Program {
   }
 
   Command PlanCommand() const {
-    auto plan = std::make_shared<const Plan>(ReadPlan(options_.plan));
+    auto plan = std::make_shared<Plan>(ReadPlan(options_.plan));
+    const std::string others = TakeOptions(options_, *plan);
     const std::string report = options_.report;
     const bool overwrite = options_.overwrite;
-    return {"run " + options_.plan, [plan, report, overwrite](Context& context) {
+    return {"run " + options_.plan, [plan, others, report, overwrite](Context& context) {
+              if (!others.empty()) context.output.Note("note: " + others);
               CarryOut(*plan, report, overwrite, context);
             }};
   }
@@ -168,8 +170,11 @@ class Program {
   }
 
   int ShowPlan() {
-    const Plan plan = ReadPlan(options_.plan);
-    output_.Write(Preview(plan));
+    Plan plan = ReadPlan(options_.plan);
+    const std::string others = TakeOptions(options_, plan);
+    Result preview = Preview(plan);
+    if (!others.empty()) preview.notes.push_back(others);
+    output_.Write(preview);
     try {
       CheckRoom(plan.directory, options_.overwrite);
     } catch (const UsageError& error) {
@@ -351,10 +356,15 @@ class Program {
       may_go_on_ = true;
       return Report(line, error).status;
     }
-    for (const Command& command : commands) {
-      const int status = Execute(command);
-      if (status != kOk || quit_) return status;
-      if (patient_ && StopAsked()) break;
+    for (std::size_t i = 0; i < commands.size(); ++i) {
+      const int status = Execute(commands[i]);
+      if (status == kOk && !quit_ && !(patient_ && StopAsked())) continue;
+      if (i + 1 < commands.size() && !quit_) {
+        output_.Note(
+            "note: Not carried out: " +
+            TextOf({commands.begin() + static_cast<std::ptrdiff_t>(i) + 1, commands.end()}));
+      }
+      return status;
     }
     return kOk;
   }

@@ -169,7 +169,8 @@ void AddOtherOptions(CLI::App& app, Options& options) {
       "do not shut the run down at the end: its controller ends with the connection, and the "
       "simulator is left to end by itself");
   app.add_flag("--keep-going", options.keep_going,
-               "go on after a command that could not be understood or sent");
+               "pass over commands that cannot be carried out, such as those for a well that the "
+               "model lacks, and go on");
   app.add_flag("--overwrite", options.overwrite,
                "let the results of a plan replace those of an earlier run");
   app.add_option("--report", options.report,
@@ -231,10 +232,7 @@ void CheckRunWords(const Options& options) {
   if (options.plan.empty()) throw UsageError(fmt::format("run: Which plan? {}", usage));
 }
 
-// `given` receives the names of the options that the command line, the environment or the --config
-// file sets.
-std::optional<int> Parse(int argc, const char* const* argv, Options& options,
-                         std::set<std::string>& given) {
+std::optional<int> Parse(int argc, const char* const* argv, Options& options) {
   CLI::App app("Launches a run through a jobmill daemon and controls it.", "vkmaster");
   AddLaunchOptions(app, options);
   AddOtherOptions(app, options);
@@ -265,7 +263,7 @@ std::optional<int> Parse(int argc, const char* const* argv, Options& options,
       return kOk;
     }
     for (const CLI::Option* option : app.get_options()) {
-      if (!option->empty()) given.insert(option->get_name());
+      if (!option->empty()) options.given.insert(option->get_name());
     }
   } catch (const CLI::ConfigError& error) {
     throw UsageError(fmt::format("--config: {}; vkmaster --help lists the options", error.what()));
@@ -275,28 +273,49 @@ std::optional<int> Parse(int argc, const char* const* argv, Options& options,
   return std::nullopt;
 }
 
-}  // namespace
-
-void ApplyLaunch(const Plan& plan, Options& options, const std::set<std::string>& given) {
-  master::RunRequest& run = options.run;
-  const std::map<std::string, std::string*> targets{
+// By the names of the options, without "--".
+template <typename AnyOptions>
+auto LaunchTexts(AnyOptions& options) {
+  auto& run = options.run;
+  return std::map<std::string, decltype(&run.path)>{
       {"host", &options.host}, {"path", &run.path},      {"root", &run.root},
       {"user", &run.user},     {"api", &run.version},    {"processes", &run.processes},
       {"debug", &run.debug},   {"cluster", &run.cluster}};
+}
+
+}  // namespace
+
+void ApplyLaunch(const Plan& plan, Options& options) {
   for (const auto& [name, text] : plan.launch.texts) {
-    if (!given.contains("--" + name)) *targets.at(name) = text;
+    if (!options.given.contains("--" + name)) *LaunchTexts(options).at(name) = text;
   }
-  if (plan.launch.port && !given.contains("--port")) options.port = *plan.launch.port;
+  if (plan.launch.port && !options.given.contains("--port")) options.port = *plan.launch.port;
+}
+
+std::string TakeOptions(const Options& options, Plan& plan) {
+  std::string others;
+  const auto take = [&](const std::string& name, const std::string& text) {
+    if (!options.given.contains("--" + name)) return;
+    std::string& planned = plan.launch.texts[name];
+    if (!planned.empty() && planned != text) {
+      others += fmt::format("{}{} {}, not {}", others.empty() ? "" : "; ", name, text, planned);
+    }
+    planned = text;
+  };
+  for (const auto& [name, text] : LaunchTexts(options)) take(name, *text);
+  if (options.given.contains("--port")) plan.launch.port = options.port;
+  if (options.step) plan.step = options.step;
+  return others.empty() ? "" : "Options win over the plan: " + others;
 }
 
 namespace {
 
 // "run PLAN" and "report" are no commands of a run: each is all that the program is to do.
-void TakeOwnWords(Options& options, const std::set<std::string>& given) {
+void TakeOwnWords(Options& options) {
   Words& words = options.words;
   const std::string first = words.empty() ? "" : words[0];
   if (!options.plan.empty()) {
-    ApplyLaunch(ReadPlan(options.plan), options, given);
+    ApplyLaunch(ReadPlan(options.plan), options);
   } else if (!options.report.empty()) {
     throw UsageError("--report is for run PLAN: the page is made of a plan's results");
   } else if (first == "report") {
@@ -323,10 +342,9 @@ void CheckVersion(const std::string& version) {
 
 std::optional<int> ParseOptions(int argc, const char* const* argv, Options& options) {
   options.run.user = DefaultUser();
-  std::set<std::string> given;
   try {
-    if (const auto status = Parse(argc, argv, options, given)) return status;
-    TakeOwnWords(options, given);
+    if (const auto status = Parse(argc, argv, options)) return status;
+    TakeOwnWords(options);
     CheckVersion(options.run.version);
   } catch (const UsageError& error) {
     Tell(stderr, fmt::format("vkmaster: {}\n", error.what()));

@@ -60,15 +60,21 @@ struct Options {
   std::string results;     ///< the directory of "report DIRECTORY"; empty for none
   std::string report;      ///< the file of the report; empty for none
   bool check = false;      ///< "run --check PLAN": say what the plan does, without a daemon
+
+  /// The options that the command line, the environment or the --config file sets, as "--host".
+  std::set<std::string> given;
 };
 
-/// Fills `options` from the command line, and for "run PLAN" from the plan where the command line
-/// says nothing. Returns the status to end with when there is nothing further to do: the help, the
-/// version or an error has been printed.
+/// Fills `options` from the command line, the environment and the --config file, and for "run PLAN"
+/// from the plan where these say nothing. Returns the status to end with when there is nothing
+/// further to do: the help, the version or an error has been printed.
 std::optional<int> ParseOptions(int argc, const char* const* argv, Options& options);
 
-/// Takes what the plan says about the launch, except for the options that were `given`, named as
-/// "--host".
-void ApplyLaunch(const Plan& plan, Options& options, const std::set<std::string>& given = {});
+/// Takes what the plan says about the launch, except for the options that were given.
+void ApplyLaunch(const Plan& plan, Options& options);
+
+/// Makes the plan what it is with these options, and returns a sentence on what it says otherwise;
+/// empty for nothing.
+std::string TakeOptions(const Options& options, Plan& plan);
 
 }  // namespace vkmaster

@@ -127,9 +127,9 @@ Result SourceResult(Session& session, const std::string& word, const std::string
 }
 
 // The source's name, which the simulator would otherwise acknowledge without effect.
-std::string SourceOf(const Session& session, const std::string& word) {
+std::string SourceOf(const Session& session, const std::string& word, bool planned) {
+  if (IsMarked(word) || session.KnowsSource(word, planned)) return WithoutMark(word);
   const std::set<std::string>& known = session.sources();
-  if (IsMarked(word) || known.contains(word)) return WithoutMark(word);
   throw UsageError("No source '" + word + "' was attached in this run" +
                    MaybeMeant(word, {known.begin(), known.end()}) + ": source WELL " + word +
                    " does it, and " + kAsIs + word + " is sent as it stands");
@@ -173,7 +173,7 @@ Result CompositionResult(Session& session, const std::vector<SourceComposition>&
                {"mole_fraction", "mole fraction", ""}},
               {}};
   for (const SourceComposition& one : given) {
-    sources.push_back(SourceOf(session, one.source));
+    sources.push_back(SourceOf(session, one.source, false));
     compositions.push_back(InOrder(one, components));
     for (std::size_t i = 0; i < compositions.back().size(); ++i) {
       table.rows.push_back({sources.back(), components[i], compositions.back()[i]});
@@ -222,6 +222,7 @@ Parsed ParseSource(const Words& arguments) {
       [arguments](Session& session) {
         session.CheckWells({arguments[0]});
         if (!Session::IsLater(arguments[0])) GasInjectorOf(session, arguments[0]);
+        session.PlanSource(arguments[1]);
       });
 }
 
@@ -265,7 +266,10 @@ Parsed ParseComposition(const Words& arguments) {
                    if (session.Components().empty()) {
                      throw UsageError("The model is black oil and has no components");
                    }
-                   for (const SourceComposition& one : given) InOrder(one, session.Components());
+                   for (const SourceComposition& one : given) {
+                     SourceOf(session, one.source, true);
+                     InOrder(one, session.Components());
+                   }
                  });
 }
 

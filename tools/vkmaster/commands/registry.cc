@@ -42,14 +42,22 @@ Result One(const std::string& command, Field field) {
   return {.command = command, .fields = {std::move(field)}};
 }
 
+// What was done already is no reason to end a run.
 Result Connected(Session& session) {
-  session.Connect();
-  return One("connect", {"simulator_host", "simulator on", session.launched().simulator_host, ""});
+  const bool before = session.connected() && !session.shut_down();
+  if (!before) session.Connect();
+  Result result =
+      One("connect", {"simulator_host", "simulator on", session.launched().simulator_host, ""});
+  if (before) result.notes.emplace_back("The daemon was connected to the simulator already");
+  return result;
 }
 
 Result FirstStep(Session& session) {
-  session.FirstStep();
-  return One("first-step", {"time_days", "day", session.TimeDays(), ""});
+  const bool before = session.first_step_done();
+  if (!before) session.FirstStep();
+  Result result = One("first-step", {"time_days", "day", session.TimeDays(), ""});
+  if (before) result.notes.emplace_back("The first time step was taken already");
+  return result;
 }
 
 Result Shutdown(Session& session) {

@@ -282,11 +282,13 @@ bool IsLimitName(const std::string& word) {
   }
 }
 
-// The limits that were set on the well in this session, except those out of reach.
+// The limits that were set on the well in this session, with `planned` also those that will have
+// been, except those out of reach.
 Words LimitsInForce(Session& session, const std::string& well, const std::string& type,
-                    bool metric) {
-  const master::WellConstraints known = session.Remembered(well);
+                    bool planned) {
+  const master::WellConstraints known = session.Remembered(well, planned);
   if (session.cut_back().contains(well)) return known.names;
+  const bool metric = session.Metric();
   Words names;
   for (std::size_t i = 0; i < known.names.size(); ++i) {
     if (known.values[i] != NoLimit(known.names[i], type, metric)) names.push_back(known.names[i]);
@@ -294,21 +296,19 @@ Words LimitsInForce(Session& session, const std::string& well, const std::string
   return names;
 }
 
-Result UnconstrainResult(Session& session, const Words& patterns, const Words& names) {
+// What takes the limits called `names` off the wells, all that are in force without names.
+std::vector<master::WellConstraints> FreeLimits(Session& session, const Words& patterns,
+                                                const Words& names, bool planned) {
   const Words wells = session.Resolve(patterns);
   const WellsByName known = ByName(session.KnownWells());
   std::vector<master::WellConstraints> free;
-  Table table{
-      "constraints", "", {{"well", "well", ""}, {"constraint", "constraint taken off", ""}}, {}};
   for (const std::string& well : wells) {
     const std::string& type = known.at(well).type;
     master::WellConstraints limits{well, {}, {}};
-    const bool metric = session.Metric();
     for (const std::string& name :
-         names.empty() ? LimitsInForce(session, well, type, metric) : names) {
+         names.empty() ? LimitsInForce(session, well, type, planned) : names) {
       if (!IsLimitFor(name, type)) continue;
-      SetConstraint(limits, name, NoLimit(name, type, metric));
-      table.rows.push_back({well, name});
+      SetConstraint(limits, name, NoLimit(name, type, session.Metric()));
     }
     if (!limits.names.empty()) free.push_back(std::move(limits));
   }
@@ -318,13 +318,32 @@ Result UnconstrainResult(Session& session, const Words& patterns, const Words& n
                            "example unconstrain P1 oil bhp"
                          : "These limits do not concern these wells");
   }
+  return free;
+}
+
+Result UnconstrainResult(Session& session, const Words& patterns, const Words& names) {
+  const auto free = FreeLimits(session, patterns, names, false);
   SetConstraints(session, free);
-  for (const master::WellConstraints& well : free) session.cut_back().erase(well.well);
+  Table table{
+      "constraints", "", {{"well", "well", ""}, {"constraint", "constraint taken off", ""}}, {}};
+  for (const master::WellConstraints& well : free) {
+    session.cut_back().erase(well.well);
+    for (const std::string& name : well.names) table.rows.push_back({well.well, name});
+  }
   Result result{.command = "unconstrain", .tables = {std::move(table)}};
   result.notes.emplace_back(
       "No limit of these kinds is in force on these wells now: one that the model had is gone, "
       "too");
   return result;
+}
+
+bool IsProperty(const std::string& word) {
+  try {
+    PropertyOf(word);
+    return true;
+  } catch (const UsageError&) {
+    return false;
+  }
 }
 
 std::size_t SizeOf(const master::WellConstraints& well) {
@@ -381,11 +400,12 @@ Parsed ParseVars(const Words& arguments) {
     return Showing([](Session& session) { return NamesResult(session, "vars", false); });
   }
   if (arguments.size() < 2) throw UsageError("Of which wells, and what? vars WELLS NAME...");
+  // Names come last; a well may be called like one only in first place.
+  auto first = std::find_if(arguments.begin() + 1, arguments.end(), IsProperty);
+  if (first == arguments.end()) first = arguments.begin() + 1;
+  const Words wells(arguments.begin(), first);
   std::vector<std::string> properties;
-  for (std::size_t i = 1; i < arguments.size(); ++i) {
-    properties.push_back(PropertyOf(arguments[i]));
-  }
-  const Words wells{arguments[0]};
+  std::transform(first, arguments.end(), std::back_inserter(properties), PropertyOf);
   return Showing(
       [wells, properties](Session& session) { return VarsResult(session, wells, properties); },
       [wells, properties](Session& session) {
@@ -438,6 +458,9 @@ std::vector<ConstraintGroup> ParseConstraints(const Words& arguments) {
       groups.back().wells.push_back(word);
     } else {
       if (groups.empty()) throw UsageError("'" + word + "': of which well?");
+      if (equals == 0 || equals + 1 == word.size()) {
+        throw UsageError("'" + word + "': no blanks around =, as in P1 oil=500");
+      }
       groups.back().names.push_back(ConstraintOf(word.substr(0, equals)));
       const double value =
           ParseNumber(word.substr(equals + 1), "A number behind " + word.substr(0, equals + 1));
@@ -486,9 +509,7 @@ Parsed ParseUnconstrain(const Words& arguments) {
       [wells, names](Session& session) {
         session.CheckWells(wells);
         if (std::any_of(wells.begin(), wells.end(), Session::IsLater)) return;
-        for (const std::string& well : session.Resolve(wells)) {
-          session.Plan({well, names, {}});
-        }
+        for (const auto& well : FreeLimits(session, wells, names, true)) session.Plan(well);
       });
 }
 

@@ -33,6 +33,10 @@ Recorder::Recorder(std::string directory, std::FILE* notes, std::function<void()
     : Output(Form::kCsv, nullptr, notes),
       directory_(std::move(directory)),
       await_room_(std::move(await_room)) {
+  MakeDirectory();
+}
+
+void Recorder::MakeDirectory() {
   std::error_code error;
   std::filesystem::create_directories(PathOf(directory_), error);
   if (error) {
@@ -58,9 +62,9 @@ void Recorder::Write(const Result& result) {
   }
 }
 
-std::set<std::string> Recorder::Files() const {
+std::set<std::string> Recorder::Close() {
   std::set<std::string> names;
-  for (const auto& [key, file] : files_) {
+  for (const auto& [key, file] : std::exchange(files_, {})) {
     names.insert(PathOf(file.path).filename().string());
   }
   return names;
@@ -89,11 +93,19 @@ void Recorder::WriteTable(const std::string& name, const Table& table) {
 
 Recorder::File& Recorder::FileFor(const std::string& name, const std::string& header) {
   File& file = files_[name + "\n" + header];
-  if (file.stream) return file;
-  const int number = ++count_[name];
-  file.path =
-      (PathOf(directory_) / (number == 1 ? name + ".csv" : fmt::format("{}_{}.csv", name, number)))
-          .string();
+  if (file.stream) {
+    std::error_code error;
+    if (std::filesystem::exists(PathOf(file.path), error) || error) return file;
+    Note(fmt::format("note: '{}' has gone, with what it held; it is written anew from day {:.6g}",
+                     file.path, days_));
+    MakeDirectory();
+    file.size = 0;
+  } else {
+    const int number = ++count_[name];
+    file.path = (PathOf(directory_) /
+                 (number == 1 ? name + ".csv" : fmt::format("{}_{}.csv", name, number)))
+                    .string();
+  }
   file.stream.reset(OpenToWrite(file.path));
   if (!file.stream) throw UsageError(CannotWrite(file.path));
   // What has failed is not to be tried again by a buffer.

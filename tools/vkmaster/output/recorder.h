@@ -27,8 +27,8 @@ class Recorder : public Output {
   /// The time and date of the results to come.
   void SetTime(double days, std::string date);
 
-  /// The names of the files that have been written.
-  std::set<std::string> Files() const;
+  /// Closes the files and returns their names.
+  std::set<std::string> Close();
 
   /// The notes of lasting results since the last call, with their commands.
   std::vector<std::string> TakeNotes() { return std::exchange(lasting_, {}); }
@@ -47,6 +47,7 @@ class Recorder : public Output {
     std::uintmax_t size = 0;  ///< what it holds of whole writes
   };
 
+  void MakeDirectory();
   void WriteTable(const std::string& name, const Table& table);
   File& FileFor(const std::string& name, const std::string& header);
   void Append(File& file, const std::string& text);

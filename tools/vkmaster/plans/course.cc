@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <functional>
+#include <set>
 #include <string>
 #include <system_error>
 #include <thread>
@@ -47,11 +48,17 @@ class Course {
     }
     SortEvents();
     CheckCommands();
+    const std::string nothing = NoteOfNothing(plan_);
+    if (!nothing.empty()) context_.output.Note("note: " + nothing);
     began_ = Clock::now();
     RunFile file(plan_, session_, overwrite_);
     try {
       Compute([this] { session_.FirstStep(); });
-      CarryOn(session_.TimeDays());
+      const double start = session_.TimeDays();
+      context_.progress.BeginAdvance(start, target_);
+      Stop(start, true);
+      file.Begun();
+      CarryOn(start);
     } catch (const master::Interrupted&) {
       EndEarly(file, "interrupted");
       throw;
@@ -61,7 +68,7 @@ class Course {
     }
     const std::string left = EventsLeft();
     const char* whole = session_.has_ended() ? "the simulation ended" : "the plan was carried out";
-    file.End(left.empty() ? whole : left, session_.last_days(), recorder_.Files());
+    file.End(left.empty() ? whole : left, session_.last_days(), recorder_.Close());
     report_.Finish();
     if (!left.empty()) throw UsageError(left);
   }
@@ -75,7 +82,12 @@ class Course {
   // What ended the run is the failure to tell; what cannot be written about it is a note.
   void EndEarly(RunFile& file, const std::string& how) {
     try {
-      file.End(how, session_.last_days(), recorder_.Files());
+      const std::set<std::string> files = recorder_.Close();
+      if (file.PutBack(files)) {
+        context_.output.Note("note: The results of the earlier run are left as they were");
+        return;
+      }
+      file.End(how, session_.last_days(), files);
       report_.Finish();
     } catch (const std::exception& error) {
       context_.output.Note(std::string("note: ") + error.what());
@@ -118,8 +130,6 @@ class Course {
   }
 
   void CarryOn(double now) {
-    context_.progress.BeginAdvance(now, target_);
-    Stop(now, true);
     while (target_ - now >= kSameTime && !session_.has_ended()) {
       now = NextStop(now);
       Compute([&] { session_.run().RunUntil(now); });

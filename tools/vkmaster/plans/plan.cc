@@ -1,10 +1,12 @@
 #include "tools/vkmaster/plans/plan.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cstdint>
 #include <fstream>
 #include <regex>
 #include <string_view>
+#include <system_error>
 #include <utility>
 
 #include <fmt/format.h>
@@ -67,11 +69,23 @@ Target TargetOf(const Value& value) {
   });
 }
 
+void CheckLowest(Section& section, const char* key, std::int64_t lowest) {
+  const auto value = section.Find(key);
+  if (!value) return;
+  const std::string text = Text(*value);
+  std::int64_t number = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+  if (error == std::errc() && end == text.data() + text.size() && number >= lowest) return;
+  value->place().Fail(fmt::format("a number from {} up", lowest));
+}
+
 Plan::Launch ReadLaunch(Section section) {
   Plan::Launch launch;
   for (const char* key : {"host", "path", "root", "processes", "api", "user", "debug", "cluster"}) {
     if (const auto text = Text(section, key)) launch.texts.emplace(key, *text);
   }
+  CheckLowest(section, "processes", 1);
+  CheckLowest(section, "cluster", 0);
   if (const auto port = section.Find("port")) {
     const auto number = port->Integer();
     if (!number || *number < 1 || *number > 65535) {
@@ -233,6 +247,15 @@ std::string TextOf(const std::vector<Command>& commands) {
   return text;
 }
 
+std::string NoteOfNothing(const Plan& plan) {
+  const auto asks = [](const PlanEvent& event) {
+    return std::any_of(event.commands.begin(), event.commands.end(),
+                       [](const Command& command) { return !command.sets; });
+  };
+  if (!plan.record.empty() || std::any_of(plan.events.begin(), plan.events.end(), asks)) return "";
+  return "The plan records nothing but its stops: [record] has no commands, such as data or field";
+}
+
 Result Preview(const Plan& plan) {
   Result result{.command = "check"};
   const auto add = [&result](const char* key, const char* label, const std::string& value) {
@@ -269,6 +292,8 @@ Result Preview(const Plan& plan) {
         "and checked before its first step");
     break;
   }
+  const std::string nothing = NoteOfNothing(plan);
+  if (!nothing.empty()) result.notes.push_back(nothing);
   return result;
 }
 

@@ -42,6 +42,9 @@ Plan ReadPlan(const std::string& file);
 /// The commands with semicolons between them.
 std::string TextOf(const std::vector<Command>& commands);
 
+/// A sentence that says that the plan records nothing; empty when it does.
+std::string NoteOfNothing(const Plan& plan);
+
 /// What the plan will do when, as far as that is known without a run.
 Result Preview(const Plan& plan);
 

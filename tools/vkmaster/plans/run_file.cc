@@ -2,19 +2,23 @@
 
 #include <errno.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 #include <fmt/chrono.h>
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include "tools/vkmaster/commands/wells.h"
 #include "tools/vkmaster/plans/plan.h"
+#include "tools/vkmaster/report/report.h"
 #include "tools/vkmaster/session/session.h"
 #include "tools/vkmaster/session/units.h"
 #include "tools/vkmaster/system/system.h"
@@ -22,6 +26,7 @@
 #include "tools/vkmaster/text/stopwatch.h"
 #include "tools/vkmaster/text/usage_error.h"
 #include "tools/vkmaster/text/whole_file.h"
+#include "tools/vkmaster/text/words.h"
 
 namespace vkmaster {
 namespace {
@@ -57,15 +62,50 @@ std::string DigestOf(const std::string& file) {
   return Sha256(bytes);
 }
 
-std::vector<fs::path> ResultsIn(const std::string& directory) {
-  std::vector<fs::path> results;
+Json ReadJson(const fs::path& file) {
+  std::ifstream in(file, std::ios::binary);
+  return Json::parse(in, nullptr, false);
+}
+
+// The first columns of every file that a plan's results have.
+bool IsRecord(const fs::path& file) {
+  std::ifstream in(file, std::ios::binary);
+  std::string line;
+  std::getline(in, line);
+  return line.starts_with("time_days,date");
+}
+
+// The files in a directory that a plan's results may be taken for.
+struct Present {
+  std::vector<fs::path> results;  // of an earlier run
+  Words others;                   // names of those that vkmaster has not written
+};
+
+Present FilesIn(const std::string& directory) {
+  const Json run = ReadJson(PathOf(directory) / kName);
+  const bool known = run.is_object() && run.contains("vkmaster_version");
+  // A run that has ended without a word has no list.
+  const Json files = known ? run.value("files", Json()) : Json();
+  const auto listed = [&files](const std::string& name) {
+    return !files.is_array() || std::find(files.begin(), files.end(), name) != files.end();
+  };
+  Present present;
   std::error_code error;
   for (const fs::directory_entry& entry : fs::directory_iterator(PathOf(directory), error)) {
     const std::string name = entry.path().filename().string();
-    const bool ours = name == kName || name == kReport || entry.path().extension() == ".csv";
-    if (ours && entry.is_regular_file(error)) results.push_back(entry.path());
+    const bool table = entry.path().extension() == ".csv";
+    if (!entry.is_regular_file(error)) continue;
+    if (name == kReport && IsReport(entry.path().string())) present.results.push_back(entry.path());
+    if (name != kName && !table) continue;
+    const bool ours = table ? listed(name) && IsRecord(entry.path()) : known;
+    if (ours) {
+      present.results.push_back(entry.path());
+    } else {
+      present.others.push_back(name);
+    }
   }
-  return results;
+  std::sort(present.others.begin(), present.others.end());
+  return present;
 }
 
 void Write(const std::string& path, const std::string& text) {
@@ -74,16 +114,31 @@ void Write(const std::string& path, const std::string& text) {
   file.PutInPlace();
 }
 
-void Remove(const fs::path& file) {
-  std::error_code error;
-  fs::remove(file, error);
-  if (error) {
-    throw UsageError(fmt::format("Cannot remove '{}': {}", file.string(), error.message()));
-  }
-}
-
 std::string Dump(const Json& json) {
   return json.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
+}
+
+// Those of two runs would be mixed, or the earlier ones lost.
+void CheckFiles(const std::string& directory, bool overwrite) {
+  const Present present = FilesIn(directory);
+  if (!present.others.empty()) {
+    throw UsageError(fmt::format(
+        "'{}' has files that are no results of a plan, and could be taken for some: {}. "
+        "Give the plan another directory",
+        directory, Listed(present.others)));
+  }
+  if (overwrite || present.results.empty()) return;
+  throw UsageError(fmt::format(
+      "'{}' has the results of an earlier run. Give the plan another directory, or --overwrite, "
+      "which removes {}, {} and the CSV files there",
+      directory, kName, kReport));
+}
+
+void CheckFree(const DirectoryLock& lock, const std::string& directory) {
+  if (lock.held()) return;
+  throw UsageError(fmt::format(
+      "A run that is under way writes its results to '{}'. Give the plan another directory",
+      directory));
 }
 
 // A directory that there is not yet can be made when what is to hold it takes a file.
@@ -113,7 +168,10 @@ struct RunFile::Content {
 };
 
 RunFile::RunFile(const Plan& plan, Session& session, bool overwrite)
-    : path_((PathOf(plan.directory) / kName).string()), content_(std::make_unique<Content>()) {
+    : path_((PathOf(plan.directory) / kName).string()),
+      lock_(plan.directory),
+      content_(std::make_unique<Content>()) {
+  CheckFree(lock_, plan.directory);
   const Launched& launched = session.launched();
   const master::RunRequest& run = launched.request;
   Json& json = content_->json;
@@ -148,8 +206,12 @@ RunFile::RunFile(const Plan& plan, Session& session, bool overwrite)
   // A full disk shows before the earlier results have gone.
   WholeFile file(path_);
   file.Write(Dump(json));
-  CheckRoom(plan.directory, overwrite);
-  for (const fs::path& earlier : ResultsIn(plan.directory)) Remove(earlier);
+  CheckFiles(plan.directory, overwrite);
+  for (const fs::path& earlier : FilesIn(plan.directory).results) {
+    aside_.emplace_back(earlier,
+                        earlier.parent_path() / ("." + earlier.filename().string() + ".before"));
+  }
+  for (const auto& [earlier, aside] : aside_) fs::rename(earlier, aside);
   file.PutInPlace();
 }
 
@@ -165,13 +227,24 @@ void RunFile::End(const std::string& how, double day, const std::set<std::string
   Write(path_, Dump(json));
 }
 
+void RunFile::Begun() {
+  std::error_code ignored;
+  for (const auto& [earlier, aside] : std::exchange(aside_, {})) fs::remove(aside, ignored);
+}
+
+bool RunFile::PutBack(const std::set<std::string>& files) {
+  if (aside_.empty()) return false;
+  const fs::path directory = PathOf(path_).parent_path();
+  for (const std::string& name : files) fs::remove(directory / name);
+  fs::remove(PathOf(path_));
+  for (const auto& [earlier, aside] : std::exchange(aside_, {})) fs::rename(aside, earlier);
+  return true;
+}
+
 void CheckRoom(const std::string& directory, bool overwrite) {
   CheckWritable(directory);
-  if (overwrite || ResultsIn(directory).empty()) return;
-  throw UsageError(fmt::format(
-      "'{}' has the results of an earlier run. Give the plan another directory, or --overwrite, "
-      "which removes {}, {} and the CSV files there",
-      directory, kName, kReport));
+  CheckFree(DirectoryLock(directory), directory);
+  CheckFiles(directory, overwrite);
 }
 
 }  // namespace vkmaster

@@ -1,8 +1,13 @@
 #pragma once
 
+#include <filesystem>
 #include <memory>
 #include <set>
 #include <string>
+#include <utility>
+#include <vector>
+
+#include "tools/vkmaster/system/system.h"
 
 namespace vkmaster {
 
@@ -13,13 +18,21 @@ struct Plan;
 /// ended, so that the results can be trusted when nobody remembers the run.
 class RunFile {
  public:
-  /// Writes the file for a run that begins. With `overwrite` the results of an earlier run in the
-  /// directory go now, not before. Throws UsageError when there are such results without it, which
-  /// another run may have written during the launch, and when the file cannot be written.
+  /// Writes the file for a run that begins, and keeps the directory for it as long as this object
+  /// lives. With `overwrite` the results of an earlier run in the directory are set aside now, not
+  /// before. Throws UsageError for what CheckRoom() does, which may have come during the launch,
+  /// and when the file cannot be written.
   RunFile(const Plan& plan, Session& session, bool overwrite);
   RunFile(const RunFile&) = delete;
   RunFile& operator=(const RunFile&) = delete;
   ~RunFile();
+
+  /// The run has begun in earnest: what was set aside goes.
+  void Begun();
+
+  /// For a run that has ended before that: puts back what was set aside, in place of `files` and of
+  /// this one. False when nothing was. Throws std::filesystem::filesystem_error.
+  bool PutBack(const std::set<std::string>& files);
 
   /// Writes the file anew with the end of the run. Never throws: the end may be that of the disk's
   /// room.
@@ -28,12 +41,15 @@ class RunFile {
  private:
   struct Content;
   std::string path_;
+  DirectoryLock lock_;
+  std::vector<std::pair<std::filesystem::path, std::filesystem::path>> aside_;  // was, is
   std::unique_ptr<Content> content_;
 };
 
-/// Throws UsageError when no results could be written to the plan's directory, or when it has
-/// results already, unless `overwrite` allows to replace them: those of two runs would be mixed, or
-/// the earlier ones lost. Changes nothing.
+/// Throws UsageError when no results could be written to the plan's directory, when another run
+/// writes to it, when it has results already, unless `overwrite` allows to replace them, and when
+/// it has files that could be taken for results and are none: nothing is replaced but what vkmaster
+/// has written. Changes nothing.
 void CheckRoom(const std::string& directory, bool overwrite);
 
 }  // namespace vkmaster

@@ -190,11 +190,15 @@ void WriteBlocks(const Results& results, WholeFile& file) {
 
 }  // namespace
 
-void CheckReplaceable(const std::string& file) {
+bool IsReport(const std::string& file) {
   std::ifstream present(PathOf(file), std::ios::binary);
   std::string head(512, '\0');
   present.read(head.data(), static_cast<std::streamsize>(head.size()));
-  if (present.gcount() == 0 || head.find("content=\"vkmaster report\"") != head.npos) return;
+  return present.gcount() == 0 || head.find("content=\"vkmaster report\"") != head.npos;
+}
+
+void CheckReplaceable(const std::string& file) {
+  if (IsReport(file)) return;
   throw UsageError(
       fmt::format("'{}' is there already and is no report: it is left as it is", file));
 }

@@ -12,6 +12,9 @@
 
 namespace vkmaster {
 
+/// Whether `file` holds a report, or nothing.
+bool IsReport(const std::string& file);
+
 /// Throws UsageError when `file` holds something else than a report, which a page in its place
 /// would destroy.
 void CheckReplaceable(const std::string& file);

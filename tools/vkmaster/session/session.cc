@@ -139,16 +139,19 @@ bool Session::IsLater(const std::string& pattern) {
 }
 
 void Session::Remember(const master::WellConstraints& constraints) {
-  master::WellConstraints& kept = constraints_[constraints.well];
-  kept.well = constraints.well;
-  for (std::size_t i = 0; i < constraints.names.size(); ++i) {
-    SetConstraint(kept, constraints.names[i], constraints.values[i]);
-  }
+  Add(constraints, constraints_);
 }
 
-master::WellConstraints Session::Remembered(const std::string& well) const {
-  const auto found = constraints_.find(well);
-  return found == constraints_.end() ? master::WellConstraints{well, {}, {}} : found->second;
+master::WellConstraints Session::Remembered(const std::string& well, bool planned) const {
+  master::WellConstraints all{well, {}, {}};
+  for (const Constraints* known : {&constraints_, &planned_}) {
+    const auto found = known->find(well);
+    if (found == known->end() || (known == &planned_ && !planned)) continue;
+    for (std::size_t i = 0; i < found->second.names.size(); ++i) {
+      SetConstraint(all, found->second.names[i], found->second.values[i]);
+    }
+  }
+  return all;
 }
 
 std::vector<std::string> Session::Find(const std::string& pattern) const {
@@ -166,13 +169,20 @@ std::vector<std::string> Session::Find(const std::string& pattern) const {
 }
 
 bool Session::Knows(const std::string& well, const std::string& name, bool planned) const {
-  if (planned && planned_.contains({well, name})) return true;
-  const std::vector<std::string> names = Remembered(well).names;
+  const std::vector<std::string> names = Remembered(well, planned).names;
   return std::find(names.begin(), names.end(), name) != names.end();
 }
 
 void Session::Plan(const master::WellConstraints& constraints) {
-  for (const std::string& name : constraints.names) planned_.insert({constraints.well, name});
+  Add(constraints, planned_);
+}
+
+void Session::Add(const master::WellConstraints& constraints, Constraints& to) {
+  master::WellConstraints& kept = to[constraints.well];
+  kept.well = constraints.well;
+  for (std::size_t i = 0; i < constraints.names.size(); ++i) {
+    SetConstraint(kept, constraints.names[i], constraints.values[i]);
+  }
 }
 
 Rates SumOf(const std::vector<master::WellData>& wells) {

@@ -108,12 +108,16 @@ class Session {
   /// Keeps the constraints that were set on a well, since no request can ask for them. A later
   /// value of a constraint replaces the earlier one.
   void Remember(const master::WellConstraints& constraints);
-  master::WellConstraints Remembered(const std::string& well) const;
 
-  /// Whether `name` was set on the well in this session, or with `planned` will have been by the
-  /// commands that Plan() was called for.
-  bool Knows(const std::string& well, const std::string& name, bool planned) const;
+  /// The same for constraints that a command will set which is not carried out yet, while all
+  /// commands are checked in their order.
   void Plan(const master::WellConstraints& constraints);
+
+  /// The constraints that were set on the well, with `planned` also those that will have been.
+  master::WellConstraints Remembered(const std::string& well, bool planned = false) const;
+
+  /// Whether `name` is among them.
+  bool Knows(const std::string& well, const std::string& name, bool planned) const;
 
   Totals& totals() { return totals_; }
 
@@ -124,7 +128,16 @@ class Session {
   void RememberSource(const std::string& source) { sources_.insert(source); }
   const std::set<std::string>& sources() const { return sources_; }
 
+  /// Whether the source was attached, or will have been by a command that is not carried out yet.
+  void PlanSource(const std::string& source) { planned_sources_.insert(source); }
+  bool KnowsSource(const std::string& source, bool planned) const {
+    return sources_.contains(source) || (planned && planned_sources_.contains(source));
+  }
+
  private:
+  using Constraints = std::map<std::string, master::WellConstraints>;  // by well
+
+  static void Add(const master::WellConstraints& constraints, Constraints& to);
   std::vector<std::string> Find(const std::string& pattern) const;
 
   master::Run run_;
@@ -139,10 +152,11 @@ class Session {
   bool has_ended_ = false;
   bool wells_known_ = false;
   std::vector<master::WellStatus> wells_;
-  std::map<std::string, master::WellConstraints> constraints_;
-  std::set<std::pair<std::string, std::string>> planned_;  // wells and names of limits
+  Constraints constraints_;
+  Constraints planned_;
   std::set<std::string> cut_back_;
   std::set<std::string> sources_;
+  std::set<std::string> planned_sources_;
   Totals totals_;
 };
 

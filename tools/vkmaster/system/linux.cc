@@ -1,5 +1,8 @@
+#include <errno.h>
+#include <fcntl.h>
 #include <pwd.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 #include "tools/vkmaster/system/system.h"
@@ -12,6 +15,15 @@ std::filesystem::path PathOf(const std::string& name) {
 
 std::FILE* OpenToWrite(const std::string& path) {
   return std::fopen(path.c_str(), "we");
+}
+
+DirectoryLock::DirectoryLock(const std::string& directory)
+    : handle_(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
+  held_ = flock(static_cast<int>(handle_), LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK;
+}
+
+DirectoryLock::~DirectoryLock() {
+  close(static_cast<int>(handle_));
 }
 
 std::string AccountName() {

@@ -2,6 +2,7 @@
 // Texts are UTF-8 on both, the names of files included.
 #pragma once
 
+#include <cstdint>
 #include <cstdio>
 #include <filesystem>
 #include <memory>
@@ -16,6 +17,23 @@ std::filesystem::path PathOf(const std::string& name);
 /// Makes the file `path` anew, for bytes that are written as they are; null with errno when that
 /// fails.
 std::FILE* OpenToWrite(const std::string& path);
+
+/// Keeps a directory for one program at a time, as far as the others ask as well. Of a file system
+/// that has no locks everybody gets it, and so of a directory that there is not.
+class DirectoryLock {
+ public:
+  explicit DirectoryLock(const std::string& directory);
+  DirectoryLock(const DirectoryLock&) = delete;
+  DirectoryLock& operator=(const DirectoryLock&) = delete;
+  ~DirectoryLock();
+
+  /// False when another program has it.
+  bool held() const { return held_; }
+
+ private:
+  std::intptr_t handle_ = -1;
+  bool held_ = true;
+};
 
 /// The name of the account that the program runs in, "" when it has none.
 std::string AccountName();

@@ -63,6 +63,18 @@ std::FILE* OpenToWrite(const std::string& path) {
   return _wfopen(Wide(path).c_str(), L"wb");
 }
 
+DirectoryLock::DirectoryLock(const std::string& directory)
+    : handle_(reinterpret_cast<std::intptr_t>(
+          CreateFileW((PathOf(directory) / ".vkmaster.lock").c_str(), GENERIC_WRITE, 0, nullptr,
+                      OPEN_ALWAYS, FILE_ATTRIBUTE_HIDDEN | FILE_FLAG_DELETE_ON_CLOSE, nullptr))) {
+  held_ = reinterpret_cast<HANDLE>(handle_) != INVALID_HANDLE_VALUE ||
+          GetLastError() != ERROR_SHARING_VIOLATION;
+}
+
+DirectoryLock::~DirectoryLock() {
+  CloseHandle(reinterpret_cast<HANDLE>(handle_));
+}
+
 std::string AccountName() {
   std::array<wchar_t, UNLEN + 1> name{};
   DWORD size = name.size();
