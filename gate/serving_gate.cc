@@ -68,6 +68,7 @@ struct ServingGate::Arrival {
   CertificateNames names;
   Identity identity;
   std::string fingerprint;
+  std::optional<Tcp::socket> daemon;  // of a link that begins, while the daemon is waited for
   Arrivals::iterator place;
   bool gone = false;
 };
@@ -278,12 +279,10 @@ void ServingGate::Begin(const std::shared_ptr<Arrival>& arrival, const Opening& 
   const auto added = table_.Add(arrival->identity);
   if (const auto* reason = std::get_if<Reason>(&added)) return Refuse(arrival, *reason);
   const LinkId id = std::get<LinkId>(added);
-  // The daemon is beside this gate: it answers at once or not at all.
-  auto daemon = std::make_shared<Tcp::socket>(context_);
-  daemon->async_connect(daemon_, [this, arrival, opening, id, daemon](error_code error) {
-    if (!error && !arrival->gone && !stopping_) {
-      return Join(arrival, opening, id, std::move(*daemon));
-    }
+  // The daemon is beside this gate: it answers at once or not at all, and Tick() gives it up.
+  arrival->daemon.emplace(context_);
+  arrival->daemon->async_connect(daemon_, [this, arrival, opening, id](error_code error) {
+    if (!error && !arrival->gone) return Join(arrival, opening, id, std::move(*arrival->daemon));
     table_.Ended(id, Reason::kNoService);
     if (!arrival->gone) Refuse(arrival, Reason::kNoService);
   });
@@ -382,6 +381,8 @@ void ServingGate::TellOfRefusal(const Arrival& arrival, const std::string& why) 
   journal_.Write("refused", fields);
 }
 
+  error_code ignored;
+  if (arrival->daemon) arrival->daemon->close(ignored);
 void ServingGate::Forget(const std::shared_ptr<Arrival>& arrival) {
   if (std::exchange(arrival->gone, true)) return;
   arrivals_.erase(arrival->place);
@@ -444,7 +445,12 @@ void ServingGate::Tick() {
   const Time now = Now();
   refusals_.clear();
   while (!arrivals_.empty() && now - arrivals_.front()->since > options_.arrival) {
-    Drop(arrivals_.front(), "It has taken too long to prove anything");
+    const auto arrival = arrivals_.front();
+    if (arrival->daemon) {
+      Refuse(arrival, Reason::kNoService);
+    } else {
+      Drop(arrival, "It has taken too long to prove anything");
+    }
   }
   LookAfterLinks(now);
   if (!options_.status.empty() && now - status_written_ >= kStatusAge) {

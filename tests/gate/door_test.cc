@@ -253,6 +253,19 @@ TEST(LimitTest, OneAddressHasOnlySoManyConnectionsThatProveNothing) {
   const auto gate = door.Connect(door.alice());
   EXPECT_TRUE(Eventually([&] { return AnswerTo(gate->port(), "alice").starts_with("OK|"); }));
 }
+// A daemon whose machine takes no more connections: neither is the gate's peer to blame, nor does
+// what was given up count among its links.
+TEST(NoDaemonTest, DaemonThatDoesNotAnswerIsTold) {
+  const FullListener silent;
+  Door door(PortOf(silent.listener.get()), {"--arrival-wait=1", "--links-of-one=1"});
+  const auto gate = door.Connect(door.alice());
+  for (std::size_t i = 1; i <= 2; ++i) {
+    EXPECT_EQ(AnswerTo(gate->port(), "alice"), "vkgate: the serving gate cannot reach the daemon");
+    EXPECT_EQ(door.serving().Await("refused", i)["why"],
+              "the serving gate cannot reach the daemon");
+  }
+}
+
 
 TEST(LimitTest, LongestUnprovenConnectionMakesRoomForTheNext) {
   RunningDaemon daemon(Unprivileged());
