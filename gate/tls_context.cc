@@ -6,9 +6,9 @@
 #include <openssl/x509_vfy.h>
 #include <openssl/x509v3.h>
 
-#include <ctime>
 #include <filesystem>
 #include <functional>
+#include <optional>
 #include <stdexcept>
 
 namespace gate {
@@ -131,13 +131,12 @@ void CheckKeyIsPrivate([[maybe_unused]] const std::string& file) {
 #endif
 }
 
-std::int64_t TimeOf(const ASN1_TIME* time) {
-  std::tm parts{};
-  if (time == nullptr || ASN1_TIME_to_tm(time, &parts) != 1) return 0;
+// Seconds since 1970; nothing when there is no time, or none that can be read.
+std::optional<std::int64_t> TimeOf(const ASN1_TIME* time) {
   int days = 0;
   int seconds = 0;
   const Owned<ASN1_TIME> epoch(ASN1_TIME_set(nullptr, 0), ASN1_TIME_free);
-  if (epoch == nullptr || ASN1_TIME_diff(&days, &seconds, epoch.get(), time) != 1) return 0;
+  if (time == nullptr || ASN1_TIME_diff(&days, &seconds, epoch.get(), time) != 1) return {};
   return std::int64_t{days} * 86400 + seconds;
 }
 
@@ -231,9 +230,11 @@ void TlsContext::LoadRevocations(const std::vector<std::string>& files) {
       const Owned<X509_CRL> list(PEM_read_bio_X509_CRL(bio, nullptr, NoPassword, nullptr),
                                  X509_CRL_free);
       if (list == nullptr) return false;
+      // OpenSSL would believe it for ever, whatever has been revoked since.
+      const auto next_update = TimeOf(X509_CRL_get0_nextUpdate(list.get()));
+      if (!next_update) Fail(file, "does not say when the next list of revoked certificates comes");
       if (X509_STORE_add_crl(store, list.get()) != 1) Fail(file, "cannot be used");
-      revocations_.push_back({file, OneLine(X509_CRL_get_issuer(list.get())),
-                              TimeOf(X509_CRL_get0_nextUpdate(list.get()))});
+      revocations_.push_back({file, OneLine(X509_CRL_get_issuer(list.get())), *next_update});
       return true;
     });
     if (found == 0) Fail(file, "holds no list of revoked certificates");

@@ -22,8 +22,7 @@ struct TlsFiles {
 struct RevocationList {
   std::string file;
   std::string issuer;
-  std::int64_t next_update =
-      0;  ///< seconds since 1970; 0 when it says nothing. It is worthless then
+  std::int64_t next_update = 0;  ///< seconds since 1970
 };
 
 /// What TLS needs besides a connection: TLS 1.3 alone, a certificate from both sides, no resumption

@@ -175,14 +175,16 @@ void Authority::Revoke(const Identity& identity) {
   revoked_.push_back(SerialOf(identity.certificate));
 }
 
-std::string Authority::List(const std::string& file, long from, long until) {
+std::string Authority::List(const std::string& file, long from, std::optional<long> until) {
   const std::shared_ptr<X509_CRL> list(X509_CRL_new(), X509_CRL_free);
   X509_CRL_set_version(list.get(), X509_CRL_VERSION_2);
   X509_CRL_set_issuer_name(list.get(), X509_get_subject_name(certificate_.get()));
   const std::shared_ptr<ASN1_TIME> time(X509_gmtime_adj(nullptr, from), ASN1_TIME_free);
   X509_CRL_set1_lastUpdate(list.get(), time.get());
-  X509_gmtime_adj(time.get(), until);
-  X509_CRL_set1_nextUpdate(list.get(), time.get());
+  if (until) {
+    X509_gmtime_adj(time.get(), *until);
+    X509_CRL_set1_nextUpdate(list.get(), time.get());
+  }
   for (const long serial : revoked_) {
     X509_REVOKED* entry = X509_REVOKED_new();
     const std::shared_ptr<ASN1_INTEGER> number(ASN1_INTEGER_new(), ASN1_INTEGER_free);

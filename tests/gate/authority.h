@@ -3,6 +3,7 @@
 #include <openssl/types.h>
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -45,8 +46,8 @@ class Authority {
   /// From the next list on.
   void Revoke(const Identity& identity);
 
-  /// A list of what is revoked, valid from `from` until `until` seconds from now.
-  std::string List(const std::string& file, long from = -3600, long until = 3600);
+  /// A list of what is revoked, valid from `from` until `until` seconds from now, or for ever.
+  std::string List(const std::string& file, long from = -3600, std::optional<long> until = 3600);
 
   /// The authority's own certificate.
   const std::string& file() const { return file_; }

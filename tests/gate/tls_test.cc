@@ -242,6 +242,12 @@ TEST_F(TlsTest, LivingLinkIsJudgedByTheNewContext) {
 }
 
 TEST_F(TlsTest, LivingLinkOutlivesItsCertificate) {
+TEST_F(TlsTest, ListThatNeverGrowsOldIsNotTaken) {
+  lists_ = {root_.List("for_ever.crl", -3600, std::nullopt)};
+  EXPECT_EQ(WhyNotLoaded(Files(server_)),
+            lists_[0] + ": does not say when the next list of revoked certificates comes");
+}
+
   const Identity brief = root_.Issue("brief", {.from = -3600, .until = 2});
   EXPECT_EQ(ShakeAs(brief), kBothDone);
   const auto context = Serve();
