@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <fstream>
-#include <iterator>
 #include <stdexcept>
 
 namespace gate {
@@ -85,8 +84,12 @@ UserMap UserMap::Parse(std::string_view text, const std::string& file) {
 
 UserMap UserMap::Load(const std::string& file) {
   std::ifstream in(file, std::ios::binary);
-  std::string text{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-  if (!in || in.bad()) throw std::runtime_error(file + ": cannot be read");
+  std::string text;
+  char piece[4096];
+  while (in.read(piece, sizeof(piece)) || in.gcount() > 0) {
+    text.append(piece, static_cast<std::size_t>(in.gcount()));
+  }
+  if (!in.eof()) throw std::runtime_error(file + ": cannot be read");
   return Parse(text, file);
 }
 
