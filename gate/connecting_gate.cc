@@ -195,7 +195,7 @@ void ConnectingGate::Connect(const std::shared_ptr<Session>& session) {
             [this, session, attempt, socket](error_code refused, const Tcp::endpoint&) {
               if (attempt != session->attempt) return;
               if (refused) {
-                return Failed(session, "The gate at " + options_.to.host + ":" + options_.to.port +
+                return Failed(session, "The gate at " + Text(options_.to) +
                                            " cannot be reached: " + refused.message());
               }
               session->wire = std::make_unique<Wire>(std::move(*socket));

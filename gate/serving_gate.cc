@@ -510,7 +510,7 @@ void ServingGate::WriteStatus() {
                 {"time", static_cast<double>(WallTime().count()) / 1000},
                 {"started", static_cast<double>(started_.count()) / 1000},
                 {"running", !stopping_},
-                {"listen", options_.listen.host + ":" + options_.listen.port},
+                {"listen", Text(options_.listen)},
                 {"daemon", Text(daemon_)},
                 {"most_links", options_.table.most},
                 {"arriving", arrivals_.size()},

@@ -113,13 +113,16 @@ void FewClosings::CloseGently(Tcp::socket socket) {
 }
 
 void FewClosings::CloseGently(std::unique_ptr<Wire> wire) {
-  if (wire != nullptr) CloseGently(SocketOf(std::move(wire)));
+  CloseGently(SocketOf(std::move(wire)));
+}
+
+std::string Text(const HostAndPort& place) {
+  const bool v6 = place.host.find(':') != std::string::npos;
+  return (v6 ? "[" + place.host + "]" : place.host) + ":" + place.port;
 }
 
 std::string Text(const Tcp::endpoint& endpoint) {
-  const std::string address = endpoint.address().to_string();
-  return (endpoint.address().is_v6() ? "[" + address + "]" : address) + ":" +
-         std::to_string(endpoint.port());
+  return Text(HostAndPort{endpoint.address().to_string(), std::to_string(endpoint.port())});
 }
 
 Tcp::endpoint PeerOf(const Tcp::socket& socket) {
@@ -148,7 +151,7 @@ HostAndPort ReadHostAndPort(const std::string& text) {
 Tcp::endpoint Resolve(boost::asio::io_context& context, const HostAndPort& place) {
   error_code error;
   const auto found = Tcp::resolver(context).resolve(place.host, place.port, error);
-  if (error) throw std::runtime_error(place.host + ":" + place.port + ": " + error.message());
+  if (error) throw std::runtime_error(Text(place) + ": " + error.message());
   return found.begin()->endpoint();
 }
 

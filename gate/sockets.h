@@ -58,19 +58,20 @@ class FewClosings {
   std::deque<std::weak_ptr<Closing>> closings_;
 };
 
-/// "192.0.2.7:5000", "[2001:db8::1]:5000".
-std::string Text(const Tcp::endpoint& endpoint);
-
-/// The peer's address; unspecified when the connection has gone.
-Tcp::endpoint PeerOf(const Tcp::socket& socket);
-
-/// "HOST:PORT", "[ADDRESS]:PORT".
+/// A place, as people write it.
 struct HostAndPort {
   std::string host;
   std::string port;
 };
 
-/// Throws std::invalid_argument with a sentence.
+/// "192.0.2.7:5000", "[2001:db8::1]:5000".
+std::string Text(const HostAndPort& place);
+std::string Text(const Tcp::endpoint& endpoint);
+
+/// The peer's address; unspecified when the connection has gone.
+Tcp::endpoint PeerOf(const Tcp::socket& socket);
+
+/// Reads "HOST:PORT" or "[ADDRESS]:PORT". Throws std::invalid_argument with a sentence.
 HostAndPort ReadHostAndPort(const std::string& text);
 
 /// The first address of that name. Throws std::runtime_error with a sentence.
