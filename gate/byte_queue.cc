@@ -52,11 +52,9 @@ void ByteQueue::Clear() {
 std::string_view ByteQueue::At(std::size_t place) const {
   if (place >= size_) return {};
   place += dropped_;
-  for (const Piece& piece : pieces_) {
-    if (place < piece.used) return {piece.bytes.get() + place, piece.used - place};
-    place -= piece.used;
-  }
-  return {};
+  std::size_t piece = 0;
+  while (place >= pieces_[piece].used) place -= pieces_[piece++].used;
+  return {pieces_[piece].bytes.get() + place, pieces_[piece].used - place};
 }
 
 std::size_t ByteQueue::Copy(std::size_t place, char* to, std::size_t count) const {

@@ -20,12 +20,6 @@ double Random() {
   return std::uniform_real_distribution<double>(0, 1)(engine);
 }
 
-// ::ffff:127.0.0.1 is an address of IPv4.
-boost::asio::ip::address Plain(const boost::asio::ip::address& address) {
-  if (!address.is_v6() || !address.to_v6().is_v4_mapped()) return address;
-  return boost::asio::ip::make_address_v4(boost::asio::ip::v4_mapped, address.to_v6());
-}
-
 // What a master is told that cannot be served at all.
 void TellMaster(Tcp::socket master, const std::string& text, FewClosings& closings) {
   Prepare(master);
@@ -112,7 +106,7 @@ void ConnectingGate::ListenNoMore() {
 }
 
 void ConnectingGate::Stop() {
-  if (std::exchange(stopping_, true)) return;
+  stopping_ = true;
   ListenNoMore();
   const Sessions all = sessions_;
   for (const auto& session : all) {
@@ -125,9 +119,8 @@ std::string ConnectingGate::WhyNotTaken(const Tcp::socket& master) const {
   error_code gone;
   const Tcp::endpoint local = master.local_endpoint(gone);
   const Tcp::endpoint remote = PeerOf(master);
-  const auto here = Plain(local.address());
-  const LoopbackConnection connection{here.is_v6(), here.to_string(), local.port(),
-                                      Plain(remote.address()).to_string(), remote.port()};
+  const LoopbackConnection connection{local.address().is_v6(), local.address().to_string(),
+                                      local.port(), remote.address().to_string(), remote.port()};
   const std::string why = options_.why_not_own(connection);
   if (!why.empty()) return "This gate serves its own user's masters alone: " + why;
   if (sessions_.size() >= options_.most) return "There are too many masters at this gate";

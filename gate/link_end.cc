@@ -32,10 +32,6 @@ std::array<char, 4 * kRecord>& Scratch() {
   return scratch;
 }
 
-bool WouldBlock(const error_code& error) {
-  return error == boost::asio::error::would_block || error == boost::asio::error::try_again;
-}
-
 }  // namespace
 
 LinkEnd::LinkEnd(Tcp::socket local, std::unique_ptr<Stream> stream, Events events)
@@ -93,7 +89,7 @@ void LinkEnd::ReadLocal() {
     if (room == 0) return;
     error_code error;
     const std::size_t size = local_.read_some(boost::asio::buffer(Scratch().data(), room), error);
-    if (WouldBlock(error)) {
+    if (error == boost::asio::error::would_block) {
       local_readable_ = false;
     } else if (error == boost::asio::error::eof) {
       local_ends_ = true;
@@ -152,9 +148,7 @@ void LinkEnd::ReadWire() {
         return LoseWire(wire_->tls->error());
     }
     const bool of_use = stream_->FromWire(epoch_, {Scratch().data(), got}, Now());
-    if (opening && stream_->state() == Stream::State::kAttached && events_.attached) {
-      events_.attached();
-    }
+    if (opening && stream_->state() == Stream::State::kAttached) events_.attached();
     if (!of_use) {
       if (stream_->state() != Stream::State::kEnded) LoseWire("The other gate is busy");
       return;
@@ -177,7 +171,7 @@ void LinkEnd::WriteLocal() {
     error_code error;
     const std::size_t size =
         local_.write_some(boost::asio::buffer(bytes.data(), bytes.size()), error);
-    if (WouldBlock(error)) {
+    if (error == boost::asio::error::would_block) {
       local_writable_ = false;
     } else if (error) {
       CloseLocal();
@@ -233,7 +227,7 @@ void LinkEnd::PassHeld() {
   while (!held_.empty() && local_open_ && local_writable_) {
     error_code error;
     const std::size_t size = local_.write_some(boost::asio::buffer(held_), error);
-    if (WouldBlock(error)) {
+    if (error == boost::asio::error::would_block) {
       local_writable_ = false;
     } else if (error) {
       CloseLocal();
@@ -288,7 +282,7 @@ void LinkEnd::LoseWire(const std::string& why) {
   unsent_.clear();
   CloseGently(std::move(wire_));
   stream_->Broken(epoch_);
-  if (stream_->state() != Stream::State::kEnded && events_.broken) events_.broken(why);
+  if (stream_->state() != Stream::State::kEnded) events_.broken(why);
 }
 
 void LinkEnd::Finish() {
@@ -306,7 +300,7 @@ void LinkEnd::Finish() {
     CloseGently(std::move(local_));
   }
   local_open_ = false;
-  if (events.ended) events.ended();
+  events.ended();
 }
 
 void LinkEnd::Await() {

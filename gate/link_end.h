@@ -63,7 +63,6 @@ class LinkEnd : public std::enable_shared_from_this<LinkEnd> {
   void RefuseMaster(const std::string& text);
 
   Stream& stream() { return *stream_; }
-  const Stream& stream() const { return *stream_; }
   const Wire* wire() const { return wire_.get(); }
   bool claim_is_open() const { return claim_.has_value(); }
   Tcp::endpoint local_endpoint() const;

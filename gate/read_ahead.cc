@@ -102,7 +102,7 @@ ReadAhead::Verdict ReadAhead::PassFrame(Frame& frame, std::string_view bytes,
 ReadAhead::Verdict ReadAhead::FromMaster(std::string_view bytes, bool last) {
   if (stage_ == Stage::kExchange) return Exchange(bytes, last);
   if (bytes.empty()) {
-    master_ended_ = last;
+    master_ended_ = true;
     return {Verdict::kPass};
   }
   if (stage_ == Stage::kOff) return {Verdict::kPass, bytes.size()};
@@ -129,7 +129,7 @@ void ReadAhead::WholeFromMaster() {
 
 // The master's bytes within an exchange: a request for a record, or not.
 ReadAhead::Verdict ReadAhead::Exchange(std::string_view bytes, bool last) {
-  if (bytes.empty()) return last ? Deviate(0) : Verdict{Verdict::kWait};
+  if (bytes.empty()) return Deviate(0);
   if (!from_master_.begun()) {
     switch (LookAt(bytes)) {
       case Look::kTooShort:

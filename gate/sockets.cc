@@ -30,7 +30,6 @@ class Closing : public std::enable_shared_from_this<Closing> {
       : socket_(std::move(socket)), timer_(socket_.get_executor()) {}
 
   static std::shared_ptr<Closing> Begin(Tcp::socket socket) {
-    if (!socket.is_open()) return nullptr;
     auto closing = std::make_shared<Closing>(std::move(socket));
     closing->Begin();
     return closing;
@@ -171,8 +170,10 @@ void Listener::Listen(const Tcp::endpoint& place, Take take, std::function<void(
 void Listener::Accept() {
   acceptor_.async_accept([this](error_code error, Tcp::socket socket) {
     if (!acceptor_.is_open()) return;
-    if (!error) take_(std::move(socket));
-    if (!error || error == boost::asio::error::connection_aborted) return Accept();
+    if (!error) {
+      take_(std::move(socket));
+      return Accept();
+    }
     // What waits in the queue of the port waits on.
     failed_();
     pause_.expires_after(kNoDescriptors);

@@ -439,7 +439,7 @@ bool Stream::BreaksLocal() const {
 }
 
 void Stream::TakeBreak() {
-  if (gone_taken_ || state_ == State::kEnded) return;
+  if (state_ == State::kEnded) return;
   gone_taken_ = true;
   ++taken_;
   ack_due_ = true;

@@ -245,10 +245,9 @@ void TlsContext::LoadRevocations(const std::vector<std::string>& files) {
 
 std::string TlsContext::WhyRefused(X509* certificate, STACK_OF(X509) * chain) const {
   const Owned<X509_STORE_CTX> judge(X509_STORE_CTX_new(), X509_STORE_CTX_free);
-  const char* purpose = role_ == Role::kServe ? "ssl_client" : "ssl_server";
   if (judge == nullptr ||
       X509_STORE_CTX_init(judge.get(), SSL_CTX_get_cert_store(context_), certificate, chain) != 1 ||
-      X509_STORE_CTX_set_default(judge.get(), purpose) != 1) {
+      X509_STORE_CTX_set_default(judge.get(), "ssl_client") != 1) {
     return "The certificate cannot be judged: " + TakeTlsErrors();
   }
   X509_STORE_CTX_set_flags(judge.get(), X509_V_FLAG_NO_CHECK_TIME);

@@ -48,10 +48,10 @@ class TlsContext {
   Role role() const { return role_; }
   const std::vector<RevocationList>& revocations() const { return revocations_; }
 
-  /// Judges once more a chain that an earlier context has accepted, with this context's authorities
-  /// and revocation lists. Empty when it is still good, otherwise a sentence. Time is not looked
-  /// at: a link outlives the day on which its certificate, or the list, expires, until it has to be
-  /// resumed.
+  /// Judges once more a master's chain that an earlier context has accepted, with this context's
+  /// authorities and revocation lists. Empty when it is still good, otherwise a sentence. Time is
+  /// not looked at: a link outlives the day on which its certificate, or the list, expires, until
+  /// it has to be resumed.
   std::string WhyRefused(X509* certificate, STACK_OF(X509) * chain) const;
 
  private:

@@ -78,7 +78,7 @@ TlsSocket::Result TlsSocket::Outcome(int result, const char* what) {
   const long verified = SSL_get_verify_result(tls_);
   refused_ = kind == SSL_ERROR_SSL;
   const std::string errors = TakeTlsErrors();
-  if (kind == SSL_ERROR_SSL && SSL_is_init_finished(tls_) == 0 && verified != X509_V_OK) {
+  if (kind == SSL_ERROR_SSL && verified != X509_V_OK) {
     error_ = CertificateSentence(verified);
   } else if (kind == SSL_ERROR_SSL && !errors.empty() && errors != "unexpected eof while reading") {
     error_ = errors;

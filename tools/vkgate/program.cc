@@ -160,8 +160,7 @@ int Run(const Common& common, const typename Gate::Options& options) {
   signals.add(SIGHUP);
 #endif
   std::function<void()> await = [&] {
-    signals.async_wait([&](const boost::system::error_code& error, int signal) {
-      if (error) return;
+    signals.async_wait([&](const boost::system::error_code& /*error*/, int signal) {
 #ifndef _WIN32
       if (signal == SIGHUP) {
         journal->Reopen();
