@@ -181,7 +181,7 @@ void LinkEnd::WriteLocal() {
     }
   }
   if (stream_->EndsLocal() && (claim_ || held_.empty())) EndLocal();
-  if (stream_->BreaksLocal() && held_.empty()) CloseLocal();
+  if (stream_->BreaksLocal()) CloseLocal();
 }
 
 // Reads along until the master has claimed to be somebody, and lets it pass or refuses it.
@@ -224,7 +224,7 @@ void LinkEnd::RefuseMaster(const std::string& text) {
 
 void LinkEnd::PassHeld() {
   if (claim_) return;
-  while (!held_.empty() && local_open_ && local_writable_) {
+  while (!held_.empty() && local_writable_) {
     error_code error;
     const std::size_t size = local_.write_some(boost::asio::buffer(held_), error);
     if (error == boost::asio::error::would_block) {
