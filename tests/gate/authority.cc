@@ -33,6 +33,14 @@ void AddExtension(X509* certificate, X509* issuer, int kind, const std::string& 
          value.c_str());
 }
 
+void AddCommonName(X509* certificate, int type, const std::string& bytes) {
+  if (bytes.empty()) return;
+  Demand(X509_NAME_add_entry_by_NID(X509_get_subject_name(certificate), NID_commonName, type,
+                                    reinterpret_cast<const unsigned char*>(bytes.data()),
+                                    static_cast<int>(bytes.size()), -1, 0) == 1,
+         "no common name");
+}
+
 void AddName(GENERAL_NAMES* names, GENERAL_NAME* name) {
   Demand(name != nullptr && sk_GENERAL_NAME_push(names, name) > 0, "no name");
 }
@@ -124,9 +132,8 @@ std::shared_ptr<X509> Authority::Make(const Subject& subject, EVP_PKEY* key, boo
   X509_gmtime_adj(X509_getm_notBefore(made.get()), subject.from);
   X509_gmtime_adj(X509_getm_notAfter(made.get()), subject.until);
   X509_set_pubkey(made.get(), key);
-  X509_NAME_add_entry_by_txt(X509_get_subject_name(made.get()), "CN", MBSTRING_UTF8,
-                             reinterpret_cast<const unsigned char*>(subject.common_name.data()),
-                             static_cast<int>(subject.common_name.size()), -1, 0);
+  AddCommonName(made.get(), subject.common_name_type, subject.common_name);
+  AddCommonName(made.get(), subject.common_name_type, subject.second_common_name);
   X509_set_issuer_name(made.get(), X509_get_subject_name(issuer));
   AddExtension(made.get(), issuer, NID_basic_constraints,
                authority ? "critical,CA:TRUE" : "CA:FALSE");

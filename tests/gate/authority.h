@@ -16,11 +16,13 @@ struct Identity {
 
 /// What a certificate of a test says.
 struct Subject {
-  std::string common_name = "somebody";
-  std::string upn = {};      ///< a user principal name, as its bytes
-  std::string email = {};    ///< as its bytes
-  std::string host = {};     ///< a DNS name
-  std::string address = {};  ///< an IP address
+  std::string common_name = "somebody";  ///< none when it is empty
+  std::string second_common_name = {};
+  int common_name_type = 0x1000;  ///< MBSTRING_UTF8, or the type of a string as its bytes
+  std::string upn = {};           ///< a user principal name, as its bytes
+  std::string email = {};         ///< as its bytes
+  std::string host = {};          ///< a DNS name
+  std::string address = {};       ///< an IP address
   std::string purpose = "clientAuth,serverAuth";
   long from = -3600;  ///< seconds from now
   long until = 3600;

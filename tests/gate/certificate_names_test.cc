@@ -45,6 +45,22 @@ TEST_F(CertificateNamesTest, UpnAndEmailAreFoundWithTheirKinds) {
 TEST_F(CertificateNamesTest, CommonNameCountsOnlyWhenTold) {
   EXPECT_THAT(Seen({.common_name = "alice"}), IsEmpty());
   EXPECT_THAT(Seen({.common_name = "alice"}, true), ElementsAre("cn:alice"));
+  EXPECT_THAT(Seen({.common_name = "", .email = "a@b"}, true), ElementsAre("email:a@b"));
+}
+
+TEST_F(CertificateNamesTest, CommonNameThatStandsTwiceProvesNothing) {
+  EXPECT_THAT(Seen({.common_name = "alice", .second_common_name = "bob"}, true),
+              ElementsAre("1 unreadable"));
+}
+
+TEST_F(CertificateNamesTest, CommonNameOfTwoBytesACharacterIsRead) {
+  EXPECT_THAT(Seen({.common_name = "\0a\0l"s, .common_name_type = V_ASN1_BMPSTRING}, true),
+              ElementsAre("cn:al"));
+}
+
+TEST_F(CertificateNamesTest, CommonNameThatIsNoTextProvesNothing) {
+  EXPECT_THAT(Seen({.common_name = "alice", .common_name_type = V_ASN1_BIT_STRING}, true),
+              ElementsAre("1 unreadable"));
 }
 
 TEST_F(CertificateNamesTest, HostsAndOtherNamesOfOtherKindsAreNoNames) {
@@ -100,7 +116,8 @@ TEST(CleanNameTest, Utf8IsJudgedToItsLastBit) {
   }
   for (const char* unclean :
        {"", "\x80", "\xc1\xbf", "\xc2", "\xe0\x9f\xbf", "\xed\xa0\x80", "\xe2\x82",
-        "\xf0\x8f\xbf\xbf", "\xf4\x90\x80\x80", "\xf5\x80\x80\x80", "\xff", "a\x1f"}) {
+        "\xf0\x8f\xbf\xbf", "\xf4\x90\x80\x80", "\xf1\x41\x80\x80", "\xf1\x80\x41\x80",
+        "\xf1\x80\x80\x41", "\xf1\x80\x80", "\xf5\x80\x80\x80", "\xff", "a\x1f"}) {
     EXPECT_FALSE(IsCleanName(unclean)) << unclean;
   }
 }

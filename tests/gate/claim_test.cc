@@ -124,10 +124,22 @@ TEST(NotProvenTextTest, ClaimAndNamesAreTold) {
             "prove one");
 }
 
+TEST(NotProvenTextTest, FourNamesAreToldAndThatThereAreOthers) {
+  std::vector<CertificateName> names;
+  for (const char* name : {"a@x", "b@x", "c@x", "d@x"}) names.push_back({NameKind::kEmail, name});
+  const std::string four =
+      "Windows user 'bob' is not proven by the certificate, which is that of email:a@x, "
+      "email:b@x, email:c@x, email:d@x";
+  EXPECT_EQ(NotProvenText("bob", {names, 0}), four);
+  names.push_back({NameKind::kEmail, "e@x"});
+  EXPECT_EQ(NotProvenText("bob", {names, 0}), four + " and others");
+}
+
 TEST(NotProvenTextTest, HostileClaimIsShownAsText) {
-  EXPECT_EQ(NotProvenText("OK|\n\x1b[2J\xff"s, {}),
-            "Windows user 'OK|\\x0a\\x1b[2J\\xff' is not proven by the certificate, which has no "
-            "name that could prove one");
+  EXPECT_EQ(
+      NotProvenText("OK|\n\x1b[2J\x7f\xff"s, {}),
+      "Windows user 'OK|\\x0a\\x1b[2J\\x7f\\xff' is not proven by the certificate, which has no "
+      "name that could prove one");
 }
 
 }  // namespace

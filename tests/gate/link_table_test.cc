@@ -94,6 +94,7 @@ TEST_F(LinkTableTest, LateComerHearsWhyTheLinkHasEnded) {
     const LinkId id = Added(table, alice_);
     table.Ended(id, reason);
     EXPECT_EQ(table.Refuses(id, alice_, 1), reason);
+    table.Resumed(id, 1);
     EXPECT_THAT(table.links(), IsEmpty());
   }
 }
@@ -149,6 +150,11 @@ TEST_F(LinkTableTest, IdIsNeverUsedTwice) {
   LinkTable table({}, [&] { return LinkId{{draws.at(next++)}}; });
   EXPECT_EQ(Added(table, alice_), LinkId{{1}});
   EXPECT_EQ(Added(table, alice_), LinkId{{2}});
+  // Neither is that of a link that has ended: somebody may still ask for it.
+  table.Ended(LinkId{{1}}, Reason::kFinished);
+  draws.insert(draws.end(), {1, 3});
+  EXPECT_EQ(Added(table, alice_), LinkId{{3}});
+  EXPECT_EQ(table.Refuses(LinkId{{1}}, alice_, 1), Reason::kFinished);
 }
 
 }  // namespace

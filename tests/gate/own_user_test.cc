@@ -1,6 +1,8 @@
 #include "gate/own_user.h"
 
 #include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -10,6 +12,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "tests/support/child_process.h"
 #include "tests/support/ports.h"
 #include "tests/support/text_of_child.h"
 
@@ -75,6 +78,38 @@ TEST(OwnUserTest, OwnConnectionThatIsHalfClosedIsTaken) {
   const Pair pair;
   shutdown(pair.peer.get(), SHUT_WR);
   EXPECT_EQ(WhyNotOwnUser(pair.Seen()), "");
+  // Nor is it another's once this end has acknowledged that.
+  EXPECT_TRUE(Eventually([&] {
+    tcp_info info{};
+    socklen_t size = sizeof(info);
+    return getsockopt(pair.peer.get(), IPPROTO_TCP, TCP_INFO, &info, &size) == 0 &&
+           info.tcpi_state == TCP_FIN_WAIT2;
+  }));
+  EXPECT_EQ(WhyNotOwnUser(pair.Seen()), "");
+}
+
+TEST(OwnUserTest, ConnectionOverIPv6IsJudgedTheSame) {
+  const Descriptor listener(socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_in6 address{};
+  address.sin6_family = AF_INET6;
+  address.sin6_addr = in6addr_loopback;
+  auto* raw = reinterpret_cast<sockaddr*>(&address);
+  socklen_t size = sizeof(address);
+  if (bind(listener.get(), raw, size) != 0) GTEST_SKIP() << "there is no IPv6";
+  listen(listener.get(), 2);
+  getsockname(listener.get(), raw, &size);
+  const auto judged = [&](bool stranger) {
+    if (stranger && seteuid(Pair::kStranger) != 0) return std::string("not root");
+    const Descriptor peer(socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (stranger && seteuid(0) != 0) return std::string("no way back");
+    EXPECT_EQ(connect(peer.get(), raw, size), 0);
+    sockaddr_in6 own{};
+    getsockname(peer.get(), reinterpret_cast<sockaddr*>(&own), &size);
+    return WhyNotOwnUser({true, "::1", ntohs(address.sin6_port), "::1", ntohs(own.sin6_port)});
+  };
+  EXPECT_EQ(judged(false), "");
+  if (geteuid() != 0) GTEST_SKIP() << "needs root";
+  EXPECT_EQ(judged(true), "it is another user's, number 65534");
 }
 
 TEST(OwnUserTest, ConnectionOfAnotherUserIsRefused) {
@@ -101,10 +136,23 @@ TEST(OwnUserTest, ConnectionThatAnotherUserHasClosedIsNotRoots) {
             "it cannot be told whose connection this is: its other end has gone");
 }
 
+TEST(OwnUserTest, NobodyIsTakenWhileTheKernelCannotBeAsked) {
+  const Pair pair;
+  rlimit before{};
+  getrlimit(RLIMIT_NOFILE, &before);
+  const rlimit none{0, before.rlim_max};
+  setrlimit(RLIMIT_NOFILE, &none);
+  const std::string why = WhyNotOwnUser(pair.Seen());
+  setrlimit(RLIMIT_NOFILE, &before);
+  EXPECT_EQ(why, "it cannot be told whose connection this is: Too many open files");
+}
+
 TEST(OwnUserTest, ConnectionThatNeverWasIsRefused) {
   EXPECT_THAT(WhyNotOwnUser({false, "127.0.0.1", 1, "127.0.0.1", 2}),
               StartsWith("it cannot be told whose connection this is"));
   EXPECT_THAT(WhyNotOwnUser({false, "nonsense", 1, "127.0.0.1", 2}),
+              StartsWith("it cannot be told whose connection this is"));
+  EXPECT_THAT(WhyNotOwnUser({false, "127.0.0.1", 1, "nonsense", 2}),
               StartsWith("it cannot be told whose connection this is"));
 }
 

@@ -1,10 +1,15 @@
 // Both ends of TLS in one thread over a pair of sockets.
 
 #include <fcntl.h>
+#include <openssl/evp.h>
+#include <openssl/pem.h>
 #include <openssl/ssl.h>
+#include <openssl/x509_vfy.h>
 #include <signal.h>
+#include <sys/stat.h>
 
 #include <array>
+#include <cstdio>
 #include <ctime>
 #include <filesystem>
 #include <memory>
@@ -96,6 +101,18 @@ class TlsTest : public testing::Test {
     return "loaded";
   }
 
+  // A key of another algorithm than the certificates', behind a password where `cipher` is given.
+  std::string OtherKey(const char* cipher) {
+    std::string file = directory_.File(std::string("other") + cipher + ".key");
+    const std::shared_ptr<EVP_PKEY> key(EVP_PKEY_Q_keygen(nullptr, nullptr, "ED25519"),
+                                        EVP_PKEY_free);
+    const std::shared_ptr<std::FILE> out(std::fopen(file.c_str(), "wb"), std::fclose);
+    PEM_write_PrivateKey(out.get(), key.get(), EVP_get_cipherbyname(cipher),
+                         reinterpret_cast<const unsigned char*>("word"), 4, nullptr, nullptr);
+    chmod(file.c_str(), 0600);
+    return file;
+  }
+
   TemporaryDirectory directory_;
   Authority root_{directory_.path().string(), "root"};
   Identity server_ = root_.Issue("server", {.host = kHost, .address = "127.0.0.1"});
@@ -139,6 +156,7 @@ TEST_F(TlsTest, ServerIsBelievedForItsHostAlone) {
   Join(Serve(), Connect(), "127.0.0.2");
   EXPECT_THAT(Shake().second, HasSubstr("not for the address"));
   EXPECT_THROW(Join(Serve(), Connect(), ""), std::runtime_error);
+  EXPECT_THROW(Join(Serve(), Connect(), std::string(300, 'x')), std::runtime_error);
 }
 
 TEST_F(TlsTest, CertificateOfAnotherAuthorityIsRefusedByBothInASentence) {
@@ -224,6 +242,12 @@ TEST_F(TlsTest, OldListRefusesEverybodyAndSaysSo) {
               static_cast<double>(std::time(nullptr)) - 3600, 60);
 }
 
+TEST_F(TlsTest, ListThatNeverGrowsOldIsNotTaken) {
+  lists_ = {root_.List("for_ever.crl", -3600, std::nullopt)};
+  EXPECT_EQ(WhyNotLoaded(Files(server_)),
+            lists_[0] + ": does not say when the next list of revoked certificates comes");
+}
+
 TEST_F(TlsTest, LivingLinkIsJudgedByTheNewContext) {
   Join(Serve(), Connect());
   ASSERT_EQ(Shake(), kBothDone);
@@ -242,12 +266,6 @@ TEST_F(TlsTest, LivingLinkIsJudgedByTheNewContext) {
 }
 
 TEST_F(TlsTest, LivingLinkOutlivesItsCertificate) {
-TEST_F(TlsTest, ListThatNeverGrowsOldIsNotTaken) {
-  lists_ = {root_.List("for_ever.crl", -3600, std::nullopt)};
-  EXPECT_EQ(WhyNotLoaded(Files(server_)),
-            lists_[0] + ": does not say when the next list of revoked certificates comes");
-}
-
   const Identity brief = root_.Issue("brief", {.from = -3600, .until = 2});
   EXPECT_EQ(ShakeAs(brief), kBothDone);
   const auto context = Serve();
@@ -381,6 +399,12 @@ TEST_F(TlsTest, FileThatCannotBeUsedIsNamed) {
   files = Files(server_);
   files.key = client_.key;
   EXPECT_THAT(WhyNotLoaded(files), StartsWith(client_.key + ": is no key of the certificate"));
+  files.key = directory_.File("none.key");
+  EXPECT_THAT(WhyNotLoaded(files), StartsWith(files.key + ": is no key of the certificate"));
+  for (const char* cipher : {"", "aes-256-cbc"}) {
+    files.key = OtherKey(cipher);
+    EXPECT_THAT(WhyNotLoaded(files), StartsWith(files.key + ": is no key of the certificate"));
+  }
   files = Files(server_);
   files.authorities = {directory_.Write("text.pem", "no certificate")};
   EXPECT_THAT(WhyNotLoaded(files), HasSubstr("text.pem: holds no certificate"));
@@ -391,6 +415,11 @@ TEST_F(TlsTest, FileThatCannotBeUsedIsNamed) {
   EXPECT_THAT(WhyNotLoaded(files), HasSubstr("text.crl: holds no list of revoked certificates"));
   files.revocations = {directory_.File("none.crl")};
   EXPECT_THAT(WhyNotLoaded(files), HasSubstr("none.crl: cannot be read"));
+}
+
+TEST(CertificateSentenceTest, RareErrorIsToldInTheLibrarysWords) {
+  EXPECT_EQ(CertificateSentence(X509_V_ERR_PERMITTED_VIOLATION),
+            "The certificate is refused: permitted subtree violation");
 }
 
 TEST_F(TlsTest, BrokenAuthorityBehindAGoodOneIsAnError) {

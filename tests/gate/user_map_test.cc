@@ -70,6 +70,7 @@ TEST(UserMapTest, StarStandsForThePersonOfADomain) {
   EXPECT_FALSE(map.Allows(Upn("alice@evil.example.com"), "alice"));
   EXPECT_FALSE(map.Allows(Upn("alice@notexample.com"), "alice"));
   EXPECT_FALSE(map.Allows(Upn("@example.com"), ""));
+  EXPECT_FALSE(map.Allows(Upn("alice"), "alice"));
   EXPECT_FALSE(map.Allows(Email("alice@example.com"), "alice"));
   // Only the last @ divides, so the person is all before it.
   EXPECT_FALSE(map.Allows(Upn("alice@evil.org@example.com"), "alice"));
@@ -116,6 +117,18 @@ TEST(UserMapTest, FileThatCannotBeReadIsAnError) {
     }
   }
   EXPECT_TRUE(UserMap::Load(directory.Write("users", "upn:a@b c")).Allows(Upn("a@b"), "c"));
+  EXPECT_FALSE(UserMap::Load(directory.Write("users", "")).Allows(Upn("a@b"), "c"));
+}
+
+TEST(UserMapTest, LongFileIsReadToItsEnd) {
+  const TemporaryDirectory directory;
+  std::string text;
+  for (int i = 0; i < 1000; ++i)
+    text += "upn:" + std::to_string(i) + "@b user" + std::to_string(i) + "\n";
+  const UserMap map = UserMap::Load(directory.Write("users", text));
+  for (int i = 0; i < 1000; ++i) {
+    EXPECT_TRUE(map.Allows(Upn(std::to_string(i) + "@b"), "user" + std::to_string(i))) << i;
+  }
 }
 
 TEST(ProofTest, NameItselfProvesItsClaim) {
