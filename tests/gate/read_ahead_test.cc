@@ -354,8 +354,8 @@ TEST_F(ReadAheadTest, RefusedMasterHearsWhy) {
 
 // Other bytes than the protocol's pass as they are.
 TEST_F(ReadAheadTest, OtherTalkPassesAsItIs) {
-  for (const char* bytes :
-       {"'GET / HTTP/1.1' 0d 0a 0d 0a", "16*(00)", "64*(ff)", "ff ff 00 00 100*(41)"}) {
+  for (const char* bytes : {"'GET / HTTP/1.1' 0d 0a 0d 0a", "16*(00)", "64*(ff)",
+                            "ff ff 00 00 100*(41)", "00 80 00 00 32768*(41) 'and more'"}) {
     Gates gates;
     gates.Connect();
     gates.Say(kMaster, Bytes(bytes));
@@ -391,6 +391,120 @@ TEST_F(ReadAheadTest, FirstReplyOfAnotherShapeEndsIt) {
     EXPECT_EQ(gates.heard(kMaster), gates.said(kMaster)) << reply;
     EXPECT_EQ(gates.heard(kDaemon), gates.said(kDaemon)) << reply;
   }
+}
+
+TEST_F(ReadAheadTest, RequestOfNoMeaningIsNotWaitedForAnAnswerTo) {
+  for (const char* code : {"00 00 00 00", "15 00 00 00", "ff ff ff ff"}) {
+    ReadAheadTest_RequestOfNoMeaningIsNotWaitedForAnAnswerTo_Test other;
+    other.Say(Handshake() + Request(code) + Request("04 00 00 00"));
+    EXPECT_TRUE(other.IsReadAheadFor(DataOf(3))) << code;
+    other.Say(Times(3, kAskForRecord));
+    EXPECT_EQ(other.Heard(), Directly(other.said_)) << code;
+  }
+}
+
+TEST_F(ReadAheadTest, RequestLongerThanTheDaemonTakesPassesAsItIs) {
+  Say(Handshake() + Frame(std::string(65537, 'x')) + DataOf(5));
+  EXPECT_EQ(Heard(), Directly(said_));
+  EXPECT_EQ(gates_.heard(kMaster), said_);
+}
+
+// Both gates as far as the first reply of an exchange of five records has come to the serving one.
+class FirstReplyTest : public testing::Test {
+ protected:
+  FirstReplyTest() {
+    gates_.Connect();
+    gates_.Say(kMaster, Handshake() + DataOf(5));
+    gates_.Say(kDaemon, DaemonModel::Greeting() + PackedText("OK|x"));
+    gates_.Run();
+    gates_.Say(kDaemon, Frame(Bytes("0a 00 00 00 05 00 00 00 00 00 00 00")));
+    gates_.Give(kDaemon, 1000);
+  }
+
+  Gates gates_;
+};
+
+// A daemon's bytes may come before it has taken those of the master to which they belong.
+TEST_F(ReadAheadTest, RequestsOfTheGateFollowTheMastersOwn) {
+  Gates gates;
+  gates.Connect();
+  gates.Run();
+  gates.Say(kMaster, Handshake() + DataOf(5));
+  gates.Say(kDaemon, DaemonModel::Greeting() + PackedText("OK|x") +
+                         Frame(Bytes("0a 00 00 00 05 00 00 00 00 00 00 00")));
+  while (gates.Give(kMaster, 1000) || gates.Send(kMaster, 1000) || gates.Arrive(kMaster, 1000) ||
+         gates.Give(kDaemon, 1000)) {
+  }
+  EXPECT_EQ(gates.heard(kMaster), "");
+  gates.Run(10);
+  EXPECT_EQ(gates.heard(kMaster), Handshake() + DataOf(5) + Times(4, kAskForRecord));
+}
+
+TEST_F(FirstReplyTest, RequestIsWholeBeforeTheMasterDeviates) {
+  gates_.Hear(kMaster, 3);
+  gates_.Say(kMaster, Request("04 00 00 00"));
+  while (gates_.Send(kDaemon, 1000) || gates_.Arrive(kDaemon, 1000) || gates_.Give(kMaster, 1000) ||
+         gates_.Send(kMaster, 1000) || gates_.Arrive(kMaster, 1000)) {
+  }
+  gates_.Run();
+  EXPECT_EQ(gates_.heard(kMaster),
+            Handshake() + DataOf(5) + kAskForRecord + Request("04 00 00 00"));
+}
+
+// A daemon that says what it was not asked for ends the reading ahead, and no request is torn.
+TEST_F(FirstReplyTest, RequestIsWholeWhenTheDaemonDeviates) {
+  gates_.Hear(kMaster, 3);
+  gates_.Say(kDaemon, Frame(Bytes("00 10 00 00 20*('r')")));
+  gates_.Say(kMaster, Request("04 00 00 00"));
+  while (gates_.Give(kDaemon, 1000) || gates_.Send(kDaemon, 1000) || gates_.Arrive(kDaemon, 1000) ||
+         gates_.Give(kMaster, 1000) || gates_.Send(kMaster, 1000) || gates_.Arrive(kMaster, 1000)) {
+  }
+  gates_.Run();
+  EXPECT_EQ(gates_.heard(kMaster),
+            Handshake() + DataOf(5) + Times(4, kAskForRecord) + Request("04 00 00 00"));
+}
+
+// The master asks for something else than the records that the daemon was asked for.
+TEST_F(FirstReplyTest, OnlyRecordsAreKeptFromAMasterThatHasDeviated) {
+  struct Row {
+    const char* said;
+    const char* heard;
+  };
+  for (const Row& row : {Row{"08 00 00 00 00 10 00 00 'data'  08 00 00 00 00 10 00 00 'data'", ""},
+                         Row{"08 00 00 00 00 10 00 00 'data'  0c 00 00 00 04 00 00 00 8*(01)",
+                             "0c 00 00 00 04 00 00 00 8*(01)"},
+                         Row{"08 00 00 00 04 00 00 00 'time'  08 00 00 00 00 10 00 00 'data'",
+                             "08 00 00 00 04 00 00 00 'time'  08 00 00 00 00 10 00 00 'data'"},
+                         Row{"08 00 00 00 00 10 00 00 'data'  04 00 00", ""}}) {
+    FirstReplyTest_OnlyRecordsAreKeptFromAMasterThatHasDeviated_Test other;
+    Gates& gates = other.gates_;
+    gates.Run();
+    gates.Say(kMaster, Request("04 00 00 00"));
+    gates.Run();
+    const std::string before = gates.heard(kDaemon);
+    gates.Say(kDaemon, Bytes(row.said));
+    gates.End(kDaemon);
+    gates.Run();
+    EXPECT_EQ(Hex(gates.heard(kDaemon)), Hex(before + Bytes(row.heard))) << row.said;
+    EXPECT_TRUE(gates.heard_end(kDaemon)) << row.said;
+  }
+}
+
+// The reading ahead ends in the midst of a frame of the daemon's.
+TEST_F(ReadAheadTest, FrameThatHasBegunBeforeTheEndOfReadingAheadPasses) {
+  Gates gates;
+  gates.Connect();
+  gates.Say(kDaemon, DaemonModel::Greeting());
+  gates.Say(kMaster, Handshake());
+  gates.Run();
+  gates.Say(kDaemon, PackedText("OK|x") + Bytes("0c 00 00 00 04 00"));
+  gates.Run();
+  gates.Say(kMaster, Bytes("00 00 00 00") + DataOf(5));
+  gates.Run();
+  gates.Say(kDaemon, Bytes("00 00 8*(01)") + Frame(Bytes("0a 00 00 00 05 00 00 00 4*(00)")));
+  gates.Run();
+  EXPECT_EQ(gates.heard(kDaemon), gates.said(kDaemon));
+  EXPECT_EQ(gates.heard(kMaster), gates.said(kMaster));
 }
 
 // The run of a master that asks for one record after the other, with the daemon's answers played.

@@ -400,6 +400,28 @@ TEST(StreamTest, PlainIsForTheConnectingGateToSay) {
   EXPECT_EQ(gates.connecting().reason(), Reason::kBrokenRules);
 }
 
+TEST(StreamTest, FinishedIsForTheServingGateToSay) {
+  Gates gates;
+  gates.Connect();
+  gates.End(kMaster);
+  gates.Run();
+  gates.under_way(kMaster) += Bytes("06 00");
+  gates.Run();
+  EXPECT_EQ(gates.serving().state(), State::kEnded);
+  EXPECT_EQ(gates.serving().reason(), Reason::kBrokenRules);
+}
+
+// Not so where both have agreed to read ahead, whether there is still somebody to read for or not.
+TEST(StreamTest, PlainIsTakenWhenTheDaemonHasGone) {
+  for (const bool gone : {false, true}) {
+    Stream serving(LinkId{{1}}, {});
+    ASSERT_TRUE(serving.Accept(Opening{.ahead = true}, Time(0)));
+    if (gone) serving.LocalBroke();
+    EXPECT_TRUE(serving.FromWire(0, Bytes("08"), Time(0)));
+    EXPECT_EQ(serving.state(), State::kAttached);
+  }
+}
+
 // Only the serving gate may say that a link has finished, and only when it has.
 TEST(StreamTest, FinishedTooSoonIsABrokenRule) {
   Gates gates;
@@ -516,6 +538,75 @@ TEST(StreamTest, BothLocalSocketsFail) {
   gates.Break(kDaemon);
   gates.Run();
   ExpectFinished(gates);
+}
+
+// The daemon's end has arrived before; then the master's socket fails, and the daemon's does while
+// it has not taken all.
+TEST(StreamTest, LocalSocketThatFailsLastFinishesTheLink) {
+  Gates gates;
+  gates.Connect();
+  gates.Say(kDaemon, "y");
+  gates.End(kDaemon);
+  gates.Run();
+  gates.now += seconds(1);
+  gates.connecting().OnTime(gates.now);
+  gates.Run();
+  gates.Say(kMaster, "x");
+  gates.Give(kMaster, 1);
+  gates.Break(kMaster);
+  while (gates.Send(kMaster, 100) || gates.Arrive(kMaster, 100)) {
+  }
+  EXPECT_EQ(gates.serving().ForLocal(), "x");
+  EXPECT_FALSE(gates.serving().EndsLocal());
+  EXPECT_FALSE(gates.serving().BreaksLocal());
+  gates.Break(kDaemon);
+  gates.Run();
+  ExpectFinished(gates);
+}
+
+TEST(StreamTest, EndedLinkStaysAsItHasEnded) {
+  Gates gates;
+  gates.Connect();
+  gates.Run();
+  Stream& serving = gates.serving();
+  serving.End(Reason::kNotValid);
+  serving.FromLocal("more");
+  serving.LocalTookEnd();
+  serving.LocalBroke();
+  serving.LocalBroke();
+  serving.End(Reason::kFinished);
+  EXPECT_EQ(serving.reason(), Reason::kNotValid);
+  EXPECT_EQ(serving.kept(), 0U);
+  EXPECT_EQ(serving.RoomForLocal(), 0U);
+  EXPECT_EQ(serving.taken(), 0U);
+}
+
+TEST(StreamTest, LocalSocketFailsOnce) {
+  Gates gates;
+  gates.Connect();
+  gates.Run();
+  gates.Break(kMaster);
+  gates.Break(kMaster);
+  gates.Run();
+  EXPECT_TRUE(gates.heard_break(kMaster));
+  ExpectFinished(gates);
+}
+
+TEST(StreamTest, DataThatFindNoRoomBehindAnAnswerFollowIt) {
+  Stream serving(LinkId{{1}}, {.silence = seconds(60)});
+  serving.Accept(Opening{}, Time(0));
+  serving.FromLocal("abc");
+  char room[64];
+  ASSERT_EQ(serving.ForWire(0, room, sizeof(room)), 56U);
+  ASSERT_TRUE(serving.FromWire(0, Bytes("01 03 00 00 00 8*(00) 'xyz'"), Time(0)));
+  serving.LocalTook(serving.ForLocal().size(), Time(0));
+  ASSERT_TRUE(serving.Accept(Opening{.id = LinkId{{1}}, .epoch = 7, .received = 2}, Time(0)));
+  ASSERT_TRUE(serving.FromWire(7, Bytes("04"), Time(0)));
+  ASSERT_TRUE(serving.OnTime(seconds(20)));
+  const std::string first(room, serving.ForWire(7, room, sizeof(room)));
+  EXPECT_EQ(Hex(first.substr(40)), "05 04 02 03 00 00 00 00 00 00 00");
+  const std::string second(room, serving.ForWire(7, room, sizeof(room)));
+  EXPECT_EQ(Hex(second), "01 01 00 00 00 02 00 00 00 00 00 00 00 63");
 }
 
 TEST(StreamTest, EndIsToldToTheOtherGate) {
