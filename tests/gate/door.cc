@@ -67,6 +67,17 @@ nlohmann::json RunningGate::Await(const std::string& event, std::size_t count) c
   return Lines(event)[count - 1];
 }
 
+Outcome RunProgram(const std::string& program, std::vector<std::string> arguments) {
+  const TemporaryDirectory directory;
+  ChildProcess::Options options;
+  options.output_file = directory.File("out");
+  options.error_file = directory.File("err");
+  arguments.insert(arguments.begin(), ProgramDirectory() + "/" + program);
+  ChildProcess process(arguments, options);
+  const int status = process.Wait(std::chrono::seconds(30)).value_or(-1);
+  return {.status = status, .out = directory.Read("out"), .err = directory.Read("err")};
+}
+
 Door::Door(int daemon_port, Words serve)
     : authority_(directory_.path().string(), "authority"),
       server_(authority_.Issue("server", {.address = "127.0.0.1"})),

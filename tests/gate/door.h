@@ -10,6 +10,7 @@
 #include <nlohmann/json.hpp>
 
 #include "tests/gate/authority.h"
+#include "tests/jobmillctl/jobmillctl.h"
 #include "tests/support/child_process.h"
 #include "tests/support/temporary_directory.h"
 
@@ -40,6 +41,9 @@ class RunningGate {
   std::unique_ptr<ChildProcess> process_;
   int port_ = 0;
 };
+
+/// Runs one of the programs to its end, half a minute at most.
+Outcome RunProgram(const std::string& program, std::vector<std::string> arguments);
 
 /// An authority, certificates, and both gates in front of a port.
 class Door {

@@ -364,18 +364,11 @@ class OwnGateTest : public DoorTest {
  protected:
   Outcome Master(const Identity& identity, const std::string& user, int port = 0,
                  const std::string& stop = "shutdown") {
-    const TemporaryDirectory directory;
-    ChildProcess::Options options;
-    options.output_file = directory.File("out");
-    options.error_file = directory.File("err");
     const std::string to = std::to_string(port != 0 ? port : door_.serving().port());
-    ChildProcess process({ProgramDirectory() + "/vkmaster", "--gate=127.0.0.1:" + to,
-                          "--certificate=" + identity.certificate, "--key=" + identity.key,
-                          "--authority=" + door_.authority().file(), "--user=" + user,
-                          "--path=/tmp/", "--root=CASE", "--no-connect", stop},
-                         options);
-    const int status = process.Wait(std::chrono::seconds(30)).value_or(-1);
-    return {.status = status, .out = directory.Read("out"), .err = directory.Read("err")};
+    return RunProgram("vkmaster",
+                      {"--gate=127.0.0.1:" + to, "--certificate=" + identity.certificate,
+                       "--key=" + identity.key, "--authority=" + door_.authority().file(),
+                       "--user=" + user, "--path=/tmp/", "--root=CASE", "--no-connect", stop});
   }
 };
 
