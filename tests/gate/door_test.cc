@@ -94,6 +94,50 @@ std::string Rest(const Descriptor& link, int patience = 10'000) {
   return ReadExactly(link.get(), 1 << 20, patience);
 }
 
+// What it says goes nowhere, and does not stop either.
+TEST_F(DoorTest, RefusedMasterMayTalkOn) {
+  const auto gate = door_.Connect(door_.alice());
+  const Descriptor link = ConnectToLoopback(gate->port());
+  const timeval patience{10, 0};
+  setsockopt(link.get(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof(patience));
+  ASSERT_TRUE(WriteAll(link.get(), Handshake("bob")));
+  EXPECT_THAT(Rest(link), HasSubstr("'bob' is not proven"));
+  EXPECT_TRUE(WriteAll(link.get(), std::string(20 << 20, 'x')));  // more than two windows
+  shutdown(link.get(), SHUT_WR);
+  const auto ended = door_.serving().Await("ended");
+  EXPECT_EQ(ended["verdict"], "denied");
+  EXPECT_EQ(ended["how"], "both ends have finished");
+  EXPECT_GT(ended["bytes_to_daemon"], 20 << 20);
+  EXPECT_THAT(daemon_.Logged(), Not(HasSubstr("Path: ")));
+}
+
+// What the connecting gate would say stands for the daemon's greeting, which such a master awaits.
+TEST(DaemonThatEndsTest, MasterThatWasLetInAndHasGotNothingIsToldNothing) {
+  const Descriptor silent = BindFreePort(1);
+  Door door(PortOf(silent.get()));
+  const auto gate = door.Connect(door.alice());
+  const Descriptor link = ConnectToLoopback(gate->port());
+  gate->Await("begun");
+  kill(door.serving().pid(), SIGTERM);
+  EXPECT_EQ(Rest(link), "");
+  EXPECT_EQ(gate->Await("ended")["how"], "an administrator has ended it");
+}
+
+// Then nothing can be said any more: the end has been passed on.
+TEST(DaemonThatEndsTest, ClaimBehindTheDaemonsEndIsJudgedAllTheSame) {
+  const Descriptor listener = BindFreePort(1);
+  Door door(PortOf(listener.get()));
+  const auto gate = door.Connect(door.alice());
+  const Descriptor link = ConnectToLoopback(gate->port());
+  const Descriptor daemon(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+  WriteAll(daemon.get(), Frame("3"));
+  shutdown(daemon.get(), SHUT_WR);
+  EXPECT_EQ(Rest(link), Frame("3"));
+  WriteAll(link.get(), Handshake("bob"));
+  EXPECT_EQ(door.serving().Await("denied")["claimed"], "bob");
+  EXPECT_EQ(ReadExactly(daemon.get(), 1, 300), "");
+}
+
 TEST_F(DoorTest, ClaimInSingleBytesIsReadTheSame) {
   const auto gate = door_.Connect(door_.alice());
   for (const char* user : {"alice", "bob"}) {
@@ -215,10 +259,30 @@ TEST_F(StrangerTest, ServingGateThatDoesNotAnswerIsTold) {
   EXPECT_THAT(AnswerTo(gate->port(), "alice"), HasSubstr("does not answer"));
 }
 
+// Another service in its place, which waits for words of its own protocol.
+TEST_F(StrangerTest, ServingGateThatSaysNothingIsTold) {
+  const Descriptor silent = BindFreePort(5);
+  const auto gate = door_.Connect(door_.alice(), {"--attempt-wait=1"}, PortOf(silent.get()));
+  EXPECT_EQ(AnswerTo(gate->port(), "alice"), "vkgate: The gate at 127.0.0.1 does not answer");
+}
+
 TEST(NoDaemonTest, DaemonThatCannotBeReachedIsTold) {
   Door door(FreePort());
   const auto gate = door.Connect(door.alice());
   EXPECT_EQ(AnswerTo(gate->port(), "alice"), "vkgate: the serving gate cannot reach the daemon");
+}
+
+// A daemon whose machine takes no more connections: neither is the gate's peer to blame, nor does
+// what was given up count among its links.
+TEST(NoDaemonTest, DaemonThatDoesNotAnswerIsTold) {
+  const FullListener silent;
+  Door door(PortOf(silent.listener.get()), {"--arrival-wait=1", "--links-of-one=1"});
+  const auto gate = door.Connect(door.alice());
+  for (std::size_t i = 1; i <= 2; ++i) {
+    EXPECT_EQ(AnswerTo(gate->port(), "alice"), "vkgate: the serving gate cannot reach the daemon");
+    EXPECT_EQ(door.serving().Await("refused", i)["why"],
+              "the serving gate cannot reach the daemon");
+  }
 }
 
 // Limits.
@@ -241,6 +305,20 @@ TEST(LimitTest, ConnectionThatProvesNothingIsClosedInTime) {
   EXPECT_EQ(door.serving().Await("refused", 2)["why"], door.serving().Lines("refused")[0]["why"]);
 }
 
+TEST(LimitTest, ConnectionThatHasProvenNothingIsClosedAtTheGatesEnd) {
+  const FullListener daemon;
+  Door door(PortOf(daemon.listener.get()));
+  const Descriptor silent = ConnectToLoopback(door.serving().port());
+  RawGate waiting(door.serving().port(), door.alice(), door.authority().file());
+  waiting.Say(BytesOf(gate::Opening{}));
+  ASSERT_TRUE(Eventually([&] { return door.Status()["arriving"] == 2; }));
+  kill(door.serving().pid(), SIGTERM);
+  EXPECT_EQ(Rest(silent, 5000), "");
+  EXPECT_EQ(waiting.Hear(1), "");
+  EXPECT_EQ(door.serving().Await("refused", 2)["why"], "The gate ends");
+  EXPECT_TRUE(Eventually([&] { return door.Status()["running"] == false; }));
+}
+
 TEST(LimitTest, OneAddressHasOnlySoManyConnectionsThatProveNothing) {
   RunningDaemon daemon(Unprivileged());
   Door door(daemon.port(), {"--arriving-of-one=3"});
@@ -253,19 +331,6 @@ TEST(LimitTest, OneAddressHasOnlySoManyConnectionsThatProveNothing) {
   const auto gate = door.Connect(door.alice());
   EXPECT_TRUE(Eventually([&] { return AnswerTo(gate->port(), "alice").starts_with("OK|"); }));
 }
-// A daemon whose machine takes no more connections: neither is the gate's peer to blame, nor does
-// what was given up count among its links.
-TEST(NoDaemonTest, DaemonThatDoesNotAnswerIsTold) {
-  const FullListener silent;
-  Door door(PortOf(silent.listener.get()), {"--arrival-wait=1", "--links-of-one=1"});
-  const auto gate = door.Connect(door.alice());
-  for (std::size_t i = 1; i <= 2; ++i) {
-    EXPECT_EQ(AnswerTo(gate->port(), "alice"), "vkgate: the serving gate cannot reach the daemon");
-    EXPECT_EQ(door.serving().Await("refused", i)["why"],
-              "the serving gate cannot reach the daemon");
-  }
-}
-
 
 TEST(LimitTest, LongestUnprovenConnectionMakesRoomForTheNext) {
   RunningDaemon daemon(Unprivileged());
@@ -295,6 +360,24 @@ TEST(LimitTest, LinkWhoseMasterHasProvenNothingInTimeEnds) {
   std::make_unique<RawGate>(door.serving().port(), door.alice(), door.authority().file())
       ->Say(BytesOf(gate::Opening{}));
   EXPECT_EQ(door.serving().Await("ended")["how"], "the master has not proven who it is in time");
+}
+
+TEST(LimitTest, RefusedMasterThatDoesNotGoIsEnded) {
+  RunningDaemon daemon(Unprivileged());
+  Door door(daemon.port(), {"--claim-wait=1"});
+  const auto gate = door.Connect(door.alice());
+  const auto before = OpenDescriptors(gate->pid());
+  const Descriptor link = ConnectToLoopback(gate->port());
+  WriteAll(link.get(), Handshake("bob"));
+  EXPECT_THAT(Rest(link), HasSubstr("'bob' is not proven"));
+  ASSERT_TRUE(
+      Eventually([&] { return !door.serving().Lines("ended").empty(); }, std::chrono::seconds(20)));
+  const auto ended = door.serving().Lines("ended")[0];
+  EXPECT_EQ(ended["how"], "the master has not proven who it is in time");
+  EXPECT_EQ(ended["verdict"], "denied");
+  EXPECT_GE(ended["seconds"], 10);
+  EXPECT_EQ(gate->Await("ended")["how"], ended["how"]);
+  EXPECT_TRUE(Eventually([&] { return OpenDescriptors(gate->pid()) <= before; }));
 }
 
 TEST(LimitTest, MasterThatSendsTooMuchBeforeItsClaimIsRefused) {
@@ -414,9 +497,20 @@ TEST(LimitTest, StrangersThatDoNotCloseHoldOnlySoManyDescriptors) {
   EXPECT_LE(held(), before + 16);
 }
 
+TEST(LimitTest, StrangerThatTalksOnIsNotListenedToForEver) {
+  Door door(FreePort());
+  const Descriptor stranger = ConnectToLoopback(door.serving().port());
+  const timeval patience{4, 0};  // The gate closes after 5 seconds in any case.
+  setsockopt(stranger.get(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof(patience));
+  std::size_t pieces = 0;
+  while (pieces < 64 && WriteAll(stranger.get(), std::string(1 << 20, 'x'))) ++pieces;
+  EXPECT_GE(pieces, 16U);
+  EXPECT_LT(pieces, 64U);
+}
+
 TEST(LimitTest, StrangersDoNotFillTheLog) {
   RunningDaemon daemon(Unprivileged());
-  Door door(daemon.port());
+  Door door(daemon.port(), {"--arriving=100"});
   for (int i = 0; i < 200; ++i)
     WriteAll(ConnectToLoopback(door.serving().port()).get(), "nonsense");
   EXPECT_TRUE(Eventually([&] { return door.Status()["counts"]["refused"] == 200; }));

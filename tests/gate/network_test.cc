@@ -9,6 +9,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
+#include <fstream>
 #include <functional>
 #include <iostream>
 #include <memory>
@@ -277,6 +278,55 @@ TEST(GateNetworkTest, DroppedPacketsAreABreakAndNothingIsLost) {
       EXPECT_EQ(ReadExactly(link.get(), 17), "said into silence");
     }
     EXPECT_TRUE(IsEchoed(link, RandomBytes(100'000)));
+  });
+}
+
+// Sockets that hold next to nothing: both handshakes, a long request and what follows pass in
+// parts.
+TEST(GateNetworkTest, SmallestBuffersOfTheSystemLoseNothing) {
+  InNetwork([] {
+    Shell("ip link set lo mtu 1500");
+    for (const char* buffers : {"tcp_rmem", "tcp_wmem"}) {
+      std::ofstream(std::string("/proc/sys/net/ipv4/") + buffers) << "4096 4096 4096\n";
+    }
+    EchoDaemon daemon;
+    Door door(daemon.port());
+    std::string others;  // As many certificates as a file may have.
+    for (int i = 0; i < 50; ++i) others += door.directory().Read("authority.pem");
+    for (const char* file : {"server.pem", "alice.pem"}) {
+      door.directory().Write(file, door.directory().Read(file) + others);
+    }
+    door.Restart(daemon.port(), {});
+    const auto gate = door.Connect(door.alice());
+    std::string request;
+    for (const std::string& line :
+         {std::string("3"), std::string("0"), std::string(30000, 'a'), std::string(30000, 'b'),
+          std::string("1"), std::string("20172"), std::string("alice"), std::string("0")}) {
+      request += Frame(line);
+    }
+    // The daemon takes nothing until the master has been let in and has said its end.
+    const auto ask = [&](const Descriptor& link) {
+      daemon.StopReading();
+      const std::size_t before = door.serving().Lines("admitted").size();
+      WriteAll(link.get(), request);
+      shutdown(link.get(), SHUT_WR);
+      door.serving().Await("admitted", before + 1);
+    };
+    const Descriptor ending = ConnectToLoopback(gate->port());
+    ask(ending);
+    daemon.ReadOn();
+    EXPECT_TRUE(ReadExactly(ending.get(), 1 << 20) == Frame("3") + request);
+    const Descriptor talking = Admitted(gate->port());
+    EXPECT_TRUE(IsEchoed(talking, RandomBytes(300'000)));
+    // A daemon that goes with half of the request unread takes its own link with it alone.
+    const Descriptor lost = ConnectToLoopback(gate->port());
+    ask(lost);
+    daemon.HangUp();
+    EXPECT_EQ(ReadExactly(lost.get(), 100), Frame("3"));
+    door.serving().Await("ended", 2);
+    daemon.ReadOn();
+    EXPECT_TRUE(IsEchoed(Admitted(gate->port()), RandomBytes(1000)));
+    EXPECT_EQ(gate->Lines("broken").size(), 0U);
   });
 }
 

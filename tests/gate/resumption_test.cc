@@ -208,6 +208,21 @@ TEST_F(ResumptionTest, EndOfEitherGateEndsBothSides) {
   }
 }
 
+TEST_F(ResumptionTest, ConnectingGateEndsWhileTheLinkIsBroken) {
+  Build({"--hold=0.0005"});
+  const auto gate = door_->Connect(door_->alice(), {}, relay_->port());
+  const Descriptor link = Admitted(gate->port());
+  relay_->RefuseNew();
+  relay_->Cut();
+  gate->Await("broken");
+  kill(gate->pid(), SIGTERM);
+  EXPECT_EQ(ReadExactly(link.get(), 1), "");
+  EXPECT_EQ(gate->Await("ended")["how"], "an administrator has ended it");
+  EXPECT_EQ(gate->process().Wait(milliseconds(5000)), 0);
+  // The serving gate could not be told, and holds what it has for as long as it should.
+  EXPECT_EQ(door_->serving().Await("ended")["how"], "the link was broken for too long");
+}
+
 TEST_F(ResumptionTest, GateThatHasDiedCannotBeResumed) {
   Build();
   auto gate = Connect();
@@ -295,12 +310,15 @@ TEST_F(RevocationTest, RefusesAConnectionThatIsOnlyJustBeginning) {
   const auto begun = std::get<gate::Answer>(gate::ReadAnswer(link.Hear(gate::Answer::kSize)));
   RawGate beginning = connect(renewed);
   RawGate resuming = connect(renewed);
+  RawGate good = connect(door_->alice());
   Revoke(renewed);
   beginning.Say(gate::BytesOf(gate::Opening{}));
   EXPECT_EQ(beginning.Hear(gate::Answer::kSize), gate::Refusal(gate::Reason::kNotValid));
   resuming.Say(gate::BytesOf(gate::Opening{.id = begun.id, .epoch = 1}));
   EXPECT_EQ(resuming.Hear(gate::Answer::kSize), gate::Refusal(gate::Reason::kNotValid));
   EXPECT_THAT(door_->serving().Lines("begun"), SizeIs(1));
+  good.Say(gate::BytesOf(gate::Opening{}));
+  EXPECT_TRUE(std::get<gate::Answer>(gate::ReadAnswer(good.Hear(gate::Answer::kSize))).accepted);
 }
 
 TEST_F(RevocationTest, LeavesOthersAlone) {

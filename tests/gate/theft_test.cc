@@ -60,6 +60,28 @@ TEST_F(TheftTest, LinkOfAnotherIsUnknownAndGoesOn) {
   EXPECT_TRUE(door_.serving().Lines("broken").empty());
 }
 
+// Without a name it is the certificate itself that tells one from another.
+TEST_F(TheftTest, LinkOfACertificateWithoutNamesIsThatCertificatesAlone) {
+  const Identity nameless = door_.authority().Issue("nameless", {});
+  const Identity other = door_.authority().Issue("other", {});
+  RawGate first = Connect(nameless);
+  const Opening again{.id = Begin(first), .epoch = 1, .received = 5};
+  EXPECT_EQ(RefusalOf(other, again), Reason::kUnknown);
+  EXPECT_EQ(RefusalOf(door_.authority().Renew(nameless, "renewed", {}), again), Reason::kUnknown);
+  RawGate second = Connect(nameless);
+  EXPECT_TRUE(Open(second, again).accepted);
+}
+
+TEST_F(TheftTest, LinkWhoseClaimWasDeniedDoesNotComeBack) {
+  RawGate alice = Connect(door_.alice());
+  const Opening again{.id = Begin(alice), .epoch = 1, .received = 5};
+  const std::string claim = Handshake("bob");
+  alice.Say(Bytes("01") + Image(static_cast<std::uint32_t>(claim.size())) + Bytes("8*(00)") +
+            claim);
+  door_.serving().Await("denied");
+  EXPECT_EQ(RefusalOf(door_.alice(), again), Reason::kNotValid);
+}
+
 TEST_F(TheftTest, LinkThatNobodyHasIsUnknown) {
   EXPECT_EQ(RefusalOf(door_.alice(), {.id = {{0, 0, 0, 7}}, .epoch = 1}), Reason::kUnknown);
 }
@@ -102,6 +124,28 @@ TEST_F(TheftTest, OpeningOfBytesThatWereNeverSentLeavesTheLinkAlone) {
   opening.received = 5;
   RawGate right = Connect(door_.alice());
   EXPECT_TRUE(Open(right, opening).accepted);
+}
+
+TEST_F(TheftTest, OpeningInSingleBytesIsReadTheSame) {
+  RawGate gate = Connect(door_.alice());
+  for (const char byte : BytesOf(Opening{})) gate.Say({&byte, 1});
+  EXPECT_TRUE(std::get<Answer>(gate::ReadAnswer(gate.Hear(Answer::kSize))).accepted);
+}
+
+TEST_F(TheftTest, GateOfAnotherVersionIsToldSo) {
+  RawGate gate = Connect(door_.alice());
+  gate.Say(Bytes("'vkgate' 02 00 40*(00)"));
+  EXPECT_EQ(gate.Hear(Answer::kSize), gate::Refusal(Reason::kVersion));
+  EXPECT_EQ(gate.Hear(1), "");
+  EXPECT_EQ(door_.serving().Await("refused")["why"],
+            "the other gate speaks another version of the stream");
+}
+
+TEST_F(TheftTest, GateThatLeavesBeforeItsOpeningIsToldOf) {
+  Connect(door_.alice());
+  const auto refused = door_.serving().Await("refused");
+  EXPECT_EQ(refused["why"], "The connection has ended without a word");
+  EXPECT_EQ(refused["names"][0], "upn:alice@example.com");
 }
 
 TEST_F(TheftTest, PeerThatIsNoGateIsLeftWithoutAnAnswer) {
