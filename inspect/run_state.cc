@@ -85,6 +85,8 @@ void SetState(const Machine& machine, const Jobmill& jobmill, const std::optiona
   const Process::Call call =
       process ? process->WaitsIn().value_or(Process::Call()) : Process::Call();
   const bool waits = call.number >= 0;
+  // The right to know in which call it waits is narrower than the one to see what it has open.
+  const bool hidden = !waits && process && process->stat().state != 'R';
   const bool connected = simulator && simulator->socket.state != TCP_SYN_SENT;
   const std::optional<bool> our_turn = IsOurTurn(master);
   const bool polls = call.number == SYS_poll || call.number == SYS_ppoll;
@@ -108,9 +110,9 @@ void SetState(const Machine& machine, const Jobmill& jobmill, const std::optiona
     }
   } else if (call.number == SYS_read && call.descriptor == STDIN_FILENO) {
     in(RunState::kScript, "the script's line that names the host");
-  } else if (const auto script = HasScript(machine, jobmill, run);
-             script == false && !connected && run.comms_log.empty()) {
-    in(RunState::kHandshake, master && awaits(master->descriptor)
+  } else if (const auto script = HasScript(machine, jobmill, run); script == false) {
+    in(RunState::kHandshake, hidden ? ""
+                             : master && awaits(master->descriptor)
                                  ? "the master's request"
                                  : "the check and the preparation of the request");
   } else if (master && awaits(master->descriptor)) {
@@ -125,11 +127,14 @@ void SetState(const Machine& machine, const Jobmill& jobmill, const std::optiona
   } else if (connected && polls) {
     in(RunState::kMaster,
        "the end of the link of a master that has left in the middle of a request");
-  } else if (waits && !connected && our_turn != false && !(polls && master_left)) {
+  } else if (polls && !connected && master_left) {
+    run.unknown["state"] =
+        "its master has left: the wait for the end of the link and that for a name service look "
+        "the same";
+  } else if (waits && !connected && our_turn != false) {
     // It waits neither for the script nor for the master: for a name, a connection or the next try.
     in(RunState::kSimulatorListens, "a simulator that accepts the connection");
-  } else if (!waits && process && process->stat().state != 'R' && our_turn) {
-    // The right to know in which call it waits is narrower than the one to see what it has open.
+  } else if (hidden && our_turn) {
     if (!*our_turn) {
       in(RunState::kMaster, "the next request");
     } else if (connected) {

@@ -47,6 +47,7 @@ until grep -qs Listening "$3.out"; do
   sleep 0.1
 done
 echo HOST=127.0.0.1
+[[ $3 == GONE* ]] && exit
 exec >/dev/null 2>&1 </dev/null
 trap 'kill %1; exit' TERM
 wait
@@ -71,12 +72,13 @@ int RunsSite::FreePorts() {
   }
 }
 
-RunsSite::RunsSite() {
+RunsSite::RunsSite(const std::function<void(RunningDaemon::Options&)>& change) {
   fs::permissions(data_.path(), fs::perms(0777));
   RunningDaemon::Options options;
   options.arguments = {"-u", "-l", "-t", "600", "-o", std::to_string(FreePorts())};
   options.script = kScript;
   options.variables = {"VKSIM=" + ProgramDirectory() + "/vksim"};
+  if (change) change(options);
   daemon_ = std::make_unique<RunningDaemon>(options);
 }
 

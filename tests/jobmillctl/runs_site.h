@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -15,13 +16,15 @@
 ///   ABSENT  the script names a host on which no simulator listens
 ///   HELD    the script waits for the file ROOT.go beside the model; then like STEP
 ///   STEP    each step takes the stand-in simulator an hour, in which it does nothing
+///   GONE    the script ends when it has named the host
 ///   BUSY    the stand-in simulator computes in steps of a few seconds of simulated time
 ///
 /// With other names it is the stand-in simulator as it is. Ended is the simulator by its script, at
 /// SIGTERM, and not otherwise.
 class RunsSite {
  public:
-  RunsSite();
+  /// `change` may give the daemon other options.
+  explicit RunsSite(const std::function<void(RunningDaemon::Options&)>& change = {});
 
   /// The first of sixty ports that nobody uses, below those that the system gives to connections.
   static int FreePorts();

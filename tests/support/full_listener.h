@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 
+#include <utility>
 #include <vector>
 
 #include "base/descriptor.h"
@@ -11,7 +12,7 @@
 
 /// A listener that has as many connections waiting as it takes: further ones stay pending.
 struct FullListener {
-  FullListener() {
+  explicit FullListener(Descriptor listening = BindFreePort(1)) : listener(std::move(listening)) {
     // Which number the kernel takes on top of the backlog is its own affair.
     pollfd wait{};
     do {
@@ -25,6 +26,6 @@ struct FullListener {
     } while (poll(&wait, 1, 200) == 1 && waiting.size() < 100);
   }
 
-  Descriptor listener = BindFreePort(1);
+  Descriptor listener;
   std::vector<Descriptor> waiting;
 };

@@ -1,0 +1,326 @@
+// What is said of a run where less is known of it than root sees of a run with a daemon.
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/tcp.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+#include <string>
+#include <thread>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "inspect/runs.h"
+#include "inspect/sockets.h"
+#include "tests/inspect/own_view.h"
+#include "tests/jobmillctl/runs_site.h"
+#include "tests/support/bytes.h"
+#include "tests/support/full_listener.h"
+#include "tests/support/ports.h"
+
+namespace {
+
+using testing::HasSubstr;
+
+constexpr const char* kFirstStep = "07 00 00 00";
+constexpr const char* kWells = "06 00 00 00";
+
+// Longer than a tick of the kernel's clock: within one it does not tell what came last on a link.
+void PassATick() {
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+}
+
+// "STATE: what it waits for", or why that is not known.
+std::string StateOf(pid_t id) {
+  for (const inspect::Run& run : inspect::FindRuns().runs) {
+    if (run.id.pid != id) continue;
+    const auto unknown = run.unknown.find("state");
+    return std::string(Name(run.state)) + ": " +
+           (unknown == run.unknown.end() ? run.waits_for : unknown->second);
+  }
+  return "no run";
+}
+
+std::string StateForNobody(pid_t id) {
+  return AsNobody([id] { return StateOf(id); });
+}
+
+// To who may see what the process has open and not in which call it waits, as with a kernel that
+// restricts the tracing of processes to their parents.
+std::string StateWithoutCall(pid_t id) {
+  return WithMounts({{"/dev/null", "/proc/" + std::to_string(id) + "/syscall"}},
+                    [id] { return StateOf(id); });
+}
+
+pid_t NumberOf(const RunsSite& site, const std::string& root) {
+  return site.Run(root).at("id").get<pid_t>();
+}
+
+// The answer to a request comes a tick after it.
+void AskSlowly(const RunsSite& site, const std::string& root, TestMaster& master) {
+  const auto simulator = site.Run(root).at("simulator").get<pid_t>();
+  kill(simulator, SIGSTOP);
+  master.Send(Bytes(kWells));
+  PassATick();
+  kill(simulator, SIGCONT);
+  master.Receive();
+}
+
+void LeaveOutCommsLogs(RunningDaemon::Options& options) {
+  std::erase(options.arguments, "-l");
+}
+
+// Sends the beginning of a request and nothing any more.
+void StopWithinARequest(const TestMaster& master) {
+  ASSERT_EQ(write(master.descriptor(), "\x04", 1), 1);
+  ASSERT_EQ(shutdown(master.descriptor(), SHUT_WR), 0);
+}
+
+sockaddr_in At(const char* address, int port) {
+  sockaddr_in at{};
+  at.sin_family = AF_INET;
+  at.sin_port = htons(static_cast<std::uint16_t>(port));
+  inet_pton(AF_INET, address, &at.sin_addr);
+  return at;
+}
+
+Descriptor ListenAt(const char* address, int port) {
+  Descriptor listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const sockaddr_in at = At(address, port);
+  EXPECT_EQ(bind(listener.get(), reinterpret_cast<const sockaddr*>(&at), sizeof(at)), 0);
+  EXPECT_EQ(listen(listener.get(), 1), 0);
+  return listener;
+}
+
+Descriptor ConnectTo(const char* address, int port) {
+  Descriptor link(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const sockaddr_in at = At(address, port);
+  EXPECT_EQ(connect(link.get(), reinterpret_cast<const sockaddr*>(&at), sizeof(at)), 0);
+  return link;
+}
+
+class RunStateTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    if (getuid() != 0) GTEST_SKIP() << "needs root";
+  }
+};
+
+TEST_F(RunStateTest, WhoCannotSeeTheCallKnowsTheStateByTheLinks) {
+  RunsSite site;
+  site.Greet();
+  const pid_t greeted = ChildrenOf(site.daemon().pid()).back();
+  TestMaster& queued = site.Request("QUEUED1");
+  TestMaster& absent = site.Connect("ABSENT1");
+  AskSlowly(site, "CASE", site.Connect("CASE"));
+  TestMaster& step = site.Connect("STEP1");
+  PassATick();
+  // Requests that these masters send too early, after the last thing that they have received.
+  queued.Send(Bytes(kWells));
+  absent.Send(Bytes(kWells));
+  step.Send(Bytes(kFirstStep));
+  EXPECT_EQ(StateWithoutCall(greeted), "handshake: ");
+  EXPECT_EQ(StateWithoutCall(NumberOf(site, "QUEUED1")),
+            "waiting for the script: job 471 of somescheduler");
+  EXPECT_EQ(StateWithoutCall(NumberOf(site, "ABSENT1")),
+            "waiting for the simulator to listen: a simulator that accepts the connection");
+  EXPECT_EQ(StateWithoutCall(NumberOf(site, "CASE")), "waiting for the master: the next request");
+  EXPECT_THAT(StateWithoutCall(NumberOf(site, "STEP1")),
+              HasSubstr("waiting for the simulator: an answer"));
+}
+
+TEST_F(RunStateTest, WithoutCommsLogsWhoCannotSeeTheCallIsNotToldAGuess) {
+  RunsSite site(LeaveOutCommsLogs);
+  TestMaster& queued = site.Request("QUEUED1");
+  TestMaster& absent = site.Connect("ABSENT1");
+  PassATick();
+  queued.Send(Bytes(kWells));
+  absent.Send(Bytes(kWells));
+  for (const char* root : {"QUEUED1", "ABSENT1"}) {
+    EXPECT_EQ(StateWithoutCall(NumberOf(site, root)),
+              "unknown: without -l the wait for the script and that for a listening simulator look "
+              "the same to others than root");
+  }
+}
+
+// Before its script a run has the daemon's standard input, and that of the script after it. Where
+// both are pipes and the daemon has gone, other runs that have the same one tell which it is.
+TEST_F(RunStateTest, HandshakeIsKnownByTheDaemonsInput) {
+  RunsSite site([](RunningDaemon::Options& options) {
+    LeaveOutCommsLogs(options);
+    options.in_child = [] {
+      int ends[2];
+      return pipe(ends) == 0 && dup2(ends[0], STDIN_FILENO) == 0 ? 0 : 1;
+    };
+  });
+  const auto newest = [&] { return ChildrenOf(site.daemon().pid()).back(); };
+  site.Request("GONE1").Receive();
+  const pid_t answered = newest();
+  site.Connect("GONE2");
+  const pid_t connected = newest();
+  site.Connect("CASE");
+  const pid_t with_script = newest();
+  TestMaster& first = site.Greet();
+  const pid_t first_id = newest();
+  site.Greet();
+  const pid_t second_id = newest();
+  ASSERT_NE(first_id, second_id);
+  const std::string handshake = "handshake: the master's request";
+  const std::string request = "waiting for the master: the next request";
+  EXPECT_TRUE(Eventually([&] { return StateOf(first_id) == handshake; }));
+  EXPECT_EQ(StateOf(second_id), handshake);
+  for (const pid_t id : {answered, connected, with_script}) EXPECT_EQ(StateOf(id), request);
+
+  site.daemon().process().Signal(SIGKILL);
+  site.daemon().process().Wait(std::chrono::seconds(10));
+  EXPECT_EQ(StateOf(first_id), handshake);
+  EXPECT_EQ(StateOf(second_id), handshake);
+  EXPECT_EQ(StateOf(connected), request);
+  EXPECT_EQ(StateOf(with_script), request);
+  const std::string unknown =
+      "unknown: the daemon has gone: handshake and wait for a request look the same";
+  EXPECT_EQ(StateOf(answered), unknown);
+  first.Leave();
+  ASSERT_TRUE(Eventually([&] { return !IsRunning(first_id); }));
+  EXPECT_EQ(StateOf(second_id), unknown);
+}
+
+TEST_F(RunStateTest, CommsLogTellsThatTheScriptHasAnswered) {
+  RunsSite site;
+  site.Request("GONE1").Receive();
+  const pid_t id = NumberOf(site, "GONE1");
+  site.daemon().process().Signal(SIGKILL);
+  site.daemon().process().Wait(std::chrono::seconds(10));
+  EXPECT_EQ(StateOf(id), "waiting for the master: the next request");
+}
+
+TEST_F(RunStateTest, MasterThatLeavesWithinARequestIsSaidTo) {
+  RunsSite site;
+  StopWithinARequest(site.Connect("CASE"));
+  EXPECT_TRUE(Eventually([&] {
+    return StateOf(NumberOf(site, "CASE")) ==
+           "waiting for the master: the end of the link of a master that has left in the middle of "
+           "a request";
+  }));
+  // Without a simulator's link a name service may be what it waits for.
+  TestMaster& master = site.Request("GONE1");
+  master.Receive();
+  StopWithinARequest(master);
+  EXPECT_TRUE(Eventually([&] {
+    return StateOf(NumberOf(site, "GONE1")) ==
+           "unknown: its master has left: the wait for the end of the link and that for a name "
+           "service look the same";
+  }));
+}
+
+TEST_F(RunStateTest, ConnectionThatNobodyAnswersIsNoSimulatorYet) {
+  RunsSite site;
+  TestMaster& master = site.Request("ABSENT1");
+  master.Receive();
+  const auto port = site.Run("ABSENT1").at("comms_port").get<int>();
+  const FullListener listener(ListenAt("127.0.0.1", port));
+  master.Send(Bytes("01 00 00 00"));
+  const pid_t id = NumberOf(site, "ABSENT1");
+  EXPECT_TRUE(Eventually([&] {
+    return StateOf(id) ==
+           "waiting for the simulator to listen: a simulator that accepts the connection";
+  }));
+  EXPECT_TRUE(std::ranges::any_of(inspect::ReadSockets().all, [&](const auto& socket) {
+    return socket.remote.port == port && socket.state == TCP_SYN_SENT && socket.inode != 0;
+  }));
+  EXPECT_EQ(StateOf(id),
+            "waiting for the simulator to listen: a simulator that accepts the connection");
+}
+
+TEST_F(RunStateTest, MasterThatDoesNotReadIsWaitedForToTakeAnAnswer) {
+  RunsSite site;
+  TestMaster& master = site.Connect("CASE");
+  const int small = 4096;
+  ASSERT_EQ(setsockopt(master.descriptor(), SOL_SOCKET, SO_RCVBUF, &small, sizeof(small)), 0);
+  const pid_t id = NumberOf(site, "CASE");
+  EXPECT_TRUE(Eventually(
+      [&] {
+        for (int i = 0; i < 1000; ++i) master.Send(Bytes(kWells));
+        return StateOf(id) == "waiting for the master: the master to take an answer";
+      },
+      std::chrono::seconds(30)));
+}
+
+// Such as somebody had when he started the daemon.
+TEST_F(RunStateTest, ConnectionsThatTheDaemonWasStartedWithAreNoSimulators) {
+  const Descriptor one = BindFreePort(1);
+  const Descriptor other = BindFreePort(1);
+  const int low = std::min(PortOf(one.get()), PortOf(other.get()));
+  const int high = std::max(PortOf(one.get()), PortOf(other.get()));
+  RunningDaemon::Options options;
+  options.arguments = {"-u", "-o", std::to_string(low + 1), "-n", std::to_string(high - low - 1)};
+  options.in_child = [low, high] {
+    return fcntl(ConnectToLoopback(low).Release(), F_SETFD, 0) +
+           fcntl(ConnectToLoopback(high).Release(), F_SETFD, 0);
+  };
+  const RunningDaemon daemon(options);
+  TestMaster master(daemon.port());
+  master.Receive();
+  int seen = 0;
+  for (const inspect::Run& run : inspect::FindRuns().runs) {
+    if (run.listen_port != daemon.port()) continue;
+    ++seen;
+    EXPECT_FALSE(run.comms_port);
+    EXPECT_FALSE(run.host);
+  }
+  EXPECT_EQ(seen, 1);
+}
+
+// Who may not look at the process takes a connection for the run's only where there is no other.
+TEST_F(RunStateTest, ConnectionOfTheOnlyRunIsNotGuessedAmongSeveral) {
+  RunsSite site;
+  // A connection that has ended on this side holds the port for a minute, and is nobody's.
+  TestMaster refused(site.daemon().port());
+  refused.RequestRun({"0", "/no/such/directory/"});
+  EXPECT_EQ(refused.Receive(), "No host detected");
+  EXPECT_TRUE(refused.SeesEndWithin(10));
+  refused.Leave();
+  AskSlowly(site, "CASE", site.Connect("CASE"));
+  const pid_t id = NumberOf(site, "CASE");
+  const auto port = site.Run("CASE").at("comms_port").get<int>();
+  const std::string request = "waiting for the master: the next request";
+  const std::string unknown = "unknown: only root may look at what the process has open";
+  EXPECT_TRUE(Eventually([&] { return StateForNobody(id) == request; }));
+
+  // Connections to the port of that number at another address, of another account and of the run's.
+  const Descriptor elsewhere = ListenAt("127.0.0.2", port);
+  ASSERT_EQ(seteuid(1), 0);
+  const Descriptor of_another = ConnectTo("127.0.0.2", port);
+  ASSERT_EQ(seteuid(0), 0);
+  EXPECT_EQ(StateForNobody(id), request);
+  Descriptor of_its_own = ConnectTo("127.0.0.2", port);
+  EXPECT_EQ(StateForNobody(id), unknown);
+  of_its_own.Reset();
+  EXPECT_TRUE(Eventually([&] { return StateForNobody(id) == request; }));
+
+  site.daemon().process().Signal(SIGKILL);
+  site.daemon().process().Wait(std::chrono::seconds(10));
+  EXPECT_EQ(StateForNobody(id), unknown);
+}
+
+// Until it has its account a run is root's; with one that is root's it stays so.
+TEST_F(RunStateTest, RunOfRootsAccountIsNoHandshake) {
+  RunsSite site([](RunningDaemon::Options& options) {
+    std::erase(options.arguments, "-u");
+    options.users = "alice root 1\nbob daemon 1\n";
+  });
+  for (const auto& [root, user] : {std::pair("QUEUED1", "alice"), {"QUEUED2", "bob"}}) {
+    site.Request(root, user);
+    ASSERT_TRUE(site.WaitForState(root, "waiting for the script"));
+    EXPECT_EQ(StateForNobody(NumberOf(site, root)),
+              "unknown: only root may look at what the process has open");
+  }
+}
+
+}  // namespace
