@@ -166,7 +166,7 @@ void Reading::ReadComms() {
     const Connection& connection = *item.connection;
     const bool possible = connection.step >= Step::kScript && connection.step <= Step::kLaunched;
     const auto& options = item.log->options();
-    if (!possible || !connection.port || !item.comms_error.empty()) continue;
+    if (!possible || !item.comms_error.empty()) continue;
     if (options && !options->comms_log) continue;
     const std::string model = *connection.script_path + *connection.script_root;
     // Where a field holds a zero byte there is none.
@@ -270,7 +270,7 @@ EndedRun Reading::Describe(const Item& item) const {
   }
   const bool of_simulator = ending == Ending::kSimulatorEnded || ending == Ending::kNoSimulator ||
                             ending == Ending::kRequestFailed;
-  if (of_simulator && run.path && run.root) {
+  if (of_simulator) {
     const bool slash = run.path->ends_with('/');
     run.places.push_back({*run.path + (slash ? "" : "/") + *run.root + ".out", 0});
   }

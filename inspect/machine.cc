@@ -87,9 +87,9 @@ void Machine::ReadSocketsAgain() {
 
 bool Machine::IsListener(const Jobmill& jobmill) const {
   if (!jobmill.files) {
-    // No connection child leads a session or a group. Other daemons may not do so either: they are
-    // known by what they have open only.
-    return jobmill.stat.group == jobmill.stat.id.pid || jobmill.stat.session == jobmill.stat.id.pid;
+    // No connection child leads a group. Other daemons may not do so either: they are known by what
+    // they have open only.
+    return jobmill.stat.group == jobmill.stat.id.pid;
   }
   return std::any_of(
       jobmill.files->begin(), jobmill.files->end(), [&](const Process::OpenFile& file) {
