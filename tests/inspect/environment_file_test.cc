@@ -106,6 +106,9 @@ TEST_F(EnvironmentFileTest, OverLongEntryIsFoundAndTheOnesBehindAreLookedAt) {
               ElementsAre("error environment.too-long:1", "warning environment.special:2"));
   EXPECT_THAT(IdsOf("\n" + fits + "x 1\nIFS 1"),
               ElementsAre("error environment.too-long:2", "warning environment.special:3"));
+  // The one behind may have its name.
+  EXPECT_THAT(IdsOf("IFS " + fits + "x\nIFS 1\n"),
+              ElementsAre("error environment.too-long:1", "warning environment.special:2"));
 }
 
 TEST_F(EnvironmentFileTest, ZeroByteThatEndsTheFileIsFound) {

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
+#include <utime.h>
 #include <zlib.h>
 
 #include <array>
@@ -423,6 +424,28 @@ TEST_F(HistoryTest, WhatGoesOnHasNotEnded) {
   run.state = RunState::kHandshake;
   now.runs.push_back(run);
   EXPECT_THAT(roots(), ElementsAre("ONE"));
+  for (inspect::Run& other : now.runs) other.listen_port = 5001;  // of another daemon
+  EXPECT_THAT(roots(), ElementsAre("ONE", "TWO", ""));
+}
+
+// The ports are handed out again in turn, so that the later run may have that of the earlier one.
+TEST_F(HistoryTest, RunThatWaitsForItsScriptHasNoCommsLogYet) {
+  const Asked asked = Model("CASE");
+  WriteLog(Start(now_ - 60) + Launched(asked, 9001, now_ - 60) + Answered(now_) + Request(asked) +
+           Script(asked, 9001) + "slurm: job 12 waits: Priority\n");
+  WriteComms("CASE", "Process loop has exited naturally, going to sleep again ... \n");
+  inspect::Run run;
+  run.listen_port = 5000;
+  run.state = RunState::kScript;
+  run.began = static_cast<double>(now_);
+  run.path = asked.path;
+  run.root = asked.root;
+  Runs now;
+  now.runs = {run};
+  const History history = Read(now);
+  ASSERT_EQ(history.runs.size(), 1U);
+  EXPECT_EQ(history.runs[0].began, static_cast<double>(now_ - 60));
+  EXPECT_EQ(history.runs[0].end.ending, Ending::kShutDown);
 }
 
 TEST_F(HistoryTest, WhatHasBegunSinceTheRunsWereLookedAtMayGoOn) {
@@ -901,6 +924,16 @@ TEST_F(RotatedHistoryTest, LogOfTheEarlierStartWithoutATimeStandsBeforeTheLaterO
   EXPECT_THAT(Read().runs, IsEmpty());
   WriteLog(Start(now_) + Launched(Model("A"), 9001, now_));
   EXPECT_THAT(Roots(Read()), ElementsAre("A"));
+  // It may have been written to while the later one, whose log has been rotated since, began.
+  WriteLog("\nDaemon started: \nProc: 1\n", "VKJobmill_5000.previous.log");
+  const utimbuf between{now_ - 45, now_ - 45};
+  ASSERT_EQ(utime(logs_.File("VKJobmill_5000.previous.log").c_str(), &between), 0);
+  WriteLog(Start(now_ - 60) + Answered(now_ - 60) + Request(Model("A")) + Script(Model("A"), 9001),
+           "VKJobmill_5000.log.1");
+  WriteLog("\n" + Host("node9") + Launched(Model("B"), 9002, now_ - 30));
+  const History history = Read();
+  ASSERT_THAT(Roots(history), ElementsAre("A", "B"));
+  EXPECT_EQ(history.runs[0].host, "node9");
 }
 
 TEST_F(RotatedHistoryTest, LongestLineIsCut) {
@@ -1132,6 +1165,9 @@ TEST_F(HistoryTest, EndOfARunIsFoundByWhatIsKnownOfIt) {
   EXPECT_FALSE(FindEnd(history, run));
   run.listen_port = 5000;
   EXPECT_TRUE(FindEnd(history, run));
+  // What asked for nothing has neither model nor port that could be another.
+  WriteLog(Start(now_) + Answered(now_));
+  EXPECT_TRUE(FindEnd(Read(), run));
 }
 
 TEST_F(HistoryTest, LinesOfARunAreItsOwn) {

@@ -119,6 +119,22 @@ TEST(LogOfDaemonTest, LogThatWasRemovedIsFound) {
   EXPECT_THAT(findings.back().what, HasSubstr(" to a file that was removed or replaced"));
 }
 
+TEST(LogOfDaemonTest, LogInTheDirectoryForTemporaryFilesIsFound) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root";
+  RunningDaemon::Options options;
+  options.arguments = {"-u"};
+  options.users = options.environment = "-";
+  // As an account that cannot write where logs are.
+  options.in_child = [] { return setgroups(0, nullptr) + setgid(65534) + setuid(65534); };
+  const RunningDaemon daemon(options);
+  const Findings findings =
+      CheckLogDirectory(SiteOf({"-p", std::to_string(daemon.port()), "-u"}, "/none/vkjobmill.exe"));
+  ASSERT_THAT(Ids(findings), testing::Contains("warning host.log-elsewhere"));
+  EXPECT_EQ(findings.back().what, "process " + std::to_string(daemon.pid()) +
+                                      " (vkjobmill.exe) writes its log to /tmp/VKJobmill_" +
+                                      std::to_string(daemon.port()) + ".log");
+}
+
 TEST_F(LogDirectoryTest, ImmutableAndAppendOnlyDirectoriesAreFound) {
   const auto with = [this](int flag) {
     const Descriptor directory(open(Log().c_str(), O_RDONLY | O_CLOEXEC));

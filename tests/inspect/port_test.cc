@@ -304,6 +304,35 @@ TEST(CommsPortsTest, OfSeveralWhoTakeThemOneIsNamed) {
   FAIL() << "no two ports beside each other";
 }
 
+// Who cannot see whose a socket is knows the run that was given its port, and the run's account.
+TEST(CommsPortsTest, PortOfARunIsNotTakenUnlessAnotherAccountHasIt) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root";
+  const Descriptor bound = BindFirstOfPorts();
+  const int port = PortOf(bound.get());
+  RunningDaemon::Options options;
+  options.arguments = {"-u", "-o", std::to_string(port), "-n", "1"};
+  options.script = "#!/bin/sh\nsleep 1000\n";
+  const RunningDaemon daemon(options);
+  TestMaster master(daemon.port());
+  master.RequestRun({});
+  ASSERT_TRUE(daemon.WaitForLog("Arg 5: " + std::to_string(port)));
+  ASSERT_EQ(listen(bound.get(), 1), 0);
+  const auto found = [&] {
+    return AsNobody([&] {
+      close(bound.get());  // which only the test itself has then
+      std::string all;
+      for (const Finding& finding : CheckCommsPorts(SiteWithCommsPorts(port, 2))) {
+        if (finding.id == "port.comms-taken") all += finding.what;
+      }
+      return all;
+    });
+  };
+  EXPECT_TRUE(Eventually([&] { return found().empty(); })) << found();
+  ASSERT_EQ(fchown(bound.get(), 1, 1), 0);
+  EXPECT_EQ(found(),
+            "comms port " + std::to_string(port) + " is taken by a process that only root can see");
+}
+
 TEST(CommsPortsTest, ClustersHaveThemElsewhere) {
   const TemporaryDirectory directory;
   const std::string script =

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -73,6 +74,30 @@ TEST(ProcessTest, HostileNameAndArgumentsComeAsTheyAre) {
   });
   EXPECT_TRUE(Eventually([&] { return Process::Open(named.pid())->stat().name == ") R 1 (\n"; }));
   EXPECT_EQ(Process::Open(named.pid())->stat().parent, getpid());
+}
+
+// Where a limit was raised, command lines may have more than the usual two megabytes.
+TEST(ProcessTest, LongestCommandLineIsCut) {
+  constexpr std::size_t kLongest = 4 << 20;
+  const std::string word(100'000, 'x');
+  std::vector<std::string> words = {"/bin/sh", "-c", "sleep 60"};
+  words.resize(50, word);
+  ChildProcess::Options options;
+  options.in_child = [] {
+    const rlimit stack{64 << 20, RLIM_INFINITY};
+    return setrlimit(RLIMIT_STACK, &stack);
+  };
+  ChildProcess child(words, options);
+  const auto size = [&] {
+    std::size_t all = 0;
+    for (const std::string& argument : Process::Open(child.pid())->Arguments()) {
+      all += argument.size() + 1;
+    }
+    return all;
+  };
+  if (child.Wait(std::chrono::milliseconds(100))) GTEST_SKIP() << "no such command lines here";
+  EXPECT_TRUE(Eventually([&] { return size() >= kLongest; }));
+  EXPECT_LT(size(), kLongest + 20'000);
 }
 
 TEST(ProcessTest, EndedProcessIsGoneAndNothingOfItIsRead) {

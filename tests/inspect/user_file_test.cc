@@ -72,7 +72,14 @@ TEST_F(UserFileTest, LinkToNothingIsAMissingFile) {
 
 TEST_F(UserFileTest, WhatIsNoRegularFileIsFoundWithoutWaiting) {
   ASSERT_EQ(mkfifo(directory_.File(".vk_corvane_users").c_str(), 0600), 0);
-  EXPECT_THAT(Ids(Check()), ElementsAre("error users.unreadable"));
+  const Findings fifo = Check();
+  ASSERT_THAT(Ids(fifo), ElementsAre("error users.unreadable"));
+  EXPECT_EQ(fifo[0].what, "is no regular file");
+  std::filesystem::remove(directory_.File(".vk_corvane_users"));
+  std::filesystem::create_symlink(".vk_corvane_users", directory_.File(".vk_corvane_users"));
+  const Findings link_to_itself = Check();
+  ASSERT_THAT(Ids(link_to_itself), ElementsAre("error users.unreadable"));
+  EXPECT_EQ(link_to_itself[0].what, "cannot be read: Too many levels of symbolic links");
 }
 
 TEST_F(UserFileTest, FileThatOnlyRootCanReadIsNotCalledGood) {
