@@ -98,6 +98,10 @@ void Survey::AddRun(const Jobmill& first) {
     run.began = StartTime(run.id.start);
     if (jobmill.stat.state == 'Z') {
       run.state = RunState::kEnded;
+      // Its own command line has gone with it.
+      if (run.daemon != 0) {
+        run.listen_port = machine_.jobmills().at(run.daemon).options.listen_port;
+      }
       run.cause = "unknown";
       run.waits_for = "the daemon, to take note of the end";
     } else {

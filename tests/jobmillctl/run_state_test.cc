@@ -1,7 +1,8 @@
-// What is said of a run where less is known of it than root sees of a run with a daemon.
+// What is said of runs where something is missing: a right, the daemon, a log, the simulator.
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <grp.h>
 #include <netinet/tcp.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -10,12 +11,16 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
+#include <filesystem>
+#include <fstream>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "inspect/process.h"
 #include "inspect/runs.h"
 #include "inspect/sockets.h"
 #include "tests/inspect/own_view.h"
@@ -26,7 +31,9 @@
 
 namespace {
 
+using testing::Contains;
 using testing::HasSubstr;
+using testing::Not;
 
 constexpr const char* kFirstStep = "07 00 00 00";
 constexpr const char* kWells = "06 00 00 00";
@@ -321,6 +328,129 @@ TEST_F(RunStateTest, RunOfRootsAccountIsNoHandshake) {
     EXPECT_EQ(StateForNobody(NumberOf(site, root)),
               "unknown: only root may look at what the process has open");
   }
+}
+
+// The child has ended and nobody has waited for it.
+TEST_F(RunStateTest, RunThatTheDaemonHasNotTakenNoteOfHasEnded) {
+  RunsSite site;
+  TestMaster& master = site.Connect("CASE");
+  site.daemon().process().Signal(SIGSTOP);
+  master.Ask("f0 ff 00 00");
+  EXPECT_TRUE(Eventually([&] {
+    const auto runs = site.Runs();
+    return runs.size() == 1 && runs[0].at("state") == "ended";
+  }));
+  EXPECT_EQ(site.Runs().at(0).at("cause"), "The master shut it down");
+  site.daemon().process().Signal(SIGCONT);
+  EXPECT_TRUE(Eventually([&] { return site.Runs().empty(); }));
+}
+
+TEST_F(RunStateTest, LongCommsLogIsReadFromItsEnd) {
+  RunsSite site;
+  site.Connect("CASE");
+  EXPECT_EQ(site.Run("CASE").at("requests"), 1);
+  std::ofstream log(site.data().File("CASE.crvnlog"), std::ios::app);
+  for (int i = 0; i < 200'000; ++i) log << "GetTimeDays: 0\n";
+  log << "Received header: 2\n";
+  log.close();
+  const auto run = site.Run("CASE");
+  EXPECT_EQ(run.at("last_request"), "date");
+  EXPECT_TRUE(run.at("requests").is_null());
+  EXPECT_EQ(run.at("unknown").at("requests"), "the comms log is too long to be counted");
+}
+
+TEST_F(RunStateTest, EmptiedCommsLogTellsNothing) {
+  RunsSite site;
+  site.Connect("STEP").Send(Bytes(kFirstStep));
+  ASSERT_TRUE(Eventually(
+      [&] { return site.Run("STEP").at("waits_for") == "an answer to \"first step\""; }));
+  std::filesystem::resize_file(site.data().File("STEP.crvnlog"), 0);
+  const auto run = site.Run("STEP");
+  EXPECT_EQ(run.at("waits_for"), "an answer");
+  EXPECT_TRUE(run.at("last_request").is_null());
+}
+
+// Another's file may stand under the name that the log would have.
+TEST_F(RunStateTest, CommsLogIsNotGuessedWhereThereIsNone) {
+  const auto comms_log_for_nobody = [](const std::string& directory, pid_t id) {
+    return AsNobody([&] {
+      if (chdir(directory.c_str()) != 0) return std::string("no directory");
+      for (const inspect::Run& run : inspect::FindRuns().runs) {
+        if (run.id.pid == id) return run.path.value_or("no path") + ": " + run.comms_log;
+      }
+      return std::string("no run");
+    });
+  };
+  RunsSite site;
+  const std::string data = site.data().path().string() + "/";
+  site.Request("QUEUED1");
+  ASSERT_TRUE(site.WaitForState("QUEUED1", "waiting for the script"));
+  EXPECT_EQ(comms_log_for_nobody(data, NumberOf(site, "QUEUED1")),
+            data + ": " + data + "QUEUED1.crvnlog");
+  TestMaster relative(site.daemon().port());
+  relative.RequestRun({"0", "./", "QUEUED2"});
+  ASSERT_TRUE(site.WaitForState("QUEUED2", "waiting for the script"));
+  EXPECT_EQ(comms_log_for_nobody(data, NumberOf(site, "QUEUED2")), "./: ");
+
+  RunsSite without(LeaveOutCommsLogs);
+  const std::string other = without.data().path().string() + "/";
+  without.Request("QUEUED1");
+  ASSERT_TRUE(without.WaitForState("QUEUED1", "waiting for the script"));
+  EXPECT_EQ(comms_log_for_nobody(other, NumberOf(without, "QUEUED1")), other + ": ");
+}
+
+// A variable of the environment is the account's own word.
+TEST_F(RunStateTest, ProcessOfAnotherAccountIsNoMember) {
+  RunsSite site;
+  site.Connect("CASE");
+  const auto simulator = site.Run("CASE").at("simulator").get<pid_t>();
+  ChildProcess::Options options;
+  options.environment = {"JOBMILL_RUN=" +
+                         inspect::Process::Open(simulator)->Variable("JOBMILL_RUN").value_or("")};
+  const ChildProcess own({"/bin/sleep", "60"}, options);
+  options.in_child = [] { return setgroups(0, nullptr) + setgid(65534) + setuid(65534); };
+  const ChildProcess of_another({"/bin/sleep", "60"}, options);
+  for (const pid_t pid : {own.pid(), of_another.pid()}) {
+    ASSERT_TRUE(Eventually([&] { return inspect::Process::Open(pid)->stat().name == "sleep"; }));
+  }
+  const auto members = site.Run("CASE").at("members").get<std::vector<pid_t>>();
+  EXPECT_THAT(members, Contains(simulator));
+  EXPECT_THAT(members, Contains(own.pid()));
+  EXPECT_THAT(members, Not(Contains(of_another.pid())));
+}
+
+TEST_F(RunStateTest, RunWhoseJobHasStartedDoesNotWaitForIt) {
+  RunsSite site;
+  site.Connect("JOB1");
+  const auto run = site.Run("JOB1");
+  EXPECT_EQ(run.at("job"), "471");
+  EXPECT_EQ(run.at("state"), "waiting for the master");
+  EXPECT_EQ(run.at("waits_for"), "the next request");
+}
+
+TEST_F(RunStateTest, RunWithoutScriptAndLogIsKnownByItsLink) {
+  RunsSite site;
+  site.Connect("GONE1");
+  const auto port = site.Run("GONE1").at("comms_port").get<int>();
+  std::filesystem::remove(site.daemon().LogFile());
+  const auto runs = site.Runs();
+  ASSERT_EQ(runs.size(), 1U);
+  EXPECT_TRUE(runs[0].at("root").is_null());
+  EXPECT_EQ(runs[0].at("state"), "waiting for the master");
+  EXPECT_EQ(runs[0].at("comms_port"), port);
+  EXPECT_TRUE(runs[0].at("simulator").is_number());
+  EXPECT_EQ(runs[0].at("unknown").at("windows_user"),
+            "the log that tells it was removed or replaced");
+}
+
+TEST_F(RunStateTest, SimulatorThatHasEndedIsNotShown) {
+  RunsSite site;
+  site.Connect("CASE");
+  const auto run = site.Run("CASE");
+  kill(run.at("id").get<pid_t>(), SIGSTOP);
+  kill(run.at("simulator").get<pid_t>(), SIGKILL);
+  EXPECT_TRUE(Eventually([&] { return site.Run("CASE").at("simulator").is_null(); }));
+  kill(run.at("id").get<pid_t>(), SIGCONT);
 }
 
 }  // namespace

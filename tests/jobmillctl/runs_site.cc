@@ -37,6 +37,10 @@ case $3 in
     until [ -e "$3.go" ]; do sleep 0.1; done
     delay='--step-delay 3600000'
     ;;
+  JOB*)
+    mkdir "vk_$3" && cd "vk_$3" || exit 1
+    echo "somescheduler: job 47${3#JOB} (vk_$3) is submitted"
+    ;;
   STEP*) delay='--step-delay 3600000' ;;
   BUSY*) sed -i 's/^max_step.*/max_step = 0.0001/' "$2$3.afi" ;;
 esac

@@ -13,6 +13,7 @@
 /// name say:
 ///
 ///   QUEUED  the script tells of a job and names no host
+///   JOB     the script tells of a job, which is the stand-in simulator
 ///   ABSENT  the script names a host on which no simulator listens
 ///   HELD    the script waits for the file ROOT.go beside the model; then like STEP
 ///   STEP    each step takes the stand-in simulator an hour, in which it does nothing
