@@ -1,12 +1,25 @@
 #include "inspect/gates.h"
 
+#include <arpa/inet.h>
+#include <net/if.h>
+#include <string.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <string>
+#include <utility>
 
 #include <gtest/gtest.h>
 
+#include "base/descriptor.h"
+#include "inspect/runs.h"
+#include "tests/support/ports.h"
+#include "tests/support/private_network.h"
+#include "tests/support/running_daemon.h"
 #include "tests/support/temporary_directory.h"
 
 namespace inspect {
@@ -93,6 +106,50 @@ TEST_F(GatesTest, ValuesThatNoGateHasAreLeftOut) {
   EXPECT_FALSE(is_read(R"("denied":1)", R"("denied":18446744073709551615)"));
   EXPECT_FALSE(is_read(R"("arriving":1)", R"("arriving":0.5)"));
   EXPECT_FALSE(is_read("999990", "1000031"));  // it has not been written yet
+}
+
+// A master of the network may have the port of a gate's link.
+TEST_F(GatesTest, OnlyMastersOfThisMachineHaveComeThroughAGate) {
+  const auto found = InPrivateNetwork([&]() -> std::string {
+    ifreq request{};
+    strcpy(request.ifr_name, "lo:1");
+    auto& own = reinterpret_cast<sockaddr_in&>(request.ifr_addr);
+    own.sin_family = AF_INET;
+    inet_pton(AF_INET, "192.0.2.9", &own.sin_addr);
+    const Descriptor any(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (ioctl(any.get(), SIOCSIFADDR, &request) != 0) return "no address";
+    RunningDaemon::Options options;
+    options.arguments = {"-u"};
+    const RunningDaemon daemon(options);
+    const auto gate_of_master_at = [&](const char* address) {
+      const Descriptor master(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+      own.sin_port = htons(static_cast<std::uint16_t>(daemon.port()));
+      inet_pton(AF_INET, address, &own.sin_addr);
+      if (connect(master.get(), &request.ifr_addr, sizeof(request.ifr_addr)) != 0) {
+        return std::string("no link");
+      }
+      std::string document = Document(std::to_string(time(nullptr)));
+      for (const auto& [from, to] :
+           {std::pair(5000, daemon.port()), {40001, PortOf(master.get())}}) {
+        const std::string text = std::to_string(from);
+        document.replace(document.find(text), text.size(), std::to_string(to));
+      }
+      directory_.Write("a.json", document);
+      std::string gate = "no run";
+      Eventually([&] {
+        for (const inspect::Run& run : FindRuns(directory_.path().string()).runs) {
+          if (run.daemon != daemon.pid() || !run.master) continue;
+          if (run.master->port != PortOf(master.get())) continue;
+          gate = run.gate.value_or("none") + ", " + run.proven.value_or("nothing proven");
+        }
+        return gate != "no run";
+      });
+      return gate;
+    };
+    return gate_of_master_at("127.0.0.1") + "; " + gate_of_master_at("192.0.2.9");
+  });
+  if (!found || *found == "no address") GTEST_SKIP() << "no network of its own here";
+  EXPECT_EQ(*found, "192.0.2.8:50000, nothing proven; none, nothing proven");
 }
 
 TEST_F(GatesTest, FileThatIsTooLongIsNotRead) {

@@ -4,7 +4,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <string>
@@ -13,6 +15,8 @@
 #include <gtest/gtest.h>
 
 #include "inspect/process.h"
+#include "inspect/runs.h"
+#include "tests/inspect/own_view.h"
 #include "tests/jobmillctl/jobmillctl.h"
 #include "tests/jobmillctl/runs_site.h"
 #include "tests/support/bytes.h"
@@ -161,11 +165,48 @@ TEST(LostTest, WhatAShippedScriptEndsIsEndingAndNotLost) {
   ASSERT_TRUE(before.is_object());
   kill(before.at("id").get<pid_t>(), SIGKILL);
   EXPECT_TRUE(Eventually([&] { return run().is_object() && run().at("state") == "ending"; }));
+  // A script that is stopped ends nothing.
+  kill(before.at("script").get<pid_t>(), SIGSTOP);
+  EXPECT_TRUE(Eventually([&] { return run().is_object() && run().at("state") == "lost"; }));
+  kill(before.at("script").get<pid_t>(), SIGCONT);
+  EXPECT_TRUE(Eventually([&] { return run().is_object() && run().at("state") == "ending"; }));
   const Outcome shown = Jobmillctl({"lost"});
   EXPECT_THAT(shown.out, HasSubstr("/CASE): ending, it waits for its end by the script"));
   EXPECT_THAT(shown.out, Not(HasSubstr("/CASE): lost")));
   EXPECT_TRUE(Eventually([&] { return run().is_null(); }, std::chrono::seconds(30)));
   ExpectEnded(ProcessesOf(before));
+}
+
+// Which file a script of a relative name is only its daemon knows.
+TEST(LostTest, ScriptOfARelativeNameIsNotTakenForAShippedOne) {
+  RunningDaemon::Options options;
+  options.arguments = {"-u", "-o", std::to_string(FreePort())};
+  const RunningDaemon daemon(options);
+  chmod(daemon.directory().Write("vkmpi_dir.sh", "#!/bin/sh\nsleep 1000\n").c_str(), 0755);
+  TestMaster master(daemon.port());
+  master.RequestRun({});
+  pid_t script = 0;
+  const auto find = [&](inspect::RunState state) {
+    return std::ranges::any_of(inspect::FindRuns().runs, [&](const inspect::Run& run) {
+      if (state == inspect::RunState::kScript && run.daemon == daemon.pid()) {
+        script = run.script.value_or(0);
+        if (script != 0) kill(run.id.pid, SIGKILL);
+        return script != 0;
+      }
+      return script != 0 && run.script == script && run.state == state;
+    });
+  };
+  ASSERT_TRUE(Eventually([&] { return find(inspect::RunState::kScript); }));
+  // Where a shipped one has the name.
+  const TemporaryDirectory here;
+  std::filesystem::copy_file(SOURCES "/deploy/scripts/local", here.File("vkmpi_dir.sh"));
+  EXPECT_TRUE(Eventually([&] {
+    return InProcess([&] {
+             if (chdir(here.path().c_str()) != 0) return std::string("no directory");
+             return std::string(find(inspect::RunState::kLost) ? "lost" : "");
+           }) == "lost";
+  }));
+  kill(script, SIGKILL);
 }
 
 TEST(EndTest, YesIsAskedFor) {
