@@ -3,6 +3,7 @@
 #include "tools/vkmaster/report/report.h"
 
 #include <cmath>
+#include <filesystem>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -46,6 +47,14 @@ TEST_F(ReportTest, CellsMayHoldQuotesCommasAndLineEnds) {
   EXPECT_THAT(file.Next(), Pointee(ElementsAre("P,1", "a \"b\"")));
   EXPECT_THAT(file.Next(), Pointee(ElementsAre("x\ny", "")));
   EXPECT_EQ(file.Next(), nullptr);
+}
+
+// Half a table would be shown as the whole one.
+TEST_F(ReportTest, FileThatCannotBeReadIsAnErrorAndNotShort) {
+  directory_.Write("steps.csv", "time_days,date,ended\n0,2020-01-01,false\n");
+  std::filesystem::create_directory(directory_.File("data.csv"));
+  EXPECT_EQ(Refusal(), "Cannot read the file '" + directory_.File("data.csv") + "'");
+  EXPECT_THROW(CsvFile(directory_.File("none.csv")), UsageError);
 }
 
 TEST_F(ReportTest, LineThatIsStillBeingWrittenIsLeftOut) {

@@ -8,9 +8,16 @@
 #include "tools/vkmaster/text/usage_error.h"
 
 namespace vkmaster {
+namespace {
+
+[[noreturn]] void RefuseToRead(const std::string& path) {
+  throw UsageError("Cannot read the file '" + path + "'");
+}
+
+}  // namespace
 
 CsvFile::CsvFile(const std::string& path) : path_(path), stream_(PathOf(path), std::ios::binary) {
-  if (!stream_) throw UsageError("Cannot read the file '" + path + "'");
+  if (!stream_) RefuseToRead(path);
   if (ReadLine()) header_.assign(cells_.begin(), cells_.end());
 }
 
@@ -32,7 +39,8 @@ bool CsvFile::ReadLine() {
   // A line end inside quotes belongs to the cell.
   do {
     std::getline(stream_, more);
-    if (stream_.eof() || !stream_) return false;
+    if (stream_.bad()) RefuseToRead(path_);
+    if (stream_.eof()) return false;
     ++number_;
     if (!line_.empty()) line_ += '\n';
     line_ += more;
