@@ -24,8 +24,7 @@ std::vector<const CLI::Option*> OptionsOf(const CLI::App& app) {
 }
 
 std::vector<const CLI::App*> SubcommandsOf(const CLI::App& app) {
-  return app.get_subcommands(
-      [](const CLI::App* each) { return !each->get_name().empty() && !each->get_group().empty(); });
+  return app.get_subcommands([](const CLI::App* each) { return !each->get_name().empty(); });
 }
 
 const CLI::App* SubcommandOf(const CLI::App& app, const std::string& name) {
@@ -130,7 +129,7 @@ Answer Complete(const CLI::App& app, const Words& words,
     } else if (const CLI::App* subcommand = SubcommandOf(*command, *word)) {
       command = subcommand;
       positionals = 0;
-    } else if (command->get_prefix_command() && commands) {
+    } else if (command->get_prefix_command()) {
       return commands(Words(word, words.end()));
     } else {
       ++positionals;
@@ -139,7 +138,7 @@ Answer Complete(const CLI::App& app, const Words& words,
   const std::string& begin = words.back();
   if (option != nullptr) return ValuesOf(*option, begin == "=" ? "" : begin);
   if (begin.starts_with('-')) return OptionsThatBegin(*command, begin);
-  if (command->get_prefix_command() && commands) return commands({begin});
+  if (command->get_prefix_command()) return commands({begin});
   Answer answer;
   for (const CLI::App* subcommand : SubcommandsOf(*command)) {
     Add(answer, begin, subcommand->get_name(), subcommand->get_description());

@@ -32,7 +32,7 @@ std::optional<Words> Asked(int argc, const char* const* argv);
 
 /// What may stand in place of the last of `words`. The values of an option or a positional are
 /// those that its type names: {ONE,OTHER}, FILE, DIR. An app of prefix_command() leaves the words
-/// after its options to `commands`.
+/// after its options to `commands`, which no other app needs.
 Answer Complete(const CLI::App& app, const Words& words,
                 const std::function<Answer(const Words&)>& commands = {});
 
