@@ -213,7 +213,7 @@ void WriteReport(const Results& results, const std::string& file,
   CheckReplaceable(file);
   WholeFile page(file);
   std::string_view rest = kReportHtml;
-  while (!rest.empty()) {
+  while (true) {
     const std::size_t begin = rest.find('@');
     const std::size_t end = begin == rest.npos ? rest.npos : rest.find('@', begin + 1);
     page.Write(rest.substr(0, begin));
