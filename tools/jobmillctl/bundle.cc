@@ -80,11 +80,7 @@ Descriptor CreateFile(const std::string& name) {
 void Write(const Descriptor& file, const std::string& name, const std::string& text) {
   for (std::size_t written = 0; written < text.size();) {
     const ssize_t size = write(file.get(), text.data() + written, text.size() - written);
-    if (size <= 0) {
-      const int error = errno;
-      unlink(name.c_str());
-      throw Failed(fmt::format("{} cannot be written: {}", name, strerror(error)));
-    }
+    if (size <= 0) throw Failed(fmt::format("{} cannot be written: {}", name, strerror(errno)));
     written += static_cast<std::size_t>(size);
   }
 }

@@ -61,7 +61,6 @@ class Part {
        std::function<std::string(const std::string& last)> look)
       : name_(name), every_(every), limit_(limit), look_(std::move(look)) {}
 
-  const std::string& name() const { return name_; }
   bool is_due() const { return !inquiry_ && Clock::now() >= due_; }
   bool is_asked() const { return inquiry_ != nullptr; }
   int descriptor() const { return inquiry_ && !told_ ? inquiry_->descriptor() : -1; }

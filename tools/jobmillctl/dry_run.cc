@@ -239,9 +239,7 @@ std::set<pid_t> Descendants() {
     std::string text;
     if (pid <= 0 || !std::getline(file, text)) continue;
     // After the name, which may hold anything: state, parent.
-    const std::size_t name = text.rfind(')');
-    if (name == std::string::npos || name + 4 > text.size()) continue;
-    children.emplace(static_cast<pid_t>(NumberIn(text.c_str() + name + 4)), pid);
+    children.emplace(static_cast<pid_t>(NumberIn(text.c_str() + text.rfind(')') + 4)), pid);
   }
   std::set<pid_t> found;
   std::vector<pid_t> parents{getpid()};

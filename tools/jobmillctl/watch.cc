@@ -230,9 +230,8 @@ int WatchInLines(const std::string& name, const std::string& gates) {
     }
     for (const auto& [pid, text] : before) {
       if (!text.empty() && !now.contains(pid)) {
-        const auto run = std::ranges::find_if(
-            seen.runs, [id = pid](const Run& candidate) { return candidate.id.pid == id; });
-        const std::string end = run == seen.runs.end() ? "" : SentenceOfEnd(*run);
+        const std::string end = SentenceOfEnd(*std::ranges::find_if(
+            seen.runs, [id = pid](const Run& candidate) { return candidate.id.pid == id; }));
         fmt::print("{} {}: ended{}\n", time, text.substr(0, text.rfind(": ")),
                    end.empty() ? "" : ": " + end);
       }

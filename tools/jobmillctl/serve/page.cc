@@ -89,7 +89,7 @@ bool Fits(const Json& run, const Filter& filter, const std::string& state) {
 std::string Activity(const Json& run, const Timeline* timeline, double now) {
   if (!Is(run, RunState::kSimulator)) return {};
   if (At(run, {"simulator"}).is_null()) return "its simulator is not seen from this machine";
-  if (timeline == nullptr || (!timeline->processors() && !timeline->idle_since())) {
+  if (timeline == nullptr || !timeline->processors()) {
     return "not known before the next look";
   }
   if (timeline->idle_since()) {
