@@ -83,6 +83,29 @@ TEST(RefuseYear, DigitsThatAreAYearOfTheRunAreNoDay) {
   }
 }
 
+TEST(DaysBetween, TargetsThatOnlyTheRunCanCompareHaveNone) {
+  const auto between = [](const char* one, const char* other) {
+    return vkmaster::DaysBetween(vkmaster::ParseTarget(one), vkmaster::ParseTarget(other));
+  };
+  EXPECT_EQ(between("30", "40"), 10);
+  EXPECT_EQ(between("2030-01-31", "2030-02-01"), 1);
+  EXPECT_EQ(between("30", "2030-02-01"), std::nullopt);
+  EXPECT_EQ(between("+30", "+40"), std::nullopt);
+}
+
+TEST(Format, TargetsAndStepsAreShownAsTheyAreWritten) {
+  const auto target = [](const char* word) {
+    return vkmaster::FormatTarget(vkmaster::ParseTarget(word));
+  };
+  EXPECT_EQ(target("2030-01-31"), "2030-01-31");
+  EXPECT_EQ(target("30"), "day 30");
+  EXPECT_EQ(target("+30"), "+30 days");
+  for (const char* word : {"monthly", "quarterly", "yearly"}) {
+    EXPECT_EQ(vkmaster::FormatStep(ParseStep(word)), word);
+  }
+  EXPECT_EQ(vkmaster::FormatStep(ParseStep("30")), "of 30 days");
+}
+
 TEST(EndOfStep, DaysAreAdded) {
   EXPECT_EQ(EndOfStep(ParseStep("30"), {15, 1, 2020}, 10.5), 40.5);
 }

@@ -145,6 +145,9 @@ TEST(VkmasterCompletion, CommandsAreThoseOfThePrompt) {
   EXPECT_THAT(VkmasterFor({"run", "plan.toml", "--over"}), HasSubstr("--overwrite\t"));
   EXPECT_EQ(VkmasterFor({"run", "--api", ""}), "2016.2\t\n2017.2\t\n");
   EXPECT_THAT(VkmasterFor({"time", "then", "r"}), Not(HasSubstr("run")));
+  EXPECT_EQ(VkmasterFor({"report", ""}), ":directories\n");
+  EXPECT_EQ(VkmasterFor({"report", "results", ""}), ":files\n");
+  EXPECT_EQ(VkmasterFor({"composition", ""}), "") << "there is no run yet to ask for its names";
 }
 
 }  // namespace

@@ -126,7 +126,8 @@ struct FakeRun {
   bool short_lists = false;              ///< lists of properties are shorter than the first one
   std::size_t missing_variables = 0;     ///< how many values fewer than asked for
 
-  bool obeys = true;  ///< else statuses and uptimes are acknowledged and nothing else
+  int source_answer = 1;  ///< what the simulator answers to an external source; 0 refuses it
+  bool obeys = true;      ///< else statuses and uptimes are acknowledged and nothing else
   bool compositional = true;
   std::map<std::string, double> uptimes;
 
@@ -195,7 +196,7 @@ struct FakeRun {
         master.Send(Pack(code).Double(2017.2).Done());
         break;
       case 18:
-        master.Send(Pack(code).Int(1).Done());
+        master.Send(Pack(code).Int(source_answer).Done());
         break;
       case 20:
         SendDate(master, code, 0);

@@ -225,6 +225,9 @@ TEST_F(PlanTest, EventsComeInTheOrderOfTheirTimes) {
 TEST_F(PlanTest, CheckSaysWhatWillHappenWhenWithoutADaemon) {
   const std::string file = directory_.Write("plan.toml", R"(
 title = "ten years"
+[launch]
+port = 5001
+root = "CASE"
 [advance]
 until = 3650
 step = "monthly"
@@ -241,6 +244,8 @@ commands = ["open P1"]
   EXPECT_EQ(outcome.status, 0) << outcome.err;
   EXPECT_EQ(outcome.out, "plan           " + file +
                              "\ntitle          ten years\n"
+                             "root           CASE\n"
+                             "port           5001\n"
                              "until          day 3650\n"
                              "steps          monthly\n"
                              "at every stop  data; wells\n"
@@ -457,12 +462,15 @@ TEST_F(PlanRunTest, ResultsOfAnEarlierRunAreNeitherMixedNorLost) {
   EXPECT_EQ(again.status, 2);
   EXPECT_THAT(again.err, HasSubstr("has the results of an earlier run"));
   EXPECT_EQ(directory_.Read("results/wells.csv"), wells);
+  directory_.Write("results/remarks.txt", "somebody's own\n");
+  std::filesystem::create_directory(directory_.File("results/earlier.csv"));
   FakeRun run;
   FakeDaemon daemon(FakeDaemon::Launching(run));
   const Outcome replaced = RunVkmaster(
       LaunchArguments(daemon.port(), {"--overwrite", "run", directory_.Write("plan.toml", plan)}));
   EXPECT_EQ(replaced.status, 0) << replaced.err;
-  EXPECT_EQ(Names("results"), "run.json steps.csv");
+  EXPECT_EQ(Names("results"), "earlier.csv remarks.txt run.json steps.csv");
+  EXPECT_EQ(directory_.Read("results/remarks.txt"), "somebody's own\n");
 }
 
 // Another program's table may have the name of one of ours, and a copy of ours is a person's.
@@ -855,6 +863,35 @@ TEST_F(PlanTest, PlanThatRecordsNothingIsNoticed) {
   FakeDaemon daemon(FakeDaemon::Launching(run));
   EXPECT_THAT(RunVkmaster(LaunchArguments(daemon.port(), {"run", plan})).err,
               testing::StartsWith(note));
+}
+
+// What ended the run is the failure; that its end could not be written is told besides.
+TEST_F(PlanRunTest, EndOfAFailedRunThatCannotBeWrittenIsANote) {
+  run_.fails = {8};
+  run_.before = [this](std::uint32_t code) {
+    if (code == 8) std::filesystem::remove_all(directory_.File("results"));
+  };
+  const Outcome outcome = Run("[advance]\nuntil = 1\n");
+  EXPECT_EQ(outcome.status, 4);
+  EXPECT_THAT(outcome.err, HasSubstr("note: Cannot write '" + directory_.File("results/run.json") +
+                                     "': No such file or directory\n"));
+  EXPECT_THAT(outcome.err, HasSubstr("request 8 (RunUntil)"));
+}
+
+TEST_F(PlanRunTest, RunFileOfAnInterruptedPlanSaysSo) {
+  std::promise<pid_t> master;
+  std::promise<void> over;
+  run_.before = [&](std::uint32_t code) {
+    if (code != 8) return;
+    kill(master.get_future().get(), SIGTERM);
+    over.get_future().wait_for(std::chrono::seconds(20));
+  };
+  const auto process = Start("[advance]\nuntil = 40\n", {"--shutdown-wait", "1"});
+  master.set_value(process->pid());
+  const Outcome outcome = process->Finish();
+  over.set_value();
+  EXPECT_EQ(outcome.status, 143);
+  EXPECT_EQ(nlohmann::json::parse(directory_.Read("results/run.json"))["end"], "interrupted");
 }
 
 TEST_F(PlanRunTest, WallTimesOfTheStepsAndTheLaunchAreKept) {

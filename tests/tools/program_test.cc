@@ -6,7 +6,7 @@
 #include <sys/ioctl.h>
 #include <sys/syscall.h>
 
-#include <fstream>
+#include <filesystem>
 #include <future>
 #include <utility>
 
@@ -16,6 +16,7 @@
 #include "tests/support/child_process.h"
 #include "tests/support/refused_calls.h"
 #include "tests/support/temporary_directory.h"
+#include "tests/support/writing_process.h"
 #include "tests/tools/fake_daemon.h"
 
 namespace {
@@ -376,6 +377,17 @@ TEST_F(ProgramTest, TargetBehindAnEarlierOneIsKnownBeforeTheFirstStepAlsoBetween
   EXPECT_EQ(daemon_.Requests().back(), kShutdown);
 }
 
+// A date and so many days more is a day that only the run knows: that is no complaint before it.
+TEST_F(ProgramTest, TargetBehindADateAndDaysIsKnownOnceTheRunTellsItsStart) {
+  const Outcome outcome = Master(
+      {"until", "2020-02-01", "then", "until", "+5", "then", "until", "+5", "then", "until", "10"});
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_EQ(outcome.out, "");
+  EXPECT_EQ(outcome.err, "vkmaster: until 10: the run is at day 41 already then\n");
+  EXPECT_THAT(daemon_.Requests(), testing::Contains(kConnect));
+  EXPECT_THAT(daemon_.Requests(), Not(testing::Contains(kNewton)));
+}
+
 TEST_F(ProgramTest, DateBeforeTheStartOrBehindTheRunIsKnownBeforeTheCommandsInFrontOfIt) {
   run_.time = 40;
   const Outcome outcome = Master({"time", "then", "until", "2020-01-20"});
@@ -628,15 +640,6 @@ TEST_F(ProgramTest, ErrorThatNobodyReadsEndsTheRunToo) {
   EXPECT_THAT(daemon_.Requests(), ElementsAre(kConnect, kTime, kTime, kShutdown));
 }
 
-// Whether the process is in a write to its descriptor that nobody makes room for.
-bool IsWriting(pid_t pid, int descriptor) {
-  std::ifstream call("/proc/" + std::to_string(pid) + "/syscall");
-  long number = -1;
-  std::string argument;
-  call >> number >> argument;
-  return number == SYS_write && argument == "0x" + std::to_string(descriptor);
-}
-
 TEST_F(ProgramTest, SignalWhileTheResultsWaitForTheirReaderShutsTheRunDown) {
   std::promise<void> over;
   run_.before = [&](std::uint32_t code) {
@@ -731,6 +734,29 @@ TEST(ProgramUser, NameIsThatOfTheEnvironment) {
   EXPECT_EQ(UserSent(nullptr, "carol"), "carol");
   EXPECT_EQ(UserSent(nullptr, nullptr), getpwuid(getuid())->pw_name);
   unsetenv("LOGNAME");
+}
+
+TEST(ProgramUser, AccountWithoutANameClaimsNone) {
+  if (getuid() != 0) GTEST_SKIP() << "needs root";
+  const TemporaryDirectory directory;
+  std::filesystem::permissions(directory.path(), std::filesystem::perms(0755));
+  const std::string program = directory.File("vkmaster");  // where every account may execute it
+  std::filesystem::copy_file(VkmasterExecutable(), program);
+  FakeRun run;
+  FakeDaemon daemon(FakeDaemon::Launching(run));
+  ChildProcess::Options options;
+  options.environment = {"USER=", "LOGNAME="};
+  options.in_child = [] {
+    constexpr unsigned nameless = 54321;
+    return setgid(nameless) + setuid(nameless);
+  };
+  ChildProcess child({program, "--host", "127.0.0.1", "--port", std::to_string(daemon.port()),
+                      "--path", "/data/", "--root", "CASE", "quit"},
+                     options);
+  EXPECT_EQ(child.Wait(std::chrono::seconds(30)), 0);
+  const std::vector<std::string> frames = daemon.Frames();
+  ASSERT_GE(frames.size(), 8U);
+  EXPECT_EQ(frames[6], "");
 }
 
 TEST(ProgramFailure, SystemWithoutADescriptorLeftIsAnInternalError) {
@@ -991,6 +1017,14 @@ TEST(ProgramUsage, WhatTheLaunchLacksIsNamed) {
             "vkmaster: The run's data directory is missing: --path\n");
   EXPECT_EQ(complaint({"--port", "5000", "--path", "/data", "time"}),
             "vkmaster: The model's name is missing: --root\n");
+  std::vector<std::string> gate = {"--path", "/data", "--root", "CASE", "--gate", "127.0.0.1:1"};
+  for (const char* option : {"--certificate", "--key", "--authority"}) {
+    gate.emplace_back("time");
+    EXPECT_EQ(complaint(gate),
+              "vkmaster: For --gate there has to be " + std::string(option) + "\n");
+    gate.back() = option;
+    gate.emplace_back("/no/such/file");
+  }
 }
 
 TEST(ProgramUsage, CommandThatOnlyBeginsLikeRunIsNoPlan) {

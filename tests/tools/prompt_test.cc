@@ -65,6 +65,7 @@ TEST(Completions, CommandsOnWellsAreFollowedByWells) {
 TEST(Completions, ConstraintNamesComeWithTheirEqualsSign) {
   EXPECT_THAT(Completions("constrain P1 ", "b", {Wells}), ElementsAre("bhp="));
   EXPECT_THAT(Completions("vars P1 ", "b", {Wells}), ElementsAre("bhp"));
+  EXPECT_THAT(Completions("unconstrain P1 ", "b", {Wells}), ElementsAre("bhp"));
   EXPECT_THAT(Completions("ipr P1 ", "sk", {Wells}), ElementsAre("skewness"));
 }
 

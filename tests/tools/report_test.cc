@@ -18,6 +18,7 @@
 namespace vkmaster {
 namespace {
 
+using testing::AllOf;
 using testing::ElementsAre;
 using testing::EndsWith;
 using testing::HasSubstr;
@@ -46,6 +47,18 @@ TEST_F(ReportTest, CellsMayHoldQuotesCommasAndLineEnds) {
   EXPECT_THAT(file.header(), ElementsAre("well", "status"));
   EXPECT_THAT(file.Next(), Pointee(ElementsAre("P,1", "a \"b\"")));
   EXPECT_THAT(file.Next(), Pointee(ElementsAre("x\ny", "")));
+  EXPECT_EQ(file.Next(), nullptr);
+}
+
+TEST_F(ReportTest, QuoteThatIsNotClosedInItsCellEndsWithTheLine) {
+  CsvFile file(directory_.Write("a.csv", "well,status\n5\" tubing,\"OPEN\nP2,SHUT\n"));
+  EXPECT_THAT(file.Next(), Pointee(ElementsAre("5\" tubing", "OPEN")));
+  EXPECT_THAT(file.Next(), Pointee(ElementsAre("P2", "SHUT")));
+}
+
+TEST_F(ReportTest, EmptyFileHasNeitherHeaderNorRows) {
+  CsvFile file(directory_.Write("a.csv", ""));
+  EXPECT_THAT(file.header(), IsEmpty());
   EXPECT_EQ(file.Next(), nullptr);
 }
 
@@ -120,6 +133,51 @@ TEST_F(ReportTest, DataAndVarsOfTheSameQuantityAreOne) {
   EXPECT_THAT(results.field[0], ElementsAre(150.5F, 40));
 }
 
+TEST_F(ReportTest, CellsAndHeadingsOfOtherFormsAreNoValuesAndNoUnits) {
+  directory_.Write("steps.csv", "time_days,date,ended\n30,2020-01-31,false\n");
+  directory_.Write("data.csv",
+                   "time_days,date,well,status,oil_rate [sm3/d\n30,x,P1,OPEN,12 or so\n");
+  directory_.Write("data_old.csv", "of another program\n");
+  for (const char* run : {"{}", "{\"start_date\": 2020}"}) {
+    directory_.Write("run.json", run);
+    const Results results = ReadResults(Directory());
+    EXPECT_EQ(results.start_date, "") << "the first stop is not the start";
+    EXPECT_THAT(results.quantities, ElementsAre(Heading{"oil_rate [sm3/d", ""}));
+    EXPECT_THAT(results.wells.at(0).values[0], ElementsAre(IsNan()));
+  }
+  directory_.Write("run.json", "{\"start_date\": \"2019-12-31\"}");
+  EXPECT_EQ(ReadResults(Directory()).start_date, "2019-12-31");
+}
+
+// A well that was recorded under a second command, too, is the same well at the same time.
+TEST_F(ReportTest, RepeatedRecordIsTheSameOnlyWithTheSameGaps) {
+  directory_.Write("steps.csv", "time_days,date,ended\n");
+  directory_.Write("data.csv",
+                   "time_days,date,well,status,oil_rate,gas_rate\n"
+                   "10,x,P1,OPEN,100,\n10,x,P1,OPEN,100,\n"
+                   "20,x,P1,OPEN,100,\n20,x,P1,OPEN,100,7\n"
+                   "30,x,P1,OPEN,100,8\n30,x,P1,OPEN,100,\n");
+  const Results results = ReadResults(Directory());
+  EXPECT_THAT(results.days, ElementsAre(10, 20, 20, 30, 30));
+  EXPECT_THAT(results.wells[0].values[1], ElementsAre(IsNan(), IsNan(), 7, 8, 8));
+}
+
+TEST_F(ReportTest, TypesAreThoseOfTheWellsThatHaveValues) {
+  directory_.Write("steps.csv", "time_days,date,ended\n");
+  directory_.Write("vars.csv", "time_days,date,well,oil_rate\n0,x,P1,1\n");
+  directory_.Write("data.csv", "time_days,date,well,status,oil_rate\n0,x,P2,SHUT,0\n");
+  directory_.Write("wells.csv",
+                   "time_days,date,well,type,status\n0,x,P1,PRODUCER,OPEN\n"
+                   "0,x,P2,PRODUCER,OPEN\n0,x,P3,PRODUCER,OPEN\n");
+  const Results results = ReadResults(Directory());
+  ASSERT_EQ(results.wells.size(), 2U);
+  EXPECT_EQ(results.wells[0].name + results.wells[0].type + results.wells[0].status,
+            "P2PRODUCERSHUT")
+      << "what data says is newer";
+  EXPECT_EQ(results.wells[1].name + results.wells[1].type + results.wells[1].status,
+            "P1PRODUCEROPEN");
+}
+
 TEST_F(ReportTest, RecordsBeforeAndBehindAnEventStandBesideEachOther) {
   directory_.Write("steps.csv", "time_days,date,ended\n");
   directory_.Write("data.csv",
@@ -147,6 +205,20 @@ TEST_F(ReportTest, FieldOfItsOwnRecordStandsForTheSums) {
   directory_.Write("field.csv", "time_days,date,oil_rate,oil_total\n30,x,80,2400\n");
   EXPECT_FALSE(ReadResults(Directory()).field_recorded);
   EXPECT_THAT(ReadResults(Directory()).field[0], ElementsAre(1, 1));
+  // Of a day that was recorded twice the first row stays.
+  directory_.Write("field.csv", "time_days,date,oil_rate,oil_total\n0,x,70,0\n0,x,75,0\n");
+  EXPECT_FALSE(ReadResults(Directory()).field_recorded);
+  directory_.Write("field.csv", "time_days,date,oil_rate,oil_total\n");
+  EXPECT_FALSE(ReadResults(Directory()).field_recorded);
+  // Without wells there are no sums.
+  std::filesystem::remove(directory_.File("data.csv"));
+  EXPECT_FALSE(ReadResults(Directory()).field_recorded);
+  directory_.Write("field.csv", "time_days,date,oil_rate,gas_rate\n30,x,-80,0\n");
+  const Results field = ReadResults(Directory());
+  EXPECT_THAT(field.field[0], ElementsAre(-80));
+  WriteReport(field, directory_.File("report.html"));
+  EXPECT_THAT(directory_.Read("report.html"),
+              AllOf(HasSubstr("\"from\":\"field.csv\""), HasSubstr("\"idle\":[\"gas_rate\"]")));
 }
 
 TEST_F(ReportTest, InflowTablesAreToldApartByTheirFirstPoints) {
@@ -154,11 +226,14 @@ TEST_F(ReportTest, InflowTablesAreToldApartByTheirFirstPoints) {
   directory_.Write("ipr.csv",
                    "time_days,date,well,point,bottom_hole_pressure [bar],oil_rate [sm3/d]\n"
                    "0,x,P1,1,200,90\n0,x,P1,2,220,45\n0,x,P2,1,210,50\n30,x,P1,1,190,80\n");
+  // Points whose first one is missing are of no table.
+  directory_.Write("ipr_3.csv", "time_days,date,well,point,oil_rate [sm3/d]\n50,x,P3,2,70\n");
   directory_.Write("ipr_2.csv",
                    "time_days,date,well,point,tubing_head_pressure [bar],oil_rate [sm3/d]\n"
                    "40,x,P2,1,30,70\n");
   const Results results = ReadResults(Directory());
-  ASSERT_EQ(results.inflow.size(), 2U);
+  ASSERT_EQ(results.inflow.size(), 3U);
+  EXPECT_THAT(results.inflow[2].tables, IsEmpty());
   ASSERT_EQ(results.inflow[0].tables.size(), 2U);
   EXPECT_EQ(results.inflow[0].tables[0].points, 2U);
   EXPECT_EQ(results.inflow[0].tables[1].day, 30);
@@ -201,6 +276,12 @@ TEST_F(ReportTest, PageThatCannotBeWrittenLeavesTheFormerOne) {
   EXPECT_NO_THROW(CheckWritable(directory_.File("fresh/report.html")));
   EXPECT_NO_THROW(CheckWritable(directory_.Write("empty.html", "")));
   EXPECT_THAT(directory_.Read("fresh/report.html"), IsEmpty());
+  const std::filesystem::path here = std::filesystem::current_path();
+  std::filesystem::current_path(directory_.path());
+  EXPECT_NO_THROW(CheckWritable("page.html"));
+  EXPECT_NO_THROW(WriteReport({}, "page.html"));
+  std::filesystem::current_path(here);
+  EXPECT_THAT(directory_.Read("page.html"), HasSubstr("</html>"));
 }
 
 }  // namespace

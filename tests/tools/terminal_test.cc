@@ -182,6 +182,54 @@ TEST_F(TerminalTest, CtrlCDuringAnAdvanceStopsAfterTheStepAndGivesThePromptBack)
   EXPECT_EQ(Status(), 0);
 }
 
+// It has come where it was to go, or the simulation has ended: nothing was left to be stopped.
+TEST_F(TerminalTest, CtrlCDuringTheLastStepOfAnAdvanceIsNoEarlyStop) {
+  std::promise<void> stepping;
+  std::promise<void> pressed;
+  run_.end = 50;
+  run_.before = [&, steps = 0](std::uint32_t code) mutable {
+    if (code != 8) return;
+    ++steps;
+    if (steps == 1) stepping.set_value();
+    if (steps == 1) pressed.get_future().wait();
+    if (steps == 2) kill(pid_, SIGINT);
+  };
+  Start({});
+  Until("CASE day 0> ");
+  Type("until 30\n");
+  stepping.get_future().wait();
+  Type("\x03");
+  Until("Ctrl-C again ends the run");
+  pressed.set_value();
+  EXPECT_THAT(Until("CASE day 30> "), Not(HasSubstr("Stopped")));
+  Type("until 90\n");
+  const std::string shown = Until("CASE day 50> ");
+  EXPECT_THAT(shown, HasSubstr("note: The simulation ended at day 50, before day 90"));
+  EXPECT_THAT(shown, Not(HasSubstr("Stopped")));
+  TypeEnd();
+  EXPECT_EQ(Status(), 0);
+}
+
+// Ctrl-C alone is taken for a slip of the person at the prompt.
+TEST_F(TerminalTest, TerminationDuringATypedAdvanceEndsTheRunAtOnce) {
+  std::promise<void> stepping;
+  std::promise<void> over;
+  run_.before = [&](std::uint32_t code) {
+    if (code != 8) return;
+    stepping.set_value();
+    over.get_future().wait();
+  };
+  Start({});
+  Until("CASE day 0> ");
+  Type("until 3650 step 30\n");
+  stepping.get_future().wait();
+  kill(pid_, SIGTERM);
+  Until("Interrupted: shutting the run down");
+  over.set_value();
+  EXPECT_EQ(Status(), 143);
+  EXPECT_EQ(daemon_.Requests().back(), "f0 ff 00 00");
+}
+
 TEST_F(TerminalTest, CtrlCTwiceDuringAnAdvanceEndsTheRun) {
   std::promise<void> stepping;
   std::promise<void> over;

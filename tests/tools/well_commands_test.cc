@@ -57,6 +57,16 @@ class WellCommandsTest : public testing::Test {
     return stream.Text();
   }
 
+  // What a command says before the run when it would be refused then; "fine" else.
+  std::string Check(const std::string& line) {
+    try {
+      vkmaster::ParseCommands(vkmaster::SplitWords(line)).at(0).check(session_);
+      return "fine";
+    } catch (const UsageError& error) {
+      return error.what();
+    }
+  }
+
   // The last requests of the kind, as hex; the daemon's answer has come, so they are all there.
   std::vector<std::string> Requests(int code) {
     std::vector<std::string> found;
@@ -349,26 +359,22 @@ TEST_F(WellCommandsTest, IPROfMoreComponentsThanTheModelHasIsNotAskedFor) {
 
 TEST_F(WellCommandsTest, ChecksFindWhatTheRunWouldRefuseAndChangeNothing) {
   run_.wells.push_back({"G1", "GAS_INJECTOR", "OPEN"});
-  const auto check = [this](const std::string& line) -> std::string {
-    try {
-      vkmaster::ParseCommands(vkmaster::SplitWords(line)).at(0).check(session_);
-      return "fine";
-    } catch (const UsageError& error) {
-      return error.what();
-    }
-  };
   for (const char* line :
        {"data", "wells P1", "open P1", "uptime P1 1", "vars P* bhp", "ipr P1 lift", "ipr P1 keep",
         "constrain P1 oil=5", "constrain later:X oil=5", "source G1 S", "source later:X S",
-        "composition S C1=1", "shut later:P9"}) {
-    EXPECT_EQ(check(line), "fine") << line;
+        "composition S C1=1", "shut later:P9", "ipr P1 --keep", "ipr P1 lift components 2",
+        "ipr later:X", "unconstrain later:X", "constrain P1 as-is:SKIN=-1"}) {
+    EXPECT_EQ(Check(line), "fine") << line;
   }
   for (const char* line : {"data P9", "wells P9", "open P9", "uptime P9 1", "vars P9 bhp", "ipr P9",
                            "constrain P1 water-injection=5", "constrain X oil=5", "source P1 S",
                            "source P* S", "composition S H2=1", "ipr P1 components 9",
                            "vars P1 TOTAL_MOLE_FRACTION[9]", "ipr P2", "unconstrain P9"}) {
-    EXPECT_NE(check(line), "fine") << line;
+    EXPECT_NE(Check(line), "fine") << line;
   }
+  // An order of a plan counts for those behind it.
+  EXPECT_EQ(Check("unconstrain P2 liquid gas"), "fine");
+  EXPECT_EQ(Check("ipr P2"), "fine");
   for (const int code : {10, 11, 12, 13, 15, 16, 18, 19}) EXPECT_THAT(Requests(code), IsEmpty());
 }
 
@@ -428,6 +434,10 @@ TEST_F(WellCommandsTest, UnconstrainTakesLimitsOff) {
                       bhp + bhp +
                       "03000000 01000000 0000000000000000 01000000 0000000000000000"
                       "01000000 00000000006af840")));
+  Do("unconstrain P1 thp");
+  EXPECT_EQ(Requests(13).back(), Hex(Bytes("0d000000 01000000 02000000 5031 01000000 01000000" +
+                                           Hex(PackedText("TUBING_HEAD_PRESSURE")) +
+                                           "01000000 01000000 0000000000000000")));
 }
 
 TEST_F(WellCommandsTest, LimitsAreTakenOffOnce) {
@@ -667,7 +677,12 @@ TEST_F(WellCommandsTest, MistypedNamesAreNotSentAndLikelyOnesNamed) {
   EXPECT_THAT(Refusal("vars P1 bph"), HasSubstr("is no property that is known here (bhp?)"));
   EXPECT_THAT(Refusal("vars P1 B"), HasSubstr("(bhp, BOTTOM_HOLE_PRESSURE?)"));
   EXPECT_THAT(Refusal("vars P1 OIL_PRODUCTION_RTAE"), HasSubstr("(OIL_PRODUCTION_RATE?)"));
-  EXPECT_THAT(Refusal("vars P1 TOTAL_MOLE_FRACTION[0]"), HasSubstr("is no property"));
+  for (const char* fraction : {"0", "x", "1.5", "123456", "1]x"}) {
+    EXPECT_THAT(Refusal("vars P1 TOTAL_MOLE_FRACTION[" + std::string(fraction) + "]"),
+                HasSubstr("is no property"));
+  }
+  EXPECT_THAT(Refusal("vars P1 TOTAL_MOLE_FRACTION[1"), HasSubstr("is no property"));
+  EXPECT_THAT(Refusal("vars P1 TOTAL_MOLE_FRICTIONS[1]"), HasSubstr("is no property"));
   EXPECT_THAT(Refusal("vars P1 as-is:"), HasSubstr("is no property"));
   EXPECT_THAT(Refusal("constrain P1 oli=5"), HasSubstr("is no limit that is known here (oil?)"));
   EXPECT_THAT(Refusal("constrain P1 uptime=1"), HasSubstr("(the command uptime sets it)"));
@@ -696,6 +711,27 @@ TEST_F(WellCommandsTest, BlackOilHasNoComponentsAndNoSources) {
   EXPECT_THROW(Do("source G1 S"), UsageError);
   EXPECT_THROW(Do("composition as-is:S 1"), UsageError);
   EXPECT_THAT(Requests(18), IsEmpty());
+  const std::string none = "he model is black oil and has no components";
+  for (const char* line :
+       {"composition S 1", "ipr P1 components 1", "vars P1 TOTAL_MOLE_FRACTION[1]"}) {
+    EXPECT_THAT(Check(line), EndsWith(none)) << line;
+  }
+  EXPECT_THAT(Do("vars ?"), Not(HasSubstr("TOTAL_MOLE_FRACTION")));
+}
+
+// Whether a well is known can then only be said when it is used.
+TEST_F(WellCommandsTest, WellsOfAModelThatHasNoneYetAreNotCheckedBefore) {
+  run_.wells.clear();
+  EXPECT_EQ(Check("shut P1"), "fine");
+  EXPECT_THROW(Do("shut P1"), UsageError);
+}
+
+TEST_F(WellCommandsTest, SourceThatTheSimulatorRefusesIsSaidToBeRefused) {
+  run_.wells.push_back({"G1", "GAS_INJECTOR", "OPEN"});
+  run_.source_answer = 0;
+  EXPECT_EQ(Do("source G1 GAS"),
+            "well,source,result\nG1,GAS,0\n"
+            "note: The simulator has refused the source: nothing was changed\n");
 }
 
 TEST_F(WellCommandsTest, SourceIsForGasInjectorsAndCompositionForASourceThatWasAttached) {
@@ -725,6 +761,13 @@ TEST_F(WellCommandsTest, WhatIsAcknowledgedWithoutEffectIsSaid) {
   EXPECT_THAT(Do("uptime P1 0.5"), HasSubstr("acknowledged it, but P1 is on for 0.95\n"));
   EXPECT_THAT(Do("constrain P1 oil=60 liquid=500"),
               HasSubstr("acknowledged it, but P1 has oil 100\n"));
+  EXPECT_THAT(Do("constrain P1 water=60"), HasSubstr("acknowledged it, but P1 has water 102\n"));
+  EXPECT_THAT(Do("constrain I1 water-injection=60"),
+              HasSubstr("acknowledged it, but I1 has water-injection 103\n"));
+  run_.wells.push_back({"G1", "GAS_INJECTOR", "OPEN"});
+  EXPECT_THAT(Do("constrain G1 gas-injection=60"),
+              HasSubstr("acknowledged it, but G1 has gas-injection 104\n"));
+  EXPECT_THROW(Do("constrain G1 water-injection=60"), UsageError);
   EXPECT_THAT(Do("constrain P1 oil=100"), testing::Not(HasSubstr("note")));
   run_.wells.clear();
   for (int i = 0; i < 9; ++i) run_.wells.push_back({"W" + std::to_string(i), "PRODUCER", "OPEN"});
@@ -757,8 +800,10 @@ TEST(WellCommandsWithTheOlderVersion, SourcesAreNotedAsWithoutEffect) {
   vkmaster::Progress progress(false, stream.get());
   vkmaster::Context context{session, output, progress, {}};
   run.wells.push_back({"G1", "GAS_INJECTOR", "OPEN"});
+  run.source_answer = 0;
   vkmaster::ParseCommand({"source", "G1", "GAS"}).execute(context);
   EXPECT_THAT(stream.Text(), HasSubstr("has no external sources"));
+  EXPECT_THAT(stream.Text(), Not(HasSubstr("refused")));
   session.Shutdown();
   daemon.join();
 }

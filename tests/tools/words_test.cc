@@ -91,6 +91,14 @@ TEST(ParseNumber, TakesWholeFiniteNumbersOnly) {
   }
 }
 
+TEST(MaybeMeant, OfManyLikelyNamesTheFirstAreNamed) {
+  std::vector<std::string> wells;
+  for (int i = 1; i <= 8; ++i) wells.push_back("P" + std::to_string(i));
+  EXPECT_EQ(vkmaster::MaybeMeant("P", wells), " (P1, P2, P3, P4, P5, P6, P7, P8?)");
+  wells.emplace_back("P9");
+  EXPECT_EQ(vkmaster::MaybeMeant("P", wells), " (P1, P2, P3, P4, P5, P6, P7, P8, ...?)");
+}
+
 TEST(Printable, ControlCharactersBecomeQuestionMarks) {
   EXPECT_EQ(vkmaster::Printable("a\033[2J\n\tb\x7f"), "a?[2J??b?");
 }
