@@ -1,6 +1,7 @@
 // What jobmillctl says of runs that have ended, beside how the test has ended them.
 
 #include <signal.h>
+#include <sys/mount.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -13,6 +14,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include "tests/inspect/own_view.h"
 #include "tests/jobmillctl/jobmillctl.h"
 #include "tests/jobmillctl/runs_site.h"
 #include "tests/support/bytes.h"
@@ -22,9 +24,11 @@ namespace {
 
 namespace fs = std::filesystem;
 using nlohmann::json;
+using testing::AllOf;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Not;
 using testing::StartsWith;
 
 // What of the history was the daemon's of this port, by root name.
@@ -69,7 +73,7 @@ class EndedRuns : public testing::Test {
  protected:
   void StartDaemon(std::vector<std::string> arguments, const std::string& users) {
     fs::permissions(data_.path(), fs::perms(0777));
-    for (const char* root : {"SHUT", "LEFT", "STEP", "EARLY"}) {
+    for (const char* root : {"SHUT", "LEFT", "STEP", "EARLY", "OWN", "OTHERS", "LONG", "LINK"}) {
       fs::copy_file(EXAMPLES_DIR "/TENWELLS.afi", data_.File(std::string(root) + ".afi"));
     }
     fs::permissions(programs_.path(), fs::perms(0755));
@@ -79,7 +83,7 @@ class EndedRuns : public testing::Test {
     options.arguments = std::move(arguments);
     options.script = kScript;
     options.users = users;
-    options.environment = "SECRET_TOKEN hush-hush-1234\n";
+    options.environment = "VERBOSITY 2\nSECRET_TOKEN hush-hush-1234\n";
     options.variables = {"VKSIM=" + programs_.File("vksim"), "PATH=/usr/bin:/bin"};
     daemon_ = std::make_unique<RunningDaemon>(options);
   }
@@ -217,8 +221,11 @@ TEST_F(HistoryTest, EachWayOfEndingIsTold) {
   const Outcome one = Jobmillctl({"history", "SAYS"});
   EXPECT_THAT(one.out, HasSubstr("sentence               The script ended without naming a host"));
   // A run that has just ended is known to status, too. By its id: another test has a run LEFT.
-  EXPECT_THAT(Jobmillctl({"status", runs.at("LEFT").at("id").get<std::string>()}).out,
-              HasSubstr("ending                 master left\n"));
+  const auto id = runs.at("LEFT").at("id").get<std::string>();
+  EXPECT_THAT(Jobmillctl({"status", id}).out, HasSubstr("ending                 master left\n"));
+  const json status = json::parse(Jobmillctl({"status", id, "--json"}).out);
+  ASSERT_EQ(status.at("runs").size(), 1U);
+  EXPECT_EQ(status.at("runs").at(0).at("ending"), "master left");
 }
 
 TEST_F(HistoryTest, WhatWasKilledEndedWithoutAWordAndWhatRunsHasNotEnded) {
@@ -333,6 +340,7 @@ TEST_F(BundleTest, HoldsOneRunAndNothingOfOthersOrOfTheEnvironment) {
   EXPECT_THAT(log, StartsWith("Accepted incoming connection: "));
   EXPECT_THAT(log, HasSubstr("\nSetting non-existing environment variable SECRET_TOKEN to (left "
                              "out)\nWindows user received: alice\n"));
+  EXPECT_THAT(log, HasSubstr("\nArg 2: 2\n")) << "a short value is in other places as well";
   EXPECT_THAT(log, EndsWith("\nHost detected: 127.0.0.1\n"));
   EXPECT_EQ(files.at(place + "comms-log.txt"), data_.Read("SHUT.crvnlog"));
   EXPECT_EQ(files.at(place + "output.txt"), data_.Read("SHUT.out"));
@@ -370,6 +378,176 @@ TEST_F(BundleTest, HoldsOneRunAndNothingOfOthersOrOfTheEnvironment) {
   EXPECT_GE(of_bob, 1);
 }
 
+// An account without rights gets what it may see, of its own runs alone.
+TEST_F(BundleTest, AllIsWithoutRightsOnlyWhatIsOnesOwn) {
+  if (getuid() != 0) GTEST_SKIP() << "needs root";
+  StartDaemon({"-o", std::to_string(RunsSite::FreePorts())}, "alice nobody 1\nbob daemon 1\n");
+  Launch("OWN");
+  EXPECT_THAT(Ask("OTHERS", "bob").Receive(), StartsWith("OK|"));
+  fs::permissions(out_.path(), fs::perms(0777));
+  const Outcome outcome = JobmillctlAsNobody({"bundle", "--all", "--since", "1m", file_, "--yes"});
+  ASSERT_EQ(outcome.status, 0) << outcome.err;
+  EXPECT_THAT(outcome.out, StartsWith("Left out: the values of the environment file, the list of "
+                                      "those who may run, other accounts' runs\n"));
+  const auto files = Unpacked(file_);
+  std::vector<std::string> accounts;
+  const json status = json::parse(files.at("jobmill-bundle/status.json"));
+  for (const json& run : status.at("runs")) accounts.push_back(run.at("account"));
+  EXPECT_FALSE(accounts.empty());
+  EXPECT_THAT(accounts, testing::Each("nobody"));
+}
+
+// A file of somebody else in the place of a log is not taken for it.
+TEST_F(BundleTest, LogsAreCutAndNotFollowedElsewhere) {
+  if (getuid() != 0) GTEST_SKIP() << "needs root";
+  StartDaemon({"-o", std::to_string(RunsSite::FreePorts())},
+              "alice nobody 1\ncarol nobody 1\nbob nobody 0\n");
+  // Neither who asks for no run nor who is refused has logs.
+  TestMaster(daemon_->port()).Leave();
+  ASSERT_TRUE(daemon_->WaitForLog("Incorrect response from Corvane"));
+  EXPECT_THAT(Ask("LONG", "bob").Receive(), HasSubstr("does not have permissions"));
+  for (const char* root : {"LONG", "LINK"}) {
+    TestMaster& master = Launch(root);
+    master.Ask("01 00 00 00");
+    master.Ask("f0 ff 00 00");
+    WaitForEnd(root, "naturally");
+  }
+  // A path that is no whole one, and one without its slash: the daemon puts the comms log beside.
+  fs::create_directory(data_.File("in"));
+  fs::permissions(data_.File("in"), fs::perms(0777));
+  fs::copy_file(data_.File("LONG.afi"), data_.File("in/LONG.afi"));
+  for (const std::string& path : {std::string("data/"), data_.File("in")}) {
+    masters_.push_back(std::make_unique<TestMaster>(daemon_->port()));
+    masters_.back()->RequestRun({"0", path, "LONG", "2", "20172", "carol", "0"});
+    masters_.back()->Receive();
+    masters_.back()->Send(Bytes("04 00 00 00"));
+  }
+  WaitForEnd("inLONG", "failed: ");
+  ASSERT_TRUE(Eventually([&] { return HistoryOf(*daemon_, {"--user", "alice"}).size() == 2; }));
+  const auto runs = HistoryOf(*daemon_, {"--user", "alice"});
+  out_.Write("secret", "of another account\n");
+  fs::remove(data_.File("LINK.out"));
+  fs::create_symlink(out_.File("secret"), data_.File("LINK.out"));
+  data_.Write("LONG.out", std::string(300 << 10, 'x') + "\nthe last line\n");
+  fs::remove(daemon_->directory().File("vkjobmill.exe"));
+  const Outcome all = Jobmillctl({"bundle", "--all", "--since", "1m", file_, "--yes"});
+  ASSERT_EQ(all.status, 0) << all.err;
+  const auto files = Unpacked(file_);
+  const auto text = [&](const char* root, const std::string& name) {
+    return files.at("jobmill-bundle/runs/" + runs.at(root).at("id").get<std::string>() + "/" +
+                    name);
+  };
+  EXPECT_EQ(text("LONG", "output.txt"), "(only the end)\nthe last line\n");
+  EXPECT_EQ(text("LINK", "output.txt"), "not read: it is a link\n");
+  EXPECT_EQ(text("LINK", "comms-log.txt"), data_.Read("LINK.crvnlog"));
+  EXPECT_THAT(files.at("jobmill-bundle/versions.txt"),
+              HasSubstr(", an older one than is installed\n"));
+  // Each log is that of one run.
+  std::map<std::string, int> times;
+  for (const auto& [name, content] : files) {
+    ++times[content];
+    EXPECT_EQ(content.find("of another account"), std::string::npos) << name;
+  }
+  for (const char* log : {"inLONG.crvnlog", "in/LONG.out", "LONG.crvnlog"}) {
+    EXPECT_EQ(times[data_.Read(log)], 1) << log;
+  }
+  EXPECT_EQ(times[text("LONG", "output.txt")], 1);
+}
+
+TEST_F(BundleTest, RunOfWhichNoLogTellsIsThereWithItsState) {
+  StartDaemon({"-u", "-o", std::to_string(RunsSite::FreePorts())}, "-");
+  Launch("OWN");
+  fs::remove(daemon_->LogFile());
+  const json document = json::parse(Jobmillctl({"status", "--json"}).out);
+  std::string id;
+  for (const json& run : document.at("runs")) {
+    if (run.at("port") == daemon_->port()) id = run.at("id").dump();
+  }
+  const Outcome outcome = Jobmillctl({"bundle", id, file_, "--yes"});
+  ASSERT_EQ(outcome.status, 0) << outcome.err;
+  const auto files = Unpacked(file_);
+  const json status = json::parse(files.at("jobmill-bundle/status.json"));
+  ASSERT_EQ(status.at("runs").size(), 1U);
+  EXPECT_EQ(status.at("runs").at(0).at("id").dump(), id);
+  EXPECT_EQ(status.at("runs").at(0).at("port"), daemon_->port());
+  EXPECT_THAT(json::parse(files.at("jobmill-bundle/history.json")).at("runs"), IsEmpty());
+  for (const auto& [name, content] : files) EXPECT_EQ(name.find("/runs/"), std::string::npos);
+}
+
+// Which runs hold ports is told to whom all runs are told.
+TEST_F(BundleTest, FindingsAreThoseOfAllConfigurationsWithoutThePortsOfOthers) {
+  if (getuid() != 0) GTEST_SKIP() << "needs root";
+  StartDaemon({"-u", "-o", std::to_string(RunsSite::FreePorts())}, "-");
+  EXPECT_EQ(Ask("MUTE").Receive(), "No host detected");
+  const std::string id = HistoryOf(*daemon_).at("MUTE").at("id").get<std::string>();
+  const TemporaryDirectory etc;
+  fs::copy("/etc", etc.path(), fs::copy_options::recursive | fs::copy_options::copy_symlinks);
+  fs::create_directories(etc.File("jobmill"));
+  etc.Write("jobmill/west.conf",
+            "OPTIONS='-p " + std::to_string(daemon_->port()) + " -s /bin/true -o 9901'\n");
+  fs::remove(daemon_->directory().File("vkjobmill.exe"));  // it is an older one from now on
+  etc.Write("jobmill/remarks.txt", "no configuration\n");
+  const std::string said = WithMounts({{etc.path().string(), "/etc"}}, [&]() -> std::string {
+    const Outcome one = Jobmillctl({"bundle", id, file_, "--yes"});
+    const Outcome all =
+        Jobmillctl({"bundle", "--all", "--since", "1m", out_.File("all.tar.gz"), "--yes"});
+    return one.err + all.err;
+  });
+  if (said == "no mount") GTEST_SKIP() << "mounting is not permitted here";
+  ASSERT_EQ(said, "");
+  const auto ids = [](const std::string& archive) {
+    const json document = json::parse(Unpacked(archive).at("jobmill-bundle/check.json"));
+    EXPECT_EQ(document.at("sites").size(), 1U);
+    EXPECT_EQ(document.at("sites").at(0).at("name"), "west");
+    std::string found;
+    for (const json& finding : document.at("findings")) {
+      found += finding.at("id").get<std::string>() + ";";
+    }
+    return found;
+  };
+  EXPECT_THAT(ids(out_.File("all.tar.gz")), HasSubstr("port.older-daemon;"));
+  EXPECT_THAT(ids(file_), Not(HasSubstr("port.")));
+  EXPECT_THAT(ids(file_), HasSubstr("users.missing;"));
+}
+
+TEST_F(BundleTest, WhatCannotBeWrittenOrPackedLeavesNoArchive) {
+  if (getuid() != 0) GTEST_SKIP() << "needs root";
+  StartDaemon({"-u", "-o", std::to_string(RunsSite::FreePorts())}, "-");
+  EXPECT_EQ(Ask("MUTE").Receive(), "No host detected");
+  const std::string id = HistoryOf(*daemon_).at("MUTE").at("id").get<std::string>();
+  const TemporaryDirectory full;
+  const auto on_a_full_disk = [&](const std::string& file,
+                                  const std::vector<std::string>& environment) {
+    return WithMounts({}, [&]() -> std::string {
+      if (mount("none", full.path().c_str(), "tmpfs", 0, "size=4k") != 0) return "no mount";
+      full.Write("taken", std::string(4096, 'x'));
+      const Outcome outcome = Jobmillctl({"bundle", id, file, "--yes"}, environment);
+      std::string left;
+      for (const auto& entry : fs::directory_iterator(full.path())) {
+        left += " " + entry.path().filename().string();
+      }
+      return outcome.err + std::to_string(outcome.status) + left;
+    });
+  };
+  const std::string archive = on_a_full_disk(full.File("x.tar.gz"), {});
+  if (archive == "no mount") GTEST_SKIP() << "mounting is not permitted here";
+  EXPECT_EQ(archive, "jobmillctl: " + full.File("x.tar.gz") +
+                         " cannot be written: No space left on device\n1 taken");
+  EXPECT_THAT(on_a_full_disk(file_, {"TMPDIR=" + full.path().string()}),
+              testing::MatchesRegex("jobmillctl: .*/jobmill-bundle/[a-z.]+ cannot be written\n"
+                                    "1 taken"));
+  EXPECT_FALSE(fs::exists(file_));
+  const std::string unpacked = WithMounts({{"/bin/false", "/usr/bin/tar"}}, [&] {
+    return Jobmillctl({"bundle", id, file_, "--yes"}).err;
+  });
+  EXPECT_EQ(unpacked, "jobmillctl: tar could not pack the files\n");
+  EXPECT_FALSE(fs::exists(file_));
+  // Programs that are not there are a gap in the archive and no failure.
+  EXPECT_EQ(Jobmillctl({"bundle", id, file_, "--yes"}, {"PATH=/nowhere"}).status, 0);
+  EXPECT_THAT(Unpacked(file_).at("jobmill-bundle/versions.txt"),
+              AllOf(HasSubstr("\nuname -a\nnot known\n"), HasSubstr("\nPackages\nnot known\n")));
+}
+
 TEST_F(BundleTest, NothingIsReplacedAndNothingWrittenWithoutAYes) {
   StartDaemon({"-u", "-o", std::to_string(RunsSite::FreePorts())}, "-");
   EXPECT_EQ(Ask("MUTE").Receive(), "No host detected");
@@ -393,6 +571,7 @@ TEST_F(BundleTest, NothingIsReplacedAndNothingWrittenWithoutAYes) {
 TEST(HistoryCommandTest, TimesThatAreNoneAreRefused) {
   EXPECT_EQ(Jobmillctl({"history", "--since", "yesterday"}).status, 2);
   EXPECT_EQ(Jobmillctl({"history", "--since", "2026-13-01"}).status, 2);
+  for (const char* text : {"0d", "-2d", "d"}) EXPECT_EQ(jobmillctl::TimeOf(text), 0) << text;
   const auto now = static_cast<double>(time(nullptr));
   for (const auto& [text, ago] :
        {std::pair("90m", 5'400), {"12h", 43'200}, {"2d", 172'800}, {"1w", 604'800}}) {

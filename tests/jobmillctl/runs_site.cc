@@ -1,6 +1,5 @@
 #include "tests/jobmillctl/runs_site.h"
 
-#include <grp.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -113,19 +112,7 @@ std::vector<nlohmann::json> RunsSite::Runs() const {
 }
 
 std::vector<nlohmann::json> RunsSite::RunsForNobody() const {
-  const TemporaryDirectory directory;
-  fs::permissions(directory.path(), fs::perms(0755));
-  const std::string program = directory.File("jobmillctl");  // where every account may execute it
-  fs::copy_file(ProgramDirectory() + "/jobmillctl", program);
-  ChildProcess::Options options;
-  options.output_file = directory.File("output");
-  options.in_child = [] {
-    constexpr unsigned nobody = 65534;
-    return setgroups(0, nullptr) + setgid(nobody) + setuid(nobody);
-  };
-  ChildProcess process({program, "status", "--json"}, options);
-  process.Wait(std::chrono::seconds(30));
-  return RunsIn(directory.Read("output"));
+  return RunsIn(JobmillctlAsNobody({"status", "--json"}).out);
 }
 
 // Other tests may have runs on this machine.
