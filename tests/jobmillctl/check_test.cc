@@ -19,6 +19,7 @@ namespace {
 using nlohmann::json;
 using testing::ContainsRegex;
 using testing::ElementsAre;
+using testing::EndsWith;
 using testing::HasSubstr;
 using testing::Not;
 using testing::StartsWith;
@@ -80,6 +81,26 @@ TEST_F(CheckTest, ErrorIsOneLineAndGivesOne) {
                              "[options.unreadable]\n1 error in " +
                              file + "\n");
   EXPECT_EQ(outcome.err, "");
+}
+
+// Neither its files nor what it would find on the machine are known then.
+TEST_F(CheckTest, ConfigurationThatCannotBeReadIsAllThatIsJudged) {
+  const Outcome outcome =
+      Jobmillctl({"check", "--json", "--configuration", directory_.path().string(), "--program",
+                  directory_.File("vkjobmill.exe"), "nix"});
+  EXPECT_EQ(outcome.status, 1);
+  const json document = json::parse(outcome.out);
+  EXPECT_EQ(document.at("sites"), json::parse(R"([{"name": "nix", "configuration": ")" +
+                                              directory_.File("nix.conf") + R"("}])"));
+  for (const json& finding : document.at("findings")) {
+    EXPECT_THAT(finding.at("id").get<std::string>(),
+                testing::AnyOf("options.unreadable", StartsWith("service.")));
+  }
+}
+
+TEST_F(CheckTest, DaemonThatChangesNoAccountIsSaidTo) {
+  EXPECT_THAT(Check({"--", "-p", "5001", "-u", "-s", Script(), "-o", "9101"}).out,
+              EndsWith(", 60 s to start, runs under the daemon's account)\n"));
 }
 
 TEST_F(CheckTest, WarningGivesNoError) {
@@ -148,6 +169,13 @@ TEST_F(CheckTest, EntryThatAcceptsNothingIsFound) {
   std::filesystem::remove(directory_.File("next.conf"));
   directory_.Write("check.accepted", "host.open  there is another filter\n");
   EXPECT_THAT(Check({}).out, StartsWith("nothing found in "));
+  // An account without rights does not see all that could be accepted.
+  directory_.Write("check.accepted", "users.root  agreed\n");
+  const Outcome nobodys =
+      JobmillctlAsNobody({"check", "--files", "--configuration", directory_.path().string(),
+                          "--program", directory_.File("vkjobmill.exe")});
+  EXPECT_THAT(nobodys.out, HasSubstr(" in " + directory_.File("jobmill.conf")));
+  EXPECT_THAT(nobodys.out, Not(HasSubstr("accepted.unused")));
   // Without options most is not judged.
   directory_.Write("check.accepted", "users.root  agreed\n");
   directory_.Write("jobmill.conf", "");
@@ -184,6 +212,8 @@ TEST_F(CheckTest, CommandLineWithoutMeaningGivesTwo) {
   EXPECT_EQ(Check({"a/b"}).status, 2);
   EXPECT_EQ(Check({""}).status, 2);
   EXPECT_EQ(Check({"a", "--", "-p", "5000"}).status, 2);
+  EXPECT_THAT(Check({"--", "a", "-p", "5000"}).err,
+              StartsWith("-p: options come after \"--\", without names\n"));
   EXPECT_EQ(Check({"--nonsense"}).status, 2);
   EXPECT_EQ(Jobmillctl({}).status, 2);
 }
@@ -197,6 +227,22 @@ TEST(CommandTest, WrongCommandIsRepeatedWithTheOneThatIsMeant) {
   }
   EXPECT_EQ(Jobmillctl({"\x1b[m"}).err, "'\\x1b[m' is no command" + more);
   EXPECT_EQ(Jobmillctl({"nonsense"}).err, "'nonsense' is no command" + more);
+}
+
+TEST(CommandTest, VersionAndHelpAreNoFailures) {
+  const Outcome version = Jobmillctl({"--version"});
+  EXPECT_EQ(version.status, 0);
+  EXPECT_THAT(version.out, ContainsRegex("^jobmillctl [0-9]+[.][0-9.]+\n$"));
+  const Outcome help = Jobmillctl({"--help"});
+  EXPECT_EQ(help.status, 0);
+  EXPECT_THAT(help.out, HasSubstr("Say what runs, for whom, and what it waits for"));
+}
+
+TEST(CommandTest, ShellIsToldWhatMayStandNext) {
+  const Outcome command = Jobmillctl({"--complete", "stat"});
+  EXPECT_EQ(command.status, 0);
+  EXPECT_EQ(command.out, "status\tSay what runs, for whom, and what it waits for\n");
+  EXPECT_EQ(Jobmillctl({"--complete", "collect", "--gates", ""}).out, ":directories\n");
 }
 
 }  // namespace

@@ -1,3 +1,6 @@
+#include <fcntl.h>
+#include <grp.h>
+#include <pty.h>
 #include <pwd.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -12,9 +15,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "base/descriptor.h"
 #include "tests/jobmillctl/jobmillctl.h"
 #include "tests/support/child_process.h"
 #include "tests/support/temporary_directory.h"
+#include "tests/support/writing_process.h"
 
 namespace {
 
@@ -140,7 +145,7 @@ TEST_F(DryRunTest, OutputThatNobodyReadsToItsEndEndsAll) {
 
 TEST_F(DryRunTest, ScriptWithoutHostIsRefusedAsTheDaemonDoes) {
   for (const char* lines :
-       {"echo sorry\n", "echo HOST=\n", "echo 'HOST=  '\n", "echo ' HOST=a'\n"}) {
+       {"echo sorry\n", "printf sorry\n", "echo HOST=\n", "echo 'HOST=  '\n", "echo ' HOST=a'\n"}) {
     const Outcome outcome = RunScript(lines);
     EXPECT_EQ(outcome.status, 1);
     EXPECT_THAT(outcome.out, EndsWith("\nno host: masters are told \"No host detected\"\n"));
@@ -165,6 +170,14 @@ TEST_F(DryRunTest, HostThatIsUnknownHereIsFound) {
 
 TEST_F(DryRunTest, ScriptThatTakesTooLongIsEnded) {
   const Outcome outcome = RunScript("echo \"pid $$\"; sleep 1000\n", "1");
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_THAT(outcome.out, EndsWith("\nno host line within 1 s; a daemon would wait on\n"));
+  EXPECT_FALSE(IsRunning(PidIn(outcome.out)));
+}
+
+// However much it prints meanwhile.
+TEST_F(DryRunTest, ScriptThatDoesNotStopPrintingIsEndedInTime) {
+  const Outcome outcome = RunScript("echo \"pid $$\"; while :; do echo x; done\n", "1");
   EXPECT_EQ(outcome.status, 1);
   EXPECT_THAT(outcome.out, EndsWith("\nno host line within 1 s; a daemon would wait on\n"));
   EXPECT_FALSE(IsRunning(PidIn(outcome.out)));
@@ -208,6 +221,71 @@ TEST_F(DryRunTest, AccountHasToBeOneThatCanRun) {
   EXPECT_THAT(RunScript("").err, HasSubstr("Failed to get password entry for 'no-such-account'"));
   account_ = "root";
   EXPECT_THAT(RunScript("").err, HasSubstr("nothing is started as root"));
+}
+
+TEST_F(DryRunTest, NobodyButRootStartsItAsAnotherAccount) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root";
+  const auto run_as = [this](const char* name) {
+    const unsigned id = getpwnam(name)->pw_uid;
+    ChildProcess::Options options;
+    options.directory = directory_.File("scripts");
+    options.in_child = [id] { return setgroups(0, nullptr) + setgid(id) + setuid(id); };
+    return OutcomeOf(Arguments(Script("echo HOST=127.0.0.1\n")), options);
+  };
+  const Outcome other = run_as("nobody");
+  EXPECT_EQ(other.status, 1);
+  EXPECT_EQ(other.err, "jobmillctl: only root can start it as " + account_ + "\n");
+  EXPECT_EQ(other.out, "");
+  const Outcome own = run_as(account_.c_str());
+  EXPECT_EQ(own.status, 0) << own.err;
+  EXPECT_THAT(own.out, EndsWith("the host is '127.0.0.1', 127.0.0.1\n"));
+}
+
+TEST_F(DryRunTest, WhereTheAccountMayNotWriteNothingIsStarted) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root";
+  chmod(directory_.File("data").c_str(), 0755);
+  const Outcome outcome = RunScript("echo HOST=127.0.0.1\n");
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_EQ(outcome.err,
+            "jobmillctl: the account cannot make a directory in " + directory_.File("data") + "\n");
+  EXPECT_EQ(outcome.out, "");
+}
+
+TEST_F(DryRunTest, ConfigurationThatCannotBeReadIsNamed) {
+  const Outcome outcome =
+      Run({directory_.File("jobmillctl"), "check", "--dry-run", account_, "--in",
+           directory_.File("data"), "--configuration", directory_.path().string(), "nix"});
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_EQ(outcome.err, "jobmillctl: cannot read " + directory_.File("nix.conf") + "\n");
+}
+
+// A terminal takes no more than it has room for, and then it goes. A line that does not fit into
+// the buffer is what the system refuses to write. Nothing is left behind: TearDown looks at the
+// data.
+TEST_F(DryRunTest, TerminalThatGoesWhileItIsFullEndsAll) {
+  int master = -1;
+  int slave = -1;
+  ASSERT_EQ(openpty(&master, &slave, nullptr, nullptr, nullptr), 0);
+  Descriptor terminal(master);
+  fcntl(master, F_SETFD, FD_CLOEXEC);
+  const std::string pid = directory_.Write("pid", "");
+  chmod(pid.c_str(), 0666);
+  ChildProcess::Options options;
+  options.in_child = [slave] {
+    dup2(slave, STDOUT_FILENO);
+    close(slave);
+    return 0;
+  };
+  ChildProcess process(
+      Arguments(Script("echo $$ >" + pid +
+                       "; for i in {1..1000}; do printf '%01022d\\n' $i; done; exec sleep 100\n"),
+                "40"),
+      options);
+  close(slave);
+  EXPECT_TRUE(Eventually([&] { return IsWriting(process.pid(), STDOUT_FILENO); }));
+  terminal.Reset();
+  EXPECT_EQ(process.Wait(std::chrono::seconds(20)), 1);
+  EXPECT_FALSE(IsRunning(std::stoi(directory_.Read("pid"))));
 }
 
 TEST_F(DryRunTest, SimulatorThatIsMissingIsNamed) {

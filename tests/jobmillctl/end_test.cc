@@ -112,6 +112,29 @@ TEST(EndTest, WhatIsNoRunIsRefused) {
   ExpectRunning({site.daemon().pid()});
 }
 
+// To be shown a run is no right to end it.
+TEST(EndTest, RunOfAnotherAccountIsNotEndedWithoutRights) {
+  if (getuid() != 0) GTEST_SKIP() << "needs root";
+  RunsSite site;
+  site.Connect("STEP").Send(Bytes("07 00 00 00"));
+  ASSERT_TRUE(site.WaitForState("STEP", "waiting for the simulator"));
+  const json run = site.Run("STEP");
+  const Outcome outcome = JobmillctlAsNobody({"end", "--yes", run.at("id").dump()});
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_EQ(outcome.err,
+            "jobmillctl: a process of the run cannot be ended: Operation not permitted\n");
+  EXPECT_THAT(outcome.out, Not(HasSubstr("Ended")));
+  ExpectRunning(ProcessesOf(run));
+}
+
+TEST(LostTest, WhatIsNotSeenWithoutRightsIsSaid) {
+  if (getuid() != 0) GTEST_SKIP() << "needs root";
+  const Outcome outcome = JobmillctlAsNobody({"lost"});
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_THAT(outcome.out,
+              HasSubstr("Not known: processes of other accounts, without root's rights\n"));
+}
+
 TEST(LostTest, WhatAKilledControllerLeavesIsShownAndEnded) {
   RunsSite site;
   site.Connect("STAYS");
@@ -271,8 +294,9 @@ TEST(LostTest, AllThatIsLostIsEnded) {
   if (getuid() != 0) GTEST_SKIP() << "needs root";
   const TemporaryDirectory directory;
   const std::string jobmillctl = ProgramDirectory() + "/jobmillctl";
-  const std::string text = "JOBMILL_RUN=7-x sleep 1000 & sleep 0.1; " + jobmillctl +
-                           " lost --end --yes; " + jobmillctl + " lost; " + jobmillctl +
+  const std::string lose = "JOBMILL_RUN=7-x sleep 1000 & sleep 0.1; ";
+  const std::string text = lose + jobmillctl + " lost --end --yes; " + lose + "echo y | " +
+                           jobmillctl + " lost --end; " + jobmillctl + " lost; " + jobmillctl +
                            " lost --end";
   ChildProcess::Options options;
   options.output_file = directory.File("out");
@@ -281,6 +305,7 @@ TEST(LostTest, AllThatIsLostIsEnded) {
   if (own.Wait(std::chrono::seconds(30)) != 0) GTEST_SKIP() << "no processes of its own here";
   const std::string out = directory.Read("out");
   EXPECT_THAT(out, HasSubstr("simulator  sleep 1000\nEnded\n"));
+  EXPECT_THAT(out, HasSubstr("simulator  sleep 1000\nEnd this? [y/N] Ended\n"));
   EXPECT_THAT(out, testing::EndsWith("Nothing on this machine has lost its controller\n"
                                      "Nothing on this machine has lost its controller\n"));
 }

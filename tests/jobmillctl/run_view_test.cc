@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include "tests/support/temporary_directory.h"
 #include "tools/jobmillctl/history_view.h"
 #include "tools/jobmillctl/run_logs.h"
 
@@ -142,6 +143,25 @@ TEST(RunViewTest, RunWithoutLogsHasNoneToPrint) {
   run.user = getuid();
   run.comms_log = "/no/such/log";
   EXPECT_EQ(error(), "Comms log: No such file or directory");
+}
+
+TEST(RunViewTest, NameThatACertificateHasProvenStandsBesideTheClaimedOne) {
+  Runs found;
+  inspect::Run run = RunOf(7);
+  run.windows_user = "alice";
+  run.proven = "upn:alice@example.com\x1b";
+  found.runs = {run};
+  EXPECT_THAT(LinesOf(found, kNow).at(1), HasSubstr(" alice upn:alice@example.com\\x1b "));
+}
+
+TEST(RunViewTest, LogThatEndsWithinALineIsPrintedToItsEnd) {
+  const TemporaryDirectory directory;
+  inspect::Run run = RunOf(7);
+  run.user = getuid();
+  run.comms_log = directory.Write("CASE.crvnlog", "one\ntw\x1bo");
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(PrintLog(run), 0);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "one\ntw\\x1bo\n");
 }
 
 // Of a run that has ended, too.

@@ -1,12 +1,15 @@
 // What jobmillctl says about runs, beside what the test has done with them.
 
+#include <errno.h>
 #include <signal.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <filesystem>
 #include <map>
+#include <set>
 #include <thread>
 
 #include <gmock/gmock.h>
@@ -18,6 +21,7 @@
 #include "tests/jobmillctl/jobmillctl.h"
 #include "tests/jobmillctl/runs_site.h"
 #include "tests/support/bytes.h"
+#include "tests/support/refused_calls.h"
 #include "tests/support/sanitized.h"
 
 namespace {
@@ -25,6 +29,7 @@ namespace {
 using nlohmann::json;
 using testing::ContainsRegex;
 using testing::HasSubstr;
+using testing::Not;
 using testing::StartsWith;
 
 constexpr const char* kHandshake = "handshake";
@@ -214,6 +219,9 @@ TEST(StatusTest, WhatIsNoRunIsSaidToBeNone) {
   EXPECT_EQ(outcome.err,
             "jobmillctl: '1' is no run of a jobmill on this machine; see jobmillctl status\n");
   EXPECT_EQ(Jobmillctl({"log", "no such\x1b"}).status, 1);
+  const Outcome name = Jobmillctl({"status", "no-such-root"});
+  EXPECT_EQ(name.status, 1);
+  EXPECT_THAT(name.err, StartsWith("jobmillctl: 'no-such-root' is no run of a jobmill"));
 }
 
 TEST(StatusTest, NameOfTwoRunsIsNotGuessed) {
@@ -314,6 +322,10 @@ TEST(StatusTest, OnlyRunIsKnownWithoutRights) {
   EXPECT_TRUE(Eventually([&] { return state() == kMaster; }));
   master.Send(Bytes("07 00 00 00"));
   EXPECT_TRUE(Eventually([&] { return state() == kSimulator; }));
+  // Whether it computes is not seen, and nothing is said about it.
+  const Outcome shown = JobmillctlAsNobody({"status", site.Run("STEP").at("id").dump()});
+  EXPECT_THAT(shown.out, HasSubstr("state                  waiting for the simulator\n"));
+  EXPECT_THAT(shown.out, Not(HasSubstr("simulator is")));
 }
 
 TEST(StatusTest, HandshakeUnderRootIsKnownWithoutRights) {
@@ -348,6 +360,49 @@ TEST(CollectTest, OneLookIsWrittenWhereItCanBe) {
   EXPECT_THAT(nowhere.err, HasSubstr("no/snapshot.json cannot be written: No such file"));
 }
 
+// The server goes on with the snapshot that it has.
+TEST(CollectTest, SnapshotThatCannotBeWrittenLeavesTheFormerOne) {
+  const TemporaryDirectory directory;
+  const std::string file = directory.File("snapshot.json");
+  const auto left = [&directory] {
+    std::set<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(directory.path())) {
+      names.insert(entry.path().filename());
+    }
+    return names;
+  };
+  std::filesystem::create_directory(file);
+  const Outcome taken = Jobmillctl({"collect", "--once", "--snapshot", file});
+  EXPECT_EQ(taken.status, 1);
+  EXPECT_EQ(taken.err, "jobmillctl: " + file + " cannot be written: Is a directory\n");
+  EXPECT_THAT(left(), testing::ElementsAre("snapshot.json"));
+  if (getuid() != 0) GTEST_SKIP() << "mounting needs root";
+  const std::string full = WithMounts({}, [&]() -> std::string {
+    if (mount("none", directory.path().c_str(), "tmpfs", 0, "size=4k") != 0) return "no mount";
+    directory.Write("snapshot.json", std::string(4096, 'x'));
+    const std::string err = Jobmillctl({"collect", "--once", "--snapshot", file}).err;
+    return err + std::to_string(std::filesystem::file_size(file)) + " " +
+           std::to_string(left().size());
+  });
+  if (full == "no mount") GTEST_SKIP() << "mounting is not permitted here";
+  EXPECT_EQ(full, "jobmillctl: " + file + " cannot be written: No space left on device\n4096 1");
+}
+
+TEST(CollectTest, LookThatCannotBeMadeIsNoAnswer) {
+  const TemporaryDirectory directory;
+  ChildProcess::Options options;
+  options.in_child = [] { return RefuseCalls(NoChildren(EAGAIN)) ? 0 : 1; };
+  const Outcome outcome = OutcomeOf({ProgramDirectory() + "/jobmillctl", "collect", "--once",
+                                     "--snapshot", directory.File("snapshot.json")},
+                                    options);
+  EXPECT_EQ(outcome.status, 0) << outcome.err;
+  const json snapshot = json::parse(directory.Read("snapshot.json"));
+  for (const char* part : {"runs", "history", "check"}) {
+    EXPECT_EQ(snapshot.at(part).at("ok"), false) << part;
+    EXPECT_TRUE(snapshot.at(part).at("document").is_null()) << part;
+  }
+}
+
 TEST(TableTest, LinesEndWhereTheTerminalDoes) {
   RunsSite site;
   site.Connect("CASE");
@@ -364,6 +419,13 @@ TEST(TableTest, LinesEndWhereTheTerminalDoes) {
   for (std::size_t begin = 0; begin < out.size(); begin = out.find('\n', begin) + 1) {
     EXPECT_LE(out.find_first_of("\r\n", begin) - begin, 30U);
   }
+  // A terminal that does not know its width is taken for a wide one.
+  options.output_file = directory.File("whole");
+  ChildProcess unknown({"/usr/bin/script", "-qec",
+                        "stty cols 0; " + ProgramDirectory() + "/jobmillctl status", "/dev/null"},
+                       options);
+  EXPECT_EQ(unknown.Wait(std::chrono::seconds(30)), 0);
+  EXPECT_THAT(directory.Read("whole"), HasSubstr(site.data().path().string() + "/CASE "));
 }
 
 }  // namespace

@@ -125,6 +125,24 @@ TEST_F(UsersTest, TestWithoutAFileSaysSo) {
   const Outcome outcome = Users({"test", "alice"});
   EXPECT_EQ(outcome.status, 1);
   EXPECT_THAT(outcome.out, HasSubstr("\"Could not open the user administration file: "));
+  const Outcome list = Users({});
+  EXPECT_EQ(list.status, 1);
+  EXPECT_THAT(list.out, StartsWith("everybody: refused with \"Could not open the user "
+                                   "administration file: "));
+}
+
+TEST_F(UsersTest, FileThatOnlyRootReadsIsSaidToBe) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root";
+  Write("alice daemon 1\n");
+  chmod(directory_.path().c_str(), 0755);
+  const std::string file =
+      std::filesystem::canonical(directory_.File("lib/.vk_corvane_users")).string();
+  for (const std::vector<std::string>& words : {std::vector<std::string>{}, {"test", "alice"}}) {
+    const Outcome outcome = JobmillctlAsNobody(Arguments(words));
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(outcome.err, "jobmillctl: only root can read " + file + "\n");
+    EXPECT_EQ(outcome.out, "");
+  }
 }
 
 TEST_F(UsersTest, AddedUserRuns) {

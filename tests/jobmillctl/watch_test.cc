@@ -1,19 +1,23 @@
 // What is shown again and again.
 
+#include <fcntl.h>
 #include <poll.h>
 #include <pty.h>
 #include <signal.h>
 #include <sys/wait.h>
+#include <termios.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <array>
+#include <filesystem>
 #include <string>
 #include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "base/descriptor.h"
 #include "tests/jobmillctl/jobmillctl.h"
 #include "tests/jobmillctl/runs_site.h"
 
@@ -22,6 +26,8 @@ namespace {
 TEST(WatchTest, EachChangeIsALineWhereThereIsNoTerminal) {
   RunsSite site;
   site.Connect("CASE");
+  site.Request("QUEUED");
+  ASSERT_TRUE(site.WaitForState("QUEUED", "waiting for the script"));
   const std::string id = site.Run("CASE").at("id").dump();
   const TemporaryDirectory directory;
   ChildProcess::Options options;
@@ -34,18 +40,24 @@ TEST(WatchTest, EachChangeIsALineWhereThereIsNoTerminal) {
   EXPECT_EQ(Jobmillctl({"end", "--yes", id}).status, 0);
   EXPECT_EQ(watch.Wait(std::chrono::seconds(20)), 0);
   EXPECT_TRUE(has("/CASE): ended: It ended without a word after the request 'connect': "));
+  EXPECT_FALSE(has("QUEUED")) << "another run";
 }
 
 // A terminal with jobmillctl in it.
 class Terminal {
  public:
-  // With further arguments. A terminal that does not know its size says 0.
-  explicit Terminal(std::vector<std::string> arguments = {}, unsigned short rows = 30) {
+  // With further arguments. A terminal that does not know its size says 0. `in_child` prepares what
+  // becomes jobmillctl.
+  explicit Terminal(
+      std::vector<std::string> arguments = {}, unsigned short rows = 30,
+      void (*in_child)() = [] {}) {
     winsize size{};
     size.ws_row = rows;
     size.ws_col = rows == 0 ? 0 : 120;
-    pid_ = forkpty(&master_, nullptr, nullptr, &size);
+    int master = -1;
+    pid_ = forkpty(&master, nullptr, nullptr, &size);
     if (pid_ == 0) {
+      in_child();
       arguments.insert(arguments.begin(),
                        {ProgramDirectory() + "/jobmillctl", "status", "--watch"});
       std::vector<char*> words;
@@ -55,42 +67,64 @@ class Terminal {
       execv(words[0], words.data());
       _exit(127);
     }
+    master_ = Descriptor(master);
   }
   Terminal(const Terminal&) = delete;
   Terminal& operator=(const Terminal&) = delete;
   ~Terminal() {
+    if (pid_ < 0) return;
     kill(pid_, SIGKILL);
     waitpid(pid_, nullptr, 0);
-    close(master_);
   }
 
   void Interrupt() const { kill(pid_, SIGINT); }
 
+  // The window is closed. The exit status of jobmillctl; -1 when it goes on or a signal ended it.
+  int Close() {
+    master_.Reset();
+    int status = -1;
+    if (Eventually([&] { return waitpid(pid_, &status, WNOHANG) == pid_; })) pid_ = -1;
+    return pid_ == -1 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+
+  // From now on the key Enter is sent as it is, a carriage return.
+  void TranslateNothing() const {
+    termios mode{};
+    tcgetattr(master_.get(), &mode);
+    mode.c_iflag &= ~static_cast<tcflag_t>(ICRNL);
+    EXPECT_EQ(tcsetattr(master_.get(), TCSANOW, &mode), 0);
+  }
+
   void Press(const std::string& keys) const {
-    EXPECT_EQ(write(master_, keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
+    EXPECT_EQ(write(master_.get(), keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
   }
 
   // Waits until `text` is shown since the last call.
   bool Shows(const std::string& text) {
     const bool shown = Eventually([&] {
-      pollfd readable{master_, POLLIN, 0};
+      pollfd readable{master_.get(), POLLIN, 0};
       std::array<char, 4096> part{};
       while (poll(&readable, 1, 0) == 1) {
-        const ssize_t size = read(master_, part.data(), part.size());
+        const ssize_t size = read(master_.get(), part.data(), part.size());
         if (size <= 0) break;
         shown_.append(part.data(), static_cast<std::size_t>(size));
       }
       return shown_.find(text) != std::string::npos;
     });
     EXPECT_TRUE(shown) << text;
+    before_ = shown_.substr(0, shown_.find(text));
     if (shown) shown_.erase(0, shown_.find(text) + text.size());
     return shown;
   }
 
+  // What stood before the last text that was waited for.
+  const std::string& Before() const { return before_; }
+
  private:
-  int master_ = -1;
+  Descriptor master_;
   pid_t pid_ = -1;
   std::string shown_;
+  std::string before_;
 };
 
 TEST(WatchTest, KeysSortFilterOpenAndEnd) {
@@ -183,8 +217,74 @@ TEST(WatchTest, RunThatEndsWhileItIsShownSaysHow) {
   EXPECT_TRUE(terminal.Shows("root                   CASE"));
   EXPECT_EQ(Jobmillctl({"end", "--yes", id}).status, 0);
   EXPECT_TRUE(terminal.Shows("The run has ended: "));
+  terminal.Press("x");
+  EXPECT_TRUE(terminal.Shows("The run has ended: "));
   terminal.Interrupt();
   EXPECT_TRUE(terminal.Shows("\x1b[?25h\x1b[?1049l"));
+}
+
+// No log that can be read tells of it.
+TEST(WatchTest, RunWhoseEndNobodyTellsHasJustEnded) {
+  RunsSite site;
+  site.Connect("CASE");
+  const std::string id = site.Run("CASE").at("id").dump();
+  const TemporaryDirectory directory;
+  ChildProcess::Options options;
+  options.output_file = directory.File("out");
+  ChildProcess lines({ProgramDirectory() + "/jobmillctl", "status", "--watch", id}, options);
+  Terminal terminal({id});
+  EXPECT_TRUE(terminal.Shows("root                   CASE"));
+  EXPECT_TRUE(Eventually([&] { return directory.Read("out").ends_with("for the master\n"); }));
+  std::filesystem::remove(site.daemon().LogFile());
+  EXPECT_EQ(Jobmillctl({"end", "--yes", id}).status, 0);
+  EXPECT_TRUE(terminal.Shows("The run has ended\x1b[K"));
+  EXPECT_EQ(lines.Wait(std::chrono::seconds(20)), 0);
+  EXPECT_TRUE(directory.Read("out").ends_with("/CASE): ended\n")) << directory.Read("out");
+}
+
+// Also where the program was started so that it outlives its terminal.
+TEST(WatchTest, TerminalThatGoesEndsIt) {
+  RunsSite site;
+  site.Connect("CASE");
+  const std::string id = site.Run("CASE").at("id").dump();
+  for (const std::vector<std::string>& arguments : {std::vector<std::string>{}, {id}}) {
+    Terminal terminal(arguments, 30, [] { signal(SIGHUP, SIG_IGN); });
+    EXPECT_TRUE(terminal.Shows("\x1b[?1049h"));
+    EXPECT_TRUE(terminal.Shows("CASE"));
+    EXPECT_NE(terminal.Close(), -1);
+  }
+}
+
+TEST(WatchTest, EnterMayComeAsACarriageReturn) {
+  RunsSite site;
+  site.Connect("CASE");
+  Terminal terminal;
+  EXPECT_TRUE(terminal.Shows("sort (by port and start)"));
+  terminal.TranslateNothing();
+  terminal.Press("/" + site.data().path().string() + "\r");
+  EXPECT_TRUE(terminal.Shows("/: filter (" + site.data().path().string() + ")"));
+  terminal.Press("\r");
+  EXPECT_TRUE(terminal.Shows("root                   CASE"));
+}
+
+TEST(WatchTest, TerminalWithoutAKeyboardGetsLines) {
+  RunsSite site;
+  site.Connect("CASE");
+  Terminal terminal({site.Run("CASE").at("id").dump()}, 30, [] {
+    const Descriptor nothing(open("/dev/null", O_RDONLY));
+    dup2(nothing.get(), STDIN_FILENO);
+  });
+  EXPECT_TRUE(terminal.Shows("/CASE): waiting for the master\r\n"));
+  EXPECT_EQ(terminal.Before().find('\x1b'), std::string::npos);
+}
+
+TEST(WatchTest, LinesThatCannotBeWrittenEndIt) {
+  RunsSite site;
+  site.Connect("CASE");
+  ChildProcess::Options options;
+  options.output_file = "/dev/full";
+  ChildProcess watch({ProgramDirectory() + "/jobmillctl", "status", "--watch"}, options);
+  EXPECT_EQ(watch.Wait(std::chrono::seconds(20)), 0);
 }
 
 TEST(WatchTest, AllRunsAreWatchedUntilASignal) {
@@ -197,12 +297,18 @@ TEST(WatchTest, AllRunsAreWatchedUntilASignal) {
   const auto has = [&](const std::string& text) {
     return directory.Read("out").find(text) != std::string::npos;
   };
+  site.Request("QUEUED");
   site.Connect("CASE");
   EXPECT_TRUE(Eventually([&] { return has(data + "/CASE): waiting for the master\n"); }));
   EXPECT_EQ(Jobmillctl({"end", "--yes", site.Run("CASE").at("id").dump()}).status, 0);
   EXPECT_TRUE(Eventually([&] { return has(data + "/CASE): ended"); }));
   watch.Signal(SIGTERM);
   EXPECT_EQ(watch.Wait(std::chrono::seconds(20)), 0);
+  // What does not change is said once.
+  const std::string lines = directory.Read("out");
+  const std::string queued = data + "/QUEUED): waiting for the script";
+  EXPECT_NE(lines.find(queued), std::string::npos);
+  EXPECT_EQ(lines.find(queued), lines.rfind(queued));
 }
 
 }  // namespace
