@@ -127,7 +127,7 @@ void SetState(const Machine& machine, const Jobmill& jobmill, const std::optiona
   } else if (connected && polls) {
     in(RunState::kMaster,
        "the end of the link of a master that has left in the middle of a request");
-  } else if (polls && !connected && master_left) {
+  } else if (polls && master_left) {
     run.unknown["state"] =
         "its master has left: the wait for the end of the link and that for a name service look "
         "the same";
