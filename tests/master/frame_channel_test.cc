@@ -422,6 +422,21 @@ TEST(FrameChannelFailure, ReadThatIsInterruptedOrHasNothingIsTakenUpAgain) {
   EXPECT_EQ(*text, "threw The connection to the daemon broke: Connection reset by peer");
 }
 
+// A reset may follow what a daemon has said before: a machine that is gone has said nothing.
+TEST(FrameChannelFailure, MachineThatIsGoneIsNoReset) {
+  const auto text = Using(
+      SYS_recvfrom, [] { return static_cast<long>(-ETIMEDOUT); },
+      [](FrameChannel& channel) {
+        try {
+          channel.Receive();
+        } catch (const master::LinkReset&) {
+          throw std::runtime_error("a reset");
+        }
+      });
+  if (!text) GTEST_SKIP() << "system calls cannot be answered here";
+  EXPECT_EQ(*text, "threw The connection to the daemon broke: Connection timed out");
+}
+
 TEST(FrameChannelFailure, InterruptedSendGoesOn) {
   static int calls = 0;
   const auto text = Using(
