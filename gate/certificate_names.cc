@@ -80,7 +80,7 @@ void AddAlternativeName(GENERAL_NAME* name, CertificateNames& found) {
   }
   if (name->type != GEN_OTHERNAME || OBJ_obj2nid(name->d.otherName->type_id) != NID_ms_upn) return;
   const ASN1_TYPE* value = name->d.otherName->value;
-  const bool text = value->type == V_ASN1_UTF8STRING;
+  const bool text = value != nullptr && value->type == V_ASN1_UTF8STRING;
   Add(NameKind::kUpn, text ? BytesOf(value->value.utf8string) : std::string_view(), found);
 }
 

@@ -27,7 +27,7 @@ Claim::State Claim::Read(std::string_view bytes) {
     }
     seen_ += taken;
     bytes.remove_prefix(taken);
-    if (length_bytes_ == kLengthBytes && missing_ == 0) EndLine();
+    if (length_bytes_ == kLengthBytes && missing_ == 0 && state_ == State::kOpen) EndLine();
     if (seen_ > limit_) state_ = State::kTooLong;
   }
   return state_;

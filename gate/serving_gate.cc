@@ -302,7 +302,10 @@ void ServingGate::Join(const std::shared_ptr<Arrival>& arrival, const Opening& o
   link->since_wall = WallTime();
   link->Keep(*arrival);
   auto stream = std::make_unique<Stream>(id, options_.stream);
-  stream->Accept(opening, Now());  // it speaks of no bytes, so nothing in it can be wrong
+  if (!stream->Accept(opening, Now())) {
+    table_.Ended(id, Reason::kBrokenRules);
+    return Refuse(arrival, Reason::kBrokenRules);
+  }
   LinkEnd::Events events;
   events.broken = [this, raw](const std::string& why) {
     table_.Broken(raw->id, Now());
@@ -379,7 +382,7 @@ void ServingGate::TellOfRefusal(const Arrival& arrival, const std::string& why) 
 }
 
 void ServingGate::Forget(const std::shared_ptr<Arrival>& arrival) {
-  arrival->gone = true;
+  if (std::exchange(arrival->gone, true)) return;
   arrivals_.erase(arrival->place);
   error_code ignored;
   if (arrival->daemon) arrival->daemon->close(ignored);
@@ -402,7 +405,10 @@ std::string ServingGate::Judge(Link& link, const Claim& claim) {
 }
 
 void ServingGate::Ended(const LinkId& id) {
-  const auto link = std::move(links_.extract(id).mapped());
+  const auto found = links_.find(id);
+  if (found == links_.end()) return;
+  const auto link = std::move(found->second);
+  links_.erase(found);
   const Stream& stream = link->end->stream();
   table_.Ended(id, stream.reason());
   Json fields = FieldsOf(*link);
@@ -473,22 +479,26 @@ void ServingGate::LookAfterLinks(Time now) {
   for (const auto& end : silent) end->RefuseMaster("The request has taken too long");
   for (const auto& end : useless) end->End(Reason::kNoProof);
   for (const LinkId& id : table_.Overdue(now)) {
-    std::shared_ptr(links_.at(id)->end)->End(Reason::kHeldTooLong);
+    const auto found = links_.find(id);
+    if (found != links_.end()) std::shared_ptr(found->second->end)->End(Reason::kHeldTooLong);
   }
 }
 
 Json ServingGate::StatusOf(const Link& link, Time now) const {
   const Stream& stream = link.end->stream();
-  const LinkTable::Link& known = table_.links().at(link.id);
+  const auto known = table_.links().find(link.id);
   Json status = FieldsOf(link);
   status["since"] = static_cast<double>(link.since_wall.count()) / 1000;
   status["bytes_to_daemon"] = stream.taken();
   status["bytes_to_master"] = stream.given();
   status["kept_bytes"] = stream.kept();
   status["broken_seconds"] = nullptr;
-  status["resumptions"] = known.resumptions;
-  if (known.broken_since) {
-    status["broken_seconds"] = static_cast<double>((now - *known.broken_since).count()) / 1000;
+  if (known != table_.links().end()) {
+    status["resumptions"] = known->second.resumptions;
+    if (known->second.broken_since) {
+      status["broken_seconds"] =
+          static_cast<double>((now - *known->second.broken_since).count()) / 1000;
+    }
   }
   return status;
 }
