@@ -64,8 +64,8 @@ std::vector<char> UserOf(HANDLE process) {
 
 std::string WhyNotOwnUser(const LoopbackConnection& connection) {
   DWORD pid = ProcessAtOtherEnd(connection);
-  // A connection that was made this moment may not be in the table yet: in wine's it is once its program
-  // has used it.
+  // A connection that was made this moment may not be in the table yet: in wine's it is once its
+  // program has used it.
   for (int attempt = 1; pid == 0 && attempt < kAttempts; ++attempt) {
     Sleep(kPauseMs);
     pid = ProcessAtOtherEnd(connection);
