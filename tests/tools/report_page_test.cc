@@ -67,13 +67,15 @@ class ReportPageTest : public testing::Test {
   }
 
   // A page of these CSV files and of a run.json.
-  void OpenResults(const std::map<std::string, std::string>& files) {
+  std::string PageOf(const std::map<std::string, std::string>& files) {
     for (const auto& [name, text] : files) directory_.Write(name, text);
     if (!files.contains("steps.csv")) directory_.Write("steps.csv", "time_days,date,ended\n");
-    const std::string page = directory_.File("report.html");
+    std::string page = directory_.File("report.html");
     WriteReport(ReadResults(directory_.path().string()), page);
-    Open(page);
+    return page;
   }
+
+  void OpenResults(const std::map<std::string, std::string>& files) { Open(PageOf(files)); }
 
   void Press(const std::string& chart, const std::string& key) {
     browser().Evaluate(fmt::format(
@@ -498,6 +500,36 @@ TEST_F(ReportPageTest, PaperGetsAllChartsAtTwiceTheResolution) {
   EXPECT_TRUE(browser().Becomes("find('plot-oil_rate').offsetHeight < 300"));
   browser().Evaluate("dispatchEvent(new Event('afterprint'))");
   EXPECT_TRUE(browser().Becomes("(" + widths + ").every(width => width < 800)"));
+  EXPECT_THAT(browser().complaints(), IsEmpty());
+}
+
+// Programs print as soon as the page is loaded, and people before they have looked at all of it.
+TEST_F(ReportPageTest, PaperGetsTheCurvesThatNoWindowHasShown) {
+  const json event{{"at", "day 1"}, {"commands", {"ipr W0"}}};
+  const json run{{"events", std::vector<json>(100, event)}};
+  std::string rows = "time_days,date,well,status,oil_rate,bottom_hole_pressure\n";
+  for (int day = 0; day < 50; ++day) {
+    for (int well = 0; well < 6; ++well) rows += fmt::format("{},x,W{},OPEN,3,200\n", day, well);
+  }
+  browser().Open("file://" + PageOf({{"run.json", run.dump()},
+                                     {"data.csv", rows},
+                                     {"ipr.csv",
+                                      "time_days,date,well,point,bottom_hole_pressure,oil_rate\n"
+                                      "1,x,W0,1,200,5\n1,x,W0,2,250,0\n"}}));
+  EXPECT_EQ(browser().Evaluate("[...charts.values()].some((chart) => chart.seen)"), false);
+  const std::string printed =
+      "dispatchEvent(new Event('beforeprint')), [...charts.values()].map((chart) => "
+      "`${chart.plot.id}: ${chart.u.series.length - 1} ${chart.empty.textContent}`)";
+  EXPECT_EQ(browser().Evaluate(printed),
+            json({"plot-oil_rate: 6 ", "plot-bottom_hole_pressure: 5 ", "plot-oil_total: 6 ",
+                  "plot-liquid-bottom_hole_pressure: 1 "}));
+  browser().Evaluate("dispatchEvent(new Event('afterprint'))");
+  // Of a well that has been chosen a moment ago the browser does not wait for the values.
+  const std::string choose = "[...document.querySelectorAll('#list input')].at(-1).click(), ";
+  EXPECT_EQ(browser().Evaluate(choose + printed).at(0),
+            "plot-oil_rate: 6 Curves are missing here: the page had not read them yet.");
+  EXPECT_TRUE(browser().Becomes("decoded.has(5)"));
+  EXPECT_EQ(browser().Evaluate(printed).at(0), "plot-oil_rate: 7 ");
   EXPECT_THAT(browser().complaints(), IsEmpty());
 }
 

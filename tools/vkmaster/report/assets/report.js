@@ -471,10 +471,7 @@ function figure(title, unit, key, into, prepare, compose) {
   const note = caption.appendChild(element('span'));
   const plot = element('div', undefined, {className: 'plot', tabIndex: 0, id: 'plot-' + key});
   plot.setAttribute('role', 'group');
-  const empty = element('p', 'None of the wells that are chosen has any.', {
-    className: 'soft',
-    hidden: true,
-  });
+  const empty = element('p', undefined, {className: 'soft', hidden: true});
   box.append(caption, plot, empty);
   into.append(box);
   const chart = {
@@ -537,10 +534,11 @@ async function show(chart) {
 }
 
 function place(chart) {
-  const {options, data, names, overTime} = chart.compose();
+  const {options, data, names, overTime, lack} = chart.compose();
   chart.u?.destroy();
   chart.overTime = overTime;
-  chart.empty.hidden = names.length > 0;
+  chart.empty.textContent = lack;
+  chart.empty.hidden = !lack;
   const width = scale === 1 ? chart.plot.clientWidth : 2 * paperWidth;
   const box = element('div');
   chart.plot.replaceChildren(box);
@@ -596,7 +594,12 @@ function curves(id) {
     names.push(line.name);
   }
   const range = /pressure|temperature|density/.test(id) ? near : fromZero;
-  return {data, names, overTime: true, options: timeOptions(styles, unitOf(id), range)};
+  const lack = lines().some((line) => !decoded.has(line.well))
+    ? 'Curves are missing here: the page had not read them yet.'
+    : names.length > 0
+      ? ''
+      : 'None of the wells that are chosen has any.';
+  return {data, names, overTime: true, lack, options: timeOptions(styles, unitOf(id), range)};
 }
 
 function timeOptions(styles, unit, range) {
@@ -687,6 +690,7 @@ function press(chart, event) {
 // All charts anew, those first that are seen. Whoever chooses many wells in a row waits for one
 // drawing.
 function redraw() {
+  need(lines().map((line) => line.well));
   for (const chart of charts.values()) chart.stale = true;
   redrawing ||= requestAnimationFrame(() => {
     redrawing = 0;
@@ -1260,7 +1264,19 @@ function followRun() {
 
 const dark = matchMedia('(prefers-color-scheme: dark)');
 
-// The browser does not wait for values: those of what is chosen have been decoded before.
+// A browser waits for no values when it prints, and programs print as soon as the page is loaded:
+// what is chosen is decoded at once, and not only when a chart of it is seen. A frame in which a
+// document is being written keeps the page from being loaded until then.
+async function readChosen() {
+  const frame = document.body.appendChild(element('iframe', undefined, {hidden: true}));
+  frame.contentDocument?.open();
+  try {
+    await Promise.all([need(lines().map((line) => line.well)), showInflow()]);
+  } finally {
+    frame.remove();
+  }
+}
+
 function turn(paper) {
   document.documentElement.classList.toggle('print', paper);
   scale = paper ? 2 : 1;
@@ -1300,7 +1316,7 @@ function begin() {
   showWall();
   showWhenOpen(find('numbers'), 'numbers', showNumbers);
   showWhenOpen(find('inflow').querySelector('details'), 'points', showPoints);
-  showInflow();
+  readChosen();
   followRun();
   const focused = recall('focus');
   if (focused) find(focused)?.focus({preventScroll: true});
