@@ -533,6 +533,20 @@ TEST_F(ReportPageTest, PaperGetsTheCurvesThatNoWindowHasShown) {
   EXPECT_THAT(browser().complaints(), IsEmpty());
 }
 
+TEST_F(ReportPageTest, NumbersOfEventsStandAboveTheCurves) {
+  OpenResults({{"events.csv", "time_days,date,command\n1,x,shut P1\n"},
+               {"data.csv",
+                "time_days,date,well,status,water_injection_rate\n0,x,WI1,OPEN,13000\n"
+                "9,x,WI1,OPEN,13000\n"}});
+  const std::string top =
+      "(() => { const u = charts.get(find('plot-water_injection_rate')).u; return "
+      "u.valToPos(13000, 'y') / scale; })()";
+  constexpr double kNumber = 2 + 11;  // pixels from the upper edge
+  EXPECT_GT(browser().Evaluate(top), kNumber);
+  browser().Evaluate("dispatchEvent(new Event('beforeprint'))");
+  EXPECT_GT(browser().Evaluate(top), kNumber);
+}
+
 // 500 wells and 10,000 steps, noisy as a simulator's results are.
 Results LargestRun() {
   constexpr int kWells = 500;

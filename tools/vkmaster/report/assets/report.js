@@ -385,9 +385,10 @@ function axes(xLabel, yLabel, time) {
   ];
 }
 
+// Above the curves is room for the numbers of events.
 function fromZero(u, least, most) {
   if (!Number.isFinite(least)) return [0, 1];
-  return [Math.min(0, least), most > 0 ? most * 1.05 : least < 0 ? 0 : 1];
+  return [Math.min(0, least), most > 0 ? most * 1.1 : least < 0 ? 0 : 1];
 }
 
 function near(u, least, most) {
