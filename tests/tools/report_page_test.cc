@@ -533,6 +533,66 @@ TEST_F(ReportPageTest, PaperGetsTheCurvesThatNoWindowHasShown) {
   EXPECT_THAT(browser().complaints(), IsEmpty());
 }
 
+// Two producers at every stop; all wells at an event, after which the injector is shut.
+TEST_F(ReportPageTest, WhatWasNotRecordedIsNotShownAsKnown) {
+  const std::string head =
+      "time_days,date,well,status,oil_rate [STB/d],water_injection_rate [STB/d],temperature\n";
+  const std::string wells =
+      "time_days,date,well,type,status\n0,x,WI1,INJECTOR,OPEN\n20,x,WI1,INJECTOR,SHUT\n";
+  const std::string steps = "time_days,date,ended\n0,2020-01-01,false\n10,x,false\n20,x,false\n";
+  OpenResults({{"steps.csv", steps},
+               {"wells.csv", wells},
+               {"data.csv", head + "0,x,P1,OPEN,100,0,\n0,x,P2,OPEN,50,0,\n"
+                                   "10,x,P1,OPEN,100,0,\n10,x,P2,OPEN,50,0,\n"
+                                   "10,x,P1,OPEN,100,0,60\n10,x,WI1,OPEN,0,4500,20\n"
+                                   "20,x,P1,OPEN,90,0,\n20,x,P2,OPEN,40,0,\n"}});
+  const auto rows = [&](const std::string& section) {
+    return browser().Evaluate("[...document.querySelectorAll('#" + section +
+                              " tr')].map(row => [...row.cells].map(cell => cell.textContent))");
+  };
+  EXPECT_EQ(rows("totals"), json({{"well", "Oil produced [STB]", "Water injected [STB]"},
+                                  {"P1", "1900", "0"},
+                                  {"P2", "900", "0"},
+                                  {"WI1", "", ""},
+                                  {"Sum of 2 of 3 wells", "2800", "0"}}));
+  EXPECT_EQ(browser().Evaluate("find('totals-note').hidden"), false);
+  EXPECT_EQ(
+      Text("#field-note"),
+      "Sum of 2 of 3 wells: those whose rates were recorded at every stop since their first; the "
+      "others are left out.");
+  EXPECT_EQ(Values(browser(), -1, "oil_rate"), json({150, 150, 150, 130}));
+  EXPECT_EQ(Values(browser(), 2, "water_injection_total"), nullptr);
+  EXPECT_EQ(Values(browser(), 0, "oil_total"), json({0, 1000, 1000, 1900}));
+  browser().Evaluate("[...document.querySelectorAll('#list input')].at(-1).click()");
+  EXPECT_TRUE(
+      browser().Becomes("find('plot-water_injection_total').nextSibling.textContent === "
+                        "'Not known of WI1: rates were not recorded at every stop.'"));
+
+  // Rates at one stop only, before the last one.
+  OpenResults({{"steps.csv", steps},
+               {"wells.csv", wells},
+               {"data.csv", head + "10,x,P1,OPEN,100,0,\n10,x,WI1,OPEN,0,4500,\n"}});
+  EXPECT_EQ(rows("totals"), json({{"well", "Oil produced [STB]", "Water injected [STB]"},
+                                  {"P1", "", ""},
+                                  {"WI1", "", ""},
+                                  {"Field", "", ""}}));
+  EXPECT_EQ(Text("#kinds"), " Oil rate Water injection rate Temperature");
+  EXPECT_EQ(Text("#field-note"), "Field: the sums over the 2 wells that were recorded.");
+
+  // No well is without gaps.
+  OpenResults(
+      {{"steps.csv", steps}, {"data.csv", head + "0,x,P1,OPEN,100,0,\n10,x,P2,OPEN,50,0,\n"}});
+  EXPECT_EQ(Text("#field-note"),
+            "Field: not known; no rates of a well were recorded at every stop.");
+
+  // The field's own record has what the wells lack.
+  OpenResults({{"steps.csv", steps},
+               {"field.csv", "time_days,date,oil_rate [STB/d]\n0,x,150\n10,x,150\n20,x,130\n"},
+               {"data.csv", head + "10,x,P1,OPEN,100,0,\n10,x,WI1,OPEN,0,4500,\n"}});
+  EXPECT_EQ(rows("totals").back(), json({"Field", "2800", ""}));
+  EXPECT_THAT(browser().complaints(), IsEmpty());
+}
+
 TEST_F(ReportPageTest, NumbersOfEventsStandAboveTheCurves) {
   OpenResults({{"events.csv", "time_days,date,command\n1,x,shut P1\n"},
                {"data.csv",

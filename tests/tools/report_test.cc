@@ -193,6 +193,23 @@ TEST_F(ReportTest, RecordsBeforeAndBehindAnEventStandBesideEachOther) {
   EXPECT_THAT(results.field[0], ElementsAre(150, 50, 60));
 }
 
+// P1 whenever there is a record, P2 from its second stop on, P3 at one stop only, P4 since the last
+// stop, P5 without rates.
+TEST_F(ReportTest, SumsLeaveOutWellsWithGaps) {
+  directory_.Write("steps.csv", "time_days,date,ended\n0,x,false\n10,x,false\n20,x,false\n");
+  directory_.Write("data.csv",
+                   "time_days,date,well,status,oil_rate\n"
+                   "0,x,P1,OPEN,1\n0,x,P3,OPEN,100\n"
+                   "10,x,P1,OPEN,1\n10,x,P2,OPEN,10\n10,x,P1,OPEN,2\n"
+                   "20,x,P1,OPEN,1\n20,x,P2,OPEN,10\n20,x,P4,OPEN,1000\n");
+  directory_.Write("vars.csv", "time_days,date,well,WATER_CUT\n0,x,P5,0.5\n");
+  EXPECT_THAT(ReadResults(Directory()).days, ElementsAre(0, 10, 10, 20));
+  EXPECT_THAT(ReadResults(Directory()).field, ElementsAre(ElementsAre(1, 11, 12, 11)));
+  directory_.Write("data.csv",
+                   "time_days,date,well,status,oil_rate\n0,x,P1,OPEN,1\n20,x,P2,OPEN,1\n");
+  EXPECT_THAT(ReadResults(Directory()).field, IsEmpty()) << "no well is without gaps";
+}
+
 TEST_F(ReportTest, FieldOfItsOwnRecordStandsForTheSums) {
   directory_.Write("steps.csv", "time_days,date,ended\n0,x,false\n30,x,false\n");
   directory_.Write("data.csv",
@@ -245,9 +262,9 @@ TEST_F(ReportTest, InflowTablesAreToldApartByTheirFirstPoints) {
 TEST_F(ReportTest, RatesHoldForTheDaysBeforeThem) {
   const float none = std::nanf("");
   EXPECT_EQ(AddedUp({0, 30, 60}, {100, 90, 80}), 90 * 30 + 80 * 30);
-  EXPECT_EQ(AddedUp({0, 30, 60}, {100, none, 80}), 80 * 60);
   EXPECT_EQ(AddedUp({0, 30, 60}, {none, none, 80}), 80 * 30) << "a well that the model adds";
   EXPECT_EQ(AddedUp({10, 10, 20}, {100, 0, 5}), 50) << "an event at day 10";
+  EXPECT_THAT(AddedUp({0, 30}, {none, none}), IsNan());
 }
 
 TEST_F(ReportTest, BytesAreWrittenInBase64) {

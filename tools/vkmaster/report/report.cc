@@ -1,5 +1,6 @@
 #include "tools/vkmaster/report/report.h"
 
+#include <algorithm>
 #include <cmath>
 #include <fstream>
 #include <map>
@@ -83,13 +84,17 @@ float LastOf(const std::vector<float>& values) {
 
 Json WellsOf(const Results& results) {
   const std::vector<std::size_t> rates = RatesOf(results);
+  const bool covers_stops = CoversStops(results);
   Json wells = Json::array();
   for (const WellResults& well : results.wells) {
     Json last = Json::array();
     for (const std::vector<float>& values : well.values) last.push_back(LastOf(values));
-    Json totals = Json::array();
-    for (const std::size_t rate : rates) {
-      totals.push_back(static_cast<float>(AddedUp(results.days, well.values[rate])));
+    Json totals = nullptr;
+    if (covers_stops && IsWithoutGaps(results, well)) {
+      totals = Json::array();
+      for (const std::size_t rate : rates) {
+        totals.push_back(static_cast<float>(AddedUp(results.days, well.values[rate])));
+      }
     }
     wells.push_back({{"name", well.name},
                      {"type", well.type},
@@ -100,23 +105,59 @@ Json WellsOf(const Results& results) {
   return wells;
 }
 
+// Null when the field has not that rate.
+const std::vector<float>* FieldRates(const Results& results, std::size_t rate) {
+  for (std::size_t i = 0; i < results.field.size(); ++i) {
+    if (results.field_quantities[i].id == results.quantities[rate].id) return &results.field[i];
+  }
+  return nullptr;
+}
+
 // The rates that no well ever had.
 Json IdleOf(const Results& results) {
   Json idle = Json::array();
-  for (std::size_t i = 0; i < results.field.size(); ++i) {
-    bool any = false;
-    for (const float rate : results.field[i]) any = any || rate > 0 || rate < 0;
-    if (!any) idle.push_back(results.field_quantities[i].id);
+  const auto flows = [](const std::vector<float>& rates) {
+    return std::any_of(rates.begin(), rates.end(), [](float rate) { return rate > 0 || rate < 0; });
+  };
+  for (const std::size_t rate : RatesOf(results)) {
+    const std::vector<float>* field = FieldRates(results, rate);
+    const bool any = (field != nullptr && flows(*field)) ||
+                     std::any_of(results.wells.begin(), results.wells.end(),
+                                 [&](const auto& well) { return flows(well.values[rate]); });
+    if (!any) idle.push_back(results.quantities[rate].id);
   }
   return idle;
+}
+
+// What each rate adds up to. The sums over wells are those of the wells' totals, which have more
+// digits than the field's rates.
+Json FieldTotals(const Results& results, const std::vector<const WellResults*>& wells) {
+  if (!CoversStops(results)) return nullptr;
+  Json totals = Json::array();
+  for (const std::size_t rate : RatesOf(results)) {
+    double total = 0;
+    if (results.field_recorded) {
+      const std::vector<float>* field = FieldRates(results, rate);
+      total = field == nullptr ? std::nan("") : AddedUp(results.days, *field);
+    } else {
+      for (const WellResults* well : wells) {
+        const double own = AddedUp(results.days, well->values[rate]);
+        if (!std::isnan(own)) total += own;
+      }
+    }
+    totals.push_back(total);
+  }
+  return totals;
 }
 
 Json FieldOf(const Results& results) {
   if (results.field.empty()) return nullptr;
   Json ids = Json::array();
   for (const Heading& heading : results.field_quantities) ids.push_back(heading.id);
+  const std::vector<const WellResults*> wells = WellsWithoutGaps(results);
   return {{"from", results.field_recorded ? "field.csv" : "wells"},
-          {"wells", results.wells.size()},
+          {"wells", wells.size()},
+          {"totals", FieldTotals(results, wells)},
           {"quantities", std::move(ids)}};
 }
 

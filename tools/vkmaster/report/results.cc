@@ -340,12 +340,14 @@ class Reader {
   void SumUp() {
     results_.field_quantities.clear();
     results_.field.clear();
+    const std::vector<const WellResults*> wells = WellsWithoutGaps(results_);
+    if (wells.empty()) return;
     for (std::size_t i = 0; i < results_.quantities.size(); ++i) {
       if (!IsRate(results_.quantities[i].id)) continue;
       std::vector<double> sums(results_.days.size(), kNone);
-      for (const WellResults& well : results_.wells) {
+      for (const WellResults* well : wells) {
         for (std::size_t row = 0; row < sums.size(); ++row) {
-          const double rate = well.values[i][row];
+          const double rate = well->values[i][row];
           if (!std::isnan(rate)) sums[row] = std::isnan(sums[row]) ? rate : sums[row] + rate;
         }
       }
@@ -369,16 +371,45 @@ bool IsRate(const std::string& id) {
   return id.ends_with("_rate");
 }
 
+bool CoversStops(const Results& results) {
+  return std::all_of(results.stops.begin(), results.stops.end(), [&](const ResultStop& stop) {
+    return std::binary_search(results.days.begin(), results.days.end(), stop.day);
+  });
+}
+
+bool IsWithoutGaps(const Results& results, const WellResults& well) {
+  bool any = false;
+  for (std::size_t i = 0; i < well.values.size(); ++i) {
+    if (!IsRate(results.quantities[i].id)) continue;
+    const std::vector<float>& rates = well.values[i];
+    const auto none = [](float rate) { return std::isnan(rate); };
+    const auto first = std::find_if_not(rates.begin(), rates.end(), none);
+    if (first == rates.end()) continue;
+    const double day = results.days[static_cast<std::size_t>(first - rates.begin())];
+    if (day > results.days.front() && day == results.days.back()) return false;
+    if (std::any_of(first, rates.end(), none)) return false;
+    any = true;
+  }
+  return any;
+}
+
+std::vector<const WellResults*> WellsWithoutGaps(const Results& results) {
+  std::vector<const WellResults*> wells;
+  for (const WellResults& well : results.wells) {
+    if (IsWithoutGaps(results, well)) wells.push_back(&well);
+  }
+  return wells;
+}
+
 double AddedUp(const std::vector<double>& days, const std::vector<float>& rates) {
   double sum = 0;
-  std::optional<std::size_t> last;
+  bool any = false;
   for (std::size_t i = 0; i < rates.size(); ++i) {
     if (std::isnan(rates[i])) continue;
-    const std::size_t since = last.value_or(i > 0 ? i - 1 : 0);
-    sum += static_cast<double>(rates[i]) * (days[i] - days[since]);
-    last = i;
+    if (i > 0) sum += static_cast<double>(rates[i]) * (days[i] - days[i - 1]);
+    any = true;
   }
-  return sum;
+  return any ? sum : kNone;
 }
 
 Results ReadResults(const std::string& directory) {

@@ -60,7 +60,8 @@ struct Results {
   std::vector<Heading> quantities;
   std::vector<WellResults> wells;
 
-  /// The field's rates: those of field.csv when it has them at all stops, else sums over the wells.
+  /// The field's rates: those of field.csv when it has them at all stops, else sums over the wells
+  /// without gaps.
   std::vector<Heading> field_quantities;
   Columns field;
   bool field_recorded = false;
@@ -75,8 +76,17 @@ struct Results {
 /// directory has no results, and for a file that cannot be read.
 Results ReadResults(const std::string& directory);
 
-/// What a rate adds up to: each value holds for the days since the one before. The well's first
-/// value holds since the stop before, when there is one.
+/// Whether the rates of wells, or of the field, were recorded at all stops.
+bool CoversStops(const Results& results);
+
+/// Whether the well has rates, and each at all times of the results since its first value. A well
+/// that comes later was added by the model, unless its first values are those of the last stop.
+bool IsWithoutGaps(const Results& results, const WellResults& well);
+
+std::vector<const WellResults*> WellsWithoutGaps(const Results& results);
+
+/// What a rate without gaps adds up to: each value holds for the days since the time before. NaN
+/// for a rate without any value.
 double AddedUp(const std::vector<double>& days, const std::vector<float>& rates);
 
 /// Whether the column is a rate, which can be summed over wells and added up over time.

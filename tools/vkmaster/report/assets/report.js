@@ -50,6 +50,11 @@ const units = Object.fromEntries(meta.quantities.map((quantity) => [quantity.id,
 const day = 86400;
 const start = meta.start === null ? NaN : Date.parse(meta.start + 'T00:00:00Z') / 1000;
 
+// A sum that leaves wells out does not go by the name of the field.
+const fieldWells = meta.field?.from === 'wells' ? meta.field.wells : meta.wells.length;
+const leftOut = meta.wells.length - fieldWells;
+const fieldName = leftOut === 0 ? 'Field' : `Sum of ${fieldWells} of ${meta.wells.length} wells`;
+
 const find = (id) => document.getElementById(id);
 
 function element(name, text, properties) {
@@ -118,20 +123,21 @@ function need(wells) {
 const combine = (one, other, make) =>
   one && other && Float32Array.from(one, (value, i) => make(value, other[i]));
 
-// What a rate adds up to: each value holds for the days since the one before. The first value of a
-// well that comes later holds for the days since the stop before.
+// What a rate adds up to: each value holds for the days since the time before.
 function added(rates) {
   if (!rates) return undefined;
   let sum = 0;
-  let last = -1;
   return Float32Array.from(rates, (rate, i) => {
     if (isNaN(rate)) return NaN;
-    const since = last < 0 ? Math.max(i - 1, 0) : last;
-    sum += rate * (meta.days[i] - meta.days[since]);
-    last = i;
+    sum += rate * (meta.days[i] - meta.days[Math.max(i - 1, 0)]);
     return sum;
   });
 }
+
+// What a well has produced is known when its rates were recorded at every stop.
+const hasTotals = (well) => (well < 0 ? meta.field : meta.wells[well]).totals !== null;
+const isUnknown = (well, id) =>
+  id.endsWith('_total') && !decoded.get(well)?.has(id) && !hasTotals(well);
 
 // scf in MMscf.
 const gasFactor =
@@ -164,7 +170,7 @@ function curve(well, id) {
   if (!decoded.has(well)) return undefined;
   const key = `${well} ${id}`;
   if (!made.has(key)) {
-    const values = derived(decoded.get(well), id);
+    const values = isUnknown(well, id) ? undefined : derived(decoded.get(well), id);
     made.set(key, values && Array.from(values, (value) => (Number.isFinite(value) ? value : null)));
   }
   return made.get(key);
@@ -187,10 +193,12 @@ function kindsOffered() {
     water_cut: has('oil_rate') && has('water_rate'),
     gas_oil_ratio: has('oil_rate') && has('gas_rate'),
   };
+  const anyTotals = meta.field?.totals || meta.wells.some((_, well) => hasTotals(well));
   const offered = (id) =>
     has(id) ||
     derivable[id] ||
     (id.endsWith('_total') &&
+      anyTotals &&
       (has(id.replace('_total', '_rate')) || derivable[id.replace('_total', '_rate')]));
   return [...Object.keys(known).filter(offered), ...recorded.filter((id) => !(id in known))];
 }
@@ -311,7 +319,7 @@ const wellsChosen = () => chosen.slots.filter((well) => well !== null);
 
 // The chosen curves with their names and line styles.
 function lines() {
-  const field = chosen.field && meta.field !== null ? [{well: -1, name: 'Field', slot: -1}] : [];
+  const field = chosen.field && meta.field !== null ? [{well: -1, name: fieldName, slot: -1}] : [];
   return field.concat(
     chosen.slots
       .map((well, slot) => ({well, slot, name: meta.wells[well]?.name}))
@@ -595,11 +603,16 @@ function curves(id) {
     names.push(line.name);
   }
   const range = /pressure|temperature|density/.test(id) ? near : fromZero;
+  const unknown = lines()
+    .filter((line) => isUnknown(line.well, id))
+    .map((line) => line.name);
   const lack = lines().some((line) => !decoded.has(line.well))
     ? 'Curves are missing here: the page had not read them yet.'
-    : names.length > 0
-      ? ''
-      : 'None of the wells that are chosen has any.';
+    : unknown.length > 0
+      ? `Not known of ${unknown.join(', ')}: rates were not recorded at every stop.`
+      : names.length > 0
+        ? ''
+        : 'None of the wells that are chosen has any.';
   return {data, names, overTime: true, lack, options: timeOptions(styles, unitOf(id), range)};
 }
 
@@ -799,11 +812,16 @@ function lastValues() {
 function totals() {
   const rates = meta.rates.filter((id) => !isIdle(id));
   const ids = rates.map((id) => id.replace('_rate', '_total'));
-  const totalsOf = (well) => rates.map((id) => well.totals[meta.rates.indexOf(id)]);
-  const sums = rates.map((_, i) => meta.wells.reduce((sum, well) => sum + totalsOf(well)[i], 0));
+  const row = (name, {totals}) => [
+    name,
+    ...rates.map((id) => totals?.[meta.rates.indexOf(id)] ?? null),
+  ];
   return {
     head: ['well', ...ids.map((id) => withUnit(labelOf(id), unitOf(id)))],
-    rows: [...meta.wells.map((well) => [well.name, ...totalsOf(well)]), ['Field', ...sums]],
+    rows: [
+      ...meta.wells.map((well) => row(well.name, well)),
+      ...(meta.field === null ? [] : [row(fieldName, meta.field)]),
+    ],
   };
 }
 
@@ -1121,7 +1139,7 @@ function showWells() {
   const list = find('list');
   if (meta.field !== null) {
     list.append(
-      check('Field', chosen.field, (on) => {
+      check(fieldName, chosen.field, (on) => {
         chosen.field = on;
         wellsChanged();
       })
@@ -1298,12 +1316,17 @@ function begin() {
   find('missing').textContent =
     'No rates or pressures of wells have been recorded. A plan records them by ' +
     '"data" among the commands of [record].';
+  const noField =
+    meta.rates.length > 0 ? 'Field: not known; no rates of a well were recorded at every stop.' : '';
   find('field-note').textContent =
     meta.field === null
-      ? ''
+      ? noField
       : meta.field.from === 'field.csv'
         ? 'Field: the sums over all wells that were recorded in field.csv.'
-        : `Field: the sums over the ${meta.field.wells} wells that were recorded.`;
+        : leftOut === 0
+          ? `Field: the sums over the ${fieldWells} wells that were recorded.`
+          : `${fieldName}: those whose rates were recorded at every stop since their first; the ` +
+            'others are left out.';
   showWells();
   showKinds();
   showCharts();
@@ -1312,6 +1335,7 @@ function begin() {
   find('last').hidden = meta.wells.length === 0;
   tableIn(find('last'), lastValues)();
   find('totals').hidden = meta.wells.length === 0 || meta.rates.length === 0;
+  find('totals-note').hidden = meta.wells.every((_, well) => hasTotals(well));
   tableIn(find('totals'), totals)();
   find('inflow').hidden = tables.length === 0;
   showWall();
