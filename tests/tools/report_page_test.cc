@@ -550,6 +550,12 @@ TEST_F(ReportPageTest, WhatWasNotRecordedIsNotShownAsKnown) {
     return browser().Evaluate("[...document.querySelectorAll('#" + section +
                               " tr')].map(row => [...row.cells].map(cell => cell.textContent))");
   };
+  EXPECT_EQ(Text("#last-title"), "Wells at the last stop, 2020-01-21, day 20");
+  EXPECT_EQ(rows("last"),
+            json({{"well", "type", "status", "Oil rate [STB/d]", "Water injection rate [STB/d]"},
+                  {"P1", "", "OPEN", "90", "0"},
+                  {"P2", "", "OPEN", "40", "0"},
+                  {"WI1", "INJECTOR", "SHUT", "", ""}}));
   EXPECT_EQ(rows("totals"), json({{"well", "Oil produced [STB]", "Water injected [STB]"},
                                   {"P1", "1900", "0"},
                                   {"P2", "900", "0"},
@@ -572,18 +578,23 @@ TEST_F(ReportPageTest, WhatWasNotRecordedIsNotShownAsKnown) {
   OpenResults({{"steps.csv", steps},
                {"wells.csv", wells},
                {"data.csv", head + "10,x,P1,OPEN,100,0,\n10,x,WI1,OPEN,0,4500,\n"}});
+  EXPECT_EQ(rows("last"),
+            json({{"well", "type", "status"}, {"P1", "", ""}, {"WI1", "INJECTOR", "SHUT"}}));
   EXPECT_EQ(rows("totals"), json({{"well", "Oil produced [STB]", "Water injected [STB]"},
                                   {"P1", "", ""},
                                   {"WI1", "", ""},
                                   {"Field", "", ""}}));
   EXPECT_EQ(Text("#kinds"), " Oil rate Water injection rate Temperature");
   EXPECT_EQ(Text("#field-note"), "Field: the sums over the 2 wells that were recorded.");
+  EXPECT_EQ(browser().Evaluate("whole()"), json({0, 20}));
 
   // No well is without gaps.
   OpenResults(
       {{"steps.csv", steps}, {"data.csv", head + "0,x,P1,OPEN,100,0,\n10,x,P2,OPEN,50,0,\n"}});
   EXPECT_EQ(Text("#field-note"),
             "Field: not known; no rates of a well were recorded at every stop.");
+  EXPECT_EQ(rows("last"), json({{"well"}, {"P1"}, {"P2"}}));
+  EXPECT_EQ(browser().Evaluate("find('last').hidden"), true);
 
   // The field's own record has what the wells lack.
   OpenResults({{"steps.csv", steps},

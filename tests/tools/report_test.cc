@@ -210,6 +210,28 @@ TEST_F(ReportTest, SumsLeaveOutWellsWithGaps) {
   EXPECT_THAT(ReadResults(Directory()).field, IsEmpty()) << "no well is without gaps";
 }
 
+// What is not recorded at the last stop is not known there.
+TEST_F(ReportTest, StatusIsThatOfTheLastStop) {
+  directory_.Write("steps.csv", "time_days,date,ended\n0,x,false\n10,x,false\n");
+  const auto statuses = [&](const std::string& data, const std::string& wells) {
+    directory_.Write("data.csv", "time_days,date,well,status,oil_rate\n" + data);
+    directory_.Write("wells.csv", "time_days,date,well,type,status\n" + wells);
+    std::vector<std::string> texts;
+    for (const WellResults& well : ReadResults(Directory()).wells) texts.push_back(well.status);
+    return texts;
+  };
+  EXPECT_THAT(statuses("0,x,P1,OPEN,1\n10,x,P2,OPEN,1\n", ""), ElementsAre("", "OPEN"));
+  EXPECT_THAT(statuses("0,x,P1,OPEN,1\n", "0,x,P1,PRODUCER,OPEN\n10,x,P1,PRODUCER,SHUT\n"),
+              ElementsAre("SHUT"));
+  // The one has been recorded before an event, the other one behind as well.
+  EXPECT_THAT(statuses("10,x,P1,OPEN,1\n10,x,P1,SHUT,0\n", "10,x,P1,PRODUCER,OPEN\n"),
+              ElementsAre("SHUT"));
+  EXPECT_THAT(statuses("10,x,P1,OPEN,1\n", "10,x,P1,PRODUCER,OPEN\n10,x,P1,PRODUCER,SHUT\n"),
+              ElementsAre("SHUT"));
+  EXPECT_THAT(statuses("10,x,P1,OPEN,1\n", "10,x,P1,PRODUCER,SHUT\n"), ElementsAre(""))
+      << "nobody knows which of them is the newer";
+}
+
 TEST_F(ReportTest, FieldOfItsOwnRecordStandsForTheSums) {
   directory_.Write("steps.csv", "time_days,date,ended\n0,x,false\n30,x,false\n");
   directory_.Write("data.csv",

@@ -75,20 +75,16 @@ std::vector<std::size_t> RatesOf(const Results& results) {
   return rates;
 }
 
-float LastOf(const std::vector<float>& values) {
-  for (auto value = values.rbegin(); value != values.rend(); ++value) {
-    if (!std::isnan(*value)) return *value;
-  }
-  return std::nanf("");
-}
-
 Json WellsOf(const Results& results) {
   const std::vector<std::size_t> rates = RatesOf(results);
+  const bool is_last = !results.days.empty() && results.days.back() == LastDay(results);
   const bool covers_stops = CoversStops(results);
   Json wells = Json::array();
   for (const WellResults& well : results.wells) {
     Json last = Json::array();
-    for (const std::vector<float>& values : well.values) last.push_back(LastOf(values));
+    for (const std::vector<float>& values : well.values) {
+      last.push_back(is_last ? Json(values.back()) : Json(nullptr));
+    }
     Json totals = nullptr;
     if (covers_stops && IsWithoutGaps(results, well)) {
       totals = Json::array();
@@ -194,6 +190,7 @@ Json MetaOf(const Results& results, std::optional<std::chrono::seconds> again) {
   meta["live"] = again ? Json{{"seconds", again->count()}} : Json(nullptr);
   meta["start"] = results.start_date.empty() ? Json(nullptr) : Json(results.start_date);
   meta["days"] = results.days;
+  meta["last"] = LastDay(results);
   meta["quantities"] = ToJson(results.quantities);
   meta["rates"] = Json::array();
   for (const std::size_t rate : RatesOf(results)) {

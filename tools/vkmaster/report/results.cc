@@ -118,7 +118,10 @@ class Reader {
       if (IsOf(name, "wells")) ReadTypes(path.string());
     }
     Order();
-    for (WellResults& well : results_.wells) Complete(well.values, results_.quantities.size());
+    for (std::size_t i = 0; i < results_.wells.size(); ++i) {
+      results_.wells[i].status = StatusOf(i);
+      Complete(results_.wells[i].values, results_.quantities.size());
+    }
     if (results_.field_recorded) {
       Complete(results_.field, results_.field_quantities.size());
     } else {
@@ -130,6 +133,14 @@ class Reader {
  private:
   // A time, and which of the records of one well at that time.
   using Moment = std::pair<double, int>;
+
+  // The last status of a well in some files, and how often it has changed on its day.
+  struct Status {
+    double day = kNone;
+    int changes = -1;
+    std::string text;
+  };
+  using Statuses = std::unordered_map<std::size_t, Status>;  // by well
 
   std::map<std::string, fs::path> Files() const {
     std::map<std::string, fs::path> files;
@@ -200,8 +211,7 @@ class Reader {
       const auto [before, first] = last.emplace(well, Moment(day, 0));
       if (!first)
         before->second = {day, before->second.first == day ? before->second.second + 1 : 0};
-      const std::string_view status = layout.Text(*cells, "status");
-      if (!status.empty()) results_.wells[well].status = status;
+      Keep(data_statuses_[well], day, layout.Text(*cells, "status"));
       Columns& values = results_.wells[well].values;
       if (before->second.second > 0 &&
           IsSame(layout, *cells, values, RowOf({day, before->second.second - 1}))) {
@@ -279,17 +289,32 @@ class Reader {
     CsvFile file(path);
     std::vector<Heading> headings;
     const Layout layout(file, {"time_days", "date", "well", "type", "status"}, headings);
-    std::map<std::size_t, std::string> statuses;
     while (const auto* cells = file.Next()) {
       const auto found = places_.find(std::string(layout.Text(*cells, "well")));
       if (found == places_.end()) continue;
       results_.wells[found->second].type = layout.Text(*cells, "type");
-      statuses[found->second] = layout.Text(*cells, "status");
+      Keep(listed_statuses_[found->second], layout.Day(file, *cells),
+           layout.Text(*cells, "status"));
     }
-    // What data says is as new or newer.
-    for (const auto& [well, status] : statuses) {
-      if (results_.wells[well].status.empty()) results_.wells[well].status = status;
-    }
+  }
+
+  static void Keep(Status& last, double day, std::string_view text) {
+    if (text.empty() || day < last.day) return;
+    const int changes = day == last.day ? last.changes + (text == last.text ? 0 : 1) : 0;
+    last = {day, changes, std::string(text)};
+  }
+
+  // The status at the last stop. The files do not say which of two records of one stop is the newer
+  // one: it is that which has seen the status change more often.
+  std::string StatusOf(std::size_t well) {
+    const auto now = [&](Statuses& statuses) {
+      const Status& status = statuses[well];
+      return status.day == LastDay(results_) ? status : Status{};
+    };
+    const Status data = now(data_statuses_);
+    const Status listed = now(listed_statuses_);
+    if (data.text == listed.text || data.changes > listed.changes) return data.text;
+    return listed.changes > data.changes ? listed.text : "";
   }
 
   std::size_t WellOf(std::string_view name) {
@@ -363,12 +388,20 @@ class Reader {
   std::map<Moment, std::size_t> rows_;
   std::size_t last_row_ = 0;
   std::vector<std::size_t> order_;
+  Statuses data_statuses_;
+  Statuses listed_statuses_;  // by the command wells
 };
 
 }  // namespace
 
 bool IsRate(const std::string& id) {
   return id.ends_with("_rate");
+}
+
+double LastDay(const Results& results) {
+  double last = results.stops.empty() ? kNone : results.stops.back().day;
+  if (!results.days.empty() && !(results.days.back() <= last)) last = results.days.back();
+  return last;
 }
 
 bool CoversStops(const Results& results) {

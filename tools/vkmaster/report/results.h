@@ -21,7 +21,7 @@ using Columns = std::vector<std::vector<float>>;
 struct WellResults {
   std::string name;
   std::string type;    ///< empty when it was not recorded
-  std::string status;  ///< the last one
+  std::string status;  ///< at the last stop; empty when it was not recorded there
   Columns values;      ///< by quantity, one for each time
 };
 
@@ -75,6 +75,9 @@ struct Results {
 /// Reads run.json and those of the CSV files that can be drawn. Throws UsageError when the
 /// directory has no results, and for a file that cannot be read.
 Results ReadResults(const std::string& directory);
+
+/// The day of the last stop, NaN without any.
+double LastDay(const Results& results);
 
 /// Whether the rates of wells, or of the field, were recorded at all stops.
 bool CoversStops(const Results& results);

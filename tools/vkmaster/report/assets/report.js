@@ -351,7 +351,7 @@ const charts = new Map(); // by element
 let scale = 1; // 2 on paper
 const paperWidth = 660;
 
-const whole = () => [meta.days[0] ?? 0, meta.days[meta.days.length - 1] ?? 1];
+const whole = () => [meta.stops.days[0] ?? meta.days[0] ?? 0, meta.last ?? 1];
 const toX = (days) => (chosen.axis === 'day' ? days : start + days * day);
 const toDays = (x) => (chosen.axis === 'day' ? x : (x - start) / day);
 
@@ -798,15 +798,22 @@ function fillNumbers() {
 
 function lastValues() {
   const kinds = meta.quantities.filter((quantity) => !isIdle(quantity.id));
-  return {
-    head: ['well', 'type', 'status', ...kinds.map(({id, unit}) => withUnit(labelOf(id), unit))],
-    rows: meta.wells.map((well) => [
-      well.name,
-      well.type,
-      well.status,
-      ...kinds.map(({id}) => well.last[recorded.indexOf(id)]),
-    ]),
-  };
+  const head = [
+    'well',
+    'type',
+    'status',
+    ...kinds.map(({id, unit}) => withUnit(labelOf(id), unit)),
+  ];
+  const rows = meta.wells.map((well) => [
+    well.name,
+    well.type,
+    well.status,
+    ...kinds.map(({id}) => well.last[recorded.indexOf(id)]),
+  ]);
+  const isFilled = (_, column) => rows.some((row) => row[column] !== null && row[column] !== '');
+  const filled = head.map(isFilled);
+  const withValues = (row) => row.filter((_, column) => filled[column]);
+  return {head: withValues(head), rows: rows.map(withValues)};
 }
 
 function totals() {
@@ -1060,8 +1067,7 @@ function showRun() {
   };
   const title = run.title || run.deck || meta.directory;
   find('title').textContent = document.title = title;
-  const days = meta.stops.days.at(-1) ?? meta.days.at(-1);
-  const reached = days === undefined ? '' : `, at ${timeOf(days)}`;
+  const reached = meta.last === null ? '' : `, at ${timeOf(meta.last)}`;
   find('state').textContent = meta.live
     ? `Running${reached}; as of ${meta.written}`
     : `${run.end ?? 'No run.json says how it ended'}${reached}`;
@@ -1332,7 +1338,8 @@ function begin() {
   showCharts();
   find('events').hidden = meta.events.length === 0;
   tableIn(find('events'), eventRows)();
-  find('last').hidden = meta.wells.length === 0;
+  find('last-title').textContent += `, ${timeOf(meta.last)}`;
+  find('last').hidden = lastValues().head.length < 2;
   tableIn(find('last'), lastValues)();
   find('totals').hidden = meta.wells.length === 0 || meta.rates.length === 0;
   find('totals-note').hidden = meta.wells.every((_, well) => hasTotals(well));
