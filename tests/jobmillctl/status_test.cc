@@ -23,6 +23,7 @@
 #include "tests/support/bytes.h"
 #include "tests/support/refused_calls.h"
 #include "tests/support/sanitized.h"
+#include "tests/support/traced_process.h"
 
 namespace {
 
@@ -391,6 +392,7 @@ TEST(CollectTest, SnapshotThatCannotBeWrittenLeavesTheFormerOne) {
 TEST(CollectTest, LookThatCannotBeMadeIsNoAnswer) {
   const TemporaryDirectory directory;
   ChildProcess::Options options;
+  options.environment = {kNoLeakCheck};  // it takes a child
   options.in_child = [] { return RefuseCalls(NoChildren(EAGAIN)) ? 0 : 1; };
   const Outcome outcome = OutcomeOf({ProgramDirectory() + "/jobmillctl", "collect", "--once",
                                      "--snapshot", directory.File("snapshot.json")},

@@ -6,8 +6,8 @@
 
 /// A system call that is to fail.
 struct RefusedCall {
-  long number;                           ///< SYS_...
-  int error;                             ///< its errno
+  long number = 0;                       ///< SYS_...
+  int error = 0;                         ///< its errno
   std::optional<std::uint32_t> first{};  ///< only with this as its first argument
 };
 
