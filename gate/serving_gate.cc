@@ -383,9 +383,9 @@ void ServingGate::TellOfRefusal(const Arrival& arrival, const std::string& why) 
 
 void ServingGate::Forget(const std::shared_ptr<Arrival>& arrival) {
   if (std::exchange(arrival->gone, true)) return;
-  arrivals_.erase(arrival->place);
   error_code ignored;
   if (arrival->daemon) arrival->daemon->close(ignored);
+  arrivals_.erase(arrival->place);  // `arrival` may be the one in there
 }
 
 std::string ServingGate::Judge(Link& link, const Claim& claim) {
