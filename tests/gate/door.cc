@@ -39,7 +39,9 @@ RunningGate::RunningGate(std::vector<std::string> arguments, std::string log,
 
 RunningGate::~RunningGate() {
   constexpr int kKilled = 128 + SIGKILL;
-  if (!process_->Wait(std::chrono::milliseconds(0))) process_->Signal(SIGTERM);
+  // One that is stopping has taken its signals down: another would end it before its last words.
+  const bool runs = !process_->Wait(std::chrono::milliseconds(0));
+  if (runs && Lines("stopping").empty()) process_->Signal(SIGTERM);
   const auto status = process_->Wait(std::chrono::seconds(10));
   if (status == kKilled) return;
   EXPECT_EQ(status, 0) << TextOf(log_ + ".errors");
