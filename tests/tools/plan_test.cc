@@ -394,6 +394,7 @@ commands = ["shut P1"]
   EXPECT_EQ(run["simulator_version"], 2017.2);
   EXPECT_EQ(run["unit_system"], "metric");
   EXPECT_EQ(run["components"], nlohmann::json({"C1", "CO2"}));
+  EXPECT_EQ(run["wells"], 3);
   EXPECT_EQ(run["start_date"], "2020-01-01");
   EXPECT_EQ(run["events"][0]["at"], "day 30");
   EXPECT_EQ(run["events"][0]["commands"][0], "shut P1");
@@ -790,6 +791,18 @@ TEST_F(PlanRunTest, ResultsThatAreTakenAwayAreWrittenAnewFromThereOn) {
   EXPECT_THAT(directory_.Read("results/wells.csv"),
               testing::AllOf(testing::StartsWith("time_days,date,well,"), HasSubstr("\n1,2020")));
   EXPECT_THAT(directory_.Read("results/run.json"), HasSubstr("the plan was carried out"));
+  EXPECT_THAT(directory_.Read("results/events.csv"), HasSubstr("has gone, with what it held"));
+}
+
+TEST_F(PlanRunTest, ResultsThatSomebodyEmptiesAreWrittenAnewFromThereOn) {
+  run_.before = [this](std::uint32_t code) {
+    if (code == 8) std::filesystem::resize_file(directory_.File("results/wells.csv"), 0);
+  };
+  const Outcome outcome = Run("[advance]\nuntil = 1\n[record]\ncommands = [\"wells\"]\n");
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_THAT(outcome.err, HasSubstr("wells.csv' has gone, with what it held"));
+  EXPECT_THAT(directory_.Read("results/wells.csv"),
+              testing::AllOf(testing::StartsWith("time_days,date,well,"), HasSubstr("\n1,2020")));
 }
 
 // What an event sets is known to those after it.
@@ -828,10 +841,10 @@ TEST_F(PlanRunTest, LimitsAndSourcesOfEarlierEventsAreKnownToLaterOnes) {
 }
 
 TEST_F(PlanTest, CheckSaysWhatTheRunWillTakeFromTheOptions) {
-  const std::string plan =
-      directory_.Write("plan.toml",
-                       "[launch]\nroot = \"CASE\"\nport = 1\nprocesses = 2\n[advance]\nuntil = 1\n"
-                       "[record]\ncommands = [\"data\"]\n");
+  const std::string plan = directory_.Write("plan.toml",
+                                            "[launch]\nroot = \"CASE\"\nport = 1\nprocesses = "
+                                            "2\n[advance]\nuntil = 1\nstep = \"monthly\"\n"
+                                            "[record]\ncommands = [\"data\"]\n");
   const std::string config = directory_.Write("settings.ini", "root=OTHER\nuser=bob\n");
   setenv("VKMASTER_PORT", "3", 1);
   const Outcome outcome =
@@ -843,7 +856,8 @@ TEST_F(PlanTest, CheckSaysWhatTheRunWillTakeFromTheOptions) {
     EXPECT_THAT(outcome.out, testing::ContainsRegex(line));
   }
   EXPECT_EQ(outcome.err,
-            "note: Options win over the plan: processes 8, not 2; root OTHER, not CASE\n");
+            "note: Options win over the plan: processes 8, not 2; root OTHER, not CASE; port 3, "
+            "not 1; steps of 14 days, not monthly\n");
 }
 
 TEST_F(PlanTest, NumbersOfTheLaunchAreThoseOfTheOptions) {

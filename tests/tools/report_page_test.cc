@@ -604,6 +604,13 @@ TEST_F(ReportPageTest, WhatWasNotRecordedIsNotShownAsKnown) {
   EXPECT_THAT(browser().complaints(), IsEmpty());
 }
 
+TEST_F(ReportPageTest, SumOfSomeWellsDoesNotGoByTheNameOfTheField) {
+  OpenResults({{"run.json", R"({"wells": 10})"},
+               {"steps.csv", "time_days,date,ended\n0,2020-01-01,false\n10,x,false\n"},
+               {"data.csv", "time_days,date,well,oil_rate [STB/d]\n0,x,P1,100\n10,x,P1,100\n"}});
+  EXPECT_THAT(Text("#field-note"), testing::StartsWith("Sum of 1 of 10 wells: "));
+}
+
 TEST_F(ReportPageTest, NumbersOfEventsStandAboveTheCurves) {
   OpenResults({{"events.csv", "time_days,date,command\n1,x,shut P1\n"},
                {"data.csv",

@@ -294,17 +294,25 @@ void ApplyLaunch(const Plan& plan, Options& options) {
 
 std::string TakeOptions(const Options& options, Plan& plan) {
   std::string others;
-  const auto take = [&](const std::string& name, const std::string& text) {
-    if (!options.given.contains("--" + name)) return;
-    std::string& planned = plan.launch.texts[name];
-    if (!planned.empty() && planned != text) {
-      others += fmt::format("{}{} {}, not {}", others.empty() ? "" : "; ", name, text, planned);
-    }
-    planned = text;
+  const auto note = [&](const std::string& name, const std::string& text,
+                        const std::string& planned) {
+    if (planned.empty() || planned == text) return;
+    others += fmt::format("{}{} {}, not {}", others.empty() ? "" : "; ", name, text, planned);
   };
-  for (const auto& [name, text] : LaunchTexts(options)) take(name, *text);
-  if (options.given.contains("--port")) plan.launch.port = options.port;
-  if (options.step) plan.step = options.step;
+  for (const auto& [name, text] : LaunchTexts(options)) {
+    if (!options.given.contains("--" + name)) continue;
+    note(name, *text, plan.launch.texts[name]);
+    plan.launch.texts[name] = *text;
+  }
+  if (options.given.contains("--port")) {
+    note("port", fmt::format("{}", options.port),
+         plan.launch.port ? fmt::format("{}", *plan.launch.port) : "");
+    plan.launch.port = options.port;
+  }
+  if (options.step) {
+    note("steps", FormatStep(*options.step), plan.step ? FormatStep(*plan.step) : "");
+    plan.step = options.step;
+  }
   return others.empty() ? "" : "Options win over the plan: " + others;
 }
 

@@ -95,9 +95,13 @@ Recorder::File& Recorder::FileFor(const std::string& name, const std::string& he
   File& file = files_[name + "\n" + header];
   if (file.stream) {
     std::error_code error;
-    if (std::filesystem::exists(PathOf(file.path), error) || error) return file;
-    Note(fmt::format("note: '{}' has gone, with what it held; it is written anew from day {:.6g}",
-                     file.path, days_));
+    const std::uintmax_t size = std::filesystem::file_size(PathOf(file.path), error);
+    const bool gone = error ? error == std::errc::no_such_file_or_directory : size < file.size;
+    if (!gone) return file;
+    const std::string note = fmt::format(
+        "'{}' has gone, with what it held; it is written anew from day {:.6g}", file.path, days_);
+    Note("note: " + note);
+    lasting_.push_back(note);
     MakeDirectory();
     file.size = 0;
   } else {

@@ -191,6 +191,7 @@ RunFile::RunFile(const Plan& plan, Session& session, bool overwrite)
   json["simulator_version"] = session.run().GetVersion();
   json["unit_system"] = UnitsOf(session.Metric()).system;
   json["components"] = session.Components();
+  json["wells"] = session.KnownWells().size();
   json["start_date"] = FormatDate(session.StartDate());
   json["until"] = FormatTarget(plan.until);
   json["step"] = plan.step ? Json(FormatStep(*plan.step)) : Json(nullptr);

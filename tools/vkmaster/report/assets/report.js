@@ -51,9 +51,10 @@ const day = 86400;
 const start = meta.start === null ? NaN : Date.parse(meta.start + 'T00:00:00Z') / 1000;
 
 // A sum that leaves wells out does not go by the name of the field.
-const fieldWells = meta.field?.from === 'wells' ? meta.field.wells : meta.wells.length;
-const leftOut = meta.wells.length - fieldWells;
-const fieldName = leftOut === 0 ? 'Field' : `Sum of ${fieldWells} of ${meta.wells.length} wells`;
+const allWells = Math.max(meta.wells.length, meta.run?.wells ?? 0);
+const fieldWells = meta.field?.from === 'wells' ? meta.field.wells : allWells;
+const leftOut = allWells - fieldWells;
+const fieldName = leftOut === 0 ? 'Field' : `Sum of ${fieldWells} of ${allWells} wells`;
 
 const find = (id) => document.getElementById(id);
 
