@@ -502,6 +502,24 @@ TEST_F(PlanTest, FilesThatNoRunHasWrittenAreNeitherMixedInNorReplaced) {
   }
 }
 
+// A plan is copied, and names the directory of the first one still.
+TEST_F(PlanRunTest, ResultsOfAnotherPlanAreNotReplaced) {
+  const std::string plan = "[advance]\nuntil = 1\n[record]\ncommands = [\"data\"]\n";
+  EXPECT_EQ(Run(plan).status, 0);
+  const std::string data = directory_.Read("results/data.csv");
+  const Outcome other = RunVkmaster(
+      LaunchArguments(FreePort(), {"--overwrite", "run", directory_.Write("what if.toml", plan)}));
+  EXPECT_EQ(other.status, 2);
+  EXPECT_THAT(other.err, EndsWith("has the results of another plan, plan.toml. Give what if.toml "
+                                  "another directory, or remove those results\n"));
+  EXPECT_EQ(directory_.Read("results/data.csv"), data);
+  const Outcome page = RunVkmaster(
+      LaunchArguments(FreePort(), {"--overwrite", "--report", directory_.File("results/field.csv"),
+                                   "run", directory_.Write("plan.toml", plan)}));
+  EXPECT_EQ(page.status, 2);
+  EXPECT_THAT(page.err, HasSubstr("field.csv' is no name for a page: results have such names"));
+}
+
 TEST_F(PlanRunTest, DirectoryOfARunUnderWayIsNotTakenNorItsResultsReplaced) {
   Outcome second;
   std::string before;

@@ -827,6 +827,7 @@ TEST(ParseWellCommands, MissingOrWrongArgumentsAreRefused) {
   for (const char* blanks : {"oil = 500", "oil= 500", "oil =500"}) {
     EXPECT_THAT(Refusal(std::string("constrain P1 ") + blanks), HasSubstr("no blanks around ="));
   }
+  EXPECT_THAT(Refusal("constrain P1 oil=5 oil=6"), HasSubstr("stands twice for the same wells"));
   EXPECT_THAT(Refusal("constrain P1 oil=much"), HasSubstr("A number behind oil= wanted"));
   EXPECT_THAT(Refusal("ipr bhp"), HasSubstr("Of which wells?"));
   EXPECT_THAT(Refusal("ipr P1 skewness 0"), HasSubstr("above 0"));

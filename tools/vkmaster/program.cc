@@ -117,7 +117,7 @@ class Program {
     if (options_.run.path.empty()) throw UsageError("The run's data directory is missing: --path");
     if (options_.run.root.empty()) throw UsageError("The model's name is missing: --root");
     if (!options_.plan.empty()) {
-      CheckRoom(ReadPlan(options_.plan).directory, options_.overwrite);
+      CheckRoom(ReadPlan(options_.plan), options_.overwrite);
       if (!options_.report.empty()) CheckWritable(options_.report);
     }
   }
@@ -176,7 +176,7 @@ class Program {
     if (!others.empty()) preview.notes.push_back(others);
     output_.Write(preview);
     try {
-      CheckRoom(plan.directory, options_.overwrite);
+      CheckRoom(plan, options_.overwrite);
     } catch (const UsageError& error) {
       return Report("run", error).status;
     }

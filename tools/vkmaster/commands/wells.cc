@@ -461,7 +461,12 @@ std::vector<ConstraintGroup> ParseConstraints(const Words& arguments) {
       if (equals == 0 || equals + 1 == word.size()) {
         throw UsageError("'" + word + "': no blanks around =, as in P1 oil=500");
       }
-      groups.back().names.push_back(ConstraintOf(word.substr(0, equals)));
+      const std::string name = ConstraintOf(word.substr(0, equals));
+      const Words& before = groups.back().names;
+      if (std::find(before.begin(), before.end(), name) != before.end()) {
+        throw UsageError(fmt::format("'{}': {} stands twice for the same wells", word, name));
+      }
+      groups.back().names.push_back(name);
       const double value =
           ParseNumber(word.substr(equals + 1), "A number behind " + word.substr(0, equals + 1));
       if (value < 0 && !IsMarked(word)) {

@@ -52,7 +52,7 @@ Json Texts(const std::vector<Command>& commands) {
 // The input file as the daemon's host names it. Its digest is there when this machine sees the
 // file, too; "" else.
 std::string DeckOf(const master::RunRequest& run) {
-  return run.path + run.root + ".afi";
+  return run.path + (run.path.ends_with('/') ? "" : "/") + run.root + ".afi";
 }
 
 std::string DigestOf(const std::string& file) {
@@ -79,6 +79,7 @@ bool IsRecord(const fs::path& file) {
 struct Present {
   std::vector<fs::path> results;  // of an earlier run
   Words others;                   // names of those that vkmaster has not written
+  std::string plan;               // of the earlier run, when it is known
 };
 
 Present FilesIn(const std::string& directory) {
@@ -90,6 +91,8 @@ Present FilesIn(const std::string& directory) {
     return !files.is_array() || std::find(files.begin(), files.end(), name) != files.end();
   };
   Present present;
+  const Json plan = known ? run.value("plan", Json()) : Json();
+  if (plan.is_string()) present.plan = PathOf(plan.get<std::string>()).filename().string();
   std::error_code error;
   for (const fs::directory_entry& entry : fs::directory_iterator(PathOf(directory), error)) {
     const std::string name = entry.path().filename().string();
@@ -119,7 +122,8 @@ std::string Dump(const Json& json) {
 }
 
 // Those of two runs would be mixed, or the earlier ones lost.
-void CheckFiles(const std::string& directory, bool overwrite) {
+void CheckFiles(const Plan& plan, bool overwrite) {
+  const std::string& directory = plan.directory;
   const Present present = FilesIn(directory);
   if (!present.others.empty()) {
     throw UsageError(fmt::format(
@@ -127,7 +131,16 @@ void CheckFiles(const std::string& directory, bool overwrite) {
         "Give the plan another directory",
         directory, Listed(present.others)));
   }
-  if (overwrite || present.results.empty()) return;
+  if (present.results.empty()) return;
+  // A copied plan that still names the directory of the one that it was copied from.
+  const std::string own = PathOf(plan.file).filename().string();
+  if (!present.plan.empty() && present.plan != own) {
+    throw UsageError(
+        fmt::format("'{}' has the results of another plan, {}. Give {} another directory, or "
+                    "remove those results",
+                    directory, present.plan, own));
+  }
+  if (overwrite) return;
   throw UsageError(fmt::format(
       "'{}' has the results of an earlier run. Give the plan another directory, or --overwrite, "
       "which removes {}, {} and the CSV files there",
@@ -207,7 +220,7 @@ RunFile::RunFile(const Plan& plan, Session& session, bool overwrite)
   // A full disk shows before the earlier results have gone.
   WholeFile file(path_);
   file.Write(Dump(json));
-  CheckFiles(plan.directory, overwrite);
+  CheckFiles(plan, overwrite);
   for (const fs::path& earlier : FilesIn(plan.directory).results) {
     aside_.emplace_back(earlier,
                         earlier.parent_path() / ("." + earlier.filename().string() + ".before"));
@@ -242,10 +255,10 @@ bool RunFile::PutBack(const std::set<std::string>& files) {
   return true;
 }
 
-void CheckRoom(const std::string& directory, bool overwrite) {
-  CheckWritable(directory);
-  CheckFree(DirectoryLock(directory), directory);
-  CheckFiles(directory, overwrite);
+void CheckRoom(const Plan& plan, bool overwrite) {
+  CheckWritable(plan.directory);
+  CheckFree(DirectoryLock(plan.directory), plan.directory);
+  CheckFiles(plan, overwrite);
 }
 
 }  // namespace vkmaster

@@ -47,9 +47,9 @@ class RunFile {
 };
 
 /// Throws UsageError when no results could be written to the plan's directory, when another run
-/// writes to it, when it has results already, unless `overwrite` allows to replace them, and when
-/// it has files that could be taken for results and are none: nothing is replaced but what vkmaster
-/// has written. Changes nothing.
-void CheckRoom(const std::string& directory, bool overwrite);
+/// writes to it, when it has results already, unless `overwrite` allows to replace those of an
+/// earlier run of this plan, and when it has files that could be taken for results and are none:
+/// nothing is replaced but what vkmaster has written. Changes nothing.
+void CheckRoom(const Plan& plan, bool overwrite);
 
 }  // namespace vkmaster

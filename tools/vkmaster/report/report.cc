@@ -236,6 +236,10 @@ bool IsReport(const std::string& file) {
 }
 
 void CheckReplaceable(const std::string& file) {
+  const std::string extension = PathOf(file).extension().string();
+  if (extension == ".csv" || extension == ".json") {
+    throw UsageError(fmt::format("'{}' is no name for a page: results have such names", file));
+  }
   if (IsReport(file)) return;
   throw UsageError(
       fmt::format("'{}' is there already and is no report: it is left as it is", file));

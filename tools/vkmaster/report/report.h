@@ -16,7 +16,8 @@ namespace vkmaster {
 bool IsReport(const std::string& file);
 
 /// Throws UsageError when `file` holds something else than a report, which a page in its place
-/// would destroy.
+/// would destroy, and when it has the name of a table or of run.json, which a page would be taken
+/// for.
 void CheckReplaceable(const std::string& file);
 
 /// Writes the page, replacing `file` as a whole. With `again` the page loads itself anew after that
