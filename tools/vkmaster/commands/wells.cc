@@ -273,13 +273,18 @@ Result ConstrainResult(Session& session, const std::vector<ConstraintGroup>& gro
   return result;
 }
 
-bool IsLimitName(const std::string& word) {
+// Whether `read` takes the word for a name.
+bool IsRead(std::string (*read)(const std::string&), const std::string& word) {
   try {
-    ConstraintOf(word);
+    read(word);
     return true;
   } catch (const UsageError&) {
     return false;
   }
+}
+
+bool IsLimitName(const std::string& word) {
+  return IsRead(ConstraintOf, word);
 }
 
 // The limits that were set on the well in this session, with `planned` also those that will have
@@ -338,12 +343,7 @@ Result UnconstrainResult(Session& session, const Words& patterns, const Words& n
 }
 
 bool IsProperty(const std::string& word) {
-  try {
-    PropertyOf(word);
-    return true;
-  } catch (const UsageError&) {
-    return false;
-  }
+  return IsRead(PropertyOf, word);
 }
 
 std::size_t SizeOf(const master::WellConstraints& well) {
