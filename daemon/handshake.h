@@ -11,7 +11,7 @@ struct RunRequest {
   std::string path;       ///< data directory
   std::string root;       ///< name of the model's files, without extension
   std::string processes;  ///< number of processes
-  std::string version;    ///< protocol version of the simulator: "20162" or "20172"
+  std::string version;    ///< "20162" for version 2016.2 of the simulator, any other for 2017.2
   std::string windows_user;
   std::string debug_flag;
 };

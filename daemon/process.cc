@@ -12,8 +12,8 @@
 
 namespace {
 
-// A socket that got the number of a missing standard descriptor would receive what is printed, and
-// the script would take it for its standard output.
+// A socket that got the number of a missing standard descriptor would be used as that: it would
+// receive what is printed, or be closed when the script's pipe becomes standard input.
 void FillStandardDescriptors() {
   int descriptor = open("/dev/null", O_RDWR);
   while (descriptor >= 0 && descriptor <= STDERR_FILENO) descriptor = dup(descriptor);

@@ -72,7 +72,8 @@ std::string_view BytesOf(const ASN1_STRING* string) {
 void AddAlternativeName(GENERAL_NAME* name, CertificateNames& found) {
   if (name->type == GEN_EMAIL) {
     const std::string_view text = BytesOf(name->d.rfc822Name);
-    // An IA5String; bytes above ASCII have no meaning in it.
+    // An IA5String has ASCII alone. A name with other bytes is added as an empty one, which Add()
+    // counts as unreadable.
     const bool ascii =
         std::all_of(text.begin(), text.end(), [](char c) { return (c & 0x80) == 0; });
     Add(NameKind::kEmail, ascii ? text : std::string_view(), found);

@@ -20,8 +20,8 @@ namespace {
 
 constexpr const char* kMark = "JOBMILL_RUN";
 
-// Whether the script of a run is a shipped one, and at work. It notices that its controller has
-// gone, gives the simulator the grace time and ends it.
+// Whether the script of a run is a shipped one, and at work. Such a script notices that its
+// controller has gone, gives the simulator the grace time and ends it: nobody else has to.
 bool EndsWhatIsLeft(const Run& run, const std::set<std::string>& scripts) {
   const auto process = run.script ? Process::Open(*run.script) : std::nullopt;
   if (!process || !process->IsAlive() || process->stat().state == 'T') return false;

@@ -45,8 +45,9 @@ std::string SyntaxError(const std::string& shell, const std::string& file) {
   return refused ? answer->output.substr(0, answer->output.find('\n')) : std::string();
 }
 
-// The program that the first line of a script names and the argument that stands there, as the
-// kernel takes them apart.
+// The program that the first line of a script, which begins with "#!", names, and the first word
+// behind it. The kernel passes all that follows the program as one argument; what is looked for
+// here, the program that env is to run, is one word.
 std::pair<std::string, std::string> InterpreterIn(std::string_view text) {
   std::string_view line = text.substr(2, text.find('\n') - 2);
   const auto word = [&line] {

@@ -21,7 +21,7 @@ namespace {
 
 constexpr mode_t kPublic = 0666;
 
-// Opens a log to all, whatever the umask has left of its mode.
+// Lets everybody read and write a log, whatever the umask has left of its mode.
 Descriptor Publish(Descriptor file) {
   if (file) fchmod(file.get(), kPublic);
   return file;

@@ -145,7 +145,8 @@ class FrameChannel::Link {
   void Received(const error_code& error, std::size_t size);
   std::optional<std::string> TakeFrame();
 
-  // The system writes and reads these until the context has ended.
+  // What is under way writes to `piece_` and reads `leaving_` until the context has ended. So both
+  // stand before the context, and are destroyed after it.
   std::unique_ptr<char[]> piece_ = std::make_unique_for_overwrite<char[]>(kPiece);
   std::string leaving_;  // being sent
 

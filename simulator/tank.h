@@ -52,7 +52,7 @@ struct Amounts {
 struct Step {
   double days = 0;
   Exchange rates;    ///< that held over it
-  Amounts produced;  ///< surface rates, or kmol/d, that they took out; injection not counted
+  Amounts produced;  ///< per day, at the surface; injection not counted
 };
 
 /// The reservoir as one tank: what is in it, and the one pressure at which it all fits.
@@ -88,7 +88,8 @@ class Tank {
  protected:
   explicit Tank(const Deck& deck);
 
-  /// Surface rates (sm3/d) or kmol/d that an exchange takes out, injection not counted.
+  /// What an exchange takes out per day: sm3/d at the surface and, in compositional runs, kmol/d of
+  /// each component. Injection is not counted.
   virtual Amounts produced(const Exchange& exchange) const = 0;
 
   /// m3/d of oil and gas in the reservoir by which an exchange empties it. Gas that dissolves is

@@ -31,7 +31,8 @@ Json TimeOrNull(const std::optional<double>& time) {
   return time ? Json(TimeText(*time)) : Json(nullptr);
 }
 
-// An age in seconds, to a tenth. Times are from two clocks, so it may come out below 0 by a hair.
+// An age in seconds, to a tenth. The two times are from two clocks: where the age comes out below 0
+// by a hair, it is 0.
 Json AgeOrNull(const std::optional<double>& time, double now) {
   return time ? Json(std::max(0.0, std::round((now - *time) * 10) / 10)) : Json(nullptr);
 }
