@@ -1,6 +1,5 @@
 #include "gate/link_table.h"
 
-#include <algorithm>
 #include <utility>
 
 namespace gate {
@@ -64,14 +63,6 @@ std::vector<LinkId> LinkTable::Overdue(Time now) const {
     if (link.broken_since && now - *link.broken_since >= options_.hold) overdue.push_back(id);
   }
   return overdue;
-}
-
-Time LinkTable::NextOverdue() const {
-  Time next = Time::max();
-  for (const auto& [id, link] : links_) {
-    if (link.broken_since) next = std::min(next, *link.broken_since + options_.hold);
-  }
-  return next;
 }
 
 std::size_t LinkTable::CountOf(const Identity& who) const {

@@ -59,9 +59,6 @@ class LinkTable {
   /// and calls Ended().
   std::vector<LinkId> Overdue(Time now) const;
 
-  /// When Overdue() will next have something; Time::max() for never.
-  Time NextOverdue() const;
-
   struct Link {
     Identity who;
     std::uint64_t epoch = 0;  ///< the last one that was accepted

@@ -76,14 +76,12 @@ TlsSocket::Result TlsSocket::Outcome(int result, const char* what) {
   if (kind == SSL_ERROR_WANT_READ) return Result::kWantRead;
   if (kind == SSL_ERROR_WANT_WRITE) return Result::kWantWrite;
   const long verified = SSL_get_verify_result(tls_);
-  refused_ = kind == SSL_ERROR_SSL;
   const std::string errors = TakeTlsErrors();
   if (kind == SSL_ERROR_SSL && verified != X509_V_OK) {
     error_ = CertificateSentence(verified);
   } else if (kind == SSL_ERROR_SSL && !errors.empty() && errors != "unexpected eof while reading") {
     error_ = errors;
   } else {
-    refused_ = false;
     error_ = std::string("The connection has ended ") + what;
   }
   return Result::kBroken;

@@ -65,9 +65,6 @@ class TlsSocket {
   /// Why it is broken: a sentence. "The connection has ended" where the peer has just gone.
   std::string error() const { return error_; }
 
-  /// Whether it was the peer's certificate that was refused, here or there.
-  bool refused() const { return refused_; }
-
   /// The peer's certificate and what it was verified with; null before the handshake is done. They
   /// live as long as this object.
   X509* certificate() const;
@@ -90,7 +87,6 @@ class TlsSocket {
   std::uint64_t records_ = 0;  // with the present key
   int key_updates_ = 0;        // of the peer, in the present call
   std::string error_;
-  bool refused_ = false;
 };
 
 /// SHA-256 of a certificate, in hexadecimal digits: what tells it from all others.
