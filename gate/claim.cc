@@ -5,13 +5,12 @@
 #include <cstdio>
 
 #include "base/number.h"
+#include "net/master_link.h"
 
 namespace gate {
 namespace {
 
 constexpr int kLengthBytes = 4;
-constexpr std::int32_t kLongestLine =
-    32767;  // the daemon drops what is longer, and reads on for ever
 constexpr std::size_t kLongestUser = 256;
 constexpr std::size_t kMostNames = 4;
 
@@ -37,7 +36,7 @@ void Claim::TakeLength(char byte) {
   length_ |= static_cast<std::uint32_t>(static_cast<unsigned char>(byte)) << (8 * length_bytes_);
   if (++length_bytes_ < kLengthBytes) return;
   const auto length = static_cast<std::int32_t>(length_);
-  if (length > kLongestLine) state_ = State::kTooLong;
+  if (length > master_link::kMaxLine) state_ = State::kTooLong;
   missing_ = static_cast<std::size_t>(std::max(length, 0));
 }
 

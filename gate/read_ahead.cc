@@ -5,21 +5,19 @@
 #include <string>
 
 #include "gate/opening.h"
+#include "net/master_link.h"
 
 namespace gate {
 
 namespace {
 
-// The numbers of the master's link that matter here; net/master_link.h has them all. The gates are
-// built without the daemon's folders, for Windows too.
-constexpr std::uint32_t kGetWellData = 10;
-constexpr std::uint32_t kGetWellIPRData = 16;
-constexpr std::uint32_t kLastCode = 20;
-constexpr std::uint32_t kWellDataRecord = 4096;
-constexpr std::uint32_t kWellIPRRecord = 4097;
-constexpr std::uint32_t kShutdown = 65520;
-constexpr std::int32_t kLongestRequest = 65536;
-constexpr std::int32_t kLongestText = 32767;
+using master_link::kGetWellData;
+using master_link::kGetWellIPRData;
+using master_link::kMaxFrame;
+using master_link::kWellDataRecord;
+using master_link::kWellIPRRecord;
+
+constexpr std::uint32_t kLastCode = master_link::kGetStartDate;
 constexpr int kMastersTexts = 8;
 constexpr int kDaemonsTexts = 2;
 
@@ -54,9 +52,10 @@ std::string_view Requests(std::uint32_t code) {
 // About the bytes of a record. `components` is what the request says, whatever that is.
 std::uint64_t SizeOfRecord(std::uint32_t code, std::int32_t components) {
   if (code == kGetWellData) return 96;
-  constexpr std::uint64_t kSeries = 8 * (4 + std::uint64_t{10} * 8);
+  constexpr std::uint64_t kPoints = master_link::kTablePoints;
+  constexpr std::uint64_t kSeries = 8 * (4 + kPoints * 8);
   if (components <= 0) return 12 + kSeries;
-  return 12 + kSeries + 10 * (4 + 8 * static_cast<std::uint64_t>(components));
+  return 12 + kSeries + kPoints * (4 + 8 * static_cast<std::uint64_t>(components));
 }
 
 }  // namespace
@@ -113,13 +112,13 @@ ReadAhead::Verdict ReadAhead::FromMaster(std::string_view bytes, bool last) {
 void ReadAhead::WholeFromMaster() {
   const std::int32_t length = from_master_.length();
   if (stage_ == Stage::kHandshake) {
-    if (length > kLongestText) SwitchOff();
+    if (length > master_link::kMaxLine) SwitchOff();
     if (++texts_from_master_ == kMastersTexts) stage_ = Stage::kRequests;
     return;
   }
   const std::uint32_t code = from_master_.code();
-  if (length <= 0 || length > kLongestRequest) return SwitchOff();
-  if (code >= 1 && (code <= kLastCode || code == kShutdown)) ++replies_due_;
+  if (length <= 0 || length > kMaxFrame) return SwitchOff();
+  if (code >= 1 && (code <= kLastCode || code == master_link::kShutdown)) ++replies_due_;
   if (length < 8 || (code != kGetWellData && code != kGetWellIPRData)) return;
   if (last_exchange_) return;
   code_ = code;
@@ -153,7 +152,7 @@ ReadAhead::Verdict ReadAhead::Exchange(std::string_view bytes, bool last) {
 ReadAhead::Look ReadAhead::LookAt(std::string_view bytes) const {
   if (bytes.size() < kLengthSize) return Look::kTooShort;
   const auto length = NumberFrom<std::int32_t>(bytes.data());
-  if (length <= 0 || length > kLongestRequest) return Look::kElse;
+  if (length <= 0 || length > kMaxFrame) return Look::kElse;
   const auto deciding = static_cast<std::size_t>(std::min(length, 4));
   if (bytes.size() < kLengthSize + deciding) return Look::kTooShort;
   std::array<char, 4> code{};

@@ -39,6 +39,9 @@ enum Code : std::uint32_t {
 /// Replies may be longer.
 constexpr int kMaxFrame = 65536;
 
+/// Bytes of the longest line of the handshake. A longer one never completes.
+constexpr int kMaxLine = 32767;
+
 /// Bytes of the acknowledgement, a 32-bit 0, that ends every reply.
 constexpr int kAckSize = 4;
 

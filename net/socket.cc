@@ -16,7 +16,6 @@
 #include <array>
 #include <bit>
 #include <cstdint>
-#include <limits>
 #include <memory>
 #include <new>
 
@@ -26,9 +25,6 @@ namespace {
 
 constexpr std::size_t kLengthBytes = 4;
 constexpr std::size_t kBlockBytes = 4096;
-
-// The longest line of the handshake.
-constexpr int kMaxLine = std::numeric_limits<std::int16_t>::max();
 
 // Sends `size` bytes, blocking, and returns what send() does. A child that ends meanwhile must not
 // interrupt that: send() would report the part that has left, and short sends are not retried. So
@@ -201,7 +197,7 @@ std::string Socket::ReceiveLine(int& length) {
   }
   // A line that is too long never completes. Its bytes are dropped as they come, a block at a time,
   // so that a stranger's line costs no memory.
-  const bool endless = length > kMaxLine;
+  const bool endless = length > master_link::kMaxLine;
   std::array<char, kBlockBytes> block{};
   auto missing = static_cast<std::size_t>(std::max(length, 0));
   while (missing > 0) {
