@@ -66,6 +66,10 @@ std::string LineFrame(std::string_view text) {
   return frame.append(text);
 }
 
+std::string RefusalFrames(std::string_view text) {
+  return LineFrame(kDaemonVersion) + LineFrame(text);
+}
+
 std::string Printable(std::string_view text) {
   std::string printable;
   for (const char c : text) {

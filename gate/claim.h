@@ -67,8 +67,15 @@ class Claim {
   std::string user_;
 };
 
-/// A line of the handshake as it travels: a text that does not begin with "OK|" refuses the master.
+/// The daemon's first line of the handshake.
+constexpr std::string_view kDaemonVersion = "3";
+
+/// A line of the handshake as it travels: its length, then the text.
 std::string LineFrame(std::string_view text);
+
+/// What the daemon says to a master that it refuses: its version, then `text`, which must not begin
+/// with "OK|".
+std::string RefusalFrames(std::string_view text);
 
 /// `text` with everything but printable ASCII as \xNN.
 std::string Printable(std::string_view text);

@@ -24,7 +24,7 @@ double Random() {
 void TellMaster(Tcp::socket master, const std::string& text, FewClosings& closings) {
   Prepare(master);
   error_code gone;
-  master.write_some(boost::asio::buffer(LineFrame("3") + LineFrame(text)), gone);
+  master.write_some(boost::asio::buffer(RefusalFrames(text)), gone);
   closings.CloseGently(std::move(master));
 }
 

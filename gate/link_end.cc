@@ -18,9 +18,9 @@ using Result = TlsSocket::Result;
 // What a TLS record holds.
 constexpr std::size_t kRecord = 16384;
 
-// What is read at once from the local side fills so many records to the last byte: a frame of data
-// has 13 bytes more. One byte beyond that would cost a record and a system call of its own.
-constexpr std::size_t kPiece = 4 * (kRecord - 13);
+// What is read at once from the local side: as DATA frames it fills four records to the last byte.
+// One byte more would cost a record and a system call of its own.
+constexpr std::size_t kPiece = 4 * (kRecord - Stream::kDataHead);
 
 // One link takes its turn for so many records, then the others have theirs.
 constexpr int kTurn = 16;
@@ -212,7 +212,7 @@ void LinkEnd::RefuseMaster(const std::string& text) {
   if (local_ends_) return;  // the daemon itself has ended the connection
   // The daemon's greeting, 5 bytes, is whole or has not come. A master that has sent its request
   // has seen it, unless it does not wait for it.
-  if (stream_->given() == 0) stream_->FromLocal(LineFrame("3"));
+  if (stream_->given() == 0) stream_->FromLocal(LineFrame(kDaemonVersion));
   stream_->FromLocal(LineFrame(text));
   stream_->LocalEnded();
   local_ends_ = true;
@@ -295,8 +295,7 @@ void LinkEnd::Finish() {
   if (local_open_) {
     const std::string text = events.farewell && !local_told_ ? events.farewell() : "";
     error_code gone;
-    if (!text.empty())
-      local_.write_some(boost::asio::buffer(LineFrame("3") + LineFrame(text)), gone);
+    if (!text.empty()) local_.write_some(boost::asio::buffer(RefusalFrames(text)), gone);
     CloseGently(std::move(local_));
   }
   local_open_ = false;

@@ -22,7 +22,6 @@ enum Frame : unsigned char {
   kPlain = 8,  // nothing: no exchange after the present one is read ahead
 };
 
-constexpr std::size_t kDataHead = 1 + 4 + 8;
 constexpr std::size_t kPlaceHead = 1 + 8;
 constexpr std::uint32_t kLongestData = 65536;
 
@@ -34,7 +33,7 @@ constexpr Time kTellAfter = std::chrono::seconds(1);
 std::size_t HeadOf(char kind) {
   switch (static_cast<unsigned char>(kind)) {
     case kData:
-      return kDataHead;
+      return Stream::kDataHead;
     case kAck:
     case kEnd:
     case kGone:

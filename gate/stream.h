@@ -29,6 +29,9 @@ namespace gate {
 /// RoomForLocal(), sets its timer to WakeAt(), and looks at state().
 class Stream {
  public:
+  /// Bytes of a DATA frame in front of its data: kind, length and place.
+  static constexpr std::size_t kDataHead = 1 + 4 + 8;
+
   struct Options {
     /// Bytes kept in each direction. A constant of the protocol: both ends must have the same.
     std::size_t window = 4 << 20;
