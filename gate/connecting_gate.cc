@@ -4,6 +4,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include <boost/asio/buffer.hpp>
 #include <boost/asio/connect.hpp>
 #include <nlohmann/json.hpp>
 

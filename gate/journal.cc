@@ -9,6 +9,7 @@
 #endif
 
 #include <array>
+#include <cerrno>
 #include <cstdio>
 #include <ctime>
 #include <filesystem>

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
+#include <string_view>
 #include <utility>
 
 #include <boost/asio/buffer.hpp>
@@ -364,8 +366,9 @@ void LinkEnd::AwaitTime() {
   timer_.async_wait([self = shared_from_this()](error_code error) {
     if (error || self->finished_) return;
     self->timer_at_ = Time::max();
-    if (!self->stream_->OnTime(Now()))
+    if (!self->stream_->OnTime(Now())) {
       self->LoseWire("The other gate has been silent for too long");
+    }
     self->Advance();
   });
 }

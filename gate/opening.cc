@@ -1,7 +1,6 @@
 #include "gate/opening.h"
 
 #include <algorithm>
-#include <iterator>
 
 namespace gate {
 
@@ -120,7 +119,7 @@ std::variant<Answer, Reason> ReadAnswer(std::string_view bytes) {
   answer.ahead = (flags & kAhead) != 0;
   answer.plain = (flags & kPlain) != 0;
   answer.id = IdFrom(bytes.data() + 16);
-  answer.received = NumberFrom<std::uint64_t>(bytes.data() + 24 + 8);
+  answer.received = NumberFrom<std::uint64_t>(bytes.data() + 32);
   return answer;
 }
 

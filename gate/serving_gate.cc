@@ -5,11 +5,13 @@
 
 #include <algorithm>
 #include <array>
+#include <optional>
+#include <span>
 #include <stdexcept>
 #include <utility>
 #include <variant>
+#include <vector>
 
-#include <boost/asio/connect.hpp>
 #include <nlohmann/json.hpp>
 
 #include "gate/clock.h"

@@ -7,7 +7,6 @@
 #include <array>
 #include <chrono>
 #include <stdexcept>
-#include <utility>
 
 #include <boost/asio/buffer.hpp>
 #include <boost/asio/steady_timer.hpp>

@@ -239,8 +239,9 @@ void TlsContext::LoadRevocations(const std::vector<std::string>& files) {
     });
     if (found == 0) Fail(file, "holds no list of revoked certificates");
   }
-  if (!files.empty())
+  if (!files.empty()) {
     X509_STORE_set_flags(store, X509_V_FLAG_CRL_CHECK | X509_V_FLAG_CRL_CHECK_ALL);
+  }
 }
 
 std::string TlsContext::WhyRefused(X509* certificate, STACK_OF(X509) * chain) const {

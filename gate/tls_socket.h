@@ -77,12 +77,11 @@ class TlsSocket {
 
  private:
   Result Outcome(int result, const char* what);
-
-  std::shared_ptr<const TlsContext> context_;
-  SSL* tls_;
   static void CountKeyUpdates(int written, int version, int type, const void* bytes,
                               std::size_t size, SSL* tls, void* self);
 
+  std::shared_ptr<const TlsContext> context_;
+  SSL* tls_;
   std::uint64_t records_per_key_;
   std::uint64_t records_ = 0;  // with the present key
   int key_updates_ = 0;        // of the peer, in the present call

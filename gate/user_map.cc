@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <fstream>
 #include <stdexcept>
+#include <utility>
 
 namespace gate {
 namespace {
@@ -95,8 +96,9 @@ UserMap UserMap::Load(const std::string& file) {
 
 bool UserMap::Matches(const Entry& entry, const CertificateName& name, std::string_view user) {
   if (entry.name.kind != name.kind) return false;
-  if (entry.name.text[0] != '*')
+  if (entry.name.text[0] != '*') {
     return SameName(entry.name.text, name.text) && SameName(entry.user, user);
+  }
   const auto person = InPlaceOfStar(entry.name.text, name.text);
   if (!person) return false;
   std::string meant = entry.user;
