@@ -14,8 +14,8 @@
 /// where it was.
 class getbuf {
  public:
-  /// Reads from `data`, which stays the caller's and has `size` bytes to the end of its buffer:
-  /// those of a whole receive buffer, unless something else is said.
+  /// Reads from `data`, which stays the caller's. `size`: bytes from there to the end of the
+  /// buffer, by default those of a whole receive buffer.
   explicit getbuf(const unsigned char* data, std::int64_t size = master_link::kMaxFrame);
 
   /// One byte, 0 or not.

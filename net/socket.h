@@ -5,8 +5,8 @@
 
 // This folder is the link to the master: blocking sockets that carry frames (this header and its
 // two kinds, socket_server and socket_client), and the values packed in a frame's body (sendbuf,
-// getbuf). Sockets know nothing of values, and buffers no more of sockets than what a reply leaves
-// by, so the bytes of either can be tried without the other.
+// getbuf). Sockets know nothing of values, and buffers nothing of sockets but that sendbuf sends
+// its reply by one, so the bytes of either can be tried without the other.
 
 /// A blocking IPv4 TCP stream socket whose messages are frames:
 ///
@@ -51,16 +51,16 @@ class Socket {
   ///
   /// Returns 0 with the size of the body in `length`; -1 when the length field was 0 or negative,
   /// or the peer had closed before a frame began; 1, with `length` 0, on a receive error or when
-  /// the frame is larger than that. A peer that only stops sending in mid-frame is waited
-  /// for until the connection breaks or the peer has closed for good, which is such an error.
+  /// the body is longer than kMaxFrame. A peer that only stops sending in mid-frame is waited for
+  /// until the connection breaks or the peer has closed for good, which is a receive error.
   int ReceiveLine(char* buffer, int capacity, int& length);
 
-  /// Receives one frame of the handshake, at most 32,767 bytes. Blocks until it is whole.
+  /// Receives one frame of the handshake, at most kMaxLine bytes. Blocks until it is whole.
   ///
   /// Returns the body with its size in `length`. Empty with `length` 0 when the peer closed or the
   /// receive failed; empty with the received `length` when that is 0 or negative. On a
-  /// non-blocking descriptor, what had arrived before the first wait. A frame of 32,768 bytes or
-  /// more never completes: it is read and dropped until the peer goes.
+  /// non-blocking descriptor, what had arrived before the first wait. A longer frame never
+  /// completes: it is read and dropped until the peer goes.
   std::string ReceiveLine(int& length);
 
   /// Sends `text` as one frame in one piece, not retried when it leaves short. Returns the bytes
@@ -79,8 +79,8 @@ class Socket {
   /// What has arrived and was not yet read, without a frame; empty when there is nothing.
   std::string ReceiveBytes();
 
-  /// Writes the first IPv4 address of `host_name` in dotted form, at least 16 bytes. Returns 0, or
-  /// 1 with an empty `address` when the name is unknown. Blocks for the look-up.
+  /// Writes the first IPv4 address of `host_name` in dotted form to the 16 bytes of `address`.
+  /// Returns 0, or 1 with an empty `address` when the name is unknown. Blocks for the look-up.
   static int GetIPAddr(const char* host_name, char* address);
 
   /// The same for this machine's own name.
@@ -90,6 +90,6 @@ class Socket {
   int handle_;                ///< -1 after Close()
   std::int32_t* references_;  ///< shared by all copies
 
-  /// Sockets that are alive, and brackets of use. Nothing but diagnostics reads it.
+  /// Sockets that are alive, and calls of Start(). For diagnostics alone.
   static std::int32_t nofSockets_;
 };

@@ -7,8 +7,8 @@
 class SocketServer : public Socket {
  public:
   /// Listens on `port` with room for `backlog` pending connections. Throws a `char*` to a static
-  /// text, valid until the next failure, when the port cannot be had. The
-  /// descriptor that the base class has made stays open, unused, for the life of the process.
+  /// text, valid until the next failure, when the port cannot be had. The descriptor that the base
+  /// class has made stays open, unused, for the life of the process.
   SocketServer(int port, int backlog);
 
   /// 0 when `port` can be bound, -2 when it cannot, -1 when there is no socket to try it with.

@@ -14,8 +14,8 @@
 
 #include <toml++/toml.h>
 
-// TOML files read key by key. Decks, plans and the tests' cases are such files; each says in its
-// own words what it wants at a key, and this folder says where in the file that was not found.
+// TOML files read key by key. Decks, plans and the tests' cases are such files. Their readers say
+// in their own words what is wrong at a key, and this folder names the file and the line.
 namespace sections {
 
 struct Place {
@@ -57,7 +57,7 @@ class Value {
   /// True for a time of day, with a date or without.
   bool HasTime() const { return node_->is_date_time() || node_->is_time(); }
 
-  /// Fail with `complaint` when the value is of another type.
+  /// Throw Error with `complaint` when the value is of another type.
   std::vector<Value> List(const std::string& complaint) const;
   Section Table(const std::string& complaint) const;
 
@@ -70,7 +70,8 @@ class Value {
 /// refused instead of silently leaving something out.
 class Section {
  public:
-  /// The top of a file called `file`. Both throw Error where the text is no TOML.
+  /// The top of a file called `file`. Both throw Error where the text is no TOML, ReadFile() also
+  /// when the file cannot be opened.
   static Section Parse(std::string_view text, const std::string& file);
   static Section ReadFile(const std::string& file);
 
@@ -81,7 +82,7 @@ class Section {
 
   std::optional<Value> Find(std::string_view key);
 
-  /// The place of the value, or of the section when it has no such key.
+  /// The place of the value, or of the section when there is no such key.
   Place PlaceOf(std::string_view key) const;
 
   /// All keys with their places, topmost first.
