@@ -11,7 +11,8 @@ void Backoff::Attached(Time now) {
 }
 
 std::optional<Time> Backoff::Pause(Time now, double random) {
-  // A connection that breaks as soon as it is up, again and again, is no reason to come faster.
+  // The pauses begin anew after a connection that has lasted. One that breaks as soon as it is up,
+  // again and again, does not make this gate come faster.
   if (next_ == Time::zero() || (attached_ && now - attached_at_ > next_)) next_ = options_.first;
   attached_ = false;
   if (!broken_at_) broken_at_ = now;

@@ -21,7 +21,7 @@ class Backoff {
 
   explicit Backoff(const Options& options) : options_(options) {}
 
-  /// A connection is up and its opening was answered.
+  /// The serving gate has accepted the opening of a new connection.
   void Attached(Time now);
 
   /// The connection has broken, or an attempt has failed, at `now`. Returns how long to wait before
@@ -32,7 +32,7 @@ class Backoff {
  private:
   const Options options_;
   Time next_{};         ///< the middle of the next pause; 0: the first
-  Time attached_at_{};  ///< of the last connection that was answered
+  Time attached_at_{};  ///< when Attached() was called last
   bool attached_ = false;
   std::optional<Time> broken_at_;
 };

@@ -63,7 +63,7 @@ void Add(NameKind kind, std::string_view text, CertificateNames& found) {
   }
 }
 
-// The bytes themselves: neither is ended by a zero byte.
+// All bytes, not those up to a zero byte: a name cut there could be somebody else's.
 std::string_view BytesOf(const ASN1_STRING* string) {
   return {reinterpret_cast<const char*>(ASN1_STRING_get0_data(string)),
           static_cast<std::size_t>(ASN1_STRING_length(string))};
@@ -130,7 +130,8 @@ CertificateNames NamesOf(const X509& certificate, bool common_name) {
       static_cast<GENERAL_NAMES*>(
           X509_get_ext_d2i(&certificate, NID_subject_alt_name, &critical, nullptr)),
       GENERAL_NAMES_free);
-  // -1: there is none. Everything else without a result is broken, or there twice.
+  // -1 says that there is no such extension. Otherwise no result means that it is broken, or there
+  // twice.
   if (names == nullptr && critical != -1) ++found.unreadable;
   for (int i = 0; names != nullptr && i < sk_GENERAL_NAME_num(names.get()); ++i) {
     AddAlternativeName(sk_GENERAL_NAME_value(names.get(), i), found);

@@ -30,7 +30,7 @@ std::string Text(const CertificateName& name);
 /// What a certificate says about its owner.
 struct CertificateNames {
   std::vector<CertificateName> names;
-  int unreadable = 0;  ///< names that were left out because of what they hold
+  int unreadable = 0;  ///< names that were left out, and extensions that were no good
 };
 
 /// The user principal names and e-mail addresses among the subject's alternative names, and with

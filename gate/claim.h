@@ -10,12 +10,12 @@
 namespace gate {
 
 /// Reads along in the master's half of the handshake, in whatever pieces it comes, until it knows
-/// which Windows user the master claims to be. It keeps no bytes but that name: the caller keeps
-/// the rest from the daemon until the claim has been judged.
+/// which Windows user the master claims to be. It keeps only the version and that name: the caller
+/// keeps all bytes from the daemon until the claim has been judged.
 ///
-/// Nothing of a handshake may reach the daemon before. To the daemon a line that a broken link has
-/// lost is an empty one: a version alone and then the end of the connection makes it start the
-/// script for the user "", which its file may map to somebody.
+/// Nothing of a handshake may reach the daemon before that. The daemon takes the lines that are
+/// missing when a connection ends for empty ones: after a version alone it would start the script
+/// for the user "", whom its file may map to somebody.
 ///
 /// The lines are cut as the daemon cuts them (Socket::ReceiveLine), so both take the same line for
 /// the user's. What follows that line cannot be another claim: the daemon reads one.
@@ -24,12 +24,11 @@ class Claim {
   enum class State {
     kOpen,        ///< more bytes are needed
     kClaimed,     ///< user() is claimed
-    kNotAMaster,  ///< its version is 0 or no number: the daemon closes the connection once it has
-                  ///< it
+    kNotAMaster,  ///< the version is 0 or no number, at which the daemon closes the connection
     kTooLong,     ///< a line that the daemon would never take, or more bytes than may wait
   };
 
-  /// `limit`: bytes up to the end of the user's line.
+  /// `limit`: how many bytes there may be up to the end of the user's line.
   explicit Claim(std::size_t limit) : limit_(limit) {}
 
   /// Takes the master's next bytes. Whatever comes once the state is another than kOpen is not
@@ -41,8 +40,8 @@ class Claim {
   /// Cut behind the 256th byte: a longer name is nobody's.
   const std::string& user() const { return user_; }
 
-  /// Of kNotAMaster: how many bytes the version's line has with its length, all that the daemon may
-  /// get.
+  /// In the state kNotAMaster: the bytes of the version's line, its length included, which are all
+  /// that the daemon may get.
   std::size_t version_bytes() const { return version_bytes_; }
 
   /// How many bytes were looked at.
@@ -58,9 +57,9 @@ class Claim {
   std::size_t limit_;
   State state_ = State::kOpen;
   int line_ = 0;
-  int length_bytes_ = 0;  // of the length field that have come
+  int length_bytes_ = 0;  // how many of the length field have come
   std::uint32_t length_ = 0;
-  std::size_t missing_ = 0;  // of the line's text
+  std::size_t missing_ = 0;  // bytes of the line's text that have not come
   std::size_t seen_ = 0;
   std::size_t version_bytes_ = 0;
   std::string version_;

@@ -21,7 +21,7 @@ double Random() {
   return std::uniform_real_distribution<double>(0, 1)(engine);
 }
 
-// What a master is told that cannot be served at all.
+// Tells a master that is not served why, and closes its connection.
 void TellMaster(Tcp::socket master, const std::string& text, FewClosings& closings) {
   Prepare(master);
   error_code gone;
@@ -41,11 +41,10 @@ struct ConnectingGate::Session {
   Tcp::resolver resolver;
   boost::asio::steady_timer timer;  // bounds an attempt, and is the pause before the next
   Backoff backoff;
-  // Of the attempt: the socket while it connects, which the operation itself keeps, and the wire
-  // then.
+  // What an attempt has: a socket while it connects, kept alive by that operation, then a wire.
   std::weak_ptr<Tcp::socket> connecting;
   std::unique_ptr<Wire> wire;
-  std::uint64_t attempt = 0;  // what an older one still finishes is of no interest
+  std::uint64_t attempt = 0;  // callbacks of an older one do nothing
   bool attached_once = false;
   std::string why;  // the last failure
   Time since{};
@@ -227,7 +226,7 @@ void ConnectingGate::Shake(const std::shared_ptr<Session>& session) {
   session->end->Take(std::move(session->wire));
 }
 
-// Gives the attempt up, if there is one.
+// Gives up the attempt, if one is going on.
 void ConnectingGate::Abandon(Session& session) {
   ++session.attempt;
   error_code ignored;

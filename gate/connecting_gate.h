@@ -28,14 +28,13 @@ class ConnectingGate {
   struct Options {
     HostAndPort listen;  ///< a loopback address
     HostAndPort to;      ///< the serving gate
-    std::string
-        server;  ///< the name in its certificate, when that is another than the host of `to`
+    std::string server;  ///< the name in that one's certificate; empty: the host of `to`
     TlsFiles tls;
     Time connect = std::chrono::seconds(10);  ///< for one attempt, with TLS
     std::size_t most = 100;                   ///< masters at once
     Stream::Options stream;
     Backoff::Options backoff;
-    /// Whether a connection is of this user (own_user.h).
+    /// Says why a connection is not of this user, or nothing (own_user.h).
     std::function<std::string(const LoopbackConnection&)> why_not_own = WhyNotOwnUser;
   };
 
@@ -45,9 +44,8 @@ class ConnectingGate {
 
   std::uint16_t port() const;
 
-  /// Reads certificate, key, authorities and revocation lists again, for connections to come. Not
-  /// needed where files have changed: each new connection looks. What cannot be read leaves all as
-  /// it was.
+  /// Reads certificate, key, authorities and revocation lists again, for connections to come, each
+  /// of which does so, too, when a file has changed. What cannot be read leaves all as it was.
   void Reload();
 
   /// Takes no more masters. When the last link has ended the io_context has nothing more to do.

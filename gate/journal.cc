@@ -26,6 +26,8 @@ namespace {
 
 // A name in a certificate is short, and so is a claim that could be one.
 constexpr std::size_t kLongestText = 300;
+
+// A line that is longer all the same is written with shorter texts, and fewer of them in a list.
 constexpr std::size_t kLongestLine = 4000;
 constexpr std::size_t kShortText = 30;
 constexpr std::size_t kShortList = 20;

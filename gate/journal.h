@@ -17,14 +17,14 @@ using Json = nlohmann::ordered_json;
 /// and the next one that leaves says how many.
 class Journal {
  public:
-  /// To standard output.
+  /// Writes to standard output.
   Journal() = default;
 
-  /// Nothing is written.
+  /// Writes nothing.
   enum Nowhere { kNowhere };
   explicit Journal(Nowhere /*nowhere*/) : descriptor_(-1) {}
 
-  /// To the end of `file`. Throws std::runtime_error when it cannot be opened.
+  /// Writes to the end of `file`. Throws std::runtime_error when it cannot be opened.
   explicit Journal(std::string file);
   Journal(const Journal&) = delete;
   Journal& operator=(const Journal&) = delete;
@@ -33,8 +33,8 @@ class Journal {
   /// Writes {"time":...,"event":`event`, ...`fields`}.
   void Write(const char* event, const Json& fields);
 
-  /// Goes on in a file of the same name: a rotation has moved the other one away. Keeps the old one
-  /// when that fails.
+  /// Goes on in a new file of the same name, since a rotation has moved the present one away. Stays
+  /// with the present one when the new one cannot be opened.
   void Reopen();
 
  private:
@@ -45,11 +45,11 @@ class Journal {
   std::uint64_t left_out_ = 0;
 };
 
-/// Replaces `file` as a whole by `text`, through FILE.new. A link that somebody has put there is
-/// removed and not followed. False when that fails.
+/// Replaces the content of `file` by `text` at once, through FILE.new: a link that somebody has put
+/// there is removed, not followed. False when the file could not be replaced.
 bool ReplaceWhole(const std::string& file, const std::string& text);
 
-/// A document of such a kind as text.
+/// The document on one line, all ASCII; bytes that are no UTF-8 are replaced.
 std::string TextOf(const Json& document);
 
 /// "2026-11-22T14:10:05.123Z" for milliseconds since 1970.

@@ -251,8 +251,8 @@ void LinkEnd::EndLocal() {
   stream_->LocalTookEnd();
 }
 
-// The peer at the local side says no more. It may have closed for good, which looks the same:
-// probes tell, as they do for the daemon. One that has gone answers them with a reset.
+// The local peer sends no more, and may have closed for good, which looks the same. Keep-alive
+// probes tell, as the daemon's do: a peer that has gone answers them with a reset.
 void LinkEnd::AwaitHangUp() {
   error_code ignored;
   local_.set_option(Tcp::socket::keep_alive(true), ignored);
@@ -307,7 +307,7 @@ void LinkEnd::Finish() {
 void LinkEnd::Await() {
   const bool reads_local = local_open_ && !local_ends_ && stream_->RoomForLocal() > 0;
   if ((reads_local && local_readable_) || (wire_ != nullptr && wire_readable_)) {
-    // It has had its turn. Once is enough, however much there is to do.
+    // This link has had its turn, and gets the next one when the others have had theirs.
     if (!std::exchange(has_turn_, true)) {
       boost::asio::post(local_.get_executor(), [self = shared_from_this()] {
         self->has_turn_ = false;
@@ -331,7 +331,7 @@ void LinkEnd::AwaitLocal(Tcp::socket::wait_type what, bool& awaited, bool& ready
   local_.async_wait(what, [self = shared_from_this(), &awaited, &ready](error_code error) {
     awaited = false;
     if (error == boost::asio::error::operation_aborted || !self->local_open_) return;
-    // A socket that cannot be waited for would be waited for in vain.
+    // Waiting once more for such a socket would fail as well.
     if (error) self->CloseLocal();
     ready = true;
     self->Advance();
@@ -348,7 +348,7 @@ void LinkEnd::AwaitWire(Tcp::socket::wait_type what, bool& awaited) {
         if (error) {
           self->LoseWire(error.message());
         } else {
-          // Reading may wait for room, and writing for something to read.
+          // TLS may have to write before it can read, and to read before it can write.
           self->wire_readable_ = true;
           self->wire_writable_ = true;
         }

@@ -16,14 +16,14 @@ namespace gate {
 
 /// One gate's end of one link: moves bytes between its local socket (the master's or the daemon's),
 /// its stream, and the connection to the other gate, as long as there is one. All in the thread of
-/// the io_context. Between bytes it holds no buffer.
+/// the io_context. While nothing moves it holds no buffer.
 ///
-/// It keeps itself while something is awaited, and ends when the link has: `ended` is called once,
-/// last.
+/// The object keeps itself alive while it awaits something. When the link has ended it calls
+/// `ended`, once and after all other events.
 class LinkEnd : public std::enable_shared_from_this<LinkEnd> {
  public:
   struct Events {
-    /// The connection to the other gate is gone, and the link goes on without it.
+    /// The connection to the other gate has gone, and the link goes on without one.
     std::function<void(const std::string& why)> broken;
     /// The other gate has answered on a connection (connecting gate).
     std::function<void()> attached;
@@ -50,15 +50,15 @@ class LinkEnd : public std::enable_shared_from_this<LinkEnd> {
   /// Begins to move bytes.
   void Start() { Advance(); }
 
-  /// Takes the connection on which the stream has just been attached: after Stream::Accept() or
-  /// Stream::Connect(). The one before it is closed.
+  /// Takes the connection for which Stream::Accept() or Stream::Connect() has just been called, and
+  /// closes the one before.
   void Take(std::unique_ptr<Wire> wire);
 
   /// Ends the link at once, and tells the other gate if there is a connection.
   void End(Reason reason);
 
-  /// Refuses the master in its own protocol, in place of whatever the daemon says from now on. The
-  /// daemon's connection is closed. For a claim that has not been judged yet.
+  /// Serving gate, before anything of the master has reached the daemon: refuses the master in its
+  /// own protocol, and closes the connection to the daemon.
   void RefuseMaster(const std::string& text);
 
   Stream& stream() { return *stream_; }
@@ -67,7 +67,7 @@ class LinkEnd : public std::enable_shared_from_this<LinkEnd> {
   Tcp::endpoint local_endpoint() const;
 
  private:
-  // The four movements: each goes on until there is nothing to move or no room.
+  // The four movements: each goes on until there is nothing to move, no room, or its turn is over.
   void ReadLocal();
   void WriteLocal();
   void ReadWire();
@@ -94,15 +94,15 @@ class LinkEnd : public std::enable_shared_from_this<LinkEnd> {
   boost::asio::steady_timer timer_;
   Time timer_at_ = Time::max();
 
-  std::string unsent_;          // taken out of the stream, and not yet by the connection
-  std::string held_;            // of the master, for the daemon
+  std::string unsent_;          // what the stream has given and the connection not yet taken
+  std::string held_;            // what the master has sent and the daemon not yet got
   std::optional<Claim> claim_;  // until it is judged
-  bool swallows_ = false;       // what comes from the master goes nowhere
+  bool swallows_ = false;       // drops what comes from the master
 
-  bool local_ends_ = false;  // it gives no more
+  bool local_ends_ = false;  // nothing more comes from the local socket
   bool local_open_ = true;
-  bool local_shut_ = false;  // it gets no more
-  bool local_told_ = false;  // it has got something
+  bool local_shut_ = false;  // nothing more goes to the local socket
+  bool local_told_ = false;  // something has gone to the local socket
   bool local_readable_ = false;
   bool local_writable_ = true;
   bool wire_readable_ = false;
@@ -112,7 +112,7 @@ class LinkEnd : public std::enable_shared_from_this<LinkEnd> {
   bool awaits_wire_read_ = false;
   bool awaits_wire_write_ = false;
   bool advancing_ = false;
-  bool has_turn_ = false;  // Advance() will be called
+  bool has_turn_ = false;  // a posted call of Advance() is on its way
   bool finished_ = false;
 };
 

@@ -19,7 +19,7 @@ namespace gate {
 /// authority with the same names are the same person: a run of days may meet a renewed one.
 struct Identity {
   std::string authority;
-  std::vector<std::string> names;  ///< sorted by the caller, in the form in which it compares names
+  std::vector<std::string> names;  ///< folded and sorted by the caller, who knows how names compare
   auto operator<=>(const Identity&) const = default;
 };
 
@@ -32,28 +32,29 @@ class LinkTable {
     Time hold = std::chrono::hours(12);  ///< how long a broken link is kept; 0: not at all
     std::size_t most = 2000;             ///< links in all, broken ones included
     std::size_t most_of_one = 100;       ///< links of one identity
-    std::size_t remembered = 10000;      ///< links that have ended, to answer late comers
+    std::size_t remembered = 10000;      ///< links that have ended, to tell late comers why
   };
 
   /// `random` makes ids that nobody can guess.
   LinkTable(const Options& options, std::function<LinkId()> random);
 
-  /// A new link for `who`; Reason::kTooMany when it may have no more.
+  /// A new link for `who`; Reason::kTooMany when `who`, or all together, may have no more.
   std::variant<LinkId, Reason> Add(const Identity& who);
 
   /// Why `who` may not go on with the link `id` on a connection of this epoch; nothing when that is
   /// permitted. A link of somebody else is Reason::kUnknown, a link that has ended the reason for
-  /// which it has. A living connection of the link is no obstacle, and a refusal is none to it.
+  /// which it has. A connection that the link still has is no obstacle, and stays when this one is
+  /// refused.
   std::optional<Reason> Refuses(const LinkId& id, const Identity& who, std::uint64_t epoch) const;
 
-  /// Stream::Accept() has taken that connection: the link is not broken, and this epoch and all
-  /// before are refused from now on.
+  /// Stream::Accept() has taken a connection that Refuses() permits: the link is not broken, and
+  /// this epoch and all before are refused from now on.
   void Resumed(const LinkId& id, std::uint64_t epoch);
 
   /// The connection of a link has broken: it is held from now on, until Resumed().
   void Broken(const LinkId& id, Time now);
 
-  /// A link has ended, and why: that is what a late comer gets to hear.
+  /// A link has ended for `reason`, which a connection that still comes for it gets to hear.
   void Ended(const LinkId& id, Reason reason);
 
   /// The links that have been broken for too long. The caller ends each with Reason::kHeldTooLong
@@ -62,7 +63,7 @@ class LinkTable {
 
   struct Link {
     Identity who;
-    std::uint64_t epoch = 0;  ///< the last one that was accepted
+    std::uint64_t epoch = 0;  ///< of the last connection that was accepted
     std::uint64_t resumptions = 0;
     std::optional<Time> broken_since;  ///< nothing while it has a connection
   };

@@ -30,7 +30,7 @@ std::string Head() {
   return bytes;
 }
 
-// Magic and version are the same in every version, so that each can refuse all others.
+// Every version begins with the magic and its number, so that each can refuse all others.
 bool IsHead(std::string_view bytes, std::size_t size, Reason& reason) {
   reason = Reason::kBrokenRules;
   if (bytes.size() < size || bytes.substr(0, kMagic.size()) != kMagic) return false;

@@ -19,13 +19,13 @@ namespace gate {
 using Time = std::chrono::milliseconds;
 
 /// What a link is found by when it is resumed: random, made by the serving gate, never used twice.
-/// It is no secret that would do without the certificate.
+/// Who knows it still needs the certificate.
 struct LinkId {
   std::array<unsigned char, 16> bytes{};
   auto operator<=>(const LinkId&) const = default;
 };
 
-/// Why a link is not to be, or has ended. The numbers are those on the wire.
+/// Why a link was refused, or has ended. The numbers are those on the wire.
 enum class Reason : std::uint8_t {
   kFinished = 0,     ///< both directions have ended in order and all bytes have been taken
   kBrokenRules = 1,  ///< the other end has sent what these rules do not allow
@@ -65,9 +65,9 @@ struct Opening {
 
 std::string BytesOf(const Opening& opening);
 
-/// Reads the first Opening::kSize bytes of a connection; a Reason with which to refuse it when they
-/// are none, or of another version. kBrokenRules: the other end is no gate at all, and is best left
-/// without an answer.
+/// Reads the first Opening::kSize bytes of a connection; the Reason to refuse it when they are no
+/// opening, or one of another version. kBrokenRules: the other end is no gate at all, and is best
+/// left without an answer.
 std::variant<Opening, Reason> ReadOpening(std::string_view bytes);
 
 /// The serving gate's first bytes.
@@ -76,7 +76,7 @@ struct Answer {
 
   Reason refusal = Reason::kFinished;  ///< read only when not accepted
   bool accepted = false;
-  bool ahead = false;
+  bool ahead = false;  ///< records are asked for ahead
   bool plain = false;  ///< the frame that ends the reading ahead is understood
   LinkId id{};
   std::uint64_t received = 0;

@@ -27,8 +27,8 @@ ConnectingGate::Options OptionsOf(const OwnGate::Options& given) {
   return options;
 }
 
-// Signals are the program's. SIGPIPE, too: a write of this thread to a peer that has gone must not
-// end a program that wants the signal for its own output.
+// Blocks all signals, which are for the program's threads. SIGPIPE, too: a write of the gate to a
+// peer that has gone must not end a program that wants the signal for its own output.
 class SignalsBlocked {
  public:
 #ifdef _WIN32
@@ -71,7 +71,7 @@ struct OwnGate::Running {
 };
 
 OwnGate::OwnGate(const Options& options) : running_(std::make_unique<Running>(options)) {
-  [[maybe_unused]] const SignalsBlocked blocked;  // the thread inherits that
+  [[maybe_unused]] const SignalsBlocked blocked;  // the new thread inherits the mask
   running_->thread = std::thread([this] { running_->Run(); });
 }
 

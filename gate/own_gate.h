@@ -24,7 +24,7 @@ class OwnGate {
   /// Reads the certificates and listens. Throws std::exception with a sentence.
   explicit OwnGate(const Options& options);
 
-  /// What the master has sent still arrives, if that takes no more than some seconds.
+  /// Blocks until what the master has sent has arrived, for some seconds at most.
   ~OwnGate();
   OwnGate(const OwnGate&) = delete;
   OwnGate& operator=(const OwnGate&) = delete;

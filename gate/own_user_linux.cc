@@ -23,7 +23,7 @@ struct Request {
   inet_diag_req_v2 body;
 };
 
-// For the socket at the other end, so the addresses change places.
+// Asks for the socket at the other end, so the addresses change places.
 bool Fill(const LoopbackConnection& connection, Request& request) {
   const int family = connection.v6 ? AF_INET6 : AF_INET;
   request.header.nlmsg_len = sizeof(request);

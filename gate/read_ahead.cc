@@ -49,7 +49,7 @@ std::string_view Requests(std::uint32_t code) {
   return code == kGetWellData ? for_data : for_tables;
 }
 
-// About the bytes of a record. `components` is what the request says, whatever that is.
+// About how many bytes a record has. `components` is what the request says, which may be anything.
 std::uint64_t SizeOfRecord(std::uint32_t code, std::int32_t components) {
   if (code == kGetWellData) return 96;
   constexpr std::uint64_t kPoints = master_link::kTablePoints;
@@ -137,7 +137,7 @@ ReadAhead::Verdict ReadAhead::Exchange(std::string_view bytes, bool last) {
         return Deviate(bytes.size());
       case Look::kRequest:
         if (asked_ > 0) master_asks_ahead_ = true;
-        // The last one follows those of this end.
+        // The master's last request follows those that this end has still to make.
         if (to_ask_ > 0) return {Verdict::kWait};
     }
   }
@@ -170,8 +170,9 @@ void ReadAhead::WholeRequestForRecord() {
   }
 }
 
-// Something else than the next request. First what was asked for before has to be answered, as it
-// would have been; then nothing more is asked for, and everything passes.
+// The master says something else than the next request. First what it has asked for before has to
+// be answered, and a request of which the daemon has a part has to be completed. Then nothing more
+// is asked for, and everything passes.
 ReadAhead::Verdict ReadAhead::Deviate(std::size_t count) {
   if (asked_ > 0) return {Verdict::kWait};
   to_ask_ = InRequest() ? 1 : 0;
@@ -213,7 +214,7 @@ void ReadAhead::WholeFromDaemon() {
     return;
   }
   if (texts_from_daemon_ < kDaemonsTexts) {
-    // "OK|" and the host; any other text is the last one.
+    // "OK|" and the host; with any other text the daemon ends the connection.
     const bool starts =
         from_daemon_.length() >= 3 && !memcmp(from_daemon_.head.data() + 4, "OK|", 3);
     if (++texts_from_daemon_ == kDaemonsTexts && !starts) SwitchOff();

@@ -37,21 +37,21 @@ class ReadAhead {
     std::size_t count = 0;
   };
 
-  /// So many bytes decide; fewer may be given only if there are no more for now.
+  /// A verdict needs no more than so many bytes; fewer may be given only if there are no more yet.
   static constexpr std::size_t kDeciding = 16;
 
   /// What is to become of the bytes that go from the master to the daemon. `last`: none will follow
-  /// them. Without bytes, and last, it is the question whether the end may pass: kPass, or kWait.
+  /// them. Without bytes, and last, the answer says whether the end may pass: kPass, or kWait.
   Verdict FromMaster(std::string_view bytes, bool last);
 
-  /// The same for those from the daemon to the master. The serving end passes them all.
+  /// The same for bytes that go from the daemon to the master. The serving end passes them all.
   Verdict FromDaemon(std::string_view bytes, bool last);
 
   /// Serving end: requests to be given to the daemon now, before anything else. None while enough
   /// are unanswered.
   std::string_view ToAsk() const;
   void Asked(std::size_t count);
-  /// Whether part of such a request has been given, so that nothing else may be.
+  /// Whether the daemon has been given a part of a request, and has to get the rest next.
   bool InRequest() const { return asked_part_ > 0; }
   /// Whether the daemon still owes records.
   bool AwaitsRecords() const { return unanswered_ > 0; }
@@ -82,7 +82,7 @@ class ReadAhead {
     std::int32_t length() const { return Number(0); }
     std::uint32_t code() const { return static_cast<std::uint32_t>(Number(4)); }
     std::int32_t Number(std::size_t place) const;
-    /// Lets up to the end of the frame pass, and returns how much. kWhole when the end has passed.
+    /// Takes bytes up to the end of the frame, and returns how many.
     std::size_t Take(std::string_view bytes);
     bool IsWhole() const;
   };
@@ -116,15 +116,15 @@ class ReadAhead {
 
   // At the connecting end.
   std::int64_t asked_ = 0;     ///< records that the master has asked for and not got
-  std::int64_t withheld_ = 0;  ///< records ahead that it has not got
+  std::int64_t withheld_ = 0;  ///< records ahead that the master has not got
   bool master_asks_ahead_ = false;
-  bool unwanted_ = false;  ///< it will not ask for them any more
-  bool dropping_ = false;  ///< the frame that is coming from the daemon is one of them
+  bool unwanted_ = false;  ///< the master will not ask for the withheld ones any more
+  bool dropping_ = false;  ///< the frame that is coming from the daemon is an unwanted one
 
   // At the serving end.
-  std::int64_t to_ask_ = 0;      ///< records ahead that the daemon has not been asked for
-  std::int64_t unanswered_ = 0;  ///< those that it has been asked for and has not sent
-  std::size_t asked_part_ = 0;   ///< bytes that it has of a request
+  std::int64_t to_ask_ = 0;      ///< records ahead, to be asked for yet
+  std::int64_t unanswered_ = 0;  ///< records ahead, asked for and not sent yet
+  std::size_t asked_part_ = 0;   ///< bytes of a request that the daemon has got
 };
 
 }  // namespace gate

@@ -36,7 +36,7 @@ LinkId RandomId() {
   return id;
 }
 
-// As one compares names: kinds apart, the case of ASCII folded.
+// Folds the case of the names, which SameName() does not look at either.
 Identity IdentityOf(const TlsSocket& tls, const CertificateNames& names) {
   Identity identity{tls.authority(), {}};
   for (const CertificateName& name : names.names) {
@@ -90,7 +90,7 @@ struct ServingGate::Link {
   Time since{};
   Time since_wall{};
 
-  // What has to be judged again lives on when the connection that has proven it does not.
+  // Keeps what a reload judges again: the link may have lost the connection that proved it.
   void Keep(const Arrival& arrival) {
     const TlsSocket& tls = *arrival.wire->tls;
     X509_up_ref(tls.certificate());
@@ -170,13 +170,13 @@ void ServingGate::Reload() {
   for (const auto& end : bad) end->End(Reason::kNotValid);
 }
 
-// A reload between the handshake and the opening may have brought the list that revokes it.
+// A reload since the handshake may have brought the list that revokes the certificate.
 bool ServingGate::IsGood(const Arrival& arrival) const {
   const TlsSocket& tls = *arrival.wire->tls;
   return arrival.tls == tls_ || tls_->WhyRefused(tls.certificate(), tls.chain()).empty();
 }
 
-// By what is loaded now: the certificate that the link was last proven with, and its claim.
+// Judges the certificate by which the link was last proven, and its claim, by what is loaded now.
 std::string ServingGate::WhyNotGood(const Link& link) const {
   std::string why = tls_->WhyRefused(link.certificate.get(), link.chain.get());
   if (!why.empty() || !link.claimed) return why;
@@ -216,7 +216,7 @@ void ServingGate::Arrive(Tcp::socket socket) {
     return Drop(arrival,
                 "There are too many connections from this address that have proven nothing");
   }
-  // Whoever means well has proven himself in a moment: the one that takes longest makes room.
+  // Whoever means well has proven himself in a moment: the oldest arrival makes room.
   if (arrivals_.size() > options_.most_arriving) {
     Drop(arrivals_.front(), "There are too many connections that have proven nothing");
   }
@@ -252,7 +252,7 @@ void ServingGate::Shake(const std::shared_ptr<Arrival>& arrival) {
 }
 
 void ServingGate::ReadOpening(const std::shared_ptr<Arrival>& arrival) {
-  // No more than that: what follows is the stream's.
+  // No more than the opening is read: what follows is the stream's.
   std::array<char, Opening::kSize> bytes{};
   std::size_t got = 0;
   const Result result = arrival->wire->tls->Read(
@@ -370,8 +370,9 @@ void ServingGate::Drop(const std::shared_ptr<Arrival>& arrival, const std::strin
   closings_.CloseGently(std::move(wire));
 }
 
-// Being refused costs nothing, and lines cost a disk. So many are told of in a second for each
-// certificate, so that its owner hides nobody else, and for all together that have none.
+// A stranger may be refused as often as he likes, and every line costs disk. So only some refusals
+// a second are logged: so many for each certificate, so that its owner hides nobody else, and as
+// many for all connections without an accepted one.
 void ServingGate::TellOfRefusal(const Arrival& arrival, const std::string& why) {
   if (++refusals_[arrival.fingerprint] > kRefusalsASecond) {
     ++refusals_untold_;
@@ -387,7 +388,7 @@ void ServingGate::Forget(const std::shared_ptr<Arrival>& arrival) {
   if (std::exchange(arrival->gone, true)) return;
   error_code ignored;
   if (arrival->daemon) arrival->daemon->close(ignored);
-  arrivals_.erase(arrival->place);  // `arrival` may be the one in there
+  arrivals_.erase(arrival->place);  // last: `arrival` may refer to what this removes
 }
 
 std::string ServingGate::Judge(Link& link, const Claim& claim) {
@@ -471,7 +472,8 @@ void ServingGate::LookAfterLinks(Time now) {
   for (const auto& [id, link] : links_) {
     const Time late = now - link->since - options_.claim;
     if (link->proof || late <= Time::zero()) continue;
-    // A master that was refused and does not go; or a link of which its other gate has never heard.
+    // A refused master that does not go, or a link that broke before its claim was judged: the
+    // other gate may never have heard of it.
     if (late > kLastWords || link->end->wire() == nullptr) {
       useless.push_back(link->end);
     } else if (link->end->claim_is_open()) {

@@ -1,7 +1,7 @@
-// This folder is the door between masters and a daemon that can neither of them be changed: TLS
-// with certificates at both ends, the rule which Windows user a certificate may claim, and a link
-// between the two gates that may break and go on. What is judged (names, claims, users, the stream
-// with its reading ahead, the table of links) holds bytes and decides: it knows no sockets, no TLS
+// This folder is the door between masters and a daemon, neither of which can be changed: TLS with
+// certificates at both ends, the rule which Windows user a certificate may claim, and a link
+// between the two gates that may break and go on. What decides (names, claims, users, the stream
+// with its reading ahead, the table of links) is given bytes and times and knows no sockets, no TLS
 // and no clock, so that every cut and every order of events can be tried and fuzzed in memory.
 // serving_gate and connecting_gate join it to the sockets in one thread.
 #pragma once
@@ -39,12 +39,11 @@ class ServingGate {
     std::string status;        ///< a file that says what goes on; empty: none
     std::string version;       ///< of the program, for that file
 
-    Time arrival = std::chrono::seconds(10);  ///< for TLS, and for the opening of the link
-    Time claim =
-        std::chrono::seconds(30);     ///< for the master's request, from the beginning of the link
-    std::size_t claim_bytes = 65536;  ///< of the master's request
-    std::size_t most_arriving = 256;  ///< connections that have not proven anything yet
-    std::size_t most_arriving_of_one = 32;  ///< those of one address
+    Time arrival = std::chrono::seconds(10);  ///< for TLS, the opening, and the daemon to answer
+    Time claim = std::chrono::seconds(30);    ///< from a link's beginning to the master's request
+    std::size_t claim_bytes = 65536;          ///< of the master's request
+    std::size_t most_arriving = 256;          ///< connections that have not proven anything yet
+    std::size_t most_arriving_of_one = 32;    ///< connections of one address among these
     LinkTable::Options table;
     Stream::Options stream;
   };
@@ -114,7 +113,7 @@ class ServingGate {
   std::map<std::string, std::uint64_t> counts_;
   std::uint64_t last_number_ = 0;
   std::map<std::string, int> refusals_;  // in this second, by certificate; "": without one
-  std::uint64_t refusals_untold_ = 0;    // since the last one that was told of
+  std::uint64_t refusals_untold_ = 0;    // since the last one that was logged
   Time started_;
   Time status_written_{};
   bool stopping_ = false;

@@ -22,7 +22,7 @@ constexpr std::size_t kMostDropped = std::size_t{16} << 20;
 
 }  // namespace
 
-// Keeps itself until the peer has closed.
+// Keeps itself alive until the peer has closed, or has taken too long or sent too much.
 class Closing : public std::enable_shared_from_this<Closing> {
  public:
   explicit Closing(Tcp::socket socket)
@@ -173,7 +173,7 @@ void Listener::Accept() {
       take_(std::move(socket));
       return Accept();
     }
-    // What waits in the queue of the port waits on.
+    // Connections that wait in the queue of the port wait on.
     failed_();
     pause_.expires_after(kNoDescriptors);
     pause_.async_wait([this](error_code cancelled) {

@@ -17,7 +17,7 @@ namespace gate {
 
 using Tcp = boost::asio::ip::tcp;
 
-/// A connection between two gates. `tls` reads and writes `socket`, and goes first.
+/// A connection between two gates. `tls` reads and writes `socket`, and is destroyed first.
 struct Wire {
   explicit Wire(Tcp::socket connected) : socket(std::move(connected)) {}
 
@@ -45,7 +45,7 @@ void CloseGently(std::unique_ptr<Wire> wire);
 
 class Closing;
 
-/// Ends connections gently, but no more than so many at once: beyond that the oldest is closed
+/// Ends connections gently, but no more than `most` at once: for one more the oldest is closed
 /// where it stands. For peers that nobody knows, who could otherwise hold any number of descriptors
 /// for those few seconds.
 class FewClosings {
@@ -75,19 +75,19 @@ Tcp::endpoint PeerOf(const Tcp::socket& socket);
 /// Reads "HOST:PORT" or "[ADDRESS]:PORT". Throws std::invalid_argument with a sentence.
 HostAndPort ReadHostAndPort(const std::string& text);
 
-/// The first address of that name. Throws std::runtime_error with a sentence.
+/// The first address of that name. Blocks for the look-up. Throws std::runtime_error with a
+/// sentence.
 Tcp::endpoint Resolve(boost::asio::io_context& context, const HostAndPort& place);
 
-/// Takes connections, one after the other.
 class Listener {
  public:
   using Take = std::function<void(Tcp::socket)>;
 
   explicit Listener(boost::asio::io_context& context) : acceptor_(context), pause_(context) {}
 
-  /// Listens at `place`, also where connections of an earlier gate still wait for their end.
-  /// `failed`: none could be taken, as when no descriptor is left; a moment later that is tried
-  /// again. Throws boost::system::system_error.
+  /// Listens at `place`, also where connections of an earlier gate still wait for their end. Calls
+  /// `failed` when no connection could be taken, as when no descriptor is left, and tries again a
+  /// moment later. Throws boost::system::system_error.
   void Listen(const Tcp::endpoint& place, Take take, std::function<void()> failed);
   void Close();
   std::uint16_t port() const { return acceptor_.local_endpoint().port(); }

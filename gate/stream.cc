@@ -25,11 +25,11 @@ enum Frame : unsigned char {
 constexpr std::size_t kPlaceHead = 1 + 8;
 constexpr std::uint32_t kLongestData = 65536;
 
-// How long the other gate may wait to be told that bytes were taken. It costs nobody time, only the
-// memory of what is kept: a full window is told of at once.
+// How long the other gate may wait to be told that bytes were taken. That costs only the memory of
+// what it keeps, and no time, since a quarter of the window is told of at once.
 constexpr Time kTellAfter = std::chrono::seconds(1);
 
-// Bytes of a frame before its data; 0 for one that does not exist.
+// Bytes of a frame before its data; 0 for a kind that does not exist.
 std::size_t HeadOf(char kind) {
   switch (static_cast<unsigned char>(kind)) {
     case kData:
@@ -154,7 +154,7 @@ void Stream::DoNotReadAhead() {
   Pass();
 }
 
-// Moves bytes to the head that is coming in until it has `size`. Whether it has.
+// Moves bytes to the head that is coming in until it has `size`. Returns whether it has.
 bool Stream::TakeHead(std::string_view& bytes, std::size_t size) {
   const std::size_t count = std::min(bytes.size(), size - head_.size);
   memcpy(head_.bytes + head_.size, bytes.data(), count);
@@ -222,7 +222,7 @@ bool Stream::TakeFrame(std::string_view& bytes) {
 }
 
 bool Stream::TakeData(std::uint32_t length, std::uint64_t place) {
-  // In this order: what was taken cannot be more than what was received, so nothing wraps.
+  // What was received is at least what was taken, and at most a window more, so nothing wraps.
   if (length == 0 || length > kLongestData || arrived_end_ || place != received_ ||
       length > options_.window - (received_ - taken_)) {
     return Break(Reason::kBrokenRules);
@@ -477,8 +477,8 @@ ReadAhead::Verdict Stream::JudgeArrived(std::string_view bytes, bool last) {
   return connecting_ ? reader_->FromDaemon(bytes, last) : reader_->FromMaster(bytes, last);
 }
 
-// Lets the reader see what it has not seen. What it says to one direction may set the other one
-// free.
+// Lets the reader judge what it has not judged. What it decides about one direction may set the
+// other one free.
 void Stream::Pass() {
   while (PassGiven() || PassArrived()) {
   }
@@ -503,7 +503,7 @@ bool Stream::PassGiven() {
   std::array<char, ReadAhead::kDeciding> copy{};
   const std::string_view bytes = ToJudge(unjudged_, 0, copy);
   const auto verdict = JudgeGiven(bytes, local_ended_ && bytes.size() == unjudged_.size());
-  // Nothing has passed since the exchange began, nor does before its last request.
+  // Nothing passes between the exchange's beginning and its last request, whose place this is.
   if (plain_understood_ && reader_ && reader_->MasterAsksAhead() && given_ < plain_at_) {
     plain_at_ = given_;
     reader_->EndAfterExchange();

@@ -74,9 +74,8 @@ class Stream {
   /// Bytes in memory at this moment.
   std::size_t kept() const { return unjudged_.size() + sending_.size() + arrived_.size(); }
 
-  // The wire. A connection that has begun to be of no use (a call returned false) is closed by the
-  // caller once it has written what ForWire() still gives for it. That is a reason for the link's
-  // end, if anything.
+  // The wire. When a call returns false the connection is of no more use. The caller closes it once
+  // what ForWire() still gives has been written: the reason for the link's end, if anything.
 
   /// Connecting gate: there is a new connection to the serving gate, and the link has not ended.
   /// Returns its epoch. ForWire() gives the opening.

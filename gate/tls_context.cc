@@ -103,7 +103,7 @@ void CloseBio(BIO* bio) {
 }
 
 // Calls `read` for each item of a PEM file until it gives none, and says how many there were.
-// Whatever is no item ends the file with an error; its end does not.
+// Throws where that was not the end of the file.
 int ForEach(const std::string& file, const std::function<bool(BIO*)>& read) {
   ERR_clear_error();
   const Owned<BIO> bio(BIO_new_file(file.c_str(), "rb"), CloseBio);
@@ -118,8 +118,8 @@ int ForEach(const std::string& file, const std::function<bool(BIO*)>& read) {
   return count;
 }
 
-// A key that everybody may read proves nobody. The group may read it: so an account of its own can
-// be given root's file.
+// A key that everybody may read proves nobody. Its group may read it, so that root's file can be
+// given to an account of the gate's own.
 void CheckKeyIsPrivate([[maybe_unused]] const std::string& file) {
 #ifndef _WIN32
   using std::filesystem::perms;
@@ -230,7 +230,7 @@ void TlsContext::LoadRevocations(const std::vector<std::string>& files) {
       const Owned<X509_CRL> list(PEM_read_bio_X509_CRL(bio, nullptr, NoPassword, nullptr),
                                  X509_CRL_free);
       if (list == nullptr) return false;
-      // OpenSSL would believe it for ever, whatever has been revoked since.
+      // Without that time OpenSSL would believe the list for ever, whatever is revoked later.
       const auto next_update = TimeOf(X509_CRL_get0_nextUpdate(list.get()));
       if (!next_update) Fail(file, "does not say when the next list of revoked certificates comes");
       if (X509_STORE_add_crl(store, list.get()) != 1) Fail(file, "cannot be used");

@@ -74,8 +74,8 @@ std::string CertificateSentence(long error);
 /// revoked.
 extern const char* const kRevokedHere;
 
-/// What the errors that OpenSSL has collected in this thread mean, and forgets them. An alert by
-/// which the peer refused this side's certificate becomes a sentence.
+/// Says what the errors mean that OpenSSL has collected in this thread, and forgets them. An alert
+/// by which the peer refused this side's certificate becomes a sentence.
 std::string TakeTlsErrors();
 
 }  // namespace gate

@@ -22,7 +22,7 @@ bool SetHost(SSL* tls, const std::string& host) {
          SSL_set_tlsext_host_name(tls, host.c_str()) == 1;
 }
 
-// In hexadecimal digits.
+// The SHA-256 `digest` of a certificate, or of its key, in hexadecimal digits.
 std::string DigestText(int (*digest)(const X509*, const EVP_MD*, unsigned char*, unsigned*),
                        const X509& certificate) {
   std::array<unsigned char, EVP_MAX_MD_SIZE> bytes{};
@@ -113,8 +113,7 @@ TlsSocket::Result TlsSocket::Write(std::string_view bytes, std::size_t& put) {
 }
 
 void TlsSocket::SayGoodbye() {
-  // A second call, with the peer's bytes unread, would be an error, and there is nothing to wait
-  // for.
+  // One call only: a second one would wait for the peer's goodbye, and fail at bytes before that.
   if (error_.empty() && SSL_is_init_finished(tls_) == 1) SSL_shutdown(tls_);
   ERR_clear_error();
 }

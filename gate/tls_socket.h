@@ -33,8 +33,7 @@ class TlsSocket {
     kBroken,     ///< the connection is of no more use; error() says why
   };
 
-  /// As many records as AES-GCM may have with one key is 2^24.5. Long before, this side takes a new
-  /// one.
+  /// AES-GCM may have 2^24.5 records with one key. Long before that this side takes a new one.
   static constexpr std::uint64_t kRecordsPerKey = std::uint64_t{1} << 22;
 
   /// How often the peer may take a new key between two of its bytes. OpenSSL reads on until a byte

@@ -48,8 +48,8 @@ class UserMap {
 /// The one of `names` that lets its owner claim to be the Windows user `claim`: a name that is the
 /// claim itself, letter for letter but for the case of ASCII, or one that `map` maps to it. "user",
 /// "DOMAIN\user" and "user@domain" are three different claims; no domain is ever left out to make
-/// one fit. Nothing when no name does, and for claims that cannot be names. So it is for "*", which
-/// the daemon's own file takes for everybody.
+/// one fit. Nothing when no name does, when the claim cannot be a name, and for the claim "*",
+/// which the daemon's own file takes for everybody.
 std::optional<CertificateName> ProofOf(std::string_view claim,
                                        const std::vector<CertificateName>& names,
                                        const UserMap& map);
