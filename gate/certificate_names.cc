@@ -51,7 +51,7 @@ bool IsControl(std::string_view character) {
   return character.size() == 2 && first == 0xC2 && static_cast<unsigned char>(character[1]) < 0xA0;
 }
 
-char Folded(char c) {
+char Lower(char c) {
   return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
 }
 
@@ -151,8 +151,13 @@ bool IsCleanName(std::string_view text) {
 }
 
 bool SameName(std::string_view a, std::string_view b) {
-  return std::equal(a.begin(), a.end(), b.begin(), b.end(),
-                    [](char x, char y) { return Folded(x) == Folded(y); });
+  return Folded(a) == Folded(b);
+}
+
+std::string Folded(std::string_view name) {
+  std::string folded(name);
+  std::transform(folded.begin(), folded.end(), folded.begin(), Lower);
+  return folded;
 }
 
 }  // namespace gate

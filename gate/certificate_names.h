@@ -49,4 +49,7 @@ bool IsCleanName(std::string_view text);
 /// dotless i is no i, and a full-width letter is no letter of ASCII.
 bool SameName(std::string_view a, std::string_view b);
 
+/// The form in which names that are the same are equal.
+std::string Folded(std::string_view name);
+
 }  // namespace gate

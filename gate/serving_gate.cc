@@ -36,15 +36,9 @@ LinkId RandomId() {
   return id;
 }
 
-// Folds the case of the names, which SameName() does not look at either.
 Identity IdentityOf(const TlsSocket& tls, const CertificateNames& names) {
   Identity identity{tls.authority(), {}};
-  for (const CertificateName& name : names.names) {
-    std::string text = Text(name);
-    std::transform(text.begin(), text.end(), text.begin(),
-                   [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; });
-    identity.names.push_back(std::move(text));
-  }
+  for (const CertificateName& name : names.names) identity.names.push_back(Folded(Text(name)));
   std::sort(identity.names.begin(), identity.names.end());
   // Without a name nobody can be told from another but by the certificate itself.
   if (identity.names.empty()) identity.names.push_back(FingerprintOf(*tls.certificate()));
