@@ -2,8 +2,8 @@
 
 #include <array>
 #include <cstdio>
+#include <cstdlib>
 #include <sstream>
-#include <utility>
 
 #include "base/number.h"
 

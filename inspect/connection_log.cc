@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cctype>
-#include <iterator>
 #include <utility>
 
 #include "base/number.h"

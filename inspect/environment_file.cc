@@ -5,7 +5,6 @@
 #include <string.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cctype>
 #include <chrono>
 #include <filesystem>
@@ -13,7 +12,6 @@
 #include <optional>
 #include <regex>
 #include <set>
-#include <string_view>
 #include <system_error>
 
 #include "config/env_collection.h"

@@ -11,6 +11,7 @@
 #include <optional>
 #include <sstream>
 #include <system_error>
+#include <utility>
 
 #include "inspect/listener.h"
 #include "inspect/probe.h"

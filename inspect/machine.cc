@@ -1,7 +1,6 @@
 #include "inspect/machine.h"
 
 #include <netinet/tcp.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <utility>

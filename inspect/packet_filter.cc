@@ -1,10 +1,10 @@
 #include "inspect/packet_filter.h"
 
 #include <algorithm>
-#include <array>
 #include <map>
 #include <set>
 #include <tuple>
+#include <utility>
 
 #include <nlohmann/json.hpp>
 

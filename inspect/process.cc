@@ -1,7 +1,6 @@
 #include "inspect/process.h"
 
 #include <dirent.h>
-#include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
 #include <sys/syscall.h>
@@ -11,10 +10,10 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
-#include <cstdio>
 #include <memory>
 #include <set>
 #include <sstream>
+#include <system_error>
 #include <utility>
 
 #include "base/number.h"

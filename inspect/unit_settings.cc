@@ -2,8 +2,6 @@
 
 #include <algorithm>
 #include <map>
-#include <optional>
-#include <set>
 #include <string_view>
 
 #include "base/number.h"

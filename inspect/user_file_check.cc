@@ -7,7 +7,6 @@
 #include <array>
 #include <cctype>
 #include <cstdlib>
-#include <filesystem>
 #include <map>
 #include <set>
 #include <string_view>
