@@ -228,8 +228,7 @@ End EndOfRun(const CommsLog& log, const Connection& connection) {
   if (cause == "Unknown exception") {
     return {Ending::kRequestFailed, "protocol",
             "The simulator refused " + RequestIn(log) +
-                ", or answered what the protocol does not "
-                "have"};
+                ", or answered what the protocol does not have"};
   }
   return {Ending::kRequestFailed, "other", "It failed: " + std::string(cause)};
 }

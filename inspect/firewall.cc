@@ -105,8 +105,9 @@ Finding Unchecked(const Site& site, const std::string& why, const std::string& r
 
 AddressRanges MastersIn(const std::string& text) {
   std::string plain;
-  for (const std::string_view line : Lines(text))
+  for (const std::string_view line : Lines(text)) {
     plain.append(line.substr(0, line.find('#'))) += '\n';
+  }
   std::smatch found;
   const std::regex define(R"((?:^|\n)\s*define\s+masters\s*=\s*(?:\{([^}]*)\}|([^\n{]*)\n))");
   if (!std::regex_search(plain, found, define)) return {};

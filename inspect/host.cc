@@ -66,8 +66,9 @@ std::string HasAddressAs(const Account& account, const std::string& name) {
   Become(account);
   std::string answer = HasAddress(name);
   for (const char* file : kResolverFiles) {
-    if (answer[0] == '0' && access(file, R_OK) != 0 && errno == EACCES)
+    if (answer[0] == '0' && access(file, R_OK) != 0 && errno == EACCES) {
       answer.append(" ").append(file);
+    }
   }
   return answer;
 }
@@ -186,9 +187,9 @@ void CheckNames(const Site& site, Findings& findings) {
   if (!script.ends_with("/ssh")) return;
   std::istringstream nodes(RunVariable(site, "JOBMILL_NODES"));
   for (std::string node; std::getline(nodes, node, ',');) {
-    // The configuration of ssh may know such a name all the same.
-    if (!node.empty())
-      CheckName(accounts, {node, "of JOBMILL_NODES", Severity::kWarning}, findings);
+    if (node.empty()) continue;
+    // A warning, since the configuration of ssh may know such a name all the same.
+    CheckName(accounts, {node, "of JOBMILL_NODES", Severity::kWarning}, findings);
   }
 }
 

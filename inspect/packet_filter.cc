@@ -53,8 +53,9 @@ class Rules {
     for (const json& entry : document.at("nftables").get_ref<const json::array_t&>()) {
       if (entry.contains("chain")) AddChain(entry["chain"]);
       if (entry.contains("set")) sets_[Key(entry["set"], "name")] = entry["set"];
-      if (entry.contains("rule"))
+      if (entry.contains("rule")) {
         rules_[Key(entry["rule"], "chain")].push_back(&entry["rule"]["expr"]);
+      }
       CollectBounds(entry);
     }
   }
@@ -157,8 +158,9 @@ class Rules {
 
   unsigned FateOfMap(const json& map, const ChainKey& chain, int depth) {
     unsigned possible = kGoesOn;
-    if (!map.at("data").is_object() || !map["data"].contains("set"))
+    if (!map.at("data").is_object() || !map["data"].contains("set")) {
       return kAccept | kDrop | kGoesOn;
+    }
     for (const json& entry : map["data"]["set"]) {
       const Truth own = IsIn(map.at("key"), entry.at(0), chain);
       if (own == Truth::kNo) continue;

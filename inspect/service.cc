@@ -115,8 +115,9 @@ class ServiceCheck {
     if (result == "resources") reason = "a file that it names, or memory, is missing";
     // Where systemd did not come to start it, the daemon's last words are of another time.
     const bool started = result != "exit-code" || status < kFirstOfSystemd;
-    if (started && !state_.last_words.empty())
+    if (started && !state_.last_words.empty()) {
       reason += ", and the last it said is: " + state_.last_words;
+    }
     return reason;
   }
 

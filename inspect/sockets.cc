@@ -128,8 +128,8 @@ TcpSockets ReadSockets() {
       std::vector<TcpSocket> found;
       const Answer answer = Dump(netlink.get(), static_cast<unsigned char>(family), found);
       if (answer == Answer::kInterrupted && attempt < kAttempts) continue;
-      if (answer == Answer::kFailed && errno == ENOENT && family == AF_INET6)
-        break;  // no IPv6 here
+      const bool no_ipv6 = answer == Answer::kFailed && errno == ENOENT && family == AF_INET6;
+      if (no_ipv6) break;
       if (answer == Answer::kFailed) return {{}, strerror(errno)};
       sockets.all.insert(sockets.all.end(), found.begin(), found.end());
       break;

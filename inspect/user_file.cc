@@ -41,8 +41,9 @@ std::string Unsendable(const std::string& name) {
   for (const char c : name) {
     if (c == '\t') return "a tab";
     if (std::iscntrl(static_cast<unsigned char>(c)) != 0) return "a control character";
-    if (std::string_view("\"/\\[]:;|=,+*?<> ").find(c) != std::string_view::npos)
+    if (std::string_view("\"/\\[]:;|=,+*?<> ").find(c) != std::string_view::npos) {
       return std::string("'") + c + "'";
+    }
   }
   return "";
 }
