@@ -7,6 +7,9 @@
 
 namespace inspect {
 
+/// The end of the name of a comms log, behind the run's path and root name.
+inline constexpr std::string_view kCommsLogEnd = ".crvnlog";
+
 /// What the comms log of a run tells. The run's own account writes it, with texts of its simulator
 /// in it: it is that account's word.
 struct CommsLog {

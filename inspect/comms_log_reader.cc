@@ -105,7 +105,7 @@ void AddCommsLogs(const Machine& machine, std::vector<Run>& runs) {
     const Jobmill& jobmill = machine.jobmills().at(run.id.pid);
     if (run.comms_log.empty() && !jobmill.files && run.path && run.root &&
         jobmill.options.comms_log && run.path->starts_with('/')) {
-      run.comms_log = *run.path + *run.root + ".crvnlog";
+      run.comms_log = *run.path + *run.root + std::string(kCommsLogEnd);
     }
     if (run.comms_log.empty() || !run.user) continue;
     readers.push_back(&run);

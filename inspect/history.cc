@@ -172,7 +172,7 @@ void Reading::ReadComms() {
     // Where a field holds a zero byte there is none.
     const bool cut = connection.path != connection.script_path;
     if (!model.starts_with('/') || cut) continue;
-    item.comms_log = model + ".crvnlog";
+    item.comms_log = model + std::string(kCommsLogEnd);
     sharers[item.comms_log].push_back(&item);
   }
   std::vector<CommsLogFile> files;

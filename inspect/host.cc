@@ -240,7 +240,7 @@ std::optional<long> LimitIn(const std::string& limits, const std::string& name) 
 // The limits of the daemon of this port are those of its runs, whatever their account.
 void CheckLimits(const Site& site, Findings& findings) {
   for (const ProcessStat& stat : AllProcesses()) {
-    if (stat.name != "vkjobmill.exe") continue;
+    if (stat.name != kDaemonProgram) continue;
     const auto process = Process::Open(stat.id);
     const Options options = process ? ParseOptions(process->Arguments()) : Options();
     if (options.listen_port != site.options.listen_port) continue;

@@ -2,8 +2,8 @@
 
 #include <ctime>
 #include <optional>
-#include <string_view>
 
+#include "inspect/comms_log.h"
 #include "inspect/run_file.h"
 
 namespace inspect {
@@ -63,9 +63,8 @@ void LaunchReader::Add(const Jobmill& jobmill, Run& run) {
   }
   LaunchKey key{static_cast<std::time_t>(*run.began), run.path, run.root, run.comms_port, {}};
   // The script has ended; the comms log has the model's name.
-  constexpr std::string_view end = ".crvnlog";
-  std::string model = WithoutDeleted(jobmill.FileWith("", end));
-  if (!run.root && !model.empty()) key.model = model.substr(0, model.size() - end.size());
+  std::string model = WithoutDeleted(jobmill.FileWith("", kCommsLogEnd));
+  if (!run.root && !model.empty()) key.model = model.substr(0, model.size() - kCommsLogEnd.size());
   if (const auto launch = log->Find(key)) {
     run.path = launch->path;
     run.root = launch->root;

@@ -5,11 +5,6 @@
 #include <algorithm>
 
 namespace inspect {
-namespace {
-
-constexpr const char* kProgram = "vkjobmill.exe";
-
-}  // namespace
 
 std::optional<Process> OwnerOf(const TcpSocket& socket) {
   if (socket.inode == 0) return std::nullopt;
@@ -29,7 +24,7 @@ std::optional<Process> DaemonOn(int port) {
   for (const TcpSocket& socket : ReadSockets().all) {
     if (socket.state != TCP_LISTEN || socket.local.port != port) continue;
     auto owner = OwnerOf(socket);
-    return owner && owner->stat().name == kProgram ? std::move(owner) : std::nullopt;
+    return owner && owner->stat().name == kDaemonProgram ? std::move(owner) : std::nullopt;
   }
   return std::nullopt;
 }

@@ -125,7 +125,7 @@ class LogCheck {
     if (!files) return;
     for (const Process::OpenFile& open : *files) {
       const std::string name = open.target.substr(open.target.rfind('/') + 1);
-      const bool gone = name.starts_with(Name()) && name.ends_with(" (deleted)");
+      const bool gone = name.starts_with(Name()) && name.ends_with(kDeleted);
       if (gone || open.target == "/tmp/" + Name()) {
         Add("host.log-elsewhere", Severity::kWarning, directory_ + "/" + Name(),
             Described(daemon) + " writes its log " +

@@ -8,8 +8,6 @@
 namespace inspect {
 namespace {
 
-constexpr std::string_view kProgram = "vkjobmill.exe";
-
 std::optional<Jobmill> ReadJobmill(const ProcessStat& stat) {
   const auto process = Process::Open(stat.id);
   if (!process) return std::nullopt;
@@ -17,7 +15,7 @@ std::optional<Jobmill> ReadJobmill(const ProcessStat& stat) {
   jobmill.stat = process->stat();
   jobmill.user = process->User();
   jobmill.program = process->Link("exe");
-  if (jobmill.program && BaseName(WithoutDeleted(*jobmill.program)) != kProgram) {
+  if (jobmill.program && BaseName(WithoutDeleted(*jobmill.program)) != kDaemonProgram) {
     return std::nullopt;
   }
   jobmill.files = process->Files();
@@ -71,7 +69,7 @@ void Machine::ReadProcesses() {
     missing_.emplace_back("processes of other accounts: they are hidden (hidepid)");
   }
   for (const auto& [pid, stat] : processes_) {
-    if (stat.name != kProgram) continue;
+    if (stat.name != kDaemonProgram) continue;
     if (auto jobmill = ReadJobmill(stat)) jobmills_.emplace(pid, std::move(*jobmill));
   }
 }

@@ -16,8 +16,7 @@
 
 namespace inspect {
 
-/// What the kernel adds to the name of a file that was removed or replaced.
-inline constexpr std::string_view kDeleted = " (deleted)";
+/// `path` without kDeleted at its end.
 std::string WithoutDeleted(std::string path);
 
 std::string_view BaseName(std::string_view path);

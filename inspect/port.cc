@@ -17,7 +17,6 @@
 namespace inspect {
 namespace {
 
-constexpr std::string_view kProgram = "vkjobmill.exe";
 constexpr std::size_t kMostHolders = 3;
 constexpr std::size_t kMostPorts = 5;
 
@@ -46,7 +45,7 @@ std::string Ended(const std::vector<TcpSocket>& sockets) {
 void JudgeListener(const Site& site, const TcpSocket& socket, Findings& findings) {
   const std::optional<Process> owner = OwnerOf(socket);
   const std::string port = "port " + std::to_string(site.options.listen_port);
-  if (!owner || owner->stat().name != kProgram) {
+  if (!owner || owner->stat().name != kDaemonProgram) {
     const bool known = owner.has_value();
     findings.push_back(
         {known ? "port.taken" : "port.unchecked", known ? Severity::kError : Severity::kUnchecked,
@@ -62,7 +61,7 @@ void JudgeListener(const Site& site, const TcpSocket& socket, Findings& findings
                         "kill -CONT " + std::to_string(owner->stat().id.pid)});
   }
   const std::string program = owner->Link("exe").value_or("");
-  if (!program.ends_with(" (deleted)")) return;
+  if (!program.ends_with(kDeleted)) return;
   findings.push_back(
       {"port.older-daemon", Severity::kWarning, site.configuration, site.line,
        Described(owner) + " on " + port + " is an older program than the one that is installed",

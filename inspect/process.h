@@ -12,6 +12,12 @@
 
 namespace inspect {
 
+/// The daemon's program, whose name its processes and connection children have.
+inline constexpr std::string_view kDaemonProgram = "vkjobmill.exe";
+
+/// What the kernel adds to the name of a file that was removed or replaced.
+inline constexpr std::string_view kDeleted = " (deleted)";
+
 /// Who a process is. A number alone is not enough: another process may get it later.
 struct ProcessId {
   pid_t pid = 0;

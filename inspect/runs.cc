@@ -136,7 +136,7 @@ void Survey::Describe(const Jobmill& jobmill, Run& run) {
     AddGate(run);
     if (master->socket.since_received) run.last_heard = Now() - *master->socket.since_received;
   }
-  const std::string comms_log = jobmill.FileWith("", ".crvnlog");
+  const std::string comms_log = jobmill.FileWith("", kCommsLogEnd);
   if (comms_log.ends_with(kDeleted)) {
     run.unknown["comms_log"] = "it was removed or replaced";
   } else if (!comms_log.empty()) {

@@ -20,7 +20,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr std::string_view kProgram = "vkjobmill.exe";
 constexpr long kFirstOfSystemd = 200;
 constexpr const char* kProperties =
     "LoadState,LoadError,ActiveState,SubState,Result,MainPID,ExecMainCode,ExecMainStatus,"
@@ -150,14 +149,14 @@ class ServiceCheck {
     std::string program;
     for (const std::string& word : WordsOf(command)) {
       // The first one begins with "argv[]=".
-      if (fs::path(word).filename() == kProgram) program = word.substr(word.find('/'));
+      if (fs::path(word).filename() == kDaemonProgram) program = word.substr(word.find('/'));
     }
     if (command.empty() || (!program.empty() && RealName(program) == site_.program)) return;
     std::error_code ignored;
     const bool missing = !program.empty() && !fs::exists(program, ignored);
     Add("service.other-program", missing ? Severity::kError : Severity::kWarning,
         unit_ + " starts " +
-            (program.empty() ? "no " + std::string(kProgram)
+            (program.empty() ? "no " + std::string(kDaemonProgram)
                              : program + (missing ? ", which is not there" : "")) +
             ", and judged is " + site_.program,
         missing ? "the service cannot start" : "what is said here is not about what runs",
@@ -168,7 +167,7 @@ class ServiceCheck {
     const auto process = main_ > 0 ? Process::Open(main_) : std::nullopt;
     std::vector<std::string> words = process ? process->Arguments() : std::vector<std::string>();
     // Before it becomes the daemon, the process is the command that starts it.
-    if (words.empty() || fs::path(words[0]).filename() != kProgram) return;
+    if (words.empty() || fs::path(words[0]).filename() != kDaemonProgram) return;
     words.erase(words.begin());
     if (words != site_.words) {
       AddOther("runs with other options: " + Joined(words));

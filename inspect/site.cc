@@ -11,6 +11,8 @@
 #include <utility>
 
 #include "inspect/file.h"
+#include "inspect/process.h"
+#include "inspect/script_arguments.h"
 
 namespace inspect {
 namespace {
@@ -19,7 +21,6 @@ namespace fs = std::filesystem;
 
 constexpr std::string_view kBlanks = " \t\r\n";
 constexpr std::string_view kLineEnds = "\r\n";
-constexpr const char* kDefaultScript = "./vkmpi_dir.sh";
 
 bool IsOneOf(char c, std::string_view characters) {
   return characters.find(c) != std::string_view::npos;
@@ -132,10 +133,10 @@ void TakeEnvironmentOfDaemon(Site& site) {
 }
 
 void ReadOptions(Site& site) {
-  std::vector<std::string> words{"vkjobmill.exe"};
+  std::vector<std::string> words{std::string(kDaemonProgram)};
   words.insert(words.end(), site.words.begin(), site.words.end());
   site.options = ParseOptions(words);
-  site.script = site.options.script.empty() ? kDefaultScript : site.options.script;
+  site.script = ScriptOf(site.options);
 }
 
 }  // namespace
