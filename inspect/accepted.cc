@@ -81,17 +81,13 @@ std::vector<AcceptedFinding> Accepted::Take(Findings& findings) {
 Findings Accepted::Wrong(const std::set<std::string>& areas) const {
   Findings findings = wrong_;
   for (const Entry& entry : entries_) {
-    if (entry.used || !areas.contains(AreaOf(entry.id))) continue;
+    if (entry.used || !areas.contains(entry.id.substr(0, entry.id.find('.')))) continue;
     findings.push_back({"accepted.unused", Severity::kWarning, file_, entry.line,
                         "accepts " + entry.id + (entry.place.empty() ? "" : " of " + entry.place) +
                             ", which is not found",
                         "it would hide the next one of that kind", "remove the line"});
   }
   return findings;
-}
-
-std::string AreaOf(const std::string& id) {
-  return id.substr(0, id.find('.'));
 }
 
 }  // namespace inspect

@@ -48,7 +48,4 @@ class Accepted {
   Findings wrong_;
 };
 
-/// The part of an id in front of the dot.
-std::string AreaOf(const std::string& id);
-
 }  // namespace inspect
