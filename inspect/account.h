@@ -20,8 +20,8 @@ struct Account {
 /// they cannot.
 std::optional<std::map<std::string, Account>> FindAccounts(const std::set<std::string>& names);
 
-/// Makes this process one of the account for good, without further groups, as the daemon does.
-/// Throws std::runtime_error when that is refused.
+/// Makes this process one of the account for good, if it is not that already. Leaves it no further
+/// groups, where a run keeps the daemon's. Throws std::runtime_error when that is refused.
 void Become(const Account& account);
 
 /// Lets this process act as the account, without further groups, until the next call. Only root

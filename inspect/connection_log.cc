@@ -534,7 +534,7 @@ void ConnectionLog::Settle() {
   for (bool changed = true; changed;) {
     changed = GiveHosts();
     for (Answer& answer : answers_) {
-      // As many scripts have ended without a host as there are: each of them has.
+      // Equal answers, as many as the connections that they can be of: each of these has one.
       const auto same = std::ranges::count_if(answers_, [&](const Answer& other) {
         return other.host == answer.host && other.candidates == answer.candidates;
       });

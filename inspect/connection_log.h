@@ -92,7 +92,7 @@ struct Connection {
   bool has_host = false;  ///< and is launched, therefore
 };
 
-/// The time with which daemons begin the lines that have one; none when `text` is no such time.
+/// The time that `text` is, in the form in which daemons log it; none when it is no such time.
 std::optional<std::time_t> TimeIn(std::string_view text);
 
 /// Reads the log that one start of a daemon has begun. The lines of a log carry no sign of the
@@ -110,7 +110,7 @@ class ConnectionLog {
  public:
   explicit ConnectionLog(bool keeps_lines = false) : keeps_lines_(keeps_lines) {}
 
-  /// Further lines are of this file. `number` counts them from 1.
+  /// The lines that follow are those of `file`, from its first one on.
   void BeginFile(const std::string& file);
   void AddLine(std::string_view line);
 
@@ -166,7 +166,7 @@ class ConnectionLog {
   bool starts_ = false;    // the log begins with a start of the daemon
   std::optional<Options> options_;
 
-  // The last connection whose port is as expected.
+  // The latest connection of which the log tells the port, and that port.
   std::optional<std::size_t> confirmed_;
   int confirmed_port_ = 0;
 };

@@ -82,7 +82,7 @@ std::string PortsText(const std::set<int>& ports) {
   return text;
 }
 
-// Whose comms ports are in use as they should be: those of runs with a controller.
+// Whose comms ports are in use as they should be: those of runs that are not lost.
 class Users {
  public:
   explicit Users(const Runs& found) {

@@ -11,7 +11,8 @@
 namespace inspect {
 namespace {
 
-// Whether the script was started. The daemon's standard input becomes the script's pipe then.
+// Whether the script was started: the connection child's standard input, which it has from the
+// daemon, becomes the script's pipe then. None when the pipe could be either.
 std::optional<bool> HasScript(const Machine& machine, const Jobmill& jobmill, const Run& run) {
   const std::string input = jobmill.Target(STDIN_FILENO);
   if (run.script) return true;
@@ -21,7 +22,7 @@ std::optional<bool> HasScript(const Machine& machine, const Jobmill& jobmill, co
       daemon != jobmills.end() && daemon->second.files) {
     return daemon->second.Target(STDIN_FILENO) != input;
   }
-  // The daemon has gone. A pipe that it had is every child's.
+  // The daemon has gone. If its standard input was a pipe, all its children have that one.
   for (const auto& [pid, other] : jobmills) {
     if (pid != run.id.pid && other.Target(STDIN_FILENO) == input) return false;
   }

@@ -25,7 +25,8 @@ constexpr const char* kProperties =
     "LoadState,LoadError,ActiveState,SubState,Result,MainPID,ExecMainCode,ExecMainStatus,"
     "UnitFileState,FragmentPath,DropInPaths,NeedDaemonReload,ExecStart,KillMode";
 
-// What systemd itself says by the exit status of a process in which it could not start the program.
+// Why the program was not started, by the exit status of env, which starts it, or, from
+// kFirstOfSystemd on, of systemd itself; empty for other statuses.
 std::string MeaningOf(long status) {
   static const std::map<long, std::string> meanings = {
       {126, "the program cannot be executed"},

@@ -15,8 +15,8 @@ struct Site {
   std::string name;           ///< "jobmill" for jobmill.conf; empty: the options are given directly
   std::string configuration;  ///< the file that the options are read from; empty: given directly
   std::string others;         ///< the directory of all configuration files
-  std::int64_t line = 0;      ///< where they stand in it; 0 where it has none
-  int error = 0;              ///< why it could not be read, as in errno; all below is empty then
+  std::int64_t line = 0;      ///< of the options in that file; 0 where it has none
+  int error = 0;              ///< why the file could not be read, as in errno; no `words` then
 
   std::vector<std::string> words;  ///< what the daemon gets after its own name
   Options options;                 ///< as the daemon understands them
