@@ -15,19 +15,19 @@ struct AcceptedFinding {
   std::string reason;
 };
 
-/// The file check.accepted beside the configuration files. A line is the id of findings, for those
-/// of one place with a colon and that (the finding's file, or FILE:LINE), then a blank and a
-/// reason. Empty lines and those that begin with # are passed over.
+/// The file check.accepted beside the configuration files. A line accepts all findings of an ID, or
+/// those of one place, written ID:FILE or ID:FILE:LINE. A blank and the reason follow. Empty lines
+/// and those that begin with # are passed over.
 class Accepted {
  public:
-  /// Reads the one in `directory`. Without it nothing is accepted.
+  /// Reads the file in `directory`. Without it nothing is accepted.
   explicit Accepted(const std::string& directory);
 
-  /// Takes the accepted ones out of `findings`.
+  /// Takes the accepted findings out of `findings` and returns them.
   std::vector<AcceptedFinding> Take(Findings& findings);
 
-  /// What is wrong with the file: entries without meaning, and, of these areas ("options"), those
-  /// that have accepted nothing. Nobody accepts these.
+  /// What is wrong with the file and its lines, and, of these areas ("options" is the one of
+  /// "options.none"), the lines for which Take() has found nothing. None of it can be accepted.
   Findings Wrong(const std::set<std::string>& areas) const;
 
  private:

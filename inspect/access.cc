@@ -39,7 +39,7 @@ bool May(const std::string& file, int mode) {
   return faccessat(AT_FDCWD, file.c_str(), mode, AT_EACCESS) == 0;
 }
 
-// What keeps this process from a file, as far as something else than its own mode does.
+// What beside its own mode keeps this process from the need's first file; empty when nothing does.
 std::string Obstacle(const Need& need, const std::vector<std::string>& directories) {
   for (const std::string& directory : directories) {
     if (!May(directory, X_OK)) return "the directory " + directory + " cannot be entered";
@@ -53,7 +53,8 @@ std::string Obstacle(const Need& need, const std::vector<std::string>& directori
 
 using Names = std::vector<std::map<std::string, std::string>>;
 
-// What this process cannot do, as lines of the need's number, `name` and the obstacle.
+// The index of each need that this process cannot have, `name` and the obstacle, all with a zero
+// byte behind them.
 std::string Refused(const std::vector<Need>& needs,
                     const std::vector<std::vector<std::string>>& directories,
                     const std::string& name) {
@@ -66,8 +67,8 @@ std::string Refused(const std::vector<Need>& needs,
   return refused;
 }
 
-// Who cannot do what; nothing when that cannot be found out. One process tries all of it, as each
-// of the accounts in turn, which only root can; as itself, under the name `own`, without any.
+// Who cannot have which need; nothing when that cannot be found out. One process tries all needs as
+// each account in turn, which only root can, or without accounts as itself, under the name `own`.
 std::optional<Names> Try(const std::vector<Need>& needs,
                          const std::map<std::string, Account>& accounts, const std::string& own) {
   const auto answer = Ask([&] {

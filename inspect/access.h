@@ -13,17 +13,17 @@ namespace inspect {
 /// Something that every run opens or executes.
 struct Need {
   std::string id;                  ///< of the finding
-  std::string file;                ///< that of the finding, which is about who needs it
+  std::string file;                ///< of the finding: what has the need, such as a script
   std::int64_t line = 0;           ///< of that file; 0 without one
   std::string what;                ///< in front of "cannot be executed"
-  std::vector<std::string> files;  ///< one of them is enough, the first of them is named
+  std::vector<std::string> files;  ///< any of them will do; obstacles are told of the first
   int mode = 0;                    ///< as for access(2)
 };
 
 /// The accounts as which the site's users run, as far as they exist and are known.
 std::map<std::string, Account> AccountsOf(const Site& site);
 
-/// For each need the names of those who cannot do what it asks for, by what keeps them from it.
+/// For each need what keeps accounts from it, and the names of these, with commas between.
 struct Excluded {
   std::vector<std::map<std::string, std::string>> names;
   bool all_asked = false;  ///< otherwise only this process's account was tried: the rest needs root
@@ -33,7 +33,7 @@ Excluded FindExcluded(const Site& site, const std::vector<Need>& needs);
 /// A finding for each need that somebody cannot have.
 void AddExcluded(const std::vector<Need>& needs, const Excluded& excluded, Findings& findings);
 
-/// Those of `files` that are regular files. Their file systems may not answer.
+/// Those of `files` that are regular files; none when a file system does not answer in ten seconds.
 std::vector<std::string> RegularFiles(const std::vector<std::string>& files);
 
 /// The absolute names that a program can have in the directories of a search path.

@@ -25,10 +25,11 @@ namespace {
 constexpr long kSecondsOfADay = 86400;
 constexpr unsigned long kLeastRoom = 1UL << 20;
 
-// The directory that stands for none.
+// The home directory of accounts that have none.
 constexpr std::string_view kNoHome = "/nonexistent";
 
-// "EXPIRED HOME OBSTACLE", as far as there is one; then the process is the account's.
+// A line "1" when the account has expired, otherwise "0"; when it cannot enter its home directory,
+// a line with that directory and one with the reason. This process is the account's then.
 std::string LookAt(const std::string& name, const Account& account) {
   const spwd* shadow = getspnam(name.c_str());
   const bool expired = shadow != nullptr && shadow->sp_expire > 0 &&
@@ -59,7 +60,7 @@ bool CanAsk(const Site& site) {
   return site.error == 0 && site.options.run_as_root && geteuid() == 0;
 }
 
-// Each obstacle, and the accounts that meet it.
+// Each obstacle, and the names of the accounts that meet it.
 using Met = std::map<std::string, std::string>;
 
 template <class Look>

@@ -15,8 +15,9 @@ struct AddressRange {
   friend bool operator==(const AddressRange&, const AddressRange&) = default;
 };
 
-/// Neighbours as one, in order.
 using AddressRanges = std::vector<AddressRange>;
+
+/// The same addresses, in order, in as few ranges as possible.
 AddressRanges Merged(AddressRanges ranges);
 
 /// What is in `ranges` and not in `without`, and what is in both.
@@ -29,7 +30,7 @@ std::uint64_t Size(const AddressRanges& ranges);
 /// "192.0.2.0/28", "192.0.2.1", "192.0.2.1-192.0.2.9", with commas between; the first few.
 std::string Text(const AddressRanges& ranges);
 
-/// Reads such a text, of one range.
+/// Reads one range in one of these forms; none when `text` has another.
 std::optional<AddressRange> ReadRange(const std::string& text);
 
 }  // namespace inspect

@@ -15,7 +15,7 @@
 namespace inspect {
 namespace {
 
-// What asks a scheduler something small, by the name of its script.
+// The command that asks a scheduler something small, by the name of the scheduler's script.
 const std::map<std::string, std::vector<std::string>> kQuestions = {
     {"slurm", {"squeue", "--noheader", "--states=pending"}},
     {"pbs", {"qstat", "-B"}},
@@ -92,7 +92,7 @@ Findings CheckCommands(const Site& site) {
                         "every run is refused with 'No host detected'",
                         "install it, or set PATH in the environment file"});
   }
-  // That not all accounts could be asked is said of the script.
+  // CheckScript() says it already when not all accounts could be asked.
   if (!needs.empty()) AddExcluded(needs, FindExcluded(site, needs), findings);
   const auto question = kQuestions.find(name);
   if (findings.empty() && !scheduler.empty() && question != kQuestions.end()) {

@@ -23,11 +23,11 @@ namespace {
 constexpr std::size_t kMostOfCommsLog = 2 << 20;
 constexpr std::size_t kEndOfCommsLog = 64 << 10;
 
-// A file system that does not answer holds all that read from it.
+// A thread that reads from a file system that does not answer is lost to the other files.
 constexpr std::size_t kThreads = 64;
 constexpr std::chrono::seconds kPatience{2};
 
-// What threads do that may never come back.
+// The files, and what threads have read of them, which may never come back from one.
 class Work {
  public:
   explicit Work(const std::vector<CommsLogFile>& files) : files_(files), texts_(files.size()) {
@@ -45,7 +45,7 @@ class Work {
     }
   }
 
-  // Waits until all files are read, or for as long as nothing moves any more.
+  // Waits until all files are read, or until none has been finished for kPatience.
   std::vector<CommsLogText> Await() {
     std::unique_lock lock(mutex_);
     std::size_t before = 0;

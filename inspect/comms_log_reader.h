@@ -29,7 +29,7 @@ struct CommsLogText {
 /// Reads the files. One whose file system does not answer within two seconds is left alone.
 std::vector<CommsLogText> ReadCommsLogs(const std::vector<CommsLogFile>& files);
 
-/// Adds what their comms logs tell of the runs, all of which have a connection child.
+/// Adds to each run what its comms log tells. All of `runs` have to have a connection child.
 void AddCommsLogs(const Machine& machine, std::vector<Run>& runs);
 
 }  // namespace inspect

@@ -27,13 +27,15 @@ constexpr std::string_view kSubmitted = ") is submitted";
 constexpr std::size_t kLinesOfOutput = 5;
 constexpr std::size_t kMostOfLine = 300;
 
-// A script may print such short labels by itself.
+// Characters of the shortest label that is the daemon's for sure: scripts may print "Path: ".
 constexpr std::size_t kDistinctive = 11;
 
 // The lines of the daemon's start: a blank one, the time, versions, options, the directory.
 constexpr std::size_t kLinesOfStart = 5;
 constexpr std::size_t kLineOfOptions = 4;
 
+// Whether a line of another connection at this step stands among a connection's own. While a file
+// is copied, which may take long, it does not.
 bool StandsAmongOthers(Step step) {
   return step >= Step::kCluster && step <= Step::kArgument6 && step != Step::kCopying;
 }
@@ -52,7 +54,7 @@ Options OptionsIn(std::string_view line) {
   return ParseOptions(words);
 }
 
-// What the shipped scripts put of a root name into the name of a job.
+// How the name of a job begins that a shipped script submits for a model of this root name.
 std::string InJobName(const std::string& root) {
   std::string name;
   for (const char c : root) {
@@ -160,8 +162,8 @@ void ConnectionLog::AddLine(std::string_view line) {
     }
     return;
   }
-  // The value of the last argument, which would end its line, is none. What the script prints or
-  // somebody else logs follows.
+  // The label of the last argument has no value and no line end behind it. What the script prints,
+  // or another process logs, follows in the same line.
   const auto starting = open_.find(Step::kArgument6);
   if (line.starts_with(kLastArgument) && starting != open_.end()) {
     const auto& starters = starting->second;
@@ -228,7 +230,7 @@ bool ConnectionLog::AddDaemonLine(std::string_view line) {
   return true;
 }
 
-// Marks those in the middle of their start, and `speaker`, whose line stands among theirs.
+// Marks connections in the middle of their start, and `speaker`, whose line stands among theirs.
 void ConnectionLog::MarkOthersInStart(Connection& speaker) {
   bool among = false;
   for (auto& [step, connections] : open_) {
@@ -266,7 +268,7 @@ bool ConnectionLog::AddConnectionLine(std::string_view line) {
     return true;
   }
   Connection& connection = Choose(*found, candidates);
-  // Of the rules for one line those of other steps may have come last.
+  // Several rules may fit the line, each for another step. Apply the one for this connection's.
   const auto rule = std::ranges::find_if(Rules(), [&](const Rule& candidate) {
     return candidate.from == connection.step && candidate.Fits(line);
   });
@@ -277,7 +279,8 @@ bool ConnectionLog::AddConnectionLine(std::string_view line) {
 
 Connection& ConnectionLog::Choose(const Rule& rule,
                                   const std::vector<Connection*>& candidates) const {
-  // Connections may stay idle for ever, and those that ask do so at once. The port will tell.
+  // A greeted connection may stay idle for ever, and those that ask do so at once: take the latest.
+  // Its port will tell, see RightOne().
   const bool asks = rule.from == Step::kGreeted;
   if (asks && candidates.size() > 1) {
     for (Connection* candidate : candidates) candidate->guessed = true;
@@ -306,7 +309,7 @@ void ConnectionLog::Apply(const Rule& rule, std::string_view line, Connection& c
   if (rule.to == Step::kArgument5) CheckPort(&connection);
 }
 
-// Leaves out what a run's log tells of others: the values of variables, and who else may run.
+// Keeps a line without what concerns others: the values of variables, and who else may run.
 void ConnectionLog::Keep(Connection& connection, std::string_view line) const {
   if (!keeps_lines_) return;
   if (connection.step == Step::kUsers &&
@@ -495,8 +498,8 @@ void ConnectionLog::EndWait(Connection& connection, const Answer& answer) {
   Move(connection, answer.host ? Step::kLaunched : Step::kEnded);
 }
 
-// Gives the answers with a host to those that are known to have one, and for which only one is
-// left. Whether there was any.
+// Gives each connection that is known to have a host its answer, where only one is left for it.
+// Returns whether there was any.
 bool ConnectionLog::GiveHosts() {
   bool any = false;
   for (Connection& connection : connections_) {
@@ -517,7 +520,7 @@ void ConnectionLog::Settle() {
   for (std::size_t i = 0; i < connections_.size(); ++i) {
     connections_[i].unproven = connections_[i].unproven && i >= confirmed_.value_or(0);
   }
-  // Takes a connection out of all answers that are none of it.
+  // Takes a connection out of the candidates of all answers but those that `unless` holds for.
   const auto leave = [&](const Connection* connection, const auto& unless) {
     for (Answer& answer : answers_) {
       if (!unless(answer)) std::erase(answer.candidates, connection);

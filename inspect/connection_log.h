@@ -40,18 +40,18 @@ enum class Step {
   kArgument5,
   kArgument6,
   kScript,    ///< the script runs and has named no host
-  kMixed,     ///< as many scripts have been answered for as ran, this one among them
+  kMixed,     ///< its script has ended or named a host; the log does not tell which
   kLaunched,  ///< the master was told the host: the log says nothing more
-  kEnded,     ///< before that
+  kEnded,     ///< it ended before it was launched
 };
 
 /// What the log of a daemon tells of one connection.
 struct Connection {
-  std::size_t index = 0;  ///< the how many-th of its log, from 0 on
+  std::size_t index = 0;  ///< its place among the connections of the log, from 0 on
   std::time_t began = 0;
   Step step = Step::kAccepted;
   std::string reason;  ///< of its end, see End; empty: it was launched, or the log does not tell
-  std::string text;    ///< the line that tells the end, as far as it follows the known words
+  std::string text;    ///< what follows the known words in the line that tells the end
   LogPlace first;      ///< its first line
   LogPlace last;       ///< the last that is its own
 
@@ -73,23 +73,22 @@ struct Connection {
   std::optional<std::string> job;
   std::deque<std::string> output;  ///< the last lines of its script, cut to a readable length
 
-  // Where they are kept: see EndedRun.
+  // Empty unless they are kept: see EndedRun.
   std::vector<std::string> lines;
   std::vector<std::string> environment;
 
-  bool mixed = false;  ///< lines of others stand between those of its start
-  bool guessed =
-      false;  ///< several that had asked for nothing might have asked: its time is unsure
+  bool mixed = false;     ///< lines of others stand between those of its start
+  bool guessed = false;   ///< several might have sent its request: `began` is unsure
   bool doubtful = false;  ///< the log contradicts itself here, see ConnectionLog
   bool unproven = false;  ///< began while scripts could write into the log; nothing confirms it
 
-  bool unheard = false;    ///< scripts have said what cannot be told from what this one's says
+  bool unheard = false;    ///< `output` may lack lines: nobody knows which script printed them
   bool undecided = false;  ///< several scripts have ended, or named hosts: which one is not known
 
-  // What others have found out: see ConnectionLog::Settle().
-  bool alive = false;
-  bool runs_on = false;   ///< it was alive after the log was read, too
-  bool has_host = false;  ///< and is launched, therefore
+  // Set from outside, by other sources than the log, for ConnectionLog::Settle().
+  bool alive = false;     ///< it went on when the processes were looked at
+  bool runs_on = false;   ///< it went on after the log was read, too
+  bool has_host = false;  ///< its script has named a host: it was launched
 };
 
 /// The time that `text` is, in the form in which daemons log it; none when it is no such time.
@@ -97,31 +96,31 @@ std::optional<std::time_t> TimeIn(std::string_view text);
 
 /// Reads the log that one start of a daemon has begun. The lines of a log carry no sign of the
 /// connection that they belong to, those of connections at the same time are mixed, and masters can
-/// put line ends, and whole lines that look like the daemon's, into their texts. What does not give
-/// it away is taken as it is; these do:
+/// put line ends, and whole lines that look like the daemon's, into their texts. These signs give
+/// mixed and made-up lines away; without any, a line is taken as it is:
 ///
-///   - A line that looks like the daemon's and that no connection could have come to.
-///   - Lines of others between those of a request or of a script's arguments, which are written
-///     together.
-///   - Comms ports that do not go on by one from connection to connection. They do in the daemon,
-///   so
+///   - A line looks like the daemon's, and no connection has come so far that it could be its next.
+///   - Lines of others stand between those of a request or of a script's arguments, which are
+///     written together.
+///   - Comms ports do not go on by one from connection to connection, as the daemon hands them out:
 ///     a connection that somebody has made up is one too many.
 class ConnectionLog {
  public:
+  /// With `keeps_lines` the connections get their `lines` and `environment`.
   explicit ConnectionLog(bool keeps_lines = false) : keeps_lines_(keeps_lines) {}
 
   /// The lines that follow are those of `file`, from its first one on.
   void BeginFile(const std::string& file);
   void AddLine(std::string_view line);
 
-  /// All that have begun so far. What is told of them changes with further lines.
+  /// All that have begun so far. Pointers to them stay valid; further lines change what they tell.
   std::deque<Connection>& connections() { return connections_; }
 
   /// The options of the daemon; none when the log does not begin with its start.
   const std::optional<Options>& options() const { return options_; }
 
-  /// To be called last, when `runs_on` and `has_host` are known. Gives the lines that end the wait
-  /// for a script to the connections that they can only belong to, where several waited.
+  /// To be called last, when `runs_on` and `has_host` are known. Where several connections waited
+  /// for their scripts, gives each line that ends a wait to the only one that it can belong to.
   void Settle();
 
  private:
@@ -158,7 +157,7 @@ class ConnectionLog {
   std::deque<Connection> connections_;
   std::map<Step, std::vector<Connection*>> open_;
   Connection* speaker_ = nullptr;      // of the last line
-  Connection* last_script_ = nullptr;  // whose script has printed a line last, and which
+  Connection* last_script_ = nullptr;  // whose script has printed last, and the number of that line
   std::size_t last_script_line_ = 0;
   std::vector<Answer> answers_;
   LogPlace here_;
@@ -174,7 +173,7 @@ class ConnectionLog {
 /// How a connection ended that was not launched.
 End EndOfStart(const Connection& connection);
 
-/// How a run ended whose comms log this is.
+/// How the run of `connection` ended, which has written the comms log.
 End EndOfRun(const CommsLog& log, const Connection& connection);
 
 }  // namespace inspect

@@ -89,7 +89,7 @@ std::optional<Launch> DaemonLog::Find(const LaunchKey& key) const {
   };
   const auto script = std::find_if(scripts_.begin(), scripts_.end(), matches);
   if (script == scripts_.end()) return std::nullopt;
-  // The port is handed out again after all others. More likely somebody has made up the second.
+  // A port is handed out again only after all others: more likely one of two launches is made up.
   if (std::any_of(script + 1, scripts_.end(), matches)) return std::nullopt;
   Launch launch{script->path, script->root, script->processes, script->port, {}, {}};
   AddRequest(*first, script->line, launch);

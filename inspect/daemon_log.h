@@ -9,7 +9,7 @@
 
 namespace inspect {
 
-/// What a process of the jobmill asked of its script, for finding its launch in the log.
+/// What is known of the launch of a run, by which it is looked for in the log.
 struct LaunchKey {
   std::time_t started = 0;           ///< when its connection child started, give or take a second
   std::optional<std::string> path;   ///< unknown: any

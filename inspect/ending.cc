@@ -44,7 +44,7 @@ constexpr Sentence kBeforeScript[] = {
 };
 
 // How the text begins with which a connector, the client of the simulator or the system explains a
-// failed request.
+// failed request. The last row fits every text.
 constexpr Sentence kFailures[] = {
     {"timed-out", Ending::kNoSimulator, "Connection timed out."},
     {"host-unknown", Ending::kNoSimulator, "resolve: "},

@@ -70,7 +70,8 @@ const char* SpecialReader(const std::string& name) {
   return nullptr;
 }
 
-// Whether a list of directories has one that is not absolute, the nothing beside a colon too.
+// Whether a list of directories has one that is not absolute. An empty one counts as such: it
+// stands for the working directory.
 bool HasRelativeDirectory(const std::string& value) {
   const std::string all = value + ":";
   for (std::size_t begin = 0; begin < all.size(); begin = all.find(':', begin) + 1) {
@@ -228,7 +229,7 @@ class EnvironmentFileCheck {
     }
   }
 
-  // Of the file, or of the environment in which the daemon starts.
+  // Whether the variable is set already, further up or in the environment that the daemon gets.
   void CheckPresent(const Word& word) {
     const auto [former, fresh] = set_.try_emplace(word.text, word.line);
     const bool at_start = site_.environment.contains(word.text);
@@ -239,12 +240,13 @@ class EnvironmentFileCheck {
         "its value, a colon and the former value are joined", "set it in one place only");
   }
 
-  // Why a shell does not start, as an account of a run; it executes nothing.
+  // Why bash, with nothing to execute, does not start as `account`, or as this process's if that is
+  // null; empty when it starts, nothing when that cannot be found out.
   std::optional<std::string> TryShell(const Account* account, bool in_environment) const {
     return Ask(
         [&] {
           if (in_environment) TakeEnvironment(site_);
-          // What these name would be executed.
+          // A shell executes the files that these name.
           unsetenv("BASH_ENV");
           unsetenv("ENV");
           if (account != nullptr) Become(*account);

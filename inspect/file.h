@@ -20,9 +20,9 @@ std::string RealName(const std::string& name);
 /// `text` with everything but printable ASCII as \xNN. What files hold must not command a terminal.
 std::string Printable(std::string_view text);
 
-/// Whether somebody but root and this process's account can change what `name`, a file without
-/// links in its path, holds, or put another file in its place. Says how: "has the mode 0666",
-/// "belongs to account 1000"; empty when nobody can.
+/// How others than root can change what `name`, a file without links in its path, holds, or put
+/// another file in its place: "it has the mode 0666", "it belongs to account 1000"; empty when they
+/// cannot. With `own_account` this process's account is none of the others.
 std::string WritableBy(const std::string& name, bool own_account);
 
 }  // namespace inspect

@@ -23,7 +23,7 @@ using Json = nlohmann::json;
 constexpr double kOld = 30;
 constexpr std::int64_t kMostBytes = std::int64_t{16} << 20;
 
-// JSON may hold 1e300 or -1, which a gate never says. Throws.
+// Reads a count. Throws on what a gate never says: JSON may hold 1e300 or -1.
 std::int64_t CountIn(const Json& said, std::uint64_t most = std::uint64_t{1} << 53) {
   if (!said.is_number_unsigned() || said.get<std::uint64_t>() > most) {
     throw std::out_of_range("no count");

@@ -23,7 +23,7 @@ struct GateLink {
 /// A serving gate, as it has said itself.
 struct Gate {
   std::string file;
-  double time = 0;  ///< when
+  double time = 0;  ///< when, in seconds since 1970
   int daemon_port = 0;
   std::vector<GateLink> links;
   std::map<std::string, std::int64_t> counts;  ///< of what has happened since its start

@@ -30,8 +30,8 @@ struct Item {
   int port = 0;
   uid_t owner = 0;  // of the daemon's log; becomes that of the run where an account is told
   std::string comms_log;
-  const CommsLogText* comms = nullptr;  // its own
-  std::string comms_error;              // why there is none
+  const CommsLogText* comms = nullptr;  // null where the file is another run's, or cannot be read
+  std::string comms_error;              // why `comms` is null
 };
 
 // What a name is for the system, which ends it at the first zero byte.
@@ -169,7 +169,7 @@ void Reading::ReadComms() {
     if (!possible || !item.comms_error.empty()) continue;
     if (options && !options->comms_log) continue;
     const std::string model = *connection.script_path + *connection.script_root;
-    // Where a field holds a zero byte there is none.
+    // The script got a path up to its first zero byte, and the jobmill writes no comms log then.
     const bool cut = connection.path != connection.script_path;
     if (!model.starts_with('/') || cut) continue;
     item.comms_log = model + std::string(kCommsLogEnd);
@@ -183,8 +183,8 @@ void Reading::ReadComms() {
   for (auto& [file, items] : sharers) TakeComms(items, *text++);
 }
 
-// A comms log is begun afresh by each run of the same model: it is that of the last that was
-// launched before it was made.
+// Each run of a model begins the comms log afresh. So the file is that of the last of `sharers` to
+// be launched before it was made.
 void Reading::TakeComms(const std::vector<Item*>& sharers, const CommsLogText& text) {
   if (!text.error.empty()) {
     for (Item* item : sharers) item->comms_error = text.error;

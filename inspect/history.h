@@ -56,7 +56,7 @@ struct EndedRun {
 
   // Only from ReadHistoryWithLines().
   bool goes_on = false;            ///< it has not ended
-  std::vector<std::string> lines;  ///< its own ones in the daemon's log
+  std::vector<std::string> lines;  ///< those of the daemon's log that are this run's own
   /// The values that the environment file gave it, which are left out of `lines`, as is the list of
   /// users.
   std::vector<std::string> environment;

@@ -53,15 +53,15 @@ std::string HasAddress(const std::string& name) {
 struct HostName {
   std::string name;
   std::string whose;
-  Severity severity;  // of its having none
+  Severity severity;  // when it has none
 };
 
-// What the resolver reads. An account that may not resolves nothing, or only part of it.
+// What the resolver reads. An account that may not read these resolves no names, or only some.
 constexpr std::array kResolverFiles = {"/etc/nsswitch.conf", "/etc/hosts", "/etc/host.conf",
                                        "/etc/resolv.conf"};
 
-// The same as an account sees it: the controller of a run has changed its account when it looks for
-// the host. After a "0" come the files that the account cannot read.
+// HasAddress() as an account sees it: the controller of a run has changed its account when it looks
+// for the host. After a "0" come the resolver's files that the account cannot read.
 std::string HasAddressAs(const Account& account, const std::string& name) {
   Become(account);
   std::string answer = HasAddress(name);

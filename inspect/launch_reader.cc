@@ -27,7 +27,7 @@ std::string LaunchReader::LogOf(const Jobmill& jobmill, Run& run) const {
   }
   for (const char* directory : {"/var/log/jobmill/", "/var/log/", "/tmp/"}) {
     std::string file = directory + name + "log";
-    // In /tmp anybody may put a file of the name.
+    // In /tmp anybody may put a file of that name, so its owner has to be the daemon's account.
     if (jobmill.user &&
         RunFile(file, jobmill.options.run_as_root ? 0 : *jobmill.user).error().empty()) {
       return file;
@@ -62,7 +62,7 @@ void LaunchReader::Add(const Jobmill& jobmill, Run& run) {
     return;
   }
   LaunchKey key{static_cast<std::time_t>(*run.began), run.path, run.root, run.comms_port, {}};
-  // The script has ended; the comms log has the model's name.
+  // A script that has ended tells path and root name no more. The comms log's name has both.
   std::string model = WithoutDeleted(jobmill.FileWith("", kCommsLogEnd));
   if (!run.root && !model.empty()) key.model = model.substr(0, model.size() - kCommsLogEnd.size());
   if (const auto launch = log->Find(key)) {

@@ -29,7 +29,8 @@ constexpr std::string_view kStarted = "Daemon started: ";
 constexpr std::string_view kTimes[] = {
     kStarted, "Accepted incoming connection: ", "Answering call in child process: "};
 
-// Later than all names of rotated files, as such a name tells a date or a time.
+// More than any date or time, read as a number, that the name of a rotated file tells. The
+// difference is the file's age.
 constexpr long kLatestDate = 99'999'999'999;
 
 // A compressed file can hold a thousand times its size.
@@ -56,7 +57,7 @@ class Reader {
   const std::string& error() const { return error_; }
   const struct stat& status() const { return file_.status(); }
 
-  // Empty at the end, and when that fails.
+  // The next block; empty at the end, and when reading fails, which error() tells.
   std::string Read() {
     std::string block(kBlock, '\0');
     if (!error_.empty()) return {};
@@ -105,7 +106,7 @@ std::optional<LogPart> PartOf(const std::string& file) {
   return name.front() == '-' || name.front() == '.' ? std::optional(part) : std::nullopt;
 }
 
-// Looks at the beginning of a part.
+// Finds out what the beginning of a part tells. Returns why that failed; empty when it did not.
 std::string Inspect(LogPart& part) {
   Reader reader(part.file);
   if (!reader.error().empty()) return reader.error();
@@ -142,8 +143,8 @@ bool IsTrusted(const LogPart& part, const Runs& now) {
          });
 }
 
-// The log of the start before the one that writes now may tell no time: all that it holds was
-// written after the logs of that start that have been rotated.
+// Puts the parts in the order in which they were written. The part of the previous start may tell
+// no time: it comes right before the part that the present start has begun.
 void Sort(std::vector<LogPart>& parts) {
   const auto time = [](const LogPart& part) { return part.first.value_or(part.changed); };
   std::ranges::sort(parts, [&](const LogPart& a, const LogPart& b) {
@@ -176,7 +177,7 @@ std::vector<std::vector<LogPart>> FindLogs(const Runs& now, double since,
     }
   }
   std::ranges::sort(files);
-  // Those of daemons that have mounts of their own.
+  // The log of a daemon that has mounts of its own is found through its process only.
   for (const Daemon& daemon : now.daemons) {
     if (!daemon.log.empty()) files.push_back(daemon.log);
   }

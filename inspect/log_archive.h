@@ -26,9 +26,10 @@ struct LogPart {
   std::optional<std::time_t> first;  ///< the first time that it tells
 };
 
-/// The parts of the log of each daemon, in the order in which they were written: first by daemon,
-/// then by time. Files in directories that everybody may write to are taken only from root, from
-/// this process's account and from the accounts of the daemons that run.
+/// The parts of the log of each daemon, in the order in which they were written. Left out are files
+/// that were last written before `since`; and, where everybody may put files, those that belong
+/// neither to root nor to this process's account nor to that of the daemon that runs on their port.
+/// `missing` is told of these, and of what cannot be read.
 std::vector<std::vector<LogPart>> FindLogs(const Runs& now, double since,
                                            const LogDirectories& directories,
                                            std::vector<std::string>& missing);

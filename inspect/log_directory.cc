@@ -24,7 +24,7 @@ namespace fs = std::filesystem;
 constexpr unsigned long kLeastRoom = 100UL << 20;
 constexpr const char* kToTmp = "the log goes to /tmp";
 
-// What an attribute of the file system forbids, which not even root's rights help against.
+// The attribute of a file that keeps even root from replacing it; empty when it has none.
 std::string Attribute(const std::string& file) {
   struct statx status {};
   if (statx(AT_FDCWD, file.c_str(), AT_SYMLINK_NOFOLLOW, 0, &status) != 0) return "";
@@ -33,7 +33,8 @@ std::string Attribute(const std::string& file) {
   return "";
 }
 
-// "ROOM OBSTACLE"; the right to write is only asked for where it is the daemon's.
+// "ROOM OBSTACLE": the free bytes, and what keeps the daemon from writing there. Whether this
+// process may write there is asked only `as_daemon`, when it has the daemon's rights.
 std::string LookAt(const std::string& directory, bool as_daemon) {
   struct stat status {};
   if (stat(directory.c_str(), &status) != 0) return std::string("0 ") + strerror(errno);

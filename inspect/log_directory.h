@@ -6,8 +6,8 @@
 
 namespace inspect {
 
-/// What keeps a daemon of these options from writing its log where it is looked for, which is in
-/// `directory`; that of a unit, or /var/log, when it is empty.
+/// What keeps the daemon of a site from writing its log in `directory`, where people look for it.
+/// By default that is /var/log/jobmill for a daemon of a unit, and /var/log for any other.
 Findings CheckLogDirectory(const Site& site, std::string directory = "");
 
 }  // namespace inspect

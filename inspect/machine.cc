@@ -84,8 +84,8 @@ void Machine::ReadSocketsAgain() {
 
 bool Machine::IsListener(const Jobmill& jobmill) const {
   if (!jobmill.files) {
-    // No connection child leads a group. Other daemons may not do so either: they are known by what
-    // they have open only.
+    // No connection child leads a process group. A daemon that leads none either can only be known
+    // by what it has open, and is taken for a child here.
     return jobmill.stat.group == jobmill.stat.id.pid;
   }
   return std::any_of(

@@ -42,10 +42,9 @@ struct Link {
   TcpSocket socket;
 };
 
-/// The processes and sockets of this machine at one moment, and which of them are the jobmill's.
+/// The processes and sockets of this machine when this is made, and which are the jobmill's.
 class Machine {
  public:
-  /// Reads them.
   Machine();
 
   const std::map<pid_t, ProcessStat>& processes() const { return processes_; }
@@ -65,7 +64,7 @@ class Machine {
   std::vector<ProcessStat> Descendants(pid_t ancestor) const;
 
   /// The process of one of `users` that has this socket open, the jobmill's aside. The first call
-  /// looks through all files of these users' processes.
+  /// looks through all files of these users' processes; later ones take its result for any users.
   std::optional<pid_t> OwnerOf(std::uint64_t inode, const std::set<uid_t>& users);
 
   /// Reads the sockets and this process once more. None when the process has ended.

@@ -138,7 +138,7 @@ class OptionsCheck {
         "give it to root, with the mode 0644");
   }
 
-  // Options and their values, as the daemon takes them out of the words; the rest says nothing.
+  // Takes options and their values out of the words as the daemon does, which ignores the rest.
   void CheckWords() {
     std::map<char, std::string> seen;
     std::set<std::size_t> values;

@@ -13,7 +13,7 @@ namespace {
 
 using nlohmann::json;
 
-// Not those of this machine itself, and none that no other machine can have.
+// The addresses that other machines can have: neither 0.x and 127.x, nor 224.x and above.
 const AddressRanges kOthers = {{0x01000000, 0x7effffff}, {0x80000000, 0xdfffffff}};
 
 // More addresses than these in the rules are somebody's list of bad ones: it would take too long.
@@ -60,16 +60,16 @@ class Rules {
     }
   }
 
-  /// Where a range of addresses that are treated alike begins.
+  // Where ranges of addresses that are treated alike begin.
   const std::set<std::uint32_t>& bounds() const { return bounds_; }
 
-  /// The base chain to which the last one that was dropped came.
+  // The base chain that drops the source for which FateOf() has last said kDrop.
   std::string DroppedBy() const {
     const auto& [family, table, chain] = dropped_by_;
     return "chain " + chain + " of table " + family + " " + table;
   }
 
-  /// kAccept, kDrop or both.
+  // What becomes of a packet from `source`: kAccept, kDrop, or both where that is not known.
   unsigned FateOf(std::uint32_t source) {
     source_ = source;
     unsigned fate = kAccept;
@@ -123,7 +123,7 @@ class Rules {
     return fates | kGoesOn;
   }
 
-  // What a rule does with a packet that it matches.
+  // What a rule does with a packet that it matches. `matches`, kYes before, gets whether it does.
   unsigned FateBy(const json& rule, const ChainKey& chain, int depth, Truth& matches) {
     for (const json& part : rule) {
       const std::string name = part.is_object() && !part.empty() ? part.begin().key() : "";
@@ -273,7 +273,7 @@ class Rules {
   int port_;
   std::uint32_t source_ = 0;
   ChainKey dropped_by_;
-  std::vector<std::pair<ChainKey, bool>> bases_;  // whether what goes on to their ends is dropped
+  std::vector<std::pair<ChainKey, bool>> bases_;  // and whether what reaches their ends is dropped
   std::map<ChainKey, std::vector<const json*>> rules_;
   std::map<ChainKey, json> sets_;
   std::set<std::uint32_t> bounds_;

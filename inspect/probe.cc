@@ -114,7 +114,7 @@ bool Inquiry::HasEnded() {
   return child_ < 0;
 }
 
-// Who has closed the pipe is about to end, and is waited for.
+// A child that has answered has closed the pipe and is about to end: it is waited for.
 void Inquiry::End(bool answered) {
   input_.Reset();
   answered_ = answered;

@@ -16,7 +16,7 @@ namespace inspect {
 /// keep a process for minutes. What it changes, its account even, stays there.
 class Inquiry {
  public:
-  /// Begins to ask. Where no process is to be had, nothing is answered.
+  /// Begins to ask. Where no process can be created, nothing is answered.
   Inquiry(const std::function<std::string()>& question, std::chrono::milliseconds limit);
   Inquiry(const Inquiry&) = delete;
   Inquiry& operator=(const Inquiry&) = delete;
@@ -63,9 +63,9 @@ struct CommandAnswer {
 /// Whether what a command says about its failure is part of its answer.
 enum class Complaints { kLeftOut, kIncluded };
 
-/// Runs a program with arguments, in / and with nothing to read. A name without a slash is looked
-/// for in PATH. Nothing when it does not end within `limit`; it is killed then, with what it has
-/// started.
+/// Runs a program with arguments, in /, with LC_ALL=C and nothing to read. A name without a slash
+/// is looked for in PATH. Nothing when it does not end within `limit`; it is killed then, with what
+/// it has started.
 std::optional<CommandAnswer> RunCommand(const std::vector<std::string>& words,
                                         Complaints complaints = Complaints::kLeftOut,
                                         std::chrono::milliseconds limit = std::chrono::seconds(10));

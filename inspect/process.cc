@@ -66,7 +66,7 @@ std::optional<ProcessStat> StatIn(int directory) {
 }  // namespace
 
 std::optional<ProcessStat> ParseStat(std::string_view text) {
-  // The name may hold blanks and brackets: it ends at the last one.
+  // The name may hold blanks and brackets: it ends at the last bracket.
   const std::size_t open = text.find('(');
   const std::size_t close = text.rfind(')');
   if (open == std::string_view::npos || close == std::string_view::npos || close < open) {

@@ -54,8 +54,7 @@ class Process {
 
   const ProcessStat& stat() const { return stat_; }
 
-  /// Whether it has not ended since. A process that has ended and was not waited for counts as
-  /// ended.
+  /// Whether it has not ended since. One that was not waited for by its parent has ended, too.
   bool IsAlive() const;
 
   /// The effective user.

@@ -59,7 +59,7 @@ Findings CheckProgram(const Site& site) {
   }
   const auto answer =
       RunCommand({"/usr/bin/env", "-i", "LC_ALL=C", program, "-v"}, Complaints::kIncluded);
-  // The exit status that goes with it is 1. The loader may say something in front of it.
+  // The daemon ends with status 1 after its version. The loader may say something before that.
   if (answer && answer->output.find("Jobmill.\n") != std::string::npos) return findings;
   std::string what = "does not answer within 10 s when it is asked for its version";
   if (answer) {

@@ -15,7 +15,7 @@ namespace inspect {
 /// A file system that does not answer can still make every call wait.
 class RunFile {
  public:
-  /// When that fails, `error()` says why.
+  /// Opens the file. When that fails, `error()` says why.
   explicit RunFile(const std::string& path);
 
   /// The same, for a file that has to belong to `owner`.
@@ -25,14 +25,14 @@ class RunFile {
   std::int64_t size() const { return status_.st_size; }
   const struct stat& status() const { return status_; }
 
-  /// Its descriptor, which stays this object's. It reads from the beginning.
+  /// The file's descriptor, which stays this object's and stands at the beginning.
   int descriptor() const { return file_.get(); }
 
-  /// Up to `most` bytes from `offset` on; fewer at the end or when that fails.
+  /// Up to `most` bytes from `offset` on; fewer at the end of the file or when reading fails.
   std::string Read(std::int64_t offset, std::size_t most) const;
 
-  /// The last bytes, `most` at most. Where they do not begin with the file's beginning, the line in
-  /// the middle of which they begin is left out.
+  /// The whole file, or, of one that is longer than `most` bytes, the whole lines among its last
+  /// `most` bytes.
   std::string Tail(std::size_t most) const;
 
  private:

@@ -78,7 +78,7 @@ void RunMembers::AddMembers(std::vector<Run>& runs) const {
     if (run.simulator) members.insert(*run.simulator);
     std::set<std::string> texts;
     for (const Mark& mark : marks_) {
-      // A simulator that a scheduler has started, and that does not listen yet.
+      // A simulator that a scheduler has started is known by its arguments before it listens.
       const auto process =
           run.comms_port && mark.user == run.user ? Process::Open(mark.stat.id) : std::nullopt;
       const std::vector<std::string> arguments =

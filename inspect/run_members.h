@@ -22,12 +22,12 @@ class RunMembers {
   /// port.
   void AddSimulators(std::vector<Run>& runs);
 
-  /// Adds the processes of each run: what descends from its connection child, and what carries the
-  /// mark of one of those, or of its simulator, which a scheduler may have started.
+  /// Adds the processes of each run: what descends from its connection child, its simulator, which
+  /// a scheduler may have started, and what carries the mark of one of these.
   void AddMembers(std::vector<Run>& runs) const;
 
-  /// Adds a run for the scripts that are left, with what descends from them, and for what carries a
-  /// mark that no run has.
+  /// Adds a run for each script that is in no run, with what descends from it, and for each mark of
+  /// processes that are in none. To be called after AddMembers().
   void AddLost(std::vector<Run>& runs) const;
 
  private:

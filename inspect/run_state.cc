@@ -29,7 +29,7 @@ std::optional<bool> HasScript(const Machine& machine, const Jobmill& jobmill, co
   return std::nullopt;
 }
 
-// What comes last on the master's link: a request, so that it is the jobmill's turn, or an answer.
+// Whether what came last on the master's link is a request, so that it is the jobmill's turn.
 std::optional<bool> IsOurTurn(const std::optional<Link>& master) {
   if (!master || !master->socket.since_received || !master->socket.since_sent ||
       *master->socket.since_received == *master->socket.since_sent) {

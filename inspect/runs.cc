@@ -21,7 +21,6 @@ namespace {
 // A run that changes while it is looked at is looked at again this often.
 constexpr int kAttempts = 4;
 
-// Puts together what the parts know.
 class Survey {
  public:
   explicit Survey(const std::string& gates) { found_.gates = ReadGates(gates, Now()); }
@@ -148,7 +147,7 @@ void Survey::Describe(const Jobmill& jobmill, Run& run) {
   launches_.Add(jobmill, run);
 }
 
-// A gate is a master on this machine, or in the next one that forwards its port.
+// A gate connects over the loopback interface. A master elsewhere may have the same port number.
 void Survey::AddGate(Run& run) const {
   const GateLink* link = FindLink(found_.gates, run.master->port, run.listen_port);
   if (link == nullptr || !run.master->address.starts_with("127.")) return;

@@ -88,7 +88,7 @@ struct Runs {
   std::vector<Run> runs;        ///< by port and start; lost ones last
   std::vector<Gate> gates;
   std::vector<std::string> missing;  ///< what of all this could not be looked at
-  std::optional<double> looked;      ///< when
+  std::optional<double> looked;      ///< when the machine was looked at
 };
 
 /// Whether the run's number is that of its controller, which may have ended a moment ago.
@@ -97,8 +97,8 @@ bool HasController(const Run& run);
 /// The time, in seconds since 1970.
 double Now();
 
-/// Looks. Takes a moment, and two seconds more when a file system does not answer. `gates`: where
-/// the gates of this machine say what goes on.
+/// Looks at this machine. Takes a moment, and two seconds more when a file system does not answer.
+/// `gates`: where the gates of this machine say what goes on.
 Runs FindRuns(const std::string& gates = kGateDirectory);
 
 }  // namespace inspect

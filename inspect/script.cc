@@ -36,11 +36,11 @@ constexpr std::string_view kProgramMark = "\177ELF";
 std::string SyntaxError(const std::string& shell, const std::string& file) {
   // Nothing in the environment, such as a file that the shell reads first, has a say.
   std::vector<std::string> words{"/usr/bin/env", "-i", "PATH=/usr/bin:/bin", "LC_ALL=C", shell};
-  // A script can turn these patterns on, which is not executed here either.
+  // A script that uses these patterns turns them on by a command, which is not executed here.
   if (shell == "bash") words.insert(words.end(), {"-O", "extglob"});
   words.insert(words.end(), {"-n", file});
   const auto answer = RunCommand(words, Complaints::kIncluded);
-  // More says env, of itself.
+  // From 125 on the status is that of env, which could not start the shell.
   const bool refused = answer && answer->status > 0 && answer->status < 125;
   return refused ? answer->output.substr(0, answer->output.find('\n')) : std::string();
 }
@@ -148,7 +148,7 @@ class ScriptCheck {
     AddExcluded(needs_, excluded, findings_);
   }
 
-  // In a file that the shell reads.
+  // Looks for carriage returns in a file that a shell reads, and tells of the first.
   bool HasCarriageReturns(const std::string& file, const std::string& text) {
     const auto lines = Lines(text);
     const auto first = std::ranges::find_if(lines, [](auto line) { return line.ends_with('\r'); });
@@ -239,7 +239,7 @@ class ScriptCheck {
         "what upgrades mend is not mended here", "link to the packaged script, or copy both again");
   }
 
-  // Those for clusters start it elsewhere, where it may be and is not here.
+  // Scripts for clusters start the simulator elsewhere: it may be there and not here.
   void CheckSimulator(const std::string& text) {
     if (!IsPackagedScript(text) || fs::path(file_).filename() != "local") return;
     std::string missing;

@@ -72,7 +72,7 @@ void AppendQuoted(Cursor& in, char quote, std::string& value) {
 std::string ReadValue(Cursor& in) {
   std::string value;
   bool bare = false;       // in a part without quotes
-  std::size_t counts = 0;  // so many characters; the blanks after them only if more follows
+  std::size_t counts = 0;  // so many characters of it: blanks at its end do not count
   while (!in.AtEnd()) {
     const char c = in.Next();
     if (IsOneOf(c, kLineEnds)) break;
@@ -114,7 +114,7 @@ void AddVariables(const std::vector<std::string>& texts, std::map<std::string, s
   }
 }
 
-// Where a daemon of this site runs, its environment is known, if this process may see it.
+// Takes the environment of a daemon of this site, if one runs and this process may see it.
 void TakeEnvironmentOfDaemon(Site& site) {
   std::error_code ignored;
   for (const auto& entry : fs::directory_iterator("/proc", ignored)) {

@@ -47,7 +47,7 @@ struct Site {
 inline constexpr const char* kConfigurationDirectory = "/etc/jobmill";
 
 /// The site of a daemon that is started by hand, here and now: with this process's environment
-/// and working directory, beside those of the configuration files in `directory`.
+/// and working directory. `directory` is that of the configuration files of other daemons.
 Site SiteOf(const std::vector<std::string>& words, const std::string& program,
             const std::string& directory = kConfigurationDirectory);
 

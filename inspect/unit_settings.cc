@@ -12,7 +12,7 @@ namespace {
 
 constexpr long kEnoughTasks = 32768;
 
-// A setting and the values with which it takes nothing from anybody, beside none at all.
+// A setting and the values, apart from the empty one, with which it takes nothing from anybody.
 struct Setting {
   std::string_view name;
   std::vector<std::string_view> harmless;
@@ -121,7 +121,7 @@ std::string Plain(const std::string& value) {
 }
 
 bool IsHarmless(const Setting& setting, const std::string& value) {
-  // An empty value puts a setting back, but for the one that is a list of all that is left.
+  // An empty value puts a setting back. Of the capabilities, though, an empty list leaves none.
   if (value.empty()) return setting.name != "CapabilityBoundingSet";
   if (std::ranges::find(setting.harmless, value) != setting.harmless.end()) return true;
   if (std::ranges::find(setting.harmless, Plain(value)) != setting.harmless.end()) return true;

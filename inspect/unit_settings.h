@@ -19,8 +19,8 @@ struct UnitLine {
 /// All such lines of these files, in their order. A file that cannot be read has none.
 std::vector<UnitLine> ReadUnit(const std::vector<std::string>& files);
 
-/// What these files take from scripts and simulators, which inherit all that is set for the daemon,
-/// or from the daemon itself.
+/// What these files take from the daemon, and from scripts and simulators, which inherit all that
+/// is set for it. Of equal settings the last one counts.
 Findings CheckUnitSettings(const std::vector<std::string>& files);
 
 }  // namespace inspect

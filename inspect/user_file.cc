@@ -24,7 +24,7 @@ UserFile::UserFile(const std::string& directory) {
   if (text) {
     for (const std::string_view line : Lines(*text)) lines_.emplace_back(line);
   }
-  // A record for each line, and none after them. There would be more if the file had just grown.
+  // The file may have grown since its lines were read: a record without a line is left out.
   for (const CVKUser* user = users_->first(); user != nullptr; user = user->next) {
     if (records_.size() < lines_.size()) records_.push_back(user);
   }

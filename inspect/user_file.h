@@ -12,7 +12,7 @@ namespace inspect {
 /// The user administration file, as the daemon reads it.
 class UserFile {
  public:
-  /// Reads the one in `directory`.
+  /// Reads the file in `directory`, where the daemon's executable lies.
   explicit UserFile(const std::string& directory);
 
   /// The file's name without links.
@@ -21,10 +21,10 @@ class UserFile {
   /// Why it could not be read, as in errno, EINVAL when it is no regular file; 0 when it was.
   int error() const { return error_; }
 
-  /// What a master is told then.
+  /// What a master is told when the file cannot be read.
   const std::string& refusal() const { return refusal_; }
 
-  /// The lines of the file, those that are not read too. The first ones are the records.
+  /// All lines of the file. The first of them are the records, the others the daemon does not read.
   const std::vector<std::string>& lines() const { return lines_; }
 
   /// The records, in the order of their lines; the first stands on line 1.

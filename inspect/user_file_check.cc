@@ -50,7 +50,6 @@ std::string Lower(std::string name) {
   return name;
 }
 
-// The checks of one file. Each adds to `findings`.
 class UserFileCheck {
  public:
   UserFileCheck(const Site& site, Findings& findings)
