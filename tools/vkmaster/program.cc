@@ -122,7 +122,7 @@ class Program {
     }
   }
 
-  // In this process, and for this run alone.
+  // Opens a gate in this process, for this run alone; the launch then connects to it.
   void OpenGate() {
 #ifdef JOBMILL_WITH_GATE
     const Gate& given = options_.gate;
@@ -133,7 +133,7 @@ class Program {
       if (missing) throw UsageError(fmt::format("For --gate there has to be {}", option));
     }
     try {
-      // So that it can still say why it has failed.
+      // An attempt ends before the launch stops waiting, so that the gate can say why it failed.
       const auto attempt =
           std::max(options_.connect_wait - std::chrono::seconds(1), std::chrono::seconds(1));
       gate_ = std::make_unique<gate::OwnGate>(
@@ -329,7 +329,7 @@ class Program {
       if (status != kOk) result = status;
       if (!GoesOn(status, options_.keep_going)) break;
     }
-    // A terminal that goes fails the write to it, and sends the signal that is the reason.
+    // When the terminal is closed a write to it fails, and the signal says why.
     return result != kOk && interrupt_.signal() != 0 ? SignalStatus() : result;
   }
 
@@ -467,9 +467,9 @@ class Program {
   Launched launched_;
   std::optional<Session> session_;
   bool quit_ = false;
-  bool patient_ = false;  // a Ctrl-C waits for the answer that is due
-  bool told_ = false;     // what the first Ctrl-C does
-  bool may_go_on_ = false;
+  bool patient_ = false;    // a Ctrl-C waits for the answer that is due
+  bool told_ = false;       // the note on what the first Ctrl-C does was written
+  bool may_go_on_ = false;  // the last failure sent nothing: the next command may be tried
   bool link_usable_ = true;
 };
 

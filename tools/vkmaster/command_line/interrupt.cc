@@ -8,7 +8,7 @@
 namespace vkmaster {
 namespace {
 
-// A signal handler may use them: they have no lock.
+// A signal handler may use these atomics, which have no lock.
 std::atomic<int> g_signal{0};
 std::atomic<int> g_count{0};
 static_assert(std::atomic<int>::is_always_lock_free);

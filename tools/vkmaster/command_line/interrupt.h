@@ -12,12 +12,12 @@ namespace vkmaster {
 /// the session or of the machine.
 class Interrupt {
  public:
-  /// Takes the signals over. Throws std::runtime_error when the system has nothing to wait for.
+  /// Takes the signals over. Throws std::runtime_error when the system refuses what that needs.
   Interrupt();
   Interrupt(const Interrupt&) = delete;
   Interrupt& operator=(const Interrupt&) = delete;
 
-  /// Raised from a signal until Clear().
+  /// Ends waits from a signal on until Clear().
   master::Wake wake() const;
 
   /// The last signal since Clear(), 0 for none.

@@ -55,7 +55,7 @@ class HelpFormatter : public CLI::Formatter {
   std::string make_usage(const CLI::App* /*app*/, std::string name) const override {
     return "Usage: " + name + " [OPTIONS] --port P --path DATA --root CASE [COMMAND ARGS...]\n";
   }
-  // The footer has them.
+  // The footer lists the commands.
   std::string make_subcommands(const CLI::App* /*app*/,
                                CLI::AppFormatMode /*mode*/) const override {
     return "";
@@ -72,7 +72,7 @@ std::string DefaultUser() {
   return AccountName();
 }
 
-// CLI11's own validators say up to where a number may go, in 309 digits.
+// CLI11's own validators would print the largest number that may be given, of 309 digits.
 CLI::Validator From(int low) {
   const auto check = [low](const std::string& word) {
     double value = 0;
@@ -273,7 +273,7 @@ std::optional<int> Parse(int argc, const char* const* argv, Options& options) {
   return std::nullopt;
 }
 
-// By the names of the options, without "--".
+// The launch options that are texts, by their names without "--".
 template <typename AnyOptions>
 auto LaunchTexts(AnyOptions& options) {
   auto& run = options.run;
@@ -336,8 +336,8 @@ void TakeOwnWords(Options& options) {
   }
 }
 
-// The daemon takes any number, and each but 20162 for 2017.2. A year that is none of the two is a
-// mistake all the same.
+// The daemon takes any number, and understands each but 20162 as 2017.2. A year that is neither of
+// the two is a mistake all the same.
 void CheckVersion(const std::string& version) {
   const bool year = version.size() == 4 || (version.size() > 4 && version[4] == '.');
   if (!year || version == "2016.2" || version == "2017.2") return;

@@ -73,8 +73,8 @@ std::optional<int> ParseOptions(int argc, const char* const* argv, Options& opti
 /// Takes what the plan says about the launch, except for the options that were given.
 void ApplyLaunch(const Plan& plan, Options& options);
 
-/// Makes the plan what it is with these options, and returns a sentence on what it says otherwise;
-/// empty for nothing.
+/// Puts the options that were given in place of what the plan says, and returns a sentence on what
+/// they have replaced; empty for nothing.
 std::string TakeOptions(const Options& options, Plan& plan);
 
 }  // namespace vkmaster

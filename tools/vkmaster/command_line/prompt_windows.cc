@@ -20,7 +20,7 @@ constexpr wchar_t kTab = L'\t';
 constexpr wchar_t kCtrlD = L'\x04';
 constexpr wchar_t kCtrlZ = L'\x1a';  // what Windows has for the end of an input
 const std::wstring kKeys{kTab, kCtrlD, kCtrlZ};
-// What the end of a read takes after Ctrl-C, and the thread of Ctrl-C after the end of a read.
+// Milliseconds that a read may take to end after Ctrl-C, and the thread of Ctrl-C after the read.
 constexpr DWORD kCtrlCTakes = 500;
 
 // What is common to all of `candidates` at their beginning.
@@ -34,8 +34,8 @@ std::string CommonBeginning(const std::vector<std::string>& candidates) {
   return common;
 }
 
-// What replaces the line after a tab key: one candidate and a blank, or what several have in
-// common. These are shown when that is nothing new.
+// What replaces the line after a tab key: the one candidate and a blank, or what several have in
+// common. The candidates are shown when that adds nothing to the line.
 std::string Completed(const std::string& line, const RunNames& names) {
   const std::size_t begin = line.find_last_of(" \t,;") + 1;
   const std::string word = line.substr(begin);
@@ -63,7 +63,7 @@ class Read {
  public:
   explicit Read(const std::wstring& begun) : line_(begun) {}
 
-  // Whether it has come to its end before `wake` was raised. `self` is this object, which the
+  // Reads the line; false when `wake` was raised before its end. `self` is this object, which the
   // thread needs for as long as it reads.
   static bool Await(const std::shared_ptr<Read>& self, HANDLE wake) {
     auto argument = std::make_unique<std::shared_ptr<Read>>(self);

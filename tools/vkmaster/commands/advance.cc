@@ -111,7 +111,7 @@ void CheckOrder(const std::vector<Command>& commands, Session* session) {
   const bool dates = std::any_of(commands.begin(), commands.end(), [](const Command& command) {
     return command.target && command.target->kind == Target::Kind::kDate;
   });
-  // Without dates all is said that can be said without the run.
+  // Days alone have been compared before the launch.
   if (session != nullptr && !dates) return;
   std::optional<Target> reached = Target{};
   if (session != nullptr) reached->days = session->TimeDays();
@@ -122,7 +122,7 @@ void CheckOrder(const std::vector<Command>& commands, Session* session) {
       next = {Target::Kind::kDays, DaysOf(next, *session), {}};
     }
     if (next.kind == Target::Kind::kRelative) {
-      // A date and so many days is a date that only the calendar knows: no more is said about it.
+      // Days from a date on, without the run's start: what comes next is compared with nothing.
       const bool known = reached && reached->kind == Target::Kind::kDays;
       reached = known ? std::optional(Target{Target::Kind::kDays, reached->days + next.days, {}})
                       : std::nullopt;
@@ -142,7 +142,7 @@ Result FieldResult(Session& session) {
   const Rates rates = AddSums(session, result);
   Totals& totals = session.totals();
   totals.Add(session.TimeDays(), rates);
-  // Nothing has flowed at the start of the run; later, zeros would say that nothing has.
+  // At the start of the run the totals are 0. The first ones later are empty: they are not known.
   const bool none = totals.up_to > 0 && totals.up_to == totals.since;
   for (std::size_t i = 0; i < rates.size(); ++i) {
     const Field rate = result.fields[i];

@@ -39,9 +39,9 @@ std::string EndedBefore(const Session& session, double target);
 /// simulation ends. When it has ended already, the row of its end is written.
 void Advance(Context& context, const AdvanceRequest& request);
 
-/// Throws UsageError when one of the commands goes to a time that an earlier one has reached. Days
-/// and dates are compared only with the session of the run that they are for, whose start is asked
-/// for when there are dates. Then targets behind the present time, too, are found out.
+/// Throws UsageError when one of the commands goes to a time that an earlier one has reached.
+/// Without `session` days are compared with days and dates with dates. With it, and with dates
+/// among the targets, all are compared as days, and with the present time of the run.
 void CheckOrder(const std::vector<Command>& commands, Session* session = nullptr);
 
 /// The sums over all wells, and what they add up to with all that the session has read before: the

@@ -52,7 +52,7 @@ struct Command {
   bool sets = false;  ///< whether its whole purpose is to set something of the run
 };
 
-/// The action that writes the result of `make`.
+/// What a parser makes of a command that writes the result of `make`.
 inline Parsed Showing(std::function<Result(Session&)> make, Check check = {}) {
   return {
       [make = std::move(make)](Context& context) { context.output.Write(make(context.session)); },

@@ -97,7 +97,7 @@ void NoteMissingSources(const Session& session, Result& result) {
   result.notes.emplace_back("Version 2016.2 (--api) has no external sources: nothing was changed");
 }
 
-// The well that `word` means, which a source can be attached to.
+// The well that `word` means. Throws UsageError when no source can be attached to it.
 std::string GasInjectorOf(Session& session, const std::string& word) {
   const std::vector<std::string> wells = session.Resolve({word});
   if (wells.size() != 1) throw UsageError("One well wanted, not " + word);
@@ -126,7 +126,8 @@ Result SourceResult(Session& session, const std::string& word, const std::string
   return result;
 }
 
-// The source's name, which the simulator would otherwise acknowledge without effect.
+// The name of the source `word`. Throws UsageError when it was not attached: the simulator
+// acknowledges the composition of a source that it does not know, without effect.
 std::string SourceOf(const Session& session, const std::string& word, bool planned) {
   if (IsMarked(word) || session.KnowsSource(word, planned)) return WithoutMark(word);
   const std::set<std::string>& known = session.sources();

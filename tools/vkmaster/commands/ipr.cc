@@ -29,7 +29,7 @@ Words RatesOf(const std::string& type) {
   return {"GAS_INJECTION_RATE"};
 }
 
-// The limits that the tables set on a well of this type, lifted.
+// The constraints that lift the limits that the tables have set on the well.
 master::WellConstraints FreeRates(const master::WellStatus& well, bool metric) {
   master::WellConstraints free{well.name, RatesOf(well.type), {}};
   for (const std::string& rate : free.names) {
@@ -38,7 +38,7 @@ master::WellConstraints FreeRates(const master::WellStatus& well, bool metric) {
   return free;
 }
 
-// A well with rate limits that nobody here knows and that the tables would lift for good.
+// A well on which the tables would lift, for good, rate limits that this session does not know.
 struct Lifted {
   std::string well;
   Words rates;   // by their short names
@@ -76,7 +76,7 @@ std::string ListOf(const std::vector<Lifted>& all) {
   return Listed(texts);
 }
 
-// The forecast would change, and nobody would notice.
+// Refuses tables that would lift limits of the model and so, unnoticed, change the forecast.
 void CheckLimits(const IPROrder& order, const std::vector<Lifted>& lifted) {
   if (order.keep || order.lift || lifted.empty()) return;
   const Lifted& first = lifted.front();

@@ -21,10 +21,10 @@ IPROrder ParseIPROrder(const Words& arguments);
 
 Parsed ParseIPR(const Words& arguments);
 
-/// Builds the tables. The daemon opens the wells for it and leaves them cut back to the rate of the
-/// last point. Unless the order says keep, the wells then get their earlier statuses and the rate
-/// limits that this session set. Limits that it did not set cannot be known: unless the order says
-/// lift, wells with such are refused.
+/// Builds the tables. The daemon opens the wells for that and leaves them cut back to the rate of
+/// the last point. Unless the order says keep, the wells then get their earlier statuses and the
+/// rate limits that this session set. Limits that the model set cannot be known: unless the order
+/// says lift, wells that may have such limits are refused.
 Result BuildIPR(Session& session, const IPROrder& order);
 
 }  // namespace vkmaster

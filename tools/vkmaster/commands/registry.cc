@@ -23,7 +23,7 @@ struct Entry {
   CommandHelp help;
   Parser parse;
   bool needs_run = true;
-  bool sets = false;  // something of the run, and nothing else
+  bool sets = false;  // its whole purpose is to set something of the run
 };
 
 void RefuseArguments(const Words& arguments) {
@@ -42,7 +42,7 @@ Result One(const std::string& command, Field field) {
   return {.command = command, .fields = {std::move(field)}};
 }
 
-// What was done already is no reason to end a run.
+// A second connect or first-step gets a note: a failure would end the run.
 Result Connected(Session& session) {
   const bool before = session.connected() && !session.shut_down();
   if (!before) session.Connect();
@@ -250,7 +250,7 @@ std::string HelpText(const std::string& name) {
 }
 
 Command ParseCommand(const Words& words) {
-  // What other prompts call it. With a well behind it, close is no leave-taking.
+  // Other prompts have these words for quit. "close P1" is a wish to shut a well, not to leave.
   if (words == Words{"exit"} || words == Words{"close"}) return ParseCommand({"quit"});
   const Entry& entry = EntryOf(words.at(0));
   try {

@@ -67,7 +67,7 @@ Result DataResult(Session& session, const Words& patterns) {
   return {.command = "data", .tables = {std::move(table)}};
 }
 
-// What is known here, or of it what can be limited.
+// The quantities that are known here, with `limits` those that can be limited.
 Result NamesResult(Session& session, const std::string& command, bool limits) {
   const Units& units = UnitsOf(session.Metric());
   Table table{"names",
@@ -135,10 +135,10 @@ Table SameForAll(const Words& wells, const Column& column, const Value& value) {
   return table;
 }
 
-// Differences below this part are rounding.
+// Values that differ by less than this share of them differ by rounding.
 constexpr double kSameValue = 1e-6;
 
-// The simulator acknowledges what it does not do.
+// The simulator acknowledges also what it does not do. `wells` has phrases such as "P1 is SHUT".
 void NoteWithoutEffect(const Words& wells, Result& result) {
   if (wells.empty()) return;
   result.notes.push_back("The simulator has acknowledged it, but " + Listed(wells));
@@ -232,7 +232,7 @@ double RateOf(const master::WellData& data, const std::string& property) {
 }
 
 // Limits hold at once, without a step. A rate beyond its limit shows that the simulator has not
-// taken the limit. Pressures do not show that much: a well that does not flow has any.
+// taken the limit. Pressures do not show that: a well that does not flow may have any.
 void NoteRatesBeyond(Session& session, const std::vector<master::WellConstraints>& wells,
                      Result& result) {
   std::vector<std::string> names;
@@ -287,8 +287,8 @@ bool IsLimitName(const std::string& word) {
   return IsRead(ConstraintOf, word);
 }
 
-// The limits that were set on the well in this session, with `planned` also those that will have
-// been, except those out of reach.
+// The limits that this session has set on the well, with `planned` also those that it will set,
+// without those that NoLimit() has put out of reach.
 Words LimitsInForce(Session& session, const std::string& well, const std::string& type,
                     bool planned) {
   const master::WellConstraints known = session.Remembered(well, planned);
@@ -301,7 +301,7 @@ Words LimitsInForce(Session& session, const std::string& well, const std::string
   return names;
 }
 
-// What takes the limits called `names` off the wells, all that are in force without names.
+// The constraints that take the limits `names` off the wells; without names, all that are in force.
 std::vector<master::WellConstraints> FreeLimits(Session& session, const Words& patterns,
                                                 const Words& names, bool planned) {
   const Words wells = session.Resolve(patterns);
@@ -365,7 +365,8 @@ std::string Listed(const Words& words) {
 }
 
 double NoLimit(const std::string& property, const std::string& well_type, bool metric) {
-  // What the daemon begins its inflow tables with: in field units, and what it is in a metric run.
+  // The daemon begins its inflow tables with the same limits: 100,000 in field units, and in metric
+  // runs that times these factors.
   constexpr double kFreeRate = 100000;
   constexpr double kMetricLiquid = 0.158987;
   constexpr double kMetricGas = 28174;

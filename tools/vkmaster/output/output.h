@@ -41,10 +41,9 @@ class Output {
   /// master::Interrupted when a signal comes while a slow reader is waited for.
   virtual void Write(const Result& result);
 
-  /// Says what went wrong in the command of these words, and what to look at next unless `hint` is
-  /// empty. Both go to the notes'
-  /// stream; with JSON an object goes to the result stream too, where a program waits for the
-  /// result. Failed writes are ignored.
+  /// Says what went wrong in `command`, and what to look at next unless `hint` is empty. Both go to
+  /// the notes' stream; with JSON an object goes to the result stream too, where a program waits
+  /// for the result. Failed writes are ignored.
   void WriteError(const std::string& command, const std::string& text, const std::string& hint);
 
   /// A line for the engineer.

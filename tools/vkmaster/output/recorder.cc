@@ -112,14 +112,14 @@ Recorder::File& Recorder::FileFor(const std::string& name, const std::string& he
   }
   file.stream.reset(OpenToWrite(file.path));
   if (!file.stream) throw UsageError(CannotWrite(file.path));
-  // What has failed is not to be tried again by a buffer.
+  // A buffer would later write, once more, rows whose write has failed.
   std::setvbuf(file.stream.get(), nullptr, _IONBF, 0);
   Append(file, header);
   return file;
 }
 
-// All rows are in the file however the program ends. A file system without room costs time and no
-// row: half of one is taken back.
+// Rows are written at once, so that they are in the file however the program ends. When the file
+// system is full, what was written of them is taken back and the run waits: no row is lost.
 void Recorder::Append(File& file, const std::string& text) {
   for (bool told = false;
        std::fwrite(text.data(), 1, text.size(), file.stream.get()) != text.size(); told = true) {

@@ -24,13 +24,13 @@ class Recorder : public Output {
   /// UsageError when the directory cannot be made.
   Recorder(std::string directory, std::FILE* notes, std::function<void()> await_room = {});
 
-  /// The time and date of the results to come.
+  /// The time, in days since the start, and date ("2026-01-31") of the results to come.
   void SetTime(double days, std::string date);
 
   /// Closes the files and returns their names.
   std::set<std::string> Close();
 
-  /// The notes of lasting results since the last call, with their commands.
+  /// The notes of results that are `lasting`, each with its command, since the last call.
   std::vector<std::string> TakeNotes() { return std::exchange(lasting_, {}); }
 
   /// Replaces files of earlier runs when it first writes to them. Throws UsageError when a file
@@ -44,7 +44,7 @@ class Recorder : public Output {
   struct File {
     std::string path;
     std::unique_ptr<std::FILE, Closer> stream;
-    std::uintmax_t size = 0;  ///< what it holds of whole writes
+    std::uintmax_t size = 0;  ///< bytes of the rows that were written whole
   };
 
   void MakeDirectory();

@@ -21,7 +21,7 @@ struct Column {
   std::string key;
   std::string label;
   std::string unit;
-  std::string recorded{};  ///< in the files of a plan, where it says more than the key; else empty
+  std::string recorded{};  ///< stands for the key in the files of a plan; empty for the key itself
 };
 
 struct Table {

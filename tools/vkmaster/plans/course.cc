@@ -94,7 +94,7 @@ class Course {
     }
   }
 
-  // Throws master::Interrupted, and what else ends the run meanwhile.
+  // Waits a second, and throws what has ended the run meanwhile: a signal, or a link that is lost.
   void AwaitRoom() {
     std::this_thread::sleep_for(std::chrono::seconds(1));
     session_.TimeDays();
@@ -211,7 +211,7 @@ class Course {
     recorder_.Write(done);
   }
 
-  // The results have to say what explains them.
+  // Notes that explain the results are recorded among the events.
   void KeepNotes() {
     for (const std::string& note : recorder_.TakeNotes()) WriteEvent("note: " + note);
   }

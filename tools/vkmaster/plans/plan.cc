@@ -32,7 +32,7 @@ void RefuseUnknownKeys(const Section& section) {
   }
 }
 
-// What `read` returns. A UsageError of it becomes a complaint about `value`.
+// What `read` returns. A UsageError that it throws becomes a complaint about `value`.
 template <typename Read>
 auto At(const Value& value, const Read& read) {
   try {
@@ -227,8 +227,8 @@ Plan ReadTop(Section top, const std::string& file) {
   return plan;
 }
 
-// Whether the line gives a date in another form, as 01.01.2022. What TOML says of those is what is
-// wrong with them as numbers.
+// Whether the line gives a date in another form, such as 01.01.2022. TOML takes that for a number,
+// and its complaint would be about the number.
 bool HasOtherDate(const sections::Place& place) {
   static const std::regex kOther(R"([^=]*=\s*(\d{1,2}[./-]\d{1,2}[./-]\d{2,4}|)"
                                  R"(\d{4}([./]\d{1,2}[./]\d{1,2}|-\d-\d{1,2}|-\d\d-\d))\s*(#.*)?)");

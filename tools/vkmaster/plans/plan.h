@@ -42,7 +42,7 @@ Plan ReadPlan(const std::string& file);
 /// The commands with semicolons between them.
 std::string TextOf(const std::vector<Command>& commands);
 
-/// A sentence that says that the plan records nothing; empty when it does.
+/// A sentence for a plan that neither records nor asks for anything; empty for any other.
 std::string NoteOfNothing(const Plan& plan);
 
 /// What the plan will do when, as far as that is known without a run.

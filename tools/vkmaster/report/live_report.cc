@@ -14,7 +14,7 @@ namespace vkmaster {
 namespace {
 
 constexpr std::chrono::seconds kPause{5};
-constexpr int kShare = 20;  // the run has as many times what the page takes
+constexpr int kShare = 20;  // the run gets so many times the time that a page takes
 
 }  // namespace
 
@@ -37,7 +37,7 @@ void LiveReport::Update() {
                                           std::chrono::ceil<std::chrono::seconds>(kShare * took));
   };
   try {
-    // The page asks for the next one when that is due: this one took about as long.
+    // The page loads itself again when the next one is due, by what the last one took to write.
     WriteReport(ReadResults(directory_), file_, pause(last_));
   } catch (const std::exception&) {
     // Finish() tries again. Whatever it is, it is no reason to end a run.

@@ -56,8 +56,8 @@ Heading HeadingOf(const std::string& text) {
   return heading;
 }
 
-// The place of a heading in the list, to which it is added when it is new. The first one's unit
-// stays.
+// The place of a heading in the list, to which it is added when it is new. Of several with one id
+// the unit of the first stays.
 std::size_t PlaceOf(std::vector<Heading>& list, const Heading& heading) {
   const auto found = std::find_if(list.begin(), list.end(),
                                   [&](const Heading& known) { return known.id == heading.id; });
@@ -233,7 +233,7 @@ class Reader {
     return true;
   }
 
-  // What an earlier file has for the same moment stays.
+  // Adds the values of a line to a row. What an earlier file has given for that row stays.
   static void Take(const Layout& layout, const std::vector<std::string_view>& cells,
                    Columns& values, std::size_t row) {
     for (std::size_t i = 0; i < cells.size(); ++i) {

@@ -33,8 +33,8 @@ bool IsMarked(const std::string& word);
 /// UsageError for the rest: a name that the simulator does not know ends the run.
 std::string PropertyOf(const std::string& word);
 
-/// The same for what can be limited. The simulator acknowledges limits of other quantities, too,
-/// but they do nothing.
+/// The simulator's name for the limit `word`, understood as by PropertyOf(). Throws UsageError for
+/// what cannot be limited: the simulator acknowledges such a limit, too, but it does nothing.
 std::string ConstraintOf(const std::string& word);
 
 /// The simulator's name for the status `word`: OPEN or SHUT in any letter case, or what is behind

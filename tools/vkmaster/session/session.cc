@@ -12,7 +12,7 @@
 namespace vkmaster {
 namespace {
 
-// In front of a well that the model adds in the course of the run.
+// Stands in front of a well that the model adds in the course of the run: "later:P9".
 constexpr std::string_view kLater = "later:";
 
 bool IsPattern(const std::string& word) {
@@ -130,7 +130,7 @@ void Session::CheckWells(const Words& patterns) {
   for (const std::string& pattern : SplitAtCommas(patterns)) {
     if (!IsLater(pattern)) now.push_back(pattern);
   }
-  // A model without wells has none to be wrong about; what is done then says so.
+  // In a model that has no wells yet no name is wrong. The command itself will complain.
   if (!now.empty() && !KnownWells().empty()) Resolve(now);
 }
 

@@ -22,17 +22,17 @@ Rates SumOf(const std::vector<master::WellData>& wells);
 
 /// What the rates that were read add up to. Each counts for the days since the ones before.
 struct Totals {
-  std::optional<double> since;  ///< the day from which they count; nothing before the first rates
-  double up_to = 0;
+  std::optional<double> since;  ///< the day from which rates count; nothing before the first ones
+  double up_to = 0;             ///< the day of the last rates
   Rates sums{};
-  bool told = false;  ///< that they do not count from the start
+  bool told = false;  ///< it was noted that the totals do not count from the start
 
-  /// Set by an advance that reads no rates, or those of its end alone.
+  /// An advance has read no rates, or those of its end alone: the next ones count for all its days.
   bool skips = false;
-  double longest_skip = 0;  ///< the days for which one rate counts, because of that
-  double end_of_skip = 0;
+  double longest_skip = 0;  ///< the most days for which such rates have counted
+  double end_of_skip = 0;   ///< the day of those rates
 
-  /// Lets them count from here, unless they count already.
+  /// Lets rates count from `days` on, unless they count already.
   void Begin(double days);
   void Add(double days, const Rates& rates);
 };
@@ -43,12 +43,12 @@ struct Launched {
   int daemon_port = 0;
   std::string daemon_version;
   std::string simulator_host;
-  double launch_seconds =
-      0;  ///< from the first word to the daemon until the simulator's host was known
+  double launch_seconds = 0;  ///< from reaching for the daemon until the simulator's host is known
   master::RunRequest request;
 };
 
-/// The comms log: what a daemon started with -l exchanges with master and simulator.
+/// The file, on the daemon's host, in which a daemon started with -l logs what it exchanges with
+/// master and simulator.
 std::string CommsLog(const master::RunRequest& request);
 
 /// A launched run and what is already known about it, so that nothing is asked twice and nothing
@@ -66,6 +66,7 @@ class Session {
 
   const Launched& launched() const { return launched_; }
 
+  /// Each is a request that is sent once, and throws UsageError the second time.
   void Connect();
   void FirstStep();
   void Shutdown();
@@ -73,7 +74,7 @@ class Session {
   bool first_step_done() const { return first_step_done_; }
   bool shut_down() const { return shut_down_; }
 
-  /// These ask the daemon once and then know the answer.
+  /// Whether values are in metric units, and when the simulation begins. Each asks the daemon once.
   bool Metric();
   master::Date StartDate();
 
@@ -91,7 +92,7 @@ class Session {
   /// The wells as they are now. Asks the daemon each time.
   std::vector<master::WellStatus> Wells();
 
-  /// The wells as Wells() found them last; calls it when that never was.
+  /// The wells as Wells() found them last. Calls Wells() when nobody has.
   const std::vector<master::WellStatus>& KnownWells();
 
   /// The wells that `patterns` mean, in that order and each once. A pattern is a name, has * and ?
@@ -109,14 +110,14 @@ class Session {
   /// value of a constraint replaces the earlier one.
   void Remember(const master::WellConstraints& constraints);
 
-  /// The same for constraints that a command will set which is not carried out yet, while all
-  /// commands are checked in their order.
+  /// Keeps the constraints that a command will set, while all commands are checked in their order
+  /// before the first is carried out.
   void Plan(const master::WellConstraints& constraints);
 
-  /// The constraints that were set on the well, with `planned` also those that will have been.
+  /// The constraints that were set on the well, with `planned` also those that Plan() has kept.
   master::WellConstraints Remembered(const std::string& well, bool planned = false) const;
 
-  /// Whether `name` is among them.
+  /// Whether a constraint `name` is among those.
   bool Knows(const std::string& well, const std::string& name, bool planned) const;
 
   Totals& totals() { return totals_; }

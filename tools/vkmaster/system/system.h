@@ -10,16 +10,16 @@
 
 namespace vkmaster {
 
-/// The path of a file by its name. The C++ library takes a name on Windows for anything but UTF-8;
-/// what it gives, string(), is UTF-8.
+/// The path of the file `name`. On Windows the C++ library would not read a std::string as UTF-8,
+/// although the string() of a path is.
 std::filesystem::path PathOf(const std::string& name);
 
 /// Makes the file `path` anew, for bytes that are written as they are; null with errno when that
 /// fails.
 std::FILE* OpenToWrite(const std::string& path);
 
-/// Keeps a directory for one program at a time, as far as the others ask as well. Of a file system
-/// that has no locks everybody gets it, and so of a directory that there is not.
+/// Keeps a directory for one program at a time, as far as the others ask as well. Everybody gets a
+/// directory that does not exist, or whose file system has no locks.
 class DirectoryLock {
  public:
   explicit DirectoryLock(const std::string& directory);

@@ -25,7 +25,7 @@ constexpr int kHangUp = 1;  // SIGHUP, which Windows does not have
 
 void (*g_on_interrupt)(int signal) = nullptr;
 
-// On a thread that Windows makes for each of these.
+// Windows calls this on a thread that it makes for each event.
 BOOL WINAPI OnControl(DWORD type) {
   const bool typed = type == CTRL_C_EVENT || type == CTRL_BREAK_EVENT;
   g_on_interrupt(type == CTRL_C_EVENT ? SIGINT : type == CTRL_BREAK_EVENT ? SIGTERM : kHangUp);

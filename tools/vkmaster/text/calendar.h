@@ -28,7 +28,7 @@ struct Target {
 /// "3650", "+30", "2030-01-01". Throws UsageError, also for a date without its dashes.
 Target ParseTarget(const std::string& word);
 
-/// True for a number of days that is a year of runs that start at one time or another.
+/// True for days that may be meant as a calendar year: digits alone, 1800 to 2299.
 bool MayBeYear(const Target& target);
 
 /// Throws UsageError when the target may as well be a year of a run that starts at `start`: the run

@@ -4,7 +4,7 @@
 
 namespace vkmaster {
 
-/// To the millisecond, as wall times are told.
+/// The wall time since `begin`, to the millisecond.
 inline double SecondsSince(std::chrono::steady_clock::time_point begin) {
   const auto passed = std::chrono::duration_cast<std::chrono::milliseconds>(
       std::chrono::steady_clock::now() - begin);
