@@ -9,7 +9,7 @@
 namespace completion {
 namespace {
 
-// Those of the help.
+// The options that the help lists.
 std::vector<const CLI::Option*> OptionsOf(const CLI::App& app) {
   auto options =
       app.get_options([](const CLI::Option* option) { return !option->get_group().empty(); });

@@ -49,8 +49,8 @@ class PrivateDirectory {
   std::string name_;
 };
 
-// The files as a compressed archive, made by tar. Neither the names of files nor the environment,
-// which could hold options of tar, are anybody else's.
+// The files as a compressed archive, made by tar. File names and environment can hold options of
+// tar: nobody but this program says what they are.
 std::string Packed(const std::vector<BundleFile>& files) {
   const PrivateDirectory directory;
   for (const BundleFile& file : files) {

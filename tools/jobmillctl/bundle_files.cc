@@ -49,7 +49,7 @@ constexpr std::chrono::minutes kPatience{2};
 constexpr std::size_t kLeastOfValue = 6;
 constexpr const char* kLeftOut = "(left out)";
 
-// Knows what may be in no file.
+// The texts that no file of the bundle may hold.
 class Values {
  public:
   void Add(const std::string& value) {

@@ -12,9 +12,9 @@ struct BundleFile {
   std::string text;
 };
 
-/// What support needs of one run, or, without a name, of all that began since then, as far as they
-/// are this process's account's; to root all are. The values of the environment file are in none of
-/// the files. Throws Failed when no run is meant.
+/// What support needs of the run that `run` names; with `run` empty, of all runs since `since`, in
+/// seconds since 1970, and unless root asks, of those of this process's account alone. No file has
+/// the values of the environment file. Throws Failed when `run` names no run.
 std::vector<BundleFile> FilesOfBundle(const std::string& run, double since);
 
 }  // namespace jobmillctl

@@ -53,7 +53,8 @@ constexpr Area kAreas[] = {
     inspect::CheckEnvironmentFile, inspect::CheckScript,
 };
 
-/// What is judged of the machine for each of them. Without options there is none but the service.
+/// What is judged of the machine for each site. It depends on the daemon's options: of a site whose
+/// options are not known nothing but the service is judged.
 constexpr Area kMachineAreas[] = {
     inspect::CheckPort,
     inspect::CheckCommsPorts,
@@ -66,7 +67,7 @@ constexpr Area kMachineAreas[] = {
 
 constexpr Severity kSeverities[] = {Severity::kError, Severity::kWarning, Severity::kUnchecked};
 
-/// What all of that has found.
+/// What all areas have found.
 struct Judged {
   Findings findings;  // the worst first
   std::vector<AcceptedFinding> accepted;
@@ -96,8 +97,8 @@ void SortOut(Findings& findings) {
   findings.erase(std::unique(findings.begin(), findings.end(), same), findings.end());
 }
 
-/// The areas of which everything was found that there is to find: an accepted finding of theirs
-/// that is not there has gone. Those of the machine need root and all daemons of this directory.
+/// The areas that were judged whole: an accepted finding of theirs that was not found again has
+/// gone. There are none without root, or unless all daemons of this directory could be judged.
 std::set<std::string> WholeAreas(const std::vector<Site>& sites, bool files_only) {
   std::set<std::string> judged;
   for (const Site& site : sites) judged.insert(site.configuration);

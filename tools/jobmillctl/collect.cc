@@ -43,11 +43,11 @@ using Clock = std::chrono::steady_clock;
 constexpr seconds kLongestLook{30};
 constexpr seconds kLongestCheck{180};
 
-// What has ended is shown for a week, as far as it is not too much.
+// Runs that began in the last week and have ended are told, the latest of them.
 constexpr double kWeek = 7 * 86400;
 constexpr std::size_t kMostEnded = 1000;
 
-// No text makes the document invalid.
+// The document in ASCII, valid whatever bytes its texts hold.
 std::string TextOf(const Json& document) {
   return document.dump(-1, ' ', true, Json::error_handler_t::replace);
 }
@@ -140,7 +140,7 @@ std::string HostName() {
   return name.data();
 }
 
-// Who reads the file finds the old snapshot or the new one.
+// Replaces the file as a whole: who reads it finds the old snapshot or the new one.
 void Replace(const std::string& file, const std::string& text) {
   const std::string fresh = file + ".new";
   unlink(fresh.c_str());
@@ -200,7 +200,7 @@ int Collect(const Given& given) {
       for (const Part& part : parts) text += "," + part.Text();
       Replace(given.file, text + "}\n");
     }
-    // What is due and what has taken too long is seen soon enough.
+    // Answers end the wait. Parts that are due or take too long are seen after it.
     poll(answers.data(), answers.size(), 200);
   }
   return kOk;

@@ -118,7 +118,7 @@ std::string Simulator() {
   throw Failed("the stand-in simulator is missing, " + simulator + ": install jobmill-simulator");
 }
 
-// One that the system would give to a connection.
+// A port that the system would give to a connection.
 int FreePort() {
   const Descriptor bound(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
   sockaddr_in address{};
@@ -131,8 +131,8 @@ int FreePort() {
   return ntohs(address.sin_port);
 }
 
-// As fork(). The child has the signals at their defaults before the first of them can come: the one
-// that ends the script may be sent before the script is there.
+// Forks. The child has the signals at their defaults before the first of them can come: the signal
+// that ends the script may be sent before the child has become the script.
 pid_t Fork() {
   sigset_t interrupting;
   sigset_t before;
@@ -148,7 +148,7 @@ pid_t Fork() {
   return child;
 }
 
-// What becomes the script. Its standard error is this program's, as it is the daemon's otherwise.
+// Turns this process into the script, which keeps its standard error, as under a daemon.
 [[noreturn]] void ExecuteScript(const inspect::Site& site, const inspect::Account& account,
                                 const std::string& simulator, std::vector<std::string> arguments,
                                 int output) {
@@ -192,7 +192,7 @@ class Output {
       if (size != std::string::npos) return Take(size);
       if (!Read()) break;
     }
-    // The daemon would wait on for the rest of the line.
+    // Half a line counts only at the end of the output: before it a daemon waits for the rest.
     return ended_ && !text_.empty() ? Take(text_.size()) : std::nullopt;
   }
 
@@ -253,7 +253,7 @@ std::set<pid_t> Descendants() {
   return found;
 }
 
-// Whether all children have ended, be they ours from the start or left to us.
+// Whether all children of this process have ended, those that others have left to it included.
 bool AllHaveEnded(bool& script_ended, pid_t script) {
   pid_t ended = 0;
   while ((ended = waitpid(-1, nullptr, WNOHANG)) > 0) script_ended |= ended == script;
@@ -304,7 +304,7 @@ std::optional<std::string> Resolve(const std::string& host, std::string& error) 
   return answer;
 }
 
-// What the daemon makes of the lines.
+// Says what a daemon would make of the lines. Returns the exit status.
 int Judge(const std::optional<std::string>& host, const Output& output, int seconds) {
   if (!host && !output.ended()) {
     Print(interrupted != 0
@@ -335,8 +335,8 @@ inspect::Account Find(const std::string& name) {
   return account;
 }
 
-// Prints the lines up to the one that names the host; the name, if there is one. Throws
-// std::system_error when nobody reads them.
+// Prints the lines up to the one that names the host. Returns the name; nothing without that line.
+// Throws std::system_error when nobody reads them.
 std::optional<std::string> ShowUpToHost(Output& output) {
   while (const auto piece = output.Next()) {
     const std::string line = piece->ends_with('\n') ? piece->substr(0, piece->size() - 1) : *piece;
@@ -378,7 +378,7 @@ int RunDry(const inspect::Site& site, const DryRun& given) {
   try {
     host = ShowUpToHost(output);
   } catch (const std::system_error&) {
-    // What it prints is not read any more.
+    // Nobody reads any more what this program prints.
     EndAll(script);
     return kNotGood;
   }

@@ -29,8 +29,7 @@ using inspect::Run;
 using inspect::Runs;
 using std::chrono::seconds;
 
-// A shipped script gives a simulator five seconds to end; cancelling a job takes the scheduler
-// some.
+// A shipped script gives a simulator five seconds to end; a scheduler takes some to cancel a job.
 constexpr seconds kForScript{20};
 constexpr seconds kForOthers{5};
 
@@ -39,11 +38,11 @@ class Target {
  public:
   explicit Target(const ProcessId& id)
       : handle_(static_cast<int>(syscall(SYS_pidfd_open, id.pid, 0))) {
-    // The number may have become another's before it was opened, and not after that.
+    // As long as the process of this id is there, the handle is of no other with its number.
     if (!inspect::Process::Open(id)) handle_.Reset();
   }
 
-  // Throws Failed without the right to.
+  // Throws Failed when the signal may not be sent.
   void Signal(int signal) const {
     if (!handle_ || syscall(SYS_pidfd_send_signal, handle_.get(), signal, nullptr, 0) == 0) return;
     if (errno != ESRCH) {
@@ -67,7 +66,7 @@ std::vector<Target> TargetsOf(const std::vector<ProcessId>& ids) {
   return {ids.begin(), ids.end()};
 }
 
-// Asks all of them to end; whether they do in time.
+// Sends `signal` to all targets, with 0 none, and says whether all end within `patience`.
 bool End(const std::vector<Target>& targets, int signal, seconds patience) {
   for (const Target& target : targets) target.Signal(signal);
   const auto deadline = std::chrono::steady_clock::now() + patience;

@@ -37,12 +37,12 @@ std::optional<double> Lasted(const EndedRun& run) {
   return Between(run.began, run.ended);
 }
 
-// To a tenth.
+// Rounded to a tenth.
 Json SecondsOrNull(const std::optional<double>& seconds) {
   return seconds ? Json(std::round(*seconds * 10) / 10) : Json(nullptr);
 }
 
-// For the table. What a master has sent may have 64 KiB, which would make each line as long.
+// A cell of the table. What a master has sent may have 64 KiB, and would make every line as long.
 std::string Or(const std::optional<std::string>& text) {
   if (!text || text->empty()) return "-";
   const std::string printable = Printable(text->substr(0, kMostOfCell));

@@ -21,12 +21,13 @@ inline constexpr std::array kStates = {
 /// How a launch can come out, and why a master can be refused, as far as the daemon's log tells.
 /// These words are for programs, too: they stay.
 inline constexpr std::array kLaunchResults = {"host named", "no host", "not started"};
-/// What the gates count, by their own words.
-inline constexpr std::array kGateCounts = {"connections", "refused", "links",   "admitted",
-                                           "denied",      "broken",  "resumed", "ended"};
 inline constexpr std::array kRefusalReasons = {"unknown user",   "user not allowed", "no account",
                                                "account change", "user file",        "environment",
                                                "not a master",   "broken connection"};
+
+/// What the gates count, by their own words.
+inline constexpr std::array kGateCounts = {"connections", "refused", "links",   "admitted",
+                                           "denied",      "broken",  "resumed", "ended"};
 
 /// What is measured besides the runs themselves: what the daemons use of their limits, and what has
 /// been counted since the first measurement. `before` is the last measurement, from which the

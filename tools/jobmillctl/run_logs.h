@@ -11,9 +11,9 @@ namespace jobmillctl {
 
 /// A log that a run writes.
 struct RunLog {
-  std::string title;
+  std::string title;  ///< printable
   std::string file;
-  uid_t owner = 0;
+  uid_t owner = 0;  ///< the account of the run, which has to own the file
 };
 
 /// The comms log and the simulator's output, as far as there are any.
@@ -25,7 +25,7 @@ std::vector<std::string> LastLines(const RunLog& log, std::size_t count);
 /// Prints the whole first log of the run.
 int PrintLog(const inspect::Run& run);
 
-/// The same, and then what is added until the run's processes have ended.
+/// The same, and then what is added until the process that the run is numbered by has ended.
 int FollowLog(const inspect::Run& run);
 
 }  // namespace jobmillctl

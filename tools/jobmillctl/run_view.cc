@@ -140,7 +140,7 @@ std::string UserOf(const Run& run) {
   return Or(run.windows_user) + (run.proven ? " " + Printable(*run.proven) : "");
 }
 
-// What else there is to say about the state.
+// What explains the state: its cause, why it is not known, or what the run waits for.
 std::string NoteOf(const Run& run) {
   if (run.state == RunState::kEnded) return run.cause.value_or("");
   const auto reason = run.unknown.find("state");

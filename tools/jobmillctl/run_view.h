@@ -23,7 +23,7 @@ std::vector<std::string> DetailsOf(const inspect::Run& run, double now);
 /// of its model or its job. Throws Failed when there is none, or more than one.
 const inspect::Run& Choose(const inspect::Runs& found, const std::string& name);
 
-/// Whether that means one or more of them.
+/// Whether Choose() would find `name` to mean one run or more.
 bool IsOneOf(const inspect::Runs& found, const std::string& name);
 
 /// The run in a few words: "run 4711 (alice, /data/CASE)".

@@ -26,7 +26,8 @@ class SiteOptions {
   /// Throws CLI::ValidationError when what was given has no meaning.
   void Validate() const;
 
-  /// One for each NAME, jobmill without any; or the one of the options after "--".
+  /// A site for each NAME, that of jobmill when there is no NAME; or the one that the options after
+  /// "--" describe.
   std::vector<inspect::Site> Sites() const;
 
  private:

@@ -47,8 +47,8 @@ bool PrintEnded(const Given& given, const inspect::Runs& found) {
   return true;
 }
 
-// Whether a simulator that is waited for computes: what it uses while this looks on for a second.
-// Empty where there is nothing to see on this machine.
+// Whether a simulator that is waited for computes, by the processor time that it uses in the second
+// that this takes. Empty where no simulator is waited for, or none is on this machine.
 std::string ComputingText(const inspect::Run& run) {
   if (run.state != inspect::RunState::kSimulator || !run.simulator) return {};
   const auto before = inspect::Process::Open(*run.simulator);

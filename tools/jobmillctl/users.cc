@@ -57,7 +57,7 @@ UserFile Read(const std::string& directory) {
   return file;
 }
 
-// The index of the record that counts among those of this name: of the stars the last one.
+// The index of the record of this name that counts: the first one, but of several "*" the last.
 std::optional<std::size_t> Own(const UserFile& file, const std::string& name) {
   std::optional<std::size_t> own;
   for (std::size_t i = 0; i < file.records().size(); ++i) {
@@ -134,7 +134,7 @@ int Test(const Given& given) {
   return Tell(file, given.name);
 }
 
-// Throws Failed when a record with this name could not be read back, or matched by no master.
+// Throws Failed when the daemon could not read a record of this name, or no master could match it.
 void RequireName(const std::string& name, bool windows) {
   const std::string what = windows ? "the Windows user" : "the Linux account";
   if (name.empty()) throw Failed(what + " has no name");
@@ -158,7 +158,8 @@ void RequireAccount(const std::string& name, const std::string& account) {
   if (found.user == 0) throw Failed("whoever claims that name would be root");
 }
 
-// Has the record of `name` say this, or adds it below the last one that is read.
+// Makes the record of `name` say this, or adds one below the last record that is read. False when
+// it says so already.
 bool Put(const UserFile& file, std::vector<std::string>& lines, const std::string& name,
          const std::string& account, int allow) {
   const std::string line = fmt::format("{} {} {}", name, account, allow);

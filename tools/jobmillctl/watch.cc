@@ -90,7 +90,7 @@ struct View {
   bool typing = false;  // the filter
   std::string open;     // the run that is shown alone
   std::optional<Run> shown;
-  std::string end;  // of the run that was shown
+  std::string end;  // how the run that was shown has ended
   std::size_t chosen = 0;
 };
 
@@ -113,7 +113,7 @@ bool Holds(const Run& run, const std::string& filter) {
              .find(filter) != std::string::npos;
 }
 
-// The order of the first look stays among equals, so that lines do not jump.
+// Runs that are equal in this order stay in that of port and start, so that lines do not jump.
 void Arrange(Runs& found, const View& view) {
   std::erase_if(found.runs, [&](const Run& run) { return !Holds(run, view.filter); });
   const auto by = [&](auto key) { std::ranges::stable_sort(found.runs, {}, key); };
@@ -139,7 +139,7 @@ std::vector<std::string> Lines(Runs& found, View& view) {
         for (const std::string& line : LastLines(log, kLastLines)) lines.push_back("  " + line);
       }
     } catch (const Failed&) {
-      // Its last words may still come.
+      // The logs may not tell the end yet. Then the next look asks them again.
       if (view.end.empty() && view.shown) view.end = SentenceOfEnd(*view.shown);
       lines.emplace_back("The run has ended" + (view.end.empty() ? "" : ": " + view.end));
     }
@@ -248,7 +248,7 @@ int WatchInLines(const std::string& name, const std::string& gates) {
 }  // namespace
 
 int Watch(const std::string& run, const std::string& gates) {
-  // A run that is not there is said before the screen is taken.
+  // Choose() complains about a run that does not exist, and has to before the screen is taken.
   std::string name = run;
   if (!run.empty()) name = std::to_string(Choose(inspect::FindRuns(gates), run).id.pid);
   struct sigaction action {};

@@ -31,7 +31,7 @@
 namespace vkgate {
 namespace {
 
-// What is still to be said to both sides at the end, and no more.
+// So long both sides can still be told of the end.
 constexpr std::chrono::seconds kLastWords{3};
 
 struct Common {
@@ -107,8 +107,8 @@ gate::Stream::Options StreamOf(const Common& common) {
   return stream;
 }
 
-// A link takes two descriptors. The soft limit is what programs with select() can bear; this has
-// none.
+// A link takes two descriptors. The soft limit is there for programs with select(), which this one
+// does not use.
 void LiftDescriptorLimit() {
 #ifndef _WIN32
   rlimit limit{};

@@ -45,7 +45,7 @@ class Board {
   std::vector<std::string> hosts_;
   std::pair<ino_t, double> known_;  // inode and time of the file that was read
   Json snapshot_;
-  double added_ = 0;  // when the runs were looked at that the timelines hold
+  double added_ = 0;  // the time of the last look at the runs that is in the timelines
   Timelines timelines_;
   std::string trouble_;
 };

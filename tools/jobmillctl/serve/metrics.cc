@@ -61,8 +61,8 @@ double Sum(double a, double b) {
   return a + b;
 }
 
-// The sum, or another choice, of a value over the entries for which it is known. Where it is known
-// for none nothing is known.
+// Adds up a value over the entries, or joins it by another `choose`. Entries that lack it are left
+// out; NaN when all do.
 double Over(const Json& entries, const std::function<double(const Json&)>& value,
             const std::function<double(double, double)>& choose) {
   double result = kNotKnown;

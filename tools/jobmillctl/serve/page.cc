@@ -19,10 +19,8 @@ namespace {
 
 using inspect::RunState;
 
-// Of a name, in a table.
-constexpr std::size_t kShort = 60;
-
-constexpr std::size_t kMostEnded = 200;
+constexpr std::size_t kShort = 60;       // characters of a name in a table
+constexpr std::size_t kMostEnded = 200;  // rows
 
 const Json& StatusOf(const View& view) {
   return At(view.snapshot, {"runs", "document", "status"});
@@ -70,7 +68,7 @@ std::string Lower(std::string text) {
   return text;
 }
 
-// `state`: instead of that of the filter.
+// Whether the filter lets the run through, with `state` in place of the filter's own.
 bool Fits(const Json& run, const Filter& filter, const std::string& state) {
   if (!state.empty() &&
       state != (state == kLicence && HoldsLicence(run) ? kLicence : TextOf(run, "state"))) {
@@ -162,7 +160,7 @@ std::string Link(const Filter& filter, const std::string& state, const std::stri
   return link;
 }
 
-// A filter value: how many runs it lets through, and the way to have it.
+// A link to the runs in `state`, or with "" to all, and their number.
 std::string Chip(const Json& runs, const Filter& filter, const std::string& state,
                  const std::string& shown) {
   const auto count =
@@ -350,7 +348,7 @@ std::string Whole(const View& view, const std::string& title, const Filter& filt
   const Json& host = At(view.snapshot, {"host"});
   const std::string name = host.is_string() ? host.get<std::string>() : "this machine";
   std::string page = kPageHtml;
-  // The last one may hold what looks like another of these places.
+  // The search goes on behind each text: a text may hold what looks like one of these places.
   const std::pair<const char*, std::string> places[] = {
       {"@title@", Html(title + " – Jobmill on " + name)},
       {"@host@", Html(name)},

@@ -18,7 +18,7 @@ struct View {
 struct Filter {
   std::string state;  ///< the words of a state, or kLicence; empty: all
   std::string text;   ///< held by a name of the run, in whatever case of letters; empty: all
-  std::string ended;  ///< of those that have ended kFailed alone; empty: all
+  std::string ended;  ///< kFailed: of the runs that have ended only those that failed; empty: all
 };
 
 /// Stands for the runs that have a simulator, which holds a licence.
@@ -35,7 +35,7 @@ std::string RunPage(const View& view, const Timeline& timeline);
 /// A page that says one sentence.
 std::string SentencePage(const View& view, const std::string& sentence);
 
-/// How old the snapshot of the runs is; a part is "runs", "history" or "check".
+/// How many seconds old the document of `part` is: of "runs", "history" or "check".
 double AgeOf(const View& view, const char* part);
 
 /// Whether the collector still works: its last look at the runs succeeded and was not long ago.

@@ -45,7 +45,7 @@ const Look& LookOf(const std::string& state) {
   return found == std::end(kLooks) ? *(found - 1) : *found;
 }
 
-// Where a time is from left to right.
+// Where a time stands between the left and the right end of a picture.
 class Axis {
  public:
   Axis(double from, double to) : from_(from), length_(std::max(to - from, 1.0)) {}

@@ -16,8 +16,8 @@ struct Dot {
 /// axis.
 std::string Curve(const std::vector<Dot>& dots, double from, double to);
 
-/// How much the values, which only grow, grow in a minute: over the 60th part of the time axis
-/// each, and at least a minute.
+/// By how much the values, which only grow, grow in a minute. Each step of the result is over a
+/// 60th of the time axis, and over ten seconds at least.
 std::vector<Dot> PerMinute(const std::vector<Dot>& dots, double from, double to);
 
 /// The states as bars in their colours over the same time axis.
@@ -26,7 +26,7 @@ std::string Bars(const std::vector<Timeline::Span>& states, double from, double 
 /// How the page names the colour of a state.
 std::string ColourOf(const std::string& state);
 
-/// A sign for a state: a character.
+/// The character that is the sign of a state.
 std::string SignOf(const std::string& state);
 
 }  // namespace jobmillctl::serve

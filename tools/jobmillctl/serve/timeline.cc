@@ -13,7 +13,7 @@ constexpr std::size_t kMostStates = 500;
 constexpr std::size_t kMostPoints = 720;
 constexpr std::size_t kMostEnded = 200;
 
-// A process that only sleeps and wakes takes less.
+// Processors. A process that only sleeps and wakes uses less.
 constexpr double kNoProcessorTime = 0.01;
 
 const char* const kHandshake = Name(inspect::RunState::kHandshake);
@@ -73,7 +73,7 @@ void Timeline::AddPoint(double now) {
   if (const auto requests = NumberOf(run_, "requests")) {
     point.requests = static_cast<std::int64_t>(*requests);
   }
-  // The last one moves until it is far enough from the one before it.
+  // The last point moves on with the looks until it is far enough from the point before it.
   const std::size_t size = points_.size();
   if (size >= 2 && points_[size - 1].time - points_[size - 2].time < distance_) points_.pop_back();
   points_.push_back(point);
@@ -128,7 +128,7 @@ void Timelines::Add(const Json& status, double now) {
       continue;
     }
     timeline->second.End(now);
-    // Whoever looks whether the port is open leaves nothing to look at.
+    // A connection that only tries whether the port is open is no run, and is not kept.
     if (timeline->second.run().at("state") != kHandshake) {
       ended_.push_back(std::move(timeline->second));
     }

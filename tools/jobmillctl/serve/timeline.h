@@ -26,14 +26,14 @@ class Timeline {
     std::optional<std::int64_t> requests;  ///< since the run's beginning
   };
 
-  /// A run as `status --json` tells it, at the first look. `before` is when the look before that
-  /// one was, 0 without one.
+  /// A run as `status --json` tells it, at the first look that has it. `before` is when the look
+  /// before that was, 0 without one.
   Timeline(const Json& run, double now, double before);
 
-  /// The same at the next look.
+  /// The run at the next look.
   void Add(const Json& run, double now);
 
-  /// It was not there any more.
+  /// The run was not there any more at the next look.
   void End(double now) { ended_ = now; }
 
   const Json& run() const { return run_; }
@@ -47,22 +47,22 @@ class Timeline {
   /// At most 720, evenly over the time in which the run was seen.
   const std::vector<Point>& points() const { return points_; }
 
-  /// How long it was in a state, as far as it was seen.
+  /// How long the run was seen in a state.
   double SecondsIn(const std::string& state) const;
 
-  /// How long it waited for its script, which queues. None when that is not known: it had named the
-  /// host before anybody looked.
+  /// How long the run waited for its script to name a host, which the script does when the job is
+  /// through its queue. None when that is not known: the host was named before anybody looked.
   struct Queue {
     double seconds = 0;
-    bool at_most = false;  ///< it was over between two looks
+    bool at_most = false;  ///< the wait began and ended between two looks
   };
   std::optional<Queue> Queued() const;
 
   /// When its master connected, or else the first time that is known.
   double Beginning() const;
 
-  /// How many processors its simulator used between the last two looks. None when that is not
-  /// known: it is not on this machine, or there was one look.
+  /// How many processors its simulator used between the last two looks. None when the simulator is
+  /// not on this machine, or when there was one look.
   std::optional<double> processors() const { return processors_; }
 
   /// Since when its simulator has used no processor time; none when it has, or when that is not
@@ -80,7 +80,7 @@ class Timeline {
   std::vector<Span> states_;
   bool states_left_out_ = false;
   std::map<std::string, double> seconds_;
-  std::optional<Queue> queue_;  // what was over at the first look; none: not known
+  std::optional<Queue> queue_;  // as known at the first look; unless at_most, seconds_ has the time
   std::vector<Point> points_;
   double distance_ = 0;  // between two points
   std::optional<double> processors_;
@@ -97,14 +97,14 @@ class Timelines {
   /// none.
   const Timeline* Find(const std::string& id) const;
 
-  /// That of a run in the last document.
+  /// The timeline of a run in the last document.
   const Timeline* Of(const Json& run) const;
 
-  /// That of a run that has ended, as `history --json` tells it; null also when two could be meant.
+  /// The timeline of a run that `history --json` tells of; null also when two could be meant.
   const Timeline* FindEnded(const Json& run) const;
 
  private:
-  double last_ = 0;                       // when was looked last
+  double last_ = 0;                       // when the last look was
   std::map<std::string, Timeline> runs_;  // by number and time of the connection
   std::vector<Timeline> ended_;           // in the order of their ends
 };
