@@ -1,7 +1,7 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
+#include <cstdint>
 #include <filesystem>
 #include <iterator>
 #include <memory>

@@ -1,11 +1,11 @@
 // The part of the status page that has rights: what it sees it leaves in a file, which it replaces
 // as a whole, for a server without any.
 
+#include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <stdio.h>
 #include <string.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>

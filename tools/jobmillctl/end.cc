@@ -3,9 +3,10 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <cstdio>
+#include <cstdint>
 #include <cstring>
 #include <memory>
 #include <string>

@@ -1,6 +1,7 @@
 #include "tools/jobmillctl/history_view.h"
 
 #include <algorithm>
+#include <cmath>
 #include <iterator>
 
 #include <fmt/format.h>

@@ -5,6 +5,7 @@
 #include <sys/statvfs.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <set>
 #include <string>
 

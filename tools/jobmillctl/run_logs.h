@@ -1,6 +1,7 @@
 #pragma once
 
-#include <memory>
+#include <sys/types.h>
+
 #include <string>
 #include <vector>
 

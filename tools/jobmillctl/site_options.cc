@@ -1,6 +1,5 @@
 #include "tools/jobmillctl/site_options.h"
 
-#include <algorithm>
 #include <filesystem>
 
 #include <CLI/CLI.hpp>

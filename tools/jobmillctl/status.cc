@@ -1,7 +1,5 @@
 #include <chrono>
-#include <cstdio>
 #include <memory>
-#include <optional>
 #include <string>
 #include <thread>
 

@@ -1,6 +1,8 @@
 #include "tools/vkgate/program.h"
 
 #include <signal.h>
+
+#include <stdexcept>
 #ifdef __GLIBC__
 #include <malloc.h>
 #endif

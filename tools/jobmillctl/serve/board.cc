@@ -8,7 +8,9 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdint>
 #include <exception>
+#include <stdexcept>
 
 #include <fmt/format.h>
 

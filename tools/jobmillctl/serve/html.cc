@@ -1,6 +1,5 @@
 #include "tools/jobmillctl/serve/html.h"
 
-#include <algorithm>
 #include <limits>
 #include <optional>
 

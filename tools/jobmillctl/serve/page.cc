@@ -1,7 +1,6 @@
 #include "tools/jobmillctl/serve/page.h"
 
 #include <algorithm>
-#include <cmath>
 #include <functional>
 #include <vector>
 

@@ -4,7 +4,7 @@
 
 #include <algorithm>
 #include <array>
-#include <cmath>
+#include <iterator>
 
 #include <fmt/format.h>
 

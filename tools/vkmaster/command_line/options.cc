@@ -3,9 +3,9 @@
 #include <stdlib.h>
 
 #include <algorithm>
+#include <iterator>
 #include <map>
 #include <memory>
-#include <string_view>
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>

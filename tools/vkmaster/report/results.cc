@@ -13,6 +13,7 @@
 #include <string_view>
 #include <system_error>
 #include <unordered_map>
+#include <utility>
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>

@@ -1,8 +1,6 @@
 #pragma once
 
-#include <optional>
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace vkmaster {

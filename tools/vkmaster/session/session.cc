@@ -1,7 +1,6 @@
 #include "tools/vkmaster/session/session.h"
 
 #include <algorithm>
-#include <iterator>
 #include <string_view>
 #include <unordered_set>
 
