@@ -138,8 +138,9 @@ std::string Summary(const Judged& judged) {
     if (count > 0) counts.push_back(fmt::format("{} {}{}", count, Name(severity), plural));
   }
   if (counts.empty()) counts.emplace_back("nothing found");
-  if (!judged.accepted.empty())
+  if (!judged.accepted.empty()) {
     counts.push_back(fmt::format("{} accepted", judged.accepted.size()));
+  }
   return fmt::format("{}", fmt::join(counts, ", "));
 }
 

@@ -332,8 +332,9 @@ inspect::Account Find(const std::string& name) {
   const inspect::Account account = accounts->at(name);
   if (!account.exists) throw Failed(NoAccountText(name));
   if (account.user == 0) throw Failed("nothing is started as root");
-  if (geteuid() != 0 && geteuid() != account.user)
+  if (geteuid() != 0 && geteuid() != account.user) {
     throw Failed("only root can start it as " + name);
+  }
   return account;
 }
 

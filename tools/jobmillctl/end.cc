@@ -101,8 +101,9 @@ void Show(const Run& run) {
     const auto process = inspect::Process::Open(id);
     if (!process) return;
     std::string command;
-    for (const std::string& word : process->Arguments())
+    for (const std::string& word : process->Arguments()) {
       command += (command.empty() ? "" : " ") + word;
+    }
     fmt::print("  {:>7} {:<10} {}\n", id.pid, what, inspect::Printable(command).substr(0, 200));
   };
   if (HasController(run)) show(run.id, "controller");

@@ -218,8 +218,9 @@ nlohmann::ordered_json JsonOf(const Runs& found, double now) {
 std::vector<std::string> LinesOf(const Runs& found, double now) {
   std::vector<std::string> lines;
   for (const Daemon& daemon : found.daemons) lines.push_back(LineOf(daemon, now));
-  for (const std::string& missing : found.missing)
+  for (const std::string& missing : found.missing) {
     lines.push_back("Not known: " + Printable(missing));
+  }
   std::vector<Row> rows = {{"RUN", "STATE", "FOR", "ACCOUNT", "USER", "MODEL", "NP", "PORT",
                             "SIMULATOR", "JOB", "REQUEST", "HEARD", "DAY", "REQUESTS",
                             "WAITS FOR"}};
@@ -295,8 +296,9 @@ const Run& Choose(const Runs& found, const std::string& name) {
   }
   if (meant.size() > 1) {
     std::string text = fmt::format("'{}' can be", Printable(name));
-    for (const Run* run : meant)
+    for (const Run* run : meant) {
       text += fmt::format("{} {}", run == meant[0] ? "" : " or", Described(*run));
+    }
     throw Failed(text + ": name it by its number");
   }
   return *meant.front();

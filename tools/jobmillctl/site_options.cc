@@ -41,8 +41,9 @@ void SiteOptions::Declare(CLI::App& command) {
 void SiteOptions::Validate() const {
   if (OptionsAreGiven()) return;
   for (const std::string& word : words_) {
-    if (IsOption(word))
+    if (IsOption(word)) {
       throw CLI::ValidationError(word, "options come after \"--\", without names");
+    }
     if (word.empty() || word.find('/') != std::string::npos) {
       throw CLI::ValidationError(word, "a name is what stands before .conf");
     }

@@ -143,8 +143,9 @@ void RequireName(const std::string& name, bool windows) {
     throw Failed(fmt::format("the daemon reads no name of more than {} characters", kLongestName));
   }
   const std::string character = inspect::Unsendable(name);
-  if (!character.empty())
+  if (!character.empty()) {
     throw Failed(fmt::format("{} cannot have {} in its name", what, character));
+  }
 }
 
 void RequireAccount(const std::string& name, const std::string& account) {

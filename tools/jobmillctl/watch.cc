@@ -194,8 +194,9 @@ bool Obey(char key, const Runs& found, View& view) {
       break;
     case '\n':
     case '\r':
-      if (view.chosen < found.runs.size())
+      if (view.chosen < found.runs.size()) {
         view.open = std::to_string(found.runs[view.chosen].id.pid);
+      }
       break;
     default:
       break;

@@ -180,8 +180,9 @@ Reply Board::Answer(const Request& request) const {
     return found == target.variables.end() ? std::string() : found->second;
   };
   const std::string& path = target.path;
-  if (path == "/")
+  if (path == "/") {
     return {200, kPage, RunsPage(view, {variable("state"), variable("text"), variable("ended")})};
+  }
   if (path == "/metrics") return {200, "text/plain; version=0.0.4; charset=utf-8", Metrics(view)};
   if (path == "/page.css") return {200, "text/css; charset=utf-8", kPageCss};
   if (path == "/page.js") return {200, "text/javascript; charset=utf-8", kPageJs};

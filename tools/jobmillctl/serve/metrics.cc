@@ -118,8 +118,9 @@ void WriteRuns(const Json& status, Writer& writer) {
       "one.");
   of_states([](const std::vector<const Json*>& runs) {
     double oldest = 0;
-    for (const Json* run : runs)
+    for (const Json* run : runs) {
       oldest = std::max(oldest, NumberOf(*run, "state_seconds").value_or(0));
+    }
     return oldest;
   });
 }

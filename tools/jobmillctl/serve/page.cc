@@ -128,8 +128,9 @@ std::string ModelOf(const Json& run) {
 
 std::string SimulatorOf(const Json& run) {
   std::string text = Field(run, "host");
-  if (!At(run, {"simulator"}).is_null())
+  if (!At(run, {"simulator"}).is_null()) {
     text += " <small>process " + Field(run, "simulator") + "</small>";
+  }
   if (!At(run, {"job"}).is_null()) {
     text += fmt::format("<small>{} job {}</small>", Field(run, "scheduler"), Field(run, "job"));
   }

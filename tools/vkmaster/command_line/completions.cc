@@ -31,8 +31,9 @@ std::vector<std::string> ArgumentsOf(const std::string& command) {
     }
   }
   if (command == "set-status") names = Statuses();
-  if (command == "ipr")
+  if (command == "ipr") {
     names = {"bhp", "thp", "skewness", "components", "all", "lift", "keep", "no-plot"};
+  }
   return names;
 }
 

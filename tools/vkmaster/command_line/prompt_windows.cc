@@ -46,8 +46,9 @@ std::string Completed(const std::string& line, const RunNames& names) {
     return line;  // the command itself will say what is wrong with the link
   }
   if (found.empty()) return line;
-  if (found.size() == 1)
+  if (found.size() == 1) {
     return line.substr(0, begin) + found[0] + (found[0].ends_with('=') ? "" : " ");
+  }
   const std::string common = CommonBeginning(found);
   if (common == word) {
     std::string list;

@@ -237,8 +237,9 @@ Parsed ParseIPR(const Words& arguments) {
                  [order](Session& session) {
                    session.CheckWells(order.wells);
                    CheckComponents(session, order);
-                   if (std::any_of(order.wells.begin(), order.wells.end(), Session::IsLater))
+                   if (std::any_of(order.wells.begin(), order.wells.end(), Session::IsLater)) {
                      return;
+                   }
                    const Words names = session.Resolve(order.wells);
                    CheckLimits(order,
                                LiftedFor(session, names, ByName(session.KnownWells()), true));

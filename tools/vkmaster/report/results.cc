@@ -210,8 +210,9 @@ class Reader {
       const double day = layout.Day(file, *cells);
       const std::size_t well = WellOf(layout.Text(*cells, "well"));
       const auto [before, first] = last.emplace(well, Moment(day, 0));
-      if (!first)
+      if (!first) {
         before->second = {day, before->second.first == day ? before->second.second + 1 : 0};
+      }
       Keep(data_statuses_[well], day, layout.Text(*cells, "status"));
       Columns& values = results_.wells[well].values;
       if (before->second.second > 0 &&
@@ -268,8 +269,9 @@ class Reader {
     const Layout layout(file, {"time_days", "date", "well", "point"}, results_.inflow_columns);
     while (const auto* cells = file.Next()) {
       WellInflow& inflow = InflowOf(layout.Text(*cells, "well"));
-      if (layout.Text(*cells, "point") == "1")
+      if (layout.Text(*cells, "point") == "1") {
         inflow.tables.push_back({layout.Day(file, *cells), 0});
+      }
       if (inflow.tables.empty()) continue;
       ++inflow.tables.back().points;
       const std::size_t row = RowsOf(inflow) - 1;
