@@ -127,8 +127,8 @@ int Restart(const Given& given) {
       if (!given.when_idle) {
         throw Failed(
             fmt::format("a restart would end no run, but {} would refuse masters until the last of "
-                        "these {} has "
-                        "ended; --when-idle waits for that moment, --now restarts all the same",
+                        "these {} has ended; --when-idle waits for that moment, --now restarts "
+                        "all the same",
                         unit, held.size() == 1 ? "connection" : "connections"));
       }
     }

@@ -422,8 +422,7 @@ class Program {
     if (options_.leave) {
       output_.Note(
           "note: The run was left without a shutdown: its controller ends with this connection, "
-          "and "
-          "whether the simulator ends with its controller is up to the simulator");
+          "and whether the simulator ends with its controller is up to the simulator");
       return status;
     }
     if (interrupt_.signal() != 0) {

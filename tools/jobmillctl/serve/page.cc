@@ -189,10 +189,9 @@ std::string RunsSection(const View& view, const Filter& filter) {
                                 : R"(<p>No run fits the filter. <a href="/">Show all</a></p>)");
   }
   return html +
-         "<div class=\"scroll\"><table id=\"table\"><thead><tr><th "
-         "class=\"number\">Run<th>State<th>For"
-         "<th>User, account<th>Model<th>Simulator<th>Queued<th>Last request<th class=\"number\">Day"
-         "<th class=\"number\">Requests</tr></thead><tbody>\n" +
+         "<div class=\"scroll\"><table id=\"table\"><thead><tr><th class=\"number\">Run<th>State"
+         "<th>For<th>User, account<th>Model<th>Simulator<th>Queued<th>Last request"
+         "<th class=\"number\">Day<th class=\"number\">Requests</tr></thead><tbody>\n" +
          rows + "</tbody></table></div>";
 }
 
@@ -336,10 +335,9 @@ std::string EndedSection(const View& view, const Filter& filter) {
   }
   if (rows.empty()) return html + "<p>None.</p>";
   return html +
-         "<div class=\"scroll\"><table id=\"past\"><thead><tr><th>Ended<th>How<th>Why<th>User, "
-         "account"
-         "<th>Model<th>Lasted<th>Queued<th class=\"number\">Day<th>Where to "
-         "look</tr></thead><tbody>\n" +
+         "<div class=\"scroll\"><table id=\"past\"><thead><tr><th>Ended<th>How<th>Why"
+         "<th>User, account<th>Model<th>Lasted<th>Queued<th class=\"number\">Day<th>Where to look"
+         "</tr></thead><tbody>\n" +
          rows + "</tbody></table></div>";
 }
 

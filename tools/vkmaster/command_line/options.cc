@@ -102,8 +102,7 @@ void AddLaunchOptions(CLI::App& app, Options& options) {
       ->envname("VKMASTER_PORT");
   text("--gate", options.gate.address,
        "gate in front of the daemon, instead of --host and --port: who this is has to be proven, "
-       "and "
-       "the link may break")
+       "and the link may break")
       ->type_name("HOST:PORT")
       ->envname("VKMASTER_GATE");
   const auto file = [&](const std::string& name, auto& value, const std::string& help) {
@@ -124,8 +123,7 @@ void AddLaunchOptions(CLI::App& app, Options& options) {
       ->type_name("NAME");
   text("--path", options.run.path,
        "data directory of the run, on the daemon's side, with a slash at its end: the daemon puts "
-       "the "
-       "model's name right behind it, also for the comms log, PATH + CASE + .crvnlog")
+       "the model's name right behind it, also for the comms log, PATH + CASE + .crvnlog")
       ->type_name("DIR");
   text("--root", options.run.root, "name of the model, without extension");
   text("--processes", options.run.processes, "processes of the simulator")->check(From(1));

@@ -299,8 +299,7 @@ Result BuildIPR(Session& session, const IPROrder& order) {
   } else {
     result.notes.push_back(
         "The wells have their statuses again, and the rate limits of this session. Lifted for "
-        "good, "
-        "in case the model had any: " +
+        "good, in case the model had any: " +
         ListOf(lifted));
   }
   return result;

@@ -186,8 +186,7 @@ std::vector<Entry> MakeEntries() {
        true},
       {{"ipr", "WELLS [bhp|thp] [skewness X] [components N|all] [lift|keep] [no-plot]",
         "inflow tables of ten points, which cut the wells back; lift lifts the rate limits that "
-        "the "
-        "model has, which nobody can read, and keep leaves the wells cut back"},
+        "the model has, which nobody can read, and keep leaves the wells cut back"},
        ParseIPR},
       {{"eos", "", "equation of state: components and their properties"}, Plain(EOSResult)},
       {{"source", "WELL SOURCE", "attach an external gas source to a well"},
