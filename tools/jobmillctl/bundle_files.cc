@@ -116,11 +116,7 @@ std::string Findings(bool of_others) {
       finding = port ? findings.erase(finding) : finding + 1;
     }
   }
-  return document.dump(2, ' ', true, Json::error_handler_t::replace) + "\n";
-}
-
-std::string Dump(const Json& document) {
-  return document.dump(2, ' ', true, Json::error_handler_t::replace) + "\n";
+  return Dump(document);
 }
 
 // A log of a run's account, as a file of the bundle that is still without its text.

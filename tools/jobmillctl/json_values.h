@@ -26,10 +26,14 @@ inline Json DayOrNull(const std::optional<double>& day) {
   return day && std::isfinite(*day) ? Json(*day) : Json(nullptr);
 }
 
-/// Prints a document in ASCII alone: no text of a run commands a terminal, and none makes the
+/// The document as lines of ASCII alone: no text of a run commands a terminal, and none makes the
 /// document invalid.
+inline std::string Dump(const Json& document) {
+  return document.dump(2, ' ', true, Json::error_handler_t::replace) + "\n";
+}
+
 inline void PrintDocument(const Json& document) {
-  fmt::print("{}\n", document.dump(2, ' ', true, Json::error_handler_t::replace));
+  fmt::print("{}", Dump(document));
 }
 
 }  // namespace jobmillctl

@@ -51,10 +51,6 @@ std::string Decoded(std::string_view text) {
   return decoded;
 }
 
-std::string Dump(const Json& document) {
-  return document.dump(2, ' ', true, Json::error_handler_t::replace) + "\n";
-}
-
 bool IsAddress(const std::string& host) {
   std::array<unsigned char, sizeof(in6_addr)> address{};
   if (host.starts_with('[') && host.ends_with(']')) {
