@@ -65,8 +65,6 @@ constexpr Area kMachineAreas[] = {
     inspect::CheckFirewall,
 };
 
-constexpr Severity kSeverities[] = {Severity::kError, Severity::kWarning, Severity::kUnchecked};
-
 /// What all areas have found.
 struct Judged {
   Findings findings;  // the worst first

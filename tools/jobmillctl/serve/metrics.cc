@@ -10,19 +10,16 @@
 #include <fmt/format.h>
 
 #include "inspect/ending.h"
-#include "inspect/finding.h"
 #include "inspect/runs.h"
+#include "tools/jobmillctl/findings.h"
 #include "tools/jobmillctl/measures.h"
 
 namespace jobmillctl::serve {
 namespace {
 
 using inspect::RunState;
-using inspect::Severity;
 
 constexpr double kNotKnown = std::numeric_limits<double>::quiet_NaN();
-
-constexpr Severity kSeverities[] = {Severity::kError, Severity::kWarning, Severity::kUnchecked};
 
 // Writes one metric after the other.
 class Writer {
@@ -211,7 +208,7 @@ void WriteEndings(const View& view, Writer& writer) {
 void WriteFindings(const View& view, Writer& writer) {
   const Json& counts = At(view.snapshot, {"check", "document", "counts"});
   writer.Begin("check_findings", "gauge", "What is wrong with the configuration, by severity.");
-  for (const Severity severity : kSeverities) {
+  for (const inspect::Severity severity : kSeverities) {
     writer.Sample(Label("severity", Name(severity)),
                   counts.is_object() ? counts.at(Name(severity)).get<double>() : kNotKnown);
   }

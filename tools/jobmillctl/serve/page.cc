@@ -411,8 +411,9 @@ std::string Plots(const Timeline& timeline) {
     if (point.day) days.push_back({point.time, *point.day});
     if (point.requests) requests.push_back({point.time, static_cast<double>(*point.requests)});
   }
+  const std::string last = fmt::format("the last {}", Timeline::kMostStates);
   return Figure("States", Bars(timeline.states(), from, to),
-                timeline.states_left_out() ? "the last 500" : "") +
+                timeline.states_left_out() ? last : "") +
          Figure("Requests per minute", Curve(PerMinute(requests, from, to), from, to), "") +
          Figure("Simulated days", Curve(days, from, to), "as the master was told them");
 }

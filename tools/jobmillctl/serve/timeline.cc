@@ -9,7 +9,6 @@
 namespace jobmillctl::serve {
 namespace {
 
-constexpr std::size_t kMostStates = 500;
 constexpr std::size_t kMostPoints = 720;
 constexpr std::size_t kMostEnded = 200;
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <optional>
@@ -40,7 +41,8 @@ class Timeline {
   std::optional<double> ended() const { return ended_; }
   double seen() const { return seen_; }
 
-  /// The last states, at most 500; `states_left_out` tells of others before them.
+  /// The last states, at most kMostStates; `states_left_out` tells of others before them.
+  static constexpr std::size_t kMostStates = 500;
   const std::vector<Span>& states() const { return states_; }
   bool states_left_out() const { return states_left_out_; }
 
