@@ -49,7 +49,7 @@ Words CommandBegun(const std::string& before) {
   try {
     Words command;
     for (const std::string& word : SplitWords(before)) {
-      if (word == "then" || word == "," || word == ";") {
+      if (IsSeparator(word)) {
         command.clear();
       } else {
         command.push_back(word);

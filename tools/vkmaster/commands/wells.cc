@@ -17,6 +17,9 @@
 namespace vkmaster {
 namespace {
 
+// Bytes in front of the two lists of a request: its code and their counts.
+constexpr std::size_t kBeforeLists = 12;
+
 // Asks for the list of what a command takes.
 const Words kQuestion{"?"};
 
@@ -165,7 +168,7 @@ Result StatusResult(Session& session, const std::string& command, const std::str
 
 Result UptimeResult(Session& session, const Words& patterns, double fraction) {
   const std::vector<std::string> wells = session.Resolve(patterns);
-  for (const auto& part : Parts(wells, 12, 8)) {
+  for (const auto& part : Parts(wells, kBeforeLists, 8)) {
     session.run().SetWellUptime(part, std::vector<double>(part.size(), fraction));
   }
   Result result{.command = "uptime",
@@ -521,12 +524,13 @@ Parsed ParseUnconstrain(const Words& arguments) {
 
 void SetConstraints(Session& session, const std::vector<master::WellConstraints>& wells) {
   std::vector<master::WellConstraints> part;
-  std::size_t size = 16;
+  constexpr std::size_t kHead = 16;  // the request's code and three counts
+  std::size_t size = kHead;
   for (const master::WellConstraints& well : wells) {
     if (!part.empty() && size + SizeOf(well) > master_link::kMaxFrame) {
       session.run().SetWellConstraints(part);
       part.clear();
-      size = 16;
+      size = kHead;
     }
     size += SizeOf(well);
     part.push_back(well);
@@ -540,7 +544,7 @@ void SetStatuses(Session& session, const std::vector<std::string>& wells,
   std::size_t longest = 0;
   for (const std::string& status : statuses) longest = std::max(longest, status.size());
   auto next = statuses.begin();
-  for (const auto& part : Parts(wells, 12, 4 + longest)) {
+  for (const auto& part : Parts(wells, kBeforeLists, 4 + longest)) {
     const auto end = next + std::ssize(part);
     session.run().SetWellStatus(part, {next, end});
     next = end;

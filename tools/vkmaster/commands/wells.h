@@ -15,15 +15,14 @@ Parsed ParseWells(const Words& arguments);  // [WELLS]
 Parsed ParseData(const Words& arguments);   // [WELLS]
 Parsed ParseVars(const Words& arguments);   // WELLS NAME... or ?
 Parsed ParseStatusOf(const std::string& command, const std::string& status,
-                     const Words& arguments);   // WELLS
-Parsed ParseSetStatus(const Words& arguments);  // STATUS WELLS or ?
-Parsed ParseUptime(const Words& arguments);     // WELLS FRACTION
-Parsed ParseConstrain(const Words& arguments);  // WELLS NAME=VALUE... ... or ?
+                     const Words& arguments);     // WELLS
+Parsed ParseSetStatus(const Words& arguments);    // STATUS WELLS or ?
+Parsed ParseUptime(const Words& arguments);       // WELLS FRACTION
+Parsed ParseConstrain(const Words& arguments);    // WELLS NAME=VALUE... ... or ?
+Parsed ParseUnconstrain(const Words& arguments);  // WELLS [NAME...]
 
 using WellsByName = std::map<std::string, master::WellStatus>;
 WellsByName ByName(const std::vector<master::WellStatus>& wells);
-
-Parsed ParseUnconstrain(const Words& arguments);  // WELLS [NAME...]
 
 /// A limit of `property` that no well of this type meets. There is no request that takes a limit
 /// off.

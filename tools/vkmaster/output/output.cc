@@ -32,11 +32,6 @@ std::string Pad(const std::string& text, std::size_t width, bool right) {
   return right ? blanks + text : text + blanks;
 }
 
-std::string TrimRight(std::string line) {
-  line.erase(line.find_last_not_of(' ') + 1);
-  return line;
-}
-
 bool IsNumber(const Value& value) {
   return std::holds_alternative<double>(value) || std::holds_alternative<std::int64_t>(value);
 }

@@ -6,6 +6,8 @@
 
 #include <fmt/format.h>
 
+#include "tools/vkmaster/text/words.h"
+
 namespace vkmaster {
 namespace {
 
@@ -51,11 +53,6 @@ class Canvas {
  private:
   std::vector<std::string> rows_;
 };
-
-std::string TrimRight(std::string line) {
-  line.erase(line.find_last_not_of(' ') + 1);
-  return line;
-}
 
 }  // namespace
 

@@ -16,10 +16,6 @@ bool IsBlank(char c) {
   return c == ' ' || c == '\t' || c == '\r' || c == '\n';
 }
 
-bool IsSeparator(const std::string& word) {
-  return word == "then" || word == "," || word == ";";
-}
-
 constexpr int kMostMeant = 8;
 
 char Lower(char c) {
@@ -112,6 +108,10 @@ std::string Join(const Words& words) {
   return text;
 }
 
+bool IsSeparator(const std::string& word) {
+  return word == "then" || word == "," || word == ";";
+}
+
 std::vector<Words> SplitCommands(const Words& words) {
   std::vector<Words> commands(1);
   for (const std::string& word : words) {
@@ -183,6 +183,11 @@ double ParseNumber(const std::string& word, const std::string& what) {
     throw UsageError(what + " wanted, not '" + word + "'");
   }
   return value;
+}
+
+std::string TrimRight(std::string text) {
+  text.erase(text.find_last_not_of(' ') + 1);
+  return text;
 }
 
 std::string Printable(std::string_view text) {

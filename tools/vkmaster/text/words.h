@@ -17,8 +17,10 @@ Words SplitWords(std::string_view line);
 /// A line of these words. Quotes that a word needs are not put back: the text is for people.
 std::string Join(const Words& words);
 
-/// The commands of a list of words: they are separated by "then", "," or ";", each a word of its
-/// own. Empty commands are left out.
+/// Whether the word stands between two commands: "then", "," or ";".
+bool IsSeparator(const std::string& word);
+
+/// The commands of a list of words, between separators. Empty commands are left out.
 std::vector<Words> SplitCommands(const Words& words);
 
 /// True when `name` matches `pattern`, in which * stands for any characters and ? for one. Letter
@@ -34,6 +36,9 @@ std::string MaybeMeant(std::string_view word, const std::vector<std::string>& na
 
 /// The number that the whole of `word` spells. Throws UsageError saying that `what` was wanted.
 double ParseNumber(const std::string& word, const std::string& what);
+
+/// `text` without the blanks at its end.
+std::string TrimRight(std::string text);
 
 /// `text` with a '?' for every control character, which a terminal would act on.
 std::string Printable(std::string_view text);
