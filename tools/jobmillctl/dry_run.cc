@@ -78,7 +78,7 @@ OIL_PRODUCTION_RATE = 100
 )";
 constexpr std::size_t kLongestPiece = 1023;  // what the daemon reads at once
 
-volatile sig_atomic_t interrupted = 0;
+volatile sig_atomic_t g_interrupted = 0;
 constexpr std::array kInterrupting = {SIGINT, SIGTERM, SIGHUP};
 
 // A directory with a deck, the account's own and closed to others. It is made and removed by the
@@ -213,7 +213,7 @@ class Output {
     std::array<pollfd, 2> wait{
         {{.fd = input_, .events = POLLIN, .revents = 0},
          {.fd = STDOUT_FILENO, .events = 0, .revents = 0}}};  // its end is told all the same
-    if (ended_ || interrupted != 0 || left.count() <= 0 ||
+    if (ended_ || g_interrupted != 0 || left.count() <= 0 ||
         poll(wait.data(), wait.size(), static_cast<int>(left.count())) <= 0 ||
         wait[1].revents != 0) {
       return false;
@@ -309,7 +309,7 @@ std::optional<std::string> Resolve(const std::string& host, std::string& error) 
 // Says what a daemon would make of the lines. Returns the exit status.
 int Judge(const std::optional<std::string>& host, const Output& output, int seconds) {
   if (!host && !output.ended()) {
-    Print(interrupted != 0
+    Print(g_interrupted != 0
               ? "interrupted"
               : fmt::format("no host line within {} s; a daemon would wait on", seconds));
     return kNotGood;
@@ -357,7 +357,7 @@ int RunDry(const inspect::Site& site, const DryRun& given) {
   const std::string simulator = Simulator();
   prctl(PR_SET_CHILD_SUBREAPER, 1);
   struct sigaction action {};
-  action.sa_handler = [](int) { interrupted = 1; };
+  action.sa_handler = [](int) { g_interrupted = 1; };
   for (const int number : kInterrupting) sigaction(number, &action, nullptr);
   // Who reads the first lines alone, as head does, must not keep this from clearing up.
   signal(SIGPIPE, SIG_IGN);

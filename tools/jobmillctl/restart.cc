@@ -104,12 +104,12 @@ int PortOf(pid_t pid, const std::string& unit) {
 }
 
 void Print(const std::vector<std::string>& held, int port) {
-  constexpr std::size_t most = 10;
-  for (std::size_t i = 0; i < held.size() && i < most; ++i) {
+  constexpr std::size_t kMost = 10;
+  for (std::size_t i = 0; i < held.size() && i < kMost; ++i) {
     fmt::print("Port {} is held by {}\n", port, held[i]);
   }
-  if (held.size() > most) {
-    fmt::print("Port {} is held by {} connections more\n", port, held.size() - most);
+  if (held.size() > kMost) {
+    fmt::print("Port {} is held by {} connections more\n", port, held.size() - kMost);
   }
   std::fflush(stdout);
 }

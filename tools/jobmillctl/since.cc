@@ -21,9 +21,9 @@ void DeclareSince(CLI::App& command, std::string& since, const std::string& help
 double TimeOf(const std::string& since) {
   char* end = nullptr;
   const double number = strtod(since.c_str(), &end);
-  constexpr std::pair<std::string_view, double> units[] = {
+  constexpr std::pair<std::string_view, double> kUnits[] = {
       {"m", 60}, {"h", 3600}, {"d", 86400}, {"w", 604800}};
-  for (const auto& [unit, seconds] : units) {
+  for (const auto& [unit, seconds] : kUnits) {
     if (end == unit && number > 0) return inspect::Now() - number * seconds;
   }
   for (const char* format : {"%Y-%m-%d", "%Y-%m-%d %H:%M", "%Y-%m-%dT%H:%M", "%Y-%m-%dT%H:%M:%S"}) {

@@ -30,10 +30,10 @@ using inspect::Runs;
 constexpr int kPauseMilliseconds = 2000;
 constexpr std::size_t kLastLines = 8;
 
-volatile sig_atomic_t interrupted = 0;
+volatile sig_atomic_t g_interrupted = 0;
 
 void Interrupt(int) {
-  interrupted = 1;
+  g_interrupted = 1;
 }
 
 // The terminal gives single keys, does not show them, and has a second screen for the table. The
@@ -208,7 +208,7 @@ int WatchOnTerminal(const std::string& run, const std::string& gates) {
   const Screen screen;
   View view;
   view.open = run;
-  while (interrupted == 0) {
+  while (g_interrupted == 0) {
     Runs found = inspect::FindRuns(gates);
     screen.Draw(Lines(found, view));
     if (!Obey(Key(kPauseMilliseconds), found, view)) break;
@@ -219,7 +219,7 @@ int WatchOnTerminal(const std::string& run, const std::string& gates) {
 int WatchInLines(const std::string& name, const std::string& gates) {
   std::map<pid_t, std::string> before;
   Runs seen;
-  while (interrupted == 0) {
+  while (g_interrupted == 0) {
     const Runs found = inspect::FindRuns(gates);
     const std::string time = TimeText(inspect::Now());
     std::map<pid_t, std::string> now;

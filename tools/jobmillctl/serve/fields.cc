@@ -5,12 +5,12 @@
 namespace jobmillctl::serve {
 
 const Json& At(const Json& document, std::initializer_list<const char*> names) {
-  static const Json nothing;
+  static const Json kNothing;
   const Json* found = &document;
   for (const char* name : names) {
-    if (!found->is_object()) return nothing;
+    if (!found->is_object()) return kNothing;
     const auto inner = found->find(name);
-    if (inner == found->end()) return nothing;
+    if (inner == found->end()) return kNothing;
     found = &*inner;
   }
   return *found;
