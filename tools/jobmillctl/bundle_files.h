@@ -5,7 +5,6 @@
 
 namespace jobmillctl {
 
-/// A file of a bundle.
 struct BundleFile {
   std::string name;  ///< "runs/5000-20261122-141305/daemon-log.txt"
   std::string what;  ///< what it holds, in words

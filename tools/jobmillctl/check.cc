@@ -65,7 +65,6 @@ constexpr Area kMachineAreas[] = {
     inspect::CheckFirewall,
 };
 
-/// What all areas have found.
 struct Judged {
   Findings findings;  // the worst first
   std::vector<AcceptedFinding> accepted;

@@ -231,7 +231,6 @@ class Output {
   bool ended_ = false;
 };
 
-// The processes that descend from this one.
 std::set<pid_t> Descendants() {
   std::multimap<pid_t, pid_t> children;
   std::error_code ignored;

@@ -10,7 +10,6 @@
 
 namespace jobmillctl {
 
-/// A log that a run writes.
 struct RunLog {
   std::string title;  ///< printable
   std::string file;

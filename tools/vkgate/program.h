@@ -4,7 +4,6 @@
 
 namespace vkgate {
 
-/// Exit statuses.
 enum Status {
   kOk = 0,
   kFailed = 1,  ///< it could not begin: a sentence on standard error says why

@@ -267,7 +267,6 @@ class Program {
     return status;
   }
 
-  // Controls the launched run to its end.
   int Control() {
     int status = kOk;
     if (options_.connect) status = Attempt("connect", [this] { session_->Connect(); });

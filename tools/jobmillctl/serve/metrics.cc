@@ -21,7 +21,6 @@ using inspect::RunState;
 
 constexpr double kNotKnown = std::numeric_limits<double>::quiet_NaN();
 
-// Writes one metric after the other.
 class Writer {
  public:
   void Begin(std::string_view name, std::string_view type, std::string_view help) {

@@ -32,7 +32,6 @@ std::string RunsPage(const View& view, const Filter& filter);
 /// All about one run, and how it came there.
 std::string RunPage(const View& view, const Timeline& timeline);
 
-/// A page that says one sentence.
 std::string SentencePage(const View& view, const std::string& sentence);
 
 /// How many seconds old the document of `part` is: of "runs", "history" or "check".

@@ -6,7 +6,6 @@
 
 namespace jobmillctl::serve {
 
-/// Where to listen.
 struct Address {
   std::string host = "127.0.0.1";
   int port = 9480;

@@ -8,7 +8,6 @@
 
 namespace vkmaster {
 
-/// One entry of the help.
 struct CommandHelp {
   std::string name;
   std::string arguments;

@@ -26,7 +26,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-/// One plan being carried out.
 class Course {
  public:
   Course(const Plan& plan, const std::string& report, bool overwrite, Context& context)
