@@ -53,10 +53,6 @@ std::string Label(const char* name, std::string_view value) {
   return fmt::format("{}=\"{}\"", name, value);
 }
 
-double Sum(double a, double b) {
-  return a + b;
-}
-
 // Adds up a value over the entries, or joins it by another `choose`. Entries that lack it are left
 // out; NaN when all do.
 double Over(const Json& entries, const std::function<double(const Json&)>& value,
@@ -70,7 +66,7 @@ double Over(const Json& entries, const std::function<double(const Json&)>& value
 }
 
 double Over(const Json& entries, const char* field,
-            const std::function<double(double, double)>& choose = Sum) {
+            const std::function<double(double, double)>& choose = std::plus()) {
   const auto value = [field](const Json& entry) {
     return NumberOf(entry, field).value_or(kNotKnown);
   };
@@ -180,7 +176,7 @@ void WriteGates(const Json& measures, Writer& writer) {
     const auto count = [what](const Json& gate) {
       return NumberOf(At(gate, {"counts"}), what).value_or(kNotKnown);
     };
-    writer.Sample(Label("event", what), Over(gates, count, Sum));
+    writer.Sample(Label("event", what), Over(gates, count, std::plus()));
   }
   writer.Gauge("gate_revocation_list_expiry_timestamp_seconds",
                "When the first list of revoked certificates becomes too old, since 1970.",

@@ -13,7 +13,6 @@
 #include "tools/completion/completion.h"
 #include "tools/vkmaster/command_line/prompt.h"
 #include "tools/vkmaster/commands/registry.h"
-#include "tools/vkmaster/plans/plan.h"
 #include "tools/vkmaster/system/system.h"
 #include "tools/vkmaster/text/usage_error.h"
 

@@ -1,8 +1,6 @@
 #include "tools/vkmaster/commands/advance.h"
 
 #include <algorithm>
-#include <string>
-#include <vector>
 
 #include <fmt/format.h>
 

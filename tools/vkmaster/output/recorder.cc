@@ -4,8 +4,6 @@
 
 #include <filesystem>
 #include <system_error>
-#include <utility>
-#include <vector>
 
 #include <fmt/format.h>
 
@@ -13,7 +11,6 @@
 #include "tools/vkmaster/text/usage_error.h"
 
 namespace vkmaster {
-
 namespace {
 
 std::string CannotWrite(const std::string& path) {
