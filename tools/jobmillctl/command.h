@@ -27,7 +27,7 @@ class Failed : public std::runtime_error {
 /// Prints a line for the administrator at once. What is not printable ASCII is shown as `\xNN`.
 void Print(const std::string& line);
 
-/// Asks a question that "y" or "yes" agrees to.
+/// Asks a question, and waits for the answer: "y" and "yes" agree, the end of the input does not.
 bool IsWanted(const std::string& question);
 
 /// The action of the subcommand that the command line names: writes to standard output, returns the

@@ -28,8 +28,8 @@ std::string TextOf(const inspect::LogPlace& place);
 /// Printable.
 std::string SentenceOfEnd(const inspect::Run& seen);
 
-/// The run that a person means by its id, or the last one by its root name or its job; null when
-/// there is none.
+/// The run of `history` that a person means by its id, or the last one by its root name or its job;
+/// null when there is none.
 const inspect::EndedRun* Find(const inspect::History& history, const std::string& name);
 
 }  // namespace jobmillctl

@@ -21,8 +21,8 @@ std::vector<std::string> LinesOf(const inspect::Runs& found, double now);
 /// All that is known of one run, a line for each thing.
 std::vector<std::string> DetailsOf(const inspect::Run& run, double now);
 
-/// The one run that a person means by its number, the number of one of its processes, the root name
-/// of its model or its job. Throws Failed when there is none, or more than one.
+/// The one run of `found` that a person means by its number, the number of one of its processes,
+/// the root name of its model or its job. Throws Failed when there is none, or more than one.
 const inspect::Run& Choose(const inspect::Runs& found, const std::string& name);
 
 /// Whether Choose() would find `name` to mean one run or more.

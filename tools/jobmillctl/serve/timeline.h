@@ -89,7 +89,8 @@ class Timeline {
   std::optional<double> idle_since_;
 };
 
-/// The timelines of all runs that are there, and of the last 200 that have ended.
+/// The timelines of all runs that are there, and of the last 200 that have ended. A pointer to one
+/// holds until the next Add().
 class Timelines {
  public:
   /// Takes a document of `status --json` that was made at `now`.

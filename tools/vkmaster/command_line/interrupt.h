@@ -26,6 +26,7 @@ class Interrupt {
   /// How many signals have come since Clear().
   int count() const;
 
+  /// Forgets the signals that have come.
   void Clear();
 };
 
