@@ -34,10 +34,12 @@ class Printer {
          block = file_.Read(offset_, kBlock)) {
       offset_ += static_cast<std::int64_t>(block.size());
       rest_ += block;
-      for (std::size_t end = rest_.find('\n'); end != std::string::npos; end = rest_.find('\n')) {
-        fmt::print("{}\n", inspect::Printable(rest_.substr(0, end)));
-        rest_.erase(0, end + 1);
+      std::size_t begin = 0;
+      for (std::size_t end = 0; (end = rest_.find('\n', begin)) != std::string::npos;) {
+        fmt::print("{}\n", inspect::Printable(rest_.substr(begin, end - begin)));
+        begin = end + 1;
       }
+      rest_.erase(0, begin);
     }
     std::fflush(stdout);
   }
