@@ -153,8 +153,7 @@ Result FieldResult(Session& session) {
 }
 
 Result StateRow(Session& session, const std::string& command, bool rates) {
-  Result result{.command = command};
-  result.row = true;
+  Result result{.command = command, .row = true};
   result.fields.push_back({"time_days", "day", session.TimeDays(), ""});
   result.fields.push_back({"date", "date", FormatDate(session.run().GetDate()), ""});
   result.fields.push_back({"ended", "ended", session.Ended(), ""});

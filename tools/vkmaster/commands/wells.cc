@@ -285,10 +285,6 @@ bool IsRead(std::string (*read)(const std::string&), const std::string& word) {
   }
 }
 
-bool IsLimitName(const std::string& word) {
-  return IsRead(ConstraintOf, word);
-}
-
 // The limits that this session has set on the well, with `planned` also those that it will set,
 // without those that NoLimit() has put out of reach.
 Words LimitsInForce(Session& session, const std::string& well, const std::string& type,
@@ -502,7 +498,7 @@ Parsed ParseUnconstrain(const Words& arguments) {
   Words names;
   for (const std::string& word : arguments) {
     // Names come last; a well may be called like one only in first place.
-    const bool known = !wells.empty() && IsLimitName(word);
+    const bool known = !wells.empty() && IsRead(ConstraintOf, word);
     if (known) {
       names.push_back(ConstraintOf(word));
     } else if (names.empty()) {

@@ -150,10 +150,8 @@ bool Matches(std::string_view pattern, std::string_view name) {
 }
 
 bool EqualIgnoringCase(std::string_view one, std::string_view other) {
-  return std::equal(one.begin(), one.end(), other.begin(), other.end(), [](char a, char b) {
-    return std::tolower(static_cast<unsigned char>(a)) ==
-           std::tolower(static_cast<unsigned char>(b));
-  });
+  return std::equal(one.begin(), one.end(), other.begin(), other.end(),
+                    [](char a, char b) { return Lower(a) == Lower(b); });
 }
 
 std::string MaybeMeant(std::string_view word, const std::vector<std::string>& names) {
