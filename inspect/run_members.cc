@@ -32,6 +32,16 @@ bool EndsWhatIsLeft(const Run& run, const std::set<std::string>& scripts) {
          IsPackagedScript(ReadFile(words[words.size() - 6]).value_or(""));
 }
 
+// Whether a simulator that no controller is connected to may be the one that `run` is about to
+// connect to. The script, whose arguments name the comms port, may have ended; the log may not
+// tell.
+bool MayConnectTo(const Run& run, const Options& options, const Run& simulator) {
+  if (run.comms_port || run.state == RunState::kHandshake || !HasController(run)) return false;
+  if (run.user != simulator.user || !simulator.comms_port) return false;
+  const std::int64_t place = std::int64_t{*simulator.comms_port} - options.comms_base_port;
+  return place >= 0 && place < options.comms_ports;
+}
+
 }  // namespace
 
 RunMembers::RunMembers(Machine& machine) : machine_(machine) {
@@ -144,7 +154,13 @@ void RunMembers::AddLost(std::vector<Run>& runs) const {
     run.comms_port = static_cast<int>(NumberIn((option + 1)->c_str()));
     run.processes = static_cast<int>(NumberIn((option + 3)->c_str()));
   }
-  for (auto& [mark, run] : marked) lost.push_back(std::move(run));
+  for (auto& [mark, left] : marked) {
+    const bool has_controller = std::ranges::any_of(runs, [&, &left = left](const Run& run) {
+      return machine_.IsJobmill(run.id.pid) &&
+             MayConnectTo(run, machine_.jobmills().at(run.id.pid).options, left);
+    });
+    if (!has_controller) lost.push_back(std::move(left));
+  }
   for (Run& run : lost) {
     std::erase_if(run.members, [](const ProcessId& id) {
       const auto process = Process::Open(id);

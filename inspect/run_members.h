@@ -27,7 +27,8 @@ class RunMembers {
   void AddMembers(std::vector<Run>& runs) const;
 
   /// Adds a run for each script that is in no run, with what descends from it, and for each mark of
-  /// processes that are in none. To be called after AddMembers().
+  /// processes that are in none, but for a simulator to which one of `runs` may be about to
+  /// connect. To be called after AddMembers().
   void AddLost(std::vector<Run>& runs) const;
 
  private:

@@ -10,6 +10,7 @@
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -198,6 +199,26 @@ TEST(LostTest, WhatAShippedScriptEndsIsEndingAndNotLost) {
   EXPECT_THAT(shown.out, Not(HasSubstr("/CASE): lost")));
   EXPECT_TRUE(Eventually([&] { return run().is_null(); }, std::chrono::seconds(30)));
   ExpectEnded(ProcessesOf(before));
+}
+
+// The script has ended and the log has gone: nothing tells the comms port before the master has its
+// controller connect.
+TEST(LostTest, SimulatorOfARunWhoseCommsPortIsNotKnownIsNotLost) {
+  RunsSite site([](RunningDaemon::Options& options) { std::erase(options.arguments, "-l"); });
+  TestMaster& master = site.Request("GONE");
+  master.Receive();
+  std::filesystem::remove(site.daemon().LogFile());
+  std::vector<json> runs;
+  ASSERT_TRUE(Eventually([&] {
+    runs = site.Runs();
+    return std::ranges::any_of(runs, [](const json& run) {
+      return run.at("script").is_null() && run.at("comms_port").is_null();
+    });
+  }));
+  EXPECT_EQ(runs.size(), 1U) << json(runs).dump(1);
+  master.Send(Bytes("01 00 00 00"));
+  EXPECT_NE(master.Receive(), "");
+  EXPECT_TRUE(site.Runs().at(0).at("simulator").is_number());
 }
 
 // Which file a script of a relative name is only its daemon knows.
