@@ -19,7 +19,9 @@ std::string LaunchReader::LogOf(const Jobmill& jobmill, Run& run) const {
   if (jobmill.files) {
     const std::string target = jobmill.FileWith(name, ".log");
     if (target.empty() || target.ends_with(kDeleted)) {
-      run.unknown["windows_user"] = "the log that tells it was removed or replaced";
+      const bool none = jobmill.FileWith(name, "").empty();
+      run.unknown["windows_user"] =
+          none ? "the daemon writes no log" : "the log that tells it was removed or replaced";
       return {};
     }
     const pid_t reader = run.daemon != 0 ? run.daemon : jobmill.stat.id.pid;
