@@ -26,6 +26,8 @@ std::optional<AddressRange> RangeOf(const json& value) {
   if (!value.is_object()) return std::nullopt;
   if (value.contains("prefix")) {
     const json& prefix = value["prefix"];
+    // A line for the log has a prefix, too, which is a text.
+    if (!prefix.is_object() || !prefix.at("addr").is_string()) return std::nullopt;
     return ReadRange(prefix["addr"].get<std::string>() + "/" +
                      std::to_string(prefix["len"].get<int>()));
   }
