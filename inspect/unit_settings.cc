@@ -120,6 +120,13 @@ std::string Plain(const std::string& value) {
   return value;
 }
 
+// Whether none of the capabilities that runs need is in the list.
+bool KeepsNeeded(std::string_view capabilities) {
+  return capabilities.find("CAP_SETUID") == std::string_view::npos &&
+         capabilities.find("CAP_SETGID") == std::string_view::npos &&
+         capabilities.find("CAP_DAC_OVERRIDE") == std::string_view::npos;
+}
+
 bool IsHarmless(const Setting& setting, const std::string& value) {
   // An empty value puts a setting back. Of the capabilities, though, an empty list leaves none.
   if (value.empty()) return setting.name != "CapabilityBoundingSet";
@@ -129,10 +136,7 @@ bool IsHarmless(const Setting& setting, const std::string& value) {
     return !value.ends_with('%') && NumberIn(value.c_str()) >= kEnoughTasks;
   }
   // What is taken away one by one, as the shipped unit does.
-  return setting.name == "CapabilityBoundingSet" && value.starts_with('~') &&
-         value.find("CAP_SETUID") == std::string::npos &&
-         value.find("CAP_SETGID") == std::string::npos &&
-         value.find("CAP_DAC_OVERRIDE") == std::string::npos;
+  return setting.name == "CapabilityBoundingSet" && value.starts_with('~') && KeepsNeeded(value);
 }
 
 std::string_view Trimmed(std::string_view text) {
@@ -178,7 +182,13 @@ Findings CheckUnitSettings(const std::vector<std::string>& files) {
   Findings findings;
   std::map<std::string_view, UnitLine> last;
   const std::vector<UnitLine> lines = ReadUnit(files);
-  for (const UnitLine& line : lines) last[line.name] = line;
+  for (const UnitLine& line : lines) {
+    UnitLine& earlier = last[line.name];
+    // What several lines take away from the capabilities is taken away by all of them.
+    const bool adds_up = line.name == "CapabilityBoundingSet" && line.value.size() > 1 &&
+                         line.value.starts_with('~') && earlier.value.starts_with('~');
+    if (!adds_up || KeepsNeeded(earlier.value)) earlier = line;
+  }
   for (const Setting& setting : Settings()) {
     const auto found = last.find(setting.name);
     if (found == last.end() || IsHarmless(setting, found->second.value)) continue;

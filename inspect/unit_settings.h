@@ -20,7 +20,8 @@ struct UnitLine {
 std::vector<UnitLine> ReadUnit(const std::vector<std::string>& files);
 
 /// What these files take from the daemon, and from scripts and simulators, which inherit all that
-/// is set for it. Of equal settings the last one counts.
+/// is set for it. Of equal settings the last one counts, but for what several lines take away from
+/// CapabilityBoundingSet.
 Findings CheckUnitSettings(const std::vector<std::string>& files);
 
 }  // namespace inspect

@@ -121,5 +121,12 @@ TEST_F(UnitSettingsTest, RightsThatTheDaemonNeedsMayNotBeTakenAway) {
   }
 }
 
+TEST_F(UnitSettingsTest, RightsThatSeveralLinesTakeAwayAddUp) {
+  const std::string set = "CapabilityBoundingSet=";
+  const std::string taken = "[Service]\n" + set + "~CAP_SETUID\n" + set + "~CAP_SYS_TIME\n";
+  EXPECT_THAT(IdsOf(taken), ElementsAre("warning service.restricted:2"));
+  EXPECT_THAT(IdsOf(taken + set + "~\n"), IsEmpty());
+}
+
 }  // namespace
 }  // namespace inspect
