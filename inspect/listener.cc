@@ -22,11 +22,15 @@ std::optional<Process> OwnerOf(const TcpSocket& socket) {
 
 std::optional<Process> DaemonOn(int port) {
   for (const TcpSocket& socket : ReadSockets().all) {
-    if (socket.state != TCP_LISTEN || socket.local.port != port) continue;
+    if (socket.state != TCP_LISTEN || socket.local.port != port || IsOfIpv6Alone(socket)) continue;
     auto owner = OwnerOf(socket);
     return owner && owner->stat().name == kDaemonProgram ? std::move(owner) : std::nullopt;
   }
   return std::nullopt;
+}
+
+bool IsOfIpv6Alone(const TcpSocket& socket) {
+  return socket.local.address.find(':') != std::string::npos && socket.local.address != "::";
 }
 
 std::string Described(const std::optional<Process>& process) {

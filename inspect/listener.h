@@ -15,6 +15,9 @@ std::optional<Process> OwnerOf(const TcpSocket& socket);
 /// without the right to know.
 std::optional<Process> DaemonOn(int port);
 
+/// Whether the socket leaves its port on the addresses of IPv4, where the daemon listens, free.
+bool IsOfIpv6Alone(const TcpSocket& socket);
+
 /// "process 4711 (sshd)", or that only root can see it.
 std::string Described(const std::optional<Process>& process);
 

@@ -147,7 +147,7 @@ Findings CheckPort(const Site& site) {
   std::vector<TcpSocket> held;
   std::vector<TcpSocket> ended;
   for (const TcpSocket& socket : sockets.all) {
-    if (socket.local.port != site.options.listen_port) continue;
+    if (socket.local.port != site.options.listen_port || IsOfIpv6Alone(socket)) continue;
     if (socket.state == TCP_LISTEN) {
       JudgeListener(site, socket, findings);
       return findings;

@@ -1,11 +1,13 @@
 #include "inspect/port.h"
 
+#include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <filesystem>
 #include <iterator>
 #include <set>
@@ -43,6 +45,29 @@ TEST(PortTest, ProgramThatListensIsNamed) {
   EXPECT_EQ(findings[0].severity, Severity::kError);
   EXPECT_EQ(findings[0].what, "process " + std::to_string(getpid()) +
                                   " (inspect_test) listens on port " + std::to_string(port));
+}
+
+// The daemon listens on IPv4 alone.
+TEST(PortTest, ProgramThatListensOnAnAddressOfIpv6LeavesThePortFree) {
+  const int port = FreePort();
+  const auto listen_on = [port](const in6_addr& address) {
+    Descriptor listener(socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_in6 place{};
+    place.sin6_family = AF_INET6;
+    place.sin6_port = htons(static_cast<std::uint16_t>(port));
+    place.sin6_addr = address;
+    const bool bound =
+        bind(listener.get(), reinterpret_cast<sockaddr*>(&place), sizeof(place)) == 0;
+    if (!bound || listen(listener.get(), 1) != 0) listener.Reset();
+    return listener;
+  };
+  {
+    const Descriptor loopback = listen_on(in6addr_loopback);
+    if (!loopback) GTEST_SKIP() << "this machine has no IPv6";
+    EXPECT_THAT(CheckPort(SiteOn(port)), IsEmpty());
+  }
+  const Descriptor all = listen_on(in6addr_any);
+  EXPECT_EQ(CheckPort(SiteOn(port)).size(), 1U) << "this one takes those of IPv4 as well";
 }
 
 TEST(PortTest, ConnectionWithoutAListenerHoldsThePort) {
