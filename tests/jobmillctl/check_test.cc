@@ -1,3 +1,4 @@
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -60,6 +61,19 @@ TEST_F(CheckTest, GoodSiteIsOneLine) {
                              " (port 5000, script " + Script() +
                              ", comms ports 9001 to 9100, 60 s to start, comms logs)\n");
   EXPECT_EQ(outcome.err, "");
+}
+
+// Who has the ends of children ignored hands that on to what is started.
+TEST_F(CheckTest, CommandsAreUnderstoodWhereTheEndsOfChildrenWereIgnored) {
+  chmod(directory_.Write("script", "#!/bin/sh\nif\n").c_str(), 0755);
+  ChildProcess::Options options;
+  options.in_child = [] { return signal(SIGCHLD, SIG_IGN) == SIG_ERR ? 1 : 0; };
+  const Outcome outcome =
+      OutcomeOf({ProgramDirectory() + "/jobmillctl", "check", "--files", "--configuration",
+                 directory_.path().string(), "--program", directory_.File("vkjobmill.exe")},
+                options);
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_THAT(outcome.out, HasSubstr("yntax error"));
 }
 
 TEST_F(CheckTest, OptionsAreJudgedAsTheyAreGiven) {

@@ -1,5 +1,7 @@
 #include "tools/jobmillctl/program.h"
 
+#include <signal.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <exception>
@@ -77,6 +79,8 @@ bool IsWanted(const std::string& question) {
 }
 
 int RunProgram(int argc, const char* const* argv) {
+  // Whoever started this program may have it ignored, and then no command's status could be read.
+  signal(SIGCHLD, SIG_DFL);
   try {
     CLI::App app("Looks at the jobmills of this machine, their configuration and their runs");
     app.set_version_flag("--version", "jobmillctl " JOBMILL_VERSION);
