@@ -244,7 +244,8 @@ Site SiteOf(const std::string& directory, const std::string& name, const std::st
   const auto text = ReadFile(site.configuration);
   if (!text) site.error = errno;
   const std::string beside = site.BesideProgram("vkmpi_dir.sh");
-  if (site.error == ENOENT && name == "jobmill" && fs::exists(beside)) {
+  std::error_code ignored;
+  if (site.error == ENOENT && name == "jobmill" && fs::exists(beside, ignored)) {
     // What the unit of an installation from the sources has in itself.
     site.error = 0;
     site.words = {"-p", "5000", "-s", beside};

@@ -30,7 +30,10 @@ double TimeOf(const std::string& since) {
     tm local{};
     local.tm_isdst = -1;
     const char* rest = strptime(since.c_str(), format, &local);
-    if (rest != nullptr && *rest == '\0') return static_cast<double>(mktime(&local));
+    if (rest == nullptr || *rest != '\0') continue;
+    const int day = local.tm_mday;
+    const auto time = static_cast<double>(mktime(&local));
+    return local.tm_mday == day ? time : 0;  // February 31st would be a day of March
   }
   return 0;
 }
