@@ -39,6 +39,9 @@ class Target {
  public:
   explicit Target(const ProcessId& id)
       : handle_(static_cast<int>(syscall(SYS_pidfd_open, id.pid, 0))) {
+    if (!handle_ && (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOSYS)) {
+      throw Failed(fmt::format("a process of the run cannot be ended: {}", std::strerror(errno)));
+    }
     // As long as the process of this id is there, the handle is of no other with its number.
     if (!inspect::Process::Open(id)) handle_.Reset();
   }
