@@ -25,6 +25,7 @@ using Result = TlsSocket::Result;
 constexpr std::chrono::seconds kTick{1};
 constexpr Time kStatusAge = std::chrono::seconds(2);
 constexpr Time kLastWords = std::chrono::seconds(10);
+constexpr const char* kTooSlow = "The request has taken too long";
 constexpr int kRefusalsASecond = 20;
 constexpr std::int64_t kListIsOldSoon = 259200;  // three days
 
@@ -81,6 +82,7 @@ struct ServingGate::Link {
   std::uint16_t daemon_port = 0;
   std::optional<std::string> claimed;
   std::optional<CertificateName> proof;
+  bool denied = false;  // the master gets a text, and nothing of his reaches the daemon
   Time since{};
   Time since_wall{};
 
@@ -394,11 +396,21 @@ std::string ServingGate::Judge(Link& link, const Claim& claim) {
     link.proof = ProofOf(claim.user(), link.names.names, users_);
     if (!link.proof) refusal = NotProvenText(claim.user(), link.names);
   }
-  Json fields = FieldsOf(link);
-  if (!refusal.empty()) fields["why"] = refusal;
-  Count(refusal.empty() ? "admitted" : "denied");
-  journal_.Write(refusal.empty() ? "admitted" : "denied", fields);
+  if (refusal.empty()) {
+    Count("admitted");
+    journal_.Write("admitted", FieldsOf(link));
+  } else {
+    Deny(link, refusal);
+  }
   return refusal;
+}
+
+void ServingGate::Deny(Link& link, const std::string& why) {
+  link.denied = true;
+  Json fields = FieldsOf(link);
+  fields["why"] = why;
+  Count("denied");
+  journal_.Write("denied", fields);
 }
 
 void ServingGate::Ended(const LinkId& id) {
@@ -409,7 +421,7 @@ void ServingGate::Ended(const LinkId& id) {
   const Stream& stream = link->end->stream();
   table_.Ended(id, stream.reason());
   Json fields = FieldsOf(*link);
-  fields["verdict"] = link->proof ? "admitted" : link->claimed ? "denied" : "no claim";
+  fields["verdict"] = link->proof ? "admitted" : link->denied ? "denied" : "no claim";
   fields["bytes_to_daemon"] = stream.taken();
   fields["bytes_to_master"] = stream.given();
   fields["seconds"] = static_cast<double>((Now() - link->since).count()) / 1000;
@@ -471,10 +483,11 @@ void ServingGate::LookAfterLinks(Time now) {
     if (late > kLastWords || link->end->wire() == nullptr) {
       useless.push_back(link->end);
     } else if (link->end->claim_is_open()) {
+      Deny(*link, kTooSlow);
       silent.push_back(link->end);
     }
   }
-  for (const auto& end : silent) end->RefuseMaster("The request has taken too long");
+  for (const auto& end : silent) end->RefuseMaster(kTooSlow);
   for (const auto& end : useless) end->End(Reason::kNoProof);
   for (const LinkId& id : table_.Overdue(now)) {
     const auto found = links_.find(id);

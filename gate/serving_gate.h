@@ -85,6 +85,7 @@ class ServingGate {
                     void (ServingGate::*next)(const std::shared_ptr<Arrival>&));
 
   std::string Judge(Link& link, const Claim& claim);
+  void Deny(Link& link, const std::string& why);
   std::string WhyNotGood(const Link& link) const;
   bool IsGood(const Arrival& arrival) const;
   void Ended(const LinkId& id);

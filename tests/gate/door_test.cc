@@ -352,6 +352,9 @@ TEST(LimitTest, MasterThatDoesNotSayWhoItIsIsRefusedInTime) {
   WriteAll(link.get(), Handshake().substr(0, 30));
   EXPECT_EQ(Rest(link), Frame("3") + Frame("The request has taken too long"));
   EXPECT_THAT(daemon.Logged(), Not(HasSubstr("Path: ")));
+  EXPECT_EQ(door.serving().Await("denied")["why"], "The request has taken too long");
+  shutdown(link.get(), SHUT_WR);
+  EXPECT_EQ(door.serving().Await("ended")["verdict"], "denied");
 }
 
 TEST(LimitTest, LinkWhoseMasterHasProvenNothingInTimeEnds) {
@@ -388,6 +391,9 @@ TEST(LimitTest, MasterThatSendsTooMuchBeforeItsClaimIsRefused) {
   WriteAll(link.get(), Frame("3") + Frame("0") + Frame(std::string(2000, 'x')) + Handshake());
   EXPECT_EQ(Rest(link), Frame("3") + Frame("The request is longer than the gate takes"));
   EXPECT_THAT(daemon.Logged(), Not(HasSubstr("Path: ")));
+  EXPECT_EQ(door.serving().Await("denied")["why"], "The request is longer than the gate takes");
+  shutdown(link.get(), SHUT_WR);
+  EXPECT_EQ(door.serving().Await("ended")["verdict"], "denied");
 }
 
 TEST(LimitTest, OneCertificateHasOnlySoManyLinks) {
