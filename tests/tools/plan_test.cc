@@ -447,6 +447,21 @@ TEST_F(PlanRunTest, CommandsWithoutEffectAreKept) {
             "5,2020-01-06,\"note: shut: The simulator has acknowledged it, but P1 is OPEN\"\n");
 }
 
+TEST_F(PlanRunTest, WellsThatTheModelAddsAreRecordedFromThenOn) {
+  run_.before = [this, first = true](std::uint32_t code) mutable {
+    if (code == 8 && std::exchange(first, false)) run_.wells.push_back({"P9", "PRODUCER", "OPEN"});
+  };
+  const Outcome outcome =
+      Run("[advance]\nuntil = 20\nstep = 10\n[record]\ncommands = [\"data\", \"vars P* bhp\"]\n");
+  EXPECT_EQ(outcome.status, 0) << outcome.err;
+  for (const char* file : {"results/data.csv", "results/vars.csv"}) {
+    const std::string rows = directory_.Read(file);
+    EXPECT_THAT(rows, Not(HasSubstr("\n0,2020-01-01,P9,"))) << file;
+    EXPECT_THAT(rows, HasSubstr("\n10,2020-01-11,P9,")) << file;
+    EXPECT_THAT(rows, HasSubstr("\n20,2020-01-21,P9,")) << file;
+  }
+}
+
 TEST_F(PlanRunTest, RunFileOfARunThatFailedSaysSo) {
   run_.fails = {8};
   EXPECT_EQ(Run("[advance]\nuntil = 40\n").status, 4);

@@ -192,7 +192,7 @@ void Advance(Context& context, const AdvanceRequest& request) {
   while (target - now >= kSameTime) {
     const double next = step ? EndOfStep(*step, start, now) : target;
     now = target - next < kSameTime ? target : next;
-    session.run().RunUntil(now);
+    session.RunUntil(now);
     Result row = StateRow(session, "until", request.rates);
     if (session.has_ended() && target - session.last_days() >= kSameTime) {
       row.notes.push_back(EndedBefore(session, target));

@@ -132,7 +132,7 @@ class Course {
   void CarryOn(double now) {
     while (target_ - now >= kSameTime && !session_.has_ended()) {
       now = NextStop(now);
-      Compute([&] { session_.run().RunUntil(now); });
+      Compute([&] { session_.RunUntil(now); });
       Stop(now, false);
     }
     context_.progress.End();

@@ -55,6 +55,12 @@ void Session::FirstStep() {
   if (first_step_done_) throw UsageError("The run is at its first time step or beyond already");
   run().Newton();
   first_step_done_ = true;
+  wells_current_ = false;
+}
+
+void Session::RunUntil(double days) {
+  wells_current_ = false;
+  run().RunUntil(days);
 }
 
 void Session::Shutdown() {
@@ -88,7 +94,7 @@ bool Session::Ended() {
 
 std::vector<master::WellStatus> Session::Wells() {
   wells_ = run().GetWellStatus();
-  wells_known_ = true;
+  wells_known_ = wells_current_ = true;
   return wells_;
 }
 
@@ -104,6 +110,11 @@ std::vector<std::string> Session::Resolve(const Words& patterns) {
   KnownWells();
   for (const std::string& word : SplitAtCommas(patterns)) {
     const std::string pattern = IsLater(word) ? word.substr(kLater.size()) : word;
+    // Nobody would notice that a well which has come since is missing from all that "P*" means.
+    if (!wells_current_ && (pattern == "all" || IsPattern(pattern))) {
+      Wells();
+      fresh = true;
+    }
     std::vector<std::string> found = Find(pattern);
     if (found.empty() && !fresh) {
       Wells();

@@ -70,6 +70,9 @@ class Session {
   void Connect();
   void FirstStep();
   void Shutdown();
+
+  /// Has the simulator compute up to `days` since the start date.
+  void RunUntil(double days);
   bool connected() const { return connected_; }
   bool first_step_done() const { return first_step_done_; }
   bool shut_down() const { return shut_down_; }
@@ -97,8 +100,8 @@ class Session {
 
   /// The wells that `patterns` mean, in that order and each once. A pattern is a name, has * and ?
   /// in it, is "all", or is a list of such with commas. A name in another letter case is understood
-  /// when only one well has it. Throws UsageError for what means no well; before that it asks for
-  /// the wells anew, since a model may add wells.
+  /// when only one well has it. Throws UsageError for what means no well. A model may add wells:
+  /// after an advance the wells are asked for anew, for a name only when it is not known.
   std::vector<std::string> Resolve(const Words& patterns);
 
   /// Throws UsageError when Resolve() would for the wells now. Those that are said to come later
@@ -152,6 +155,7 @@ class Session {
   double last_days_ = 0;
   bool has_ended_ = false;
   bool wells_known_ = false;
+  bool wells_current_ = false;  // nothing has been computed since they were asked for
   std::vector<master::WellStatus> wells_;
   Constraints constraints_;
   Constraints planned_;
