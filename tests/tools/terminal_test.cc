@@ -92,6 +92,17 @@ class TerminalTest : public testing::Test {
     return shown;
   }
 
+  // Keeps the answer to the `nth` request of this code back until LetGo().
+  void Hold(std::uint32_t code, int nth = 1) {
+    run_.before = [this, code, nth](std::uint32_t asked) mutable {
+      if (asked != code || --nth != 0) return;
+      held_.set_value();
+      let_go_.get_future().wait_for(std::chrono::seconds(30));
+    };
+  }
+  void AwaitHeld() { held_.get_future().wait_for(std::chrono::seconds(30)); }
+  void LetGo() { let_go_.set_value(); }
+
   int Status() {
     last_ = Until("");
     return ExitStatus();
@@ -106,6 +117,8 @@ class TerminalTest : public testing::Test {
 
   TemporaryDirectory home_;
   std::optional<std::string> home_variable_ = home_.path().string();
+  std::promise<void> held_;
+  std::promise<void> let_go_;
   FakeRun run_;
   FakeDaemon daemon_{FakeDaemon::Launching(run_)};
   pid_t pid_ = -1;
@@ -159,20 +172,14 @@ TEST_F(TerminalTest, CtrlCAtThePromptDropsTheLineAndKeepsTheRun) {
 }
 
 TEST_F(TerminalTest, CtrlCDuringAnAdvanceStopsAfterTheStepAndGivesThePromptBack) {
-  std::promise<void> stepping;
-  std::promise<void> pressed;
-  run_.before = [&, steps = 0](std::uint32_t code) mutable {
-    if (code != 8 || ++steps != 2) return;
-    stepping.set_value();
-    pressed.get_future().wait();
-  };
+  Hold(8, 2);
   Start({});
   EXPECT_THAT(Until("CASE day 0> "), HasSubstr("Ctrl-C stops an advance after its step"));
   Type("until 3650 step 30; time\n");
-  stepping.get_future().wait();
+  AwaitHeld();
   Type("\x03");
   EXPECT_THAT(Until("Ctrl-C again ends the run"), HasSubstr("finished its step"));
-  pressed.set_value();
+  LetGo();
   const std::string shown = Until("CASE day 60> ");
   EXPECT_THAT(shown, HasSubstr("note: Stopped at day 60, before day 3650"));
   EXPECT_THAT(shown, Not(HasSubstr("60 days"))) << "the next command of the line";
@@ -212,41 +219,61 @@ TEST_F(TerminalTest, CtrlCDuringTheLastStepOfAnAdvanceIsNoEarlyStop) {
 
 // Ctrl-C alone is taken for a slip of the person at the prompt.
 TEST_F(TerminalTest, TerminationDuringATypedAdvanceEndsTheRunAtOnce) {
-  std::promise<void> stepping;
-  std::promise<void> over;
-  run_.before = [&](std::uint32_t code) {
-    if (code != 8) return;
-    stepping.set_value();
-    over.get_future().wait();
-  };
+  Hold(8);
   Start({});
   Until("CASE day 0> ");
   Type("until 3650 step 30\n");
-  stepping.get_future().wait();
+  AwaitHeld();
   kill(pid_, SIGTERM);
   Until("Interrupted: shutting the run down");
-  over.set_value();
+  LetGo();
   EXPECT_EQ(Status(), 143);
   EXPECT_EQ(daemon_.Requests().back(), "f0 ff 00 00");
 }
 
 TEST_F(TerminalTest, CtrlCTwiceDuringAnAdvanceEndsTheRun) {
-  std::promise<void> stepping;
-  std::promise<void> over;
-  run_.before = [&](std::uint32_t code) {
-    if (code != 8) return;
-    stepping.set_value();
-    over.get_future().wait();
-  };
+  Hold(8);
   Start({});
   Until("CASE day 0> ");
   Type("until 3650 step 30\n");
-  stepping.get_future().wait();
+  AwaitHeld();
   Type("\x03");
   Until("Ctrl-C again ends the run");
   Type("\x03");
   Until("Interrupted: shutting the run down");
-  over.set_value();
+  LetGo();
+  EXPECT_EQ(Status(), 130);
+  EXPECT_EQ(daemon_.Requests().back(), "f0 ff 00 00");
+}
+
+// What completes a word asks the simulator for the wells.
+TEST_F(TerminalTest, CtrlCDuringACompletionGivesThePromptBack) {
+  Hold(6);
+  Start({});
+  Until("CASE day 0> ");
+  Type("shut \t");
+  AwaitHeld();
+  Type("\x03");
+  Until("Ctrl-C again ends the run");
+  LetGo();
+  Until("CASE day 0> ");
+  Type("time\n");
+  EXPECT_THAT(Until("CASE day 0> "), HasSubstr("time  0 days"));
+  TypeEnd();
+  EXPECT_EQ(Status(), 0);
+}
+
+TEST_F(TerminalTest, CtrlCTwiceDuringACompletionEndsTheRun) {
+  Hold(6);
+  Start({});
+  Until("CASE day 0> ");
+  Type("shut \t");
+  AwaitHeld();
+  Type("\x03");
+  Until("Ctrl-C again ends the run");
+  Type("\x03");
+  Until("Interrupted: shutting the run down");
+  LetGo();
   EXPECT_EQ(Status(), 130);
   EXPECT_EQ(daemon_.Requests().back(), "f0 ff 00 00");
 }

@@ -337,10 +337,14 @@ class Program {
     const std::unique_ptr<LineSource> lines = Lines(at_terminal);
     const bool forgiving = at_terminal || options_.keep_going;
     int result = kOk;
-    while (const auto line = lines->Next()) {
-      const int status = at_terminal ? ExecuteTypedLine(*line) : ExecuteLine(*line);
-      if (status != kOk) result = status;
-      if (!GoesOn(status, forgiving) || session_->shut_down()) break;
+    try {
+      while (const auto line = lines->Next()) {
+        const int status = at_terminal ? ExecuteTypedLine(*line) : ExecuteLine(*line);
+        if (status != kOk) result = status;
+        if (!GoesOn(status, forgiving) || session_->shut_down()) break;
+      }
+    } catch (const master::Interrupted&) {
+      return SignalStatus();
     }
     if (interrupt_.signal() != 0) return SignalStatus();
     // A mistake at the prompt was reported there and is no failure of the program.
@@ -370,12 +374,28 @@ class Program {
 
   // At the prompt a Ctrl-C does not end the run: people press it to get rid of a command. The
   // simulator cannot be interrupted, so the first one waits for the answer that is due.
+  class Patience {
+   public:
+    explicit Patience(Program& program) : program_(program) {
+      program_.patient_ = true;
+      program_.session_->raw_run().channel().WakeOn(master::kNoWake);
+    }
+    Patience(const Patience&) = delete;
+    Patience& operator=(const Patience&) = delete;
+    ~Patience() {
+      program_.patient_ = program_.told_ = false;
+      program_.session_->raw_run().channel().WakeOn(program_.interrupt_.wake());
+    }
+
+   private:
+    Program& program_;
+  };
+
   int ExecuteTypedLine(const std::string& line) {
-    patient_ = true;
-    session_->raw_run().channel().WakeOn(master::kNoWake);
-    const int status = ExecuteLine(line);
-    patient_ = told_ = false;
-    session_->raw_run().channel().WakeOn(interrupt_.wake());
+    const int status = [&] {
+      const Patience patience(*this);
+      return ExecuteLine(line);
+    }();
     if (interrupt_.signal() == SIGINT && interrupt_.count() == 1) interrupt_.Clear();
     return status;
   }
@@ -406,11 +426,15 @@ class Program {
         },
         RunNames{
             [this] {
+              const Patience patience(*this);
               std::vector<std::string> names;
               for (const auto& well : session_->KnownWells()) names.push_back(well.name);
               return names;
             },
-            [this] { return session_->Components(); },
+            [this] {
+              const Patience patience(*this);
+              return session_->Components();
+            },
             [this] { return std::vector(session_->sources().begin(), session_->sources().end()); }},
         interrupt_);
   }

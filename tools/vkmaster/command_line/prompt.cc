@@ -15,6 +15,7 @@
 #include <memory>
 #include <utility>
 
+#include "master/errors.h"
 #include "tools/vkmaster/command_line/interrupt.h"
 
 namespace vkmaster {
@@ -26,6 +27,9 @@ constexpr int kHistoryLines = 1000;
 RunNames g_names;
 
 int g_wake = -1;
+
+// What a completion was ended by: nothing may be thrown through the editor.
+std::exception_ptr g_interrupted;
 
 // Waits for the terminal and for signals at once. A read() alone would miss a signal that comes
 // just before it, and Ctrl-C would do nothing until the next key.
@@ -45,6 +49,9 @@ char** Complete(const char* begin, int start, int /*end*/) {
   try {
     found =
         Completions(std::string(rl_line_buffer, static_cast<std::size_t>(start)), begin, g_names);
+  } catch (const master::Interrupted&) {
+    g_interrupted = std::current_exception();
+    return nullptr;
   } catch (const std::exception&) {
     return nullptr;  // the command itself will say what is wrong with the link
   }
@@ -88,6 +95,7 @@ Prompt::~Prompt() {
 std::optional<std::string> Prompt::Next() {
   while (true) {
     const std::unique_ptr<char, decltype(&free)> line(readline(text_().c_str()), free);
+    if (g_interrupted) std::rethrow_exception(std::exchange(g_interrupted, nullptr));
     if (line && interrupt_.signal() == 0) {
       if (*line != '\0') add_history(line.get());
       return line.get();

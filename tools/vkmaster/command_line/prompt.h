@@ -35,7 +35,8 @@ class Prompt : public LineSource {
   Prompt(const Prompt&) = delete;
   Prompt& operator=(const Prompt&) = delete;
 
-  /// Ctrl-C empties the line; Ctrl-D on an empty line, SIGTERM and SIGHUP end the input.
+  /// Ctrl-C empties the line; Ctrl-D on an empty line, SIGTERM and SIGHUP end the input. Throws
+  /// master::Interrupted when the names of the run were asked for and their giver did.
   std::optional<std::string> Next() override;
 
  private:

@@ -7,6 +7,7 @@
 #include <memory>
 #include <utility>
 
+#include "master/errors.h"
 #include "tools/vkmaster/command_line/interrupt.h"
 #include "tools/vkmaster/command_line/prompt.h"
 #include "tools/vkmaster/output/output.h"
@@ -42,6 +43,8 @@ std::string Completed(const std::string& line, const RunNames& names) {
   std::vector<std::string> found;
   try {
     found = Completions(line.substr(0, begin), word, names);
+  } catch (const master::Interrupted&) {
+    throw;
   } catch (const std::exception&) {
     return line;  // the command itself will say what is wrong with the link
   }
