@@ -148,6 +148,17 @@ TEST_F(ProgramTest, NoConnectLeavesConnectingToTheCommand) {
   EXPECT_THAT(daemon_.Requests(), ElementsAre(kConnect, kShutdown));
 }
 
+// What the simulator calls its wells comes to a terminal.
+TEST_F(ProgramTest, EscapesOfTheSimulatorDoNotReachTheTerminal) {
+  run_.wells = {{"P\033[31m", "PRODUCER", "OPEN"}};
+  run_.obeys = false;
+  const Outcome outcome = Master({"wells", "then", "shut", "all"});
+  EXPECT_EQ(outcome.status, 0) << outcome.err;
+  EXPECT_THAT(outcome.out, HasSubstr("P?[31m"));
+  EXPECT_THAT(outcome.err, HasSubstr("P?[31m is OPEN"));
+  EXPECT_THAT(outcome.out + outcome.err, Not(HasSubstr("\033")));
+}
+
 TEST_F(ProgramTest, CommandBeforeConnectIsNotSentSinceItWouldEndTheRun) {
   const Outcome outcome = Master({"--no-connect", "time"});
   EXPECT_EQ(outcome.status, 2);

@@ -101,6 +101,14 @@ TEST(MaybeMeant, OfManyLikelyNamesTheFirstAreNamed) {
 
 TEST(Printable, ControlCharactersBecomeQuestionMarks) {
   EXPECT_EQ(vkmaster::Printable("a\033[2J\n\tb\x7f"), "a?[2J??b?");
+  EXPECT_EQ(vkmaster::Printable("\xC2\x9B"
+                                "2J \xC3\xA9\xC2\xA0\xC2"),
+            "?2J \xC3\xA9\xC2\xA0\xC2");
+  EXPECT_EQ(vkmaster::Printable("\xC2"
+                                "B"),
+            "\xC2"
+            "B")
+      << "Latin-1 itself";
 }
 
 TEST(Sha256, IsWhatTheStandardSays) {

@@ -86,7 +86,7 @@ std::string JsonLine(const Result& result) {
 }
 
 std::string Heading(const Column& column) {
-  return column.unit.empty() ? column.label : column.label + " [" + column.unit + "]";
+  return Printable(column.label) + (column.unit.empty() ? "" : " [" + column.unit + "]");
 }
 
 std::string CsvHeader(const Table& table) {
@@ -204,7 +204,7 @@ std::string FormatTable(const Table& table) {
   for (const auto& line : lines) {
     for (std::size_t i = 0; i < line.size(); ++i) widths[i] = std::max(widths[i], Width(line[i]));
   }
-  std::string text = table.title.empty() ? "" : table.title + "\n";
+  std::string text = table.title.empty() ? "" : Printable(table.title) + "\n";
   for (const auto& cells : lines) {
     std::string line;
     for (std::size_t i = 0; i < cells.size(); ++i) {
@@ -232,7 +232,7 @@ void Output::Write(const Result& result) {
       WriteCsv(result);
       break;
   }
-  for (const std::string& note : result.notes) Note("note: " + note);
+  for (const std::string& note : result.notes) Note("note: " + Printable(note));
 }
 
 void Output::WriteError(const std::string& command, const std::string& text,
@@ -252,7 +252,13 @@ void Output::WriteError(const std::string& command, const std::string& text,
 
 void Output::Note(const std::string& text) {
   if (before_) before_();
-  Tell(notes_, text + "\n");
+  std::string shown;
+  for (std::size_t begin = 0; begin <= text.size();) {
+    const std::size_t end = std::min(text.find('\n', begin), text.size());
+    shown += Printable(std::string_view(text).substr(begin, end - begin)) + "\n";
+    begin = end + 1;
+  }
+  Tell(notes_, shown);
 }
 
 // True when the result is a row of the table that the last result belonged to: no new header.

@@ -77,7 +77,7 @@ std::string Draw(const Plot& plot, int width, int height) {
   }
   for (const auto& [x, y] : points) canvas.Put(x, y, '*');
 
-  std::string text = fmt::format("{}\n{:>10}\n", plot.title, plot.y_label);
+  std::string text = fmt::format("{}\n{:>10}\n", Printable(plot.title), plot.y_label);
   for (std::size_t row = 0; row < canvas.rows().size(); ++row) {
     const std::string mark = row == 0                          ? fmt::format("{:.5g}", y_axis.high)
                              : row + 1 == canvas.rows().size() ? fmt::format("{:.5g}", y_axis.low)

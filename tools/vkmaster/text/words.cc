@@ -190,8 +190,11 @@ std::string TrimRight(std::string text) {
 
 std::string Printable(std::string_view text) {
   std::string clean(text);
-  for (char& c : clean) {
-    if (std::iscntrl(static_cast<unsigned char>(c)) != 0) c = '?';
+  for (std::size_t i = 0; i < clean.size(); ++i) {
+    if (std::iscntrl(static_cast<unsigned char>(clean[i])) != 0) clean[i] = '?';
+    // U+0080 to U+009F, which a terminal obeys, too.
+    const auto next = static_cast<unsigned char>(i + 1 < clean.size() ? clean[i + 1] : 0);
+    if (clean[i] == '\xC2' && next >= 0x80 && next < 0xA0) clean.replace(i, 2, "?");
   }
   return clean;
 }

@@ -40,7 +40,8 @@ double ParseNumber(const std::string& word, const std::string& what);
 /// `text` without the blanks at its end.
 std::string TrimRight(std::string text);
 
-/// `text` with a '?' for every control character, which a terminal would act on.
+/// `text` with a '?' for every control character of ASCII or, in UTF-8, of Latin-1: a terminal
+/// would act on it.
 std::string Printable(std::string_view text);
 
 }  // namespace vkmaster
