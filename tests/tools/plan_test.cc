@@ -1035,6 +1035,8 @@ TEST_F(PlanTest, ReportOfWhatHasNoneIsRefused) {
   const Outcome nothing = RunVkmaster({"report", directory_.path().string()});
   EXPECT_EQ(nothing.status, 2);
   EXPECT_THAT(nothing.err, HasSubstr("has no results of a plan: there is no steps.csv"));
+  EXPECT_EQ(RunVkmaster({"report", directory_.path().string(), "--json"}).err,
+            "vkmaster: report: Options come before it, and --json is no name for a page\n");
   EXPECT_THAT(RunVkmaster({"report"}).err, HasSubstr("Of which results? report DIRECTORY [FILE]"));
   const Outcome no_plan = RunVkmaster({"--report", "a.html", "status"});
   EXPECT_EQ(no_plan.status, 2);

@@ -148,6 +148,15 @@ TEST_F(ProgramTest, NoConnectLeavesConnectingToTheCommand) {
   EXPECT_THAT(daemon_.Requests(), ElementsAre(kConnect, kShutdown));
 }
 
+TEST_F(ProgramTest, PlanWithoutAConnectionIsRefusedBeforeTheLaunch) {
+  const TemporaryDirectory directory;
+  const Outcome outcome =
+      Master({"--no-connect", "run", directory.Write("plan.toml", "[advance]\nuntil = 3\n")});
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_EQ(outcome.err, "vkmaster: --no-connect leaves run PLAN no run to act on\n");
+  EXPECT_TRUE(daemon_.Requests().empty());
+}
+
 // What the simulator calls its wells comes to a terminal.
 TEST_F(ProgramTest, EscapesOfTheSimulatorDoNotReachTheTerminal) {
   run_.wells = {{"P\033[31m", "PRODUCER", "OPEN"}};
@@ -157,6 +166,13 @@ TEST_F(ProgramTest, EscapesOfTheSimulatorDoNotReachTheTerminal) {
   EXPECT_THAT(outcome.out, HasSubstr("P?[31m"));
   EXPECT_THAT(outcome.err, HasSubstr("P?[31m is OPEN"));
   EXPECT_THAT(outcome.out + outcome.err, Not(HasSubstr("\033")));
+}
+
+TEST_F(ProgramTest, FileOfCommandsThatCannotBeReadIsRefusedBeforeTheLaunch) {
+  const Outcome outcome = Master({"--file", "/"});
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_EQ(outcome.err, "vkmaster: Cannot read the file '/'\n");
+  EXPECT_TRUE(daemon_.Requests().empty());
 }
 
 TEST_F(ProgramTest, CommandBeforeConnectIsNotSentSinceItWouldEndTheRun) {

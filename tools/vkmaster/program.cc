@@ -68,6 +68,8 @@ std::vector<Command> ReadCommandFile(const std::string& file) {
   } catch (const UsageError& error) {
     throw UsageError(fmt::format("{}, line {}: {}", file, number, error.what()));
   }
+  // A directory, or a disk that fails: what was read so far may be a part.
+  if (lines.bad()) throw UsageError("Cannot read the file '" + file + "'");
   return commands;
 }
 

@@ -321,9 +321,15 @@ void TakeOwnWords(Options& options) {
   const std::string first = words.empty() ? "" : words[0];
   if (!options.plan.empty()) {
     ApplyLaunch(ReadPlan(options.plan), options);
+    if (!options.connect && !options.check)
+      throw UsageError("--no-connect leaves run PLAN no run to act on");
   } else if (!options.report.empty()) {
     throw UsageError("--report is for run PLAN: the page is made of a plan's results");
   } else if (first == "report") {
+    if (words.size() > 2 && words.back().starts_with('-')) {
+      throw UsageError("report: Options come before it, and " + words.back() +
+                       " is no name for a page");
+    }
     if (words.size() != 2 && words.size() != 3) {
       throw UsageError("report: Of which results? report DIRECTORY [FILE]");
     }
