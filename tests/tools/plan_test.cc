@@ -189,6 +189,8 @@ TEST_F(PlanTest, WhatIsWrongIsNamedWithItsLine) {
               HasSubstr("line 4: ipr in [record] would open and cut back the wells at every stop"));
   EXPECT_THAT(Refusal(advance + "[record]\ncommands = [\"ipr P1 keep\"]\n"), HasSubstr("line 4"));
   EXPECT_EQ(Refusal(advance + "[record]\ncommands = [\"ipr P1 lift\"]\n"), "understood");
+  EXPECT_EQ(Refusal(advance + "[record]\ncommands = ['ipr \"#1\" lift', \"data \\\"P's\\\"\"]\n"),
+            "understood");
   EXPECT_THAT(Refusal(advance + "[event]\nat = 3\n"),
               EndsWith("line 3: events are written as [[event]]"));
   EXPECT_THAT(Refusal(advance + "[[event]]\nat = 3\n"),

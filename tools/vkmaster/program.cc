@@ -195,8 +195,7 @@ class Program {
 
   int PrintHelp() const {
     for (const Command& command : *commands_) {
-      const Words words = SplitWords(command.text);
-      std::fputs(HelpText(words.size() > 1 ? words[1] : "").c_str(), stdout);
+      std::fputs(HelpText(command.words.size() > 1 ? command.words[1] : "").c_str(), stdout);
     }
     std::fflush(stdout);
     if (std::ferror(stdout) != 0) {

@@ -50,6 +50,7 @@ struct Command {
   Check check{};
   std::optional<Target> target{};
   bool sets = false;  ///< whether its whole purpose is to set something of the run
+  Words words{};      ///< those of `text`, which does not tell where the blanks of a word are
 };
 
 /// What a parser makes of a command that writes the result of `make`.

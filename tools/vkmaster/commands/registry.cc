@@ -254,9 +254,13 @@ Command ParseCommand(const Words& words) {
   const Entry& entry = EntryOf(words.at(0));
   try {
     Parsed parsed = entry.parse(Words(words.begin() + 1, words.end()));
-    return {Join(words),     std::move(parsed.execute),
-            entry.needs_run, std::move(parsed.check),
-            parsed.target,   entry.sets};
+    return {Join(words),
+            std::move(parsed.execute),
+            entry.needs_run,
+            std::move(parsed.check),
+            parsed.target,
+            entry.sets,
+            words};
   } catch (const UsageError& error) {
     throw UsageError(words[0] + ": " + error.what());
   }

@@ -111,7 +111,7 @@ void ReadAdvance(Section section, Plan& plan) {
 
 // The plan itself says how far the run goes and when it ends.
 void CheckAllowed(const Value& value, const Command& command) {
-  const std::string name = command.text.substr(0, command.text.find(' '));
+  const std::string& name = command.words.front();
   for (const char* own : {"connect", "first-step", "until", "every", "shutdown", "quit", "help"}) {
     if (name == own) value.place().Fail("'" + name + "' has no place in a plan");
   }
@@ -123,7 +123,7 @@ bool IsIn(const std::string& word, const Words& words) {
 
 // Records are for looking on. Inflow tables at every stop would change what the next stop records.
 void RefuseChange(const Value& value, const Command& command) {
-  const Words words = SplitWords(command.text);
+  const Words& words = command.words;
   if (command.sets) {
     value.place().Fail("'" + words.front() +
                        "' in [record] would change the run at every stop: give it to an [[event]]");
@@ -186,7 +186,7 @@ void RefuseBareInflowTables(const Plan& plan) {
   bool limits = false;
   for (const PlanEvent& event : plan.events) {
     for (const Command& command : event.commands) {
-      const Words words = SplitWords(command.text);
+      const Words& words = command.words;
       limits |= IsIn(words.front(), {"constrain", "unconstrain"});
       if (limits || words.front() != "ipr") continue;
       if (IsIn("lift", words) || IsIn("keep", words) || IsIn("--keep", words)) continue;
