@@ -201,13 +201,24 @@ TEST_F(PlanTest, WhatIsWrongIsNamedWithItsLine) {
               HasSubstr("line 4: day 800 is after the end of the plan, day "));
 }
 
+TEST_F(PlanTest, RecordsThatWouldWriteRowsTwiceAreRefused) {
+  const std::string advance = "[advance]\nuntil = 3\n[record]\ncommands = [\n";
+  for (const auto& [first, second] :
+       {std::pair("data", "data P1"), {"data P1", "data"}, {"data P1", "data  P1"}}) {
+    EXPECT_THAT(Refusal(fmt::format("{}\"{}\",\n\"wells; {}\"]\n", advance, first, second)),
+                AllOf(HasSubstr("line 6: '"), EndsWith("' writes, too: one of them is enough")));
+  }
+  EXPECT_EQ(Refusal(advance + "\"data P1\", \"data P2\", \"vars P1 oil\", \"vars P1 gas\"]\n"),
+            "understood");
+}
+
 TEST_F(PlanTest, RecordsThatWouldChangeTheRunAreRefused) {
   const std::string advance = "[advance]\nuntil = 3\n[record]\ncommands = [";
   for (const std::string command :
        {"shut P1", "open P1", "set-status SHUT P1", "uptime P1 0.5", "constrain P1 oil=9",
         "unconstrain P1", "source P1 S1", "composition S1 C1=1"}) {
     const std::string name = command.substr(0, command.find(' '));
-    EXPECT_THAT(Refusal(fmt::format("{}\n\"data\",\n\"data; {}\"]\n", advance, command)),
+    EXPECT_THAT(Refusal(fmt::format("{}\n\"data\",\n\"wells; {}\"]\n", advance, command)),
                 EndsWith("line 6: '" + name +
                          "' in [record] would change the run at every stop: give it to an "
                          "[[event]]"));

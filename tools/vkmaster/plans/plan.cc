@@ -135,6 +135,24 @@ void RefuseChange(const Value& value, const Command& command) {
   }
 }
 
+bool IsOfAllWells(const Words& words) {
+  return words.size() == 1 || (words.size() == 2 && words[1] == "all");
+}
+
+// Nor would the sums over a table be right whose rows are there twice.
+void RefuseRepetition(const Value& value, const std::vector<Command>& earlier,
+                      const Command& command) {
+  const Words& words = command.words;
+  for (const Command& one : earlier) {
+    const Words& others = one.words;
+    const bool all_wells = IsOfAllWells(words) || IsOfAllWells(others);
+    if (words == others || (words.front() == others.front() && all_wells)) {
+      value.place().Fail("'" + command.text + "' in [record] writes rows that '" + one.text +
+                         "' writes, too: one of them is enough");
+    }
+  }
+}
+
 std::vector<Command> ReadCommands(const Value& value, bool record) {
   std::vector<Command> commands;
   for (const Value& line : value.List("a list of commands wanted")) {
@@ -142,7 +160,10 @@ std::vector<Command> ReadCommands(const Value& value, bool record) {
     if (!text) line.place().Fail("a command wanted, as a text");
     for (Command& command : At(line, [&] { return ParseCommands(SplitWords(*text)); })) {
       CheckAllowed(line, command);
-      if (record) RefuseChange(line, command);
+      if (record) {
+        RefuseChange(line, command);
+        RefuseRepetition(line, commands, command);
+      }
       commands.push_back(std::move(command));
     }
   }
