@@ -460,6 +460,15 @@ TEST_F(PlanRunTest, CommandsWithoutEffectAreKept) {
             "5,2020-01-06,\"note: shut: The simulator has acknowledged it, but P1 is OPEN\"\n");
 }
 
+TEST_F(PlanRunTest, EscapesOfTheSimulatorDoNotReachTheTerminal) {
+  run_.wells = {{"P\033[31m", "PRODUCER", "OPEN"}};
+  run_.obeys = false;
+  const Outcome outcome =
+      Run("[advance]\nuntil = 9\n[[event]]\nat = 5\ncommands = [\"shut all\"]\n");
+  EXPECT_THAT(outcome.err, HasSubstr("P?[31m is OPEN"));
+  EXPECT_THAT(outcome.out + outcome.err, Not(HasSubstr("\033")));
+}
+
 TEST_F(PlanRunTest, WellsThatTheModelAddsAreRecordedFromThenOn) {
   run_.before = [this, first = true](std::uint32_t code) mutable {
     if (code == 8 && std::exchange(first, false)) run_.wells.push_back({"P9", "PRODUCER", "OPEN"});
@@ -587,6 +596,48 @@ TEST_F(PlanTest, RunThatFailsAtItsStartLeavesTheResultsThatItWasToReplace) {
     EXPECT_EQ(directory_.Read("results/data.csv"), kEarlierRecord) << code;
     EXPECT_EQ(Names("results"), "data.csv run.json") << code;
   }
+}
+
+// kill -9, a machine that stops: the earlier results are under hidden names, and what the killed
+// run has begun is under theirs.
+TEST_F(PlanTest, RunKilledInItsFirstStepLeavesTheResultsThatItWasToReplace) {
+  std::filesystem::create_directory(directory_.File("results"));
+  directory_.Write("results/.run.json.before", kEarlierRun);
+  directory_.Write("results/.data.csv.before", kEarlierRecord);
+  directory_.Write("results/.notes.before", "somebody's own\n");
+  directory_.Write("results/data.csv", "time_days,date\n");
+  directory_.Write("results/vars.csv", "time_days,date\n");
+  const std::string plan =
+      directory_.Write("plan.toml", "[advance]\nuntil = 40\n[record]\ncommands = [\"data\"]\n");
+  for (const bool listed : {false, true}) {
+    if (listed) directory_.Write("results/run.json", kEarlierRun);
+    const Outcome refused = RunVkmaster(LaunchArguments(FreePort(), {"run", plan}));
+    EXPECT_EQ(refused.status, 2);
+    EXPECT_THAT(refused.err, HasSubstr("was killed in its first step: they are there as "
+                                       ".NAME.before. Give the plan another directory"));
+  }
+  const auto replace = [&](FakeRun run) {
+    FakeDaemon daemon(FakeDaemon::Launching(run));
+    return RunVkmaster(LaunchArguments(daemon.port(), {"--overwrite", "run", plan})).status;
+  };
+  FakeRun failing;
+  failing.fails = {7};
+  EXPECT_EQ(replace(failing), 4);
+  EXPECT_EQ(directory_.Read("results/run.json"), kEarlierRun);
+  EXPECT_EQ(directory_.Read("results/data.csv"), kEarlierRecord);
+  EXPECT_EQ(Names("results"), ".notes.before data.csv run.json");
+  std::filesystem::rename(directory_.File("results/data.csv"),
+                          directory_.File("results/.data.csv.before"));
+  EXPECT_EQ(replace({}), 0);
+  EXPECT_EQ(Names("results"), ".notes.before data.csv run.json steps.csv");
+  // Could not be removed then, and is older than the results that are there now.
+  directory_.Write("results/.data.csv.before", kEarlierRecord);
+  const std::string data = directory_.Read("results/data.csv");
+  const Outcome refused = RunVkmaster(LaunchArguments(FreePort(), {"run", plan}));
+  EXPECT_THAT(refused.err, Not(HasSubstr("killed")));
+  EXPECT_EQ(replace(failing), 4);
+  EXPECT_EQ(directory_.Read("results/data.csv"), data);
+  EXPECT_EQ(Names("results"), ".notes.before data.csv run.json steps.csv");
 }
 
 // Every way in which a run does not begin: nobody listens, the launch is refused, the daemon does

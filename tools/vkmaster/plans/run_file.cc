@@ -1,6 +1,7 @@
 #include "tools/vkmaster/plans/run_file.h"
 
 #include <errno.h>
+#include <string.h>
 
 #include <algorithm>
 #include <chrono>
@@ -36,6 +37,7 @@ namespace fs = std::filesystem;
 
 const char* const kName = "run.json";
 const char* const kReport = "report.html";  // as vkmaster calls it where nobody gives it a name
+const char* const kAside = ".before";       // ends the hidden names of what was set aside
 
 std::string Now() {
   return fmt::format(
@@ -75,15 +77,37 @@ bool IsRecord(const fs::path& file) {
   return line.starts_with("time_days,date");
 }
 
+fs::path AsideOf(const fs::path& earlier) {
+  fs::path name(".");
+  name += earlier.filename();
+  name += kAside;
+  return earlier.parent_path() / name;
+}
+
+// The name that a file had before it was set aside; empty for any other file.
+fs::path NameBefore(const fs::path& file) {
+  const fs::path::string_type name = file.filename().native();
+  const std::size_t added = 1 + strlen(kAside);
+  if (name.size() <= added || name[0] != '.' || file.extension() != kAside) return {};
+  const fs::path before(name.substr(1, name.size() - added));
+  const bool ours = before == kName || before == kReport || before.extension() == ".csv";
+  return ours ? file.parent_path() / before : fs::path();
+}
+
 // The files in a directory that a plan's results may be taken for.
 struct Present {
-  std::vector<fs::path> results;  // of an earlier run
-  Words others;                   // names of those that vkmaster has not written
-  std::string plan;               // of the earlier run, when it is known
+  std::vector<fs::path> results;  // of an earlier run; run.json is the first
+  std::vector<fs::path> aside;    // had been set aside; run.json is the first
+  // A run that was to replace those set aside was killed in its first step.
+  bool killed = false;
+  Words others;      // names of those that vkmaster has not written
+  std::string plan;  // of the earlier run, when it is known
 };
 
 Present FilesIn(const std::string& directory) {
-  const Json run = ReadJson(PathOf(directory) / kName);
+  Json run = ReadJson(PathOf(directory) / kName);
+  const bool finished = run.is_object() && !run.value("finished", Json()).is_null();
+  if (!run.is_object()) run = ReadJson(AsideOf(PathOf(directory) / kName));
   const bool known = run.is_object() && run.contains("vkmaster_version");
   // A run that has ended without a word has no list.
   const Json files = known ? run.value("files", Json()) : Json();
@@ -98,6 +122,7 @@ Present FilesIn(const std::string& directory) {
     const std::string name = entry.path().filename().string();
     const bool table = entry.path().extension() == ".csv";
     if (!entry.is_regular_file(error)) continue;
+    if (!NameBefore(entry.path()).empty()) present.aside.push_back(entry.path());
     if (name == kReport && IsReport(entry.path().string())) present.results.push_back(entry.path());
     if (name != kName && !table) continue;
     const bool ours = table ? listed(name) && IsRecord(entry.path()) : known;
@@ -107,7 +132,14 @@ Present FilesIn(const std::string& directory) {
       present.others.push_back(name);
     }
   }
+  const auto first = [](std::vector<fs::path>& list, const fs::path& name) {
+    std::partition(list.begin(), list.end(),
+                   [&name](const fs::path& file) { return file.filename() == name; });
+  };
+  first(present.results, kName);
+  first(present.aside, AsideOf(kName));
   std::sort(present.others.begin(), present.others.end());
+  present.killed = !present.aside.empty() && !finished;
   return present;
 }
 
@@ -121,17 +153,17 @@ std::string Dump(const Json& json) {
   return json.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
 }
 
-// Those of two runs would be mixed, or the earlier ones lost.
-void CheckFiles(const Plan& plan, bool overwrite) {
+// The results of two runs would be mixed, or the earlier ones lost.
+Present CheckFiles(const Plan& plan, bool overwrite) {
   const std::string& directory = plan.directory;
-  const Present present = FilesIn(directory);
+  Present present = FilesIn(directory);
   if (!present.others.empty()) {
     throw UsageError(fmt::format(
         "'{}' has files that are no results of a plan, and could be taken for some: {}. "
         "Give the plan another directory",
         directory, Listed(present.others)));
   }
-  if (present.results.empty()) return;
+  if (present.results.empty() && !present.killed) return present;
   // A copied plan that still names the directory of the one that it was copied from.
   const std::string own = PathOf(plan.file).filename().string();
   if (!present.plan.empty() && present.plan != own) {
@@ -140,11 +172,16 @@ void CheckFiles(const Plan& plan, bool overwrite) {
                     "remove those results",
                     directory, present.plan, own));
   }
-  if (overwrite) return;
+  if (overwrite) return present;
   throw UsageError(fmt::format(
-      "'{}' has the results of an earlier run. Give the plan another directory, or --overwrite, "
+      "'{}' has the results of an earlier run{}. Give the plan another directory, or --overwrite, "
       "which removes {}, {} and the CSV files there",
-      directory, kName, kReport));
+      directory,
+      present.killed ? ", and a run that was to replace them was killed in its first step: they "
+                       "are there as .NAME" +
+                           std::string(kAside)
+                     : "",
+      kName, kReport));
 }
 
 void CheckFree(const DirectoryLock& lock, const std::string& directory) {
@@ -152,6 +189,29 @@ void CheckFree(const DirectoryLock& lock, const std::string& directory) {
   throw UsageError(fmt::format(
       "A run that is under way writes its results to '{}'. Give the plan another directory",
       directory));
+}
+
+// Gives the files of the earlier run hidden names: where each is now, and where it was. run.json
+// goes first and comes back last: as long as it is not in its place, or is that of a run without an
+// end, what was set aside is what a killed run was to replace.
+std::vector<std::pair<fs::path, fs::path>> SetAside(const Present& present, bool has_run_file) {
+  std::vector<std::pair<fs::path, fs::path>> files;
+  for (const fs::path& aside : present.aside) {
+    if (present.killed) {
+      files.emplace_back(aside, NameBefore(aside));
+    } else {
+      fs::remove(aside);  // could not be removed when the present results had begun
+    }
+  }
+  for (const fs::path& file : present.results) {
+    if (present.killed && has_run_file) {
+      fs::remove(file);  // the beginnings of the killed run
+    } else {
+      fs::rename(file, AsideOf(file));
+      files.emplace_back(AsideOf(file), file);
+    }
+  }
+  return files;
 }
 
 // A directory that there is not yet can be made when what is to hold it takes a file.
@@ -220,12 +280,8 @@ RunFile::RunFile(const Plan& plan, Session& session, bool overwrite)
   // A full disk shows before the earlier results have gone.
   WholeFile file(path_);
   file.Write(Dump(json));
-  CheckFiles(plan, overwrite);
-  for (const fs::path& earlier : FilesIn(plan.directory).results) {
-    aside_.emplace_back(earlier,
-                        earlier.parent_path() / ("." + earlier.filename().string() + ".before"));
-  }
-  for (const auto& [earlier, aside] : aside_) fs::rename(earlier, aside);
+  const Present present = CheckFiles(plan, overwrite);
+  aside_ = SetAside(present, fs::exists(PathOf(path_)));
   file.PutInPlace();
 }
 
@@ -243,7 +299,7 @@ void RunFile::End(const std::string& how, double day, const std::set<std::string
 
 void RunFile::Begun() {
   std::error_code ignored;
-  for (const auto& [earlier, aside] : std::exchange(aside_, {})) fs::remove(aside, ignored);
+  for (const auto& [aside, earlier] : std::exchange(aside_, {})) fs::remove(aside, ignored);
 }
 
 bool RunFile::PutBack(const std::set<std::string>& files) {
@@ -251,7 +307,8 @@ bool RunFile::PutBack(const std::set<std::string>& files) {
   const fs::path directory = PathOf(path_).parent_path();
   for (const std::string& name : files) fs::remove(directory / name);
   fs::remove(PathOf(path_));
-  for (const auto& [earlier, aside] : std::exchange(aside_, {})) fs::rename(aside, earlier);
+  const auto all = std::exchange(aside_, {});
+  for (auto file = all.rbegin(); file != all.rend(); ++file) fs::rename(file->first, file->second);
   return true;
 }
 

@@ -42,7 +42,8 @@ class RunFile {
   struct Content;
   std::string path_;
   DirectoryLock lock_;
-  std::vector<std::pair<std::filesystem::path, std::filesystem::path>> aside_;  // was, is
+  // The files of the earlier run: where each is now, and where it was.
+  std::vector<std::pair<std::filesystem::path, std::filesystem::path>> aside_;
   std::unique_ptr<Content> content_;
 };
 
