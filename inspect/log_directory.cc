@@ -114,8 +114,7 @@ class LogCheck {
     if (attribute.empty() && !full_directory) return;
     Add("host.log-not-replaced", Severity::kWarning, file,
         full_directory ? "is a directory that is not empty" : attribute,
-        std::string("no fresh log can be put in its place: ") + kToTmp +
-            ", or behind the old lines",
+        std::string("no fresh log can be put in its place: ") + kToTmp + ", or after the old lines",
         "move it away");
   }
 

@@ -192,7 +192,7 @@ std::vector<WellData> Run::GetWellData(const std::vector<std::string>& wells) {
   std::vector<WellData> records;
   records.reserve(wells.size());
   for (auto group = groups.begin(); group != groups.end(); ++group) {
-    // Those of the later groups have been sent behind the requests for the records of the former.
+    // Those of the later groups have been sent after the requests for the records of the former.
     if (group == groups.begin() || one_by_one_) {
       ExpectRecords(Code::kWellDataRecord, group->size());
       Send(Code::kGetWellData, request_of(*group));
@@ -299,7 +299,7 @@ std::vector<std::vector<double>> Run::GetVariablesOfWells(const std::vector<std:
     } catch (const LinkReset&) {
       throw RequestFailed("The daemon ended the connection while waiting for the answer of " +
                           NameOf(Code::kGetWellVariables) + " for " + wells[i] +
-                          " or a well behind it");
+                          " or a well after it");
     }
     ahead -= rest + wells[i].size();
   }

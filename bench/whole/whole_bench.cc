@@ -88,7 +88,7 @@ class Session {
     };
     add("memory of an idle child", &Memory::idle, 250);
     add("memory of an idle child, private", &Memory::idle_private, 0);
-    add("memory behind GetWellData, 5000 wells, private", &Memory::worked_private, 1536);
+    add("memory after GetWellData, 5000 wells, private", &Memory::worked_private, 1536);
     const Growth growth = MeasureConnections(10000);
     AddSize("memory of the daemon, 100 connections", growth.before, 0, 0);
     AddSize("memory of the daemon, 10100 connections", growth.after, 0, 0);

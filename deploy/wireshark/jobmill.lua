@@ -54,7 +54,7 @@ local CODES = {
   [SHUT_DOWN] = "shut down",
 }
 
--- The fields of a protocol by the part of their names behind its own.
+-- The fields of a protocol by the part of their names after its own.
 local function fields_of(protocol, prefix, kinds)
   local by_name, all = {}, {}
   for kind, names in pairs(kinds) do
@@ -215,7 +215,7 @@ local E = experts_of(master, "jobmill", {
     not_captured = "The message is not there as a whole",
   },
   [expert.severity.NOTE] = {
-    left_over = "Bytes behind the last field",
+    left_over = "Bytes after the last field",
     no_effect = "A request that does nothing",
     not_shown = "The message has more items than are shown",
   },
@@ -791,7 +791,7 @@ end
 
 -- Says what begins at `at`: a kind (line, outcome, greeting, frame) with its size, "wait" with the
 -- number of missing bytes (0: unknown), or "data" with what is wrong. One end's `found` says whether
--- its messages follow each other from here: nil before the first one, false behind bytes that are
+-- its messages follow each other from here: nil before the first one, false after bytes that are
 -- none. Then only likely ones count.
 local function look_at_frame(conversation, from_jobmill, tvb, at, may_wait_here)
   local left = tvb:len() - at
@@ -952,7 +952,7 @@ local function note_frame(conversation, from_jobmill, kind, size, tvb, at, recor
     conversation.from_beginning = false
     if kind ~= "line" then conversation.lines, conversation.outcome = #LINES, true end
   elseif way.found == false and from_jobmill then
-    -- Which requests were answered by bytes that are lost cannot be known: the reply behind them is
+    -- Which requests were answered by bytes that are lost cannot be known: the reply after them is
     -- taken for that to the newest request.
     conversation.first = math.max(conversation.first, #conversation.queue)
   end
@@ -1025,11 +1025,11 @@ local function show_values(record, r)
     r.ends_at_zero = true
     about = ask and ask(r, record)
     if r.is_cut then
-      r:fault("cut", "The jobmill reads on into what its buffer holds behind this, or ends the run")
+      r:fault("cut", "The jobmill reads on into what its buffer holds after this, or ends the run")
     end
   end
   if not r.stopped and r.at < r.stop and CODES[record.code] then
-    r:fault("left_over", "%d bytes behind the last field", r.stop - r.at)
+    r:fault("left_over", "%d bytes after the last field", r.stop - r.at)
   end
   local text = string.format("%s%d %s", record.is_reply and "reply to " or "", record.code, name)
   if well then text = text .. " " .. shown(well) end
@@ -1484,7 +1484,7 @@ local function show_headers(r)
   end
   if r.is_cut then r:fault("cut", "A header or its data need more bytes than the message has") end
   if not r.stopped and r.at < r.stop then
-    r:fault("bad_header", "%d bytes behind END", r.stop - r.at)
+    r:fault("bad_header", "%d bytes after END", r.stop - r.at)
   end
   return headers
 end

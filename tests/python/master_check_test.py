@@ -62,7 +62,7 @@ UNUSUAL = (
     "version 7",
     "records ahead",
     "waits for the end",
-    "bytes behind the fields",
+    "bytes after the fields",
     "wells in parts",
     "does not wait for the last reply",
     "looks at the code",
@@ -107,15 +107,15 @@ class MasterCheckTest(unittest.TestCase):
 
     def test_sheet_tells_what_no_rule_forbids(self) -> None:
         early, last = "speaks before the daemon's version", "leaves before the reply to 65520"
-        behind, code = "puts bytes behind requests without fields", "a reply with another code"
+        extra, code = "puts bytes after requests without fields", "a reply with another code"
         leaving = (
             "by leaving, which holds the licence until the simulator finds its controller gone"
         )
         habits: Dict[str, Dict[str, str]] = {
-            "": {early: "no", last: "no", behind: "no", code: "taken for the right one"},
+            "": {early: "no", last: "no", extra: "no", code: "taken for the right one"},
             "speaks first": {early: "yes"},
             "does not wait for the last reply": {last: "yes"},
-            "bytes behind the fields": {behind: "yes"},
+            "bytes after the fields": {extra: "yes"},
             "looks at the code": {code: "ends the run"},
             "goes without a word": {"ends a run": leaving},
         }

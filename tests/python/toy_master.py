@@ -130,7 +130,7 @@ class Master:
         self.ask(8, struct.pack(">d" if self.has("big-endian doubles") else "<d", 30.0))
         if self.has("half of a double"):
             self.send(struct.pack("<I", 8) + bytes(4))
-        if self.has("bytes behind the fields"):
+        if self.has("bytes after the fields"):
             self.ask(4, b"\0\0\0\0")
         if self.has("a frame too long"):
             self.ask(15, self.text("P" * 65536) + struct.pack("<i", 0))

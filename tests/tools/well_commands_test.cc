@@ -45,7 +45,7 @@ class WellCommandsTest : public testing::Test {
     daemon_.join();
   }
 
-  // What the commands write, notes behind it.
+  // What the commands write, notes after it.
   std::string Do(const std::string& line, Form form = Form::kCsv) {
     const MemoryStream stream;
     vkmaster::Output output(form, stream.get(), stream.get());
@@ -77,7 +77,7 @@ class WellCommandsTest : public testing::Test {
   }
 
   // The sizes of what a command over all wells sends: twice `count` wells with names of 200
-  // letters, and one more with a name of `last` letters behind each of these series.
+  // letters, and one more with a name of `last` letters after each of these series.
   std::vector<std::size_t> SizesOf(const std::string& line, int code, std::size_t count,
                                    std::size_t last) {
     run_.wells.clear();
@@ -372,7 +372,7 @@ TEST_F(WellCommandsTest, ChecksFindWhatTheRunWouldRefuseAndChangeNothing) {
                            "vars P1 TOTAL_MOLE_FRACTION[9]", "ipr P2", "unconstrain P9"}) {
     EXPECT_NE(Check(line), "fine") << line;
   }
-  // An order of a plan counts for those behind it.
+  // An order of a plan counts for those after it.
   EXPECT_EQ(Check("unconstrain P2 liquid gas"), "fine");
   EXPECT_EQ(Check("ipr P2"), "fine");
   for (const int code : {10, 11, 12, 13, 15, 16, 18, 19}) EXPECT_THAT(Requests(code), IsEmpty());
@@ -822,13 +822,13 @@ TEST(ParseWellCommands, MissingOrWrongArgumentsAreRefused) {
   EXPECT_THAT(Refusal("constrain P1"), HasSubstr("To what?"));
   EXPECT_THAT(Refusal("constrain P1 oil=5 P2"), HasSubstr("To what?"));
   EXPECT_THAT(Refusal("unconstrain"), HasSubstr("unconstrain WELLS [NAME...]"));
-  EXPECT_THAT(Refusal("unconstrain P1 oil P2"), HasSubstr("'P2' stands behind the names"));
+  EXPECT_THAT(Refusal("unconstrain P1 oil P2"), HasSubstr("'P2' comes after the names"));
   EXPECT_THAT(Refusal("constrain oil=5"), HasSubstr("of which well?"));
   for (const char* blanks : {"oil = 500", "oil= 500", "oil =500"}) {
     EXPECT_THAT(Refusal(std::string("constrain P1 ") + blanks), HasSubstr("no blanks around ="));
   }
   EXPECT_THAT(Refusal("constrain P1 oil=5 oil=6"), HasSubstr("stands twice for the same wells"));
-  EXPECT_THAT(Refusal("constrain P1 oil=much"), HasSubstr("A number behind oil= wanted"));
+  EXPECT_THAT(Refusal("constrain P1 oil=much"), HasSubstr("A number after oil= wanted"));
   EXPECT_THAT(Refusal("ipr bhp"), HasSubstr("Of which wells?"));
   EXPECT_THAT(Refusal("ipr P1 skewness 0"), HasSubstr("above 0"));
   EXPECT_THAT(Refusal("ipr P1 components -1"), HasSubstr("no number of components"));

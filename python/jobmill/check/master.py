@@ -41,7 +41,7 @@ RULES = [
         ("M04", "Handshake", "However long the launch takes, the master waits for it and goes on."),
         ("M05", "Handshake", "What does not begin with OK| is a failure: the master leaves."),
         ("M06", "Handshake", "When the connection ends without a word, the master leaves."),
-        ("M07", "Handshake", "The host behind OK| may end with a zero byte, or without one."),
+        ("M07", "Handshake", "The host after OK| may end with a zero byte, or without one."),
         ("M08", "Frames", "A request has 4 to 65,536 bytes."),
         ("M09", "Frames", "Frames are taken however the network cuts them."),
         ("M10", "Frames", "A reply of more than 65,536 bytes is taken."),
@@ -396,7 +396,7 @@ class DaemonEnd:
             report.judge("M28", not swapped, "little-endian doubles", f"{swapped} in {shown(body)}")
         else:
             # They cannot be the rest of a field that is too long: all that they cost is their way.
-            what = "puts bytes behind requests without fields"
+            what = "puts bytes after requests without fields"
             self.session.habits[what] = self.session.habits.get(what, False) or len(body) > 4
         self._judge_model(code, fields)
 

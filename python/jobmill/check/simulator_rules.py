@@ -23,7 +23,7 @@ RULES = [
         (
             "S05",
             "Message format",
-            "A message ends with the MESS header END, and nothing stands behind it.",
+            "A message ends with the MESS header END, and nothing follows it.",
         ),
         ("S06", "Set-up", "SETUP is answered by STARTED and a list ERRORS, which is empty."),
         (

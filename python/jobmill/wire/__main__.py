@@ -59,14 +59,12 @@ def _arguments() -> argparse.ArgumentParser:
     replay.add_argument("--connection", type=int, help="its number in the recording; the first")
     replay.add_argument("--timeout", type=float, default=600.0, help="seconds for each answer")
     replay.add_argument(
-        "--any-host", action="store_true", help='do not compare the host behind "OK|"'
+        "--any-host", action="store_true", help='do not compare the host after "OK|"'
     )
     replay.add_argument("file")
 
     diff = commands.add_parser("diff", help="what two recordings differ in; status 1 when they do")
-    diff.add_argument(
-        "--any-host", action="store_true", help='do not compare the host behind "OK|"'
-    )
+    diff.add_argument("--any-host", action="store_true", help='do not compare the host after "OK|"')
     diff.add_argument("first")
     diff.add_argument("second")
 
@@ -81,7 +79,7 @@ def _arguments() -> argparse.ArgumentParser:
         type=float,
         default=0.0,
         metavar="SECONDS",
-        help="the messages behind it wait as well",
+        help="the messages after it wait as well",
     )
     fault.add_argument("--split", type=int, default=0, metavar="BYTES", help="into packets")
     fault.add_argument(

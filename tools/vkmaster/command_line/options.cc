@@ -122,7 +122,7 @@ void AddLaunchOptions(CLI::App& app, Options& options) {
       ->type_name("NAME");
   text("--path", options.run.path,
        "data directory of the run, on the daemon's side, with a slash at its end: the daemon puts "
-       "the model's name right behind it, also for the comms log, PATH + CASE + .crvnlog")
+       "the model's name right after it, also for the comms log, PATH + CASE + .crvnlog")
       ->type_name("DIR");
   text("--root", options.run.root, "name of the model, without extension");
   text("--processes", options.run.processes, "processes of the simulator")->check(From(1));
@@ -209,7 +209,7 @@ completion::Answer CompleteCommands(const Words& words) {
   return answer;
 }
 
-// The one command of the program's own that CLI11 knows: all options may stand behind it, too.
+// The one command of the program's own that CLI11 knows: all options may follow it, too.
 CLI::App* AddRun(CLI::App& app, Options& options) {
   CLI::App* run = app.add_subcommand("run", "carry out a plan");
   run->set_help_flag();

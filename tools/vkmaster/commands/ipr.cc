@@ -209,7 +209,7 @@ IPROrder ParseIPROrder(const Words& arguments) {
     if (word == "bhp" || word == "thp") {
       order.bottom_hole = word == "bhp";
     } else if (word == "skewness" && more) {
-      order.skewness = ParseNumber(arguments[++i], "A number behind skewness");
+      order.skewness = ParseNumber(arguments[++i], "A number after skewness");
       if (order.skewness <= 0) throw UsageError("The skewness is above 0");
     } else if (word == "components" && more) {
       order.all_components = arguments[++i] == "all";

@@ -467,7 +467,7 @@ std::vector<ConstraintGroup> ParseConstraints(const Words& arguments) {
       }
       groups.back().names.push_back(name);
       const double value =
-          ParseNumber(word.substr(equals + 1), "A number behind " + word.substr(0, equals + 1));
+          ParseNumber(word.substr(equals + 1), "A number after " + word.substr(0, equals + 1));
       if (value < 0 && !IsMarked(word)) {
         throw UsageError("'" + word + "': no limit is below 0");
       }
@@ -504,7 +504,7 @@ Parsed ParseUnconstrain(const Words& arguments) {
     } else if (names.empty()) {
       wells.push_back(word);
     } else {
-      throw UsageError("'" + word + "' stands behind the names: unconstrain WELLS [NAME...]");
+      throw UsageError("'" + word + "' comes after the names: unconstrain WELLS [NAME...]");
     }
   }
   if (wells.empty()) throw UsageError("Of which wells? unconstrain WELLS [NAME...]");
