@@ -11,7 +11,7 @@
 namespace connector {
 
 /// The whole answer to a query of wells, T being `double` or `std::string`. The values stand row
-/// behind row in one list, so that an answer for thousands of wells takes a few allocations.
+/// after row in one list, so that an answer for thousands of wells takes a few allocations.
 template <typename T>
 struct WellTable {
   std::vector<std::string> wells;

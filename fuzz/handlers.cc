@@ -361,7 +361,7 @@ Outcome Expected(unsigned code, const Fields& fields, std::size_t records, Stub:
   return {1 + served, comms + "Unexpected data received from Corvane, routine " + routine + "_SUB"};
 }
 
-// A receive buffer that holds `fields`. Behind them it is cleared for a while, and then holds what
+// A receive buffer that holds `fields`. After them it is cleared for a while, and then holds what
 // earlier frames have left.
 const unsigned char* ReceiveBuffer(std::string_view fields) {
   constexpr std::size_t cleared = 64;

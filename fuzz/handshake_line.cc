@@ -25,7 +25,7 @@ struct Line {
   std::size_t taken = 0;
 };
 
-// What the bytes hold at their front. `waits` says that the peer is merely silent behind them.
+// What the bytes hold at their front. `waits` says that the peer is merely silent after them.
 Line Expected(std::string_view bytes, bool waits) {
   Line line;
   std::memcpy(&line.length, bytes.data(), std::min(bytes.size(), kLengthBytes));

@@ -29,7 +29,7 @@ namespace {
 
 using master_link::Code;
 
-// Ends what a hostile count goes on reading behind the fields: as the length of a text it fits into
+// Ends what a hostile count goes on reading after the fields: as the length of a text it fits into
 // no buffer. The zeros that a receive buffer holds otherwise would be read as texts to its very end
 // in most executions; the target of the handlers does that as far as is of use.
 const std::string kStop(24, '\x7f');

@@ -68,15 +68,15 @@ void ReadData(MessageMgr::MessageDecoder& decoder, const MessageMgr::Header& dec
 
 // Why the bytes hold no header.
 std::string Complaint(std::string_view bytes) {
-  const std::size_t behind_name = bytes.empty() ? 1 : 1U + static_cast<std::uint8_t>(bytes[0]);
-  if (bytes.size() < behind_name + 12) return std::string(kTooShort);
-  return "Unknown type: " + std::string(bytes.substr(behind_name + 8, 4));
+  const std::size_t after_name = bytes.empty() ? 1 : 1U + static_cast<std::uint8_t>(bytes[0]);
+  if (bytes.size() < after_name + 12) return std::string(kTooShort);
+  return "Unknown type: " + std::string(bytes.substr(after_name + 8, 4));
 }
 
 void ReadItem(MessageMgr::MessageDecoder& decoder, std::string_view& bytes) {
   wire::Header header;
-  std::string_view behind = bytes;
-  const bool there = wire::Take(behind, header);
+  std::string_view after = bytes;
+  const bool there = wire::Take(after, header);
   MessageMgr::Header decoded;
   try {
     decoded = decoder.get_header();
@@ -86,7 +86,7 @@ void ReadItem(MessageMgr::MessageDecoder& decoder, std::string_view& bytes) {
     throw;
   }
   PROMISE(there);
-  bytes = behind;
+  bytes = after;
   PROMISE(decoded.name == header.name);
   PROMISE(decoded.count == header.count);
   PROMISE(MessageMgr::to_string(decoded.type) == header.tag);

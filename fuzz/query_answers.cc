@@ -126,9 +126,9 @@ bool TellsComponents(const Texts& components, std::string_view answer, bool any_
   if (components.empty() && answer == Empty()) return true;
   std::string_view name = "NCOMPS";
   wire::Header header;
-  std::string_view behind = answer;
-  behind.remove_prefix(std::min(Begin().size(), behind.size()));
-  if (any_name && wire::Take(behind, header)) name = header.name;
+  std::string_view after = answer;
+  after.remove_prefix(std::min(Begin().size(), after.size()));
+  if (any_name && wire::Take(after, header)) name = header.name;
   std::string message = Begin();
   message += wire::Data(name, components);
   return End(message) == answer;

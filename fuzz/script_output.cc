@@ -1,5 +1,5 @@
 // What the distribution script prints: the host is that of the first line that names one, with a
-// zero byte for its newline, nothing behind that line counts, and without a host the master is
+// zero byte for its newline, nothing after that line counts, and without a host the master is
 // told so.
 
 #include <stdio.h>

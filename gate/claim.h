@@ -37,7 +37,7 @@ class Claim {
 
   State state() const { return state_; }
 
-  /// Cut behind the 256th byte: a longer name is nobody's.
+  /// Cut after the 256th byte: a longer name is nobody's.
   const std::string& user() const { return user_; }
 
   /// In the state kNotAMaster: the bytes of the version's line, its length included, which are all

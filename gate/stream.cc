@@ -18,7 +18,7 @@ enum Frame : unsigned char {
   kPing = 4,   // nothing; answered with kPong
   kPong = 5,   // nothing
   kClose = 6,  // u8 reason: the link has ended for good
-  kGone = 7,   // u64 place behind the end: the local socket has failed
+  kGone = 7,   // u64 place after the end: the local socket has failed
   kPlain = 8,  // nothing: no exchange after the present one is read ahead
 };
 

@@ -199,11 +199,11 @@ class Stream {
   std::uint64_t plain_at_ = std::numeric_limits<std::uint64_t>::max();
   bool plain_told_ = false;  ///< on the connection of the moment
 
-  // Places count the bytes of a direction from 0; its end takes the place behind the last byte, and
-  // that its socket has failed the place behind the end.
+  // Places count the bytes of a direction from 0; its end takes the place after the last byte, and
+  // that its socket has failed the place after the end.
 
   // Out: what the local side has given. sending_ holds the bytes from acked_ to given_, and
-  // unjudged_ those behind, which the reader has not passed yet.
+  // unjudged_ those after it, which the reader has not passed yet.
   ByteQueue unjudged_;
   bool local_ended_ = false;
   ByteQueue sending_;

@@ -12,7 +12,7 @@ constexpr std::string_view kBlanks = " \t\r";
 constexpr std::string_view kAnybody = "*@";
 
 // Takes the next field off the beginning of a line. Quotes may stand around the whole field or,
-// behind a colon, around its name. Throws a text without the place.
+// after a colon, around its name. Throws a text without the place.
 std::string TakeField(std::string_view& line) {
   line.remove_prefix(std::min(line.find_first_not_of(kBlanks), line.size()));
   std::string field;

@@ -54,7 +54,7 @@ std::string Obstacle(const Need& need, const std::vector<std::string>& directori
 using Names = std::vector<std::map<std::string, std::string>>;
 
 // The index of each need that this process cannot have, `name` and the obstacle, all with a zero
-// byte behind them.
+// byte after them.
 std::string Refused(const std::vector<Need>& needs,
                     const std::vector<std::vector<std::string>>& directories,
                     const std::string& name) {

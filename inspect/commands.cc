@@ -23,7 +23,7 @@ const std::map<std::string, std::vector<std::string>> kQuestions = {
     {"gridengine", {"qstat"}},
     {"htcondor", {"condor_q", "-totals"}}};
 
-// What stands in single quotes behind `begin` at the start of a line of a script; or nothing.
+// What is in single quotes after `begin` at the start of a line of a script; or nothing.
 std::string SettingIn(const std::string& script, const std::string& begin) {
   const std::string text = "\n" + script;
   const std::size_t found = text.find("\n" + begin + "'");

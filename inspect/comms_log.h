@@ -7,7 +7,7 @@
 
 namespace inspect {
 
-/// The end of the name of a comms log, behind the run's path and root name.
+/// The end of the name of a comms log, after the run's path and root name.
 inline constexpr std::string_view kCommsLogEnd = ".crvnlog";
 
 /// What the comms log of a run tells. The run's own account writes it, with texts of its simulator

@@ -162,7 +162,7 @@ void ConnectionLog::AddLine(std::string_view line) {
     }
     return;
   }
-  // The label of the last argument has no value and no line end behind it. What the script prints,
+  // The label of the last argument has no value and no line end after it. What the script prints,
   // or another process logs, follows in the same line.
   const auto starting = open_.find(Step::kArgument6);
   if (line.starts_with(kLastArgument) && starting != open_.end()) {
@@ -298,7 +298,7 @@ Connection& ConnectionLog::Choose(const Rule& rule,
 void ConnectionLog::Apply(const Rule& rule, std::string_view line, Connection& connection) {
   const std::string value(line.substr(rule.begin.size()));
   if (rule.field != nullptr) connection.*rule.field = value;
-  // No honest text has a zero byte, behind which another one could begin.
+  // No honest text has a zero byte, after which another one could begin.
   if (line.find('\0') != std::string_view::npos) connection.doubtful = true;
   connection.reason = rule.reason;
   if (rule.to == Step::kEnded) connection.text = value;

@@ -21,7 +21,7 @@ struct LogPlace {
 /// A connection of a master that has ended, as the logs tell it. Texts are what masters, scripts
 /// and simulators said: they may hold anything.
 struct EndedRun {
-  /// "5000-20261122-141305": the port, and when the master connected; with "-2", "-3" behind it
+  /// "5000-20261122-141305": the port, and when the master connected; followed by "-2", "-3"
   /// where several did in that second. Stays the same as long as a log tells of the connection.
   std::string id;
   int listen_port = 0;

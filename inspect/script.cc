@@ -46,7 +46,7 @@ std::string SyntaxError(const std::string& shell, const std::string& file) {
 }
 
 // The program that the first line of a script, which begins with "#!", names, and the first word
-// behind it. The kernel passes all that follows the program as one argument; what is looked for
+// after it. The kernel passes all that follows the program as one argument; what is looked for
 // here, the program that env is to run, is one word.
 std::pair<std::string, std::string> InterpreterIn(std::string_view text) {
   std::string_view line = text.substr(2, text.find('\n') - 2);

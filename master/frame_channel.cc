@@ -154,7 +154,7 @@ class FrameChannel::Link {
   Socket socket_{context_};
   std::shared_ptr<Watch> watch_;
 
-  std::string unsent_;  // frames behind `leaving_`
+  std::string unsent_;  // frames after `leaving_`
   bool sending_ = false;
   bool ahead_ = false;   // the frames that leave are for answers that come later
   error_code not_sent_;  // why the connection takes nothing
@@ -279,7 +279,7 @@ void FrameChannel::Link::Sent(const error_code& error, std::size_t size) {
   sending_ = false;
   last_sent_ = Clock::now();
   if (error) {
-    // Receive() does not end with this: the daemon's last answers may still be here, and behind
+    // Receive() does not end with this: the daemon's last answers may still be here, and after
     // them is how the connection ended.
     not_sent_ = error;
     unsent_.clear();

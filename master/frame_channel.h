@@ -65,7 +65,7 @@ class FrameChannel {
   void Send(std::string_view body);
   void LimitSending(std::chrono::milliseconds limit);
 
-  /// Takes one frame, which goes out behind the earlier ones while Receive() waits. Many requests
+  /// Takes one frame, which goes out after the earlier ones while Receive() waits. Many requests
   /// can be sent ahead of their answers that way: a daemon whose answers fit into the connection no
   /// more reads nothing until somebody takes them, and Send() would then wait for the daemon, and
   /// the daemon for this side.

@@ -127,7 +127,7 @@ enum {
   JOBMILL_WELL_VALUES = 8
 };
 
-/* The operating points of `wells`, JOBMILL_WELL_VALUES behind each other for each well in the order
+/* The operating points of `wells`, JOBMILL_WELL_VALUES in a row for each well in the order
  * of the names. `room` is how many values there is room for. Returns how many there are. */
 JOBMILL_API int32_t jobmill_read_data(jobmill_run* run, const char* wells, double* values,
                                       int32_t room);

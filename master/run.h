@@ -101,7 +101,7 @@ class Run {
   void Shutdown();
 
   /// Shuts down also after Interrupted, when the answer of a request is still due. The shutdown
-  /// request waits behind that one, whose answer is read and dropped. Returns whether the shutdown
+  /// request waits after that one, whose answer is read and dropped. Returns whether the shutdown
   /// was acknowledged before the deadline; if not, the daemon still serves it when it gets there.
   /// Throws as the other calls do.
   bool ShutdownWithin(const Deadline& deadline);

@@ -246,7 +246,7 @@ class CodeFinder(Finder):
 SCRIPT_WORDS = [(kind, re.compile(pattern), other) for kind, pattern, other in (
     ("comparison", r"(?<= )(==|!=)(?= )", {"==": "!=", "!=": "=="}),
     ("comparison", r"(?<= )-[zn](?= )", {"-z": "-n", "-n": "-z"}),
-    # Nothing ends by a status: behind `|| true` is only the reader.
+    # Nothing ends by a status: after `|| true` there is only the reader.
     ("logic", r"(?<= )(&&|\|\|)(?= (?!true\b))", {"&&": "||", "||": "&&"}),
     ("logic", r"(?<![\w$!])! ", ""),
     ("flag", r"(?<= )-- ", ""),
@@ -257,7 +257,7 @@ SCRIPT_WORDS = [(kind, re.compile(pattern), other) for kind, pattern, other in (
 SCRIPT_QUOTES = re.compile(r'(?<=[ (])"\$[^" ]+"')
 # Within (( )).
 SCRIPT_ARITHMETIC = re.compile(r"<=|>=|==|!=|\+\+|--|<|>|\+|(?<=\w )-|\*|\b\d+\b")
-# A line that is one statement and no part of a larger one; behind the pattern of a `case`, too.
+# A line that is one statement and no part of a larger one; after the pattern of a `case`, too.
 SCRIPT_STATEMENT = re.compile(
     r" *(?!(?:if|for|while|until|case|esac|fi|done|then|do|else|elif)\b|local [a-z_ ]*$|[})]|\w+\(\))"
     r"(?:[^() ]+\) )?([^ ].*?)(?: ;;)?$")

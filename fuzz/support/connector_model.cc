@@ -267,7 +267,7 @@ Numbers* FluidList(EOS& eos, std::string_view property) {
   return nullptr;
 }
 
-// Reads a model, whose first header was read, and the header behind it. False at the end.
+// Reads a model, whose first header was read, and the header after it. False at the end.
 bool TakeModel(Message& reply, EOS& eos) {
   if (reply.header().name != "FLUIDMODELDNAME" || !Simulator::IsText(reply)) Refuse();
   reply.TakeText();

@@ -341,7 +341,7 @@ def code_of(body: bytes) -> int:
 
 
 def unpack_request(body: bytes, exact: bool = True) -> Values:
-    """The fields of a request by name. A daemon does not mind bytes behind them: it is not `exact`."""
+    """The fields of a request by name. A daemon does not mind bytes after them: it is not `exact`."""
     unpacker = Unpacker(body, 4)
     code = code_of(body)
     if code not in _LAYOUTS:

@@ -117,7 +117,7 @@ class OperatingPoints(Sequence[OperatingPoint]):
         """Takes the next records. Done as they arrive, this costs no time: the daemon is still at work."""
         known = self._known
         for body in replies:
-            # The code, the status, eight doubles, the acknowledgement: behind the status the size is fixed.
+            # The code, the status, eight doubles, the acknowledgement: after the status the size is fixed.
             split = len(body) - 68
             if split < 8 or int.from_bytes(body[4:8], "little") != split - 8:
                 unpack_reply(body)  # says what is wrong

@@ -81,7 +81,7 @@ TEST(OptionsTest, OtherArgumentsArePassedOver) {
   EXPECT_TRUE(Parse({"-u "}).run_as_root);
 }
 
-TEST(OptionsTest, VersionStopsTheReadingBehindIt) {
+TEST(OptionsTest, VersionStopsTheReadingAfterIt) {
   const Options options = Parse({"-p", "5000", "-V", "-u"});
   EXPECT_TRUE(options.version);
   EXPECT_EQ(options.listen_port, 5000);

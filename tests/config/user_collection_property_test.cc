@@ -34,7 +34,7 @@ std::int32_t Number(const std::string& text) {
   return static_cast<std::int32_t>(static_cast<std::int64_t>(negative ? -number : number));
 }
 
-// One line's record, if it is one: two tokens of at most 255 characters and something behind the
+// One line's record, if it is one: two tokens of at most 255 characters and something after the
 // one blank that ends the second.
 std::optional<User> Record(const std::string& line) {
   if (line.size() > 1023) return std::nullopt;

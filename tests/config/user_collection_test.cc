@@ -228,7 +228,7 @@ TEST_F(UserCollectionTest, ReadingWritesNothingToTheLog) {
 int user_file = 0;
 int reads = 0;
 
-// The denial stands behind what the first read brings.
+// The denial comes after what the first read brings.
 TEST_F(UserCollectionTest, ReadThatFailsLetsNobodyIn) {
   std::string text = "* nobody 1\nalice alice 1\n";
   while (text.size() < 100'000) text += "filler filler 1\n";

@@ -55,7 +55,7 @@ TEST(NameLookupTest, AnswerThatEndsEarlyLacksTheRest) {
   EXPECT_EQ(Find({"A", "B", "A"}, {"A"}), (Positions{0, NameLookup::npos, 0}));
 }
 
-TEST(NameLookupTest, NamesBehindTheAskedOnesChangeNothing) {
+TEST(NameLookupTest, NamesAfterTheAskedOnesChangeNothing) {
   EXPECT_EQ(Find({"A", "B"}, {"A", "B", "A", "C"}), (Positions{0, 1}));
 }
 

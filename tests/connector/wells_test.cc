@@ -232,7 +232,7 @@ TYPED_TEST(WellsTest, OperatingPointsComeInTheOrderAskedWhateverTheAnswers) {
   this->ExpectPoint(1, 20, "SHUT");
 }
 
-TYPED_TEST(WellsTest, WellsBehindThoseAskedForAreLeftOut) {
+TYPED_TEST(WellsTest, WellsAfterThoseAskedForAreLeftOut) {
   EXPECT_EQ(this->Ask({"A"}, this->Numeric(this->Eight("A", 10) + this->Eight("X", 30)),
                       this->Statuses(this->Words("A", {"OPEN"}) + this->Words("X", {"SHUT"}))),
             "no failure");

@@ -415,7 +415,7 @@ TEST_F(LaunchByAnswerTest, HostWithoutNewlineIsSentWhole) {
   EXPECT_EQ(OutcomeOfPrinting("HOST=node17"), "OK|node17");
 }
 
-// A line is read up to 1,023 bytes; what is behind them is the next one.
+// A line is read up to 1,023 bytes; what is after them is the next one.
 TEST_F(LaunchByAnswerTest, NewlineOfAHostThatFillsTheLineIsNotItsOwn) {
   const std::string longest(1023 - strlen("HOST=\n"), 'h');
   EXPECT_EQ(OutcomeOfPrinting("HOST=" + longest + "\\n"), "OK|" + longest + '\0');

@@ -36,7 +36,7 @@ struct Point {
   Kind kind = Kind::kUndisturbed;
   int error = 0;
 
-  /// "run:child:recvfrom#3:ECONNRESET", with "+" behind an error that lasts; "short" and "kill"
+  /// "run:child:recvfrom#3:ECONNRESET", with "+" after an error that lasts; "short" and "kill"
   /// in place of an error.
   std::string Text() const;
 

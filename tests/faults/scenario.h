@@ -45,7 +45,7 @@ struct Scenario {
   bool into_a_pipe = false;       ///< what standard output is
   bool every_allocation = false;  ///< asks the system for memory
   bool let_in = true;             ///< whether the master may run anything
-  /// How the session ends if nothing disturbs it, and what the master is told behind the user's
+  /// How the session ends if nothing disturbs it, and what the master is told after the user's
   /// name when it is refused because of that.
   Session::Result result = Session::Result::kServed;
   std::string refusal{};

@@ -74,7 +74,7 @@ TEST(ClaimTest, UserIsTakenWithItsZeroBytes) {
   EXPECT_EQ(claim.user(), "alice\0bob"s);
 }
 
-TEST(ClaimTest, LongUserIsCutBehindWhatANameMayHave) {
+TEST(ClaimTest, LongUserIsCutAfterWhatANameMayHave) {
   Claim claim(kLimit);
   EXPECT_EQ(claim.Read(RequestOf(std::string(30000, 'a'))), State::kClaimed);
   EXPECT_EQ(claim.user(), std::string(256, 'a'));
@@ -111,7 +111,7 @@ TEST(ClaimTest, VersionThatIsNoNumberIsNoMasters) {
   }
 }
 
-TEST(LineFrameTest, TextStandsBehindItsLength) {
+TEST(LineFrameTest, TextFollowsItsLength) {
   EXPECT_EQ(Hex(LineFrame("no")), "02 00 00 00 6e 6f");
 }
 

@@ -48,7 +48,7 @@ class VkgateTest : public testing::Test {
   std::string File(const std::string& name) { return door_.directory().File(name); }
   std::string Read(const std::string& name) { return door_.directory().Read(name); }
 
-  // What a master that claims to be `user` is told at this port behind the greeting.
+  // What a master that claims to be `user` is told at this port after the greeting.
   static std::string Told(int port, const std::string& user = "alice") {
     const Descriptor link = ConnectToLoopback(port);
     WriteAll(link.get(), Handshake(user));

@@ -124,7 +124,7 @@ TEST(DaemonThatEndsTest, MasterThatWasLetInAndHasGotNothingIsToldNothing) {
 }
 
 // Then nothing can be said any more: the end has been passed on.
-TEST(DaemonThatEndsTest, ClaimBehindTheDaemonsEndIsJudgedAllTheSame) {
+TEST(DaemonThatEndsTest, ClaimAfterTheDaemonsEndIsJudgedAllTheSame) {
   const Descriptor listener = BindFreePort(1);
   Door door(PortOf(listener.get()));
   const auto gate = door.Connect(door.alice());
@@ -157,7 +157,7 @@ TEST_F(DoorTest, AllAtOnceBeforeTheGreetingIsReadTheSame) {
   EXPECT_THAT(daemon_.Logged(), Not(HasSubstr("Path: ")));
 }
 
-TEST_F(DoorTest, SecondClaimBehindAProvenOneIsNone) {
+TEST_F(DoorTest, SecondClaimAfterAProvenOneIsNone) {
   const auto gate = door_.Connect(door_.alice());
   const Descriptor link = ConnectToLoopback(gate->port());
   ASSERT_TRUE(WriteAll(link.get(), Handshake() + Handshake("bob")));

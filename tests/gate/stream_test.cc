@@ -501,7 +501,7 @@ TEST(StreamTest, LinkThatHasFinishedIsNotUnknown) {
   ExpectFinished(late);
 }
 
-TEST(StreamTest, LocalSocketThatFailsClosesTheOtherOneBehindWhatItHasSaid) {
+TEST(StreamTest, LocalSocketThatFailsClosesTheOtherOneAfterWhatItHasSaid) {
   for (const From broken : {kMaster, kDaemon}) {
     const From other = broken == kMaster ? kDaemon : kMaster;
     for (const bool ended_before : {false, true}) {
@@ -592,7 +592,7 @@ TEST(StreamTest, LocalSocketFailsOnce) {
   ExpectFinished(gates);
 }
 
-TEST(StreamTest, DataThatFindNoRoomBehindAnAnswerFollowIt) {
+TEST(StreamTest, DataThatFindNoRoomAfterAnAnswerFollowIt) {
   Stream serving(LinkId{{1}}, {.silence = seconds(60)});
   serving.Accept(Opening{}, Time(0));
   serving.FromLocal("abc");

@@ -420,7 +420,7 @@ TEST(CertificateSentenceTest, RareErrorIsToldInTheLibrarysWords) {
             "The certificate is refused: permitted subtree violation");
 }
 
-TEST_F(TlsTest, BrokenAuthorityBehindAGoodOneIsAnError) {
+TEST_F(TlsTest, BrokenAuthorityAfterAGoodOneIsAnError) {
   TlsFiles files = Files(server_);
   files.authorities = {directory_.Write(
       "half.pem", directory_.Read("root.pem") +

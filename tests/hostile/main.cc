@@ -75,7 +75,7 @@ class CountTest : public testing::Test {
   const Family& family_;
 };
 
-// Ends the daemons behind every pass through the tests, and says what the family took. A pass that
+// Ends the daemons after every pass through the tests, and says what the family took. A pass that
 // is repeated (--gtest_repeat) needs new ones: some cases are about the port of a first run.
 class Closing : public testing::EmptyTestEventListener {
  public:

@@ -537,7 +537,7 @@ class Conversation {
 
   static milliseconds Pause(const std::string& text) { return milliseconds(std::stoul(text)); }
 
-  // One byte a segment, with a pause behind each.
+  // One byte a segment, with a pause after each.
   void Drip(const Link& link, const std::string& rest) const {
     std::size_t used = 0;
     const milliseconds pause(std::stoul(rest, &used));

@@ -99,14 +99,14 @@ TEST_F(EnvironmentFileTest, OddNumberOfWordsIsFound) {
   EXPECT_THAT(IdsOf("A"), ElementsAre("error environment.odd:1"));
 }
 
-TEST_F(EnvironmentFileTest, OverLongEntryIsFoundAndTheOnesBehindAreLookedAt) {
+TEST_F(EnvironmentFileTest, OverLongEntryIsFoundAndTheOnesAfterItAreLookedAt) {
   const std::string fits(255, 'x');
   EXPECT_THAT(IdsOf("A " + fits + "\n" + fits + " 1\n"), IsEmpty());
   EXPECT_THAT(IdsOf("A " + fits + "x\nIFS 1\n"),
               ElementsAre("error environment.too-long:1", "warning environment.special:2"));
   EXPECT_THAT(IdsOf("\n" + fits + "x 1\nIFS 1"),
               ElementsAre("error environment.too-long:2", "warning environment.special:3"));
-  // The one behind may have its name.
+  // The one after it may have its name.
   EXPECT_THAT(IdsOf("IFS " + fits + "x\nIFS 1\n"),
               ElementsAre("error environment.too-long:1", "warning environment.special:2"));
 }

@@ -38,7 +38,7 @@ struct Asked {
 
 class HistoryTest : public testing::Test {
  protected:
-  // A start of the daemon, with options behind "-p 5000 -s /s".
+  // A start of the daemon, with options after "-p 5000 -s /s".
   static std::string Start(std::time_t time, const std::string& options = "-o 9001 -n 100 -u -l ") {
     return "\nDaemon started: " + timestamp(time) +
            "Version information: 3 (ZRM11)\nArguments: -p 5000 -s /s " + options +
@@ -647,9 +647,9 @@ TEST_F(HostileHistoryTest, LinesInAFieldAreNobodysRun) {
     for (int field = 0; field < kFields; ++field) {
       for (const bool zero : {false, true}) {
         for (const bool completes : {false, true}) {
-          for (const int behind : {0, 1, 2}) {
+          for (const int after : {0, 1, 2}) {
             auto fields = Fields("CASE", "mallory");
-            // How the log would go on behind this field: up to its end, or not at all.
+            // How the log would go on after this field: up to its end, or not at all.
             std::string text = fields[static_cast<std::size_t>(field)];
             if (zero) text += '\0';
             text += "\n";
@@ -666,21 +666,21 @@ TEST_F(HostileHistoryTest, LinesInAFieldAreNobodysRun) {
             if (completes) text += rest;
             std::string made_up = MadeUp(9003, as_root);
             // What follows the field in the log goes on with the made up run.
-            if (behind == 1) {
+            if (after == 1) {
               const std::size_t same = made_up.find(labels[static_cast<std::size_t>(field)]);
               made_up.resize(made_up.find('\n', same));
             }
-            if (behind == 2) made_up.resize(made_up.find("Argument list"));
+            if (after == 2) made_up.resize(made_up.find("Argument list"));
             text += made_up;
             fields[static_cast<std::size_t>(field)] = text;
             const std::string forged = Logged(fields, 9002, as_root);
             const std::string what = labels[static_cast<std::size_t>(field)] +
                                      (zero ? "zero " : "") + (completes ? "completed " : "") +
-                                     std::to_string(behind) + (as_root ? " as root" : "");
+                                     std::to_string(after) + (as_root ? " as root" : "");
             ExpectNothingOfTheVictim(before + forged, as_root, what);
             ExpectNothingOfTheVictim(
                 before + forged + Logged(Fields("AFTER", "honest"), 9003, as_root), as_root,
-                what + ", with another run behind it");
+                what + ", with another run after it");
           }
         }
       }

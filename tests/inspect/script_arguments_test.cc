@@ -5,7 +5,7 @@
 namespace inspect {
 namespace {
 
-TEST(ScriptArgumentsTest, AreThoseBehindTheScript) {
+TEST(ScriptArgumentsTest, AreThoseAfterTheScript) {
   const auto arguments = ReadScript(
       {"/bin/bash", "-e", "/opt/script", "4", "/data/", "CASE", "9001", "0"}, "/opt/script");
   ASSERT_TRUE(arguments);

@@ -223,7 +223,7 @@ TEST_F(UserFileTest, ThirdFieldWithoutNumberDenies) {
   EXPECT_THAT(IdsOf("erin daemon -1\n"), IsEmpty());
 }
 
-TEST_F(UserFileTest, TextBehindTheNumberIsFound) {
+TEST_F(UserFileTest, TextAfterTheNumberIsFound) {
   EXPECT_THAT(IdsOf("dave daemon 1 # temporary\n"), ElementsAre("warning users.ignored-text:1"));
   EXPECT_THAT(IdsOf("dave daemon 1x\n"), ElementsAre("warning users.ignored-text:1"));
 }

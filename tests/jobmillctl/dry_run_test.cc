@@ -118,7 +118,7 @@ TEST_F(DryRunTest, ScriptHasWhatTheDaemonWouldGiveIt) {
   EXPECT_THAT(outcome.out, HasSubstr("| session\n| HOST=127.0.0.1\n"));
 }
 
-TEST_F(DryRunTest, NothingBehindTheHostLineIsShown) {
+TEST_F(DryRunTest, NothingAfterTheHostLineIsShown) {
   const Outcome outcome = RunScript("echo one; echo HOST=127.0.0.1; echo two\n");
   EXPECT_THAT(outcome.out,
               EndsWith("\n| one\n| HOST=127.0.0.1\nthe host is '127.0.0.1', 127.0.0.1\n"));

@@ -888,7 +888,7 @@ TEST(TargetTest, PercentSignsWithoutTheirDigitsStay) {
   EXPECT_EQ(ReadTarget("/%4g%/%:1%4@%zz%41").path, "/%4g%/%:1%4@%zzA");
 }
 
-TEST(FieldsTest, TimesWithMoreBehindThemAreNone) {
+TEST(FieldsTest, TimesWithMoreAfterThemAreNone) {
   EXPECT_TRUE(TimeIn(Json("2026-11-22T10:40:19+01:00")));
   EXPECT_FALSE(TimeIn(Json("2026-11-22T10:40:19+01:00 x")));
 }

@@ -175,7 +175,7 @@ void Actor::ExpectRefusal(const master::RunRequest& request, const std::string& 
   WriteAll(connection.get(), HandshakeOf(request));
   const std::string answer = ReadFrame(connection.get());
   Check(answer == text, "'" + answer + "' instead of '" + text + "'");
-  Check(ReadFrame(connection.get()).empty(), "more behind a refusal");
+  Check(ReadFrame(connection.get()).empty(), "more after a refusal");
 }
 
 void Actor::ExpectNoHost(const std::string& root) {
@@ -306,7 +306,7 @@ void Actor::SendUnknownRequest(const std::string& id, std::uint32_t parameter) {
   const Descriptor connection = Connected(id);
   WriteAll(connection.get(), Frame(Image(21 + parameter % 1000)) + Frame(Image(65520)));
   Check(ReadFrame(connection.get()) == Image(65520) + Image(0), "no shutdown");
-  Check(ReadFrame(connection.get()).empty(), "more behind a shutdown");
+  Check(ReadFrame(connection.get()).empty(), "more after a shutdown");
 }
 
 void CarryOut(LoadSite& site, const std::vector<Action>& plan, unsigned workers,

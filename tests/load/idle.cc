@@ -64,7 +64,7 @@ class LiveRun {
     }
     run_->Shutdown();
     Check(!run_->channel().Receive(master::Clock::now() + LoadSite::kPatience),
-          "more behind a shutdown");
+          "more after a shutdown");
   }
 
   std::size_t requests() const { return requests_; }

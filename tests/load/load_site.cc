@@ -23,7 +23,7 @@ case $3 in
   sim-*) rest=${3#sim-}; echo "HOST=127.0.0.${rest%%-*}" ;;
   stays-*) echo HOST=127.0.0.10; exec sleep 0.5 >/dev/null ;;
   chatty-*) i=0; while [ $i -lt 300 ]; do i=$((i+1)); echo "step $i of the start"; done
-    echo HOST=127.0.0.10; echo behind the host ;;
+    echo HOST=127.0.0.10; echo after the host ;;
   slow-*) sleep 0.2; echo HOST=127.0.0.10 ;;
   blank-*) echo 'HOST=   ' ;;
   killed-*) kill -9 $$ ;;

@@ -38,7 +38,7 @@ std::vector<pid_t> ZombiesOf(pid_t parent) {
     std::ifstream file("/proc/" + std::to_string(child) + "/stat");
     std::string text;
     std::getline(file, text);
-    const std::size_t state = text.rfind(") ");  // behind the name, which may hold anything
+    const std::size_t state = text.rfind(") ");  // after the name, which may hold anything
     if (state != std::string::npos && text[state + 2] == 'Z') zombies.push_back(child);
   }
   return zombies;

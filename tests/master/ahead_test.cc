@@ -156,7 +156,7 @@ TEST_F(AheadTest, MoreWellsThanAFrameNamesAreAskedForInGroups) {
   EXPECT_THAT(groups, Each(testing::Le(65536U)));
 }
 
-// The second group's request is behind the first one's requests for records: no round trip between.
+// The second group's request follows the first one's requests for records: no round trip between.
 TEST_F(AheadTest, NextGroupIsAskedForBeforeTheRecordsOfTheFirstCome) {
   const std::vector<std::string> wells{std::string(40000, 'A'), std::string(40000, 'B')};
   std::vector<std::size_t> sizes;
@@ -177,7 +177,7 @@ TEST_F(AheadTest, NextGroupIsAskedForBeforeTheRecordsOfTheFirstCome) {
 }
 
 // The values of the first well show that the simulator knows the names: one that it does not know
-// ends the run, and nothing is to be sent behind that.
+// ends the run, and nothing is to be sent after that.
 TEST_F(AheadTest, VariablesOfAllOtherWellsAreAskedForBeforeTheSecondOnesCome) {
   const auto names = WellNames(300);
   std::vector<std::vector<double>> values;
@@ -226,7 +226,7 @@ TEST_F(AheadTest, LongRequestsForVariablesAreNotAllUnderWayAtOnce) {
   EXPECT_LE(ahead, 6U);
 }
 
-// The daemon closes the connection on a request that fails, with those behind it unread: its
+// The daemon closes the connection on a request that fails, with those after it unread: its
 // system then resets the connection, which must not pass for a broken link.
 TEST_F(AheadTest, RefusedVariablesOfALaterWellAreAFailedRequest) {
   Play(

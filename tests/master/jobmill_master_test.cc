@@ -106,7 +106,7 @@ TEST_F(LibraryTest, TextsAreCutToTheirRoomAndTellTheirLength) {
   std::array<char, 6> text{'x', 'x', 'x', 'x', 'x', 'x'};
   EXPECT_EQ(jobmill_well_type(run_.get(), 2, text.data(), 5), 14);
   EXPECT_STREQ(text.data(), "WATE");
-  EXPECT_EQ(text[5], 'x') << "behind the room";
+  EXPECT_EQ(text[5], 'x') << "past the room";
   EXPECT_EQ(jobmill_well_type(run_.get(), 2, nullptr, 0), 14);
   EXPECT_EQ(jobmill_well_name(run_.get(), 0, text.data(), text.size()), 2);
   EXPECT_STREQ(text.data(), "P1");
@@ -118,7 +118,7 @@ TEST_F(LibraryTest, TextsAreCutToTheirRoomAndTellTheirLength) {
   EXPECT_EQ(jobmill_well_name(run_.get(), 0, nullptr, 6), JOBMILL_USAGE);
 }
 
-TEST_F(LibraryTest, DataOfWellsStandBehindEachOther) {
+TEST_F(LibraryTest, DataOfWellsFollowEachOther) {
   Launch();
   std::vector<double> values(std::size_t{2} * JOBMILL_WELL_VALUES);
   EXPECT_EQ(jobmill_read_data(run_.get(), "P1\r\nI1\n", values.data(), 16), 16);

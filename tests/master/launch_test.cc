@@ -132,7 +132,7 @@ TEST_F(LaunchTest, LineTooLongForTheDaemonIsRefusedBeforeAnythingIsSent) {
   EXPECT_EQ(Sent().size(), 7U * 4 + 18 + 32767);
 }
 
-TEST_F(LaunchTest, HostIsTheTextBehindOkWithoutItsZeroByte) {
+TEST_F(LaunchTest, HostIsTheTextAfterOkWithoutItsZeroByte) {
   Line(Bytes("4f4b7c 6e6f64653137 00"));
   EXPECT_EQ(launch_.AwaitHost(), "node17");
 }

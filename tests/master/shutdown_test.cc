@@ -97,7 +97,7 @@ TEST_F(ShutdownTest, OneByOneTheRecordsStillDueGoOutBeforeTheShutdown) {
   EXPECT_EQ(Sent(), Hex(Bytes("04000000 00100000 04000000 f0ff0000")));
 }
 
-// The second group has been asked for behind the records of the first, but not its records.
+// The second group has been asked for after the records of the first, but not its records.
 TEST_F(ShutdownTest, RecordsOfAGroupSentAheadGoOutBeforeTheShutdown) {
   const std::vector<std::string> wells(2, std::string(40000, 'W'));
   Reply("0a000000 01000000 00000000");

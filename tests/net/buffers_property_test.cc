@@ -140,7 +140,7 @@ RC_GTEST_PROP(BuffersProperty, FrameIsLengthCodeAndTheImagesOfTheValues, (unsign
 RC_GTEST_PROP(BuffersProperty, PackedValuesComeBackAndStringsEndAtTheirFirstZeroByte, ()) {
   const std::vector<Value> values = *AnyValues();
   const std::string frame = Sent(Packed(values), 17);
-  const std::string body = frame.substr(8);  // behind the length and the code
+  const std::string body = frame.substr(8);  // after the length and the code
   const GuardedBytes bytes(values.empty() ? std::string() : body);
   getbuf fields(bytes.data(), static_cast<std::int64_t>(Packed(values).used()));
   for (const Value& value : values) {

@@ -306,7 +306,7 @@ TEST_F(SocketStringFormTest, FrameIsReadWhole) {
   EXPECT_EQ(length_, 3);
 }
 
-TEST_F(SocketStringFormTest, NothingBehindTheFrameIsTaken) {
+TEST_F(SocketStringFormTest, NothingAfterTheFrameIsTaken) {
   PeerSends(Bytes("01 00 00 00 33 01 00 00 00 34"));
   EXPECT_EQ(socket_.ReceiveLine(length_), "3");
   EXPECT_EQ(socket_.ReceiveLine(length_), "4");

@@ -142,7 +142,7 @@ def single(number: float) -> float:
 BROKEN: Dict[str, Variant] = {
     "another version of the protocol": Variant("D01", line(0, lambda _: frame(b"4"))),
     "a word during the launch": Variant("D02", line(0, lambda m: m + frame(b"wait"))),
-    "two zero bytes behind the host": Variant("D03", line(1, lambda m: frame(m[4:] + b"\0"))),
+    "two zero bytes after the host": Variant("D03", line(1, lambda m: frame(m[4:] + b"\0"))),
     "acknowledges with 1": Variant("D06", body_of(4, lambda body: body[:-4] + b"\1\0\0\0")),
     "no acknowledgement": Variant("D06", body_of(17, lambda body: body[:-4])),
     "another code": Variant("D06", body_of(3, lambda body: b"\4" + body[1:])),

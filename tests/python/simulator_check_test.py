@@ -478,7 +478,7 @@ BROKEN: Dict[str, Variant] = {
     "type in small letters": Variant("S04", to("QRESVR_STR", lower_case_tag)),
     "END with a count": Variant("S04", to("QRESVR_STR", count_beyond_the_end)),
     "no END": Variant("S05", first("QRESVR_STR", lambda message: message[:-1])),
-    "headers behind END": Variant("S05", first("QRESVR_STR", lambda message: [*message, END])),
+    "headers after END": Variant("S05", first("QRESVR_STR", lambda message: [*message, END])),
     "no ERRORS": Variant("S06", first("SETUP", lambda message: [message[0], END])),
     "no step answer after STARTED": Variant(
         "S07", to("SETUP", lambda answers: answers[:1]), patience=1.0

@@ -58,7 +58,7 @@ TEST_F(DispatcherTest, RequestsOfOneSegmentAreServedInTheirOrder) {
   EXPECT_EQ(stub_->calls, (std::vector<std::string>{"Newton()", "GetVersion()", "Shutdown()"}));
 }
 
-// Every call of the connector leaves many freed pieces of memory behind, and behind them one that
+// Every call of the connector leaves many freed pieces of memory behind, and after them one that
 // is still in use.
 class FreeMemoryTest : public ControllerTest {
  protected:

@@ -125,7 +125,7 @@ TEST_F(HandlersTest, VersionIsADouble) {
   EXPECT_EQ(ReplyTo("11 00 00 00"), "10 00 00 00 11 00 00 00 cd cc cc cc cc 80 9f 40 00 00 00 00");
 }
 
-TEST_F(HandlersTest, BytesBehindACodeWithoutFieldsAreIgnored) {
+TEST_F(HandlersTest, BytesAfterACodeWithoutFieldsAreIgnored) {
   EXPECT_EQ(ReplyTo("07 00 00 00 ff ff ff ff ff"), "08 00 00 00 07 00 00 00 00 00 00 00");
 }
 
@@ -193,7 +193,7 @@ TEST_F(HandlersTest, WellRecordForNoNameGetsNoReplyAtAll) {
   EXPECT_EQ(replies_, "");
 }
 
-TEST_F(HandlersTest, WrongSecondSubRequestOfWellDataEndsTheRunBehindTheFirstRecord) {
+TEST_F(HandlersTest, WrongSecondSubRequestOfWellDataEndsTheRunAfterTheFirstRecord) {
   stub_->operating_points = {OperatingPoint("", 1), OperatingPoint("", 2)};
   MasterSends("0a 00 00 00 02 00 00 00 01 00 00 00 41 01 00 00 00 42");
   MasterSends("00 10 00 00");
@@ -359,7 +359,7 @@ TEST_F(HandlersTest, TableWithoutMoleFractionsSendsTenEmptySeries) {
                 "00 00 00 00");
 }
 
-TEST_F(HandlersTest, MoleFractionsBehindTheTenthAreNotSent) {
+TEST_F(HandlersTest, MoleFractionsAfterTheTenthAreNotSent) {
   stub_->tables = {Table()};
   stub_->tables[0].mole_fractions.assign(12, {});
   stub_->tables[0].mole_fractions[9] = {1};
@@ -402,7 +402,7 @@ TEST_F(HandlersTest, IprTableTooManyGetsNoReplyAtAll) {
                      "VK_GETWELLIPRDATA");
 }
 
-TEST_F(HandlersTest, WrongSecondSubRequestOfIprDataEndsTheRunBehindTheFirstTable) {
+TEST_F(HandlersTest, WrongSecondSubRequestOfIprDataEndsTheRunAfterTheFirstTable) {
   stub_->tables = {Table(), Table()};
   MasterSends(
       "10 00 00 00 00 00 00 00 02 00 00 00 01 00 00 00 41 01 00 00 00 42 "
@@ -504,8 +504,8 @@ TEST_F(ReplyRoomTest, WellVariables) {
   EXPECT_EQ(RoomsFor("0f 00 00 00 01 00 00 00 41 00 00 00 00"), (Sizes{18, 48}));  // 32 bytes
 }
 
-// The fields behind a short request, up to byte 2,047 of the frame, are zeros whatever came before;
-// those behind are what an earlier frame has left.
+// The fields after a short request, up to byte 2,047 of the frame, are zeros whatever came before;
+// those after that are what an earlier frame has left.
 TEST_F(HandlersTest, TwoThousandAndFortyEightBytesAreClearedBeforeEachFrame) {
   std::string ones;
   for (int i = 0; i < 3000; ++i) ones += "01 ";
@@ -542,7 +542,7 @@ TEST_F(HandlersTest, SubRequestsLeaveTheBufferOfTheRequestsAlone) {
                                  "GetWellIPRData(0,[A],top,0.000000)", "GetWellVariables(,[])"}));
 }
 
-TEST_F(HandlersTest, FieldsOfAShortRequestAreReadAsTheZerosBehindIt) {
+TEST_F(HandlersTest, FieldsOfAShortRequestAreReadAsTheZerosAfterIt) {
   EXPECT_EQ(ReplyTo("0b 00 00 00"), "08 00 00 00 0b 00 00 00 00 00 00 00");
   EXPECT_EQ(stub_->calls, Calls{"SetWellStatus([],[])"});
 }

@@ -65,7 +65,7 @@ TEST_P(SubExchangeTest, RecordsAreAllFetchedBeforeTheFirstReply) {
 
 class ForeignFrameTest : public SubExchangeTest {
  protected:
-  // The run ends behind the records that were asked for before, with nothing but them.
+  // The run ends after the records that were asked for before, with nothing but them.
   void ExpectEnd(int asked) {
     EXPECT_EQ(Serve(), 2);
     EXPECT_EQ(BytesReplied(),

@@ -12,7 +12,7 @@ namespace {
 // Reads one text in the notation.
 class Reader {
  public:
-  // What stands in the parentheses behind a word, as bytes.
+  // What is in the parentheses after a word, as bytes.
   struct Function {
     const char* word;
     std::string (*read)(Reader& in);
@@ -123,7 +123,7 @@ class Reader {
     return std::string(digits.size() < 6 ? 6 - digits.size() : 0, '0') + digits;
   }
 
-  // What stands behind the comma, once for each number below `times`.
+  // What follows the comma, once for each number below `times`.
   std::string Numbered(std::uint64_t times) {
     Expect(',');
     const std::size_t begin = at_;

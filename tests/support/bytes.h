@@ -60,7 +60,7 @@ inline std::string Frame(std::string_view body) {
 }
 
 /// The bodies of the frames that `bytes` hold; what is left of a frame that is not whole comes
-/// last, behind the text "torn: ".
+/// last, after the text "torn: ".
 inline std::vector<std::string> FramesOf(std::string_view bytes) {
   std::vector<std::string> frames;
   while (!bytes.empty()) {

@@ -144,7 +144,7 @@ bool IsRunning(pid_t pid) {
   std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
   std::string text;
   if (!std::getline(file, text)) return false;
-  const std::size_t state = text.rfind(") ");  // behind the name, which may hold anything
+  const std::size_t state = text.rfind(") ");  // after the name, which may hold anything
   return state != std::string::npos && text[state + 2] != 'Z' && text[state + 2] != 'X';
 }
 

@@ -26,7 +26,7 @@ sock_filter Return(std::uint32_t action) {
   return BPF_STMT(BPF_RET | BPF_K, action);
 }
 
-// Goes on behind the next `skipped` instructions unless the loaded number is `value`.
+// Goes on after the next `skipped` instructions unless the loaded number is `value`.
 sock_filter UnlessSkip(std::uint32_t value, std::uint8_t skipped) {
   return BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, value, 0, skipped);
 }

@@ -66,7 +66,7 @@ RunningDaemon::RunningDaemon(const Options& options) {
 }
 
 RunningDaemon::~RunningDaemon() {
-  // As long as the port is taken: behind that it may be the log of the next daemon that has it.
+  // As long as the port is taken: after that it may be the log of the next daemon that has it.
   RemoveLogFile();
   process_.reset();
 }

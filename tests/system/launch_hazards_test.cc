@@ -101,7 +101,7 @@ TEST(LaunchHazardTest, ArgumentListTooLongForTheSystemHasNoHost) {
   if (!statuses.watching()) GTEST_SKIP() << "no process may be traced on this machine";
 }
 
-TEST(LaunchHazardTest, CommsPortBehindTheLastOneFailsAtTheFirstRequest) {
+TEST(LaunchHazardTest, CommsPortPastTheLastOneFailsAtTheFirstRequest) {
   RunningDaemon::Options options;
   options.arguments = {"-u", "-l", "-o", "65535", "-n", "2"};
   options.script = "#!/bin/sh\necho \"port $4\"\necho HOST=127.0.0.1\n";

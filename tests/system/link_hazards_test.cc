@@ -209,7 +209,7 @@ TEST(LinkHazardTest, MasterThatFinishesSendingInMidFrameIsWaitedForWithoutSpinni
   EXPECT_TRUE(IsQuiet(daemon));
 }
 
-TEST(LinkHazardTest, LargestLengthWithHundredMebibytesBehindItCostsNeitherMemoryNorTime) {
+TEST(LinkHazardTest, LargestLengthWithHundredMebibytesAfterItCostsNeitherMemoryNorTime) {
   const RunningDaemon daemon(Unprivileged());
   TestMaster stranger(daemon.port());
   EXPECT_EQ(stranger.Receive(), "3");

@@ -181,7 +181,7 @@ class RefusingKernelTest : public testing::Test {
 TEST_F(RefusingKernelTest, RefusedSignalHandlerEndsTheStartWithTheSystemsText) {
   const RefusedCall handler = {SYS_rt_sigaction, EPERM, SIGCHLD};
   EXPECT_EQ(Run(1, {handler}, "Operation not permitted\n"), "");
-  // A missing port is named before it, a taken one or missing rights would be behind it.
+  // A missing port is named before it, a taken one or missing rights would come after it.
   EXPECT_THAT(Run(1, {handler}, "", {"-p", "0"}), testing::StartsWith("Jobmill needs to be"));
   EXPECT_EQ(Run(1, {handler, {SYS_socket, EMFILE}}, "Operation not permitted\n"), "");
   EXPECT_EQ(Run(1, {handler, {SYS_getuid, EPERM}}, "Operation not permitted\n", {}), "");

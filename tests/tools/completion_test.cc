@@ -73,7 +73,7 @@ TEST_F(CompletionTest, ValuesAreThoseOfTheType) {
   EXPECT_THAT(WordsFor({"-q", "cop"}), ElementsAre("copy"));
 }
 
-TEST_F(CompletionTest, ValuesMayStandBehindAnEqualsSign) {
+TEST_F(CompletionTest, ValuesMayFollowAnEqualsSign) {
   EXPECT_THAT(WordsFor({"--color=g"}), ElementsAre("--color=green"));
   EXPECT_THAT(WordsFor({"--colour=g"}), IsEmpty());
   EXPECT_THAT(WordsFor({"--color=red", "cop"}), ElementsAre("copy"));
@@ -90,7 +90,7 @@ TEST_F(CompletionTest, PositionalsAreCounted) {
   EXPECT_THAT(WordsFor({"copy", "--", ""}), IsEmpty());
 }
 
-TEST_F(CompletionTest, CommandsBehindTheOptionsAreLeftToWhoKnowsThem) {
+TEST_F(CompletionTest, CommandsAfterTheOptionsAreLeftToWhoKnowsThem) {
   app_.prefix_command();
   Words seen;
   const auto commands = [&seen](const Words& words) {

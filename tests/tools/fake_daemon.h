@@ -360,7 +360,7 @@ class FakeDaemon {
     return frames_;
   }
 
-  /// The frames behind the handshake.
+  /// The frames after the handshake.
   std::vector<std::string> Requests() {
     std::vector<std::string> frames = Frames();
     frames.erase(frames.begin(), frames.begin() + std::min<std::ptrdiff_t>(8, std::ssize(frames)));

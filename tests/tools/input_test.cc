@@ -17,7 +17,7 @@ namespace {
 
 using vkmaster::DescriptorLines;
 
-// All lines that are read, "|" behind each, of an input of two when the waits for it are answered.
+// All lines that are read, "|" after each, of an input of two when the waits for it are answered.
 std::optional<std::string> LinesWhen(CallAnswer answer) {
   return TextOfChild([answer]() -> std::optional<std::string> {
     SocketPair pair;

@@ -1136,7 +1136,7 @@ TEST_F(PlanRunTest, CommandLineWinsOverThePlansLaunch) {
   EXPECT_EQ(daemon_.Frames()[4], Hex("4"));
 }
 
-TEST_F(PlanRunTest, OptionsMayStandBehindThePlan) {
+TEST_F(PlanRunTest, OptionsMayFollowThePlan) {
   std::filesystem::create_directory(directory_.File("results"));
   directory_.Write("results/run.json", kEarlierRun);
   const std::string plan =
@@ -1149,7 +1149,7 @@ TEST_F(PlanRunTest, OptionsMayStandBehindThePlan) {
   EXPECT_EQ(daemon_.Frames()[3], Hex("CASE"));
 }
 
-TEST_F(PlanTest, CommandLineWinsOverTheEnvironmentAlsoBehindThePlan) {
+TEST_F(PlanTest, CommandLineWinsOverTheEnvironmentAlsoAfterThePlan) {
   setenv("VKMASTER_HOST", "no host", 1);
   const std::string plan = directory_.Write("plan.toml", "[advance]\nuntil = 1\n");
   const std::string port = std::to_string(FreePort());

@@ -123,7 +123,7 @@ class VkmasterProcess {
   Descriptor err_;
 };
 
-/// The options of a launch through a daemon on `port`, and `more` behind them.
+/// The options of a launch through a daemon on `port`, and `more` after them.
 inline std::vector<std::string> LaunchArguments(int port, const std::vector<std::string>& more) {
   std::vector<std::string> arguments{"--host", "127.0.0.1", "--port", std::to_string(port),
                                      "--path", "/data/",    "--root", "CASE",

@@ -76,7 +76,7 @@ TEST_F(ProgramTest, NumberThatIsNoKnownVersionIsTheDaemonsToJudge) {
   EXPECT_EQ(daemon_.Frames()[5], Hex("7"));
 }
 
-TEST(ProgramOptions, HelpBehindRunAndReportIsHelp) {
+TEST(ProgramOptions, HelpAfterRunAndReportIsHelp) {
   for (const char* help : {"--help", "-h"}) {
     const Outcome run = RunVkmaster({"run", help});
     EXPECT_EQ(run.status, 0) << run.err;
@@ -383,7 +383,7 @@ TEST_F(ProgramTest, DateBeforeTheStartIsRefused) {
   EXPECT_THAT(outcome.err, HasSubstr("2019-12-31 is before the start of the run, 2020-01-01"));
 }
 
-TEST_F(ProgramTest, AdvanceOfARunThatHasEndedLeavesTheCommandsBehindIt) {
+TEST_F(ProgramTest, AdvanceOfARunThatHasEndedLeavesTheCommandsAfterIt) {
   run_.end = 5;
   const Outcome outcome = Master({"until", "5", "then", "until", "9", "then", "time"});
   EXPECT_EQ(outcome.status, 0);

@@ -383,7 +383,7 @@ TEST_F(ReportPageTest, SomebodyWhoTypesOrPausesIsNotDisturbed) {
 }
 
 TEST_F(ReportPageTest, TimesOfAllKindsAreTold) {
-  // Steps of seconds among years, before 1970 and behind 2038.
+  // Steps of seconds among years, before 1970 and after 2038.
   OpenResults({{"run.json", R"({"start_date": "1968-12-31"})"},
                {"data.csv",
                 "time_days,date,well,status,oil_rate [STB/d],gas_rate [MMscf/d]\n"

@@ -177,12 +177,12 @@ TEST_F(ReportTest, TypesAreThoseOfTheWellsThatHaveValues) {
             "P1PRODUCEROPEN");
 }
 
-TEST_F(ReportTest, RecordsBeforeAndBehindAnEventStandBesideEachOther) {
+TEST_F(ReportTest, RecordsBeforeAndAfterAnEventStandBesideEachOther) {
   directory_.Write("steps.csv", "time_days,date,ended\n");
   directory_.Write("data.csv",
                    "time_days,date,well,status,oil_rate\n"
                    "10,x,P1,OPEN,100\n10,x,P2,OPEN,50\n"
-                   "10,x,P1,SHUT,0\n"                  // behind the event
+                   "10,x,P1,SHUT,0\n"                  // after the event
                    "20,x,P1,SHUT,0\n20,x,P1,SHUT,0\n"  // twice the same
                    "20,x,P2,OPEN,60\n");
   const Results results = ReadResults(Directory());
@@ -222,7 +222,7 @@ TEST_F(ReportTest, StatusIsThatOfTheLastStop) {
   EXPECT_THAT(statuses("0,x,P1,OPEN,1\n10,x,P2,OPEN,1\n", ""), ElementsAre("", "OPEN"));
   EXPECT_THAT(statuses("0,x,P1,OPEN,1\n", "0,x,P1,PRODUCER,OPEN\n10,x,P1,PRODUCER,SHUT\n"),
               ElementsAre("SHUT"));
-  // The one has been recorded before an event, the other one behind as well.
+  // The one has been recorded before an event, the other one after it as well.
   EXPECT_THAT(statuses("10,x,P1,OPEN,1\n10,x,P1,SHUT,0\n", "10,x,P1,PRODUCER,OPEN\n"),
               ElementsAre("SHUT"));
   EXPECT_THAT(statuses("10,x,P1,OPEN,1\n", "10,x,P1,PRODUCER,OPEN\n10,x,P1,PRODUCER,SHUT\n"),

@@ -330,7 +330,7 @@ TEST_F(TerminalTest, EmptyHomeLeavesNoHistoryInTheWorkingDirectory) {
   EXPECT_FALSE(std::filesystem::exists(home_.File(".vkmaster_history")));
 }
 
-TEST_F(TerminalTest, TabBehindWhatNothingBeginsWithAddsNothing) {
+TEST_F(TerminalTest, TabAfterWhatNothingBeginsWithAddsNothing) {
   home_.Write("zz-a-file", "");
   Start({});
   Until("CASE day 0> ");

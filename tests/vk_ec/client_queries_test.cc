@@ -115,7 +115,7 @@ TYPED_TEST(ClientQueriesTest, RowsAreAppendedOneByOneAndCountedAhead) {
   this->ExpectUsable();
 }
 
-TYPED_TEST(ClientQueriesTest, NoRowComesBehindTheLast) {
+TYPED_TEST(ClientQueriesTest, NoRowComesAfterTheLast) {
   const std::string row = Cstr("WELLNAME", {"P1"}) + Doub("VALUES", {1});
   for (const std::string& answer :
        {Cstr("QITEMS", {"A"}) + row, Cstr("QITEMS", {"A"}), std::string()}) {

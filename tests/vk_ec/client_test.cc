@@ -82,7 +82,7 @@ TYPED_TEST(ClientTest, RefusedSetUpThrowsTheFirstErrorAlone) {
   this->ExpectUsable();
 }
 
-// The second simulator's first words are not what the first one said behind its refusal.
+// The second simulator's first words are not what the first one said after its refusal.
 TYPED_TEST(ClientTest, ConnectAfterARefusalBeginsAnew) {
   ScriptedSimulator refusing(ScriptedSimulator::Link::kLoopback);
   refusing.AnswerNext({Mess("STARTED") + Cstr("ERRORS", {"No licence."}) + Mess("END"), kFinished});

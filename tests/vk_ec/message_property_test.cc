@@ -21,7 +21,7 @@ using Decoder = MessageMgr::MessageDecoder;
 
 constexpr const char* kTooShort = "Not enough data read from network";
 
-// In a vector of its own that has no byte to spare: the address sanitizer sees a read behind it.
+// In a vector of its own that has no byte to spare: the address sanitizer sees a read past its end.
 std::vector<unsigned char> Buffer(const std::string& bytes) {
   return {bytes.begin(), bytes.end()};
 }
@@ -134,7 +134,7 @@ RC_GTEST_PROP(MessageProperty, DamagedMessageEndsInAComplaintAndYieldsNoMoreThan
   RC_ASSERT(Walk(buffer) <= bytes.size());
 }
 
-RC_GTEST_PROP(MessageProperty, BytesBehindTheLastItemAreRefused, ()) {
+RC_GTEST_PROP(MessageProperty, BytesAfterTheLastItemAreRefused, ()) {
   const std::vector<Item> items = *any::MessageItems();
   const std::string whole = Encoded(items);
   const std::string more = *rc::gen::nonEmpty(any::Bytes());

@@ -356,7 +356,7 @@ TEST_F(DecoderTest, MessageCutAnywhereIsTooShort) {
   }
 }
 
-TEST_F(DecoderTest, HeaderCutBehindAStrangeTagIsTooShortRatherThanUnknown) {
+TEST_F(DecoderTest, HeaderCutAfterAStrangeTagIsTooShortRatherThanUnknown) {
   auto decoder = Decode(Bytes("01 'N'  00 00 00 00 00 00 00 00  'mes'"));
   EXPECT_THAT([&] { decoder.get_header(); },
               ThrowsMessage<std::length_error>("Not enough data read from network"));
@@ -555,7 +555,7 @@ TEST_F(MessageTest, AbandonedMessageStaysInProgress) {
   EXPECT_THAT([&] { manager().createMessageBuilder(); }, Throws<std::logic_error>());
 }
 
-TEST_F(MessageTest, MessageOfManyItemsLeavesWithoutTheRoomBehindThem) {
+TEST_F(MessageTest, MessageOfManyItemsLeavesWithoutTheRoomAfterThem) {
   std::string expected;
   auto builder = manager().createMessageBuilder();
   for (int item = 0; item < 300; ++item) {
@@ -574,7 +574,7 @@ TEST_F(MessageTest, MessageOfManyItemsLeavesWithoutTheRoomBehindThem) {
 
 TEST_F(MessageTest, SendKeepsAUsualBufferAndGivesBackAHugeOne) {
   // What the next message is built in after one of this size.
-  const auto capacity_behind = [this](std::size_t size) {
+  const auto capacity_after = [this](std::size_t size) {
     const std::string text(size, 'x');
     const std::string expected = Framed(Cstr("TEXT", {text}));
     std::string received;
@@ -584,8 +584,8 @@ TEST_F(MessageTest, SendKeepsAUsualBufferAndGivesBackAHugeOne) {
     EXPECT_TRUE(received == expected) << size;
     return manager().createMessageBuilder().add_MESS_header("END", 0).release().capacity();
   };
-  EXPECT_GE(capacity_behind(1 << 20), 1U << 20);
-  EXPECT_LT(capacity_behind(9 << 20), 1U << 20);
+  EXPECT_GE(capacity_after(1 << 20), 1U << 20);
+  EXPECT_LT(capacity_after(9 << 20), 1U << 20);
 }
 
 TEST_F(MessageTest, StringIsAListOfOne) {

@@ -40,7 +40,7 @@ teardown() {
   vkmaster_exe "${options[@]}" run "$plan"
   local file
   for file in data.csv events.csv; do cmp "$work/linux/$file" "$results/$file"; done
-  # Behind these columns are the times that the steps took.
+  # After these columns come the times that the steps took.
   cmp <(cut -d, -f1-3 "$work/linux/steps.csv") <(cut -d, -f1-3 "$results/steps.csv")
   grep -qF '"title": "Förderung Ω"' "$results/run.json"
   grep -qF '"end": "' "$results/run.json"

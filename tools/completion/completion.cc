@@ -56,7 +56,7 @@ Answer ValuesOf(const CLI::Option& option, const std::string& begin,
   return answer;
 }
 
-// The app whose options may stand behind the subcommand `app`, too; null for none.
+// The app whose options may follow the subcommand `app`, too; null for none.
 const CLI::App* FallthroughOf(const CLI::App& app) {
   return app.get_fallthrough() ? app.get_parent() : nullptr;
 }

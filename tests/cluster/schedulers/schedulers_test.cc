@@ -36,7 +36,7 @@ struct Outcome {
   std::string output;
 };
 
-// A scheduler's commands, as shell text with the variables SLOTS, OUT, ARGS (behind the script) and
+// A scheduler's commands, as shell text with the variables SLOTS, OUT, ARGS (after the script) and
 // ID.
 struct Kind {
   std::string name;
@@ -236,7 +236,7 @@ class Instance {
  private:
   Kind kind_;
   std::string options_;
-  std::string around_;  // what runs the instance's commands, with a blank behind it
+  std::string around_;  // what runs the instance's commands, with a blank after it
   TemporaryDirectory files_;
 };
 

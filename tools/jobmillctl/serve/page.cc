@@ -346,7 +346,7 @@ std::string Whole(const View& view, const std::string& title, const Filter& filt
   const Json& host = At(view.snapshot, {"host"});
   const std::string name = host.is_string() ? host.get<std::string>() : "this machine";
   std::string page = kPageHtml;
-  // The search goes on behind each text: a text may hold what looks like one of these places.
+  // The search goes on after each text: a text may hold what looks like one of these places.
   const std::pair<const char*, std::string> places[] = {
       {"@title@", Html(title + " – Jobmill on " + name)},
       {"@host@", Html(name)},

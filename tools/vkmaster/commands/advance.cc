@@ -177,7 +177,7 @@ void Advance(Context& context, const AdvanceRequest& request) {
         fmt::format("The run is at day {:.6g} already, it cannot go to day {:.6g}", now, target));
   }
   if (session.has_ended()) {
-    // No failure: the commands behind it show the state in which the simulation ended.
+    // No failure: the commands after it show the state in which the simulation ended.
     Result row = StateRow(session, "until", request.rates);
     row.notes.push_back(EndedBefore(session, target));
     context.output.Write(row);

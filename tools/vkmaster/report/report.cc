@@ -210,7 +210,7 @@ Json MetaOf(const Results& results, std::optional<std::chrono::seconds> again) {
   return meta;
 }
 
-// What the page needs at once. The wells' values come behind the script, which need not wait for
+// What the page needs at once. The wells' values come after the script, which need not wait for
 // them.
 std::string DataOf(const Results& results, std::optional<std::chrono::seconds> again) {
   std::string data = DataElement("meta", ForScript(MetaOf(results, again)));

@@ -23,7 +23,7 @@ struct WellResults {
   Columns values;      ///< by quantity, one for each time
 };
 
-/// The inflow tables of a well, one behind the other.
+/// The inflow tables of a well, one after the other.
 struct WellInflow {
   struct Part {
     double day;
@@ -53,7 +53,7 @@ struct Results {
   std::string start_date;  ///< of the simulation, as 2020-01-31; empty when it is not known
 
   /// When wells were recorded, in days and ascending. A time stands there twice when a well was
-  /// recorded before and behind an event; wells that were not have the same values twice.
+  /// recorded before and after an event; wells that were not have the same values twice.
   std::vector<double> days;
   std::vector<Heading> quantities;
   std::vector<WellResults> wells;

@@ -21,15 +21,15 @@ struct Quantity {
 
 const std::vector<Quantity>& Quantities();
 
-/// Begins a word that is sent as it stands behind this mark, although it is not known here.
+/// Begins a word that is sent as it is written after this mark, although it is not known here.
 inline constexpr const char* kAsIs = "as-is:";
 
-/// What stands behind kAsIs; `word` itself without that mark.
+/// What follows kAsIs; `word` itself without that mark.
 std::string WithoutMark(const std::string& word);
 bool IsMarked(const std::string& word);
 
 /// The simulator's name for `word`, which may be the short name or the simulator's name of one of
-/// Quantities(), in any letter case, TOTAL_MOLE_FRACTION[n], or any name behind kAsIs. Throws
+/// Quantities(), in any letter case, TOTAL_MOLE_FRACTION[n], or any name after kAsIs. Throws
 /// UsageError for the rest: a name that the simulator does not know ends the run.
 std::string PropertyOf(const std::string& word);
 
@@ -37,7 +37,7 @@ std::string PropertyOf(const std::string& word);
 /// what cannot be limited: the simulator acknowledges such a limit, too, but it does nothing.
 std::string ConstraintOf(const std::string& word);
 
-/// The simulator's name for the status `word`: OPEN or SHUT in any letter case, or what is behind
+/// The simulator's name for the status `word`: OPEN or SHUT in any letter case, or what follows
 /// kAsIs. Throws UsageError.
 std::string StatusOf(const std::string& word);
 const std::vector<std::string>& Statuses();

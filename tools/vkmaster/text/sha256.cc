@@ -14,7 +14,7 @@ constexpr std::size_t kBlock = 64;
 
 using State = std::array<std::uint32_t, 8>;
 
-// The first 32 bits behind the point of the roots of the first primes: the standard's constants.
+// The first 32 bits after the point of the roots of the first primes: the standard's constants.
 template <std::size_t kCount, typename Root>
 std::array<std::uint32_t, kCount> Fractions(const Root& root) {
   std::array<std::uint32_t, kCount> fractions{};

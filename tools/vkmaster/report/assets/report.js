@@ -1,6 +1,6 @@
 // The report of a run. #meta has what is known beforehand; the values of a well are a compressed
 // block of their own, #w0, #w1, ..., that is decoded when the well is chosen. What is chosen is kept
-// behind the # of the address, so that it outlives the reloading of a run that goes on.
+// after the # of the address, so that it outlives the reloading of a run that goes on.
 'use strict';
 
 const meta = JSON.parse(document.getElementById('meta').textContent);
