@@ -20,6 +20,7 @@ namespace gate {
 struct Identity {
   std::string authority;
   std::vector<std::string> names;  ///< folded and sorted by the caller, who knows how names compare
+  // NOLINTNEXTLINE(modernize-use-nullptr): it means the 0 of the comparison itself
   auto operator<=>(const Identity&) const = default;
 };
 
@@ -75,7 +76,7 @@ class LinkTable {
  private:
   struct Past {
     Identity who;
-    Reason reason;
+    Reason reason = Reason::kFinished;
   };
 
   const Options options_;

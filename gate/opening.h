@@ -22,6 +22,7 @@ using Time = std::chrono::milliseconds;
 /// Who knows it still needs the certificate.
 struct LinkId {
   std::array<unsigned char, 16> bytes{};
+  // NOLINTNEXTLINE(modernize-use-nullptr): it means the 0 of the comparison itself
   auto operator<=>(const LinkId&) const = default;
 };
 

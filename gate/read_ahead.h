@@ -33,7 +33,7 @@ class ReadAhead {
   explicit ReadAhead(End end) : end_(end) {}
 
   struct Verdict {
-    enum What { kPass, kDrop, kWait } what;
+    enum What { kPass, kDrop, kWait } what = kWait;
     std::size_t count = 0;
   };
 
@@ -75,7 +75,7 @@ class ReadAhead {
 
   // The frame that is passing in a direction.
   struct Frame {
-    std::array<char, kDeciding> head;
+    std::array<char, kDeciding> head{};
     std::uint64_t seen = 0;  ///< of its bytes, those of the length included
 
     bool begun() const { return seen > 0; }
