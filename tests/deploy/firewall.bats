@@ -193,7 +193,8 @@ import os, socket, time
 server = socket.create_server(("127.0.0.1", 5050))
 if os.fork() == 0:
     os.setresuid(65534, 65534, 65534)
-    client = socket.create_connection(("127.0.0.1", 5050))
+    client = socket.socket()  # create_connection() loads what this account may not be able to read
+    client.connect(("127.0.0.1", 5050))
     client.setblocking(False)
     try:
         while True:
