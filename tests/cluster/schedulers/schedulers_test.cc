@@ -7,6 +7,7 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <iostream>
 #include <iterator>
 #include <memory>
 #include <ostream>
@@ -219,7 +220,10 @@ class Instance {
   }
 
   bool Becomes(const std::string& id, const std::string& state, seconds limit = seconds(40)) {
-    return Eventually([&] { return State(id) == state; }, limit + kind_.back);
+    if (Eventually([&] { return State(id) == state; }, limit + kind_.back)) return true;
+    std::cout << "The job is " << State(id) << ".\n"
+              << Shell("tail -n 40 " + directory() + "/log/* 2>&1").output;
+    return false;
   }
 
   void Cancel(const std::string& id) {
