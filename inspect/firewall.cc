@@ -2,9 +2,11 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <optional>
 #include <regex>
 #include <sstream>
+#include <string>
 
 #include "inspect/access.h"
 #include "inspect/file.h"
@@ -104,15 +106,31 @@ Finding Unchecked(const Site& site, const std::string& why, const std::string& r
 }  // namespace
 
 AddressRanges MastersIn(const std::string& text) {
-  std::string plain;
+  // Line by line: std::regex takes stack for each character that a repetition matches.
+  const std::regex define(R"(\s*define\s+masters\s*=)");
+  std::string list;
   for (const std::string_view line : Lines(text)) {
-    plain.append(line.substr(0, line.find('#'))) += '\n';
+    const std::string plain(line.substr(0, line.find('#')));
+    std::smatch found;
+    if (list.empty() &&
+        !std::regex_search(plain, found, define, std::regex_constants::match_continuous)) {
+      continue;
+    }
+    list += (list.empty() ? found.suffix().str() : plain) + ' ';
+    const bool begun = list.find_first_not_of(" \t\r") != std::string::npos;
+    if (begun && (list.find('{') == std::string::npos || plain.find('}') != std::string::npos)) {
+      break;
+    }
   }
-  std::smatch found;
-  const std::regex define(R"((?:^|\n)\s*define\s+masters\s*=\s*(?:\{([^}]*)\}|([^\n{]*)\n))");
-  if (!std::regex_search(plain, found, define)) return {};
-  std::istringstream words(
-      std::regex_replace(found[1].str() + found[2].str(), std::regex("[,;\\s]+"), " "));
+  const std::size_t open = list.find('{');
+  if (open != std::string::npos) {
+    const std::size_t close = list.find('}');
+    if (close == std::string::npos) return {};
+    list = list.substr(open + 1, close - open - 1);
+  }
+  std::ranges::replace_if(
+      list, [](char c) { return c == ',' || c == ';'; }, ' ');
+  std::istringstream words(list);
   AddressRanges masters;
   for (std::string word; words >> word;) {
     const auto range = ReadRange(word);

@@ -56,6 +56,16 @@ TEST(MastersTest, NetworksOfTheFileAreRead) {
   EXPECT_THAT(MastersIn("define daemons = { 192.0.2.0/28 }\n"), IsEmpty());
 }
 
+TEST(MastersTest, FileWithManyNetworksAndRemarksIsRead) {
+  std::string text = "define masters =\n{\n";
+  for (int i = 0; i < 20'000; ++i) {
+    text += "# another office\n10." + std::to_string(i / 250) + "." + std::to_string(i % 250) +
+            ".0/24,\n";
+  }
+  EXPECT_EQ(MastersIn(text + "192.0.2.1 }\n").size(), 81U) << "80 times 250 networks in a row";
+  EXPECT_THAT(MastersIn(text), IsEmpty()) << "the list has no end";
+}
+
 // Rules are loaded into a network of the test's own, and judged as nft lists them.
 class FirewallTest : public testing::Test {
  protected:
