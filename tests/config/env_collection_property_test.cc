@@ -65,7 +65,7 @@ class Log {
  public:
   Log() { testing::internal::CaptureStdout(); }
   ~Log() { testing::internal::GetCapturedStdout(); }
-  flog* operator&() { return &log_; }  // NOLINT(google-runtime-operator)
+  flog* operator&() { return &log_; }
   std::string Text() const { return directory_.Read("log"); }
 
  private:
