@@ -51,7 +51,7 @@ TEST(MastersTest, NetworksOfTheFileAreRead) {
   EXPECT_EQ(Text(MastersIn("# define masters = { 10.0.0.0/8 }\n  define masters = {\n"
                            "  192.0.2.0/28, # the office\n  198.51.100.7\n}\n")),
             "192.0.2.0/28, 198.51.100.7");
-  EXPECT_EQ(Text(MastersIn("define masters = 192.0.2.0/28\n")), "192.0.2.0/28");
+  EXPECT_EQ(Text(MastersIn("define masters = 192.0.2.0/28;\n")), "192.0.2.0/28");
   EXPECT_THAT(MastersIn("define masters = { 192.0.2.0/28, $others }\n"), IsEmpty());
   EXPECT_THAT(MastersIn("define daemons = { 192.0.2.0/28 }\n"), IsEmpty());
 }

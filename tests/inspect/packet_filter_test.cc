@@ -97,6 +97,7 @@ TEST(PacketFilterTest, LoopbackInterfaceIsNoneOfOtherMachines) {
 TEST(PacketFilterTest, StatementsThatChangeNothingArePassed) {
   EXPECT_EQ(FateBy(R"({"counter": {"packets": 0}}, {"log": null}, {"drop": null})"), "dropped");
   EXPECT_EQ(FateBy(R"({"log": {"prefix": "masters: "}}, {"drop": null})"), "dropped");
+  EXPECT_EQ(FateBy(R"({"log": {"prefix": {"addr": 7}}}, {"drop": null})"), "dropped");
   EXPECT_EQ(FateBy(R"({"counter": null})"), "accepted");
   EXPECT_EQ(FateBy(R"({"xt": {"type": "match"}}, {"drop": null})"), "unknown");
   EXPECT_EQ(FateBy(R"(null, {"drop": null})"), "unknown");

@@ -203,8 +203,10 @@ TEST_F(PlanTest, WhatIsWrongIsNamedWithItsLine) {
 
 TEST_F(PlanTest, RecordsThatWouldWriteRowsTwiceAreRefused) {
   const std::string advance = "[advance]\nuntil = 3\n[record]\ncommands = [\n";
-  for (const auto& [first, second] :
-       {std::pair("data", "data P1"), {"data P1", "data"}, {"data P1", "data  P1"}}) {
+  for (const auto& [first, second] : {std::pair("data", "data P1"),
+                                      {"data P1", "data"},
+                                      {"data P1", "data  P1"},
+                                      {"data all", "data P1"}}) {
     EXPECT_THAT(Refusal(fmt::format("{}\"{}\",\n\"wells; {}\"]\n", advance, first, second)),
                 AllOf(HasSubstr("line 6: '"), EndsWith("' writes, too: one of them is enough")));
   }
@@ -474,7 +476,7 @@ TEST_F(PlanRunTest, WellsThatTheModelAddsAreRecordedFromThenOn) {
     if (code == 8 && std::exchange(first, false)) run_.wells.push_back({"P9", "PRODUCER", "OPEN"});
   };
   const Outcome outcome =
-      Run("[advance]\nuntil = 20\nstep = 10\n[record]\ncommands = [\"data\", \"vars P* bhp\"]\n");
+      Run("[advance]\nuntil = 20\nstep = 10\n[record]\ncommands = [\"vars P* bhp\", \"data\"]\n");
   EXPECT_EQ(outcome.status, 0) << outcome.err;
   for (const char* file : {"results/data.csv", "results/vars.csv"}) {
     const std::string rows = directory_.Read(file);
@@ -605,31 +607,47 @@ TEST_F(PlanTest, RunKilledInItsFirstStepLeavesTheResultsThatItWasToReplace) {
   directory_.Write("results/.run.json.before", kEarlierRun);
   directory_.Write("results/.data.csv.before", kEarlierRecord);
   directory_.Write("results/.notes.before", "somebody's own\n");
+  directory_.Write("results/.hidden-file", "somebody's own\n");
   directory_.Write("results/data.csv", "time_days,date\n");
   directory_.Write("results/vars.csv", "time_days,date\n");
   const std::string plan =
       directory_.Write("plan.toml", "[advance]\nuntil = 40\n[record]\ncommands = [\"data\"]\n");
-  for (const bool listed : {false, true}) {
-    if (listed) directory_.Write("results/run.json", kEarlierRun);
-    const Outcome refused = RunVkmaster(LaunchArguments(FreePort(), {"run", plan}));
-    EXPECT_EQ(refused.status, 2);
-    EXPECT_THAT(refused.err, HasSubstr("was killed in its first step: they are there as "
-                                       ".NAME.before. Give the plan another directory"));
-  }
   const auto replace = [&](FakeRun run) {
     FakeDaemon daemon(FakeDaemon::Launching(run));
     return RunVkmaster(LaunchArguments(daemon.port(), {"--overwrite", "run", plan})).status;
   };
+  const auto hide = [this](const std::string& name) {
+    std::filesystem::rename(directory_.File("results/" + name),
+                            directory_.File("results/." + name + ".before"));
+  };
   FakeRun failing;
   failing.fails = {7};
-  EXPECT_EQ(replace(failing), 4);
-  EXPECT_EQ(directory_.Read("results/run.json"), kEarlierRun);
-  EXPECT_EQ(directory_.Read("results/data.csv"), kEarlierRecord);
-  EXPECT_EQ(Names("results"), ".notes.before data.csv run.json");
-  std::filesystem::rename(directory_.File("results/data.csv"),
-                          directory_.File("results/.data.csv.before"));
+  // It had written its own run.json and tables, or was still hiding the earlier ones.
+  for (const bool written : {true, false}) {
+    if (written) {
+      directory_.Write("results/run.json", kEarlierRun);
+    } else {
+      hide("run.json");
+      hide("data.csv");
+    }
+    const Outcome refused = RunVkmaster(LaunchArguments(FreePort(), {"run", plan}));
+    EXPECT_EQ(refused.status, 2);
+    EXPECT_THAT(refused.err, HasSubstr("was killed in its first step: they are there as "
+                                       ".NAME.before. Give the plan another directory"));
+    if (!written) {
+      std::filesystem::rename(directory_.File("results/.data.csv.before"),
+                              directory_.File("results/data.csv"));
+    }
+    EXPECT_EQ(replace(failing), 4);
+    EXPECT_EQ(directory_.Read("results/run.json"), kEarlierRun);
+    EXPECT_EQ(directory_.Read("results/data.csv"), kEarlierRecord);
+    EXPECT_EQ(Names("results"), ".hidden-file .notes.before data.csv run.json");
+  }
+  hide("run.json");
+  hide("data.csv");
+  directory_.Write("results/.report.html.before", "page\n");
   EXPECT_EQ(replace({}), 0);
-  EXPECT_EQ(Names("results"), ".notes.before data.csv run.json steps.csv");
+  EXPECT_EQ(Names("results"), ".hidden-file .notes.before data.csv run.json steps.csv");
   // Could not be removed then, and is older than the results that are there now.
   directory_.Write("results/.data.csv.before", kEarlierRecord);
   const std::string data = directory_.Read("results/data.csv");
@@ -637,7 +655,7 @@ TEST_F(PlanTest, RunKilledInItsFirstStepLeavesTheResultsThatItWasToReplace) {
   EXPECT_THAT(refused.err, Not(HasSubstr("killed")));
   EXPECT_EQ(replace(failing), 4);
   EXPECT_EQ(directory_.Read("results/data.csv"), data);
-  EXPECT_EQ(Names("results"), ".notes.before data.csv run.json steps.csv");
+  EXPECT_EQ(Names("results"), ".hidden-file .notes.before data.csv run.json steps.csv");
 }
 
 // Every way in which a run does not begin: nobody listens, the launch is refused, the daemon does

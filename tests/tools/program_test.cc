@@ -154,6 +154,7 @@ TEST_F(ProgramTest, PlanWithoutAConnectionIsRefusedBeforeTheLaunch) {
       Master({"--no-connect", "run", directory.Write("plan.toml", "[advance]\nuntil = 3\n")});
   EXPECT_EQ(outcome.status, 2);
   EXPECT_EQ(outcome.err, "vkmaster: --no-connect leaves run PLAN no run to act on\n");
+  EXPECT_EQ(Master({"--no-connect", "run", "--check", directory.File("plan.toml")}).status, 0);
   EXPECT_TRUE(daemon_.Requests().empty());
 }
 

@@ -149,11 +149,15 @@ TEST_F(TerminalTest, SlipIsAnsweredAndThePromptComesAgain) {
   EXPECT_EQ(Status(), 0);
 }
 
-TEST_F(TerminalTest, TabCompletesCommandsAndWells) {
+TEST_F(TerminalTest, TabCompletesCommandsWellsAndComponents) {
   Start({});
   Until("CASE day 0> ");
   Type("well\tI\t\n");
   EXPECT_THAT(Until("CASE day 0> "), HasSubstr("WATER_INJECTOR"));
+  Type("composition S1 CO\t");
+  Until("2=");
+  Type("\x03");
+  Until("CASE day 0> ");
   Type("quit\n");
   EXPECT_EQ(Status(), 0);
 }
