@@ -108,6 +108,22 @@ class TerminalTest : public testing::Test {
     return ExitStatus();
   }
 
+  // While the answer to the request `code` is due that typing `text` brings about.
+  void ExpectCtrlCTwiceEndsTheRun(const std::string& text, std::uint32_t code) {
+    Hold(code);
+    Start({});
+    Until("CASE day 0> ");
+    Type(text);
+    AwaitHeld();
+    Type("\x03");
+    Until("Ctrl-C again ends the run");
+    Type("\x03");
+    Until("Interrupted: shutting the run down");
+    LetGo();
+    EXPECT_EQ(Status(), 130);
+    EXPECT_EQ(daemon_.Requests().back(), "f0 ff 00 00");
+  }
+
   int ExitStatus() {
     int status = 0;
     waitpid(pid_, &status, 0);
@@ -236,18 +252,7 @@ TEST_F(TerminalTest, TerminationDuringATypedAdvanceEndsTheRunAtOnce) {
 }
 
 TEST_F(TerminalTest, CtrlCTwiceDuringAnAdvanceEndsTheRun) {
-  Hold(8);
-  Start({});
-  Until("CASE day 0> ");
-  Type("until 3650 step 30\n");
-  AwaitHeld();
-  Type("\x03");
-  Until("Ctrl-C again ends the run");
-  Type("\x03");
-  Until("Interrupted: shutting the run down");
-  LetGo();
-  EXPECT_EQ(Status(), 130);
-  EXPECT_EQ(daemon_.Requests().back(), "f0 ff 00 00");
+  ExpectCtrlCTwiceEndsTheRun("until 3650 step 30\n", 8);
 }
 
 // What completes a word asks the simulator for the wells.
@@ -268,18 +273,7 @@ TEST_F(TerminalTest, CtrlCDuringACompletionGivesThePromptBack) {
 }
 
 TEST_F(TerminalTest, CtrlCTwiceDuringACompletionEndsTheRun) {
-  Hold(6);
-  Start({});
-  Until("CASE day 0> ");
-  Type("shut \t");
-  AwaitHeld();
-  Type("\x03");
-  Until("Ctrl-C again ends the run");
-  Type("\x03");
-  Until("Interrupted: shutting the run down");
-  LetGo();
-  EXPECT_EQ(Status(), 130);
-  EXPECT_EQ(daemon_.Requests().back(), "f0 ff 00 00");
+  ExpectCtrlCTwiceEndsTheRun("shut \t", 6);
 }
 
 TEST_F(TerminalTest, TerminationAtThePromptShutsTheRunDown) {
