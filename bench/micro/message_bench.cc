@@ -20,22 +20,25 @@ using vk_ec::MessageMgr;
 using vk_ec::Transporter;
 
 // A message leaves its buffer by being sent. Here it is built again and again in the memory that it
-// had, as it is between sends; so the buffer, which is private, is emptied from outside. An
-// explicit instantiation may name what is private.
-template <auto buffer>
+// had, as it is between sends; so the buffer, and how much of it is built, which are private, are
+// set from outside. An explicit instantiation may name what is private.
+template <auto buffer, auto built>
 struct Opened {
   friend auto& BufferOf(MessageMgr& messages) { return messages.*buffer; }
+  friend auto& BuiltOf(MessageMgr& messages) { return messages.*built; }
 };
 auto& BufferOf(MessageMgr& messages);
-template struct Opened<&MessageMgr::buffer_>;
+auto& BuiltOf(MessageMgr& messages);
+template struct Opened<&MessageMgr::buffer_, &MessageMgr::built_>;
 
 class Messages {
  public:
   // Nothing is sent, so the other end may go.
   Messages() : transporter_(SocketPair().ours.Release()), messages_(transporter_) {}
 
-  MessageMgr::MessageBuilder Build(const Table& table) {
+  void Build(const Table& table) {
     BufferOf(messages_).clear();
+    BuiltOf(messages_) = 0;
     MessageMgr::MessageBuilder builder = messages_.createMessageBuilder();
     builder.add_MESS_header("REPLY", 0);
     builder.add_data("QITEMS", table.items);
@@ -44,7 +47,7 @@ class Messages {
       builder.add_data("VALUES", table.rows[well]);
     }
     builder.add_MESS_header("END", 0);
-    return builder;
+    BufferOf(messages_).resize(BuiltOf(messages_));  // as send() does with what is ahead
   }
 
   auto& bytes() { return BufferOf(messages_); }
