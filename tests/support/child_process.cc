@@ -34,15 +34,12 @@ void Redirect(const std::string& file, int flags, int target) {
   if (opened != target) close(opened);
 }
 
-// In the environment of whatever a child, or what it starts, executes.
-constexpr const char* kMark = "JOBMILL_TEST_CHILD";
-
 std::string MarkOf(pid_t parent, pid_t child) {
   return std::to_string(parent) + "." + std::to_string(child);
 }
 
 std::vector<pid_t> ProcessesMarked(const std::string& mark) {
-  const std::string wanted = std::string(kMark) + "=" + mark;
+  const std::string wanted = std::string(kChildMark) + "=" + mark;
   std::vector<pid_t> marked;
   for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
     const std::string number = entry.path().filename().string();
@@ -70,7 +67,7 @@ std::vector<pid_t> ProcessesMarked(const std::string& mark) {
     const std::size_t equals = variable.find('=');
     setenv(variable.substr(0, equals).c_str(), variable.substr(equals + 1).c_str(), 1);
   }
-  setenv(kMark, MarkOf(getppid(), getpid()).c_str(), 1);
+  setenv(kChildMark, MarkOf(getppid(), getpid()).c_str(), 1);
   if (options.in_child) {
     const int status = options.in_child();
     if (arguments.empty()) exit(status);

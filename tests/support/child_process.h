@@ -8,9 +8,13 @@
 #include <string>
 #include <vector>
 
+/// The variable in the environment of whatever a ChildProcess, or what it starts, executes. What is
+/// to outlive the ChildProcess is started without it.
+inline constexpr const char* kChildMark = "JOBMILL_TEST_CHILD";
+
 /// A process that the test started, with its standard output and standard error in files. It has
 /// a process group of its own; the destructor ends the whole group, by its number, and what it has
-/// executed in other ones, by a variable of its environment.
+/// executed in other ones, by kChildMark.
 class ChildProcess {
  public:
   struct Options {

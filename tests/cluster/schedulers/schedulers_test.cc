@@ -191,7 +191,10 @@ class Instance {
 
   // Runs scheduler commands as `account`, or as this process's.
   Outcome Command(const std::string& command, const std::string& account = "") {
-    const std::string file = files_.Write("command", ". " + directory() + "/env\n" + command);
+    // Slurm gives jobs the environment of the command that submits them. With the mark of a child
+    // of this test in it, a job that starts at once would be ended together with that command.
+    const std::string file = files_.Write(
+        "command", std::string("unset ") + kChildMark + "\n. " + directory() + "/env\n" + command);
     return Shell("cd " + files_.path().string() + " && " + around_ +
                  (account.empty() ? "" : "runuser -u " + account + " -- ") + "bash " + file);
   }
@@ -280,6 +283,16 @@ TEST_P(SchedulerTest, JobRunsUnderTheAccountThatSubmittedItUntilItIsCancelled) {
   }
   site->Cancel(job);
   EXPECT_TRUE(site->Becomes(job, "ended"));
+}
+
+TEST_P(SchedulerTest, JobThatRunsBeforeItsSubmissionHasEndedRunsOn) {
+  Kind kind = GetParam();
+  kind.submit += " && until [[ -s ${ARGS##* } ]]; do sleep 0.1; done";
+  Instance site(kind, "");
+  const Outcome up = site.Up();
+  ASSERT_EQ(up.status, 0) << up.output;
+  const std::string job = site.Submit("report");
+  EXPECT_EQ(site.State(job), "running");
 }
 
 TEST_P(SchedulerTest, JobWaitsBehindAFullNodeAndRunsWhenItIsFree) {
