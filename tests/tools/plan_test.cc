@@ -920,6 +920,21 @@ TEST_F(PlanRunTest, ResultsThatSomebodyEmptiesAreWrittenAnewFromThereOn) {
               testing::AllOf(testing::StartsWith("time_days,date,well,"), HasSubstr("\n1,2020")));
 }
 
+// Nothing could be written anew there.
+TEST_F(PlanRunTest, FileInThePlaceOfTheResultsEndsTheRunWithItsShutdown) {
+  run_.before = [this](std::uint32_t code) {
+    if (code != 8) return;
+    std::filesystem::remove_all(directory_.File("results"));
+    directory_.Write("results", "");
+  };
+  const Outcome outcome = Run("[advance]\nuntil = 60\nstep = 30\n");
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_THAT(outcome.err, HasSubstr("vkmaster: Cannot make the directory '" +
+                                     directory_.File("results") + "': Not a directory\n"));
+  EXPECT_THAT(daemon_.Requests(), testing::Contains(testing::StartsWith("08 00 00 00")).Times(1));
+  EXPECT_EQ(daemon_.Requests().back(), "f0 ff 00 00");
+}
+
 // What an event sets is known to those after it.
 TEST_F(PlanRunTest, CommandsThatNeedAnEarlierOneAreRefusedBeforeTheFirstStep) {
   const auto event = [](int day, const std::string& command) {

@@ -91,9 +91,12 @@ void Recorder::WriteTable(const std::string& name, const Table& table) {
 Recorder::File& Recorder::FileFor(const std::string& name, const std::string& header) {
   File& file = files_[name + "\n" + header];
   if (file.stream) {
+    namespace fs = std::filesystem;
+    const fs::path path = PathOf(file.path);
+    // A file that cannot be looked at for another reason is not gone; its size is the largest then.
     std::error_code error;
-    const std::uintmax_t size = std::filesystem::file_size(PathOf(file.path), error);
-    const bool gone = error ? error == std::errc::no_such_file_or_directory : size < file.size;
+    const bool gone = fs::status(path, error).type() == fs::file_type::not_found ||
+                      fs::file_size(path, error) < file.size;
     if (!gone) return file;
     const std::string note = fmt::format(
         "'{}' has gone, with what it held; it is written anew from day {:.6g}", file.path, days_);
