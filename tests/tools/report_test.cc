@@ -209,6 +209,23 @@ TEST_F(ReportTest, SumsLeaveOutWellsWithGaps) {
   EXPECT_THAT(ReadResults(Directory()).field, IsEmpty()) << "no well is without gaps";
 }
 
+// P1 has no water_injection_rate, WI1 no gas_rate, and of the gas_rate of P2 there are gaps.
+TEST_F(ReportTest, RateOfSomeWellsIsAddedUpOverThem) {
+  directory_.Write("steps.csv", "time_days,date,ended\n0,x,false\n10,x,false\n");
+  directory_.Write("data.csv",
+                   "time_days,date,well,status,oil_rate\n"
+                   "0,x,P1,OPEN,100\n0,x,WI1,OPEN,0\n10,x,P1,OPEN,100\n10,x,WI1,OPEN,0\n");
+  directory_.Write("vars.csv",
+                   "time_days,date,well,WATER_INJECTION_RATE\n0,x,WI1,40\n10,x,WI1,40\n");
+  directory_.Write("vars_2.csv", "time_days,date,well,GAS_PRODUCTION_RATE\n0,x,P2,7\n");
+  const Results results = ReadResults(Directory());
+  EXPECT_THAT(results.field, ElementsAre(ElementsAre(100, 100), ElementsAre(40, 40),
+                                         ElementsAre(IsNan(), IsNan())));
+  WriteReport(results, directory_.File("report.html"));
+  EXPECT_THAT(directory_.Read("report.html"), HasSubstr("\"field\":{\"from\":\"wells\",\"wells\":2,"
+                                                        "\"totals\":[1000.0,400.0,null],"));
+}
+
 // What is not recorded at the last stop is not known there.
 TEST_F(ReportTest, StatusIsThatOfTheLastStop) {
   directory_.Write("steps.csv", "time_days,date,ended\n0,x,false\n10,x,false\n");

@@ -132,14 +132,14 @@ Json FieldTotals(const Results& results, const std::vector<const WellResults*>& 
   if (!CoversStops(results)) return nullptr;
   Json totals = Json::array();
   for (const std::size_t rate : RatesOf(results)) {
-    double total = 0;
+    double total = std::nan("");  // stays where the rate is not known
     if (results.field_recorded) {
       const std::vector<float>* field = FieldRates(results, rate);
-      total = field == nullptr ? std::nan("") : AddedUp(results.days, *field);
+      if (field != nullptr) total = AddedUp(results.days, *field);
     } else {
       for (const WellResults* well : wells) {
         const double own = AddedUp(results.days, well->values[rate]);
-        if (!std::isnan(own)) total += own;
+        if (!std::isnan(own)) total = std::isnan(total) ? own : total + own;
       }
     }
     totals.push_back(total);
