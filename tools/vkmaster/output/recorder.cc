@@ -127,7 +127,7 @@ void Recorder::Append(File& file, const std::string& text) {
     const bool full = IsFull(errno);
     std::error_code ignored;
     std::filesystem::resize_file(PathOf(file.path), file.size, ignored);
-    if (!full || !await_room_) throw UsageError(failure);
+    if (!full) throw UsageError(failure);
     if (!told) Note("note: " + failure + "; the run waits until there is room");
     await_room_();
     std::clearerr(file.stream.get());

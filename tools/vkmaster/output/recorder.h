@@ -20,9 +20,9 @@ namespace vkmaster {
 class Recorder : public Output {
  public:
   /// Makes the directory. Notes go to `notes`. `await_room` is called as long as the file system is
-  /// full, takes its time, and throws to give the results up; empty: a full one is an error. Throws
-  /// UsageError when the directory cannot be made.
-  Recorder(std::string directory, std::FILE* notes, std::function<void()> await_room = {});
+  /// full, takes its time, and throws to give the results up. Throws UsageError when the directory
+  /// cannot be made.
+  Recorder(std::string directory, std::FILE* notes, std::function<void()> await_room);
 
   /// The time, in days since the start, and date ("2026-01-31") of the results to come.
   void SetTime(double days, std::string date);
