@@ -62,13 +62,18 @@ class TerminalTest : public testing::Test {
 
   void Type(const std::string& text) { WriteAll(terminal_.get(), text); }
 
-  // Ends the input at the prompt. The line editor shows the prompt before it takes the terminal
-  // over, and until then the system takes this key for itself.
-  void TypeEnd() {
+  // The line editor shows the prompt before it takes the terminal over and waits for a key.
+  void AwaitEditor() const {
     EXPECT_TRUE(Eventually([this] {
       termios mode{};
       return tcgetattr(terminal_.get(), &mode) == 0 && (mode.c_lflag & ICANON) == 0;
     }));
+  }
+
+  // Ends the input at the prompt. Before the editor has the terminal the system takes this key for
+  // itself.
+  void TypeEnd() {
+    AwaitEditor();
     Type("\x04");
   }
 
@@ -368,6 +373,7 @@ TEST_F(TerminalTest, EndOfAnotherSessionsTerminalShutsTheRunDown) {
   ChildProcess child(arguments, options);
   close(slave);
   Until("CASE day 0> ");
+  AwaitEditor();
   terminal_.Reset();
   EXPECT_THAT(daemon_.Requests(), testing::ElementsAre("01 00 00 00", "f0 ff 00 00"));
   EXPECT_EQ(child.Wait(std::chrono::seconds(30)), 0);
