@@ -119,9 +119,11 @@ TEST_F(PlanTest, AdvanceIsAllThatAPlanNeeds) {
 
 TEST_F(PlanTest, DateOfAnotherKindIsToldHowItIsWritten) {
   for (const char* date : {"01.01.2022", "1/1/2022", "2022-1-1", "2022.01.01 # a year"}) {
-    EXPECT_THAT(Refusal(std::string("[advance]\nuntil = ") + date + "\n"),
-                EndsWith("plan.toml, line 2: a date is written 2022-01-01"))
-        << date;
+    for (const char* end : {"\n", "\r\n"}) {
+      EXPECT_THAT(Refusal(fmt::format("[advance]{0}until = {1}{0}", end, date)),
+                  EndsWith("plan.toml, line 2: a date is written 2022-01-01"))
+          << date;
+    }
   }
   for (const char* date : {"2022-01-01T00:00:00", "2022-01-01 12:00:00", "12:00:00"}) {
     EXPECT_THAT(Refusal(std::string("[advance]\nuntil = ") + date + "\n"),
@@ -227,6 +229,14 @@ TEST_F(PlanTest, RecordsThatWouldChangeTheRunAreRefused) {
   }
   EXPECT_EQ(Refusal(advance + "\"status\", \"wells\", \"vars P1 oil\", \"field\", \"eos\"]\n"),
             "understood");
+}
+
+TEST_F(PlanTest, InflowTablesThatSayWhatBecomesOfTheLimitsAreUnderstood) {
+  const std::string event = "[advance]\nuntil = 3\n[[event]]\nat = 1\ncommands = [\"ipr P1";
+  EXPECT_THAT(Refusal(event + "\"]\n"), EndsWith("or say lift or keep"));
+  for (const char* word : {"lift", "keep", "--keep"}) {
+    EXPECT_EQ(Refusal(event + " " + word + "\"]\n"), "understood") << word;
+  }
 }
 
 TEST_F(PlanTest, EventsComeInTheOrderOfTheirTimes) {
@@ -426,6 +436,29 @@ commands = ["shut P1"]
               HasSubstr(",mole_fraction_C1,mole_fraction_CO2\n"));
 }
 
+// The scripts enter the data directory, so that the slash at its end makes no other file.
+TEST_F(PlanRunTest, RunFileNamesTheDeckOfAPathWithoutItsSlash) {
+  const std::string plan = directory_.Write("plan.toml", "[advance]\nuntil = 1\n");
+  const Outcome outcome =
+      RunVkmaster({"--host", "127.0.0.1", "--port", std::to_string(daemon_.port()), "--path",
+                   "/data/run", "--root", "CASE", "run", plan});
+  EXPECT_EQ(outcome.status, 0) << outcome.err;
+  EXPECT_EQ(daemon_.Frames()[2], Hex("/data/run"));
+  const auto run = nlohmann::json::parse(directory_.Read("results/run.json"));
+  EXPECT_EQ(run["deck"], "/data/run/CASE.afi");
+}
+
+TEST_F(PlanRunTest, PlanOfTheWorkingDirectoryHasItsResultsThere) {
+  directory_.Write("plan.toml", "[advance]\nuntil = 1\n");
+  const std::filesystem::path here = std::filesystem::current_path();
+  std::filesystem::current_path(directory_.path());
+  const Outcome outcome = RunVkmaster(LaunchArguments(daemon_.port(), {"run", "plan.toml"}));
+  std::filesystem::current_path(here);
+  EXPECT_EQ(outcome.status, 0) << outcome.err;
+  EXPECT_EQ(Names("."), "plan.toml results");
+  EXPECT_EQ(Names("results"), "run.json steps.csv");
+}
+
 TEST_F(PlanRunTest, InflowTablesOfBothPressuresAreToldApart) {
   const Outcome outcome =
       Run("[advance]\nuntil = 9\n[[event]]\nat = 0\ncommands = [\"ipr P1 lift\", \"ipr P1 thp "
@@ -552,11 +585,13 @@ TEST_F(PlanRunTest, ResultsOfAnotherPlanAreNotReplaced) {
   EXPECT_THAT(other.err, EndsWith("has the results of another plan, plan.toml. Give what if.toml "
                                   "another directory, or remove those results\n"));
   EXPECT_EQ(directory_.Read("results/data.csv"), data);
-  const Outcome page = RunVkmaster(
-      LaunchArguments(FreePort(), {"--overwrite", "--report", directory_.File("results/field.csv"),
-                                   "run", directory_.Write("plan.toml", plan)}));
-  EXPECT_EQ(page.status, 2);
-  EXPECT_THAT(page.err, HasSubstr("field.csv' is no name for a page: results have such names"));
+  for (const std::string name : {"field.csv", "run.json"}) {
+    const Outcome page = RunVkmaster(
+        LaunchArguments(FreePort(), {"--overwrite", "--report", directory_.File("results/" + name),
+                                     "run", directory_.Write("plan.toml", plan)}));
+    EXPECT_EQ(page.status, 2);
+    EXPECT_THAT(page.err, HasSubstr(name + "' is no name for a page: results have such names"));
+  }
 }
 
 TEST_F(PlanRunTest, DirectoryOfARunUnderWayIsNotTakenNorItsResultsReplaced) {
@@ -988,6 +1023,17 @@ TEST_F(PlanTest, CheckSaysWhatTheRunWillTakeFromTheOptions) {
   EXPECT_EQ(outcome.err,
             "note: Options win over the plan: processes 8, not 2; root OTHER, not CASE; port 3, "
             "not 1; steps of 14 days, not monthly\n");
+}
+
+TEST_F(PlanTest, OptionsThatTakeNothingFromThePlanAreNoNote) {
+  const std::string plan = directory_.Write("plan.toml",
+                                            "[launch]\nroot = \"CASE\"\nport = 5000\n[advance]\n"
+                                            "until = 1\n[record]\ncommands = [\"data\"]\n");
+  const Outcome outcome =
+      RunVkmaster({"--root", "CASE", "--port", "5000", "--step", "2w", "run", "--check", plan});
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_THAT(outcome.out, testing::ContainsRegex("\nsteps +of 14 days\n"));
+  EXPECT_EQ(outcome.err, "");
 }
 
 TEST_F(PlanTest, NumbersOfTheLaunchAreThoseOfTheOptions) {

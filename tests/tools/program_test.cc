@@ -447,6 +447,14 @@ TEST_F(ProgramTest, ShutdownOnAPipeEndsTheReading) {
   EXPECT_THAT(daemon_.Requests(), ElementsAre(kConnect, kShutdown));
 }
 
+TEST_F(ProgramTest, WhatComesAfterQuitOnALineIsLeftOutWithoutANote) {
+  const Outcome outcome = Master({}, "time; quit; version\nversion\n");
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.out, "time  0 days\n");
+  EXPECT_EQ(outcome.err, "");
+  EXPECT_THAT(daemon_.Requests(), ElementsAre(kConnect, kTime, kShutdown));
+}
+
 TEST_F(ProgramTest, DashAsTheFileIsStandardInput) {
   const Outcome outcome = Master({"--file", "-"}, "time\n");
   EXPECT_EQ(outcome.out, "time  0 days\n");
@@ -570,6 +578,13 @@ TEST_F(ProgramTest, ConnectAndFirstStepMayBeSaidAgain) {
   EXPECT_EQ(outcome.err,
             "note: The first time step was taken already\n"
             "note: The daemon was connected to the simulator already\n");
+}
+
+TEST_F(ProgramTest, ConnectAfterShutdownIsRefusedWithoutSendingIt) {
+  const Outcome outcome = Master({"shutdown", "then", "connect"});
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_EQ(outcome.err, "vkmaster: The run has been shut down\n");
+  EXPECT_THAT(daemon_.Requests(), ElementsAre(kConnect, kShutdown));
 }
 
 // That one slip was tolerated says nothing about the next failure.

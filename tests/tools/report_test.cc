@@ -246,6 +246,9 @@ TEST_F(ReportTest, StatusIsThatOfTheLastStop) {
               ElementsAre("SHUT"));
   EXPECT_THAT(statuses("10,x,P1,OPEN,1\n", "10,x,P1,PRODUCER,SHUT\n"), ElementsAre(""))
       << "nobody knows which of them is the newer";
+  // A file of other columns, which is read later, may end before the first one.
+  directory_.Write("data_2.csv", "time_days,date,well,status,gas_rate\n0,x,P1,SHUT,1\n");
+  EXPECT_THAT(statuses("10,x,P1,OPEN,1\n", ""), ElementsAre("OPEN"));
 }
 
 TEST_F(ReportTest, FieldOfItsOwnRecordStandsForTheSums) {
