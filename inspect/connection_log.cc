@@ -24,7 +24,6 @@ constexpr std::string_view kLastArgument = "Arg 7: ";
 constexpr std::string_view kVariable = "Setting ";
 constexpr std::string_view kSubmitted = ") is submitted";
 
-constexpr std::size_t kLinesOfOutput = 5;
 constexpr std::size_t kMostOfLine = 300;
 
 // Characters of the shortest label that is the daemon's for sure: scripts may print "Path: ".
@@ -459,8 +458,7 @@ void ConnectionLog::AddScriptLine(std::string_view line) {
   }
   script->last = here_;
   Keep(*script, line);
-  script->output.emplace_back(line.substr(0, kMostOfLine));
-  if (script->output.size() > kLinesOfOutput) script->output.pop_front();
+  script->last_said = line.substr(0, kMostOfLine);
   last_script_ = script;
   last_script_line_ = lines_;
 }

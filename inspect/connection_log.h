@@ -71,7 +71,7 @@ struct Connection {
 
   std::optional<std::string> scheduler;
   std::optional<std::string> job;
-  std::deque<std::string> output;  ///< the last lines of its script, cut to a readable length
+  std::optional<std::string> last_said;  ///< the last line of its script, cut to a readable length
 
   // Empty unless they are kept: see EndedRun.
   std::vector<std::string> lines;
@@ -82,7 +82,7 @@ struct Connection {
   bool doubtful = false;  ///< the log contradicts itself here, see ConnectionLog
   bool unproven = false;  ///< began while scripts could write into the log; nothing confirms it
 
-  bool unheard = false;    ///< `output` may lack lines: nobody knows which script printed them
+  bool unheard = false;    ///< its script may have said more: nobody knows whose line that was
   bool undecided = false;  ///< several scripts have ended, or named hosts: which one is not known
 
   // Set from outside, by other sources than the log, for ConnectionLog::Settle().

@@ -109,8 +109,8 @@ End AccountChange(const Connection& connection) {
 
 End NoHost(const Connection& connection) {
   End end{Ending::kNoHost, "", "The script ended without naming a host"};
-  if (!connection.output.empty()) {
-    end.sentence += "; the last that it said: " + connection.output.back();
+  if (connection.last_said) {
+    end.sentence += "; the last that it said: " + *connection.last_said;
   } else if (connection.unheard) {
     end.sentence += "; what it said cannot be told from what others said at that time";
   } else {

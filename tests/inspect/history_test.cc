@@ -320,6 +320,9 @@ TEST_F(HistoryTest, ScriptThatNamesNoHost) {
   EXPECT_EQ(run.end.sentence,
             "The script ended without naming a host and without a word; it may be missing, or not "
             "be executable");
+  // Of many lines the last is told.
+  run = Only(begin + "1\n2\n3\n4\n5\n6\nsorry\nNo host detected, exiting.\n");
+  EXPECT_THAT(run.end.sentence, testing::EndsWith("; the last that it said: sorry"));
   // The last line of a script may have no end.
   run = Only(begin + "oopsNo host detected, exiting.\n");
   EXPECT_THAT(run.end.sentence, testing::EndsWith("the last that it said: oops"));
