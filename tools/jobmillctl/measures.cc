@@ -1,7 +1,6 @@
 #include "tools/jobmillctl/measures.h"
 
 #include <sys/resource.h>
-#include <sys/stat.h>
 #include <sys/statvfs.h>
 
 #include <algorithm>
@@ -66,9 +65,9 @@ Json NothingCounted(double now) {
 }
 
 void CountLog(const Daemon& daemon, Json& measured) {
-  struct stat status {};
   const inspect::RunFile log(daemon.log);
-  if (!log.error().empty() || stat(daemon.log.c_str(), &status) != 0) return;
+  if (!log.error().empty()) return;
+  const auto inode = log.status().st_ino;
   const std::string port = std::to_string(daemon.options.listen_port);
   Json& read = measured["read"][port];
   // A log that was there before the first look is counted from its end on. A fresh one, or one that
@@ -77,7 +76,7 @@ void CountLog(const Daemon& daemon, Json& measured) {
   std::int64_t offset = 0;
   if (fresh) {
     offset = log.size();
-  } else if (read.is_object() && read["inode"] == status.st_ino && read["bytes"] <= log.size()) {
+  } else if (read.is_object() && read["inode"] == inode && read["bytes"] <= log.size()) {
     offset = read["bytes"].get<std::int64_t>();
   }
   std::string text = log.Read(offset, kMostOfLog);
@@ -85,7 +84,7 @@ void CountLog(const Daemon& daemon, Json& measured) {
   // once is left out.
   if (text.size() < kMostOfLog) text.resize(text.rfind('\n') + 1);
   CountLines(text, measured);
-  read = {{"inode", status.st_ino}, {"bytes", offset + static_cast<std::int64_t>(text.size())}};
+  read = {{"inode", inode}, {"bytes", offset + static_cast<std::int64_t>(text.size())}};
 }
 
 void CountRuns(const Runs& found, double now, Json& measured) {
