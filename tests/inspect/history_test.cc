@@ -431,6 +431,24 @@ TEST_F(HistoryTest, WhatGoesOnHasNotEnded) {
   EXPECT_THAT(roots(), ElementsAre("ONE", "TWO", ""));
 }
 
+TEST_F(HistoryTest, RunThatGoesOnIsNotTakenForOneOfTheSameNameElsewhere) {
+  const Asked one = Model("CASE");
+  Asked other = one;
+  other.path += "other/";
+  WriteLog(Start(now_) + Launched(one, 9001, now_) + Launched(other, 9002, now_));
+  inspect::Run run;
+  run.listen_port = 5000;
+  run.state = RunState::kMaster;
+  run.began = static_cast<double>(now_);
+  run.path = other.path;
+  run.root = other.root;
+  Runs now;
+  now.runs = {run};
+  const History history = Read(now);
+  ASSERT_EQ(history.runs.size(), 1U);
+  EXPECT_EQ(history.runs[0].path, one.path);
+}
+
 // The ports are handed out again in turn, so that the later run may have that of the earlier one.
 TEST_F(HistoryTest, RunThatWaitsForItsScriptHasNoCommsLogYet) {
   const Asked asked = Model("CASE");

@@ -1,5 +1,8 @@
 #include "inspect/launch_reader.h"
 
+#include <sys/types.h>
+
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -27,6 +30,18 @@ TEST(LaunchReaderTest, SaysWhyThereIsNoLogToRead) {
     inspect::Run run;
     EXPECT_EQ(LaunchReader().LogOf(jobmill, run), "");
     EXPECT_EQ(run.unknown.at("windows_user"), why);
+  }
+}
+
+// Who may not see what a daemon has open looks for its log in the usual places.
+TEST(LaunchReaderTest, LogThatIsInNoneOfTheUsualPlacesMayNotBeRead) {
+  Jobmill jobmill;
+  jobmill.options.listen_port = 5;
+  for (const std::optional<uid_t> user : {std::optional<uid_t>(), std::optional<uid_t>(1)}) {
+    jobmill.user = user;
+    inspect::Run run;
+    EXPECT_EQ(LaunchReader().LogOf(jobmill, run), "");
+    EXPECT_EQ(run.unknown.at("windows_user"), "the daemon's log may not be read");
   }
 }
 

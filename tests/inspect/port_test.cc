@@ -18,6 +18,7 @@
 #include <gtest/gtest.h>
 
 #include "inspect/listener.h"
+#include "inspect/runs.h"
 #include "tests/inspect/own_view.h"
 #include "tests/support/ports.h"
 #include "tests/support/running_daemon.h"
@@ -356,6 +357,25 @@ TEST(CommsPortsTest, PortOfARunIsNotTakenUnlessAnotherAccountHasIt) {
   ASSERT_EQ(fchown(bound.get(), 1, 1), 0);
   EXPECT_EQ(found(),
             "comms port " + std::to_string(port) + " is taken by a process that only root can see");
+}
+
+TEST(CommsPortsTest, MasterThatHasNotAskedForARunYetHasNone) {
+  const Descriptor listener = BindFreePort(1);
+  const int port = PortOf(listener.get());
+  RunningDaemon::Options options;
+  options.arguments = {"-u", "-o", std::to_string(port), "-n", "100"};
+  const RunningDaemon daemon(options);
+  TestMaster master(daemon.port());
+  ASSERT_NE(master.Receive(), "");
+  EXPECT_TRUE(std::ranges::any_of(FindRuns().runs, [&](const inspect::Run& run) {
+    return run.daemon == daemon.pid() && !run.comms_port;
+  }));
+  const Findings findings = CheckCommsPorts(SiteWithCommsPorts(port, 100));
+  EXPECT_TRUE(std::ranges::any_of(findings, [&](const Finding& finding) {
+    return finding.id == "port.comms-taken" &&
+           finding.what == "comms port " + std::to_string(port) + " is taken by process " +
+                               std::to_string(getpid()) + " (inspect_test)";
+  }));
 }
 
 TEST(CommsPortsTest, ClustersHaveThemElsewhere) {

@@ -205,6 +205,19 @@ TEST_F(DryRunTest, SignalEndsAll) {
   EXPECT_FALSE(IsRunning(PidIn(directory_.Read("out"))));
 }
 
+// Its lines come without a pause, so that there is no wait which the signal could end.
+TEST_F(DryRunTest, SignalEndsAScriptThatDoesNotStopPrinting) {
+  ChildProcess::Options options;
+  options.output_file = directory_.File("out");
+  ChildProcess process(Arguments(Script("echo \"pid $$\"; exec yes\n"), "100"), options);
+  ASSERT_TRUE(
+      Eventually([this] { return directory_.Read("out").find("\n| y\n") != std::string::npos; }));
+  process.Signal(SIGTERM);
+  EXPECT_EQ(process.Wait(std::chrono::seconds(30)), 1);
+  EXPECT_THAT(directory_.Read("out"), EndsWith("\ninterrupted\n"));
+  EXPECT_FALSE(IsRunning(PidIn(directory_.Read("out"))));
+}
+
 TEST_F(DryRunTest, WhatTheScriptPrintsCommandsNoTerminal) {
   const Outcome outcome = RunScript("printf '\\033[31m\\r\\nHOST=127.0.0.1\\n'\n");
   EXPECT_THAT(outcome.out, HasSubstr("\n| \\x1b[31m\\x0d\n"));

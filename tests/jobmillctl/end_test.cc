@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -250,6 +251,52 @@ TEST(LostTest, ScriptOfARelativeNameIsNotTakenForAShippedOne) {
              return std::string(find(inspect::RunState::kLost) ? "lost" : "");
            }) == "lost";
   }));
+  kill(script, SIGKILL);
+}
+
+// An MPI simulator is several processes, all of which have the mark of its run.
+TEST(LostTest, ProcessesOfOneMarkAreOneLostRun) {
+  ChildProcess::Options options;
+  options.environment = {"JOBMILL_RUN=" + std::to_string(getpid()) + "-two"};
+  const ChildProcess first({"/bin/sleep", "60"}, options);
+  const ChildProcess second({"/bin/sleep", "60"}, options);
+  const auto lost_with = [](pid_t pid) {
+    const json document = json::parse(Jobmillctl({"status", "--json"}).out);
+    for (const json& run : document.at("runs")) {
+      const auto members = run.at("members").get<std::vector<pid_t>>();
+      if (run.at("state") == "lost" && std::ranges::find(members, pid) != members.end()) return run;
+    }
+    return json();
+  };
+  EXPECT_TRUE(Eventually([&] {
+    const json run = lost_with(second.pid());
+    return run.is_object() && run == lost_with(first.pid()) && run.at("members").size() == 2 &&
+           run.at("simulator") == std::min(first.pid(), second.pid());
+  }));
+}
+
+// A script that is stopped does not take note of it.
+TEST(LostTest, ProcessThatHasEndedIsNoMember) {
+  RunsSite site;
+  site.Request("QUEUED");
+  ASSERT_TRUE(site.WaitForState("QUEUED", "waiting for the script"));
+  const json run = site.Run("QUEUED");
+  const auto script = run.at("script").get<pid_t>();
+  std::vector<pid_t> children;
+  ASSERT_TRUE(Eventually([&] {
+    children = ChildrenOf(script);
+    const auto child = children.empty() ? std::nullopt : inspect::Process::Open(children[0]);
+    return child && child->stat().name == "sleep";
+  }));
+  const pid_t child = children[0];
+  kill(script, SIGSTOP);
+  ASSERT_TRUE(Eventually([&] { return inspect::Process::Open(script)->stat().state == 'T'; }));
+  kill(run.at("id").get<pid_t>(), SIGKILL);
+  kill(child, SIGKILL);
+  ASSERT_TRUE(Eventually([&] { return !IsRunning(child); }));
+  EXPECT_TRUE(site.WaitForState("QUEUED", "lost"));
+  EXPECT_EQ(site.Run("QUEUED").at("members"), json({script}));
+  EXPECT_EQ(ChildrenOf(script), children);
   kill(script, SIGKILL);
 }
 

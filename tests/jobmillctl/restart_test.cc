@@ -1,5 +1,6 @@
 // Restarting the service at a moment that costs nobody anything.
 
+#include <signal.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 
@@ -8,6 +9,7 @@
 
 #include "tests/jobmillctl/jobmillctl.h"
 #include "tests/jobmillctl/runs_site.h"
+#include "tests/support/bytes.h"
 
 namespace {
 
@@ -86,6 +88,21 @@ TEST_F(RestartTest, IdleMomentIsWaitedForAndNotTooLong) {
   EXPECT_EQ(Jobmillctl({"end", "--yes", run.at("id").dump()}).status, 0);
   EXPECT_EQ(waiting.Wait(std::chrono::seconds(20)), 0);
   EXPECT_THAT(Asked(), HasSubstr("\nrestart jobmill.service\n"));
+}
+
+TEST_F(RestartTest, WhatHasLostItsControllerHoldsNoPort) {
+  TestMaster& master = site_.Connect("STEP");
+  master.Send(Bytes("07 00 00 00"));
+  ASSERT_TRUE(site_.WaitForState("STEP", "waiting for the simulator"));
+  // The master leaves first, so that the system keeps nothing of the connection on this port.
+  master.Leave();
+  const auto run = site_.Run("STEP");
+  EXPECT_EQ(kill(run.at("id").get<pid_t>(), SIGKILL), 0);
+  ASSERT_TRUE(site_.WaitForState("STEP", "lost"));
+  const Outcome outcome = Restart({});
+  EXPECT_EQ(outcome.status, 0) << outcome.err;
+  EXPECT_EQ(outcome.out, "jobmill.service is restarted\n");
+  EXPECT_EQ(Jobmillctl({"end", "--yes", site_.Run("STEP").at("id").dump()}).status, 0);
 }
 
 TEST_F(RestartTest, ServiceManagerThatIsMissingOrFailsIsSaid) {

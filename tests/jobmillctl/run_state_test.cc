@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -451,6 +452,52 @@ TEST_F(RunStateTest, ProcessOfAnotherAccountIsNoMember) {
   EXPECT_THAT(members, Contains(simulator));
   EXPECT_THAT(members, Contains(own.pid()));
   EXPECT_THAT(members, Not(Contains(of_another.pid())));
+}
+
+// What a scheduler has started is known by its arguments before it listens.
+TEST_F(RunStateTest, ProcessIsAMemberByTheModelAndTheCommsPortTogether) {
+  RunsSite site;
+  site.Connect("CASE");
+  const std::string port = site.Run("CASE").at("comms_port").dump();
+  const auto start = [](const std::string& mark, const std::string& of_port) {
+    ChildProcess::Options options;
+    options.environment = {"JOBMILL_RUN=" + std::to_string(getpid()) + mark};
+    return std::make_unique<ChildProcess>(
+        std::vector<std::string>{"/bin/sh", "-c", "sleep 60; :", "simulator", "CASE", of_port},
+        options);
+  };
+  const auto own = start("-own", port);
+  const auto of_another_run = start("-other", "1");
+  for (const pid_t pid : {own->pid(), of_another_run->pid()}) {
+    ASSERT_TRUE(Eventually([&] { return inspect::Process::Open(pid)->stat().name == "sh"; }));
+  }
+  const auto members = site.Run("CASE").at("members").get<std::vector<pid_t>>();
+  EXPECT_THAT(members, Contains(own->pid()));
+  EXPECT_THAT(members, Not(Contains(of_another_run->pid())));
+}
+
+TEST_F(RunStateTest, CopyOfAClusterRunsInputIsNoScript) {
+  const TemporaryDirectory programs;
+  std::filesystem::permissions(
+      programs.Write("cp", "#!/bin/sh\ntouch " + programs.File("begun") + "\nuntil [ -e " +
+                               programs.File("go") +
+                               " ]; do sleep 0.1; done\nexec /bin/cp \"$@\"\n"),
+      std::filesystem::perms(0755));
+  RunsSite site([&](RunningDaemon::Options& options) {
+    options.environment = "PATH " + programs.path().string() + "\n";
+  });
+  site.data().Write("QUEUED1.afi", "");
+  TestMaster master(site.daemon().port());
+  master.RequestRun({"7", site.data().path().string() + "/", "QUEUED1"});
+  ASSERT_TRUE(Eventually([&] { return std::filesystem::exists(programs.File("begun")); }));
+  const auto runs = site.Runs();
+  ASSERT_EQ(runs.size(), 1U);
+  EXPECT_EQ(runs[0].at("state"), "handshake");
+  EXPECT_EQ(runs[0].at("waits_for"), "the check and the preparation of the request");
+  EXPECT_TRUE(runs[0].at("script").is_null());
+  programs.Write("go", "");
+  EXPECT_TRUE(site.WaitForState("QUEUED1_7", "waiting for the script"));
+  EXPECT_TRUE(site.Run("QUEUED1_7").at("script").is_number());
 }
 
 TEST_F(RunStateTest, RunWhoseJobHasStartedDoesNotWaitForIt) {

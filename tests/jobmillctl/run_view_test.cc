@@ -181,6 +181,8 @@ TEST(HistoryViewTest, WhatIsNotKnownIsADash) {
   EXPECT_THAT(LinesOf(history).back(), testing::EndsWith("It ended; see /var/log/x"));
   history.runs[0].path = "/data";
   EXPECT_THAT(LinesOf(history).back(), Not(HasSubstr("/data")));
+  history.runs[0].root = "";
+  EXPECT_THAT(LinesOf(history).back(), Not(HasSubstr("/data")));
   history.runs[0].root = "CASE";
   EXPECT_THAT(LinesOf(history).back(), HasSubstr(" /data/CASE "));
 }

@@ -496,6 +496,25 @@ TEST(MeasuresTest, LogIsCountedOnceThroughRotationAndRestart) {
   EXPECT_EQ(count(), 6);
 }
 
+TEST(MeasuresTest, LogThatIsMissingIsCountedWhenItIsThereAgain) {
+  const TemporaryDirectory directory;
+  const std::string line = "Host detected: node7\n";
+  inspect::Runs found;
+  found.daemons = {DaemonOf(5000)};
+  found.daemons[0].log = directory.Write("log", line);
+  Json measured = Measure(found, kNoon + 1, {});
+  EXPECT_EQ(measured.at("daemons").at(0).at("log_bytes"), line.size());
+  EXPECT_TRUE(measured.at("daemons").at(0).at("log_free_bytes").is_number());
+  std::filesystem::rename(directory.File("log"), directory.File("log.1"));
+  measured = Measure(found, kNoon + 2, measured);
+  EXPECT_EQ(measured.at("launches").at("host named"), 0);
+  EXPECT_TRUE(measured.at("daemons").at(0).at("log_bytes").is_null());
+  EXPECT_TRUE(measured.at("daemons").at(0).at("log_free_bytes").is_null());
+  directory.Write("log", line + line);
+  measured = Measure(found, kNoon + 3, measured);
+  EXPECT_EQ(measured.at("launches").at("host named"), 2);
+}
+
 TEST(MeasuresTest, RequestsAndTimeOnlyGrow) {
   inspect::Runs found;
   found.runs = {RunOf(1, inspect::RunState::kMaster, kNoon)};
@@ -755,6 +774,19 @@ TEST(PageTest, DaemonThatIsOlderAndWhatIsMissingAreSaid) {
   EXPECT_THAT(site.Ask("/"),
               AllOf(HasSubstr("it serves with an older program than the one that is installed"),
                     HasSubstr("Not known: sockets: &lt;none&gt;")));
+}
+
+TEST(PageTest, EachDaemonIsShownWithItsOwnPorts) {
+  Site site;
+  inspect::Runs found;
+  found.daemons = {DaemonOf(5000), DaemonOf(5001)};
+  found.daemons[0].options.comms_ports = 10;
+  found.daemons[1].options.comms_ports = 20;
+  site.Write(found, inspect::Now());
+  EXPECT_TRUE(std::regex_search(
+      site.Ask("/"),
+      std::regex("<p>Daemon on port 5000: [^;]*; [0-9]+ of 10 comms ports free, [^;]*</p>"
+                 "<p>Daemon on port 5001: [^;]*; [0-9]+ of 20 comms ports free, [^;]*</p><h2")));
 }
 
 TEST(PageTest, CollectorThatIsSilentIsSaidWithTheTrouble) {

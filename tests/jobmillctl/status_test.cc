@@ -7,16 +7,22 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <ctime>
 #include <filesystem>
+#include <fstream>
 #include <map>
 #include <set>
+#include <string>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "inspect/process.h"
 #include "inspect/runs.h"
+#include "log/timestamp.h"
 #include "tests/inspect/own_view.h"
 #include "tests/jobmillctl/jobmillctl.h"
 #include "tests/jobmillctl/runs_site.h"
@@ -403,6 +409,56 @@ TEST(CollectTest, LookThatCannotBeMadeIsNoAnswer) {
     EXPECT_EQ(snapshot.at(part).at("ok"), false) << part;
     EXPECT_TRUE(snapshot.at(part).at("document").is_null()) << part;
   }
+}
+
+// However long one of the looks takes.
+TEST(CollectTest, OnceIsOneLookAtEach) {
+  const TemporaryDirectory directory;
+  directory.Write(".vk_corvane_env", "PATH " + directory.path().string() + "\n");
+  for (const auto& [name, text] : {std::pair("slurm", "#!/bin/bash\nneeded='squeue'\n"),
+                                   std::pair("squeue", "#!/bin/sh\nsleep 3\n")}) {
+    std::filesystem::permissions(directory.Write(name, text), std::filesystem::perms(0755));
+  }
+  const Outcome outcome =
+      Jobmillctl({"collect", "--once", "--every", "1", "--snapshot",
+                  directory.File("snapshot.json"), "--program", directory.File("vkjobmill.exe"),
+                  "--", "-p", "1", "-u", "-s", directory.File("slurm")});
+  EXPECT_EQ(outcome.status, 0) << outcome.err;
+  const json snapshot = json::parse(directory.Read("snapshot.json"));
+  const auto time = [&](const char* part) { return snapshot.at(part).at("time").get<double>(); };
+  EXPECT_GE(snapshot.at("check").at("took_seconds"), 3.0);
+  EXPECT_LE(time("runs"), time("history"));
+  EXPECT_LE(time("history"), time("check"));
+}
+
+TEST(CollectTest, OfVeryManyRunsTheLatestAreTold) {
+  RunningDaemon::Options options;
+  options.arguments = {"-u"};
+  const RunningDaemon daemon(options);
+  const std::time_t begin = time(nullptr) - 5000;
+  std::ofstream log(daemon.LogFile(), std::ios::app);
+  for (int i = 0; i <= 1000; ++i) {
+    const std::string at = timestamp(begin + i);
+    log << "Accepted incoming connection: " << at << "Answering call in child process: " << at
+        << "Sending back version number: 3\nClust: 0\nPath: /data/\nRoot: CASE" << i
+        << "\nProc: 1\nVer: 20172\nWindows user received: alice\nDebug flag received: 0\n"
+           "Windows user 'alice' not found in administration file\n";
+  }
+  log.close();
+  const TemporaryDirectory directory;
+  const Outcome outcome =
+      Jobmillctl({"collect", "--once", "--snapshot", directory.File("snapshot.json")});
+  EXPECT_EQ(outcome.status, 0) << outcome.err;
+  const json history = json::parse(directory.Read("snapshot.json")).at("history");
+  const json& runs = history.at("document").at("runs");
+  EXPECT_EQ(runs.size(), 1000U);
+  std::vector<std::string> roots;
+  for (const json& run : runs) {
+    if (run.at("port") == daemon.port()) roots.push_back(run.at("root").get<std::string>());
+  }
+  EXPECT_THAT(roots, Not(testing::Contains("CASE0")));
+  ASSERT_FALSE(roots.empty());
+  EXPECT_EQ(roots.back(), "CASE1000");
 }
 
 TEST(TableTest, LinesEndWhereTheTerminalDoes) {
