@@ -36,6 +36,7 @@ ScriptedSimulator::ScriptedSimulator(Link link) {
 ScriptedSimulator::~ScriptedSimulator() {
   {
     const std::scoped_lock lock(mutex_);
+    leaving_ = true;
     // Only these wake the thread: close() of a descriptor that another thread waits on does not.
     if (listener_ >= 0) shutdown(listener_, SHUT_RDWR);
     if (connection_ >= 0) shutdown(connection_, SHUT_RDWR);
@@ -91,6 +92,7 @@ void ScriptedSimulator::Run() {
     const int accepted = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
     const std::scoped_lock lock(mutex_);
     connection_ = accepted;
+    if (leaving_) return;  // the destructor has not seen this connection to end it
   }
   if (connection_ >= 0) Serve();
   const std::scoped_lock lock(mutex_);

@@ -70,6 +70,7 @@ class ScriptedSimulator {
   std::vector<std::string> requests_;
   std::deque<Answer> answers_;
   bool ended_ = false;
+  bool leaving_ = false;
   std::condition_variable ending_;
   std::thread thread_;
 };
