@@ -2,8 +2,10 @@
 
 #include <poll.h>
 #include <string.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 
+#include <array>
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -323,9 +325,7 @@ class FakeDaemon {
   }
   FakeDaemon(const FakeDaemon&) = delete;
   FakeDaemon& operator=(const FakeDaemon&) = delete;
-  ~FakeDaemon() {
-    if (thread_.joinable()) thread_.join();
-  }
+  ~FakeDaemon() { Called(); }
 
   /// Launches as a daemon does and lets `run` serve.
   static Script Launching(FakeRun& run) {
@@ -354,7 +354,14 @@ class FakeDaemon {
 
   int port() const { return port_; }
 
-  /// All frames that the master sent, as hex, once it has gone.
+  /// Whether a master has come so far; none can come later. Returns when it has gone.
+  bool Called() {
+    eventfd_write(leave_.get(), 1);
+    if (thread_.joinable()) thread_.join();
+    return called_;
+  }
+
+  /// All frames that the master sent, as hex, once it has come and gone.
   std::vector<std::string> Frames() {
     if (thread_.joinable()) thread_.join();
     return frames_;
@@ -370,8 +377,10 @@ class FakeDaemon {
  private:
   void Serve() {
     // Bounded, so that a test whose master never comes still ends.
-    pollfd wait{listener_.get(), POLLIN, 0};
-    if (poll(&wait, 1, 20000) != 1) return;
+    std::array<pollfd, 2> waits{{{listener_.get(), POLLIN, 0}, {leave_.get(), POLLIN, 0}}};
+    poll(waits.data(), waits.size(), 20000);
+    called_ = waits[0].revents != 0;
+    if (!called_) return;
     const Descriptor master(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
     DaemonEnd end(master.get());
     script_(end);
@@ -380,8 +389,10 @@ class FakeDaemon {
   }
 
   Descriptor listener_;
+  Descriptor leave_{eventfd(0, EFD_CLOEXEC)};
   int port_;
   Script script_;
+  bool called_ = false;
   std::vector<std::string> frames_;
   std::thread thread_;
 };

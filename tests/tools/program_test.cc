@@ -155,7 +155,7 @@ TEST_F(ProgramTest, PlanWithoutAConnectionIsRefusedBeforeTheLaunch) {
   EXPECT_EQ(outcome.status, 2);
   EXPECT_EQ(outcome.err, "vkmaster: --no-connect leaves run PLAN no run to act on\n");
   EXPECT_EQ(Master({"--no-connect", "run", "--check", directory.File("plan.toml")}).status, 0);
-  EXPECT_TRUE(daemon_.Requests().empty());
+  EXPECT_FALSE(daemon_.Called());
 }
 
 // What the simulator calls its wells comes to a terminal.
@@ -173,7 +173,7 @@ TEST_F(ProgramTest, FileOfCommandsThatCannotBeReadIsRefusedBeforeTheLaunch) {
   const Outcome outcome = Master({"--file", "/"});
   EXPECT_EQ(outcome.status, 2);
   EXPECT_EQ(outcome.err, "vkmaster: Cannot read the file '/'\n");
-  EXPECT_TRUE(daemon_.Requests().empty());
+  EXPECT_FALSE(daemon_.Called());
 }
 
 TEST_F(ProgramTest, CommandBeforeConnectIsNotSentSinceItWouldEndTheRun) {
