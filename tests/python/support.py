@@ -157,6 +157,9 @@ class RealDaemon:
         self._process.terminate()
         self._process.wait(SOON)
         self._log.close()
+        for place in "/var/log", "/tmp":
+            with contextlib.suppress(OSError):
+                os.remove(f"{place}/VKJobmill_{self.port}.log")
         self._directory.cleanup()
 
 
