@@ -89,6 +89,16 @@ class HistoryTest : public testing::Test {
                                        ", timeout: 60\nReceived header: 8\nRunning until 30\n" +
                                        end);
   }
+  // The run that was asked for, of a connection child that began at now_.
+  inspect::Run GoingOn(const Asked& asked, RunState state) const {
+    inspect::Run run;
+    run.listen_port = 5000;
+    run.state = state;
+    run.began = static_cast<double>(now_);
+    run.path = asked.path;
+    run.root = asked.root;
+    return run;
+  }
   History Read(const Runs& now = {}, double since = 0) const {
     return ReadHistory(now, since, {{logs_.path().string()}});
   }
@@ -408,12 +418,8 @@ TEST_F(HistoryTest, WhatGoesOnHasNotEnded) {
   const Asked two = Model("TWO");
   WriteLog(Start(now_) + Launched(one, 9001, now_) + Launched(two, 9002, now_) + Answered(now_));
   Runs now;
-  inspect::Run run;
-  run.listen_port = 5000;
-  run.state = RunState::kMaster;
-  run.began = static_cast<double>(now_) + 0.4;
-  run.path = two.path;
-  run.root = two.root;
+  inspect::Run run = GoingOn(two, RunState::kMaster);
+  *run.began += 0.4;
   run.comms_port = 9002;
   now.runs = {run};
   const auto roots = [&] {
@@ -436,14 +442,8 @@ TEST_F(HistoryTest, RunThatGoesOnIsNotTakenForOneOfTheSameNameElsewhere) {
   Asked other = one;
   other.path += "other/";
   WriteLog(Start(now_) + Launched(one, 9001, now_) + Launched(other, 9002, now_));
-  inspect::Run run;
-  run.listen_port = 5000;
-  run.state = RunState::kMaster;
-  run.began = static_cast<double>(now_);
-  run.path = other.path;
-  run.root = other.root;
   Runs now;
-  now.runs = {run};
+  now.runs = {GoingOn(other, RunState::kMaster)};
   const History history = Read(now);
   ASSERT_EQ(history.runs.size(), 1U);
   EXPECT_EQ(history.runs[0].path, one.path);
@@ -455,14 +455,8 @@ TEST_F(HistoryTest, RunThatWaitsForItsScriptHasNoCommsLogYet) {
   WriteLog(Start(now_ - 60) + Launched(asked, 9001, now_ - 60) + Answered(now_) + Request(asked) +
            Script(asked, 9001) + "slurm: job 12 waits: Priority\n");
   WriteComms("CASE", "Process loop has exited naturally, going to sleep again ... \n");
-  inspect::Run run;
-  run.listen_port = 5000;
-  run.state = RunState::kScript;
-  run.began = static_cast<double>(now_);
-  run.path = asked.path;
-  run.root = asked.root;
   Runs now;
-  now.runs = {run};
+  now.runs = {GoingOn(asked, RunState::kScript)};
   const History history = Read(now);
   ASSERT_EQ(history.runs.size(), 1U);
   EXPECT_EQ(history.runs[0].began, static_cast<double>(now_ - 60));
@@ -1393,13 +1387,8 @@ TEST_F(MixedHistoryTest, RunThatGoesOnHasOneOfTheHosts) {
   WriteLog(ThreeWait() + Host("node7") + "No host detected, exiting.\n" +
            "No host detected, exiting.\n");
   Runs now;
-  inspect::Run run;
+  inspect::Run run = GoingOn(Model("CASE2"), RunState::kMaster);
   run.id = Process::Open(getpid())->stat().id;
-  run.listen_port = 5000;
-  run.state = RunState::kMaster;
-  run.began = static_cast<double>(now_);
-  run.path = data_.path().string() + "/";
-  run.root = "CASE2";
   now.runs = {run};
   const History history = Read(now);
   ASSERT_EQ(history.runs.size(), 2U);
