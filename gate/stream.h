@@ -204,7 +204,7 @@ class Stream {
   // that its socket has failed the place after the end.
 
   // Out: what the local side has given. sending_ holds the bytes from acked_ to given_, and
-  // unjudged_ those after it, which the reader has not passed yet.
+  // unjudged_ those from given_ on, which the reader has not passed yet.
   ByteQueue unjudged_;
   bool local_ended_ = false;
   ByteQueue sending_;

@@ -93,7 +93,7 @@ Recorder::File& Recorder::FileFor(const std::string& name, const std::string& he
   if (file.stream) {
     namespace fs = std::filesystem;
     const fs::path path = PathOf(file.path);
-    // A file that cannot be looked at for another reason is not gone; its size is the largest then.
+    // Of a file that cannot be looked at file_size() gives the largest number: it is not gone.
     std::error_code error;
     const bool gone = fs::status(path, error).type() == fs::file_type::not_found ||
                       fs::file_size(path, error) < file.size;
