@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <map>
 #include <optional>
@@ -27,7 +28,7 @@ namespace {
 using inspect::Run;
 using inspect::Runs;
 
-constexpr int kPauseMilliseconds = 2000;
+constexpr std::chrono::milliseconds kPause{2000};
 constexpr std::size_t kLastLines = 8;
 
 volatile sig_atomic_t g_interrupted = 0;
@@ -74,10 +75,10 @@ class Screen {
 };
 
 // The next key, 0 when none came in time.
-char Key(int milliseconds) {
+char Key(std::chrono::milliseconds limit) {
   pollfd input{STDIN_FILENO, POLLIN, 0};
   char key = 0;
-  if (poll(&input, 1, milliseconds) <= 0) return 0;
+  if (poll(&input, 1, static_cast<int>(limit.count())) <= 0) return 0;
   if (read(STDIN_FILENO, &key, 1) <= 0) return 'q';  // the terminal has gone
   return key;
 }
@@ -204,14 +205,24 @@ bool Obey(char key, const Runs& found, View& view) {
   return true;
 }
 
+// A key is obeyed with what was found last: on a machine with many runs each look at all of them
+// takes longer than the next key.
 int WatchOnTerminal(const std::string& run, const std::string& gates) {
+  using Clock = std::chrono::steady_clock;
   const Screen screen;
   View view;
   view.open = run;
+  Runs found;
+  Clock::time_point next_look;
   while (g_interrupted == 0) {
-    Runs found = inspect::FindRuns(gates);
-    screen.Draw(Lines(found, view));
-    if (!Obey(Key(kPauseMilliseconds), found, view)) break;
+    if (Clock::now() >= next_look) {
+      found = inspect::FindRuns(gates);
+      next_look = Clock::now() + kPause;
+    }
+    Runs shown = found;
+    screen.Draw(Lines(shown, view));
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(next_look - Clock::now());
+    if (!Obey(Key(std::max(left, {})), shown, view)) break;
   }
   return kOk;
 }
@@ -241,7 +252,7 @@ int WatchInLines(const std::string& name, const std::string& gates) {
     seen = found;
     if (std::fflush(stdout) != 0) break;
     if (!name.empty() && before.empty()) break;
-    poll(nullptr, 0, kPauseMilliseconds);
+    poll(nullptr, 0, kPause.count());
   }
   return kOk;
 }
