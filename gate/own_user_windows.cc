@@ -3,6 +3,7 @@
 #include <winsock2.h>
 #include <ws2tcpip.h>
 
+#include <cstddef>
 #include <vector>
 
 #include "gate/own_user.h"
@@ -10,8 +11,13 @@
 namespace gate {
 namespace {
 
-constexpr int kAttempts = 3;
-constexpr DWORD kPauseMs = 5;
+constexpr int kAttempts = 3;                   // to get the whole of a table that grows
+constexpr std::size_t kUsualTable = 64 << 10;  // bytes
+
+// A connection that was made this moment may not be in the table yet: in wine's it is once its
+// program has used it, for which the program has to get a processor. All links of the gate wait
+// meanwhile.
+constexpr DWORD kPausesMs[] = {5, 60};
 
 // The process that has the other end, 0 when the table does not tell.
 DWORD ProcessAtOtherEnd(const LoopbackConnection& connection) {
@@ -21,7 +27,7 @@ DWORD ProcessAtOtherEnd(const LoopbackConnection& connection) {
       InetPtonA(AF_INET, connection.remote_address.c_str(), &remote) != 1) {
     return 0;
   }
-  std::vector<char> table;
+  std::vector<char> table(kUsualTable);
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
     auto size = static_cast<DWORD>(table.size());
     const DWORD result = GetExtendedTcpTable(table.data(), &size, FALSE, AF_INET,
@@ -64,10 +70,9 @@ std::vector<char> UserOf(HANDLE process) {
 
 std::string WhyNotOwnUser(const LoopbackConnection& connection) {
   DWORD pid = ProcessAtOtherEnd(connection);
-  // A connection that was made this moment may not be in the table yet: in wine's it is once its
-  // program has used it.
-  for (int attempt = 1; pid == 0 && attempt < kAttempts; ++attempt) {
-    Sleep(kPauseMs);
+  for (const DWORD pause : kPausesMs) {
+    if (pid != 0) break;
+    Sleep(pause);
     pid = ProcessAtOtherEnd(connection);
   }
   if (pid == 0) return "it cannot be told whose connection this is";

@@ -89,6 +89,7 @@ connect() {
   local line input=${master[1]} process=$master_PID
   echo 'until 30' >&"$input"
   read -r -t 40 line <&"${master[0]}"
+  [[ $line == '{"command":"until","time_days":30.0,'* ]] || { echo "$line"; return 1; }
   kill -STOP -- "-$serving"
   eventually 10 grep -q '"event":"broken"' "$work/connecting"
   echo 'until 60' >&"$input"
@@ -138,6 +139,7 @@ connect() {
   local input=${master[1]} process=$master_PID
   echo 'until 30' >&"$input"
   read -r -t 40 line <&"${master[0]}"
+  [[ $line == '{"command":"until","time_days":30.0,'* ]] || { echo "$line"; return 1; }
   touch "$work/running"
   wait "$console"
   eventually 10 grep -qF '"how":"an administrator has ended it"' "$work/serving"
