@@ -50,9 +50,10 @@ class ChildProcess {
 std::string ProgramDirectory();
 
 /// Looks every few milliseconds whether `condition` holds; false when it does not within `limit`.
-/// For what no descriptor announces, such as the content of another process's log.
+/// For what no descriptor announces, such as the content of another process's log. The machine may
+/// have much else to do: only a test that fails waits for the limit.
 bool Eventually(const std::function<bool()>& condition,
-                std::chrono::milliseconds limit = std::chrono::seconds(10));
+                std::chrono::milliseconds limit = std::chrono::seconds(30));
 
 /// Whether a process of this number exists and has not ended.
 bool IsRunning(pid_t pid);
