@@ -306,7 +306,7 @@ def end_marked(mark):
 class ClusterCases:
     """The cases of one suite over one site, each by itself with a site of its own."""
 
-    # Each case looks for ports of its own, below those that the kernel hands out.
+    # Each case looks for ports of its own: see tests/support/ports.h.
     first_port = 10000
     lock = threading.Lock()
 
@@ -321,7 +321,7 @@ class ClusterCases:
     def run(self, directory, tests, scratch):
         """As that of a test program. A case has its own bound, which makes it fail."""
         with self.lock:
-            ClusterCases.first_port = 10000 + (self.first_port - 10000 + 700) % 21000
+            ClusterCases.first_port = 10000 + (self.first_port - 10000 + 400) % 9600
             port = self.first_port
         tree = scratch / "tree" if directory == scratch / "bin" else ROOT
         if not tests:

@@ -41,7 +41,7 @@ free_ports() {
   local first offset port used
   used=" $(awk 'FNR > 1 { sub(/.*:/, "", $2); printf "%s ", $2 }' /proc/net/tcp /proc/net/tcp6 2>/dev/null || true)"
   while true; do
-    first=$((${first_port:-10000} + SRANDOM % 680))
+    first=$((${first_port:-10000} + SRANDOM % 380))
     for ((offset = 0; offset < 20; ++offset)); do
       printf -v port %04X $((first + offset))
       if [[ $used == *" $port "* ]]; then continue 2; fi

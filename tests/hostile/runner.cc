@@ -174,25 +174,6 @@ Link Connect(int port) {
   return Link(std::move(master));
 }
 
-bool BothFree(std::int64_t port) {
-  try {
-    Listen(port);
-    Listen(port + 1);
-    return true;
-  } catch (const Failure&) {
-    return false;
-  }
-}
-
-// Two ports that no connecting socket is given by chance, next to each other.
-std::int64_t FreeCommsPorts() {
-  const auto start = 12'000 + (static_cast<std::int64_t>(getpid()) * 16) % 16'000;
-  for (std::int64_t port = start; port < 32'000; port += 2) {
-    if (BothFree(port)) return port;
-  }
-  throw std::runtime_error("no two free ports");
-}
-
 std::string ArgumentOf(const std::vector<std::string>& arguments, const std::string& option,
                        const std::string& otherwise) {
   const auto found = std::find(arguments.begin(), arguments.end(), option);
@@ -721,7 +702,7 @@ WatchedDaemon::WatchedDaemon(const std::vector<std::string>& arguments, bool as_
   RunningDaemon::Options options;
   options.arguments = arguments;
   if (comms_base_ == 0) {
-    comms_base_ = FreeCommsPorts();
+    comms_base_ = comms_.first();
     options.arguments.insert(options.arguments.end(),
                              {"-o", std::to_string(comms_base_), "-n", "2"});
   } else {

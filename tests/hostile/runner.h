@@ -8,6 +8,7 @@
 
 #include "tests/hostile/cases.h"
 #include "tests/hostile/watcher.h"
+#include "tests/support/ports.h"
 #include "tests/support/running_daemon.h"
 
 /// A daemon that serves the cases of one family one after another, with the ends of its children
@@ -27,6 +28,7 @@ class WatchedDaemon {
   std::string File(const std::string& name) const { return daemon_->directory().File(name); }
 
  private:
+  const PortBlock comms_;
   std::unique_ptr<RunningDaemon> daemon_;
   std::unique_ptr<Watcher> watcher_;
   std::int64_t comms_base_ = 0;

@@ -157,15 +157,7 @@ TEST(CommsPortsTest, NoneThatIsFreeIsAnError) {
   Descriptor second;
   for (int attempt = 0; attempt < 100 && !second; ++attempt) {
     first = BindFreePort(1);
-    Descriptor next(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<std::uint16_t>(PortOf(first.get()) + 1));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (bind(next.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0 &&
-        listen(next.get(), 1) == 0) {
-      second = std::move(next);
-    }
+    second = TryToBind(PortOf(first.get()) + 1, 1);
   }
   ASSERT_TRUE(second);
   const Findings findings = CheckCommsPorts(SiteWithCommsPorts(PortOf(first.get()), 2));
@@ -310,15 +302,8 @@ TEST(CommsPortsTest, OfSeveralWhoTakeThemOneIsNamed) {
     const int port = PortOf(others.get());
     const std::string found = AsNobody([&] {
       close(others.get());  // which only the test itself has then
-      const Descriptor own(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-      sockaddr_in address{};
-      address.sin_family = AF_INET;
-      address.sin_port = htons(static_cast<std::uint16_t>(port + 1));
-      address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-      if (bind(own.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
-          listen(own.get(), 1) != 0) {
-        return std::string("taken");
-      }
+      const Descriptor own = TryToBind(port + 1, 1);
+      if (!own) return std::string("taken");
       const Findings findings = CheckCommsPorts(SiteWithCommsPorts(port, 2));
       return findings.empty() ? std::string() : findings.back().what;
     });
@@ -333,8 +318,9 @@ TEST(CommsPortsTest, OfSeveralWhoTakeThemOneIsNamed) {
 // Who cannot see whose a socket is knows the run that was given its port, and the run's account.
 TEST(CommsPortsTest, PortOfARunIsNotTakenUnlessAnotherAccountHasIt) {
   if (geteuid() != 0) GTEST_SKIP() << "needs root";
-  const Descriptor bound = BindFirstOfPorts();
-  const int port = PortOf(bound.get());
+  const PortBlock comms;
+  const int port = comms.first();
+  const Descriptor bound = BindPort(port);
   RunningDaemon::Options options;
   options.arguments = {"-u", "-o", std::to_string(port), "-n", "1"};
   options.script = "#!/bin/sh\nsleep 1000\n";

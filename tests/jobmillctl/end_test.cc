@@ -168,9 +168,10 @@ TEST(LostTest, WhatAShippedScriptEndsIsEndingAndNotLost) {
                                     "/vksim' \"$@\" --step-delay 3600000\n")
             .c_str(),
         0755);
+  const PortBlock comms;
   RunningDaemon::Options options;
   const std::string script = SOURCES "/deploy/scripts/local";
-  options.arguments = {"-u", "-s", script, "-o", std::to_string(FreePort())};
+  options.arguments = {"-u", "-s", script, "-o", std::to_string(comms.first())};
   options.variables = {"JOBMILL_SIMULATOR=" + data.File("simulator"), "JOBMILL_GRACE_SECONDS=8"};
   const RunningDaemon daemon(options);
   TestMaster master(daemon.port());
@@ -224,8 +225,9 @@ TEST(LostTest, SimulatorOfARunWhoseCommsPortIsNotKnownIsNotLost) {
 
 // Which file a script of a relative name is only its daemon knows.
 TEST(LostTest, ScriptOfARelativeNameIsNotTakenForAShippedOne) {
+  const PortBlock comms;
   RunningDaemon::Options options;
-  options.arguments = {"-u", "-o", std::to_string(FreePort())};
+  options.arguments = {"-u", "-o", std::to_string(comms.first())};
   const RunningDaemon daemon(options);
   chmod(daemon.directory().Write("vkmpi_dir.sh", "#!/bin/sh\nsleep 1000\n").c_str(), 0755);
   TestMaster master(daemon.port());
@@ -319,8 +321,9 @@ TEST(EndTest, YesIsAskedFor) {
 // Its script does not heed SIGTERM, and what it has started does not either.
 TEST(EndTest, WhatDoesNotEndByItselfIsKilled) {
   const TemporaryDirectory data;
+  const PortBlock comms;
   RunningDaemon::Options options;
-  options.arguments = {"-u", "-l", "-o", std::to_string(FreePort())};
+  options.arguments = {"-u", "-l", "-o", std::to_string(comms.first())};
   options.script = "#!/bin/bash\ntrap '' TERM\nsleep 1000 &\nwait\nwait\nsleep 1000\n";
   const RunningDaemon daemon(options);
   TestMaster master(daemon.port());

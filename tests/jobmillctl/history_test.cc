@@ -18,6 +18,7 @@
 #include "tests/jobmillctl/jobmillctl.h"
 #include "tests/jobmillctl/runs_site.h"
 #include "tests/support/bytes.h"
+#include "tests/support/ports.h"
 #include "tools/jobmillctl/since.h"
 
 namespace {
@@ -71,7 +72,8 @@ wait
 // A daemon whose runs end in different ways, one after the other.
 class EndedRuns : public testing::Test {
  protected:
-  void StartDaemon(std::vector<std::string> arguments, const std::string& users) {
+  // For the users that it names; without any, for everybody under its own account.
+  void StartDaemon(const std::string& users = "") {
     fs::permissions(data_.path(), fs::perms(0777));
     for (const char* root : {"SHUT", "LEFT", "STEP", "EARLY", "OWN", "OTHERS", "LONG", "LINK"}) {
       fs::copy_file(EXAMPLES_DIR "/TENWELLS.afi", data_.File(std::string(root) + ".afi"));
@@ -79,10 +81,10 @@ class EndedRuns : public testing::Test {
     fs::permissions(programs_.path(), fs::perms(0755));
     fs::copy_file(ProgramDirectory() + "/vksim", programs_.File("vksim"));
     RunningDaemon::Options options;
-    arguments.insert(arguments.end(), {"-l", "-t", "5"});
-    options.arguments = std::move(arguments);
+    options.arguments = {"-l", "-t", "5", "-o", std::to_string(comms_.first())};
+    if (users.empty()) options.arguments.emplace_back("-u");
     options.script = kScript;
-    options.users = users;
+    options.users = users.empty() ? "-" : users;
     options.environment = "VERBOSITY 2\nSECRET_TOKEN hush-hush-1234\n";
     options.variables = {"VKSIM=" + programs_.File("vksim"), "PATH=/usr/bin:/bin"};
     daemon_ = std::make_unique<RunningDaemon>(options);
@@ -113,6 +115,7 @@ class EndedRuns : public testing::Test {
     })) << data_.Read(root + ".crvnlog");
   }
 
+  const PortBlock comms_;
   const TemporaryDirectory data_;
   const TemporaryDirectory programs_;
   std::unique_ptr<RunningDaemon> daemon_;
@@ -122,7 +125,7 @@ class EndedRuns : public testing::Test {
 class HistoryTest : public EndedRuns {};
 
 TEST_F(HistoryTest, EachWayOfEndingIsTold) {
-  StartDaemon({"-u", "-o", std::to_string(RunsSite::FreePorts())}, "-");
+  StartDaemon();
   TestMaster& shut = Launch("SHUT");
   shut.Ask("01 00 00 00");
   shut.Ask("04 00 00 00");
@@ -229,7 +232,7 @@ TEST_F(HistoryTest, EachWayOfEndingIsTold) {
 }
 
 TEST_F(HistoryTest, WhatWasKilledEndedWithoutAWordAndWhatRunsHasNotEnded) {
-  StartDaemon({"-u", "-o", std::to_string(RunsSite::FreePorts())}, "-");
+  StartDaemon();
   Ask("QUEUED");
   ASSERT_TRUE(daemon_->WaitForLog("slurm: job 47 waits"));
   TestMaster& left = Launch("LEFT");
@@ -259,8 +262,7 @@ TEST_F(HistoryTest, WhatWasKilledEndedWithoutAWordAndWhatRunsHasNotEnded) {
 
 TEST_F(HistoryTest, WhoIsRefusedIsTold) {
   if (getuid() != 0) GTEST_SKIP() << "needs root";
-  StartDaemon({"-o", std::to_string(RunsSite::FreePorts())},
-              "alice nobody 1\nbob nobody 0\ncarl no-such-account 1\n");
+  StartDaemon("alice nobody 1\nbob nobody 0\ncarl no-such-account 1\n");
   EXPECT_THAT(Ask("DENIED", "bob").Receive(), HasSubstr("does not have permissions"));
   EXPECT_THAT(Ask("UNKNOWN", "eve").Receive(), HasSubstr("not found"));
   EXPECT_THAT(Ask("NOBODY", "carl").Receive(), HasSubstr("Failed to get password entry"));
@@ -280,7 +282,7 @@ TEST_F(HistoryTest, WhoIsRefusedIsTold) {
 }
 
 TEST_F(HistoryTest, TextsOfMastersCommandNoTerminal) {
-  StartDaemon({"-u", "-o", std::to_string(RunsSite::FreePorts())}, "-");
+  StartDaemon();
   const std::string hostile = "\x1b[2J<script>\xff" + std::string(30000, 'x');
   EXPECT_EQ(Ask("MUTE", hostile).Receive(), "No host detected");
   const Outcome table = Jobmillctl({"history"});
@@ -310,8 +312,7 @@ class BundleTest : public EndedRuns {
 
 TEST_F(BundleTest, HoldsOneRunAndNothingOfOthersOrOfTheEnvironment) {
   if (getuid() != 0) GTEST_SKIP() << "needs root";
-  StartDaemon({"-o", std::to_string(RunsSite::FreePorts())},
-              "alice nobody 1\nbob daemon 1\nzoe daemon 1\n");
+  StartDaemon("alice nobody 1\nbob daemon 1\nzoe daemon 1\n");
   EXPECT_EQ(Ask("MUTE", "bob").Receive(), "No host detected");
   TestMaster& shut = Launch("SHUT");
   shut.Ask("01 00 00 00");
@@ -381,7 +382,7 @@ TEST_F(BundleTest, HoldsOneRunAndNothingOfOthersOrOfTheEnvironment) {
 // An account without rights gets what it may see, of its own runs alone.
 TEST_F(BundleTest, AllIsWithoutRightsOnlyWhatIsOnesOwn) {
   if (getuid() != 0) GTEST_SKIP() << "needs root";
-  StartDaemon({"-o", std::to_string(RunsSite::FreePorts())}, "alice nobody 1\nbob daemon 1\n");
+  StartDaemon("alice nobody 1\nbob daemon 1\n");
   Launch("OWN");
   EXPECT_THAT(Ask("OTHERS", "bob").Receive(), StartsWith("OK|"));
   fs::permissions(out_.path(), fs::perms(0777));
@@ -400,8 +401,7 @@ TEST_F(BundleTest, AllIsWithoutRightsOnlyWhatIsOnesOwn) {
 // A file of somebody else in the place of a log is not taken for it.
 TEST_F(BundleTest, LogsAreCutAndNotFollowedElsewhere) {
   if (getuid() != 0) GTEST_SKIP() << "needs root";
-  StartDaemon({"-o", std::to_string(RunsSite::FreePorts())},
-              "alice nobody 1\ncarol nobody 1\nbob nobody 0\n");
+  StartDaemon("alice nobody 1\ncarol nobody 1\nbob nobody 0\n");
   // Neither who asks for no run nor who is refused has logs.
   TestMaster(daemon_->port()).Leave();
   ASSERT_TRUE(daemon_->WaitForLog("Incorrect response from Corvane"));
@@ -459,7 +459,7 @@ TEST_F(BundleTest, LogsAreCutAndNotFollowedElsewhere) {
 }
 
 TEST_F(BundleTest, RunOfWhichNoLogTellsIsThereWithItsState) {
-  StartDaemon({"-u", "-o", std::to_string(RunsSite::FreePorts())}, "-");
+  StartDaemon();
   Launch("OWN");
   fs::remove(daemon_->LogFile());
   const json document = json::parse(Jobmillctl({"status", "--json"}).out);
@@ -481,7 +481,7 @@ TEST_F(BundleTest, RunOfWhichNoLogTellsIsThereWithItsState) {
 // Which runs hold ports is told to whom all runs are told.
 TEST_F(BundleTest, FindingsAreThoseOfAllConfigurationsWithoutThePortsOfOthers) {
   if (getuid() != 0) GTEST_SKIP() << "needs root";
-  StartDaemon({"-u", "-o", std::to_string(RunsSite::FreePorts())}, "-");
+  StartDaemon();
   EXPECT_EQ(Ask("MUTE").Receive(), "No host detected");
   const std::string id = HistoryOf(*daemon_).at("MUTE").at("id").get<std::string>();
   const TemporaryDirectory etc;
@@ -516,7 +516,7 @@ TEST_F(BundleTest, FindingsAreThoseOfAllConfigurationsWithoutThePortsOfOthers) {
 
 TEST_F(BundleTest, WhatCannotBeWrittenOrPackedLeavesNoArchive) {
   if (getuid() != 0) GTEST_SKIP() << "needs root";
-  StartDaemon({"-u", "-o", std::to_string(RunsSite::FreePorts())}, "-");
+  StartDaemon();
   EXPECT_EQ(Ask("MUTE").Receive(), "No host detected");
   const std::string id = HistoryOf(*daemon_).at("MUTE").at("id").get<std::string>();
   const TemporaryDirectory full;
@@ -553,7 +553,7 @@ TEST_F(BundleTest, WhatCannotBeWrittenOrPackedLeavesNoArchive) {
 }
 
 TEST_F(BundleTest, NothingIsReplacedAndNothingWrittenWithoutAYes) {
-  StartDaemon({"-u", "-o", std::to_string(RunsSite::FreePorts())}, "-");
+  StartDaemon();
   EXPECT_EQ(Ask("MUTE").Receive(), "No host detected");
   const std::string id = HistoryOf(*daemon_).at("MUTE").at("id").get<std::string>();
   const Outcome unsure = Jobmillctl({"bundle", id, file_});
@@ -590,7 +590,7 @@ TEST(HistoryCommandTest, TimesThatAreNoneAreRefused) {
 }
 
 TEST_F(BundleTest, YesIsAskedForAndAllIsRootsToSee) {
-  StartDaemon({"-u", "-o", std::to_string(RunsSite::FreePorts())}, "-");
+  StartDaemon();
   EXPECT_EQ(Ask("MUTE").Receive(), "No host detected");
   const std::string id = HistoryOf(*daemon_).at("MUTE").at("id").get<std::string>();
   const Outcome outcome = Jobmillctl({"bundle", id, file_}, {}, "yes\n");

@@ -8,7 +8,6 @@
 #include <fstream>
 #include <iterator>
 
-#include "inspect/sockets.h"
 #include "tests/jobmillctl/jobmillctl.h"
 #include "tests/support/bytes.h"
 
@@ -63,22 +62,10 @@ std::string Deck() {
 
 }  // namespace
 
-int RunsSite::FreePorts() {
-  constexpr int count = 60;
-  const std::vector<inspect::TcpSocket> sockets = inspect::ReadSockets().all;
-  for (int first = 10000 + getpid() % 200 * count;;
-       first = 10000 + (first - 10000 + count) % 20000) {
-    const bool taken = std::ranges::any_of(sockets, [&](const inspect::TcpSocket& socket) {
-      return socket.local.port >= first && socket.local.port < first + count;
-    });
-    if (!taken) return first;
-  }
-}
-
 RunsSite::RunsSite(const std::function<void(RunningDaemon::Options&)>& change) {
   fs::permissions(data_.path(), fs::perms(0777));
   RunningDaemon::Options options;
-  options.arguments = {"-u", "-l", "-t", "600", "-o", std::to_string(FreePorts())};
+  options.arguments = {"-u", "-l", "-t", "600", "-o", std::to_string(comms_.first())};
   options.script = kScript;
   options.variables = {"VKSIM=" + ProgramDirectory() + "/vksim"};
   if (change) change(options);

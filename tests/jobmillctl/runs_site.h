@@ -7,6 +7,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "tests/support/ports.h"
 #include "tests/support/running_daemon.h"
 
 /// A daemon and runs in known states. Script and simulator do what the first letters of the root
@@ -26,9 +27,6 @@ class RunsSite {
  public:
   /// `change` may give the daemon other options.
   explicit RunsSite(const std::function<void(RunningDaemon::Options&)>& change = {});
-
-  /// The first of sixty ports that nobody uses, below those that the system gives to connections.
-  static int FreePorts();
 
   RunningDaemon& daemon() { return *daemon_; }
   const TemporaryDirectory& data() const { return data_; }
@@ -57,6 +55,7 @@ class RunsSite {
  private:
   std::vector<nlohmann::json> RunsIn(const std::string& document) const;
 
+  const PortBlock comms_;
   TemporaryDirectory data_;
   std::unique_ptr<RunningDaemon> daemon_;
   std::vector<std::unique_ptr<TestMaster>> masters_;

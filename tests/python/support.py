@@ -98,22 +98,40 @@ def first_to_speak(*processes: Process) -> Process:
 
 
 _ports_lock = threading.Lock()
-_next_port = 12000 + os.getpid() * 16 % 18000
+_ports: List[int] = []  # which this process alone may give, until it ends
+_blocks: List[socket.socket] = []
+
+
+def _take_block() -> List[int]:
+    """31 ports in a row. The port before them is bound to keep them, as the other tests do."""
+    for number in range(320):
+        lock = socket.socket()
+        try:
+            lock.bind(("127.0.0.1", 20000 + (os.getpid() + number) % 320 * 32))
+        except OSError:
+            lock.close()
+            continue
+        _blocks.append(lock)
+        first = lock.getsockname()[1] + 1
+        return list(range(first, first + 31))
+    raise AssertionError("no free ports")
 
 
 def free_ports(count: int) -> int:
     """The first of so many free ports in a row, outside of those that the system hands out itself.
 
-    They are given once only. Tests that run beside this one begin elsewhere.
+    They are given once only, by this process and by tests that run beside it.
     """
-    global _next_port
     with _ports_lock:
         while True:
-            first, _next_port = _next_port, 12000 + (_next_port - 12000 + count) % 18000
+            if len(_ports) < count:
+                _ports[:] = _take_block()
+            first = _ports[0]
+            del _ports[:count]
             with contextlib.ExitStack() as stack:
                 try:
                     for port in range(first, first + count):
-                        stack.enter_context(socket.create_server(("", port)))
+                        stack.enter_context(socket.socket()).bind(("", port))
                     return first
                 except OSError:
                     continue

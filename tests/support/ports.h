@@ -19,39 +19,66 @@ inline int PortOf(int descriptor) {
   return ntohs(address.sin_port);
 }
 
-/// A socket bound to a free port of the loopback interface; listening when `backlog` is positive.
-inline Descriptor BindFreePort(int backlog = 0) {
+/// A socket bound to a port of the loopback interface, 0 for any that is free; listening when
+/// `backlog` is positive. Without a descriptor when the port is taken.
+inline Descriptor TryToBind(int port, int backlog = 0) {
   Descriptor bound(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
   sockaddr_in address{};
   address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<std::uint16_t>(port));
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   if (bind(bound.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
       (backlog > 0 && listen(bound.get(), backlog) != 0)) {
-    throw std::runtime_error("no free port on loopback");
+    return {};
   }
   return bound;
 }
 
-/// The same for the first of several ports that a daemon gives out later: below those that the
-/// system takes for outgoing connections, of which a test may have hundreds meanwhile.
-inline Descriptor BindFirstOfPorts() {
-  constexpr int kFirst = 10000;
-  constexpr int kBlocks = 320;
-  constexpr int kBlock = 64;
-  static int calls = 0;
-  const int first = getpid() + 101 * calls++;  // tests beside this one have other process ids
-  Descriptor bound(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  for (int i = 0; i < kBlocks; ++i) {
-    const int block = (first + i) % kBlocks;
-    address.sin_port = htons(static_cast<std::uint16_t>(kFirst + block * kBlock));
-    if (bind(bound.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0)
-      return bound;
-  }
-  throw std::runtime_error("no free port on loopback");
+inline Descriptor BindPort(int port, int backlog = 0) {
+  Descriptor bound = TryToBind(port, backlog);
+  if (!bound) throw std::runtime_error("no free port on loopback");
+  return bound;
 }
+
+inline Descriptor BindFreePort(int backlog = 0) {
+  return BindPort(0, backlog);
+}
+
+/// Ports in a row for the simulators of a daemon, which does not take them before its runs begin.
+/// No other PortBlock on this machine has them meanwhile, nor has a test in Python, which takes its
+/// ports in the same way. Like those of clusters (from 10000) and of Windows programs (from 30300)
+/// they are below the ports that the system gives to outgoing connections, of which a test may have
+/// hundreds.
+class PortBlock {
+ public:
+  PortBlock() {
+    constexpr int kFirst = 20000;
+    constexpr int kBlocks = 320;
+    static int calls = 0;
+    const int start = getpid() + 101 * calls++;  // tests beside this one have other process ids
+    for (int i = 0; i < kBlocks; ++i) {
+      lock_ = TryToBind(kFirst + (start + i) % kBlocks * (kPorts + 1));
+      if (lock_ && AllAreFree()) return;
+    }
+    throw std::runtime_error("no free ports on loopback");
+  }
+
+  /// The first of kPorts.
+  int first() const { return PortOf(lock_.get()) + 1; }
+
+  static constexpr int kPorts = 31;
+
+ private:
+  // For a minute after its last connection nobody can listen on a port.
+  bool AllAreFree() const {
+    for (int port = first(); port < first() + kPorts; ++port) {
+      if (!TryToBind(port)) return false;
+    }
+    return true;
+  }
+
+  Descriptor lock_;  ///< has the port before them
+};
 
 /// A port that was free a moment ago. It was never connected, so it can be bound again at once.
 inline int FreePort() {

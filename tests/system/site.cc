@@ -5,7 +5,6 @@
 #include <fstream>
 
 #include "master/errors.h"
-#include "tests/support/ports.h"
 
 namespace fs = std::filesystem;
 
@@ -24,12 +23,9 @@ std::vector<pid_t> ProcessesWith(const std::string& text) {
 
 Site::Site(std::vector<std::string> variables, std::vector<std::string> arguments) {
   fs::permissions(data_.path(), fs::perms(0777));
-  // Kept until the daemon has a port: it would be given the same one now and then.
-  const Descriptor comms = BindFirstOfPorts();
   RunningDaemon::Options options;
-  options.arguments = {"-u", "-l",
-                       "-o", std::to_string(PortOf(comms.get())),
-                       "-s", ProgramDirectory() + "/vkmpi_dir.sh"};
+  options.arguments = {
+      "-u", "-l", "-o", std::to_string(comms_.first()), "-s", ProgramDirectory() + "/vkmpi_dir.sh"};
   options.arguments.insert(options.arguments.end(), arguments.begin(), arguments.end());
   options.variables = std::move(variables);
   daemon_ = std::make_unique<RunningDaemon>(options);

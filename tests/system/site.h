@@ -6,6 +6,7 @@
 
 #include "master/launch.h"
 #include "master/run.h"
+#include "tests/support/ports.h"
 #include "tests/support/running_daemon.h"
 
 /// A site with a daemon, the distribution script for a single machine, and the stand-in simulator.
@@ -31,6 +32,7 @@ class Site {
  private:
   master::Launch Request(const std::string& root, const std::string& version, int port);
 
+  const PortBlock comms_;
   TemporaryDirectory data_;
   std::unique_ptr<RunningDaemon> daemon_;
 };
