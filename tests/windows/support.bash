@@ -57,7 +57,9 @@ start_daemon() {
 }
 
 stop_daemon() {
-  [[ -z ${daemon:-} ]] || { kill -- "-$daemon" && wait "$daemon"; } 2>/dev/null || true
+  [[ -n ${daemon:-} ]] || return 0
+  { kill -- "-$daemon" && wait "$daemon"; } 2>/dev/null || true
+  rm -f "/var/log/VKJobmill_$port.log"
 }
 
 # windows PROGRAM...: bounded, as everything here.
