@@ -50,10 +50,9 @@ class ChildProcess {
 std::string ProgramDirectory();
 
 /// Looks every few milliseconds whether `condition` holds; false when it does not within `limit`.
-/// For what no descriptor announces, such as the content of another process's log. The machine may
-/// have much else to do: only a test that fails waits for the limit.
+/// For what no descriptor announces, such as the content of another process's log.
 bool Eventually(const std::function<bool()>& condition,
-                std::chrono::milliseconds limit = std::chrono::seconds(30));
+                std::chrono::milliseconds limit = std::chrono::seconds(10));
 
 /// Whether a process of this number exists and has not ended.
 bool IsRunning(pid_t pid);
