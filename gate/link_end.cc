@@ -91,19 +91,19 @@ void LinkEnd::ReadLocal() {
     if (room == 0) return;
     error_code error;
     const std::size_t size = local_.read_some(boost::asio::buffer(Scratch().data(), room), error);
-    if (error == boost::asio::error::would_block) {
+    if (!error) {
+      stream_->FromLocal({Scratch().data(), size});
+      if (stream_->awaits_records()) AcknowledgeNow(local_);
+      if (size < room && local_takes_) local_readable_ = false;
+      WriteWire();
+    } else if (error == boost::asio::error::would_block && local_takes_) {
       local_readable_ = false;
-    } else if (error == boost::asio::error::eof) {
+    } else if (error == boost::asio::error::eof && local_takes_) {
       local_ends_ = true;
       stream_->LocalEnded();
       AwaitHangUp();
-    } else if (error) {
-      CloseLocal();
     } else {
-      stream_->FromLocal({Scratch().data(), size});
-      if (stream_->awaits_records()) AcknowledgeNow(local_);
-      if (size < room) local_readable_ = false;
-      WriteWire();
+      CloseLocal();
     }
   }
 }
@@ -176,7 +176,7 @@ void LinkEnd::WriteLocal() {
     if (error == boost::asio::error::would_block) {
       local_writable_ = false;
     } else if (error) {
-      CloseLocal();
+      LocalTakesNoMore();
     } else {
       local_told_ = true;
       stream_->LocalTook(size, Now());
@@ -232,7 +232,7 @@ void LinkEnd::PassHeld() {
     if (error == boost::asio::error::would_block) {
       local_writable_ = false;
     } else if (error) {
-      CloseLocal();
+      LocalTakesNoMore();
     } else {
       held_.erase(0, size);
     }
@@ -267,6 +267,14 @@ void LinkEnd::AwaitHangUp() {
     self->CloseLocal();
     self->Advance();
   });
+}
+
+// The local peer has closed its connection with bytes unread. What it had said before, why it
+// closed perhaps, has arrived and is read first; ReadLocal() closes when there is no more.
+void LinkEnd::LocalTakesNoMore() {
+  local_takes_ = local_writable_ = false;
+  local_readable_ = true;
+  if (local_ends_) CloseLocal();
 }
 
 // The local connection is of no more use.
@@ -318,7 +326,7 @@ void LinkEnd::Await() {
   if (reads_local && !local_readable_) {
     AwaitLocal(Tcp::socket::wait_read, awaits_local_read_, local_readable_);
   }
-  if (local_open_ && !local_writable_) {
+  if (local_open_ && local_takes_ && !local_writable_) {
     AwaitLocal(Tcp::socket::wait_write, awaits_local_write_, local_writable_);
   }
   if (wire_ != nullptr && !wire_readable_) AwaitWire(Tcp::socket::wait_read, awaits_wire_read_);

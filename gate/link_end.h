@@ -77,6 +77,7 @@ class LinkEnd : public std::enable_shared_from_this<LinkEnd> {
   void TakeClaim();
   void PassHeld();
   void EndLocal();
+  void LocalTakesNoMore();
   void CloseLocal();
   void AwaitHangUp();
   void LoseWire(const std::string& why);
@@ -102,6 +103,7 @@ class LinkEnd : public std::enable_shared_from_this<LinkEnd> {
   bool local_ends_ = false;  // nothing more comes from the local socket
   bool local_open_ = true;
   bool local_shut_ = false;  // nothing more goes to the local socket
+  bool local_takes_ = true;  // until a write has failed
   bool local_told_ = false;  // something has gone to the local socket
   bool local_readable_ = false;
   bool local_writable_ = true;

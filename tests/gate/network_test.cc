@@ -281,6 +281,29 @@ TEST(GateNetworkTest, DroppedPacketsAreABreakAndNothingIsLost) {
   });
 }
 
+// A connection closed with bytes unread is reset, which its other end may find when it writes.
+TEST(GateNetworkTest, DaemonThatLeavesWithRequestsUnreadIsHeardToItsEnd) {
+  const Descriptor listener = BindFreePort(1);
+  const int few = 65536;  // bytes, so that the gate soon awaits room
+  setsockopt(listener.get(), SOL_SOCKET, SO_RCVBUF, &few, sizeof(few));
+  Door door(PortOf(listener.get()));
+  const auto gate = door.Connect(door.alice());
+  const Descriptor link = ConnectToLoopback(gate->port());
+  Descriptor daemon(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+  WriteAll(daemon.get(), Frame("3"));
+  std::thread writer([&] { WriteAll(link.get(), Handshake() + std::string(32 << 20, 'x')); });
+  door.serving().Await("admitted");
+  EXPECT_EQ(ReadExactly(link.get(), 5), Frame("3"));
+  std::this_thread::sleep_for(milliseconds(100));  // until there is no room
+  kill(door.serving().pid(), SIGSTOP);
+  WriteAll(daemon.get(), "the last words");
+  daemon = Descriptor();
+  kill(door.serving().pid(), SIGCONT);
+  EXPECT_EQ(ReadExactly(link.get(), 100), "the last words");
+  writer.join();
+  EXPECT_EQ(door.serving().Await("ended")["bytes_to_master"], 19);
+}
+
 // Sockets that hold next to nothing: both handshakes, a long request and what follows pass in
 // parts.
 TEST(GateNetworkTest, SmallestBuffersOfTheSystemLoseNothing) {
