@@ -96,8 +96,9 @@ std::optional<error_code> StreamSocket::Impl::start_connect(const tcp::endpoint&
   socket.async_connect(endpoint, [&outcome](const error_code& error) { outcome = error; });
   io.restart();
   io.run_until(give_up);
+  io.poll();  // Where this process got its turn late, the outcome may be there all the same.
   if (outcome) return outcome;
-  close();
+  abort();
   io.run();  // The handler refers to this frame, so it has to run before the frame ends.
   return std::nullopt;
 }

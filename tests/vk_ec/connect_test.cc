@@ -36,6 +36,22 @@
 
 namespace {
 
+// How long this process waits for its turn when it has called connect().
+std::chrono::milliseconds pause_after_connect{0};
+
+}  // namespace
+
+// In the place of the C library's.
+extern "C" int connect(int fd, const sockaddr* addr, socklen_t len) {
+  const auto result = static_cast<int>(syscall(SYS_connect, fd, addr, len));
+  const int error = errno;
+  std::this_thread::sleep_for(pause_after_connect);
+  errno = error;
+  return result;
+}
+
+namespace {
+
 using ::testing::AllOf;
 using ::testing::Ge;
 using ::testing::Lt;
@@ -340,23 +356,40 @@ TEST(ConnectTest, AttemptThatIsNeverAnsweredIsGivenUpInTime) {
   EXPECT_THAT(elapsed, AllOf(Ge(Seconds(2.0)), Lt(Seconds(2.6))));
 }
 
+// On a busy machine a process waits for its turn while the network goes on. Longer than an attempt
+// may take, there and back.
+constexpr std::chrono::milliseconds kLateTurn{1100};
+
 TEST(ConnectTest, SocketConnectedToItselfIsAFailedAttemptAndLeavesThePortFree) {
-  const auto outcome = InPrivateNetwork([]() -> std::string {
-    constexpr unsigned kPort = 20001;
-    // The only port that the system can choose for the connecting socket.
-    std::ofstream("/proc/sys/net/ipv4/ip_local_port_range") << kPort << " " << kPort;
-    std::string text;
-    try {
-      ClientTransporter().connect("127.0.0.1", kPort, 0);
-      text = "connected to itself";
-    } catch (const std::runtime_error& error) {
-      text = error.what();
-    }
-    const TakenPort simulator("127.0.0.1", kPort);
-    return text + " The port is free.";
-  });
-  if (!outcome) GTEST_SKIP() << "a network of its own is not permitted here";
-  EXPECT_EQ(*outcome, "Connection timed out. The port is free.");
+  for (const auto late : {std::chrono::milliseconds(0), kLateTurn}) {
+    const auto outcome = InPrivateNetwork([late]() -> std::string {
+      constexpr unsigned kPort = 20001;
+      // The only port that the system can choose for the connecting socket.
+      std::ofstream("/proc/sys/net/ipv4/ip_local_port_range") << kPort << " " << kPort;
+      pause_after_connect = late;
+      std::string text;
+      try {
+        ClientTransporter().connect("127.0.0.1", kPort, 0);
+        text = "connected to itself";
+      } catch (const std::runtime_error& error) {
+        text = error.what();
+      }
+      const TakenPort simulator("127.0.0.1", kPort);
+      return text + " The port is free.";
+    });
+    if (!outcome) GTEST_SKIP() << "a network of its own is not permitted here";
+    EXPECT_EQ(*outcome, "Connection timed out. The port is free.");
+  }
+}
+
+TEST(ConnectTest, ConnectionMadeBeforeTheTimeWasOverIsTakenLate) {
+  const TakenPort simulator;
+  simulator.Listen();
+  pause_after_connect = kLateTurn;
+  ClientTransporter transporter;
+  const Seconds elapsed = Elapsed([&] { transporter.connect("127.0.0.1", simulator.port(), 0); });
+  pause_after_connect = {};
+  EXPECT_THAT(elapsed, AllOf(Ge(kLateTurn), Lt(2 * kLateTurn)));
 }
 
 TEST(ConnectTest, NextEndpointIsTriedInTheSameAttempt) {
