@@ -124,6 +124,7 @@ TEST(StatusTest, RunIsDescribedInFull) {
   TestMaster& master = site.Connect("CASE");
   master.Ask("04 00 00 00");
   master.Ask("02 00 00 00");
+  ASSERT_TRUE(site.WaitForState("CASE", kMaster));
   const json run = site.Run("CASE");
   ASSERT_TRUE(run.is_object());
   EXPECT_EQ(run.at("state"), kMaster);
@@ -172,6 +173,7 @@ TEST(StatusTest, HostileTextsAreEscapedAndWhole) {
 TEST(StatusTest, OneRunIsShownWithItsLogs) {
   RunsSite site;
   site.Connect("CASE");
+  ASSERT_TRUE(site.WaitForState("CASE", kMaster));
   const std::string id = site.Run("CASE").at("id").dump();
   const Outcome shown = Jobmillctl({"status", id});
   EXPECT_EQ(shown.status, 0);
