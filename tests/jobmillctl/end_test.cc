@@ -171,7 +171,8 @@ TEST(LostTest, WhatAShippedScriptEndsIsEndingAndNotLost) {
   const PortBlock comms;
   RunningDaemon::Options options;
   const std::string script = SOURCES "/deploy/scripts/local";
-  options.arguments = {"-u", "-s", script, "-o", std::to_string(comms.first())};
+  options.arguments = {
+      "-u", "-s", script, "-o", std::to_string(comms.first()), "-n", std::to_string(comms.size())};
   options.variables = {"JOBMILL_SIMULATOR=" + data.File("simulator"), "JOBMILL_GRACE_SECONDS=8"};
   const RunningDaemon daemon(options);
   TestMaster master(daemon.port());
@@ -227,7 +228,8 @@ TEST(LostTest, SimulatorOfARunWhoseCommsPortIsNotKnownIsNotLost) {
 TEST(LostTest, ScriptOfARelativeNameIsNotTakenForAShippedOne) {
   const PortBlock comms;
   RunningDaemon::Options options;
-  options.arguments = {"-u", "-o", std::to_string(comms.first())};
+  options.arguments = {"-u", "-o", std::to_string(comms.first()), "-n",
+                       std::to_string(comms.size())};
   const RunningDaemon daemon(options);
   chmod(daemon.directory().Write("vkmpi_dir.sh", "#!/bin/sh\nsleep 1000\n").c_str(), 0755);
   TestMaster master(daemon.port());
@@ -323,7 +325,8 @@ TEST(EndTest, WhatDoesNotEndByItselfIsKilled) {
   const TemporaryDirectory data;
   const PortBlock comms;
   RunningDaemon::Options options;
-  options.arguments = {"-u", "-l", "-o", std::to_string(comms.first())};
+  options.arguments = {
+      "-u", "-l", "-o", std::to_string(comms.first()), "-n", std::to_string(comms.size())};
   options.script = "#!/bin/bash\ntrap '' TERM\nsleep 1000 &\nwait\nwait\nsleep 1000\n";
   const RunningDaemon daemon(options);
   TestMaster master(daemon.port());

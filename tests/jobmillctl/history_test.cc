@@ -81,7 +81,8 @@ class EndedRuns : public testing::Test {
     fs::permissions(programs_.path(), fs::perms(0755));
     fs::copy_file(ProgramDirectory() + "/vksim", programs_.File("vksim"));
     RunningDaemon::Options options;
-    options.arguments = {"-l", "-t", "5", "-o", std::to_string(comms_.first())};
+    options.arguments = {
+        "-l", "-t", "5", "-o", std::to_string(comms_.first()), "-n", std::to_string(comms_.size())};
     if (users.empty()) options.arguments.emplace_back("-u");
     options.script = kScript;
     options.users = users.empty() ? "-" : users;

@@ -65,7 +65,10 @@ std::string Deck() {
 RunsSite::RunsSite(const std::function<void(RunningDaemon::Options&)>& change) {
   fs::permissions(data_.path(), fs::perms(0777));
   RunningDaemon::Options options;
-  options.arguments = {"-u", "-l", "-t", "600", "-o", std::to_string(comms_.first())};
+  options.arguments = {"-u", "-l",
+                       "-t", "600",
+                       "-o", std::to_string(comms_.first()),
+                       "-n", std::to_string(comms_.size())};
   options.script = kScript;
   options.variables = {"VKSIM=" + ProgramDirectory() + "/vksim"};
   if (change) change(options);

@@ -55,7 +55,7 @@ class RunsSite {
  private:
   std::vector<nlohmann::json> RunsIn(const std::string& document) const;
 
-  const PortBlock comms_;
+  const PortBlock comms_{50};  // as many as any test has connections
   TemporaryDirectory data_;
   std::unique_ptr<RunningDaemon> daemon_;
   std::vector<std::unique_ptr<TestMaster>> masters_;

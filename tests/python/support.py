@@ -103,16 +103,17 @@ _blocks: List[socket.socket] = []
 
 
 def _take_block() -> List[int]:
-    """31 ports in a row. The port before them is bound to keep them, as the other tests do."""
+    """31 ports in a row, kept by a port that stands for them and is bound, as the other tests do."""
     for number in range(320):
+        block = (os.getpid() + number) % 320
         lock = socket.socket()
         try:
-            lock.bind(("127.0.0.1", 20000 + (os.getpid() + number) % 320 * 32))
+            lock.bind(("127.0.0.1", 20000 + block))
         except OSError:
             lock.close()
             continue
         _blocks.append(lock)
-        first = lock.getsockname()[1] + 1
+        first = 20320 + 31 * block
         return list(range(first, first + 31))
     raise AssertionError("no free ports")
 

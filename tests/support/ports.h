@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <stdexcept>
+#include <vector>
 
 #include "tests/support/socket_pair.h"
 
@@ -44,40 +45,54 @@ inline Descriptor BindFreePort(int backlog = 0) {
   return BindPort(0, backlog);
 }
 
-/// Ports in a row for the simulators of a daemon, which does not take them before its runs begin.
-/// No other PortBlock on this machine has them meanwhile, nor has a test in Python, which takes its
-/// ports in the same way. Like those of clusters (from 10000) and of Windows programs (from 30300)
-/// they are below the ports that the system gives to outgoing connections, of which a test may have
-/// hundreds.
+/// Ports in a row for the simulators of a daemon, which does not take them before its runs begin;
+/// the daemon is told how many there are. No other PortBlock on this machine has them meanwhile,
+/// nor has a test in Python, which takes its ports in the same way. Like those of clusters (from
+/// 10000) and of Windows programs (from 30300) they are below the ports that the system gives to
+/// outgoing connections, of which a test may have hundreds.
 class PortBlock {
  public:
-  PortBlock() {
+  /// `size`: how many ports at least.
+  explicit PortBlock(int size = kStep) : pieces_((size + kStep - 1) / kStep) {
     constexpr int kFirst = 20000;
-    constexpr int kBlocks = 320;
+    constexpr int kPieces = 320;
     static int calls = 0;
     const int start = getpid() + 101 * calls++;  // tests beside this one have other process ids
-    for (int i = 0; i < kBlocks; ++i) {
-      lock_ = TryToBind(kFirst + (start + i) % kBlocks * (kPorts + 1));
-      if (lock_ && AllAreFree()) return;
+    for (int i = 0; i < kPieces; ++i) {
+      const int piece = (start + i) % (kPieces - pieces_ + 1);
+      first_ = kFirst + kPieces + piece * kStep;
+      if (Lock(kFirst + piece) && AllAreFree()) return;
     }
     throw std::runtime_error("no free ports on loopback");
   }
 
-  /// The first of kPorts.
-  int first() const { return PortOf(lock_.get()) + 1; }
-
-  static constexpr int kPorts = 31;
+  int first() const { return first_; }
+  int size() const { return pieces_ * kStep; }
 
  private:
+  static constexpr int kStep = 31;
+
+  // A port of its own stands for each piece, and is bound as long as its ports are somebody's.
+  bool Lock(int port) {
+    locks_.clear();
+    while (static_cast<int>(locks_.size()) < pieces_) {
+      locks_.push_back(TryToBind(port++));
+      if (!locks_.back()) return false;
+    }
+    return true;
+  }
+
   // For a minute after its last connection nobody can listen on a port.
   bool AllAreFree() const {
-    for (int port = first(); port < first() + kPorts; ++port) {
+    for (int port = first_; port < first_ + size(); ++port) {
       if (!TryToBind(port)) return false;
     }
     return true;
   }
 
-  Descriptor lock_;  ///< has the port before them
+  int pieces_;
+  int first_ = 0;
+  std::vector<Descriptor> locks_;
 };
 
 /// A port that was free a moment ago. It was never connected, so it can be bound again at once.

@@ -24,8 +24,10 @@ std::vector<pid_t> ProcessesWith(const std::string& text) {
 Site::Site(std::vector<std::string> variables, std::vector<std::string> arguments) {
   fs::permissions(data_.path(), fs::perms(0777));
   RunningDaemon::Options options;
-  options.arguments = {
-      "-u", "-l", "-o", std::to_string(comms_.first()), "-s", ProgramDirectory() + "/vkmpi_dir.sh"};
+  options.arguments = {"-u", "-l",
+                       "-o", std::to_string(comms_.first()),
+                       "-n", std::to_string(comms_.size()),
+                       "-s", ProgramDirectory() + "/vkmpi_dir.sh"};
   options.arguments.insert(options.arguments.end(), arguments.begin(), arguments.end());
   options.variables = std::move(variables);
   daemon_ = std::make_unique<RunningDaemon>(options);
