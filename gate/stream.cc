@@ -131,7 +131,7 @@ bool Stream::FromWire(std::uint64_t epoch, std::string_view bytes, Time now) {
     asked_at_ = Time::max();
     ping_due_ = false;
   }
-  while (!bytes.empty()) {
+  while (!bytes.empty() && state_ != State::kEnded) {
     if (data_left_ > 0) {
       const std::string_view part = bytes.substr(0, data_left_);
       Keep(part);

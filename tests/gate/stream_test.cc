@@ -581,6 +581,17 @@ TEST(StreamTest, EndedLinkStaysAsItHasEnded) {
   EXPECT_EQ(serving.taken(), 0U);
 }
 
+TEST(StreamTest, LinkThatHasFinishedHearsNoMore) {
+  Stream serving(LinkId{{1}}, {});
+  serving.Accept(Opening{}, Time(0));
+  serving.LocalBroke();
+  char room[200];
+  serving.ForWire(0, room, sizeof(room));  // its end, and that it has failed
+  EXPECT_FALSE(serving.FromWire(0, Bytes("02 02 7*(00)  03 8*(00)  06 05"), Time(0)));
+  EXPECT_EQ(serving.reason(), Reason::kFinished);
+  EXPECT_EQ(Hex({room, serving.ForWire(0, room, sizeof(room))}), "06 00");
+}
+
 TEST(StreamTest, LocalSocketFailsOnce) {
   Gates gates;
   gates.Connect();
