@@ -121,12 +121,15 @@ std::optional<DaemonLog::Job> DaemonLog::FindJob(std::string_view job_name) cons
     std::string_view line = lines_[index];
     if (!line.ends_with(end)) continue;
     line.remove_suffix(end.size());
-    // The log ends the list of the script's arguments with a label that no value follows.
-    if (line.starts_with("Arg 7: ")) line.remove_prefix(7);
     const std::size_t middle = line.find(": job ");
     if (middle == std::string_view::npos) continue;
     if (job) return std::nullopt;  // somebody else's script may print what it likes
-    job = Job{std::string(line.substr(0, middle)), std::string(line.substr(middle + 6))};
+    std::string_view scheduler = line.substr(0, middle);
+    // A label may stand before it: "Arg 7: " has no value, and that of another launch comes later.
+    if (const std::size_t label = scheduler.rfind(": "); label != std::string_view::npos) {
+      scheduler.remove_prefix(label + 2);
+    }
+    job = Job{std::string(scheduler), std::string(line.substr(middle + 6))};
   }
   return job;
 }

@@ -112,11 +112,12 @@ TEST(DaemonLogTest, LinesWithinAFieldAreTakenForNobodys) {
 TEST(DaemonLogTest, JobIsFoundByItsName) {
   const std::string text =
       "Arg 7: slurm: job 12 (vk_CASE_abcde) is submitted\nlsf: job 7 (vk_MODEL_fghij) is "
-      "submitted\n";
+      "submitted\nAnswering call in child process: pbs: job 4 (vk_OTHER_klmno) is submitted\n";
   const DaemonLog log(text);
   EXPECT_EQ(log.FindJob("vk_CASE_abcde")->scheduler, "slurm");
   EXPECT_EQ(log.FindJob("vk_CASE_abcde")->number, "12");
   EXPECT_EQ(log.FindJob("vk_MODEL_fghij")->number, "7");
+  EXPECT_EQ(log.FindJob("vk_OTHER_klmno")->scheduler, "pbs");
   EXPECT_FALSE(log.FindJob("vk_CASE_abcd"));
 }
 
