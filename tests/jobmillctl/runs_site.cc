@@ -8,6 +8,8 @@
 #include <fstream>
 #include <iterator>
 
+#include <gtest/gtest.h>
+
 #include "tests/jobmillctl/jobmillctl.h"
 #include "tests/support/bytes.h"
 
@@ -77,8 +79,14 @@ RunsSite::RunsSite(const std::function<void(RunningDaemon::Options&)>& change) {
 
 TestMaster& RunsSite::Request(const std::string& root, const std::string& user) {
   data_.Write(root + ".afi", Deck());
+  const std::size_t before = daemon_->Logged().size();
   masters_.push_back(std::make_unique<TestMaster>(daemon_->port()));
   masters_.back()->RequestRun({"0", data_.path().string() + "/", root, "1", "20172", user, "0"});
+  // Lines of launches at once are mixed. The others answer when their lines are through.
+  if (root.starts_with("QUEUED")) {
+    EXPECT_TRUE(Eventually(
+        [&] { return daemon_->Logged().find(") is submitted\n", before) != std::string::npos; }));
+  }
   return *masters_.back();
 }
 
