@@ -60,8 +60,6 @@ def record(programs, deck, version, commands):
     recording = Recording()
     directory = tempfile.mkdtemp(prefix="jobmill-wireshark.")
     children = []
-    with socket.create_server(("127.0.0.1", 0)) as free:
-        port = free.getsockname()[1]
     try:
         shutil.copy(deck, directory)
         shutil.copy(os.path.join(programs, "vkjobmill.exe"), directory)
@@ -84,6 +82,9 @@ def record(programs, deck, version, commands):
                 "#!/bin/sh\nprintf 'HOST=localhost\\n'\nexec >/dev/null 2>&1\nexec sleep 600\n"
             )
         os.chmod(script, 0o755)
+        # Last of all: nobody else is to get the port before the daemon has it.
+        with socket.create_server(("127.0.0.1", 0)) as free:
+            port = free.getsockname()[1]
         with open(os.path.join(directory, "output"), "wb") as output:
             children.append(
                 subprocess.Popen(
