@@ -147,9 +147,7 @@ TEST(GateNetworkTest, RecordsOfManyWellsOverALongLinkCostTwoRoundTrips) {
   constexpr int few = 50;
   Site site;
   Door door(site.daemon().port());
-  // The shortest of some times, of more where none is below `limit`: others use the machine, too.
-  const auto fetch = [&](const char* name, int count, int port,
-                         milliseconds limit = milliseconds::max()) {
+  const auto fetch = [&](const char* name, int count, int port) {
     const std::vector<std::string> names = NamesOf(count);
     const auto run = site.Start(name, DeckOf(wells), "20172", port);
     run->AskOneByOne();
@@ -157,7 +155,7 @@ TEST(GateNetworkTest, RecordsOfManyWellsOverALongLinkCostTwoRoundTrips) {
     run->GetWellData(names);  // The simulator takes its time for the first.
     milliseconds best{10'000};
     std::vector<master::WellData> said;
-    for (int i = 0; i < 3 || (i < 20 && best >= limit); ++i) {
+    for (int i = 0; i < 3; ++i) {
       const auto begun = std::chrono::steady_clock::now();
       said = run->GetWellData(names);
       best = std::min(
@@ -169,13 +167,12 @@ TEST(GateNetworkTest, RecordsOfManyWellsOverALongLinkCostTwoRoundTrips) {
   const auto [said, local] = fetch("LOCAL", wells, 0);
   const DelayingRelay relay(door.serving().port(), kOneWay);
   const auto gate = door.Connect(door.alice(), {}, relay.port());
-  // Without reading ahead it would be seconds.
-  const milliseconds limit = local * 3 / 2 + 4 * kOneWay + milliseconds(250);
-  const auto [heard, far] = fetch("FAR", wells, gate->port(), limit);
+  const auto [heard, far] = fetch("FAR", wells, gate->port());
   EXPECT_TRUE(heard == said);
   std::cout << wells << " wells: " << local.count() << " ms beside the daemon, " << far.count()
             << " ms over the link\n";
-  EXPECT_LT(far, limit);
+  // Other programs run on this machine, too; without reading ahead it would be seconds.
+  EXPECT_LT(far, local * 3 / 2 + 4 * kOneWay + milliseconds(250));
   const DelayingRelay other(door.serving().port(), kOneWay);
   const auto plain = door.Connect(door.alice(), {"--no-ahead"}, other.port());
   const auto [asked, one_by_one] = fetch("ASKED", few, plain->port());
