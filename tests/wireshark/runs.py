@@ -5,11 +5,15 @@ import select
 import shutil
 import socket
 import subprocess
+import sys
 import tempfile
 import threading
 import time
 
 from captures import CLIENT, SERVER
+
+sys.path.append(os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "python"))
+from support import free_ports  # noqa: E402
 
 SECONDS = 30  # for any one thing
 
@@ -60,6 +64,7 @@ def record(programs, deck, version, commands):
     recording = Recording()
     directory = tempfile.mkdtemp(prefix="jobmill-wireshark.")
     children = []
+    port = free_ports(1)
     try:
         shutil.copy(deck, directory)
         shutil.copy(os.path.join(programs, "vkjobmill.exe"), directory)
@@ -82,9 +87,6 @@ def record(programs, deck, version, commands):
                 "#!/bin/sh\nprintf 'HOST=localhost\\n'\nexec >/dev/null 2>&1\nexec sleep 600\n"
             )
         os.chmod(script, 0o755)
-        # Last of all: nobody else is to get the port before the daemon has it.
-        with socket.create_server(("127.0.0.1", 0)) as free:
-            port = free.getsockname()[1]
         with open(os.path.join(directory, "output"), "wb") as output:
             children.append(
                 subprocess.Popen(
